@@ -1,0 +1,32 @@
+# The one home of this project's compiler flags: warnings and sanitizers on a private interface
+# target. Every target of the project links it privately, so consumers never see it.
+add_library(kiroweb_flags INTERFACE)
+add_library(kiroweb::flags ALIAS kiroweb_flags)
+
+target_compile_features(kiroweb_flags INTERFACE cxx_std_20)
+target_compile_options(kiroweb_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast
+    -Woverloaded-virtual
+    $<$<BOOL:${KIROWEB_WARNINGS_AS_ERRORS}>:-Werror>
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>)
+target_include_directories(kiroweb_flags INTERFACE ${PROJECT_SOURCE_DIR}/common)
+
+if(KIROWEB_SANITIZE)
+    list(JOIN KIROWEB_SANITIZE "," _sanitize)
+    target_compile_options(kiroweb_flags INTERFACE
+        -fsanitize=${_sanitize} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(kiroweb_flags INTERFACE -fsanitize=${_sanitize})
+endif()
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
+endif()

@@ -1,0 +1,107 @@
+#pragma once
+
+#define BOOST_THREAD_VERSION 4
+#include <boost/thread/future.hpp>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "kirohost/Export.hpp"
+
+namespace taskrouter {
+
+/// When a queued task may run.
+enum class WhenToDequeue : int {
+    kAtPrompt = 0,  ///< only when the interpreter is idle, never inside a blocking wait
+    kWhenIdle = 1,  ///< when the interpreter is idle or in a blocking wait
+};
+
+/// How a task is to be run.
+struct RunOptions {
+    WhenToDequeue whenToDequeue = WhenToDequeue::kAtPrompt;
+    /// Shown in diagnostics; may be empty.
+    std::string name;
+};
+
+/// Why a task could not be run.
+class KIROHOST_VISIBLE RuntimeException : public std::runtime_error {
+  public:
+    RuntimeException(const std::string& message, int status)
+        : std::runtime_error(message), fStatus(status) {}
+    /// Execution status; 2 means that there was nowhere to run.
+    [[nodiscard]] int status() const noexcept { return fStatus; }
+
+  private:
+    int fStatus;
+};
+
+/// A request to call a function on the interpreter thread.
+template <typename Result>
+struct FcnCmdRequest {
+    std::function<Result()> function;
+};
+
+/// A request with its promise and the source that asked for it. Movable.
+template <typename Result>
+class PackagedTaskIIP {
+  public:
+    PackagedTaskIIP(FcnCmdRequest<Result> request, std::string source)
+        : fRequest(std::move(request)), fSource(std::move(source)) {}
+
+    [[nodiscard]] boost::future<Result> getFuture() { return fPromise.get_future(); }
+    [[nodiscard]] const std::string& source() const noexcept { return fSource; }
+
+    /// Runs the request and completes the promise, with what it throws if it does.
+    void run() {
+        try {
+            if constexpr (std::is_void_v<Result>) {
+                fRequest.function();
+                fPromise.set_value();
+            } else {
+                fPromise.set_value(fRequest.function());
+            }
+        } catch (...) {
+            fPromise.set_exception(std::current_exception());
+        }
+    }
+
+  private:
+    FcnCmdRequest<Result> fRequest;
+    std::string fSource;
+    boost::promise<Result> fPromise;
+};
+
+/// A task as the queue keeps it: what runs, who asked for it, and how.
+struct QueuedTask {
+    std::function<void()> run;
+    std::string source;
+    RunOptions options;
+    /// From `qvm::detail::createID()`.
+    std::uint64_t id = 0;
+};
+
+/// The way to one context's interpreter thread. Any thread; it never blocks.
+class KIROHOST_EXPORT TaskRouter {
+  public:
+    virtual ~TaskRouter();
+
+    /// Queues the task and wakes the interpreter if it waits. The future may be dropped. A task
+    /// whose context goes first is destroyed unrun, and its future reports a broken promise.
+    template <typename Result>
+    boost::future<Result> enqueueWithFuture(PackagedTaskIIP<Result>&& task,
+                                            const RunOptions& options, std::uint64_t id) {
+        auto shared = std::make_shared<PackagedTaskIIP<Result>>(std::move(task));
+        auto future = shared->getFuture();
+        doEnqueue({[shared] { shared->run(); }, shared->source(), options, id});
+        return future;
+    }
+
+  protected:
+    virtual void doEnqueue(QueuedTask&& task) = 0;
+};
+
+}  // namespace taskrouter
