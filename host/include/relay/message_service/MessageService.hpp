@@ -29,8 +29,9 @@ using Handler = std::function<void(const JsonMessage&)>;
 /// What a publish answers. Nobody has to wait for it.
 struct Published {};
 
-/// One live subscription. After its destructor has returned no new call of its handler begins;
-/// one already begun on the delivery thread may still run, and the destructor does not wait.
+/// One live subscription, which may outlive its service object. After its destructor has returned
+/// no new call of its handler begins; one already begun on the delivery thread may still run, and
+/// the destructor does not wait.
 class KIROHOST_EXPORT Subscription {
   public:
     virtual ~Subscription();
@@ -66,8 +67,9 @@ class KIROHOST_EXPORT MessageService {
 
 using ServiceOptions = std::map<std::string, std::string>;
 
-/// Starts creating a message service object. `name` serves diagnostics; the stand-in knows no
-/// option. REQUIRES: getRelay() was called before.
+/// Starts creating a message service object. `name` is what the log calls it; the stand-in knows
+/// no option. REQUIRES: getRelay() was called before; otherwise the future holds a
+/// `std::logic_error`.
 KIROHOST_EXPORT Future<std::shared_ptr<MessageService>> createMessageService(
     const std::string& name, const ServiceOptions& options);
 

@@ -9,9 +9,11 @@
 
 namespace relay::binary::experimental {
 
-/// One block on its way to the client. Movable, not copyable; it answers once. Destroyed without
-/// an answer, the block counts as not delivered. An answer after the stream has gone does
-/// nothing: the stream's end has answered already.
+/// One block on its way to the client. Movable, not copyable; it answers once, a further answer
+/// does nothing. Destroyed without an answer, the block counts as not delivered. An answer after
+/// the stream has gone does nothing either: the stream's end has answered already and given a
+/// copy of the block back, so that this one stays readable.
+/// REQUIRES, for all but assignment and destruction: not moved from.
 class KIROHOST_EXPORT Delivery {
   public:
     struct Impl;
@@ -22,7 +24,8 @@ class KIROHOST_EXPORT Delivery {
     Delivery& operator=(const Delivery&) = delete;
     ~Delivery();
 
-    /// The channel and the block, header included. The bytes stay valid until the answer.
+    /// The channel and the block, header included. The bytes stay valid until this delivery
+    /// answers or is destroyed, whatever becomes of the stream.
     [[nodiscard]] const std::string& channel() const noexcept;
     [[nodiscard]] const common::DataBuffer& block() const noexcept;
 
@@ -54,7 +57,8 @@ class KIROHOST_EXPORT ClientEnd {
     ClientEnd& operator=(const ClientEnd&) = delete;
 
     /// Hands a copy of `block` to the receive callback of every stream of `channel`, on this
-    /// thread. Blocks that nobody receives are dropped. Any thread.
+    /// thread. Blocks that nobody receives are dropped, what a callback throws is logged. Throws
+    /// std::bad_alloc when there is no memory for a copy. Any thread.
     void send(const std::string& channel, const common::DataBuffer& block);
 
   private:
