@@ -8,7 +8,6 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "SubscriberIndex.hpp"
@@ -18,21 +17,12 @@
 
 namespace relay {
 
-/// A queued message: channel and text in one allocation of just their size.
-class QueuedMessage {
-  public:
-    QueuedMessage() noexcept = default;
-    explicit QueuedMessage(const message_service::JsonMessage& message);
-
-    [[nodiscard]] std::string_view channel() const noexcept;
-    /// The message, with `channel` for its channel, which is a copy of `channel()`.
-    [[nodiscard]] message_service::JsonMessage view(const std::string& channel) const noexcept;
-
-  private:
-    std::unique_ptr<char[]> fBytes;
-    std::size_t fChannelLength = 0;
-    std::size_t fTextLength = 0;
-    bool fHasText = false;
+/// A queued message. The channel is shared with its neighbours in the queue where it can be, so
+/// that a message costs little more than its text.
+struct QueuedMessage {
+    std::shared_ptr<const std::string> channel;
+    std::unique_ptr<const char[]> text;  ///< null when there is none
+    std::size_t length = 0;
 };
 
 /// The process's message bus: a queue in publish order, the subscriptions, the transports and
@@ -79,7 +69,6 @@ class Bus {
     /// The message in delivery and how far it has come. Belongs to the delivery thread.
     struct Progress {
         QueuedMessage message;
-        std::string channel;
         bool isUnderWay = false;
         std::uint64_t servedService = 0;  ///< the services up to here have had their chance
         std::uint64_t lastService = 0;    ///< the youngest service when the delivery began
@@ -92,6 +81,8 @@ class Bus {
     };
 
     [[nodiscard]] bool isHeard(const std::string& channel) const;
+    [[nodiscard]] QueuedMessage copyLocked(const message_service::JsonMessage& message)
+        REQUIRES_LOCK(fPublishMutex);
     /// Answers whether the delivery thread has to be notified.
     [[nodiscard]] bool enqueue(QueuedMessage message);
     void startThreadLocked() REQUIRES_LOCK(fMutex);
@@ -108,6 +99,8 @@ class Bus {
     annotated::Mutex fPublishMutex ACQUIRED_BEFORE(fMutex);
     std::vector<AttachedTransport> fTransports GUARDED_BY(fPublishMutex);
     std::uint64_t fTransportNumber GUARDED_BY(fPublishMutex) = 0;
+    /// The channel of the message that was queued last.
+    std::shared_ptr<const std::string> fLastChannel GUARDED_BY(fPublishMutex);
 
     mutable annotated::Mutex fMutex;
     std::condition_variable fWork;       ///< for the delivery thread alone

@@ -1,9 +1,8 @@
 #include "relay/Relay.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
-#include <string_view>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -22,21 +21,6 @@ void waitLocked(std::condition_variable& condition, annotated::Mutex& mutex) REQ
 }
 
 }  // namespace
-
-QueuedMessage::QueuedMessage(const message_service::JsonMessage& message)
-    : fBytes(std::make_unique_for_overwrite<char[]>(message.channel.size() + message.length)),
-      fChannelLength(message.channel.size()),
-      fTextLength(message.json == nullptr ? 0 : message.length),
-      fHasText(message.json != nullptr) {
-    message.channel.copy(fBytes.get(), fChannelLength);
-    if (fTextLength > 0) std::memcpy(fBytes.get() + fChannelLength, message.json, fTextLength);
-}
-
-std::string_view QueuedMessage::channel() const noexcept { return {fBytes.get(), fChannelLength}; }
-
-message_service::JsonMessage QueuedMessage::view(const std::string& channel) const noexcept {
-    return {channel, fHasText ? fBytes.get() + fChannelLength : nullptr, fTextLength};
-}
 
 Bus& Bus::instance() {
     struct StopAtExit {
@@ -60,10 +44,12 @@ void Bus::publish(const message_service::JsonMessage& message, std::uint64_t exc
         // Asked first and copied between the two short locks, so that a large text does not keep
         // the delivery thread waiting. A subscription cannot be missed: one that was there before
         // this call is seen here.
-        if (isHeard(message.channel)) mustNotify = enqueue(QueuedMessage(message));
+        std::optional<QueuedMessage> copy;
+        if (isHeard(message.channel)) copy = copyLocked(message);
         for (const auto& attached : fTransports) {
             if (attached.number != exceptTransport) attached.transport->messagePublished(message);
         }
+        if (copy) mustNotify = enqueue(*std::move(copy));
     }
     // After the locks: the woken thread would otherwise run into them at once.
     if (mustNotify) fWork.notify_one();
@@ -72,6 +58,16 @@ void Bus::publish(const message_service::JsonMessage& message, std::uint64_t exc
 bool Bus::isHeard(const std::string& channel) const {
     annotated::Lock lock(fMutex);
     return !fIsStopped && fSubscribers.hears(channel);
+}
+
+QueuedMessage Bus::copyLocked(const message_service::JsonMessage& message) {
+    if (fLastChannel == nullptr || *fLastChannel != message.channel) {
+        fLastChannel = std::make_shared<const std::string>(message.channel);
+    }
+    if (message.json == nullptr) return {fLastChannel, nullptr, 0};
+    auto text = std::make_unique_for_overwrite<char[]>(message.length);
+    std::copy_n(message.json, message.length, text.get());
+    return {fLastChannel, std::move(text), message.length};
 }
 
 bool Bus::enqueue(QueuedMessage message) {
@@ -124,10 +120,11 @@ void Bus::startThreadLocked() {
 void Bus::runDelivery() {
     Progress progress;
     while (const auto subscriber = awaitCall(progress)) {
+        const auto& [channel, text, length] = progress.message;
         try {
-            subscriber->handler(progress.message.view(progress.channel));
+            subscriber->handler({*channel, text.get(), length});
         } catch (...) {
-            logCaught("message handler", progress.channel, subscriber->serviceName);
+            logCaught("message handler", *channel, subscriber->serviceName);
         }
     }
 }
@@ -138,8 +135,8 @@ std::shared_ptr<const Subscriber> Bus::awaitCall(Progress& progress) {
     // on is called once more, one destroyed before is not.
     while (!fIsStopped) {
         if (progress.isUnderWay) {
-            auto subscriber =
-                fSubscribers.next(progress.channel, progress.servedService, progress.lastService);
+            auto subscriber = fSubscribers.next(*progress.message.channel, progress.servedService,
+                                                progress.lastService);
             if (subscriber != nullptr) {
                 progress.servedService = subscriber->service;
                 return subscriber;
@@ -158,7 +155,6 @@ std::shared_ptr<const Subscriber> Bus::awaitCall(Progress& progress) {
 void Bus::beginNextLocked(Progress& progress) {
     progress.message = std::move(fQueue.front());
     fQueue.pop_front();
-    progress.channel.assign(progress.message.channel());
     progress.isUnderWay = true;
     progress.servedService = 0;
     // A handler that makes a service object and subscribes must not be served for ever.
