@@ -101,7 +101,7 @@ class Promise {
         try {
             setException(
                 std::make_exception_ptr(std::future_error(std::future_errc::broken_promise)));
-        } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+        } catch (...) {  // a destructor has nobody to tell
         }
     }
 

@@ -21,6 +21,8 @@ namespace kiro::web {
 /// for the backlog; a backlog that no client ever asked for is dropped.
 class KIROWEB_EXPORT BootstrappingCommandSender : public CommandSenderInterface {
   public:
+    class Impl;
+
     /// `name` is the channel on which commands are published.
     explicit BootstrappingCommandSender(const std::string& name);
     /// `commandListener`, if not empty, is stamped into every command under "commandlistener".
@@ -49,7 +51,6 @@ class KIROWEB_EXPORT BootstrappingCommandSender : public CommandSenderInterface 
     void doSendBinaryDataAsync(binary::BinaryDataPayload&& payload) override;
 
   private:
-    class Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

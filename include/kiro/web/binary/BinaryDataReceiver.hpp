@@ -56,6 +56,13 @@ class KIROWEB_EXPORT IdToBinaryDataReceiver {
 
 namespace test {
 
+using BinaryDataReceiverCreationFunction =
+    std::function<std::shared_ptr<BinaryDataReceiverInterface>(const std::string& channel)>;
+
+/// Installs `f` process-wide and returns what was installed, to be put back in the same way.
+KIROWEB_EXPORT BinaryDataReceiverCreationFunction
+RegisterBinaryDataReceiverCreationFunction(BinaryDataReceiverCreationFunction f);
+
 /// Drops the callback.
 class KIROWEB_EXPORT NullBinaryDataReciever : public BinaryDataReceiverInterface {
   public:

@@ -1,0 +1,67 @@
+#include "BinaryStreams.hpp"
+
+#include <utility>
+
+#include "BinaryReceiverRegistry.hpp"
+#include "Replaceable.hpp"
+#include "TestableMapStorage.hpp"
+#include "bedrock/usm/thisthread.hpp"
+#include "kiro/web/binary/BinaryDataSender.hpp"
+#include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
+#include "process/Immortal.hpp"
+
+namespace kiro::web::binary {
+
+namespace experimental = relay::binary::experimental;
+
+namespace {
+
+/// The streams of one interpreter VM by channel name.
+struct IdToKiroBinaryStream {
+    TestableMapStorage<std::shared_ptr<experimental::BinaryStream>> streams;
+};
+
+IdToKiroBinaryStream& streamRegistry() {
+    return bedrock::usm::thisthread::findOrInsert<IdToKiroBinaryStream>();
+}
+
+std::shared_ptr<experimental::BinaryStream> createStream(const std::string& channel) {
+    return experimental::createBinaryStream(channel, {{"returnOnFail", "true"}});
+}
+
+using StreamCreation = Replaceable<std::shared_ptr<experimental::BinaryStream>(const std::string&)>;
+
+StreamCreation& streamCreation() {
+    static Immortal<StreamCreation> creation(&createStream);
+    return *creation;
+}
+
+}  // namespace
+
+std::shared_ptr<experimental::BinaryStream> streamOfChannel(const std::string& channel) {
+    auto& streams = streamRegistry().streams;
+    const auto found = streams.find(channel);
+    if (found != streams.end()) return found->second;
+    return streams.emplace(channel, streamCreation().current()(channel)).first->second;
+}
+
+void BinaryStreamLifeCycle::initBinaryStream(const std::string& channel) {
+    static_cast<void>(streamOfChannel(channel));
+}
+
+void BinaryStreamLifeCycle::destroyBinaryStream(const std::string& channel) {
+    streamRegistry().streams.erase(channel);
+}
+
+void BinaryStreamLifeCycle::destroyBinaryDataReceiver(const std::string& channel) {
+    IdToBinaryDataReceiver::getInstance().fImpl->receivers.erase(channel);
+}
+
+namespace test {
+
+BinaryStreamCreationFunction RegisterBinaryStreamCreationFunction(BinaryStreamCreationFunction f) {
+    return streamCreation().exchange(std::move(f));
+}
+
+}  // namespace test
+}  // namespace kiro::web::binary

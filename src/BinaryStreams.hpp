@@ -1,0 +1,15 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "relay/binary/experimental/BinaryStream.hpp"
+
+namespace kiro::web::binary {
+
+/// The calling VM's stream of `channel`, made with the current creation function when the VM has
+/// none yet. Interpreter thread.
+std::shared_ptr<relay::binary::experimental::BinaryStream> streamOfChannel(
+    const std::string& channel);
+
+}  // namespace kiro::web::binary

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+
+#include "kiro/Export.hpp"
+
+namespace kiro {
+
+struct CHeapFree {
+    void operator()(char* bytes) const noexcept { std::free(bytes); }
+};
+
+/// Bytes from `std::malloc`, which the host's buffers free with `std::free`.
+using CHeapBytes = std::unique_ptr<char, CHeapFree>;
+
+/// `size` bytes, never null. Throws `std::runtime_error` ("Out of memory!"). Any thread.
+CHeapBytes allocateBytes(std::size_t size);
+
+/// Has `allocateBytes` ask `allocate` instead of `std::malloc`; null restores that. For tests
+/// only: the header is not installed.
+KIROWEB_EXPORT void replaceAllocate(void* (*allocate)(std::size_t));
+
+}  // namespace kiro

@@ -1,0 +1,65 @@
+#include "DrawnowTimeoutLogger.hpp"
+
+#include <string>
+#include <utility>
+
+#include "bedrock/json/Value.hpp"
+#include "kiro/web/PayloadInterface.hpp"
+#include "kiro/web/PubSubFactory.hpp"
+#include "kiro/web/PubSubInterface.hpp"
+#include "kiro/web/RelayPubSub.hpp"
+#include "kiroutils/Logger.hpp"
+
+namespace kiro::web {
+
+namespace json = bedrock::json;
+
+namespace {
+
+constexpr std::size_t kHistoryLength = 400;
+const char* const kGraphicsChannels = "/graphics/*";
+const char* const kLogChannel = "/graphics/PubSubLogger/log";
+const char* const kErrorChannel = "/services/ErrorLoggingService/JSErrors";
+
+void record(const std::string& event, const std::string& eventData, const std::string& source,
+            const std::string& channel) {
+    const json::Object entry{{"LogType", "Client"},
+                             {"Event", event},
+                             {"EventData", eventData},
+                             {"Source", source},
+                             {"Channel", channel}};
+    kiroutils::Logger::instance().log(kDrawnowTimeoutLog, json::serialize(entry));
+}
+
+/// Text that does not parse is recorded all the same, as a message without fields.
+void recordGraphicsMessage(const std::string& channel, const PayloadInterface& payload) {
+    const auto message = json::parse(payload.convertToString()).value_or(json::Value());
+    const auto event =
+        channel == kLogChannel ? "Log" : message.textOf("Type").value_or("Message Publish");
+    record(event, message.textOf("message").value_or(""),
+           message.textOf("Description").value_or(""), channel);
+}
+
+/// An error that does not parse is kept as it came: it is what somebody will want to read.
+void recordScriptError(const std::string& channel, const PayloadInterface& payload) {
+    auto text = payload.convertToString();
+    if (const auto parsed = json::parse(text)) text = json::serialize(*parsed);
+    record("Error", text, "ErrorLoggingService", channel);
+}
+
+}  // namespace
+
+DrawnowTimeoutLogger::DrawnowTimeoutLogger()
+    : fPubSub(
+          PubSubFactory::makePubSubWithDefault([] { return std::make_shared<RelayPubSub>(); })) {
+    auto& logger = kiroutils::Logger::instance();
+    if (!logger.isHistoryEnabled(kDrawnowTimeoutLog)) {
+        logger.setHistoryEnabled(kDrawnowTimeoutLog, true, kHistoryLength, true);
+    }
+    fGraphicsSubscriber = subscribe(fPubSub, kGraphicsChannels, &recordGraphicsMessage);
+    fErrorSubscriber = subscribe(fPubSub, kErrorChannel, &recordScriptError);
+}
+
+DrawnowTimeoutLogger::~DrawnowTimeoutLogger() = default;
+
+}  // namespace kiro::web

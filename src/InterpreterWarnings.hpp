@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "bedrock/core/except/Exception.hpp"
+
+namespace kiro::web::binary {
+
+/// Has the interpreter thread of the calling thread's context issue the warning `id`, as a task
+/// tagged with `source`. Returns at once; any thread. When there is no interpreter to ask, one log
+/// line says so instead.
+void postWarning(const bedrock::core::MessageId& id, std::vector<std::string> arguments,
+                 const char* source);
+
+}  // namespace kiro::web::binary

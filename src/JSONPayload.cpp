@@ -1,0 +1,170 @@
+#include "kiro/web/JSONPayload.hpp"
+
+#include <array>
+#include <boost/json.hpp>
+#include <charconv>
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "bedrock/text/convertUTF16.hpp"
+#include "kiro/web/binary/DataID.hpp"
+#include "ui_objects/Cookie.hpp"
+#include "ui_objects/FontTypes.hpp"
+#include "ui_objects/UTF16String.hpp"
+
+namespace kiro::web {
+
+struct JSONPayload::Impl {
+    boost::json::object object;
+};
+
+namespace {
+
+/// Enough for any signed 64-bit value with its sign.
+using CookieText = std::array<char, 24>;
+
+std::string_view formatCookie(ui_objects::Cookie cookie, CookieText& buffer) {
+    const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), cookie.value());
+    return {buffer.data(), static_cast<std::size_t>(end.ptr - buffer.data())};
+}
+
+template <std::size_t Count>
+std::string_view nameOf(int value, const std::array<std::string_view, Count>& names) {
+    const auto index = static_cast<std::size_t>(value);
+    return value >= 0 && index < Count ? names[index] : std::string_view();
+}
+
+constexpr std::array<std::string_view, 4> kFontWeights = {"light", "normal", "demi", "bold"};
+constexpr std::array<std::string_view, 3> kFontAngles = {"normal", "italic", "oblique"};
+
+boost::json::value encodeElement(const std::string& text) { return boost::json::value(text); }
+
+boost::json::value encodeElement(ui_objects::Cookie cookie) {
+    CookieText buffer;
+    return boost::json::value(formatCookie(cookie, buffer));
+}
+
+template <typename Number>
+requires std::is_arithmetic_v<Number> boost::json::value encodeElement(Number number) {
+    if constexpr (std::is_floating_point_v<Number>) {
+        return static_cast<double>(number);
+    } else {
+        return static_cast<std::uint64_t>(number);
+    }
+}
+
+template <typename Element>
+boost::json::value encodeElement(const std::vector<Element>& elements) {
+    boost::json::array array;
+    array.reserve(elements.size());
+    for (const auto& element : elements) array.emplace_back(encodeElement(element));
+    return array;
+}
+
+/// Appends one field. `emplace` makes room for one more, looks the key up once, and leaves a
+/// field that is there alone: the first value of a key stays.
+template <typename Value>
+void append(boost::json::object& object, std::string_view key, Value&& value) {
+    object.emplace(key, std::forward<Value>(value));
+}
+
+/// An empty name stands for an enumeration value outside its table: no field.
+void appendName(boost::json::object& object, std::string_view key, std::string_view name) {
+    if (!name.empty()) append(object, key, name);
+}
+
+}  // namespace
+
+JSONPayload::JSONPayload() : fImpl(std::make_unique<Impl>()) {}
+
+JSONPayload::JSONPayload(const std::string& json) : fImpl(std::make_unique<Impl>()) {
+    auto value = boost::json::parse(json);
+    auto* object = value.if_object();
+    if (object == nullptr) throw std::invalid_argument("not an object");
+    fImpl->object = std::move(*object);
+}
+
+JSONPayload::JSONPayload(JSONPayload&& other) noexcept = default;
+JSONPayload::~JSONPayload() = default;
+
+template <PayloadValue T>
+void JSONPayload::addDataToPayload(const std::string& key, const T& value) {
+    auto& object = fImpl->object;
+    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, double>) {
+        append(object, key, value);
+    } else if constexpr (std::is_same_v<T, float>) {
+        append(object, key, static_cast<double>(value));
+    } else if constexpr (std::is_same_v<T, unsigned long>) {
+        append(object, key, std::uint64_t{value});
+    } else if constexpr (std::is_integral_v<T>) {
+        append(object, key, std::int64_t{value});
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        append(object, key, std::string_view(value));
+    } else if constexpr (std::is_same_v<T, ui_objects::UTF16String>) {
+        static const bedrock::text::CharsetConverter converter("UTF-8");
+        append(object, key, std::string_view(converter.fromUTF16({value.data(), value.length()})));
+    } else if constexpr (std::is_same_v<T, ui_objects::Cookie>) {
+        CookieText buffer;
+        append(object, key, formatCookie(value, buffer));
+    } else if constexpr (std::is_same_v<T, binary::DataID>) {
+        append(object, key, std::string_view(value.convert_to_string()));
+    } else if constexpr (std::is_same_v<T, FontWeightType>) {
+        appendName(object, key, nameOf(value, kFontWeights));
+    } else if constexpr (std::is_same_v<T, FontAngleType>) {
+        appendName(object, key, nameOf(value, kFontAngles));
+    } else if constexpr (std::is_same_v<T, JSONPayload>) {
+        append(object, key, std::as_const(value.fImpl->object));
+    } else {
+        append(object, key, encodeElement(value));
+    }
+}
+
+void JSONPayload::addDataToPayload(const std::string& key, const char* value) {
+    append(fImpl->object, key, std::string_view(value));
+}
+
+bool JSONPayload::isEmpty() const { return fImpl->object.empty(); }
+
+std::size_t JSONPayload::getNumFields() const { return fImpl->object.size(); }
+
+bool JSONPayload::isFieldInPayload(const std::string& key) const {
+    return fImpl->object.contains(key);
+}
+
+bool JSONPayload::isString(const std::string& key) const {
+    const auto* value = fImpl->object.if_contains(key);
+    return value != nullptr && value->is_string();
+}
+
+std::string JSONPayload::convertToString() const { return boost::json::serialize(fImpl->object); }
+
+#define KIROWEB_ENCODES(...)                                                       \
+    template KIROWEB_EXPORT void JSONPayload::addDataToPayload(const std::string&, \
+                                                               const __VA_ARGS__&)
+KIROWEB_ENCODES(bool);
+KIROWEB_ENCODES(int);
+KIROWEB_ENCODES(long);
+KIROWEB_ENCODES(unsigned long);
+KIROWEB_ENCODES(double);
+KIROWEB_ENCODES(float);
+KIROWEB_ENCODES(std::string);
+KIROWEB_ENCODES(ui_objects::UTF16String);
+KIROWEB_ENCODES(ui_objects::Cookie);
+KIROWEB_ENCODES(std::vector<ui_objects::Cookie>);
+KIROWEB_ENCODES(binary::DataID);
+KIROWEB_ENCODES(FontWeightType);
+KIROWEB_ENCODES(FontAngleType);
+KIROWEB_ENCODES(JSONPayload);
+KIROWEB_ENCODES(std::vector<std::string>);
+KIROWEB_ENCODES(std::vector<std::vector<std::string>>);
+KIROWEB_ENCODES(std::vector<unsigned char>);
+KIROWEB_ENCODES(std::vector<unsigned int>);
+KIROWEB_ENCODES(std::vector<unsigned long>);
+KIROWEB_ENCODES(std::vector<double>);
+KIROWEB_ENCODES(std::vector<float>);
+#undef KIROWEB_ENCODES
+
+}  // namespace kiro::web

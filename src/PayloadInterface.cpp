@@ -1,0 +1,7 @@
+#include "kiro/web/PayloadInterface.hpp"
+
+namespace kiro::web {
+
+PayloadInterface::~PayloadInterface() = default;
+
+}  // namespace kiro::web

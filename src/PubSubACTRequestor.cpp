@@ -1,0 +1,205 @@
+#include "kiro/web/PubSubACTRequestor.hpp"
+
+#include <atomic>
+#include <boost/signals2/connection.hpp>
+#include <functional>
+#include <utility>
+
+#include "DrawnowTimeoutLogger.hpp"
+#include "OnceGuard.hpp"
+#include "annotated/Mutex.hpp"
+#include "bedrock/log/basic_diagnostic_logger.hpp"
+#include "bedrock/memmgr/leaks.hpp"
+#include "graphics_state/GraphicsState.hpp"
+#include "kiro/web/CommandSenderInterface.hpp"
+#include "kiro/web/JSONObject.hpp"
+#include "kiro/web/JSONPayload.hpp"
+#include "kiro/web/PayloadInterface.hpp"
+#include "kiro/web/PubSubFactory.hpp"
+#include "kiro/web/PubSubInterface.hpp"
+#include "kiroutils/Logger.hpp"
+#include "process/Immortal.hpp"
+
+namespace kiro::web {
+
+namespace json = bedrock::json;
+using kiroutils::CompletionToken;
+
+namespace {
+
+constexpr int kTraceLevel = 8;
+const char* const kTokenKey = "ACT";
+
+/// Keeps the one recorder of client messages, which stays once it is there.
+struct RecorderHolder {
+    annotated::Mutex mutex;
+    OnceGuard once;
+    /// Owned, never deleted. Read without the mutex by the annotation's record.
+    std::atomic<DrawnowTimeoutLogger*> recorder = nullptr;
+};
+
+RecorderHolder& recorderHolder() {
+    static Immortal<RecorderHolder> holder;
+    return *holder;
+}
+
+bedrock::log::basic_diagnostic_logger& actLogger() {
+    static Immortal<bedrock::log::basic_diagnostic_logger> logger("graphics::ACT");
+    return *logger;
+}
+
+/// Makes the recorder if the host wants one, and writes a record if there is one.
+void writeLifecycleRecord(const std::string& event, json::Object eventData) {
+    auto& holder = recorderHolder();
+    if (GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled()) {
+        holder.once.run(
+            [&holder] { holder.recorder = std::make_unique<DrawnowTimeoutLogger>().release(); });
+    }
+    if (holder.recorder.load() == nullptr) return;
+    const json::Object record{{"LogType", "Server"},
+                              {"Source", "PubSubACTRequestor"},
+                              {"Channel", ""},
+                              {"Event", event},
+                              {"EventData", std::move(eventData)}};
+    kiroutils::Logger::instance().log(kDrawnowTimeoutLog, json::serialize(record));
+}
+
+void writeGuardedLifecycleRecord(const std::string& event, json::Object eventData) {
+    const annotated::Lock lock(recorderHolder().mutex);
+    writeLifecycleRecord(event, std::move(eventData));
+}
+
+/// A stamp that is absent or no whole number in range leaves `stamp` alone.
+void readStamp(const JSONObject& message, const std::string& key, std::uint64_t& stamp) {
+    unsigned long value = 0;
+    if (message.getValue(key, value)) stamp = value;
+}
+
+/// A reply of the client, on the message service's thread. Only a requestor that is still there
+/// is interested in it.
+void handleReply(const std::weak_ptr<ACTRequestor::ReturnTokenInterface>& weakManager,
+                 bool lifecycleTracing, const PayloadInterface& payload) {
+    const auto manager = weakManager.lock();
+    if (manager == nullptr) return;
+    const JSONObject message(payload.convertToString());
+    std::string identifier;
+    if (!message.getValue(kTokenKey, identifier)) return;
+    CompletionToken token(identifier);
+    if (lifecycleTracing && actLogger().enabled(kTraceLevel)) {
+        actLogger().record(kTraceLevel) << "graphics::ACT lifecycle " << token.convertToString();
+    }
+    if (manager->isTimeStampLoggingEnabled()) {
+        auto& stamps = token.getTimeStamps();
+        readStamp(message, "serverSendTS", stamps.serverSend);
+        readStamp(message, "clientReceiveTS", stamps.clientReceive);
+        readStamp(message, "clientSendTS", stamps.clientSend);
+    }
+    manager->returnToken(token);
+}
+
+void clearHistory() {
+    auto& holder = recorderHolder();
+    const annotated::Lock lock(holder.mutex);
+    if (holder.recorder.load() == nullptr) return;
+    kiroutils::Logger::instance().clearHistory(kDrawnowTimeoutLog);
+}
+
+}  // namespace
+
+struct PubSubACTRequestor::Impl {
+    std::unique_ptr<Subscriber> subscriber;
+    std::shared_ptr<CommandSenderInterface> commandSender;
+    std::string returnChannel;
+    std::string clientKind;
+    bool lifecycleTracing = false;
+};
+
+PubSubACTRequestor::PubSubACTRequestor(std::shared_ptr<CommandSenderInterface> sender,
+                                       const std::string& returnChannel, const std::string& source,
+                                       const std::string& clientKind, bool lifecycleTracing)
+    : ACTRequestor(kDrawnowTimeoutLog, source, returnChannel),
+      fImpl(std::make_unique<Impl>(
+          Impl{nullptr, std::move(sender), returnChannel, clientKind, lifecycleTracing})) {
+    writeGuardedLifecycleRecord("Created PubSubACTRequestor", {{"Id", returnChannel}});
+    // Weak, so that the subscription does not keep the manager of a destroyed requestor alive.
+    fImpl->subscriber = subscribe(
+        PubSubFactory::pubsubInstance(), returnChannel,
+        [manager = std::weak_ptr<ReturnTokenInterface>(getReturnTokenInterface()),
+         lifecycleTracing](const std::string& /*channel*/, const PayloadInterface& payload) {
+            handleReply(manager, lifecycleTracing, payload);
+        });
+}
+
+PubSubACTRequestor::~PubSubACTRequestor() {
+    try {
+        writeGuardedLifecycleRecord("Destroyed PubSubACTRequestor", {{"Id", fImpl->returnChannel}});
+    } catch (...) {  // a destructor has nobody to tell
+    }
+    fImpl->subscriber.reset();
+    fImpl->commandSender.reset();
+}
+
+void PubSubACTRequestor::setCommandSender(std::shared_ptr<CommandSenderInterface> sender) {
+    fImpl->commandSender = std::move(sender);
+}
+
+void PubSubACTRequestor::convertToPayload(JSONPayload& payload,
+                                          const CompletionToken& token) const {
+    payload.addDataToPayload(kTokenKey, token.convertToString());
+    payload.addDataToPayload("returnChannel", fImpl->returnChannel);
+    if (!isTimeStampLoggingEnabled()) return;
+    const auto& stamps = token.getTimeStamps();
+    payload.addDataToPayload("serverSendTS", stamps.serverSend);
+    payload.addDataToPayload("clientReceiveTS", stamps.clientReceive);
+    payload.addDataToPayload("clientSendTS", stamps.clientSend);
+    payload.addDataToPayload("serverReceiveTS", stamps.serverReceive);
+}
+
+void PubSubACTRequestor::doSendACT(const CompletionToken& token) {
+    JSONPayload payload;
+    convertToPayload(payload, token);
+    if (fImpl->commandSender == nullptr) return;
+    writeGuardedLifecycleRecord(
+        "Sending ACT", {{"Id", fImpl->returnChannel}, {kTokenKey, token.convertToString()}});
+    // Without the holder's mutex, deliberately, and whatever the annotation holds.
+    writeLifecycleRecord("Logging Annotation", {{"Annotation", getAnnotation()}});
+    fImpl->commandSender->sendCommand("sendACT", std::move(payload));
+}
+
+std::string PubSubACTRequestor::getDetailsForInternalTimeoutWarning() const {
+    std::string text;
+    if (fImpl->commandSender != nullptr) {
+        text = fImpl->commandSender->queryCommandSenderReadyStatus()
+                   ? "Client may be connected."
+                   : "Client may not be connected.";
+    }
+    auto& holder = recorderHolder();
+    const annotated::Lock lock(holder.mutex);
+    if (holder.recorder.load() == nullptr) return text + "\ndrawnowTimeoutLogger disabled";
+    const auto history = kiroutils::Logger::instance().history(kDrawnowTimeoutLog);
+    text += "\nLast " + std::to_string(history.size()) + " messages:\n";
+    for (const auto& entry : history) text += "\n " + entry;
+    return text;
+}
+
+std::string PubSubACTRequestor::getDetailsForCustomerTimeoutWarning() const {
+    const auto& clientKind = fImpl->clientKind;
+    if (fImpl->commandSender == nullptr) return "an uninitialized " + clientKind + " communicator";
+    if (fImpl->commandSender->queryCommandSenderReadyStatus()) {
+        return "an unresponsive " + clientKind + " client";
+    }
+    return "a " + clientKind + " handshaking issue";
+}
+
+namespace test {
+
+void enablePubSubACTRequestorTesting() {
+    static Immortal<OnceGuard> once;
+    static Immortal<boost::signals2::scoped_connection> connection;
+    once->run([] {
+        *connection = bedrock::memmgr::leaks::registerListenerForSnapshotEvent(&clearHistory);
+    });
+}
+
+}  // namespace test
+}  // namespace kiro::web

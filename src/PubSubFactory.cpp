@@ -1,0 +1,64 @@
+#include "kiro/web/PubSubFactory.hpp"
+
+#include <utility>
+
+#include "OnceGuard.hpp"
+#include "bedrock/core/diag/assertion.hpp"
+#include "kiro/web/RelayPubSub.hpp"
+#include "process/Immortal.hpp"
+
+namespace kiro::web {
+
+PubSubFactory::pubsub_creation_fcn PubSubFactory::fPubSubCreationFcn;
+std::atomic<bool> PubSubFactory::fDefaultInUse = true;
+
+namespace {
+
+struct ProcessWideEndpoint {
+    OnceGuard once;
+    std::shared_ptr<PubSubInterface> instance;
+};
+
+/// A service's thread may ask for the endpoint while the process exits.
+ProcessWideEndpoint& processWideEndpoint() {
+    static Immortal<ProcessWideEndpoint> endpoint;
+    return *endpoint;
+}
+
+}  // namespace
+
+void PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn fcn) {
+    if (fPubSubCreationFcn != nullptr) {
+        bedrock::core::diag::assertionFailed(
+            "fPubSubCreationFcn == nullptr", "src/PubSubFactory", 19,
+            "static void kiro::web::PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn)");
+    }
+    fPubSubCreationFcn = std::move(fcn);
+    fDefaultInUse = false;
+}
+
+std::shared_ptr<PubSubInterface> PubSubFactory::pubsubInstance() {
+    auto& endpoint = processWideEndpoint();
+    endpoint.once.run([&endpoint] {
+        if (fPubSubCreationFcn == nullptr) {
+            setPubSubCreationFcn([] { return std::make_shared<RelayPubSub>(); });
+            fDefaultInUse = true;
+        }
+        endpoint.instance = fPubSubCreationFcn();
+    });
+    return endpoint.instance;
+}
+
+std::shared_ptr<PubSubInterface> PubSubFactory::makePubSubWithDefault(
+    pubsub_creation_fcn defaultFcn) {
+    if (!fDefaultInUse) return pubsubInstance();
+    if (defaultFcn == nullptr) {
+        bedrock::core::diag::assertionFailed(
+            "defaultFcn != nullptr", "src/PubSubFactory", 47,
+            "static std::shared_ptr<kiro::web::PubSubInterface> "
+            "kiro::web::PubSubFactory::makePubSubWithDefault(pubsub_creation_fcn)");
+    }
+    return defaultFcn();
+}
+
+}  // namespace kiro::web

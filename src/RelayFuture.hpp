@@ -1,0 +1,66 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "SteadyClock.hpp"
+#include "bedrock/core/diag/assertion.hpp"
+#include "kiroutils/KiroTerminatingCondition.hpp"
+#include "qvm/messages.hpp"
+#include "relay/Future.hpp"
+
+namespace kiro::web {
+
+/// Waits for a future of the message service.
+template <typename VALUE_TYPE>
+class RelayFuture {
+  public:
+    /// `description` names the wait.
+    RelayFuture(relay::Future<VALUE_TYPE> future, std::string description)
+        : fFuture(std::make_shared<relay::Future<VALUE_TYPE>>(std::move(future))),
+          fDescription(std::move(description)) {}
+
+    /// Blocks until the value is there and returns it. Signal thread only, once.
+    ///
+    /// It runs no interpreter tasks: one that asked for the endpoint that is being made would
+    /// wait for itself. It has no time-out of its own.
+    VALUE_TYPE wait() {
+        if (!utIsSignalThread()) {
+            bedrock::core::diag::assertionFailed(
+                "utIsSignalThread()", "src/RelayFuture", 50,
+                "VALUE_TYPE kiro::web::RelayFuture<VALUE_TYPE>::wait()");
+        }
+        kiroutils::KiroTerminatingCondition condition(
+            fDescription,
+            [weak = std::weak_ptr<relay::Future<VALUE_TYPE>>(fFuture)] { return isReady(weak); },
+            std::chrono::seconds::max());
+        while (!condition.shouldTerminate()) {
+        }
+        return fFuture->get();
+    }
+
+    /// One look of the wait: true when the value is there. Blocks for about 100 ms at most, so
+    /// that the host's loop around it stays responsive.
+    static bool isReady(const std::weak_ptr<relay::Future<VALUE_TYPE>>& weak) {
+        const auto deadline = steadyNow() + std::chrono::milliseconds(100);
+        const auto future = weak.lock();
+        if (future == nullptr) qxErrMsgId({"Quarn:class", "InvalidHandle"}, {});
+        const auto state = future->state();
+        if (state == nullptr) throw std::runtime_error("Future state isn't valid!");
+        std::unique_lock lock(state->mutex);
+        while (!state->ready) {
+            if (state->condition.wait_until(lock, deadline) == std::cv_status::timeout) break;
+        }
+        return state->ready;
+    }
+
+  private:
+    std::shared_ptr<relay::Future<VALUE_TYPE>> fFuture;
+    std::string fDescription;
+};
+
+}  // namespace kiro::web

@@ -1,0 +1,79 @@
+#include "kiro/web/RelayPubSub.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "CHeap.hpp"
+#include "RelayFuture.hpp"
+#include "bedrock/core/diag/assertion.hpp"
+#include "kiro/web/StringPayload.hpp"
+#include "relay/Relay.hpp"
+#include "relay/message_service/MessageService.hpp"
+
+namespace kiro::web {
+
+namespace service = relay::message_service;
+
+namespace {
+
+class RelayInternalSubscriberData : public InternalSubscriberData {
+  public:
+    explicit RelayInternalSubscriberData(std::shared_ptr<service::Subscription> subscription)
+        : fSubscription(std::move(subscription)) {}
+
+  private:
+    std::shared_ptr<service::Subscription> fSubscription;
+};
+
+/// On the service's delivery thread.
+void handleMessage(const service::JsonMessage& msg, const PubSubInterface::CallbackType& callback) {
+    if (msg.json == nullptr) {
+        bedrock::core::diag::assertionFailed(
+            "msg.json != nullptr", "src/RelayPubSub", 59,
+            "kiro::web::RelayPubSub::doSubscribe(const string&, "
+            "kiro::web::PubSubInterface::CallbackType)::<lambda(const JsonMessage&)>");
+    }
+    const auto text = msg.json != nullptr ? std::string(msg.json, msg.length) : std::string();
+    callback(msg.channel, StringPayload(text));
+}
+
+}  // namespace
+
+struct RelayPubSub::Impl {
+    Impl() {
+        relay::getRelay();
+        fMessageService =
+            RelayFuture(service::createMessageService("kiroweb", {}), "create message service")
+                .wait();
+        if (fMessageService == nullptr) {
+            bedrock::core::diag::assertionFailed("fMessageService != nullptr", "src/RelayPubSub",
+                                                 34, "kiro::web::RelayPubSub::Impl::Impl()");
+        }
+    }
+
+    std::shared_ptr<service::MessageService> fMessageService;
+};
+
+RelayPubSub::RelayPubSub() : fImpl(std::make_unique<Impl>()) {}
+
+RelayPubSub::~RelayPubSub() = default;
+
+void RelayPubSub::doPublish(const std::string& channel, PayloadInterface& payload) {
+    const auto text = payload.convertToString();
+    const auto buffer = allocateBytes(text.size());
+    std::copy(text.begin(), text.end(), buffer.get());
+    // The future is dropped: publishing never waits.
+    fImpl->fMessageService->publish(channel, {channel, buffer.get(), text.size()});
+}
+
+std::unique_ptr<InternalSubscriberData> RelayPubSub::doSubscribe(const std::string& channel,
+                                                                 CallbackType callback) {
+    auto future = fImpl->fMessageService->subscribe(
+        channel, [callback = std::move(callback)](const service::JsonMessage& msg) {
+            handleMessage(msg, callback);
+        });
+    return std::make_unique<RelayInternalSubscriberData>(
+        RelayFuture(std::move(future), "subscribe: " + channel).wait());
+}
+
+}  // namespace kiro::web
