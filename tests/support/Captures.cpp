@@ -1,0 +1,134 @@
+#include "Captures.hpp"
+
+#include <atomic>
+#include <mutex>
+#include <set>
+#include <utility>
+
+#include "process/Immortal.hpp"
+
+namespace support {
+
+namespace {
+
+/// The level that every diagnostic logger starts with.
+constexpr int kUsualLevel = 4;
+
+/// What the captures in force declare. Immortal: a service's thread may log while the process
+/// exits.
+struct Declared {
+    static Declared& instance() {
+        static Immortal<Declared> declared;
+        return *declared;
+    }
+
+    bool contains(const std::string& logger) {
+        const std::lock_guard lock(mutex);
+        return loggers.count(logger) != 0;
+    }
+
+    std::atomic<int> warnings = 0;
+    std::mutex mutex;
+    std::multiset<std::string> loggers;
+};
+
+bool meansTrouble(const kirohost::LogRecord& record) {
+    return record.logger == "relay" ||
+           (record.logger == "commandsender" && record.text.find("not shown") != std::string::npos);
+}
+
+std::string describe(const kirohost::Warning& warning) {
+    std::string text = warning.id.component + ":" + warning.id.key + "(";
+    for (const auto& argument : warning.arguments) {
+        if (text.back() != '(') text += ", ";
+        text += argument;
+    }
+    return text + ")";
+}
+
+std::vector<std::string> textsOf(const std::vector<kirohost::LogRecord>& records) {
+    std::vector<std::string> texts;
+    for (const auto& record : records) texts.push_back(record.text);
+    return texts;
+}
+
+}  // namespace
+
+ExpectNoSurprises::ExpectNoSurprises()
+    : fWarnings(kirohost::observeWarnings([](const kirohost::Warning& warning) {
+          if (Declared::instance().warnings == 0) {
+              ADD_FAILURE() << "unexpected warning: " << describe(warning);
+          }
+      })),
+      fLog(kirohost::observeLog([](const kirohost::LogRecord& record) {
+          if (meansTrouble(record) && !Declared::instance().contains(record.logger)) {
+              ADD_FAILURE() << "unexpected record of " << record.logger << ": " << record.text;
+          }
+      })) {}
+
+void ExpectNoSurprises::install() {
+    testing::UnitTest::GetInstance()->listeners().Append(new ExpectNoSurprises);
+}
+
+WarningCapture::WarningCapture() {
+    ++Declared::instance().warnings;
+    fScope = kirohost::observeWarnings(
+        [events = fEvents](const kirohost::Warning& warning) { events->add(warning); });
+}
+
+WarningCapture::~WarningCapture() { --Declared::instance().warnings; }
+
+std::vector<std::string> WarningCapture::texts() const {
+    std::vector<std::string> texts;
+    for (const auto& warning : all()) texts.push_back(describe(warning));
+    return texts;
+}
+
+LogCapture::LogCapture(std::string logger) : fLogger(std::move(logger)) {
+    auto& declared = Declared::instance();
+    {
+        const std::lock_guard lock(declared.mutex);
+        declared.loggers.insert(fLogger);
+    }
+    fScope =
+        kirohost::observeLog([events = fEvents, name = fLogger](const kirohost::LogRecord& record) {
+            if (record.logger == name) events->add(record);
+        });
+}
+
+LogCapture::~LogCapture() {
+    auto& declared = Declared::instance();
+    const std::lock_guard lock(declared.mutex);
+    declared.loggers.erase(declared.loggers.find(fLogger));
+}
+
+std::vector<std::string> LogCapture::texts() const { return textsOf(all()); }
+
+DiagnosticCapture::DiagnosticCapture(const std::string& logger, int level) : fLogger(logger) {
+    kirohost::setDiagnosticLevel(logger, level);
+    fScope =
+        kirohost::observeDiagnostics([events = fEvents, logger](const kirohost::LogRecord& record) {
+            if (record.logger == logger) events->add(record);
+        });
+}
+
+DiagnosticCapture::~DiagnosticCapture() { kirohost::setDiagnosticLevel(fLogger, kUsualLevel); }
+
+std::vector<std::string> DiagnosticCapture::texts() const { return textsOf(all()); }
+
+AssertionCapture::AssertionCapture() {
+    fScope = kirohost::setAssertionPolicy(
+        kirohost::AssertionPolicy::kReport,
+        [events = fEvents](const kirohost::FailedAssertion& failed) { events->add(failed); });
+}
+
+std::vector<std::string> AssertionCapture::texts() const {
+    std::vector<std::string> texts;
+    for (const auto& failed : all()) {
+        texts.push_back(failed.source + ":" + std::to_string(failed.line) + ": " +
+                        failed.condition);
+    }
+    return texts;
+}
+
+}  // namespace support
