@@ -28,6 +28,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kirowebConfig.cmake
 
 # The .pc files name their prefix relative to where they lie.
 file(RELATIVE_PATH _pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" _pc_to_prefix ${_pc_to_prefix})
 set(_pc_modules kiroweb)
 set(_pc_requires "")
 if(NOT KIROWEB_HOST_TARGET)
