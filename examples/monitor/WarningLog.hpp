@@ -14,7 +14,7 @@ namespace monitor {
 /// Counts, while it lives, the host's warnings and what its services log: that a callback threw.
 class WarningLog {
   public:
-    /// Warnings by key and first argument.
+    /// Warnings by key and what they are about.
     using Counts = std::map<std::pair<std::string, std::string>, std::uint64_t>;
 
     WarningLog();
