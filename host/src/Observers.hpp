@@ -40,7 +40,8 @@ class Observers {
     [[nodiscard]] bool empty() const noexcept { return fCount == 0; }
 
     void notify(const Event& event) const {
-        for (const auto& entry : *snapshot()) {
+        const auto entries = snapshot();
+        for (const auto& entry : *entries) {
             if (entry->active) entry->observer(event);
         }
     }
