@@ -184,7 +184,7 @@ TEST(JSONPayload, tellsWhatItHolds) {
     EXPECT_FALSE(payload.isFieldInPayload("Number"));
 }
 
-/// JSON text of arrays nested `depth` deep inside an object of its own.
+/// JSON text of objects nested `depth` deep.
 std::string nestedObject(int depth) {
     std::string text;
     for (int i = 0; i < depth; ++i) text += R"({"k":)";
@@ -214,6 +214,8 @@ TEST(JSONPayload, isMadeFromTheTextOfAnObjectOnly) {
     }
 }
 
+// ThreadSanitizer would keep 8 GiB of shadow for this key, and nothing here has threads.
+#ifndef __SANITIZE_THREAD__
 TEST(JSONPayload, isLeftUnchangedByAKeyThatIsTooLong) {
     JSONPayload payload;
     payload.addDataToPayload("k", 1);
@@ -221,6 +223,7 @@ TEST(JSONPayload, isLeftUnchangedByAKeyThatIsTooLong) {
     EXPECT_THROW(payload.addDataToPayload(tooLong, 2), std::length_error);
     EXPECT_EQ(payload.convertToString(), field("1"));
 }
+#endif
 
 TEST(StringPayload, returnsItsTextByteForByte) {
     for (const auto& text : {std::string(), std::string("{}"), std::string("\0\xFF\n", 3)}) {
