@@ -13,10 +13,7 @@ namespace {
 
 using kiro::ACTRequestor;
 using kiroutils::CompletionToken;
-using support::FakeClock;
-using support::Lines;
-using support::LogCapture;
-using support::ScopedSettings;
+using namespace support;
 
 static_assert(std::is_nothrow_destructible_v<ACTRequestor>);
 static_assert(!std::is_copy_constructible_v<ACTRequestor>);

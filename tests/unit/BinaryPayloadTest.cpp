@@ -17,13 +17,9 @@
 
 namespace {
 
-using kiro::web::JSONPayload;
-using kiro::web::binary::BinaryDataPayload;
-using kiro::web::binary::DataID;
-using support::blockBytes;
-using support::bufferOf;
-using support::bytesOf;
-using support::FailingNew;
+using namespace kiro::web;
+using namespace kiro::web::binary;
+using namespace support;
 
 static_assert(std::is_nothrow_move_constructible_v<BinaryDataPayload>);
 static_assert(!std::is_copy_constructible_v<BinaryDataPayload>);
@@ -72,24 +68,22 @@ void checkDataIDTexts() {
         const char* text;
         bool answer;
         DataID id;
-    } const cases[] = {
-        {"12 34", true, {12, 34}},
-        {"12 34 ", false, {12, 34}},
-        {"12", true, {12, 0}},
-        {"7 0", true, {7, 0}},
-        {"7 0\n", false, {7, 0}},
-        {" 7\t 0", true, {7, 0}},
-        {"", true, {0, 0}},
-        {"   ", true, {0, 0}},
-        {"x", false, {0, 0}},
-        {"12x", false, {12, 0}},
-        {"12 x", false, {12, 0}},
-        {"1,234 5", false, {1, 0}},
-        {"4294967295 1", true, {kMax, 1}},
-        {"4294967296", true, {kMax, 0}},
-        {"4294967296 5", false, {kMax, 0}},
-        {"7 99999999999999999999", true, {7, kMax}},
-    };
+    } const cases[] = {{"12 34", true, {12, 34}},
+                       {"12 34 ", false, {12, 34}},
+                       {"12", true, {12, 0}},
+                       {"7 0", true, {7, 0}},
+                       {"7 0\n", false, {7, 0}},
+                       {" 7\t 0", true, {7, 0}},
+                       {"", true, {0, 0}},
+                       {"   ", true, {0, 0}},
+                       {"x", false, {0, 0}},
+                       {"12x", false, {12, 0}},
+                       {"12 x", false, {12, 0}},
+                       {"1,234 5", false, {1, 0}},
+                       {"4294967295 1", true, {kMax, 1}},
+                       {"4294967296", true, {kMax, 0}},
+                       {"4294967296 5", false, {kMax, 0}},
+                       {"7 99999999999999999999", true, {7, kMax}}};
     for (const auto& c : cases) {
         DataID id(77, 88);
         EXPECT_EQ(DataID::construct_from_string(c.text, id), c.answer) << '"' << c.text << '"';

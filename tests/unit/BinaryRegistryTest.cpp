@@ -14,20 +14,10 @@
 
 namespace {
 
-using kiro::web::binary::BinaryDataReceiverInterface;
-using kiro::web::binary::BinaryStreamLifeCycle;
-using kiro::web::binary::createBinaryDataReceiver;
-using kiro::web::binary::createBinaryDataSender;
-using kiro::web::binary::IdToBinaryDataReceiver;
+using namespace kiro::web::binary;
 using relay::binary::experimental::BinaryStream;
 using relay::binary::experimental::ReceiveCallback;
-using support::blockBytes;
-using support::bufferOf;
-using support::bytesOf;
-using support::DataBuffer;
-using support::DataID;
-using support::Lines;
-using support::SendFuture;
+using namespace support;
 namespace test = kiro::web::binary::test;
 
 /// A stream that keeps what it is given.

@@ -18,19 +18,9 @@
 
 namespace {
 
-using kiro::web::PayloadInterface;
-using kiro::web::PubSubFactory;
-using kiro::web::Subscriber;
-using kiro::web::binary::BinaryDataPayload;
-using support::answer;
-using support::blockBytes;
-using support::DataBuffer;
-using support::DataID;
-using support::Lines;
-using support::ScopedSettings;
-using support::ScriptedSender;
-using support::SendFuture;
-using support::SendResult;
+using namespace kiro::web;
+using namespace kiro::web::binary;
+using namespace support;
 using Promise = relay::Promise<SendResult>;
 
 const char* const kChannel = "/figure/2";
@@ -102,10 +92,11 @@ TEST_F(BinarySend, FallsBackAndWarnsAsTheHostAnswers) {
     struct {
         bool fallbackAllowed;
         std::vector<bool> warnAnswers;  // to the first question, to the second
-    } const cases[] = {
-        {true, {true, true}},   {true, {false, true}},   {true, {true, false}},
-        {false, {false, true}}, {false, {false, false}},
-    };
+    } const cases[] = {{true, {true, true}},
+                       {true, {false, true}},
+                       {true, {true, false}},
+                       {false, {false, true}},
+                       {false, {false, false}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.warnAnswers) + (c.fallbackAllowed ? " allowed" : ""));
         std::size_t asked = 0;

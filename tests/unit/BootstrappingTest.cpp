@@ -20,21 +20,9 @@
 
 namespace {
 
-using kiro::web::BootstrappingCommandSender;
-using kiro::web::JSONPayload;
-using kiro::web::PayloadInterface;
-using kiro::web::PubSubFactory;
-using kiro::web::Subscriber;
-using kiro::web::binary::BinaryDataPayload;
-using support::blockBytes;
-using support::DataID;
-using support::FailingThreads;
-using support::Lines;
-using support::LogCapture;
-using support::ScopedSenderCreation;
-using support::ScopedSettings;
-using support::ScriptedSender;
-using support::ThreadWatch;
+using namespace kiro::web;
+using namespace kiro::web::binary;
+using namespace support;
 
 static_assert(std::is_nothrow_destructible_v<BootstrappingCommandSender>);
 
@@ -116,20 +104,18 @@ TEST_F(Bootstrapping, ReadsTheAnnouncement) {
         const char* text;
         bool binary;
         bool fast;
-    } const cases[] = {
-        {R"({"binaryChannelStatus":1,"useFastBinary":1})", true, true},
-        {R"({"binaryChannelStatus":1})", true, false},
-        {R"({"useFastBinary":1,"other":[]})", false, true},
-        {R"({"binaryChannelStatus":2,"useFastBinary":0})", false, false},
-        {R"({"binaryChannelStatus":true,"useFastBinary":true})", false, false},
-        {R"({"binaryChannelStatus":1.0,"useFastBinary":1.5})", true, false},
-        {R"({"binaryChannelStatus":"1","useFastBinary":null})", false, false},
-        {R"({"binaryChannelStatus":4294967297,"useFastBinary":-1})", false, false},
-        {R"({"binaryChannelStatus":1,"useFastBinary":1)", false, false},
-        {"[1]", false, false},
-        {"", false, false},
-        {"{}", false, false},
-    };
+    } const cases[] = {{R"({"binaryChannelStatus":1,"useFastBinary":1})", true, true},
+                       {R"({"binaryChannelStatus":1})", true, false},
+                       {R"({"useFastBinary":1,"other":[]})", false, true},
+                       {R"({"binaryChannelStatus":2,"useFastBinary":0})", false, false},
+                       {R"({"binaryChannelStatus":true,"useFastBinary":true})", false, false},
+                       {R"({"binaryChannelStatus":1.0,"useFastBinary":1.5})", true, false},
+                       {R"({"binaryChannelStatus":"1","useFastBinary":null})", false, false},
+                       {R"({"binaryChannelStatus":4294967297,"useFastBinary":-1})", false, false},
+                       {R"({"binaryChannelStatus":1,"useFastBinary":1)", false, false},
+                       {"[1]", false, false},
+                       {"", false, false},
+                       {"{}", false, false}};
     EXPECT_FALSE(sender->queryUsingBinary() || sender->queryUsingFastBinary());
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);

@@ -11,12 +11,9 @@
 
 namespace {
 
-using kiro::web::CommandSenderInterface;
-using kiro::web::ExportCommandSender;
-using kiro::web::JSONPayload;
-using kiro::web::binary::BinaryDataPayload;
-using kiro::web::binary::DataID;
-using support::Lines;
+using namespace kiro::web;
+using namespace kiro::web::binary;
+using namespace support;
 using Sizes = std::vector<std::uint64_t>;
 
 static_assert(std::is_nothrow_destructible_v<CommandSenderInterface>);
@@ -96,8 +93,7 @@ TEST(SizeStatistics, MakeRoomForAHundredMoreOnlyFromACapacityOfAHundredOn) {
         {"command", [&] { sender.sendCommand("x", {}); }, sender.getPublishSizeInBytes(), 165},
         {"block", [&] { sender.sendBinaryData({}); }, sender.getBinarySizeInBytes(), 165},
         {"asynchronous block", [&] { sender.sendBinaryDataAsync({}); },
-         sender.getBinarySizeInBytes(), 128},
-    };
+         sender.getBinarySizeInBytes(), 128}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         sender.setSizeStatsEnabled(false);

@@ -19,14 +19,10 @@
 
 namespace {
 
-using kiro::web::PubSubACTRequestor;
+using namespace kiro::web;
 using kiroutils::CompletionToken;
 using kiroutils::Logger;
-using support::FakeClock;
-using support::Lines;
-using support::LogCapture;
-using support::publish;
-using support::ScopedSettings;
+using namespace support;
 
 static_assert(std::is_nothrow_destructible_v<PubSubACTRequestor>);
 
@@ -97,13 +93,11 @@ TEST_F(PubSubRequestor, SaysWhyATokenMayNotHaveComeBack) {
         bool ready;
         std::string customer;
         std::string internal;
-    } const cases[] = {
-        {false, false, "an uninitialized web communicator", kDisabled},
-        {true, true, "an unresponsive web client",
-         std::string("Client may be connected.") + kDisabled},
-        {true, false, "a web handshaking issue",
-         std::string("Client may not be connected.") + kDisabled},
-    };
+    } const cases[] = {{false, false, "an uninitialized web communicator", kDisabled},
+                       {true, true, "an unresponsive web client",
+                        std::string("Client may be connected.") + kDisabled},
+                       {true, false, "a web handshaking issue",
+                        std::string("Client may not be connected.") + kDisabled}};
     make();
     for (const auto& c : cases) {
         sender->ready = c.ready;
@@ -158,21 +152,19 @@ TEST_F(PubSubRequestor, ReadsTheStampsOfAReply) {
     struct {
         const char* text;
         std::uint64_t stamp;
-    } const cases[] = {
-        {"0", 0},
-        {"7", 7},
-        {"9223372036854775808", 9223372036854775808U},
-        {"18446744073709551615", 18446744073709551615U},
-        {"1e3", 1000},
-        {"18446744073709551616", 0},
-        {"-1", 0},
-        {"1.5", 0},
-        {"1e300", 0},
-        {R"("7")", 0},
-        {"true", 0},
-        {"null", 0},
-        {"[7]", 0},
-    };
+    } const cases[] = {{"0", 0},
+                       {"7", 7},
+                       {"9223372036854775808", 9223372036854775808U},
+                       {"18446744073709551615", 18446744073709551615U},
+                       {"1e3", 1000},
+                       {"18446744073709551616", 0},
+                       {"-1", 0},
+                       {"1.5", 0},
+                       {"1e300", 0},
+                       {R"("7")", 0},
+                       {"true", 0},
+                       {"null", 0},
+                       {"[7]", 0}};
     make();
     const auto returnWith = [this](const std::string& stamp) {
         returnToken(requestor->sendACT(), R"(,"serverSendTS":)" + stamp + R"(,"clientReceiveTS":)" +

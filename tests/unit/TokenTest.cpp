@@ -14,9 +14,7 @@
 namespace {
 
 using kiroutils::CompletionToken;
-using support::FakeClock;
-using support::Lines;
-using support::ScopedSettings;
+using namespace support;
 using Manager = kiro::ACTRequestor::CompletionTokenManager;
 using Event = std::map<std::string, bedrock::json::Value>;
 
@@ -94,11 +92,9 @@ TEST_F(Token, TimesOutAfterMoreWholeSecondsThanTheTimeOut) {
         std::int64_t timeout;
         long milliseconds;
         bool discarded;
-    } const cases[] = {
-        {5, 5000, false}, {5, 5900, false},       {5, 5999, false},
-        {5, 6000, true},  {60, 60999, false},     {60, 61000, true},
-        {1, 2000, true},  {0, 1000000000, false}, {-1, 0, true},
-    };
+    } const cases[] = {{5, 5000, false}, {5, 5900, false},       {5, 5999, false},
+                       {5, 6000, true},  {60, 60999, false},     {60, 61000, true},
+                       {1, 2000, true},  {0, 1000000000, false}, {-1, 0, true}};
     const FakeClock clock;
     EXPECT_TRUE(manager.discardTimedOutTokens().isDefaultToken());
     for (const auto& c : cases) {
