@@ -134,7 +134,8 @@ TEST_F(BinarySend, StopsAtAFutureWithoutStateAndAtLackOfMemory) {
     EXPECT_EQ(runtimeError(payload, sender), "Future state isn't valid!");
     EXPECT_EQ(sender->blocks.all(), (Lines{blockBytes(4, "x"), blockBytes(5, "x")}));
 
-    static thread_local int copies = 0;
+    static int copies;
+    copies = 0;
     kiro::replaceAllocate(
         [](std::size_t size) -> void* { return ++copies == 2 ? nullptr : std::malloc(size); });
     sender->blocks.clear();

@@ -320,6 +320,9 @@ TEST_F(PubSubRequestor, MayBeDestroyedWithRepliesInFlight) {
 }
 
 TEST(MessagesInFlight, DoNotReachADestroyedSender) {
+    support::Recorder received;
+    const auto subscription =
+        subscribe(kiro::web::PubSubFactory::pubsubInstance(), "/sender", received.callback());
     std::atomic<bool> stop = false;
     std::latch started(1);
     std::thread client([&] {
@@ -327,9 +330,6 @@ TEST(MessagesInFlight, DoNotReachADestroyedSender) {
         while (!stop) publish("/sender/channelReady", R"({"binaryChannelStatus":1})");
     });
     started.wait();
-    support::Recorder received;
-    const auto subscription =
-        subscribe(kiro::web::PubSubFactory::pubsubInstance(), "/sender", received.callback());
     for (int i = 0; i < 100; ++i) {
         kiro::web::BootstrappingCommandSender sender("/sender");
         sender.sendCommand("a", {});
