@@ -184,7 +184,8 @@ TEST(BlockingWait, HandsOverBetweenTwoInterpreters) {
         for (int round = 0; round < kRounds; ++round) {
             waitUntil([&] { return turns[self] > 0; });
             --turns[self];
-            (void)enqueue(*other, WhenToDequeue::kWhenIdle, "", [&] { ++turns[1 - self]; });
+            (void)enqueue(*other, WhenToDequeue::kWhenIdle, "",
+                          [&turn = turns[1 - self]] { ++turn; });
         }
     };
     std::thread second(play, 1);
