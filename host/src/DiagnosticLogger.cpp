@@ -88,7 +88,7 @@ struct basic_diagnostic_logger::Impl {
 
 basic_diagnostic_logger::basic_diagnostic_logger(std::string name) {
     auto level = Diagnostics::instance().level(name);
-    fImpl.reset(new Impl{std::move(name), std::move(level)});
+    fImpl = std::make_unique<Impl>(Impl{std::move(name), std::move(level)});
 }
 
 basic_diagnostic_logger::~basic_diagnostic_logger() = default;
