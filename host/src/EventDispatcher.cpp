@@ -59,12 +59,14 @@ struct EventDispatcher::State {
 /// The nodes of `list` that are still active, and `added` behind them; null when there are none.
 EventDispatcher::State::Snapshot EventDispatcher::State::activeOf(
     const Snapshot& list, const std::shared_ptr<const Node>& added) {
+    const auto isActive = [](const auto& node) { return node->active.load(); };
+    const auto numActive =
+        list != nullptr ? std::count_if(list->begin(), list->end(), isActive) : 0;
+    if (numActive == 0 && added == nullptr) return nullptr;
     auto result = std::make_shared<List>();
-    result->reserve((list != nullptr ? list->size() : 0) + 1);
-    if (list != nullptr) {
-        std::copy_if(list->begin(), list->end(), std::back_inserter(*result),
-                     [](const auto& node) { return node->active.load(); });
-    }
+    result->reserve(static_cast<std::size_t>(numActive) + 1);
+    if (numActive > 0)
+        std::copy_if(list->begin(), list->end(), std::back_inserter(*result), isActive);
     if (added != nullptr) result->push_back(added);
     return result->empty() ? nullptr : result;
 }
