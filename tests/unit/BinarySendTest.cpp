@@ -13,6 +13,7 @@
 #include "Fixture.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/PubSubFactory.hpp"
+#include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 
 namespace {
@@ -83,30 +84,26 @@ TEST_F(BinarySend, HandsACopyToTheSenderAndIsSilentAboutADeliveredBlock) {
 }
 
 TEST_F(BinarySend, FallsBackAndWarnsAsTheHostAnswers) {
-    struct {
-        bool fallbackAllowed;
-        std::vector<bool> warnAnswers;  // to the first question, to the second
-    } const cases[] = {{true, {false, true}},
-                       {true, {true, false}},
-                       {false, {false, true}},
-                       {false, {true, false}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.warnAnswers) + (c.fallbackAllowed ? " allowed" : ""));
-        std::size_t asked = 0;
-        const ScopedSettings settings([&](auto& changed) {
-            changed.binaryChannelFallback = c.fallbackAllowed;
-            changed.answerWarnAboutFallback = [&] { return c.warnAnswers.at(asked++); };
-        });
-        const auto sender = refusing();
-        payloadOf({4}).sendUsing(sender, kChannel);
-        EXPECT_EQ(asked, 2U);
-        EXPECT_EQ(sender->warnings.all(), c.warnAnswers[1] ? Lines{kChannel} : Lines());
-        Lines traced{"BinaryData 4 send"};
-        if (c.fallbackAllowed) traced.emplace_back("BinaryData 4 sendFail");
-        EXPECT_EQ(trace.texts(), traced);
-        EXPECT_EQ(published(), c.fallbackAllowed ? Lines{fallback("4 0")} : Lines());
-        client.clear();
-        trace.clear();
+    for (const bool allowed : {false, true}) {
+        for (const bool warn : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "allowed " << allowed << ", warn " << warn);
+            int asked = 0;
+            const ScopedSettings settings([&](auto& changed) {
+                changed.binaryChannelFallback = allowed;
+                // The second answer counts.
+                changed.answerWarnAboutFallback = [&] { return (++asked == 2) == warn; };
+            });
+            const auto sender = refusing();
+            payloadOf({4}).sendUsing(sender, kChannel);
+            EXPECT_EQ(asked, 2);
+            EXPECT_EQ(sender->warnings.all(), warn ? Lines{kChannel} : Lines());
+            Lines traced{"BinaryData 4 send"};
+            if (allowed) traced.emplace_back("BinaryData 4 sendFail");
+            EXPECT_EQ(trace.texts(), traced);
+            EXPECT_EQ(published(), allowed ? Lines{fallback("4 0")} : Lines());
+            client.clear();
+            trace.clear();
+        }
     }
 }
 
@@ -132,18 +129,16 @@ TEST_F(BinarySend, StopsAtAFutureWithoutStateAndAtLackOfMemory) {
 }
 
 TEST_F(BinarySend, SubstitutesANoticeWhenTheFallbackMessageCannotBeBuilt) {
-    struct {
-        std::uint64_t id;
-        const char* whole;
-        const char* rawIdentifier;
-    } const cases[] = {{5, "5 0", "\\u0005"}, {256, "256 0", ""}, {0x4142, "16706 0", "BA"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.id);
+    const std::pair<std::uint64_t, const char*> rawIdentifiers[] = {
+        {5, "\\u0005"}, {256, ""}, {0x4142, "BA"}};
+    for (const auto& [id, raw] : rawIdentifiers) {
+        SCOPED_TRACE(id);
+        const Lines whole{fallback(std::to_string(id) + " 0")};
         std::size_t notices = 0;
         bool failed = true;
         for (std::size_t n = 1; failed; ++n) {
             client.clear();
-            auto payload = payloadOf({c.id});
+            auto payload = payloadOf({id});
             bool threw = false;
             failed = failingNew(n, [&] {
                 try {
@@ -153,12 +148,12 @@ TEST_F(BinarySend, SubstitutesANoticeWhenTheFallbackMessageCannotBeBuilt) {
                 }
             });
             const auto tasks = pendingTasks();
-            if (threw || published() == Lines{fallback(c.whole)}) {
+            if (threw || published() == whole) {
                 EXPECT_TRUE(tasks.empty()) << "allocation " << n;
                 continue;
             }
             ++notices;
-            EXPECT_EQ(published(), Lines{fallback("2 0", c.rawIdentifier)}) << "allocation " << n;
+            EXPECT_EQ(published(), Lines{fallback("2 0", raw)}) << "allocation " << n;
             ASSERT_EQ(tasks.size(), 1U);
             EXPECT_EQ(tasks[0].source, "src/BinaryDataPayload");
             EXPECT_EQ(tasks[0].whenToDequeue, 1);
@@ -167,7 +162,7 @@ TEST_F(BinarySend, SubstitutesANoticeWhenTheFallbackMessageCannotBeBuilt) {
             EXPECT_EQ(warnings.texts(), Lines{"Quarn:graphics:GraphicsBinaryOOM()"});
         }
         EXPECT_GT(notices, 3U);
-        EXPECT_EQ(published(), Lines{fallback(c.whole)}) << "with memory again";
+        EXPECT_EQ(published(), whole) << "with memory again";
     }
 }
 
@@ -213,21 +208,23 @@ TEST_F(BinarySend, ToleratesAStreamThatNeverAnswersOrAnswersWithAnError) {
     EXPECT_EQ(sender.use_count(), 1) << "nothing is held any more";
 }
 
-TEST_F(BinarySend, FallsBackWhenTheStreamIsDestroyedWithSendsUnderWay) {
+TEST_F(BinarySend, FallsBackWhenTheStreamEndsWithItsLastUserAndSendsUnderWay) {
     namespace experimental = relay::binary::experimental;
     std::vector<experimental::Delivery> kept;
     const experimental::ClientEnd clientEnd("/binary", [&kept](experimental::Delivery delivery) {
         kept.push_back(std::move(delivery));
     });
-    auto stream = experimental::createBinaryStream("/binary", {{"returnOnFail", "true"}});
-    const auto sender = std::make_shared<ScriptedSender>(
-        [&stream](DataBuffer&& block) { return stream->send(std::move(block)); });
+    auto sender = createBinaryDataSender("/binary");
     payloadOf({4, 5, 6}).sendUsing(sender, kChannel);
     ASSERT_EQ(kept.size(), 3U);
     kept[1].deliver();
-    stream.reset();
+    sender.reset();
+    EXPECT_EQ(published(), Lines()) << "the registry still holds the stream";
+    BinaryStreamLifeCycle::destroyBinaryStream("/binary");
     EXPECT_EQ(published(), (Lines{fallback("4 0"), fallback("6 0")}));
-    EXPECT_EQ(sender->warnings.size(), 2U);
+    const support::WarningCapture warnings;
+    kirohost::runPendingTasks();
+    EXPECT_EQ(warnings.texts().size(), 2U);
 }
 
 TEST_F(BinarySend, SkipsWhatIsTakenWithoutALogLineButWarns) {

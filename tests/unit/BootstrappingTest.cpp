@@ -116,7 +116,6 @@ TEST_F(Bootstrapping, ReadsEveryAnnouncement) {
                        {R"({"binaryChannelStatus":1.0,"useFastBinary":1.5})", true, false},
                        {R"({"useFastBinary":1,"other":[]})", false, true},
                        {R"({"binaryChannelStatus":"1","useFastBinary":null})", false, false},
-                       {R"({"binaryChannelStatus":1})", true, false},
                        {R"({"binaryChannelStatus":4294967297,"useFastBinary":-1})", false, false},
                        {R"({"binaryChannelStatus":1,"useFastBinary":1})", true, true},
                        {R"({"binaryChannelStatus":1,"useFastBinary":1)", false, false},
