@@ -25,7 +25,9 @@ void writeEvent(const std::string& loggerName, const std::string& source,
 }
 
 ACTRequestor::EventData tokenData(const CompletionToken& token) {
-    return {{"Token Id", token.convertToString()}};
+    ACTRequestor::EventData data;
+    data.emplace("Token Id", token.convertToString());
+    return data;
 }
 
 }  // namespace
@@ -37,6 +39,13 @@ struct ACTRequestor::Impl {
           }),
           name(source + "(" + channel + ")"),
           tokenManager(std::make_shared<CompletionTokenManager>(logFunction)) {}
+
+    void log(std::string event, EventData eventData) const {
+        EventData record;
+        record.emplace("Event", std::move(event));
+        record.emplace("EventData", std::move(eventData));
+        logFunction(std::move(record));
+    }
 
     std::function<void(EventData)> logFunction;
     std::string name;
@@ -58,12 +67,12 @@ std::vector<ACTRequestor::TimeStamps> ACTRequestor::getTimeStampLog() const {
 
 CompletionToken ACTRequestor::checkoutToken() {
     auto token = fImpl->tokenManager->checkoutToken();
-    log("checkoutToken", tokenData(token));
+    fImpl->log("checkoutToken", tokenData(token));
     return token;
 }
 
 void ACTRequestor::sendACT(const CompletionToken& token) {
-    log("sendACT", tokenData(token));
+    fImpl->log("sendACT", tokenData(token));
     doSendACT(token);
 }
 
@@ -125,10 +134,7 @@ void ACTRequestor::clearTimeStampLog() { fImpl->tokenManager->clearTimeStampLog(
 bool ACTRequestor::hasTimeStamps() const { return fImpl->tokenManager->hasTimeStamps(); }
 
 void ACTRequestor::log(const std::string& event, const EventData& eventData) const {
-    EventData record;
-    record.emplace("Event", event);
-    record.emplace("EventData", eventData);
-    fImpl->logFunction(std::move(record));
+    fImpl->log(event, eventData);
 }
 
 std::string ACTRequestor::getDetailsForInternalTimeoutWarning() const { return {}; }

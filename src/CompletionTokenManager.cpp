@@ -42,8 +42,12 @@ void Manager::returnToken(const CompletionToken& token) {
     if (fCurrentToken.isDefaultToken() || !(token == fCurrentToken)) return;
     const annotated::Lock timeStampLock(fTimeStampMutex);
     if (fTimeStampLoggingEnabled) recordTimeStampsLocked(token);
-    fEventCallback({{"Event", "return ACT"},
-                    {"EventData", bedrock::json::Object{{"Token Id", token.convertToString()}}}});
+    bedrock::json::Object eventData;
+    eventData.emplace("Token Id", token.convertToString());
+    bedrock::json::Object event;
+    event.emplace("Event", "return ACT");
+    event.emplace("EventData", std::move(eventData));
+    fEventCallback(std::move(event));
     fCurrentToken = CompletionToken();
     wakeUpQVM();
 }

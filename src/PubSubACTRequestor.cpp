@@ -48,8 +48,10 @@ bedrock::log::basic_diagnostic_logger& actLogger() {
     return *logger;
 }
 
-/// Makes the recorder if the host wants one, and writes a record if there is one.
-void writeLifecycleRecord(const std::string& event, json::Object eventData) {
+/// Makes the recorder if the host wants one, and writes a record if there is one. Mostly there is
+/// none: the event data are made only if there is.
+template <typename MakeData>
+void writeLifecycleRecord(const char* event, const MakeData& makeData) {
     auto& holder = recorderHolder();
     if (GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled()) {
         holder.once.run(
@@ -60,13 +62,14 @@ void writeLifecycleRecord(const std::string& event, json::Object eventData) {
                               {"Source", "PubSubACTRequestor"},
                               {"Channel", ""},
                               {"Event", event},
-                              {"EventData", std::move(eventData)}};
+                              {"EventData", makeData()}};
     kiroutils::Logger::instance().log(kDrawnowTimeoutLog, json::serialize(record));
 }
 
-void writeGuardedLifecycleRecord(const std::string& event, json::Object eventData) {
+template <typename MakeData>
+void writeGuardedLifecycleRecord(const char* event, const MakeData& makeData) {
     const annotated::Lock lock(recorderHolder().mutex);
-    writeLifecycleRecord(event, std::move(eventData));
+    writeLifecycleRecord(event, makeData);
 }
 
 /// A stamp that is absent or no whole number in range leaves `stamp` alone.
@@ -120,7 +123,9 @@ PubSubACTRequestor::PubSubACTRequestor(std::shared_ptr<CommandSenderInterface> s
     : ACTRequestor(kDrawnowTimeoutLog, source, returnChannel),
       fImpl(std::make_unique<Impl>(
           Impl{nullptr, std::move(sender), returnChannel, clientKind, lifecycleTracing})) {
-    writeGuardedLifecycleRecord("Created PubSubACTRequestor", {{"Id", returnChannel}});
+    writeGuardedLifecycleRecord("Created PubSubACTRequestor", [&] {
+        return json::Object{{"Id", returnChannel}};
+    });
     // Weak, so that the subscription does not keep the manager of a destroyed requestor alive.
     fImpl->subscriber = subscribe(
         PubSubFactory::pubsubInstance(), returnChannel,
@@ -132,7 +137,9 @@ PubSubACTRequestor::PubSubACTRequestor(std::shared_ptr<CommandSenderInterface> s
 
 PubSubACTRequestor::~PubSubACTRequestor() {
     try {
-        writeGuardedLifecycleRecord("Destroyed PubSubACTRequestor", {{"Id", fImpl->returnChannel}});
+        writeGuardedLifecycleRecord("Destroyed PubSubACTRequestor", [this] {
+            return json::Object{{"Id", fImpl->returnChannel}};
+        });
     } catch (...) {  // a destructor has nobody to tell
     }
     fImpl->subscriber.reset();
@@ -159,10 +166,13 @@ void PubSubACTRequestor::doSendACT(const CompletionToken& token) {
     JSONPayload payload;
     convertToPayload(payload, token);
     if (fImpl->commandSender == nullptr) return;
-    writeGuardedLifecycleRecord(
-        "Sending ACT", {{"Id", fImpl->returnChannel}, {kTokenKey, token.convertToString()}});
+    writeGuardedLifecycleRecord("Sending ACT", [&] {
+        return json::Object{{"Id", fImpl->returnChannel}, {kTokenKey, token.convertToString()}};
+    });
     // Without the holder's mutex, deliberately, and whatever the annotation holds.
-    writeLifecycleRecord("Logging Annotation", {{"Annotation", getAnnotation()}});
+    writeLifecycleRecord("Logging Annotation", [this] {
+        return json::Object{{"Annotation", getAnnotation()}};
+    });
     fImpl->commandSender->sendCommand("sendACT", std::move(payload));
 }
 
