@@ -2,12 +2,7 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
-#include <charconv>
-#include <cstddef>
-#include <iterator>
 #include <new>
-#include <string_view>
-#include <type_traits>
 #include <utility>
 
 #include "bedrock/json/Value.hpp"
@@ -111,94 +106,48 @@ Value fromBoost(const boost::json::value& value) {
 
 }  // namespace
 
-/// Appends values to a text. Event records are written on the way of every flush, so the text is
-/// made without a tree of Boost.JSON's values in between.
+/// Turns values into Boost.JSON's, whose objects keep the order in which members are put in.
 class Writer {
   public:
-    Writer() { fText.reserve(256); }
-    void write(const Value& value) {
-        std::visit([this](const auto& data) { append(data); }, value.fData);
+    static boost::json::value write(const Value& value) {
+        return std::visit([](const auto& data) { return boost::json::value(toBoost(data)); },
+                          value.fData);
     }
-    [[nodiscard]] std::string take() { return std::move(fText); }
 
   private:
-    void append(std::nullptr_t /*null*/) { fText += "null"; }
-    void append(bool truth) { fText += truth ? "true" : "false"; }
-    void append(double number) { fText += boost::json::serialize(boost::json::value(number)); }
-    template <typename Integer>
-    requires std::is_integral_v<Integer>
-    void append(Integer number) {
-        char digits[24];
-        fText.append(digits, std::to_chars(digits, std::end(digits), number).ptr);
+    template <typename Scalar>
+    static const Scalar& toBoost(const Scalar& scalar) {
+        return scalar;
     }
-    void append(std::string_view text);
-    void append(const std::shared_ptr<const std::string>& text) { append(std::string_view(*text)); }
-    void append(const std::shared_ptr<const Array>& array) {
-        list('[', *array, ']', [this](const Value& element) { write(element); });
+    static boost::json::string toBoost(const std::shared_ptr<const std::string>& text) {
+        return boost::json::string(*text);
     }
-    void append(const std::shared_ptr<const Object>& object) {
-        list('{', *object, '}', [this](const auto& member) {
-            append(std::string_view(member.first));
-            fText += ':';
-            write(member.second);
-        });
+    static boost::json::array toBoost(const std::shared_ptr<const Array>& array) {
+        boost::json::array result;
+        result.reserve(array->size());
+        for (const auto& element : *array) result.push_back(write(element));
+        return result;
     }
-    void append(const std::shared_ptr<const TypedArray>& typed) {
-        fText.append("{\"").append(kData).append("\":");
-        const auto appendNumber = [this](auto number) { append(number); };
-        std::visit([&](const auto& all) { list('[', all, ']', appendNumber); }, *typed);
-        fText.append(",\"").append(kType).append("\":");
-        append(kTypeNames[typed->index()]);
-        fText += '}';
+    static boost::json::object toBoost(const std::shared_ptr<const Object>& object) {
+        boost::json::object result;
+        result.reserve(object->size());
+        for (const auto& [key, member] : *object) result.emplace(key, write(member));
+        return result;
     }
-
-    template <typename Elements, typename AppendElement>
-    void list(char begin, const Elements& elements, char end, const AppendElement& appendElement) {
-        fText += begin;
-        bool isFirst = true;
-        for (const auto& element : elements) {
-            if (!std::exchange(isFirst, false)) fText += ',';
-            appendElement(element);
-        }
-        fText += end;
+    static boost::json::object toBoost(const std::shared_ptr<const TypedArray>& typed) {
+        boost::json::array data;
+        std::visit(
+            [&data](const auto& all) {
+                data.reserve(all.size());
+                for (const auto number : all) data.emplace_back(number);
+            },
+            *typed);
+        boost::json::object result;
+        result.emplace(kData, std::move(data));
+        result.emplace(kType, kTypeNames[typed->index()]);
+        return result;
     }
-
-    std::string fText;
 };
-
-namespace {
-
-/// What follows the backslash: 0 for a character that stands for itself, 'u' for its number.
-constexpr std::array<char, 256> escapes() {
-    std::array<char, 256> result{};
-    for (std::size_t code = 0; code < 0x20; ++code) result[code] = 'u';
-    result['"'] = '"';
-    result['\\'] = '\\';
-    result['\b'] = 'b';
-    result['\f'] = 'f';
-    result['\n'] = 'n';
-    result['\r'] = 'r';
-    result['\t'] = 't';
-    return result;
-}
-
-}  // namespace
-
-void Writer::append(std::string_view text) {
-    static constexpr auto kEscapes = escapes();
-    constexpr std::string_view kHex = "0123456789abcdef";
-    fText += '"';
-    auto copied = text.begin();
-    for (auto next = text.begin(); next != text.end(); ++next) {
-        const auto code = static_cast<unsigned char>(*next);
-        const char escape = kEscapes[code];
-        if (escape == 0) continue;
-        fText.append(copied, next) += {'\\', escape};
-        copied = next + 1;
-        if (escape == 'u') fText += {'0', '0', kHex[code >> 4U], kHex[code & 0xFU]};
-    }
-    fText.append(copied, text.end()) += '"';
-}
 
 std::optional<Value> parse(std::string_view text) {
     boost::json::error_code error;
@@ -207,10 +156,6 @@ std::optional<Value> parse(std::string_view text) {
     return fromBoost(value);
 }
 
-std::string serialize(const Value& value) {
-    Writer writer;
-    writer.write(value);
-    return writer.take();
-}
+std::string serialize(const Value& value) { return boost::json::serialize(Writer::write(value)); }
 
 }  // namespace bedrock::json

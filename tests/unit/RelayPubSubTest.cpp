@@ -178,7 +178,7 @@ TEST_F(ScriptedRelay, aMessageWithoutTextIsAFailedAssertionAndThenAnEmptyPayload
 TEST_F(ScriptedRelay, aServiceThatIsNotThereIsAFailedAssertion) {
     fake = nullptr;
     const support::AssertionCapture assertions;
-    const RelayPubSub endpoint;
+    EXPECT_THROW(RelayPubSub(), std::runtime_error);
     EXPECT_EQ(assertions.texts(), Lines{"src/RelayPubSub:34: fMessageService != nullptr"});
 }
 
