@@ -1,5 +1,4 @@
 #include <boost/signals2/signal.hpp>
-#include <utility>
 
 #include "bedrock/memmgr/leaks.hpp"
 #include "kirohost/Controls.hpp"
@@ -19,7 +18,7 @@ Signal& snapshotEvent() {
 namespace bedrock::memmgr::leaks {
 
 boost::signals2::connection registerListenerForSnapshotEvent(std::function<void()> listener) {
-    return snapshotEvent().connect(std::move(listener));
+    return snapshotEvent().connect(listener);
 }
 
 }  // namespace bedrock::memmgr::leaks

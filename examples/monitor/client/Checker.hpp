@@ -48,9 +48,9 @@ class Checker {
                   const std::string* block);
     void beginFrame(const boost::json::object& command);
     void create(const boost::json::object& command);
-    void setData(const std::string& object, const boost::json::object& command, bool append,
+    void setData(const std::string& target, const boost::json::object& command, bool append,
                  const std::string* block);
-    void setProperty(const std::string& name, const std::string& object,
+    void setProperty(const std::string& name, const std::string& target,
                      const boost::json::object& command);
     /// The name of the object whose handle stands under `key`.
     [[nodiscard]] const std::string& nameOf(const boost::json::object& command,

@@ -1,10 +1,10 @@
 #include "engine/DataSet.hpp"
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <system_error>
 
 #include "engine/CsvReader.hpp"
 
@@ -17,7 +17,9 @@ constexpr double kHighestKm = -10;
 
 EcgRecording readEcg(const std::filesystem::path& file) {
     std::ifstream stream(file, std::ios::binary);
-    if (!stream) throw DataError(file.string() + ": cannot be opened: " + std::strerror(errno));
+    if (!stream)
+        throw DataError(file.string() +
+                        ": cannot be opened: " + std::generic_category().message(errno));
     const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
     if (bytes.empty() || bytes.size() % 2 != 0) {
         throw DataError(file.string() + ": does not hold a whole number of 16-bit samples");

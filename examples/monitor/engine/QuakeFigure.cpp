@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint64_t kQuakeColumns = 4;
 
 std::string withOneDecimal(float value) {
-    std::array<char, 32> text;
+    std::array<char, 32> text{};
     const auto result = std::to_chars(text.data(), text.data() + text.size(), double{value},
                                       std::chars_format::fixed, 1);
     return {text.data(), result.ptr};

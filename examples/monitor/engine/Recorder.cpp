@@ -1,15 +1,16 @@
 #include "engine/Recorder.hpp"
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 namespace monitor::engine {
 
 Recorder::Recorder(const std::filesystem::path& file)
     : fFile(file), fStream(file), fSender(std::make_shared<kiro::web::ExportCommandSender>()) {
     if (!fStream) {
-        throw std::runtime_error(file.string() + ": cannot be written: " + std::strerror(errno));
+        throw std::runtime_error(file.string() +
+                                 ": cannot be written: " + std::generic_category().message(errno));
     }
 }
 
