@@ -67,7 +67,7 @@ diagnostic_record::~diagnostic_record() {
     try {
         fImpl->stream.flush();
         Diagnostics::instance().observers.notify(fImpl->record);
-    } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+    } catch (...) {  // a destructor has nobody to tell
     }
 }
 

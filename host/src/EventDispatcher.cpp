@@ -98,7 +98,7 @@ void EventDispatcher::State::remove(const Node& node) noexcept try {
     if (found == fExact.end()) return;
     replaced = std::exchange(found->second, activeOf(found->second, nullptr));
     if (found->second == nullptr) fExact.erase(found);
-} catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch)
+} catch (const std::bad_alloc&) {
     // The node stays listed, without being called or counted, until the list is next replaced.
 }
 

@@ -30,7 +30,7 @@ class Observers {
             entry->active = false;
             try {
                 change([&entry](List& list) { std::erase(list, entry); });
-            } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch)
+            } catch (const std::bad_alloc&) {
                 // It stays listed, and is not called any more.
             }
         });

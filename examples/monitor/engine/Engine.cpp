@@ -52,7 +52,7 @@ Engine::BlockStream::BlockStream() {
 Engine::BlockStream::~BlockStream() {
     try {
         BinaryStreamLifeCycle::destroyBinaryStream(contract::kBlockChannel);
-    } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+    } catch (...) {  // a destructor has nobody to tell
     }
 }
 
@@ -190,9 +190,9 @@ void Engine::waitUntil(steady_clock::time_point due) {
     try {
         WebBlockingOperation::waitOrThrow("pace", [due] { return steady_clock::now() >= due; },
                                           fClient.status(), {});
-    } catch (const Reconnected&) {  // NOLINT(bugprone-empty-catch)
+    } catch (const Reconnected&) {
         // The frame that follows is sent whole, since the client's watch has seen it too.
-    } catch (const NewView&) {  // NOLINT(bugprone-empty-catch): likewise
+    } catch (const NewView&) {  // likewise
     }
 }
 

@@ -56,7 +56,7 @@ PickReceiver::~PickReceiver() {
         fReceiver->receive({});
         BinaryStreamLifeCycle::destroyBinaryDataReceiver(contract::kPickChannel);
         BinaryStreamLifeCycle::destroyBinaryStream(contract::kPickChannel);
-    } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+    } catch (...) {  // a destructor has nobody to tell
     }
 }
 
