@@ -1,4 +1,4 @@
-# The one home of this project's compiler flags: warnings and sanitizers on a private interface
+# The one home of this project's compiler flags: warnings and instrumentation on a private interface
 # target. Every target of the project links it privately, so consumers never see it.
 add_library(kiroweb_flags INTERFACE)
 add_library(kiroweb::flags ALIAS kiroweb_flags)
@@ -16,6 +16,15 @@ if(KIROWEB_SANITIZE)
     target_compile_options(kiroweb_flags INTERFACE
         -fsanitize=${_sanitize} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(kiroweb_flags INTERFACE -fsanitize=${_sanitize})
+endif()
+if(KIROWEB_BUILD_FUZZ)
+    # Lets a fuzzer see which edges of our code it reaches; the fuzzer itself is linked to its
+    # targets only, see fuzz/.
+    target_compile_options(kiroweb_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+if(KIROWEB_COVERAGE)
+    target_compile_options(kiroweb_flags INTERFACE --coverage -fprofile-update=atomic)
+    target_link_options(kiroweb_flags INTERFACE --coverage)
 endif()
 
 set(CMAKE_CXX_STANDARD 20)

@@ -26,17 +26,20 @@ ChannelInfo readAnnouncement(const PayloadInterface& payload) {
     return {isOne(message, "binaryChannelStatus"), isOne(message, "useFastBinary")};
 }
 
+PubSubInterface::CallbackType createChannelReadyLambda(std::weak_ptr<Impl::StateMachine> weak) {
+    return
+        [weak = std::move(weak)](const std::string& /*channel*/, const PayloadInterface& payload) {
+            const auto info = readAnnouncement(payload);
+            if (const auto stateMachine = weak.lock()) stateMachine->channelReady(info);
+        };
+}
+
 }  // namespace
 
 Impl::Impl(const std::string& name, const std::string& commandListener)
     : fStateMachine(std::make_shared<StateMachine>(name)), fCommandListener(commandListener) {
-    fReadySubscription =
-        subscribe(PubSubFactory::pubsubInstance(), name + "/channelReady",
-                  [weak = std::weak_ptr<StateMachine>(fStateMachine)](
-                      const std::string& /*channel*/, const PayloadInterface& payload) {
-                      const auto info = readAnnouncement(payload);
-                      if (const auto stateMachine = weak.lock()) stateMachine->channelReady(info);
-                  });
+    fReadySubscription = subscribe(PubSubFactory::pubsubInstance(), name + "/channelReady",
+                                   createChannelReadyLambda(fStateMachine));
 }
 
 Impl::~Impl() {

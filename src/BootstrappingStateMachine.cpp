@@ -66,8 +66,9 @@ void StateMachine::sendBinaryDataAsync(binary::BinaryDataPayload&& payload) {
 
 void StateMachine::setBinaryChannelName(const std::string& name) {
     if (name == fBinaryChannelName) return;
-    fBinaryChannelName = name;
+    // The sender first: if it cannot be made, the same name may be tried again.
     fBinarySender = name.empty() ? nullptr : binary::createBinaryDataSender(name);
+    fBinaryChannelName = name;
 }
 
 void StateMachine::removeFinishedAsyncTasksFromCache() {

@@ -15,8 +15,8 @@ std::atomic<bool> PubSubFactory::fDefaultInUse = true;
 namespace {
 
 struct ProcessWideEndpoint {
-    OnceGuard once;
-    std::shared_ptr<PubSubInterface> instance;
+    OnceGuard fOnce;
+    std::shared_ptr<PubSubInterface> fInstance;
 };
 
 /// A service's thread may ask for the endpoint while the process exits.
@@ -39,14 +39,14 @@ void PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn fcn) {
 
 std::shared_ptr<PubSubInterface> PubSubFactory::pubsubInstance() {
     auto& endpoint = processWideEndpoint();
-    endpoint.once.run([&endpoint] {
+    endpoint.fOnce.run([&endpoint] {
         if (fPubSubCreationFcn == nullptr) {
             setPubSubCreationFcn([] { return std::make_shared<RelayPubSub>(); });
             fDefaultInUse = true;
         }
-        endpoint.instance = fPubSubCreationFcn();
+        endpoint.fInstance = fPubSubCreationFcn();
     });
-    return endpoint.instance;
+    return endpoint.fInstance;
 }
 
 std::shared_ptr<PubSubInterface> PubSubFactory::makePubSubWithDefault(

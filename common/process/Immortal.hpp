@@ -3,7 +3,6 @@
 #include <new>
 #include <utility>
 
-
 /// Holds a process-wide object whose destructor never runs: a thread of a service may still use
 /// it while the process exits.
 template <typename T>

@@ -53,7 +53,7 @@ ScopedSettings::ScopedSettings(const std::function<void(kirohost::Settings&)>& c
 ScopedSettings::~ScopedSettings() { kirohost::setSettings(fBefore); }
 
 FakeClock::FakeClock() {
-    fakeTime = std::chrono::hours(24);
+    fakeTime = -std::chrono::hours(24);
     kiro::replaceSteadyClock(&fakeNow);
     kirohost::setSteadyClock(&fakeNow);
 }

@@ -52,7 +52,8 @@ class ScopedSettings {
     kirohost::Settings fBefore;
 };
 
-/// Stands still, for the library and for the host, until a test moves it. One at a time.
+/// Stands still, for the library and for the host, until a test moves it. It starts before every
+/// reading of the real clock, so a wait until a deadline that it gave ends at once. One at a time.
 class FakeClock {
   public:
     FakeClock();

@@ -27,5 +27,6 @@ class KIROHOST_VISIBLE QxError : public std::runtime_error {
                                              const std::vector<std::string>& arguments);
 
 /// True on the host's signal thread: the thread that loaded the host, unless the embedding
-/// program named another.
+/// program named another; true also on a thread that is bound to a further VM, since it is that
+/// VM's own.
 KIROHOST_EXPORT bool utIsSignalThread();

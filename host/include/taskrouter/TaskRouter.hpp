@@ -65,7 +65,8 @@ class PackagedTaskIIP {
                 fPromise.set_value(fRequest.function());
             }
         } catch (...) {
-            fPromise.set_exception(std::current_exception());
+            // Not boost::current_exception(), which slices what derives from a standard exception.
+            fPromise.set_exception(boost::exception_ptr(std::current_exception()));
         }
     }
 

@@ -64,9 +64,9 @@ class KIROHOST_EXPORT Value {
         fData;
 };
 
-/// Parses JSON text (nesting depth at most 32). An object with the members "vxtype" (one of
-/// int64, int32, int16, int8, uint64, uint32, uint16, uint8) and "vxdata" (an array of numbers
-/// that all fit) becomes a typed array; one that does not fit stays an object. Text that is no
+/// Parses JSON text (nesting depth at most 32). An object whose only members are "vxtype"
+/// (one of int64, int32, int16, int8, uint64, uint32, uint16, uint8) and "vxdata" (an array of
+/// numbers that all fit) becomes a typed array; any other stays an object. Text that is no
 /// JSON gives nothing. Throws for lack of memory only. Any thread.
 KIROHOST_EXPORT std::optional<Value> parse(std::string_view text);
 

@@ -1,0 +1,44 @@
+# What `cmake --install` writes: the library, the stand-in host when it is built, their headers, a
+# CMake package and pkg-config files. All of it can be moved to another prefix afterwards.
+include(CMakePackageConfigHelpers)
+
+set(_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kiroweb)
+
+# The host has an export of its own, so that somebody with another host leaves it out.
+if(NOT KIROWEB_HOST_TARGET)
+    install(TARGETS kiroweb_host EXPORT kirowebhostTargets)
+    install(EXPORT kirowebhostTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
+    install(DIRECTORY host/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+            FILES_MATCHING PATTERN "*.hpp")
+endif()
+
+# The host's library lies beside this one, wherever the two are moved.
+set_target_properties(kiroweb PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS kiroweb EXPORT kirowebTargets)
+install(EXPORT kirowebTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
+install(DIRECTORY include/ ${PROJECT_BINARY_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.hpp")
+
+configure_package_config_file(cmake/kirowebConfig.cmake.in kirowebConfig.cmake
+    INSTALL_DESTINATION ${_cmake_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(kirowebConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kirowebConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/kirowebConfigVersion.cmake
+        DESTINATION ${_cmake_dir})
+
+# The .pc files name their prefix relative to where they lie.
+file(RELATIVE_PATH _pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" _pc_to_prefix ${_pc_to_prefix})
+set(_pc_modules kiroweb)
+set(_pc_requires "")
+if(NOT KIROWEB_HOST_TARGET)
+    list(APPEND _pc_modules kirowebhost)
+    set(_pc_requires "kirowebhost = ${PROJECT_VERSION}")
+endif()
+foreach(_module IN LISTS _pc_modules)
+    configure_file(cmake/${_module}.pc.in ${_module}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${_module}.pc
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
+
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})

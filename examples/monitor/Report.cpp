@@ -1,0 +1,181 @@
+#include "Report.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <iomanip>
+#include <ostream>
+#include <sstream>
+
+#include "Contract.hpp"
+
+namespace monitor {
+
+namespace {
+
+using std::chrono::microseconds;
+
+/// The value below which the given share of `values` lies.
+std::string percentile(std::vector<microseconds> values, double share) {
+    if (values.empty()) return "-";
+    const auto index = static_cast<std::size_t>(share * static_cast<double>(values.size() - 1));
+    const auto at = values.begin() + static_cast<std::ptrdiff_t>(index);
+    std::nth_element(values.begin(), at, values.end());
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(3)
+         << std::chrono::duration<double, std::milli>(*at).count() << " ms";
+    return text.str();
+}
+
+std::string bothPercentiles(const std::vector<microseconds>& values) {
+    return percentile(values, 0.5) + " / " + percentile(values, 0.99);
+}
+
+std::uint64_t sumOf(const WarningLog::Counts& counts) {
+    std::uint64_t sum = 0;
+    for (const auto& [what, count] : counts) sum += count;
+    return sum;
+}
+
+std::uint64_t countOf(const WarningLog::Counts& counts, const std::string& key,
+                      const std::string& about) {
+    const auto found = counts.find({key, about});
+    return found == counts.end() ? 0 : found->second;
+}
+
+/// Collects complaints.
+class Judgement {
+  public:
+    void require(bool holds, const std::string& complaint) {
+        if (!holds) fComplaints.push_back(complaint);
+    }
+    void equal(std::uint64_t a, const std::string& whatA, std::uint64_t b,
+               const std::string& whatB) {
+        require(a == b,
+                std::to_string(a) + ' ' + whatA + ", but " + std::to_string(b) + ' ' + whatB);
+    }
+    [[nodiscard]] std::vector<std::string> take() { return std::move(fComplaints); }
+
+  private:
+    std::vector<std::string> fComplaints;
+};
+
+void judgeTraffic(const Run& run, Judgement& judgement) {
+    const auto& sent = run.engine.traffic;
+    const auto& received = run.client.received;
+    judgement.equal(sent.commands, "commands sent", received.commands, "received");
+    judgement.equal(sent.commandBytes, "bytes of commands sent", received.commandBytes, "received");
+    judgement.equal(sent.blocks, "blocks sent", received.streamBlocks + received.textBlocks,
+                    "received");
+    judgement.equal(sent.blockBytes, "bytes of blocks sent", received.blockBytes, "received");
+    judgement.require(run.engine.backlog.commands > 0, "there was no backlog");
+}
+
+void judgeFrames(const Run& run, Judgement& judgement) {
+    const auto& engine = run.engine;
+    judgement.equal(engine.frames, "frames", engine.complete + engine.timedOut,
+                    "complete or timed out");
+    judgement.equal(engine.complete, "frames complete", run.client.tokensAnswered,
+                    "tokens answered");
+    judgement.equal(engine.endedByReconnection, "frames ended by reconnection",
+                    run.client.reconnections, "reconnections");
+    judgement.equal(engine.endedByNewView, "frames ended by a new view", run.client.newViews,
+                    "new views");
+    if (run.script.reconnectAt && engine.frames > *run.script.reconnectAt) {
+        judgement.require(run.client.reconnections == 1, "the client did not reconnect");
+    }
+    if (run.script.newViewAt && engine.frames > *run.script.newViewAt) {
+        judgement.require(run.client.newViews == 1, "the client opened no new view");
+    }
+}
+
+/// Time-outs and failed blocks: as many as were injected, each with its reaction.
+void judgeFaults(const Run& run, Judgement& judgement) {
+    const bool silent = run.options.silent;
+    const std::uint64_t lost = silent ? run.engine.frames : run.client.tokensDropped;
+    const std::string tokens = silent ? "frames for a silent client" : "tokens dropped";
+    const std::string cause =
+        silent ? "a browser handshaking issue" : "an unresponsive browser client";
+    judgement.require(!run.options.losesTokens() || lost > 0, "too few frames: no token was lost");
+    judgement.equal(lost, tokens, run.engine.timedOut, "time-outs");
+    const std::uint64_t timeoutWarnings = countOf(run.warnings, "timeoutDuringDrawnow", cause);
+    judgement.equal(lost, tokens, timeoutWarnings, "warnings \"" + cause + '"');
+    const std::uint64_t internal =
+        countOf(run.warnings, "drawnowTimeout",
+                silent ? "Client may not be connected." : "Client may be connected.");
+    judgement.equal(lost, tokens, internal, "internal warnings");
+    judgement.equal(lost, tokens, run.timeoutHooks, "calls of the time-out hook");
+
+    const std::uint64_t failed = run.client.blocksFailed;
+    judgement.require(run.options.failEvery == 0 || failed > 0, "too few frames: no block failed");
+    judgement.equal(failed, "blocks failed", run.client.received.textBlocks, "blocks as text");
+    const std::uint64_t sendWarnings =
+        countOf(run.warnings, "GraphicsBinarySendFailure", contract::kCommandChannel);
+    judgement.equal(failed, "blocks failed", sendWarnings, "warnings of a failed send");
+
+    judgement.equal(sumOf(run.warnings), "warnings", timeoutWarnings + internal + sendWarnings,
+                    "expected");
+    judgement.equal(run.errorsLogged, "errors logged", 0, "expected");
+}
+
+template <typename Value>
+void row(std::ostream& out, const std::string& name, const Value& value) {
+    constexpr int kWidth = 28;
+    out << std::left << std::setw(kWidth) << name << value << '\n';
+}
+
+std::string trafficText(const engine::Traffic& traffic) {
+    return std::to_string(traffic.commands) + " commands, " + std::to_string(traffic.blocks) +
+           " blocks, " + std::to_string(traffic.commandBytes + traffic.blockBytes) + " bytes";
+}
+
+void printWarnings(std::ostream& out, const Run& run) {
+    row(out, "warnings", sumOf(run.warnings));
+    for (const auto& [what, count] : run.warnings) {
+        out << "  " << count << " x " << what.first;
+        if (!what.second.empty()) out << " (" << what.second << ')';
+        out << '\n';
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> judge(const Run& run) {
+    Judgement judgement;
+    if (!run.options.silent) judgeTraffic(run, judgement);
+    judgeFrames(run, judgement);
+    judgeFaults(run, judgement);
+    const client::Findings& findings = run.client.findings;
+    if (!findings.none()) {
+        judgement.require(false, "the client found faults; the first of them:");
+        for (const std::string& text : findings.texts()) judgement.require(false, "  " + text);
+    }
+    return judgement.take();
+}
+
+void printTable(std::ostream& out, const Run& run) {
+    const auto& engine = run.engine;
+    const auto& client = run.client;
+    row(out, "frames", engine.frames);
+    row(out, "  complete", engine.complete);
+    row(out, "  ended by reconnection", engine.endedByReconnection);
+    row(out, "  ended by new view", engine.endedByNewView);
+    row(out, "  ended by time-out", engine.timedOut);
+    row(out, "commands", engine.traffic.commands);
+    row(out, "blocks", engine.traffic.blocks);
+    row(out, "  received by stream", client.received.streamBlocks);
+    row(out, "  received as text", client.received.textBlocks);
+    row(out, "bytes", engine.traffic.commandBytes + engine.traffic.blockBytes);
+    row(out, "backlog at ready", trafficText(engine.backlog));
+    row(out, "flush latency p50 / p99", bothPercentiles(engine.flushes));
+    row(out, "  of it at the client", bothPercentiles(engine.clientTimes));
+    row(out, "tokens dropped", client.tokensDropped);
+    row(out, "blocks failed", client.blocksFailed);
+    row(out, "picks", client.picks);
+    if (run.options.record) row(out, "lines recorded", run.recordedLines);
+    printWarnings(out, run);
+    row(out, "missing", client.findings.missing());
+    row(out, "out of order", client.findings.outOfOrder());
+    row(out, "wrong content", client.findings.wrong());
+}
+
+}  // namespace monitor

@@ -1,0 +1,199 @@
+#include "engine/Engine.hpp"
+
+#include <string>
+#include <utility>
+
+#include "Contract.hpp"
+#include "component_Quarn/catalog_graphics.hpp"
+#include "engine/DataSet.hpp"
+#include "engine/EcgFigure.hpp"
+#include "engine/Recorder.hpp"
+#include "kiro/web/BootstrappingCommandSender.hpp"
+#include "kiro/web/JSONPayload.hpp"
+#include "kiro/web/PubSubACTRequestor.hpp"
+#include "kiro/web/WebBlockingOperation.hpp"
+#include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
+#include "kiroutils/KiroTerminatingCondition.hpp"
+
+namespace monitor::engine {
+
+using kiro::web::WebBlockingOperation;
+using kiro::web::binary::BinaryStreamLifeCycle;
+using std::chrono::steady_clock;
+
+namespace {
+
+template <typename Key>
+using WaitEnded = bedrock::core::except::Exception<Key, kiroutils::TerminatingConditionException>;
+using Reconnected = WaitEnded<component_Quarn::catalog_graphics::key_reconnect>;
+using NewView = WaitEnded<component_Quarn::catalog_graphics::key_newView>;
+
+/// Ends a wait for an event that came after the frame was begun and before the wait listened.
+struct ClientBegunAnew {
+    ClientWatch::Events events;
+};
+
+std::chrono::microseconds clientTime(
+    const kiroutils::CompletionToken::CompletionTokenTimeStamps& stamps) {
+    if (stamps.clientSend < stamps.clientReceive) return {};
+    return std::chrono::microseconds(stamps.clientSend - stamps.clientReceive);
+}
+
+std::chrono::microseconds since(steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::now() - start);
+}
+
+}  // namespace
+
+Engine::BlockStream::BlockStream() {
+    BinaryStreamLifeCycle::initBinaryStream(contract::kBlockChannel);
+}
+
+Engine::BlockStream::~BlockStream() {
+    try {
+        BinaryStreamLifeCycle::destroyBinaryStream(contract::kBlockChannel);
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+    }
+}
+
+Engine::Engine(const DataSet& data, Recorder* recorder, Hooks hooks)
+    : fRecorder(recorder),
+      fHooks(std::move(hooks)),
+      fSender(std::make_shared<kiro::web::BootstrappingCommandSender>(contract::kCommandChannel)),
+      fRequestor(std::make_unique<kiro::web::PubSubACTRequestor>(
+          fSender, contract::kReturnChannel, "monitor", contract::kClientKind, true)),
+      fOut(senders()) {
+    fSender->setBinaryChannelName(contract::kBlockChannel);
+    fRequestor->enableTimeStampLogging(true);
+    auto quakes = std::make_unique<QuakeFigure>(data);
+    fQuakes = quakes.get();
+    fFigures.push_back(std::make_unique<EcgFigure>(data.ecg));
+    fFigures.push_back(std::move(quakes));
+}
+
+Engine::~Engine() = default;
+
+Outlet::Senders Engine::senders() const {
+    Outlet::Senders all{fSender};
+    if (fRecorder != nullptr) all.push_back(fRecorder->sender());
+    return all;
+}
+
+EngineResult Engine::run(const Pace& pace) {
+    const auto start = steady_clock::now();
+    const auto over = [&](std::uint64_t frame) {
+        return (pace.frames && frame >= *pace.frames) ||
+               (pace.duration && steady_clock::now() - start >= *pace.duration);
+    };
+    for (std::uint64_t frame = 0; !over(frame); ++frame) {
+        if (pace.speed > 0) {
+            const std::chrono::duration<double> offset(
+                static_cast<double>(frame) /
+                (static_cast<double>(contract::kFramesPerSecond) * pace.speed));
+            waitUntil(start + std::chrono::duration_cast<steady_clock::duration>(offset));
+        }
+        drawFrame(frame);
+        ++fResult.frames;
+        if (fHooks.frameOver) fHooks.frameOver(fResult.frames);
+    }
+    fResult.traffic = fOut.countTraffic();
+    return std::move(fResult);
+}
+
+void Engine::drawFrame(std::uint64_t frame) {
+    if (const auto pick = fPicks.take()) fQuakes->pick(*pick);
+    for (const auto& figure : fFigures) figure->advance(frame);
+    for (std::uint64_t attempt = 1;; ++attempt) {
+        sendFrame(frame, attempt);
+        switch (flush()) {
+            case FlushEnd::kComplete:
+                ++fResult.complete;
+                return;
+            case FlushEnd::kTimedOut:
+                // The commands are on their way or queued, in order: only the answer is missing.
+                ++fResult.timedOut;
+                return;
+            case FlushEnd::kReconnection:
+                ++fResult.endedByReconnection;
+                break;
+            case FlushEnd::kNewView:
+                ++fResult.endedByNewView;
+                break;
+        }
+    }
+}
+
+void Engine::sendFrame(std::uint64_t frame, std::uint64_t attempt) {
+    const bool whole = fClient.take().any() || !std::exchange(fClientKnowsFigures, true);
+    fOut.command("beginFrame", [&](kiro::web::JSONPayload& payload) {
+        payload.addDataToPayload("frame", frame);
+        payload.addDataToPayload("attempt", attempt);
+        payload.addDataToPayload("whole", whole);
+    });
+    for (const auto& figure : fFigures) {
+        if (whole) {
+            figure->sendWhole(fOut);
+        } else {
+            figure->sendNew(fOut);
+        }
+    }
+    fRequestor->setAnnotation("frame " + std::to_string(frame) + ", attempt " +
+                              std::to_string(attempt));
+    if (fRecorder != nullptr) fRecorder->write();
+}
+
+Engine::FlushEnd Engine::flush() {
+    fRequestor->clearTimeStampLog();
+    const auto start = steady_clock::now();
+    fRequestor->sendACT();
+    fOut.countTraffic();
+    if (fResult.frames == 0) noteBacklog();
+    const FlushEnd end = waitForToken();
+    if (end == FlushEnd::kComplete) {
+        fResult.flushes.push_back(since(start));
+        fResult.clientTimes.push_back(clientTime(fRequestor->getTimeStampLog().back()));
+    }
+    fSender->removeFinishedAsyncTasksFromCache();
+    return end;
+}
+
+Engine::FlushEnd Engine::waitForToken() {
+    try {
+        WebBlockingOperation::waitOrThrow(
+            "drawnow", [this] { return !fRequestor->isACTPending(); }, fClient.status(),
+            [this] { pump(); });
+    } catch (const Reconnected&) {
+        fRequestor->discardAllTokens();
+        return FlushEnd::kReconnection;
+    } catch (const NewView&) {
+        fRequestor->discardAllTokens();
+        return FlushEnd::kNewView;
+    } catch (const ClientBegunAnew& begunAnew) {
+        fRequestor->discardAllTokens();
+        return begunAnew.events.reconnection ? FlushEnd::kReconnection : FlushEnd::kNewView;
+    }
+    // No token is under way any more. Only one that was returned has left its stamps.
+    return fRequestor->hasTimeStamps() ? FlushEnd::kComplete : FlushEnd::kTimedOut;
+}
+
+void Engine::pump() const {
+    if (fHooks.waiting) fHooks.waiting();
+    // The wait itself reports what comes while it listens, and looks before it pumps.
+    if (const auto events = fClient.peek(); events.any()) throw ClientBegunAnew{events};
+}
+
+void Engine::noteBacklog() {
+    if (!fSender->queryCommandSenderReadyStatus()) fResult.backlog = fOut.countTraffic();
+}
+
+void Engine::waitUntil(steady_clock::time_point due) {
+    try {
+        WebBlockingOperation::waitOrThrow("pace", [due] { return steady_clock::now() >= due; },
+                                          fClient.status(), {});
+    } catch (const Reconnected&) {  // NOLINT(bugprone-empty-catch)
+        // The frame that follows is sent whole, since the client's watch has seen it too.
+    } catch (const NewView&) {  // NOLINT(bugprone-empty-catch): likewise
+    }
+}
+
+}  // namespace monitor::engine

@@ -1,0 +1,122 @@
+#include <atomic>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "Options.hpp"
+#include "Progress.hpp"
+#include "Report.hpp"
+#include "WarningLog.hpp"
+#include "client/HeadlessClient.hpp"
+#include "client/ReferenceData.hpp"
+#include "engine/DataSet.hpp"
+#include "engine/Engine.hpp"
+#include "engine/Recorder.hpp"
+#include "kirohost/Controls.hpp"
+
+namespace {
+
+using namespace monitor;
+
+/// The client begins anew early, twice if there are frames enough.
+client::Script scriptFor(const Options& options) {
+    client::Script script;
+    script.silent = options.silent;
+    script.dropEvery = options.dropEvery;
+    script.failEvery = options.failEvery;
+    if (options.silent) return script;
+    constexpr std::uint64_t kReconnectAt = 10;
+    constexpr std::uint64_t kNewViewAt = 20;
+    const std::uint64_t frames = options.frames.value_or(kNewViewAt + 1);
+    script.reconnectAt = frames > kNewViewAt ? kReconnectAt : (frames - 1) / 2;
+    script.newViewAt = frames > kNewViewAt ? kNewViewAt : frames - 1;
+    if (script.newViewAt == script.reconnectAt) script.newViewAt.reset();
+    return script;
+}
+
+/// Makes the host what the options want: a run that loses tokens is the developers' own host,
+/// which also gets the internal warnings and the recorded history.
+void configureHost(const Options& options,
+                   const std::shared_ptr<std::atomic<std::uint64_t>>& hooks) {
+    auto settings = kirohost::settings();
+    settings.drawnowTimeoutSeconds = options.timeout.count();
+    settings.drawnowTimeoutLogging = options.losesTokens();
+    settings.atOstrel = options.losesTokens();
+    settings.drawnowTimeoutCallback = [hooks] { ++*hooks; };
+    kirohost::setSettings(std::move(settings));
+}
+
+void draw(const engine::DataSet& data, engine::Recorder* recorder, client::HeadlessClient& page,
+          Run& run) {
+    Progress progress(run.options.frames);
+    // Announced from inside the first wait, so that all of the first frame is held back.
+    const engine::Engine::Hooks hooks{
+        [&page, announced = false]() mutable {
+            if (!std::exchange(announced, true)) page.announce();
+        },
+        [&progress](std::uint64_t frames) { progress.frameOver(frames); }};
+    engine::Engine engine(data, recorder, hooks);
+    run.engine = engine.run({run.options.frames, run.options.duration, run.options.speed});
+    kirohost::waitForDelivery();
+    run.client = page.finish();
+    // Warnings that the last frame's blocks may have left.
+    kirohost::runPendingTasks();
+    progress.end();
+}
+
+Run runHeadless(const Options& options) {
+    const engine::DataSet data = engine::readDataSet(options.data);
+    const client::ReferenceData reference = client::readReferenceData(options.data.string());
+    std::optional<engine::Recorder> recorder;
+    if (options.record) recorder.emplace(*options.record);
+
+    Run run;
+    run.options = options;
+    run.script = scriptFor(options);
+    const auto timeoutHooks = std::make_shared<std::atomic<std::uint64_t>>(0);
+    configureHost(options, timeoutHooks);
+    const WarningLog warnings;
+    {
+        client::HeadlessClient page(reference, run.script);
+        draw(data, recorder ? &*recorder : nullptr, page, run);
+    }
+    run.warnings = warnings.counts();
+    run.timeoutHooks = *timeoutHooks;
+    run.errorsLogged = warnings.errorsLogged();
+    if (recorder) run.recordedLines = recorder->lines();
+    return run;
+}
+
+int report(const Run& run) {
+    printTable(std::cout, run);
+    const auto complaints = judge(run);
+    for (const std::string& complaint : complaints) std::cout << complaint << '\n';
+    if (!complaints.empty()) {
+        std::cout << "FAILED" << std::endl;
+        return 1;
+    }
+    std::cout << (run.engine.timedOut == 0 ? "Every frame is complete."
+                                           : "Every fault met its stated reaction.")
+              << std::endl;
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const ParsedOptions parsed = parseOptions(argc, argv);
+        if (!parsed.options) {
+            std::cout << parsed.text;
+            return 0;
+        }
+        return report(runHeadless(*parsed.options));
+    } catch (const OptionError& error) {
+        std::cerr << "monitor: " << error.what() << '\n';
+        return 2;
+    } catch (const std::exception& error) {
+        std::cerr << "monitor: " << error.what() << '\n';
+        return 1;
+    }
+}

@@ -1,0 +1,197 @@
+// What only the stand-in's interpreter has: VMs made at will, a signal thread that can be named,
+// tasks that are run by hand.
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "bedrock/usm/thisthread.hpp"
+#include "graphics_util/getContextQCRID.hpp"
+#include "kirohost/Controls.hpp"
+#include "kiroutils/KiroBlockingOperation.hpp"
+#include "qvm/detail/taskRouterAccess.hpp"
+#include "qvm/messages.hpp"
+#include "taskrouter/TaskRouter.hpp"
+
+namespace {
+
+using kiroutils::KiroBlockingOperation;
+using kiroutils::KiroTerminatingCondition;
+using qnutil::contextmgr::QcrID;
+using taskrouter::WhenToDequeue;
+
+using Lines = std::vector<std::string>;
+
+std::shared_ptr<taskrouter::TaskRouter> routerOf(QcrID context) {
+    return qvm::detail::getTaskRouterAndSinks(context, {}).router;
+}
+
+template <typename Function>
+auto enqueue(taskrouter::TaskRouter& router, WhenToDequeue when, const std::string& source,
+             Function function) {
+    using Result = decltype(function());
+    taskrouter::PackagedTaskIIP<Result> task({std::move(function)}, source);
+    return router.enqueueWithFuture(std::move(task), {when, ""}, qvm::detail::createID());
+}
+
+void waitUntil(std::function<bool()> condition, std::function<void()> pump = nullptr,
+               std::chrono::seconds timeout = std::chrono::seconds::max()) {
+    KiroBlockingOperation::waitOrThrow(
+        std::make_unique<KiroTerminatingCondition>("drawing", std::move(condition), timeout),
+        std::move(pump));
+}
+
+class InterpreterTest : public testing::Test {
+  protected:
+    auto write(const std::string& line, WhenToDequeue when) {
+        return enqueue(*routerOf(vm.context()), when, line, [this, line] { ran.push_back(line); });
+    }
+
+    kirohost::Vm vm;
+    const kirohost::Scope binding = vm.bindThisThread();
+    Lines ran;
+};
+
+TEST_F(InterpreterTest, KeepsTasksForThePromptOutOfAWait) {
+    (void)write("prompt 1", WhenToDequeue::kAtPrompt);
+    (void)write("idle 1", WhenToDequeue::kWhenIdle);
+    (void)write("prompt 2", WhenToDequeue::kAtPrompt);
+    (void)write("idle 2", WhenToDequeue::kWhenIdle);
+    const auto pending = kirohost::pendingTasks(vm.context());
+    ASSERT_EQ(pending.size(), 4U);
+    EXPECT_EQ(pending[1].source, "idle 1");
+    EXPECT_EQ(pending[1].whenToDequeue, 1);
+    EXPECT_EQ(pending[2].source, "prompt 2");
+    EXPECT_LT(pending[0].id, pending[1].id);
+    waitUntil([this] { return ran.size() >= 2; }, [] { kirohost::runPendingTasks(); });
+    EXPECT_EQ(ran, (Lines{"idle 1", "idle 2"}));
+    (void)write("idle 3", WhenToDequeue::kWhenIdle);
+    EXPECT_EQ(kirohost::runPendingTasks(), 3U);
+    EXPECT_EQ(ran, (Lines{"idle 1", "idle 2", "prompt 1", "prompt 2", "idle 3"}));
+}
+
+TEST_F(InterpreterTest, RunsWhatTasksQueueAndLooksAtTheConditionBetween) {
+    const auto router = routerOf(vm.context());
+    std::function<void()> queueAgain = [&] {
+        ran.emplace_back("again");
+        (void)enqueue(*router, WhenToDequeue::kWhenIdle, "", queueAgain);
+    };
+    queueAgain();
+    // A task that queues itself for ever does not keep the wait from its condition.
+    waitUntil([this] { return ran.size() == 5; });
+    queueAgain = [] {};
+    EXPECT_EQ(kirohost::runPendingTasks(), 2U);
+}
+
+TEST_F(InterpreterTest, WaitsForTheTimeThatTheProgramGives) {
+    std::chrono::steady_clock::time_point now;
+    kirohost::setSteadyClock([&now] { return now; });
+    int numRounds = 0;
+    try {
+        waitUntil(
+            nullptr, [&] { now += std::chrono::milliseconds(++numRounds == 1 ? 1999 : 1); },
+            std::chrono::seconds(2));
+        ADD_FAILURE() << "the wait ended normally";
+    } catch (const kiroutils::TerminatingConditionException& error) {
+        EXPECT_STREQ(error.what(), "The wait \"drawing\" timed out after 2 seconds.");
+    }
+    kirohost::setSteadyClock(nullptr);
+    EXPECT_EQ(numRounds, 2);
+}
+
+TEST_F(InterpreterTest, GivesEachVmItsOwnContextAndStorage) {
+    struct Number {
+        int value = 0;
+    };
+    using bedrock::usm::thisthread::findOrInsert;
+    EXPECT_EQ(graphics_util::getContextQCRID(), vm.context());
+    EXPECT_TRUE(utIsSignalThread());
+    findOrInsert<Number>().value = 1;
+    std::thread([this] {
+        EXPECT_FALSE(utIsSignalThread());
+        EXPECT_FALSE(graphics_util::getContextQCRID() == vm.context());
+        EXPECT_EQ(findOrInsert<Number>().value, 0);
+        kirohost::Vm other;
+        auto here = other.bindThisThread();
+        EXPECT_TRUE(utIsSignalThread());
+        EXPECT_EQ(graphics_util::getContextQCRID(), other.context());
+        findOrInsert<Number>().value = 2;
+        here = kirohost::Scope();
+        EXPECT_FALSE(utIsSignalThread());
+    }).join();
+    EXPECT_EQ(findOrInsert<Number>().value, 1);
+}
+
+TEST(Vm, TakesItsTasksAndItsStorageWithIt) {
+    using bedrock::usm::thisthread::findOrInsert;
+    struct Storage {
+        ~Storage() {
+            if (gone != nullptr) *gone = graphics_util::getContextQCRID();
+        }
+        QcrID* gone = nullptr;
+    };
+    auto vm = std::make_unique<kirohost::Vm>();
+    const auto context = vm->context();
+    QcrID destroyedIn;
+    {
+        const auto binding = vm->bindThisThread();
+        findOrInsert<Storage>().gone = &destroyedIn;
+    }
+    const auto router = routerOf(context);
+    auto before = enqueue(*router, WhenToDequeue::kWhenIdle, "", [] { return 1; });
+    vm.reset();
+    EXPECT_EQ(destroyedIn, context);
+    EXPECT_EQ(routerOf(context), nullptr);
+    EXPECT_TRUE(kirohost::pendingTasks(context).empty());
+    auto after = enqueue(*router, WhenToDequeue::kWhenIdle, "", [] { return 1; });
+    EXPECT_THROW(before.get(), boost::broken_promise);
+    EXPECT_THROW(after.get(), boost::broken_promise);
+}
+
+TEST(MainContext, CanBeHiddenWokenAndAdopted) {
+    const auto context = graphics_util::getContextQCRID();
+    {
+        const auto outer = kirohost::hideMainContext();
+        { const auto inner = kirohost::hideMainContext(); }
+        EXPECT_EQ(routerOf(context), nullptr);
+    }
+    EXPECT_NE(routerOf(context), nullptr);
+
+    EXPECT_TRUE(utIsSignalThread());  // this thread has loaded the host
+    std::thread([context] {
+        kirohost::adoptSignalThread();
+        EXPECT_TRUE(utIsSignalThread());
+        kirohost::wakeInterpreter();
+        EXPECT_EQ(kirohost::pendingTasks(context).size(), 1U);
+        EXPECT_EQ(kirohost::runPendingTasks(), 1U);
+    }).join();
+    EXPECT_FALSE(utIsSignalThread());
+    kirohost::adoptSignalThread();
+    EXPECT_TRUE(utIsSignalThread());
+}
+
+TEST(BlockingWait, HandsOverBetweenTwoInterpreters) {
+    constexpr int kRounds = 200;
+    kirohost::Vm vms[2];
+    int turns[2] = {1, 0};  // each changed on its VM's thread only
+    const auto play = [&](int self) {
+        const auto binding = vms[self].bindThisThread();
+        const auto other = routerOf(vms[1 - self].context());
+        for (int round = 0; round < kRounds; ++round) {
+            waitUntil([&] { return turns[self] > 0; });
+            --turns[self];
+            (void)enqueue(*other, WhenToDequeue::kWhenIdle, "", [&] { ++turns[1 - self]; });
+        }
+    };
+    std::thread second(play, 1);
+    play(0);
+    second.join();
+    EXPECT_EQ(kirohost::pendingTasks(vms[0].context()).size(), 1U);
+    EXPECT_EQ(turns[0] + turns[1], 0);
+}
+
+}  // namespace

@@ -1,0 +1,223 @@
+#include "client/Checker.hpp"
+
+#include <gtest/gtest.h>
+
+#include <boost/json.hpp>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/Base64.hpp"
+#include "client/Findings.hpp"
+#include "client/Inbox.hpp"
+#include "client/ReferenceData.hpp"
+#include "engine/DataSet.hpp"
+#include "engine/EcgFigure.hpp"
+#include "engine/Outlet.hpp"
+#include "engine/QuakeFigure.hpp"
+#include "kiro/web/ExportCommandSender.hpp"
+#include "kiro/web/JSONPayload.hpp"
+
+namespace {
+
+using namespace monitor;
+using Conversation = std::vector<std::string>;
+
+const std::string kToken = R"({"ACT":"t","returnChannel":"r","cmd":"sendACT"})";
+
+bool isBlock(const std::string& message) { return message.starts_with(R"({"cmd":"binarydata")"); }
+
+/// What the figures say in their first `frames` frames, the first of which is whole.
+Conversation conversation(std::uint64_t frames) {
+    static const engine::DataSet data = engine::readDataSet(MONITOR_DATA_DIR);
+    const auto sender = std::make_shared<kiro::web::ExportCommandSender>();
+    engine::Outlet out({sender});
+    engine::EcgFigure ecg(data.ecg);
+    engine::QuakeFigure quakes(data);
+    Conversation result;
+    for (std::uint64_t frame = 0; frame < frames; ++frame) {
+        out.command("beginFrame", [frame](kiro::web::JSONPayload& payload) {
+            payload.addDataToPayload("frame", frame);
+            payload.addDataToPayload("attempt", 1);
+            payload.addDataToPayload("whole", frame == 0);
+        });
+        for (engine::Figure* figure :
+             {static_cast<engine::Figure*>(&ecg), static_cast<engine::Figure*>(&quakes)}) {
+            figure->advance(frame);
+            frame == 0 ? figure->sendWhole(out) : figure->sendNew(out);
+        }
+        const auto& texts = sender->getCommandsAsStrings();
+        result.insert(result.end(), texts.begin(), texts.end());
+        result.push_back(kToken);
+        sender->reset();
+    }
+    return result;
+}
+
+/// A client that hears what a test lets it hear.
+class Client {
+  public:
+    Client() = default;
+
+    void hear(const std::string& message) {
+        fInbox.message(message);
+        draw();
+    }
+
+    /// Hears the one block of `message` as if it had come by the stream.
+    void hearAsStream(const std::string& message) {
+        const auto object = boost::json::parse(message).at("data").as_object();
+        const auto& [key, text] = *object.begin();
+        std::string block(8, '\0');
+        const auto id = static_cast<unsigned>(std::stoul(key));
+        for (std::size_t i = 0; i < 4; ++i) block[i] = static_cast<char>(id >> (8 * i));
+        fInbox.streamBlock(block + client::decodeBase64(text.as_string()).value());
+        draw();
+    }
+
+    client::Findings finish() {
+        fInbox.finish();
+        return fFindings;
+    }
+
+    client::Checker& checker() { return fChecker; }
+    [[nodiscard]] int tokens() const { return fTokens; }
+
+  private:
+    void draw() {
+        while (fInbox.next()) ++fTokens;
+    }
+
+    static const client::ReferenceData& data() {
+        static const client::ReferenceData reference = client::readReferenceData(MONITOR_DATA_DIR);
+        return reference;
+    }
+
+    client::Findings fFindings;
+    client::Checker fChecker{data(), fFindings};
+    client::Inbox fInbox{fChecker, fFindings};
+    int fTokens = 0;
+};
+
+client::Findings findingsOf(const Conversation& messages) {
+    Client client;
+    for (const std::string& message : messages) client.hear(message);
+    return client.finish();
+}
+
+TEST(Checker, FindsNothingInAConversationThatIsWhole) {
+    const auto findings = findingsOf(conversation(3));
+    EXPECT_TRUE(findings.none()) << findings.texts().front();
+}
+
+TEST(Checker, FindsWhicheverMessageIsMissing) {
+    const Conversation whole = conversation(3);
+    // Behind the last command nothing tells that it is missing: the monitor counts both ends.
+    for (std::size_t i = 0; i + 2 < whole.size(); ++i) {
+        Conversation messages = whole;
+        messages.erase(messages.begin() + static_cast<std::ptrdiff_t>(i));
+        EXPECT_FALSE(findingsOf(messages).none()) << "without message " << i << ": " << whole[i];
+    }
+}
+
+TEST(Checker, FindsWhicheverTwoCommandsAreSwapped) {
+    Conversation messages = conversation(3);
+    for (std::size_t i = 0; i + 1 < messages.size(); ++i) {
+        // A block may come at any time before the command that names it.
+        if (isBlock(messages[i]) || isBlock(messages[i + 1])) continue;
+        std::swap(messages[i], messages[i + 1]);
+        EXPECT_FALSE(findingsOf(messages).none()) << "with " << i << " swapped";
+        std::swap(messages[i], messages[i + 1]);
+    }
+}
+
+TEST(Checker, FindsWhicheverBlockHasAnotherContent) {
+    const Conversation whole = conversation(3);
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        if (!isBlock(whole[i])) continue;
+        Conversation messages = whole;
+        // The last letter before the closing marks or the padding, and one in the middle.
+        for (const std::size_t at : {whole[i].find_last_not_of("=\"}") - 1, whole[i].size() / 2}) {
+            char& letter = messages[i][at];
+            letter = letter == 'A' ? 'B' : 'A';
+            EXPECT_FALSE(findingsOf(messages).none()) << "message " << i << ", letter " << at;
+            letter = whole[i][at];
+        }
+    }
+}
+
+TEST(Checker, FindsWrongTextsAndLimits) {
+    const std::pair<std::string, std::string> changes[] = {
+        {R"("text":"0 s")", R"("text":"1 s")"},
+        {"81km WNW of Skagway", "82km WNW of Skagway"},
+        {R"("visible":false)", R"("visible":true)"},
+        {R"("type":"line")", R"("type":"path")"},
+        {R"("name":"quakes.coast","parent":")", R"("name":"quakes.coast","parent":"1)"},
+        {R"("x":[-4.96)", R"("x":[-4.86)"},
+        {R"("count":5998)", R"("count":5997)"},
+    };
+    const Conversation whole = conversation(1);
+    for (const auto& [from, to] : changes) {
+        Conversation messages = whole;
+        bool changed = false;
+        for (std::string& message : messages) {
+            const auto at = message.find(from);
+            if (at == std::string::npos) continue;
+            message.replace(at, from.size(), to);
+            changed = true;
+        }
+        ASSERT_TRUE(changed) << from;
+        EXPECT_FALSE(findingsOf(messages).none()) << from;
+    }
+}
+
+TEST(Checker, WantsTheWholeFrameAgainAfterAReconnection) {
+    const Conversation messages = conversation(2);
+    Client client;
+    for (const std::string& message : messages) {
+        client.hear(message);
+        if (message == kToken && client.tokens() == 1) client.checker().expectRepeat();
+    }
+    const auto findings = client.finish();
+    EXPECT_GT(findings.outOfOrder(), 0U);  // the next frame instead of the same
+    EXPECT_GT(findings.wrong(), 0U);       // and not whole
+}
+
+TEST(Inbox, HoldsACommandAndAllBehindItBackUntilItsBlockIsThere) {
+    const Conversation messages = conversation(1);
+    Client client;
+    for (const std::string& message : messages) {
+        if (!isBlock(message)) client.hear(message);
+    }
+    EXPECT_EQ(client.tokens(), 0);
+    // Blocks as text come late by nature: any order will do.
+    for (auto message = messages.rbegin(); message != messages.rend(); ++message) {
+        if (isBlock(*message)) client.hear(*message);
+    }
+    EXPECT_EQ(client.tokens(), 1);
+    EXPECT_TRUE(client.finish().none());
+}
+
+TEST(Inbox, FindsBlocksThatTheStreamHasOvertaken) {
+    const Conversation messages = conversation(1);
+    std::vector<std::string> blocks;
+    for (const std::string& message : messages) {
+        if (isBlock(message)) blocks.push_back(message);
+    }
+    ASSERT_EQ(blocks.size(), 3U);  // samples, the coastline (at any time), earthquakes
+    const auto overtaken = [&](const std::vector<std::size_t>& order) {
+        Client client;
+        for (const std::size_t i : order) client.hearAsStream(blocks[i]);
+        for (const std::string& message : messages) {
+            if (!isBlock(message)) client.hear(message);
+        }
+        return client.finish().outOfOrder();
+    };
+    EXPECT_EQ(overtaken({0, 1, 2}), 0U);
+    EXPECT_EQ(overtaken({1, 0, 2}), 0U);
+    EXPECT_EQ(overtaken({0, 2, 1}), 0U);
+    EXPECT_EQ(overtaken({2, 1, 0}), 1U);
+}
+
+}  // namespace
