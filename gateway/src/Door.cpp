@@ -11,7 +11,7 @@ bool isOneOf(std::string_view text, const std::vector<std::string>& allowed) {
 }
 
 bool isClean(std::string_view text) {
-    return std::ranges::all_of(text, [](char c) { return c > 0x20 && c < 0x7f; });
+    return !text.empty() && std::ranges::all_of(text, [](char c) { return c > 0x20 && c < 0x7f; });
 }
 
 std::string_view trimmed(std::string_view text) {

@@ -33,7 +33,7 @@ struct Verdict {
     unsigned status = 400;
     std::string_view reason;       ///< for the log and the answer's text; holds no secret
     const Asset* asset = nullptr;  ///< for 200
-    std::string cookie{};            ///< for 303: the whole Set-Cookie value
+    std::string cookie{};          ///< for 303: the whole Set-Cookie value
 };
 
 /// Decides who gets in and what is served. It knows no socket. Any thread.

@@ -137,16 +137,14 @@ std::shared_ptr<Page> Hub::resume(const wire::Hello& hello, const std::shared_pt
     }
     welcome.blockChannels = page->blockChannels();
     welcome.subscribed = page->subscriptions();
-    LeavingList leaving;
-    page->reattach(carrier, socket, wire::helloText(welcome, fOptions), hello.last, now, leaving);
     {
         annotated::Lock lock(fMutex);
-        if (auto* view = findLocked(*page)) {
-            *view = {page, true, true, {}, false};
-            static_cast<void>(recountLocked());
-        }
+        if (auto* view = findLocked(*page)) *view = {page, true, true, {}, false};
+        static_cast<void>(recountLocked());
     }
     ++fCounters->returns;
+    LeavingList leaving;
+    page->reattach(carrier, socket, wire::helloText(welcome, fOptions), hello.last, now, leaving);
     release(std::move(leaving));
     fLog.peer("page returned", page->identity().client, now);
     announce(fOptions.reconnectChannel, wire::ViewKind::kReturn, *page);
@@ -171,7 +169,8 @@ std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr
         if (!subscribe(*page, channel)) welcome.refused.push_back(channel);
     }
     welcome.subscribed = page->subscriptions();
-    page->attach(carrier, socket, wire::helloText(welcome, fOptions), now);
+    // Before it gets its connection: when it reads the hello, it counts. What is published
+    // meanwhile waits behind the hello.
     {
         annotated::Lock lock(fMutex);
         fViews.push_back({page, true, true, {}, false});
@@ -179,6 +178,7 @@ std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr
         static_cast<void>(recountLocked());
     }
     ++fCounters->views;
+    page->attach(carrier, socket, wire::helloText(welcome, fOptions), now);
     fLog.peer("page connected", page->identity().client, now);
     announce(fOptions.newViewChannel, welcome.kind, *page);
     return page;
@@ -257,7 +257,8 @@ void Hub::release(LeavingList leaving) {
 }
 
 void Hub::shut() {
-    for (const auto& page : *pages()) {
+    const auto views = pages();
+    for (const auto& page : *views) {
         dismiss(page, wire::CloseCode::kStopped, "gateway stopped");
     }
 }
