@@ -1,8 +1,10 @@
 #include "kirogateway/Gateway.hpp"
 
 #include <boost/json.hpp>
+#include <boost/system/system_error.hpp>
 #include <chrono>
 #include <stdexcept>
+#include <system_error>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -91,8 +93,10 @@ void Gateway::Impl::stop() noexcept {
     link.reset();
 }
 
-Gateway::Gateway(Options options) : fImpl(std::make_unique<Impl>(checked(std::move(options)))) {
+Gateway::Gateway(Options options) try : fImpl(std::make_unique<Impl>(checked(std::move(options)))) {
     fImpl->start();
+} catch (const boost::system::system_error& error) {
+    throw std::system_error(error.code(), error.what());  // a type that needs no Boost to catch
 }
 
 Gateway::~Gateway() { stop(); }

@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::size_t kViewBytes = 16;
 constexpr std::size_t kRememberedEnds = 32;
+constexpr std::size_t kMaxChannelName = 1024;  // what a page may name
 constexpr int kSilencesUntilLost = 3;
 
 std::vector<ChannelList> listsOf(const std::vector<std::vector<std::string>>& lanes) {
@@ -266,21 +267,22 @@ void Hub::shut() {
 // --- What pages do -----------------------------------------------------------------------------
 
 bool Hub::subscribe(Page& page, std::string_view channel) const {
-    if (!fMaySubscribe.covers(channel)) return false;
+    if (channel.size() > kMaxChannelName || !fMaySubscribe.covers(channel)) return false;
     if (page.subscriptionCount() >= fOptions.limits.subscriptions) return false;
     page.subscribe(channel);
     return true;
 }
 
 bool Hub::publish(const std::string& channel, std::string_view text) {
-    if (!fMayPublish.matches(channel)) return false;
+    if (channel.size() > kMaxChannelName || !fMayPublish.matches(channel)) return false;
     ++fCounters->textsReceived;
     fLink->deliver({channel, text.data(), text.size()});
     return true;
 }
 
 bool Hub::publishBlock(const std::string& channel, std::string_view block) {
-    if (fEnd == nullptr || !fMayPublish.matches(channel)) return false;
+    if (fEnd == nullptr || channel.size() > kMaxChannelName) return false;
+    if (!fMayPublish.matches(channel)) return false;
     ++fCounters->blocksReceived;
     const auto capacity = std::max<std::size_t>(block.size(), 1);
     auto* bytes = static_cast<char*>(std::malloc(capacity));

@@ -11,6 +11,7 @@ namespace {
 namespace json = boost::json;
 
 constexpr std::size_t kMaxDepth = 8;
+constexpr std::size_t kMaxClient = 256;
 
 /// Reads members of one message; each error names the member.
 class Members {
@@ -76,6 +77,7 @@ Hello readHello(const Members& members) {
     Hello hello;
     hello.version = members.number("version");
     hello.client = members.textOr("client", {});
+    if (hello.client.size() > kMaxClient) throw std::runtime_error("member \"client\"");
     if (members.has("subscribe")) hello.subscribe = members.texts("subscribe");
     hello.resume = members.flagOr("resume", true);
     hello.view = members.textOr("view", {});

@@ -7,8 +7,6 @@
 namespace kirogateway {
 namespace {
 
-constexpr std::size_t kMaxChannelName = 1024;
-
 template <typename... Handlers>
 struct Overloaded : Handlers... {
     using Handlers::operator()...;
@@ -56,15 +54,13 @@ void Session::hello(const wire::Hello& hello, const std::shared_ptr<Carrier>& se
 }
 
 void Session::publish(const wire::Publish& publish, TimePoint now) {
-    if (publish.channel.size() <= kMaxChannelName && fHub->publish(publish.channel, publish.text)) {
-        return;
-    }
+    if (fHub->publish(publish.channel, publish.text)) return;
     refuse("publish", publish.channel, "not allowed", now);
 }
 
 void Session::subscribe(const wire::Subscribe& subscribe, TimePoint now) {
     for (const auto& channel : subscribe.channels) {
-        if (channel.size() <= kMaxChannelName && fHub->subscribe(*fPage, channel)) continue;
+        if (fHub->subscribe(*fPage, channel)) continue;
         refuse("subscribe", channel, "not allowed, or too many", now);
     }
 }
@@ -77,8 +73,8 @@ void Session::answer(const wire::BlockAnswer& answer, TimePoint now) {
 }
 
 void Session::name(const wire::ChannelName& name) {
-    if (name.number < 1 || name.number > kOwnChannels || name.name.size() > kMaxChannelName) {
-        throw std::runtime_error("member \"number\" or \"name\"");
+    if (name.number < 1 || name.number > kOwnChannels) {
+        throw std::runtime_error("member \"number\"");
     }
     fOwnChannels[name.number - 1] = name.name;
 }

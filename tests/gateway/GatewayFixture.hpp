@@ -72,7 +72,7 @@ class GatewayTest : public testing::Test {
         listen("/returns");
         listen("/up/*");
         fGateway = std::make_unique<kirogateway::Gateway>(fOptions);
-        fCookie = fetchCookie(fGateway->port(), fGateway->link());
+        fCookie = fetchCookie(fGateway->port(), fGateway->link(), fLayer);
     }
     /// Messages on `channel` become events, "channel text".
     void listen(const std::string& channel) {
@@ -97,8 +97,8 @@ class GatewayTest : public testing::Test {
 
     /// A peer that has upgraded.
     Peer connect(int receiveBuffer = 0) {
-        Peer peer(fGateway->port(), receiveBuffer);
-        peer.send(upgradeRequest(fGateway->port(), fCookie));
+        Peer peer(fGateway->port(), receiveBuffer, fLayer);
+        peer.send(upgradeRequest(fGateway->port(), fCookie, {}, fLayer ? "https" : "http"));
         const auto head = peer.readHead();
         EXPECT_TRUE(head.starts_with("HTTP/1.1 101")) << head;
         return peer;
@@ -131,6 +131,7 @@ class GatewayTest : public testing::Test {
         relay::binary::experimental::createBinaryStream("/bin", {{"returnOnFail", "true"}});
     std::unique_ptr<kirogateway::Gateway> fGateway;
     std::string fCookie;
+    LayerMaker fLayer;  ///< of every peer
     boost::json::object fHello;
 };
 

@@ -11,7 +11,8 @@
 
 namespace gatewaytest {
 
-Peer::Peer(std::uint16_t port, int receiveBuffer) : fSocket(::socket(AF_INET, SOCK_STREAM, 0)) {
+Peer::Peer(std::uint16_t port, int receiveBuffer, const LayerMaker& layer)
+    : fSocket(::socket(AF_INET, SOCK_STREAM, 0)) {
     if (receiveBuffer > 0) {
         ::setsockopt(fSocket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     }
@@ -22,6 +23,7 @@ Peer::Peer(std::uint16_t port, int receiveBuffer) : fSocket(::socket(AF_INET, SO
     if (::connect(fSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw std::runtime_error("cannot connect");
     }
+    if (layer) fLayer = layer(fSocket);
 }
 
 Peer::~Peer() {
@@ -30,13 +32,15 @@ Peer::~Peer() {
 
 Peer::Peer(Peer&& other) noexcept
     : fSocket(std::exchange(other.fSocket, -1)),
+      fLayer(std::move(other.fLayer)),
       fBytes(std::move(other.fBytes)),
       fFrames(std::move(other.fFrames)) {}
 
 bool Peer::send(std::string_view bytes) const {
     while (!bytes.empty()) {
-        const auto sent = ::send(fSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent < 0) return false;
+        const auto sent = fLayer ? fLayer->send(bytes.data(), bytes.size())
+                                 : ::send(fSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent <= 0) return false;
         bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
     return true;
@@ -62,7 +66,8 @@ bool Peer::sendFrame(unsigned opcode, std::string_view payload) const {
 
 bool Peer::receive() {
     std::array<char, 65536> buffer{};
-    const auto got = ::recv(fSocket, buffer.data(), buffer.size(), 0);
+    const auto got = fLayer ? fLayer->receive(buffer.data(), buffer.size())
+                            : ::recv(fSocket, buffer.data(), buffer.size(), 0);
     if (got <= 0) return false;
     fBytes.append(buffer.data(), static_cast<std::size_t>(got));
     return true;
@@ -141,18 +146,19 @@ void Peer::cut() {
 
 void Peer::closeWriting() const { ::shutdown(fSocket, SHUT_WR); }
 
-std::string upgradeRequest(std::uint16_t port, std::string_view cookie, std::string_view origin) {
+std::string upgradeRequest(std::uint16_t port, std::string_view cookie, std::string_view origin,
+                           std::string_view scheme) {
     const auto host = "127.0.0.1:" + std::to_string(port);
-    return "GET /kiroweb HTTP/1.1\r\nHost: " + host +
-           "\r\nOrigin: " + (origin.empty() ? "http://" + host : std::string(origin)) +
+    return "GET /kiroweb HTTP/1.1\r\nHost: " + host + "\r\nOrigin: " +
+           (origin.empty() ? std::string(scheme) + "://" + host : std::string(origin)) +
            "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
            "Sec-WebSocket-Protocol: kiroweb.v1\r\nCookie: other=1; " +
            std::string(cookie) + "\r\n\r\n";
 }
 
-std::string fetchCookie(std::uint16_t port, std::string_view link) {
-    Peer peer(port);
+std::string fetchCookie(std::uint16_t port, std::string_view link, const LayerMaker& layer) {
+    Peer peer(port, 0, layer);
     const auto target = link.substr(link.find("/?"));
     peer.send("GET " + std::string(target) +
               " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n\r\n");

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,11 +12,24 @@
 
 namespace gatewaytest {
 
+/// What a peer may have between itself and its socket.
+class Layer {
+  public:
+    Layer() = default;
+    Layer(const Layer&) = delete;
+    Layer& operator=(const Layer&) = delete;
+    virtual ~Layer() = default;
+    virtual long send(const char* from, std::size_t size) = 0;
+    virtual long receive(char* to, std::size_t size) = 0;
+};
+/// Makes one for a socket; an empty function: none.
+using LayerMaker = std::function<std::unique_ptr<Layer>(int)>;
+
 /// A client on a raw loopback socket that does what it is told, right or wrong. All operations
 /// block; a peer that waits for what does not come is ended by the test's time limit.
 class Peer {
   public:
-    explicit Peer(std::uint16_t port, int receiveBuffer = 0);
+    explicit Peer(std::uint16_t port, int receiveBuffer = 0, const LayerMaker& layer = {});
     ~Peer();
     Peer(Peer&& other) noexcept;
     Peer& operator=(Peer&&) = delete;
@@ -50,14 +65,15 @@ class Peer {
     bool receive();
 
     int fSocket = -1;
+    std::unique_ptr<Layer> fLayer;
     std::string fBytes;
     std::deque<Frame> fFrames;
 };
 
 /// A well-formed upgrade for `port`, with the cookie. `origin` empty: the right one.
 std::string upgradeRequest(std::uint16_t port, std::string_view cookie,
-                           std::string_view origin = {});
+                           std::string_view origin = {}, std::string_view scheme = "http");
 /// Exchanges the token of `link` for the cookie, "name=value".
-std::string fetchCookie(std::uint16_t port, std::string_view link);
+std::string fetchCookie(std::uint16_t port, std::string_view link, const LayerMaker& layer = {});
 
 }  // namespace gatewaytest
