@@ -3,15 +3,21 @@
 
 import uPlot from "/uplot/uPlot.esm.js";
 
-import { timesOf } from "./figures.mjs";
+import { SAMPLE_RATE, timesOf } from "./figures.mjs";
 import { PointPicture } from "./points.mjs";
 
 /** @typedef {import("./figures.mjs").Item} Item */
 
 const PIXELS_PER_POINT = 4 / 3;
 const WEIGHTS = { light: 300, normal: 400, demi: 600, bold: 700 };
+/** Pixels of width, below which a figure does without labels, and draws everything smaller. */
 const NARROW = 480;
+const WIDE = 560;
 const AXIS_FONT = "12px system-ui, sans-serif";
+/** Elements of a line, from which on it is drawn as columns. */
+const DENSE = 5000;
+/** Of the axes' width. */
+const LONGEST_TEXT = 0.96;
 const AXIS_SIZE = { x: 44, y: 56 };
 
 /** What all series have: in this mode of uPlot each has its own places on both axes. */
@@ -23,17 +29,27 @@ const SERIES = {
     points: { show: false },
 };
 
-/** @returns {{text: string, grid: string, mark: string}} the page's colours of now */
+/** @returns {{text: string, grid: string, mark: string, ground: string}} the page's colours of now */
 function themeColors() {
     const style = getComputedStyle(document.documentElement);
     const color = (/** @type {string} */ name) => style.getPropertyValue(name).trim();
-    return { text: color("--text"), grid: color("--grid"), mark: color("--mark") };
+    return { text: color("--text"), grid: color("--grid"), mark: color("--mark"), ground: color("--panel") };
 }
 
 /** @param {Item} item @param {string} otherwise */
 function cssColor(item, otherwise) {
     if (!item.hasColor) return otherwise;
     return `rgb(${item.color.map((part) => Math.round(part * 255)).join(" ")})`;
+}
+
+/** Whether a line has many more elements than the chart has pixels. @param {Item} item */
+function isDense(item) {
+    return item.type === "line" && item.count > DENSE;
+}
+
+/** Canvas pixels in a pixel of a figure that is wide enough. @param {uPlot} plot */
+function scaleOf(plot) {
+    return uPlot.pxRatio * Math.min(1, plot.width / WIDE);
 }
 
 /** Pixels of a point's radius, by the earthquake's magnitude. @param {number} magnitude */
@@ -58,6 +74,44 @@ function outline(plot, path) {
         broken = false;
     }
     return stroke;
+}
+
+/** Draws a line with many elements a pixel: what falls into a column of pixels is one bar from the
+ * least to the greatest. Stroking a path that winds so often takes some twenty times as long.
+ * @param {uPlot} plot @param {Item} line @param {{stroke: string, width: number}} style
+ * @returns {null} nothing is left to stroke */
+function fillColumns(plot, line, { stroke, width }) {
+    const { ctx, bbox } = plot;
+    const { values } = line.data;
+    const thick = width * uPlot.pxRatio;
+    const columnOf = (/** @type {number} */ index) =>
+        Math.floor(plot.valToPos((line.first + index) / SAMPLE_RATE, "x", true) - bbox.left);
+    const perElement = (columnOf(values.length) - columnOf(0)) / values.length;
+    const from = Math.max(0, Math.floor(-columnOf(0) / perElement));
+    const begin = plot.valToPos((line.first + from) / SAMPLE_RATE, "x", true);
+    ctx.save();
+    ctx.beginPath();
+    ctx.rect(bbox.left, bbox.top, bbox.width, bbox.height);
+    ctx.clip();
+    ctx.fillStyle = stroke;
+    let least = values[from];
+    let greatest = least;
+    let column = Math.floor(begin);
+    for (let i = from; i <= values.length; ++i) {
+        const here = Math.floor(begin + (i - from) * perElement);
+        if (here !== column || i === values.length) {
+            const top = plot.valToPos(greatest, "y", true);
+            const bottom = plot.valToPos(least, "y", true);
+            ctx.fillRect(column, top - thick / 2, 1, bottom - top + thick);
+            // The next bar begins where this one ends, so that there is no gap.
+            least = greatest = values[i - 1];
+            column = here;
+        }
+        least = Math.min(least, values[i]);
+        greatest = Math.max(greatest, values[i]);
+    }
+    ctx.restore();
+    return null;
 }
 
 /** Points on a canvas of their own, to which those that are appended are added. */
@@ -92,13 +146,13 @@ class PointLayer {
         const perX = picture.width / (Number(x.max) - Number(x.min));
         const perY = picture.height / (Number(y.max) - Number(y.min));
         const { values } = points.data;
-        const ratio = uPlot.pxRatio;
+        const scale = scaleOf(plot);
         for (; this.#drawn < points.count; ++this.#drawn) {
             const at = this.#drawn * points.columns;
             picture.stamp(
                 (values[at] - Number(x.min)) * perX,
                 (Number(y.max) - values[at + 1]) * perY,
-                radiusOf(values[at + 3]) * ratio,
+                radiusOf(values[at + 3]) * scale,
             );
         }
         const pixels = new ImageData(picture.bytes, picture.width, picture.height);
@@ -136,7 +190,7 @@ export class AxesView {
         if (axes !== this.#axes) this.#key = "";
         this.#axes = axes;
         const { children, labels, ticks } = axes;
-        const looks = children.map((c) => [c.handle, c.color, c.hasColor, c.width]);
+        const looks = children.map((c) => [c.handle, c.color, c.hasColor, c.width, isDense(c)]);
         const key = JSON.stringify([labels, ticks, looks]);
         if (key !== this.#key) {
             this.#build();
@@ -231,6 +285,9 @@ export class AxesView {
             stroke: cssColor(item, this.#colors.text),
             width: item.width * PIXELS_PER_POINT,
         };
+        if (item.type === "line" && isDense(item)) {
+            return { ...shared, paths: (plot) => fillColumns(plot, item, shared) };
+        }
         if (item.type === "line") return { ...shared, paths: uPlot.paths.linear?.() };
         if (item.type === "path") {
             return { ...shared, paths: (plot) => ({ stroke: outline(plot, item), flags: 0 }) };
@@ -253,7 +310,7 @@ export class AxesView {
     /** @returns {any} uPlot's types do not know typed arrays in this mode */
     #data() {
         const series = this.#drawn().map((item) => {
-            if (item.type === "line") return [timesOf(item), item.data.values];
+            if (item.type === "line" && !isDense(item)) return [timesOf(item), item.data.values];
             return [item.data.values, item.data.values];
         });
         return [null, ...(series.length > 0 ? series : [[[], []]])];
@@ -262,20 +319,26 @@ export class AxesView {
     /** @param {uPlot} plot */
     #drawTexts(plot) {
         const { ctx, bbox } = plot;
-        const ratio = uPlot.pxRatio;
+        const scale = scaleOf(plot);
         ctx.save();
+        // A rim in the colour of the ground keeps texts readable on what they cover.
+        ctx.strokeStyle = this.#colors.ground;
+        ctx.lineJoin = "round";
+        ctx.lineWidth = 3 * scale;
         for (const item of this.#axes.children) {
             if (item.type !== "text" || !item.visible || !item.text) continue;
             const [across, up] = item.position;
             const { family, points, weight, angle } = item.font;
-            const size = points * PIXELS_PER_POINT * ratio;
+            const size = points * PIXELS_PER_POINT * scale;
             ctx.font = `${angle} ${WEIGHTS[weight] ?? 400} ${size}px ${family}`;
             ctx.fillStyle = cssColor(item, this.#colors.text);
             // A text grows away from the edge that it is near.
             ctx.textAlign = across > 0.5 ? "right" : "left";
             ctx.textBaseline = up > 0.5 ? "top" : "bottom";
             const x = bbox.left + across * bbox.width;
-            ctx.fillText(item.text, x, bbox.top + (1 - up) * bbox.height, bbox.width * 0.96);
+            const y = bbox.top + (1 - up) * bbox.height;
+            ctx.strokeText(item.text, x, y, bbox.width * LONGEST_TEXT);
+            ctx.fillText(item.text, x, y, bbox.width * LONGEST_TEXT);
         }
         if (this.mark) this.#drawMark(plot, this.mark);
         ctx.restore();

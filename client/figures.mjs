@@ -1,7 +1,7 @@
 // What the figures are: objects by their handles, as the commands describe them. Draws nothing.
 
 /** Samples of a line in a second. */
-const SAMPLE_RATE = 360;
+export const SAMPLE_RATE = 360;
 
 /** Numbers that are appended at the end and forgotten at the beginning. */
 export class Numbers {

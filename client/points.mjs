@@ -1,9 +1,9 @@
 // Many points, fast: discs stamped into the bytes of one picture, which only grows while points are
 // appended. A canvas would take many times as long for 100,000 circles, every frame anew.
 
-/** Pixels of a disc's rim, which tells overlapping ones apart. */
-const RIM = 1.2;
-const INSIDE = 0.4;
+/** A disc's rim, which tells overlapping ones apart: the part of its radius. */
+const RIM = 0.25;
+const INSIDE = 0.45;
 /** Discs are drawn at so many sizes a pixel. */
 const STEPS = 2;
 const BYTES_PER_PIXEL = 4;
@@ -19,7 +19,7 @@ function makeStamp(radius) {
         for (let x = 0; x < size; ++x) {
             const distance = Math.hypot(x - half, y - half);
             const covered = Math.min(1, Math.max(0, radius + 0.5 - distance));
-            const onRim = Math.min(1, Math.max(0, distance - (radius - RIM)));
+            const onRim = Math.min(1, Math.max(0, distance - radius * (1 - RIM) + 0.5));
             alpha[y * size + x] = Math.round(255 * covered * Math.max(INSIDE, onRim));
         }
     }
