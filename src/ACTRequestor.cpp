@@ -18,9 +18,10 @@ namespace {
 /// Writes one event record. What the event holds never replaces the three members set here.
 void writeEvent(const std::string& loggerName, const std::string& source,
                 const std::string& channel, ACTRequestor::EventData event) {
-    bedrock::json::Object record{{"LogType", "Server"}, {"Source", source}, {"Channel", channel}};
-    record.merge(event);
-    kiroutils::Logger::instance().log(loggerName, bedrock::json::serialize(std::move(record)));
+    event.insert_or_assign("LogType", "Server");
+    event.insert_or_assign("Source", source);
+    event.insert_or_assign("Channel", channel);
+    kiroutils::Logger::instance().log(loggerName, bedrock::json::serialize(std::move(event)));
 }
 
 ACTRequestor::EventData tokenData(const CompletionToken& token) {
@@ -124,7 +125,10 @@ void ACTRequestor::clearTimeStampLog() { fImpl->tokenManager->clearTimeStampLog(
 bool ACTRequestor::hasTimeStamps() const { return fImpl->tokenManager->hasTimeStamps(); }
 
 void ACTRequestor::log(const std::string& event, const EventData& eventData) const {
-    fImpl->logFunction({{"Event", event}, {"EventData", bedrock::json::Object(eventData)}});
+    EventData record;
+    record.emplace("Event", event);
+    record.emplace("EventData", eventData);
+    fImpl->logFunction(std::move(record));
 }
 
 std::string ACTRequestor::getDetailsForInternalTimeoutWarning() const { return {}; }

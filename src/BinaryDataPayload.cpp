@@ -15,7 +15,6 @@
 #include "Block.hpp"
 #include "InterpreterWarnings.hpp"
 #include "bedrock/log/basic_diagnostic_logger.hpp"
-#include "component_Quarn/catalog_graphics.hpp"
 #include "graphics_state/webSwitches.hpp"
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/PubSubFactory.hpp"
@@ -87,9 +86,7 @@ void sendUsingPubSub(DataBuffer&& block, const std::string& channel) {
     const DataID id = blockID(owned);
     auto message = fallbackMessage(id, owned);
     if (!message) {
-        postWarning(
-            bedrock::core::messageId<component_Quarn::catalog_graphics::key_GraphicsBinaryOOM>(),
-            {}, "src/BinaryDataPayload");
+        postOutOfMemoryWarning("src/BinaryDataPayload");
         message.emplace(outOfMemoryMessage(id));
     }
     PubSubFactory::pubsubInstance()->publish(channel, *message);

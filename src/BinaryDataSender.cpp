@@ -43,9 +43,7 @@ class BinaryDataSender : public BinaryDataSenderInterface {
                     kSource);
     }
 
-    void warnAboutOOMFailure() override {
-        postWarning(bedrock::core::messageId<catalog::key_GraphicsBinaryOOM>(), {}, kSource);
-    }
+    void warnAboutOOMFailure() override { postOutOfMemoryWarning(kSource); }
 
   private:
     std::shared_ptr<relay::binary::experimental::BinaryStream> fStream;

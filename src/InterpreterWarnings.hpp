@@ -13,4 +13,8 @@ namespace kiro::web::binary {
 void postWarning(const bedrock::core::MessageId& id, std::vector<std::string> arguments,
                  const char* source);
 
+/// As above, that a block could not be sent for lack of memory. Without the memory to post even
+/// that, nothing happens.
+void postOutOfMemoryWarning(const char* source);
+
 }  // namespace kiro::web::binary

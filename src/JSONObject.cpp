@@ -176,8 +176,9 @@ std::vector<std::string> JSONObject::getNames() const {
 
 JSONObject JSONObject::getObject(const std::string& key) const {
     const auto* value = fImpl->find(key);
-    return JSONObject(std::make_unique<Impl>(value != nullptr ? boost::json::value(*value)
-                                                              : boost::json::value()));
+    const bool isObject = value != nullptr && value->is_object();
+    return JSONObject(
+        std::make_unique<Impl>(isObject ? boost::json::value(*value) : boost::json::value()));
 }
 
 #define KIROWEB_READS(...) \

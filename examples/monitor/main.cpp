@@ -96,8 +96,8 @@ int report(const Run& run) {
         std::cout << "FAILED" << std::endl;
         return 1;
     }
-    std::cout << (run.engine.timedOut == 0 ? "Every frame is complete."
-                                           : "Every fault met its stated reaction.")
+    const bool faults = run.options.losesTokens() || run.options.failEvery != 0;
+    std::cout << (faults ? "Every fault met its stated reaction." : "Every frame is complete.")
               << std::endl;
     return 0;
 }

@@ -38,7 +38,7 @@ class TaskQueue final : public taskrouter::TaskRouter {
   private:
     struct Entry {
         taskrouter::QueuedTask task;
-        std::uint64_t number;
+        std::uint64_t number = 0;
     };
     using Entries = std::deque<Entry>;
 

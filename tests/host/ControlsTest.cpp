@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <boost/signals2/connection.hpp>
 #include <future>
 #include <locale>
 #include <string>
@@ -15,11 +14,7 @@
 
 #include "bedrock/core/diag/assertion.hpp"
 #include "bedrock/log/basic_diagnostic_logger.hpp"
-#include "bedrock/memmgr/leaks.hpp"
-#include "bedrock/text/convertUTF16.hpp"
 #include "component_Quarn/catalog_graphics.hpp"
-#include "graphics_state/GraphicsState.hpp"
-#include "graphics_state/webSwitches.hpp"
 #include "kiroutils/Logger.hpp"
 #include "qvm/messages.hpp"
 
@@ -32,9 +27,7 @@ TEST(Observers, SeeWarningsWithArgumentsTextAndThread) {
     auto scope =
         kirohost::observeWarnings([&seen](const auto& warning) { seen.push_back(warning); });
     qxWarningMsgId({"Quarn:graphics", "GraphicsBinarySendFailure"}, {"/b"});
-    auto moved = std::move(scope);
-    qxWarningMsgId({"Un", "known"}, {"x", "y"});
-    moved = kirohost::Scope();
+    const auto moved = std::move(scope);
     qxWarningMsgId({"Un", "known"}, {"x", "y"});
     ASSERT_EQ(seen.size(), 2U);
     EXPECT_EQ(seen[0].id.key, "GraphicsBinarySendFailure");
@@ -101,76 +94,15 @@ TEST(Diagnostics, FilterByLevelAndWriteInTheClassicLocale) {
     kirohost::setDiagnosticLevel("d", 4);
 }
 
-TEST(Diagnostics, TakeManyThreads) {
-    std::atomic<int> numSeen = 0;
-    const auto scope = kirohost::observeDiagnostics([&numSeen](const auto& record) {
-        if (record.text == "number 7") ++numSeen;
-    });
-    std::vector<std::thread> threads;
-    for (int number = 0; number < 3; ++number) {
-        threads.emplace_back([] {
-            const bedrock::log::basic_diagnostic_logger logger("shared");
-            for (int round = 0; round < 100; ++round) logger.record(1) << "number " << 7UL;
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(numSeen, 300);
-}
-
 TEST(Assertions, EndTheProcessUnlessAPolicySaysOtherwise) {
     using bedrock::core::diag::assertionFailed;
     const auto fail = [] { assertionFailed("a != b", "src/X", 12, "void x()"); };
-    EXPECT_DEATH(fail(), "Assertion failed: a != b, src/X:12, void x\\(\\)\n$");
-    std::vector<kirohost::FailedAssertion> seen;
     {
-        const auto reporting =
-            kirohost::setAssertionPolicy(kirohost::AssertionPolicy::kReport,
-                                         [&seen](const auto& failed) { seen.push_back(failed); });
+        const auto policy =
+            kirohost::setAssertionPolicy(kirohost::AssertionPolicy::kReport, nullptr);
         fail();
-        ASSERT_EQ(seen.size(), 1U);
-        EXPECT_EQ(seen[0].condition + seen[0].source + seen[0].function, "a != bsrc/Xvoid x()");
-        EXPECT_EQ(seen[0].line, 12);
-        EXPECT_DEATH(bedrock::core::diag::terminate("c", "src/Y", 1, "f"),
-                     "Terminated: c, src/Y:1, f");
-        const auto ending =
-            kirohost::setAssertionPolicy(kirohost::AssertionPolicy::kEndProcess, nullptr);
-        EXPECT_DEATH(fail(), "a != b");
     }
-    EXPECT_DEATH(fail(), "a != b");
-}
-
-TEST(Settings, BeginWithTheirDefaultsAndAreAskedEachTime) {
-    EXPECT_FALSE(kiro::web::usingBinaryChannelForCommands());
-    EXPECT_TRUE(kiro::web::usingBinaryChannelFallback());
-    EXPECT_TRUE(kiro::web::warnAboutBinaryChannelFallback());
-    EXPECT_EQ(GraphicsState::kiroGetDrawnowTimeout(), 60);
-    EXPECT_FALSE(GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled());
-    EXPECT_FALSE(GraphicsState::isAtOstrel());
-    GraphicsState::kiroInvokeDrawnowTimeoutCallback();
-
-    int numCalls = 0;
-    bool answer = false;
-    kirohost::setSettings({.binaryChannelForCommands = true,
-                           .binaryChannelFallback = false,
-                           .warnAboutFallback = true,
-                           .drawnowTimeoutSeconds = 5,
-                           .drawnowTimeoutLogging = true,
-                           .atOstrel = true,
-                           .drawnowTimeoutCallback = [&numCalls] { ++numCalls; },
-                           .answerWarnAboutFallback = [&answer] { return answer; }});
-    EXPECT_TRUE(kiro::web::usingBinaryChannelForCommands());
-    EXPECT_FALSE(kiro::web::usingBinaryChannelFallback());
-    EXPECT_FALSE(kiro::web::warnAboutBinaryChannelFallback());
-    answer = true;
-    EXPECT_TRUE(kiro::web::warnAboutBinaryChannelFallback());
-    EXPECT_EQ(GraphicsState::kiroGetDrawnowTimeout(), 5);
-    EXPECT_TRUE(GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled());
-    EXPECT_TRUE(GraphicsState::isAtOstrel());
-    kirohost::setSettings(kirohost::settings());
-    GraphicsState::kiroInvokeDrawnowTimeoutCallback();
-    EXPECT_EQ(numCalls, 1);
-    kirohost::setSettings({});
-    EXPECT_EQ(GraphicsState::kiroGetDrawnowTimeout(), 60);
+    EXPECT_DEATH(fail(), "Assertion failed: a != b, src/X:12, void x\\(\\)\n$");
 }
 
 TEST(Catalogue, KnowsEveryKeyAndFillsInItsArguments) {
@@ -180,33 +112,12 @@ TEST(Catalogue, KnowsEveryKeyAndFillsInItsArguments) {
     };
     EXPECT_EQ(text(key_drawnowTimeout(), {"6", "r", "t", "{0}"}),
               "No answer came within 6 seconds. Requestor: r. Token: t. Details: {0}");
-    const Lines one = {"<x>"};
-    EXPECT_NE(text(key_timeoutDuringDrawnow(), one).find("<x>"), std::string::npos);
-    EXPECT_NE(text(key_GraphicsBinarySendFailure(), one).find("<x>"), std::string::npos);
-    EXPECT_NE(text(key_newView(), one).find("<x>"), std::string::npos);
-    EXPECT_NE(text(key_reconnect(), one).find("<x>"), std::string::npos);
-    EXPECT_EQ(text(key_GraphicsBinaryOOM(), {}).find("Quarn"), std::string::npos);
     EXPECT_EQ(text(key_newView(), {}), "The wait was ended by an event of the page: .");
-    try {
-        qxErrMsgId({"Quarn:class", "InvalidHandle"}, {});
-    } catch (const QxError& error) {
-        EXPECT_STREQ(error.what(), "Invalid or deleted object.");
+    for (const auto& known :
+         {text(key_timeoutDuringDrawnow(), {}), text(key_reconnect(), {}),
+          text(key_GraphicsBinarySendFailure(), {}), text(key_GraphicsBinaryOOM(), {})}) {
+        EXPECT_EQ(known.find("Quarn"), std::string::npos) << known;
     }
-}
-
-TEST(MemorySnapshot, CallsItsListenersWhileTheyAreConnected) {
-    int numCalls = 0;
-    {
-        const boost::signals2::scoped_connection connection(
-            bedrock::memmgr::leaks::registerListenerForSnapshotEvent([&numCalls] { ++numCalls; }));
-        kirohost::takeMemorySnapshot();
-    }
-    kirohost::takeMemorySnapshot();
-    EXPECT_EQ(numCalls, 1);
-}
-
-TEST(CharsetConverter, RefusesOtherCharsets) {
-    EXPECT_THROW(bedrock::text::CharsetConverter("latin1"), std::invalid_argument);
 }
 
 }  // namespace

@@ -66,53 +66,35 @@ struct RecordingTransport final : relay::Transport {
     Lines lines;
 };
 
-TEST(Transport, SeesTheOrderThatTheSubscribersSee) {
+TEST(Transport, SeesTheOrderThatTheSubscribersSeeAndWhatOtherTransportsDeliver) {
     const auto service = makeService();
     const auto transport = std::make_shared<RecordingTransport>();
+    const auto other = std::make_shared<RecordingTransport>();
     auto link = relay::getRelay().attach(transport);
+    const auto otherLink = relay::getRelay().attach(other);
     Lines heard;
     const auto subscription = service->subscribe("/order/*", into(heard)).get();
     {
         std::vector<std::jthread> publishers;
-        for (const char name : {'a', 'b', 'c'}) {
-            publishers.emplace_back([&service, name] {
-                for (int number = 0; number < 500; ++number) {
-                    publish(*service, std::string("/order/") + name, std::to_string(number));
-                }
+        for (const char* channel : {"/order/a", "/order/b", "/order/c"}) {
+            publishers.emplace_back([&service, channel] {
+                for (int i = 0; i < 500; ++i) publish(*service, channel, std::to_string(i));
             });
         }
     }
     kirohost::waitForDelivery();
+    EXPECT_EQ(heard.size(), 1500U);
+    EXPECT_EQ(transport->lines, heard);
+    const std::string channel = "/order/outside";
+    otherLink->deliver({channel, "1", 1});
+    kirohost::waitForDelivery();
+    EXPECT_EQ(heard.back(), "/order/outside 1");
+    EXPECT_EQ(transport->lines, heard);
+    EXPECT_EQ(other->lines.size(), 1500U) << "it does not hear itself";
     link.reset();
     publish(*service, "/order/a", "after the transport");
     kirohost::waitForDelivery();
-    EXPECT_EQ(heard.size(), 1501U);
-    EXPECT_EQ(heard.back(), "/order/a after the transport");
-    heard.pop_back();
-    EXPECT_EQ(transport->lines, heard);
-    for (const char name : {'a', 'b', 'c'}) {
-        int next = 0;
-        for (const auto& text : heard) {
-            if (text[7] != name) continue;
-            EXPECT_EQ(text.substr(9), std::to_string(next++));
-        }
-    }
-}
-
-TEST(Transport, DeliversToSubscribersAndToTheOtherTransports) {
-    const auto service = makeService();
-    const auto one = std::make_shared<RecordingTransport>();
-    const auto other = std::make_shared<RecordingTransport>();
-    const auto oneLink = relay::getRelay().attach(one);
-    const auto otherLink = relay::getRelay().attach(other);
-    Lines heard;
-    const auto subscription = service->subscribe("/outside", into(heard)).get();
-    const std::string channel = "/outside";
-    oneLink->deliver({channel, "1", 1});
-    kirohost::waitForDelivery();
-    EXPECT_EQ(heard, Lines{"/outside 1"});
-    EXPECT_EQ(one->lines, Lines{});
-    EXPECT_EQ(other->lines, Lines{"/outside 1"});
+    EXPECT_EQ(transport->lines.size(), 1501U);
 }
 
 TEST(MessageBus, LogsWhatAHandlerThrowsInOneLineAndGoesOn) {
@@ -122,15 +104,11 @@ TEST(MessageBus, LogsWhatAHandlerThrowsInOneLineAndGoesOn) {
     });
     const auto service = makeService("named");
     int calls = 0;
-    const auto subscription = service
-                                  ->subscribe("/throwing\n/*",
-                                              [&calls](const JsonMessage&) {
-                                                  if (++calls == 1) throw 1;
-                                                  std::string what =
-                                                      "two\nlines " + std::string(199, 'x');
-                                                  throw std::runtime_error(what + "\xe2\x82\xac");
-                                              })
-                                  .get();
+    const Handler thrower = [&calls](const JsonMessage&) {
+        if (++calls == 1) throw 1;
+        throw std::runtime_error("two\nlines " + std::string(199, 'x') + "\xe2\x82\xac");
+    };
+    const auto subscription = service->subscribe("/throwing\n/*", thrower).get();
     publish(*service, "/throwing\n/", "{}");
     publish(*service, "/throwing\n/", "{}");
     kirohost::waitForDelivery();
@@ -138,22 +116,6 @@ TEST(MessageBus, LogsWhatAHandlerThrowsInOneLineAndGoesOn) {
         R"(The message handler of channel "/throwing\x0a/" in service "named" threw )";
     EXPECT_EQ(logged, (Lines{who + "something that is no std::exception",
                              who + R"("two\x0alines )" + std::string(190, 'x') + "\"..."}));
-}
-
-TEST(MessageBus, CarriesOddChannelsAndAbsentTexts) {
-    const auto service = makeService();
-    const std::string odd(100000, '*');
-    const void* json = &odd;
-    Lines heard;
-    const auto empty =
-        service->subscribe("/absent", [&json](const JsonMessage& message) { json = message.json; })
-            .get();
-    const auto subscription = service->subscribe(odd, into(heard)).get();
-    (void)service->publish("/absent", {"/absent", nullptr, 0});
-    publish(*service, odd, "");
-    kirohost::waitForDelivery();
-    EXPECT_EQ(json, nullptr);
-    EXPECT_EQ(heard, Lines{odd + " "});
 }
 
 TEST(MessageBus, ServesASubscriptionAddedOrDestroyedDuringTheSameMessageByItsRules) {
@@ -179,29 +141,11 @@ TEST(MessageBus, ServesASubscriptionAddedOrDestroyedDuringTheSameMessageByItsRul
     EXPECT_EQ(heard.size(), 3U);
 }
 
-TEST(MessageBus, CanBeReplacedAndComesBack) {
-    Lines asked;
-    auto older = kirohost::replaceMessageService([&asked](const std::string& name) {
-        asked.push_back("older " + name);
-        return relay::makeReadyFuture<std::shared_ptr<MessageService>>(nullptr);
-    });
-    auto younger = kirohost::replaceMessageService([&asked](const std::string& name) {
-        asked.push_back("younger " + name);
-        return relay::makeReadyFuture<std::shared_ptr<MessageService>>(nullptr);
-    });
-    EXPECT_EQ(createMessageService("a", {}).get(), nullptr);
-    younger = {};
-    EXPECT_EQ(createMessageService("b", {}).get(), nullptr);
-    EXPECT_EQ(asked, (Lines{"younger a", "older b"}));
-    older = {};
-    EXPECT_NE(makeService(), nullptr);
-}
-
 /// A client end that keeps what arrives, with the engine's end of the same channel.
 struct Ends {
-    explicit Ends(const std::string& channel, const std::string& returnOnFail = "true")
+    explicit Ends(const std::string& channel)
         : client(channel, [this](Delivery delivery) { deliveries.push_back(std::move(delivery)); }),
-          stream(createBinaryStream(channel, {{"returnOnFail", returnOnFail}})) {}
+          stream(createBinaryStream(channel, {{"returnOnFail", "true"}})) {}
 
     std::vector<Delivery> deliveries;
     ClientEnd client;
@@ -210,19 +154,15 @@ struct Ends {
 
 TEST(ClientEnd, KeepsADeliveryReadableBeyondTheStream) {
     Ends ends("/kept");
-    auto first = ends.stream->send(bufferOf("first"));
-    auto second = ends.stream->send(bufferOf("second"));
     Lines completed;
-    auto firstDone = first.then([&completed](relay::Future<SendResult>&& future) {
-        completed.push_back(bytesOf(future.get().buffer));
-    });
-    auto secondDone = second.then([&completed](relay::Future<SendResult>&& future) {
-        completed.push_back(bytesOf(future.get().buffer));
-    });
-    const DataBuffer& block = ends.deliveries[0].block();
+    for (const char* bytes : {"first", "second"}) {
+        (void)ends.stream->send(bufferOf(bytes)).then([&completed](auto&& future) {
+            completed.push_back(bytesOf(future.get().buffer));
+        });
+    }
     ends.stream.reset();
     EXPECT_EQ(completed, (Lines{"first", "second"}));
-    EXPECT_EQ(bytesOf(block), "first");
+    EXPECT_EQ(bytesOf(ends.deliveries[0].block()), "first");
     EXPECT_EQ(ends.deliveries[1].channel(), "/kept");
     ends.deliveries[0].deliver();
     ends.deliveries.clear();
@@ -318,24 +258,7 @@ TEST(ClientEnd, SendsToEveryStreamOfTheChannel) {
     client.send("/many/a", bufferOf("1"));
     two.reset();
     client.send("/many/a", bufferOf("2"));
-    one->receive(nullptr);
-    client.send("/many/a", bufferOf("3"));
-    client.send("/many/nobody", bufferOf("4"));
     EXPECT_EQ(got, (Lines{"one 1", "two 1", "one 2"}));
-}
-
-TEST(BinaryStream, CanBeReplaced) {
-    Lines asked;
-    auto scope =
-        kirohost::replaceBinaryStream([&asked](const std::string& channel, bool returnOnFail) {
-            asked.push_back(channel + (returnOnFail ? " back" : " lost"));
-            return std::shared_ptr<BinaryStream>();
-        });
-    EXPECT_EQ(createBinaryStream("/a", {{"returnOnFail", "true"}}), nullptr);
-    EXPECT_EQ(createBinaryStream("/b", {{"returnOnFail", "yes"}}), nullptr);
-    scope = {};
-    EXPECT_NE(createBinaryStream("/c", {}), nullptr);
-    EXPECT_EQ(asked, (Lines{"/a back", "/b lost"}));
 }
 
 // --- Process exit: each runs in a process of its own ---------------------------------------------
@@ -355,13 +278,11 @@ class ProcessExit : public testing::Test {
     std::promise<void> entered;
     std::promise<void> never;
     int calls = 0;
-    const auto subscription = service
-                                  ->subscribe("/exit",
-                                              [&entered, &never, &calls](const JsonMessage&) {
-                                                  if (++calls == 1) entered.set_value();
-                                                  never.get_future().wait();
-                                              })
-                                  .get();
+    const Handler handler = [&entered, &never, &calls](const JsonMessage&) {
+        if (++calls == 1) entered.set_value();
+        never.get_future().wait();
+    };
+    const auto subscription = service->subscribe("/exit", handler).get();
     for (int number = 0; number < 1000; ++number) publish(*service, "/exit", "{}");
     entered.get_future().wait();
     std::exit(0);
@@ -371,13 +292,11 @@ class ProcessExit : public testing::Test {
     const auto service = makeService();
     std::promise<void> delivered;
     std::atomic<int> calls{0};
-    const auto subscription = service
-                                  ->subscribe("/exit",
-                                              [&service, &delivered, &calls](const JsonMessage&) {
-                                                  publish(*service, "/exit", "{}");
-                                                  if (++calls == 100) delivered.set_value();
-                                              })
-                                  .get();
+    const Handler handler = [&service, &delivered, &calls](const JsonMessage&) {
+        publish(*service, "/exit", "{}");
+        if (++calls == 100) delivered.set_value();
+    };
+    const auto subscription = service->subscribe("/exit", handler).get();
     for (int number = 0; number < 100; ++number) publish(*service, "/exit", "{}");
     std::thread([service] {
         for (;;) publish(*service, "/exit", "{}");

@@ -3,11 +3,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
-#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Collector.hpp"
+#include "kiro/web/binary/BinaryDataPayload.hpp"
 #include "kiro/web/binary/BinaryDataSender.hpp"
 #include "relay/Future.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
@@ -32,7 +33,7 @@ inline std::string bytesOf(const DataBuffer& block) {
 }
 
 /// The block of `id` and `data` as bytes.
-inline std::string blockBytes(std::uint64_t id, const std::string& data) {
+inline std::string blockBytes(std::uint64_t id, const std::string& data = "x") {
     std::string bytes;
     for (unsigned shift = 0; shift < 64; shift += 8) {
         bytes += static_cast<char>((id >> shift) & 0xFFU);
@@ -40,48 +41,42 @@ inline std::string blockBytes(std::uint64_t id, const std::string& data) {
     return bytes + data;
 }
 
+/// A block "x" for each of `ids`.
+inline kiro::web::binary::BinaryDataPayload payloadOf(const std::vector<std::uint64_t>& ids) {
+    kiro::web::binary::BinaryDataPayload payload;
+    for (const auto id : ids) payload.addDataToPayloadInternalWithID("x", 1, DataID(id));
+    return payload;
+}
+
+/// The message that stands for a block "x".
+inline std::string fallback(const std::string& id, const std::string& base64 = "eA==") {
+    return R"({"cmd":"binarydata","data":{")" + id + R"(":")" + base64 + "\"}}";
+}
+
 inline SendFuture answer(bool delivered) {
     return relay::makeReadyFuture(SendResult{delivered, {}});
 }
 
 /// A sender whose answers the test gives, with a record of what it was asked. Any thread.
-class ScriptedSender : public kiro::web::binary::BinaryDataSenderInterface {
+class ScriptedSender : public kiro::web::binary::test::NullBinaryDataSender {
   public:
     using Script = std::function<SendFuture(DataBuffer&&)>;
 
-    explicit ScriptedSender(Script script = nullptr) : fScript(std::move(script)) {}
+    explicit ScriptedSender(Script script = [](DataBuffer&&) { return answer(true); })
+        : fScript(std::move(script)) {}
 
+    using NullBinaryDataSender::send;
     SendFuture send(DataBuffer&& block) override {
         blocks.add(bytesOf(block));
-        return fScript ? fScript(std::move(block)) : answer(true);
-    }
-    SendFuture send(DataID id, const char* data, std::size_t length) override {
-        return send(bufferOf(blockBytes(id.value(), std::string(data, length))));
+        return fScript(std::move(block));
     }
     void warnAboutSendFailure(const std::string& channel) override { warnings.add(channel); }
-    void warnAboutOOMFailure() override { warnings.add("out of memory"); }
 
     Collector<std::string> blocks;
     Collector<std::string> warnings;
 
   private:
     const Script fScript;
-};
-
-/// Has `createBinaryDataSender` answer with `create`, while it lives.
-class ScopedSenderCreation {
-  public:
-    explicit ScopedSenderCreation(kiro::web::binary::test::BinaryDataSenderCreationFunction create)
-        : fBefore(kiro::web::binary::test::RegisterBinaryDataSenderCreationFunction(
-              std::move(create))) {}
-    ~ScopedSenderCreation() {
-        kiro::web::binary::test::RegisterBinaryDataSenderCreationFunction(std::move(fBefore));
-    }
-    ScopedSenderCreation(const ScopedSenderCreation&) = delete;
-    ScopedSenderCreation& operator=(const ScopedSenderCreation&) = delete;
-
-  private:
-    kiro::web::binary::test::BinaryDataSenderCreationFunction fBefore;
 };
 
 }  // namespace support

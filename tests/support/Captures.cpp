@@ -26,6 +26,14 @@ struct Declared {
         const std::lock_guard lock(mutex);
         return loggers.count(logger) != 0;
     }
+    void add(const std::string& logger) {
+        const std::lock_guard lock(mutex);
+        loggers.insert(logger);
+    }
+    void remove(const std::string& logger) {
+        const std::lock_guard lock(mutex);
+        loggers.erase(loggers.find(logger));
+    }
 
     std::atomic<int> warnings = 0;
     std::mutex mutex;
@@ -37,7 +45,9 @@ bool meansTrouble(const kirohost::LogRecord& record) {
            (record.logger == "commandsender" && record.text.find("not shown") != std::string::npos);
 }
 
-std::string describe(const kirohost::Warning& warning) {
+}  // namespace
+
+std::string textOf(const kirohost::Warning& warning) {
     std::string text = warning.id.component + ":" + warning.id.key + "(";
     for (const auto& argument : warning.arguments) {
         if (text.back() != '(') text += ", ";
@@ -46,18 +56,16 @@ std::string describe(const kirohost::Warning& warning) {
     return text + ")";
 }
 
-std::vector<std::string> textsOf(const std::vector<kirohost::LogRecord>& records) {
-    std::vector<std::string> texts;
-    for (const auto& record : records) texts.push_back(record.text);
-    return texts;
-}
+std::string textOf(const kirohost::LogRecord& record) { return record.text; }
 
-}  // namespace
+std::string textOf(const kirohost::FailedAssertion& failed) {
+    return failed.source + ":" + std::to_string(failed.line) + ": " + failed.condition;
+}
 
 ExpectNoSurprises::ExpectNoSurprises()
     : fWarnings(kirohost::observeWarnings([](const kirohost::Warning& warning) {
           if (Declared::instance().warnings == 0) {
-              ADD_FAILURE() << "unexpected warning: " << describe(warning);
+              ADD_FAILURE() << "unexpected warning: " << textOf(warning);
           }
       })),
       fLog(kirohost::observeLog([](const kirohost::LogRecord& record) {
@@ -78,31 +86,15 @@ WarningCapture::WarningCapture() {
 
 WarningCapture::~WarningCapture() { --Declared::instance().warnings; }
 
-std::vector<std::string> WarningCapture::texts() const {
-    std::vector<std::string> texts;
-    for (const auto& warning : all()) texts.push_back(describe(warning));
-    return texts;
-}
-
 LogCapture::LogCapture(std::string logger) : fLogger(std::move(logger)) {
-    auto& declared = Declared::instance();
-    {
-        const std::lock_guard lock(declared.mutex);
-        declared.loggers.insert(fLogger);
-    }
+    Declared::instance().add(fLogger);
     fScope =
         kirohost::observeLog([events = fEvents, name = fLogger](const kirohost::LogRecord& record) {
             if (record.logger == name) events->add(record);
         });
 }
 
-LogCapture::~LogCapture() {
-    auto& declared = Declared::instance();
-    const std::lock_guard lock(declared.mutex);
-    declared.loggers.erase(declared.loggers.find(fLogger));
-}
-
-std::vector<std::string> LogCapture::texts() const { return textsOf(all()); }
+LogCapture::~LogCapture() { Declared::instance().remove(fLogger); }
 
 DiagnosticCapture::DiagnosticCapture(const std::string& logger, int level) : fLogger(logger) {
     kirohost::setDiagnosticLevel(logger, level);
@@ -114,21 +106,10 @@ DiagnosticCapture::DiagnosticCapture(const std::string& logger, int level) : fLo
 
 DiagnosticCapture::~DiagnosticCapture() { kirohost::setDiagnosticLevel(fLogger, kUsualLevel); }
 
-std::vector<std::string> DiagnosticCapture::texts() const { return textsOf(all()); }
-
 AssertionCapture::AssertionCapture() {
     fScope = kirohost::setAssertionPolicy(
         kirohost::AssertionPolicy::kReport,
         [events = fEvents](const kirohost::FailedAssertion& failed) { events->add(failed); });
-}
-
-std::vector<std::string> AssertionCapture::texts() const {
-    std::vector<std::string> texts;
-    for (const auto& failed : all()) {
-        texts.push_back(failed.source + ":" + std::to_string(failed.line) + ": " +
-                        failed.condition);
-    }
-    return texts;
 }
 
 }  // namespace support

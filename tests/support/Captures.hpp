@@ -30,16 +30,31 @@ class ExpectNoSurprises : public testing::EmptyTestEventListener {
     kirohost::Scope fLog;
 };
 
-/// Shared with the observer, which may still run when its scope has just ended.
+/// The text that tests compare: "component:key(argument, argument)", a record's own text, and
+/// "source:line: condition".
+std::string textOf(const kirohost::Warning& warning);
+std::string textOf(const kirohost::LogRecord& record);
+std::string textOf(const kirohost::FailedAssertion& failed);
+
 template <typename Event>
 class Capture {
   public:
+    Capture() = default;
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+
     [[nodiscard]] std::vector<Event> all() const { return fEvents->all(); }
+    [[nodiscard]] std::vector<std::string> texts() const {
+        std::vector<std::string> texts;
+        for (const auto& event : all()) texts.push_back(textOf(event));
+        return texts;
+    }
     [[nodiscard]] std::size_t size() const { return fEvents->size(); }
     void awaitSize(std::size_t count) const { fEvents->awaitSize(count); }
     void clear() { fEvents->clear(); }
 
   protected:
+    /// Shared with the observer, which may still run when its scope has just ended.
     std::shared_ptr<Collector<Event>> fEvents = std::make_shared<Collector<Event>>();
     /// Ends before the collector is let go.
     kirohost::Scope fScope;
@@ -50,10 +65,6 @@ class WarningCapture : public Capture<kirohost::Warning> {
   public:
     WarningCapture();
     ~WarningCapture();
-    WarningCapture(const WarningCapture&) = delete;
-    WarningCapture& operator=(const WarningCapture&) = delete;
-    /// "component:key(argument, argument)" of each.
-    [[nodiscard]] std::vector<std::string> texts() const;
 };
 
 /// Declares and collects the records of one log of `kiroutils::Logger`.
@@ -61,12 +72,9 @@ class LogCapture : public Capture<kirohost::LogRecord> {
   public:
     explicit LogCapture(std::string logger);
     ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-    [[nodiscard]] std::vector<std::string> texts() const;
 
   private:
-    std::string fLogger;
+    const std::string fLogger;
 };
 
 /// Collects the records of one diagnostic logger, whose level it sets meanwhile.
@@ -74,20 +82,15 @@ class DiagnosticCapture : public Capture<kirohost::LogRecord> {
   public:
     DiagnosticCapture(const std::string& logger, int level);
     ~DiagnosticCapture();
-    DiagnosticCapture(const DiagnosticCapture&) = delete;
-    DiagnosticCapture& operator=(const DiagnosticCapture&) = delete;
-    [[nodiscard]] std::vector<std::string> texts() const;
 
   private:
-    std::string fLogger;
+    const std::string fLogger;
 };
 
 /// Has failed assertions reported instead of ending the process, and collects them.
 class AssertionCapture : public Capture<kirohost::FailedAssertion> {
   public:
     AssertionCapture();
-    /// "source:line: condition" of each.
-    [[nodiscard]] std::vector<std::string> texts() const;
 };
 
 }  // namespace support

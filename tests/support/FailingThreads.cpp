@@ -3,28 +3,15 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
-
-#include "process/Immortal.hpp"
 
 namespace {
 
 constinit thread_local bool failing = false;
-
-struct Counts {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::size_t ended = 0;
-    std::size_t joined = 0;
-};
-
-Counts& counts() {
-    static Immortal<Counts> instance;
-    return *instance;
-}
+constinit std::atomic<std::size_t> ended = 0;
+constinit std::atomic<std::size_t> joined = 0;
 
 /// What a thread was made for.
 struct Start {
@@ -35,10 +22,8 @@ struct Start {
 void* runCounted(void* start) {
     const Start what = *std::unique_ptr<Start>(static_cast<Start*>(start));
     void* const result = what.function(what.argument);
-    auto& now = counts();
-    const std::lock_guard lock(now.mutex);
-    ++now.ended;
-    now.changed.notify_all();
+    ++ended;
+    ended.notify_all();
     return result;
 }
 
@@ -51,50 +36,38 @@ Function* next(const char* name) {
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
-                                                                     const pthread_attr_t* options,
-                                                                     void* (*function)(void*),
-                                                                     void* argument) noexcept {
+extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread,
+                                                             const pthread_attr_t* options,
+                                                             void* (*function)(void*),
+                                                             void* argument) noexcept {
     if (failing) return EAGAIN;
     static auto* const create = next<decltype(pthread_create)>("pthread_create");
     auto start = std::make_unique<Start>(Start{function, argument});
-    const int result = create(thread, options, &runCounted, start.get());
-    if (result == 0) static_cast<void>(start.release());  // the thread's now
-    return result;
+    const int error = create(thread, options, &runCounted, start.get());
+    if (error == 0) static_cast<void>(start.release());  // the thread's now
+    return error;
 }
 
-extern "C" __attribute__((visibility("default"))) int pthread_join(pthread_t thread,
-                                                                   void** result) {
+extern "C" [[gnu::visibility("default")]] int pthread_join(pthread_t thread, void** result) {
     static auto* const join = next<decltype(pthread_join)>("pthread_join");
     const int error = join(thread, result);
-    auto& now = counts();
-    const std::lock_guard lock(now.mutex);
-    if (error == 0) ++now.joined;
+    if (error == 0) ++joined;
     return error;
 }
 
 namespace support {
 
-FailingThreads::FailingThreads() { failing = true; }
-FailingThreads::~FailingThreads() { failing = false; }
-
-ThreadWatch::ThreadWatch() {
-    auto& now = counts();
-    const std::lock_guard lock(now.mutex);
-    fEndedBefore = now.ended;
-    fJoinedBefore = now.joined;
+void withoutThreads(const std::function<void()>& call) {
+    failing = true;
+    call();
+    failing = false;
 }
 
-void ThreadWatch::awaitEnded(std::size_t count) const {
-    auto& now = counts();
-    std::unique_lock lock(now.mutex);
-    while (now.ended < fEndedBefore + count) now.changed.wait(lock);
-}
+std::size_t endedThreads() { return ended; }
+std::size_t joinedThreads() { return joined; }
 
-std::size_t ThreadWatch::joined() const {
-    auto& now = counts();
-    const std::lock_guard lock(now.mutex);
-    return now.joined - fJoinedBefore;
+void awaitEndedThreads(std::size_t count) {
+    for (auto now = ended.load(); now < count; now = ended.load()) ended.wait(now);
 }
 
 }  // namespace support

@@ -1,31 +1,18 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
+/// The program that links this has `pthread_create` and `pthread_join` interposed.
 namespace support {
 
-/// While it lives, the calling thread cannot make threads: `pthread_create`, interposed in the
-/// program that links this, answers it EAGAIN.
-class FailingThreads {
-  public:
-    FailingThreads();
-    ~FailingThreads();
-    FailingThreads(const FailingThreads&) = delete;
-    FailingThreads& operator=(const FailingThreads&) = delete;
-};
+/// Runs `call`, which must not throw, while its thread cannot make threads: each gets EAGAIN.
+void withoutThreads(const std::function<void()>& call);
 
-/// Counts the process's threads that ended and that were joined since it was made.
-class ThreadWatch {
-  public:
-    ThreadWatch();
-
-    /// Blocks until `count` threads have left their function.
-    void awaitEnded(std::size_t count) const;
-    [[nodiscard]] std::size_t joined() const;
-
-  private:
-    std::size_t fEndedBefore;
-    std::size_t fJoinedBefore;
-};
+/// How many of the process's threads have left their function, and how many were joined.
+std::size_t endedThreads();
+std::size_t joinedThreads();
+/// Blocks until `endedThreads` answers `count` or more.
+void awaitEndedThreads(std::size_t count);
 
 }  // namespace support

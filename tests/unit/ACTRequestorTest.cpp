@@ -13,10 +13,7 @@ namespace {
 
 using kiro::ACTRequestor;
 using kiroutils::CompletionToken;
-using support::FakeClock;
-using support::Lines;
-using support::LogCapture;
-using support::ScopedSettings;
+using namespace support;
 
 static_assert(std::is_nothrow_destructible_v<ACTRequestor>);
 static_assert(!std::is_copy_constructible_v<ACTRequestor>);
@@ -40,12 +37,6 @@ class Requestor : public ACTRequestor {
     std::function<void(const CompletionToken&)> fDeliver;
 };
 
-class DetailedRequestor : public Requestor {
-    [[nodiscard]] std::string getDetailsForInternalTimeoutWarning() const override {
-        return "details";
-    }
-};
-
 std::string record(const std::string& event, const std::string& data) {
     return R"({"Channel":"/return","Event":")" + event + R"(","EventData":)" + data +
            R"(,"LogType":"Server","Source":"source"})";
@@ -57,85 +48,62 @@ std::string tokenRecord(const std::string& event, const CompletionToken& token) 
 
 TEST(ACTRequestor, RecordsEachStepOfATokensLife) {
     const LogCapture log("Tokens");
-    Lines before;  // the records at the time of delivery
-    Requestor requestor([&](const CompletionToken&) { before = log.texts(); });
+    std::size_t before = 0;  // how many records there are at the time of delivery
+    Requestor requestor([&](const CompletionToken&) { before = log.size(); });
     const auto token = requestor.sendACT();
-    EXPECT_EQ(before, (Lines{tokenRecord("checkoutToken", token), tokenRecord("sendACT", token)}));
+    EXPECT_EQ(before, 2U);
     EXPECT_TRUE(requestor.isACTPending());
     requestor.returnToken(token);
     EXPECT_FALSE(requestor.isACTPending());
-    EXPECT_EQ(kirohost::runPendingTasks(), 1U);
     const auto discarded = requestor.checkoutToken();
     requestor.discardAllTokens();
     requestor.returnToken(discarded);
     EXPECT_FALSE(requestor.isACTPending());
     requestor.log("LogType", {{"LogType", "Client"}, {"Source", 1}});
-    EXPECT_EQ(kirohost::runPendingTasks(), 0U);
-    EXPECT_EQ(log.texts(), (Lines{before[0], before[1], tokenRecord("return ACT", token),
-                                  tokenRecord("checkoutToken", discarded),
-                                  record("All drawnow tokens discarded", "{}"),
-                                  record("LogType", R"({"LogType":"Client","Source":1})")}));
+    EXPECT_EQ(kirohost::runPendingTasks(), 1U);
+    EXPECT_EQ(log.texts(),
+              (Lines{tokenRecord("checkoutToken", token), tokenRecord("sendACT", token),
+                     tokenRecord("return ACT", token), tokenRecord("checkoutToken", discarded),
+                     record("All drawnow tokens discarded", "{}"),
+                     record("LogType", R"({"LogType":"Client","Source":1})")}));
 }
 
 TEST(ACTRequestor, ReportsATimeOutOnceAndCallsTheHookOnTheDevelopersHostsOnly) {
     const FakeClock clock;
     for (const bool atOstrel : {false, true}) {
-        for (const bool detailed : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "atOstrel " << atOstrel << " detailed " << detailed);
-            int hooks = 0;
-            const ScopedSettings settings([&](auto& changed) {
-                changed.drawnowTimeoutSeconds = 5;
-                changed.atOstrel = atOstrel;
-                changed.drawnowTimeoutCallback = [&hooks] { ++hooks; };
-            });
-            std::unique_ptr<Requestor> requestor = std::make_unique<Requestor>();
-            if (detailed) requestor = std::make_unique<DetailedRequestor>();
-            const auto token = requestor->sendACT();
-            FakeClock::advanceSeconds(5);
-            EXPECT_TRUE(requestor->isACTPending());
-            const LogCapture log("Tokens");
-            const support::WarningCapture warnings;
-            FakeClock::advanceSeconds(1);
-            EXPECT_FALSE(requestor->isACTPending());
-            EXPECT_FALSE(requestor->isACTPending());
-            requestor->discardTimedOutTokens();
-            requestor->returnToken(token);  // late
-            const auto id = token.convertToString();
-            EXPECT_EQ(log.texts(),
-                      Lines{record("Timeout", R"({"ACT":")" + id + R"(","Timeout":"5"})")});
-            Lines expected{"Quarn:graphics:timeoutDuringDrawnow(the cause)"};
-            if (atOstrel) {
-                expected.push_back("Quarn:graphics:drawnowTimeout(5, source(/return), " + id +
-                                   ", " + (detailed ? "details" : "") + ")");
-            }
-            EXPECT_EQ(warnings.texts(), expected);
-            EXPECT_EQ(hooks, atOstrel ? 1 : 0);
-            EXPECT_EQ(kirohost::runPendingTasks(), 0U) << "a time-out wakes nobody";
-        }
-    }
-}
-
-TEST(ACTRequestor, HoldsALostTokenForEverWithoutATimeOutAndWritesANegativeOne) {
-    const FakeClock clock;
-    Requestor requestor;
-    {
-        const ScopedSettings settings([](auto& changed) { changed.drawnowTimeoutSeconds = 0; });
-        requestor.sendACT();
-        FakeClock::advance(std::chrono::hours(100000));
+        SCOPED_TRACE(atOstrel);
+        int hooks = 0;
+        const ScopedSettings settings([&](auto& changed) {
+            changed.drawnowTimeoutSeconds = 5;
+            changed.atOstrel = atOstrel;
+            changed.drawnowTimeoutCallback = [&hooks] { ++hooks; };
+        });
+        Requestor requestor;
+        const auto token = requestor.sendACT();
+        FakeClock::advanceSeconds(5);
         EXPECT_TRUE(requestor.isACTPending());
+        const LogCapture log("Tokens");
+        const support::WarningCapture warnings;
+        FakeClock::advanceSeconds(1);
+        EXPECT_FALSE(requestor.isACTPending());
+        requestor.discardTimedOutTokens();
+        requestor.returnToken(token);  // late
+        const auto id = token.convertToString();
+        EXPECT_EQ(log.texts(),
+                  Lines{record("Timeout", R"({"ACT":")" + id + R"(","Timeout":"5"})")});
+        Lines expected{"Quarn:graphics:timeoutDuringDrawnow(the cause)"};
+        if (atOstrel) {
+            expected.push_back("Quarn:graphics:drawnowTimeout(5, source(/return), " + id + ", )");
+        }
+        EXPECT_EQ(warnings.texts(), expected);
+        EXPECT_EQ(hooks, atOstrel ? 1 : 0);
+        EXPECT_EQ(kirohost::runPendingTasks(), 0U) << "a time-out wakes nobody";
     }
-    const ScopedSettings settings([](auto& changed) { changed.drawnowTimeoutSeconds = -3; });
-    const support::WarningCapture warnings;
-    const LogCapture log("Tokens");
-    EXPECT_FALSE(requestor.isACTPending());
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_NE(log.texts()[0].find(R"("Timeout":"-3")"), std::string::npos);
 }
 
 TEST(ACTRequestor, SharesItsManagerWithWhoeverReceivesReplies) {
     auto requestor = std::make_unique<Requestor>();
     const auto replies = requestor->getReturnTokenInterface();
-    EXPECT_FALSE(replies->isTimeStampLoggingEnabled());
     requestor->enableTimeStampLogging(true);
     EXPECT_TRUE(requestor->isTimeStampLoggingEnabled() && replies->isTimeStampLoggingEnabled());
     replies->returnToken(requestor->sendACT());
@@ -144,9 +112,6 @@ TEST(ACTRequestor, SharesItsManagerWithWhoeverReceivesReplies) {
     EXPECT_EQ(requestor->getTimeStampLog().size(), 1U);
     requestor->clearTimeStampLog();
     EXPECT_FALSE(requestor->hasTimeStamps());
-    EXPECT_EQ(requestor->getAnnotation(), "");
-    requestor->setAnnotation("frame 7");
-    EXPECT_EQ(requestor->getAnnotation(), "frame 7");
 
     const auto late = requestor->sendACT();
     requestor.reset();

@@ -1,6 +1,6 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -13,46 +13,31 @@
 #include "Fixture.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/PubSubFactory.hpp"
-#include "kiro/web/binary/BinaryDataPayload.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 
 namespace {
 
-using kiro::web::PayloadInterface;
-using kiro::web::PubSubFactory;
-using kiro::web::Subscriber;
-using kiro::web::binary::BinaryDataPayload;
-using support::answer;
-using support::blockBytes;
-using support::DataBuffer;
-using support::DataID;
-using support::Lines;
-using support::ScopedSettings;
-using support::ScriptedSender;
-using support::SendFuture;
-using support::SendResult;
+using namespace kiro::web;
+using namespace kiro::web::binary;
+using namespace support;
 using Promise = relay::Promise<SendResult>;
 
 const char* const kChannel = "/figure/2";
 
-BinaryDataPayload payloadOf(const std::vector<std::uint64_t>& ids) {
-    BinaryDataPayload payload;
-    for (const auto id : ids) payload.addDataToPayloadInternalWithID("x", 1, DataID(id));
-    return payload;
-}
-
-std::string fallback(const std::string& id, const std::string& value = "eA==") {
-    return R"({"cmd":"binarydata","data":{")" + id + R"(":")" + value + "\"}}";
-}
-
 class BinarySend : public testing::Test {
   protected:
-    /// A script that keeps its promises for the test to set.
-    [[nodiscard]] ScriptedSender::Script later() {
-        return [this](DataBuffer&&) {
+    /// A sender whose promises the test keeps or breaks.
+    [[nodiscard]] std::shared_ptr<ScriptedSender> later() {
+        return std::make_shared<ScriptedSender>([this](DataBuffer&&) {
             promises.emplace_back();
             return promises.back().getFuture();
-        };
+        });
+    }
+    static std::shared_ptr<ScriptedSender> refusing() {
+        return std::make_shared<ScriptedSender>([](DataBuffer&&) { return answer(false); });
+    }
+    static std::vector<kirohost::PendingTask> pendingTasks() {
+        return kirohost::pendingTasks(graphics_util::getContextQCRID());
     }
     [[nodiscard]] Lines published() const { return client.messagesOn(kChannel); }
 
@@ -64,7 +49,6 @@ class BinarySend : public testing::Test {
 };
 
 TEST_F(BinarySend, PublishesEachBlockAsTextWithoutASender) {
-    BinaryDataPayload().sendUsing(nullptr, kChannel);
     auto payload = payloadOf({4, 5, 0x100000002U});
     payload.sendUsing(nullptr, kChannel);
     const Lines expected{fallback("4 0"), fallback("5 0"), fallback("2 1")};
@@ -82,30 +66,30 @@ TEST_F(BinarySend, HandsACopyToTheSenderAndIsSilentAboutADeliveredBlock) {
     const ScopedSettings settings(
         [&](auto& changed) { changed.answerWarnAboutFallback = [&asked] { return ++asked > 0; }; });
     const auto sender = std::make_shared<ScriptedSender>();
-    BinaryDataPayload().sendUsing(sender, kChannel);
     auto payload = payloadOf({4, 0x100000002U});
     payload.sendUsing(sender, kChannel);
-    EXPECT_EQ(sender->blocks.all(), (Lines{blockBytes(4, "x"), blockBytes(0x100000002U, "x")}));
-    EXPECT_EQ(payload.size(), 18U);
+    EXPECT_EQ(asked, 2) << "once for each block, whatever the answer";
     EXPECT_EQ(trace.texts(), (Lines{"BinaryData 4 send", "BinaryData 4294967298 send"}));
     EXPECT_EQ(trace.all()[0].level, 8);
-    EXPECT_EQ(asked, 2) << "once for each block, whatever the answer";
-    EXPECT_EQ(sender->warnings.size(), 0U);
-    EXPECT_TRUE(client.all().empty());
-
     kirohost::setDiagnosticLevel("graphics::BinaryDataSend", 7);
     payload.sendUsing(sender, kChannel);
     EXPECT_EQ(trace.size(), 2U);
+    const Lines twice{blockBytes(4), blockBytes(0x100000002U), blockBytes(4),
+                      blockBytes(0x100000002U)};
+    EXPECT_EQ(sender->blocks.all(), twice);
+    EXPECT_EQ(payload.size(), 18U);
+    EXPECT_EQ(sender->warnings.size(), 0U);
+    EXPECT_TRUE(client.all().empty());
 }
 
 TEST_F(BinarySend, FallsBackAndWarnsAsTheHostAnswers) {
     struct {
         bool fallbackAllowed;
         std::vector<bool> warnAnswers;  // to the first question, to the second
-    } const cases[] = {
-        {true, {true, true}},   {true, {false, true}},   {true, {true, false}},
-        {false, {false, true}}, {false, {false, false}},
-    };
+    } const cases[] = {{true, {false, true}},
+                       {true, {true, false}},
+                       {false, {false, true}},
+                       {false, {true, false}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.warnAnswers) + (c.fallbackAllowed ? " allowed" : ""));
         std::size_t asked = 0;
@@ -113,43 +97,37 @@ TEST_F(BinarySend, FallsBackAndWarnsAsTheHostAnswers) {
             changed.binaryChannelFallback = c.fallbackAllowed;
             changed.answerWarnAboutFallback = [&] { return c.warnAnswers.at(asked++); };
         });
-        const auto sender =
-            std::make_shared<ScriptedSender>([](DataBuffer&&) { return answer(false); });
-        client.clear();
-        trace.clear();
+        const auto sender = refusing();
         payloadOf({4}).sendUsing(sender, kChannel);
         EXPECT_EQ(asked, 2U);
-        EXPECT_EQ(published(), c.fallbackAllowed ? Lines{fallback("4 0")} : Lines());
-        EXPECT_EQ(trace.texts(), c.fallbackAllowed
-                                     ? (Lines{"BinaryData 4 send", "BinaryData 4 sendFail"})
-                                     : Lines{"BinaryData 4 send"});
         EXPECT_EQ(sender->warnings.all(), c.warnAnswers[1] ? Lines{kChannel} : Lines());
+        Lines traced{"BinaryData 4 send"};
+        if (c.fallbackAllowed) traced.emplace_back("BinaryData 4 sendFail");
+        EXPECT_EQ(trace.texts(), traced);
+        EXPECT_EQ(published(), c.fallbackAllowed ? Lines{fallback("4 0")} : Lines());
+        client.clear();
+        trace.clear();
     }
 }
 
 TEST_F(BinarySend, StopsAtAFutureWithoutStateAndAtLackOfMemory) {
-    const auto runtimeError = [](auto& payload, auto sender) -> std::string {
-        try {
-            payload.sendUsing(sender, kChannel);
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "";
-    };
+    using testing::ThrowsMessage;
     int sent = 0;
     const auto sender = std::make_shared<ScriptedSender>(
         [&sent](DataBuffer&&) { return ++sent == 2 ? SendFuture() : answer(true); });
     auto payload = payloadOf({4, 5, 6});
-    EXPECT_EQ(runtimeError(payload, sender), "Future state isn't valid!");
-    EXPECT_EQ(sender->blocks.all(), (Lines{blockBytes(4, "x"), blockBytes(5, "x")}));
+    const auto send = [&] { payload.sendUsing(sender, kChannel); };
+    EXPECT_THAT(send, ThrowsMessage<std::runtime_error>("Future state isn't valid!"));
+    EXPECT_EQ(sender->blocks.all(), (Lines{blockBytes(4), blockBytes(5)}));
 
-    static thread_local int copies = 0;
+    static int copies;
+    copies = 0;
     kiro::replaceAllocate(
         [](std::size_t size) -> void* { return ++copies == 2 ? nullptr : std::malloc(size); });
     sender->blocks.clear();
-    EXPECT_EQ(runtimeError(payload, sender), "Out of memory!");
+    EXPECT_THAT(send, ThrowsMessage<std::runtime_error>("Out of memory!"));
     kiro::replaceAllocate(nullptr);
-    EXPECT_EQ(sender->blocks.all(), Lines{blockBytes(4, "x")});
+    EXPECT_EQ(sender->blocks.all(), Lines{blockBytes(4)});
     EXPECT_EQ(payload.size(), 27U);
 }
 
@@ -161,39 +139,35 @@ TEST_F(BinarySend, SubstitutesANoticeWhenTheFallbackMessageCannotBeBuilt) {
     } const cases[] = {{5, "5 0", "\\u0005"}, {256, "256 0", ""}, {0x4142, "16706 0", "BA"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.id);
-        const auto whole = fallback(c.whole);
-        const auto notice = fallback("2 0", c.rawIdentifier);
         std::size_t notices = 0;
         bool failed = true;
         for (std::size_t n = 1; failed; ++n) {
             client.clear();
             auto payload = payloadOf({c.id});
             bool threw = false;
-            {
-                const support::FailingNew failing(n);
+            failed = failingNew(n, [&] {
                 try {
                     payload.sendUsing(nullptr, kChannel);
                 } catch (const std::bad_alloc&) {
                     threw = true;  // while publishing: the message had been built
                 }
-                failed = failing.hasFailed();
-            }
-            const auto tasks = kirohost::pendingTasks(graphics_util::getContextQCRID());
-            const support::WarningCapture warnings;
-            kirohost::runPendingTasks();
-            if (threw || published() == Lines{whole}) {
-                EXPECT_EQ(warnings.size(), 0U) << "allocation " << n;
+            });
+            const auto tasks = pendingTasks();
+            if (threw || published() == Lines{fallback(c.whole)}) {
+                EXPECT_TRUE(tasks.empty()) << "allocation " << n;
                 continue;
             }
             ++notices;
-            EXPECT_EQ(published(), Lines{notice}) << "allocation " << n;
+            EXPECT_EQ(published(), Lines{fallback("2 0", c.rawIdentifier)}) << "allocation " << n;
             ASSERT_EQ(tasks.size(), 1U);
             EXPECT_EQ(tasks[0].source, "src/BinaryDataPayload");
             EXPECT_EQ(tasks[0].whenToDequeue, 1);
+            const support::WarningCapture warnings;
+            kirohost::runPendingTasks();
             EXPECT_EQ(warnings.texts(), Lines{"Quarn:graphics:GraphicsBinaryOOM()"});
         }
         EXPECT_GT(notices, 3U);
-        EXPECT_EQ(published(), Lines{whole}) << "with memory again";
+        EXPECT_EQ(published(), Lines{fallback(c.whole)}) << "with memory again";
     }
 }
 
@@ -202,45 +176,33 @@ TEST_F(BinarySend, TakesNothingThatPublishThrowsForLackOfMemory) {
         subscribe(PubSubFactory::pubsubInstance(), kChannel,
                   [](const std::string&, const PayloadInterface&) { throw std::bad_alloc(); });
     EXPECT_THROW(payloadOf({4}).sendUsing(nullptr, kChannel), std::bad_alloc);
-    EXPECT_EQ(published(), Lines{fallback("4 0")});
-    EXPECT_TRUE(kirohost::pendingTasks(graphics_util::getContextQCRID()).empty());
-
-    // In a completion it ends in the future that nobody reads.
-    const auto sender =
-        std::make_shared<ScriptedSender>([](DataBuffer&&) { return answer(false); });
-    payloadOf({5}).sendUsing(sender, kChannel);
-    EXPECT_EQ(published().size(), 2U);
+    payloadOf({5}).sendUsing(refusing(), kChannel);  // into the future that nobody reads
+    EXPECT_EQ(published(), (Lines{fallback("4 0"), fallback("5 0")}));
+    EXPECT_TRUE(pendingTasks().empty());
     EXPECT_EQ(trace.texts(), Lines{"BinaryData 5 send"});
 }
 
 TEST_F(BinarySend, CompletesLateOutOfOrderAndOnSeveralThreadsWhenAllElseIsGone) {
-    support::Collector<std::string> warnings;
-    std::weak_ptr<ScriptedSender> weak;
-    {
-        const auto sender = std::make_shared<ScriptedSender>(later());
-        weak = sender;
-        payloadOf({4, 5, 6, 7}).sendUsing(sender, std::string(kChannel));
-    }
-    ASSERT_NE(weak.lock(), nullptr) << "held by the completions";
-    EXPECT_TRUE(client.all().empty());
-    {
-        const auto sender = weak.lock();
-        promises[3].setValue({true, {}});
-        promises[2].setValue({false, support::bufferOf(blockBytes(6, "x"))});
-        EXPECT_EQ(published(), Lines{fallback("6 0")});
-        std::thread other([this] { promises[0].setValue({false, {}}); });
-        promises[1].setValue({false, {}});
-        other.join();
-        EXPECT_EQ(sender->warnings.all(), (Lines{kChannel, kChannel, kChannel}));
-    }
-    auto messages = published();
-    std::sort(messages.begin(), messages.end());
-    EXPECT_EQ(messages, (Lines{fallback("4 0"), fallback("5 0"), fallback("6 0")}));
-    EXPECT_TRUE(weak.expired());
+    auto sender = later();
+    payloadOf({4, 5, 6, 7}).sendUsing(sender, std::string(kChannel));
+    const auto weak = std::weak_ptr(sender);
+    sender.reset();
+    EXPECT_FALSE(weak.expired()) << "held by the completions";
+    promises[3].setValue({true, {}});
+    promises[2].setValue({false, bufferOf(blockBytes(6))});
+    EXPECT_EQ(published(), Lines{fallback("6 0")});
+    sender = weak.lock();
+    std::thread other([this] { promises[0].setValue({false, {}}); });
+    promises[1].setValue({false, {}});
+    other.join();
+    EXPECT_EQ(sender->warnings.all(), (Lines{kChannel, kChannel, kChannel}));
+    EXPECT_EQ(sender.use_count(), 1);
+    EXPECT_THAT(published(),
+                testing::UnorderedElementsAre(fallback("4 0"), fallback("5 0"), fallback("6 0")));
 }
 
 TEST_F(BinarySend, ToleratesAStreamThatNeverAnswersOrAnswersWithAnError) {
-    const auto sender = std::make_shared<ScriptedSender>(later());
+    const auto sender = later();
     auto payload = payloadOf({4, 5});
     payload.sendUsing(sender, kChannel);
     promises[0].setException(std::make_exception_ptr(std::runtime_error("broken")));
@@ -269,35 +231,31 @@ TEST_F(BinarySend, FallsBackWhenTheStreamIsDestroyedWithSendsUnderWay) {
 }
 
 TEST_F(BinarySend, SkipsWhatIsTakenWithoutALogLineButWarns) {
-    const auto sender = std::make_shared<ScriptedSender>(later());
+    const auto sender = later();
     auto payload = payloadOf({4, 5});
     payload.sendUsing(sender, kChannel);
     payload.sendUsing(sender, kChannel);
-    EXPECT_EQ(support::bytesOf(payload.testExtract(DataID(5))), blockBytes(5, "x"));
+    EXPECT_EQ(bytesOf(payload.testExtract(DataID(5))), blockBytes(5));
     trace.clear();
     for (auto& promise : promises) promise.setValue({false, {}});
+    payload.sendUsing(sender, kChannel);
     EXPECT_EQ(published(), Lines{fallback("4 0")});
     EXPECT_EQ(trace.texts(), Lines{"BinaryData 4 sendFail"});
     EXPECT_EQ(sender->warnings.size(), 4U);
-    payload.sendUsing(sender, kChannel);
     EXPECT_EQ(sender->blocks.size(), 4U);
-    EXPECT_EQ(trace.size(), 1U);
 }
 
 TEST_F(BinarySend, TakesAndCopiesABlockOneAtATime) {
-    std::vector<std::uint64_t> ids(50);
-    for (std::size_t i = 0; i < ids.size(); ++i) ids[i] = i + 4;
-    auto payload = payloadOf(ids);
-    const auto first = std::make_shared<ScriptedSender>(later());
-    payload.sendUsing(first, kChannel);
+    auto payload = payloadOf(std::vector<std::uint64_t>(50, 4));
+    payload.sendUsing(later(), kChannel);
     std::thread completions([this] {
         for (auto& promise : promises) promise.setValue({false, {}});
     });
     const auto second = std::make_shared<ScriptedSender>();
     payload.sendUsing(second, kChannel);
     completions.join();
-    EXPECT_EQ(published().size(), ids.size());
-    for (const auto& bytes : second->blocks.all()) EXPECT_EQ(bytes.size(), 9U) << "a whole block";
+    EXPECT_EQ(published().size(), 50U);
+    for (const auto& bytes : second->blocks.all()) EXPECT_EQ(bytes, blockBytes(4));
 }
 
 }  // namespace

@@ -4,29 +4,20 @@
 
 #include <type_traits>
 
+#include "Binary.hpp"
 #include "Fixture.hpp"
 #include "kiro/web/ExportCommandSender.hpp"
 #include "kiro/web/JSONPayload.hpp"
-#include "kiro/web/binary/BinaryDataPayload.hpp"
 
 namespace {
 
-using kiro::web::CommandSenderInterface;
-using kiro::web::ExportCommandSender;
-using kiro::web::JSONPayload;
-using kiro::web::binary::BinaryDataPayload;
-using kiro::web::binary::DataID;
-using support::Lines;
+using namespace kiro::web;
+using namespace kiro::web::binary;
+using namespace support;
 using Sizes = std::vector<std::uint64_t>;
 
 static_assert(std::is_nothrow_destructible_v<CommandSenderInterface>);
 static_assert(!std::is_copy_constructible_v<ExportCommandSender>);
-
-BinaryDataPayload blockOf(const std::string& data, std::uint64_t id = 4) {
-    BinaryDataPayload payload;
-    payload.addDataToPayloadInternalWithID(data.data(), data.size(), DataID(id));
-    return payload;
-}
 
 JSONPayload numbered(int number) {
     JSONPayload payload;
@@ -42,15 +33,15 @@ TEST(ExportCommandSender, RecordsEveryCommandAndBlockAsOneText) {
     JSONPayload stamped;
     stamped.addDataToPayload("cmd", "its own");
     sender.sendCommand("ignored", std::move(stamped));
-    sender.sendBinaryData(blockOf("foo"));
-    sender.sendBinaryDataAsync(blockOf("fo", 5));
+    sender.sendBinaryData(payloadOf({4, 6}));
+    sender.sendBinaryDataAsync(payloadOf({5}));
     sender.sendBinaryData({});
     sender.setBinaryChannelName("/binary");
     sender.removeFinishedAsyncTasksFromCache();
     EXPECT_EQ(sender.getCommandsAsStrings(),
               (Lines{R"({"n":1,"cmd":"draw"})", R"({"cmd":"its own"})",
-                     R"({"cmd":"binarydata","data":{"4 0":"Zm9v"}})",
-                     R"({"cmd":"binarydata","data":{"5 0":"Zm8="}})", "{}"}));
+                     R"({"cmd":"binarydata","data":{"4 0":"eA==","6 0":"eA=="}})", fallback("5 0"),
+                     "{}"}));
     EXPECT_FALSE(sender.queryCommandSenderReadyStatus() || sender.queryUsingBinary() ||
                  sender.queryUsingFastBinary());
     sender.reset();
@@ -59,54 +50,41 @@ TEST(ExportCommandSender, RecordsEveryCommandAndBlockAsOneText) {
 
 TEST(SizeStatistics, CountTextsAndBlocksWhileTheyAreOn) {
     ExportCommandSender sender;
-    const auto sendOneOfEach = [&sender] {
-        sender.sendCommand("draw", numbered(1));
-        sender.sendBinaryData(blockOf("foo"));
-        sender.sendBinaryDataAsync(blockOf(""));
-    };
-    sendOneOfEach();
-    EXPECT_TRUE(sender.getPublishSizeInBytes().empty() && sender.getBinarySizeInBytes().empty());
-
-    sender.setSizeStatsEnabled(true);
-    sendOneOfEach();
-    const Sizes oneText{sender.getCommandsAsStrings().front().size()};
-    // A block counts as a block only, also where its sender makes a text of it.
-    EXPECT_EQ(sender.getPublishSizeInBytes(), oneText);
-    EXPECT_EQ(sender.getBinarySizeInBytes(), (Sizes{11, 8}));
-    sender.setSizeStatsEnabled(true);
-    EXPECT_EQ(sender.getPublishSizeInBytes(), oneText) << "switched to what it is";
-
     for (const bool on : {false, true}) {
         sender.setSizeStatsEnabled(on);
-        EXPECT_EQ(sender.getPublishSizeInBytes().capacity(), 0U) << on;
-        EXPECT_EQ(sender.getBinarySizeInBytes().capacity(), 0U) << on;
+        sender.sendCommand("draw", numbered(1));
+        sender.sendBinaryData(payloadOf({4, 5}));
+        sender.sendBinaryDataAsync({});
+        sender.setSizeStatsEnabled(on);
+        // A block counts as a block only, also where its sender makes a text of it.
+        const auto oneText = sender.getCommandsAsStrings().front().size();
+        EXPECT_EQ(sender.getPublishSizeInBytes(), on ? Sizes{oneText} : Sizes());
+        EXPECT_EQ(sender.getBinarySizeInBytes(), on ? (Sizes{18, 0}) : Sizes());
     }
+    sender.setSizeStatsEnabled(false);
+    EXPECT_EQ(sender.getPublishSizeInBytes().capacity(), 0U);
+    EXPECT_EQ(sender.getBinarySizeInBytes().capacity(), 0U);
 }
 
 TEST(SizeStatistics, MakeRoomForAHundredMoreOnlyFromACapacityOfAHundredOn) {
     ExportCommandSender sender;
     EXPECT_EQ(sender.getPublishSizeInBytes().capacity(), 100U);
     EXPECT_EQ(sender.getBinarySizeInBytes().capacity(), 100U);
-    struct {
-        const char* what;
-        std::function<void()> send;
-        const Sizes& sizes;
-        std::size_t roomAfter66;
-    } const cases[] = {
-        {"command", [&] { sender.sendCommand("x", {}); }, sender.getPublishSizeInBytes(), 165},
-        {"block", [&] { sender.sendBinaryData({}); }, sender.getBinarySizeInBytes(), 165},
-        {"asynchronous block", [&] { sender.sendBinaryDataAsync({}); },
-         sender.getBinarySizeInBytes(), 128},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    const auto expectRoom = [&](const Sizes& sizes, const auto& send, std::size_t afterMore) {
         sender.setSizeStatsEnabled(false);
         sender.setSizeStatsEnabled(true);
-        while (c.sizes.size() < 65) c.send();
-        EXPECT_EQ(c.sizes.capacity(), 128U) << "the vector's own growth";
-        c.send();
-        EXPECT_EQ(c.sizes.capacity(), c.roomAfter66);
-    }
+        while (sizes.size() < 65) send();
+        EXPECT_EQ(sizes.capacity(), 128U) << "the vector's own growth";
+        send();
+        EXPECT_EQ(sizes.capacity(), afterMore);
+    };
+    const auto& blocks = sender.getBinarySizeInBytes();
+    expectRoom(
+        sender.getPublishSizeInBytes(), [&] { sender.sendCommand("x", {}); }, 165);
+    expectRoom(
+        blocks, [&] { sender.sendBinaryData({}); }, 165);
+    expectRoom(
+        blocks, [&] { sender.sendBinaryDataAsync({}); }, 128);
 }
 
 }  // namespace

@@ -2,14 +2,12 @@
 
 #include "RelayFuture.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <functional>
 #include <latch>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -19,10 +17,8 @@
 #include "CHeap.hpp"
 #include "Captures.hpp"
 #include "Fixture.hpp"
-#include "bedrock/json/Value.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/ConnectionStatus.hpp"
-#include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kiro/web/StringPayload.hpp"
 #include "kiroutils/Logger.hpp"
@@ -50,8 +46,11 @@ class ScriptedService : public service::MessageService {
     std::function<Subscribed()> answer;
 
     Subscribed answerAtOnce(const std::string& channel) {
-        return relay::makeReadyFuture<std::shared_ptr<service::Subscription>>(
-            std::make_shared<Ending>(*this, channel));
+        return relay::makeReadyFuture(std::shared_ptr<service::Subscription>(
+            new service::Subscription, [this, channel](service::Subscription* subscription) {
+                log.push_back("-" + channel);
+                delete subscription;
+            }));
     }
 
   protected:
@@ -66,17 +65,6 @@ class ScriptedService : public service::MessageService {
         handlers.push_back(std::move(handler));
         return answer ? answer() : answerAtOnce(channel);
     }
-
-  private:
-    struct Ending : service::Subscription {
-        Ending(ScriptedService& theOwner, std::string theChannel)
-            : owner(theOwner), channel(std::move(theChannel)) {}
-        Ending(const Ending&) = delete;
-        Ending& operator=(const Ending&) = delete;
-        ~Ending() override { owner.log.push_back("-" + channel); }
-        ScriptedService& owner;
-        std::string channel;
-    };
 };
 
 /// Has every endpoint made over one scripted service.
@@ -93,50 +81,15 @@ TEST(RelayPubSub, deliversOnAThreadOfItsOwnUnderTheMessagesOwnChannelToEachCallb
     const auto endpoint = std::make_shared<RelayPubSub>();
     const Recorder wildcard;
     const Recorder exact;
-    const Recorder twice;
+    const std::string bytes("\0\xFF", 2);
     const auto one = subscribe(endpoint, "/graphics/*", wildcard.callback());
     const auto two = subscribe(endpoint, "/graphics/a", exact.callback());
-    const auto three = subscribe(endpoint, "/graphics/a", twice.callback());
-    publishOn(*endpoint, "/graphics/a", "1");
-    publishOn(*endpoint, "/graphics/b", "2");
-    publishOn(*endpoint, "/other", "3");
+    publishOn(*endpoint, "/graphics/a", bytes);
+    publishOn(*endpoint, "/graphics/b", "");
     kirohost::waitForDelivery();
-    EXPECT_EQ(wildcard.lines(), (Lines{"/graphics/a 1", "/graphics/b 2"}));
-    EXPECT_EQ(exact.lines(), Lines{"/graphics/a 1"});
-    EXPECT_EQ(twice.lines(), Lines{"/graphics/a 1"});
-    for (const auto& message : wildcard.all()) {
-        EXPECT_NE(message.thread, std::this_thread::get_id());
-    }
-}
-
-TEST(RelayPubSub, carriesTextUnchangedOnChannelsOfEveryName) {
-    const auto endpoint = std::make_shared<RelayPubSub>();
-    for (const auto& channel : {std::string(), std::string(1 << 20, 'x'), std::string(100, '*')}) {
-        const Recorder recorder;
-        const auto subscriber = subscribe(endpoint, channel, recorder.callback());
-        JSONPayload empty;
-        endpoint->publish(channel, empty);
-        publishOn(*endpoint, channel, "");
-        publishOn(*endpoint, channel, std::string("\0\xFF", 2));
-        kirohost::waitForDelivery();
-        EXPECT_EQ(recorder.messagesOn(channel), (Lines{"{}", "", std::string("\0\xFF", 2)}));
-    }
-}
-
-TEST(RelayPubSub, whatACallbackThrowsIsLoggedAndTheNextMessageArrives) {
-    const support::LogCapture log("relay");
-    const auto endpoint = std::make_shared<RelayPubSub>();
-    const Recorder recorder;
-    const auto empty = subscribe(endpoint, "/empty", nullptr);
-    const auto throwing = subscribe(endpoint, "/throwing", [](const auto&, const auto&) {
-        throw std::domain_error("callback went wrong");
-    });
-    const auto sound = subscribe(endpoint, "/sound", recorder.callback());
-    for (const char* channel : {"/empty", "/throwing", "/sound"}) publishOn(*endpoint, channel, "");
-    kirohost::waitForDelivery();
-    EXPECT_EQ(recorder.all().size(), 1U);
-    ASSERT_EQ(log.size(), 2U);
-    EXPECT_NE(log.texts().back().find("callback went wrong"), std::string::npos);
+    EXPECT_EQ(wildcard.lines(), (Lines{"/graphics/a " + bytes, "/graphics/b "}));
+    EXPECT_EQ(exact.lines(), Lines{"/graphics/a " + bytes});
+    EXPECT_NE(exact.all().front().thread, std::this_thread::get_id());
 }
 
 TEST(RelayPubSub, endsSafelyWithMessagesInFlight) {
@@ -158,12 +111,11 @@ TEST(RelayPubSub, endsSafelyWithMessagesInFlight) {
     start.arrive_and_wait();
     for (int round = 0; round < 50; ++round) {
         auto status = std::make_shared<ConnectionStatus>("/reconnect", "/newView");
-        auto heard = std::make_shared<std::atomic<int>>(0);
-        auto listener = status->createNewViewListener([heard] { ++*heard; });
-        auto reconnected =
-            status->createReconnectSubscriber([heard](const auto&, const auto&) { ++*heard; });
+        const Recorder heard;
+        const auto listener = status->createNewViewListener([] {});
+        auto reconnected = status->createReconnectSubscriber(heard.callback());
         auto endpoint = std::make_shared<RelayPubSub>();
-        auto own = subscribe(endpoint, "/newView", [heard](const auto&, const auto&) { ++*heard; });
+        auto own = subscribe(endpoint, "/newView", heard.callback());
         kirohost::waitForDelivery();
         // Each order of destruction has its turn.
         if (round % 2 == 0) endpoint.reset();
@@ -178,16 +130,6 @@ TEST(RelayPubSub, endsSafelyWithMessagesInFlight) {
 
 // --- Over a scripted message service ------------------------------------------------------------
 
-TEST_F(ScriptedRelay, subscribesOncePerChannelAndUnsubscribesWithTheFirst) {
-    const auto endpoint = std::make_shared<RelayPubSub>();
-    auto first = subscribe(endpoint, "c", [](const auto&, const auto&) {});
-    auto second = subscribe(endpoint, "c", [](const auto&, const auto&) {});
-    publishOn(*endpoint, "c", "{}");
-    second.reset();
-    first.reset();
-    EXPECT_EQ(fake->log, (Lines{"+c", "c=c {}", "-c"}));
-}
-
 TEST_F(ScriptedRelay, publishesNothingWhenTheTextCannotBeCopied) {
     static std::size_t asked = 0;
     const auto endpoint = std::make_shared<RelayPubSub>();
@@ -195,15 +137,10 @@ TEST_F(ScriptedRelay, publishesNothingWhenTheTextCannotBeCopied) {
         asked = size;
         return nullptr;
     });
-    try {
-        publishOn(*endpoint, "c", "12345");
-        ADD_FAILURE() << "no error";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Out of memory!");
-    }
+    EXPECT_THAT([&endpoint] { publishOn(*endpoint, "c", "12345"); },
+                testing::ThrowsMessage<std::runtime_error>("Out of memory!"));
     replaceAllocate(nullptr);
     EXPECT_EQ(asked, 5U);
-    EXPECT_TRUE(fake->log.empty());
     publishOn(*endpoint, "c", "");
     EXPECT_EQ(fake->log, Lines{"c=c "});
 }
@@ -223,8 +160,8 @@ TEST_F(ScriptedRelay, aFailedSubscriptionLeavesNothingRegistered) {
     endpoint->handlePublishCallback("c", StringPayload("unheard"));
     EXPECT_TRUE(recorder.all().empty());
     fake->answer = nullptr;
-    const auto subscriber = attempt();
-    EXPECT_EQ(fake->log.size(), 4U) << "asked afresh each time";
+    { const auto subscriber = attempt(); }
+    EXPECT_EQ(fake->log, (Lines{"+c", "+c", "+c", "+c", "-c"})) << "asked afresh each time";
 }
 
 TEST_F(ScriptedRelay, aMessageWithoutTextIsAFailedAssertionAndThenAnEmptyPayload) {
@@ -234,7 +171,7 @@ TEST_F(ScriptedRelay, aMessageWithoutTextIsAFailedAssertionAndThenAnEmptyPayload
     const auto subscriber = subscribe(endpoint, "c", recorder.callback());
     const std::string channel = "c";
     fake->handlers.front()({channel, nullptr, 0});
-    EXPECT_EQ(recorder.messagesOn("c"), Lines{""});
+    EXPECT_EQ(recorder.lines(), Lines{"c "});
     EXPECT_EQ(assertions.texts(), Lines{"src/RelayPubSub:59: msg.json != nullptr"});
 }
 
@@ -242,10 +179,7 @@ TEST_F(ScriptedRelay, aServiceThatIsNotThereIsAFailedAssertion) {
     fake = nullptr;
     const support::AssertionCapture assertions;
     const RelayPubSub endpoint;
-    ASSERT_EQ(assertions.size(), 1U);
-    EXPECT_EQ(assertions.all().front().condition, "fMessageService != nullptr");
-    EXPECT_EQ(assertions.all().front().source, "src/RelayPubSub");
-    EXPECT_EQ(assertions.all().front().function, "kiro::web::RelayPubSub::Impl::Impl()");
+    EXPECT_EQ(assertions.texts(), Lines{"src/RelayPubSub:34: fMessageService != nullptr"});
 }
 
 // --- Waiting ------------------------------------------------------------------------------------
@@ -260,26 +194,14 @@ TEST(RelayFuture, isForTheSignalThread) {
     EXPECT_EQ(assertions.texts(), Lines{"src/RelayFuture:50: utIsSignalThread()"});
 }
 
-TEST(RelayFutureDeathTest, offTheSignalThreadEndsTheProcess) {
-    EXPECT_DEATH(std::jthread([] { const RelayPubSub endpoint; }).join(),
-                 "utIsSignalThread\\(\\), src/RelayFuture:50");
-}
-
 TEST(RelayFuture, waitsForTheValueAndRunsNoInterpreterTasksMeanwhile) {
     kirohost::wakeInterpreter();
     relay::Promise<int> promise;
     RelayFuture<int> future(promise.getFuture(), "wait");
-    std::jthread other([&promise] { promise.setValue(7); });
+    const std::jthread other([&promise] { promise.setValue(7); });
     EXPECT_EQ(future.wait(), 7);
     EXPECT_EQ(kirohost::pendingTasks(graphics_util::getContextQCRID()).size(), 1U);
     kirohost::runPendingTasks();
-}
-
-TEST(RelayFuture, passesTheErrorOn) {
-    relay::Promise<int> promise;
-    RelayFuture<int> future(promise.getFuture(), "wait");
-    promise.setException(std::make_exception_ptr(std::domain_error("no")));
-    EXPECT_THROW(future.wait(), std::domain_error);
 }
 
 TEST(RelayFuture, oneLookEndsAtItsDeadline) {
@@ -292,42 +214,24 @@ TEST(RelayFuture, oneLookEndsAtItsDeadline) {
 }
 
 TEST(RelayFuture, refusesAFutureThatIsGoneOrHasNoState) {
-    try {
-        RelayFuture<int>::isReady({});
-        FAIL() << "no error";
-    } catch (const QxError& error) {
-        EXPECT_EQ(error.messageId(), (bedrock::core::MessageId{"Quarn:class", "InvalidHandle"}));
-    }
-    try {
-        RelayFuture<int>(relay::Future<int>(), "wait").wait();
-        FAIL() << "no error";
-    } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "Future state isn't valid!");
-    }
+    EXPECT_THAT([] { RelayFuture<int>::isReady({}); },
+                testing::ThrowsMessage<QxError>("Invalid or deleted object."));
+    EXPECT_THAT([] { RelayFuture<int>(relay::Future<int>(), "wait").wait(); },
+                testing::ThrowsMessage<std::runtime_error>("Future state isn't valid!"));
 }
 
 // --- The recorder of client messages ------------------------------------------------------------
 
 /// The recorder comes into being with the first requestor, when the host wants one.
 struct ClientRecorder : testing::Test {
-    ClientRecorder() { kiroutils::Logger::instance().clearHistory("DrawnowTimeout"); }
-
-    /// The history as "event|source|data|channel" of each entry; publishes `text` first.
-    static Lines recorded(const std::string& channel, const std::string& text) {
+    /// The record of `text`.
+    static std::string recorded(const std::string& channel, const std::string& text) {
         auto& logger = kiroutils::Logger::instance();
         logger.clearHistory("DrawnowTimeout");
         support::publish(channel, text);
         kirohost::waitForDelivery();
-        Lines lines;
-        for (const auto& entry : logger.history("DrawnowTimeout")) {
-            const auto record = bedrock::json::parse(entry).value_or(bedrock::json::Value());
-            EXPECT_EQ(record.textOf("LogType"), "Client");
-            lines.push_back(record.textOf("Event").value_or("?") + "|" +
-                            record.textOf("Source").value_or("?") + "|" +
-                            record.textOf("EventData").value_or("?") + "|" +
-                            record.textOf("Channel").value_or("?"));
-        }
-        return lines;
+        const auto history = logger.history("DrawnowTimeout");
+        return history.size() == 1 ? history.front() : std::to_string(history.size()) + " records";
     }
 
     support::ScopedSettings settings{[](kirohost::Settings& s) { s.drawnowTimeoutLogging = true; }};
@@ -338,47 +242,32 @@ TEST_F(ClientRecorder, recordsWhatTheClientSays) {
     const std::string log = "/graphics/PubSubLogger/log";
     const std::string errors = "/services/ErrorLoggingService/JSErrors";
     const struct {
-        std::string channel;
-        std::string text;
-        std::string record;
+        std::string channel, text, event, data, source;
     } table[] = {
-        {"/graphics/a", R"({"Type":"T","Description":"D","message":"M"})", "T|D|M|"},
-        {"/graphics/a/b", R"({"Type":5,"Description":{"b":1,"a":[2]},"message":null})",
-         R"(5|{"a":[2],"b":1}|null|)"},
-        {"/graphics/a", R"({"message":{"vxdata":[1,2],"vxtype":"int32"}})",
-         R"(Message Publish||{"vxdata":[1,2],"vxtype":"int32"}|)"},
-        {"/graphics/a", "{}", "Message Publish|||"},
-        {"/graphics/a", "[1]", "Message Publish|||"},
-        {"/graphics/a", "{\"Type\":", "Message Publish|||"},
-        {"/graphics/a", "", "Message Publish|||"},
-        {"/graphics/", "\xFF", "Message Publish|||"},
-        {log, R"({"Type":"T","Description":"D","message":"M"})", "Log|D|M|"},
-        {log, "no JSON", "Log|||"},
-        {errors, R"({ "b" : 1, "a" : "x" })", R"(Error|ErrorLoggingService|{"a":"x","b":1}|)"},
-        {errors, R"("line 1")", R"(Error|ErrorLoggingService|"line 1"|)"},
-        {errors, "TypeError: x", "Error|ErrorLoggingService|TypeError: x|"},
+        {"/graphics/a", R"({"Type":"T","Description":"D","message":"M"})", "T", "M", "D"},
+        {"/graphics/a/b", R"({"Type":5,"Description":{"b":1,"a":[2]},"message":null})", "5", "null",
+         R"({\"a\":[2],\"b\":1})"},
+        {"/graphics/a", R"({"message":{"vxdata":[1],"vxtype":"int32"}})", "Message Publish",
+         R"({\"vxdata\":[1],\"vxtype\":\"int32\"})", ""},
+        {"/graphics/a", "[1]", "Message Publish", "", ""},
+        {log, R"({"Type":"T","Description":"D","message":"M"})", "Log", "M", "D"},
+        {log, "no JSON", "Log", "", ""},
+        {errors, R"({ "b" : 1, "a" : 2 })", "Error", R"({\"a\":2,\"b\":1})", "ErrorLoggingService"},
+        {errors, "TypeError: x", "Error", "TypeError: x", "ErrorLoggingService"},
     };
     for (const auto& row : table) {
-        EXPECT_EQ(recorded(row.channel, row.text), Lines{row.record + row.channel}) << row.text;
+        EXPECT_EQ(recorded(row.channel, row.text),
+                  R"({"Channel":")" + row.channel + R"(","Event":")" + row.event +
+                      R"(","EventData":")" + row.data + R"(","LogType":"Client","Source":")" +
+                      row.source + "\"}");
     }
-    EXPECT_EQ(recorded("/elsewhere", "{}"), Lines{});
-
-    kiroutils::Logger::instance().clearHistory("DrawnowTimeout");
-    support::publish("/graphics/a", "{}");
-    kirohost::waitForDelivery();
-    EXPECT_EQ(kiroutils::Logger::instance().history("DrawnowTimeout"),
-              Lines{R"({"Channel":"/graphics/a","Event":"Message Publish","EventData":"",)"
-                    R"("LogType":"Client","Source":""})"});
+    EXPECT_EQ(recorded("/elsewhere", "{}"), "0 records");
 }
 
 TEST_F(ClientRecorder, keepsTheLast400Entries) {
-    for (int i = 0; i < 450; ++i)
-        support::publish("/graphics/a", R"({"Type":")" + std::to_string(i) + "\"}");
+    for (int i = 0; i < 450; ++i) support::publish("/graphics/a", std::to_string(i));
     kirohost::waitForDelivery();
-    const auto history = kiroutils::Logger::instance().history("DrawnowTimeout");
-    ASSERT_EQ(history.size(), 400U);
-    EXPECT_NE(history.front().find("\"Event\":\"50\""), std::string::npos);
-    EXPECT_NE(history.back().find("\"Event\":\"449\""), std::string::npos);
+    EXPECT_EQ(kiroutils::Logger::instance().history("DrawnowTimeout").size(), 400U);
 }
 
 }  // namespace

@@ -14,9 +14,7 @@
 namespace {
 
 using kiroutils::CompletionToken;
-using support::FakeClock;
-using support::Lines;
-using support::ScopedSettings;
+using namespace support;
 using Manager = kiro::ACTRequestor::CompletionTokenManager;
 using Event = std::map<std::string, bedrock::json::Value>;
 
@@ -39,6 +37,16 @@ class Token : public testing::Test {
     }
     [[nodiscard]] bool isEmpty() const { return manager.haveAllTokensReturned(); }
 
+    /// Expects `token` to change nothing.
+    void expectIgnored(const CompletionToken& token) {
+        const bool before = isEmpty();
+        events.clear();
+        manager.returnToken(token);
+        EXPECT_EQ(isEmpty(), before);
+        EXPECT_EQ(events.size(), 0U);
+        EXPECT_TRUE(wakeUps().empty());
+    }
+
     const Lines oneWakeUp{"src/ACTRequestor 1"};
     support::Collector<std::string> events;
     Manager manager{[this](Event event) {
@@ -50,43 +58,27 @@ TEST_F(Token, IsReturnedOnce) {
     EXPECT_TRUE(isEmpty());
     const auto token = manager.checkoutToken();
     EXPECT_FALSE(isEmpty());
-    manager.returnToken(token);
+    manager.returnToken(CompletionToken(token.convertToString()));
     EXPECT_TRUE(isEmpty());
     EXPECT_EQ(events.all(), Lines{R"({"Event":"return ACT","EventData":{"Token Id":")" +
                                   token.convertToString() + "\"}}"});
     EXPECT_EQ(wakeUps(), oneWakeUp);
-    manager.returnToken(token);
-    EXPECT_EQ(events.size(), 1U);
-    EXPECT_TRUE(wakeUps().empty());
+    expectIgnored(token);
 }
 
 TEST_F(Token, IgnoresEveryReturnButThatOfTheOutstandingOne) {
-    const auto ignore = [this](const CompletionToken& token) {
-        const bool before = isEmpty();
-        manager.returnToken(token);
-        EXPECT_EQ(isEmpty(), before);
-        EXPECT_EQ(events.size(), 0U);
-        EXPECT_TRUE(wakeUps().empty());
-    };
     CompletionToken forged("");
     forged.getTimeStamps().serverSend = 7;
-    for (const auto& token : {CompletionToken(), forged, CompletionToken("stranger")}) {
-        ignore(token);
-    }
     const auto replaced = manager.checkoutToken();
     const auto discarded = manager.checkoutToken();
-    EXPECT_FALSE(replaced == discarded);
-    for (const auto& token : {replaced, CompletionToken(), forged, CompletionToken("stranger")}) {
-        ignore(token);
+    for (const bool outstanding : {true, false}) {
+        for (const auto& token : {replaced, CompletionToken(), forged, CompletionToken("other")}) {
+            expectIgnored(token);
+        }
+        EXPECT_EQ(isEmpty(), !outstanding);
+        manager.discardAllTokens();
+        expectIgnored(discarded);
     }
-    manager.discardAllTokens();
-    EXPECT_TRUE(isEmpty());
-    manager.discardAllTokens();
-    ignore(discarded);
-    const auto current = manager.checkoutToken();
-    manager.returnToken(CompletionToken(current.convertToString()));
-    EXPECT_TRUE(isEmpty());
-    EXPECT_EQ(wakeUps(), oneWakeUp);
 }
 
 TEST_F(Token, TimesOutAfterMoreWholeSecondsThanTheTimeOut) {
@@ -94,86 +86,60 @@ TEST_F(Token, TimesOutAfterMoreWholeSecondsThanTheTimeOut) {
         std::int64_t timeout;
         long milliseconds;
         bool discarded;
-    } const cases[] = {
-        {5, 5000, false}, {5, 5900, false},       {5, 5999, false},
-        {5, 6000, true},  {60, 60999, false},     {60, 61000, true},
-        {1, 2000, true},  {0, 1000000000, false}, {-1, 0, true},
-    };
+    } const cases[] = {{5, 5999, false},  {5, 6000, true},        {60, 60999, false},
+                       {60, 61000, true}, {0, 1000000000, false}, {-1, 0, true}};
     const FakeClock clock;
     EXPECT_TRUE(manager.discardTimedOutTokens().isDefaultToken());
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.timeout) + " s, after ms " + std::to_string(c.milliseconds));
-        const auto timeout = timeoutOf(c.timeout);
-        EXPECT_EQ(Manager::getTimeout(), c.timeout);
         const auto token = manager.checkoutToken();
         FakeClock::advance(std::chrono::milliseconds(c.milliseconds));
+        const auto timeout = timeoutOf(c.timeout);  // a change counts at the next check
         const auto discarded = manager.discardTimedOutTokens();
         EXPECT_EQ(discarded == token, c.discarded);
         EXPECT_EQ(discarded.isDefaultToken(), !c.discarded);
         EXPECT_EQ(isEmpty(), c.discarded);
-        if (c.discarded) manager.returnToken(token);
-    }
-    EXPECT_EQ(events.size(), 0U);
-    EXPECT_TRUE(wakeUps().empty());
-
-    const auto token = manager.checkoutToken();
-    FakeClock::advanceSeconds(10);
-    for (const std::int64_t seconds : {0, 10, 9}) {  // a change counts at the next check
-        const auto timeout = timeoutOf(seconds);
-        EXPECT_EQ(manager.discardTimedOutTokens() == token, seconds == 9);
+        if (c.discarded) expectIgnored(token);
     }
 }
 
 TEST_F(Token, LogsTheTimeStampsOfReturnedOnesWhileSwitchedOn) {
-    const auto returnWith = [this](std::uint64_t clientReceive, std::uint64_t clientSend) {
-        auto token = manager.checkoutToken();
-        const auto serverSend = token.getTimeStamps().serverSend;
-        token.getTimeStamps() = {serverSend, clientReceive, clientSend, 99};
-        manager.returnToken(token);
-        return serverSend;
-    };
-    EXPECT_FALSE(manager.isTimeStampLoggingEnabled());
-    EXPECT_EQ(returnWith(1, 2), 0U);
-    EXPECT_FALSE(manager.hasTimeStamps());
-
+    constexpr std::uint64_t kMax = 18446744073709551615U;
+    constexpr std::uint64_t kMicrosecondsSince1970 = 1000000000000000U;  // at the least
+    EXPECT_EQ(manager.checkoutToken().getTimeStamps().serverSend, 0U);
     manager.enableTimeStampLogging(true);
     EXPECT_TRUE(manager.isTimeStampLoggingEnabled());
-    const auto serverSend = returnWith(18446744073709551615U, 2);
-    EXPECT_GT(serverSend, 1000000000000000U) << "microseconds since 1970";
+    auto token = manager.checkoutToken();
+    const auto serverSend = token.getTimeStamps().serverSend;
+    EXPECT_GT(serverSend, kMicrosecondsSince1970);
+    token.getTimeStamps() = {serverSend, kMax, 2, 99};
+    manager.returnToken(token);
     manager.returnToken(CompletionToken("stranger"));
     ASSERT_EQ(manager.getTimeStampLog().size(), 1U);
     const auto stamps = manager.getTimeStampLog().front();
     EXPECT_EQ(stamps.serverSend, serverSend);
-    EXPECT_EQ(stamps.clientReceive, 18446744073709551615U);
+    EXPECT_EQ(stamps.clientReceive, kMax);
     EXPECT_EQ(stamps.clientSend, 2U);
-    EXPECT_GT(stamps.serverReceive, 1000000000000000U) << "set here, whatever the reply says";
+    EXPECT_GT(stamps.serverReceive, kMicrosecondsSince1970) << "set here, whatever the reply says";
 
-    manager.enableTimeStampLogging(false);
-    const auto unstamped = manager.checkoutToken();
-    EXPECT_EQ(unstamped.getTimeStamps().serverSend, 0U);
-    manager.enableTimeStampLogging(true);
-    manager.returnToken(unstamped);
-    EXPECT_EQ(manager.getTimeStampLog().size(), 2U);
     manager.clearTimeStampLog();
+    manager.enableTimeStampLogging(false);
+    manager.returnToken(manager.checkoutToken());
     EXPECT_FALSE(manager.hasTimeStamps());
 }
 
 TEST_F(Token, ReservesAnewOnEachReturnButTheFirstUntilTheLogIsCleared) {
     manager.enableTimeStampLogging(true);
     const auto returnOne = [this] { manager.returnToken(manager.checkoutToken()); };
-    const auto reservationsFor = [&](std::size_t entries) {
-        const support::AllocationCount bytes(entries *
-                                             sizeof(CompletionToken::CompletionTokenTimeStamps));
-        returnOne();
-        return bytes.count();
-    };
     returnOne();  // into the constructor's room for 100
-    for (std::size_t size = 1; size < 10; ++size) EXPECT_EQ(reservationsFor(size + 100), 1U);
-    manager.clearTimeStampLog();
-    EXPECT_EQ(reservationsFor(100), 0U);
-    for (std::size_t size = 1; size < 10; ++size) EXPECT_EQ(reservationsFor(size + 100), 0U);
-    EXPECT_EQ(manager.getTimeStampLog().size(), 10U);
-    EXPECT_EQ(wakeUps().size(), 20U);
+    for (const std::size_t reservations : {1U, 0U}) {
+        for (std::size_t entries = 101; entries < 110; ++entries) {
+            const auto bytes = entries * sizeof(CompletionToken::CompletionTokenTimeStamps);
+            EXPECT_EQ(allocationsOf(bytes, returnOne), reservations);
+        }
+        manager.clearTimeStampLog();
+        returnOne();
+    }
 }
 
 TEST_F(Token, WakesTheContextInWhichItsManagerWasMade) {
@@ -182,16 +148,16 @@ TEST_F(Token, WakesTheContextInWhichItsManagerWasMade) {
     {
         const auto bound = vm.bindThisThread();
         theirs = std::make_unique<Manager>([](Event) {});
+        manager.returnToken(manager.checkoutToken());
+        EXPECT_TRUE(wakeUps().empty());
     }
+    EXPECT_EQ(wakeUps(), oneWakeUp);
     std::thread([&] { theirs->returnToken(theirs->checkoutToken()); }).join();
     EXPECT_TRUE(wakeUps().empty());
     {
         const auto bound = vm.bindThisThread();
         EXPECT_EQ(wakeUps(), oneWakeUp);
     }
-    std::thread([&] { manager.returnToken(manager.checkoutToken()); }).join();
-    EXPECT_EQ(wakeUps(), oneWakeUp);
-
     const support::LogCapture log("commandsender");
     const auto hidden = kirohost::hideMainContext();
     manager.returnToken(manager.checkoutToken());  // nobody to wake: silent
@@ -209,19 +175,19 @@ TEST_F(Token, StaysWhenThereIsNoEventCallback) {
 }
 
 TEST_F(Token, ReturnsFromSeveralThreadsWhileTheInterpreterChecksOut) {
-    constexpr int kRounds = 200;
+    constexpr std::size_t kRounds = 200;
     manager.enableTimeStampLogging(true);
     support::Collector<CompletionToken> sent;
-    const auto reply = [&](std::size_t seen) {
-        for (; seen <= kRounds; ++seen) {
-            sent.awaitSize(seen);
-            manager.returnToken(sent.all()[seen - 1]);
+    const auto reply = [&] {
+        for (std::size_t seen = 0; seen < kRounds; ++seen) {
+            sent.awaitSize(seen + 1);
+            manager.returnToken(sent.all()[seen]);
             static_cast<void>(manager.isTimeStampLoggingEnabled());
         }
     };
-    std::thread first(reply, 1U);
-    std::thread second(reply, 1U);
-    for (int i = 0; i < kRounds; ++i) {
+    std::thread first(reply);
+    std::thread second(reply);
+    for (std::size_t i = 0; i < kRounds; ++i) {
         sent.add(manager.checkoutToken());
         static_cast<void>(manager.haveAllTokensReturned());
         static_cast<void>(manager.discardTimedOutTokens());
