@@ -180,9 +180,12 @@ void Connection::answer(const Verdict& verdict, const Knock* knock) {
     const bool keepAlive = knock != nullptr && verdict.status < 400 && fParser->get().keep_alive();
     std::string text(verdict.reason);
     if (!text.empty()) text += '\n';
-    const std::string_view body = verdict.asset != nullptr ? verdict.asset->body : text;
-    const std::string_view type =
-        verdict.asset != nullptr ? verdict.asset->contentType : "text/plain; charset=utf-8";
+    std::string_view body = text;
+    std::string_view type = "text/plain; charset=utf-8";
+    if (verdict.asset != nullptr) {
+        body = verdict.asset->body;
+        type = verdict.asset->contentType;
+    }
     const auto status = http::obsolete_reason(static_cast<http::status>(verdict.status));
     // A host that the door refused is not repeated.
     const bool isOurHost = knock != nullptr && verdict.status < 400;

@@ -87,12 +87,11 @@ void Page::pushLocked(TimePoint now) {
     fLastPublish = now;
     if (isQuiet) fCredit = kCredit;
     if (fCarrier == nullptr || fIsWritingLater) return;
-    if (fCredit > 0) {
-        --fCredit;
+    const bool isFull = fOutbox.openBatch() >= fLimits.batchSize;
+    if (fCredit > 0 || isFull) {
+        if (fCredit > 0) --fCredit;
         writeLocked(now);
-        fLastPublish = std::chrono::steady_clock::now();  // without what the writing took
-    } else if (fOutbox.openBatch() >= fLimits.batchSize) {
-        writeLocked(now);
+        fLastPublish = std::chrono::steady_clock::now();  // the writing was no pause
     } else if (!fIsTailLater) {
         fIsTailLater = true;
         fTailSince = now;
