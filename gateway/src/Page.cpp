@@ -18,8 +18,8 @@ constexpr microseconds kQuiet{8};
 constexpr int kCredit = 16;
 /// The rest of a burst is written when it has stopped growing, or at the latest after this time.
 constexpr microseconds kMaxTail{1000};
-/// How much one call writes before it leaves the rest to the gateway's thread.
-constexpr std::size_t kWriteAtOnce = 1024 * 1024;
+/// How much is written at once. Longer, and a publisher would wait for the page's mutex.
+constexpr std::size_t kWriteAtOnce = 256UL * 1024;
 
 iovec vectorOf(std::string_view bytes) {
     return {const_cast<char*>(bytes.data()), bytes.size()};  // sendmsg does not write to it
@@ -105,7 +105,8 @@ void Page::writeLocked(TimePoint now) {
     while (fSocket >= 0 && total < kWriteAtOnce) {
         const auto pending = fOutbox.pending(now);
         if (pending[0].empty() && pending[1].empty()) return;
-        std::array<iovec, 2> vectors{vectorOf(pending[0]), vectorOf(pending[1])};
+        std::array<iovec, 2> vectors{vectorOf(pending[0]),
+                                     vectorOf(pending[1].substr(0, kWriteAtOnce))};
         msghdr message{};
         message.msg_iov = vectors.data();
         message.msg_iovlen = vectors.size();
