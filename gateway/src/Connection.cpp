@@ -113,6 +113,8 @@ class Connection final : public Guest,
     void onMessage(error_code error);
     void onEnd(error_code error);
     void tellPage();
+    /// The page, if this is its connection.
+    [[nodiscard]] Page* pageHere() const;
     void waitWritable();
     void waitTail();
     void pump();
@@ -246,7 +248,9 @@ void Connection::onMessage(error_code error) {
     const auto now = steady_clock::now();
     const auto data = fBuffer.cdata();
     const std::string_view frame(static_cast<const char*>(data.data()), data.size());
-    if (fStream.got_text()) {
+    if (fIsClosing) {
+        // The page may live on another connection by now.
+    } else if (fStream.got_text()) {
         fSession->text(frame, shared_from_this(), now);
     } else {
         fSession->binary(frame, now);
@@ -283,6 +287,11 @@ void Connection::onEnd(error_code error) {
 
 // --- Writing for the page ----------------------------------------------------------------------
 
+Page* Connection::pageHere() const {
+    if (fIsClosing || !fSession || fSession->page() == nullptr) return nullptr;
+    return fSession->page()->carrier().get() == this ? fSession->page().get() : nullptr;
+}
+
 void Connection::awaitWritable() {
     asio::post(fTimer.get_executor(), [self = shared_from_this()] {
         self->wire().isTls() ? self->pump() : self->waitWritable();
@@ -292,17 +301,15 @@ void Connection::awaitWritable() {
 void Connection::waitWritable() {
     socket().async_wait(asio::ip::tcp::socket::wait_write,
                         [self = shared_from_this()](error_code error) {
-                            if (error || self->fIsClosing) return;
-                            self->fSession->page()->writeMore(steady_clock::now());
+                            auto* page = error ? nullptr : self->pageHere();
+                            if (page != nullptr) page->writeMore(steady_clock::now());
                         });
 }
 
 void Connection::pump() {
-    if (fIsWriting || fIsClosing) return;
+    auto* page = pageHere();
+    if (fIsWriting || page == nullptr) return;
     fOut.clear();
-    const auto& page = fSession->page();
-    // The first bytes are asked for while the hello is being handled.
-    if (page == nullptr) return awaitWritable();
     if (!page->collect(fOut, kCollectAtOnce, steady_clock::now())) return;
     fIsWriting = true;
     wire().write(asio::buffer(fOut), [self = shared_from_this()](error_code error, std::size_t) {
@@ -319,8 +326,8 @@ void Connection::awaitTail() {
 void Connection::waitTail() {
     fTimer.expires_after(kTailDelay);
     fTimer.async_wait([self = shared_from_this()](error_code error) {
-        if (error || self->fIsClosing) return;
-        if (self->fSession->page()->writeTail(steady_clock::now())) self->waitTail();
+        auto* page = error ? nullptr : self->pageHere();
+        if (page != nullptr && page->writeTail(steady_clock::now())) self->waitTail();
     });
 }
 

@@ -6,6 +6,7 @@
 
 #include "GatewayFixture.hpp"
 #include "kirohost/Controls.hpp"
+#include "kiroutils/Logger.hpp"
 
 using gatewaytest::GatewayTest;
 using gatewaytest::Peer;
@@ -218,7 +219,8 @@ TEST_F(TrafficTest, TellsTheInterpreterThatTheLastPageHasGone) {
 
 TEST_F(TrafficTest, DisconnectsAPageThatCannotFollowAndNoOther) {
     fOptions.limits.queueSize = 1024 * 1024;
-    fOptions.limits.messageSize = 4 * 1024 * 1024;
+    auto& logger = kiroutils::Logger::instance();
+    logger.setHistoryEnabled("DrawnowTimeout", true, 10, false);
     start();
     auto slow = join({}, 4096);
     const auto view = hello("view");
@@ -239,6 +241,10 @@ TEST_F(TrafficTest, DisconnectsAPageThatCannotFollowAndNoOther) {
     auto again = join(R"(,"view":")" + view + R"(","last":1)");
     EXPECT_EQ(hello("kind"), "further");
     EXPECT_EQ(hello("ended"), "too slow: the queue is full");
+    const auto history = logger.history("DrawnowTimeout");
+    ASSERT_EQ(history.size(), 1U);
+    EXPECT_NE(history[0].find("too slow: the queue is full"), std::string::npos);
+    logger.setHistoryEnabled("DrawnowTimeout", false, 0, false);
 }
 
 TEST_F(TrafficTest, StopsWithPagesConnectedAndPublishersAtWork) {
