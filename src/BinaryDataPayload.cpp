@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Base64.hpp"
+#include "BinaryCompletion.hpp"
 #include "BinaryEntry.hpp"
 #include "Block.hpp"
 #include "InterpreterWarnings.hpp"
@@ -120,8 +121,8 @@ void sendOverStream(const std::shared_ptr<BinaryEntry>& entry,
     if (block.empty()) return;
     auto future = sender->send(std::move(block));
     if (!future.valid()) throw std::runtime_error("Future state isn't valid!");
-    future.then([entry, sender, channel](SendFuture&& completed) {
-        onSendCompleted(std::move(completed), *entry, *sender, channel);
+    future.then([entry, own = referenceForCompletion(sender), channel](SendFuture&& completed) {
+        onSendCompleted(std::move(completed), *entry, *own, channel);
     });
 }
 

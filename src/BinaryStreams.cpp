@@ -1,5 +1,6 @@
 #include "BinaryStreams.hpp"
 
+#include <stdexcept>
 #include <utility>
 
 #include "BinaryReceiverRegistry.hpp"
@@ -42,7 +43,11 @@ std::shared_ptr<experimental::BinaryStream> streamOfChannel(const std::string& c
     auto& streams = streamRegistry().streams;
     const auto found = streams.find(channel);
     if (found != streams.end()) return found->second;
-    return streams.emplace(channel, streamCreation().current()(channel)).first->second;
+    auto stream = streamCreation().current()(channel);
+    if (stream == nullptr) {
+        throw std::runtime_error("no binary stream could be made for the channel " + channel);
+    }
+    return streams.emplace(channel, std::move(stream)).first->second;
 }
 
 void BinaryStreamLifeCycle::initBinaryStream(const std::string& channel) {
@@ -50,11 +55,12 @@ void BinaryStreamLifeCycle::initBinaryStream(const std::string& channel) {
 }
 
 void BinaryStreamLifeCycle::destroyBinaryStream(const std::string& channel) {
-    streamRegistry().streams.erase(channel);
+    // Out of the registry before it ends: its unanswered sends may lead back here.
+    const auto gone = streamRegistry().streams.extract(channel);
 }
 
 void BinaryStreamLifeCycle::destroyBinaryDataReceiver(const std::string& channel) {
-    IdToBinaryDataReceiver::getInstance().fImpl->receivers.erase(channel);
+    const auto gone = IdToBinaryDataReceiver::getInstance().fImpl->receivers.extract(channel);
 }
 
 namespace test {

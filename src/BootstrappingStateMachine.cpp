@@ -66,9 +66,8 @@ void StateMachine::sendBinaryDataAsync(binary::BinaryDataPayload&& payload) {
 
 void StateMachine::setBinaryChannelName(const std::string& name) {
     if (name == fBinaryChannelName) return;
-    // The sender first: if it cannot be made, the same name may be tried again.
-    fBinarySender = name.empty() ? nullptr : binary::createBinaryDataSender(name);
     fBinaryChannelName = name;
+    fBinarySender = name.empty() ? nullptr : binary::createBinaryDataSender(name);
 }
 
 void StateMachine::removeFinishedAsyncTasksFromCache() {

@@ -1,6 +1,7 @@
 #include "kiro/web/RelayPubSub.hpp"
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "CHeap.hpp"
@@ -48,6 +49,8 @@ struct RelayPubSub::Impl {
         if (fMessageService == nullptr) {
             bedrock::core::diag::assertionFailed("fMessageService != nullptr", "src/RelayPubSub",
                                                  34, "kiro::web::RelayPubSub::Impl::Impl()");
+            // Where the host goes on, there is still no endpoint; the next call may have one.
+            throw std::runtime_error("the host's message service is missing");
         }
     }
 

@@ -119,8 +119,8 @@ class Writer {
     static const Scalar& toBoost(const Scalar& scalar) {
         return scalar;
     }
-    static boost::json::string toBoost(const std::string& text) {
-        return boost::json::string(text);
+    static boost::json::string toBoost(const std::shared_ptr<const std::string>& text) {
+        return boost::json::string(*text);
     }
     static boost::json::array toBoost(const std::shared_ptr<const Array>& array) {
         boost::json::array result;

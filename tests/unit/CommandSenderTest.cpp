@@ -19,15 +19,9 @@ using Sizes = std::vector<std::uint64_t>;
 static_assert(std::is_nothrow_destructible_v<CommandSenderInterface>);
 static_assert(!std::is_copy_constructible_v<ExportCommandSender>);
 
-JSONPayload numbered(int number) {
-    JSONPayload payload;
-    payload.addDataToPayload("n", number);
-    return payload;
-}
-
 TEST(ExportCommandSender, RecordsEveryCommandAndBlockAsOneText) {
     ExportCommandSender sender;
-    sender.sendCommand("draw", numbered(1));
+    sender.sendCommand("draw", {});
     sender.setEnable(false);  // has no effect on the recording
     EXPECT_FALSE(sender.isEnabled());
     JSONPayload stamped;
@@ -39,7 +33,7 @@ TEST(ExportCommandSender, RecordsEveryCommandAndBlockAsOneText) {
     sender.setBinaryChannelName("/binary");
     sender.removeFinishedAsyncTasksFromCache();
     EXPECT_EQ(sender.getCommandsAsStrings(),
-              (Lines{R"({"n":1,"cmd":"draw"})", R"({"cmd":"its own"})",
+              (Lines{R"({"cmd":"draw"})", R"({"cmd":"its own"})",
                      R"({"cmd":"binarydata","data":{"4 0":"eA==","6 0":"eA=="}})", fallback("5 0"),
                      "{}"}));
     EXPECT_FALSE(sender.queryCommandSenderReadyStatus() || sender.queryUsingBinary() ||
@@ -52,7 +46,7 @@ TEST(SizeStatistics, CountTextsAndBlocksWhileTheyAreOn) {
     ExportCommandSender sender;
     for (const bool on : {false, true}) {
         sender.setSizeStatsEnabled(on);
-        sender.sendCommand("draw", numbered(1));
+        sender.sendCommand("draw", {});
         sender.sendBinaryData(payloadOf({4, 5}));
         sender.sendBinaryDataAsync({});
         sender.setSizeStatsEnabled(on);
@@ -70,21 +64,18 @@ TEST(SizeStatistics, MakeRoomForAHundredMoreOnlyFromACapacityOfAHundredOn) {
     ExportCommandSender sender;
     EXPECT_EQ(sender.getPublishSizeInBytes().capacity(), 100U);
     EXPECT_EQ(sender.getBinarySizeInBytes().capacity(), 100U);
-    const auto expectRoom = [&](const Sizes& sizes, const auto& send, std::size_t afterMore) {
+    const auto expectRoom = [&](std::size_t expected, const Sizes& sizes, const auto& send) {
         sender.setSizeStatsEnabled(false);
         sender.setSizeStatsEnabled(true);
         while (sizes.size() < 65) send();
         EXPECT_EQ(sizes.capacity(), 128U) << "the vector's own growth";
         send();
-        EXPECT_EQ(sizes.capacity(), afterMore);
+        EXPECT_EQ(sizes.capacity(), expected);
     };
     const auto& blocks = sender.getBinarySizeInBytes();
-    expectRoom(
-        sender.getPublishSizeInBytes(), [&] { sender.sendCommand("x", {}); }, 165);
-    expectRoom(
-        blocks, [&] { sender.sendBinaryData({}); }, 165);
-    expectRoom(
-        blocks, [&] { sender.sendBinaryDataAsync({}); }, 128);
+    expectRoom(165, sender.getPublishSizeInBytes(), [&] { sender.sendCommand("x", {}); });
+    expectRoom(165, blocks, [&] { sender.sendBinaryData({}); });
+    expectRoom(128, blocks, [&] { sender.sendBinaryDataAsync({}); });
 }
 
 }  // namespace

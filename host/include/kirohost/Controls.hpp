@@ -34,7 +34,8 @@ class BinaryStream;
 ///
 /// One trap of `kiro::web::test::FakePubSub`: it delivers on the publishing thread, so a command's
 /// callback runs under the mutex of the bootstrapping sender that sends the command. Announcing
-/// "channel ready" to that sender from inside the callback would lock the sender against itself.
+/// "channel ready" to that sender from inside the callback, sending through it or destroying it
+/// there would lock the sender against itself.
 namespace kirohost {
 
 /// Keeps an observer or a replacement in force while it lives. Movable.

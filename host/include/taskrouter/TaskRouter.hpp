@@ -45,18 +45,31 @@ struct FcnCmdRequest {
     std::function<Result()> function;
 };
 
-/// A request with its promise and the source that asked for it. Movable.
+/// A request with its promise and the source that asked for it. Movable. Destroyed unrun, it breaks
+/// its promise, without needing memory for that.
 template <typename Result>
 class PackagedTaskIIP {
   public:
     PackagedTaskIIP(FcnCmdRequest<Result> request, std::string source)
-        : fRequest(std::move(request)), fSource(std::move(source)) {}
+        : fBroken(&brokenPromise()), fRequest(std::move(request)), fSource(std::move(source)) {}
+    PackagedTaskIIP(PackagedTaskIIP&& other) noexcept
+        : fBroken(std::exchange(other.fBroken, nullptr)),
+          fRequest(std::move(other.fRequest)),
+          fSource(std::move(other.fSource)),
+          fPromise(std::move(other.fPromise)) {}
+    PackagedTaskIIP(const PackagedTaskIIP&) = delete;
+    PackagedTaskIIP& operator=(const PackagedTaskIIP&) = delete;
+    PackagedTaskIIP& operator=(PackagedTaskIIP&&) = delete;
+    ~PackagedTaskIIP() {
+        if (fBroken != nullptr) fPromise.set_exception(*fBroken);
+    }
 
     [[nodiscard]] boost::future<Result> getFuture() { return fPromise.get_future(); }
     [[nodiscard]] const std::string& source() const noexcept { return fSource; }
 
-    /// Runs the request and completes the promise, with what it throws if it does.
+    /// Runs the request and completes the promise, with what it throws if it does. Once.
     void run() {
+        fBroken = nullptr;
         try {
             if constexpr (std::is_void_v<Result>) {
                 fRequest.function();
@@ -71,6 +84,15 @@ class PackagedTaskIIP {
     }
 
   private:
+    /// Made before it is needed, and never destroyed: tasks may be dropped while the process exits.
+    static const boost::exception_ptr& brokenPromise() {
+        static const auto* const error =
+            new boost::exception_ptr(boost::copy_exception(boost::broken_promise()));
+        return *error;
+    }
+
+    /// What the promise gets from the destructor; null when the task has run or moved on.
+    const boost::exception_ptr* fBroken;
     FcnCmdRequest<Result> fRequest;
     std::string fSource;
     boost::promise<Result> fPromise;

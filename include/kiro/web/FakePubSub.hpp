@@ -12,7 +12,8 @@ namespace kiro::web::test {
 /// before `publish` returns. Nothing leaves the process; a channel that nobody hears drops.
 ///
 /// Beware: a callback that runs inside a command's publish runs under the mutex of the
-/// bootstrapping sender; announcing "channel ready" to that sender there locks it against itself.
+/// bootstrapping sender. Announcing "channel ready" to that sender, sending through it or
+/// destroying it there locks it against itself.
 class KIROWEB_EXPORT FakePubSub : public PubSubInterface {
   public:
     FakePubSub();

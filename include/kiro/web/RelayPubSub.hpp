@@ -12,7 +12,8 @@ namespace kiro::web {
 /// never on the interpreter's.
 class KIROWEB_EXPORT RelayPubSub : public PubSubInterface {
   public:
-    /// Creates a message service and waits for it. Signal thread only.
+    /// Creates a message service and waits for it. Signal thread only. Throws what the host
+    /// answered with, and `std::runtime_error` when it answered with no service at all.
     RelayPubSub();
     ~RelayPubSub() override;
 

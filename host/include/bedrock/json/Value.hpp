@@ -25,7 +25,7 @@ using TypedArray =
                  std::vector<std::int8_t>, std::vector<std::uint64_t>, std::vector<std::uint32_t>,
                  std::vector<std::uint16_t>, std::vector<std::uint8_t>>;
 
-/// An immutable JSON value. Copies are cheap: they share arrays and objects.
+/// An immutable JSON value. Copies are cheap and never throw: they share texts, arrays and objects.
 class KIROHOST_EXPORT Value {
   public:
     Value() noexcept = default;  ///< null
@@ -34,8 +34,8 @@ class KIROHOST_EXPORT Value {
     Value(std::int64_t value) noexcept : fData(value) {}
     Value(std::uint64_t value) noexcept : fData(value) {}
     Value(double value) noexcept : fData(value) {}
-    Value(const char* text) : fData(std::string(text)) {}
-    Value(std::string text) noexcept : fData(std::move(text)) {}
+    Value(const char* text) : Value(std::string(text)) {}
+    Value(std::string text) : fData(std::make_shared<const std::string>(std::move(text))) {}
     Value(Array array);
     Value(Object object);
     Value(TypedArray array);
@@ -43,8 +43,8 @@ class KIROHOST_EXPORT Value {
     /// The value as `T` (one of the types above), or null when it is of another kind.
     template <typename T>
     [[nodiscard]] const T* as() const noexcept {
-        if constexpr (std::is_same_v<T, Array> || std::is_same_v<T, Object> ||
-                      std::is_same_v<T, TypedArray>) {
+        if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, Array> ||
+                      std::is_same_v<T, Object> || std::is_same_v<T, TypedArray>) {
             const auto* shared = std::get_if<std::shared_ptr<const T>>(&fData);
             return shared != nullptr ? shared->get() : nullptr;
         } else {
@@ -58,9 +58,11 @@ class KIROHOST_EXPORT Value {
 
   private:
     friend class Writer;
-    std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double, std::string,
-                 std::shared_ptr<const Array>, std::shared_ptr<const Object>,
-                 std::shared_ptr<const TypedArray>>
+    // Text is shared too: a variant with an alternative whose copy may throw cannot be copied
+    // safely with every standard library.
+    std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double,
+                 std::shared_ptr<const std::string>, std::shared_ptr<const Array>,
+                 std::shared_ptr<const Object>, std::shared_ptr<const TypedArray>>
         fData;
 };
 
