@@ -25,7 +25,9 @@ endfunction()
 
 monitor_rejects(bad-option 2 "--frames" --headless --frames=-1)
 monitor_rejects(unknown-option 2 "--frobnicate" --headless --frobnicate)
-monitor_rejects(no-browser 2 "only --headless" --frames=3)
+monitor_rejects(fault-for-page 2 "need --headless" --drop-token=3)
+monitor_rejects(headless-page 2 "--port" --headless --port=1)
+monitor_rejects(no-client 1 "cannot read" --client=nowhere)
 monitor_rejects(endless-wait 2 "--timeout 0" --headless --silent --timeout=0)
 monitor_rejects(no-data 1 "cannot be opened" --headless --data=nowhere)
 
