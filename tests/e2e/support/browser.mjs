@@ -1,18 +1,24 @@
 // Debian's Chromium, driven by playwright-core.
 import { playwright } from "../../client/support/packages.mjs";
 
+export const EXECUTABLE = "/usr/bin/chromium";
+
 const FLAGS = [
     "--headless", "--disable-gpu", "--disable-quic", "--no-first-run",
     "--disable-background-networking", "--disable-component-update", "--disable-sync",
 ];
 
+/** The sandbox wants a user who is not root. */
+export function browserFlags() {
+    return process.getuid() === 0 ? [...FLAGS, "--no-sandbox"] : FLAGS;
+}
+
 /** A missing browser is an error: nothing is skipped. */
 export function launchBrowser() {
-    const asRoot = process.getuid() === 0;
     return playwright().chromium.launch({
-        executablePath: "/usr/bin/chromium",
-        args: asRoot ? [...FLAGS, "--no-sandbox"] : FLAGS,
-        chromiumSandbox: !asRoot,
+        executablePath: EXECUTABLE,
+        args: browserFlags(),
+        chromiumSandbox: process.getuid() !== 0,
     });
 }
 

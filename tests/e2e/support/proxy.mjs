@@ -5,7 +5,7 @@ import { connect, createServer } from "node:net";
 
 const GREETING_ACCEPTED = Buffer.from([5, 0]);
 const CONNECTED = Buffer.from([5, 0, 0, 1, 0, 0, 0, 0, 0, 0]);
-const PORT_OFFSET = 8; // behind version, command, a zero, the kind of address, four bytes of it
+const PORT_SIZE = 2; // at the end of a request
 
 export class Proxy {
     #pairs = new Set();
@@ -53,7 +53,7 @@ export class Proxy {
         socket.write(GREETING_ACCEPTED);
         const [request] = await once(socket, "data");
         socket.pause();
-        const target = connect(request.readUInt16BE(PORT_OFFSET), "127.0.0.1");
+        const target = connect(request.readUInt16BE(request.length - PORT_SIZE), "127.0.0.1");
         target.on("error", () => {});
         const pair = [socket, target];
         this.#pairs.add(pair);
