@@ -118,7 +118,7 @@ std::shared_ptr<Page> Hub::welcome(const wire::Hello& hello,
 
 std::shared_ptr<Page> Hub::resume(const wire::Hello& hello, const std::shared_ptr<Carrier>& carrier,
                                   int socket, TimePoint now) {
-    const auto page = findView(hello.view);
+    auto page = findView(hello.view);
     if (page == nullptr) return nullptr;
     if (!page->canResume(hello.last)) {
         const auto failure = page->failure();
@@ -164,7 +164,7 @@ std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr
         }
     }
     if (identity.count > 1) welcome.kind = wire::ViewKind::kFurther;
-    const auto page =
+    auto page =
         std::make_shared<Page>(std::move(identity), fOptions.limits, fLanes.size() + 1, now);
     for (const auto& channel : hello.subscribe) {
         if (!subscribe(*page, channel)) welcome.refused.push_back(channel);

@@ -14,7 +14,7 @@ namespace {
 /// What a batch costs beside its records.
 constexpr std::size_t kEntryOverhead = 128;
 constexpr std::size_t kMaxBlockChannels = 0xffff;
-constexpr std::size_t kSpareFrom = 16 * 1024;
+constexpr std::size_t kSpareFrom = 16UL * 1024;
 
 }  // namespace
 

@@ -16,8 +16,7 @@ constexpr std::size_t kMaxClient = 256;
 /// Reads members of one message; each error names the member.
 class Members {
   public:
-    explicit Members(const json::value& value) {
-        fObject = value.if_object();
+    explicit Members(const json::value& value) : fObject(value.if_object()) {
         if (fObject == nullptr) throw std::runtime_error("not an object");
     }
 
@@ -70,7 +69,7 @@ class Members {
         throw std::runtime_error(std::string("member \"") + key + "\"");
     }
 
-    const json::object* fObject = nullptr;
+    const json::object* fObject;
 };
 
 Hello readHello(const Members& members) {

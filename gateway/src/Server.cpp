@@ -20,7 +20,7 @@ constexpr milliseconds kFarewell{250};
 
 asio::ip::address addressOf(const Options& options) {
     error_code error;
-    const auto address = asio::ip::make_address(options.address, error);
+    auto address = asio::ip::make_address(options.address, error);
     if (error) throw std::invalid_argument("not a numeric address: " + options.address);
     return address;
 }

@@ -45,7 +45,7 @@ class Server {
     boost::asio::ip::tcp::acceptor fAcceptor;
     boost::asio::steady_timer fTick;
     boost::asio::steady_timer fRetry;
-    std::chrono::milliseconds fPeriod;
+    std::chrono::milliseconds fPeriod{0};
     std::uint16_t fPort = 0;
     bool fIsTicking = false;
     bool fIsStopping = false;

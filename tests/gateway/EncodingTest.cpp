@@ -72,9 +72,9 @@ TEST(ChannelList, CoversARequestOnlyIfAllOfItIsAllowed) {
 }
 
 TEST(PageMessages, ReadsAFrameOfSeveral) {
-    const auto messages = wire::readFrame(
-        R"([{"t":"hello","version":1,"view":"v","last":7},{"t":"publish","channel":"c","text":"\u00e9"},)"
-        R"({"t":"echo","id":1.5},{"t":"later","more":1}])");
+    const auto messages = wire::readFrame(R"([{"t":"hello","version":1,"view":"v","last":7},)"
+                                          R"({"t":"publish","channel":"c","text":"\u00e9"},)"
+                                          R"({"t":"echo","id":1.5},{"t":"later","more":1}])");
     ASSERT_EQ(messages.size(), 4U);
     EXPECT_EQ(std::get<wire::Hello>(messages[0]).last, 7U);
     EXPECT_TRUE(std::get<wire::Hello>(messages[0]).resume);

@@ -30,9 +30,10 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
                                        {2, "/fig/2", "/w==", true}};
     EXPECT_EQ(page.readRecords(2), expected);
 
-    page.sendText(
-        R"([{"t":"publish","channel":"/up/a","text":"1"},{"t":"publish","channel":"/fig/1","text":"2"},)"
-        R"({"t":"subscribe","channels":["/log","/secret","/*"]},{"t":"unsubscribe","channels":["/fig/*"]}])");
+    page.sendText(R"([{"t":"publish","channel":"/up/a","text":"1"},)"
+                  R"({"t":"publish","channel":"/fig/1","text":"2"},)"
+                  R"({"t":"subscribe","channels":["/log","/secret","/*"]},)"
+                  R"({"t":"unsubscribe","channels":["/fig/*"]}])");
     EXPECT_EQ(fEvents.take(), "/up/a 1");
     for (const char* refused : {"/fig/1", "/secret", "/*"}) {
         EXPECT_NE(page.readControl("refused").find('"' + std::string(refused) + '"'),
@@ -54,8 +55,8 @@ TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
     stream->receive([this](relay::common::DataBuffer&& block) {
         fEvents.put(std::string(block.data(), block.size()));
     });
-    page.sendText(
-        R"([{"t":"channel","number":2,"name":"/up/blocks"},{"t":"channel","number":3,"name":"/x"}])");
+    page.sendText(R"([{"t":"channel","number":2,"name":"/up/blocks"},)"
+                  R"({"t":"channel","number":3,"name":"/x"}])");
     std::string header(16, '\0');
     header[0] = 1;
     header[1] = 1;
