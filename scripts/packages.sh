@@ -7,13 +7,15 @@ build_packages=(
     g++ cmake ninja-build
     libboost1.81-dev libboost-json1.81-dev libboost-thread1.81-dev libboost-log1.81-dev
     libboost-program-options1.81-dev
-    libpoco-dev
+    libpoco-dev libssl-dev
 )
 check_packages=(
     libgtest-dev libgmock-dev libbenchmark-dev pkg-config
     clang-14 libclang-rt-14-dev clang-tidy-14 clang-format-14
-    python3
+    python3 chromium
 )
+# Another source's Node.js brings its own npm, which Debian's would want to replace.
+{ command -v node && command -v npm; } >/dev/null || build_packages+=(nodejs npm)
 
 # install_missing PACKAGE...: asks the package sources only when something is missing.
 install_missing() {
@@ -31,4 +33,10 @@ install_missing() {
     "${apt_get[@]}" update
     # Never at the price of something that is installed already.
     "${apt_get[@]}" install --no-install-recommends --no-remove "${missing[@]}"
+}
+
+# install_page_packages: what the page is made of and tested with, as its lock file says.
+install_page_packages() {
+    [[ client/node_modules/.package-lock.json -nt client/package-lock.json ]] ||
+        (cd client && npm ci --no-audit --no-fund)
 }

@@ -31,6 +31,15 @@ async function draw(frames) {
     assert.deepEqual(result, clean, monitor.said);
 }
 
+/** For the README, when a file is named: with the chart full and the week well under way. */
+async function keepScreenshot() {
+    const path = process.env.KIROWEB_SCREENSHOT;
+    if (!path) return;
+    await page.setViewportSize({ width: 1280, height: 430 });
+    await page.waitForFunction(() => kirowebPage.scene.frame.number % 300 > 280);
+    await page.screenshot({ path });
+}
+
 const isGreen = (r, g, b, a) => a > 128 && g > 1.5 * r && g > 1.3 * b;
 const isRed = (r, g, b) => r > 1.25 * g && r > 1.25 * b;
 const isDrawn = (r, g, b, a) => a > 40;
@@ -135,6 +144,7 @@ test("A place picked by mouse or keyboard is named in the next frame", async () 
     await page.keyboard.press("Enter");
     await page.waitForFunction((old) => kirowebPage.scene.named("quakes.picked").text !== old, before);
     await assertClean(page);
+    await keepScreenshot();
 });
 
 test("It fits a phone, and follows the scheme of colours", async () => {
