@@ -7,7 +7,7 @@ build_packages=(
     g++ cmake ninja-build
     libboost1.81-dev libboost-json1.81-dev libboost-thread1.81-dev libboost-log1.81-dev
     libboost-program-options1.81-dev
-    libpoco-dev
+    libpoco-dev libssl-dev
 )
 check_packages=(
     libgtest-dev libgmock-dev libbenchmark-dev pkg-config
@@ -31,4 +31,12 @@ install_missing() {
     "${apt_get[@]}" update
     # Never at the price of something that is installed already.
     "${apt_get[@]}" install --no-install-recommends --no-remove "${missing[@]}"
+}
+
+# install_page: Node.js, and what the page is made of and tested with, as its lock file says.
+install_page() {
+    # Another source's Node.js brings its own npm, which Debian's would want to replace.
+    { command -v node && command -v npm; } >/dev/null || install_missing nodejs npm
+    [[ client/node_modules/.package-lock.json -nt client/package-lock.json ]] ||
+        (cd client && npm ci --no-audit --no-fund)
 }

@@ -13,6 +13,8 @@ inline constexpr const char* kReadyChannel = "/graphics/monitor/channelReady";
 inline constexpr const char* kReturnChannel = "/graphics/monitor/return";
 inline constexpr const char* kNewViewChannel = "/graphics/monitor/newView";
 inline constexpr const char* kReconnectChannel = "/graphics/monitor/reconnect";
+/// Where a client reports its own errors, whatever it is a client of.
+inline constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSErrors";
 
 // Channels of the binary stream service.
 inline constexpr const char* kBlockChannel = "/graphics/monitor/blocks";

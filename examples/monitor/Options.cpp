@@ -20,14 +20,17 @@ constexpr const char* kUsage =
 Two figures advance 30 times a second: a strip chart of a real electrocardiogram, and
 a map over which a real week of earthquakes is replayed in 300 frames. Each frame goes
 out as commands and blocks of 32-bit floats and ends with a flush that waits until the
-client has drawn it. With --headless the client lives in this process and checks every
-command, every block and their order against the data files; a table of what happened
-follows.
+client has drawn it. The client is a page: open the link that is printed. SIGINT and
+SIGTERM end the program. With --headless the client lives in this process and checks
+every command, every block and their order against the data files; a table of what
+happened follows.
 
-Usage: monitor --headless [options]
+Usage: monitor [options]
+       monitor --headless [options]
 )";
 
 constexpr const char* kExamples = R"(Examples:
+  monitor                                 for a browser, until interrupted
   monitor --headless                      ten seconds in real time
   monitor --headless --speed max --frames 5000
                                           as much as this machine can do
@@ -51,7 +54,8 @@ po::options_description runOptions() {
         ("headless", "run against the checking client in this process")  //
         ("frames", po::value<std::string>()->value_name("N"),
          "stop after N frames "
-         "(300; with --drop-token as many as lose two tokens, with --silent 2)")  //
+         "(for a page without end; with --headless 300, with --drop-token as many as lose two "
+         "tokens, with --silent 2)")  //
         ("duration", po::value<std::string>()->value_name("SECONDS"),
          "stop after so much time, or after N frames if that comes first")  //
         ("speed", po::value<std::string>()->value_name("X"),
@@ -72,8 +76,23 @@ po::options_description fileOptions() {
     return group;
 }
 
+po::options_description pageOptions() {
+    po::options_description group("Page");
+    group.add_options()  //
+        ("port", po::value<std::string>()->value_name("N"),
+         "the port to listen on, on the loopback interface (one that is free)")  //
+        ("no-browser", "print the link only, do not open a browser")             //
+        ("client", po::value<std::string>()->value_name("DIR"),
+         "where the page's files are (" MONITOR_CLIENT_DIR ")")  //
+        ("diagnostics", po::value<std::string>()->value_name("FILE"),
+         "write to FILE, at each time-out, what is known of the pages and of the last messages, "
+         "as JSON");
+    return group;
+}
+
 po::options_description faultOptions() {
-    po::options_description group("Faults (exit status 0 if each met its stated reaction)");
+    po::options_description group(
+        "Faults, with --headless (exit status 0 if each met its stated reaction)");
     group.add_options()  //
         ("drop-token", po::value<std::string>()->value_name("N"),
          "the client loses every Nth token: the flush must end by time-out, with a warning "
@@ -98,7 +117,8 @@ po::options_description otherOptions() {
 po::options_description allOptions() {
     constexpr unsigned kWidth = 90;
     po::options_description all("", kWidth, kWidth / 2);
-    all.add(runOptions()).add(fileOptions()).add(faultOptions()).add(otherOptions());
+    all.add(runOptions()).add(fileOptions()).add(pageOptions());
+    all.add(faultOptions()).add(otherOptions());
     return all;
 }
 
@@ -159,7 +179,7 @@ void readPace(const po::variables_map& map, Options& options) {
     } else {
         options.speed = positiveNumber(map, "speed", " or max").value_or(1);
     }
-    if (options.frames || options.duration) return;
+    if (options.frames || options.duration || !options.headless) return;
     options.frames = kDefaultFrames;
     if (options.dropEvery != 0) options.frames = kTokensToDrop * options.dropEvery + 2;
     if (options.silent) options.frames = kSilentFrames;
@@ -175,12 +195,31 @@ void readTimeout(const po::variables_map& map, Options& options) {
     }
 }
 
+void readPage(const po::variables_map& map, Options& options) {
+    if (options.headless) {
+        for (const char* name : {"port", "no-browser", "client", "diagnostics"}) {
+            if (map.count(name) != 0) {
+                throw OptionError(std::string("--") + name +
+                                  " is about a page, not for --headless");
+            }
+        }
+        return;
+    }
+    if (options.losesTokens() || options.failEvery != 0 || map.count("record") != 0) {
+        throw OptionError("faults and --record need --headless");
+    }
+    constexpr std::int64_t kMostPort = 65535;
+    const auto port = wholeNumber(map, "port", 0).value_or(0);
+    if (port > kMostPort) throw OptionError("--port takes a number up to 65535");
+    options.port = static_cast<std::uint16_t>(port);
+    options.opensBrowser = map.count("no-browser") == 0;
+    options.client = given(map, "client").value_or(MONITOR_CLIENT_DIR);
+    if (const auto file = given(map, "diagnostics")) options.diagnostics = *file;
+}
+
 Options readOptions(const po::variables_map& map) {
     Options options;
     options.headless = map.count("headless") != 0;
-    if (!options.headless) {
-        throw OptionError("only --headless exists so far; see --help");
-    }
     options.silent = map.count("silent") != 0;
     options.dropEvery = every(map, "drop-token");
     options.failEvery = every(map, "fail-block");
@@ -189,6 +228,7 @@ Options readOptions(const po::variables_map& map) {
     }
     readPace(map, options);
     readTimeout(map, options);
+    readPage(map, options);
     options.data = given(map, "data").value_or(MONITOR_DATA_DIR);
     if (const auto file = given(map, "record")) options.record = *file;
     return options;

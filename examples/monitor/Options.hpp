@@ -21,6 +21,10 @@ struct Options {
     std::uint64_t dropEvery = 0;  ///< tokens; 0: none
     std::uint64_t failEvery = 0;  ///< blocks; 0: none
     bool silent = false;
+    std::filesystem::path client;  ///< where the page's files are
+    std::uint16_t port = 0;        ///< 0: one that is free
+    bool opensBrowser = true;
+    std::optional<std::filesystem::path> diagnostics;
 
     [[nodiscard]] bool losesTokens() const { return silent || dropEvery != 0; }
 };

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "Options.hpp"
+#include "PageRun.hpp"
 #include "Progress.hpp"
 #include "Report.hpp"
 #include "WarningLog.hpp"
@@ -51,11 +52,11 @@ void draw(const engine::DataSet& data, engine::Recorder* recorder, client::Headl
           Run& run) {
     Progress progress(run.options.frames);
     // Announced from inside the first wait, so that all of the first frame is held back.
-    const engine::Engine::Hooks hooks{
-        [&page, announced = false]() mutable {
-            if (!std::exchange(announced, true)) page.announce();
-        },
-        [&progress](std::uint64_t frames) { progress.frameOver(frames); }};
+    engine::Engine::Hooks hooks;
+    hooks.waiting = [&page, announced = false]() mutable {
+        if (!std::exchange(announced, true)) page.announce();
+    };
+    hooks.frameOver = [&progress](std::uint64_t frames) { progress.frameOver(frames); };
     engine::Engine engine(data, recorder, hooks);
     run.engine = engine.run({run.options.frames, run.options.duration, run.options.speed});
     kirohost::waitForDelivery();
@@ -111,6 +112,7 @@ int main(int argc, char** argv) {
             std::cout << parsed.text;
             return 0;
         }
+        if (!parsed.options->headless) return runForPages(*parsed.options);
         return report(runHeadless(*parsed.options));
     } catch (const OptionError& error) {
         std::cerr << "monitor: " << error.what() << '\n';

@@ -33,6 +33,8 @@ struct ClientBegunAnew {
     ClientWatch::Events events;
 };
 
+constexpr std::chrono::milliseconds kMostBehind{250};
+
 std::chrono::microseconds clientTime(
     const kiroutils::CompletionToken::CompletionTokenTimeStamps& stamps) {
     if (stamps.clientSend < stamps.clientReceive) return {};
@@ -62,6 +64,7 @@ Engine::Engine(const DataSet& data, Recorder* recorder, Hooks hooks)
       fSender(std::make_shared<kiro::web::BootstrappingCommandSender>(contract::kCommandChannel)),
       fRequestor(std::make_unique<kiro::web::PubSubACTRequestor>(
           fSender, contract::kReturnChannel, "monitor", contract::kClientKind, true)),
+      fErrors(fHooks.clientError),
       fOut(senders()) {
     fSender->setBinaryChannelName(contract::kBlockChannel);
     fRequestor->enableTimeStampLogging(true);
@@ -80,18 +83,25 @@ Outlet::Senders Engine::senders() const {
 }
 
 EngineResult Engine::run(const Pace& pace) {
-    const auto start = steady_clock::now();
+    const auto begin = steady_clock::now();
+    auto start = begin;
     const auto over = [&](std::uint64_t frame) {
-        return (pace.frames && frame >= *pace.frames) ||
-               (pace.duration && steady_clock::now() - start >= *pace.duration);
+        return isStopped() || (pace.frames && frame >= *pace.frames) ||
+               (pace.duration && steady_clock::now() - begin >= *pace.duration);
     };
     for (std::uint64_t frame = 0; !over(frame); ++frame) {
         if (pace.speed > 0) {
             const std::chrono::duration<double> offset(
                 static_cast<double>(frame) /
                 (static_cast<double>(contract::kFramesPerSecond) * pace.speed));
-            waitUntil(start + std::chrono::duration_cast<steady_clock::duration>(offset));
+            const auto due = start + std::chrono::duration_cast<steady_clock::duration>(offset);
+            waitUntil("pace", [due] { return steady_clock::now() >= due; });
+            // What a client has kept waiting for long goes on from there, and does not race.
+            const auto late = steady_clock::now() - due;
+            if (late > kMostBehind) start += late;
         }
+        waitForClient();
+        if (isStopped()) break;
         drawFrame(frame);
         ++fResult.frames;
         if (fHooks.frameOver) fHooks.frameOver(fResult.frames);
@@ -104,14 +114,22 @@ void Engine::drawFrame(std::uint64_t frame) {
     if (const auto pick = fPicks.take()) fQuakes->pick(*pick);
     for (const auto& figure : fFigures) figure->advance(frame);
     for (std::uint64_t attempt = 1;; ++attempt) {
+        const std::uint64_t errors = fErrors.count();
         sendFrame(frame, attempt);
         switch (flush()) {
             case FlushEnd::kComplete:
-                ++fResult.complete;
+                // The client reports what went wrong before it answers.
+                ++(fErrors.count() == errors ? fResult.complete : fResult.failed);
                 return;
             case FlushEnd::kTimedOut:
                 // The commands are on their way or queued, in order: only the answer is missing.
                 ++fResult.timedOut;
+                if (fHooks.timedOut) fHooks.timedOut(fSender->queryCommandSenderReadyStatus());
+                return;
+            case FlushEnd::kClientGone:
+                ++fResult.clientsGone;
+                return;
+            case FlushEnd::kStopped:
                 return;
             case FlushEnd::kReconnection:
                 ++fResult.endedByReconnection;
@@ -160,8 +178,9 @@ Engine::FlushEnd Engine::flush() {
 Engine::FlushEnd Engine::waitForToken() {
     try {
         WebBlockingOperation::waitOrThrow(
-            "drawnow", [this] { return !fRequestor->isACTPending(); }, fClient.status(),
-            [this] { pump(); });
+            "drawnow",
+            [this] { return !fRequestor->isACTPending() || isClientGone() || isStopped(); },
+            fClient.status(), [this] { pump(); });
     } catch (const Reconnected&) {
         fRequestor->discardAllTokens();
         return FlushEnd::kReconnection;
@@ -172,8 +191,12 @@ Engine::FlushEnd Engine::waitForToken() {
         fRequestor->discardAllTokens();
         return begunAnew.events.reconnection ? FlushEnd::kReconnection : FlushEnd::kNewView;
     }
-    // No token is under way any more. Only one that was returned has left its stamps.
-    return fRequestor->hasTimeStamps() ? FlushEnd::kComplete : FlushEnd::kTimedOut;
+    const bool pending = fRequestor->isACTPending();
+    fRequestor->discardAllTokens();
+    // Only a token that was returned has left its stamps.
+    if (fRequestor->hasTimeStamps()) return FlushEnd::kComplete;
+    if (!pending) return FlushEnd::kTimedOut;
+    return isStopped() ? FlushEnd::kStopped : FlushEnd::kClientGone;
 }
 
 void Engine::pump() const {
@@ -186,13 +209,19 @@ void Engine::noteBacklog() {
     if (!fSender->queryCommandSenderReadyStatus()) fResult.backlog = fOut.countTraffic();
 }
 
-void Engine::waitUntil(steady_clock::time_point due) {
+void Engine::waitForClient() {
+    while (isClientGone() && !isStopped()) {
+        waitUntil("client", [this] { return !isClientGone(); });
+    }
+}
+
+void Engine::waitUntil(const char* name, const std::function<bool()>& condition) {
     try {
-        WebBlockingOperation::waitOrThrow("pace", [due] { return steady_clock::now() >= due; },
-                                          fClient.status(), {});
-    } catch (const Reconnected&) {
-        // The frame that follows is sent whole, since the client's watch has seen it too.
-    } catch (const NewView&) {  // likewise
+        WebBlockingOperation::waitOrThrow(
+            name, [this, &condition] { return isStopped() || condition(); }, fClient.status(), {});
+    } catch (const kiroutils::TerminatingConditionException&) {
+        // If a client began anew, its watch has seen it too, and the next frame is sent whole. A
+        // wait also ends after twenty minutes, and is then begun again.
     }
 }
 

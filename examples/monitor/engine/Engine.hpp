@@ -5,9 +5,11 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "engine/ClientWatch.hpp"
+#include "engine/ErrorWatch.hpp"
 #include "engine/Figure.hpp"
 #include "engine/Outlet.hpp"
 #include "engine/PickReceiver.hpp"
@@ -36,6 +38,10 @@ struct EngineResult {
     std::uint64_t frames = 0;
     std::uint64_t complete = 0;
     std::uint64_t timedOut = 0;
+    /// Answered, but the client had reported an error.
+    std::uint64_t failed = 0;
+    /// Attempts given up because no client was left.
+    std::uint64_t clientsGone = 0;
     /// Attempts at a frame that the client's reconnection or new view ended.
     std::uint64_t endedByReconnection = 0;
     std::uint64_t endedByNewView = 0;
@@ -52,12 +58,21 @@ struct EngineResult {
 /// client has drawn them. Signal thread.
 class Engine {
   public:
-    /// Called on the engine's thread; may be empty.
+    /// Called on the engine's thread, unless they say otherwise; may be empty.
     struct Hooks {
         /// At intervals while a flush waits.
         std::function<void()> waiting;
         /// When a frame is over.
         std::function<void(std::uint64_t frames)> frameOver;
+        /// Whether to end now. Whoever changes the answer wakes the interpreter.
+        std::function<bool()> stopped;
+        /// Whether clients were there and none is any more. Whoever changes the answer to true
+        /// wakes the interpreter.
+        std::function<bool()> clientGone;
+        /// When a flush has ended by time-out, and whether a client had announced itself by then.
+        std::function<void(bool announced)> timedOut;
+        /// When a client reports an error of its own, on the message service's thread.
+        std::function<void(const std::string& error)> clientError;
     };
 
     /// `recorder` may be null. REQUIRES: both outlive this.
@@ -70,17 +85,22 @@ class Engine {
     EngineResult run(const Pace& pace);
 
   private:
-    enum class FlushEnd { kComplete, kTimedOut, kReconnection, kNewView };
+    enum class FlushEnd { kComplete, kTimedOut, kReconnection, kNewView, kClientGone, kStopped };
 
     void drawFrame(std::uint64_t frame);
     void sendFrame(std::uint64_t frame, std::uint64_t attempt);
     FlushEnd flush();
     FlushEnd waitForToken();
+    /// Lets time pass until there is a client again.
+    void waitForClient();
+    /// Waits until `condition` holds or the engine is to stop; a client that begins anew ends the
+    /// wait, too.
+    void waitUntil(const char* name, const std::function<bool()>& condition);
+    [[nodiscard]] bool isStopped() const { return fHooks.stopped && fHooks.stopped(); }
+    [[nodiscard]] bool isClientGone() const { return fHooks.clientGone && fHooks.clientGone(); }
     /// Runs while a flush waits.
     void pump() const;
     void noteBacklog();
-    /// Waits until `due`; the interpreter's tasks go on meanwhile.
-    void waitUntil(std::chrono::steady_clock::time_point due);
     Outlet::Senders senders() const;
 
     Recorder* const fRecorder;
@@ -95,6 +115,7 @@ class Engine {
     const std::shared_ptr<kiro::web::BootstrappingCommandSender> fSender;
     const std::unique_ptr<kiro::web::PubSubACTRequestor> fRequestor;
     ClientWatch fClient;
+    ErrorWatch fErrors;
     PickReceiver fPicks;
     Outlet fOut;
     QuakeFigure* fQuakes = nullptr;  // one of fFigures

@@ -1,0 +1,10 @@
+#include "PageRun.hpp"
+
+namespace monitor {
+
+/// Of a build without the gateway.
+int runForPages(const Options& /*options*/) {
+    throw OptionError("built without the gateway, so there is no page: see --headless");
+}
+
+}  // namespace monitor

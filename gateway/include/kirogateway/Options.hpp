@@ -1,0 +1,81 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kirogateway/Export.hpp"
+
+namespace kirogateway {
+
+/// One file that the gateway serves, whole and from memory.
+struct Asset {
+    std::string name;  ///< the path in the address, with its slash: "/", "/client.js"
+    std::string contentType;
+    std::string body;
+};
+
+/// Reads `file` and takes the type from its ending. Throws std::runtime_error when the file cannot
+/// be read or its ending is not one that a page uses.
+[[nodiscard]] KIROGATEWAY_EXPORT Asset loadAsset(const std::string& name, const std::string& file);
+
+/// Bounds. Sizes are bytes. All of them are greater than 0.
+struct Limits {
+    std::size_t headerSize = 8 * 1024;             ///< of an HTTP request
+    std::size_t messageSize = 4 * 1024 * 1024;     ///< of a frame or message from a page
+    std::size_t connections = 64;                  ///< all together
+    std::size_t unauthenticatedConnections = 16;   ///< those that have not upgraded
+    std::size_t subscriptions = 1024;              ///< of one page
+    std::size_t queueSize = 64 * 1024 * 1024;      ///< what waits for one page
+    std::size_t blocksUnderWay = 8;                ///< sent to one page and not answered
+    std::size_t bytesUnderWay = 32 * 1024 * 1024;  ///< in such blocks, unless it is a single one
+    std::size_t pieceSize = 4 * 1024 * 1024;       ///< larger blocks go in pieces of this size
+    std::size_t batchSize = 64 * 1024;             ///< where a frame of texts is considered full
+
+    std::chrono::milliseconds request{5000};    ///< from a connection's start to its full header
+    std::chrono::milliseconds hello{5000};      ///< from the upgrade to the page's hello
+    std::chrono::milliseconds queue{10000};     ///< how long something may wait for a page
+    std::chrono::milliseconds block{10000};     ///< how long a block may be unanswered
+    std::chrono::milliseconds ping{10000};      ///< silence after which a page is pinged
+    std::chrono::milliseconds gone{1000};       ///< from a lost connection to "the page is gone"
+    std::chrono::milliseconds comeback{10000};  ///< from a lost connection to the end of its view
+    std::chrono::milliseconds close{2000};      ///< how long a page has to read why it is closed
+    std::chrono::milliseconds code{60000};      ///< how long a single-use code is good
+};
+
+/// What a gateway does. Channels may end in "/*", with the meaning that this has everywhere.
+struct Options {
+    std::string address = "127.0.0.1";  ///< a numeric address; another than loopback is a choice
+    std::uint16_t port = 0;             ///< 0: one that is free
+    /// Further hosts, as they stand in a request ("plot.example:8080"), and further origins
+    /// ("http://localhost:5173"), compared exactly.
+    std::vector<std::string> extraHosts;
+    std::vector<std::string> extraOrigins;
+    /// PEM files; both empty: no TLS.
+    std::string certificateFile;
+    std::string keyFile;
+
+    std::vector<Asset> assets;
+    std::string configuration = "{}";  ///< a JSON object, handed to every page
+
+    std::vector<std::string> mayPublish;    ///< channels on which a page may publish, blocks too
+    std::vector<std::string> maySubscribe;  ///< channels that a page may hear, blocks too
+    std::vector<std::string> blockChannels{"/*"};  ///< whose blocks go to the pages
+    /// Order holds within one of these groups of channels; what is in none of them is a group of
+    /// its own. Groups take turns, so that bulk in one does not hold up another.
+    std::vector<std::vector<std::string>> lanes;
+
+    std::string newViewChannel;    ///< where each new view is announced; empty: nowhere
+    std::string reconnectChannel;  ///< where each return of a view is announced; empty: nowhere
+
+    Limits limits;
+
+    /// Called each time the last page has gone, on the gateway's thread. It must not destroy the
+    /// gateway. Empty: an empty interpreter task is queued, so that a wait looks at its condition.
+    std::function<void()> onLastPageGone;
+};
+
+}  // namespace kirogateway

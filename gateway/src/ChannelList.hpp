@@ -1,0 +1,42 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+namespace kirogateway {
+
+/// A set of channel names and wildcards (a final "/*"). Not synchronised.
+class ChannelList {
+  public:
+    ChannelList() = default;
+    explicit ChannelList(const std::vector<std::string>& channels);
+
+    /// Nothing happens if it is there already.
+    void add(std::string_view channel);
+    /// Takes back exactly that name.
+    void remove(std::string_view channel);
+
+    [[nodiscard]] bool matches(std::string_view channel) const;
+    /// Whether every channel that `request`, a name or a wildcard, stands for is matched.
+    [[nodiscard]] bool covers(std::string_view request) const;
+
+    [[nodiscard]] std::size_t size() const noexcept { return fNames.size() + fPrefixes.size(); }
+    /// As they were added, in no particular order.
+    [[nodiscard]] std::vector<std::string> channels() const;
+
+  private:
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const noexcept {
+            return std::hash<std::string_view>{}(text);
+        }
+    };
+
+    std::unordered_set<std::string, Hash, std::equal_to<>> fNames;
+    std::vector<std::string> fPrefixes;  ///< of the wildcards, the slash included
+};
+
+}  // namespace kirogateway

@@ -1,0 +1,325 @@
+#include "Page.hpp"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <array>
+#include <cerrno>
+#include <utility>
+
+namespace kirogateway {
+namespace {
+
+using std::chrono::microseconds;
+
+/// A text is written at once if the one before was this long ago, or if only a few were faster. A
+/// frame for each text takes about 5 microseconds of the publisher's time, and more of the page's.
+constexpr microseconds kQuiet{8};
+constexpr int kCredit = 16;
+/// The rest of a burst is written when it has stopped growing, or at the latest after this time.
+constexpr microseconds kMaxTail{1000};
+/// How much is written at once. Longer, and a publisher would wait for the page's mutex.
+constexpr std::size_t kWriteAtOnce = 256UL * 1024;
+
+iovec vectorOf(std::string_view bytes) {
+    // sendmsg does not write to it. NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
+    return {const_cast<char*>(bytes.data()), bytes.size()};
+}
+
+}  // namespace
+
+Page::Page(Identity identity, const Limits& limits, std::size_t lanes, TimePoint now)
+    : fIdentity(std::move(identity)),
+      fLimits(limits),
+      fLastSign(now),
+      fOutbox(limits, lanes, fIdentity.mayReturn) {}
+
+// --- Publishing threads ------------------------------------------------------------------------
+
+bool Page::publish(const Text& text, TimePoint now) noexcept {
+    annotated::Lock lock(fMutex);
+    try {
+        if (fIsRetired || !fFailure.empty() || !hearsLocked(text.channel)) return false;
+        if (fOutbox.addText(text.lane, text.channel, text.text, text.isBase64, now)) {
+            pushLocked(now);
+        } else {
+            failLocked("the queue is full");
+        }
+    } catch (...) {
+        failLocked("no memory for the queue");
+    }
+    return true;
+}
+
+void Page::fail(std::string_view why) noexcept {
+    annotated::Lock lock(fMutex);
+    failLocked(why);
+}
+
+bool Page::offer(std::string_view channel, std::size_t lane,
+                 const std::shared_ptr<Transfer>& transfer, TimePoint now) noexcept {
+    annotated::Lock lock(fMutex);
+    bool isJoined = false;
+    try {
+        if (fIsRetired || fIsAway || !fFailure.empty() || !hearsLocked(channel)) return false;
+        if (!fOutbox.addBlock(lane, channel, transfer, now)) {
+            failLocked("the queue is full");
+            return false;
+        }
+        transfer->join();
+        isJoined = true;
+        if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
+    } catch (...) {
+        failLocked("no memory for the queue");
+    }
+    return isJoined;
+}
+
+bool Page::hearsLocked(std::string_view channel) {
+    if (fLastChannel != channel || channel.empty()) {
+        fHearsLast = fSubscriptions.matches(channel);
+        fLastChannel = channel;
+    }
+    return fHearsLast;
+}
+
+void Page::pushLocked(TimePoint now) {
+    const bool isQuiet = now - fLastPublish >= kQuiet;
+    fLastPublish = now;
+    if (isQuiet) fCredit = kCredit;
+    if (fCarrier == nullptr || fIsWritingLater) return;
+    const bool isFull = fOutbox.openBatch() >= fLimits.batchSize;
+    if (fCredit > 0 || isFull) {
+        if (fCredit > 0) --fCredit;
+        writeLocked(now);
+        fLastPublish = std::chrono::steady_clock::now();  // the writing was no pause
+    } else if (!fIsTailLater) {
+        fIsTailLater = true;
+        fTailSince = now;
+        fTailSeen = fOutbox.bytes();
+        fCarrier->awaitTail();
+    }
+}
+
+void Page::writeLocked(TimePoint now) {
+    std::size_t total = 0;
+    while (fSocket >= 0 && total < kWriteAtOnce) {
+        const auto pending = fOutbox.pending(now);
+        if (pending[0].empty() && pending[1].empty()) return;
+        std::array<iovec, 2> vectors{vectorOf(pending[0]),
+                                     vectorOf(pending[1].substr(0, kWriteAtOnce))};
+        msghdr message{};
+        message.msg_iov = vectors.data();
+        message.msg_iovlen = vectors.size();
+        const auto sent = ::sendmsg(fSocket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR) continue;
+            // Whatever else it is, whoever reads from the connection learns it too.
+            if (errno != EAGAIN && errno != EWOULDBLOCK) return;
+            break;
+        }
+        fOutbox.written(static_cast<std::size_t>(sent));
+        total += static_cast<std::size_t>(sent);
+    }
+    fIsWritingLater = true;
+    fCarrier->awaitWritable();
+}
+
+void Page::failLocked(std::string_view why) noexcept {
+    if (!fFailure.empty()) return;
+    try {
+        fFailure = why;
+    } catch (...) {
+        fFailure = "no memory";  // short enough to need none
+    }
+    try {
+        if (fCarrier != nullptr) fCarrier->pageFailed();
+    } catch (...) {  // the next look at the times finds it
+    }
+}
+
+// --- The gateway's thread ----------------------------------------------------------------------
+
+void Page::connectLocked(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello) {
+    fCarrier = std::move(carrier);
+    fSocket = socket;
+    fIsAway = false;
+    fIsWritingLater = false;
+    fIsTailLater = false;
+    fOutbox.addControl(hello);
+}
+
+void Page::attach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+                  TimePoint now) {
+    heard(now);
+    annotated::Lock lock(fMutex);
+    connectLocked(std::move(carrier), socket, hello);
+    writeLocked(now);
+}
+
+void Page::reattach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+                    std::uint64_t last, TimePoint now, LeavingList& leaving) {
+    heard(now);
+    annotated::Lock lock(fMutex);
+    fOutbox.resume(last, leaving);
+    connectLocked(std::move(carrier), socket, hello);
+    writeLocked(now);
+}
+
+bool Page::canResume(std::uint64_t last) const {
+    annotated::Lock lock(fMutex);
+    return !fIsRetired && fFailure.empty() && fOutbox.canResume(last);
+}
+
+std::string Page::detach() {
+    annotated::Lock lock(fMutex);
+    fCarrier = nullptr;
+    fSocket = -1;
+    return fOutbox.detach();
+}
+
+std::shared_ptr<Carrier> Page::carrier() const {
+    annotated::Lock lock(fMutex);
+    return fCarrier;
+}
+
+std::vector<std::string> Page::blockChannels() const {
+    annotated::Lock lock(fMutex);
+    return fOutbox.blockChannels();
+}
+
+void Page::writeMore(TimePoint now) {
+    annotated::Lock lock(fMutex);
+    fIsWritingLater = false;
+    if (fCarrier != nullptr) writeLocked(now);
+}
+
+bool Page::writeTail(TimePoint now) {
+    annotated::Lock lock(fMutex);
+    if (!fIsTailLater || fCarrier == nullptr) return false;
+    const auto bytes = fOutbox.bytes();
+    if (bytes != fTailSeen && now - fTailSince < kMaxTail) {
+        fTailSeen = bytes;
+        return true;
+    }
+    fIsTailLater = false;
+    if (!fIsWritingLater) writeLocked(now);
+    return false;
+}
+
+bool Page::collect(std::string& to, std::size_t size, TimePoint now) {
+    annotated::Lock lock(fMutex);
+    std::size_t total = 0;
+    while (total < size) {
+        std::size_t taken = 0;
+        for (const auto part : fOutbox.pending(now)) {
+            const auto piece = part.substr(0, size - total - taken);
+            to += piece;
+            taken += piece.size();
+        }
+        if (taken == 0) break;
+        fOutbox.written(taken);
+        total += taken;
+    }
+    fIsWritingLater = total > 0;
+    return total > 0;
+}
+
+void Page::sendControl(std::string_view text, TimePoint now) {
+    annotated::Lock lock(fMutex);
+    fOutbox.addControl(text);
+    checkRoomLocked();
+    if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
+}
+
+void Page::sendFrames(std::string frames, TimePoint now) {
+    annotated::Lock lock(fMutex);
+    fOutbox.addFrames(std::move(frames));
+    checkRoomLocked();
+    if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
+}
+
+void Page::checkRoomLocked() {
+    if (fOutbox.bytes() > fLimits.queueSize) failLocked("the queue is full");
+}
+
+void Page::subscribe(std::string_view channel) {
+    annotated::Lock lock(fMutex);
+    fSubscriptions.add(channel);
+    fLastChannel.clear();
+}
+
+void Page::unsubscribe(std::string_view channel) {
+    annotated::Lock lock(fMutex);
+    fSubscriptions.remove(channel);
+    fLastChannel.clear();
+}
+
+std::vector<std::string> Page::subscriptions() const {
+    annotated::Lock lock(fMutex);
+    return fSubscriptions.channels();
+}
+
+std::size_t Page::subscriptionCount() const {
+    annotated::Lock lock(fMutex);
+    return fSubscriptions.size();
+}
+
+void Page::acknowledge(std::uint64_t last) {
+    annotated::Lock lock(fMutex);
+    fOutbox.acknowledge(last);
+}
+
+void Page::answer(std::uint64_t transfer, bool hasBlock, TimePoint now, LeavingList& leaving) {
+    annotated::Lock lock(fMutex);
+    fOutbox.answer(transfer, hasBlock, leaving);
+    // What waited for a block to be answered can go on.
+    if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
+}
+
+std::string Page::failure() const {
+    annotated::Lock lock(fMutex);
+    return fFailure;
+}
+
+std::string Page::checkTimes(TimePoint now, LeavingList& leaving) {
+    annotated::Lock lock(fMutex);
+    if (!fFailure.empty() || fCarrier == nullptr) return fFailure;
+    if (now - fOutbox.waitingSince(now) > fLimits.queue) {
+        fFailure = "something waited for too long";
+    } else if (!fOutbox.dropBlocksBefore(now - fLimits.block, leaving)) {
+        fFailure = "a block could not be sent in time";
+    } else if (!fIsWritingLater) {
+        writeLocked(now);  // a block that was dropped may have held up others
+    }
+    return fFailure;
+}
+
+void Page::dropBlocks(LeavingList& leaving) {
+    annotated::Lock lock(fMutex);
+    fIsAway = true;
+    fOutbox.dropBlocks(leaving);
+}
+
+void Page::retire(LeavingList& leaving) {
+    annotated::Lock lock(fMutex);
+    fIsRetired = true;
+    fOutbox.dropBlocks(leaving);
+}
+
+Page::State Page::state(TimePoint now) const {
+    annotated::Lock lock(fMutex);
+    State state;
+    state.isConnected = fCarrier != nullptr;
+    state.next = fOutbox.next();
+    state.acknowledged = fOutbox.acknowledged();
+    state.bytes = fOutbox.bytes();
+    state.blocksUnderWay = fOutbox.blocksUnderWay();
+    state.bytesUnderWay = fOutbox.bytesUnderWay();
+    state.waiting =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now - fOutbox.waitingSince(now));
+    state.silence = std::chrono::duration_cast<std::chrono::milliseconds>(now - lastSign());
+    return state;
+}
+
+}  // namespace kirogateway

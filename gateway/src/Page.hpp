@@ -1,0 +1,151 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Carrier.hpp"
+#include "ChannelList.hpp"
+#include "Outbox.hpp"
+#include "annotated/Mutex.hpp"
+
+namespace kirogateway {
+
+/// A text on its way to the pages.
+struct Text {
+    std::string_view channel;
+    std::string_view text;  ///< as it stands in a record
+    bool isBase64 = false;
+    std::size_t lane = 0;
+};
+
+/// One view: what is sent to it, and the connection that it has at the moment, if any.
+///
+/// A publishing thread writes to the socket itself, without blocking, when the socket takes it.
+/// If it does not, or if texts come so fast that a frame for each would cost more than the texts,
+/// they wait, and the gateway's thread writes them together.
+class Page {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    struct Identity {
+        std::string view;         ///< its holder may return
+        std::uint64_t count = 0;  ///< of views, this one included
+        std::string client;       ///< a name, from outside
+        bool mayReturn = true;
+    };
+
+    /// REQUIRES: `limits` outlives the page.
+    Page(Identity identity, const Limits& limits, std::size_t lanes, TimePoint now);
+
+    [[nodiscard]] const Identity& identity() const noexcept { return fIdentity; }
+
+    // --- Publishing threads; they must not be kept waiting ---
+
+    /// Queues and, if possible, writes. Never throws: a page for which something cannot be kept
+    /// is marked as failed. Answers whether the page hears it.
+    bool publish(const Text& text, TimePoint now) noexcept;
+    /// Answers whether the page takes part in the transfer, which it joined then.
+    [[nodiscard]] bool offer(std::string_view channel, std::size_t lane,
+                             const std::shared_ptr<Transfer>& transfer, TimePoint now) noexcept;
+
+    /// Marks the page as one that has to be closed.
+    void fail(std::string_view why) noexcept;
+
+    // --- The gateway's thread ---
+
+    /// Gives the page its connection, `hello` first. With `socket` not -1 any thread writes to
+    /// that socket; otherwise the carrier asks for bytes with `collect`.
+    /// REQUIRES: not connected.
+    void attach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+                TimePoint now);
+    /// As `attach`, for a page that has everything up to `last`.
+    /// REQUIRES: canResume(last).
+    void reattach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+                  std::uint64_t last, TimePoint now, LeavingList& leaving);
+    [[nodiscard]] bool canResume(std::uint64_t last) const;
+    /// Takes the connection away: once this has returned nobody writes to the socket. Answers the
+    /// rest of the frame that was being written.
+    std::string detach();
+    /// Empty when detached.
+    [[nodiscard]] std::shared_ptr<Carrier> carrier() const;
+    [[nodiscard]] std::vector<std::string> blockChannels() const;
+
+    void writeMore(TimePoint now);
+    /// Answers whether to call it again a moment later.
+    [[nodiscard]] bool writeTail(TimePoint now);
+    /// Moves up to about `size` bytes to the end of `to`. Answers false when there are none.
+    [[nodiscard]] bool collect(std::string& to, std::size_t size, TimePoint now);
+
+    void sendControl(std::string_view text, TimePoint now);
+    void sendFrames(std::string frames, TimePoint now);
+
+    void subscribe(std::string_view channel);
+    void unsubscribe(std::string_view channel);
+    [[nodiscard]] std::vector<std::string> subscriptions() const;
+    [[nodiscard]] std::size_t subscriptionCount() const;
+    void acknowledge(std::uint64_t last);
+    void answer(std::uint64_t transfer, bool hasBlock, TimePoint now, LeavingList& leaving);
+
+    /// Something came from the page. Any thread.
+    void heard(TimePoint now) noexcept { fLastSign = now; }
+    [[nodiscard]] TimePoint lastSign() const noexcept { return fLastSign; }
+
+    /// Why the page has to be closed, empty when it need not.
+    [[nodiscard]] std::string failure() const;
+    /// Looks at what has waited too long. Answers as `failure`.
+    [[nodiscard]] std::string checkTimes(TimePoint now, LeavingList& leaving);
+    /// REQUIRES: detached.
+    void dropBlocks(LeavingList& leaving);
+    /// The view is over: nothing is queued any more. REQUIRES: detached.
+    void retire(LeavingList& leaving);
+
+    struct State {
+        bool isConnected = false;
+        std::uint64_t next = 1;
+        std::uint64_t acknowledged = 0;
+        std::size_t bytes = 0;
+        std::size_t blocksUnderWay = 0;
+        std::size_t bytesUnderWay = 0;
+        std::chrono::milliseconds waiting{0};
+        std::chrono::milliseconds silence{0};
+    };
+    [[nodiscard]] State state(TimePoint now) const;
+
+  private:
+    [[nodiscard]] bool hearsLocked(std::string_view channel) REQUIRES_LOCK(fMutex);
+    void pushLocked(TimePoint now) REQUIRES_LOCK(fMutex);
+    void writeLocked(TimePoint now) REQUIRES_LOCK(fMutex);
+    void failLocked(std::string_view why) noexcept REQUIRES_LOCK(fMutex);
+    void connectLocked(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello)
+        REQUIRES_LOCK(fMutex);
+    void checkRoomLocked() REQUIRES_LOCK(fMutex);
+
+    const Identity fIdentity;
+    const Limits& fLimits;
+    std::atomic<TimePoint> fLastSign;
+
+    mutable annotated::Mutex fMutex;
+    Outbox fOutbox GUARDED_BY(fMutex);
+    ChannelList fSubscriptions GUARDED_BY(fMutex);
+    std::string fLastChannel GUARDED_BY(fMutex);  ///< asked about last, with the answer
+    bool fHearsLast GUARDED_BY(fMutex) = false;
+
+    std::shared_ptr<Carrier> fCarrier GUARDED_BY(fMutex);
+    int fSocket GUARDED_BY(fMutex) = -1;
+    bool fIsRetired GUARDED_BY(fMutex) = false;
+    bool fIsAway GUARDED_BY(fMutex) = false;          ///< for so long that it takes no blocks
+    bool fIsWritingLater GUARDED_BY(fMutex) = false;  ///< the carrier will call `writeMore`
+    bool fIsTailLater GUARDED_BY(fMutex) = false;     ///< the carrier will call `writeTail`
+    std::size_t fTailSeen GUARDED_BY(fMutex) = 0;
+    TimePoint fTailSince GUARDED_BY(fMutex);
+    int fCredit GUARDED_BY(fMutex) = 0;  ///< texts that may still be written one by one
+    TimePoint fLastPublish GUARDED_BY(fMutex);
+    std::string fFailure GUARDED_BY(fMutex);
+};
+
+}  // namespace kirogateway

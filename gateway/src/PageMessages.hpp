@@ -1,0 +1,111 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "kirogateway/Options.hpp"
+
+/// What pages say, read; and what the gateway says to them besides messages, written.
+namespace kirogateway::wire {
+
+struct Hello {
+    std::uint64_t version = 0;
+    std::string client;
+    std::vector<std::string> subscribe;
+    bool resume = true;
+    std::string view;  ///< empty: no return
+    std::uint64_t last = 0;
+};
+struct Publish {
+    std::string channel;
+    std::string text;
+};
+struct Subscribe {
+    std::vector<std::string> channels;
+};
+struct Unsubscribe {
+    std::vector<std::string> channels;
+};
+struct BlockAnswer {
+    std::uint64_t transfer = 0;
+    bool ok = false;
+    std::string reason;
+};
+struct Ack {
+    std::uint64_t last = 0;
+};
+struct ChannelName {
+    std::uint64_t number = 0;
+    std::string name;
+};
+struct Echo {
+    std::string id;  ///< as JSON text
+};
+struct Unknown {
+    std::string what;
+};
+
+using PageMessage = std::variant<Hello, Publish, Subscribe, Unsubscribe, BlockAnswer, Ack,
+                                 ChannelName, Echo, Unknown>;
+
+/// Reads one text frame. Throws std::runtime_error, with a text fit for a close frame, for
+/// anything that is not a message or an array of them; std::bad_alloc.
+[[nodiscard]] std::vector<PageMessage> readFrame(std::string_view text);
+
+/// The header of a binary frame.
+struct BlockHeader {
+    static constexpr std::size_t kSize = 16;
+    static constexpr unsigned char kBlock = 1;
+    static constexpr unsigned char kLastPiece = 1;
+
+    bool isLast = true;
+    std::uint16_t channel = 0;
+    std::uint32_t transfer = 0;
+    std::uint64_t number = 0;  ///< of the message in the last piece, else the block's size
+
+    void write(char* to) const noexcept;
+    /// Empty for a frame that is too short or of another kind.
+    [[nodiscard]] static std::optional<BlockHeader> read(std::string_view frame) noexcept;
+};
+
+/// Why a connection is closed; the numbers stand in docs/protocol.md.
+enum class CloseCode : std::uint16_t {
+    kStopped = 1001,
+    kBadMessage = 4000,
+    kNoHello = 4001,
+    kVersion = 4002,
+    kTooSlow = 4003,
+    kSilent = 4004,
+    kReturnedElsewhere = 4005,
+};
+
+enum class ViewKind { kFirst, kFurther, kReturn };
+[[nodiscard]] std::string_view nameOf(ViewKind kind) noexcept;
+
+struct Welcome {
+    std::string view;
+    ViewKind kind = ViewKind::kFirst;
+    std::uint64_t next = 1;
+    std::vector<std::string> blockChannels;
+    std::vector<std::string> subscribed;
+    std::vector<std::string> refused;
+    std::string ended;  ///< why the view asked for is over, if it is known
+};
+
+/// The texts of control frames.
+[[nodiscard]] std::string helloText(const Welcome& welcome, const Options& options);
+[[nodiscard]] std::string channelText(std::uint64_t number, std::string_view name);
+/// `number` 0: the block had none.
+[[nodiscard]] std::string withdrawnText(std::uint32_t transfer, std::uint64_t number);
+[[nodiscard]] std::string refusedText(std::string_view what, std::string_view channel,
+                                      std::string_view reason);
+[[nodiscard]] std::string echoText(const std::string& id);
+/// What is published on the channels for new views and reconnections.
+[[nodiscard]] std::string announcementText(ViewKind kind, std::uint64_t count,
+                                           std::string_view client);
+
+}  // namespace kirogateway::wire

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "annotated/Mutex.hpp"
+
+namespace kirogateway {
+
+/// `bytes` random bytes of the operating system's, in hexadecimal. Throws std::system_error.
+[[nodiscard]] std::string randomHex(std::size_t bytes);
+
+/// Compares in a time that depends on the length of `given` only.
+[[nodiscard]] bool isSecret(std::string_view given, std::string_view secret) noexcept;
+
+/// What lets a client in: the token of the link, the single-use codes, the cookie. Any thread.
+class Secrets {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    /// Codes are good for `codeLife`.
+    explicit Secrets(std::chrono::milliseconds codeLife);
+
+    [[nodiscard]] const std::string& token() const noexcept { return fToken; }
+    [[nodiscard]] const std::string& cookie() const noexcept { return fCookie; }
+    [[nodiscard]] std::string makeCode(TimePoint now);
+
+    [[nodiscard]] bool isToken(std::string_view given) const noexcept;
+    [[nodiscard]] bool isCookie(std::string_view given) const noexcept;
+    /// Answers whether `given` is a code that is good; it is not any more.
+    [[nodiscard]] bool useCode(std::string_view given, TimePoint now);
+
+  private:
+    struct Code {
+        std::string text;
+        TimePoint end;
+    };
+
+    const std::chrono::milliseconds fCodeLife;
+    const std::string fToken;
+    const std::string fCookie;
+    annotated::Mutex fMutex;
+    std::vector<Code> fCodes GUARDED_BY(fMutex);
+};
+
+}  // namespace kirogateway

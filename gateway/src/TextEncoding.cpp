@@ -1,0 +1,84 @@
+#include "TextEncoding.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace kirogateway {
+namespace {
+
+constexpr std::uint64_t kEach = 0x0101010101010101U;
+constexpr std::uint64_t kHighs = 0x8080808080808080U;
+
+/// Whether one of the eight bytes is not ASCII or is a separator. A byte that equals one of the
+/// separators becomes zero, and a zero byte borrows from its high bit; a false alarm only costs
+/// time.
+bool needsALook(std::uint64_t word) {
+    const auto asSeparator = (word | kEach) ^ (kEach * 0x1f);
+    return ((word | (asSeparator - kEach)) & kHighs) != 0;
+}
+
+/// The length of the sequence that begins at `at`, 0 when it is not valid UTF-8.
+std::size_t sequenceLength(const unsigned char* at, std::size_t left) {
+    const unsigned first = at[0];
+    if (first < 0x80) return 1;
+    const std::size_t length = first < 0xc2    ? 0
+                               : first < 0xe0  ? 2
+                               : first < 0xf0  ? 3
+                               : first <= 0xf4 ? 4
+                                               : 0;
+    if (length == 0 || length > left) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((at[i] & 0xc0U) != 0x80) return 0;
+    }
+    // The second byte rules out what is too long, the surrogates, and what is above U+10FFFF.
+    const unsigned second = at[1];
+    if (first == 0xe0 && second < 0xa0) return 0;
+    if (first == 0xed && second > 0x9f) return 0;
+    if (first == 0xf0 && second < 0x90) return 0;
+    if (first == 0xf4 && second > 0x8f) return 0;
+    return length;
+}
+
+}  // namespace
+
+bool isPlain(std::string_view text) noexcept {
+    std::size_t at = 0;
+    while (at < text.size()) {
+        std::uint64_t word = 0;
+        if (text.size() - at >= sizeof word) {
+            std::memcpy(&word, text.data() + at, sizeof word);
+            if (!needsALook(word)) {
+                at += sizeof word;
+                continue;
+            }
+        }
+        if (text[at] == kRecordSeparator || text[at] == kUnitSeparator) return false;
+        const auto length = sequenceLength(reinterpret_cast<const unsigned char*>(text.data()) + at,
+                                           text.size() - at);
+        if (length == 0) return false;
+        at += length;
+    }
+    return true;
+}
+
+std::string encodeBase64(std::string_view bytes) {
+    static constexpr char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text((bytes.size() + 2) / 3 * 4, '=');
+    std::size_t out = 0;
+    for (std::size_t at = 0; at < bytes.size(); at += 3) {
+        const std::size_t count = bytes.size() - at < 3 ? bytes.size() - at : 3;
+        std::uint32_t group = 0;
+        for (std::size_t i = 0; i < 3; ++i) {
+            group = group << 8U | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0U);
+        }
+        for (std::size_t i = 0; i <= count; ++i) {
+            text[out + i] = kAlphabet[group >> (18U - 6U * i) & 0x3fU];
+        }
+        out += 4;
+    }
+    return text;
+}
+
+}  // namespace kirogateway

@@ -1,0 +1,165 @@
+// What the monitor's page shows.
+import assert from "node:assert/strict";
+import { after, before, beforeEach, afterEach, test } from "node:test";
+
+import { launchBrowser, openPage } from "./support/browser.mjs";
+import { readCoast, readEcg, readQuakes } from "./support/data.mjs";
+import { Monitor } from "./support/monitor.mjs";
+import { assertClean, errorsOf, outcomesOf, pictureOf, untilMore, untilState } from "./support/page.mjs";
+
+let browser;
+let monitor;
+let page;
+
+before(async () => (browser = await launchBrowser()));
+after(() => browser?.close());
+beforeEach(async () => {
+    monitor = undefined;
+    page = await openPage(browser, { colorScheme: "light" });
+});
+afterEach(async () => {
+    await page.context().close();
+    await monitor?.kill();
+});
+
+/** Runs the monitor for so many frames, as fast as the page draws. */
+async function draw(frames) {
+    monitor = await Monitor.start("--speed", "max", "--frames", String(frames));
+    await page.goto(monitor.link);
+    const result = await monitor.result({ interrupt: false });
+    const clean = { status: 0, frames, drawn: frames, failed: 0, timedOut: 0, left: 0, views: 0, returns: 0 };
+    assert.deepEqual(result, clean, monitor.said);
+}
+
+/** For the README, when a file is named: with the chart full and the week well under way. */
+async function keepScreenshot() {
+    const path = process.env.KIROWEB_SCREENSHOT;
+    if (!path) return;
+    await page.setViewportSize({ width: 1280, height: 430 });
+    await page.waitForFunction(() => kirowebPage.scene.frame.number % 300 > 280);
+    await page.screenshot({ path });
+}
+
+const isGreen = (r, g, b, a) => a > 128 && g > 1.5 * r && g > 1.3 * b;
+const isRed = (r, g, b) => r > 1.25 * g && r > 1.25 * b;
+const isDrawn = (r, g, b, a) => a > 40;
+
+/** How far the middle of a pixel may lie from what it shows. */
+const REACH = 2.5;
+
+function checkEcg(picture, frames) {
+    const end = frames * 12;
+    const limits = { x: [end / 360 - 5, end / 360], y: [-4, 4] };
+    const millivolts = readEcg();
+    const lowest = [];
+    const highest = [];
+    for (let i = Math.max(0, end - 1800); i < end; ++i) {
+        const [x, y] = picture.place([i / 360, millivolts[i]], limits);
+        assert.ok(picture.hasNear([x, y], REACH, isGreen), `no line at sample ${i}`);
+        for (let column = Math.floor(x - REACH); column <= x + REACH; ++column) {
+            lowest[column] = Math.max(lowest[column] ?? y, y);
+            highest[column] = Math.min(highest[column] ?? y, y);
+        }
+    }
+    for (const [x, y] of picture.all(isGreen)) {
+        const column = Math.floor(x);
+        const within = y <= lowest[column] + REACH && y >= highest[column] - REACH;
+        assert.ok(within, `a line at ${x}, ${y} that is not in the data`);
+    }
+}
+
+function checkMap(picture, frames) {
+    const limits = { x: [-180, 180], y: [-90, 90] };
+    const quakes = readQuakes(frames).map((quake) => [...picture.place(quake, limits), quake[2]]);
+    // The captions, in the lower left, cover what is below them.
+    const free = ([x, y]) => x > picture.left + picture.across / 2 || y < picture.top + picture.down * 0.8;
+    for (const place of quakes.filter(free)) {
+        assert.ok(picture.hasNear(place, REACH, isRed), `no point at ${place}`);
+    }
+    for (const [x, y] of picture.all(isRed)) {
+        const near = quakes.some(([qx, qy, magnitude]) => Math.hypot(x - qx, y - qy) < 4 + magnitude);
+        assert.ok(near, `a point at ${x}, ${y} that is not in the data`);
+    }
+    const coast = readCoast().map((vertex) => picture.place(vertex, limits)).filter(free);
+    const missing = coast.filter((place) => !picture.hasNear(place, 1, isDrawn));
+    assert.deepEqual(missing, []);
+}
+
+test("Both figures show their data, from a backlog that came before the page", async () => {
+    await draw(200);
+    // The last token went back after its frame was painted.
+    checkEcg(await pictureOf(page, "ecg.axes"), 200);
+    checkMap(await pictureOf(page, "quakes.axes"), 200);
+    assert.equal(await page.title(), "kiroweb");
+    assert.deepEqual(await page.locator("h2").allTextContents(), [
+        "Electrocardiogram – one lead, 360 Hz", "Earthquakes, 31 January – 7 February 2018",
+    ]);
+    assert.equal(page.url(), monitor.address);
+    assert.deepEqual(await errorsOf(page), []);
+});
+
+test("A thousand flushes are a thousand frames on the screen", async () => {
+    await draw(1000);
+    assert.deepEqual(await outcomesOf(page), { painted: 1000, hidden: 0, failed: 0 });
+    checkEcg(await pictureOf(page, "ecg.axes"), 1000);
+    checkMap(await pictureOf(page, "quakes.axes"), 1000 % 300);
+});
+
+test("Blocks that the page gives back come again as text", async () => {
+    let refused = 0;
+    await page.routeWebSocket(/kiroweb$/, (toPage) => {
+        const toServer = toPage.connectToServer();
+        toServer.onMessage((message) => {
+            if (typeof message === "string") return toPage.send(message);
+            ++refused;
+            const transfer = message.readUInt32LE(4);
+            const number = Number(message.readBigUInt64LE(8));
+            toServer.send(JSON.stringify({ t: "block", transfer, ok: false, reason: "by the test" }));
+            return toPage.send(JSON.stringify({ t: "withdrawn", transfer, number }));
+        });
+    });
+    await draw(60);
+    assert.ok(refused >= 60, `${refused} refused`);
+    checkEcg(await pictureOf(page, "ecg.axes"), 60);
+    checkMap(await pictureOf(page, "quakes.axes"), 60);
+    assert.deepEqual(await errorsOf(page), []);
+});
+
+test("A place picked by mouse or keyboard is named in the next frame", async () => {
+    monitor = await Monitor.start();
+    await page.goto(monitor.link);
+    await untilMore(page, "painted", 3);
+    const picked = () => page.evaluate(() => {
+        const item = kirowebPage.scene.named("quakes.picked");
+        return item.visible && item.text;
+    });
+    assert.equal(await picked(), false);
+    const map = page.locator('[data-name="quakes.axes"]');
+    await map.click();
+    await page.waitForFunction(() => kirowebPage.scene.named("quakes.picked").visible);
+    assert.match(await picked(), /^M \d/);
+    const before = await picked();
+    await map.focus();
+    for (let i = 0; i < 20; ++i) await page.keyboard.press("ArrowLeft");
+    await page.keyboard.press("Enter");
+    await page.waitForFunction((old) => kirowebPage.scene.named("quakes.picked").text !== old, before);
+    await assertClean(page);
+    await keepScreenshot();
+});
+
+test("It fits a phone, and follows the scheme of colours", async () => {
+    monitor = await Monitor.start();
+    await page.setViewportSize({ width: 360, height: 740 });
+    await page.goto(monitor.link);
+    await untilMore(page, "painted", 3);
+    const widths = () => page.evaluate(() => [document.documentElement.scrollWidth, innerWidth]);
+    const [content, window] = await widths();
+    assert.ok(content <= window, `${content} wide in ${window}`);
+    const background = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);
+    const light = await background();
+    await page.emulateMedia({ colorScheme: "dark" });
+    assert.notEqual(await background(), light);
+    await untilMore(page, "painted", 3);
+    await untilState(page, "live");
+    await assertClean(page);
+});

@@ -1,0 +1,57 @@
+// The monitor as a process of its own, and what it says.
+import { spawn } from "node:child_process";
+import { once } from "node:events";
+import { createInterface } from "node:readline";
+
+const PROGRAM = process.env.KIROWEB_MONITOR;
+
+export class Monitor {
+    #lines = [];
+    #waiting = [];
+
+    /** Starts it; resolves when it has printed its link. */
+    static async start(...options) {
+        if (!PROGRAM) throw new Error("KIROWEB_MONITOR does not name the program");
+        const monitor = new Monitor();
+        monitor.process = spawn(PROGRAM, ["--no-browser", ...options]);
+        monitor.exited = once(monitor.process, "exit").then(([status]) => status);
+        for (const stream of [monitor.process.stdout, monitor.process.stderr]) {
+            createInterface({ input: stream }).on("line", (line) => monitor.#hear(line));
+        }
+        monitor.link = await monitor.line(/^http:/);
+        monitor.address = new URL("/", monitor.link).href;
+        return monitor;
+    }
+    /** The first line, past or future, that matches. */
+    line(pattern) {
+        const found = this.#lines.find((line) => pattern.test(line));
+        if (found !== undefined) return Promise.resolve(found);
+        return new Promise((resolve, reject) => {
+            this.#waiting.push({ pattern, resolve });
+            this.exited.then(() => setImmediate(reject, new Error(`ended without ${pattern}:\n${this.said}`)));
+        });
+    }
+    get said() {
+        return this.#lines.join("\n");
+    }
+    /** What became of the frames; asks it to end unless it does by itself. */
+    async result({ interrupt = true } = {}) {
+        if (interrupt) this.process.kill("SIGINT");
+        const line = await this.line(/ frames: /);
+        const status = await this.exited;
+        const [frames, drawn, failed, timedOut, left, views, returns] = line.match(/\d+/g).map(Number);
+        return { status, frames, drawn, failed, timedOut, left, views, returns };
+    }
+    kill() {
+        this.process.kill("SIGKILL");
+        return this.exited;
+    }
+    #hear(line) {
+        this.#lines.push(line);
+        this.#waiting = this.#waiting.filter(({ pattern, resolve }) => {
+            if (!pattern.test(line)) return true;
+            resolve(line);
+            return false;
+        });
+    }
+}

@@ -1,0 +1,77 @@
+// A network between a browser and a program that can be cut, delayed and stalled: a SOCKS proxy,
+// so that the browser uses the program's own address.
+import { once } from "node:events";
+import { connect, createServer } from "node:net";
+
+const GREETING_ACCEPTED = Buffer.from([5, 0]);
+const CONNECTED = Buffer.from([5, 0, 0, 1, 0, 0, 0, 0, 0, 0]);
+const PORT_SIZE = 2; // at the end of a request
+
+export class Proxy {
+    #pairs = new Set();
+    #isCut = false;
+    #isStalled = false;
+    /** Milliseconds by which each piece of data is late. */
+    delay = 0;
+
+    static async start() {
+        const proxy = new Proxy();
+        proxy.server = createServer((socket) => proxy.#accept(socket));
+        proxy.server.listen(0, "127.0.0.1");
+        await once(proxy.server, "listening");
+        return proxy;
+    }
+    /** For a browser context. */
+    get settings() {
+        return { server: `socks5://127.0.0.1:${this.server.address().port}`, bypass: "<-loopback>" };
+    }
+    /** Ends all connections, and any new one until `mend`. */
+    cut() {
+        this.#isCut = true;
+        this.#endAll();
+    }
+    /** Lets nothing through any more, and says nothing of it. */
+    stall() {
+        this.#isStalled = true;
+        for (const pair of this.#pairs) for (const socket of pair) socket.pause();
+    }
+    /** Lets new connections live. Those from before a stall stay as they are. */
+    mend() {
+        this.#isCut = this.#isStalled = false;
+    }
+    stop() {
+        this.#endAll();
+        this.server.close();
+    }
+    #endAll() {
+        for (const pair of this.#pairs) for (const socket of pair) socket.destroy();
+    }
+    async #accept(socket) {
+        socket.on("error", () => {});
+        if (this.#isCut) return socket.destroy();
+        await once(socket, "data");
+        socket.write(GREETING_ACCEPTED);
+        const [request] = await once(socket, "data");
+        socket.pause();
+        const target = connect(request.readUInt16BE(request.length - PORT_SIZE), "127.0.0.1");
+        target.on("error", () => {});
+        const pair = [socket, target];
+        this.#pairs.add(pair);
+        await once(target, "connect").catch(() => {});
+        socket.write(CONNECTED);
+        this.#forward(socket, target, pair);
+        this.#forward(target, socket, pair);
+        return undefined;
+    }
+    #forward(from, to, pair) {
+        from.on("data", (data) => {
+            if (this.delay > 0) setTimeout(() => to.write(data), this.delay);
+            else to.write(data);
+        });
+        from.on("close", () => {
+            this.#pairs.delete(pair);
+            to.destroy();
+        });
+        if (!this.#isStalled) from.resume();
+    }
+}

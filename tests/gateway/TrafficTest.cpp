@@ -1,0 +1,291 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <thread>
+
+#include "GatewayFixture.hpp"
+#include "kirohost/Controls.hpp"
+#include "kiroutils/Logger.hpp"
+
+using gatewaytest::GatewayTest;
+using gatewaytest::Peer;
+using gatewaytest::Record;
+using relay::binary::experimental::createBinaryStream;
+
+using TrafficTest = GatewayTest;
+
+TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
+    start();
+    auto page = join(R"(,"client":"a page")");
+    EXPECT_EQ(hello("kind"), "first");
+    EXPECT_EQ(fHello["next"], 1);
+    EXPECT_EQ(boost::json::serialize(fHello["configuration"]), R"({"figures":["/fig/1"]})");
+    EXPECT_EQ(fEvents.take(), R"(/views {"kind":"first","view":1,"client":"a page"})");
+
+    publish("/fig/1", R"({"x":NaN})");
+    publish("/log", "not subscribed");
+    publish("/fig/2", "\xff");
+    const std::vector<Record> expected{{1, "/fig/1", R"({"x":NaN})", false},
+                                       {2, "/fig/2", "/w==", true}};
+    EXPECT_EQ(page.readRecords(2), expected);
+
+    page.sendText(R"([{"t":"publish","channel":"/up/a","text":"1"},)"
+                  R"({"t":"publish","channel":"/fig/1","text":"2"},)"
+                  R"({"t":"subscribe","channels":["/log","/secret","/*"]},)"
+                  R"({"t":"unsubscribe","channels":["/fig/*"]}])");
+    EXPECT_EQ(fEvents.take(), "/up/a 1");
+    for (const char* refused : {"/fig/1", "/secret", "/*"}) {
+        EXPECT_NE(page.readControl("refused").find('"' + std::string(refused) + '"'),
+                  std::string::npos);
+    }
+    settle(page);
+    publish("/fig/1", "not any more");
+    publish("/log", "now");
+    EXPECT_EQ(page.readRecords(1), (std::vector<Record>{{3, "/log", "now", false}}));
+    EXPECT_EQ(fGateway->statistics().refusals, 3U);
+    EXPECT_EQ(fGateway->statistics().textsSent, 3U);
+}
+
+TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
+    start();
+    auto page = join();
+    fEvents.take();
+    const auto stream = createBinaryStream("/up/blocks", {});
+    stream->receive([this](relay::common::DataBuffer&& block) {
+        fEvents.put(std::string(block.data(), block.size()));
+    });
+    page.sendText(R"([{"t":"channel","number":2,"name":"/up/blocks"},)"
+                  R"({"t":"channel","number":3,"name":"/x"}])");
+    std::string header(16, '\0');
+    header[0] = 1;
+    header[1] = 1;
+    header[2] = 2;
+    page.sendFrame(2, header + "hello");
+    EXPECT_EQ(fEvents.take(), "hello");
+    page.sendFrame(2, "\x09 of a later version");
+    header[2] = 3;
+    page.sendFrame(2, header);
+    EXPECT_NE(page.readControl("refused"), "");
+}
+
+TEST_F(TrafficTest, KeepsTheOrderOfAllThatIsPublishedUnderLoad) {
+    static constexpr std::size_t kCount = 20000;
+    start();
+    auto page = join();
+    std::thread engine([this] {
+        for (std::size_t i = 0; i < kCount; ++i) {
+            if (i % 500 == 0) sendBlock(100);
+            publish("/fig/1", std::to_string(i));
+        }
+    });
+    std::size_t texts = 0;
+    std::size_t blocks = 0;
+    while (texts < kCount) {
+        const auto frame = page.readFrame();
+        ASSERT_NE(frame.opcode, 0U);
+        if (frame.opcode == 2) {
+            EXPECT_EQ(texts, blocks * 500);  // exactly in between
+            answer(page, static_cast<unsigned>(++blocks), true);
+        } else if (!frame.payload.starts_with('{')) {
+            for (const auto& record : gatewaytest::readBatch(frame.payload)) {
+                ASSERT_EQ(record.text, std::to_string(texts++));
+                ASSERT_EQ(record.number, texts + blocks);
+            }
+        }
+    }
+    engine.join();
+    EXPECT_EQ(blocks, kCount / 500);
+}
+
+TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
+    start();
+    EXPECT_FALSE(sendBlock(9).get().delivered);  // no page
+    auto first = join();
+    auto second = join();
+    EXPECT_EQ(hello("kind"), "further");
+    auto both = sendBlock(9);
+    for (auto* page : {&first, &second}) EXPECT_EQ(page->readBinary().size(), 25U);
+    answer(first, 1, true);
+    settle(first);
+    EXPECT_FALSE(both.isReady());
+    answer(second, 1, true);
+    EXPECT_TRUE(both.get().delivered);
+
+    auto refused = sendBlock(9);
+    answer(first, 2, true);
+    answer(second, 2, false);
+    const auto result = refused.get();
+    EXPECT_FALSE(result.delivered);
+    EXPECT_EQ(result.buffer.size(), 9U);
+
+    auto gone = sendBlock(9);
+    answer(first, 3, true);
+    second.sendFrame(8, "\x03\xe8");
+    EXPECT_FALSE(gone.get().delivered);
+    EXPECT_EQ(second.readClose(), 1000U);
+}
+
+TEST_F(TrafficTest, GivesALateBlockBackAndKeepsThePage) {
+    fOptions.limits.block = std::chrono::milliseconds(20);
+    start();
+    auto page = join();
+    EXPECT_FALSE(sendBlock(9).get().delivered);
+    answer(page, 1, true);
+    settle(page);
+}
+
+TEST_F(TrafficTest, ResumesAfterALostConnection) {
+    start();
+    auto page = join();
+    const auto view = hello("view");
+    fEvents.take();
+    publish("/fig/1", "a");
+    page.readRecords(1);
+    page.sendText(R"({"t":"ack","last":1})");
+    settle(page);
+    page.cut();
+    publish("/fig/1", "b");
+    auto block = sendBlock(9);
+    publish("/fig/1", "c");
+    EXPECT_FALSE(fGateway->lastPageGone());
+
+    auto again = join(R"(,"view":")" + view + R"(","last":1)");
+    EXPECT_EQ(hello("kind"), "return");
+    EXPECT_EQ(hello("view"), view);
+    EXPECT_EQ(fHello["next"], 2);
+    EXPECT_EQ(fEvents.take(), R"(/returns {"kind":"return","view":1,"client":""})");
+    EXPECT_EQ(again.readRecords(1), (std::vector<Record>{{2, "/fig/1", "b", false}}));
+    EXPECT_EQ(again.readBinary()[8], 3);
+    EXPECT_EQ(again.readRecords(1), (std::vector<Record>{{4, "/fig/1", "c", false}}));
+    answer(again, 1, true);
+    EXPECT_TRUE(block.get().delivered);
+
+    // A second connection for the view takes it away from the first.
+    auto third = join(R"(,"view":")" + view + R"(","last":4)");
+    EXPECT_EQ(again.readClose(), 4005U);
+    publish("/fig/1", "d");
+    EXPECT_EQ(third.readRecords(1), (std::vector<Record>{{5, "/fig/1", "d", false}}));
+    EXPECT_EQ(fGateway->statistics().returns, 2U);
+
+    // What cannot be is a new view.
+    auto liar = join(R"(,"view":")" + view + R"(","last":99)");
+    EXPECT_EQ(hello("kind"), "further");
+    EXPECT_EQ(third.readClose(), 4003U);
+}
+
+TEST_F(TrafficTest, CountsAPageAsGoneAtOnceOrAfterAWhile) {
+    fOptions.limits.gone = std::chrono::milliseconds(20);
+    start();
+    EXPECT_FALSE(fGateway->lastPageGone());  // there was none yet
+    auto page = join();
+    fEvents.take();
+    EXPECT_FALSE(fGateway->lastPageGone());
+    page.sendFrame(8, "\x03\xe9");
+    EXPECT_EQ(fEvents.take(), "last page gone");
+    EXPECT_TRUE(fGateway->lastPageGone());
+
+    auto other = join();
+    fEvents.take();
+    EXPECT_FALSE(fGateway->lastPageGone());
+    const auto view = hello("view");
+    auto block = sendBlock(9);
+    other.cut();
+    EXPECT_EQ(fEvents.take(), "last page gone");
+    EXPECT_FALSE(block.get().delivered);
+    EXPECT_FALSE(sendBlock(9).get().delivered);
+    publish("/fig/1", "kept");
+
+    auto back = join(R"(,"view":")" + view + R"(","last":0)");
+    EXPECT_EQ(hello("kind"), "return");
+    EXPECT_FALSE(fGateway->lastPageGone());
+    EXPECT_NE(back.readControl("withdrawn"), "");
+    EXPECT_EQ(back.readRecords(1), (std::vector<Record>{{2, "/fig/1", "kept", false}}));
+}
+
+TEST_F(TrafficTest, TellsTheInterpreterThatTheLastPageHasGone) {
+    fOptions.onLastPageGone = {};
+    kirohost::adoptSignalThread();
+    kirohost::runPendingTasks();
+    start();
+    auto page = join();
+    fEvents.take();
+    page.sendFrame(8, "\x03\xe8");
+    page.readClose();
+    page.readAll();
+    while (!fGateway->lastPageGone()) std::this_thread::yield();
+    fGateway.reset();  // what it began is done then
+    EXPECT_EQ(kirohost::runPendingTasks(), 1U);
+}
+
+TEST_F(TrafficTest, DisconnectsAPageThatCannotFollowAndNoOther) {
+    fOptions.limits.queueSize = 1024 * 1024;
+    auto& logger = kiroutils::Logger::instance();
+    logger.setHistoryEnabled("DrawnowTimeout", true, 10, false);
+    start();
+    auto slow = join({}, 4096);
+    const auto view = hello("view");
+    auto good = join();
+    const std::string text(64 * 1024, 'x');
+    // The kernel's buffers take some megabytes before anything waits.
+    for (int i = 0; i < 400 && fGateway->statistics().disconnected == 0; ++i) {
+        publish("/fig/1", text);
+        ASSERT_EQ(good.readRecords(1).size(), 1U);
+        good.sendText(R"({"t":"ack","last":)" + std::to_string(i + 1) + "}");
+        settle(good);
+    }
+    std::string reason;
+    EXPECT_EQ(slow.readClose(&reason), 4003U);
+    EXPECT_EQ(reason, "too slow: the queue is full");
+    publish("/fig/1", "still there");
+    EXPECT_EQ(good.readRecords(1)[0].text, "still there");
+    auto again = join(R"(,"view":")" + view + R"(","last":1)");
+    EXPECT_EQ(hello("kind"), "further");
+    EXPECT_EQ(hello("ended"), "too slow: the queue is full");
+    const auto history = logger.history("DrawnowTimeout");
+    ASSERT_EQ(history.size(), 1U);
+    EXPECT_NE(history[0].find("too slow: the queue is full"), std::string::npos);
+    logger.setHistoryEnabled("DrawnowTimeout", false, 0, false);
+}
+
+TEST_F(TrafficTest, StopsWithPagesConnectedAndPublishersAtWork) {
+    start();
+    auto page = join();
+    auto other = join();
+    auto pending = sendBlock(9);
+    std::atomic<bool> isOver{false};
+    std::latch isUnderWay(2);
+    const auto work = [&](auto step) {
+        return std::thread([&, step] {
+            step();
+            isUnderWay.count_down();
+            while (!isOver) step();
+        });
+    };
+    auto texts = work([this] { publish("/fig/1", "text"); });
+    auto blocks = work([this] { sendBlock(1000); });
+    isUnderWay.wait();
+    other.cut();
+    std::thread reader([&page] { page.readAll(); });
+    fGateway.reset();
+    isOver = true;
+    texts.join();
+    blocks.join();
+    reader.join();
+    EXPECT_FALSE(pending.get().delivered);
+}
+
+TEST_F(TrafficTest, ReportsItsStateAsJson) {
+    start();
+    auto page = join(R"(,"client":"a\"b")");
+    auto block = sendBlock(100);
+    page.readBinary();
+    const auto text = fGateway->diagnostics();
+    EXPECT_EQ(text.find(hello("view")), std::string::npos);
+    const auto report = boost::json::parse(text);
+    const auto& detail = report.at("detail").at(0);
+    EXPECT_EQ(detail.at("state"), "connected");
+    EXPECT_EQ(detail.at("client"), "a\"b");
+    EXPECT_EQ(detail.at("blocksUnderWay"), 1);
+    EXPECT_EQ(detail.at("bytesUnderWay"), 100);
+}
