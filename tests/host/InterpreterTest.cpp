@@ -1,9 +1,7 @@
-// What only the stand-in's interpreter has: VMs made at will, a signal thread that can be named,
-// tasks that are run by hand.
+// What only the stand-in's interpreter has: VMs made at will, tasks that are run by hand.
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <string>
 #include <utility>
 #include <vector>
