@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -24,6 +25,7 @@ using relay::binary::experimental::BinaryStream;
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::createBinaryStream;
 using relay::binary::experimental::Delivery;
+using relay::binary::experimental::SendResult;
 using relay::common::DataBuffer;
 using relay::message_service::createMessageService;
 using relay::message_service::Handler;
@@ -116,6 +118,29 @@ TEST(MessageBus, LogsWhatAHandlerThrowsInOneLineAndGoesOn) {
                              who + R"("two\x0alines )" + std::string(190, 'x') + "\"..."}));
 }
 
+TEST(MessageBus, ServesASubscriptionAddedOrDestroyedDuringTheSameMessageByItsRules) {
+    const auto one = makeService();
+    const auto two = makeService();
+    Lines heard;
+    std::shared_ptr<relay::message_service::Subscription> younger =
+        two->subscribe("/changing", into(heard)).get();
+    std::vector<std::shared_ptr<MessageService>> made;
+    std::vector<std::shared_ptr<relay::message_service::Subscription>> kept;
+    Handler multiply = [&heard, &made, &kept, &multiply, &younger](const JsonMessage& message) {
+        heard.push_back(line(message));
+        younger.reset();
+        made.push_back(makeService());  // a younger service does not get the same message
+        kept.push_back(made.back()->subscribe("/changing", multiply).get());
+    };
+    const auto subscription = one->subscribe("/changing", multiply).get();
+    publish(*one, "/changing", "1");
+    kirohost::waitForDelivery();
+    EXPECT_EQ(heard, Lines{"/changing 1"});
+    publish(*one, "/changing", "2");
+    kirohost::waitForDelivery();
+    EXPECT_EQ(heard.size(), 3U);
+}
+
 /// A client end that keeps what arrives, with the engine's end of the same channel.
 struct Ends {
     explicit Ends(const std::string& channel)
@@ -167,7 +192,76 @@ TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
     }
 }
 
-// --- Process exit: runs in a process of its own --------------------------------------------------
+TEST(ClientEnd, MayAnswerInsideSendEndTheStreamAndDropTheDelivery) {
+    std::shared_ptr<BinaryStream> stream = createBinaryStream("/inside", {});
+    int blocks = 0;
+    const ClientEnd client("/inside", [&stream, &blocks](Delivery delivery) {
+        if (++blocks == 1) return delivery.deliver();
+        if (blocks == 2) return;
+        stream.reset();
+        delivery.deliver();
+    });
+    EXPECT_TRUE(stream->send(bufferOf("1")).get().delivered);
+    const auto dropped = stream->send(bufferOf("2")).get();
+    EXPECT_FALSE(dropped.delivered);
+    EXPECT_TRUE(dropped.buffer.empty()) << "without the option nothing comes back";
+    EXPECT_FALSE(stream->send(bufferOf("3")).get().delivered);
+}
+
+TEST(ClientEnd, FailsTheBlockWhoseHandlerThrewAndLogsIt) {
+    Lines logged;
+    const auto scope = kirohost::observeLog(
+        [&logged](const kirohost::LogRecord& record) { logged.push_back(record.text); });
+    std::optional<Delivery> kept;
+    const ClientEnd client("/bad", [&kept](Delivery delivery) {
+        kept = std::move(delivery);
+        throw std::runtime_error("no");
+    });
+    const auto stream = createBinaryStream("/bad", {{"returnOnFail", "true"}});
+    const auto result = stream->send(bufferOf("block")).get();
+    EXPECT_FALSE(result.delivered);
+    EXPECT_EQ(bytesOf(result.buffer), "block");
+    kept->deliver();
+    EXPECT_EQ(logged, Lines{R"(The block handler of channel "/bad" threw "no")"});
+}
+
+TEST(ClientEnd, PrefersTheExactNameThenAgeAndEndsWithItsObject) {
+    Lines got;
+    const auto endNamed = [&got](const std::string& channel, const std::string& name) {
+        return std::make_unique<ClientEnd>(channel, [&got, name](Delivery delivery) {
+            got.push_back(name + " " + bytesOf(delivery.block()));
+            delivery.deliver();
+        });
+    };
+    auto wildcard = endNamed("/ends/*", "wildcard");
+    auto exact = endNamed("/ends/a", "exact");
+    auto younger = endNamed("/ends/a", "younger");
+    const auto stream = createBinaryStream("/ends/a", {});
+    for (auto* end : {&exact, &younger, &wildcard}) {
+        EXPECT_TRUE(stream->send(bufferOf("block")).get().delivered);
+        end->reset();
+    }
+    EXPECT_FALSE(stream->send(bufferOf("block")).get().delivered);
+    EXPECT_EQ(got, (Lines{"exact block", "younger block", "wildcard block"}));
+}
+
+TEST(ClientEnd, SendsToEveryStreamOfTheChannel) {
+    ClientEnd client("/many/*", [](Delivery) {});
+    Lines got;
+    const auto one = createBinaryStream("/many/a", {});
+    auto two = createBinaryStream("/many/a", {});
+    one->receive([&got](DataBuffer&& block) {
+        got.push_back("one " + bytesOf(block));
+        throw std::runtime_error("the second gets it all the same");
+    });
+    two->receive([&got](DataBuffer&& block) { got.push_back("two " + bytesOf(block)); });
+    client.send("/many/a", bufferOf("1"));
+    two.reset();
+    client.send("/many/a", bufferOf("2"));
+    EXPECT_EQ(got, (Lines{"one 1", "two 1", "one 2"}));
+}
+
+// --- Process exit: each runs in a process of its own ---------------------------------------------
 
 class ProcessExit : public testing::Test {
   protected:
@@ -194,8 +288,29 @@ class ProcessExit : public testing::Test {
     std::exit(0);
 }
 
+[[noreturn]] void exitWhileMessagesFly() {
+    const auto service = makeService();
+    std::promise<void> delivered;
+    std::atomic<int> calls{0};
+    const Handler handler = [&service, &delivered, &calls](const JsonMessage&) {
+        publish(*service, "/exit", "{}");
+        if (++calls == 100) delivered.set_value();
+    };
+    const auto subscription = service->subscribe("/exit", handler).get();
+    for (int number = 0; number < 100; ++number) publish(*service, "/exit", "{}");
+    std::thread([service] {
+        for (;;) publish(*service, "/exit", "{}");
+    }).detach();
+    delivered.get_future().wait();
+    std::exit(0);
+}
+
 TEST_F(ProcessExit, DoesNotWaitForARunningHandler) {
     EXPECT_EXIT(exitWhileAHandlerWaitsForThisThread(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ProcessExit, IsSafeWithMessagesInFlight) {
+    EXPECT_EXIT(exitWhileMessagesFly(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

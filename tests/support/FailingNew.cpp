@@ -5,12 +5,18 @@
 
 namespace {
 
-/// Of each thread; 0: none will fail. A plain number: `operator new` must not allocate to look at
-/// it.
-constinit thread_local std::size_t untilFailure = 0;
+/// Of each thread. Plain numbers: `operator new` must not allocate to look at them.
+struct Watch {
+    std::size_t untilFailure = 0;  ///< 0: none will fail
+    std::size_t countedSize = 0;   ///< 0: nothing is counted
+    std::size_t count = 0;
+};
+
+constinit thread_local Watch watch;
 
 void* allocate(std::size_t size) noexcept {
-    if (untilFailure != 0 && --untilFailure == 0) return nullptr;
+    if (watch.countedSize != 0 && size == watch.countedSize) ++watch.count;
+    if (watch.untilFailure != 0 && --watch.untilFailure == 0) return nullptr;
     return std::malloc(size != 0 ? size : 1);
 }
 
@@ -28,11 +34,19 @@ void operator delete(void* bytes, std::size_t) noexcept { std::free(bytes); }
 namespace support {
 
 bool failingNew(std::size_t n, const std::function<void()>& call) {
-    untilFailure = n;
+    watch.untilFailure = n;
     call();
-    const bool failed = untilFailure == 0;
-    untilFailure = 0;
+    const bool failed = watch.untilFailure == 0;
+    watch.untilFailure = 0;
     return failed;
+}
+
+std::size_t allocationsOf(std::size_t size, const std::function<void()>& call) {
+    watch.count = 0;
+    watch.countedSize = size;
+    call();
+    watch.countedSize = 0;
+    return watch.count;
 }
 
 }  // namespace support

@@ -12,4 +12,7 @@ namespace support {
 /// n = 1, 2, ... until it did not fails each allocation of a path in turn.
 bool failingNew(std::size_t n, const std::function<void()>& call);
 
+/// How many allocations of exactly `size` bytes `call` makes on the calling thread.
+std::size_t allocationsOf(std::size_t size, const std::function<void()>& call);
+
 }  // namespace support

@@ -141,6 +141,19 @@ TEST_F(BinaryRegistry, UsesTheCreationFunctionThatIsInstalled) {
     EXPECT_EQ(made, (Lines{"/c returnOnFail", "/newer returnOnFail"}));
 }
 
+TEST_F(BinaryRegistry, HasNullDoublesThatSayDeliveredAndDoNothing) {
+    test::NullBinaryDataSender sender;
+    SendFuture futures[] = {sender.send(bufferOf("x")), sender.send(DataID(4), "x", 1)};
+    for (auto& future : futures) {
+        ASSERT_TRUE(future.valid() && future.isReady());
+        EXPECT_TRUE(future.get().delivered);
+    }
+    sender.warnAboutSendFailure("/c");
+    sender.warnAboutOOMFailure();
+    EXPECT_TRUE(warningsOfTasks().empty());
+    test::NullBinaryDataReciever().receive([](DataBuffer&&) { FAIL(); });
+}
+
 TEST_F(BinaryRegistry, TellsTheClientWhichBlockCouldNotBeBuilt) {
     const auto sender = createBinaryDataSender("/c");
     const auto stream = streams[0].lock();

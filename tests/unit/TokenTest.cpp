@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <set>
 #include <thread>
 
 #include "Captures.hpp"
 #include "CompletionTokenManager.hpp"
+#include "FailingNew.hpp"
 #include "Fixture.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 
@@ -64,6 +66,21 @@ TEST_F(Token, IsReturnedOnce) {
     expectIgnored(token);
 }
 
+TEST_F(Token, IgnoresEveryReturnButThatOfTheOutstandingOne) {
+    CompletionToken forged("");
+    forged.getTimeStamps().serverSend = 7;
+    const auto replaced = manager.checkoutToken();
+    const auto discarded = manager.checkoutToken();
+    for (const bool outstanding : {true, false}) {
+        for (const auto& token : {replaced, CompletionToken(), forged, CompletionToken("other")}) {
+            expectIgnored(token);
+        }
+        EXPECT_EQ(isEmpty(), !outstanding);
+        manager.discardAllTokens();
+        expectIgnored(discarded);
+    }
+}
+
 TEST_F(Token, TimesOutAfterMoreWholeSecondsThanTheTimeOut) {
     struct {
         std::int64_t timeout;
@@ -111,6 +128,20 @@ TEST_F(Token, LogsTheTimeStampsOfReturnedOnesWhileSwitchedOn) {
     EXPECT_FALSE(manager.hasTimeStamps());
 }
 
+TEST_F(Token, ReservesAnewOnEachReturnButTheFirstUntilTheLogIsCleared) {
+    manager.enableTimeStampLogging(true);
+    const auto returnOne = [this] { manager.returnToken(manager.checkoutToken()); };
+    returnOne();  // into the constructor's room for 100
+    for (const std::size_t reservations : {1U, 0U}) {
+        for (std::size_t entries = 101; entries < 110; ++entries) {
+            const auto bytes = entries * sizeof(CompletionToken::CompletionTokenTimeStamps);
+            EXPECT_EQ(allocationsOf(bytes, returnOne), reservations);
+        }
+        manager.clearTimeStampLog();
+        returnOne();
+    }
+}
+
 TEST_F(Token, WakesTheContextInWhichItsManagerWasMade) {
     kirohost::Vm vm;
     std::unique_ptr<Manager> theirs;
@@ -127,6 +158,20 @@ TEST_F(Token, WakesTheContextInWhichItsManagerWasMade) {
         const auto bound = vm.bindThisThread();
         EXPECT_EQ(wakeUps(), oneWakeUp);
     }
+    const support::LogCapture log("commandsender");
+    const auto hidden = kirohost::hideMainContext();
+    manager.returnToken(manager.checkoutToken());  // nobody to wake: silent
+    EXPECT_TRUE(isEmpty());
+    EXPECT_EQ(log.size(), 0U);
+}
+
+TEST_F(Token, StaysWhenThereIsNoEventCallback) {
+    Manager mute(nullptr);
+    const auto token = mute.checkoutToken();
+    EXPECT_THROW(mute.returnToken(token), std::bad_function_call);
+    EXPECT_FALSE(mute.haveAllTokensReturned()) << "and no mutex is held";
+    mute.enableTimeStampLogging(true);
+    EXPECT_TRUE(wakeUps().empty());
 }
 
 TEST_F(Token, ReturnsFromSeveralThreadsWhileTheInterpreterChecksOut) {
