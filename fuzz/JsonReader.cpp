@@ -3,12 +3,10 @@
 #include <limits>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "Fuzz.hpp"
 #include "kiro/web/JSONObject.hpp"
 #include "kiro/web/binary/DataID.hpp"
-#include "ui_objects/Cookie.hpp"
 
 namespace {
 
@@ -35,13 +33,11 @@ void checkNumbers(const JSONObject& object, const std::string& key) {
     int small = 1;
     unsigned long unsignedLong = 1;
     double wide = 1;
-    float narrow = 1;
     bool truth = true;
     const bool isLong = read(object, key, signedLong, 2L);
     const bool isInt = read(object, key, small, 2);
     const bool isUnsigned = read(object, key, unsignedLong, 2UL);
     const bool isDouble = read(object, key, wide, 2.0);
-    require(read(object, key, narrow, 2.0F) == isDouble, "float reads what double reads");
     const bool isBool = read(object, key, truth, false);
 
     using Limits = std::numeric_limits<int>;
@@ -49,10 +45,7 @@ void checkNumbers(const JSONObject& object, const std::string& key) {
             "int reads what fits");
     require(!isInt || small == signedLong, "int and long agree");
     require(!isLong || isUnsigned == (signedLong >= 0), "unsigned reads what is not negative");
-    require(!isLong || !isUnsigned || unsignedLong == static_cast<unsigned long>(signedLong),
-            "unsigned and long agree");
     require(!(isLong || isUnsigned) || (isDouble && isBool), "a whole number is a number");
-    require(!isLong || truth == (signedLong != 0), "a number is true unless it is zero");
 }
 
 void checkTexts(const JSONObject& object, const std::string& key) {
@@ -64,36 +57,17 @@ void checkTexts(const JSONObject& object, const std::string& key) {
     const bool isID = read(object, key, id, DataID(2));
     require(isID == DataID::construct_from_string(text, expected), "an identifier is its text's");
     require(!isID || id == expected, "an identifier's value is its text's");
-
-    std::vector<std::string> texts{"before"};
-    if (!object.getValue(key, texts)) {
-        require(texts.empty() || texts.front() == "before", "at most cleared");
-    }
-    ui_objects::Cookie cookie(1);
-    long number = 0;
-    const bool isCookie = read(object, key, cookie, ui_objects::Cookie(2));
-    require(!isCookie || !object.getValue(key, number) || number == cookie.value(),
-            "a cookie that is a number is that number");
 }
 
 void check(const JSONObject& object) {
     const auto names = object.getNames();
     require(object.isValid() || names.empty(), "an invalid object has no fields");
     require(std::set(names.begin(), names.end()).size() == names.size(), "keys are unique");
-    require(JSONObject(object).getNames() == names, "a copy has the same fields");
     for (const auto& name : names) {
         checkNumbers(object, name);
         checkTexts(object, name);
         const auto nested = object.getObject(name);
-        if (!nested.isValid()) continue;
-        std::string text;
-        require(object.getValue(name, text), "a nested object has a text");
-        // A number like 1e400 or 0e400 is read as an infinity or a NaN: JSON has no text for it.
-        const bool hasText =
-            text.find("Infinity") == std::string::npos && text.find("NaN") == std::string::npos;
-        require(!hasText || JSONObject(text).getNames() == nested.getNames(),
-                "text and object agree");
-        check(nested);
+        if (nested.isValid()) check(nested);
     }
 }
 
@@ -103,7 +77,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string text(data, data + size);
     const JSONObject object(text);
     check(object);
-    require(object.getObject("no such key").getNames().empty(), "a missing object is invalid");
 
     // As UTF-16: widened, which is the same message if it is ASCII, and with every unit arbitrary.
     const JSONObject widened(std::u16string(data, data + size));

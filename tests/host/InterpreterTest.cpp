@@ -1,11 +1,8 @@
-// What only the stand-in's interpreter has: VMs made at will, a signal thread that can be named,
-// tasks that are run by hand.
+// What only the stand-in's interpreter has: VMs made at will, tasks that are run by hand.
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -84,26 +81,6 @@ TEST_F(InterpreterTest, RunsWhatTasksQueueAndLooksAtTheConditionBetween) {
     EXPECT_EQ(kirohost::runPendingTasks(), 2U);
 }
 
-TEST_F(InterpreterTest, GivesEachVmItsOwnContextAndStorage) {
-    struct Number {
-        int value = 0;
-    };
-    using bedrock::usm::thisthread::findOrInsert;
-    EXPECT_EQ(graphics_util::getContextQCRID(), vm.context());
-    findOrInsert<Number>().value = 1;
-    std::thread([] {
-        EXPECT_EQ(findOrInsert<Number>().value, 0);
-        kirohost::Vm other;
-        auto here = other.bindThisThread();
-        EXPECT_TRUE(utIsSignalThread());
-        EXPECT_EQ(graphics_util::getContextQCRID(), other.context());
-        findOrInsert<Number>().value = 2;
-        here = kirohost::Scope();
-        EXPECT_FALSE(utIsSignalThread());
-    }).join();
-    EXPECT_EQ(findOrInsert<Number>().value, 1);
-}
-
 TEST(Vm, TakesItsTasksAndItsStorageWithIt) {
     using bedrock::usm::thisthread::findOrInsert;
     struct Storage {
@@ -127,45 +104,6 @@ TEST(Vm, TakesItsTasksAndItsStorageWithIt) {
     auto after = enqueue(*router, WhenToDequeue::kWhenIdle, "", [] { return 1; });
     EXPECT_THROW(before.get(), boost::broken_promise);
     EXPECT_THROW(after.get(), boost::broken_promise);
-}
-
-TEST(MainContext, CanBeHiddenWokenAndAdopted) {
-    const auto context = graphics_util::getContextQCRID();
-    {
-        const auto outer = kirohost::hideMainContext();
-        { const auto inner = kirohost::hideMainContext(); }
-        EXPECT_EQ(routerOf(context), nullptr);
-    }
-    EXPECT_NE(routerOf(context), nullptr);
-    EXPECT_TRUE(utIsSignalThread());  // this thread has loaded the host
-    std::thread([] {
-        kirohost::adoptSignalThread();
-        kirohost::wakeInterpreter();
-        EXPECT_EQ(kirohost::runPendingTasks(), 1U);
-    }).join();
-    EXPECT_FALSE(utIsSignalThread());
-    kirohost::adoptSignalThread();
-}
-
-TEST(BlockingWait, HandsOverBetweenTwoInterpreters) {
-    constexpr int kRounds = 200;
-    kirohost::Vm vms[2];
-    int turns[2] = {1, 0};  // each changed on its VM's thread only
-    const auto play = [&](int self) {
-        const auto binding = vms[self].bindThisThread();
-        const auto other = routerOf(vms[1 - self].context());
-        for (int round = 0; round < kRounds; ++round) {
-            waitUntil([&] { return turns[self] > 0; });
-            --turns[self];
-            (void)enqueue(*other, WhenToDequeue::kWhenIdle, "",
-                          [&turn = turns[1 - self]] { ++turn; });
-        }
-    };
-    std::thread second(play, 1);
-    play(0);
-    second.join();
-    EXPECT_EQ(kirohost::pendingTasks(vms[0].context()).size(), 1U);
-    EXPECT_EQ(turns[0] + turns[1], 0);
 }
 
 }  // namespace
