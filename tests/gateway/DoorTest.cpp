@@ -2,14 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 using namespace kirogateway;
 
 namespace {
 
-constexpr std::uint16_t kPort = 8123;
+constexpr std::string_view kHost = "127.0.0.1:8123";
+constexpr std::string_view kOrigin = "http://127.0.0.1:8123";
+using Texts = std::vector<std::string_view>;
 
 Options options() {
     Options options;
@@ -20,84 +24,49 @@ Options options() {
 
 class DoorTest : public testing::Test {
   protected:
-    [[nodiscard]] Knock upgrade() const {
-        Knock knock{"GET", kSocketPath, {kHost}, {kOrigin}, {fCookie}, true, true, false};
-        return knock;
-    }
     static Knock get(std::string_view target) { return {"GET", target, {kHost}, {}, {}}; }
     unsigned status(const Knock& knock) { return fDoor.decide(knock, {}).status; }
 
-    static constexpr std::string_view kHost = "127.0.0.1:8123";
-    static constexpr std::string_view kOrigin = "http://127.0.0.1:8123";
     const Options fOptions = options();
     Secrets fSecrets{std::chrono::seconds(60)};
-    Door fDoor{fOptions, kPort, fSecrets};
-    const std::string fCookie = "a=b; kiroweb-8123=" + fSecrets.cookie();
+    Door fDoor{fOptions, 8123, fSecrets};
 };
 
 }  // namespace
 
 TEST_F(DoorTest, LetsInWhoHasTheCookieFromAPageOfItsOwn) {
-    EXPECT_EQ(status(upgrade()), 101U);
-    auto knock = upgrade();
-    knock.hosts = {"localhost:8123"};
-    knock.origins = {"http://localhost:8123"};
-    EXPECT_EQ(status(knock), 101U);
-    knock.origins = {"http://dev.example:5173"};
-    EXPECT_EQ(status(knock), 101U);
-}
-
-TEST_F(DoorTest, KeepsOutForeignHostsAndOrigins) {
+    const auto cookie = "a=b; kiroweb-8123=" + fSecrets.cookie();
+    const auto otherPort = "kiroweb-8124=" + fSecrets.cookie();
     const struct {
-        std::vector<std::string_view> hosts;
-        std::vector<std::string_view> origins;
+        Texts hosts, origins, cookies;
         unsigned status;
     } table[] = {
-        {{}, {kOrigin}, 400},
-        {{kHost, kHost}, {kOrigin}, 400},
-        {{"127.0.0.1:8123 "}, {kOrigin}, 400},
-        {{""}, {kOrigin}, 400},
-        {{"127.0.0.1"}, {kOrigin}, 403},
-        {{"127.0.0.1:8124"}, {kOrigin}, 403},
-        {{"evil.example:8123"}, {kOrigin}, 403},
-        {{"127.0.0.1:8123.evil.example"}, {kOrigin}, 403},
-        {{kHost}, {}, 403},
-        {{kHost}, {kOrigin, kOrigin}, 400},
-        {{kHost}, {"http://127.0.0.1:8123\x7f"}, 400},
-        {{kHost}, {"null"}, 403},
-        {{kHost}, {"https://127.0.0.1:8123"}, 403},
-        {{kHost}, {"http://127.0.0.1:8124"}, 403},
-        {{kHost}, {"http://127.0.0.1"}, 403},
-        {{kHost}, {"http://127.0.0.1:8123/"}, 403},
-        {{kHost}, {"http://evil.example:8123"}, 403},
+        {{kHost}, {kOrigin}, {cookie}, 101},
+        {{"localhost:8123"}, {"http://localhost:8123"}, {cookie}, 101},
+        {{kHost}, {"http://dev.example:5173"}, {cookie}, 101},
+        {{"127.0.0.1:8123 "}, {kOrigin}, {cookie}, 400},
+        {{""}, {kOrigin}, {cookie}, 400},
+        {{"127.0.0.1"}, {kOrigin}, {cookie}, 403},
+        {{"127.0.0.1:8124"}, {kOrigin}, {cookie}, 403},
+        {{"127.0.0.1:8123.evil.example"}, {kOrigin}, {cookie}, 403},
+        {{kHost}, {kOrigin, kOrigin}, {cookie}, 400},
+        {{kHost}, {"http://127.0.0.1:8123\x7f"}, {cookie}, 400},
+        {{kHost}, {"https://127.0.0.1:8123"}, {cookie}, 403},
+        {{kHost}, {"http://127.0.0.1:8124"}, {cookie}, 403},
+        {{kHost}, {"http://127.0.0.1"}, {cookie}, 403},
+        {{kHost}, {"http://127.0.0.1:8123/"}, {cookie}, 403},
+        {{kHost}, {kOrigin}, {}, 403},
+        {{kHost}, {kOrigin}, {"kiroweb-8123="}, 403},
+        {{kHost}, {kOrigin}, {"kiroweb-8123", ";;=;", "="}, 403},
+        {{kHost}, {kOrigin}, {otherPort}, 403},
     };
-    for (const auto& row : table) {
-        auto knock = upgrade();
-        knock.hosts = row.hosts;
-        knock.origins = row.origins;
-        EXPECT_EQ(status(knock), row.status) << (row.hosts.empty() ? "" : row.hosts.front()) << " "
-                                             << (row.origins.empty() ? "" : row.origins.front());
+    for (const auto& [hosts, origins, cookies, expected] : table) {
+        const Knock knock{"GET", kSocketPath, hosts, origins, cookies, true, true, false};
+        EXPECT_EQ(status(knock), expected) << hosts.front() << " " << origins.front();
     }
     auto asset = get("/a.js");
     asset.hosts = {"evil.example:8123"};
     EXPECT_EQ(status(asset), 403U);
-}
-
-TEST_F(DoorTest, KeepsOutWhoHasNoCookieOrDoesNotUpgrade) {
-    const auto broken = [this](auto change) {
-        auto knock = upgrade();
-        change(knock);
-        return status(knock);
-    };
-    EXPECT_EQ(broken([](Knock& knock) { knock.cookies.clear(); }), 403U);
-    EXPECT_EQ(broken([](Knock& knock) { knock.cookies = {"kiroweb-8123="}; }), 403U);
-    EXPECT_EQ(broken([](Knock& knock) { knock.cookies = {"kiroweb-8123", ";;=;", "="}; }), 403U);
-    const auto otherPort = "kiroweb-8124=" + fSecrets.cookie();
-    EXPECT_EQ(broken([&](Knock& knock) { knock.cookies = {otherPort}; }), 403U);
-    EXPECT_EQ(broken([](Knock& knock) { knock.isUpgrade = false; }), 400U);
-    EXPECT_EQ(broken([](Knock& knock) { knock.offersSubprotocol = false; }), 400U);
-    EXPECT_EQ(broken([](Knock& knock) { knock.hasBody = true; }), 400U);
-    EXPECT_EQ(broken([](Knock& knock) { knock.method = "POST"; }), 405U);
 }
 
 TEST_F(DoorTest, ServesTheTableAndNothingElse) {
@@ -115,13 +84,10 @@ TEST_F(DoorTest, ServesTheTableAndNothingElse) {
 
 TEST_F(DoorTest, ExchangesATokenOrACodeForTheCookie) {
     const auto token = "/?token=" + fSecrets.token();
-    const auto verdict = fDoor.decide(get(token), {});
-    EXPECT_EQ(verdict.status, 303U);
-    EXPECT_EQ(verdict.cookie,
+    EXPECT_EQ(fDoor.decide(get(token), {}).cookie,
               "kiroweb-8123=" + fSecrets.cookie() + "; HttpOnly; SameSite=Strict; Path=/");
     EXPECT_EQ(status(get(token)), 303U);  // as often as one likes
     EXPECT_EQ(status(get(token + "0")), 403U);
-    EXPECT_EQ(status(get("/?token=")), 403U);
 
     const auto code = "/?code=" + fSecrets.makeCode({});
     auto head = get(code);
@@ -129,5 +95,4 @@ TEST_F(DoorTest, ExchangesATokenOrACodeForTheCookie) {
     EXPECT_EQ(status(head), 405U);
     EXPECT_EQ(status(get(code)), 303U);
     EXPECT_EQ(status(get(code)), 403U);
-    EXPECT_EQ(status(get("/?code=" + fSecrets.token())), 403U);
 }

@@ -16,10 +16,9 @@ namespace {
 
 class HostileTest : public GatewayTest {
   protected:
-    std::string host() const { return "127.0.0.1:" + std::to_string(fGateway->port()); }
     /// The status of the answer to `bytes`, sent as they are.
     std::string statusOf(const std::string& bytes) {
-        Peer peer(fGateway->port());
+        Peer peer(fAccess);
         peer.send(bytes);
         const auto head = peer.readHead();
         return head.substr(0, head.find('\r'));
@@ -31,7 +30,8 @@ class HostileTest : public GatewayTest {
 TEST_F(HostileTest, RequestsAreAnsweredBeforeAnyUpgrade) {
     fOptions.limits.headerSize = 2048;
     start();
-    const auto good = upgradeRequest(fGateway->port(), fCookie);
+    const auto good = upgradeRequest(fAccess, fCookie);
+    const auto host = fAccess.host();
     const auto with = [&good](const std::string& what, const std::string& instead) {
         auto request = good;
         return request.replace(request.find(what), what.size(), instead);
@@ -40,25 +40,24 @@ TEST_F(HostileTest, RequestsAreAnsweredBeforeAnyUpgrade) {
         std::string request;
         std::string status;
     } table[] = {
-        {"GET / HTTP/1.1\r\nHost: " + host() + "\r\n\r\n", "HTTP/1.1 200 OK"},
+        {"GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "HTTP/1.1 200 OK"},
         {"GET / HTTP/1.1\r\n\r\n", "HTTP/1.1 400 Bad Request"},
-        {"GET / HTTP/1.1\r\nHost: " + host() + "\r\nHost: " + host() + "\r\n\r\n",
+        {"GET / HTTP/1.1\r\nHost: " + host + "\r\nHost: " + host + "\r\n\r\n",
          "HTTP/1.1 400 Bad Request"},
         {"GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n", "HTTP/1.1 403 Forbidden"},
-        {"GET /../../etc/passwd HTTP/1.1\r\nHost: " + host() + "\r\n\r\n",
-         "HTTP/1.1 404 Not Found"},
-        {"GET /?token=0 HTTP/1.1\r\nHost: " + host() + "\r\n\r\n", "HTTP/1.1 403 Forbidden"},
-        {"POST / HTTP/1.1\r\nHost: " + host() + "\r\nContent-Length: 1\r\n\r\nx",
+        {"GET /../../etc/passwd HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "HTTP/1.1 404 Not Found"},
+        {"GET /?token=0 HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "HTTP/1.1 403 Forbidden"},
+        {"POST / HTTP/1.1\r\nHost: " + host + "\r\nContent-Length: 1\r\n\r\nx",
          "HTTP/1.1 400 Bad Request"},
-        {"DELETE / HTTP/1.1\r\nHost: " + host() + "\r\n\r\n", "HTTP/1.1 405 Method Not Allowed"},
+        {"DELETE / HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "HTTP/1.1 405 Method Not Allowed"},
         {"\x16\x03\x01\x02\r\n\r\n", "HTTP/1.1 400 Bad Request"},
-        {"GET / HTTP/1.1\r\nHost : " + host() + "\r\n\r\n", "HTTP/1.1 400 Bad Request"},
-        {"GET / HTTP/1.1\r\nHost: " + host() + "\r\nX: " + std::string(4096, 'x') + "\r\n\r\n",
+        {"GET / HTTP/1.1\r\nHost : " + host + "\r\n\r\n", "HTTP/1.1 400 Bad Request"},
+        {"GET / HTTP/1.1\r\nHost: " + host + "\r\nX: " + std::string(4096, 'x') + "\r\n\r\n",
          "HTTP/1.1 431 Request Header Fields Too Large"},
         {with("Origin: http://", "Origin: null, http://"), "HTTP/1.1 400 Bad Request"},
-        {with("Origin: http://" + host(), "Origin: null"), "HTTP/1.1 403 Forbidden"},
-        {with("Origin: http://" + host(), "X-Origin: a"), "HTTP/1.1 403 Forbidden"},
-        {with("Origin: http://" + host(), "Origin: http://evil.example"), "HTTP/1.1 403 Forbidden"},
+        {with("Origin: http://" + host, "Origin: null"), "HTTP/1.1 403 Forbidden"},
+        {with("Origin: http://" + host, "X-Origin: a"), "HTTP/1.1 403 Forbidden"},
+        {with("Origin: http://" + host, "Origin: http://evil.example"), "HTTP/1.1 403 Forbidden"},
         {with(fCookie, "kiroweb=1"), "HTTP/1.1 403 Forbidden"},
         {with("Version: 13", "Version: 8"), "HTTP/1.1 400 Bad Request"},
         {with("kiroweb.v1", "kiroweb.v2"), "HTTP/1.1 400 Bad Request"},
@@ -74,8 +73,8 @@ TEST_F(HostileTest, AnswersProtectThePageAndKeepTheTokenOut) {
     const auto observing = kirohost::observeLog(
         [&lines](const kirohost::LogRecord& record) { lines.push_back(record.text); });
     start();
-    Peer peer(fGateway->port());
-    peer.send("GET / HTTP/1.1\r\nHost: " + host() + "\r\n\r\n");
+    Peer peer(fAccess);
+    peer.send("GET / HTTP/1.1\r\nHost: " + fAccess.host() + "\r\n\r\n");
     const auto head = peer.readHead();
     for (const char* field :
          {"Content-Security-Policy: default-src 'none'; script-src 'self'",
@@ -85,7 +84,7 @@ TEST_F(HostileTest, AnswersProtectThePageAndKeepTheTokenOut) {
     }
     const auto link = fGateway->link();
     const auto token = link.substr(link.find('=') + 1);
-    statusOf("GET /?token=" + token + "x HTTP/1.1\r\nHost: " + host() + "\r\n\r\n");
+    statusOf("GET /?token=" + token + "x HTTP/1.1\r\nHost: " + fAccess.host() + "\r\n\r\n");
     statusOf("GET / HTTP/1.1\r\nHost: a\x1b[2J\r\n\r\n");
     fGateway.reset();
     EXPECT_FALSE(lines.empty());
@@ -157,8 +156,8 @@ TEST_F(HostileTest, SilentPeersAreNotWaitedForForEver) {
     auto& limits = fOptions.limits;
     limits.request = limits.hello = limits.ping = limits.close = std::chrono::milliseconds(40);
     start();
-    Peer says_nothing(fGateway->port());
-    Peer says_half(fGateway->port());
+    Peer says_nothing(fAccess);
+    Peer says_half(fAccess);
     says_half.send("GET / HT");
     auto says_no_hello = connect();
     auto goes_silent = join();
@@ -175,7 +174,7 @@ TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
     start();
     auto page = join();
     std::vector<Peer> silent;
-    for (int i = 0; i < 100; ++i) silent.emplace_back(fGateway->port());
+    for (int i = 0; i < 100; ++i) silent.emplace_back(fAccess);
     // The newest are let be, so somebody who knocks now is heard.
     auto late = join();
     settle(page);
@@ -185,8 +184,8 @@ TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
     std::vector<Peer> pages;
     std::string refusal;
     for (int i = 0; i < 12 && refusal.empty(); ++i) {
-        Peer peer(fGateway->port());
-        peer.send(upgradeRequest(fGateway->port(), fCookie));
+        Peer peer(fAccess);
+        peer.send(upgradeRequest(fAccess, fCookie));
         const auto head = peer.readHead();
         if (head.starts_with("HTTP/1.1 101")) {
             pages.push_back(std::move(peer));

@@ -1,36 +1,81 @@
-// What only the stand-in has beside its interpreter: observers, settings, policies.
-
-#include "kirohost/Controls.hpp"
+// What only the stand-in has: VMs made at will, tasks that are run by hand, observers, policies.
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "bedrock/core/diag/assertion.hpp"
-#include "bedrock/log/basic_diagnostic_logger.hpp"
+#include "kirohost/Controls.hpp"
+#include "kiroutils/KiroBlockingOperation.hpp"
 #include "kiroutils/Logger.hpp"
+#include "qvm/detail/taskRouterAccess.hpp"
 #include "qvm/messages.hpp"
+#include "taskrouter/TaskRouter.hpp"
 
 namespace {
 
+using kiroutils::KiroBlockingOperation;
+using kiroutils::KiroTerminatingCondition;
+using qnutil::contextmgr::QcrID;
+using taskrouter::WhenToDequeue;
+
 using Lines = std::vector<std::string>;
 
-TEST(Observers, SeeWarningsWithArgumentsTextAndThread) {
-    std::vector<kirohost::Warning> seen;
-    auto scope =
-        kirohost::observeWarnings([&seen](const auto& warning) { seen.push_back(warning); });
-    qxWarningMsgId({"Quarn:graphics", "GraphicsBinarySendFailure"}, {"/b"});
-    const auto moved = std::move(scope);
-    qxWarningMsgId({"Un", "known"}, {"x", "y"});
-    ASSERT_EQ(seen.size(), 2U);
-    EXPECT_EQ(seen[0].id.key, "GraphicsBinarySendFailure");
-    EXPECT_EQ(seen[0].arguments, Lines{"/b"});
-    EXPECT_NE(seen[0].text.find("\"/b\""), std::string::npos);
-    EXPECT_EQ(seen[0].thread, std::this_thread::get_id());
-    EXPECT_EQ(seen[1].text, "Un:known \"x\" \"y\"");
+std::shared_ptr<taskrouter::TaskRouter> routerOf(QcrID context) {
+    return qvm::detail::getTaskRouterAndSinks(context, {}).router;
+}
+
+auto enqueue(taskrouter::TaskRouter& router, WhenToDequeue when, const std::string& source,
+             std::function<void()> function) {
+    taskrouter::PackagedTaskIIP<void> task({std::move(function)}, source);
+    return router.enqueueWithFuture(std::move(task), {when, ""}, qvm::detail::createID());
+}
+
+void waitUntil(std::function<bool()> condition, std::function<void()> pump = nullptr) {
+    KiroBlockingOperation::waitOrThrow(
+        std::make_unique<KiroTerminatingCondition>("drawing", std::move(condition),
+                                                   std::chrono::seconds::max()),
+        std::move(pump));
+}
+
+class InterpreterTest : public testing::Test {
+  protected:
+    auto write(const std::string& line, WhenToDequeue when) {
+        return enqueue(*routerOf(vm.context()), when, line, [this, line] { ran.push_back(line); });
+    }
+
+    kirohost::Vm vm;
+    const kirohost::Scope binding = vm.bindThisThread();
+    Lines ran;
+};
+
+TEST_F(InterpreterTest, KeepsTasksForThePromptOutOfAWait) {
+    (void)write("prompt 1", WhenToDequeue::kAtPrompt);
+    (void)write("idle 1", WhenToDequeue::kWhenIdle);
+    (void)write("prompt 2", WhenToDequeue::kAtPrompt);
+    (void)write("idle 2", WhenToDequeue::kWhenIdle);
+    const auto pending = kirohost::pendingTasks(vm.context());
+    ASSERT_EQ(pending.size(), 4U);
+    EXPECT_EQ(pending[1].source, "idle 1");
+    EXPECT_EQ(pending[1].whenToDequeue, 1);
+    waitUntil([this] { return ran.size() >= 2; }, [] { kirohost::runPendingTasks(); });
+    EXPECT_EQ(ran, (Lines{"idle 1", "idle 2"}));
+    EXPECT_EQ(kirohost::runPendingTasks(), 2U);
+    EXPECT_EQ(ran, (Lines{"idle 1", "idle 2", "prompt 1", "prompt 2"}));
+}
+
+TEST(Vm, TakesItsTasksWithIt) {
+    auto vm = std::make_unique<kirohost::Vm>();
+    const auto context = vm->context();
+    const auto router = routerOf(context);
+    auto before = enqueue(*router, WhenToDequeue::kWhenIdle, "", [] {});
+    vm.reset();
+    EXPECT_EQ(routerOf(context), nullptr);
+    auto after = enqueue(*router, WhenToDequeue::kWhenIdle, "", [] {});
+    EXPECT_THROW(before.get(), boost::broken_promise);
+    EXPECT_THROW(after.get(), boost::broken_promise);
 }
 
 TEST(Observers, AreNotCalledAfterTheirScopeEvenInsideARecord) {
@@ -43,27 +88,6 @@ TEST(Observers, AreNotCalledAfterTheirScopeEvenInsideARecord) {
     second = kirohost::observeLog([&](const auto&) { seen.emplace_back("second"); });
     kiroutils::Logger::instance().log("l", "text");
     EXPECT_EQ(seen, Lines{"l text"});
-}
-
-TEST(Diagnostics, FilterByLevelAndKeepEveryByte) {
-    std::vector<kirohost::LogRecord> seen;
-    const auto scope =
-        kirohost::observeDiagnostics([&seen](const auto& record) { seen.push_back(record); });
-    const bedrock::log::basic_diagnostic_logger logger("d");
-    const bedrock::log::basic_diagnostic_logger sameName("d");
-    logger.record(3) << "block " << 1234567UL << std::string_view(" \0!", 3);
-    ASSERT_EQ(seen.size(), 1U);
-    EXPECT_EQ(seen[0].text, std::string("block 1234567 \0!", 16));
-    EXPECT_EQ(seen[0].logger, "d");
-    EXPECT_EQ(seen[0].level, 3);
-    EXPECT_TRUE(logger.enabled(4));
-    EXPECT_FALSE(logger.enabled(5));
-    kirohost::setDiagnosticLevel("d", 8);
-    EXPECT_TRUE(sameName.enabled(8));
-    kirohost::setDiagnosticsEnabled(false);
-    EXPECT_FALSE(logger.enabled(0));
-    kirohost::setDiagnosticsEnabled(true);
-    kirohost::setDiagnosticLevel("d", 4);
 }
 
 TEST(Assertions, EndTheProcessUnlessAPolicySaysOtherwise) {
