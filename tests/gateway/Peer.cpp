@@ -13,14 +13,11 @@ using boost::system::error_code;
 
 namespace {
 
-asio::io_context& inlineIo() {
-    static asio::io_context io;  // never run: all operations block
-    return io;
-}
+asio::io_context io;  // never run: all operations block
 
 }  // namespace
 
-Peer::Peer(const Access& access) : fSocket(std::make_unique<Socket>(inlineIo())) {
+Peer::Peer(const Access& access) : fSocket(std::make_unique<Socket>(io)) {
     fSocket->open(asio::ip::tcp::v4());
     if (access.receiveBuffer > 0) {
         fSocket->set_option(asio::socket_base::receive_buffer_size(access.receiveBuffer));
@@ -87,11 +84,10 @@ Frame Peer::readFrame() {
 }
 
 std::string Peer::readControl(std::string_view what) {
-    for (;;) {
-        auto frame = readFrame();
-        if (frame.isEnd()) return {};
-        if (frame.payload.starts_with("{\"t\":\"" + std::string(what) + "\"")) return frame.payload;
-    }
+    const auto start = "{\"t\":\"" + std::string(what) + "\"";
+    auto frame = readFrame();
+    while (!frame.isEnd() && !frame.payload.starts_with(start)) frame = readFrame();
+    return frame.isEnd() ? std::string() : frame.payload;
 }
 
 std::vector<Record> Peer::readRecords(std::size_t count) {
@@ -106,18 +102,15 @@ std::vector<Record> Peer::readRecords(std::size_t count) {
 }
 
 std::string Peer::readBinary() {
-    for (;;) {
-        auto frame = readFrame();
-        if (frame.isEnd()) return {};
-        if (frame.opcode == 2) return frame.payload;
-    }
+    auto frame = readFrame();
+    while (!frame.isEnd() && frame.opcode != 2) frame = readFrame();
+    return frame.isEnd() ? std::string() : frame.payload;
 }
 
-unsigned Peer::readClose(std::string* reason) {
+unsigned Peer::readClose() {
     auto frame = readFrame();
     while (!frame.isEnd()) frame = readFrame();
     if (frame.payload.size() < 2) return 0;
-    if (reason != nullptr) *reason = frame.payload.substr(2);
     return static_cast<unsigned>(static_cast<unsigned char>(frame.payload[0])) << 8U |
            static_cast<unsigned char>(frame.payload[1]);
 }

@@ -46,7 +46,7 @@ class Peer {
     /// The next binary frame's payload.
     std::string readBinary();
     /// The code of the close frame; 0 if the connection ended without one. Skips what is before.
-    unsigned readClose(std::string* reason = nullptr);
+    unsigned readClose();
     /// Reads whatever comes until the end.
     std::string readAll();
 

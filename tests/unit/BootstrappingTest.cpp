@@ -126,6 +126,7 @@ TEST_F(Bootstrapping, ReadsEveryAnnouncement) {
 }
 
 TEST_F(Bootstrapping, LogsItsLife) {
+    sender.reset();
     const LogCapture log("commandsender");
     sender = std::make_unique<BootstrappingCommandSender>(kName);
     announce();
@@ -134,7 +135,7 @@ TEST_F(Bootstrapping, LogsItsLife) {
     announce(kBinary);
     sender.reset();
     Lines expected;
-    for (const auto* text : {"Destroyed", "Created", "setBootstrapState QueueState", "channelReady",
+    for (const auto* text : {"Created", "setBootstrapState QueueState", "channelReady",
                              "setBootstrapState PublishQueueState", "channelReady",
                              "setBootstrapState PublishDirectState", "channelReady", "Destroyed"}) {
         expected.push_back("BootstrappingCommandSender(/figure/1): " + std::string(text));

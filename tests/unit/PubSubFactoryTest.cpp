@@ -26,7 +26,6 @@ using Endpoint = std::shared_ptr<PubSubInterface>;
 Endpoint makeFake() { return std::make_shared<test::FakePubSub>(); }
 
 TEST(PubSubFactory, makesOneRelayEndpointByDefaultAndFreshOnesForTheOthers) {
-    PubSubFactory::setPubSubCreationFcn(nullptr);  // none
     const auto first = PubSubFactory::makePubSubWithDefault(&makeFake);
     const auto instance = PubSubFactory::pubsubInstance();
     EXPECT_NE(dynamic_cast<RelayPubSub*>(instance.get()), nullptr);
@@ -37,6 +36,11 @@ TEST(PubSubFactory, makesOneRelayEndpointByDefaultAndFreshOnesForTheOthers) {
     const support::AssertionCapture assertions;
     PubSubFactory::setPubSubCreationFcn(&makeFake);
     EXPECT_EQ(assertions.size(), 1U) << "the default was installed as any other";
+}
+
+TEST(PubSubFactory, takesAnEmptyFunctionForNone) {
+    PubSubFactory::setPubSubCreationFcn(nullptr);
+    EXPECT_NE(dynamic_cast<RelayPubSub*>(PubSubFactory::pubsubInstance().get()), nullptr);
 }
 
 TEST(PubSubFactory, commitsToAnEmptyEndpoint) {
