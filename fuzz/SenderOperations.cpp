@@ -133,10 +133,13 @@ class Run {
         kiro::web::StringPayload payload(text);
         fuzz::endpoint()->publish(fName + "/channelReady", payload);
         fIsReady = true;
-        int value = 0;
-        const bool usingBinary =
-            JSONObject(text).getValue("binaryChannelStatus", value) && value == 1;
-        require(fSender->queryUsingBinary() == usingBinary, "what the announcement says");
+        const auto says = [object = JSONObject(text)](const char* key) {
+            int value = 0;
+            return object.getValue(key, value) && value == 1;
+        };
+        require(fSender->queryUsingBinary() == says("binaryChannelStatus") &&
+                    fSender->queryUsingFastBinary() == says("useFastBinary"),
+                "what the announcement says");
     }
 
     const std::string fName;

@@ -32,9 +32,12 @@ class HostileTest : public GatewayTest {
 
 TEST_F(HostileTest, RequestsAreAnsweredBeforeAnyUpgrade) {
     fOptions.limits.headerSize = 2048;
+    fOptions.extraOrigins = {"http://dev.example:5173"};
     start();
     const auto good = upgradeRequest(fAccess, fCookie);
     const auto host = fAccess.host();
+    const auto origin = "Origin: " + fAccess.origin();
+    const auto end = " HTTP/1.1\r\nHost: " + host + "\r\n\r\n";
     const auto with = [&good](const std::string& what, const std::string& instead) {
         auto request = good;
         return request.replace(request.find(what), what.size(), instead);
@@ -43,23 +46,36 @@ TEST_F(HostileTest, RequestsAreAnsweredBeforeAnyUpgrade) {
         std::string request;
         std::string status;
     } table[] = {
-        {"GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "200 OK"},
+        {"GET /" + end, "200 OK"},
         {"GET / HTTP/1.1\r\n\r\n", "400 Bad Request"},
         {"GET / HTTP/1.1\r\nHost: " + host + "\r\nHost: " + host + "\r\n\r\n", "400 Bad Request"},
         {"GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n", "403 Forbidden"},
-        {"GET /../../etc/passwd HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "404 Not Found"},
-        {"GET /?token=0 HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "403 Forbidden"},
+        {"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", "403 Forbidden"},
+        {"GET / HTTP/1.1\r\nHost: " + host + ".evil.example\r\n\r\n", "403 Forbidden"},
+        {"GET /?v=2 HTTP/1.1\r\nHost: localhost:" + std::to_string(fAccess.port) + "\r\n\r\n",
+         "200 OK"},
+        {"GET http://evil.example/" + end, "400 Bad Request"},
+        {"GET //" + end, "404 Not Found"},
+        {"GET /../../etc/passwd" + end, "404 Not Found"},
+        {"GET /?token=0" + end, "403 Forbidden"},
         {"POST / HTTP/1.1\r\nHost: " + host + "\r\nContent-Length: 1\r\n\r\nx", "400 Bad Request"},
-        {"DELETE / HTTP/1.1\r\nHost: " + host + "\r\n\r\n", "405 Method Not Allowed"},
+        {"DELETE /" + end, "405 Method Not Allowed"},
         {"\x16\x03\x01\x02\r\n\r\n", "400 Bad Request"},
         {"GET / HTTP/1.1\r\nHost : " + host + "\r\n\r\n", "400 Bad Request"},
-        {"GET / HTTP/1.1\r\nHost: " + host + "\r\nX: " + std::string(4096, 'x') + "\r\n\r\n",
-         "431 Request Header Fields Too Large"},
+        {"GET /" + std::string(4096, 'x') + end, "431 Request Header Fields Too Large"},
         {with("Origin: http://", "Origin: null, http://"), "400 Bad Request"},
-        {with("Origin: http://" + host, "Origin: null"), "403 Forbidden"},
-        {with("Origin: http://" + host, "X-Origin: a"), "403 Forbidden"},
-        {with("Origin: http://" + host, "Origin: http://evil.example"), "403 Forbidden"},
+        {with(origin, "Origin: null"), "403 Forbidden"},
+        {with(origin, "X-Origin: a"), "403 Forbidden"},
+        {with(origin, "Origin: http://evil.example"), "403 Forbidden"},
+        {with("Origin: http", "Origin: https"), "403 Forbidden"},
+        {with("\r\nUpgrade", "/\r\nUpgrade"), "403 Forbidden"},
+        {with("\r\nUpgrade", ".evil.example\r\nUpgrade"), "403 Forbidden"},
+        {with("\r\nUpgrade", "\r\n" + origin + "\r\nUpgrade"), "400 Bad Request"},
+        {with(origin, "Origin: http://dev.example:5173"), "101 Switching Protocols"},
         {with(fCookie, "kiroweb=1"), "403 Forbidden"},
+        {with(fCookie, fCookie.substr(0, fCookie.find('=') + 1)), "403 Forbidden"},
+        {with(fCookie, "1" + fCookie), "403 Forbidden"},
+        {with("Cookie: ", "Cookie: ;;=;a; "), "101 Switching Protocols"},
         {with("Version: 13", "Version: 8"), "400 Bad Request"},
         {with("kiroweb.v1", "kiroweb.v2"), "400 Bad Request"},
         {with("Key: ", "Key: A"), "400 Bad Request"},
@@ -67,6 +83,13 @@ TEST_F(HostileTest, RequestsAreAnsweredBeforeAnyUpgrade) {
         {good, "101 Switching Protocols"},
     };
     for (const auto& row : table) EXPECT_EQ(statusOf(row.request), row.status) << row.request;
+
+    const auto once = fGateway->singleUseLink();
+    const auto target = once.substr(once.find("/?")) + end;
+    EXPECT_EQ(statusOf("HEAD " + target), "405 Method Not Allowed");
+    const auto head = headOf("GET " + target);
+    EXPECT_NE(head.find(fCookie + "; HttpOnly; SameSite=Strict; Path=/"), std::string::npos);
+    EXPECT_EQ(statusOf("GET " + target), "403 Forbidden") << "used up";
 }
 
 TEST_F(HostileTest, AnswersProtectThePageAndKeepTheTokenOut) {

@@ -56,31 +56,22 @@ TEST(Transport, SeesTheOrderThatTheSubscribersSeeAndWhatOtherTransportsDeliver) 
     const auto service = makeService();
     const auto transport = std::make_shared<RecordingTransport>();
     const auto other = std::make_shared<RecordingTransport>();
-    auto link = relay::getRelay().attach(transport);
+    const auto link = relay::getRelay().attach(transport);
     const auto otherLink = relay::getRelay().attach(other);
     Lines heard;
     const auto subscription = service->subscribe("/order/*", into(heard)).get();
-    {
-        std::vector<std::jthread> publishers;
-        for (const char* channel : {"/order/a", "/order/b", "/order/c"}) {
-            publishers.emplace_back([&service, channel] {
-                for (int i = 0; i < 500; ++i) publish(*service, channel, std::to_string(i));
-            });
-        }
-    }
-    kirohost::waitForDelivery();
-    EXPECT_EQ(heard.size(), 1500U);
-    EXPECT_EQ(transport->lines, heard);
+    const auto publishAll = [&service](const std::string& channel) {
+        for (int i = 0; i < 500; ++i) publish(*service, channel, std::to_string(i));
+    };
+    std::thread publisher(publishAll, "/order/a");
+    publishAll("/order/b");
+    publisher.join();
     const std::string channel = "/order/outside";
     otherLink->deliver({channel, "1", 1});
     kirohost::waitForDelivery();
-    EXPECT_EQ(heard.back(), "/order/outside 1");
+    EXPECT_EQ(heard.size(), 1001U);
     EXPECT_EQ(transport->lines, heard);
-    EXPECT_EQ(other->lines.size(), 1500U) << "it does not hear itself";
-    link.reset();
-    publish(*service, "/order/a", "after the transport");
-    kirohost::waitForDelivery();
-    EXPECT_EQ(transport->lines.size(), 1501U);
+    EXPECT_EQ(other->lines.size(), 1000U) << "it does not hear itself";
 }
 
 TEST(MessageBus, LogsWhatAHandlerThrowsInOneLineAndGoesOn) {

@@ -60,21 +60,34 @@ class Capture {
     kirohost::Scope fScope;
 };
 
+/// Makes `name` no surprise while it lives.
+class Declaration {
+  public:
+    explicit Declaration(std::string name);
+    ~Declaration();
+    Declaration(const Declaration&) = delete;
+    Declaration& operator=(const Declaration&) = delete;
+
+  private:
+    const std::string fName;
+};
+
 /// Declares and collects the host's warnings.
 class WarningCapture : public Capture<kirohost::Warning> {
   public:
     WarningCapture();
-    ~WarningCapture();
+
+  private:
+    const Declaration fDeclaration;
 };
 
 /// Declares and collects the records of one log of `kiroutils::Logger`.
 class LogCapture : public Capture<kirohost::LogRecord> {
   public:
-    explicit LogCapture(std::string logger);
-    ~LogCapture();
+    explicit LogCapture(const std::string& logger);
 
   private:
-    const std::string fLogger;
+    const Declaration fDeclaration;
 };
 
 /// Collects the records of one diagnostic logger, whose level it sets meanwhile.

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <limits>
+#include <locale>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -33,7 +34,13 @@ std::string convert(const BinaryDataPayload& payload) {
     return out.convertToString();
 }
 
-TEST(DataID, ReadsAndWritesItsTwoNumbers) {
+struct GroupingByThrees : std::numpunct<char> {
+    [[nodiscard]] char do_thousands_sep() const override { return ','; }
+    [[nodiscard]] std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(DataID, ReadsAndWritesItsTwoNumbersInTheClassicLocale) {
+    std::locale::global({std::locale::classic(), new GroupingByThrees});
     constexpr std::uint32_t kMax = 4294967295U;
     struct {
         const char* text;
@@ -52,6 +59,7 @@ TEST(DataID, ReadsAndWritesItsTwoNumbers) {
         EXPECT_EQ(id, c.id) << '"' << c.text << "\" gave " << id.convert_to_string();
     }
     EXPECT_EQ(DataID(1234567, kMax).convert_to_string(), "1234567 4294967295");
+    std::locale::global(std::locale::classic());
 }
 
 TEST(CreateID, StartsAtFourAndNeverGivesOneTwice) {
@@ -108,20 +116,19 @@ TEST(BinaryDataPayload, ConvertsItsBlocksToOneMessageAndHandsThemOver) {
 }
 
 TEST(BinaryDataPayload, ConvertsWholeOrNotAtAllWhenMemoryIsShort) {
-    BinaryDataPayload payloads[2];
-    for (auto& payload : payloads) {
-        add(payload, 4, "x");
+    const auto make = [] {
+        auto payload = payloadOf({4});
         add(payload, 6, std::string(1000, 'd'));
-    }
-    const auto expected = convert(payloads[0]);
-    auto& payload = payloads[1];
-    const auto failures = failEachNew([&payload](std::size_t n) {
+        return payload;
+    };
+    auto payload = make();
+    const auto failures = failEachNew([&](std::size_t n) {
         JSONPayload out;
         const auto [failed, error] = failingNew(n, [&] { payload.convertToJSONPayload(out); });
         EXPECT_EQ(error, failed ? "Out of memory!" : "") << "allocation " << n;
         EXPECT_EQ(payload.size(), failed ? 1017U : 0U) << "allocation " << n;
         if (!failed) {
-            EXPECT_EQ(out.convertToString(), expected);
+            EXPECT_EQ(out.convertToString(), convert(make()));
         }
         return failed;
     });

@@ -106,25 +106,6 @@ TEST_F(Bootstrapping, SendsTheBacklogInOrderFromAThreadOfItsOwnBeforeAnythingLat
     for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(messages[i].thread, i < 4 ? backlogs : here);
 }
 
-TEST_F(Bootstrapping, ReadsEveryAnnouncement) {
-    struct {
-        const char* text;
-        bool binary;
-        bool fast;
-    } const cases[] = {{R"({"binaryChannelStatus":1,"useFastBinary":1})", true, true},
-                       {R"({"binaryChannelStatus":true,"useFastBinary":true})", false, false},
-                       {R"({"binaryChannelStatus":1.0,"useFastBinary":1.5})", true, false},
-                       {R"({"useFastBinary":1,"other":[]})", false, true},
-                       {R"({"binaryChannelStatus":4294967297,"useFastBinary":-1})", false, false},
-                       {R"({"binaryChannelStatus":1,"useFastBinary":1})", true, true},
-                       {"", false, false}};
-    for (const auto& c : cases) {
-        announce(c.text);
-        EXPECT_EQ(sender->queryUsingBinary(), c.binary) << c.text;
-        EXPECT_EQ(sender->queryUsingFastBinary(), c.fast) << c.text;
-    }
-}
-
 TEST_F(Bootstrapping, LogsItsLife) {
     sender.reset();
     const LogCapture log("commandsender");

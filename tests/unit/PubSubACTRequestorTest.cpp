@@ -62,19 +62,19 @@ class PubSubRequestor : public testing::Test {
     static void returnToken(const CompletionToken& token, const std::string& more = "") {
         reply(R"({"ACT":")" + token.convertToString() + '"' + more + "}");
     }
-    /// The warnings when a token of `requestor` times out, on a developers' host or another.
-    std::vector<kirohost::Warning> timeOut(bool atOstrel = true) {
+    /// The warnings when a token of `from` times out, on a developers' host or another.
+    static std::vector<kirohost::Warning> timeOut(kiro::ACTRequestor& from, bool atOstrel = true) {
         const FakeClock clock;
         const ScopedSettings settings([atOstrel](auto& changed) {
             changed.atOstrel = atOstrel;
             changed.drawnowTimeoutSeconds = 1;
         });
         const support::WarningCapture warnings;
-        const auto late = requestor->checkoutToken();
+        const auto late = from.checkoutToken();
         FakeClock::advanceSeconds(2);
-        EXPECT_FALSE(requestor->isACTPending());
-        requestor->discardTimedOutTokens();
-        requestor->returnToken(late);
+        EXPECT_FALSE(from.isACTPending());
+        from.discardTimedOutTokens();
+        from.returnToken(late);
         return warnings.all();
     }
 
@@ -96,10 +96,9 @@ TEST_F(PubSubRequestor, SaysWhyATokenMayNotHaveComeBack) {
     for (const auto& c : cases) {
         sender->ready = c.ready;
         requestor->setCommandSender(c.hasSender ? sender : nullptr);
-        const auto warnings = timeOut();
+        const auto warnings = timeOut(*requestor);
         ASSERT_EQ(warnings.size(), 2U);
-        EXPECT_EQ(textOf(warnings[0]),
-                  "Quarn:graphics:timeoutDuringDrawnow(" + std::string(c.customer) + ")");
+        EXPECT_EQ(warnings[0].arguments, Lines{c.customer});
         EXPECT_EQ(warnings[1].id.key, "drawnowTimeout");
         EXPECT_EQ(warnings[1].arguments.at(0), "1");
         EXPECT_EQ(warnings[1].arguments.at(1), "engine(/return)");
@@ -108,54 +107,57 @@ TEST_F(PubSubRequestor, SaysWhyATokenMayNotHaveComeBack) {
     }
 }
 
-TEST_F(PubSubRequestor, RecordsEachStepOfATokensLife) {
-    make();
-    const LogCapture log(kLog);
-    const auto token = requestor->sendACT();
-    requestor->returnToken(token);
-    const auto discarded = requestor->checkoutToken();
-    requestor->discardAllTokens();
-    requestor->returnToken(discarded);
-    EXPECT_FALSE(requestor->isACTPending());
-    requestor->log("LogType", {{"LogType", "Client"}, {"Source", 1}});
-    EXPECT_EQ(kirohost::runPendingTasks(), 1U);
-    EXPECT_EQ(log.texts(),
-              (Lines{eventOf("checkoutToken", token), eventOf("sendACT", token),
-                     eventOf("return ACT", token), eventOf("checkoutToken", discarded),
-                     record("All drawnow tokens discarded", "{}", kReturn, "engine"),
-                     record("LogType", R"({"LogType":"Client","Source":1})", kReturn, "engine")}));
-}
+/// What every requestor says by itself.
+struct Plain : kiro::ACTRequestor {
+    Plain() : ACTRequestor(kLog, "engine", kReturn) {}
+    void convertToPayload(JSONPayload&, const CompletionToken&) const override {}
+    void doSendACT(const CompletionToken&) override {}
+    std::string getDetailsForCustomerTimeoutWarning() const override { return "the cause"; }
+};
 
 TEST_F(PubSubRequestor, ReportsATimeOutOnceAndCallsTheHookOnTheDevelopersHostsOnly) {
-    make();
     for (const bool atOstrel : {false, true}) {
+        Plain plain;
         int hooks = 0;
         const ScopedSettings settings(
             [&](auto& changed) { changed.drawnowTimeoutCallback = [&hooks] { ++hooks; }; });
         const LogCapture log(kLog);
-        EXPECT_EQ(timeOut(atOstrel).size(), atOstrel ? 2U : 1U);
+        const auto warnings = timeOut(plain, atOstrel);
+        ASSERT_EQ(warnings.size(), atOstrel ? 2U : 1U);
+        EXPECT_EQ(textOf(warnings[0]), "Quarn:graphics:timeoutDuringDrawnow(the cause)");
         EXPECT_EQ(hooks, atOstrel ? 1 : 0);
         ASSERT_EQ(log.size(), 2U);
-        EXPECT_NE(log.texts()[1].find(R"("Event":"Timeout")"), std::string::npos);
-        EXPECT_NE(log.texts()[1].find(R"("Timeout":"1"})"), std::string::npos);
+        const auto report = log.texts()[1];
+        EXPECT_EQ(report.substr(0, 40), record("Timeout", "", kReturn).substr(0, 40));
+        EXPECT_NE(report.find(R"("Timeout":"1"})"), std::string::npos);
     }
     EXPECT_EQ(kirohost::runPendingTasks(), 0U) << "a time-out wakes nobody";
 }
 
-TEST_F(PubSubRequestor, SendsTheTokenBehindAllElseAndTakesItBack) {
+TEST_F(PubSubRequestor, SendsTheTokenBehindAllElseTakesItBackAndRecordsEachStep) {
     make();
+    const LogCapture log(kLog);
     const auto token = requestor->sendACT();
-    const auto id = token.convertToString();
     EXPECT_EQ(sender->getCommandsAsStrings(),
-              Lines{R"({"ACT":")" + id + R"(","returnChannel":"/return","cmd":"sendACT"})"});
+              Lines{R"({"ACT":")" + token.convertToString() +
+                    R"(","returnChannel":"/return","cmd":"sendACT"})"});
     EXPECT_TRUE(requestor->isACTPending());
     returnToken(token);
     EXPECT_FALSE(requestor->isACTPending());
     EXPECT_EQ(kirohost::runPendingTasks(), 1U) << "the interpreter is woken";
     requestor->setCommandSender(nullptr);
-    requestor->sendACT();
+    const auto discarded = requestor->sendACT();
     EXPECT_EQ(sender->getCommandsAsStrings().size(), 1U);
     EXPECT_TRUE(requestor->isACTPending());
+    requestor->discardAllTokens();
+    requestor->returnToken(discarded);
+    requestor->log("LogType", {{"LogType", "Client"}, {"Source", 1}});
+    EXPECT_EQ(log.texts(),
+              (Lines{eventOf("checkoutToken", token), eventOf("sendACT", token),
+                     eventOf("return ACT", token), eventOf("checkoutToken", discarded),
+                     eventOf("sendACT", discarded),
+                     record("All drawnow tokens discarded", "{}", kReturn, "engine"),
+                     record("LogType", R"({"LogType":"Client","Source":1})", kReturn, "engine")}));
 }
 
 TEST_F(PubSubRequestor, WritesAndReadsTimeStampsWhileTheyAreLogged) {
@@ -254,7 +256,7 @@ TEST_F(PubSubRequestor, PrintsTheHistoryUntilASnapshotClearsIt) {
 
     publish("/graphics/a", "{}");
     kirohost::waitForDelivery();
-    const auto printed = timeOut().at(1).arguments.at(3);
+    const auto printed = timeOut(*requestor).at(1).arguments.at(3);
     const auto history = logger.history(kLog);
     ASSERT_EQ(history.size(), 3U) << "the client's, the token's and that of its time-out";
     EXPECT_EQ(printed, "Client may not be connected.\nLast 3 messages:\n\n " + history[0] + "\n " +

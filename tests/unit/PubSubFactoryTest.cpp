@@ -99,10 +99,7 @@ TEST(PubSubFactory, reportsASecondFunctionAndSteersEverybodyOntoItsEndpoint) {
 TEST(PubSubFactory, reportsAnEmptyDefaultAndThrows) {
     const support::AssertionCapture assertions;
     EXPECT_THROW(PubSubFactory::makePubSubWithDefault(nullptr), std::bad_function_call);
-    ASSERT_EQ(assertions.texts(), support::Lines{"src/PubSubFactory:47: defaultFcn != nullptr"});
-    EXPECT_EQ(assertions.all().front().function,
-              "static std::shared_ptr<kiro::web::PubSubInterface> "
-              "kiro::web::PubSubFactory::makePubSubWithDefault(pubsub_creation_fcn)");
+    EXPECT_EQ(assertions.texts(), support::Lines{"src/PubSubFactory:47: defaultFcn != nullptr"});
 }
 
 }  // namespace
