@@ -81,6 +81,7 @@ class GatewayTest : public testing::Test {
         auto peer = connect();
         peer.sendText(R"({"t":"hello","version":1,"subscribe":["/fig/*","/bin"])" + more + "}");
         fHello = boost::json::parse(peer.readControl("hello")).as_object();
+        fAnnouncement = fEvents.take();
         return peer;
     }
     /// One that comes back for its `view` after the message `last`.
@@ -109,7 +110,8 @@ class GatewayTest : public testing::Test {
     std::unique_ptr<kirogateway::Gateway> fGateway;
     Access fAccess;
     std::string fCookie;
-    boost::json::object fHello;
+    boost::json::object fHello;  ///< of the last that joined
+    std::string fAnnouncement;   ///< of it, to the engine
 };
 
 }  // namespace gatewaytest

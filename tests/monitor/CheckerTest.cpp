@@ -54,8 +54,7 @@ Conversation conversation(std::uint64_t frames) {
 
 /// A client that hears what a test lets it hear.
 struct Client {
-    template <typename Messages>
-    void hear(const Messages& messages) {
+    void hear(std::span<const std::string> messages) {
         for (const std::string& message : messages) {
             inbox.message(message);
             while (inbox.next()) ++tokens;
@@ -114,9 +113,9 @@ TEST(Inbox, HoldsACommandAndAllBehindItBackUntilItsBlockIsThere) {
         messages.begin(), messages.end(),
         [](const auto& text) { return !text.starts_with(R"({"cmd":"binarydata")"); });
     Client client;
-    client.hear(std::span(messages.begin(), blocks));
+    client.hear({messages.begin(), blocks});
     EXPECT_EQ(client.tokens, 0);
-    client.hear(std::span(blocks, messages.end()));
+    client.hear({blocks, messages.end()});
     EXPECT_EQ(client.tokens, 1);
     client.inbox.finish();
     EXPECT_TRUE(client.findings.none());

@@ -4,6 +4,8 @@
 
 #include <limits>
 #include <locale>
+#include <memory>
+#include <new>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -11,14 +13,24 @@
 
 #include "Binary.hpp"
 #include "CHeap.hpp"
+#include "Captures.hpp"
 #include "FailingNew.hpp"
+#include "Fixture.hpp"
+#include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/JSONPayload.hpp"
+#include "kiro/web/PubSubFactory.hpp"
+#include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
+#include "relay/binary/experimental/ClientEnd.hpp"
 
 namespace {
 
 using namespace kiro::web;
 using namespace kiro::web::binary;
 using namespace support;
+using Promise = relay::Promise<SendResult>;
+using testing::ThrowsMessage;
+
+const char* const kChannel = "/figure/2";
 
 static_assert(std::is_nothrow_move_constructible_v<BinaryDataPayload>);
 static_assert(!std::is_copy_constructible_v<BinaryDataPayload>);
@@ -136,7 +148,6 @@ TEST(BinaryDataPayload, ConvertsWholeOrNotAtAllWhenMemoryIsShort) {
 }
 
 TEST(BinaryDataPayload, SaysOutOfMemoryAndKeepsWhatWasComplete) {
-    using testing::ThrowsMessage;
     BinaryDataPayload payload;
     add(payload, 4, "kept");
     std::size_t length = std::numeric_limits<std::size_t>::max();
@@ -168,6 +179,212 @@ TEST(BinaryDataPayload, RefusesAReadyMadeBlockThatIsShorterThanItsHeader) {
     EXPECT_THROW(payload.addDataToPayload(std::move(block)), std::invalid_argument);
     EXPECT_EQ(block.size(), 7U);
     EXPECT_TRUE(payload.isEmpty());
+}
+
+class BinarySend : public testing::Test {
+  protected:
+    /// A sender whose promises the test keeps or breaks.
+    [[nodiscard]] std::shared_ptr<ScriptedSender> later() {
+        return std::make_shared<ScriptedSender>([this](DataBuffer&&) {
+            promises.emplace_back();
+            return promises.back().getFuture();
+        });
+    }
+    static std::shared_ptr<ScriptedSender> refusing() {
+        return std::make_shared<ScriptedSender>([](DataBuffer&&) { return answer(false); });
+    }
+    static std::vector<kirohost::PendingTask> pendingTasks() {
+        return kirohost::pendingTasks(graphics_util::getContextQCRID());
+    }
+    std::size_t noticesOf(std::uint64_t id, const std::string& raw);
+    [[nodiscard]] Lines published() const { return client.messagesOn(kChannel); }
+
+    std::vector<Promise> promises;
+    support::Recorder client;
+    std::unique_ptr<Subscriber> subscription =
+        subscribe(PubSubFactory::pubsubInstance(), kChannel, client.callback());
+    support::DiagnosticCapture trace{"graphics::BinaryDataSend", 8};
+};
+
+TEST_F(BinarySend, PublishesEachBlockAsTextWithoutASender) {
+    auto payload = payloadOf({4, 5, 0x100000002U});
+    payload.sendUsing(nullptr, kChannel);
+    const Lines expected{fallback("4 0"), fallback("5 0"), fallback("2 1")};
+    EXPECT_EQ(published(), expected);
+    EXPECT_EQ(payload.size(), 0U);
+    EXPECT_FALSE(payload.isEmpty()) << "the entries remain";
+    payload.sendUsing(nullptr, kChannel);
+    payload.sendUsing(std::make_shared<ScriptedSender>(), kChannel);
+    EXPECT_EQ(published(), expected) << "what is gone is skipped";
+    EXPECT_EQ(trace.size(), 0U);
+}
+
+TEST_F(BinarySend, HandsACopyToTheSenderAndIsSilentAboutADeliveredBlock) {
+    int asked = 0;
+    const ScopedSettings settings(
+        [&](auto& changed) { changed.answerWarnAboutFallback = [&asked] { return ++asked > 0; }; });
+    const auto sender = std::make_shared<ScriptedSender>();
+    auto payload = payloadOf({4, 0x100000002U});
+    payload.sendUsing(sender, kChannel);
+    EXPECT_EQ(asked, 2) << "once for each block, whatever the answer";
+    EXPECT_EQ(trace.texts(), (Lines{"BinaryData 4 send", "BinaryData 4294967298 send"}));
+    EXPECT_EQ(trace.all()[0].level, 8);
+    kirohost::setDiagnosticLevel("graphics::BinaryDataSend", 7);
+    payload.sendUsing(sender, kChannel);
+    EXPECT_EQ(trace.size(), 2U);
+    EXPECT_EQ(sender->blocks.size(), 4U);
+    EXPECT_EQ(sender->blocks.all().back(), blockBytes(0x100000002U));
+    EXPECT_EQ(payload.size(), 18U);
+    EXPECT_TRUE(client.all().empty());
+}
+
+TEST_F(BinarySend, FallsBackAndWarnsAsTheHostAnswers) {
+    for (const bool allowed : {false, true}) {
+        for (const bool warn : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "allowed " << allowed << ", warn " << warn);
+            int asked = 0;
+            const ScopedSettings settings([&](auto& changed) {
+                changed.binaryChannelFallback = allowed;
+                // The second answer counts.
+                changed.answerWarnAboutFallback = [&] { return (++asked == 2) == warn; };
+            });
+            const auto sender = refusing();
+            payloadOf({4}).sendUsing(sender, kChannel);
+            EXPECT_EQ(asked, 2);
+            EXPECT_EQ(sender->warnings.all(), warn ? Lines{kChannel} : Lines());
+            Lines traced{"BinaryData 4 send"};
+            if (allowed) traced.emplace_back("BinaryData 4 sendFail");
+            EXPECT_EQ(trace.texts(), traced);
+            EXPECT_EQ(published(), allowed ? Lines{fallback("4 0")} : Lines());
+            client.clear();
+            trace.clear();
+        }
+    }
+}
+
+TEST_F(BinarySend, StopsAtAFutureWithoutStateAndAtLackOfMemory) {
+    int sent = 0;
+    const auto sender = std::make_shared<ScriptedSender>(
+        [&sent](DataBuffer&&) { return ++sent == 2 ? SendFuture() : answer(true); });
+    auto payload = payloadOf({4, 5, 6});
+    const auto send = [&] { payload.sendUsing(sender, kChannel); };
+    EXPECT_THAT(send, ThrowsMessage<std::runtime_error>("Future state isn't valid!"));
+    EXPECT_EQ(sender->blocks.all(), (Lines{blockBytes(4), blockBytes(5)}));
+
+    static int copies;
+    copies = 0;
+    kiro::replaceAllocate(
+        [](std::size_t size) -> void* { return ++copies == 2 ? nullptr : std::malloc(size); });
+    sender->blocks.clear();
+    EXPECT_THAT(send, ThrowsMessage<std::runtime_error>("Out of memory!"));
+    kiro::replaceAllocate(nullptr);
+    EXPECT_EQ(sender->blocks.all(), Lines{blockBytes(4)});
+    EXPECT_EQ(payload.size(), 27U);
+}
+
+/// Sends block `id` as text with each allocation failing in turn; `raw` is its identifier in a
+/// notice. Answers how many notices were sent instead.
+std::size_t BinarySend::noticesOf(std::uint64_t id, const std::string& raw) {
+    const Lines whole{fallback(std::to_string(id) + " 0")};
+    std::size_t notices = 0;
+    failEachNew([&](std::size_t n) {
+        client.clear();
+        auto payload = payloadOf({id});
+        const auto outcome = failingNew(n, [&] { payload.sendUsing(nullptr, kChannel); });
+        // What is thrown comes out of publishing: the message had been built.
+        const bool isNotice = outcome.error.empty() && published() != whole;
+        EXPECT_EQ(pendingTasks().size(), isNotice ? 1U : 0U) << "allocation " << n;
+        if (!isNotice) return outcome.failed;
+        ++notices;
+        EXPECT_EQ(published(), Lines{fallback("2 0", raw)}) << "allocation " << n;
+        EXPECT_EQ(pendingTasks().at(0).source, "src/BinaryDataPayload");
+        const support::WarningCapture warnings;
+        kirohost::runPendingTasks();
+        EXPECT_EQ(warnings.texts(), Lines{"Quarn:graphics:GraphicsBinaryOOM()"});
+        return outcome.failed;
+    });
+    EXPECT_EQ(published(), whole) << "with memory again";
+    return notices;
+}
+
+TEST_F(BinarySend, SubstitutesANoticeWhenTheFallbackMessageCannotBeBuilt) {
+    EXPECT_GT(noticesOf(5, "\\u0005"), 3U);
+    EXPECT_GT(noticesOf(256, ""), 3U);
+    EXPECT_GT(noticesOf(0x4142, "BA"), 3U);
+}
+
+TEST_F(BinarySend, TakesNothingThatPublishThrowsForLackOfMemory) {
+    const auto thrower =
+        subscribe(PubSubFactory::pubsubInstance(), kChannel,
+                  [](const std::string&, const PayloadInterface&) { throw std::bad_alloc(); });
+    EXPECT_THROW(payloadOf({4}).sendUsing(nullptr, kChannel), std::bad_alloc);
+    payloadOf({5}).sendUsing(refusing(), kChannel);  // into the future that nobody reads
+    EXPECT_EQ(published(), (Lines{fallback("4 0"), fallback("5 0")}));
+    EXPECT_TRUE(pendingTasks().empty());
+    EXPECT_EQ(trace.texts(), Lines{"BinaryData 5 send"});
+}
+
+TEST_F(BinarySend, CompletesLateOutOfOrderAndOnSeveralThreadsWhenAllElseIsGone) {
+    auto sender = later();
+    payloadOf({4, 5, 6, 7}).sendUsing(sender, std::string(kChannel));
+    const auto weak = std::weak_ptr(sender);
+    sender.reset();
+    EXPECT_FALSE(weak.expired()) << "held by the completions";
+    promises[3].setValue({true, {}});
+    promises[2].setValue({false, bufferOf(blockBytes(6))});
+    EXPECT_EQ(published(), Lines{fallback("6 0")});
+    sender = weak.lock();
+    std::thread other([this] { promises[0].setValue({false, {}}); });
+    promises[1].setValue({false, {}});
+    other.join();
+    EXPECT_EQ(sender->warnings.all(), (Lines{kChannel, kChannel, kChannel}));
+    EXPECT_EQ(sender.use_count(), 1);
+    EXPECT_THAT(published(),
+                testing::UnorderedElementsAre(fallback("4 0"), fallback("5 0"), fallback("6 0")));
+}
+
+TEST_F(BinarySend, ToleratesAStreamThatNeverAnswersOrAnswersWithAnError) {
+    const auto sender = later();
+    auto payload = payloadOf({4, 5});
+    payload.sendUsing(sender, kChannel);
+    promises[0].setException(std::make_exception_ptr(std::runtime_error("broken")));
+    promises.clear();
+    EXPECT_TRUE(client.all().empty());
+    EXPECT_EQ(sender->warnings.size(), 0U);
+    EXPECT_EQ(payload.size(), 18U);
+    EXPECT_EQ(sender.use_count(), 1) << "nothing is held any more";
+}
+
+TEST_F(BinarySend, FallsBackWhenTheStreamEndsWithItsLastUserAndSendsUnderWay) {
+    namespace experimental = relay::binary::experimental;
+    std::vector<experimental::Delivery> kept;
+    const experimental::ClientEnd clientEnd("/binary", [&kept](experimental::Delivery delivery) {
+        kept.push_back(std::move(delivery));
+    });
+    auto sender = createBinaryDataSender("/binary");
+    payloadOf({4, 5, 6}).sendUsing(sender, kChannel);
+    ASSERT_EQ(kept.size(), 3U);
+    kept[1].deliver();
+    sender.reset();
+    EXPECT_EQ(published(), Lines()) << "the registry still holds the stream";
+    BinaryStreamLifeCycle::destroyBinaryStream("/binary");
+    EXPECT_EQ(published(), (Lines{fallback("4 0"), fallback("6 0")}));
+    const support::WarningCapture warnings;
+    kirohost::runPendingTasks();
+    EXPECT_EQ(warnings.texts().size(), 2U);
+}
+
+TEST_F(BinarySend, TakesAndCopiesABlockOneAtATime) {
+    auto payload = payloadOf(std::vector<std::uint64_t>(50, 4));
+    payload.sendUsing(later(), kChannel);
+    std::thread completions([this] {
+        for (auto& promise : promises) promise.setValue({false, {}});
+    });
+    const auto second = std::make_shared<ScriptedSender>();
+    payload.sendUsing(second, kChannel);
+    completions.join();
+    EXPECT_EQ(published().size(), 50U);
+    for (const auto& bytes : second->blocks.all()) EXPECT_EQ(bytes, blockBytes(4));
 }
 
 }  // namespace

@@ -43,13 +43,6 @@ TEST(PubSubFactory, takesAnEmptyFunctionForNone) {
     EXPECT_NE(dynamic_cast<RelayPubSub*>(PubSubFactory::pubsubInstance().get()), nullptr);
 }
 
-TEST(PubSubFactory, commitsToAnEmptyEndpoint) {
-    int calls = 0;
-    PubSubFactory::setPubSubCreationFcn([&calls] { return ++calls == 1 ? nullptr : makeFake(); });
-    EXPECT_EQ(PubSubFactory::pubsubInstance(), nullptr);
-    EXPECT_EQ(PubSubFactory::pubsubInstance(), nullptr);
-}
-
 TEST(PubSubFactory, givesConcurrentFirstCallersOneEndpoint) {
     constexpr int kThreads = 8;
     std::latch start(kThreads);

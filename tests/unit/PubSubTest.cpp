@@ -30,11 +30,8 @@ using support::Recorder;
 
 /// A transport's subscription that tells of its end.
 struct Ending : InternalSubscriberData {
-    explicit Ending(std::function<void()> function) : end(std::move(function)) {}
-    Ending(const Ending&) = delete;
-    Ending& operator=(const Ending&) = delete;
-    ~Ending() override { end(); }
-    std::function<void()> end;
+    explicit Ending(std::function<void()> end) : fEnd(nullptr, [end](void*) { end(); }) {}
+    const std::shared_ptr<void> fEnd;
 };
 
 /// An endpoint whose transport is in the test's hands.
