@@ -16,7 +16,7 @@ using gatewaytest::GatewayTest;
 namespace {
 
 /// Writes a certificate, signed by itself, and its key.
-void writeCertificate(const std::string& certificateFile, const std::string& keyFile) {
+void writeCertificate(const std::string& path) {
     const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"),
                                                                   &EVP_PKEY_free);
     const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), &X509_free);
@@ -24,10 +24,8 @@ void writeCertificate(const std::string& certificateFile, const std::string& key
     X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3600);
     X509_set_pubkey(certificate.get(), key.get());
     X509_sign(certificate.get(), key.get(), EVP_sha256());
-    auto* file = std::fopen(certificateFile.c_str(), "w");
+    auto* file = std::fopen(path.c_str(), "w");
     PEM_write_X509(file, certificate.get());
-    std::fclose(file);
-    file = std::fopen(keyFile.c_str(), "w");
     PEM_write_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
     std::fclose(file);
 }
@@ -35,16 +33,12 @@ void writeCertificate(const std::string& certificateFile, const std::string& key
 class TlsTest : public GatewayTest {
   protected:
     TlsTest() {
-        const auto base = testing::TempDir() + "kiroweb-gateway-" + std::to_string(::getpid());
-        fOptions.certificateFile = base + ".crt";
-        fOptions.keyFile = base + ".key";
-        writeCertificate(fOptions.certificateFile, fOptions.keyFile);
+        const auto path = testing::TempDir() + "kiroweb-gateway-" + std::to_string(::getpid());
+        fOptions.certificateFile = fOptions.keyFile = path;
+        writeCertificate(path);
         fAccess.isTls = true;
     }
-    ~TlsTest() override {
-        std::remove(fOptions.certificateFile.c_str());
-        std::remove(fOptions.keyFile.c_str());
-    }
+    ~TlsTest() override { std::remove(fOptions.keyFile.c_str()); }
 };
 
 }  // namespace

@@ -122,45 +122,30 @@ TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
     }
 }
 
-TEST(ClientEnd, MayAnswerInsideSendEndTheStreamAndDropTheDelivery) {
-    std::shared_ptr<BinaryStream> stream = createBinaryStream("/inside", {});
-    int blocks = 0;
-    const ClientEnd client("/inside", [&stream, &blocks](Delivery delivery) {
-        if (++blocks == 1) return delivery.deliver();
-        if (blocks == 2) return;
-        stream.reset();
-        delivery.deliver();
-    });
-    EXPECT_TRUE(stream->send(bufferOf("1")).get().delivered);
-    const auto dropped = stream->send(bufferOf("2")).get();
-    EXPECT_FALSE(dropped.delivered);
-    EXPECT_TRUE(dropped.buffer.empty()) << "without the option nothing comes back";
-    EXPECT_FALSE(stream->send(bufferOf("3")).get().delivered);
-}
-
-TEST(ClientEnd, FailsTheBlockWhoseHandlerThrewAndLogsIt) {
+TEST(ClientEnd, MayAnswerInsideSendDropTheDeliveryThrowAndEndTheStream) {
     Lines logged;
     const auto scope = kirohost::observeLog(
         [&logged](const kirohost::LogRecord& record) { logged.push_back(record.text); });
+    std::shared_ptr<BinaryStream> stream = createBinaryStream("/in", {{"returnOnFail", "true"}});
     std::optional<Delivery> kept;
-    const ClientEnd client("/bad", [&kept](Delivery delivery) {
+    const ClientEnd client("/in", [&stream, &kept](Delivery delivery) {
+        const auto what = bytesOf(delivery.block());
+        if (what == "deliver") return delivery.deliver();
+        if (what == "drop") return;
         kept = std::move(delivery);
-        throw std::runtime_error("no");
+        if (what == "throw") throw std::runtime_error("no");
+        stream.reset();
+        kept->deliver();
     });
-    const auto stream = createBinaryStream("/bad", {{"returnOnFail", "true"}});
-    const auto result = stream->send(bufferOf("block")).get();
-    EXPECT_FALSE(result.delivered);
-    EXPECT_EQ(bytesOf(result.buffer), "block");
-    kept->deliver();
-    EXPECT_EQ(logged, Lines{R"(The block handler of channel "/bad" threw "no")"});
+    for (const char* what : {"deliver", "drop", "throw", "end"}) {
+        const auto result = stream->send(bufferOf(what)).get();
+        EXPECT_EQ(result.delivered, what == std::string("deliver"));
+        EXPECT_EQ(bytesOf(result.buffer), result.delivered ? "" : what);
+    }
+    EXPECT_EQ(logged, Lines{R"(The block handler of channel "/in" threw "no")"});
 }
 
 // --- Process exit: each runs in a process of its own ---------------------------------------------
-
-class ProcessExit : public testing::Test {
-  protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
 
 [[noreturn]] void exitWhileAHandlerWaitsForThisThread() {
     // Runs after the bus has stopped: nothing more is delivered and nobody waits for it.
@@ -199,11 +184,9 @@ class ProcessExit : public testing::Test {
     std::exit(0);
 }
 
-TEST_F(ProcessExit, DoesNotWaitForARunningHandler) {
+TEST(ProcessExit, WaitsForNoRunningHandlerAndIsSafeWithMessagesInFlight) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(exitWhileAHandlerWaitsForThisThread(), testing::ExitedWithCode(0), "");
-}
-
-TEST_F(ProcessExit, IsSafeWithMessagesInFlight) {
     EXPECT_EXIT(exitWhileMessagesFly(), testing::ExitedWithCode(0), "");
 }
 

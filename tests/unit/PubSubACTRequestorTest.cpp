@@ -42,8 +42,8 @@ std::string eventOf(const std::string& event, const CompletionToken& token) {
     return record(event, R"({"Token Id":")" + token.convertToString() + "\"}", kReturn, "engine");
 }
 
-ScopedSettings timeoutLogging(bool on) {
-    return ScopedSettings([on](auto& settings) { settings.drawnowTimeoutLogging = on; });
+ScopedSettings timeoutLogging() {
+    return ScopedSettings([](auto& settings) { settings.drawnowTimeoutLogging = true; });
 }
 
 class PubSubRequestor : public testing::Test {
@@ -223,7 +223,7 @@ TEST_F(PubSubRequestor, RecordsItsLifeOnceTheHostWantsItAndGoesOn) {
     LogCapture log(kLog);
     CompletionToken token;
     {
-        const auto on = timeoutLogging(true);
+        const auto on = timeoutLogging();
         token = requestor->sendACT();
         const PubSubACTRequestor second(nullptr, "/second", "other", "web", false);
     }
@@ -245,7 +245,7 @@ TEST_F(PubSubRequestor, RecordsItsLifeOnceTheHostWantsItAndGoesOn) {
 }
 
 TEST_F(PubSubRequestor, PrintsTheHistoryUntilASnapshotClearsIt) {
-    const auto on = timeoutLogging(true);
+    const auto on = timeoutLogging();
     make();
     auto& logger = Logger::instance();
     for (int i = 0; i < 500; ++i) logger.log(kLog, std::to_string(i));

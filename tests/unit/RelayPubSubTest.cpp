@@ -142,7 +142,7 @@ TEST_F(ScriptedRelay, aServiceThatIsNotThereIsAFailedAssertion) {
     EXPECT_EQ(assertions.texts(), Lines{"src/RelayPubSub:34: fMessageService != nullptr"});
 }
 
-TEST(RelayFuture, isForTheSignalThread) {
+TEST(RelayFuture, isForTheSignalThreadAndAFutureWithState) {
     const support::AssertionCapture assertions;
     int value = 0;
     std::jthread([&value] {
@@ -150,6 +150,10 @@ TEST(RelayFuture, isForTheSignalThread) {
     }).join();
     EXPECT_EQ(value, 7);
     EXPECT_EQ(assertions.texts(), Lines{"src/RelayFuture:50: utIsSignalThread()"});
+    EXPECT_THAT([] { RelayFuture<int>::isReady({}); },
+                testing::ThrowsMessage<QxError>("Invalid or deleted object."));
+    EXPECT_THAT([] { RelayFuture<int>(relay::Future<int>(), "wait").wait(); },
+                testing::ThrowsMessage<std::runtime_error>("Future state isn't valid!"));
 }
 
 TEST(RelayFuture, waitsForTheValueAndRunsNoInterpreterTasksMeanwhile) {
@@ -160,13 +164,6 @@ TEST(RelayFuture, waitsForTheValueAndRunsNoInterpreterTasksMeanwhile) {
     EXPECT_EQ(future.wait(), 7);
     EXPECT_EQ(kirohost::pendingTasks(graphics_util::getContextQCRID()).size(), 1U);
     kirohost::runPendingTasks();
-}
-
-TEST(RelayFuture, refusesAFutureThatIsGoneOrHasNoState) {
-    EXPECT_THAT([] { RelayFuture<int>::isReady({}); },
-                testing::ThrowsMessage<QxError>("Invalid or deleted object."));
-    EXPECT_THAT([] { RelayFuture<int>(relay::Future<int>(), "wait").wait(); },
-                testing::ThrowsMessage<std::runtime_error>("Future state isn't valid!"));
 }
 
 /// The recorder comes into being with the first requestor, when the host wants one.
