@@ -43,23 +43,15 @@ class GatewayTest : public testing::Test {
     }
 
     void start() {
-        listen("/views");
-        listen("/returns");
-        listen("/up/*");
+        for (const char* channel : {"/views", "/returns", "/up/*"}) {
+            const auto hear = [this](const relay::message_service::JsonMessage& message) {
+                fEvents.add(message.channel + " " + std::string(message.json, message.length));
+            };
+            fSubscriptions.push_back(fService->subscribe(channel, hear).get());
+        }
         fGateway = std::make_unique<kirogateway::Gateway>(fOptions);
         fAccess.port = fGateway->port();
         fCookie = fetchCookie(fAccess, fGateway->link());
-    }
-    /// Messages on `channel` become events, "channel text".
-    void listen(const std::string& channel) {
-        fSubscriptions.push_back(
-            fService
-                ->subscribe(channel,
-                            [this](const relay::message_service::JsonMessage& message) {
-                                fEvents.add(message.channel + " " +
-                                            std::string(message.json, message.length));
-                            })
-                .get());
     }
     void publish(const std::string& channel, std::string_view text) {
         fService->publish(channel, {channel, text.data(), text.size()});

@@ -1,20 +1,15 @@
-// What only the stand-in has: VMs made at will, observers, policies.
+// What only the stand-in has: VMs made at will, the policy for assertions.
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <utility>
-#include <vector>
+#include <memory>
 
 #include "bedrock/core/diag/assertion.hpp"
 #include "kirohost/Controls.hpp"
-#include "kiroutils/Logger.hpp"
 #include "qvm/detail/taskRouterAccess.hpp"
 #include "taskrouter/TaskRouter.hpp"
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 std::shared_ptr<taskrouter::TaskRouter> routerOf(qnutil::contextmgr::QcrID context) {
     return qvm::detail::getTaskRouterAndSinks(context, {}).router;
@@ -36,18 +31,6 @@ TEST(Vm, TakesItsTasksWithIt) {
     auto after = enqueue(*router);
     EXPECT_THROW(before.get(), boost::broken_promise);
     EXPECT_THROW(after.get(), boost::broken_promise);
-}
-
-TEST(Observers, AreNotCalledAfterTheirScopeEvenInsideARecord) {
-    Lines seen;
-    kirohost::Scope second;
-    const auto first = kirohost::observeLog([&](const auto& record) {
-        seen.push_back(record.logger + " " + record.text);
-        second = kirohost::Scope();
-    });
-    second = kirohost::observeLog([&](const auto&) { seen.emplace_back("second"); });
-    kiroutils::Logger::instance().log("l", "text");
-    EXPECT_EQ(seen, Lines{"l text"});
 }
 
 TEST(Assertions, EndTheProcessUnlessAPolicySaysOtherwise) {

@@ -53,20 +53,18 @@ std::string textOf(const kirohost::FailedAssertion& failed) {
     return failed.source + ":" + std::to_string(failed.line) + ": " + failed.condition;
 }
 
-ExpectNoSurprises::ExpectNoSurprises()
-    : fWarnings(kirohost::observeWarnings([](const kirohost::Warning& warning) {
-          if (!Declared::contains(kWarnings)) {
-              ADD_FAILURE() << "unexpected warning: " << textOf(warning);
-          }
-      })),
-      fLog(kirohost::observeLog([](const kirohost::LogRecord& record) {
-          if (meansTrouble(record) && !Declared::contains(record.logger)) {
-              ADD_FAILURE() << "unexpected record of " << record.logger << ": " << record.text;
-          }
-      })) {}
-
-void ExpectNoSurprises::install() {
-    testing::UnitTest::GetInstance()->listeners().Append(new ExpectNoSurprises);
+int runAllTests(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto warnings = kirohost::observeWarnings([](const kirohost::Warning& warning) {
+        if (Declared::contains(kWarnings)) return;
+        ADD_FAILURE() << "unexpected warning: " << textOf(warning);
+    });
+    const auto log = kirohost::observeLog([](const kirohost::LogRecord& record) {
+        if (!meansTrouble(record) || Declared::contains(record.logger)) return;
+        ADD_FAILURE() << "unexpected record of " << record.logger << ": " << record.text;
+    });
+    return RUN_ALL_TESTS();
 }
 
 Declaration::Declaration(std::string name) : fName(std::move(name)) {

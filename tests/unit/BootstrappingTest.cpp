@@ -219,29 +219,22 @@ TEST_F(Bootstrapping, WaitsForAsynchronousSendsWhenDestroyedAndDropsWhatTheyThro
     EXPECT_EQ(sent.size(), 2U);
 }
 
-TEST_F(Bootstrapping, SendsCommandsOverTheBinaryChannelWhenClientAndHostAllowIt) {
-    goDirect(kBinary);
-    sender->setBinaryChannelName("/binary");
-    for (const bool allowed : {true, false}) {
-        const ScopedSettings settings(
-            [allowed](auto& changed) { changed.binaryChannelForCommands = allowed; });
-        send(allowed ? "streamed" : "forbidden");
-    }
-    EXPECT_EQ(received(), Lines{command("forbidden")});
-    EXPECT_EQ(stream->blocks.all(), Lines{blockBytes(1, command("streamed"))});
-}
-
 TEST_F(Bootstrapping, MakesABinarySenderForEachNewChannelName) {
     goDirect(kBinary);
     sendBlock(4);  // nowhere to send it but as text
     for (const auto* name : {"", "/b1", "/b1", "/b2", "/b1"}) sender->setBinaryChannelName(name);
     EXPECT_EQ(channels, (Lines{"/b1", "/b2", "/b1"}));
     sendBlock(5);
+    for (const bool allowed : {true, false}) {
+        const ScopedSettings settings(
+            [allowed](auto& changed) { changed.binaryChannelForCommands = allowed; });
+        send(allowed ? "streamed" : "forbidden");
+    }
     sender->setBinaryChannelName("");
     EXPECT_EQ(stream.use_count(), 1) << "no longer the sender's";
     sendBlock(6);
-    EXPECT_EQ(received(), (Lines{fallback("4 0"), fallback("6 0")}));
-    EXPECT_EQ(stream->blocks.all(), Lines{blockBytes(5)});
+    EXPECT_EQ(received(), (Lines{fallback("4 0"), command("forbidden"), fallback("6 0")}));
+    EXPECT_EQ(stream->blocks.all(), (Lines{blockBytes(5), blockBytes(1, command("streamed"))}));
 }
 
 using BootstrappingDeathTest = Bootstrapping;

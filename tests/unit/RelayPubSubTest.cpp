@@ -124,7 +124,7 @@ TEST_F(ScriptedRelay, aFailedSubscriptionLeavesNothingRegistered) {
     EXPECT_EQ(recorder.all().size(), 1U);
 }
 
-TEST_F(ScriptedRelay, aMessageWithoutTextIsAFailedAssertionAndThenAnEmptyPayload) {
+TEST_F(ScriptedRelay, aMessageWithoutTextAndAServiceThatIsNotThereAreFailedAssertions) {
     const support::AssertionCapture assertions;
     const auto endpoint = std::make_shared<RelayPubSub>();
     const Recorder recorder;
@@ -132,14 +132,10 @@ TEST_F(ScriptedRelay, aMessageWithoutTextIsAFailedAssertionAndThenAnEmptyPayload
     const std::string channel = "c";
     fake->handlers.front()({channel, nullptr, 0});
     EXPECT_EQ(recorder.lines(), Lines{"c "});
-    EXPECT_EQ(assertions.texts(), Lines{"src/RelayPubSub:59: msg.json != nullptr"});
-}
-
-TEST_F(ScriptedRelay, aServiceThatIsNotThereIsAFailedAssertion) {
     fake = nullptr;
-    const support::AssertionCapture assertions;
     EXPECT_THROW(RelayPubSub(), std::runtime_error);
-    EXPECT_EQ(assertions.texts(), Lines{"src/RelayPubSub:34: fMessageService != nullptr"});
+    EXPECT_EQ(assertions.texts(), (Lines{"src/RelayPubSub:59: msg.json != nullptr",
+                                         "src/RelayPubSub:34: fMessageService != nullptr"}));
 }
 
 TEST(RelayFuture, isForTheSignalThreadAndAFutureWithState) {
