@@ -143,11 +143,11 @@ TEST(BinaryDataPayload, ConvertsWholeOrNotAtAllWhenMemoryIsShort) {
 TEST(BinaryDataPayload, SaysOutOfMemoryAndKeepsWhatWasComplete) {
     BinaryDataPayload payload;
     add(payload, 4, "kept");
-    std::size_t length = std::numeric_limits<std::size_t>::max();
-    const auto addLong = [&] { payload.addDataToPayloadInternal("", length); };
-    for (const std::size_t less : {0, 1, 7}) {
-        length -= less;
-        EXPECT_THAT(addLong, ThrowsMessage<std::runtime_error>("Out of memory!")) << length;
+    constexpr auto kMax = std::numeric_limits<std::size_t>::max();
+    for (const std::size_t length : {kMax, kMax - 7, kMax - 8, kMax / 2}) {
+        EXPECT_THAT([&] { payload.addDataToPayloadInternal("", length); },
+                    ThrowsMessage<std::runtime_error>("Out of memory!"))
+            << length;
     }
     kiro::replaceAllocate([](std::size_t) -> void* { return nullptr; });
     EXPECT_THAT([&] { add(payload, 5, "x"); }, ThrowsMessage<std::runtime_error>("Out of memory!"));
