@@ -140,6 +140,6 @@ test("Points lie where they are, at every place in a word, cut off at the edges,
     }
     const together = draw(points);
     assert.deepEqual(draw(points.reverse()), together);
-    const each = points.map((point) => draw([point])[(5 * width + 6) * 4 + 3]);
-    assert.equal(together[(5 * width + 6) * 4 + 3], Math.max(...each));
+    const rims = points.map((point) => draw([point])[(5 * width + 6) * 4 + 3]);
+    assert.equal(together[(5 * width + 6) * 4 + 3], Math.max(...rims));
 });

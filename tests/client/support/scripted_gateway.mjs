@@ -1,38 +1,25 @@
 // A gateway that says what a test tells it to say, and keeps what it hears.
-import { once } from "node:events";
+import { on, once } from "node:events";
 
 import { WebSocketServer } from "./packages.mjs";
-
-/** Values in the order of coming; whoever asks for one waits for it. */
-class Inflow {
-    #values = [];
-    #waiting = [];
-    put(value) {
-        const wanted = this.#waiting.shift();
-        if (wanted) wanted(value);
-        else this.#values.push(value);
-    }
-    next() {
-        if (this.#values.length > 0) return Promise.resolve(this.#values.shift());
-        return new Promise((resolve) => this.#waiting.push(resolve));
-    }
-}
 
 /** One connection of a page. */
 class Peer {
     #socket;
-    #messages = new Inflow();
+    #frames;
+    #messages = [];
     constructor(socket) {
         this.#socket = socket;
-        socket.on("message", (data) => {
-            for (const message of [JSON.parse(data)].flat()) this.#messages.put(message);
-        });
+        this.#frames = on(socket, "message");
     }
     /** The next message of this kind; others before it are passed over. */
     async next(t) {
         for (;;) {
-            const message = await this.#messages.next();
-            if (message.t === t) return message;
+            const message = this.#messages.shift();
+            if (message?.t === t) return message;
+            if (message) continue;
+            const { value } = await this.#frames.next();
+            this.#messages = [JSON.parse(value[0])].flat();
         }
     }
     /** Answers the hello, and returns it. */
@@ -77,18 +64,20 @@ class Peer {
 
 /** Serves on a free port of the loopback interface. */
 export class ScriptedGateway {
-    #peers = new Inflow();
+    #peers;
     static async start() {
         const gateway = new ScriptedGateway();
         gateway.sockets = new WebSocketServer({ host: "127.0.0.1", port: 0 });
-        gateway.sockets.on("connection", (socket) => gateway.#peers.put(new Peer(socket)));
+        const { sockets } = gateway;
+        gateway.#peers = on(sockets, "peer");
+        sockets.on("connection", (socket) => sockets.emit("peer", new Peer(socket)));
         await once(gateway.sockets, "listening");
         gateway.url = `ws://127.0.0.1:${gateway.sockets.address().port}/kiroweb`;
         return gateway;
     }
     /** The next connection of a page. */
-    peer() {
-        return this.#peers.next();
+    async peer() {
+        return (await this.#peers.next()).value[0];
     }
     stop() {
         for (const socket of this.sockets.clients) socket.terminate();

@@ -36,14 +36,10 @@ export class Monitor {
     get said() {
         return this.#lines.join("\n");
     }
-    /** Asks it to end, which it does in order, with these numbers of frames and attempts: no others
-     * have failed or timed out. */
-    async end(expected = {}) {
-        this.process.kill("SIGINT");
-        await this.ended(expected);
-    }
-    /** The same when it ends by itself. */
-    async ended(expected) {
+    /** Ends, in order, with these numbers of frames and attempts: no others have failed or timed
+     * out. It is asked to end unless it does so by itself. */
+    async end(expected = {}, { asked = true } = {}) {
+        if (asked) this.process.kill("SIGINT");
         const line = await this.line(/ frames: /);
         const [frames, drawn, failed, timedOut, left, views, returns] = line.match(/\d+/g).map(Number);
         const all = { frames, drawn, failed, timedOut, left, views, returns, status: await this.exited };

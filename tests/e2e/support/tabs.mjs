@@ -25,18 +25,16 @@ export class Tab {
     close() {
         return this.#browser.send("Target.closeTarget", this.#target);
     }
-    async evaluate(expression) {
+    /** Ends when the expression is true, with its value. */
+    async until(condition) {
+        const expression = `new Promise((done) => {
+            const look = () => (${condition} ? done(${condition}) : setTimeout(look, 20));
+            look();
+        })`;
         const how = { expression, awaitPromise: true, returnByValue: true };
         const { result, exceptionDetails } = await this.#send("Runtime.evaluate", how);
         if (exceptionDetails) throw new Error(JSON.stringify(exceptionDetails));
         return result.value;
-    }
-    /** Ends when the expression is true. */
-    until(expression) {
-        return this.evaluate(`new Promise((done) => {
-            const look = () => (${expression} ? done() : setTimeout(look, 20));
-            look();
-        })`);
     }
     async #send(method, params) {
         const id = this.#answers.size + 1;
