@@ -11,19 +11,23 @@ import { Tab } from "./support/tabs.mjs";
 
 const stage = new Stage();
 
-test("A script error is reported, costs its frame at once, and the figures go on", async () => {
+test("A script error is reported, costs its frame at once, and the figure is made whole", async () => {
     const { monitor, page } = await stage.start();
     await page.evaluate(() => {
         const { scene } = kirowebPage;
-        scene.apply = () => {
+        const { apply } = Object.getPrototypeOf(scene);
+        scene.apply = (command, data) => {
+            if (command.cmd !== "appendData") return apply.call(scene, command, data);
             delete scene.apply;
             throw new Error("a broken figure");
         };
     });
     await monitor.line(/script error .*a broken figure/);
     await untilMore(page, "painted", 5);
-    assert.equal((await outcomesOf(page)).failed, 1);
-    await monitor.end({ failed: 1 });
+    // The engine may have sent the next frame already when it hears that the page wants all.
+    const { failed } = await outcomesOf(page);
+    assert.ok(failed === 1 || failed === 2, `${failed} failed`);
+    await monitor.end({ failed: [0, 1, 2] });
 });
 
 test("Every page sees everything, reloaded or not; the engine goes on with those that are left", async () => {
