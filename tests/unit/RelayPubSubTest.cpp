@@ -189,7 +189,6 @@ TEST_F(ClientRecorder, recordsWhatTheClientSays) {
          R"({\"a\":[2],\"b\":1})"},
         {"/graphics/a", R"({"message":{"vxdata":[1],"vxtype":"int32"}})", "Message Publish",
          R"({\"vxdata\":[1],\"vxtype\":\"int32\"})", ""},
-        {"/graphics/a", "[1]", "Message Publish", "", ""},
         {log, R"({"Type":"T","Description":"D","message":"M"})", "Log", "M", "D"},
         {errors, R"({ "b" : 1, "a" : 2 })", "Error", R"({\"a\":2,\"b\":1})", "ErrorLoggingService"},
         {errors, "TypeError: x", "Error", "TypeError: x", "ErrorLoggingService"},
