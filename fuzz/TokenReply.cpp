@@ -1,0 +1,71 @@
+// Arbitrary replies of the client to a token, with time stamps on. "$" stands for the token.
+#include <string>
+
+#include "Fuzz.hpp"
+#include "kiro/web/JSONObject.hpp"
+#include "kiro/web/PubSubACTRequestor.hpp"
+#include "kiro/web/StringPayload.hpp"
+#include "kirohost/Controls.hpp"
+
+namespace {
+
+using fuzz::require;
+using kiro::web::JSONObject;
+using kiro::web::PubSubACTRequestor;
+
+const std::string kChannel = "/fuzz/returned";
+
+void reply(const std::string& text) {
+    kiro::web::StringPayload payload(text);
+    fuzz::endpoint()->publish(kChannel, payload);
+}
+
+std::string withToken(std::string text, const std::string& token) {
+    for (auto at = text.find('$'); at != std::string::npos; at = text.find('$', at)) {
+        text.replace(at, 1, token);
+        at += token.size();
+    }
+    return text;
+}
+
+std::uint64_t stampIn(const std::string& text, const char* key) {
+    unsigned long stamp = 0;
+    return JSONObject(text).getValue(key, stamp) ? stamp : 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    FuzzedDataProvider input(data, size);
+    fuzz::endpoint();
+    PubSubACTRequestor requestor(nullptr, kChannel, "fuzz", "fuzz", false);
+    requestor.enableTimeStampLogging(true);
+
+    reply(R"({"ACT":""})");
+    require(!requestor.isACTPending() && !requestor.hasTimeStamps(), "an empty slot takes nothing");
+    const auto token = requestor.sendACT().convertToString();
+    const auto right = R"({"ACT":")" + token + R"("})";
+    bool isPending = true;
+    while (input.remaining_bytes() > 0) {
+        const auto text = withToken(input.ConsumeRandomLengthString(), token);
+        std::string returned;
+        const bool isRight = JSONObject(text).getValue("ACT", returned) && returned == token;
+        reply(text);
+        if (isPending && isRight) {
+            isPending = false;
+            require(requestor.getTimeStampLog().size() == 1, "a returned token is logged");
+            const auto stamps = requestor.getTimeStampLog().front();
+            require(stamps.serverSend == stampIn(text, "serverSendTS"), "the server's stamp");
+            require(stamps.clientReceive == stampIn(text, "clientReceiveTS"), "its receipt");
+            require(stamps.clientSend == stampIn(text, "clientSendTS"), "its answer");
+            require(stamps.serverReceive != 0, "the return is stamped here");
+        }
+        require(requestor.isACTPending() == isPending, "the right token empties, a forged one not");
+    }
+    reply(right);
+    reply(right);
+    require(!requestor.isACTPending(), "the right token always empties the slot");
+    require(requestor.getTimeStampLog().size() == 1, "a stale token is ignored");
+    kirohost::runPendingTasks();  // each return has queued one
+    return 0;
+}
