@@ -72,7 +72,8 @@ class GatewayTest : public testing::Test {
     Peer join(const std::string& more = {}) {
         auto peer = connect();
         peer.sendText(R"({"t":"hello","version":1,"subscribe":["/fig/*","/bin"])" + more + "}");
-        fHello = boost::json::parse(peer.readControl("hello")).as_object();
+        fHello = boost::json::parse(peer.readFrame().payload).as_object();
+        EXPECT_EQ(fHello["t"], "hello") << "comes first";
         fAnnouncement = fEvents.take();
         return peer;
     }

@@ -118,13 +118,20 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     EXPECT_EQ(second.readClose(), 1000U);
 }
 
-TEST_F(TrafficTest, GivesALateBlockBackAndKeepsThePage) {
+TEST_F(TrafficTest, GivesABlockBackThatIsLateOrTooLargeAndKeepsThePage) {
     fOptions.limits.block = std::chrono::milliseconds(20);
+    fOptions.limits.queueSize = 1024;
     start();
-    auto page = join();
-    EXPECT_FALSE(sendBlock(9).get().delivered);
+    auto page = join(R"(,"limits":{"block":100})");
+    auto other = join();
+    auto late = sendBlock(9);
+    answer(other, 1, true);
+    EXPECT_FALSE(late.get().delivered);
     answer(page, 1, true);
+    EXPECT_FALSE(sendBlock(101).get().delivered);
+    EXPECT_FALSE(sendBlock(1025).get().delivered);
     settle(page);
+    settle(other);
 }
 
 TEST_F(TrafficTest, ResumesAfterALostConnection) {
@@ -162,6 +169,10 @@ TEST_F(TrafficTest, ResumesAfterALostConnection) {
 
 TEST_F(TrafficTest, CountsAPageAsGoneAtOnceOrAfterAWhile) {
     fOptions.limits.gone = std::chrono::milliseconds(20);
+    fOptions.onLastPageGone = [this] {
+        fEvents.add("last page gone");
+        throw std::runtime_error("the limits are kept in spite of it");
+    };
     start();
     auto page = join();
     EXPECT_FALSE(fGateway->lastPageGone());
@@ -173,7 +184,7 @@ TEST_F(TrafficTest, CountsAPageAsGoneAtOnceOrAfterAWhile) {
     EXPECT_FALSE(fGateway->lastPageGone());
     const auto view = hello("view");
     auto block = sendBlock(9);
-    other.cut();
+    other.sendFrame(8, "\x13\x24");  // given up, not closed
     EXPECT_EQ(fEvents.take(), "last page gone");
     EXPECT_FALSE(block.get().delivered);
     publish("/fig/1", "kept");
