@@ -65,6 +65,10 @@ test("A command waits for its block, and everything behind it waits too", () => 
     assert.deepEqual(told.slice(5), ["setData", "setTitle", "token"]);
     assert.deepEqual([...scene.named("l").data.values], [Math.fround(-0.245), Math.fround(-0.215)]);
     assert.equal(scene.named("f").text, "title");
+    // A copy of what was drawn, for another page's sake, is not kept.
+    inbox.text('{"cmd":"binarydata","data":{"4 0":"SOF6vvYoXL4="}}');
+    say("setData", data(4, 0, 2));
+    assert.equal(inbox.waiting, 1);
 });
 
 test("What cannot be read, found or done is reported, and does not stop the rest", () => {
@@ -187,7 +191,10 @@ test("A failure is reported before the token is answered, at once and once", () 
     world.paint = () => { throw new Error("broken canvas"); };
     flusher.token("b");
     frame();
-    assert.deepEqual(world.log.slice(2), ["broken canvas", "b failed"]);
+    flusher.request();
+    frame();
+    flusher.token("c");
+    assert.deepEqual(world.log.slice(2), ["broken canvas", "b failed", "broken canvas", "c failed"]);
     assert.equal(world.painted.length, 0);
 });
 

@@ -41,7 +41,7 @@ let page;
 /** Connects, with no delay before a further attempt. */
 async function connect(options = {}, welcome = {}) {
     page = new Connection(gateway.url, heard.handlers, {
-        WebSocket, backoff: { first: 0, most: 0 }, ...options,
+        WebSocket, backoff: { first: 0, soon: 0, most: 0 }, ...options,
     });
     const peer = await gateway.peer();
     peer.hello = await peer.welcome(welcome);
@@ -94,6 +94,7 @@ test("A text that cannot be read costs neither its neighbours nor the connection
 
 test("Blocks come whole or in pieces, and each is answered", async () => {
     const peer = await connect({ blockSize: 100 });
+    assert.equal(peer.hello.limits.block, 100);
     peer.control({ t: "channel", number: 1, name: "/bin" });
     peer.piece({ transfer: 7, number: 1, data: [4, 0, 0, 0, 0, 0, 0, 0, 255] });
     peer.piece({ transfer: 8, last: false, number: 4, data: [1, 2, 3] });
@@ -129,18 +130,20 @@ test("What a handler cannot take is given back, and a gap is reported", async ()
 });
 
 test("A lost connection is made again, and goes on behind the last message", async () => {
-    const peer = await connect({ subscribe: ["/a"] }, { next: 10 });
+    const peer = await connect({ subscribe: ["/a", "/given/up"] }, { next: 10 });
     assert.equal(peer.hello.view, undefined);
     peer.batch(10, [["/a", "ten"], ["/a", "eleven"]]);
     await heard.until("text", (_, text) => text === "eleven");
     peer.cut();
     await heard.until("state", (name) => name === "reconnecting");
     page.subscribe(["/b"]);
+    page.unsubscribe(["/given/up"]);
     assert.equal(page.publish("/r", "kept"), true);
     const second = await gateway.peer();
-    const hello = await second.welcome({ kind: "return", next: 11 });
+    const hello = await second.welcome({ kind: "return", next: 11, subscribed: ["/a", "/b", "/given/up"] });
     assert.deepEqual([hello.view, hello.last, hello.subscribe], ["v1", 11, ["/a", "/b"]]);
-    assert.deepEqual(await second.nextOf("publish"), { t: "publish", channel: "/r", text: "kept" });
+    assert.deepEqual(await second.next(), { t: "unsubscribe", channels: ["/given/up"] });
+    assert.deepEqual(await second.next(), { t: "publish", channel: "/r", text: "kept" });
     second.batch(11, [["/a", "eleven"], ["/a", "twelve"]]);
     await heard.until("text", (_, text) => text === "twelve");
     assert.deepEqual(heard.of("text").map(([, text]) => text), ["ten", "eleven", "twelve"]);
@@ -155,7 +158,8 @@ test("A close says whether to come back, to begin afresh, or to give up", async 
     second.close(4003, "too slow: 1 byte");
     await heard.until("state", (name, reason) => name === "reconnecting" && reason.startsWith("too slow"));
     const third = await gateway.peer();
-    assert.equal((await third.welcome({ kind: "further", view: "v2" })).view, undefined);
+    assert.equal((await third.welcome({ kind: "further", view: "v2", ended: "too slow" })).view, undefined);
+    await heard.until("state", (name, reason) => name === "live" && reason === "begun afresh: too slow");
     third.close(4000, "bad message: x");
     await heard.until("state", (name, reason) => name === "refused" && reason === "bad message: x");
     page.retry();
@@ -165,16 +169,23 @@ test("A close says whether to come back, to begin afresh, or to give up", async 
 
 test("Who is not let in although the program is there gives up; who finds nobody goes on", async () => {
     gateway.sockets.options.verifyClient = (_, done) => done(false, 403);
-    let served = false;
+    // A network that comes and goes, a question without an answer, and two refusals.
+    const served = [false, true, false, true, new Promise(() => {}), true, true];
     page = new Connection(gateway.url, heard.handlers, {
-        WebSocket, backoff: { first: 0, most: 0 }, isServed: async () => served,
+        WebSocket, backoff: { first: 0, soon: 0, most: 0 }, patience: { open: 100, quiet: 1e4, answer: 1e4 },
+        isServed: async () => served.shift(),
     });
-    await heard.until("state", (name) => name === "reconnecting");
-    served = true;
     await heard.until("state", (name) => name === "refused");
+    assert.deepEqual(served, []);
 });
 
-test("The wait before another attempt grows to its bound, and half of it is chance", async (t) => {
+test("Attempts follow soon while the view is there, then less and less; half of a wait is chance", async (t) => {
+    let now = 0;
+    t.mock.method(performance, "now", () => now);
+    const peer = await connect(
+        { backoff: { first: 100, soon: 150, most: 300 }, random: () => 0.5 },
+        { limits: { message: 4096, returnMilliseconds: 1000 } },
+    );
     const waits = [];
     const original = globalThis.setTimeout;
     t.mock.method(globalThis, "setTimeout", (call, ms, ...rest) => {
@@ -182,15 +193,16 @@ test("The wait before another attempt grows to its bound, and half of it is chan
         return original(call, ms < 1000 ? 0 : ms, ...rest);
     });
     gateway.sockets.options.verifyClient = (_, done) => done(false, 503);
-    let left = 5;
+    let losses = 0;
     const enough = new Promise((resolve) => {
-        heard.handlers.onState = ({ name }) => name === "reconnecting" && --left === 0 && resolve();
+        heard.handlers.onState = () => {
+            if (++losses === 4) now = 1000;
+            if (losses === 6) resolve();
+        };
     });
-    page = new Connection(gateway.url, heard.handlers, {
-        WebSocket, backoff: { first: 100, most: 300 }, random: () => 0.5,
-    });
+    peer.cut();
     await enough;
-    assert.deepEqual(waits.slice(0, 4), [75, 150, 225, 225]);
+    assert.deepEqual(waits.slice(0, 5), [75, 112.5, 112.5, 225, 225]);
 });
 
 test("Publishing is bounded, in one frame and while nobody is there", async () => {
@@ -231,6 +243,7 @@ test("A connection that has gone silent is given up", async () => {
     const peer = await connect({ patience: { open: 1e4, quiet: 1, answer: 1 } });
     await peer.nextOf("echo");
     await heard.until("state", (name, reason) => name === "reconnecting" && /silent/.test(reason));
+    assert.equal(await peer.closed, 4900);
     const second = await gateway.peer();
     assert.equal((await second.nextOf("hello")).view, "v1");
 });
