@@ -1,7 +1,8 @@
 // What pages do to the monitor, and networks to both.
 import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
 import { once } from "node:events";
-import { mkdtemp, readFile, rm } from "node:fs/promises";
+import { mkdtemp, readFile, rm, writeFile } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, beforeEach, afterEach, test } from "node:test";
@@ -44,16 +45,26 @@ async function start({ options = [], context } = {}) {
     return page;
 }
 
+/** A client that says nothing by itself. */
+function connect(headers) {
+    return new WebSocket(`${monitor.address.replace("http", "ws")}kiroweb`, "kiroweb.v1", { headers });
+}
+
 async function startBehindProxy(options = []) {
     const proxy = await Proxy.start();
     cleanUps.push(() => proxy.stop());
     return { proxy, page: await start({ options, context: { proxy: proxy.settings } }) };
 }
 
+/** What lets a client in that is no browser. */
+async function admission() {
+    const response = await fetch(monitor.link, { redirect: "manual" });
+    return { Origin: monitor.address.slice(0, -1), Cookie: response.headers.get("set-cookie").split(";")[0] };
+}
+
 /** The status with which the gateway refuses an upgrade. */
 async function refusalOf(headers) {
-    const url = `${monitor.address.replace("http", "ws")}kiroweb`;
-    const socket = new WebSocket(url, "kiroweb.v1", { headers });
+    const socket = connect(headers);
     const [, response] = await once(socket, "unexpected-response");
     socket.on("error", () => {});
     socket.terminate();
@@ -85,6 +96,16 @@ test("A script error is reported, costs its frame at once, and the figures go on
     assert.deepEqual({ failed, timedOut }, { failed: 1, timedOut: 0 }, monitor.said);
 });
 
+test("What a page floods its errors with is shown in few lines, which it cannot forge", async () => {
+    const page = await start();
+    await page.evaluate(() => {
+        for (let i = 0; i < 500; ++i) kirowebPage.flusher.fail(new Error("\u009b31m\u007f"));
+    });
+    await monitor.line(/\d+ more script errors/);
+    assert.match(monitor.said, /script error .*\\xc2\\x9b31m\\x7f/);
+    assert.ok(monitor.said.match(/script error /g).length <= 20, monitor.said);
+});
+
 test("A reloaded page sees everything again", async () => {
     const page = await start();
     await page.reload();
@@ -97,11 +118,22 @@ test("A reloaded page sees everything again", async () => {
 
 test("Every page sees everything, and the engine goes on with those that are left", async () => {
     const first = await start();
+    // As if an animation frame came at the worst moment, when little of the whole frame is there.
+    await first.evaluate(() => {
+        const { scene, views } = kirowebPage;
+        const apply = scene.apply;
+        scene.apply = function (...command) {
+            apply.apply(scene, command);
+            views.paint();
+        };
+        document.querySelector('[data-name="quakes.axes"]').focus();
+    });
     const second = await newPage();
     await second.goto(monitor.link);
     await Promise.all([untilMore(first, "painted", 5), untilMore(second, "painted", 5)]);
     const coast = (page) => page.evaluate(() => kirowebPage.scene.named("quakes.coast").count);
     assert.equal(await coast(second), await coast(first));
+    assert.equal(await first.evaluate(() => document.activeElement.dataset.name), "quakes.axes");
     await first.close();
     await untilMore(second, "painted", 20);
     assert.doesNotMatch(monitor.said, /client gone/);
@@ -181,6 +213,63 @@ test("A frozen page is named as the cause of a time-out, and goes on when it wak
     assert.equal(cause, "client stalled");
     assert.equal(gateway.pages, 1);
     assert.ok(history.some((entry) => entry.includes("to be remembered")), "the history has the error");
+});
+
+test("A wait without an answer names its cause, and is over when the last page closes", async () => {
+    monitor = await Monitor.start("--timeout", "1");
+    await monitor.line(/timed out: no client yet/);
+    const page = await newPage();
+    await page.goto(monitor.link);
+    await untilMore(page, "painted", 3);
+    await page.evaluate(() => {
+        globalThis.swallowed = 0;
+        kirowebPage.flusher.token = () => ++swallowed;
+    });
+    await monitor.line(/timed out: token lost/);
+    const swallowed = await page.evaluate(() => swallowed);
+    await page.waitForFunction((before) => swallowed > before, swallowed);
+    await page.close();
+    await monitor.line(/monitor: client gone/);
+    assert.equal((await monitor.result()).left, 1, monitor.said);
+});
+
+test("A client that breaks the rules is told so, and the others go on", async () => {
+    const page = await start();
+    const headers = await admission();
+    for (const [frame, code] of [
+        ["{oops", 4000], ['{"t":"echo","id":1}', 4000], [Buffer.alloc(16), 4000],
+        [" ".repeat(4 * 1024 * 1024 + 1), 1009],
+    ]) {
+        const socket = connect(headers);
+        await once(socket, "open");
+        socket.send(frame);
+        assert.equal((await once(socket, "close"))[0], code);
+    }
+    await monitor.line(/monitor: gateway: bad message from a page: /);
+    const socket = connect(headers);
+    await once(socket, "open");
+    socket.send('{"t":"hello","version":1,"client":"stranger"}');
+    await once(socket, "message");
+    socket.send('{"t":"explode"}');
+    const [refusal] = await once(socket, "message");
+    assert.equal(JSON.parse(refusal).what, "explode");
+    socket.close();
+    await untilMore(page, "painted", 3);
+    await assertClean(page);
+});
+
+test("The browser that is opened is a program of its own, and gets no more than a link", async () => {
+    const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
+    cleanUps.push(() => rm(folder, { recursive: true }));
+    const pipe = join(folder, "said");
+    execFileSync("mkfifo", [pipe]);
+    const script = "#!/bin/sh\n{ echo $1; grep Sig /proc/self/status; ls -l /proc/self/fd; } > $PIPE\n";
+    await writeFile(join(folder, "xdg-open"), script, { mode: 0o755 });
+    const environment = { ...process.env, PATH: `${folder}:${process.env.PATH}`, DISPLAY: ":0", PIPE: pipe };
+    const said = readFile(pipe, "utf8");
+    monitor = await Monitor.run([], environment);
+    assert.match(await said, /code=[0-9a-f]+\n[^]*SigBlk:\t0+\nSigIgn:\t0+\n/);
+    assert.doesNotMatch(await said, /socket/);
 });
 
 test("Who does not have the token is refused, and told what to do", async () => {
