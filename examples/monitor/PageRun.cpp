@@ -1,5 +1,6 @@
 #include "PageRun.hpp"
 
+#include <deque>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -42,13 +43,14 @@ kirohost::Scope sayWhatTheGatewayLogs() {
     });
 }
 
-void sayTimeout(const Options& options, const kirogateway::Gateway& gateway, bool announced) {
+void sayTimeout(const Options& options, const kirogateway::Gateway& gateway, bool announced,
+                const std::deque<engine::Latency>& latest) {
     const std::string pages = gateway.diagnostics();
     const std::string cause = timeoutCause(announced, pages);
     say("a flush timed out: " + cause);
     if (!options.diagnostics) return;
     try {
-        writeDiagnostics(*options.diagnostics, cause, pages);
+        writeDiagnostics(*options.diagnostics, cause, pages, latest);
     } catch (const std::runtime_error& error) {
         say(error.what());
     }
@@ -87,7 +89,9 @@ int runForPages(const Options& options) {
     engine::Engine::Hooks hooks;
     hooks.stopped = [&signals] { return signals.came(); };
     hooks.clientGone = [&gateway, &gone] { return isClientGone(gateway, gone); };
-    hooks.timedOut = [&](bool announced) { sayTimeout(options, gateway, announced); };
+    hooks.timedOut = [&](bool announced, const std::deque<engine::Latency>& latest) {
+        sayTimeout(options, gateway, announced, latest);
+    };
     hooks.clientError = [errors](const std::string& error) { errors->add(error); };
     hooks.frameOver = [errors](std::uint64_t /*frames*/) { errors->look(); };
     engine::Engine engine(data, nullptr, hooks);
