@@ -154,10 +154,11 @@ class PointLayer {
         const { x, y } = plot.scales;
         const perX = picture.width / (Number(x.max) - Number(x.min));
         const perY = picture.height / (Number(y.max) - Number(y.min));
+        const { count, columns } = points;
         const { values } = points.data;
         const scale = scaleOf(plot);
-        for (; this.#drawn < points.count; ++this.#drawn) {
-            const at = this.#drawn * points.columns;
+        for (; this.#drawn < count; ++this.#drawn) {
+            const at = this.#drawn * columns;
             picture.stamp(
                 (values[at] - Number(x.min)) * perX,
                 (Number(y.max) - values[at + 1]) * perY,

@@ -21,14 +21,13 @@ async function folder() {
     return path;
 }
 
-test("Script errors are reported in few lines, cost their frame at once, and the figures go on", async () => {
+test("Script errors are reported in few lines, cost their frame at once, and the figure is made whole", async () => {
     const { monitor, page } = await stage.start();
     await page.evaluate(() => {
         const { scene } = kirowebPage;
-        const { apply } = scene;
-        // Without what another command says nothing could go on.
+        const { apply } = Object.getPrototypeOf(scene);
         scene.apply = (command, data) => {
-            if (command.cmd !== "beginFrame") return apply.call(scene, command, data);
+            if (command.cmd !== "appendData") return apply.call(scene, command, data);
             delete scene.apply;
             const error = new Error("a broken figure\u009b31m\u007f");
             for (let i = 1; i < 100; ++i) kirowebPage.flusher.fail(error);
@@ -39,8 +38,10 @@ test("Script errors are reported in few lines, cost their frame at once, and the
     assert.match(monitor.said, /script error .*a broken figure\\xc2\\x9b31m\\x7f/);
     assert.ok(monitor.said.match(/script error /g).length <= 10, monitor.said);
     await untilMore(page, "painted", 5);
-    assert.equal((await outcomesOf(page)).failed, 1);
-    await monitor.end({ failed: 1 });
+    // The engine may have sent the next frame already when it hears that the page wants all.
+    const { failed } = await outcomesOf(page);
+    assert.ok(failed === 1 || failed === 2, `${failed} failed`);
+    await monitor.end({ failed: [0, 1, 2] });
 });
 
 test("Every page sees everything, reloaded or not; the engine goes on with those that are left", async () => {

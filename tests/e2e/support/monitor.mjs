@@ -39,14 +39,16 @@ export class Monitor {
     get said() {
         return this.#lines.join("\n");
     }
-    /** Ends, in order, with these numbers of frames and attempts: no others have failed or timed
-     * out. It is asked to end unless it does so by itself. */
+    /** Ends, in order, with these numbers of frames and attempts, or one of several: none have
+     * failed or timed out unless said. It is asked to end unless it does so by itself. */
     async end(expected = {}, { asked = true } = {}) {
         if (asked) this.process.kill("SIGINT");
         const line = await this.line(/ frames: /);
         const [frames, drawn, failed, timedOut, left, views, returns] = line.match(/\d+/g).map(Number);
         const all = { frames, drawn, failed, timedOut, left, views, returns, status: await this.exited };
-        assert.deepEqual(all, { ...all, status: 0, failed: 0, timedOut: 0, ...expected }, this.said);
+        for (const [name, number] of Object.entries({ status: 0, failed: 0, timedOut: 0, ...expected })) {
+            assert.ok([number].flat().includes(all[name]), `${name}: ${all[name]}\n${this.said}`);
+        }
     }
     kill() {
         this.process.kill("SIGKILL");
