@@ -8,8 +8,6 @@ export const ERROR_CHANNEL = "/services/ErrorLoggingService/JSErrors";
 
 const SUBPROTOCOL = "kiroweb.v1";
 const VERSION = 1;
-/** What this page makes use of. */
-const CAPABILITIES = ["return", "pieces", "echo"];
 /** The close code of a connection that is given up: the view stays. */
 const GIVEN_UP = 4900;
 /** So many failures in a row, with the program there, mean that it does not want the page. A single
@@ -294,7 +292,7 @@ export class Connection {
             t: "hello",
             version: VERSION,
             client: this.#options.client,
-            capabilities: CAPABILITIES,
+            capabilities: [],
             limits: { block: this.#options.blockSize },
             subscribe: [...this.#subscriptions],
             ...(this.#view && { view: this.#view, last: this.#last }),
