@@ -5,6 +5,7 @@ import { fromBase64 } from "./wire.mjs";
 const BLOCK_OF_COMMAND = "1 0";
 const BLOCK_LOST = "2 0";
 const BLOCK_ID_SIZE = 8;
+const MOST_USED = 4096;
 
 // A private-use character: in a text that uses it itself, not-a-number stays unreadable.
 const NOT_A_NUMBER = "\uf8ff";
@@ -62,6 +63,9 @@ export class Inbox {
     #commands = [];
     /** Without the identifier. @type {Map<string, Uint8Array>} */
     #blocks = new Map();
+    /** The latest blocks that were drawn, each of which belongs to one command: one that another page
+     * gave back comes to every page again, as text. @type {Set<string>} */
+    #used = new Set();
     /** @type {Set<string>} */
     #lost = new Set();
     #began = false;
@@ -130,7 +134,16 @@ export class Inbox {
     /** @param {string} identifier @param {Uint8Array} data */
     #keep(identifier, data) {
         if (identifier === BLOCK_OF_COMMAND) this.text(new TextDecoder().decode(data));
-        else if (this.#began) this.#blocks.set(identifier, data);
+        else if (this.#began && !this.#used.has(identifier)) this.#blocks.set(identifier, data);
+    }
+
+    /** @param {string} identifier */
+    #use(identifier) {
+        this.#blocks.delete(identifier);
+        this.#used.add(identifier);
+        if (this.#used.size <= MOST_USED) return;
+        const [oldest] = this.#used;
+        this.#used.delete(oldest);
     }
 
     #drawWhatIsComplete() {
@@ -153,7 +166,7 @@ export class Inbox {
             this.#report(`block ${name} is lost`);
             return true;
         }
-        this.#blocks.delete(name);
+        if (name !== null) this.#use(name);
         if (command.seq !== ++this.#sequence) {
             this.#report(`command ${command.seq} came instead of ${this.#sequence}`);
             this.#sequence = command.seq;

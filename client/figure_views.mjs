@@ -41,8 +41,10 @@ export class FigureViews {
         matchMedia("(prefers-color-scheme: dark)").addEventListener("change", layoutChanged);
     }
 
-    /** Paints what has changed. Throws what went wrong first, having painted the rest. */
+    /** Paints what has changed; while a whole frame comes, nothing: what is there stays until it can
+     * be replaced. Throws what went wrong first, having painted the rest. */
     paint() {
+        if (!this.#scene.isComplete) return;
         const changed = [...this.#scene.changed];
         this.#scene.changed.clear();
         this.#removeGone();

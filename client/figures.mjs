@@ -121,6 +121,8 @@ export class Scene {
     /** Axes in which something has changed since they were painted. @type {Set<Item>} */
     changed = new Set();
     frame = { number: -1, attempt: 0 };
+    /** False while a whole frame comes: there is more than what is known so far. */
+    isComplete = true;
 
     /** @returns {Item[]} */
     get figures() {
@@ -144,6 +146,7 @@ export class Scene {
             if (command.whole) {
                 this.#items.clear();
                 this.changed.clear();
+                this.isComplete = false;
             }
             this.frame = { number: command.frame, attempt: command.attempt };
         } else if (command.cmd === "create") {

@@ -84,6 +84,8 @@ export class Flusher {
             this.#surroundings.paint();
         } catch (error) {
             this.#surroundings.report(error instanceof Error ? error : new Error(String(error)));
+            // What could not be painted belongs to the next token, if there is none yet.
+            if (tokens.length === 0) this.#failed = true;
             this.#answerAll(tokens, "failed");
             return;
         }

@@ -76,7 +76,10 @@ class Page {
     #makeInbox() {
         return new Inbox({
             draw: (command, data) => this.scene.apply(command, data),
-            token: (command) => this.flusher.token({ command, received: this.#received }),
+            token: (command) => {
+                this.scene.isComplete = true;
+                this.flusher.token({ command, received: this.#received });
+            },
             report: (error) => this.flusher.fail(error),
         });
     }

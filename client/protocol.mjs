@@ -8,6 +8,11 @@ export const ERROR_CHANNEL = "/services/ErrorLoggingService/JSErrors";
 
 const SUBPROTOCOL = "kiroweb.v1";
 const VERSION = 1;
+/** The close code of a connection that is given up: the view stays. */
+const GIVEN_UP = 4900;
+/** So many failures in a row, with the program there, mean that it does not want the page. A single
+ * one may be chance: a network that came back a moment too late for the attempt. */
+const TURNED_AWAY = 2;
 
 /**
  * @typedef {object} State
@@ -22,7 +27,9 @@ const VERSION = 1;
  * @property {"first" | "further" | "return"} kind
  * @property {number} next
  * @property {string[]} blockChannels
+ * @property {string[]} subscribed
  * @property {string[]} refused
+ * @property {string} [ended]
  * @property {Record<string, number>} limits
  * @property {Record<string, any>} configuration
  */
@@ -49,9 +56,11 @@ const VERSION = 1;
  * @property {() => Promise<boolean>} [isServed] asked when no connection comes about: whether the
  *   program is there, so that it is the page that is not wanted
  * @property {() => number} [random] from 0 to below 1
- * @property {{first: number, most: number}} [backoff] milliseconds before another attempt
+ * @property {{first: number, soon: number, most: number}} [backoff] milliseconds before another
+ *   attempt: at first, at most while the view can still be returned to, and at most
  * @property {{open: number, quiet: number, answer: number}} [patience] milliseconds for a
- *   connection to come about, of silence before the gateway is asked for a sign of life, and for that
+ *   connection to come about and for `isServed`, of silence before the gateway is asked for a sign
+ *   of life, and for that
  * @property {number} [queueSize] characters kept for a connection that is not there
  * @property {number} [blockSize] bytes of the largest block that is taken
  */
@@ -63,7 +72,7 @@ const DEFAULTS = {
     socketOptions: undefined,
     isServed: async () => false,
     random: Math.random,
-    backoff: { first: 100, most: 5000 },
+    backoff: { first: 100, soon: 600, most: 5000 },
     patience: { open: 5000, quiet: 5000, answer: 3000 },
     queueSize: 1024 * 1024,
     blockSize: 1024 * 1024 * 1024,
@@ -131,6 +140,10 @@ export class Connection {
     #socket = null;
     #live = false;
     #attempts = 0;
+    /** Attempts in a row that failed although the program is there. */
+    #turnedAway = 0;
+    /** Until when the view can be returned to, by `performance.now()`. */
+    #returnUntil = 0;
     /** @type {Map<string, ReturnType<typeof setTimeout>>} */
     #timers = new Map();
 
@@ -237,6 +250,7 @@ export class Connection {
     retry() {
         if (this.#socket || this.#state.name === "closed") return;
         this.#attempts = 0;
+        this.#turnedAway = 0;
         this.#setState("connecting", "");
         this.#connect();
     }
@@ -278,6 +292,8 @@ export class Connection {
             t: "hello",
             version: VERSION,
             client: this.#options.client,
+            capabilities: [],
+            limits: { block: this.#options.blockSize },
             subscribe: [...this.#subscriptions],
             ...(this.#view && { view: this.#view, last: this.#last }),
         };
@@ -294,12 +310,20 @@ export class Connection {
         const why = reason || (opened ? `connection lost (${code})` : "no connection");
         if (next === "refused") return this.#refuse(why);
         this.#setState("reconnecting", why);
-        if (!opened && (await this.#options.isServed().catch(() => false))) {
-            // The program was asked meanwhile; somebody else may have connected or closed.
-            if (this.#socket || this.#state.name !== "reconnecting") return undefined;
-            return this.#refuse("the program does not let this page in: open its link again");
-        }
-        return this.#connectLater();
+        const isServed = !opened && (await this.#isServed());
+        // The program was asked meanwhile; somebody else may have connected or closed.
+        if (this.#socket || this.#state.name !== "reconnecting") return undefined;
+        this.#turnedAway = isServed ? this.#turnedAway + 1 : 0;
+        if (this.#turnedAway < TURNED_AWAY) return this.#connectLater();
+        return this.#refuse("the program does not let this page in: open its link again");
+    }
+
+    /** No, if that cannot be found out in time. @returns {Promise<boolean>} */
+    #isServed() {
+        return new Promise((resolve) => {
+            this.#after("served", this.#options.patience.open, () => resolve(false));
+            this.#options.isServed().then(resolve, () => resolve(false));
+        });
     }
 
     /** @param {string} reason */
@@ -308,16 +332,20 @@ export class Connection {
         this.#setState("refused", reason);
     }
 
-    /** Gives the connection up without waiting for its end. @param {string} reason */
+    /** Gives the connection up without waiting for its end. The gateway may come to hear of it, and
+     * before it hears of the return. @param {string} reason */
     #abandon(reason) {
         const socket = this.#detach();
         this.#setState("reconnecting", reason);
-        socket?.close();
+        socket?.close(GIVEN_UP);
         this.#connectLater();
     }
 
     #detach() {
         const socket = this.#socket;
+        if (this.#live) {
+            this.#returnUntil = performance.now() + (this.#hello?.limits.returnMilliseconds ?? 0);
+        }
         this.#socket = null;
         this.#live = false;
         this.#clearTimers();
@@ -329,7 +357,8 @@ export class Connection {
     #connectLater() {
         if (this.#socket || this.#state.name === "closed") return;
         const { backoff, random } = this.#options;
-        const longest = Math.min(backoff.most, backoff.first * 2 ** this.#attempts++);
+        const most = performance.now() < this.#returnUntil ? backoff.soon : backoff.most;
+        const longest = Math.min(most, backoff.first * 2 ** this.#attempts++);
         // Half of it is random, so that many pages do not come back at once.
         this.#after("connect", longest * (0.5 + random() / 2), () => this.#connect());
     }
@@ -388,10 +417,14 @@ export class Connection {
         this.#assembly.clear();
         this.#refusedTransfers.clear();
         this.#attempts = 0;
+        this.#turnedAway = 0;
         this.#clearTimers();
         this.#live = true;
         this.#watchForSilence();
-        this.#setState("live", "");
+        this.#setState("live", hello.ended ? `begun afresh: ${hello.ended}` : "");
+        // A view that is returned to still hears what was given up meanwhile.
+        const channels = hello.subscribed.filter((name) => !this.#subscriptions.has(name));
+        if (channels.length > 0) this.#send({ t: "unsubscribe", channels });
         for (const channel of hello.refused) {
             this.#handlers.onRefused?.("subscribe", channel, "not allowed");
         }

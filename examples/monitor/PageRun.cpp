@@ -1,12 +1,14 @@
 #include "PageRun.hpp"
 
-#include <boost/json/serialize.hpp>
-#include <boost/json/string.hpp>
 #include <deque>
+#include <fstream>
 #include <iostream>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "Console.hpp"
 #include "PageServer.hpp"
 #include "Signals.hpp"
 #include "Timeout.hpp"
@@ -19,9 +21,6 @@ namespace monitor {
 
 namespace {
 
-/// One line, whole, whichever thread says it.
-void say(const std::string& text) { std::cerr << ("monitor: " + text + '\n') << std::flush; }
-
 /// The time-out logging must be on before the engine makes its requestor.
 void configureHost(const Options& options) {
     auto settings = kirohost::settings();
@@ -30,10 +29,18 @@ void configureHost(const Options& options) {
     kirohost::setSettings(std::move(settings));
 }
 
-/// The error as it may be shown: on one line, without control characters, and short.
-void sayError(const std::string& error) {
-    constexpr std::size_t kLongest = 300;
-    say("script error " + boost::json::serialize(boost::json::string(error.substr(0, kLongest))));
+/// Before anything else, instead of at the first time-out. Throws `std::runtime_error`.
+void requireWritable(const std::filesystem::path& file) {
+    if (!std::ofstream(file, std::ios::app)) {
+        throw std::runtime_error(file.string() + ": cannot be written");
+    }
+}
+
+/// What the gateway logs has no line breaks, and comes at a bounded rate.
+kirohost::Scope sayWhatTheGatewayLogs() {
+    return kirohost::observeLog([](const kirohost::LogRecord& record) {
+        if (record.logger == "gateway") say("gateway: " + record.text);
+    });
 }
 
 void sayTimeout(const Options& options, const kirogateway::Gateway& gateway, bool announced,
@@ -41,7 +48,12 @@ void sayTimeout(const Options& options, const kirogateway::Gateway& gateway, boo
     const std::string pages = gateway.diagnostics();
     const std::string cause = timeoutCause(announced, pages);
     say("a flush timed out: " + cause);
-    if (options.diagnostics) writeDiagnostics(*options.diagnostics, cause, pages, latest);
+    if (!options.diagnostics) return;
+    try {
+        writeDiagnostics(*options.diagnostics, cause, pages, latest);
+    } catch (const std::runtime_error& error) {
+        say(error.what());
+    }
 }
 
 /// Asks the gateway, and says when the answer has changed.
@@ -64,21 +76,29 @@ void printResult(const engine::EngineResult& result) {
 int runForPages(const Options& options) {
     const Signals signals([] { kirohost::wakeInterpreter(); });
     const engine::DataSet data = engine::readDataSet(options.data);
+    if (options.diagnostics) requireWritable(*options.diagnostics);
     configureHost(options);
+    const kirohost::Scope gatewayLog = sayWhatTheGatewayLogs();
     kirogateway::Gateway gateway(gatewayOptions(options));
     std::cout << gateway.link() << std::endl;
     if (options.opensBrowser) openBrowser(gateway.singleUseLink());
 
     bool gone = false;
+    // Shared with a callback that may still run when the engine has ended.
+    const auto errors = std::make_shared<ErrorLines>();
     engine::Engine::Hooks hooks;
     hooks.stopped = [&signals] { return signals.came(); };
     hooks.clientGone = [&gateway, &gone] { return isClientGone(gateway, gone); };
     hooks.timedOut = [&](bool announced, const std::deque<engine::Latency>& latest) {
         sayTimeout(options, gateway, announced, latest);
     };
-    hooks.clientError = sayError;
+    hooks.clientError = [errors](const std::string& error) { errors->add(error); };
+    hooks.frameOver = [errors](std::uint64_t /*frames*/) { errors->look(); };
     engine::Engine engine(data, nullptr, hooks);
-    printResult(engine.run({options.frames, options.duration, options.speed}));
+    const engine::EngineResult result =
+        engine.run({options.frames, options.duration, options.speed});
+    errors->end();
+    printResult(result);
     return 0;
 }
 

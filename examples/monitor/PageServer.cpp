@@ -6,6 +6,7 @@
 #include <array>
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
+#include <csignal>
 #include <string_view>
 #include <utility>
 
@@ -52,6 +53,31 @@ bool isInEnvironment(std::string_view assignment) {
     return false;
 }
 
+/// How a program begins that has nothing to do with this one: in a session of its own, to which the
+/// terminal's signals do not go, and with no signal blocked or ignored.
+class Separately {
+  public:
+    Separately() {
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        posix_spawnattr_init(&fAttributes);
+        posix_spawnattr_setsigmask(&fAttributes, &none);
+        posix_spawnattr_setsigdefault(&fAttributes, &all);
+        posix_spawnattr_setflags(
+            &fAttributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
+    }
+    ~Separately() { posix_spawnattr_destroy(&fAttributes); }
+    Separately(const Separately&) = delete;
+    Separately& operator=(const Separately&) = delete;
+
+    [[nodiscard]] const posix_spawnattr_t* get() const { return &fAttributes; }
+
+  private:
+    posix_spawnattr_t fAttributes{};
+};
+
 }  // namespace
 
 kirogateway::Options gatewayOptions(const Options& options) {
@@ -78,10 +104,12 @@ void openBrowser(const std::string& link) {
     std::string program = "xdg-open";
     std::string argument = link;
     const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};
+    // Nobody waits for it: the system clears away what is left of it.
+    std::signal(SIGCHLD, SIG_IGN);
+    const Separately separately;
     pid_t child = 0;
-    // Ended by init or by the process's end; it only hands the link on.
-    static_cast<void>(
-        posix_spawnp(&child, program.c_str(), nullptr, nullptr, arguments.data(), environ));
+    static_cast<void>(posix_spawnp(&child, program.c_str(), nullptr, separately.get(),
+                                   arguments.data(), environ));
 }
 
 }  // namespace monitor

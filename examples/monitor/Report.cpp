@@ -25,6 +25,7 @@ std::string bothPercentiles(const std::vector<microseconds>& values) {
 
 std::vector<microseconds> timesAtClient(const std::deque<engine::Latency>& latencies) {
     std::vector<microseconds> times;
+    times.reserve(latencies.size());
     for (const auto& latency : latencies) times.push_back(latency.atClient);
     return times;
 }

@@ -38,6 +38,7 @@ json::object latencyParts(const std::deque<engine::Latency>& latest) {
     if (latest.empty()) return text;
     for (const auto& [name, part] : kParts) {
         std::vector<std::chrono::microseconds> values;
+        values.reserve(latest.size());
         for (const auto& latency : latest) values.push_back(latency.*part);
         text[name] = json::object{{"last", values.back().count()},
                                   {"p50", engine::percentile(values, 0.5).count()},

@@ -38,7 +38,7 @@ let page;
 /** Begins to connect, with no delay before a further attempt. */
 function begin(options) {
     page = new Connection(gateway.url, heard.handlers, {
-        WebSocket, backoff: { first: 0, most: 0 }, ...options,
+        WebSocket, backoff: { first: 0, soon: 0, most: 0 }, ...options,
     });
 }
 async function connect(options = {}, welcome = {}) {
@@ -90,6 +90,7 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
         onBlock(channel, block);
     };
     const peer = await connect({ blockSize: 100 });
+    assert.equal(peer.hello.limits.block, 100);
     peer.control({ t: "channel", number: 1, name: "/bin" });
     peer.piece({ transfer: 7, number: 1, data: [4, 0, 0, 0, 0, 0, 0, 0, 255] });
     peer.piece({ transfer: 8, last: false, number: 4, data: [1, 2, 3] });
@@ -115,17 +116,19 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
 });
 
 test("A lost connection is made again, and goes on behind the last message", async () => {
-    const peer = await connect({ subscribe: ["/a"], queueSize: 10 }, { next: 10 });
+    const peer = await connect({ subscribe: ["/a", "/given/up"], queueSize: 10 }, { next: 10 });
     assert.equal(peer.hello.view, undefined);
     peer.batch(10, [["/a", "ten"], ["/a", "eleven"]]);
     await heard.until("text", "/a", "eleven");
     peer.cut();
     await heard.until("state", "reconnecting");
     page.subscribe(["/b"]);
+    page.unsubscribe(["/given/up"]);
     assert.deepEqual([page.publish("/r", "kept"), page.publish("/r", "too much")], [true, false]);
     const second = await gateway.peer();
-    const hello = await second.welcome({ kind: "return", next: 11 });
+    const hello = await second.welcome({ kind: "return", next: 11, subscribed: ["/a", "/given/up", "/b"] });
     assert.deepEqual([hello.view, hello.last, hello.subscribe], ["v1", 11, ["/a", "/b"]]);
+    assert.deepEqual((await second.next("unsubscribe")).channels, ["/given/up"]);
     assert.equal((await second.next("publish")).text, "kept");
     second.batch(11, [["/a", "eleven"], ["/a", "twelve"]]);
     await settled(second, 13);
@@ -139,7 +142,8 @@ test("A close says whether to come back, to begin afresh, or to give up", async 
         peer.close(code, reason);
         await heard.until("state", "reconnecting", reason);
         peer = await gateway.peer();
-        assert.equal((await peer.welcome({ kind: viewAfter ? "return" : "further" })).view, viewAfter);
+        assert.equal((await peer.welcome({ kind: viewAfter ? "return" : "further", ended: reason })).view, viewAfter);
+        await heard.until("state", "live", `begun afresh: ${reason}`);
     }
     peer.close(4000, "bad message: x");
     await heard.until("state", "refused", "bad message: x");
@@ -154,17 +158,38 @@ test("What is published comes in order, in frames that the gateway takes", async
     for (let i = 0; i < 20; ++i) assert.equal((await peer.next("publish")).text, `message ${i}`);
 });
 
-test("The wait before another attempt grows to its bound, and half of it is chance", async (t) => {
+test("Attempts follow soon while the view is there, then less and less; half of a wait is chance", async (t) => {
     const waits = [];
+    let now = 0;
+    t.mock.method(performance, "now", () => now);
+    const peer = await connect(
+        { backoff: { first: 100, soon: 150, most: 300 }, random: () => 0.5 },
+        { limits: { returnMilliseconds: 1000 } },
+    );
     const original = globalThis.setTimeout;
     const enough = new Promise((resolve) => {
         t.mock.method(globalThis, "setTimeout", (call, ms, ...rest) => {
-            if (ms < 1000 && waits.push(ms) === 4) resolve();
+            if (ms < 1000 && waits.push(ms) === 3) now = 1000;
+            if (waits.length === 5) resolve();
             return original(call, ms < 1000 ? 0 : ms, ...rest);
         });
     });
     gateway.sockets.options.verifyClient = (_, done) => done(false, 503);
-    begin({ backoff: { first: 100, most: 300 }, random: () => 0.5 });
+    peer.cut();
     await enough;
-    assert.deepEqual(waits.slice(0, 4), [75, 150, 225, 225]);
+    assert.deepEqual(waits, [75, 112.5, 112.5, 225, 225]);
+});
+
+test("Who is turned away twice in a row gives up; whatever else happens, it goes on", async () => {
+    gateway.sockets.options.verifyClient = (_, done) => done(false, 403);
+    const served = [false, true, false, true, new Promise(() => {}), true, true];
+    const patience = { open: 100, quiet: 1e4, answer: 1e4 };
+    begin({ patience, isServed: async () => served.shift() });
+    await heard.until("state", "refused");
+    assert.deepEqual(served, []);
+});
+
+test("A connection that has gone silent is given up, with a code that leaves the view", async () => {
+    const peer = await connect({ patience: { open: 1e4, quiet: 1, answer: 1 } });
+    assert.equal(await peer.closed, 4900);
 });

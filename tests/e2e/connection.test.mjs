@@ -1,17 +1,27 @@
 // What pages do to the monitor, and networks to both.
 import assert from "node:assert/strict";
-import { mkdtemp, readFile, rm } from "node:fs/promises";
+import { execFileSync } from "node:child_process";
+import { once } from "node:events";
+import { mkdtemp, readFile, rm, writeFile } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { test } from "node:test";
 
+import { WebSocket } from "../client/support/packages.mjs";
+import { Monitor } from "./support/monitor.mjs";
 import { assertClean, outcomesOf, untilMore, untilState } from "./support/page.mjs";
 import { Stage } from "./support/stage.mjs";
 import { Tab } from "./support/tabs.mjs";
 
 const stage = new Stage();
 
-test("A script error is reported, costs its frame at once, and the figure is made whole", async () => {
+async function folder() {
+    const path = await mkdtemp(join(tmpdir(), "kiroweb-"));
+    stage.defer(() => rm(path, { recursive: true }));
+    return path;
+}
+
+test("Script errors are reported in few lines, cost their frame at once, and the figure is made whole", async () => {
     const { monitor, page } = await stage.start();
     await page.evaluate(() => {
         const { scene } = kirowebPage;
@@ -19,10 +29,14 @@ test("A script error is reported, costs its frame at once, and the figure is mad
         scene.apply = (command, data) => {
             if (command.cmd !== "appendData") return apply.call(scene, command, data);
             delete scene.apply;
-            throw new Error("a broken figure");
+            const error = new Error("a broken figure\u009b31m\u007f");
+            for (let i = 1; i < 100; ++i) kirowebPage.flusher.fail(error);
+            throw error;
         };
     });
-    await monitor.line(/script error .*a broken figure/);
+    await monitor.line(/\d+ more script errors/);
+    assert.match(monitor.said, /script error .*a broken figure\\xc2\\x9b31m\\x7f/);
+    assert.ok(monitor.said.match(/script error /g).length <= 10, monitor.said);
     await untilMore(page, "painted", 5);
     // The engine may have sent the next frame already when it hears that the page wants all.
     const { failed } = await outcomesOf(page);
@@ -32,9 +46,20 @@ test("A script error is reported, costs its frame at once, and the figure is mad
 
 test("Every page sees everything, reloaded or not; the engine goes on with those that are left", async () => {
     const { monitor, page: first } = await stage.start();
+    // As if animation frames came at the worst moments, when little of a whole frame is there.
+    await first.evaluate(() => {
+        const { scene, views } = kirowebPage;
+        const { apply } = scene;
+        scene.apply = (command, data) => {
+            apply.call(scene, command, data);
+            views.paint();
+        };
+        document.querySelector('[data-name="quakes.axes"]').focus();
+    });
     const second = await stage.page();
     await second.goto(monitor.link);
     await untilMore(second, "painted", 5);
+    assert.equal(await first.evaluate(() => document.activeElement.dataset.name), "quakes.axes");
     await first.reload();
     await Promise.all([untilMore(first, "painted", 5), untilMore(second, "painted", 5)]);
     const coast = (page) => page.evaluate(() => kirowebPage.scene.named("quakes.coast").count);
@@ -82,9 +107,7 @@ test("A page whose connection was lost returns to its view, and nothing is missi
 });
 
 test("A frozen page is named as the cause of a time-out, and goes on when it wakes", async () => {
-    const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
-    stage.defer(() => rm(folder, { recursive: true }));
-    const file = join(folder, "diagnostics.json");
+    const file = join(await folder(), "diagnostics.json");
     const { monitor, page } = await stage.start({ options: ["--timeout", "1", "--diagnostics", file] });
     await page.evaluate(() => kirowebPage.flusher.fail(new Error("to be remembered")));
     await monitor.line(/to be remembered/);
@@ -101,6 +124,64 @@ test("A frozen page is named as the cause of a time-out, and goes on when it wak
     const { toClient, atClient, toEngine, total } = latency;
     assert.ok(latency.flushes >= 6 && atClient.p50 > 0 && atClient.p50 <= atClient.p99, "the page's part");
     assert.equal(toClient.last + atClient.last + toEngine.last, total.last);
+});
+
+test("A wait without an answer names its cause, and is over when the last page closes", async () => {
+    const monitor = await stage.monitor("--timeout", "1");
+    await monitor.line(/timed out: no client yet/);
+    const page = await stage.page();
+    await page.goto(monitor.link);
+    await untilMore(page, "painted", 3);
+    await page.evaluate(() => {
+        globalThis.swallowed = 0;
+        kirowebPage.flusher.token = () => ++swallowed;
+    });
+    await monitor.line(/timed out: token lost/);
+    const swallowed = await page.evaluate(() => swallowed);
+    await page.waitForFunction((before) => swallowed > before, swallowed);
+    await page.close();
+    await monitor.line(/monitor: client gone/);
+    await monitor.end({ timedOut: monitor.said.match(/timed out/g).length, left: 1 });
+});
+
+test("A client that breaks the rules is told so, and the others go on", async () => {
+    const { monitor, page } = await stage.start();
+    const entry = await fetch(monitor.link, { redirect: "manual" });
+    const headers = { Origin: monitor.origin, Cookie: entry.headers.get("set-cookie").split(";")[0] };
+    const answerTo = async (what, event) => {
+        const socket = new WebSocket(monitor.socket, "kiroweb.v1", { headers });
+        stage.defer(() => socket.terminate());
+        await once(socket, "open");
+        socket.send(what);
+        return [socket, (await once(socket, event))[0]];
+    };
+    for (const [what, code] of [
+        ["{oops", 4000], ['{"t":"echo","id":1}', 4000], [Buffer.alloc(16), 4000],
+        [" ".repeat(4 * 1024 * 1024 + 1), 1009],
+    ]) {
+        assert.equal((await answerTo(what, "close"))[1], code);
+    }
+    await monitor.line(/monitor: gateway: bad message from a page: /);
+    const [socket] = await answerTo('{"t":"hello","version":1}', "message");
+    socket.send('{"t":"explode"}');
+    assert.match(String((await once(socket, "message"))[0]), /"refused".*"explode"/);
+    socket.close();
+    await untilMore(page, "painted", 3);
+    await assertClean(page);
+});
+
+test("The browser that is opened is a program of its own, and gets no more than a link", async () => {
+    const path = await folder();
+    const PIPE = join(path, "said");
+    execFileSync("mkfifo", [PIPE]);
+    const script = "#!/bin/sh\n{ echo $1; grep Sig /proc/self/status; ls -l /proc/self/fd; } > $PIPE\n";
+    await writeFile(join(path, "xdg-open"), script, { mode: 0o755 });
+    const said = readFile(PIPE, "utf8");
+    const env = { ...process.env, PATH: `${path}:${process.env.PATH}`, DISPLAY: ":0", PIPE };
+    const monitor = await Monitor.run([], env);
+    stage.defer(() => monitor.kill());
+    assert.match(await said, /code=[0-9a-f]+\n[^]*SigBlk:\t0+\n/);
+    assert.doesNotMatch(await said, /([3-9]|\d\d) -> socket/);
 });
 
 test("Who does not have the token is refused, and told what to do", async () => {

@@ -10,6 +10,7 @@ class Peer {
     #messages = [];
     constructor(socket) {
         this.#socket = socket;
+        this.closed = once(socket, "close").then(([code]) => code);
         this.#frames = on(socket, "message");
     }
     /** The next message of this kind; others before it are passed over. */

@@ -10,11 +10,14 @@ export class Monitor {
     #lines = [];
     #waiting = [];
 
-    /** Starts it; resolves when it has printed its link. */
-    static async start(...options) {
+    /** Starts it without a browser of its own; resolves when it has printed its link. */
+    static start(...options) {
+        return Monitor.run(["--no-browser", ...options]);
+    }
+    static async run(options, env = process.env) {
         if (!PROGRAM) throw new Error("KIROWEB_MONITOR does not name the program");
         const monitor = new Monitor();
-        monitor.process = spawn(PROGRAM, ["--no-browser", ...options]);
+        monitor.process = spawn(PROGRAM, options, { env });
         monitor.exited = once(monitor.process, "exit").then(([status]) => status);
         for (const stream of [monitor.process.stdout, monitor.process.stderr]) {
             createInterface({ input: stream }).on("line", (line) => monitor.#hear(line));
