@@ -23,7 +23,7 @@ namespace websocket = beast::websocket;
 using boost::system::error_code;
 using std::chrono::steady_clock;
 
-constexpr std::chrono::microseconds kTailDelay{100};
+constexpr std::chrono::microseconds kTailDelay{200};
 constexpr std::size_t kCollectAtOnce = 128UL * 1024;
 constexpr std::size_t kKeepBuffer = 64UL * 1024;  // what an idle connection may hold on to
 

@@ -43,7 +43,6 @@ bool Outbox::addText(std::size_t lane, std::string_view channel, std::string_vie
     entry.records += text;
     ++entry.count;
     fBytes += entry.records.size() - before;
-    fOpenBatch = entry.records.size();
     return true;
 }
 
@@ -183,7 +182,6 @@ void Outbox::beginBatch(const Entry& entry) {
     std::copy_n(number.data(), size, fWriting.head.data() + fWriting.headSize);
     fWriting.headSize += size;
     fWriting.body = entry.records;
-    fOpenBatch = 0;
 }
 
 void Outbox::beginPiece(Block& block, std::uint64_t number) {

@@ -56,11 +56,10 @@ class Outbox {
 
     // --- Writing ---
 
+    /// Valid until `written`, whatever is added meanwhile.
     [[nodiscard]] Pending pending(TimePoint now);
     /// REQUIRES: `count` is at most what `pending` showed last.
     void written(std::size_t count);
-    /// Texts that wait in a frame to which others may still be added, in bytes.
-    [[nodiscard]] std::size_t openBatch() const noexcept { return fOpenBatch; }
 
     // --- What the page says ---
 
@@ -153,7 +152,6 @@ class Outbox {
 
     std::vector<Lane> fLanes;
     std::size_t fNextLane = 0;
-    std::size_t fOpenBatch = 0;
     std::deque<std::string> fControls;
     std::string fControl;  ///< being written
 
