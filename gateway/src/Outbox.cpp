@@ -14,7 +14,6 @@ namespace {
 /// What a batch costs beside its records.
 constexpr std::size_t kEntryOverhead = 128;
 constexpr std::size_t kMaxBlockChannels = 0xffff;
-constexpr std::size_t kSpareFrom = 16UL * 1024;
 
 }  // namespace
 
@@ -55,8 +54,10 @@ Outbox::Entry& Outbox::openBatch(Lane& lane, std::string_view channel, TimePoint
             return last;
         }
     }
-    lane.entries.push_back({now, 0, 0, std::exchange(fSpare, {}), nullptr});
-    lane.entries.back().records.clear();
+    Entry entry;
+    entry.since = now;
+    entry.records.reserve(fLastBatch);
+    lane.entries.push_back(std::move(entry));
     fBytes += kEntryOverhead;
     return lane.entries.back();
 }
@@ -182,6 +183,7 @@ void Outbox::beginBatch(const Entry& entry) {
     std::copy_n(number.data(), size, fWriting.head.data() + fWriting.headSize);
     fWriting.headSize += size;
     fWriting.body = entry.records;
+    fLastBatch = entry.records.size();
 }
 
 void Outbox::beginPiece(Block& block, std::uint64_t number) {
@@ -239,7 +241,6 @@ void Outbox::popAcknowledged() {
         Entry& front = fNumbered.front();
         if (front.number + front.count - 1 > fAcknowledged) return;
         fBytes -= front.records.size() + kEntryOverhead;
-        if (front.records.capacity() >= kSpareFrom) fSpare = std::move(front.records);
         fNumbered.pop_front();
         --fUnwritten;
     }
@@ -305,6 +306,14 @@ void Outbox::resume(std::uint64_t last, LeavingList& leaving) {
 void Outbox::dropBlocks(LeavingList& leaving) {
     const auto before = TimePoint::max();
     static_cast<void>(dropBlocksBefore(before, leaving));
+}
+
+void Outbox::clear(LeavingList& leaving) {
+    dropBlocks(leaving);
+    fNumbered.clear();
+    fUnwritten = 0;
+    for (auto& lane : fLanes) lane.entries.clear();
+    fBytes = 0;
 }
 
 bool Outbox::dropBlocksBefore(TimePoint since, LeavingList& leaving) {

@@ -77,6 +77,9 @@ class Outbox {
     void resume(std::uint64_t last, LeavingList& leaving);
     /// Leaves every block, for good.
     void dropBlocks(LeavingList& leaving);
+    /// Leaves every block and forgets every text: nothing is written any more.
+    /// REQUIRES: detached.
+    void clear(LeavingList& leaving);
     /// Leaves the blocks that were handed over before `since`. Answers false when one of them is
     /// in the middle of a frame: the connection has to go.
     [[nodiscard]] bool dropBlocksBefore(TimePoint since, LeavingList& leaving);
@@ -168,8 +171,8 @@ class Outbox {
     std::vector<std::string> fBlockChannels;
 
     Writing fWriting;
-    std::size_t fBytes = 0;  ///< of texts and blocks that are held here
-    std::string fSpare;      ///< memory for the next batch
+    std::size_t fBytes = 0;      ///< of texts and blocks that are held here
+    std::size_t fLastBatch = 0;  ///< in bytes; the next one is as large, most likely
 };
 
 }  // namespace kirogateway

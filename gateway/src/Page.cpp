@@ -352,7 +352,7 @@ void Page::dropBlocks(LeavingList& leaving) {
 void Page::retire(LeavingList& leaving) {
     annotated::Lock lock(fMutex);
     fIsRetired = true;
-    fOutbox.dropBlocks(leaving);
+    fOutbox.clear(leaving);
 }
 
 Page::State Page::state(TimePoint now) const {

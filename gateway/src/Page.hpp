@@ -106,7 +106,7 @@ class Page {
     [[nodiscard]] std::string checkTimes(TimePoint now, LeavingList& leaving);
     /// REQUIRES: detached.
     void dropBlocks(LeavingList& leaving);
-    /// The view is over: nothing is queued any more. REQUIRES: detached.
+    /// The view is over: nothing is queued any more, nor kept. REQUIRES: detached.
     void retire(LeavingList& leaving);
 
     struct State {
