@@ -1,5 +1,5 @@
-# What `cmake --install` writes: the library, the stand-in host when it is built, their headers, a
-# CMake package and pkg-config files. All of it can be moved to another prefix afterwards.
+# What `cmake --install` writes: the library, the stand-in host and the gateway when they are built,
+# their headers, a CMake package and pkg-config files. All of it can be moved to another prefix afterwards.
 include(CMakePackageConfigHelpers)
 
 set(_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kiroweb)
@@ -10,6 +10,14 @@ if(NOT KIROWEB_HOST_TARGET)
     install(EXPORT kirowebhostTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
     install(DIRECTORY host/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
             FILES_MATCHING PATTERN "*.hpp")
+endif()
+
+# A component, for it needs more than the library does.
+if(TARGET kiroweb_gateway)
+    install(TARGETS kiroweb_gateway EXPORT kirowebgatewayTargets)
+    install(EXPORT kirowebgatewayTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
+    install(DIRECTORY gateway/include/ ${PROJECT_BINARY_DIR}/gateway/include/
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.hpp")
 endif()
 
 # The host's library lies beside this one, wherever the two are moved.

@@ -15,13 +15,11 @@ using kiroutils::CompletionToken;
 
 namespace {
 
-/// Writes one event record. What the event holds never replaces the three members set here.
-void writeEvent(const std::string& loggerName, const std::string& source,
-                const std::string& channel, ACTRequestor::EventData event) {
-    event.insert_or_assign("LogType", "Server");
-    event.insert_or_assign("Source", source);
-    event.insert_or_assign("Channel", channel);
-    kiroutils::Logger::instance().log(loggerName, bedrock::json::serialize(std::move(event)));
+/// Writes one event record: `head`, and of the event whatever `head` does not say already.
+void writeEvent(const std::string& loggerName, bedrock::json::Object head,
+                ACTRequestor::EventData event) {
+    head.merge(event);
+    kiroutils::Logger::instance().log(loggerName, bedrock::json::serialize(std::move(head)));
 }
 
 ACTRequestor::EventData tokenData(const CompletionToken& token) {
@@ -34,9 +32,10 @@ ACTRequestor::EventData tokenData(const CompletionToken& token) {
 
 struct ACTRequestor::Impl {
     Impl(const std::string& loggerName, const std::string& source, const std::string& channel)
-        : logFunction([loggerName, source, channel](EventData event) {
-              writeEvent(loggerName, source, channel, std::move(event));
-          }),
+        : logFunction([loggerName, head = bedrock::json::Object{{"LogType", "Server"},
+                                                                {"Source", source},
+                                                                {"Channel", channel}}](
+                          EventData event) { writeEvent(loggerName, head, std::move(event)); }),
           name(source + "(" + channel + ")"),
           tokenManager(std::make_shared<CompletionTokenManager>(logFunction)) {}
 

@@ -6,7 +6,7 @@
 #include <array>
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
-#include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "Contract.hpp"
@@ -44,6 +44,14 @@ std::string configuration() {
                                                       {"picks", kPickChannel}});
 }
 
+/// `assignment` is a variable's name and "=".
+bool isInEnvironment(std::string_view assignment) {
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (std::string_view(*entry).starts_with(assignment)) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 kirogateway::Options gatewayOptions(const Options& options) {
@@ -66,7 +74,7 @@ kirogateway::Options gatewayOptions(const Options& options) {
 }
 
 void openBrowser(const std::string& link) {
-    if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) return;
+    if (!isInEnvironment("DISPLAY=") && !isInEnvironment("WAYLAND_DISPLAY=")) return;
     std::string program = "xdg-open";
     std::string argument = link;
     const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};

@@ -14,7 +14,7 @@ Signals::Signals(std::function<void()> told) : fTold(std::move(told)) {
 
 Signals::~Signals() {
     fEnding = true;
-    pthread_kill(fThread.native_handle(), SIGTERM);
+    pthread_kill(fThread.native_handle(), SIGINT);
     fThread.join();
     // From here on a signal ends the program.
     pthread_sigmask(SIG_UNBLOCK, &fSet, nullptr);

@@ -280,7 +280,9 @@ void Connection::onEnd(error_code error) {
     if (isBroken && !fIsClosing) {
         fHouse.hub->log().peer("broken WebSocket frame", error.message(), now);
     }
-    fSession->ended(isProtocol, now);
+    // A page that gives a connection up wants its view back.
+    const bool isGivenUp = fStream.reason().code == static_cast<int>(wire::CloseCode::kGivenUp);
+    fSession->ended(isProtocol && !isGivenUp, now);
     wire().redirect({});
     linger();
 }
@@ -381,7 +383,7 @@ void Connection::discard() {
 
 void Connection::checkDeadline(TimePoint now) {
     if (!fHasDeadline || now < fDeadline) return;
-    if (fSession && !fIsClosing && fSession->page() == nullptr) {
+    if (fSession && !fSession->isOver() && fSession->page() == nullptr) {
         fHouse.hub->log().peer("no hello in time", {}, now);
         return fSession->helloOverdue();
     }

@@ -11,6 +11,7 @@
 
 #include "Hub.hpp"
 #include "Server.hpp"
+#include "annotated/Mutex.hpp"
 #include "kirohost/Controls.hpp"
 
 namespace kirogateway {
@@ -71,6 +72,7 @@ struct Gateway::Impl {
     Server server;
     std::vector<std::unique_ptr<ClientEnd>> ends;
     std::unique_ptr<relay::TransportLink> link;
+    annotated::Mutex mutex;  ///< two may stop at once
 };
 
 void Gateway::Impl::start() {
@@ -87,6 +89,7 @@ void Gateway::Impl::start() {
 }
 
 void Gateway::Impl::stop() noexcept {
+    const annotated::Lock lock(mutex);
     // The thread first: it is the one that uses the link and the ends.
     server.stop();
     ends.clear();

@@ -32,21 +32,18 @@ std::string escaped(std::string_view text) {
     return line;
 }
 
-void GuardedLog::always(const std::string& text) {
-    kiroutils::Logger::instance().log("gateway", text);
-}
-
-void GuardedLog::peer(std::string_view event, std::string_view detail, TimePoint now) {
+bool GuardedLog::peer(std::string_view event, std::string_view detail, TimePoint now) {
     std::size_t suppressed = 0;
     {
         annotated::Lock lock(fMutex);
-        if (!mayWriteLocked(now)) return;
+        if (!mayWriteLocked(now)) return false;
         std::swap(suppressed, fSuppressed);
     }
     std::string line(event);
     if (!detail.empty()) line += ": " + escaped(detail);
     if (suppressed > 0) line += " (" + std::to_string(suppressed) + " lines left out before)";
-    always(line);
+    kiroutils::Logger::instance().log("gateway", line);
+    return true;
 }
 
 bool GuardedLog::mayWriteLocked(TimePoint now) {

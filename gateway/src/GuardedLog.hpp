@@ -20,10 +20,9 @@ class GuardedLog {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// A line about what a peer did; `detail` comes from outside and is escaped.
-    void peer(std::string_view event, std::string_view detail, TimePoint now);
-    /// A line of the gateway's own, always written.
-    static void always(const std::string& text);
+    /// A line about what a peer did; `detail` comes from outside and is escaped. Answers whether
+    /// it was written.
+    bool peer(std::string_view event, std::string_view detail, TimePoint now);
 
   private:
     [[nodiscard]] bool mayWriteLocked(TimePoint now) REQUIRES_LOCK(fMutex);

@@ -98,12 +98,15 @@ void Hub::offer(relay::binary::experimental::Delivery delivery) {
     const auto transfer = std::make_shared<Transfer>(std::move(delivery), fCounters);
     const auto now = std::chrono::steady_clock::now();
     bool anybodyJoined = false;
+    bool anybodyRefused = false;
     if (canBeNamed(channel)) {
         for (const auto& page : *views) {
-            if (page->offer(channel, lane, transfer, now)) anybodyJoined = true;
+            const auto part = page->offer(channel, lane, transfer, now);
+            anybodyJoined = anybodyJoined || part == Page::Part::kJoined;
+            anybodyRefused = anybodyRefused || part == Page::Part::kRefused;
         }
     }
-    transfer->close(anybodyJoined);
+    transfer->close(anybodyJoined && !anybodyRefused);
 }
 
 // --- Arriving ----------------------------------------------------------------------------------
@@ -119,6 +122,7 @@ std::shared_ptr<Page> Hub::findView(const std::string& view) const {
 std::shared_ptr<Page> Hub::welcome(const wire::Hello& hello,
                                    const std::shared_ptr<Carrier>& carrier, int socket,
                                    TimePoint now) {
+    if (fIsShut) return nullptr;
     if (!hello.view.empty()) {
         if (auto page = resume(hello, carrier, socket, now)) return page;
     }
@@ -154,7 +158,9 @@ std::shared_ptr<Page> Hub::resume(const wire::Hello& hello, const std::shared_pt
     }
     ++fCounters->returns;
     LeavingList leaving;
-    page->reattach(carrier, socket, wire::helloText(welcome, fOptions), hello.last, now, leaving);
+    page->reattach(carrier, socket,
+                   {wire::helloText(welcome, fOptions), welcome.blockChannels.size()}, hello.last,
+                   now, leaving);
     release(std::move(leaving));
     fLog.peer("page returned", page->identity().client, now);
     announce(fOptions.reconnectChannel, wire::ViewKind::kReturn, *page);
@@ -163,7 +169,7 @@ std::shared_ptr<Page> Hub::resume(const wire::Hello& hello, const std::shared_pt
 
 std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr<Carrier>& carrier,
                                  int socket, TimePoint now) {
-    Page::Identity identity{randomHex(kViewBytes), 0, hello.client, hello.resume};
+    Page::Identity identity{randomHex(kViewBytes), 0, hello.client, hello.resume, hello.maxBlock};
     wire::Welcome welcome{identity.view, wire::ViewKind::kFirst, 1, {}, {}, {}, {}};
     {
         annotated::Lock lock(fMutex);
@@ -188,7 +194,7 @@ std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr
         static_cast<void>(recountLocked());
     }
     ++fCounters->views;
-    page->attach(carrier, socket, wire::helloText(welcome, fOptions), now);
+    page->attach(carrier, socket, {wire::helloText(welcome, fOptions), 0}, now);
     fLog.peer("page connected", page->identity().client, now);
     announce(fOptions.newViewChannel, welcome.kind, *page);
     return page;
@@ -252,14 +258,14 @@ void Hub::end(const std::shared_ptr<Page>& page, const std::string& why) {
     wakeIf(lastHasGone);
 }
 
-void Hub::recordDisconnect(const Page& page, std::string_view why) const {
-    const auto line =
-        "page \"" + escaped(page.identity().client) + "\" disconnected: " + std::string(why);
-    GuardedLog::always(line);
+void Hub::recordDisconnect(const Page& page, std::string_view why) {
+    const auto event = "page disconnected, " + std::string(why);
+    const auto& client = page.identity().client;
+    if (!fLog.peer(event, client, std::chrono::steady_clock::now())) return;
     // The history that a time-out prints shows then why nobody answers.
     auto& logger = kiroutils::Logger::instance();
     if (!logger.isHistoryEnabled("DrawnowTimeout")) return;
-    logger.log("DrawnowTimeout", historyText("Page Disconnected", line));
+    logger.log("DrawnowTimeout", historyText("Page Disconnected", event + ": " + escaped(client)));
 }
 
 void Hub::release(LeavingList leaving) {
@@ -267,6 +273,7 @@ void Hub::release(LeavingList leaving) {
 }
 
 void Hub::shut() {
+    fIsShut = true;
     const auto views = pages();
     for (const auto& page : *views) {
         dismiss(page, wire::CloseCode::kStopped, "gateway stopped");
@@ -356,7 +363,9 @@ Hub::Due Hub::collectDueLocked(TimePoint now) {
             }
             continue;
         }
-        if (now - view.lostAt > limits.comeback || !view.page->failure().empty()) {
+        if (!view.page->failure().empty()) {
+            due.toCheck.push_back(view.page);
+        } else if (now - view.lostAt > limits.comeback) {
             due.over.push_back(view.page);
         }
         if (view.counts && now - view.lostAt > limits.gone) {
@@ -389,10 +398,15 @@ bool Hub::recountLocked() {
     return !fLastPageGone.exchange(isGone) && isGone;
 }
 
-void Hub::wakeIf(bool lastHasGone) const {
+void Hub::wakeIf(bool lastHasGone) {
     if (!lastHasGone) return;
-    GuardedLog::always("the last page has gone");
-    fWake();
+    const auto now = std::chrono::steady_clock::now();
+    fLog.peer("the last page has gone", {}, now);
+    try {
+        fWake();
+    } catch (const std::exception& error) {
+        fLog.peer("onLastPageGone", error.what(), now);
+    }
 }
 
 Statistics Hub::statistics() const {

@@ -52,7 +52,7 @@ class Hub final : public relay::Transport {
 
     // --- The gateway's thread ---
 
-    /// Makes a view, or lets one go on, and gives it its connection.
+    /// Makes a view, or lets one go on, and gives it its connection. Empty once `shut` was called.
     std::shared_ptr<Page> welcome(const wire::Hello& hello, const std::shared_ptr<Carrier>& carrier,
                                   int socket, TimePoint now);
     /// The connection ended without a close frame. Ignored if the page has another one by now.
@@ -111,13 +111,13 @@ class Hub final : public relay::Transport {
     void announce(const std::string& channel, wire::ViewKind kind, const Page& page);
     /// Takes the view away; its page must be detached.
     void end(const std::shared_ptr<Page>& page, const std::string& why);
-    void recordDisconnect(const Page& page, std::string_view why) const;
+    void recordDisconnect(const Page& page, std::string_view why);
     [[nodiscard]] View* findLocked(const Page& page) REQUIRES_LOCK(fMutex);
     void refreshLocked() REQUIRES_LOCK(fMutex);
     /// Answers whether the last page has just gone.
     [[nodiscard]] bool recountLocked() REQUIRES_LOCK(fMutex);
     [[nodiscard]] Due collectDueLocked(TimePoint now) REQUIRES_LOCK(fMutex);
-    void wakeIf(bool lastHasGone) const;
+    void wakeIf(bool lastHasGone);
 
     const Options fOptions;
     const std::function<void()> fWake;
@@ -129,6 +129,7 @@ class Hub final : public relay::Transport {
 
     const std::shared_ptr<Counters> fCounters;
     GuardedLog fLog;
+    bool fIsShut = false;  ///< the gateway's thread's
     std::atomic<bool> fLastPageGone{false};
 
     std::atomic<std::uint64_t> fPagesVersion{0};

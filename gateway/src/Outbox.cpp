@@ -26,6 +26,11 @@ bool Outbox::hasRoom(std::size_t size) const noexcept {
     return size <= fLimits.queueSize && fBytes <= fLimits.queueSize - size;
 }
 
+bool Outbox::canHold(std::size_t size) const noexcept {
+    return size <= 0xffffffffU && fLimits.queueSize > kEntryOverhead &&
+           size <= fLimits.queueSize - kEntryOverhead;
+}
+
 bool Outbox::addText(std::size_t lane, std::string_view channel, std::string_view text,
                      bool isBase64, TimePoint now) {
     if (!hasRoom(text.size() + channel.size() + kEntryOverhead)) return false;
@@ -65,7 +70,7 @@ Outbox::Entry& Outbox::openBatch(Lane& lane, std::string_view channel, TimePoint
 bool Outbox::addBlock(std::size_t lane, std::string_view channel,
                       std::shared_ptr<Transfer> transfer, TimePoint now) {
     const auto size = transfer->bytes().size();
-    if (!hasRoom(size + kEntryOverhead) || size > 0xffffffffU) return false;
+    if (!canHold(size) || !hasRoom(size + kEntryOverhead)) return false;
     const auto number = channelNumber(channel);
     if (number == 0) return false;
     const auto block = std::make_shared<Block>(
@@ -80,10 +85,15 @@ std::uint16_t Outbox::channelNumber(std::string_view channel) {
     if (found == fBlockChannels.end()) {
         if (fBlockChannels.size() == kMaxBlockChannels) return 0;
         fBlockChannels.emplace_back(channel);
-        addControl(wire::channelText(fBlockChannels.size(), channel));
         return static_cast<std::uint16_t>(fBlockChannels.size());
     }
     return static_cast<std::uint16_t>(found - fBlockChannels.begin() + 1);
+}
+
+void Outbox::greet(std::string_view hello, std::size_t channelsNamed) {
+    fControls.push_front(makeFrame(Opcode::kText, hello));
+    fBytes += fControls.front().size();
+    fChannelsNamed = channelsNamed;
 }
 
 void Outbox::addControl(std::string_view text) { addFrames(makeFrame(Opcode::kText, text)); }
@@ -110,6 +120,10 @@ void Outbox::begin(TimePoint now) {
         fBytes -= frame.size();
         return beginControl(std::move(frame), now);
     }
+    if (fChannelsNamed < fBlockChannels.size()) {
+        const auto& name = fBlockChannels[fChannelsNamed++];
+        return beginControl(makeFrame(Opcode::kText, wire::channelText(fChannelsNamed, name)), now);
+    }
     if (fUnwritten < fNumbered.size()) return beginNumbered(now);
     for (std::size_t i = 0; i < fLanes.size(); ++i) {
         const auto lane = (fNextLane + i) % fLanes.size();
@@ -124,11 +138,7 @@ bool Outbox::beginFromLane(std::size_t lane) {
     if (entries.empty()) return false;
     Entry& front = entries.front();
     if (front.block != nullptr) {
-        if (!fUnderWay.contains(front.block->id)) {
-            if (!mayStart(*front.block)) return false;
-            fUnderWay.emplace(front.block->id, front.block);
-            fBytesUnderWay += front.block->size;
-        }
+        if (!startBlock(lane, front.block)) return false;
         if (front.block->size - front.block->sent > fLimits.pieceSize) {
             fWriting.source = Source::kLane;
             fWriting.lane = lane;
@@ -143,6 +153,19 @@ bool Outbox::beginFromLane(std::size_t lane) {
     fNumbered.push_back(std::move(front));
     entries.pop_front();
     beginNumbered({});
+    return true;
+}
+
+bool Outbox::startBlock(std::size_t lane, const std::shared_ptr<Block>& block) {
+    if (fUnderWay.contains(block->id)) return true;
+    if (fTurn.value_or(lane) != lane) return false;
+    if (!mayStart(*block)) {
+        fTurn = lane;
+        return false;
+    }
+    fTurn.reset();
+    fUnderWay.emplace(block->id, block);
+    fBytesUnderWay += block->size;
     return true;
 }
 
@@ -327,6 +350,7 @@ bool Outbox::dropBlocksBefore(TimePoint since, LeavingList& leaving) {
     for (auto& entry : fNumbered) {
         if (isDue(entry)) leave(entry.block, false, leaving);
     }
+    fTurn.reset();  // the block that waits for its turn may be among them
     for (auto& lane : fLanes) {
         std::erase_if(lane.entries, [&](const Entry& entry) {
             if (!isDue(entry)) return false;

@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,8 +27,9 @@ using LeavingList = std::vector<Leaving>;
 /// may have to be written again. It makes the bytes and knows no socket. Not synchronised.
 ///
 /// Bytes are pulled: `pending` shows the next ones, `written` says how many of them went. Control
-/// goes first, then what a returned page missed, then the lanes in turns. A message is numbered
-/// when its last frame begins, so the numbers run in the order of writing.
+/// goes first, then the names of block channels that the page does not know, then what a returned
+/// page missed, then the lanes in turns. A message is numbered when its last frame begins, so the
+/// numbers run in the order of writing.
 ///
 /// No operation calls out. Transfers that end here are handed to the caller, who ends them when
 /// it holds no lock.
@@ -47,9 +49,13 @@ class Outbox {
     /// much waits already.
     [[nodiscard]] bool addText(std::size_t lane, std::string_view channel, std::string_view text,
                                bool isBase64, TimePoint now);
+    /// Whether a block of so many bytes would fit into an empty outbox.
+    [[nodiscard]] bool canHold(std::size_t size) const noexcept;
     /// As `addText`. REQUIRES: `transfer` was joined for this page.
     [[nodiscard]] bool addBlock(std::size_t lane, std::string_view channel,
                                 std::shared_ptr<Transfer> transfer, TimePoint now);
+    /// What a new connection begins with; it names the first `channelsNamed` block channels.
+    void greet(std::string_view hello, std::size_t channelsNamed);
     void addControl(std::string_view text);
     /// Queues bytes of whole frames, as control.
     void addFrames(std::string frames);
@@ -140,6 +146,8 @@ class Outbox {
     void begin(TimePoint now);
     [[nodiscard]] bool beginFromLane(std::size_t lane);
     [[nodiscard]] bool mayStart(const Block& block) const noexcept;
+    /// Answers false when the lane's first block has to wait for others to be answered.
+    [[nodiscard]] bool startBlock(std::size_t lane, const std::shared_ptr<Block>& block);
     void beginNumbered(TimePoint now);
     void beginControl(std::string frame, TimePoint now);
     void beginBatch(const Entry& entry);
@@ -168,7 +176,10 @@ class Outbox {
     std::map<std::uint32_t, std::shared_ptr<Block>> fUnderWay;  ///< begun and not answered
     std::size_t fBytesUnderWay = 0;
     std::uint32_t fLastTransfer = 0;
+    /// The lane whose first block was too large to be started: no other lane starts a block before.
+    std::optional<std::size_t> fTurn;
     std::vector<std::string> fBlockChannels;
+    std::size_t fChannelsNamed = 0;  ///< that the page knows
 
     Writing fWriting;
     std::size_t fBytes = 0;      ///< of texts and blocks that are held here

@@ -72,23 +72,28 @@ void Page::fail(std::string_view why) noexcept {
     failLocked(why);
 }
 
-bool Page::offer(std::string_view channel, std::size_t lane,
-                 const std::shared_ptr<Transfer>& transfer, TimePoint now) noexcept {
+Page::Part Page::offer(std::string_view channel, std::size_t lane,
+                       const std::shared_ptr<Transfer>& transfer, TimePoint now) noexcept {
     annotated::Lock lock(fMutex);
-    bool isJoined = false;
+    Part part = Part::kRefused;
     try {
-        if (fIsRetired || fIsAway || !fFailure.empty() || !hearsLocked(channel)) return false;
+        if (fIsRetired || fIsAway || !hearsLocked(channel)) return Part::kNone;
+        if (!fFailure.empty() || !takesLocked(transfer->bytes().size())) return part;
         if (!fOutbox.addBlock(lane, channel, transfer, now)) {
             failLocked("the queue is full");
-            return false;
+            return part;
         }
         transfer->join();
-        isJoined = true;
+        part = Part::kJoined;
         if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
     } catch (...) {
         failLocked("no memory for the queue");
     }
-    return isJoined;
+    return part;
+}
+
+bool Page::takesLocked(std::size_t block) const {
+    return block <= fIdentity.maxBlock && fOutbox.canHold(block);
 }
 
 bool Page::hearsLocked(std::string_view channel) {
@@ -148,32 +153,34 @@ void Page::failLocked(std::string_view why) noexcept {
 
 // --- The gateway's thread ----------------------------------------------------------------------
 
-void Page::connectLocked(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello) {
+void Page::connectLocked(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
+                         TimePoint now) {
     fCarrier = std::move(carrier);
     fSocket = socket;
     fIsAway = false;
     fIsWritingLater = false;
     fIsTailLater = false;
-    fOutbox.addControl(hello);
+    fConnectedAt = now;
+    fOutbox.greet(greeting.hello, greeting.channelsNamed);
 }
 
-void Page::attach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+void Page::attach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                   TimePoint now) {
     heard(now);
     {
         annotated::Lock lock(fMutex);
-        connectLocked(std::move(carrier), socket, hello);
+        connectLocked(std::move(carrier), socket, greeting, now);
     }
     write(now);
 }
 
-void Page::reattach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+void Page::reattach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                     std::uint64_t last, TimePoint now, LeavingList& leaving) {
     heard(now);
     {
         annotated::Lock lock(fMutex);
         fOutbox.resume(last, leaving);
-        connectLocked(std::move(carrier), socket, hello);
+        connectLocked(std::move(carrier), socket, greeting, now);
     }
     write(now);
 }
@@ -332,7 +339,8 @@ std::string Page::checkTimes(TimePoint now, LeavingList& leaving) {
     {
         annotated::Lock lock(fMutex);
         if (!fFailure.empty() || fCarrier == nullptr) return fFailure;
-        if (now - fOutbox.waitingSince(now) > fLimits.queue) {
+        // What was kept for an absent page begins to wait when the page is there again.
+        if (now - std::max(fOutbox.waitingSince(now), fConnectedAt) > fLimits.queue) {
             fFailure = "something waited for too long";
         } else if (!fOutbox.dropBlocksBefore(now - fLimits.block, leaving)) {
             fFailure = "a block could not be sent in time";

@@ -38,6 +38,7 @@ class Page {
         std::uint64_t count = 0;  ///< of views, this one included
         std::string client;       ///< a name, from outside
         bool mayReturn = true;
+        std::uint64_t maxBlock = 0;  ///< the largest that it takes, in bytes
     };
 
     /// REQUIRES: `limits` outlives the page.
@@ -50,8 +51,9 @@ class Page {
     /// Queues and, if possible, writes. Never throws: a page for which something cannot be kept
     /// is marked as failed. Answers whether the page hears it.
     bool publish(const Text& text, TimePoint now) noexcept;
-    /// Answers whether the page takes part in the transfer, which it joined then.
-    [[nodiscard]] bool offer(std::string_view channel, std::size_t lane,
+    /// Whether a page takes part in a transfer.
+    enum class Part { kNone, kJoined, kRefused };
+    [[nodiscard]] Part offer(std::string_view channel, std::size_t lane,
                              const std::shared_ptr<Transfer>& transfer, TimePoint now) noexcept;
 
     /// Marks the page as one that has to be closed.
@@ -59,14 +61,20 @@ class Page {
 
     // --- The gateway's thread ---
 
-    /// Gives the page its connection, `hello` first. With `socket` not -1 any thread writes to
-    /// that socket; otherwise the carrier asks for bytes with `collect`.
+    /// What a connection begins with.
+    struct Greeting {
+        std::string hello;
+        std::size_t channelsNamed = 0;  ///< the block channels in it
+    };
+
+    /// Gives the page its connection. With `socket` not -1 any thread writes to that socket;
+    /// otherwise the carrier asks for bytes with `collect`.
     /// REQUIRES: not connected.
-    void attach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+    void attach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                 TimePoint now);
     /// As `attach`, for a page that has everything up to `last`.
     /// REQUIRES: canResume(last).
-    void reattach(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello,
+    void reattach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                   std::uint64_t last, TimePoint now, LeavingList& leaving);
     [[nodiscard]] bool canResume(std::uint64_t last) const;
     /// Takes the connection away: once this has returned nobody writes to the socket. Answers the
@@ -123,6 +131,7 @@ class Page {
 
   private:
     [[nodiscard]] bool hearsLocked(std::string_view channel) REQUIRES_LOCK(fMutex);
+    [[nodiscard]] bool takesLocked(std::size_t block) const REQUIRES_LOCK(fMutex);
     void pushLocked(TimePoint now) REQUIRES_LOCK(fMutex);
     /// Whether a text may have a frame of its own, which is then counted.
     [[nodiscard]] bool mayGoAloneLocked(TimePoint now) REQUIRES_LOCK(fMutex);
@@ -131,8 +140,8 @@ class Page {
     /// What the gateway's thread writes, unless it does so later anyway.
     void write(TimePoint now);
     void failLocked(std::string_view why) noexcept REQUIRES_LOCK(fMutex);
-    void connectLocked(std::shared_ptr<Carrier> carrier, int socket, std::string_view hello)
-        REQUIRES_LOCK(fMutex);
+    void connectLocked(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
+                       TimePoint now) REQUIRES_LOCK(fMutex);
     void checkRoomLocked() REQUIRES_LOCK(fMutex);
 
     const Identity fIdentity;
@@ -148,6 +157,7 @@ class Page {
 
     std::shared_ptr<Carrier> fCarrier GUARDED_BY(fMutex);
     int fSocket GUARDED_BY(fMutex) = -1;
+    TimePoint fConnectedAt GUARDED_BY(fMutex);
     bool fIsRetired GUARDED_BY(fMutex) = false;
     bool fIsAway GUARDED_BY(fMutex) = false;          ///< for so long that it takes no blocks
     bool fIsWritingLater GUARDED_BY(fMutex) = false;  ///< the gateway's thread does, or will

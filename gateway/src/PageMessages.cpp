@@ -60,11 +60,11 @@ class Members {
         return json::serialize(*value);
     }
     [[nodiscard]] bool has(const char* key) const { return find(key) != nullptr; }
-
-  private:
     [[nodiscard]] const json::value* find(const char* key) const {
         return fObject->if_contains(key);
     }
+
+  private:
     [[noreturn]] static void fail(const char* key) {
         throw std::runtime_error(std::string("member \"") + key + "\"");
     }
@@ -81,6 +81,10 @@ Hello readHello(const Members& members) {
     hello.resume = members.flagOr("resume", true);
     hello.view = members.textOr("view", {});
     if (!hello.view.empty()) hello.last = members.number("last");
+    if (const auto* limits = members.find("limits")) {
+        const Members of(*limits);
+        if (of.has("block")) hello.maxBlock = of.number("block");
+    }
     return hello;
 }
 
@@ -188,6 +192,7 @@ std::string helloText(const Welcome& welcome, const Options& options) {
                        {"blockChannels", arrayOf(welcome.blockChannels)},
                        {"subscribed", arrayOf(welcome.subscribed)},
                        {"refused", arrayOf(welcome.refused)},
+                       {"capabilities", {"return", "pieces", "echo"}},
                        {"limits", limitsOf(options.limits)},
                        {"configuration", json::parse(options.configuration)}};
     if (!welcome.ended.empty()) hello["ended"] = welcome.ended;

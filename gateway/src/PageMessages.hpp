@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@ struct Hello {
     bool resume = true;
     std::string view;  ///< empty: no return
     std::uint64_t last = 0;
+    std::uint64_t maxBlock = std::numeric_limits<std::uint64_t>::max();  ///< the largest it takes
 };
 struct Publish {
     std::string channel;
@@ -81,6 +83,7 @@ enum class CloseCode : std::uint16_t {
     kTooSlow = 4003,
     kSilent = 4004,
     kReturnedElsewhere = 4005,
+    kGivenUp = 4900,  ///< by the page, which returns on another connection
 };
 
 enum class ViewKind { kFirst, kFurther, kReturn };

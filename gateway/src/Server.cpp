@@ -1,5 +1,7 @@
 #include "Server.hpp"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <boost/asio/post.hpp>
 #include <stdexcept>
@@ -17,6 +19,7 @@ using std::chrono::steady_clock;
 constexpr milliseconds kAcceptAgain{100};
 /// How long a stopping gateway waits for its pages to close their ends.
 constexpr milliseconds kFarewell{250};
+constexpr milliseconds kStoppingPeriod{5};
 
 asio::ip::address addressOf(const Options& options) {
     error_code error;
@@ -42,6 +45,12 @@ milliseconds periodOf(const Limits& limits) {
     return std::clamp(shortest / 4, milliseconds(5), milliseconds(100));
 }
 
+/// A program that this one starts must not keep a port or a page's connection open.
+void closeOnExec(int descriptor) {
+    // The descriptor is open, so this cannot fail.
+    static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
+}
+
 }  // namespace
 
 Server::Server(std::shared_ptr<Hub> hub) : fAcceptor(fContext), fTick(fContext), fRetry(fContext) {
@@ -51,6 +60,7 @@ Server::Server(std::shared_ptr<Hub> hub) : fAcceptor(fContext), fTick(fContext),
     fHouse.hub = std::move(hub);
     const tcp::endpoint endpoint(addressOf(fHouse.hub->options()), options.port);
     fAcceptor.open(endpoint.protocol());
+    closeOnExec(fAcceptor.native_handle());
     fAcceptor.set_option(tcp::acceptor::reuse_address(true));
     fAcceptor.bind(endpoint);
     fAcceptor.listen();
@@ -85,8 +95,8 @@ void Server::accept() {
 void Server::onAccepted(const error_code& error, tcp::socket socket) {
     if (fIsStopping) return;
     if (!error) {
-        admit(std::move(socket));
-        return accept();
+        accept();  // first: whatever is thrown below, the next one is accepted
+        return admit(std::move(socket));
     }
     // Out of descriptors, most likely: to try again at once would be to spin.
     fHouse.hub->log().peer("cannot accept", error.message(), steady_clock::now());
@@ -108,6 +118,7 @@ void Server::admit(tcp::socket socket) {
         return;
     }
     evictOldest();
+    closeOnExec(socket.native_handle());
     socket.set_option(tcp::no_delay(true), ignored);
     serve(std::move(socket), fHouse);
     if (!fIsTicking) tick();
@@ -130,17 +141,17 @@ void Server::evictOldest() {
 
 void Server::tick() {
     const auto now = steady_clock::now();
-    fIsTicking = true;
-    fHouse.hub->tick(now);
-    const std::vector<Guest*> guests(fHouse.guests.begin(), fHouse.guests.end());
-    for (auto* guest : guests) guest->checkDeadline(now);
-    if (fIsStopping && now >= fStopBy) return dropGuests(true);
     fIsTicking = !fHouse.guests.empty() || !fHouse.hub->isEmpty();
     if (!fIsTicking) return;
+    // Armed first: whatever is thrown below, the limits go on being kept.
     fTick.expires_after(fPeriod);
     fTick.async_wait([this](const error_code& error) {
         if (!error) tick();
     });
+    fHouse.hub->tick(now);
+    const std::vector<Guest*> guests(fHouse.guests.begin(), fHouse.guests.end());
+    for (auto* guest : guests) guest->checkDeadline(now);
+    if (fIsStopping && now >= fStopBy) dropGuests(true);
 }
 
 void Server::stop() noexcept {
@@ -158,6 +169,9 @@ void Server::beginStop() {
     fRetry.cancel();
     dropGuests(false);
     fHouse.hub->shut();
+    // Looks at the time more often now, since the end waits for it.
+    fPeriod = kStoppingPeriod;
+    if (fIsTicking) tick();
 }
 
 void Server::dropGuests(bool authenticatedToo) noexcept {

@@ -53,6 +53,7 @@ void Session::hello(const wire::Hello& hello, const std::shared_ptr<Carrier>& se
     if (fPage != nullptr) throw std::runtime_error("a second hello");
     if (hello.version != 1) return close(wire::CloseCode::kVersion, "unknown version");
     fPage = fHub->welcome(hello, self, fSocket, now);
+    if (fPage == nullptr) close(wire::CloseCode::kStopped, "gateway stopped");
 }
 
 void Session::publish(const wire::Publish& publish, TimePoint now) {

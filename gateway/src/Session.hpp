@@ -33,6 +33,8 @@ class Session {
     /// There was no hello in time.
     void helloOverdue();
 
+    /// Nothing more is listened to.
+    [[nodiscard]] bool isOver() const noexcept { return fIsOver; }
     /// Empty before the hello.
     [[nodiscard]] const std::shared_ptr<Page>& page() const noexcept { return fPage; }
 
@@ -55,7 +57,7 @@ class Session {
     Carrier& fCarrier;
     const int fSocket;
     std::shared_ptr<Page> fPage;
-    bool fIsOver = false;  ///< nothing more is listened to
+    bool fIsOver = false;
     std::array<std::string, kOwnChannels> fOwnChannels;
 };
 

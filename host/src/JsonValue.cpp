@@ -1,4 +1,5 @@
 #include <array>
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
@@ -106,46 +107,44 @@ Value fromBoost(const boost::json::value& value) {
 
 }  // namespace
 
-/// Turns values into Boost.JSON's, whose objects keep the order in which members are put in.
+/// Turns values into Boost.JSON's, in place, whose objects keep the order in which members are put
+/// in. Memory comes from the resource of the outermost value.
 class Writer {
   public:
-    static boost::json::value write(const Value& value) {
-        return std::visit([](const auto& data) { return boost::json::value(toBoost(data)); },
-                          value.fData);
+    static void write(const Value& from, boost::json::value& to) {
+        std::visit([&to](const auto& data) { put(data, to); }, from.fData);
     }
 
   private:
     template <typename Scalar>
-    static const Scalar& toBoost(const Scalar& scalar) {
-        return scalar;
+    static void put(const Scalar& scalar, boost::json::value& to) {
+        to = scalar;
     }
-    static boost::json::string toBoost(const std::shared_ptr<const std::string>& text) {
-        return boost::json::string(*text);
+    static void put(const std::shared_ptr<const std::string>& text, boost::json::value& to) {
+        to.emplace_string() = *text;
     }
-    static boost::json::array toBoost(const std::shared_ptr<const Array>& array) {
-        boost::json::array result;
+    static void put(const std::shared_ptr<const Array>& array, boost::json::value& to) {
+        auto& result = to.emplace_array();
         result.reserve(array->size());
-        for (const auto& element : *array) result.push_back(write(element));
-        return result;
+        for (const auto& element : *array) write(element, result.emplace_back(nullptr));
     }
-    static boost::json::object toBoost(const std::shared_ptr<const Object>& object) {
-        boost::json::object result;
+    static void put(const std::shared_ptr<const Object>& object, boost::json::value& to) {
+        auto& result = to.emplace_object();
         result.reserve(object->size());
-        for (const auto& [key, member] : *object) result.emplace(key, write(member));
-        return result;
+        for (const auto& [key, member] : *object) {
+            write(member, result.emplace(key, nullptr).first->value());
+        }
     }
-    static boost::json::object toBoost(const std::shared_ptr<const TypedArray>& typed) {
-        boost::json::array data;
+    static void put(const std::shared_ptr<const TypedArray>& typed, boost::json::value& to) {
+        auto& result = to.emplace_object();
+        auto& data = result.emplace(kData, boost::json::array_kind).first->value().get_array();
         std::visit(
             [&data](const auto& all) {
                 data.reserve(all.size());
                 for (const auto number : all) data.emplace_back(number);
             },
             *typed);
-        boost::json::object result;
-        result.emplace(kData, std::move(data));
         result.emplace(kType, kTypeNames[typed->index()]);
-        return result;
     }
 };
 
@@ -156,6 +155,14 @@ std::optional<Value> parse(std::string_view text) {
     return fromBoost(value);
 }
 
-std::string serialize(const Value& value) { return boost::json::serialize(Writer::write(value)); }
+std::string serialize(const Value& value) {
+    constexpr std::size_t kUsualSize = 2048;
+    std::array<unsigned char, kUsualSize> buffer;
+    // Gone as a whole when the text is there: an ordinary record costs no allocation but its text.
+    boost::json::monotonic_resource memory(buffer.data(), buffer.size());
+    boost::json::value result(&memory);
+    Writer::write(value, result);
+    return boost::json::serialize(result);
+}
 
 }  // namespace bedrock::json

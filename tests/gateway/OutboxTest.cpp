@@ -151,9 +151,9 @@ TEST_F(OutboxTest, KeepsACommandBehindTheBlocksBeforeIt) {
     std::vector<Future> futures;
     for (int i = 0; i < 3; ++i) futures.push_back(addBlock(outbox, 50));
     addText(outbox, "b");
-    outbox.addControl("{}");
+    outbox.greet("{}", 0);
     // Two blocks under way are enough: the third and what is behind it wait for an answer.
-    EXPECT_EQ(textsOf(write(outbox)), (Texts{kChannel, "{}", "1 a", "block 2", "block 3"}));
+    EXPECT_EQ(textsOf(write(outbox)), (Texts{"{}", kChannel, "1 a", "block 2", "block 3"}));
     answer(outbox, 2, true);
     EXPECT_EQ(textsOf(write(outbox)), (Texts{"block 4", "5 b"}));
     EXPECT_TRUE(futures[1].get().delivered);
