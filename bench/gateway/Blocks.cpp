@@ -22,7 +22,7 @@ using std::chrono::steady_clock;
 
 constexpr std::size_t kBlockSize = std::size_t{1} << 20U;
 
-/// The same block over and over, to a client that only receives.
+/// The same block over and over, to a client that only receives, each one whole.
 void sendRaw(benchmark::State& state, std::size_t count) {
     const Listener listener;
     const Socket client(listener.port());
@@ -32,8 +32,12 @@ void sendRaw(benchmark::State& state, std::size_t count) {
         const auto start = steady_clock::now();
         auto read = std::async(std::launch::async, [&client, count] {
             std::vector<char> buffer(kBlockSize);
-            std::size_t left = count * kBlockSize;
-            while (left > 0) left -= client.receive(buffer.data(), buffer.size());
+            for (std::size_t i = 0; i < count; ++i) {
+                std::size_t got = 0;
+                while (got < kBlockSize) {
+                    got += client.receive(buffer.data() + got, kBlockSize - got);
+                }
+            }
         });
         for (std::size_t i = 0; i < count; ++i) server.send(block);
         read.get();

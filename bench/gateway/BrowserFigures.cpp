@@ -116,7 +116,7 @@ Figure browserFigure(const char* name, const char* unit, const std::string& chan
 std::vector<Figure> browserFigures(const Effort& effort) {
     return {
         browserFigure("page, texts", "ns/text", kTexts, effort.quick ? 1'000 : 200'000, sendTexts),
-        browserFigure("page, 1 MiB blocks", "ns/block", kBlockChannel, effort.quick ? 20 : 300,
+        browserFigure("page, blocks", "ns/block", kBlockChannel, effort.quick ? 20 : 300,
                       sendBlocks)};
 }
 
