@@ -52,10 +52,12 @@ Page::Page(Identity identity, const Limits& limits, std::size_t lanes, TimePoint
 
 // --- Publishing threads ------------------------------------------------------------------------
 
-bool Page::publish(const Text& text, TimePoint now) noexcept {
+bool Page::publish(const Text& text) noexcept {
     annotated::Lock lock(fMutex);
     try {
         if (fIsRetired || !fFailure.empty() || !hearsLocked(text.channel)) return false;
+        // To ask the clock takes longer than to copy a text; in a burst the last look is recent.
+        const auto now = fIsTailLater ? fLookedAt : std::chrono::steady_clock::now();
         if (fOutbox.addText(text.lane, text.channel, text.text, text.isBase64, now)) {
             pushLocked(now);
         } else {
@@ -110,13 +112,17 @@ void Page::pushLocked(TimePoint now) {
         writeLocked(now);
     } else if (!fIsTailLater) {
         fIsTailLater = true;
+        fLookedAt = now;
         fCarrier->awaitTail();
     }
 }
 
 bool Page::mayGoAloneLocked(TimePoint now) {
     const auto all = now - kCredit * kEarnedIn;
-    if (fHasSpoken.exchange(false, std::memory_order_relaxed)) fSpentUntil = all;
+    if (fHasSpoken) {
+        fHasSpoken = false;
+        fSpentUntil = all;
+    }
     fSpentUntil = std::max(fSpentUntil, all);
     if (fSpentUntil >= now) return false;
     fSpentUntil += kEarnedIn;
@@ -249,6 +255,7 @@ bool Page::writeTail(TimePoint now) {
         annotated::Lock lock(fMutex);
         fIsTailLater = fCarrier != nullptr && !fIsWritingLater && !isEmpty(fOutbox.pending(now));
         if (!fIsTailLater) return false;
+        fLookedAt = now;
         fIsWritingLater = true;
     }
     writeMore(now);

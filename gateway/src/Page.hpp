@@ -50,7 +50,7 @@ class Page {
 
     /// Queues and, if possible, writes. Never throws: a page for which something cannot be kept
     /// is marked as failed. Answers whether the page hears it.
-    bool publish(const Text& text, TimePoint now) noexcept;
+    bool publish(const Text& text) noexcept;
     /// Whether a page takes part in a transfer.
     enum class Part { kNone, kJoined, kRefused };
     [[nodiscard]] Part offer(std::string_view channel, std::size_t lane,
@@ -162,6 +162,7 @@ class Page {
     bool fIsAway GUARDED_BY(fMutex) = false;          ///< for so long that it takes no blocks
     bool fIsWritingLater GUARDED_BY(fMutex) = false;  ///< the gateway's thread does, or will
     bool fIsTailLater GUARDED_BY(fMutex) = false;     ///< the carrier will call `writeTail`
+    TimePoint fLookedAt GUARDED_BY(fMutex);           ///< at the burst whose tail that is
     TimePoint fSpentUntil GUARDED_BY(fMutex);         ///< on texts with a frame of their own
     std::string fFailure GUARDED_BY(fMutex);
 };
