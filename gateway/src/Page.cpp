@@ -200,6 +200,7 @@ std::string Page::detach() {
     annotated::Lock lock(fMutex);
     fCarrier = nullptr;
     fSocket = -1;
+    fIsTailLater = false;
     return fOutbox.detach();
 }
 
