@@ -52,9 +52,10 @@ function scaleOf(plot) {
     return uPlot.pxRatio * Math.min(1, plot.width / WIDE);
 }
 
-/** Pixels of a point's radius, by the earthquake's magnitude. @param {number} magnitude */
+/** Pixels of a point's radius, by the earthquake's magnitude, which may be unknown: not a number.
+ * @param {number} magnitude */
 function radiusOf(magnitude) {
-    return 1 + 0.9 * Math.max(0, magnitude);
+    return 1 + (magnitude > 0 ? 0.9 * magnitude : 0);
 }
 
 /** @param {uPlot} plot @param {Item} path two numbers an element @returns {Path2D} */
@@ -116,47 +117,56 @@ function fillColumns(plot, line, { stroke, width }) {
 
 /** Points on a canvas of their own, to which those that are appended are added. */
 class PointLayer {
-    /** @type {PointPicture | null} */
-    #picture = null;
+    #picture = new PointPicture(1, 1, [0, 0, 0]);
+    #pixels = new ImageData(1, 1);
     #canvas = new OffscreenCanvas(1, 1);
-    #key = "";
+    /** What the picture is made for, and which points it shows how many of. */
+    #format = "";
+    #content = "";
     #drawn = 0;
 
     /** @param {uPlot} plot @param {Item} points four numbers an element */
     draw(plot, points) {
         const { left, top, width, height } = plot.bbox;
         const { x, y } = plot.scales;
-        const key = [width, height, x.min, x.max, y.min, y.max, points.generation, points.color];
-        if (this.#key !== key.join()) {
-            this.#key = key.join();
+        const format = [width, height, points.color].join();
+        if (this.#format !== format) {
+            this.#format = format;
             this.#picture = new PointPicture(width, height, points.color);
-            this.#canvas.width = width;
-            this.#canvas.height = height;
+            this.#pixels = new ImageData(width, height);
+            this.#canvas = new OffscreenCanvas(width, height);
+            this.#content = "";
+        }
+        const content = [x.min, x.max, y.min, y.max, points.generation].join();
+        const isNew = this.#content !== content;
+        if (isNew) {
+            this.#content = content;
+            this.#picture.clear();
             this.#drawn = 0;
         }
-        this.#add(plot, points);
+        if (isNew || this.#drawn !== points.count) this.#add(plot, points);
         plot.ctx.drawImage(this.#canvas, left, top);
     }
 
     /** @param {uPlot} plot @param {Item} points */
     #add(plot, points) {
         const picture = this.#picture;
-        if (!picture || this.#drawn === points.count) return;
         const { x, y } = plot.scales;
         const perX = picture.width / (Number(x.max) - Number(x.min));
         const perY = picture.height / (Number(y.max) - Number(y.min));
+        const { count, columns } = points;
         const { values } = points.data;
         const scale = scaleOf(plot);
-        for (; this.#drawn < points.count; ++this.#drawn) {
-            const at = this.#drawn * points.columns;
+        for (; this.#drawn < count; ++this.#drawn) {
+            const at = this.#drawn * columns;
             picture.stamp(
                 (values[at] - Number(x.min)) * perX,
                 (Number(y.max) - values[at + 1]) * perY,
                 radiusOf(values[at + 3]) * scale,
             );
         }
-        const pixels = new ImageData(picture.bytes, picture.width, picture.height);
-        this.#canvas.getContext("2d")?.putImageData(pixels, 0, 0);
+        picture.write(new Uint32Array(this.#pixels.data.buffer));
+        this.#canvas.getContext("2d")?.putImageData(this.#pixels, 0, 0);
     }
 }
 

@@ -28,6 +28,8 @@ class Page {
     #channels = null;
     /** When the text at hand came, in microseconds since 1970. */
     #received = 0;
+    /** Whether everything was asked for again and nothing has been drawn since. */
+    #asked = false;
     /** Once an animation frame has been painted, a message on this channel runs its tasks. */
     #painted = new MessageChannel();
     /** @type {(() => void)[]} */
@@ -144,7 +146,17 @@ class Page {
         const { ACT, serverSendTS } = command;
         const reply = { ACT, serverSendTS, clientReceiveTS: received, clientSendTS: sent, outcome };
         this.connection.publish(command.returnChannel, JSON.stringify(reply));
+        if (outcome === "failed") this.#askForAll();
+        else this.#asked = false;
         this.status.countFlush(sent - (serverSendTS ?? received));
+    }
+
+    /** What failed may have left a figure without what comes next builds on. Once: a figure that
+     * always fails would be sent again and again. */
+    #askForAll() {
+        const channel = this.#channels?.newView;
+        if (channel && !this.#asked) this.connection.publish(channel, "{}");
+        this.#asked = true;
     }
 
     /** @param {Error} error */

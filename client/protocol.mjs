@@ -158,9 +158,6 @@ export class Connection {
     #queued = 0;
     /** The page's own block channels. @type {Map<string, number>} */
     #ownChannels = new Map();
-    #echoes = 0;
-    /** @type {Map<number, () => void>} */
-    #echoWaits = new Map();
 
     /** Bytes and characters of frames, since the page began. */
     received = 0;
@@ -234,14 +231,6 @@ export class Connection {
     unsubscribe(channels) {
         for (const channel of channels) this.#subscriptions.delete(channel);
         if (this.#live) this.#send({ t: "unsubscribe", channels });
-    }
-
-    /** Resolves when the gateway has acted upon everything sent before; never if the connection is
-     * lost first. REQUIRES: live. @returns {Promise<void>} */
-    settled() {
-        const id = ++this.#echoes;
-        this.#send({ t: "echo", id });
-        return new Promise((resolve) => this.#echoWaits.set(id, resolve));
     }
 
     /** Tries again now, also after a refusal. Does nothing while a connection is there or coming. */
@@ -334,7 +323,6 @@ export class Connection {
         this.#clearTimers();
         this.#outgoing = [];
         this.#ownChannels.clear();
-        this.#echoWaits.clear();
         return socket;
     }
 
@@ -391,10 +379,6 @@ export class Connection {
                 return this.#passWithdrawn();
             case "refused":
                 return this.#handlers.onRefused?.(message.what, message.channel, message.reason);
-            case "echo":
-                this.#echoWaits.get(message.id)?.();
-                this.#echoWaits.delete(message.id);
-                return undefined;
             default:
                 return undefined;
         }

@@ -1,18 +1,22 @@
 // Arbitrary text as a client's message: every getter on every field.
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "Fuzz.hpp"
 #include "kiro/web/JSONObject.hpp"
 #include "kiro/web/binary/DataID.hpp"
+#include "ui_objects/Cookie.hpp"
 
 namespace {
 
 using fuzz::require;
 using kiro::web::JSONObject;
 using kiro::web::binary::DataID;
+using ui_objects::Cookie;
 
 /// Reads `key` twice into different values: what is read does not depend on what was there, and
 /// what is not read is left alone.
@@ -51,6 +55,20 @@ void checkNumbers(const JSONObject& object, const std::string& key) {
 void checkTexts(const JSONObject& object, const std::string& key) {
     std::string text = "before";
     require(read(object, key, text, std::string("other")), "every field has a text");
+
+    std::vector<std::string> texts;  // which a failure may change
+    if (object.getValue(key, texts)) {
+        require(text.starts_with('[') && text.ends_with(']'), "a list of texts is an array");
+    }
+    float narrow = 1;
+    double wide = 1;
+    require(read(object, key, narrow, 2.0F) == read(object, key, wide, 2.0), "both or none");
+    require(std::isnan(wide) || narrow == static_cast<float>(wide), "a float is a double's");
+    Cookie handle(1);
+    read(object, key, handle, Cookie(2));
+    Cookie again(3);
+    const JSONObject written(R"({"k":")" + std::to_string(handle.value()) + R"("})");
+    require(written.getValue("k", again) && again == handle, "a handle is read as it is written");
 
     DataID id(1);
     DataID expected;

@@ -2,6 +2,7 @@
 
 #include <boost/json/serialize.hpp>
 #include <boost/json/string.hpp>
+#include <deque>
 #include <iostream>
 #include <string>
 #include <utility>
@@ -35,11 +36,12 @@ void sayError(const std::string& error) {
     say("script error " + boost::json::serialize(boost::json::string(error.substr(0, kLongest))));
 }
 
-void sayTimeout(const Options& options, const kirogateway::Gateway& gateway, bool announced) {
+void sayTimeout(const Options& options, const kirogateway::Gateway& gateway, bool announced,
+                const std::deque<engine::Latency>& latest) {
     const std::string pages = gateway.diagnostics();
     const std::string cause = timeoutCause(announced, pages);
     say("a flush timed out: " + cause);
-    if (options.diagnostics) writeDiagnostics(*options.diagnostics, cause, pages);
+    if (options.diagnostics) writeDiagnostics(*options.diagnostics, cause, pages, latest);
 }
 
 /// Asks the gateway, and says when the answer has changed.
@@ -71,7 +73,9 @@ int runForPages(const Options& options) {
     engine::Engine::Hooks hooks;
     hooks.stopped = [&signals] { return signals.came(); };
     hooks.clientGone = [&gateway, &gone] { return isClientGone(gateway, gone); };
-    hooks.timedOut = [&](bool announced) { sayTimeout(options, gateway, announced); };
+    hooks.timedOut = [&](bool announced, const std::deque<engine::Latency>& latest) {
+        sayTimeout(options, gateway, announced, latest);
+    };
     hooks.clientError = sayError;
     engine::Engine engine(data, nullptr, hooks);
     printResult(engine.run({options.frames, options.duration, options.speed}));

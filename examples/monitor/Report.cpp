@@ -1,6 +1,5 @@
 #include "Report.hpp"
 
-#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <ostream>
@@ -14,20 +13,20 @@ namespace {
 
 using std::chrono::microseconds;
 
-/// The value below which the given share of `values` lies.
-std::string percentile(std::vector<microseconds> values, double share) {
+std::string bothPercentiles(const std::vector<microseconds>& values) {
     if (values.empty()) return "-";
-    const auto index = static_cast<std::size_t>(share * static_cast<double>(values.size() - 1));
-    const auto at = values.begin() + static_cast<std::ptrdiff_t>(index);
-    std::nth_element(values.begin(), at, values.end());
+    using Milliseconds = std::chrono::duration<double, std::milli>;
     std::ostringstream text;
     text << std::fixed << std::setprecision(3)
-         << std::chrono::duration<double, std::milli>(*at).count() << " ms";
+         << Milliseconds(engine::percentile(values, 0.5)).count() << " ms / "
+         << Milliseconds(engine::percentile(values, 0.99)).count() << " ms";
     return text.str();
 }
 
-std::string bothPercentiles(const std::vector<microseconds>& values) {
-    return percentile(values, 0.5) + " / " + percentile(values, 0.99);
+std::vector<microseconds> timesAtClient(const std::deque<engine::Latency>& latencies) {
+    std::vector<microseconds> times;
+    for (const auto& latency : latencies) times.push_back(latency.atClient);
+    return times;
 }
 
 std::uint64_t sumOf(const WarningLog::Counts& counts) {
@@ -166,8 +165,9 @@ void printTable(std::ostream& out, const Run& run) {
     row(out, "  received as text", client.received.textBlocks);
     row(out, "bytes", engine.traffic.commandBytes + engine.traffic.blockBytes);
     row(out, "backlog at ready", trafficText(engine.backlog));
-    row(out, "flush latency p50 / p99", bothPercentiles(engine.flushes));
-    row(out, "  of it at the client", bothPercentiles(engine.clientTimes));
+    row(out, "flush latency p50 / p99",
+        bothPercentiles({engine.flushes.begin(), engine.flushes.end()}));
+    row(out, "  of it at the client", bothPercentiles(timesAtClient(engine.latencies)));
     row(out, "tokens dropped", client.tokensDropped);
     row(out, "blocks failed", client.blocksFailed);
     row(out, "picks", client.picks);

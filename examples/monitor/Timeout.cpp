@@ -1,9 +1,12 @@
 #include "Timeout.hpp"
 
 #include <algorithm>
+#include <array>
 #include <boost/json.hpp>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "kiroutils/Logger.hpp"
 
@@ -23,6 +26,26 @@ bool lagsBehind(const json::value& page) {
            page.at("nextMessage").to_number<std::uint64_t>();
 }
 
+constexpr std::array<std::pair<const char*, std::chrono::microseconds engine::Latency::*>, 4>
+    kParts{{{"toClient", &engine::Latency::toClient},
+            {"atClient", &engine::Latency::atClient},
+            {"toEngine", &engine::Latency::toEngine},
+            {"total", &engine::Latency::total}}};
+
+/// Of each part by itself, in microseconds: the last, and what half and nearly all stay below.
+json::object latencyParts(const std::deque<engine::Latency>& latest) {
+    json::object text{{"flushes", latest.size()}};
+    if (latest.empty()) return text;
+    for (const auto& [name, part] : kParts) {
+        std::vector<std::chrono::microseconds> values;
+        for (const auto& latency : latest) values.push_back(latency.*part);
+        text[name] = json::object{{"last", values.back().count()},
+                                  {"p50", engine::percentile(values, 0.5).count()},
+                                  {"p99", engine::percentile(values, 0.99).count()}};
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string timeoutCause(bool announced, const std::string& pages) {
@@ -37,13 +60,15 @@ std::string timeoutCause(bool announced, const std::string& pages) {
 }
 
 void writeDiagnostics(const std::filesystem::path& file, const std::string& cause,
-                      const std::string& pages) {
+                      const std::string& pages, const std::deque<engine::Latency>& latest) {
     json::array history;
     for (const std::string& record : kiroutils::Logger::instance().history(kHistory)) {
         history.emplace_back(record);
     }
-    const json::object bundle{
-        {"cause", cause}, {"gateway", json::parse(pages)}, {"history", std::move(history)}};
+    const json::object bundle{{"cause", cause},
+                              {"gateway", json::parse(pages)},
+                              {"latency", latencyParts(latest)},
+                              {"history", std::move(history)}};
     std::ofstream out(file);
     out << json::serialize(bundle) << '\n';
     if (!out.flush()) throw std::runtime_error(file.string() + ": cannot be written");

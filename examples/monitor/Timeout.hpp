@@ -1,7 +1,10 @@
 #pragma once
 
+#include <deque>
 #include <filesystem>
 #include <string>
+
+#include "engine/Latency.hpp"
 
 namespace monitor {
 
@@ -9,9 +12,10 @@ namespace monitor {
 /// itself; `pages`: the gateway's diagnostics.
 [[nodiscard]] std::string timeoutCause(bool announced, const std::string& pages);
 
-/// Writes what is known, as one JSON object: "cause", "gateway" (`pages`) and "history", what
-/// clients and engine said last. Throws `std::runtime_error` when the file cannot be written.
+/// Writes what is known, as one JSON object: "cause", "gateway" (`pages`), "latency", what the
+/// parts of the latest flushes took, and "history", what clients and engine said last. Throws
+/// `std::runtime_error` when the file cannot be written.
 void writeDiagnostics(const std::filesystem::path& file, const std::string& cause,
-                      const std::string& pages);
+                      const std::string& pages, const std::deque<engine::Latency>& latest);
 
 }  // namespace monitor

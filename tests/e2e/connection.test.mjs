@@ -1,173 +1,91 @@
 // What pages do to the monitor, and networks to both.
 import assert from "node:assert/strict";
-import { once } from "node:events";
 import { mkdtemp, readFile, rm } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
-import { after, before, beforeEach, afterEach, test } from "node:test";
+import { test } from "node:test";
 
-import { WebSocket } from "../client/support/packages.mjs";
-import { ScriptedGateway } from "../client/support/scripted_gateway.mjs";
-import { launchBrowser, openPage } from "./support/browser.mjs";
-import { Monitor } from "./support/monitor.mjs";
-import { assertClean, errorsOf, outcomesOf, untilMore, untilState } from "./support/page.mjs";
-import { Proxy } from "./support/proxy.mjs";
-import { RawBrowser } from "./support/raw_browser.mjs";
+import { assertClean, outcomesOf, untilMore, untilState } from "./support/page.mjs";
+import { Stage } from "./support/stage.mjs";
+import { Tab } from "./support/tabs.mjs";
 
-let browser;
-let monitor;
-let cleanUps;
+const stage = new Stage();
 
-before(async () => (browser = await launchBrowser()));
-after(() => browser?.close());
-beforeEach(() => {
-    monitor = undefined;
-    cleanUps = [];
-});
-afterEach(async () => {
-    for (const cleanUp of cleanUps.reverse()) await cleanUp();
-    await monitor?.kill();
-});
-
-async function newPage(options) {
-    const page = await openPage(browser, options);
-    cleanUps.push(() => page.context().close());
-    return page;
-}
-
-/** The monitor, and a page that it draws to. */
-async function start({ options = [], context } = {}) {
-    monitor = await Monitor.start(...options);
-    const page = await newPage(context);
-    await page.goto(monitor.link);
-    await untilMore(page, "painted", 5);
-    return page;
-}
-
-async function startBehindProxy(options = []) {
-    const proxy = await Proxy.start();
-    cleanUps.push(() => proxy.stop());
-    return { proxy, page: await start({ options, context: { proxy: proxy.settings } }) };
-}
-
-/** The status with which the gateway refuses an upgrade. */
-async function refusalOf(headers) {
-    const url = `${monitor.address.replace("http", "ws")}kiroweb`;
-    const socket = new WebSocket(url, "kiroweb.v1", { headers });
-    const [, response] = await once(socket, "unexpected-response");
-    socket.on("error", () => {});
-    socket.terminate();
-    return response.statusCode;
-}
-
-test("SIGINT ends it with status 0, with and without a page", async () => {
-    monitor = await Monitor.start();
-    assert.equal((await monitor.result()).status, 0);
-    const page = await start();
-    const result = await monitor.result();
-    assert.equal(result.status, 0);
-    assert.match(await untilState(page, "reconnecting"), /gateway stopped|no connection/);
-});
-
-test("A script error is reported, costs its frame at once, and the figures go on", async () => {
-    const page = await start();
+test("A script error is reported, costs its frame at once, and the figure is made whole", async () => {
+    const { monitor, page } = await stage.start();
     await page.evaluate(() => {
         const { scene } = kirowebPage;
-        scene.apply = () => {
+        const { apply } = Object.getPrototypeOf(scene);
+        scene.apply = (command, data) => {
+            if (command.cmd !== "appendData") return apply.call(scene, command, data);
             delete scene.apply;
             throw new Error("a broken figure");
         };
     });
     await monitor.line(/script error .*a broken figure/);
     await untilMore(page, "painted", 5);
-    assert.equal((await outcomesOf(page)).failed, 1);
-    const { failed, timedOut } = await monitor.result();
-    assert.deepEqual({ failed, timedOut }, { failed: 1, timedOut: 0 }, monitor.said);
+    // The engine may have sent the next frame already when it hears that the page wants all.
+    const { failed } = await outcomesOf(page);
+    assert.ok(failed === 1 || failed === 2, `${failed} failed`);
+    await monitor.end({ failed: [0, 1, 2] });
 });
 
-test("A reloaded page sees everything again", async () => {
-    const page = await start();
-    await page.reload();
-    await untilMore(page, "painted", 5);
-    assert.equal(await page.locator("canvas").count(), 2);
-    const { failed, timedOut } = await monitor.result();
-    assert.deepEqual({ failed, timedOut }, { failed: 0, timedOut: 0 }, monitor.said);
-    assert.deepEqual(await errorsOf(page), []);
-});
-
-test("Every page sees everything, and the engine goes on with those that are left", async () => {
-    const first = await start();
-    const second = await newPage();
+test("Every page sees everything, reloaded or not; the engine goes on with those that are left", async () => {
+    const { monitor, page: first } = await stage.start();
+    const second = await stage.page();
     await second.goto(monitor.link);
+    await untilMore(second, "painted", 5);
+    await first.reload();
     await Promise.all([untilMore(first, "painted", 5), untilMore(second, "painted", 5)]);
     const coast = (page) => page.evaluate(() => kirowebPage.scene.named("quakes.coast").count);
-    assert.equal(await coast(second), await coast(first));
-    await first.close();
-    await untilMore(second, "painted", 20);
-    assert.doesNotMatch(monitor.said, /client gone/);
-    await assertClean(second);
+    assert.equal(await coast(first), await coast(second));
     await second.close();
+    await untilMore(first, "painted", 20);
+    assert.doesNotMatch(monitor.said, /client gone/);
+    await assertClean(first);
+    await first.goto("about:blank");
     await monitor.line(/client gone/);
-    const { status, failed, timedOut } = await monitor.result();
-    assert.deepEqual({ status, failed, timedOut }, { status: 0, failed: 0, timedOut: 0 }, monitor.said);
+    await first.goBack();
+    await untilMore(first, "painted", 5);
+    await monitor.end();
+    assert.match(await untilState(first, "reconnecting"), /gateway stopped|no connection/);
 });
 
 test("A hidden page answers without painting, and paints when it is shown", async () => {
-    monitor = await Monitor.start();
-    const raw = await RawBrowser.launch();
-    cleanUps.push(() => raw.close());
-    const tab = await raw.open(monitor.link);
-    await raw.until(tab, "globalThis.kirowebPage?.outcomes.painted >= 5");
-    const other = await raw.open("about:blank");
-    await raw.show(other);
-    await raw.until(tab, "document.hidden && kirowebPage.outcomes.hidden >= 20");
-    const painted = await raw.evaluate(tab, "kirowebPage.outcomes.painted");
-    await raw.until(tab, "kirowebPage.outcomes.hidden >= 40");
-    assert.equal(await raw.evaluate(tab, "kirowebPage.outcomes.painted"), painted);
-    await raw.show(tab);
-    await raw.until(tab, `kirowebPage.outcomes.painted >= ${painted + 5}`);
-    const { failed, timedOut } = await monitor.result();
-    assert.deepEqual({ failed, timedOut }, { failed: 0, timedOut: 0 }, monitor.said);
+    const monitor = await stage.monitor();
+    const session = await stage.browser.newBrowserCDPSession();
+    const tab = await Tab.open(session, monitor.link);
+    stage.defer(() => tab.close());
+    await tab.until("globalThis.kirowebPage?.outcomes.painted >= 5");
+    const other = await Tab.open(session, "about:blank");
+    stage.defer(() => other.close());
+    const painted = await tab.until("document.hidden && kirowebPage.outcomes.hidden >= 20 && kirowebPage.outcomes.painted");
+    assert.equal(await tab.until("kirowebPage.outcomes.hidden >= 40 && kirowebPage.outcomes.painted"), painted);
+    await tab.show();
+    await tab.until(`kirowebPage.outcomes.painted >= ${painted + 5}`);
+    await monitor.end();
 });
 
-test("After a cut the page returns to its view, and nothing is missing", async () => {
-    const { proxy, page } = await startBehindProxy();
-    for (let round = 0; round < 3; ++round) {
-        proxy.cut();
-        await untilState(page, "reconnecting");
+test("A page whose connection was lost returns to its view, and nothing is missing", async () => {
+    const { proxy, monitor, page } = await stage.startBehindProxy();
+    const losses = [["cut", 0, /lost|no connection/], ["cut", 40, /lost|no connection/], ["stall", 0, /silent/]];
+    for (const [how, delay, reason] of losses) {
+        proxy[how]();
+        assert.match(await untilState(page, "reconnecting"), reason);
+        proxy.delay = delay;
         proxy.mend();
         await untilState(page, "live");
         await untilMore(page, "painted", 5);
     }
-    assert.deepEqual(await errorsOf(page), []);
-    const { failed, timedOut, returns, views } = await monitor.result();
-    assert.deepEqual({ failed, timedOut, views }, { failed: 0, timedOut: 0, views: 0 }, monitor.said);
-    assert.ok(returns <= 3, monitor.said);
-});
-
-test("Behind a slow network the figures go on", async () => {
-    const { proxy, page } = await startBehindProxy();
-    proxy.delay = 40;
-    await untilMore(page, "painted", 10);
-    await assertClean(page);
-    assert.equal((await monitor.result()).timedOut, 0);
-});
-
-test("A network that has gone silent is given up, and the page returns", async () => {
-    const { proxy, page } = await startBehindProxy();
-    proxy.stall();
-    assert.match(await untilState(page, "reconnecting"), /silent/);
-    proxy.mend();
-    await untilState(page, "live");
-    await untilMore(page, "painted", 5);
-    assert.deepEqual(await errorsOf(page), []);
+    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
+    await monitor.end({ views: 0 });
 });
 
 test("A frozen page is named as the cause of a time-out, and goes on when it wakes", async () => {
     const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
-    cleanUps.push(() => rm(folder, { recursive: true }));
+    stage.defer(() => rm(folder, { recursive: true }));
     const file = join(folder, "diagnostics.json");
-    const page = await start({ options: ["--timeout", "1", "--diagnostics", file] });
+    const { monitor, page } = await stage.start({ options: ["--timeout", "1", "--diagnostics", file] });
     await page.evaluate(() => kirowebPage.flusher.fail(new Error("to be remembered")));
     await monitor.line(/to be remembered/);
     await untilMore(page, "painted", 1);
@@ -177,44 +95,35 @@ test("A frozen page is named as the cause of a time-out, and goes on when it wak
     await monitor.line(/timed out: client stalled/);
     await devtools.send("Debugger.disable");
     await untilMore(page, "painted", 5);
-    const { cause, gateway, history } = JSON.parse(await readFile(file, "utf8"));
-    assert.equal(cause, "client stalled");
-    assert.equal(gateway.pages, 1);
+    const { cause, gateway, latency, history } = JSON.parse(await readFile(file, "utf8"));
+    assert.deepEqual([cause, gateway.pages], ["client stalled", 1]);
     assert.ok(history.some((entry) => entry.includes("to be remembered")), "the history has the error");
+    const { toClient, atClient, toEngine, total } = latency;
+    assert.ok(latency.flushes >= 6 && atClient.p50 > 0 && atClient.p50 <= atClient.p99, "the page's part");
+    assert.equal(toClient.last + atClient.last + toEngine.last, total.last);
 });
 
 test("Who does not have the token is refused, and told what to do", async () => {
-    monitor = await Monitor.start();
-    const page = await newPage();
-    const response = await page.goto(`${monitor.address}?token=${"0".repeat(64)}`);
+    const monitor = await stage.monitor();
+    const page = await stage.page();
+    const response = await page.goto(`${monitor.origin}/?token=${"0".repeat(64)}`);
     assert.equal(response.status(), 403);
-    await page.goto(monitor.address);
+    await page.goto(monitor.origin);
     assert.match(await untilState(page, "refused"), /link/);
-    assert.equal(await refusalOf({ Origin: monitor.address.slice(0, -1) }), 403);
     await page.goto(monitor.link);
     await untilMore(page, "painted", 3);
 });
 
 test("A page of another origin is refused, although the browser has the cookie", async () => {
-    const page = await start();
-    const [cookie] = await page.context().cookies();
-    assert.deepEqual([cookie.httpOnly, cookie.sameSite], [true, "Strict"]);
-    const own = monitor.address.slice(0, -1);
-    const Cookie = `${cookie.name}=${cookie.value}`;
-    for (const Origin of ["http://127.0.0.1:1", "null", "http://localhost.evil.example", `${own}.example`]) {
-        assert.equal(await refusalOf({ Origin, Cookie }), 403, Origin);
-    }
-    const stranger = await ScriptedGateway.start((_, response) => {
-        response.setHeader("content-type", "text/html").end("<p>stranger");
-    });
-    cleanUps.push(() => stranger.stop());
-    const other = await page.context().newPage();
-    await other.goto(`http://127.0.0.1:${stranger.port}/`);
-    const opened = await other.evaluate((url) => new Promise((resolve) => {
+    const { monitor, page } = await stage.start();
+    const stranger = await page.context().newPage();
+    await stranger.route("**", (route) => route.fulfill({ contentType: "text/html", body: "stranger" }));
+    await stranger.goto("http://127.0.0.1:8080/");
+    const opened = await stranger.evaluate((url) => new Promise((resolve) => {
         const socket = new WebSocket(url, "kiroweb.v1");
         socket.onopen = () => resolve(true);
         socket.onerror = () => resolve(false);
-    }), `${monitor.address.replace("http", "ws")}kiroweb`);
+    }), monitor.socket);
     assert.equal(opened, false);
     await untilMore(page, "painted", 3);
 });

@@ -1,38 +1,27 @@
 // What the monitor's page shows.
 import assert from "node:assert/strict";
-import { after, before, beforeEach, afterEach, test } from "node:test";
+import { test } from "node:test";
 
-import { launchBrowser, openPage } from "./support/browser.mjs";
 import { readCoast, readEcg, readQuakes } from "./support/data.mjs";
-import { Monitor } from "./support/monitor.mjs";
-import { assertClean, errorsOf, outcomesOf, pictureOf, untilMore, untilState } from "./support/page.mjs";
+import { assertClean, outcomesOf, pictureOf, untilMore } from "./support/page.mjs";
+import { Stage } from "./support/stage.mjs";
 
-let browser;
-let monitor;
-let page;
+const stage = new Stage();
 
-before(async () => (browser = await launchBrowser()));
-after(() => browser?.close());
-beforeEach(async () => {
-    monitor = undefined;
-    page = await openPage(browser, { colorScheme: "light" });
-});
-afterEach(async () => {
-    await page.context().close();
-    await monitor?.kill();
-});
-
-/** Runs the monitor for so many frames, as fast as the page draws. */
-async function draw(frames) {
-    monitor = await Monitor.start("--speed", "max", "--frames", String(frames));
+/** Has so many frames drawn, as fast as the page can, and checks what is shown then. */
+async function draw(page, frames) {
+    const monitor = await stage.monitor("--speed", "max", "--frames", String(frames));
     await page.goto(monitor.link);
-    const result = await monitor.result({ interrupt: false });
-    const clean = { status: 0, frames, drawn: frames, failed: 0, timedOut: 0, left: 0, views: 0, returns: 0 };
-    assert.deepEqual(result, clean, monitor.said);
+    await monitor.end({ frames, drawn: frames, left: 0, views: 0, returns: 0 }, { asked: false });
+    // The last token went back after its frame was painted.
+    checkEcg(await pictureOf(page, "ecg.axes"), frames);
+    checkMap(await pictureOf(page, "quakes.axes"), frames % 300);
+    assert.deepEqual(await outcomesOf(page), { painted: frames, hidden: 0, failed: 0 });
+    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
 }
 
 /** For the README, when a file is named: with the chart full and the week well under way. */
-async function keepScreenshot() {
+async function keepScreenshot(page) {
     const path = process.env.KIROWEB_SCREENSHOT;
     if (!path) return;
     await page.setViewportSize({ width: 1280, height: 430 });
@@ -85,27 +74,17 @@ function checkMap(picture, frames) {
     assert.deepEqual(missing, []);
 }
 
-test("Both figures show their data, from a backlog that came before the page", async () => {
-    await draw(200);
-    // The last token went back after its frame was painted.
-    checkEcg(await pictureOf(page, "ecg.axes"), 200);
-    checkMap(await pictureOf(page, "quakes.axes"), 200);
-    assert.equal(await page.title(), "kiroweb");
+test("A thousand flushes show the data, from a backlog that came before the page", async () => {
+    const page = await stage.page({ colorScheme: "light" });
+    await draw(page, 1000);
     assert.deepEqual(await page.locator("h2").allTextContents(), [
         "Electrocardiogram – one lead, 360 Hz", "Earthquakes, 31 January – 7 February 2018",
     ]);
-    assert.equal(page.url(), monitor.address);
-    assert.deepEqual(await errorsOf(page), []);
-});
-
-test("A thousand flushes are a thousand frames on the screen", async () => {
-    await draw(1000);
-    assert.deepEqual(await outcomesOf(page), { painted: 1000, hidden: 0, failed: 0 });
-    checkEcg(await pictureOf(page, "ecg.axes"), 1000);
-    checkMap(await pictureOf(page, "quakes.axes"), 1000 % 300);
+    assert.equal(new URL(page.url()).search, "");
 });
 
 test("Blocks that the page gives back come again as text", async () => {
+    const page = await stage.page({ colorScheme: "light" });
     let refused = 0;
     await page.routeWebSocket(/kiroweb$/, (toPage) => {
         const toServer = toPage.connectToServer();
@@ -118,48 +97,41 @@ test("Blocks that the page gives back come again as text", async () => {
             return toPage.send(JSON.stringify({ t: "withdrawn", transfer, number }));
         });
     });
-    await draw(60);
+    await draw(page, 60);
     assert.ok(refused >= 60, `${refused} refused`);
-    checkEcg(await pictureOf(page, "ecg.axes"), 60);
-    checkMap(await pictureOf(page, "quakes.axes"), 60);
-    assert.deepEqual(await errorsOf(page), []);
 });
 
 test("A place picked by mouse or keyboard is named in the next frame", async () => {
-    monitor = await Monitor.start();
-    await page.goto(monitor.link);
-    await untilMore(page, "painted", 3);
-    const picked = () => page.evaluate(() => {
-        const item = kirowebPage.scene.named("quakes.picked");
-        return item.visible && item.text;
-    });
-    assert.equal(await picked(), false);
+    const { page } = await stage.start({ context: { colorScheme: "light" } });
     const map = page.locator('[data-name="quakes.axes"]');
+    /** What is named once it is not `before`. */
+    const picked = async (before) => {
+        const handle = await page.waitForFunction((old) => {
+            const { visible, text } = kirowebPage.scene.named("quakes.picked");
+            return visible && text !== old && text;
+        }, before);
+        return handle.jsonValue();
+    };
     await map.click();
-    await page.waitForFunction(() => kirowebPage.scene.named("quakes.picked").visible);
-    assert.match(await picked(), /^M \d/);
-    const before = await picked();
+    const clicked = await picked();
+    assert.match(clicked, /^M \d/);
     await map.focus();
     for (let i = 0; i < 20; ++i) await page.keyboard.press("ArrowLeft");
     await page.keyboard.press("Enter");
-    await page.waitForFunction((old) => kirowebPage.scene.named("quakes.picked").text !== old, before);
+    await picked(clicked);
     await assertClean(page);
-    await keepScreenshot();
+    await keepScreenshot(page);
 });
 
 test("It fits a phone, and follows the scheme of colours", async () => {
-    monitor = await Monitor.start();
-    await page.setViewportSize({ width: 360, height: 740 });
-    await page.goto(monitor.link);
-    await untilMore(page, "painted", 3);
-    const widths = () => page.evaluate(() => [document.documentElement.scrollWidth, innerWidth]);
-    const [content, window] = await widths();
-    assert.ok(content <= window, `${content} wide in ${window}`);
+    const { page } = await stage.start({
+        context: { colorScheme: "light", viewport: { width: 360, height: 740 } },
+    });
+    assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), "too wide");
     const background = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);
     const light = await background();
     await page.emulateMedia({ colorScheme: "dark" });
     assert.notEqual(await background(), light);
     await untilMore(page, "painted", 3);
-    await untilState(page, "live");
     await assertClean(page);
 });

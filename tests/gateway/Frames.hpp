@@ -11,24 +11,27 @@ namespace gatewaytest {
 struct Frame {
     unsigned opcode = 0;
     std::string payload;
+
+    /// A close frame, or the end of the connection without one.
+    [[nodiscard]] bool isEnd() const { return opcode == 0 || opcode == 8; }
 };
 
 /// Takes the whole frames off the front of `bytes`. It does not share the gateway's code.
 inline std::vector<Frame> takeFrames(std::string& bytes) {
     std::vector<Frame> frames;
-    for (;;) {
-        if (bytes.size() < 2) return frames;
-        const auto at = [&bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const auto at = [&bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    while (bytes.size() >= 2) {
         std::size_t head = 2;
         std::size_t size = at(1) & 0x7fU;
         const std::size_t width = size == 126 ? 2 : size == 127 ? 8 : 0;
-        if (bytes.size() < head + width) return frames;
+        if (bytes.size() < head + width) break;
         if (width > 0) size = 0;
         for (std::size_t i = 0; i < width; ++i) size = size << 8U | at(head++);
-        if (bytes.size() < head + size) return frames;
+        if (bytes.size() < head + size) break;
         frames.push_back({at(0) & 0x0fU, bytes.substr(head, size)});
         bytes.erase(0, head + size);
     }
+    return frames;
 }
 
 /// A message as a page reads it from a batch.

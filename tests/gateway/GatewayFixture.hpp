@@ -3,16 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
-#include <condition_variable>
-#include <cstdlib>
-#include <cstring>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <vector>
 
+#include "Buffers.hpp"
+#include "Collector.hpp"
 #include "Peer.hpp"
 #include "kirogateway/Gateway.hpp"
 #include "relay/Relay.hpp"
@@ -20,28 +17,6 @@
 #include "relay/message_service/MessageService.hpp"
 
 namespace gatewaytest {
-
-/// What other threads report, and a test waits for.
-class Mailbox {
-  public:
-    void put(std::string what) {
-        const std::lock_guard lock(fMutex);
-        fItems.push_back(std::move(what));
-        fChanged.notify_all();
-    }
-    std::string take() {
-        std::unique_lock lock(fMutex);
-        while (fItems.empty()) fChanged.wait(lock);
-        auto item = std::move(fItems.front());
-        fItems.pop_front();
-        return item;
-    }
-
-  private:
-    std::mutex fMutex;
-    std::condition_variable fChanged;
-    std::deque<std::string> fItems;
-};
 
 /// A gateway, the engine on one side of it and peers on the other.
 class GatewayTest : public testing::Test {
@@ -64,51 +39,46 @@ class GatewayTest : public testing::Test {
                            &limits.ping, &limits.gone, &limits.comeback, &limits.close}) {
             *time = std::chrono::hours(1);
         }
-        fOptions.onLastPageGone = [this] { fEvents.put("last page gone"); };
+        fOptions.onLastPageGone = [this] { fEvents.add("last page gone"); };
     }
 
     void start() {
-        listen("/views");
-        listen("/returns");
-        listen("/up/*");
+        for (const char* channel : {"/views", "/returns", "/up/*"}) {
+            const auto hear = [this](const relay::message_service::JsonMessage& message) {
+                fEvents.add(message.channel + " " + std::string(message.json, message.length));
+            };
+            fSubscriptions.push_back(fService->subscribe(channel, hear).get());
+        }
         fGateway = std::make_unique<kirogateway::Gateway>(fOptions);
-        fCookie = fetchCookie(fGateway->port(), fGateway->link(), fLayer);
-    }
-    /// Messages on `channel` become events, "channel text".
-    void listen(const std::string& channel) {
-        fSubscriptions.push_back(
-            fService
-                ->subscribe(channel,
-                            [this](const relay::message_service::JsonMessage& message) {
-                                fEvents.put(message.channel + " " +
-                                            std::string(message.json, message.length));
-                            })
-                .get());
+        fAccess.port = fGateway->port();
+        fCookie = fetchCookie(fAccess, fGateway->link());
     }
     void publish(const std::string& channel, std::string_view text) {
         fService->publish(channel, {channel, text.data(), text.size()});
     }
-    static relay::common::DataBuffer bufferOf(std::size_t size) {
-        auto* bytes = static_cast<char*>(std::malloc(size));
-        std::memset(bytes, 'b', size);
-        return {bytes, size, size};
+    Block sendBlock(std::size_t size) {
+        return fStream->send(support::bufferOf(std::string(size, 'b')));
     }
-    Block sendBlock(std::size_t size) { return fStream->send(bufferOf(size)); }
 
     /// A peer that has upgraded.
-    Peer connect(int receiveBuffer = 0) {
-        Peer peer(fGateway->port(), receiveBuffer, fLayer);
-        peer.send(upgradeRequest(fGateway->port(), fCookie, {}, fLayer ? "https" : "http"));
+    Peer connect() {
+        Peer peer(fAccess);
+        peer.send(upgradeRequest(fAccess, fCookie));
         const auto head = peer.readHead();
         EXPECT_TRUE(head.starts_with("HTTP/1.1 101")) << head;
         return peer;
     }
     /// A peer with a view. `more` are further members of its hello.
-    Peer join(const std::string& more = {}, int receiveBuffer = 0) {
-        auto peer = connect(receiveBuffer);
+    Peer join(const std::string& more = {}) {
+        auto peer = connect();
         peer.sendText(R"({"t":"hello","version":1,"subscribe":["/fig/*","/bin"])" + more + "}");
         fHello = boost::json::parse(peer.readControl("hello")).as_object();
+        fAnnouncement = fEvents.take();
         return peer;
+    }
+    /// One that comes back for its `view` after the message `last`.
+    Peer comeBack(const std::string& view, int last) {
+        return join(R"(,"view":")" + view + R"(","last":)" + std::to_string(last));
     }
     [[nodiscard]] std::string hello(const char* member) const {
         return std::string(fHello.at(member).as_string());
@@ -124,15 +94,16 @@ class GatewayTest : public testing::Test {
     }
 
     kirogateway::Options fOptions;
-    Mailbox fEvents;
+    support::Collector<std::string> fEvents;  ///< what the engine hears
     std::shared_ptr<relay::message_service::MessageService> fService;
     std::vector<std::shared_ptr<relay::message_service::Subscription>> fSubscriptions;
     std::shared_ptr<relay::binary::experimental::BinaryStream> fStream =
         relay::binary::experimental::createBinaryStream("/bin", {{"returnOnFail", "true"}});
     std::unique_ptr<kirogateway::Gateway> fGateway;
+    Access fAccess;
     std::string fCookie;
-    LayerMaker fLayer;  ///< of every peer
-    boost::json::object fHello;
+    boost::json::object fHello;  ///< of the last that joined
+    std::string fAnnouncement;   ///< of it, to the engine
 };
 
 }  // namespace gatewaytest

@@ -1,49 +1,48 @@
 #include "Peer.hpp"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
-#include <stdexcept>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/write.hpp>
 #include <utility>
 
 namespace gatewaytest {
 
-Peer::Peer(std::uint16_t port, int receiveBuffer, const LayerMaker& layer)
-    : fSocket(::socket(AF_INET, SOCK_STREAM, 0)) {
-    if (receiveBuffer > 0) {
-        ::setsockopt(fSocket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        throw std::runtime_error("cannot connect");
-    }
-    if (layer) fLayer = layer(fSocket);
-}
+namespace asio = boost::asio;
+using boost::system::error_code;
 
-Peer::~Peer() {
-    if (fSocket >= 0) ::close(fSocket);
-}
+namespace {
 
-Peer::Peer(Peer&& other) noexcept
-    : fSocket(std::exchange(other.fSocket, -1)),
-      fLayer(std::move(other.fLayer)),
-      fBytes(std::move(other.fBytes)),
-      fFrames(std::move(other.fFrames)) {}
+asio::io_context io;  // never run: all operations block
+
+}  // namespace
+
+Peer::Peer(const Access& access) : fSocket(std::make_unique<Socket>(io)) {
+    fSocket->open(asio::ip::tcp::v4());
+    if (access.receiveBuffer > 0) {
+        fSocket->set_option(asio::socket_base::receive_buffer_size(access.receiveBuffer));
+    }
+    fSocket->connect({asio::ip::address_v4::loopback(), access.port});
+    if (!access.isTls) return;
+    static asio::ssl::context client(asio::ssl::context::tls_client);
+    fTls = std::make_unique<asio::ssl::stream<Socket&>>(*fSocket, client);
+    fTls->handshake(asio::ssl::stream_base::client);
+}
 
 bool Peer::send(std::string_view bytes) const {
-    while (!bytes.empty()) {
-        const auto sent = fLayer ? fLayer->send(bytes.data(), bytes.size())
-                                 : ::send(fSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent <= 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(sent));
-    }
-    return true;
+    error_code error;
+    fTls ? asio::write(*fTls, asio::buffer(bytes), error)
+         : asio::write(*fSocket, asio::buffer(bytes), error);
+    return !error;
+}
+
+bool Peer::receive() {
+    std::array<char, 65536> buffer{};
+    error_code error;
+    const auto got = fTls ? fTls->read_some(asio::buffer(buffer), error)
+                          : fSocket->read_some(asio::buffer(buffer), error);
+    fBytes.append(buffer.data(), got);
+    return !error;
 }
 
 bool Peer::sendFrame(unsigned opcode, std::string_view payload) const {
@@ -56,21 +55,12 @@ bool Peer::sendFrame(unsigned opcode, std::string_view payload) const {
         frame += byte(width == 2 ? 0xfe : 0xff);
         for (std::size_t i = width; i-- > 0;) frame += byte(payload.size() >> (8 * i));
     }
-    static constexpr std::array<char, 4> kMask{'\x37', '\x7a', '\x21', '\x3d'};
-    frame.append(kMask.data(), kMask.size());
+    constexpr std::string_view kMask = "7z!=";
+    frame += kMask;
     for (std::size_t i = 0; i < payload.size(); ++i) {
         frame += static_cast<char>(payload[i] ^ kMask[i % 4]);
     }
     return send(frame);
-}
-
-bool Peer::receive() {
-    std::array<char, 65536> buffer{};
-    const auto got = fLayer ? fLayer->receive(buffer.data(), buffer.size())
-                            : ::recv(fSocket, buffer.data(), buffer.size(), 0);
-    if (got <= 0) return false;
-    fBytes.append(buffer.data(), static_cast<std::size_t>(got));
-    return true;
 }
 
 std::string Peer::readHead() {
@@ -94,18 +84,17 @@ Frame Peer::readFrame() {
 }
 
 std::string Peer::readControl(std::string_view what) {
-    for (;;) {
-        auto frame = readFrame();
-        if (frame.opcode == 0 || frame.opcode == 8) return {};
-        if (frame.payload.starts_with("{\"t\":\"" + std::string(what) + "\"")) return frame.payload;
-    }
+    const auto start = "{\"t\":\"" + std::string(what) + "\"";
+    auto frame = readFrame();
+    while (!frame.isEnd() && !frame.payload.starts_with(start)) frame = readFrame();
+    return frame.isEnd() ? std::string() : frame.payload;
 }
 
 std::vector<Record> Peer::readRecords(std::size_t count) {
     std::vector<Record> records;
     while (records.size() < count) {
         const auto frame = readFrame();
-        if (frame.opcode == 0 || frame.opcode == 8) return records;
+        if (frame.isEnd()) return records;
         if (frame.opcode != 1 || frame.payload.starts_with('{')) continue;
         for (auto& record : readBatch(frame.payload)) records.push_back(std::move(record));
     }
@@ -113,22 +102,17 @@ std::vector<Record> Peer::readRecords(std::size_t count) {
 }
 
 std::string Peer::readBinary() {
-    for (;;) {
-        auto frame = readFrame();
-        if (frame.opcode == 0 || frame.opcode == 8) return {};
-        if (frame.opcode == 2) return frame.payload;
-    }
+    auto frame = readFrame();
+    while (!frame.isEnd() && frame.opcode != 2) frame = readFrame();
+    return frame.isEnd() ? std::string() : frame.payload;
 }
 
-unsigned Peer::readClose(std::string* reason) {
-    for (;;) {
-        const auto frame = readFrame();
-        if (frame.opcode == 0) return 0;
-        if (frame.opcode != 8 || frame.payload.size() < 2) continue;
-        if (reason != nullptr) *reason = frame.payload.substr(2);
-        return static_cast<unsigned>(static_cast<unsigned char>(frame.payload[0])) << 8U |
-               static_cast<unsigned char>(frame.payload[1]);
-    }
+unsigned Peer::readClose() {
+    auto frame = readFrame();
+    while (!frame.isEnd()) frame = readFrame();
+    if (frame.payload.size() < 2) return 0;
+    return static_cast<unsigned>(static_cast<unsigned char>(frame.payload[0])) << 8U |
+           static_cast<unsigned char>(frame.payload[1]);
 }
 
 std::string Peer::readAll() {
@@ -139,29 +123,24 @@ std::string Peer::readAll() {
 
 void Peer::cut() {
     // A reset: what the gateway has not sent yet is lost.
-    const linger now{1, 0};
-    ::setsockopt(fSocket, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-    ::close(std::exchange(fSocket, -1));
+    fSocket->set_option(asio::socket_base::linger(true, 0));
+    fSocket->close();
 }
 
-void Peer::closeWriting() const { ::shutdown(fSocket, SHUT_WR); }
+void Peer::closeWriting() const { fSocket->shutdown(Socket::shutdown_send); }
 
-std::string upgradeRequest(std::uint16_t port, std::string_view cookie, std::string_view origin,
-                           std::string_view scheme) {
-    const auto host = "127.0.0.1:" + std::to_string(port);
-    return "GET /kiroweb HTTP/1.1\r\nHost: " + host + "\r\nOrigin: " +
-           (origin.empty() ? std::string(scheme) + "://" + host : std::string(origin)) +
+std::string upgradeRequest(const Access& access, std::string_view cookie) {
+    return "GET /kiroweb HTTP/1.1\r\nHost: " + access.host() + "\r\nOrigin: " + access.origin() +
            "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
            "Sec-WebSocket-Protocol: kiroweb.v1\r\nCookie: other=1; " +
            std::string(cookie) + "\r\n\r\n";
 }
 
-std::string fetchCookie(std::uint16_t port, std::string_view link, const LayerMaker& layer) {
-    Peer peer(port, 0, layer);
-    const auto target = link.substr(link.find("/?"));
-    peer.send("GET " + std::string(target) +
-              " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n\r\n");
+std::string fetchCookie(const Access& access, std::string_view link) {
+    Peer peer(access);
+    peer.send("GET " + std::string(link.substr(link.find("/?"))) +
+              " HTTP/1.1\r\nHost: " + access.host() + "\r\n\r\n");
     const auto head = peer.readHead();
     const auto begin = head.find("Set-Cookie: ");
     if (begin == std::string::npos) return {};

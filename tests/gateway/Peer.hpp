@@ -1,8 +1,9 @@
 #pragma once
 
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/stream.hpp>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,29 +13,21 @@
 
 namespace gatewaytest {
 
-/// What a peer may have between itself and its socket.
-class Layer {
-  public:
-    Layer() = default;
-    Layer(const Layer&) = delete;
-    Layer& operator=(const Layer&) = delete;
-    virtual ~Layer() = default;
-    virtual long send(const char* from, std::size_t size) = 0;
-    virtual long receive(char* to, std::size_t size) = 0;
+/// How peers reach the gateway.
+struct Access {
+    std::uint16_t port = 0;
+    bool isTls = false;
+    int receiveBuffer = 0;  ///< of the socket, in bytes; 0: the usual one
+
+    [[nodiscard]] std::string host() const { return "127.0.0.1:" + std::to_string(port); }
+    [[nodiscard]] std::string origin() const { return (isTls ? "https://" : "http://") + host(); }
 };
-/// Makes one for a socket; an empty function: none.
-using LayerMaker = std::function<std::unique_ptr<Layer>(int)>;
 
 /// A client on a raw loopback socket that does what it is told, right or wrong. All operations
 /// block; a peer that waits for what does not come is ended by the test's time limit.
 class Peer {
   public:
-    explicit Peer(std::uint16_t port, int receiveBuffer = 0, const LayerMaker& layer = {});
-    ~Peer();
-    Peer(Peer&& other) noexcept;
-    Peer& operator=(Peer&&) = delete;
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
+    explicit Peer(const Access& access);
 
     /// Answers whether the socket took all of it.
     bool send(std::string_view bytes) const;
@@ -53,7 +46,7 @@ class Peer {
     /// The next binary frame's payload.
     std::string readBinary();
     /// The code of the close frame; 0 if the connection ended without one. Skips what is before.
-    unsigned readClose(std::string* reason = nullptr);
+    unsigned readClose();
     /// Reads whatever comes until the end.
     std::string readAll();
 
@@ -62,18 +55,19 @@ class Peer {
     void closeWriting() const;
 
   private:
+    using Socket = boost::asio::ip::tcp::socket;
+
     bool receive();
 
-    int fSocket = -1;
-    std::unique_ptr<Layer> fLayer;
+    std::unique_ptr<Socket> fSocket;
+    std::unique_ptr<boost::asio::ssl::stream<Socket&>> fTls;  ///< over the socket, or none
     std::string fBytes;
     std::deque<Frame> fFrames;
 };
 
-/// A well-formed upgrade for `port`, with the cookie. `origin` empty: the right one.
-std::string upgradeRequest(std::uint16_t port, std::string_view cookie,
-                           std::string_view origin = {}, std::string_view scheme = "http");
+/// A well-formed upgrade with the cookie.
+std::string upgradeRequest(const Access& access, std::string_view cookie);
 /// Exchanges the token of `link` for the cookie, "name=value".
-std::string fetchCookie(std::uint16_t port, std::string_view link, const LayerMaker& layer = {});
+std::string fetchCookie(const Access& access, std::string_view link);
 
 }  // namespace gatewaytest

@@ -1,69 +1,36 @@
-// What only the stand-in has beside its interpreter: observers, settings, policies.
-
-#include "kirohost/Controls.hpp"
+// What only the stand-in has: VMs made at will, the policy for assertions.
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
+#include <memory>
 
 #include "bedrock/core/diag/assertion.hpp"
-#include "bedrock/log/basic_diagnostic_logger.hpp"
-#include "kiroutils/Logger.hpp"
-#include "qvm/messages.hpp"
+#include "kirohost/Controls.hpp"
+#include "qvm/detail/taskRouterAccess.hpp"
+#include "taskrouter/TaskRouter.hpp"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-TEST(Observers, SeeWarningsWithArgumentsTextAndThread) {
-    std::vector<kirohost::Warning> seen;
-    auto scope =
-        kirohost::observeWarnings([&seen](const auto& warning) { seen.push_back(warning); });
-    qxWarningMsgId({"Quarn:graphics", "GraphicsBinarySendFailure"}, {"/b"});
-    const auto moved = std::move(scope);
-    qxWarningMsgId({"Un", "known"}, {"x", "y"});
-    ASSERT_EQ(seen.size(), 2U);
-    EXPECT_EQ(seen[0].id.key, "GraphicsBinarySendFailure");
-    EXPECT_EQ(seen[0].arguments, Lines{"/b"});
-    EXPECT_NE(seen[0].text.find("\"/b\""), std::string::npos);
-    EXPECT_EQ(seen[0].thread, std::this_thread::get_id());
-    EXPECT_EQ(seen[1].text, "Un:known \"x\" \"y\"");
+std::shared_ptr<taskrouter::TaskRouter> routerOf(qnutil::contextmgr::QcrID context) {
+    return qvm::detail::getTaskRouterAndSinks(context, {}).router;
 }
 
-TEST(Observers, AreNotCalledAfterTheirScopeEvenInsideARecord) {
-    Lines seen;
-    kirohost::Scope second;
-    const auto first = kirohost::observeLog([&](const auto& record) {
-        seen.push_back(record.logger + " " + record.text);
-        second = kirohost::Scope();
-    });
-    second = kirohost::observeLog([&](const auto&) { seen.emplace_back("second"); });
-    kiroutils::Logger::instance().log("l", "text");
-    EXPECT_EQ(seen, Lines{"l text"});
+auto enqueue(taskrouter::TaskRouter& router) {
+    return router.enqueueWithFuture(taskrouter::PackagedTaskIIP<void>({[] {}}, ""),
+                                    {taskrouter::WhenToDequeue::kWhenIdle, ""},
+                                    qvm::detail::createID());
 }
 
-TEST(Diagnostics, FilterByLevelAndKeepEveryByte) {
-    std::vector<kirohost::LogRecord> seen;
-    const auto scope =
-        kirohost::observeDiagnostics([&seen](const auto& record) { seen.push_back(record); });
-    const bedrock::log::basic_diagnostic_logger logger("d");
-    const bedrock::log::basic_diagnostic_logger sameName("d");
-    logger.record(3) << "block " << 1234567UL << std::string_view(" \0!", 3);
-    ASSERT_EQ(seen.size(), 1U);
-    EXPECT_EQ(seen[0].text, std::string("block 1234567 \0!", 16));
-    EXPECT_EQ(seen[0].logger, "d");
-    EXPECT_EQ(seen[0].level, 3);
-    EXPECT_TRUE(logger.enabled(4));
-    EXPECT_FALSE(logger.enabled(5));
-    kirohost::setDiagnosticLevel("d", 8);
-    EXPECT_TRUE(sameName.enabled(8));
-    kirohost::setDiagnosticsEnabled(false);
-    EXPECT_FALSE(logger.enabled(0));
-    kirohost::setDiagnosticsEnabled(true);
-    kirohost::setDiagnosticLevel("d", 4);
+TEST(Vm, TakesItsTasksWithIt) {
+    auto vm = std::make_unique<kirohost::Vm>();
+    const auto context = vm->context();
+    const auto router = routerOf(context);
+    auto before = enqueue(*router);
+    vm.reset();
+    EXPECT_EQ(routerOf(context), nullptr);
+    auto after = enqueue(*router);
+    EXPECT_THROW(before.get(), boost::broken_promise);
+    EXPECT_THROW(after.get(), boost::broken_promise);
 }
 
 TEST(Assertions, EndTheProcessUnlessAPolicySaysOtherwise) {

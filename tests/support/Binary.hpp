@@ -1,18 +1,17 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Buffers.hpp"
 #include "Collector.hpp"
 #include "kiro/web/binary/BinaryDataPayload.hpp"
 #include "kiro/web/binary/BinaryDataSender.hpp"
 #include "relay/Future.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
-#include "relay/common/DataBuffer.hpp"
 
 /// The vocabulary of the tests that handle data blocks.
 namespace support {
@@ -21,16 +20,6 @@ using kiro::web::binary::DataID;
 using relay::binary::experimental::SendResult;
 using relay::common::DataBuffer;
 using SendFuture = kiro::web::binary::BinaryDataSenderInterface::SendFuture;
-
-inline DataBuffer bufferOf(const std::string& bytes) {
-    auto* data = static_cast<char*>(std::malloc(bytes.size() + 1));
-    bytes.copy(data, bytes.size());
-    return {data, bytes.size() + 1, bytes.size()};
-}
-
-inline std::string bytesOf(const DataBuffer& block) {
-    return block.empty() ? std::string() : std::string(block.data(), block.size());
-}
 
 /// The block of `id` and `data` as bytes.
 inline std::string blockBytes(std::uint64_t id, const std::string& data = "x") {

@@ -1,6 +1,5 @@
 #include "Captures.hpp"
 
-#include <atomic>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -14,30 +13,22 @@ namespace {
 /// The level that every diagnostic logger starts with.
 constexpr int kUsualLevel = 4;
 
+constexpr const char* kWarnings = "warnings";
+
 /// What the captures in force declare. Immortal: a service's thread may log while the process
 /// exits.
 struct Declared {
+    std::mutex mutex;
+    std::multiset<std::string> names;
+
     static Declared& instance() {
         static Immortal<Declared> declared;
         return *declared;
     }
-
-    bool contains(const std::string& logger) {
-        const std::lock_guard lock(mutex);
-        return loggers.count(logger) != 0;
+    static bool contains(const std::string& name) {
+        const std::lock_guard lock(instance().mutex);
+        return instance().names.contains(name);
     }
-    void add(const std::string& logger) {
-        const std::lock_guard lock(mutex);
-        loggers.insert(logger);
-    }
-    void remove(const std::string& logger) {
-        const std::lock_guard lock(mutex);
-        loggers.erase(loggers.find(logger));
-    }
-
-    std::atomic<int> warnings = 0;
-    std::mutex mutex;
-    std::multiset<std::string> loggers;
 };
 
 bool meansTrouble(const kirohost::LogRecord& record) {
@@ -62,39 +53,41 @@ std::string textOf(const kirohost::FailedAssertion& failed) {
     return failed.source + ":" + std::to_string(failed.line) + ": " + failed.condition;
 }
 
-ExpectNoSurprises::ExpectNoSurprises()
-    : fWarnings(kirohost::observeWarnings([](const kirohost::Warning& warning) {
-          if (Declared::instance().warnings == 0) {
-              ADD_FAILURE() << "unexpected warning: " << textOf(warning);
-          }
-      })),
-      fLog(kirohost::observeLog([](const kirohost::LogRecord& record) {
-          if (meansTrouble(record) && !Declared::instance().contains(record.logger)) {
-              ADD_FAILURE() << "unexpected record of " << record.logger << ": " << record.text;
-          }
-      })) {}
-
-void ExpectNoSurprises::install() {
-    testing::UnitTest::GetInstance()->listeners().Append(new ExpectNoSurprises);
+int runAllTests(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto warnings = kirohost::observeWarnings([](const kirohost::Warning& warning) {
+        if (Declared::contains(kWarnings)) return;
+        ADD_FAILURE() << "unexpected warning: " << textOf(warning);
+    });
+    const auto log = kirohost::observeLog([](const kirohost::LogRecord& record) {
+        if (!meansTrouble(record) || Declared::contains(record.logger)) return;
+        ADD_FAILURE() << "unexpected record of " << record.logger << ": " << record.text;
+    });
+    return RUN_ALL_TESTS();
 }
 
-WarningCapture::WarningCapture() {
-    ++Declared::instance().warnings;
+Declaration::Declaration(std::string name) : fName(std::move(name)) {
+    const std::lock_guard lock(Declared::instance().mutex);
+    Declared::instance().names.insert(fName);
+}
+
+Declaration::~Declaration() {
+    const std::lock_guard lock(Declared::instance().mutex);
+    auto& names = Declared::instance().names;
+    names.erase(names.find(fName));
+}
+
+WarningCapture::WarningCapture() : fDeclaration(kWarnings) {
     fScope = kirohost::observeWarnings(
         [events = fEvents](const kirohost::Warning& warning) { events->add(warning); });
 }
 
-WarningCapture::~WarningCapture() { --Declared::instance().warnings; }
-
-LogCapture::LogCapture(std::string logger) : fLogger(std::move(logger)) {
-    Declared::instance().add(fLogger);
-    fScope =
-        kirohost::observeLog([events = fEvents, name = fLogger](const kirohost::LogRecord& record) {
-            if (record.logger == name) events->add(record);
-        });
+LogCapture::LogCapture(const std::string& logger) : fDeclaration(logger) {
+    fScope = kirohost::observeLog([events = fEvents, logger](const kirohost::LogRecord& record) {
+        if (record.logger == logger) events->add(record);
+    });
 }
-
-LogCapture::~LogCapture() { Declared::instance().remove(fLogger); }
 
 DiagnosticCapture::DiagnosticCapture(const std::string& logger, int level) : fLogger(logger) {
     kirohost::setDiagnosticLevel(logger, level);

@@ -15,20 +15,11 @@
 /// those that the test provokes. All of this may be used on any thread.
 namespace support {
 
-/// Fails the running test on every warning outside a `WarningCapture`, and on every log record
-/// that means trouble (a handler that threw, a warning that could not be shown) outside a
-/// `LogCapture` of its logger. A failed assertion outside an `AssertionCapture` ends the process.
-class ExpectNoSurprises : public testing::EmptyTestEventListener {
-  public:
-    /// Adds one to the running test program. Called by `main`, after `InitGoogleTest`.
-    static void install();
-
-    ExpectNoSurprises();
-
-  private:
-    kirohost::Scope fWarnings;
-    kirohost::Scope fLog;
-};
+/// The whole of `main`. It fails the running test on every warning outside a `WarningCapture`, and
+/// on every log record that means trouble (a handler that threw, a warning that could not be shown)
+/// outside a `LogCapture` of its logger. A failed assertion outside an `AssertionCapture` ends the
+/// process.
+int runAllTests(int argc, char** argv);
 
 /// The text that tests compare: "component:key(argument, argument)", a record's own text, and
 /// "source:line: condition".
@@ -60,21 +51,34 @@ class Capture {
     kirohost::Scope fScope;
 };
 
+/// Makes `name` no surprise while it lives.
+class Declaration {
+  public:
+    explicit Declaration(std::string name);
+    ~Declaration();
+    Declaration(const Declaration&) = delete;
+    Declaration& operator=(const Declaration&) = delete;
+
+  private:
+    const std::string fName;
+};
+
 /// Declares and collects the host's warnings.
 class WarningCapture : public Capture<kirohost::Warning> {
   public:
     WarningCapture();
-    ~WarningCapture();
+
+  private:
+    const Declaration fDeclaration;
 };
 
 /// Declares and collects the records of one log of `kiroutils::Logger`.
 class LogCapture : public Capture<kirohost::LogRecord> {
   public:
-    explicit LogCapture(std::string logger);
-    ~LogCapture();
+    explicit LogCapture(const std::string& logger);
 
   private:
-    const std::string fLogger;
+    const Declaration fDeclaration;
 };
 
 /// Collects the records of one diagnostic logger, whose level it sets meanwhile.

@@ -31,6 +31,15 @@ class Collector {
         while (fItems.size() < count) fChanged.wait(lock);
     }
 
+    /// The oldest item, which is awaited and taken out.
+    Item take() {
+        std::unique_lock lock(fMutex);
+        while (fItems.empty()) fChanged.wait(lock);
+        Item item = std::move(fItems.front());
+        fItems.erase(fItems.begin());
+        return item;
+    }
+
     void clear() {
         const std::lock_guard lock(fMutex);
         fItems.clear();

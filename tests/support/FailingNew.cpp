@@ -1,22 +1,18 @@
 #include "FailingNew.hpp"
 
 #include <cstdlib>
+#include <exception>
 #include <new>
+#include <utility>
 
 namespace {
 
-/// Of each thread. Plain numbers: `operator new` must not allocate to look at them.
-struct Watch {
-    std::size_t untilFailure = 0;  ///< 0: none will fail
-    std::size_t countedSize = 0;   ///< 0: nothing is counted
-    std::size_t count = 0;
-};
-
-constinit thread_local Watch watch;
+/// Of each thread; 0: none will fail. A plain number: `operator new` must not allocate to look at
+/// it.
+constinit thread_local std::size_t untilFailure = 0;
 
 void* allocate(std::size_t size) noexcept {
-    if (watch.countedSize != 0 && size == watch.countedSize) ++watch.count;
-    if (watch.untilFailure != 0 && --watch.untilFailure == 0) return nullptr;
+    if (untilFailure != 0 && --untilFailure == 0) return nullptr;
     return std::malloc(size != 0 ? size : 1);
 }
 
@@ -33,20 +29,24 @@ void operator delete(void* bytes, std::size_t) noexcept { std::free(bytes); }
 
 namespace support {
 
-bool failingNew(std::size_t n, const std::function<void()>& call) {
-    watch.untilFailure = n;
-    call();
-    const bool failed = watch.untilFailure == 0;
-    watch.untilFailure = 0;
-    return failed;
+Outcome failingNew(std::size_t n, const std::function<void()>& call) {
+    Outcome outcome;
+    const auto end = [&outcome] { outcome.failed = std::exchange(untilFailure, 0) == 0; };
+    untilFailure = n;
+    try {
+        call();
+        end();
+    } catch (const std::exception& error) {
+        end();
+        outcome.error = error.what();
+    }
+    return outcome;
 }
 
-std::size_t allocationsOf(std::size_t size, const std::function<void()>& call) {
-    watch.count = 0;
-    watch.countedSize = size;
-    call();
-    watch.countedSize = 0;
-    return watch.count;
+std::size_t failEachNew(const std::function<bool(std::size_t)>& attempt) {
+    std::size_t n = 1;
+    while (attempt(n)) ++n;
+    return n - 1;
 }
 
 }  // namespace support

@@ -2,17 +2,23 @@
 
 #include <cstddef>
 #include <functional>
+#include <string>
 
 /// The program that links this has its `operator new` and `operator delete` replaced, by ones over
 /// the C heap, so that the sanitizers still see every block.
 namespace support {
 
-/// Runs `call`, which must not throw, with the `n`-th allocation (the first is 1) failing that it
-/// makes with `operator new` on the calling thread. Answers whether it got so far: a loop over
-/// n = 1, 2, ... until it did not fails each allocation of a path in turn.
-bool failingNew(std::size_t n, const std::function<void()>& call);
+struct Outcome {
+    bool failed = false;  ///< an allocation did
+    std::string error;    ///< the text of the exception; empty: none
+};
 
-/// How many allocations of exactly `size` bytes `call` makes on the calling thread.
-std::size_t allocationsOf(std::size_t size, const std::function<void()>& call);
+/// Runs `call` with the `n`-th allocation (the first is 1) failing that it makes with
+/// `operator new` on the calling thread.
+Outcome failingNew(std::size_t n, const std::function<void()>& call);
+
+/// Calls `attempt` with 1, 2, ... until it answers that no allocation failed, so that each of a
+/// path fails in turn. Answers how many did.
+std::size_t failEachNew(const std::function<bool(std::size_t)>& attempt);
 
 }  // namespace support

@@ -17,9 +17,14 @@ kiro::SteadyTime fakeNow() { return kiro::SteadyTime(fakeTime.load()); }
 
 }  // namespace
 
-void publish(const std::string& channel, const std::string& text) {
+void publishOn(kiro::web::PubSubInterface& endpoint, const std::string& channel,
+               const std::string& text) {
     kiro::web::StringPayload payload(text);
-    kiro::web::PubSubFactory::pubsubInstance()->publish(channel, payload);
+    endpoint.publish(channel, payload);
+}
+
+void publish(const std::string& channel, const std::string& text) {
+    publishOn(*kiro::web::PubSubFactory::pubsubInstance(), channel, text);
 }
 
 kiro::web::PubSubInterface::CallbackType Recorder::callback() const {

@@ -15,6 +15,8 @@ namespace support {
 
 using Lines = std::vector<std::string>;
 
+void publishOn(kiro::web::PubSubInterface& endpoint, const std::string& channel,
+               const std::string& text);
 /// Publishes `text` on the process-wide endpoint.
 void publish(const std::string& channel, const std::string& text);
 

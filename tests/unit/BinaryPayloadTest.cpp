@@ -1,24 +1,35 @@
 #include "kiro/web/binary/BinaryDataPayload.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <limits>
 #include <locale>
-#include <set>
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <thread>
 #include <type_traits>
 
 #include "Binary.hpp"
 #include "CHeap.hpp"
+#include "Captures.hpp"
 #include "FailingNew.hpp"
+#include "Fixture.hpp"
+#include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/JSONPayload.hpp"
+#include "kiro/web/PubSubFactory.hpp"
+#include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
+#include "relay/binary/experimental/ClientEnd.hpp"
 
 namespace {
 
 using namespace kiro::web;
 using namespace kiro::web::binary;
 using namespace support;
+using Promise = relay::Promise<SendResult>;
+using testing::ThrowsMessage;
+
+const char* const kChannel = "/figure/2";
 
 static_assert(std::is_nothrow_move_constructible_v<BinaryDataPayload>);
 static_assert(!std::is_copy_constructible_v<BinaryDataPayload>);
@@ -34,35 +45,23 @@ std::string convert(const BinaryDataPayload& payload) {
     return out.convertToString();
 }
 
-/// The text of the `std::runtime_error` that `call` throws; empty if it throws nothing.
-template <typename Call>
-std::string runtimeError(const Call& call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return {};
-}
-
 struct GroupingByThrees : std::numpunct<char> {
     [[nodiscard]] char do_thousands_sep() const override { return ','; }
     [[nodiscard]] std::string do_grouping() const override { return "\3"; }
 };
 
-void checkDataIDTexts() {
+TEST(DataID, ReadsAndWritesItsTwoNumbersInTheClassicLocale) {
+    std::locale::global({std::locale::classic(), new GroupingByThrees});
     constexpr std::uint32_t kMax = 4294967295U;
     struct {
         const char* text;
         bool answer;
         DataID id;
-    } const cases[] = {{"12 34", true, {12, 34}},
-                       {"12", true, {12, 0}},
+    } const cases[] = {{"12", true, {12, 0}},
                        {" 7\t 0", true, {7, 0}},
                        {"", true, {0, 0}},
                        {"x", false, {0, 0}},
                        {"1,234 5", false, {1, 0}},
-                       {"4294967295 1", true, {kMax, 1}},
                        {"4294967296 5", false, {kMax, 0}},
                        {"7 99999999999999999999", true, {7, kMax}}};
     for (const auto& c : cases) {
@@ -71,28 +70,16 @@ void checkDataIDTexts() {
         EXPECT_EQ(id, c.id) << '"' << c.text << "\" gave " << id.convert_to_string();
     }
     EXPECT_EQ(DataID(1234567, kMax).convert_to_string(), "1234567 4294967295");
+    std::locale::global(std::locale::classic());
 }
 
-TEST(DataID, ReadsAndWritesItsTwoNumbersInTheClassicLocale) {
-    checkDataIDTexts();
-    const auto before = std::locale::global({std::locale::classic(), new GroupingByThrees});
-    checkDataIDTexts();
-    std::locale::global(before);
-}
-
-TEST(CreateID, StartsAtFourAndNeverGivesOneTwice) {
+TEST(CreateID, StartsAtFourAndGoesOn) {
     // In a process of its own, where nobody has asked yet.
-    EXPECT_EXIT(std::exit(BinaryDataPayload::createID() == DataID(4) ? 0 : 1),
-                testing::ExitedWithCode(0), "");
-    std::set<DataID> ids[2];
-    const auto ask = [&ids](int self) {
-        for (int i = 0; i < 1000; ++i) ids[self].insert(BinaryDataPayload::createID());
+    const auto isRight = [] {
+        const bool first = BinaryDataPayload::createID() == DataID(4);
+        return first && BinaryDataPayload::createID() == DataID(5);
     };
-    std::thread other(ask, 1);
-    ask(0);
-    other.join();
-    ids[0].merge(ids[1]);
-    EXPECT_EQ(ids[0].size(), 2000U);
+    EXPECT_EXIT(std::exit(isRight() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 TEST(BinaryDataPayload, KeepsBlocksWithTheirLittleEndianHeader) {
@@ -134,23 +121,22 @@ TEST(BinaryDataPayload, ConvertsItsBlocksToOneMessageAndHandsThemOver) {
 }
 
 TEST(BinaryDataPayload, ConvertsWholeOrNotAtAllWhenMemoryIsShort) {
-    auto whole = payloadOf({4, 5});
-    add(whole, 6, std::string(1000, 'd'));
-    const auto expected = convert(whole);
-    auto payload = payloadOf({4, 5});
-    add(payload, 6, std::string(1000, 'd'));
-    std::size_t failures = 0;
-    for (bool failed = true; failed; ++failures) {
+    const auto make = [] {
+        auto payload = payloadOf({4});
+        add(payload, 6, std::string(1000, 'd'));
+        return payload;
+    };
+    auto payload = make();
+    const auto failures = failEachNew([&](std::size_t n) {
         JSONPayload out;
-        std::string error;
-        failed = failingNew(failures + 1, [&] {
-            error = runtimeError([&] { payload.convertToJSONPayload(out); });
-        });
-        ASSERT_EQ(error, failed ? "Out of memory!" : "") << "allocation " << failures + 1;
-        ASSERT_EQ(payload.size(), failed ? 1026U : 0U) << "allocation " << failures + 1;
-        if (failed) continue;
-        EXPECT_EQ(out.convertToString(), expected);
-    }
+        const auto [failed, error] = failingNew(n, [&] { payload.convertToJSONPayload(out); });
+        EXPECT_EQ(error, failed ? "Out of memory!" : "") << "allocation " << n;
+        EXPECT_EQ(payload.size(), failed ? 1017U : 0U) << "allocation " << n;
+        if (!failed) {
+            EXPECT_EQ(out.convertToString(), convert(make()));
+        }
+        return failed;
+    });
     EXPECT_GT(failures, 5U);
 }
 
@@ -159,26 +145,24 @@ TEST(BinaryDataPayload, SaysOutOfMemoryAndKeepsWhatWasComplete) {
     add(payload, 4, "kept");
     constexpr auto kMax = std::numeric_limits<std::size_t>::max();
     for (const std::size_t length : {kMax, kMax - 7, kMax - 8, kMax / 2}) {
-        EXPECT_EQ(runtimeError([&] { payload.addDataToPayloadInternal("", length); }),
-                  "Out of memory!")
+        EXPECT_THAT([&] { payload.addDataToPayloadInternal("", length); },
+                    ThrowsMessage<std::runtime_error>("Out of memory!"))
             << length;
     }
     kiro::replaceAllocate([](std::size_t) -> void* { return nullptr; });
-    EXPECT_EQ(runtimeError([&] { add(payload, 5, "x"); }), "Out of memory!");
+    EXPECT_THAT([&] { add(payload, 5, "x"); }, ThrowsMessage<std::runtime_error>("Out of memory!"));
     kiro::replaceAllocate(nullptr);
     EXPECT_EQ(payload.size(), 12U);
 
-    std::size_t failures = 0;
-    for (bool failed = true; failed; ++failures) {
+    const auto failures = failEachNew([&payload](std::size_t n) {
         auto block = bufferOf(blockBytes(6));
-        std::string error;
-        failed = failingNew(failures + 1, [&] {
-            error = runtimeError([&] { payload.addDataToPayload(std::move(block)); });
-        });
+        const auto [failed, error] =
+            failingNew(n, [&] { payload.addDataToPayload(std::move(block)); });
         EXPECT_EQ(error, failed ? "Out of memory!" : "");
         EXPECT_EQ(bytesOf(block), failed ? blockBytes(6) : "") << "still the caller's";
         EXPECT_EQ(payload.size(), failed ? 12U : 21U);
-    }
+        return failed;
+    });
     EXPECT_GT(failures, 1U);
 }
 
@@ -188,6 +172,212 @@ TEST(BinaryDataPayload, RefusesAReadyMadeBlockThatIsShorterThanItsHeader) {
     EXPECT_THROW(payload.addDataToPayload(std::move(block)), std::invalid_argument);
     EXPECT_EQ(block.size(), 7U);
     EXPECT_TRUE(payload.isEmpty());
+}
+
+class BinarySend : public testing::Test {
+  protected:
+    /// A sender whose promises the test keeps or breaks.
+    [[nodiscard]] std::shared_ptr<ScriptedSender> later() {
+        return std::make_shared<ScriptedSender>([this](DataBuffer&&) {
+            promises.emplace_back();
+            return promises.back().getFuture();
+        });
+    }
+    static std::shared_ptr<ScriptedSender> refusing() {
+        return std::make_shared<ScriptedSender>([](DataBuffer&&) { return answer(false); });
+    }
+    static std::vector<kirohost::PendingTask> pendingTasks() {
+        return kirohost::pendingTasks(graphics_util::getContextQCRID());
+    }
+    std::size_t noticesOf(std::uint64_t id, const std::string& raw);
+    [[nodiscard]] Lines published() const { return client.messagesOn(kChannel); }
+
+    std::vector<Promise> promises;
+    support::Recorder client;
+    std::unique_ptr<Subscriber> subscription =
+        subscribe(PubSubFactory::pubsubInstance(), kChannel, client.callback());
+    support::DiagnosticCapture trace{"graphics::BinaryDataSend", 8};
+};
+
+TEST_F(BinarySend, PublishesEachBlockAsTextWithoutASender) {
+    auto payload = payloadOf({4, 5, 0x100000002U});
+    payload.sendUsing(nullptr, kChannel);
+    const Lines expected{fallback("4 0"), fallback("5 0"), fallback("2 1")};
+    EXPECT_EQ(published(), expected);
+    EXPECT_EQ(payload.size(), 0U);
+    EXPECT_FALSE(payload.isEmpty()) << "the entries remain";
+    payload.sendUsing(nullptr, kChannel);
+    payload.sendUsing(std::make_shared<ScriptedSender>(), kChannel);
+    EXPECT_EQ(published(), expected) << "what is gone is skipped";
+    EXPECT_EQ(trace.size(), 0U);
+}
+
+TEST_F(BinarySend, HandsACopyToTheSenderAndIsSilentAboutADeliveredBlock) {
+    int asked = 0;
+    const ScopedSettings settings(
+        [&](auto& changed) { changed.answerWarnAboutFallback = [&asked] { return ++asked > 0; }; });
+    const auto sender = std::make_shared<ScriptedSender>();
+    auto payload = payloadOf({4, 0x100000002U});
+    payload.sendUsing(sender, kChannel);
+    EXPECT_EQ(asked, 2) << "once for each block, whatever the answer";
+    EXPECT_EQ(trace.texts(), (Lines{"BinaryData 4 send", "BinaryData 4294967298 send"}));
+    EXPECT_EQ(trace.all()[0].level, 8);
+    kirohost::setDiagnosticLevel("graphics::BinaryDataSend", 7);
+    payload.sendUsing(sender, kChannel);
+    EXPECT_EQ(trace.size(), 2U);
+    EXPECT_EQ(sender->blocks.size(), 4U);
+    EXPECT_EQ(sender->blocks.all().back(), blockBytes(0x100000002U));
+    EXPECT_EQ(payload.size(), 18U);
+    EXPECT_TRUE(client.all().empty());
+}
+
+TEST_F(BinarySend, FallsBackAndWarnsAsTheHostAnswers) {
+    for (const bool allowed : {false, true}) {
+        for (const bool warn : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "allowed " << allowed << ", warn " << warn);
+            int asked = 0;
+            const ScopedSettings settings([&](auto& changed) {
+                changed.binaryChannelFallback = allowed;
+                // The second answer counts.
+                changed.answerWarnAboutFallback = [&] { return (++asked == 2) == warn; };
+            });
+            const auto sender = refusing();
+            payloadOf({4}).sendUsing(sender, kChannel);
+            EXPECT_EQ(asked, 2);
+            EXPECT_EQ(sender->warnings.all(), warn ? Lines{kChannel} : Lines());
+            Lines traced{"BinaryData 4 send"};
+            if (allowed) traced.emplace_back("BinaryData 4 sendFail");
+            EXPECT_EQ(trace.texts(), traced);
+            EXPECT_EQ(published(), allowed ? Lines{fallback("4 0")} : Lines());
+            client.clear();
+            trace.clear();
+        }
+    }
+}
+
+TEST_F(BinarySend, StopsAtAFutureWithoutStateAndAtLackOfMemory) {
+    int sent = 0;
+    const auto sender = std::make_shared<ScriptedSender>(
+        [&sent](DataBuffer&&) { return ++sent == 2 ? SendFuture() : answer(true); });
+    auto payload = payloadOf({4, 5, 6});
+    const auto send = [&] { payload.sendUsing(sender, kChannel); };
+    EXPECT_THAT(send, ThrowsMessage<std::runtime_error>("Future state isn't valid!"));
+    EXPECT_EQ(sender->blocks.all(), (Lines{blockBytes(4), blockBytes(5)}));
+
+    static int copies;
+    copies = 0;
+    kiro::replaceAllocate(
+        [](std::size_t size) -> void* { return ++copies == 2 ? nullptr : std::malloc(size); });
+    sender->blocks.clear();
+    EXPECT_THAT(send, ThrowsMessage<std::runtime_error>("Out of memory!"));
+    kiro::replaceAllocate(nullptr);
+    EXPECT_EQ(sender->blocks.all(), Lines{blockBytes(4)});
+    EXPECT_EQ(payload.size(), 27U);
+}
+
+/// Sends block `id` as text with each allocation failing in turn; `raw` is its identifier in a
+/// notice. Answers how many notices were sent instead.
+std::size_t BinarySend::noticesOf(std::uint64_t id, const std::string& raw) {
+    const Lines whole{fallback(std::to_string(id) + " 0")};
+    std::size_t notices = 0;
+    failEachNew([&](std::size_t n) {
+        client.clear();
+        auto payload = payloadOf({id});
+        const auto outcome = failingNew(n, [&] { payload.sendUsing(nullptr, kChannel); });
+        // What is thrown comes out of publishing: the message had been built.
+        const bool isNotice = outcome.error.empty() && published() != whole;
+        EXPECT_EQ(pendingTasks().size(), isNotice ? 1U : 0U) << "allocation " << n;
+        if (!isNotice) return outcome.failed;
+        ++notices;
+        EXPECT_EQ(published(), Lines{fallback("2 0", raw)}) << "allocation " << n;
+        EXPECT_EQ(pendingTasks().at(0).source, "src/BinaryDataPayload");
+        const support::WarningCapture warnings;
+        kirohost::runPendingTasks();
+        EXPECT_EQ(warnings.texts(), Lines{"Quarn:graphics:GraphicsBinaryOOM()"});
+        return outcome.failed;
+    });
+    EXPECT_EQ(published(), whole) << "with memory again";
+    return notices;
+}
+
+TEST_F(BinarySend, SubstitutesANoticeWhenTheFallbackMessageCannotBeBuilt) {
+    EXPECT_GT(noticesOf(5, "\\u0005"), 3U);
+    EXPECT_GT(noticesOf(256, ""), 3U);
+    EXPECT_GT(noticesOf(0x4142, "BA"), 3U);
+}
+
+TEST_F(BinarySend, TakesNothingThatPublishThrowsForLackOfMemory) {
+    const auto thrower =
+        subscribe(PubSubFactory::pubsubInstance(), kChannel,
+                  [](const std::string&, const PayloadInterface&) { throw std::bad_alloc(); });
+    EXPECT_THROW(payloadOf({4}).sendUsing(nullptr, kChannel), std::bad_alloc);
+    payloadOf({5}).sendUsing(refusing(), kChannel);  // into the future that nobody reads
+    EXPECT_EQ(published(), (Lines{fallback("4 0"), fallback("5 0")}));
+    EXPECT_TRUE(pendingTasks().empty());
+    EXPECT_EQ(trace.texts(), Lines{"BinaryData 5 send"});
+}
+
+TEST_F(BinarySend, CompletesLateOutOfOrderAndOnSeveralThreadsWhenAllElseIsGone) {
+    auto sender = later();
+    payloadOf({4, 5, 6, 7}).sendUsing(sender, std::string(kChannel));
+    const auto weak = std::weak_ptr(sender);
+    sender.reset();
+    EXPECT_FALSE(weak.expired()) << "held by the completions";
+    promises[3].setValue({true, {}});
+    promises[2].setValue({false, bufferOf(blockBytes(6))});
+    EXPECT_EQ(published(), Lines{fallback("6 0")});
+    sender = weak.lock();
+    std::thread other([this] { promises[0].setValue({false, {}}); });
+    promises[1].setValue({false, {}});
+    other.join();
+    EXPECT_EQ(sender->warnings.all(), (Lines{kChannel, kChannel, kChannel}));
+    EXPECT_EQ(sender.use_count(), 1);
+    EXPECT_THAT(published(),
+                testing::UnorderedElementsAre(fallback("4 0"), fallback("5 0"), fallback("6 0")));
+}
+
+TEST_F(BinarySend, ToleratesAStreamThatNeverAnswersOrAnswersWithAnError) {
+    const auto sender = later();
+    auto payload = payloadOf({4, 5});
+    payload.sendUsing(sender, kChannel);
+    promises[0].setException(std::make_exception_ptr(std::runtime_error("broken")));
+    promises.clear();
+    EXPECT_TRUE(client.all().empty());
+    EXPECT_EQ(sender->warnings.size(), 0U);
+    EXPECT_EQ(payload.size(), 18U);
+    EXPECT_EQ(sender.use_count(), 1) << "nothing is held any more";
+}
+
+TEST_F(BinarySend, FallsBackWhenTheStreamEndsWithItsLastUserAndSendsUnderWay) {
+    namespace experimental = relay::binary::experimental;
+    std::vector<experimental::Delivery> kept;
+    const experimental::ClientEnd clientEnd("/binary", [&kept](experimental::Delivery delivery) {
+        kept.push_back(std::move(delivery));
+    });
+    auto sender = createBinaryDataSender("/binary");
+    payloadOf({4, 5, 6}).sendUsing(sender, kChannel);
+    ASSERT_EQ(kept.size(), 3U);
+    kept[1].deliver();
+    sender.reset();
+    EXPECT_EQ(published(), Lines()) << "the registry still holds the stream";
+    BinaryStreamLifeCycle::destroyBinaryStream("/binary");
+    EXPECT_EQ(published(), (Lines{fallback("4 0"), fallback("6 0")}));
+    const support::WarningCapture warnings;
+    kirohost::runPendingTasks();
+    EXPECT_EQ(warnings.texts().size(), 2U);
+}
+
+TEST_F(BinarySend, TakesAndCopiesABlockOneAtATime) {
+    auto payload = payloadOf(std::vector<std::uint64_t>(50, 4));
+    payload.sendUsing(later(), kChannel);
+    std::thread completions([this] {
+        for (auto& promise : promises) promise.setValue({false, {}});
+    });
+    const auto second = std::make_shared<ScriptedSender>();
+    payload.sendUsing(second, kChannel);
+    completions.join();
+    EXPECT_EQ(published().size(), 50U);
+    for (const auto& bytes : second->blocks.all()) EXPECT_EQ(bytes, blockBytes(4));
 }
 
 }  // namespace

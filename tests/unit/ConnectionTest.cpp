@@ -97,7 +97,6 @@ TEST_F(Connection, aConditionReportsEachEventOnceAndAReconnectFirst) {
                 testing::ThrowsMessage<ReconnectError>(messageText(reconnected, {"reconnect"})));
     EXPECT_THAT(look, testing::ThrowsMessage<NewViewError>(messageText(opened, {"new view"})));
     EXPECT_FALSE(condition.doThrowIfError());
-    EXPECT_FALSE(condition.shouldTerminate());
 }
 
 TEST_F(Connection, aConditionSeesTheEventsOfItsOwnLifeOnlyAndKeepsItsStatus) {
@@ -110,15 +109,6 @@ TEST_F(Connection, aConditionSeesTheEventsOfItsOwnLifeOnlyAndKeepsItsStatus) {
         EXPECT_FALSE(weak.expired());
     }
     EXPECT_TRUE(weak.expired());
-    reconnect();
-    openView();
-}
-
-TEST(WebTerminatingCondition, withoutAStatusNoEventsCome) {
-    WebTerminatingCondition condition("wait", &never, nullptr);
-    reconnect();
-    openView();
-    EXPECT_FALSE(condition.doThrowIfError());
 }
 
 TEST_F(Connection, aWaitEndsByAnEventOfTheClientUnlessItsConditionHoldsAlready) {
@@ -132,14 +122,13 @@ TEST_F(Connection, aWaitEndsByAnEventOfTheClientUnlessItsConditionHoldsAlready) 
         openView();
         met = true;
     });
-    wait("wait", isMet, nullptr, nullptr);
 }
 
-TEST_F(Connection, aWaitTimesOutAfterTwentyMinutes) {
+TEST(WebBlockingOperation, timesOutAfterTwentyMinutes) {
     const support::FakeClock clock;
     int pumped = 0;
     const auto pump = [&pumped] { support::FakeClock::advanceSeconds(++pumped == 1 ? 1199 : 1); };
-    EXPECT_THROW(WebBlockingOperation::waitOrThrow("drawn", &never, status, pump),
+    EXPECT_THROW(WebBlockingOperation::waitOrThrow("drawn", &never, nullptr, pump),
                  TerminatingConditionException);
     EXPECT_EQ(pumped, 2);
 }

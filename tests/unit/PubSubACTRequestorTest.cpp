@@ -2,19 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <latch>
 #include <memory>
 #include <thread>
 #include <type_traits>
 
 #include "Captures.hpp"
 #include "Fixture.hpp"
-#include "kiro/web/BootstrappingCommandSender.hpp"
 #include "kiro/web/ExportCommandSender.hpp"
 #include "kiro/web/JSONPayload.hpp"
-#include "kiro/web/PubSubFactory.hpp"
-#include "kiro/web/Subscriber.hpp"
 #include "kiroutils/Logger.hpp"
 
 namespace {
@@ -47,8 +42,8 @@ std::string eventOf(const std::string& event, const CompletionToken& token) {
     return record(event, R"({"Token Id":")" + token.convertToString() + "\"}", kReturn, "engine");
 }
 
-ScopedSettings timeoutLogging(bool on) {
-    return ScopedSettings([on](auto& settings) { settings.drawnowTimeoutLogging = on; });
+ScopedSettings timeoutLogging() {
+    return ScopedSettings([](auto& settings) { settings.drawnowTimeoutLogging = true; });
 }
 
 class PubSubRequestor : public testing::Test {
@@ -67,17 +62,19 @@ class PubSubRequestor : public testing::Test {
     static void returnToken(const CompletionToken& token, const std::string& more = "") {
         reply(R"({"ACT":")" + token.convertToString() + '"' + more + "}");
     }
-    /// The warnings when a token of `requestor` times out on a developers' host.
-    std::vector<kirohost::Warning> timeOut() {
+    /// The warnings when a token of `from` times out, on a developers' host or another.
+    static std::vector<kirohost::Warning> timeOut(kiro::ACTRequestor& from, bool atOstrel = true) {
         const FakeClock clock;
-        const ScopedSettings settings([](auto& changed) {
-            changed.atOstrel = true;
+        const ScopedSettings settings([atOstrel](auto& changed) {
+            changed.atOstrel = atOstrel;
             changed.drawnowTimeoutSeconds = 1;
         });
         const support::WarningCapture warnings;
-        requestor->checkoutToken();
+        const auto late = from.checkoutToken();
         FakeClock::advanceSeconds(2);
-        EXPECT_FALSE(requestor->isACTPending());
+        EXPECT_FALSE(from.isACTPending());
+        from.discardTimedOutTokens();
+        from.returnToken(late);
         return warnings.all();
     }
 
@@ -99,68 +96,95 @@ TEST_F(PubSubRequestor, SaysWhyATokenMayNotHaveComeBack) {
     for (const auto& c : cases) {
         sender->ready = c.ready;
         requestor->setCommandSender(c.hasSender ? sender : nullptr);
-        const auto warnings = timeOut();
+        const auto warnings = timeOut(*requestor);
         ASSERT_EQ(warnings.size(), 2U);
         EXPECT_EQ(warnings[0].arguments, Lines{c.customer});
+        EXPECT_EQ(warnings[1].id.key, "drawnowTimeout");
+        EXPECT_EQ(warnings[1].arguments.at(0), "1");
         EXPECT_EQ(warnings[1].arguments.at(1), "engine(/return)");
         EXPECT_EQ(warnings[1].arguments.at(3),
                   std::string(c.internal) + "\ndrawnowTimeoutLogger disabled");
     }
 }
 
-TEST_F(PubSubRequestor, SendsTheTokenBehindAllElseAndTakesItBack) {
+/// What every requestor says by itself.
+struct Plain : kiro::ACTRequestor {
+    Plain() : ACTRequestor(kLog, "engine", kReturn) {}
+    void convertToPayload(JSONPayload&, const CompletionToken&) const override {}
+    void doSendACT(const CompletionToken&) override {}
+    std::string getDetailsForCustomerTimeoutWarning() const override { return "the cause"; }
+};
+
+TEST_F(PubSubRequestor, ReportsATimeOutOnceAndCallsTheHookOnTheDevelopersHostsOnly) {
+    for (const bool atOstrel : {false, true}) {
+        Plain plain;
+        int hooks = 0;
+        const ScopedSettings settings(
+            [&](auto& changed) { changed.drawnowTimeoutCallback = [&hooks] { ++hooks; }; });
+        const LogCapture log(kLog);
+        const auto warnings = timeOut(plain, atOstrel);
+        ASSERT_EQ(warnings.size(), atOstrel ? 2U : 1U);
+        EXPECT_EQ(textOf(warnings[0]), "Quarn:graphics:timeoutDuringDrawnow(the cause)");
+        EXPECT_EQ(hooks, atOstrel ? 1 : 0);
+        ASSERT_EQ(log.size(), 2U);
+        const auto report = log.texts()[1];
+        EXPECT_EQ(report.substr(0, 40), record("Timeout", "", kReturn).substr(0, 40));
+        EXPECT_NE(report.find(R"("Timeout":"1"})"), std::string::npos);
+    }
+    EXPECT_EQ(kirohost::runPendingTasks(), 0U) << "a time-out wakes nobody";
+}
+
+TEST_F(PubSubRequestor, SendsTheTokenBehindAllElseTakesItBackAndRecordsEachStep) {
     make();
     const LogCapture log(kLog);
-    auto token = requestor->sendACT();
-    const auto id = token.convertToString();
+    const auto token = requestor->sendACT();
     EXPECT_EQ(sender->getCommandsAsStrings(),
-              Lines{R"({"ACT":")" + id + R"(","returnChannel":"/return","cmd":"sendACT"})"});
+              Lines{R"({"ACT":")" + token.convertToString() +
+                    R"(","returnChannel":"/return","cmd":"sendACT"})"});
     EXPECT_TRUE(requestor->isACTPending());
     returnToken(token);
     EXPECT_FALSE(requestor->isACTPending());
-    EXPECT_EQ(log.texts(), (Lines{eventOf("checkoutToken", token), eventOf("sendACT", token),
-                                  eventOf("return ACT", token)}));
     EXPECT_EQ(kirohost::runPendingTasks(), 1U) << "the interpreter is woken";
+    requestor->setCommandSender(nullptr);
+    const auto discarded = requestor->sendACT();
+    EXPECT_EQ(sender->getCommandsAsStrings().size(), 1U);
+    EXPECT_TRUE(requestor->isACTPending());
+    requestor->discardAllTokens();
+    requestor->returnToken(discarded);
+    requestor->log("LogType", {{"LogType", "Client"}, {"Source", 1}});
+    EXPECT_EQ(log.texts(),
+              (Lines{eventOf("checkoutToken", token), eventOf("sendACT", token),
+                     eventOf("return ACT", token), eventOf("checkoutToken", discarded),
+                     eventOf("sendACT", discarded),
+                     record("All drawnow tokens discarded", "{}", kReturn, "engine"),
+                     record("LogType", R"({"LogType":"Client","Source":1})", kReturn, "engine")}));
+}
 
+TEST_F(PubSubRequestor, WritesAndReadsTimeStampsWhileTheyAreLogged) {
+    make();
+    EXPECT_EQ(requestor->sendACT().getTimeStamps().serverSend, 0U);
     requestor->enableTimeStampLogging(true);
+    EXPECT_TRUE(requestor->isTimeStampLoggingEnabled());
+    auto token = requestor->sendACT();
+    EXPECT_GT(token.getTimeStamps().serverSend, 1000000000000000U) << "microseconds since 1970";
     token.getTimeStamps() = {1, 2, 3, 18446744073709551615U};
-    kiro::web::JSONPayload payload;
+    JSONPayload payload;
     requestor->convertToPayload(payload, token);
     EXPECT_EQ(
         payload.convertToString(),
-        R"({"ACT":")" + id + R"(","returnChannel":"/return","serverSendTS":1,)" +
+        R"({"ACT":")" + token.convertToString() +
+            R"(","returnChannel":"/return","serverSendTS":1,)"
             R"("clientReceiveTS":2,"clientSendTS":3,"serverReceiveTS":18446744073709551615})");
-
-    requestor->setCommandSender(nullptr);
-    requestor->sendACT();
-    EXPECT_EQ(sender->getCommandsAsStrings().size(), 1U);
-    EXPECT_TRUE(requestor->isACTPending());
-    EXPECT_EQ(log.size(), 5U) << "checked out and sent, no more";
-}
-
-TEST_F(PubSubRequestor, ReadsTheStampsOfAReply) {
-    const std::pair<const char*, std::uint64_t> cases[] = {
-        {"7", 7},      {"18446744073709551615", 18446744073709551615U},
-        {"1e3", 1000}, {"18446744073709551616", 0},
-        {"-1", 0},     {"1.5", 0},
-        {R"("7")", 0}, {"null", 0}};
-    make();
-    requestor->enableTimeStampLogging(true);
-    for (const auto& [text, stamp] : cases) {
-        SCOPED_TRACE(text);
-        const std::string value = text;
-        returnToken(requestor->sendACT(), R"(,"serverSendTS":)" + value + R"(,"clientReceiveTS":)" +
-                                              value + R"(,"clientSendTS":)" + value +
-                                              R"(,"serverReceiveTS":1)");
-        EXPECT_FALSE(requestor->isACTPending());
-        const auto stamps = requestor->getTimeStampLog().back();
-        EXPECT_EQ(stamps.serverSend, stamp);
-        EXPECT_EQ(stamps.clientReceive, stamp);
-        EXPECT_EQ(stamps.clientSend, stamp);
-        EXPECT_GT(stamps.serverReceive, 1U) << "ours";
-    }
-    returnToken(requestor->sendACT());
-    EXPECT_EQ(requestor->getTimeStampLog().back().clientSend, 0U) << "no stamps at all";
+    returnToken(token, R"(,"serverSendTS":18446744073709551615,"clientReceiveTS":1e3,)"
+                       R"("clientSendTS":-1,"serverReceiveTS":1)");
+    const auto stamps = requestor->getTimeStampLog().back();
+    EXPECT_EQ(stamps.serverSend, 18446744073709551615U);
+    EXPECT_EQ(stamps.clientReceive, 1000U);
+    EXPECT_EQ(stamps.clientSend, 0U) << "not a stamp";
+    EXPECT_GT(stamps.serverReceive, 1U) << "ours";
+    EXPECT_EQ(requestor->getTimeStampLog().size(), 1U);
+    requestor->clearTimeStampLog();
+    EXPECT_FALSE(requestor->hasTimeStamps());
 }
 
 TEST_F(PubSubRequestor, DropsRepliesThatAreMalformedForgedOrStale) {
@@ -169,31 +193,26 @@ TEST_F(PubSubRequestor, DropsRepliesThatAreMalformedForgedOrStale) {
     const auto token = requestor->sendACT();
     const LogCapture log(kLog);
     const auto id = token.convertToString();
-    for (const auto& text : {std::string(), std::string("{}"), R"({"ACT":")" + id + "\"",
-                             std::string(R"({"ACT":null})"), std::string(R"({"ACT":""})"),
-                             R"({"ACT":[")" + id + "\"]}", R"({"ACT":"x)" + id + "\"}",
-                             R"({"ACT":")" + stale + "\"}", R"({"ACT":"\xFF)" + id + "\"}"}) {
+    for (const auto& text : {std::string(), R"({"ACT":")" + id + "\"", R"({"ACT":[")" + id + "\"]}",
+                             R"({"ACT":"x)" + id + "\"}", R"({"ACT":")" + stale + "\"}"}) {
         reply(text);
         EXPECT_TRUE(requestor->isACTPending()) << text;
     }
-    publish("/return/other", R"({"ACT":")" + id + "\"}");
-    kirohost::waitForDelivery();
     EXPECT_EQ(kirohost::runPendingTasks(), 0U);
     const auto manager = requestor->getReturnTokenInterface();
     requestor.reset();
     returnToken(token);  // the manager is there, but nobody listens for it
     EXPECT_EQ(log.size(), 0U);
+    EXPECT_FALSE(manager->isTimeStampLoggingEnabled());
+    manager->returnToken(token);
+    EXPECT_EQ(log.size(), 1U);
 }
 
 TEST_F(PubSubRequestor, TracesReturnedTokens) {
     const support::DiagnosticCapture trace("graphics::ACT", 8);
     make(true);
-    const auto token = requestor->sendACT();
-    reply(R"({"ACT":"stranger"})");
-    reply("{}");
-    returnToken(token);
-    EXPECT_EQ(trace.texts(), (Lines{"graphics::ACT lifecycle stranger",
-                                    "graphics::ACT lifecycle " + token.convertToString()}));
+    returnToken(CompletionToken("stranger"));
+    EXPECT_EQ(trace.texts(), Lines{"graphics::ACT lifecycle stranger"});
 }
 
 TEST_F(PubSubRequestor, RecordsItsLifeOnceTheHostWantsItAndGoesOn) {
@@ -201,7 +220,7 @@ TEST_F(PubSubRequestor, RecordsItsLifeOnceTheHostWantsItAndGoesOn) {
     LogCapture log(kLog);
     CompletionToken token;
     {
-        const auto on = timeoutLogging(true);
+        const auto on = timeoutLogging();
         token = requestor->sendACT();
         const PubSubACTRequestor second(nullptr, "/second", "other", "web", false);
     }
@@ -223,19 +242,18 @@ TEST_F(PubSubRequestor, RecordsItsLifeOnceTheHostWantsItAndGoesOn) {
 }
 
 TEST_F(PubSubRequestor, PrintsTheHistoryUntilASnapshotClearsIt) {
-    const auto on = timeoutLogging(true);
+    const auto on = timeoutLogging();
     make();
     auto& logger = Logger::instance();
     for (int i = 0; i < 500; ++i) logger.log(kLog, std::to_string(i));
     EXPECT_EQ(logger.history(kLog).size(), 400U);
-    kiro::web::test::enablePubSubACTRequestorTesting();
     kiro::web::test::enablePubSubACTRequestorTesting();
     kirohost::takeMemorySnapshot();
     EXPECT_TRUE(logger.history(kLog).empty());
 
     publish("/graphics/a", "{}");
     kirohost::waitForDelivery();
-    const auto printed = timeOut().at(1).arguments.at(3);
+    const auto printed = timeOut(*requestor).at(1).arguments.at(3);
     const auto history = logger.history(kLog);
     ASSERT_EQ(history.size(), 3U) << "the client's, the token's and that of its time-out";
     EXPECT_EQ(printed, "Client may not be connected.\nLast 3 messages:\n\n " + history[0] + "\n " +
@@ -243,12 +261,10 @@ TEST_F(PubSubRequestor, PrintsTheHistoryUntilASnapshotClearsIt) {
 }
 
 TEST_F(PubSubRequestor, MayBeDestroyedWithRepliesInFlight) {
-    std::atomic<bool> stop = false;
     support::Collector<std::string> tokens;
-    std::thread client([&] {
-        for (std::size_t seen = 0; !stop; ++seen) {
-            tokens.awaitSize(seen + 1);
-            publish(kReturn, R"({"ACT":")" + tokens.all()[seen] + "\"}");
+    std::jthread client([&tokens] {
+        for (auto token = tokens.take(); !token.empty(); token = tokens.take()) {
+            publish(kReturn, R"({"ACT":")" + token + "\"}");
         }
     });
     for (int i = 0; i < 100; ++i) {
@@ -256,37 +272,7 @@ TEST_F(PubSubRequestor, MayBeDestroyedWithRepliesInFlight) {
         for (int n = 0; n < 3; ++n) tokens.add(requestor->sendACT().convertToString());
         requestor.reset();
     }
-    stop = true;
-    tokens.add("the last");
-    client.join();
-}
-
-TEST(MessagesInFlight, DoNotReachADestroyedSender) {
-    support::Recorder received;
-    const auto subscription =
-        subscribe(kiro::web::PubSubFactory::pubsubInstance(), "/sender", received.callback());
-    std::atomic<bool> stop = false;
-    std::latch started(1);
-    std::thread client([&] {
-        started.count_down();
-        while (!stop) publish("/sender/channelReady", R"({"binaryChannelStatus":1})");
-    });
-    started.wait();
-    for (int i = 0; i < 100; ++i) {
-        kiro::web::BootstrappingCommandSender sender("/sender");
-        sender.sendCommand("a", {});
-        static_cast<void>(sender.queryUsingBinary());
-        sender.sendCommand("b", {});
-    }
-    stop = true;
-    client.join();
-    kirohost::waitForDelivery();
-    // Whatever arrived is whole and in order: an "a" before each "b", never a lone "b".
-    bool afterA = false;
-    for (const auto& text : received.messagesOn("/sender")) {
-        EXPECT_TRUE(afterA || text != R"({"cmd":"b"})");
-        afterA = text == R"({"cmd":"a"})";
-    }
+    tokens.add("");
 }
 
 }  // namespace

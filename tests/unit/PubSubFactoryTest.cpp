@@ -28,27 +28,19 @@ Endpoint makeFake() { return std::make_shared<test::FakePubSub>(); }
 TEST(PubSubFactory, makesOneRelayEndpointByDefaultAndFreshOnesForTheOthers) {
     const auto first = PubSubFactory::makePubSubWithDefault(&makeFake);
     const auto instance = PubSubFactory::pubsubInstance();
-    const auto second = PubSubFactory::makePubSubWithDefault(&makeFake);
     EXPECT_NE(dynamic_cast<RelayPubSub*>(instance.get()), nullptr);
     EXPECT_EQ(instance, PubSubFactory::pubsubInstance());
+    const auto second = PubSubFactory::makePubSubWithDefault(&makeFake);
     EXPECT_EQ((std::set{first, instance, second}.size()), 3U);
 
     const support::AssertionCapture assertions;
     PubSubFactory::setPubSubCreationFcn(&makeFake);
     EXPECT_EQ(assertions.size(), 1U) << "the default was installed as any other";
-    EXPECT_EQ(PubSubFactory::makePubSubWithDefault(nullptr), instance);
 }
 
 TEST(PubSubFactory, takesAnEmptyFunctionForNone) {
     PubSubFactory::setPubSubCreationFcn(nullptr);
     EXPECT_NE(dynamic_cast<RelayPubSub*>(PubSubFactory::pubsubInstance().get()), nullptr);
-}
-
-TEST(PubSubFactory, commitsToAnEmptyEndpoint) {
-    int calls = 0;
-    PubSubFactory::setPubSubCreationFcn([&calls] { return ++calls == 1 ? nullptr : makeFake(); });
-    EXPECT_EQ(PubSubFactory::pubsubInstance(), nullptr);
-    EXPECT_EQ(PubSubFactory::pubsubInstance(), nullptr);
 }
 
 TEST(PubSubFactory, givesConcurrentFirstCallersOneEndpoint) {
@@ -100,10 +92,7 @@ TEST(PubSubFactory, reportsASecondFunctionAndSteersEverybodyOntoItsEndpoint) {
 TEST(PubSubFactory, reportsAnEmptyDefaultAndThrows) {
     const support::AssertionCapture assertions;
     EXPECT_THROW(PubSubFactory::makePubSubWithDefault(nullptr), std::bad_function_call);
-    ASSERT_EQ(assertions.texts(), support::Lines{"src/PubSubFactory:47: defaultFcn != nullptr"});
-    EXPECT_EQ(assertions.all().front().function,
-              "static std::shared_ptr<kiro::web::PubSubInterface> "
-              "kiro::web::PubSubFactory::makePubSubWithDefault(pubsub_creation_fcn)");
+    EXPECT_EQ(assertions.texts(), support::Lines{"src/PubSubFactory:47: defaultFcn != nullptr"});
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <memory>
 
 #include "Captures.hpp"
@@ -8,10 +6,7 @@
 
 /// Steers every component onto one endpoint that delivers on the publishing thread.
 int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
     kiro::web::PubSubFactory::setPubSubCreationFcn(
         [] { return std::make_shared<kiro::web::test::FakePubSub>(); });
-    support::ExpectNoSurprises::install();
-    return RUN_ALL_TESTS();
+    return support::runAllTests(argc, argv);
 }

@@ -35,10 +35,11 @@ struct ClientBegunAnew {
 
 constexpr std::chrono::milliseconds kMostBehind{250};
 
-std::chrono::microseconds clientTime(
-    const kiroutils::CompletionToken::CompletionTokenTimeStamps& stamps) {
-    if (stamps.clientSend < stamps.clientReceive) return {};
-    return std::chrono::microseconds(stamps.clientSend - stamps.clientReceive);
+template <typename Value>
+void keepLatest(std::deque<Value>& values, const Value& value) {
+    constexpr std::size_t kMost = 10'000;
+    if (values.size() == kMost) values.pop_front();
+    values.push_back(value);
 }
 
 std::chrono::microseconds since(steady_clock::time_point start) {
@@ -124,7 +125,9 @@ void Engine::drawFrame(std::uint64_t frame) {
             case FlushEnd::kTimedOut:
                 // The commands are on their way or queued, in order: only the answer is missing.
                 ++fResult.timedOut;
-                if (fHooks.timedOut) fHooks.timedOut(fSender->queryCommandSenderReadyStatus());
+                if (fHooks.timedOut) {
+                    fHooks.timedOut(fSender->queryCommandSenderReadyStatus(), fResult.latencies);
+                }
                 return;
             case FlushEnd::kClientGone:
                 ++fResult.clientsGone;
@@ -168,8 +171,10 @@ Engine::FlushEnd Engine::flush() {
     if (fResult.frames == 0) noteBacklog();
     const FlushEnd end = waitForToken();
     if (end == FlushEnd::kComplete) {
-        fResult.flushes.push_back(since(start));
-        fResult.clientTimes.push_back(clientTime(fRequestor->getTimeStampLog().back()));
+        keepLatest(fResult.flushes, since(start));
+        if (const auto latency = latencyOf(fRequestor->getTimeStampLog().back())) {
+            keepLatest(fResult.latencies, *latency);
+        }
     }
     fSender->removeFinishedAsyncTasksFromCache();
     return end;

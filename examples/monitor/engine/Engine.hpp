@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -11,6 +12,7 @@
 #include "engine/ClientWatch.hpp"
 #include "engine/ErrorWatch.hpp"
 #include "engine/Figure.hpp"
+#include "engine/Latency.hpp"
 #include "engine/Outlet.hpp"
 #include "engine/PickReceiver.hpp"
 #include "engine/QuakeFigure.hpp"
@@ -48,10 +50,10 @@ struct EngineResult {
     Traffic traffic;
     /// What the sender held back when the first flush began to wait.
     Traffic backlog;
-    /// From the sending of the token to the end of the wait, for each complete frame.
-    std::vector<std::chrono::microseconds> flushes;
-    /// The part of it in which the client had the token, by the client's own stamps.
-    std::vector<std::chrono::microseconds> clientTimes;
+    /// The latest ten thousand complete frames: from the sending of the token to the end of the
+    /// wait; and the way of the token, if the client stamps what it answers.
+    std::deque<std::chrono::microseconds> flushes;
+    std::deque<Latency> latencies;
 };
 
 /// Draws the two figures, frame by frame: commands and blocks, then a flush that waits until the
@@ -69,8 +71,9 @@ class Engine {
         /// Whether clients were there and none is any more. Whoever changes the answer to true
         /// wakes the interpreter.
         std::function<bool()> clientGone;
-        /// When a flush has ended by time-out, and whether a client had announced itself by then.
-        std::function<void(bool announced)> timedOut;
+        /// When a flush has ended by time-out: whether a client had announced itself by then, and
+        /// the latest flushes that did not.
+        std::function<void(bool announced, const std::deque<Latency>& latest)> timedOut;
         /// When a client reports an error of its own, on the message service's thread.
         std::function<void(const std::string& error)> clientError;
     };

@@ -1,53 +1,30 @@
 // A gateway that says what a test tells it to say, and keeps what it hears.
-import { once } from "node:events";
-import { createServer } from "node:http";
+import { on, once } from "node:events";
 
 import { WebSocketServer } from "./packages.mjs";
 
-/** Values in the order of coming; whoever asks for one waits for it. */
-class Inflow {
-    #values = [];
-    #waiting = [];
-    put(value) {
-        const wanted = this.#waiting.shift();
-        if (wanted) wanted(value);
-        else this.#values.push(value);
-    }
-    next() {
-        if (this.#values.length > 0) return Promise.resolve(this.#values.shift());
-        return new Promise((resolve) => this.#waiting.push(resolve));
-    }
-    get isEmpty() {
-        return this.#values.length === 0;
-    }
-}
-
 /** One connection of a page. */
-export class Peer {
+class Peer {
     #socket;
-    #messages = new Inflow();
+    #frames;
+    #messages = [];
     constructor(socket) {
         this.#socket = socket;
-        this.closed = once(socket, "close").then(([code]) => code);
-        socket.on("message", (data, isBinary) => {
-            if (isBinary) this.#messages.put(new Uint8Array(data));
-            else for (const message of [JSON.parse(data.toString())].flat()) this.#messages.put(message);
-        });
+        this.#frames = on(socket, "message");
     }
-    /** The next message, each of an array for itself; a Uint8Array for a binary frame. */
-    next() {
-        return this.#messages.next();
-    }
-    /** The next one of this kind; others before it are passed over. */
-    async nextOf(t) {
+    /** The next message of this kind; others before it are passed over. */
+    async next(t) {
         for (;;) {
-            const message = await this.next();
-            if (message.t === t) return message;
+            const message = this.#messages.shift();
+            if (message?.t === t) return message;
+            if (message) continue;
+            const { value } = await this.#frames.next();
+            this.#messages = [JSON.parse(value[0])].flat();
         }
     }
     /** Answers the hello, and returns it. */
     async welcome(members = {}) {
-        const hello = await this.nextOf("hello");
+        const hello = await this.next("hello");
         this.control({
             t: "hello", version: 1, server: "scripted", view: "v1", kind: "first", next: 1,
             blockChannels: [], subscribed: hello.subscribe, refused: [], configuration: {},
@@ -56,11 +33,11 @@ export class Peer {
         return hello;
     }
     control(object) {
-        this.#socket.send(JSON.stringify(object));
+        this.raw(JSON.stringify(object));
     }
     /** Records of [channel, text], the first with this number. */
     batch(number, records) {
-        this.#socket.send(number + records.map(([c, text]) => `\x1e${c}\x1f${text}`).join(""));
+        this.raw(number + records.map(([c, text]) => `\x1e${c}\x1f${text}`).join(""));
     }
     /** A block or a piece of one. */
     piece({ last = true, channel = 1, transfer = 1, number, data }) {
@@ -71,7 +48,7 @@ export class Peer {
         frame.writeUInt32LE(transfer, 4);
         frame.writeBigUInt64LE(BigInt(number), 8);
         frame.set(data, 16);
-        this.#socket.send(frame);
+        this.raw(frame);
     }
     raw(data) {
         this.#socket.send(data);
@@ -85,31 +62,25 @@ export class Peer {
     }
 }
 
-/** Serves on a free port of the loopback interface. `handler` answers other requests. */
+/** Serves on a free port of the loopback interface. */
 export class ScriptedGateway {
-    #peers = new Inflow();
-    static async start(handler = (_, response) => response.writeHead(404).end()) {
+    #peers;
+    static async start() {
         const gateway = new ScriptedGateway();
-        gateway.http = createServer(handler);
-        gateway.sockets = new WebSocketServer({ server: gateway.http });
-        gateway.sockets.on("connection", (socket) => gateway.#peers.put(new Peer(socket)));
-        gateway.http.listen(0, "127.0.0.1");
-        await once(gateway.http, "listening");
+        gateway.sockets = new WebSocketServer({ host: "127.0.0.1", port: 0 });
+        const { sockets } = gateway;
+        gateway.#peers = on(sockets, "peer");
+        sockets.on("connection", (socket) => sockets.emit("peer", new Peer(socket)));
+        await once(gateway.sockets, "listening");
+        gateway.url = `ws://127.0.0.1:${gateway.sockets.address().port}/kiroweb`;
         return gateway;
     }
-    get port() {
-        return this.http.address().port;
-    }
-    get url() {
-        return `ws://127.0.0.1:${this.port}/kiroweb`;
-    }
     /** The next connection of a page. */
-    peer() {
-        return this.#peers.next();
+    async peer() {
+        return (await this.#peers.next()).value[0];
     }
     stop() {
         for (const socket of this.sockets.clients) socket.terminate();
-        this.http.closeAllConnections();
-        this.http.close();
+        this.sockets.close();
     }
 }

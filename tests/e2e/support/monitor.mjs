@@ -1,4 +1,5 @@
 // The monitor as a process of its own, and what it says.
+import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { once } from "node:events";
 import { createInterface } from "node:readline";
@@ -19,7 +20,8 @@ export class Monitor {
             createInterface({ input: stream }).on("line", (line) => monitor.#hear(line));
         }
         monitor.link = await monitor.line(/^http:/);
-        monitor.address = new URL("/", monitor.link).href;
+        monitor.origin = new URL(monitor.link).origin;
+        monitor.socket = monitor.origin.replace("http", "ws") + "/kiroweb";
         return monitor;
     }
     /** The first line, past or future, that matches. */
@@ -34,13 +36,16 @@ export class Monitor {
     get said() {
         return this.#lines.join("\n");
     }
-    /** What became of the frames; asks it to end unless it does by itself. */
-    async result({ interrupt = true } = {}) {
-        if (interrupt) this.process.kill("SIGINT");
+    /** Ends, in order, with these numbers of frames and attempts, or one of several: none have
+     * failed or timed out unless said. It is asked to end unless it does so by itself. */
+    async end(expected = {}, { asked = true } = {}) {
+        if (asked) this.process.kill("SIGINT");
         const line = await this.line(/ frames: /);
-        const status = await this.exited;
         const [frames, drawn, failed, timedOut, left, views, returns] = line.match(/\d+/g).map(Number);
-        return { status, frames, drawn, failed, timedOut, left, views, returns };
+        const all = { frames, drawn, failed, timedOut, left, views, returns, status: await this.exited };
+        for (const [name, number] of Object.entries({ status: 0, failed: 0, timedOut: 0, ...expected })) {
+            assert.ok([number].flat().includes(all[name]), `${name}: ${all[name]}\n${this.said}`);
+        }
     }
     kill() {
         this.process.kill("SIGKILL");
@@ -48,10 +53,6 @@ export class Monitor {
     }
     #hear(line) {
         this.#lines.push(line);
-        this.#waiting = this.#waiting.filter(({ pattern, resolve }) => {
-            if (!pattern.test(line)) return true;
-            resolve(line);
-            return false;
-        });
+        this.#waiting = this.#waiting.filter(({ pattern, resolve }) => !pattern.test(line) || resolve(line));
     }
 }

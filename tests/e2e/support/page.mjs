@@ -17,11 +17,10 @@ export async function untilMore(page, outcome, count) {
 }
 
 export const outcomesOf = (page) => page.evaluate(() => ({ ...kirowebPage.outcomes }));
-export const errorsOf = (page) => page.evaluate(() => [...kirowebPage.errors]);
 
 /** The page has met nothing wrong. */
 export async function assertClean(page) {
-    assert.deepEqual(await errorsOf(page), []);
+    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
     assert.deepEqual(page.complaints, []);
 }
 

@@ -8,7 +8,7 @@ const CONNECTED = Buffer.from([5, 0, 0, 1, 0, 0, 0, 0, 0, 0]);
 const PORT_SIZE = 2; // at the end of a request
 
 export class Proxy {
-    #pairs = new Set();
+    #sockets = new Set();
     #isCut = false;
     #isStalled = false;
     /** Milliseconds by which each piece of data is late. */
@@ -28,23 +28,20 @@ export class Proxy {
     /** Ends all connections, and any new one until `mend`. */
     cut() {
         this.#isCut = true;
-        this.#endAll();
+        for (const socket of this.#sockets) socket.destroy();
     }
     /** Lets nothing through any more, and says nothing of it. */
     stall() {
         this.#isStalled = true;
-        for (const pair of this.#pairs) for (const socket of pair) socket.pause();
+        for (const socket of this.#sockets) socket.pause();
     }
-    /** Lets new connections live. Those from before a stall stay as they are. */
+    /** Lets new connections live. Those from before stay as they are. */
     mend() {
         this.#isCut = this.#isStalled = false;
     }
     stop() {
-        this.#endAll();
+        this.cut();
         this.server.close();
-    }
-    #endAll() {
-        for (const pair of this.#pairs) for (const socket of pair) socket.destroy();
     }
     async #accept(socket) {
         socket.on("error", () => {});
@@ -55,21 +52,18 @@ export class Proxy {
         socket.pause();
         const target = connect(request.readUInt16BE(request.length - PORT_SIZE), "127.0.0.1");
         target.on("error", () => {});
-        const pair = [socket, target];
-        this.#pairs.add(pair);
-        await once(target, "connect").catch(() => {});
         socket.write(CONNECTED);
-        this.#forward(socket, target, pair);
-        this.#forward(target, socket, pair);
-        return undefined;
+        this.#forward(socket, target);
+        return this.#forward(target, socket);
     }
-    #forward(from, to, pair) {
+    #forward(from, to) {
+        this.#sockets.add(from);
         from.on("data", (data) => {
             if (this.delay > 0) setTimeout(() => to.write(data), this.delay);
             else to.write(data);
         });
         from.on("close", () => {
-            this.#pairs.delete(pair);
+            this.#sockets.delete(from);
             to.destroy();
         });
         if (!this.#isStalled) from.resume();

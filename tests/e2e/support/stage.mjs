@@ -1,0 +1,63 @@
+// Debian's Chromium, driven by playwright-core, and what tests put before it.
+import { after, afterEach, before } from "node:test";
+
+import { playwright } from "../../client/support/packages.mjs";
+import { Monitor } from "./monitor.mjs";
+import { untilMore } from "./page.mjs";
+import { Proxy } from "./proxy.mjs";
+
+const FLAGS = [
+    "--headless", "--disable-gpu", "--disable-quic", "--no-first-run",
+    "--disable-background-networking", "--disable-component-update", "--disable-sync",
+];
+
+/** One browser for a file of tests; what a test asks for goes with it. */
+export class Stage {
+    #cleanUps = [];
+    constructor() {
+        // The sandbox wants a user who is not root. A missing browser is an error.
+        const chromiumSandbox = process.getuid() !== 0;
+        const executablePath = "/usr/bin/chromium";
+        before(async () => {
+            this.browser = await playwright().chromium.launch({ executablePath, args: FLAGS, chromiumSandbox });
+        });
+        after(() => this.browser?.close());
+        afterEach(async () => {
+            for (const cleanUp of this.#cleanUps.splice(0).reverse()) await cleanUp();
+        });
+    }
+    /** Calls when the test is over, the latest first. */
+    defer(cleanUp) {
+        this.#cleanUps.push(cleanUp);
+    }
+    /** A page in a window of its own, which keeps what it complains of. */
+    async page(options = {}) {
+        const context = await this.browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
+        this.defer(() => context.close());
+        const page = await context.newPage();
+        page.complaints = [];
+        page.on("pageerror", (error) => page.complaints.push(String(error)));
+        page.on("console", (message) => {
+            if (message.type() === "error") page.complaints.push(message.text());
+        });
+        return page;
+    }
+    async monitor(...options) {
+        const monitor = await Monitor.start(...options);
+        this.defer(() => monitor.kill());
+        return monitor;
+    }
+    /** The monitor, and a page that it draws to. */
+    async start({ options = [], context } = {}) {
+        const monitor = await this.monitor(...options);
+        const page = await this.page(context);
+        await page.goto(monitor.link);
+        await untilMore(page, "painted", 5);
+        return { monitor, page };
+    }
+    async startBehindProxy() {
+        const proxy = await Proxy.start();
+        this.defer(() => proxy.stop());
+        return { proxy, ...(await this.start({ context: { proxy: proxy.settings } })) };
+    }
+}
