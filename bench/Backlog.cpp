@@ -145,8 +145,9 @@ void queuePayloads(benchmark::State& state) {
 
 std::vector<Figure> backlogFigures(std::size_t theNumCommands) {
     numCommands = theNumCommands;
-    return {{"drain backlog", "ns/command", buildAndSend, drain, 1.2, true, true},
-            {"backlog memory", "bytes/command", holdPayloads, queuePayloads, 1.5, false, true}};
+    return {{"drain backlog", "ns/command", buildAndSend, drain, 1.2, Comparison::kRate, true},
+            {"backlog memory", "bytes/command", holdPayloads, queuePayloads, 1.5, Comparison::kCost,
+             true}};
 }
 
 }  // namespace bench

@@ -23,7 +23,8 @@ class Sample : public benchmark::BenchmarkReporter {
     double value = 0.0;
 };
 
-std::string registerSide(const Figure& figure, const char* side, Body body, const Effort& effort) {
+std::string registerSide(const Figure& figure, const char* side, const Body& body,
+                         const Effort& effort) {
     const auto name = figure.name + "/" + side;
     auto* const registered = benchmark::RegisterBenchmark(name.c_str(), body);
     if (figure.isOneShot) {
@@ -48,11 +49,17 @@ double median(std::vector<double> values) {
     return *middle;
 }
 
+double compare(Comparison comparison, double subject, double floor) {
+    if (comparison == Comparison::kDifference) return subject - floor;
+    return comparison == Comparison::kRate ? floor / subject : subject / floor;
+}
+
 }  // namespace
 
 void printHeading() {
     std::printf("%-20s %-13s %10s %10s %6s  %-9s %s\n", "figure", "unit", "measured", "floor",
                 "ratio", "target", "reached");
+    std::fflush(stdout);
 }
 
 void measureAndPrint(const Figure& figure, const Effort& effort) {
@@ -64,15 +71,15 @@ void measureAndPrint(const Figure& figure, const Effort& effort) {
     for (int round = 0; round < effort.rounds(); ++round) {
         floors.push_back(takeSample(floorPattern));
         subjects.push_back(takeSample(subjectPattern));
-        ratios.push_back(figure.isRate ? floors.back() / subjects.back()
-                                       : subjects.back() / floors.back());
+        ratios.push_back(compare(figure.comparison, subjects.back(), floors.back()));
     }
     benchmark::ClearRegisteredBenchmarks();
     const double ratio = median(ratios);
-    const bool reached = figure.isRate ? ratio >= figure.target : ratio <= figure.target;
+    const bool isRate = figure.comparison == Comparison::kRate;
+    const bool reached = isRate ? ratio >= figure.target : ratio <= figure.target;
     std::printf("%-20s %-13s %10.1f %10.1f %6.2f  %s %-6.2f %s\n", figure.name.c_str(),
                 figure.unit.c_str(), median(subjects), median(floors), ratio,
-                figure.isRate ? ">=" : "<=", figure.target, reached ? "yes" : "no");
+                isRate ? ">=" : "<=", figure.target, reached ? "yes" : "no");
     std::fflush(stdout);
 }
 

@@ -374,15 +374,24 @@ export class Connection {
             } else if (data.startsWith("{")) {
                 this.#control(JSON.parse(data));
             } else {
-                readBatch(data, (number, channel, text) => {
-                    if (this.#isNew(number)) this.#guarded(() => this.#handlers.onText?.(channel, text));
-                });
+                readBatch(data, this.#takeText);
             }
         } catch (error) {
             this.#fault(error);
         }
         this.#acknowledgeSoon(size);
     }
+
+    /** Of a batch. One function for all of them, made once.
+     * @type {(number: number, channel: string, text: string) => void} */
+    #takeText = (number, channel, text) => {
+        if (!this.#isNew(number)) return;
+        try {
+            this.#handlers.onText?.(channel, text);
+        } catch (error) {
+            this.#fault(error);
+        }
+    };
 
     /** @param {any} message */
     #control(message) {
@@ -430,7 +439,11 @@ export class Connection {
         }
         for (const message of this.#queue.splice(0)) this.#send(message);
         this.#queued = 0;
-        this.#guarded(() => this.#handlers.onHello?.(hello));
+        try {
+            this.#handlers.onHello?.(hello);
+        } catch (error) {
+            this.#fault(error);
+        }
     }
 
     /** @param {ArrayBuffer} frame */
@@ -474,6 +487,7 @@ export class Connection {
     }
 
     #passWithdrawn() {
+        if (this.#withdrawn.size === 0) return;
         while (this.#withdrawn.delete(this.#last + 1)) ++this.#last;
     }
 
@@ -534,15 +548,6 @@ export class Connection {
             size += text.length + 1;
         }
         send();
-    }
-
-    /** @param {() => void} call */
-    #guarded(call) {
-        try {
-            call();
-        } catch (error) {
-            this.#fault(error);
-        }
     }
 
     /** @param {unknown} error */

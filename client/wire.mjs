@@ -21,20 +21,24 @@ export function fromBase64(text) {
  * @param {string} frame
  * @param {(number: number, channel: string, text: string) => void} handle */
 export function readBatch(frame, handle) {
-    const records = frame.split(RECORD);
-    const first = Number(records[0]);
-    if (!Number.isSafeInteger(first)) throw new TypeError("a batch without a number");
+    // Searched, not split: at hundreds of thousands of records a second an array of them costs more
+    // than they do.
+    let begin = frame.indexOf(RECORD);
+    let number = Number(begin < 0 ? frame : frame.slice(0, begin));
+    if (!Number.isSafeInteger(number)) throw new TypeError("a batch without a number");
     let channel = "";
-    for (let i = 1; i < records.length; ++i) {
-        const record = records[i];
-        const end = record.indexOf(UNIT);
-        if (end < 0) throw new TypeError(`record ${first + i - 1} has no text`);
-        if (end > 0 || i === 1) channel = record.slice(0, end);
-        const encoded = record.charCodeAt(end + 1) === UNIT_CODE;
+    for (let isFirst = true; begin >= 0; isFirst = false) {
+        const next = frame.indexOf(RECORD, begin + 1);
+        const end = next < 0 ? frame.length : next;
+        const unit = frame.indexOf(UNIT, begin + 1);
+        if (unit < 0 || unit >= end) throw new TypeError(`record ${number} has no text`);
+        if (unit > begin + 1 || isFirst) channel = frame.slice(begin + 1, unit);
+        const encoded = unit + 1 < end && frame.charCodeAt(unit + 1) === UNIT_CODE;
         const text = encoded
-            ? new TextDecoder().decode(fromBase64(record.slice(end + 2)))
-            : record.slice(end + 1);
-        handle(first + i - 1, channel, text);
+            ? new TextDecoder().decode(fromBase64(frame.slice(unit + 2, end)))
+            : frame.slice(unit + 1, end);
+        handle(number++, channel, text);
+        begin = next;
     }
 }
 

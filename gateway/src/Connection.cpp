@@ -23,7 +23,10 @@ namespace websocket = beast::websocket;
 using boost::system::error_code;
 using std::chrono::steady_clock;
 
-constexpr std::chrono::microseconds kTailDelay{100};
+/// When a burst is looked at first, so that a short one is soon over; and then, as long as it
+/// goes on: each look takes time from the publisher, too.
+constexpr std::chrono::microseconds kFirstLook{200};
+constexpr std::chrono::microseconds kNextLook{1000};
 constexpr std::size_t kCollectAtOnce = 128UL * 1024;
 constexpr std::size_t kKeepBuffer = 64UL * 1024;  // what an idle connection may hold on to
 
@@ -116,7 +119,7 @@ class Connection final : public Guest,
     /// The page, if this is its connection.
     [[nodiscard]] Page* pageHere() const;
     void waitWritable();
-    void waitTail();
+    void waitTail(std::chrono::microseconds delay);
     void pump();
     void writeFarewell();
     void linger();
@@ -322,14 +325,14 @@ void Connection::pump() {
 }
 
 void Connection::awaitTail() {
-    asio::post(fTimer.get_executor(), [self = shared_from_this()] { self->waitTail(); });
+    asio::post(fTimer.get_executor(), [self = shared_from_this()] { self->waitTail(kFirstLook); });
 }
 
-void Connection::waitTail() {
-    fTimer.expires_after(kTailDelay);
+void Connection::waitTail(std::chrono::microseconds delay) {
+    fTimer.expires_after(delay);
     fTimer.async_wait([self = shared_from_this()](error_code error) {
         auto* page = error ? nullptr : self->pageHere();
-        if (page != nullptr && page->writeTail(steady_clock::now())) self->waitTail();
+        if (page != nullptr && page->writeTail(steady_clock::now())) self->waitTail(kNextLook);
     });
 }
 

@@ -38,7 +38,8 @@ Hub::Hub(Options options, std::function<void()> wake)
       fMaySubscribe(fOptions.maySubscribe),
       fLanes(listsOf(fOptions.lanes)),
       fCounters(std::make_shared<Counters>()),
-      fPages(std::make_shared<const Pages>()) {}
+      fAudience(std::make_shared<const Pages>()),
+      fPages(fAudience) {}
 
 void Hub::connect(relay::TransportLink& link,
                   relay::binary::experimental::ClientEnd* end) noexcept {
@@ -53,6 +54,14 @@ std::shared_ptr<const Hub::Pages> Hub::pages() const {
     return fPages;
 }
 
+const Hub::Pages& Hub::audience() {
+    if (const auto version = fPagesVersion.load(); version != fAudienceVersion) {
+        fAudience = pages();
+        fAudienceVersion = version;
+    }
+    return *fAudience;
+}
+
 std::size_t Hub::laneOf(std::string_view channel) const {
     for (std::size_t i = 0; i < fLanes.size(); ++i) {
         if (fLanes[i].matches(channel)) return i + 1;
@@ -61,8 +70,8 @@ std::size_t Hub::laneOf(std::string_view channel) const {
 }
 
 void Hub::messagePublished(const relay::message_service::JsonMessage& message) {
-    const auto views = pages();
-    if (views->empty() || !canBeNamed(message.channel)) return;
+    const auto& views = audience();
+    if (views.empty() || !canBeNamed(message.channel)) return;
     Text text{message.channel, {}, false, laneOf(message.channel)};
     if (message.json != nullptr) text.text = {message.json, message.length};
     std::string encoded;
@@ -73,13 +82,16 @@ void Hub::messagePublished(const relay::message_service::JsonMessage& message) {
             text.isBase64 = true;
         }
     } catch (const std::bad_alloc&) {
-        for (const auto& page : *views) page->fail("no memory for a text");
+        for (const auto& page : views) page->fail("no memory for a text");
         return;
     }
-    const auto now = std::chrono::steady_clock::now();
-    for (const auto& page : *views) {
-        if (page->publish(text, now)) fCounters->textsSent.fetch_add(1, std::memory_order_relaxed);
+    std::uint64_t count = 0;
+    for (const auto& page : views) {
+        if (page->publish(text)) ++count;
     }
+    // Under the publish lock nobody else counts texts.
+    auto& sent = fCounters->textsSent;
+    sent.store(sent.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
 }
 
 void Hub::offer(relay::binary::experimental::Delivery delivery) {
@@ -379,6 +391,7 @@ void Hub::refreshLocked() {
     auto list = std::make_shared<Pages>();
     for (const auto& view : fViews) list->push_back(view.page);
     fPages = std::move(list);
+    ++fPagesVersion;
 }
 
 bool Hub::recountLocked() {

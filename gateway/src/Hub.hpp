@@ -97,6 +97,9 @@ class Hub final : public relay::Transport {
     };
 
     [[nodiscard]] std::shared_ptr<const Pages> pages() const;
+    /// The pages, without a lock as long as they stay the same. REQUIRES: the relay's publish
+    /// lock is held.
+    [[nodiscard]] const Pages& audience();
     [[nodiscard]] std::size_t laneOf(std::string_view channel) const;
     [[nodiscard]] std::shared_ptr<Page> findView(const std::string& view) const;
     [[nodiscard]] std::shared_ptr<Page> resume(const wire::Hello& hello,
@@ -128,6 +131,12 @@ class Hub final : public relay::Transport {
     GuardedLog fLog;
     bool fIsShut = false;  ///< the gateway's thread's
     std::atomic<bool> fLastPageGone{false};
+
+    std::atomic<std::uint64_t> fPagesVersion{0};
+
+    /// Guarded by the relay's publish lock: `fPages` as `audience` saw it last, and which one.
+    std::shared_ptr<const Pages> fAudience;
+    std::uint64_t fAudienceVersion = 0;
 
     mutable annotated::Mutex fMutex;
     std::vector<View> fViews GUARDED_BY(fMutex);

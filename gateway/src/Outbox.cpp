@@ -14,7 +14,6 @@ namespace {
 /// What a batch costs beside its records.
 constexpr std::size_t kEntryOverhead = 128;
 constexpr std::size_t kMaxBlockChannels = 0xffff;
-constexpr std::size_t kSpareFrom = 16UL * 1024;
 
 }  // namespace
 
@@ -48,7 +47,6 @@ bool Outbox::addText(std::size_t lane, std::string_view channel, std::string_vie
     entry.records += text;
     ++entry.count;
     fBytes += entry.records.size() - before;
-    fOpenBatch = entry.records.size();
     return true;
 }
 
@@ -61,8 +59,10 @@ Outbox::Entry& Outbox::openBatch(Lane& lane, std::string_view channel, TimePoint
             return last;
         }
     }
-    lane.entries.push_back({now, 0, 0, std::exchange(fSpare, {}), nullptr});
-    lane.entries.back().records.clear();
+    Entry entry;
+    entry.since = now;
+    entry.records.reserve(fLastBatch);
+    lane.entries.push_back(std::move(entry));
     fBytes += kEntryOverhead;
     return lane.entries.back();
 }
@@ -206,7 +206,7 @@ void Outbox::beginBatch(const Entry& entry) {
     std::copy_n(number.data(), size, fWriting.head.data() + fWriting.headSize);
     fWriting.headSize += size;
     fWriting.body = entry.records;
-    fOpenBatch = 0;
+    fLastBatch = entry.records.size();
 }
 
 void Outbox::beginPiece(Block& block, std::uint64_t number) {
@@ -264,7 +264,6 @@ void Outbox::popAcknowledged() {
         Entry& front = fNumbered.front();
         if (front.number + front.count - 1 > fAcknowledged) return;
         fBytes -= front.records.size() + kEntryOverhead;
-        if (front.records.capacity() >= kSpareFrom) fSpare = std::move(front.records);
         fNumbered.pop_front();
         --fUnwritten;
     }
@@ -330,6 +329,14 @@ void Outbox::resume(std::uint64_t last, LeavingList& leaving) {
 void Outbox::dropBlocks(LeavingList& leaving) {
     const auto before = TimePoint::max();
     static_cast<void>(dropBlocksBefore(before, leaving));
+}
+
+void Outbox::clear(LeavingList& leaving) {
+    dropBlocks(leaving);
+    fNumbered.clear();
+    fUnwritten = 0;
+    for (auto& lane : fLanes) lane.entries.clear();
+    fBytes = 0;
 }
 
 bool Outbox::dropBlocksBefore(TimePoint since, LeavingList& leaving) {

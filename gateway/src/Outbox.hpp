@@ -62,11 +62,10 @@ class Outbox {
 
     // --- Writing ---
 
+    /// Valid until `written`, whatever is added meanwhile.
     [[nodiscard]] Pending pending(TimePoint now);
     /// REQUIRES: `count` is at most what `pending` showed last.
     void written(std::size_t count);
-    /// Texts that wait in a frame to which others may still be added, in bytes.
-    [[nodiscard]] std::size_t openBatch() const noexcept { return fOpenBatch; }
 
     // --- What the page says ---
 
@@ -84,6 +83,9 @@ class Outbox {
     void resume(std::uint64_t last, LeavingList& leaving);
     /// Leaves every block, for good.
     void dropBlocks(LeavingList& leaving);
+    /// Leaves every block and forgets every text: nothing is written any more.
+    /// REQUIRES: detached.
+    void clear(LeavingList& leaving);
     /// Leaves the blocks that were handed over before `since`. Answers false when one of them is
     /// in the middle of a frame: the connection has to go.
     [[nodiscard]] bool dropBlocksBefore(TimePoint since, LeavingList& leaving);
@@ -161,7 +163,6 @@ class Outbox {
 
     std::vector<Lane> fLanes;
     std::size_t fNextLane = 0;
-    std::size_t fOpenBatch = 0;
     std::deque<std::string> fControls;
     std::string fControl;  ///< being written
 
@@ -181,8 +182,8 @@ class Outbox {
     std::size_t fChannelsNamed = 0;  ///< that the page knows
 
     Writing fWriting;
-    std::size_t fBytes = 0;  ///< of texts and blocks that are held here
-    std::string fSpare;      ///< memory for the next batch
+    std::size_t fBytes = 0;      ///< of texts and blocks that are held here
+    std::size_t fLastBatch = 0;  ///< in bytes; the next one is as large, most likely
 };
 
 }  // namespace kirogateway

@@ -11,21 +11,36 @@
 namespace kirogateway {
 namespace {
 
-using std::chrono::microseconds;
-
-/// A text is written at once if the one before was this long ago, or if only a few were faster. A
-/// frame for each text takes about 5 microseconds of the publisher's time, and more of the page's.
-constexpr microseconds kQuiet{8};
+/// A frame for each text takes about 5 microseconds of the publisher's time, and ten times as much
+/// of the page's. So many texts may go alone one after the other, and one in each such time.
 constexpr int kCredit = 16;
-/// The rest of a burst is written when it has stopped growing, or at the latest after this time.
-constexpr microseconds kMaxTail{1000};
-/// How much is written at once. Longer, and a publisher would wait for the page's mutex.
-constexpr std::size_t kWriteAtOnce = 256UL * 1024;
+constexpr std::chrono::milliseconds kEarnedIn{1};
+/// How much a publisher writes before the gateway's thread goes on, and how much that thread does
+/// before it looks after other pages.
+constexpr std::size_t kPublisherWrites = 256UL * 1024;
+constexpr std::size_t kGatewayWrites = 1024UL * 1024;
 
 iovec vectorOf(std::string_view bytes) {
     // sendmsg does not write to it. NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
     return {const_cast<char*>(bytes.data()), bytes.size()};
 }
+
+/// How many bytes, `most` of the second stretch, the socket took without blocking; 0: none, it is
+/// full; -1: it is broken, which whoever reads from the connection learns too.
+std::ptrdiff_t put(int socket, const Outbox::Pending& pending, std::size_t most) {
+    std::array<iovec, 2> vectors{vectorOf(pending[0]), vectorOf(pending[1].substr(0, most))};
+    msghdr message{};
+    message.msg_iov = vectors.data();
+    message.msg_iovlen = vectors.size();
+    for (;;) {
+        const auto sent = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent >= 0) return sent;
+        if (errno == EINTR) continue;
+        return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+    }
+}
+
+bool isEmpty(const Outbox::Pending& pending) { return pending[0].empty() && pending[1].empty(); }
 
 }  // namespace
 
@@ -37,10 +52,12 @@ Page::Page(Identity identity, const Limits& limits, std::size_t lanes, TimePoint
 
 // --- Publishing threads ------------------------------------------------------------------------
 
-bool Page::publish(const Text& text, TimePoint now) noexcept {
+bool Page::publish(const Text& text) noexcept {
     annotated::Lock lock(fMutex);
     try {
         if (fIsRetired || !fFailure.empty() || !hearsLocked(text.channel)) return false;
+        // To ask the clock takes longer than to copy a text; in a burst the last look is recent.
+        const auto now = fIsTailLater ? fLookedAt : std::chrono::steady_clock::now();
         if (fOutbox.addText(text.lane, text.channel, text.text, text.isBase64, now)) {
             pushLocked(now);
         } else {
@@ -90,40 +107,36 @@ bool Page::hearsLocked(std::string_view channel) {
 }
 
 void Page::pushLocked(TimePoint now) {
-    const bool isQuiet = now - fLastPublish >= kQuiet;
-    fLastPublish = now;
-    if (isQuiet) fCredit = kCredit;
     if (fCarrier == nullptr || fIsWritingLater) return;
-    const bool isFull = fOutbox.openBatch() >= fLimits.batchSize;
-    if (fCredit > 0 || isFull) {
-        if (fCredit > 0) --fCredit;
+    if (mayGoAloneLocked(now)) {
         writeLocked(now);
-        fLastPublish = std::chrono::steady_clock::now();  // the writing was no pause
     } else if (!fIsTailLater) {
         fIsTailLater = true;
-        fTailSince = now;
-        fTailSeen = fOutbox.bytes();
+        fLookedAt = now;
         fCarrier->awaitTail();
     }
 }
 
+bool Page::mayGoAloneLocked(TimePoint now) {
+    const auto all = now - kCredit * kEarnedIn;
+    if (fHasSpoken) {
+        fHasSpoken = false;
+        fSpentUntil = all;
+    }
+    fSpentUntil = std::max(fSpentUntil, all);
+    if (fSpentUntil >= now) return false;
+    fSpentUntil += kEarnedIn;
+    return true;
+}
+
 void Page::writeLocked(TimePoint now) {
     std::size_t total = 0;
-    while (fSocket >= 0 && total < kWriteAtOnce) {
+    while (fSocket >= 0 && total < kPublisherWrites) {
         const auto pending = fOutbox.pending(now);
-        if (pending[0].empty() && pending[1].empty()) return;
-        std::array<iovec, 2> vectors{vectorOf(pending[0]),
-                                     vectorOf(pending[1].substr(0, kWriteAtOnce))};
-        msghdr message{};
-        message.msg_iov = vectors.data();
-        message.msg_iovlen = vectors.size();
-        const auto sent = ::sendmsg(fSocket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent < 0) {
-            if (errno == EINTR) continue;
-            // Whatever else it is, whoever reads from the connection learns it too.
-            if (errno != EAGAIN && errno != EWOULDBLOCK) return;
-            break;
-        }
+        if (isEmpty(pending)) return;
+        const auto sent = put(fSocket, pending, kPublisherWrites);
+        if (sent < 0) return;
+        if (sent == 0) break;
         fOutbox.written(static_cast<std::size_t>(sent));
         total += static_cast<std::size_t>(sent);
     }
@@ -160,18 +173,22 @@ void Page::connectLocked(std::shared_ptr<Carrier> carrier, int socket, const Gre
 void Page::attach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                   TimePoint now) {
     heard(now);
-    annotated::Lock lock(fMutex);
-    connectLocked(std::move(carrier), socket, greeting, now);
-    writeLocked(now);
+    {
+        annotated::Lock lock(fMutex);
+        connectLocked(std::move(carrier), socket, greeting, now);
+    }
+    write(now);
 }
 
 void Page::reattach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                     std::uint64_t last, TimePoint now, LeavingList& leaving) {
     heard(now);
-    annotated::Lock lock(fMutex);
-    fOutbox.resume(last, leaving);
-    connectLocked(std::move(carrier), socket, greeting, now);
-    writeLocked(now);
+    {
+        annotated::Lock lock(fMutex);
+        fOutbox.resume(last, leaving);
+        connectLocked(std::move(carrier), socket, greeting, now);
+    }
+    write(now);
 }
 
 bool Page::canResume(std::uint64_t last) const {
@@ -183,6 +200,7 @@ std::string Page::detach() {
     annotated::Lock lock(fMutex);
     fCarrier = nullptr;
     fSocket = -1;
+    fIsTailLater = false;
     return fOutbox.detach();
 }
 
@@ -196,23 +214,53 @@ std::vector<std::string> Page::blockChannels() const {
     return fOutbox.blockChannels();
 }
 
+void Page::write(TimePoint now) {
+    {
+        annotated::Lock lock(fMutex);
+        if (fCarrier == nullptr || fIsWritingLater) return;
+        fIsWritingLater = true;
+    }
+    writeMore(now);
+}
+
 void Page::writeMore(TimePoint now) {
-    annotated::Lock lock(fMutex);
-    fIsWritingLater = false;
-    if (fCarrier != nullptr) writeLocked(now);
+    std::size_t total = 0;
+    std::size_t sent = 0;
+    for (bool isFull = false;;) {
+        int socket = -1;
+        Outbox::Pending pending;
+        {
+            annotated::Lock lock(fMutex);
+            fOutbox.written(sent);
+            pending = fOutbox.pending(now);
+            if (fCarrier == nullptr || isEmpty(pending)) {
+                fIsWritingLater = false;
+                return;
+            }
+            socket = fSocket;
+            if (socket < 0 || isFull || total >= kGatewayWrites) {
+                return fCarrier->awaitWritable();
+            }
+        }
+        // Publishers leave the socket alone meanwhile, and go on adding to what waits.
+        const auto taken = put(socket, pending, kGatewayWrites);
+        if (taken < 0) return;
+        sent = static_cast<std::size_t>(taken);
+        total += sent;
+        isFull = sent == 0;
+    }
 }
 
 bool Page::writeTail(TimePoint now) {
-    annotated::Lock lock(fMutex);
-    if (!fIsTailLater || fCarrier == nullptr) return false;
-    const auto bytes = fOutbox.bytes();
-    if (bytes != fTailSeen && now - fTailSince < kMaxTail) {
-        fTailSeen = bytes;
-        return true;
+    {
+        annotated::Lock lock(fMutex);
+        fIsTailLater = fCarrier != nullptr && !fIsWritingLater && !isEmpty(fOutbox.pending(now));
+        if (!fIsTailLater) return false;
+        fLookedAt = now;
+        fIsWritingLater = true;
     }
-    fIsTailLater = false;
-    if (!fIsWritingLater) writeLocked(now);
-    return false;
+    writeMore(now);
+    return true;
 }
 
 bool Page::collect(std::string& to, std::size_t size, TimePoint now) {
@@ -234,17 +282,21 @@ bool Page::collect(std::string& to, std::size_t size, TimePoint now) {
 }
 
 void Page::sendControl(std::string_view text, TimePoint now) {
-    annotated::Lock lock(fMutex);
-    fOutbox.addControl(text);
-    checkRoomLocked();
-    if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
+    {
+        annotated::Lock lock(fMutex);
+        fOutbox.addControl(text);
+        checkRoomLocked();
+    }
+    write(now);
 }
 
 void Page::sendFrames(std::string frames, TimePoint now) {
-    annotated::Lock lock(fMutex);
-    fOutbox.addFrames(std::move(frames));
-    checkRoomLocked();
-    if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
+    {
+        annotated::Lock lock(fMutex);
+        fOutbox.addFrames(std::move(frames));
+        checkRoomLocked();
+    }
+    write(now);
 }
 
 void Page::checkRoomLocked() {
@@ -279,10 +331,11 @@ void Page::acknowledge(std::uint64_t last) {
 }
 
 void Page::answer(std::uint64_t transfer, bool hasBlock, TimePoint now, LeavingList& leaving) {
-    annotated::Lock lock(fMutex);
-    fOutbox.answer(transfer, hasBlock, leaving);
-    // What waited for a block to be answered can go on.
-    if (fCarrier != nullptr && !fIsWritingLater) writeLocked(now);
+    {
+        annotated::Lock lock(fMutex);
+        fOutbox.answer(transfer, hasBlock, leaving);
+    }
+    write(now);  // what waited for a block to be answered can go on
 }
 
 std::string Page::failure() const {
@@ -291,17 +344,19 @@ std::string Page::failure() const {
 }
 
 std::string Page::checkTimes(TimePoint now, LeavingList& leaving) {
-    annotated::Lock lock(fMutex);
-    if (!fFailure.empty() || fCarrier == nullptr) return fFailure;
-    // What was kept for an absent page begins to wait when the page is there again.
-    if (now - std::max(fOutbox.waitingSince(now), fConnectedAt) > fLimits.queue) {
-        fFailure = "something waited for too long";
-    } else if (!fOutbox.dropBlocksBefore(now - fLimits.block, leaving)) {
-        fFailure = "a block could not be sent in time";
-    } else if (!fIsWritingLater) {
-        writeLocked(now);  // a block that was dropped may have held up others
+    {
+        annotated::Lock lock(fMutex);
+        if (!fFailure.empty() || fCarrier == nullptr) return fFailure;
+        // What was kept for an absent page begins to wait when the page is there again.
+        if (now - std::max(fOutbox.waitingSince(now), fConnectedAt) > fLimits.queue) {
+            fFailure = "something waited for too long";
+        } else if (!fOutbox.dropBlocksBefore(now - fLimits.block, leaving)) {
+            fFailure = "a block could not be sent in time";
+        }
+        if (!fFailure.empty()) return fFailure;
     }
-    return fFailure;
+    write(now);  // a block that was dropped may have held up others
+    return {};
 }
 
 void Page::dropBlocks(LeavingList& leaving) {
@@ -313,7 +368,7 @@ void Page::dropBlocks(LeavingList& leaving) {
 void Page::retire(LeavingList& leaving) {
     annotated::Lock lock(fMutex);
     fIsRetired = true;
-    fOutbox.dropBlocks(leaving);
+    fOutbox.clear(leaving);
 }
 
 Page::State Page::state(TimePoint now) const {

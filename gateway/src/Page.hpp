@@ -27,7 +27,8 @@ struct Text {
 ///
 /// A publishing thread writes to the socket itself, without blocking, when the socket takes it.
 /// If it does not, or if texts come so fast that a frame for each would cost more than the texts,
-/// they wait, and the gateway's thread writes them together.
+/// they wait, and the gateway's thread writes them together; the publishing threads do not wait
+/// for that.
 class Page {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
@@ -49,7 +50,7 @@ class Page {
 
     /// Queues and, if possible, writes. Never throws: a page for which something cannot be kept
     /// is marked as failed. Answers whether the page hears it.
-    bool publish(const Text& text, TimePoint now) noexcept;
+    bool publish(const Text& text) noexcept;
     /// Whether a page takes part in a transfer.
     enum class Part { kNone, kJoined, kRefused };
     [[nodiscard]] Part offer(std::string_view channel, std::size_t lane,
@@ -83,8 +84,9 @@ class Page {
     [[nodiscard]] std::shared_ptr<Carrier> carrier() const;
     [[nodiscard]] std::vector<std::string> blockChannels() const;
 
+    /// The socket takes bytes again. Writes with no lock held.
     void writeMore(TimePoint now);
-    /// Answers whether to call it again a moment later.
+    /// As `writeMore`, for the rest of a burst. Answers whether to call it again a moment later.
     [[nodiscard]] bool writeTail(TimePoint now);
     /// Moves up to about `size` bytes to the end of `to`. Answers false when there are none.
     [[nodiscard]] bool collect(std::string& to, std::size_t size, TimePoint now);
@@ -102,6 +104,9 @@ class Page {
     /// Something came from the page. Any thread.
     void heard(TimePoint now) noexcept { fLastSign = now; }
     [[nodiscard]] TimePoint lastSign() const noexcept { return fLastSign; }
+    /// The page is about to publish something: an answer most likely, so that it keeps up and the
+    /// next texts are waited for.
+    void speaks() noexcept { fHasSpoken = true; }
 
     /// Why the page has to be closed, empty when it need not.
     [[nodiscard]] std::string failure() const;
@@ -109,7 +114,7 @@ class Page {
     [[nodiscard]] std::string checkTimes(TimePoint now, LeavingList& leaving);
     /// REQUIRES: detached.
     void dropBlocks(LeavingList& leaving);
-    /// The view is over: nothing is queued any more. REQUIRES: detached.
+    /// The view is over: nothing is queued any more, nor kept. REQUIRES: detached.
     void retire(LeavingList& leaving);
 
     struct State {
@@ -128,7 +133,12 @@ class Page {
     [[nodiscard]] bool hearsLocked(std::string_view channel) REQUIRES_LOCK(fMutex);
     [[nodiscard]] bool takesLocked(std::size_t block) const REQUIRES_LOCK(fMutex);
     void pushLocked(TimePoint now) REQUIRES_LOCK(fMutex);
+    /// Whether a text may have a frame of its own, which is then counted.
+    [[nodiscard]] bool mayGoAloneLocked(TimePoint now) REQUIRES_LOCK(fMutex);
+    /// What a publisher writes.
     void writeLocked(TimePoint now) REQUIRES_LOCK(fMutex);
+    /// What the gateway's thread writes, unless it does so later anyway.
+    void write(TimePoint now);
     void failLocked(std::string_view why) noexcept REQUIRES_LOCK(fMutex);
     void connectLocked(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                        TimePoint now) REQUIRES_LOCK(fMutex);
@@ -137,6 +147,7 @@ class Page {
     const Identity fIdentity;
     const Limits& fLimits;
     std::atomic<TimePoint> fLastSign;
+    std::atomic<bool> fHasSpoken{false};  ///< and nothing was published since
 
     mutable annotated::Mutex fMutex;
     Outbox fOutbox GUARDED_BY(fMutex);
@@ -149,12 +160,10 @@ class Page {
     TimePoint fConnectedAt GUARDED_BY(fMutex);
     bool fIsRetired GUARDED_BY(fMutex) = false;
     bool fIsAway GUARDED_BY(fMutex) = false;          ///< for so long that it takes no blocks
-    bool fIsWritingLater GUARDED_BY(fMutex) = false;  ///< the carrier will call `writeMore`
+    bool fIsWritingLater GUARDED_BY(fMutex) = false;  ///< the gateway's thread does, or will
     bool fIsTailLater GUARDED_BY(fMutex) = false;     ///< the carrier will call `writeTail`
-    std::size_t fTailSeen GUARDED_BY(fMutex) = 0;
-    TimePoint fTailSince GUARDED_BY(fMutex);
-    int fCredit GUARDED_BY(fMutex) = 0;  ///< texts that may still be written one by one
-    TimePoint fLastPublish GUARDED_BY(fMutex);
+    TimePoint fLookedAt GUARDED_BY(fMutex);           ///< at the burst whose tail that is
+    TimePoint fSpentUntil GUARDED_BY(fMutex);         ///< on texts with a frame of their own
     std::string fFailure GUARDED_BY(fMutex);
 };
 

@@ -57,6 +57,7 @@ void Session::hello(const wire::Hello& hello, const std::shared_ptr<Carrier>& se
 }
 
 void Session::publish(const wire::Publish& publish, TimePoint now) {
+    fPage->speaks();
     if (fHub->publish(publish.channel, publish.text)) return;
     refuse("publish", publish.channel, "not allowed", now);
 }

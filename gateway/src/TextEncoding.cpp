@@ -2,20 +2,20 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 namespace kirogateway {
 namespace {
 
-constexpr std::uint64_t kEach = 0x0101010101010101U;
-constexpr std::uint64_t kHighs = 0x8080808080808080U;
-
-/// Whether one of the eight bytes is not ASCII or is a separator. A byte that equals one of the
-/// separators becomes zero, and a zero byte borrows from its high bit; a false alarm only costs
-/// time.
-bool needsALook(std::uint64_t word) {
-    const auto asSeparator = (word | kEach) ^ (kEach * 0x1f);
-    return ((word | (asSeparator - kEach)) & kHighs) != 0;
+/// Whether all bytes are ASCII and none is a separator. No byte ends the loop, so that compilers
+/// look at many at a time.
+bool isHarmless(const char* bytes, std::size_t size) {
+    unsigned char found = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        const auto byte = static_cast<unsigned char>(bytes[i]);
+        const bool isSeparator = (byte | 1U) == 0x1fU;
+        found = static_cast<unsigned char>(found | (byte & 0x80U) | (isSeparator ? 1U : 0U));
+    }
+    return found == 0;
 }
 
 /// The length of the sequence that begins at `at`, 0 when it is not valid UTF-8.
@@ -43,15 +43,13 @@ std::size_t sequenceLength(const unsigned char* at, std::size_t left) {
 }  // namespace
 
 bool isPlain(std::string_view text) noexcept {
+    static constexpr std::size_t kBlock = 16;
+    if (isHarmless(text.data(), text.size())) return true;
     std::size_t at = 0;
     while (at < text.size()) {
-        std::uint64_t word = 0;
-        if (text.size() - at >= sizeof word) {
-            std::memcpy(&word, text.data() + at, sizeof word);
-            if (!needsALook(word)) {
-                at += sizeof word;
-                continue;
-            }
+        if (text.size() - at >= kBlock && isHarmless(text.data() + at, kBlock)) {
+            at += kBlock;
+            continue;
         }
         if (text[at] == kRecordSeparator || text[at] == kUnitSeparator) return false;
         const auto length = sequenceLength(reinterpret_cast<const unsigned char*>(text.data()) + at,

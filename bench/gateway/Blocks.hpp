@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstddef>
+
+namespace bench {
+
+inline constexpr const char* kBlockChannel = "/bench/blocks";
+
+/// Sends blocks of 1 MiB as an engine does that keeps its data, a few under way at a time; when
+/// it returns, all have been answered.
+void sendBlocks(std::size_t count);
+
+}  // namespace bench
