@@ -159,8 +159,9 @@ export class Connection {
     /** @type {string[]} by their number less one */
     #blockChannels = [];
     #assembly;
-    /** Transfers of refused blocks whose further pieces are void. @type {Set<number>} */
-    #refusedTransfers = new Set();
+    /** Blocks whose pieces are void, with the reason. The answer is due with the last piece.
+     * @type {Map<number, string>} */
+    #refusedTransfers = new Map();
 
     /** @type {Set<string>} */
     #subscriptions;
@@ -451,10 +452,12 @@ export class Connection {
         const piece = readBlockFrame(frame);
         if (!piece) return;
         const { transfer } = piece;
-        if (this.#refusedTransfers.has(transfer)) {
+        const refused = this.#refusedTransfers.get(transfer);
+        if (refused !== undefined) {
             if (!piece.last) return;
             this.#refusedTransfers.delete(transfer);
             this.#isNew(piece.number);
+            this.#send({ t: "block", transfer, ok: false, reason: refused });
             return;
         }
         let isNew = false;
@@ -465,11 +468,15 @@ export class Connection {
             if (isNew) this.#handlers.onBlock?.(this.#blockChannels[piece.channel - 1] ?? "", block);
             this.#send({ t: "block", transfer, ok: true });
         } catch (error) {
+            const reason = String(error);
             this.#assembly.forget(transfer);
-            if (!piece.last) this.#refusedTransfers.add(transfer);
-            else if (!isNew) this.#isNew(piece.number);
-            this.#send({ t: "block", transfer, ok: false, reason: String(error) });
             this.#fault(error);
+            if (!piece.last) {
+                this.#refusedTransfers.set(transfer, reason);
+                return;
+            }
+            if (!isNew) this.#isNew(piece.number);
+            this.#send({ t: "block", transfer, ok: false, reason });
         }
     }
 
