@@ -120,7 +120,7 @@ export class Scene {
     #items = new Map();
     /** Axes in which something has changed since they were painted. @type {Set<Item>} */
     changed = new Set();
-    frame = { number: -1, attempt: 0 };
+    frame = { number: -1, attempt: 0, whole: false };
     /** False while a whole frame comes: there is more than what is known so far. */
     isComplete = true;
 
@@ -148,7 +148,8 @@ export class Scene {
                 this.changed.clear();
                 this.isComplete = false;
             }
-            this.frame = { number: command.frame, attempt: command.attempt };
+            const { frame: number, attempt, whole = false } = command;
+            this.frame = { number, attempt, whole };
         } else if (command.cmd === "create") {
             this.#create(command);
         } else {

@@ -28,7 +28,7 @@ class Page {
     #channels = null;
     /** When the text at hand came, in microseconds since 1970. */
     #received = 0;
-    /** Whether everything was asked for again and nothing has been drawn since. */
+    /** Whether everything was asked for again, and nothing that builds on it was drawn since. */
     #asked = false;
     /** Once an animation frame has been painted, a message on this channel runs its tasks. */
     #painted = new MessageChannel();
@@ -150,7 +150,7 @@ class Page {
         const reply = { ACT, serverSendTS, clientReceiveTS: received, clientSendTS: sent, outcome };
         this.connection.publish(command.returnChannel, JSON.stringify(reply));
         if (outcome === "failed") this.#askForAll();
-        else this.#asked = false;
+        else if (outcome === "painted" && !this.scene.frame.whole) this.#asked = false;
         this.status.countFlush(sent - (serverSendTS ?? received));
     }
 

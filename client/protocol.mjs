@@ -13,6 +13,8 @@ const GIVEN_UP = 4900;
 /** So many failures in a row, with the program there, mean that it does not want the page. A single
  * one may be chance: a network that came back a moment too late for the attempt. */
 const TURNED_AWAY = 2;
+/** More than a gateway has under way. */
+const MOST_REFUSED = 64;
 
 /**
  * @typedef {object} State
@@ -162,6 +164,9 @@ export class Connection {
     /** Blocks whose pieces are void, with the reason. The answer is due with the last piece.
      * @type {Map<number, string>} */
     #refusedTransfers = new Map();
+    /** The numbers of the latest blocks that were refused: the answers may be lost.
+     * @type {number[]} */
+    #refusedNumbers = [];
 
     /** @type {Set<string>} */
     #subscriptions;
@@ -296,7 +301,11 @@ export class Connection {
             capabilities: [],
             limits: { block: this.#options.blockSize },
             subscribe: [...this.#subscriptions],
-            ...(this.#view && { view: this.#view, last: this.#last }),
+            ...(this.#view && {
+                view: this.#view,
+                last: this.#last,
+                refused: this.#refusedNumbers,
+            }),
         };
         const text = JSON.stringify(hello);
         this.sent += text.length;
@@ -420,6 +429,7 @@ export class Connection {
             this.#last = hello.next - 1;
             this.#acknowledged = this.#last;
             this.#withdrawn.clear();
+            this.#refusedNumbers = [];
         }
         this.#hello = hello;
         this.#view = hello.view;
@@ -456,16 +466,13 @@ export class Connection {
         if (refused !== undefined) {
             if (!piece.last) return;
             this.#refusedTransfers.delete(transfer);
-            this.#isNew(piece.number);
-            this.#send({ t: "block", transfer, ok: false, reason: refused });
+            this.#refuseBlock(piece, refused);
             return;
         }
-        let isNew = false;
         try {
             const block = this.#assembly.add(piece);
             if (!block) return;
-            isNew = this.#isNew(piece.number);
-            if (isNew) this.#handlers.onBlock?.(this.#blockChannels[piece.channel - 1] ?? "", block);
+            if (this.#isNew(piece.number)) this.#handlers.onBlock?.(this.#blockChannels[piece.channel - 1] ?? "", block);
             this.#send({ t: "block", transfer, ok: true });
         } catch (error) {
             const reason = String(error);
@@ -475,9 +482,15 @@ export class Connection {
                 this.#refusedTransfers.set(transfer, reason);
                 return;
             }
-            if (!isNew) this.#isNew(piece.number);
-            this.#send({ t: "block", transfer, ok: false, reason });
+            this.#refuseBlock(piece, reason);
         }
+    }
+
+    /** @param {import("./wire.mjs").Piece} piece the last one @param {string} reason */
+    #refuseBlock({ transfer, number }, reason) {
+        this.#isNew(number);
+        if (this.#refusedNumbers.push(number) > MOST_REFUSED) this.#refusedNumbers.shift();
+        this.#send({ t: "block", transfer, ok: false, reason });
     }
 
     /** Counts the message as handled; answers false if it was already.

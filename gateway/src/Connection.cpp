@@ -165,7 +165,7 @@ void Connection::onRequest(error_code error) {
     if (error) {
         if (error.category() != make_error_code(http::error::bad_method).category()) return;
         if (error == http::error::end_of_stream || error == http::error::partial_message) return;
-        fHouse.hub->log().peer("malformed request", error.message(), now);
+        fHouse.hub->peerLog().write("malformed request", error.message(), now);
         const bool isTooLarge = error == http::error::header_limit;
         return answer({isTooLarge ? 431U : 400U, isTooLarge ? "header too large" : "malformed"},
                       nullptr);
@@ -174,8 +174,9 @@ void Connection::onRequest(error_code error) {
     const auto verdict = fHouse.door->decide(knock, now);
     if (verdict.status >= 400) {
         // Neither the target nor a cookie: either may hold a secret.
-        fHouse.hub->log().peer("refused a request, " + std::string(verdict.reason),
-                               knock.hosts.empty() ? std::string_view() : knock.hosts.front(), now);
+        fHouse.hub->peerLog().write("refused a request, " + std::string(verdict.reason),
+                                    knock.hosts.empty() ? std::string_view() : knock.hosts.front(),
+                                    now);
     }
     if (verdict.status == 101) return upgrade();
     answer(verdict, &knock);
@@ -281,7 +282,7 @@ void Connection::onEnd(error_code error) {
         error.category() == make_error_code(websocket::error::closed).category();
     const bool isBroken = isProtocol && error != websocket::error::closed;
     if (isBroken && !fIsClosing) {
-        fHouse.hub->log().peer("broken WebSocket frame", error.message(), now);
+        fHouse.hub->peerLog().write("broken WebSocket frame", error.message(), now);
     }
     // A page that gives a connection up wants its view back.
     const bool isGivenUp = fStream.reason().code == static_cast<int>(wire::CloseCode::kGivenUp);
@@ -386,8 +387,10 @@ void Connection::discard() {
 
 void Connection::checkDeadline(TimePoint now) {
     if (!fHasDeadline || now < fDeadline) return;
+    // Publishers may write to the socket: only the page lets it go.
+    if (pageHere() != nullptr) return tellPage();
     if (fSession && !fSession->isOver() && fSession->page() == nullptr) {
-        fHouse.hub->log().peer("no hello in time", {}, now);
+        fHouse.hub->peerLog().write("no hello in time", {}, now);
         return fSession->helloOverdue();
     }
     drop();

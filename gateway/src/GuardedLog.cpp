@@ -32,18 +32,17 @@ std::string escaped(std::string_view text) {
     return line;
 }
 
-bool GuardedLog::peer(std::string_view event, std::string_view detail, TimePoint now) {
+void GuardedLog::write(std::string_view event, std::string_view detail, TimePoint now) {
     std::size_t suppressed = 0;
     {
         annotated::Lock lock(fMutex);
-        if (!mayWriteLocked(now)) return false;
+        if (!mayWriteLocked(now)) return;
         std::swap(suppressed, fSuppressed);
     }
     std::string line(event);
     if (!detail.empty()) line += ": " + escaped(detail);
     if (suppressed > 0) line += " (" + std::to_string(suppressed) + " lines left out before)";
     kiroutils::Logger::instance().log("gateway", line);
-    return true;
 }
 
 bool GuardedLog::mayWriteLocked(TimePoint now) {

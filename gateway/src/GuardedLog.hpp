@@ -20,9 +20,8 @@ class GuardedLog {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// A line about what a peer did; `detail` comes from outside and is escaped. Answers whether
-    /// it was written.
-    bool peer(std::string_view event, std::string_view detail, TimePoint now);
+    /// Writes a line, unless there were too many; `detail` comes from outside and is escaped.
+    void write(std::string_view event, std::string_view detail, TimePoint now);
 
   private:
     [[nodiscard]] bool mayWriteLocked(TimePoint now) REQUIRES_LOCK(fMutex);

@@ -154,6 +154,7 @@ std::shared_ptr<Page> Hub::resume(const wire::Hello& hello, const std::shared_pt
     }
     welcome.blockChannels = page->blockChannels();
     welcome.subscribed = page->subscriptions();
+    const Page::Greeting greeting{wire::helloText(welcome, fOptions), welcome.blockChannels.size()};
     {
         annotated::Lock lock(fMutex);
         if (auto* view = findLocked(*page)) *view = {page, true, true, {}, false};
@@ -161,11 +162,9 @@ std::shared_ptr<Page> Hub::resume(const wire::Hello& hello, const std::shared_pt
     }
     ++fCounters->returns;
     LeavingList leaving;
-    page->reattach(carrier, socket,
-                   {wire::helloText(welcome, fOptions), welcome.blockChannels.size()}, hello.last,
-                   now, leaving);
+    page->reattach(carrier, socket, greeting, hello, now, leaving);
     release(std::move(leaving));
-    fLog.peer("page returned", page->identity().client, now);
+    fLog.write("page returned", page->identity().client, now);
     announce(fOptions.reconnectChannel, wire::ViewKind::kReturn, *page);
     return page;
 }
@@ -188,6 +187,7 @@ std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr
         if (!subscribe(*page, channel)) welcome.refused.push_back(channel);
     }
     welcome.subscribed = page->subscriptions();
+    const Page::Greeting greeting{wire::helloText(welcome, fOptions), 0};
     // Before it gets its connection: when it reads the hello, it counts. What is published
     // meanwhile waits behind the hello.
     {
@@ -197,8 +197,8 @@ std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr
         static_cast<void>(recountLocked());
     }
     ++fCounters->views;
-    page->attach(carrier, socket, {wire::helloText(welcome, fOptions), 0}, now);
-    fLog.peer("page connected", page->identity().client, now);
+    page->attach(carrier, socket, greeting, now);
+    fLog.write("page connected", page->identity().client, now);
     announce(fOptions.newViewChannel, welcome.kind, *page);
     return page;
 }
@@ -222,13 +222,13 @@ void Hub::lost(const std::shared_ptr<Page>& page, const Carrier& carrier, TimePo
             view->lostAt = now;
         }
     }
-    fLog.peer("connection lost", page->identity().client, now);
+    fLog.write("connection lost", page->identity().client, now);
 }
 
 void Hub::left(const std::shared_ptr<Page>& page, const Carrier& carrier) {
     if (page->carrier().get() != &carrier) return;
     static_cast<void>(page->detach());
-    fLog.peer("page left", page->identity().client, std::chrono::steady_clock::now());
+    fLog.write("page left", page->identity().client, std::chrono::steady_clock::now());
     end(page, "the page closed it");
 }
 
@@ -264,7 +264,7 @@ void Hub::end(const std::shared_ptr<Page>& page, const std::string& why) {
 void Hub::recordDisconnect(const Page& page, std::string_view why) {
     const auto event = "page disconnected, " + std::string(why);
     const auto& client = page.identity().client;
-    if (!fLog.peer(event, client, std::chrono::steady_clock::now())) return;
+    fLog.write(event, client, std::chrono::steady_clock::now());
     // The history that a time-out prints shows then why nobody answers.
     auto& logger = kiroutils::Logger::instance();
     if (!logger.isHistoryEnabled("DrawnowTimeout")) return;
@@ -334,8 +334,6 @@ void Hub::tick(TimePoint now) {
     for (const auto& page : due.over) end(page, "it did not return in time");
     for (const auto& page : due.silent) {
         const auto carrier = page->carrier();
-        if (carrier == nullptr) continue;
-        recordDisconnect(*page, "no sign of life");
         auto rest = page->detach();
         {
             annotated::Lock lock(fMutex);
@@ -344,6 +342,9 @@ void Hub::tick(TimePoint now) {
                 view->lostAt = now;
             }
         }
+        // None, if there was no memory for its connection's beginning.
+        if (carrier == nullptr) continue;
+        recordDisconnect(*page, "no sign of life");
         ++fCounters->disconnected;
         carrier->close(static_cast<std::uint16_t>(wire::CloseCode::kSilent), "no sign of life",
                        std::move(rest));
@@ -404,11 +405,11 @@ bool Hub::recountLocked() {
 void Hub::wakeIf(bool lastHasGone) {
     if (!lastHasGone) return;
     const auto now = std::chrono::steady_clock::now();
-    fLog.peer("the last page has gone", {}, now);
+    fLog.write("the last page has gone", {}, now);
     try {
         fWake();
     } catch (const std::exception& error) {
-        fLog.peer("onLastPageGone", error.what(), now);
+        fLog.write("onLastPageGone", error.what(), now);
     }
 }
 

@@ -31,7 +31,10 @@ class Hub final : public relay::Transport {
     Hub(Options options, std::function<void()> wake);
 
     [[nodiscard]] const Options& options() const noexcept { return fOptions; }
+    /// What the gateway itself has to say.
     [[nodiscard]] GuardedLog& log() noexcept { return fLog; }
+    /// What peers do, whoever they are: it never keeps the other from being written.
+    [[nodiscard]] GuardedLog& peerLog() noexcept { return fPeerLog; }
     [[nodiscard]] Counters& counters() noexcept { return *fCounters; }
 
     /// Where messages and blocks from pages go. REQUIRES: called before the gateway's thread runs;
@@ -129,6 +132,7 @@ class Hub final : public relay::Transport {
 
     const std::shared_ptr<Counters> fCounters;
     GuardedLog fLog;
+    GuardedLog fPeerLog;
     bool fIsShut = false;  ///< the gateway's thread's
     std::atomic<bool> fLastPageGone{false};
 

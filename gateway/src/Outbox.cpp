@@ -61,7 +61,8 @@ Outbox::Entry& Outbox::openBatch(Lane& lane, std::string_view channel, TimePoint
     }
     Entry entry;
     entry.since = now;
-    entry.records.reserve(fLastBatch);
+    // Behind others that wait, many small ones must not take more memory than they count.
+    if (lane.entries.empty()) entry.records.reserve(std::min(fLastBatch, fLimits.batchSize));
     lane.entries.push_back(std::move(entry));
     fBytes += kEntryOverhead;
     return lane.entries.back();
@@ -313,11 +314,14 @@ bool Outbox::canResume(std::uint64_t last) const noexcept {
     return fKeeps && last >= fAcknowledged && last <= fWrittenUpTo;
 }
 
-void Outbox::resume(std::uint64_t last, LeavingList& leaving) {
+void Outbox::resume(std::uint64_t last, const std::vector<std::uint64_t>& refused,
+                    LeavingList& leaving) {
     // The answers to blocks that the page counts as handled may be lost; they are taken as given.
     const auto underWay = fUnderWay;
     for (const auto& [id, block] : underWay) {
-        if (block->number != 0 && block->number <= last) leave(block, true, leaving);
+        if (block->number == 0 || block->number > last) continue;
+        const bool isRefused = std::ranges::find(refused, block->number) != refused.end();
+        leave(block, !isRefused, leaving);
     }
     acknowledge(last);
     fUnwritten = 0;

@@ -79,8 +79,10 @@ class Outbox {
     std::string detach();
     /// Whether a page that has everything up to `last` can go on from there.
     [[nodiscard]] bool canResume(std::uint64_t last) const noexcept;
-    /// The page is there again. REQUIRES: canResume(last); detached.
-    void resume(std::uint64_t last, LeavingList& leaving);
+    /// The page is there again; the blocks of the messages in `refused` it has not taken.
+    /// REQUIRES: canResume(last); detached.
+    void resume(std::uint64_t last, const std::vector<std::uint64_t>& refused,
+                LeavingList& leaving);
     /// Leaves every block, for good.
     void dropBlocks(LeavingList& leaving);
     /// Leaves every block and forgets every text: nothing is written any more.

@@ -181,11 +181,11 @@ void Page::attach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& 
 }
 
 void Page::reattach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
-                    std::uint64_t last, TimePoint now, LeavingList& leaving) {
+                    const wire::Hello& hello, TimePoint now, LeavingList& leaving) {
     heard(now);
     {
         annotated::Lock lock(fMutex);
-        fOutbox.resume(last, leaving);
+        fOutbox.resume(hello.last, hello.refused, leaving);
         connectLocked(std::move(carrier), socket, greeting, now);
     }
     write(now);
@@ -244,7 +244,12 @@ void Page::writeMore(TimePoint now) {
         }
         // Publishers leave the socket alone meanwhile, and go on adding to what waits.
         const auto taken = put(socket, pending, kGatewayWrites);
-        if (taken < 0) return;
+        if (taken < 0) {
+            // Whoever reads learns why; and the next message tries again.
+            annotated::Lock lock(fMutex);
+            fIsWritingLater = false;
+            return;
+        }
         sent = static_cast<std::size_t>(taken);
         total += sent;
         isFull = sent == 0;

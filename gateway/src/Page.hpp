@@ -11,6 +11,7 @@
 #include "Carrier.hpp"
 #include "ChannelList.hpp"
 #include "Outbox.hpp"
+#include "PageMessages.hpp"
 #include "annotated/Mutex.hpp"
 
 namespace kirogateway {
@@ -72,10 +73,10 @@ class Page {
     /// REQUIRES: not connected.
     void attach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
                 TimePoint now);
-    /// As `attach`, for a page that has everything up to `last`.
-    /// REQUIRES: canResume(last).
+    /// As `attach`, for a page that returns, by what it says itself in `hello`.
+    /// REQUIRES: canResume(hello.last).
     void reattach(std::shared_ptr<Carrier> carrier, int socket, const Greeting& greeting,
-                  std::uint64_t last, TimePoint now, LeavingList& leaving);
+                  const wire::Hello& hello, TimePoint now, LeavingList& leaving);
     [[nodiscard]] bool canResume(std::uint64_t last) const;
     /// Takes the connection away: once this has returned nobody writes to the socket. Answers the
     /// rest of the frame that was being written.

@@ -31,10 +31,14 @@ class Members {
     [[nodiscard]] std::uint64_t number(const char* key) const {
         const auto* value = find(key);
         if (value == nullptr) fail(key);
-        json::error_code error;
-        const auto number = value->to_number<std::uint64_t>(error);
-        if (error) fail(key);
-        return number;
+        return numberIn(*value, key);
+    }
+    [[nodiscard]] std::vector<std::uint64_t> numbers(const char* key) const {
+        const auto* value = find(key);
+        if (value == nullptr || !value->is_array()) fail(key);
+        std::vector<std::uint64_t> all;
+        for (const auto& element : value->get_array()) all.push_back(numberIn(element, key));
+        return all;
     }
     [[nodiscard]] bool flag(const char* key) const {
         const auto* value = find(key);
@@ -65,6 +69,12 @@ class Members {
     }
 
   private:
+    static std::uint64_t numberIn(const json::value& value, const char* key) {
+        json::error_code error;
+        const auto number = value.to_number<std::uint64_t>(error);
+        if (error) fail(key);
+        return number;
+    }
     [[noreturn]] static void fail(const char* key) {
         throw std::runtime_error(std::string("member \"") + key + "\"");
     }
@@ -81,6 +91,7 @@ Hello readHello(const Members& members) {
     hello.resume = members.flagOr("resume", true);
     hello.view = members.textOr("view", {});
     if (!hello.view.empty()) hello.last = members.number("last");
+    if (members.has("refused")) hello.refused = members.numbers("refused");
     if (const auto* limits = members.find("limits")) {
         const Members of(*limits);
         if (of.has("block")) hello.maxBlock = of.number("block");

@@ -20,6 +20,7 @@ struct Hello {
     bool resume = true;
     std::string view;  ///< empty: no return
     std::uint64_t last = 0;
+    std::vector<std::uint64_t> refused;  ///< messages up to `last`: blocks that it has not taken
     std::uint64_t maxBlock = std::numeric_limits<std::uint64_t>::max();  ///< the largest it takes
 };
 struct Publish {

@@ -81,7 +81,7 @@ void Server::run() noexcept {
         } catch (const std::exception& error) {
             // Lack of memory, most likely. Its connection goes on without whatever failed; the
             // time limits end it if it cannot.
-            fHouse.hub->log().peer("the gateway's thread", error.what(), steady_clock::now());
+            fHouse.hub->log().write("the gateway's thread", error.what(), steady_clock::now());
         }
     }
 }
@@ -99,7 +99,7 @@ void Server::onAccepted(const error_code& error, tcp::socket socket) {
         return admit(std::move(socket));
     }
     // Out of descriptors, most likely: to try again at once would be to spin.
-    fHouse.hub->log().peer("cannot accept", error.message(), steady_clock::now());
+    fHouse.hub->log().write("cannot accept", error.message(), steady_clock::now());
     fRetry.expires_after(kAcceptAgain);
     fRetry.async_wait([this](const error_code& cancelled) {
         if (!cancelled) accept();
@@ -112,7 +112,7 @@ void Server::admit(tcp::socket socket) {
     const auto& limits = fHouse.hub->options().limits;
     error_code ignored;
     if (fHouse.guests.size() >= limits.connections) {
-        fHouse.hub->log().peer("too many connections", {}, steady_clock::now());
+        fHouse.hub->peerLog().write("too many connections", {}, steady_clock::now());
         socket.non_blocking(true, ignored);
         socket.write_some(asio::buffer(kFull), ignored);
         return;
@@ -135,7 +135,8 @@ void Server::evictOldest() {
         ++count;
     }
     if (count < limit) return;
-    fHouse.hub->log().peer("too many connections that have not upgraded", {}, steady_clock::now());
+    fHouse.hub->peerLog().write("too many connections that have not upgraded", {},
+                                steady_clock::now());
     oldest->drop();
 }
 

@@ -70,7 +70,7 @@ void Session::subscribe(const wire::Subscribe& subscribe, TimePoint now) {
 }
 
 void Session::answer(const wire::BlockAnswer& answer, TimePoint now) {
-    if (!answer.ok) fHub->log().peer("page refused a block", answer.reason, now);
+    if (!answer.ok) fHub->peerLog().write("page refused a block", answer.reason, now);
     LeavingList leaving;
     fPage->answer(answer.transfer, answer.ok, now, leaving);
     Hub::release(std::move(leaving));
@@ -111,7 +111,7 @@ void Session::refuse(std::string_view what, std::string_view channel, std::strin
                      TimePoint now) {
     static constexpr std::size_t kMaxEcho = 256;
     ++fHub->counters().refusals;
-    fHub->log().peer("refused a page's " + escaped(what), channel, now);
+    fHub->peerLog().write("refused a page's " + escaped(what), channel, now);
     // A cut within a character would make the answer invalid, so what is too long is left out.
     if (channel.size() > kMaxEcho) channel = {};
     if (what.size() > kMaxEcho) what = {};
@@ -119,7 +119,7 @@ void Session::refuse(std::string_view what, std::string_view channel, std::strin
 }
 
 void Session::bad(const std::string& why, TimePoint now) {
-    fHub->log().peer("bad message from a page", why, now);
+    fHub->peerLog().write("bad message from a page", why, now);
     close(wire::CloseCode::kBadMessage, why);
 }
 

@@ -90,10 +90,10 @@ TEST(GuardedLog, EscapesAndCountsWhatItLeavesOut) {
         [&lines](const kirohost::LogRecord& record) { lines.push_back(record.text); });
     GuardedLog log;
     const GuardedLog::TimePoint start{std::chrono::hours(1)};
-    for (int i = 0; i < 1000; ++i) log.peer("flood", "x", start);
+    for (int i = 0; i < 1000; ++i) log.write("flood", "x", start);
     const auto burst = lines.size();
     EXPECT_LT(burst, 50U);
-    log.peer("later", "", start + std::chrono::minutes(1));
+    log.write("later", "", start + std::chrono::minutes(1));
     EXPECT_EQ(lines.back(), "later (" + std::to_string(1000 - burst) + " lines left out before)");
 }
 

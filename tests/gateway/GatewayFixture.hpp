@@ -78,8 +78,8 @@ class GatewayTest : public testing::Test {
         return peer;
     }
     /// One that comes back for its `view` after the message `last`.
-    Peer comeBack(const std::string& view, int last) {
-        return join(R"(,"view":")" + view + R"(","last":)" + std::to_string(last));
+    Peer comeBack(const std::string& view, int last, const std::string& more = {}) {
+        return join(R"(,"view":")" + view + R"(","last":)" + std::to_string(last) + more);
     }
     [[nodiscard]] std::string hello(const char* member) const {
         return std::string(fHello.at(member).as_string());

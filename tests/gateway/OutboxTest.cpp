@@ -178,7 +178,7 @@ TEST_F(OutboxTest, WritesAgainWhatAReturnedPageMissed) {
     EXPECT_FALSE(fOutbox.detach().empty());
     EXPECT_FALSE(fOutbox.canResume(0) || fOutbox.canResume(5));
     ASSERT_TRUE(fOutbox.canResume(2));
-    fOutbox.resume(2, fLeaving);
+    fOutbox.resume(2, {}, fLeaving);
     end();
     EXPECT_TRUE(first.get().delivered);  // its answer was lost
     addText("d");

@@ -59,7 +59,9 @@ TEST_F(TlsTest, CarriesTheSame) {
     answer(page, 1, true);
     EXPECT_TRUE(block.get().delivered);
     page.sendFrame(9, "ping");
-    settle(page);
+    const auto pong = page.readFrame();
+    EXPECT_EQ(pong.opcode, 10U);
+    EXPECT_EQ(pong.payload, "ping");
 }
 
 TEST_F(TlsTest, UnusableOptionsAreRefused) {
