@@ -156,8 +156,8 @@ std::optional<Value> parse(std::string_view text) {
 }
 
 std::string serialize(const Value& value) {
-    constexpr std::size_t kUsualSize = 2048;
-    std::array<unsigned char, kUsualSize> buffer;
+    constexpr std::size_t kUsualSize = 1024;
+    std::array<unsigned char, kUsualSize> buffer{};
     // Gone as a whole when the text is there: an ordinary record costs no allocation but its text.
     boost::json::monotonic_resource memory(buffer.data(), buffer.size());
     boost::json::value result(&memory);
