@@ -2,9 +2,11 @@
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { once } from "node:events";
+import { createReadStream } from "node:fs";
 import { mkdtemp, readFile, rm, writeFile } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
+import { text } from "node:stream/consumers";
 import { test } from "node:test";
 
 import { WebSocket } from "../client/support/packages.mjs";
@@ -176,7 +178,7 @@ test("The browser that is opened is a program of its own, and gets no more than 
     execFileSync("mkfifo", [PIPE]);
     const script = "#!/bin/sh\n{ echo $1; grep Sig /proc/self/status; ls -l /proc/self/fd; } > $PIPE\n";
     await writeFile(join(path, "xdg-open"), script, { mode: 0o755 });
-    const said = readFile(PIPE, "utf8");
+    const said = text(createReadStream(PIPE));
     const env = { ...process.env, PATH: `${path}:${process.env.PATH}`, DISPLAY: ":0", PIPE };
     const monitor = await Monitor.run([], env);
     stage.defer(() => monitor.kill());
