@@ -12,6 +12,9 @@ target_compile_options(kiroweb_flags INTERFACE
     $<$<BOOL:${KIROWEB_WARNINGS_AS_ERRORS}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>)
 target_include_directories(kiroweb_flags INTERFACE ${PROJECT_SOURCE_DIR}/common)
+# Preconditions and the order of locks are checked where a wrong call should stop at once.
+target_compile_definitions(kiroweb_flags INTERFACE
+    $<$<OR:$<CONFIG:Debug>,$<BOOL:${KIROWEB_SANITIZE}>>:KIROWEB_CHECKED>)
 
 if(KIROWEB_SANITIZE)
     list(JOIN KIROWEB_SANITIZE "," _sanitize)

@@ -88,7 +88,7 @@ class BootstrappingCommandSender::Impl::StateMachine {
     std::string fName;
     std::string fBinaryChannelName;
     std::shared_ptr<binary::BinaryDataSenderInterface> fBinarySender;
-    annotated::Mutex fMutex;
+    annotated::Mutex fMutex{annotated::Rank::kSender};
     std::unique_ptr<BootstrapState> fCurrentState GUARDED_BY(fMutex);
     std::vector<std::future<void>> fAsyncTaskCache GUARDED_BY(fMutex);
     AtomicChannelInfo fChannelInfo = ChannelInfo();

@@ -60,14 +60,14 @@ class KIROWEB_EXPORT ACTRequestor::CompletionTokenManager
     /// blocks; without a task router nothing happens.
     void wakeUpQVM() const;
 
-    mutable annotated::Mutex fTokenMutex ACQUIRED_BEFORE(fTimeStampMutex);
+    mutable annotated::Mutex fTokenMutex{annotated::Rank::kToken};
     kiroutils::CompletionToken fCurrentToken GUARDED_BY(fTokenMutex);
     SteadyTime fCheckoutTime GUARDED_BY(fTokenMutex);
     kiroutils::UniqueIDGenerator fIDGenerator GUARDED_BY(fTokenMutex);
     std::vector<TimeStamps> fTimeStampLog GUARDED_BY(fTimeStampMutex);
     /// Written under the mutex, read without it.
     std::atomic<bool> fTimeStampLoggingEnabled = false;
-    annotated::Mutex fTimeStampMutex;
+    annotated::Mutex fTimeStampMutex{annotated::Rank::kTokenTimes};
     const EventCallback fEventCallback;
     const qnutil::contextmgr::QcrID fContext;
 };

@@ -12,6 +12,9 @@ namespace kiro {
 /// and `boost::call_once` is reported there because the system's Boost is not instrumented.
 class OnceGuard {
   public:
+    /// `rank`: what `initialise` may lock comes behind it.
+    explicit OnceGuard(annotated::Rank rank = annotated::Rank::kOnce) noexcept : fMutex(rank) {}
+
     /// Concurrent callers wait for the one that runs `initialise`; afterwards a call costs one
     /// load. `initialise` must not come back here.
     template <typename Initialise>

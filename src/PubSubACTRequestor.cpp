@@ -32,7 +32,7 @@ const char* const kTokenKey = "ACT";
 
 /// Keeps the one recorder of client messages, which stays once it is there.
 struct RecorderHolder {
-    annotated::Mutex mutex;
+    annotated::Mutex mutex{annotated::Rank::kRecorder};
     OnceGuard once;
     /// Owned, never deleted. Read without the mutex by the annotation's record.
     std::atomic<DrawnowTimeoutLogger*> recorder = nullptr;

@@ -15,7 +15,7 @@ std::atomic<bool> PubSubFactory::fDefaultInUse = true;
 namespace {
 
 struct ProcessWideEndpoint {
-    OnceGuard fOnce;
+    OnceGuard fOnce{annotated::Rank::kFactory};
     std::shared_ptr<PubSubInterface> fInstance;
 };
 

@@ -2,8 +2,11 @@
 
 #include <mutex>
 
-/// Clang's thread-safety annotations, and a mutex that carries them. Other compilers see plain
-/// `std::mutex`.
+#include "annotated/LockOrder.hpp"
+
+/// Clang's thread-safety annotations, and a mutex that carries them and its place in the lock
+/// order. Clang checks what is locked at all, debug and sanitizer builds check the order when they
+/// run; others see a plain `std::mutex`.
 #if defined(__clang__)
 #define ANNOTATED_ATTRIBUTE(x) __attribute__((x))
 #else
@@ -21,14 +24,33 @@ namespace annotated {
 
 class ANNOTATED_ATTRIBUTE(capability("mutex")) Mutex {
   public:
+#if defined(KIROWEB_CHECKED)
+    explicit Mutex(Rank rank = Rank::kLeaf) noexcept : fRank(rank) {}
+    void lock() ANNOTATED_ATTRIBUTE(acquire_capability()) {
+        HeldRanks::ofThisThread().push(fRank);
+        fMutex.lock();
+    }
+    void unlock() ANNOTATED_ATTRIBUTE(release_capability()) {
+        fMutex.unlock();
+        HeldRanks::ofThisThread().pop(fRank);
+    }
+#else
+    explicit Mutex(Rank /*rank*/ = Rank::kLeaf) noexcept {}
     void lock() ANNOTATED_ATTRIBUTE(acquire_capability()) { fMutex.lock(); }
     void unlock() ANNOTATED_ATTRIBUTE(release_capability()) { fMutex.unlock(); }
+#endif
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+    ~Mutex() = default;
 
     /// For a condition variable, which unlocks and locks behind the analysis's back.
     std::mutex& native() { return fMutex; }
 
   private:
     std::mutex fMutex;
+#if defined(KIROWEB_CHECKED)
+    const Rank fRank;
+#endif
 };
 
 /// Holds a `Mutex` for the length of a scope.

@@ -72,7 +72,7 @@ struct Gateway::Impl {
     Server server;
     std::vector<std::unique_ptr<ClientEnd>> ends;
     std::unique_ptr<relay::TransportLink> link;
-    annotated::Mutex mutex;  ///< two may stop at once
+    annotated::Mutex mutex{annotated::Rank::kGatewayStop};  ///< two may stop at once
 };
 
 void Gateway::Impl::start() {

@@ -69,11 +69,10 @@ std::size_t Hub::laneOf(std::string_view channel) const {
     return 0;
 }
 
-void Hub::messagePublished(const relay::message_service::JsonMessage& message) {
+void Hub::messagePublished(const relay::Publication& message) {
     const auto& views = audience();
-    if (views.empty() || !canBeNamed(message.channel)) return;
-    Text text{message.channel, {}, false, laneOf(message.channel)};
-    if (message.json != nullptr) text.text = {message.json, message.length};
+    if (views.empty() || !canBeNamed(message.channel())) return;
+    Text text{message.channel(), message.text(), false, laneOf(message.channel())};
     std::string encoded;
     try {
         if (!isPlain(text.text)) {
@@ -206,7 +205,7 @@ std::shared_ptr<Page> Hub::begin(const wire::Hello& hello, const std::shared_ptr
 void Hub::announce(const std::string& channel, wire::ViewKind kind, const Page& page) {
     if (channel.empty()) return;
     const auto text = wire::announcementText(kind, page.identity().count, page.identity().client);
-    fLink->deliver({channel, text.data(), text.size()});
+    fLink->deliver(channel, std::make_shared<const std::string>(text), {});
 }
 
 // --- Leaving -----------------------------------------------------------------------------------
@@ -295,7 +294,7 @@ bool Hub::subscribe(Page& page, std::string_view channel) const {
 bool Hub::publish(const std::string& channel, std::string_view text) {
     if (channel.size() > kMaxChannelName || !fMayPublish.matches(channel)) return false;
     ++fCounters->textsReceived;
-    fLink->deliver({channel, text.data(), text.size()});
+    fLink->deliver(channel, std::make_shared<const std::string>(text), {});
     return true;
 }
 

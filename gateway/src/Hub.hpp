@@ -43,7 +43,7 @@ class Hub final : public relay::Transport {
 
     // --- Publishing threads ---
 
-    void messagePublished(const relay::message_service::JsonMessage& message) override;
+    void messagePublished(const relay::Publication& message) override;
     void offer(relay::binary::experimental::Delivery delivery);
 
     // --- Any thread ---
@@ -142,7 +142,7 @@ class Hub final : public relay::Transport {
     std::shared_ptr<const Pages> fAudience;
     std::uint64_t fAudienceVersion = 0;
 
-    mutable annotated::Mutex fMutex;
+    mutable annotated::Mutex fMutex{annotated::Rank::kViews};
     std::vector<View> fViews GUARDED_BY(fMutex);
     std::shared_ptr<const Pages> fPages GUARDED_BY(fMutex);  ///< those of `fViews`
     std::deque<Ended> fEnded GUARDED_BY(fMutex);             ///< the last few views that ended

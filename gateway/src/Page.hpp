@@ -150,7 +150,7 @@ class Page {
     std::atomic<TimePoint> fLastSign;
     std::atomic<bool> fHasSpoken{false};  ///< and nothing was published since
 
-    mutable annotated::Mutex fMutex;
+    mutable annotated::Mutex fMutex{annotated::Rank::kView};
     Outbox fOutbox GUARDED_BY(fMutex);
     ChannelList fSubscriptions GUARDED_BY(fMutex);
     std::string fLastChannel GUARDED_BY(fMutex);  ///< asked about last, with the answer

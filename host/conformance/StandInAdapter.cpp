@@ -20,13 +20,12 @@ namespace {
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::Delivery;
 using relay::common::DataBuffer;
-using relay::message_service::JsonMessage;
 
 class Ear final : public relay::Transport {
   public:
     explicit Ear(ClientCallback callback) : fCallback(std::move(callback)) {}
-    void messagePublished(const JsonMessage& message) override {
-        if (fCallback) fCallback(message.channel, std::string(message.json, message.length));
+    void messagePublished(const relay::Publication& message) override {
+        if (fCallback) fCallback(message.channel(), std::string(message.text()));
     }
 
   private:
@@ -104,7 +103,7 @@ void adoptSignalThread() { kirohost::adoptSignalThread(); }
 
 void publishAsClient(const std::string& channel, const std::string& text) {
     const auto link = relay::getRelay().attach(std::make_shared<Ear>(nullptr));
-    link->deliver({channel, text.data(), text.size()});
+    link->deliver(channel, std::make_shared<const std::string>(text), nullptr);
 }
 
 std::unique_ptr<ClientListener> listenAsClient(ClientCallback callback) {

@@ -21,8 +21,9 @@ namespace relay {
 /// that a message costs little more than its text.
 struct QueuedMessage {
     std::shared_ptr<const std::string> channel;
-    std::unique_ptr<const char[]> text;  ///< null when there is none
-    std::size_t length = 0;
+    Publication::Text text;
+    bool hasText = true;                 ///< an empty text and none differ
+    std::shared_ptr<const void> ticket;  ///< let go when the message has been delivered
 };
 
 /// The process's message bus: a queue in publish order, the subscriptions, the transports and
@@ -39,9 +40,10 @@ class Bus {
     Bus(const Bus&) = delete;
     Bus& operator=(const Bus&) = delete;
 
-    /// Queues a copy for the subscribers, if there are any, and hands the message to the
-    /// transports but the one numbered `exceptTransport`.
-    void publish(const message_service::JsonMessage& message, std::uint64_t exceptTransport = 0);
+    /// Queues the message for the subscribers, if there are any, and hands it to the transports
+    /// but the one numbered `exceptTransport`. Without `hasText` there is none.
+    void publish(const Publication& message, bool hasText, std::shared_ptr<const void> ticket = {},
+                 std::uint64_t exceptTransport = 0);
 
     /// The subscriber's age is set here. Throws std::system_error when the delivery thread cannot
     /// be started.
@@ -81,7 +83,7 @@ class Bus {
     };
 
     [[nodiscard]] bool isHeard(const std::string& channel) const;
-    [[nodiscard]] QueuedMessage copyLocked(const message_service::JsonMessage& message)
+    [[nodiscard]] std::shared_ptr<const std::string> channelLocked(const std::string& channel)
         REQUIRES_LOCK(fPublishMutex);
     /// Answers whether the delivery thread has to be notified.
     [[nodiscard]] bool enqueue(QueuedMessage message);
@@ -96,13 +98,13 @@ class Bus {
     std::atomic<std::uint64_t> fServices{0};
 
     /// Makes the order of the queue that of the transports; taken before `fMutex`.
-    annotated::Mutex fPublishMutex ACQUIRED_BEFORE(fMutex);
+    annotated::Mutex fPublishMutex{annotated::Rank::kPublish};
     std::vector<AttachedTransport> fTransports GUARDED_BY(fPublishMutex);
     std::uint64_t fTransportNumber GUARDED_BY(fPublishMutex) = 0;
     /// The channel of the message that was queued last.
     std::shared_ptr<const std::string> fLastChannel GUARDED_BY(fPublishMutex);
 
-    mutable annotated::Mutex fMutex;
+    mutable annotated::Mutex fMutex{annotated::Rank::kBus};
     std::condition_variable fWork;       ///< for the delivery thread alone
     std::condition_variable fDelivered;  ///< for `waitForDelivery`
     SubscriberIndex fSubscribers GUARDED_BY(fMutex);

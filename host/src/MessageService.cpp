@@ -49,7 +49,9 @@ class BusMessageService final : public MessageService {
 
   protected:
     Future<Published> doPublish(const std::string& channel, const JsonMessage& message) override {
-        Bus::instance().publish({channel, message.json, message.length});
+        const bool hasText = message.json != nullptr;
+        const auto text = hasText ? std::string_view(message.json, message.length) : "";
+        Bus::instance().publish({channel, text}, hasText);
         return published();
     }
 

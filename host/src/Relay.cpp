@@ -37,19 +37,23 @@ Bus& Bus::instance() {
 
 // --- Publishing --------------------------------------------------------------------------------
 
-void Bus::publish(const message_service::JsonMessage& message, std::uint64_t exceptTransport) {
+void Bus::publish(const Publication& message, bool hasText, std::shared_ptr<const void> ticket,
+                  std::uint64_t exceptTransport) {
     bool mustNotify = false;
     {
         annotated::Lock publishing(fPublishMutex);
         // Asked first and copied between the two short locks, so that a large text does not keep
         // the delivery thread waiting. A subscription cannot be missed: one that was there before
         // this call is seen here.
-        std::optional<QueuedMessage> copy;
-        if (isHeard(message.channel)) copy = copyLocked(message);
+        std::optional<QueuedMessage> queued;
+        if (isHeard(message.channel())) {
+            queued = {channelLocked(message.channel()), message.shared(), hasText,
+                      std::move(ticket)};
+        }
         for (const auto& attached : fTransports) {
             if (attached.number != exceptTransport) attached.transport->messagePublished(message);
         }
-        if (copy) mustNotify = enqueue(*std::move(copy));
+        if (queued) mustNotify = enqueue(*std::move(queued));
     }
     // After the locks: the woken thread would otherwise run into them at once.
     if (mustNotify) fWork.notify_one();
@@ -60,14 +64,11 @@ bool Bus::isHeard(const std::string& channel) const {
     return !fIsStopped && fSubscribers.hears(channel);
 }
 
-QueuedMessage Bus::copyLocked(const message_service::JsonMessage& message) {
-    if (fLastChannel == nullptr || *fLastChannel != message.channel) {
-        fLastChannel = std::make_shared<const std::string>(message.channel);
+std::shared_ptr<const std::string> Bus::channelLocked(const std::string& channel) {
+    if (fLastChannel == nullptr || *fLastChannel != channel) {
+        fLastChannel = std::make_shared<const std::string>(channel);
     }
-    if (message.json == nullptr) return {fLastChannel, nullptr, 0};
-    auto text = std::make_unique_for_overwrite<char[]>(message.length);
-    std::copy_n(message.json, message.length, text.get());
-    return {fLastChannel, std::move(text), message.length};
+    return fLastChannel;
 }
 
 bool Bus::enqueue(QueuedMessage message) {
@@ -120,11 +121,12 @@ void Bus::startThreadLocked() {
 void Bus::runDelivery() {
     Progress progress;
     while (const auto subscriber = awaitCall(progress)) {
-        const auto& [channel, text, length] = progress.message;
+        const auto& message = progress.message;
+        const auto* text = message.hasText ? message.text->data() : nullptr;
         try {
-            subscriber->handler({*channel, text.get(), length});
+            subscriber->handler({*message.channel, text, message.text->size()});
         } catch (...) {
-            logCaught("message handler", *channel, subscriber->serviceName);
+            logCaught("message handler", *message.channel, subscriber->serviceName);
         }
     }
 }
@@ -198,8 +200,10 @@ class BusTransportLink final : public TransportLink {
     BusTransportLink& operator=(const BusTransportLink&) = delete;
     ~BusTransportLink() override { Bus::instance().detach(fNumber); }
 
-    void deliver(const message_service::JsonMessage& message) override {
-        Bus::instance().publish(message, fNumber);
+    void deliver(const std::string& channel, Publication::Text text,
+                 std::shared_ptr<const void> ticket) override {
+        const std::string_view view(*text);
+        Bus::instance().publish({channel, view, std::move(text)}, true, std::move(ticket), fNumber);
     }
 
   private:

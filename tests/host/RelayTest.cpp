@@ -48,7 +48,9 @@ Handler into(Lines& lines) {
 
 /// Writes down what it is handed.
 struct RecordingTransport final : relay::Transport {
-    void messagePublished(const JsonMessage& message) override { lines.push_back(line(message)); }
+    void messagePublished(const relay::Publication& message) override {
+        lines.push_back(message.channel() + " " + std::string(message.text()));
+    }
     Lines lines;
 };
 
@@ -67,8 +69,11 @@ TEST(Transport, SeesTheOrderThatTheSubscribersSeeAndWhatOtherTransportsDeliver) 
     publishAll("/order/b");
     publisher.join();
     const std::string channel = "/order/outside";
-    otherLink->deliver({channel, "1", 1});
+    auto ticket = std::make_shared<int>();
+    const std::weak_ptr<int> underWay = ticket;
+    otherLink->deliver(channel, std::make_shared<const std::string>("1"), std::move(ticket));
     kirohost::waitForDelivery();
+    EXPECT_TRUE(underWay.expired());
     EXPECT_EQ(heard.size(), 1001U);
     EXPECT_EQ(transport->lines, heard);
     EXPECT_EQ(other->lines.size(), 1000U) << "it does not hear itself";
