@@ -1,7 +1,5 @@
 #include "ChannelList.hpp"
 
-#include <algorithm>
-
 namespace kirogateway {
 namespace {
 
@@ -20,30 +18,45 @@ ChannelList::ChannelList(const std::vector<std::string>& channels) {
 void ChannelList::add(std::string_view channel) {
     if (!isWildcard(channel)) {
         fNames.emplace(channel);
-    } else if (std::ranges::find(fPrefixes, prefixOf(channel)) == fPrefixes.end()) {
-        fPrefixes.emplace_back(prefixOf(channel));
+        return;
     }
+    const auto prefix = prefixOf(channel);
+    auto& count = fLengths[prefix.size()];
+    if (fPrefixes.emplace(prefix).second) ++count;
 }
 
 void ChannelList::remove(std::string_view channel) {
-    if (isWildcard(channel)) {
-        std::erase(fPrefixes, prefixOf(channel));
-    } else if (const auto found = fNames.find(channel); found != fNames.end()) {
-        fNames.erase(found);
+    if (!isWildcard(channel)) {
+        if (const auto found = fNames.find(channel); found != fNames.end()) fNames.erase(found);
+        return;
     }
+    const auto found = fPrefixes.find(prefixOf(channel));
+    if (found == fPrefixes.end()) return;
+    if (--fLengths[found->size()] == 0) fLengths.erase(found->size());
+    fPrefixes.erase(found);
+}
+
+bool ChannelList::contains(std::string_view channel) const {
+    return isWildcard(channel) ? fPrefixes.contains(prefixOf(channel)) : fNames.contains(channel);
+}
+
+bool ChannelList::hasPrefixOf(std::string_view text) const {
+    for (const auto& [length, count] : fLengths) {
+        if (length > text.size()) return false;
+        // A prefix ends with a slash, so most lengths are ruled out by one character.
+        if (count > 0 && text[length - 1] == '/' && fPrefixes.contains(text.substr(0, length))) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool ChannelList::matches(std::string_view channel) const {
-    if (fNames.contains(channel)) return true;
-    return std::ranges::any_of(
-        fPrefixes, [channel](const std::string& prefix) { return channel.starts_with(prefix); });
+    return fNames.contains(channel) || hasPrefixOf(channel);
 }
 
 bool ChannelList::covers(std::string_view request) const {
-    if (!isWildcard(request)) return matches(request);
-    const auto asked = prefixOf(request);
-    return std::ranges::any_of(
-        fPrefixes, [asked](const std::string& prefix) { return asked.starts_with(prefix); });
+    return isWildcard(request) ? hasPrefixOf(prefixOf(request)) : matches(request);
 }
 
 std::vector<std::string> ChannelList::channels() const {

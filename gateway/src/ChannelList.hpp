@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -19,6 +21,9 @@ class ChannelList {
     /// Takes back exactly that name.
     void remove(std::string_view channel);
 
+    /// Whether exactly that name is there.
+    [[nodiscard]] bool contains(std::string_view channel) const;
+    /// Its cost grows with the number of different lengths that the wildcards have, not with theirs.
     [[nodiscard]] bool matches(std::string_view channel) const;
     /// Whether every channel that `request`, a name or a wildcard, stands for is matched.
     [[nodiscard]] bool covers(std::string_view request) const;
@@ -35,8 +40,13 @@ class ChannelList {
         }
     };
 
-    std::unordered_set<std::string, Hash, std::equal_to<>> fNames;
-    std::vector<std::string> fPrefixes;  ///< of the wildcards, the slash included
+    using Set = std::unordered_set<std::string, Hash, std::equal_to<>>;
+
+    [[nodiscard]] bool hasPrefixOf(std::string_view text) const;
+
+    Set fNames;
+    Set fPrefixes;                               ///< of the wildcards, the slash included
+    std::map<std::size_t, std::size_t> fLengths;  ///< of prefixes, and how many have each
 };
 
 }  // namespace kirogateway

@@ -1,45 +1,44 @@
 #pragma once
 
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <chrono>
-#include <list>
-#include <memory>
-
-#include "Door.hpp"
-#include "Hub.hpp"
+#include <cstdint>
+#include <string>
+#include <string_view>
 
 namespace kirogateway {
 
-/// A connection, as the server sees it. The gateway's thread.
-class Guest {
+/// One accepted connection, as the server and its view see it.
+class Connection {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    Guest() = default;
-    Guest(const Guest&) = delete;
-    Guest& operator=(const Guest&) = delete;
-    virtual ~Guest() = default;
+    /// What a view asks of its connection.
+    enum Request : unsigned {
+        kWrite = 1,   ///< call `View::writeMore` when the peer takes bytes again
+        kTail = 2,    ///< call `View::writeTail` a moment later
+        kFailed = 4,  ///< the view has to end; `View::failure` says why
+    };
 
-    /// Whether it has upgraded, which needs the cookie.
-    [[nodiscard]] virtual bool isAuthenticated() const noexcept = 0;
-    /// Whether its socket is.
-    [[nodiscard]] virtual bool isOpen() const noexcept = 0;
-    /// Ends what has lasted too long.
-    virtual void checkDeadline(TimePoint now) = 0;
-    /// Closes the socket.
-    virtual void drop() noexcept = 0;
+    Connection() = default;
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    virtual ~Connection() = default;
+
+    /// Any thread, under the view's lock too: nothing of the view's is called from here.
+    virtual void request(Request what) noexcept = 0;
+
+    // --- The gateway's thread ---
+
+    /// Sends `rest`, the remainder of a frame, and a close frame, and ends the connection when the
+    /// peer has answered or its time is over. Without memory it is cut. REQUIRES: the view has been
+    /// detached.
+    virtual void close(std::uint16_t code, std::string_view reason, std::string rest) noexcept = 0;
+    /// Ends the connection without a word. REQUIRES: the view has been detached.
+    virtual void cut() noexcept = 0;
+    /// What the page published has been heard; it may be read from again.
+    virtual void readOn() noexcept = 0;
+    /// Whether nothing is read at present, so that silence says nothing about the page.
+    [[nodiscard]] virtual bool isReadingHeld() const noexcept = 0;
 };
-
-/// What connections share. It outlives them.
-struct House {
-    std::shared_ptr<Hub> hub;
-    std::unique_ptr<Door> door;
-    std::unique_ptr<boost::asio::ssl::context> tls;  ///< empty: none
-    std::list<Guest*> guests;                        ///< oldest first
-};
-
-/// Starts to serve a connection, which lives until it has ended.
-void serve(boost::asio::ip::tcp::socket socket, House& house);
 
 }  // namespace kirogateway

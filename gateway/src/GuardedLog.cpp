@@ -32,7 +32,8 @@ std::string escaped(std::string_view text) {
     return line;
 }
 
-void GuardedLog::write(std::string_view event, std::string_view detail, TimePoint now) {
+void GuardedLog::write(std::string_view event, std::string_view detail,
+                       TimePoint now) noexcept try {
     std::size_t suppressed = 0;
     {
         annotated::Lock lock(fMutex);
@@ -43,6 +44,7 @@ void GuardedLog::write(std::string_view event, std::string_view detail, TimePoin
     if (!detail.empty()) line += ": " + escaped(detail);
     if (suppressed > 0) line += " (" + std::to_string(suppressed) + " lines left out before)";
     kiroutils::Logger::instance().log("gateway", line);
+} catch (...) {  // see above
 }
 
 bool GuardedLog::mayWriteLocked(TimePoint now) {

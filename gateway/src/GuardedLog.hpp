@@ -20,8 +20,10 @@ class GuardedLog {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// Writes a line, unless there were too many; `detail` comes from outside and is escaped.
-    void write(std::string_view event, std::string_view detail, TimePoint now);
+    /// Writes a line, unless there were too many; `detail` comes from outside and is escaped. A line
+    /// for which there is no memory is lost, and so is what an observer of the log throws.
+    void write(std::string_view event, std::string_view detail,
+               TimePoint now = std::chrono::steady_clock::now()) noexcept;
 
   private:
     [[nodiscard]] bool mayWriteLocked(TimePoint now) REQUIRES_LOCK(fMutex);

@@ -7,215 +7,319 @@
 #include "PageMessages.hpp"
 #include "TextEncoding.hpp"
 #include "WebSocketFrame.hpp"
+#include "checked/Require.hpp"
 
 namespace kirogateway {
 namespace {
 
-/// What a batch costs beside its records.
-constexpr std::size_t kEntryOverhead = 128;
+/// What an entry costs beside its records: its node, and a block's.
+constexpr std::size_t kEntryOverhead = 192;
 constexpr std::size_t kMaxBlockChannels = 0xffff;
+constexpr std::size_t kMaxBlock = 0xffffffff;
 
 }  // namespace
 
-Outbox::Outbox(const Limits& limits, std::size_t lanes, bool keeps)
-    : fLimits(limits), fKeeps(keeps), fLanes(lanes) {}
+Outbox::Outbox(const Limits& limits, std::size_t lanes, bool keeps, std::shared_ptr<Budget> budget)
+    : fLimits(limits), fBudget(std::move(budget)), fKeeps(keeps), fLanes(lanes) {}
+
+Outbox::~Outbox() {
+    fBudget->give(fOwnBytes);
+    if (fLost != nullptr) fLost->give(fBytes);
+}
+
+// --- Accounts ----------------------------------------------------------------------------------
+
+std::size_t Outbox::ownSize(const Entry& entry) noexcept {
+    return kEntryOverhead + entry.records.capacity();
+}
+
+std::size_t Outbox::sharedSize(const Entry& entry) noexcept {
+    return entry.shared != nullptr ? entry.shared->text->size() : 0;
+}
+
+std::size_t Outbox::payloadSize(const Entry& entry) noexcept {
+    return entry.records.size() + sharedSize(entry);
+}
+
+Outbox::Added Outbox::hold(std::size_t own, std::size_t shared) noexcept {
+    if (!fBudget->take(own)) return Added::kNoMemory;
+    if (fLost != nullptr && !fLost->take(own + shared)) {
+        fBudget->give(own);
+        return Added::kNoLostRoom;
+    }
+    fOwnBytes += own;
+    fBytes += own + shared;
+    return Added::kYes;
+}
+
+void Outbox::letGo(std::size_t own, std::size_t shared) noexcept {
+    fBudget->give(own);
+    if (fLost != nullptr) fLost->give(own + shared);
+    fOwnBytes -= own;
+    fBytes -= own + shared;
+}
+
+void Outbox::countAsLost(std::shared_ptr<Budget> lost) noexcept {
+    fLost = std::move(lost);
+    fLost->add(fBytes);
+}
+
+void Outbox::erase(Entries& from, Entries::iterator entry) noexcept {
+    if (entry->block != nullptr) entry->block->entry = nullptr;
+    fReleased += payloadSize(*entry);
+    letGo(ownSize(*entry), sharedSize(*entry));
+    from.erase(entry);
+}
 
 // --- Filling -----------------------------------------------------------------------------------
 
-bool Outbox::hasRoom(std::size_t size) const noexcept {
-    return size <= fLimits.queueSize && fBytes <= fLimits.queueSize - size;
+Outbox::Added Outbox::addText(const Text& text, TimePoint /*now*/) {
+    if (text.shared != nullptr) return addShared(text);
+    Lane& lane = fLanes[text.lane];
+    const auto size = text.channel.size() + text.text.size() + 3;
+    if (canTake(lane, text.channel)) {
+        const auto added = grow(lane.entries.back(), size);
+        if (added == Added::kYes) append(lane, lane.entries.back(), text);
+        return added;
+    }
+    Entries fresh(1);
+    // The next batch is as large as the last one, most likely.
+    const auto expected = lane.entries.empty() ? std::min(fLastBatch, fLimits.batchSize) : 0;
+    fresh.front().records.reserve(std::max(size, expected));
+    std::string name(text.channel);
+    Entry& entry = fresh.front();
+    const auto added = addEntry(lane, std::move(fresh), 0);
+    if (added != Added::kYes) return added;
+    lane.lastChannel.swap(name);
+    append(lane, entry, text);
+    return added;
 }
 
-bool Outbox::canHold(std::size_t size) const noexcept {
-    return size <= 0xffffffffU && fLimits.queueSize > kEntryOverhead &&
-           size <= fLimits.queueSize - kEntryOverhead;
+bool Outbox::canTake(const Lane& lane, std::string_view channel) const noexcept {
+    if (lane.entries.empty()) return false;
+    const Entry& last = lane.entries.back();
+    // The empty channel can be named by a frame's first record only.
+    const bool canBeNamed = !channel.empty() || lane.lastChannel.empty();
+    return !last.isBlock && last.shared == nullptr && canBeNamed &&
+           last.records.size() < fLimits.batchSize;
 }
 
-bool Outbox::addText(std::size_t lane, std::string_view channel, std::string_view text,
-                     bool isBase64, TimePoint now) {
-    if (!hasRoom(text.size() + channel.size() + kEntryOverhead)) return false;
-    Lane& queue = fLanes[lane];
-    Entry& entry = openBatch(queue, channel, now);
+Outbox::Added Outbox::grow(Entry& entry, std::size_t more) {
+    const auto capacity = entry.records.capacity();
+    const auto needed = entry.records.size() + more;
+    if (needed <= capacity) return Added::kYes;
+    const auto target = std::max(needed, 2 * capacity);
+    const auto added = hold(target - capacity, 0);
+    if (added != Added::kYes) return added;
+    try {
+        entry.records.reserve(target);
+    } catch (...) {
+        letGo(target - capacity, 0);
+        throw;
+    }
+    return Added::kYes;
+}
+
+void Outbox::append(Lane& lane, Entry& entry, const Text& text) {
+    const bool isNamed = entry.count == 0 || lane.lastChannel != text.channel;
+    if (isNamed) lane.lastChannel = text.channel;  // may fail, and before anything else
     const auto before = entry.records.size();
     if (entry.count > 0) entry.records += kRecordSeparator;
-    if (entry.count == 0 || queue.lastChannel != channel) {
-        entry.records += channel;
-        queue.lastChannel = channel;
-    }
+    if (isNamed) entry.records += text.channel;
     entry.records += kUnitSeparator;
-    if (isBase64) entry.records += kUnitSeparator;
-    entry.records += text;
+    if (text.isBase64) entry.records += kUnitSeparator;
+    entry.records += text.text;
     ++entry.count;
-    fBytes += entry.records.size() - before;
-    return true;
+    fAdded += entry.records.size() - before;
 }
 
-Outbox::Entry& Outbox::openBatch(Lane& lane, std::string_view channel, TimePoint now) {
-    if (!lane.entries.empty()) {
-        Entry& last = lane.entries.back();
-        // The empty channel can be named by a frame's first record only.
-        const bool canBeNamed = !channel.empty() || lane.lastChannel.empty();
-        if (last.block == nullptr && last.records.size() < fLimits.batchSize && canBeNamed) {
-            return last;
-        }
-    }
-    Entry entry;
-    entry.since = now;
-    // Behind others that wait, many small ones must not take more memory than they count.
-    if (lane.entries.empty()) entry.records.reserve(std::min(fLastBatch, fLimits.batchSize));
-    lane.entries.push_back(std::move(entry));
-    fBytes += kEntryOverhead;
-    return lane.entries.back();
+Outbox::Added Outbox::addShared(const Text& text) {
+    Entries fresh(1);
+    Entry& entry = fresh.front();
+    entry.count = 1;
+    entry.records.reserve(text.channel.size() + 2);
+    entry.records += text.channel;
+    entry.records += kUnitSeparator;
+    if (text.isBase64) entry.records += kUnitSeparator;
+    entry.shared = text.shared;
+    const auto added = addEntry(fLanes[text.lane], std::move(fresh), text.text.size());
+    if (added == Added::kYes) fAdded += payloadSize(entry);
+    return added;
 }
 
-bool Outbox::addBlock(std::size_t lane, std::string_view channel,
-                      std::shared_ptr<Transfer> transfer, TimePoint now) {
+Outbox::Added Outbox::addEntry(Lane& lane, Entries&& entry, std::size_t shared) noexcept {
+    const auto added = hold(ownSize(entry.front()), shared);
+    if (added == Added::kYes) lane.entries.splice(lane.entries.end(), entry);
+    return added;
+}
+
+Outbox::Added Outbox::addBlock(std::size_t lane, std::string_view channel,
+                               const std::shared_ptr<Transfer>& transfer, TimePoint now) {
     const auto size = transfer->bytes().size();
-    if (!canHold(size) || !hasRoom(size + kEntryOverhead)) return false;
-    const auto number = channelNumber(channel);
-    if (number == 0) return false;
-    const auto block = std::make_shared<Block>(
-        Block{std::move(transfer), number, ++fLastTransfer, 0, size, 0, now});
-    fLanes[lane].entries.push_back({now, 0, 1, {}, block});
-    fBytes += size + kEntryOverhead;
-    return true;
+    const auto number = size <= kMaxBlock ? channelNumber(channel) : std::uint16_t{0};
+    if (number == 0) return Added::kNever;
+    PageBlocks block(1);
+    Entries fresh(1);
+    Entry& entry = fresh.front();
+    block.front() = {transfer, number, fLastTransfer + 1, 0, size, 0, now, &entry, false};
+    entry.count = 1;
+    entry.isBlock = true;
+    entry.transfer = block.front().id;
+    entry.block = &block.front();
+    const auto added = addEntry(fLanes[lane], std::move(fresh), 0);
+    if (added != Added::kYes) return added;
+    if (const auto held = hold(0, size); held != Added::kYes) {
+        erase(fLanes[lane].entries, std::prev(fLanes[lane].entries.end()));
+        return held;
+    }
+    ++fLastTransfer;
+    fAdded += size;
+    fWaiting.splice(fWaiting.end(), block);
+    return added;
 }
 
 std::uint16_t Outbox::channelNumber(std::string_view channel) {
-    const auto found = std::ranges::find(fBlockChannels, channel);
-    if (found == fBlockChannels.end()) {
-        if (fBlockChannels.size() == kMaxBlockChannels) return 0;
-        fBlockChannels.emplace_back(channel);
-        return static_cast<std::uint16_t>(fBlockChannels.size());
+    const auto found = std::ranges::find(fBlockChannels, channel, &BlockChannel::name);
+    if (found != fBlockChannels.end()) {
+        return static_cast<std::uint16_t>(found - fBlockChannels.begin() + 1);
     }
-    return static_cast<std::uint16_t>(found - fBlockChannels.begin() + 1);
+    const auto number = fBlockChannels.size() + 1;
+    if (number > kMaxBlockChannels) return 0;
+    fBlockChannels.push_back(
+        {std::string(channel), makeFrame(Opcode::kText, wire::channelText(number, channel))});
+    return static_cast<std::uint16_t>(number);
 }
 
-void Outbox::greet(std::string_view hello, std::size_t channelsNamed) {
-    fControls.push_front(makeFrame(Opcode::kText, hello));
-    fBytes += fControls.front().size();
-    fChannelsNamed = channelsNamed;
+Outbox::Added Outbox::addControl(std::string_view text) {
+    return addFrames(makeFrame(Opcode::kText, text));
 }
 
-void Outbox::addControl(std::string_view text) { addFrames(makeFrame(Opcode::kText, text)); }
-
-void Outbox::addFrames(std::string frames) {
-    fBytes += frames.size();
-    fControls.push_back(std::move(frames));
+Outbox::Added Outbox::addFrames(std::string frames) {
+    const auto size = frames.size();
+    std::list<std::string> fresh;
+    fresh.push_back(std::move(frames));
+    const auto added = hold(size, 0);
+    if (added != Added::kYes) return added;
+    fControlBytes += size;
+    fAdded += size;
+    fControls.splice(fControls.end(), fresh);
+    return added;
 }
 
 // --- Writing -----------------------------------------------------------------------------------
 
-Outbox::Pending Outbox::pending(TimePoint now) {
-    if (fWriting.source == Source::kNothing) begin(now);
+Outbox::Pending Outbox::pending() noexcept {
+    if (fWriting.source == Source::kNothing) beginFrame();
     if (fWriting.source == Source::kNothing) return {};
-    const std::string_view head(fWriting.head.data(), fWriting.headSize);
-    if (fWriting.done < head.size()) return {head.substr(fWriting.done), fWriting.body};
-    return {std::string_view(), fWriting.body.substr(fWriting.done - head.size())};
+    Pending all{std::string_view(fWriting.head.data(), fWriting.headSize), fWriting.prefix,
+                fWriting.body};
+    auto done = fWriting.done;
+    for (auto& stretch : all) {
+        const auto part = std::min(done, stretch.size());
+        stretch.remove_prefix(part);
+        done -= part;
+    }
+    return all;
 }
 
-void Outbox::begin(TimePoint now) {
+void Outbox::beginFrame() noexcept {
     if (!fControls.empty()) {
-        auto frame = std::move(fControls.front());
-        fControls.pop_front();
-        fBytes -= frame.size();
-        return beginControl(std::move(frame), now);
-    }
-    if (fChannelsNamed < fBlockChannels.size()) {
-        const auto& name = fBlockChannels[fChannelsNamed++];
-        return beginControl(makeFrame(Opcode::kText, wire::channelText(fChannelsNamed, name)), now);
-    }
-    if (fUnwritten < fNumbered.size()) return beginNumbered(now);
-    for (std::size_t i = 0; i < fLanes.size(); ++i) {
-        const auto lane = (fNextLane + i) % fLanes.size();
-        if (!beginFromLane(lane)) continue;
-        fNextLane = lane + 1;
-        return;
+        fWriting.source = Source::kControl;
+        fWriting.body = fControls.front();
+    } else if (fChannelsNamed < fBlockChannels.size()) {
+        fWriting.source = Source::kNamed;
+        fWriting.body = fBlockChannels[fChannelsNamed].frame;
+    } else if (fUnwritten != fNumbered.end()) {
+        beginNumbered();
+    } else {
+        for (std::size_t i = 0; i < fLanes.size(); ++i) {
+            const auto lane = (fNextLane + i) % fLanes.size();
+            if (!beginFromLane(lane)) continue;
+            fNextLane = lane + 1;
+            return;
+        }
     }
 }
 
-bool Outbox::beginFromLane(std::size_t lane) {
+bool Outbox::beginFromLane(std::size_t lane) noexcept {
     auto& entries = fLanes[lane].entries;
+    const auto isNothing = [](const Entry& entry) {
+        return entry.isBlock && entry.block == nullptr && !entry.isBegun;
+    };
+    while (!entries.empty() && isNothing(entries.front())) erase(entries, entries.begin());
     if (entries.empty()) return false;
     Entry& front = entries.front();
-    if (front.block != nullptr) {
-        if (!startBlock(lane, front.block)) return false;
-        if (front.block->size - front.block->sent > fLimits.pieceSize) {
+    if (front.isBlock) {
+        const bool isLeft = front.block == nullptr;
+        if (!isLeft && !startBlock(lane, *front.block)) return false;
+        if (isLeft || front.block->size - front.block->sent > fLimits.pieceSize) {
             fWriting.source = Source::kLane;
             fWriting.lane = lane;
-            fWriting.since = front.since;
-            beginPiece(*front.block, 0);
+            isLeft ? beginWithdrawn(front) : beginPiece(*front.block, 0);
             return true;
         }
     }
     front.number = fNext;
     fNext += front.count;
-    if (front.block != nullptr) front.block->number = front.number;
-    fNumbered.push_back(std::move(front));
-    entries.pop_front();
-    beginNumbered({});
+    if (front.isBlock) front.block->number = front.number;
+    fNumbered.splice(fNumbered.end(), entries, entries.begin());
+    fUnwritten = std::prev(fNumbered.end());
+    beginNumbered();
     return true;
 }
 
-bool Outbox::startBlock(std::size_t lane, const std::shared_ptr<Block>& block) {
-    if (fUnderWay.contains(block->id)) return true;
+bool Outbox::startBlock(std::size_t lane, PageBlock& block) noexcept {
+    const auto isIt = [&block](const PageBlock& other) { return &other == &block; };
+    if (std::ranges::any_of(fUnderWay, isIt)) return true;
     if (fTurn.value_or(lane) != lane) return false;
-    if (!mayStart(*block)) {
+    if (!mayStart(block)) {
         fTurn = lane;
         return false;
     }
     fTurn.reset();
-    fUnderWay.emplace(block->id, block);
-    fBytesUnderWay += block->size;
+    fUnderWay.splice(fUnderWay.end(), fWaiting, std::ranges::find_if(fWaiting, isIt));
+    fBytesUnderWay += block.size;
     return true;
 }
 
-bool Outbox::mayStart(const Block& block) const noexcept {
+bool Outbox::mayStart(const PageBlock& block) const noexcept {
     if (fUnderWay.empty()) return true;
     return fUnderWay.size() < fLimits.blocksUnderWay &&
            fBytesUnderWay + block.size <= fLimits.bytesUnderWay;
 }
 
-void Outbox::beginNumbered(TimePoint now) {
-    Entry& entry = fNumbered[fUnwritten];
-    if (entry.block != nullptr && entry.block->transfer == nullptr) {
-        // Left while the page was away: its number must not be missing.
-        auto frame = makeFrame(Opcode::kText, wire::withdrawnText(entry.block->id, entry.number));
-        fWrittenUpTo = entry.number;
-        ++fUnwritten;
-        return beginControl(std::move(frame), now);
-    }
+void Outbox::beginNumbered() noexcept {
+    const Entry& entry = *fUnwritten;
     fWriting.source = Source::kNumbered;
-    fWriting.since = entry.since;
-    entry.block != nullptr ? beginPiece(*entry.block, entry.number) : beginBatch(entry);
+    if (!entry.isBlock) {
+        beginBatch(entry);
+    } else if (entry.block != nullptr) {
+        beginPiece(*entry.block, entry.number);
+    } else {
+        beginWithdrawn(entry);  // left while the page was away: its number must not be missing
+    }
 }
 
-void Outbox::beginControl(std::string frame, TimePoint now) {
-    fControl = std::move(frame);
-    fWriting.source = Source::kControl;
-    fWriting.since = now;
-    fWriting.headSize = 0;
-    fWriting.body = fControl;
-}
-
-void Outbox::beginBatch(const Entry& entry) {
+void Outbox::beginBatch(const Entry& entry) noexcept {
     std::array<char, 24> number{};
     auto* end = std::to_chars(number.data(), number.data() + number.size(), entry.number).ptr;
     *end++ = kRecordSeparator;
     const auto size = static_cast<std::size_t>(end - number.data());
-    putFrameHeader(static_cast<unsigned char>(Opcode::kText), size + entry.records.size());
-    std::copy_n(number.data(), size, fWriting.head.data() + fWriting.headSize);
-    fWriting.headSize += size;
-    fWriting.body = entry.records;
-    fLastBatch = entry.records.size();
+    putFrameHeader(true, size + payloadSize(entry));
+    putHead({number.data(), size});
+    fWriting.prefix = entry.records;
+    if (entry.shared != nullptr) {
+        fWriting.body = *entry.shared->text;
+    } else {
+        fLastBatch = entry.records.size();
+    }
 }
 
-void Outbox::beginPiece(Block& block, std::uint64_t number) {
+void Outbox::beginPiece(const PageBlock& block, std::uint64_t number) noexcept {
     const auto left = block.size - block.sent;
     fWriting.pieceSize = std::min(left, fLimits.pieceSize);
     fWriting.isLastPiece = fWriting.pieceSize == left;
-    putFrameHeader(static_cast<unsigned char>(Opcode::kBinary),
-                   wire::BlockHeader::kSize + fWriting.pieceSize);
+    putFrameHeader(false, wire::BlockHeader::kSize + fWriting.pieceSize);
     const wire::BlockHeader header{fWriting.isLastPiece, block.channel, block.id,
                                    fWriting.isLastPiece ? number : block.size};
     header.write(fWriting.head.data() + fWriting.headSize);
@@ -223,179 +327,250 @@ void Outbox::beginPiece(Block& block, std::uint64_t number) {
     fWriting.body = block.transfer->bytes().substr(block.sent, fWriting.pieceSize);
 }
 
-void Outbox::putFrameHeader(unsigned char opcode, std::size_t payload) {
-    fWriting.headSize =
-        writeFrameHeader(fWriting.head.data(), static_cast<Opcode>(opcode), payload);
+void Outbox::beginWithdrawn(const Entry& entry) noexcept {
+    const wire::WithdrawnText text(entry.transfer, entry.number);
+    putFrameHeader(true, text.view().size());
+    putHead(text.view());
 }
 
-void Outbox::written(std::size_t count) {
-    fWriting.done += count;
+void Outbox::putHead(std::string_view bytes) noexcept {
+    KIROWEB_REQUIRE(fWriting.headSize + bytes.size() <= fWriting.head.size());
+    std::ranges::copy(bytes, fWriting.head.data() + fWriting.headSize);
+    fWriting.headSize += bytes.size();
+}
+
+void Outbox::putFrameHeader(bool isText, std::size_t payload) noexcept {
+    const auto opcode = isText ? Opcode::kText : Opcode::kBinary;
+    fWriting.headSize = writeFrameHeader(fWriting.head.data(), opcode, payload);
+}
+
+void Outbox::written(std::size_t count) noexcept {
     if (fWriting.source == Source::kNothing) return;
-    if (fWriting.done == fWriting.headSize + fWriting.body.size()) finish();
+    fWriting.done += count;
+    fTaken += count;
+    const auto size = fWriting.headSize + fWriting.prefix.size() + fWriting.body.size();
+    KIROWEB_REQUIRE(fWriting.done <= size);
+    if (fWriting.done == size) finish();
 }
 
-void Outbox::finish() {
+void Outbox::finish() noexcept {
     const auto writing = std::exchange(fWriting, {});
-    if (writing.source == Source::kLane) {
-        fLanes[writing.lane].entries.front().block->sent += writing.pieceSize;
-    } else if (writing.source == Source::kNumbered) {
-        Entry& entry = fNumbered[fUnwritten];
-        if (entry.block != nullptr && !writing.isLastPiece) {
-            entry.block->sent += writing.pieceSize;  // a block that is written again
-            return;
+    if (writing.source == Source::kControl) {
+        const auto size = fControls.front().size();
+        fControls.pop_front();
+        fControlBytes -= size;
+        fReleased += size;
+        letGo(size, 0);
+    } else if (writing.source == Source::kNamed) {
+        ++fChannelsNamed;
+    } else if (writing.source == Source::kLane) {
+        auto& entries = fLanes[writing.lane].entries;
+        Entry& front = entries.front();
+        if (writing.pieceSize == 0) {  // it was withdrawn
+            erase(entries, entries.begin());
+        } else {
+            front.isBegun = true;
+            if (front.block != nullptr) front.block->sent += writing.pieceSize;
         }
-        if (entry.block != nullptr) entry.block->sent = entry.block->size;
-        fWrittenUpTo = entry.number + entry.count - 1;
-        ++fUnwritten;
-        if (!fKeeps) fAcknowledged = fWrittenUpTo;
-        popAcknowledged();
+    } else if (writing.source == Source::kNumbered) {
+        finishNumbered(writing);
     }
+}
+
+void Outbox::finishNumbered(const Writing& writing) noexcept {
+    Entry& entry = *fUnwritten;
+    if (entry.block != nullptr) {
+        entry.block->sent += writing.pieceSize;
+        if (!writing.isLastPiece) return;  // a block that is written again
+        fKept += entry.block->size;
+    }
+    fKept += ownSize(entry) + sharedSize(entry);
+    fWrittenUpTo = entry.number + entry.count - 1;
+    ++fUnwritten;
+    if (!fKeeps) fAcknowledged = fWrittenUpTo;
+    popAcknowledged();
 }
 
 // --- What the page says ------------------------------------------------------------------------
 
-void Outbox::acknowledge(std::uint64_t last) {
-    // Not further than what was written: the rest cannot be known to the page.
-    fAcknowledged = std::max(fAcknowledged, std::min(last, fWrittenUpTo));
+void Outbox::acknowledge(std::uint64_t last) noexcept {
+    if (last > fWrittenUpTo) return;  // the page cannot know it
+    fAcknowledged = std::max(fAcknowledged, last);
     popAcknowledged();
 }
 
-void Outbox::popAcknowledged() {
-    while (fUnwritten > 0) {
-        Entry& front = fNumbered.front();
+void Outbox::popAcknowledged() noexcept {
+    while (!fNumbered.empty() && fUnwritten != fNumbered.begin()) {
+        const Entry& front = fNumbered.front();
         if (front.number + front.count - 1 > fAcknowledged) return;
-        fBytes -= front.records.size() + kEntryOverhead;
-        fNumbered.pop_front();
-        --fUnwritten;
+        fKept -= ownSize(front) + sharedSize(front);
+        erase(fNumbered, fNumbered.begin());
     }
 }
 
-void Outbox::answer(std::uint64_t transfer, bool hasBlock, LeavingList& leaving) {
-    const auto found = transfer <= 0xffffffffU
-                           ? fUnderWay.find(static_cast<std::uint32_t>(transfer))
-                           : fUnderWay.end();
-    if (found == fUnderWay.end()) return;
-    const auto block = found->second;
+void Outbox::answer(std::uint64_t transfer, bool hasBlock, PageBlocks& left) noexcept {
+    const auto found = std::ranges::find(fUnderWay, transfer, &PageBlock::id);
     // An answer to what is still being written can only be a lie.
-    if (block->sent < block->size) return;
-    leave(block, hasBlock, leaving);
+    if (found == fUnderWay.end() || found->sent < found->size) return;
+    leave(fUnderWay, found, hasBlock, left);
 }
 
-void Outbox::leave(const std::shared_ptr<Block>& block, bool hasBlock, LeavingList& leaving) {
-    if (block->transfer == nullptr) return;
-    leaving.push_back({std::move(block->transfer), hasBlock});
-    block->transfer = nullptr;
-    fBytes -= block->size;
-    if (fUnderWay.erase(block->id) > 0) fBytesUnderWay -= block->size;
+void Outbox::unsend(PageBlock& block) noexcept {
+    if (block.sent == block.size) fKept -= block.size;
+    block.sent = 0;
+}
+
+void Outbox::leave(PageBlocks& from, PageBlocks::iterator block, bool hasBlock,
+                   PageBlocks& left) noexcept {
+    if (block->entry != nullptr) block->entry->block = nullptr;
+    block->entry = nullptr;
+    const auto size = block->size;
+    unsend(*block);
+    if (&from == &fUnderWay) fBytesUnderWay -= size;
+    block->isDelivered = hasBlock;
+    left.splice(left.end(), from, block);
+    fReleased += size;
+    letGo(0, size);
 }
 
 // --- Losing and regaining the connection -------------------------------------------------------
 
-std::string Outbox::detach() {
+std::string Outbox::restOfFrame() const {
     std::string rest;
-    if (fWriting.source != Source::kNothing && fWriting.done > 0) {
-        for (const auto part : pending({})) rest += part;
-    }
+    if (fWriting.source == Source::kNothing || fWriting.done == 0) return rest;
+    auto done = fWriting.done;
+    const auto add = [&](std::string_view stretch) {
+        const auto part = std::min(done, stretch.size());
+        rest += stretch.substr(part);
+        done -= part;
+    };
+    add({fWriting.head.data(), fWriting.headSize});
+    add(fWriting.prefix);
+    add(fWriting.body);
+    return rest;
+}
+
+void Outbox::detach() noexcept {
     fWriting = {};
-    for (const auto& frames : fControls) fBytes -= frames.size();
+    letGo(fControlBytes, 0);
+    fReleased += fControlBytes;
+    fControlBytes = 0;
     fControls.clear();
     for (auto& lane : fLanes) {
-        if (!lane.entries.empty() && lane.entries.front().block != nullptr) {
-            lane.entries.front().block->sent = 0;
-        }
+        if (lane.entries.empty()) continue;
+        Entry& front = lane.entries.front();
+        front.isBegun = false;
+        if (front.block != nullptr) unsend(*front.block);
     }
-    if (fUnwritten < fNumbered.size() && fNumbered[fUnwritten].block != nullptr) {
-        fNumbered[fUnwritten].block->sent = 0;
-    }
-    return rest;
+    if (fUnwritten != fNumbered.end() && fUnwritten->block != nullptr) unsend(*fUnwritten->block);
 }
 
 bool Outbox::canResume(std::uint64_t last) const noexcept {
     return fKeeps && last >= fAcknowledged && last <= fWrittenUpTo;
 }
 
+void Outbox::begin(std::list<std::string>&& hello, std::size_t channelsNamed, bool keeps) noexcept {
+    if (fLost != nullptr) fLost->give(fBytes);
+    fLost = nullptr;
+    const auto size = hello.front().size();
+    fBudget->add(size);
+    fOwnBytes += size;
+    fBytes += size;
+    fControlBytes += size;
+    fAdded += size;
+    fControls.splice(fControls.begin(), hello);
+    fChannelsNamed = channelsNamed;
+    fKeeps = keeps;
+}
+
 void Outbox::resume(std::uint64_t last, const std::vector<std::uint64_t>& refused,
-                    LeavingList& leaving) {
+                    PageBlocks& left) noexcept {
+    KIROWEB_REQUIRE(canResume(last));
     // The answers to blocks that the page counts as handled may be lost; they are taken as given.
-    const auto underWay = fUnderWay;
-    for (const auto& [id, block] : underWay) {
+    for (auto at = fUnderWay.begin(); at != fUnderWay.end();) {
+        const auto block = at++;
         if (block->number == 0 || block->number > last) continue;
         const bool isRefused = std::ranges::find(refused, block->number) != refused.end();
-        leave(block, !isRefused, leaving);
+        leave(fUnderWay, block, !isRefused, left);
     }
     acknowledge(last);
-    fUnwritten = 0;
-    for (const auto& entry : fNumbered) {
-        if (entry.block != nullptr) entry.block->sent = 0;
+    for (auto entry = fNumbered.begin(); entry != fNumbered.end(); ++entry) {
+        if (entry == fUnwritten) break;
+        fKept -= ownSize(*entry) + sharedSize(*entry);
+        if (entry->block != nullptr) unsend(*entry->block);
     }
+    fUnwritten = fNumbered.begin();
 }
 
-void Outbox::dropBlocks(LeavingList& leaving) {
-    const auto before = TimePoint::max();
-    static_cast<void>(dropBlocksBefore(before, leaving));
-}
+void Outbox::dropBlocks(PageBlocks& left) noexcept { dropBlocksBefore(TimePoint::max(), left); }
 
-void Outbox::clear(LeavingList& leaving) {
-    dropBlocks(leaving);
-    fNumbered.clear();
-    fUnwritten = 0;
-    for (auto& lane : fLanes) lane.entries.clear();
-    fBytes = 0;
-}
-
-bool Outbox::dropBlocksBefore(TimePoint since, LeavingList& leaving) {
-    bool canGoOn = true;
-    const auto isDue = [&](const Entry& entry) {
-        if (entry.block == nullptr || entry.block->since >= since) return false;
-        if (!isBeingWritten(*entry.block)) return true;
-        canGoOn = false;
-        return false;
+void Outbox::dropBlocksBefore(TimePoint since, PageBlocks& left) noexcept {
+    bool isAny = false;
+    const auto drop = [&](PageBlocks& blocks) {
+        for (auto at = blocks.begin(); at != blocks.end();) {
+            const auto block = at++;
+            if (block->since >= since || isBeingWritten(*block)) continue;
+            leave(blocks, block, false, left);
+            isAny = true;
+        }
     };
-    for (auto& entry : fNumbered) {
-        if (isDue(entry)) leave(entry.block, false, leaving);
-    }
-    fTurn.reset();  // the block that waits for its turn may be among them
-    for (auto& lane : fLanes) {
-        std::erase_if(lane.entries, [&](const Entry& entry) {
-            if (!isDue(entry)) return false;
-            if (entry.block->sent > 0) addControl(wire::withdrawnText(entry.block->id, 0));
-            leave(entry.block, false, leaving);
-            fBytes -= kEntryOverhead;
-            return true;
-        });
-    }
-    // Acknowledged, but not answered.
-    while (!fUnderWay.empty()) {
-        const auto late = std::ranges::find_if(fUnderWay, [&](const auto& item) {
-            return item.second->since < since && !isBeingWritten(*item.second);
-        });
-        if (late == fUnderWay.end()) break;
-        leave(std::shared_ptr<Block>(late->second), false, leaving);
-    }
-    return canGoOn;
+    drop(fWaiting);
+    drop(fUnderWay);
+    if (isAny) fTurn.reset();  // the block that waits for its turn may be among them
 }
 
-bool Outbox::isBeingWritten(const Block& block) const noexcept {
-    if (block.transfer == nullptr || fWriting.source == Source::kNothing) return false;
-    if (fWriting.source == Source::kNumbered) return fNumbered[fUnwritten].block.get() == &block;
+void Outbox::forgetTexts() noexcept {
+    const auto forget = [this](Entries& entries, bool areNumbered) {
+        for (auto at = entries.begin(); at != entries.end();) {
+            const auto entry = at++;
+            const bool isWriting =
+                areNumbered && fWriting.source == Source::kNumbered && entry == fUnwritten;
+            if (entry->isBlock || isWriting) continue;
+            if (areNumbered && entry == fUnwritten) ++fUnwritten;
+            erase(entries, entry);
+        }
+    };
+    forget(fNumbered, true);
+    for (auto& lane : fLanes) forget(lane.entries, false);
+    fKept = 0;
+    for (const auto& block : fUnderWay) fKept += block.sent == block.size ? block.size : 0;
+    for (auto at = fNumbered.begin(); at != fNumbered.end() && at != fUnwritten; ++at) {
+        fKept += ownSize(*at) + sharedSize(*at);
+    }
+}
+
+void Outbox::clear(PageBlocks& left) noexcept {
+    fWriting = {};
+    dropBlocks(left);
+    fUnwritten = fNumbered.end();
+    while (!fNumbered.empty()) erase(fNumbered, fNumbered.begin());
+    for (auto& lane : fLanes) {
+        while (!lane.entries.empty()) erase(lane.entries, lane.entries.begin());
+    }
+    detach();
+    fKept = 0;
+}
+
+bool Outbox::isBeingWritten(const PageBlock& block) const noexcept {
+    if (fWriting.source == Source::kNumbered) return fUnwritten->block == &block;
     return fWriting.source == Source::kLane &&
-           fLanes[fWriting.lane].entries.front().block.get() == &block;
+           fLanes[fWriting.lane].entries.front().block == &block;
 }
 
 // --- State -------------------------------------------------------------------------------------
 
 std::uint64_t Outbox::next() const noexcept {
-    return fUnwritten < fNumbered.size() ? fNumbered[fUnwritten].number : fNext;
+    return fUnwritten != fNumbered.end() ? fUnwritten->number : fNext;
 }
 
-Outbox::TimePoint Outbox::waitingSince(TimePoint now) const noexcept {
-    TimePoint since = now;
-    if (fWriting.source != Source::kNothing) since = fWriting.since;
-    if (fUnwritten < fNumbered.size()) since = std::min(since, fNumbered[fUnwritten].since);
-    for (const auto& lane : fLanes) {
-        if (!lane.entries.empty()) since = std::min(since, lane.entries.front().since);
-    }
-    return since;
+std::vector<std::string> Outbox::blockChannels() const {
+    std::vector<std::string> names;
+    for (const auto& channel : fBlockChannels) names.push_back(channel.name);
+    return names;
+}
+
+Pace::Load Outbox::load() const noexcept {
+    return {fBytes - fKept, fKept, fAdded, fTaken, fReleased};
 }
 
 }  // namespace kirogateway

@@ -4,188 +4,232 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <map>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Budget.hpp"
+#include "Pace.hpp"
+#include "Socket.hpp"
+#include "Text.hpp"
 #include "Transfer.hpp"
 #include "kirogateway/Options.hpp"
 
 namespace kirogateway {
 
-/// A block that one page left; `Transfer::leave` is due, with no lock held.
-struct Leaving {
-    std::shared_ptr<Transfer> transfer;
-    bool hasBlock = false;
+/// A batch of texts, a text that is shared with other pages, or one block.
+struct OutboxEntry {
+    std::uint64_t number = 0;  ///< of its first message; 0: none yet
+    std::uint64_t count = 0;   ///< of messages
+    std::string records;       ///< of a shared text: what stands before it
+    std::shared_ptr<const SharedText> shared;
+    std::uint32_t transfer = 0;  ///< of a block
+    PageBlock* block = nullptr;  ///< null: no block, or one that this page has left
+    bool isBlock = false;
+    bool isBegun = false;  ///< of a block without a number: pieces of it were written
 };
-using LeavingList = std::vector<Leaving>;
 
 /// Everything that goes to one view: what waits, what is being written, and what was written but
-/// may have to be written again. It makes the bytes and knows no socket. Not synchronised.
+/// may have to be written again. It makes the bytes and knows no connection. Not synchronised.
 ///
 /// Bytes are pulled: `pending` shows the next ones, `written` says how many of them went. Control
 /// goes first, then the names of block channels that the page does not know, then what a returned
 /// page missed, then the lanes in turns. A message is numbered when its last frame begins, so the
 /// numbers run in the order of writing.
 ///
-/// No operation calls out. Transfers that end here are handed to the caller, who ends them when
-/// it holds no lock.
+/// Memory is asked for when something is added, never when it is written or let go: what fails has
+/// changed nothing. No operation calls out. Blocks that end here are handed to the caller, who
+/// tells their transfers when it holds no lock.
 class Outbox {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
-    /// At most two stretches of bytes, header and body; both empty: nothing can be written now.
-    using Pending = std::array<std::string_view, 2>;
+    using Pending = Socket::Bytes;
+
+    /// What became of something to be added.
+    enum class Added {
+        kYes,
+        kNoMemory,    ///< the process's budget is used up
+        kNoLostRoom,  ///< that of the lost views is
+        kNever,       ///< it is larger than a frame can say, or there are too many channels
+    };
 
     /// With `keeps` what was written is kept until it is acknowledged.
     /// REQUIRES: `limits` outlives the outbox.
-    Outbox(const Limits& limits, std::size_t lanes, bool keeps);
+    Outbox(const Limits& limits, std::size_t lanes, bool keeps, std::shared_ptr<Budget> budget);
+    Outbox(const Outbox&) = delete;
+    Outbox& operator=(const Outbox&) = delete;
+    ~Outbox();
 
-    // --- Filling ---
+    // --- Filling; each throws std::bad_alloc ---
 
-    /// Queues a text as it is to stand in a record. Answers false, and does nothing, when too
-    /// much waits already.
-    [[nodiscard]] bool addText(std::size_t lane, std::string_view channel, std::string_view text,
-                               bool isBase64, TimePoint now);
-    /// Whether a block of so many bytes would fit into an empty outbox.
-    [[nodiscard]] bool canHold(std::size_t size) const noexcept;
-    /// As `addText`. REQUIRES: `transfer` was joined for this page.
-    [[nodiscard]] bool addBlock(std::size_t lane, std::string_view channel,
-                                std::shared_ptr<Transfer> transfer, TimePoint now);
-    /// What a new connection begins with; it names the first `channelsNamed` block channels.
-    void greet(std::string_view hello, std::size_t channelsNamed);
-    void addControl(std::string_view text);
+    /// Queues a text.
+    [[nodiscard]] Added addText(const Text& text, TimePoint now);
+    /// Queues a block. REQUIRES: `transfer` was joined for this page if the result is kYes.
+    [[nodiscard]] Added addBlock(std::size_t lane, std::string_view channel,
+                                 const std::shared_ptr<Transfer>& transfer, TimePoint now);
     /// Queues bytes of whole frames, as control.
-    void addFrames(std::string frames);
+    [[nodiscard]] Added addFrames(std::string frames);
+    [[nodiscard]] Added addControl(std::string_view text);
 
     // --- Writing ---
 
-    /// Valid until `written`, whatever is added meanwhile.
-    [[nodiscard]] Pending pending(TimePoint now);
+    /// The next bytes; all empty: nothing can be written now. Valid until `written`, whatever is
+    /// added or let go meanwhile.
+    [[nodiscard]] Pending pending() noexcept;
     /// REQUIRES: `count` is at most what `pending` showed last.
-    void written(std::size_t count);
+    void written(std::size_t count) noexcept;
 
     // --- What the page says ---
 
-    void acknowledge(std::uint64_t last);
-    void answer(std::uint64_t transfer, bool hasBlock, LeavingList& leaving);
+    /// A number that was not written yet is ignored.
+    void acknowledge(std::uint64_t last) noexcept;
+    void answer(std::uint64_t transfer, bool hasBlock, PageBlocks& left) noexcept;
 
     // --- Losing and regaining the connection ---
 
-    /// The connection is over: what was begun will be written again. Answers the rest of the frame
-    /// being written, for a caller that wants to say something more.
-    std::string detach();
+    /// The connection is over: what was begun will be written again.
+    void detach() noexcept;
+    /// Whether a frame has been written in part.
+    [[nodiscard]] bool isWithinFrame() const noexcept {
+        return fWriting.source != Source::kNothing && fWriting.done > 0;
+    }
+    /// The rest of the frame being written, for a caller that wants to say something more behind
+    /// it. Throws std::bad_alloc.
+    [[nodiscard]] std::string restOfFrame() const;
     /// Whether a page that has everything up to `last` can go on from there.
     [[nodiscard]] bool canResume(std::uint64_t last) const noexcept;
+    /// A new connection begins: `hello` is the one element that it says first; it names the first
+    /// `channelsNamed` block channels. REQUIRES: detached.
+    void begin(std::list<std::string>&& hello, std::size_t channelsNamed, bool keeps) noexcept;
     /// The page is there again; the blocks of the messages in `refused` it has not taken.
     /// REQUIRES: canResume(last); detached.
     void resume(std::uint64_t last, const std::vector<std::uint64_t>& refused,
-                LeavingList& leaving);
+                PageBlocks& left) noexcept;
+    /// From now on until `begin` all that is held counts against `lost` too, room or not.
+    void countAsLost(std::shared_ptr<Budget> lost) noexcept;
+
     /// Leaves every block, for good.
-    void dropBlocks(LeavingList& leaving);
+    void dropBlocks(PageBlocks& left) noexcept;
+    /// Leaves the blocks that were handed over before `since`, but for one in the middle of a
+    /// frame.
+    void dropBlocksBefore(TimePoint since, PageBlocks& left) noexcept;
+    /// Forgets all texts but one that is being written, since the view ends. Blocks stay.
+    void forgetTexts() noexcept;
     /// Leaves every block and forgets every text: nothing is written any more.
     /// REQUIRES: detached.
-    void clear(LeavingList& leaving);
-    /// Leaves the blocks that were handed over before `since`. Answers false when one of them is
-    /// in the middle of a frame: the connection has to go.
-    [[nodiscard]] bool dropBlocksBefore(TimePoint since, LeavingList& leaving);
+    void clear(PageBlocks& left) noexcept;
 
     // --- State ---
 
     /// The number of the next message to be written.
     [[nodiscard]] std::uint64_t next() const noexcept;
-    [[nodiscard]] const std::vector<std::string>& blockChannels() const noexcept {
-        return fBlockChannels;
-    }
-    /// Since when the oldest thing that was not wholly written waits; `now` when there is none.
-    [[nodiscard]] TimePoint waitingSince(TimePoint now) const noexcept;
-    [[nodiscard]] std::size_t bytes() const noexcept { return fBytes; }
+    [[nodiscard]] std::vector<std::string> blockChannels() const;
     [[nodiscard]] std::size_t blocksUnderWay() const noexcept { return fUnderWay.size(); }
     [[nodiscard]] std::size_t bytesUnderWay() const noexcept { return fBytesUnderWay; }
     [[nodiscard]] std::uint64_t acknowledged() const noexcept { return fAcknowledged; }
+    /// Bytes of memory, a shared block or text as if it were this page's alone.
+    [[nodiscard]] std::size_t bytes() const noexcept { return fBytes; }
+    /// Of these, in control frames that wait.
+    [[nodiscard]] std::size_t controlBytes() const noexcept { return fControlBytes; }
+    [[nodiscard]] Pace::Load load() const noexcept;
 
   private:
-    struct Block {
-        std::shared_ptr<Transfer> transfer;  ///< empty when this page has left it
-        std::uint16_t channel = 0;
-        std::uint32_t id = 0;
-        std::uint64_t number = 0;  ///< of its message; 0: none yet
-        std::size_t size = 0;
-        std::size_t sent = 0;  ///< bytes in pieces that were written
-        TimePoint since;
-    };
-    /// A batch of texts or one block.
-    struct Entry {
-        TimePoint since;
-        std::uint64_t number = 0;  ///< of its first message; 0: none yet
-        std::uint64_t count = 0;   ///< of messages
-        std::string records;
-        std::shared_ptr<Block> block;
-    };
+    using Entry = OutboxEntry;
+    using Entries = std::list<Entry>;
     struct Lane {
-        std::deque<Entry> entries;
+        Entries entries;
         std::string lastChannel;  ///< of the newest record
     };
-    enum class Source { kNothing, kControl, kLane, kNumbered };
+    struct BlockChannel {
+        std::string name;
+        std::string frame;  ///< that tells the page its number
+    };
+    enum class Source { kNothing, kControl, kNamed, kLane, kNumbered };
     /// The frame being written.
     struct Writing {
         Source source = Source::kNothing;
         std::size_t lane = 0;
         bool isLastPiece = true;
         std::size_t pieceSize = 0;
-        std::array<char, 48> head{};
+        std::array<char, 96> head{};
         std::size_t headSize = 0;
+        std::string_view prefix;
         std::string_view body;
         std::size_t done = 0;
-        TimePoint since;
     };
 
-    [[nodiscard]] Entry& openBatch(Lane& lane, std::string_view channel, TimePoint now);
-    [[nodiscard]] bool hasRoom(std::size_t size) const noexcept;
+    [[nodiscard]] Added hold(std::size_t own, std::size_t shared) noexcept;
+    void letGo(std::size_t own, std::size_t shared) noexcept;
+    [[nodiscard]] static std::size_t ownSize(const Entry& entry) noexcept;
+    [[nodiscard]] static std::size_t sharedSize(const Entry& entry) noexcept;
+    [[nodiscard]] static std::size_t payloadSize(const Entry& entry) noexcept;
+    [[nodiscard]] Added grow(Entry& entry, std::size_t more);
+    [[nodiscard]] Added addShared(const Text& text);
+    [[nodiscard]] bool canTake(const Lane& lane, std::string_view channel) const noexcept;
+    void append(Lane& lane, Entry& entry, const Text& text);
+    [[nodiscard]] Added addEntry(Lane& lane, Entries&& entry, std::size_t shared) noexcept;
     [[nodiscard]] std::uint16_t channelNumber(std::string_view channel);
-    void begin(TimePoint now);
-    [[nodiscard]] bool beginFromLane(std::size_t lane);
-    [[nodiscard]] bool mayStart(const Block& block) const noexcept;
+
+    void beginFrame() noexcept;
+    [[nodiscard]] bool beginFromLane(std::size_t lane) noexcept;
+    [[nodiscard]] bool mayStart(const PageBlock& block) const noexcept;
     /// Answers false when the lane's first block has to wait for others to be answered.
-    [[nodiscard]] bool startBlock(std::size_t lane, const std::shared_ptr<Block>& block);
-    void beginNumbered(TimePoint now);
-    void beginControl(std::string frame, TimePoint now);
-    void beginBatch(const Entry& entry);
-    void beginPiece(Block& block, std::uint64_t number);
-    void putFrameHeader(unsigned char opcode, std::size_t payload);
-    void finish();
-    void popAcknowledged();
-    void leave(const std::shared_ptr<Block>& block, bool hasBlock, LeavingList& leaving);
-    [[nodiscard]] bool isBeingWritten(const Block& block) const noexcept;
+    [[nodiscard]] bool startBlock(std::size_t lane, PageBlock& block) noexcept;
+    void beginNumbered() noexcept;
+    void beginBatch(const Entry& entry) noexcept;
+    void beginPiece(const PageBlock& block, std::uint64_t number) noexcept;
+    void beginWithdrawn(const Entry& entry) noexcept;
+    void putHead(std::string_view bytes) noexcept;
+    void putFrameHeader(bool isText, std::size_t payload) noexcept;
+    void finish() noexcept;
+    void finishNumbered(const Writing& writing) noexcept;
+    void popAcknowledged() noexcept;
+    void unsend(PageBlock& block) noexcept;
+    /// `block` is one of `from`, the waiting ones or those under way.
+    void leave(PageBlocks& from, PageBlocks::iterator block, bool hasBlock,
+               PageBlocks& left) noexcept;
+    void erase(Entries& from, Entries::iterator entry) noexcept;
+    [[nodiscard]] bool isBeingWritten(const PageBlock& block) const noexcept;
 
     const Limits& fLimits;
-    const bool fKeeps;
+    const std::shared_ptr<Budget> fBudget;
+    std::shared_ptr<Budget> fLost;  ///< while the view has no connection
+    bool fKeeps;
 
     std::vector<Lane> fLanes;
     std::size_t fNextLane = 0;
-    std::deque<std::string> fControls;
-    std::string fControl;  ///< being written
+    std::list<std::string> fControls;  ///< the first may be being written
+    std::size_t fControlBytes = 0;
 
     /// Numbered, in order: written and kept, then, from `fUnwritten` on, to be written again.
-    std::deque<Entry> fNumbered;
-    std::size_t fUnwritten = 0;
+    Entries fNumbered;
+    Entries::iterator fUnwritten = fNumbered.end();
     std::uint64_t fNext = 1;
     std::uint64_t fAcknowledged = 0;
     std::uint64_t fWrittenUpTo = 0;
 
-    std::map<std::uint32_t, std::shared_ptr<Block>> fUnderWay;  ///< begun and not answered
+    PageBlocks fWaiting;   ///< in the lanes, in no order
+    PageBlocks fUnderWay;  ///< begun and not answered
     std::size_t fBytesUnderWay = 0;
     std::uint32_t fLastTransfer = 0;
     /// The lane whose first block was too large to be started: no other lane starts a block before.
     std::optional<std::size_t> fTurn;
-    std::vector<std::string> fBlockChannels;
-    std::size_t fChannelsNamed = 0;  ///< that the page knows
+    std::deque<BlockChannel> fBlockChannels;  ///< which stay where they are
+    std::size_t fChannelsNamed = 0;           ///< that the page knows
 
     Writing fWriting;
-    std::size_t fBytes = 0;      ///< of texts and blocks that are held here
     std::size_t fLastBatch = 0;  ///< in bytes; the next one is as large, most likely
+
+    std::size_t fBytes = 0;
+    std::size_t fOwnBytes = 0;  ///< of these, not shared
+    std::size_t fKept = 0;      ///< of these, written and not let go
+    // Of what travels, without what it costs in memory beside.
+    std::uint64_t fAdded = 0;
+    std::uint64_t fTaken = 0;
+    std::uint64_t fReleased = 0;
 };
 
 }  // namespace kirogateway

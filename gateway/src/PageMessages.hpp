@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -12,6 +14,11 @@
 
 /// What pages say, read; and what the gateway says to them besides messages, written.
 namespace kirogateway::wire {
+
+inline constexpr std::size_t kMaxClient = 256;        ///< bytes of a page's name
+inline constexpr std::size_t kMaxChannelName = 1024;  ///< bytes of what a page may name
+inline constexpr std::size_t kMaxEchoId = 256;        ///< bytes, as JSON text
+inline constexpr std::size_t kMaxRefused = 4096;      ///< numbers in a hello
 
 struct Hello {
     std::uint64_t version = 0;
@@ -55,10 +62,6 @@ struct Unknown {
 using PageMessage = std::variant<Hello, Publish, Subscribe, Unsubscribe, BlockAnswer, Ack,
                                  ChannelName, Echo, Unknown>;
 
-/// Reads one text frame. Throws std::runtime_error, with a text fit for a close frame, for
-/// anything that is not a message or an array of them; std::bad_alloc.
-[[nodiscard]] std::vector<PageMessage> readFrame(std::string_view text);
-
 /// The header of a binary frame.
 struct BlockHeader {
     static constexpr std::size_t kSize = 16;
@@ -84,6 +87,7 @@ enum class CloseCode : std::uint16_t {
     kTooSlow = 4003,
     kSilent = 4004,
     kReturnedElsewhere = 4005,
+    kBadReturn = 4006,
     kGivenUp = 4900,  ///< by the page, which returns on another connection
 };
 
@@ -103,11 +107,24 @@ struct Welcome {
 /// The texts of control frames.
 [[nodiscard]] std::string helloText(const Welcome& welcome, const Options& options);
 [[nodiscard]] std::string channelText(std::uint64_t number, std::string_view name);
-/// `number` 0: the block had none.
-[[nodiscard]] std::string withdrawnText(std::uint32_t transfer, std::uint64_t number);
+/// Made without memory, since it is made while frames are written. `number` 0: the block had none.
+class WithdrawnText {
+  public:
+    WithdrawnText(std::uint32_t transfer, std::uint64_t number) noexcept;
+    [[nodiscard]] std::string_view view() const noexcept { return {fText.data(), fSize}; }
+
+  private:
+    void put(std::string_view text) noexcept;
+    void put(std::uint64_t number) noexcept;
+
+    std::array<char, 72> fText{};
+    std::size_t fSize = 0;
+};
 [[nodiscard]] std::string refusedText(std::string_view what, std::string_view channel,
                                       std::string_view reason);
 [[nodiscard]] std::string echoText(const std::string& id);
+/// `text` as a JSON string.
+[[nodiscard]] std::string quoted(std::string_view text);
 /// What is published on the channels for new views and reconnections.
 [[nodiscard]] std::string announcementText(ViewKind kind, std::uint64_t count,
                                            std::string_view client);

@@ -1,5 +1,6 @@
 #include "Session.hpp"
 
+#include <new>
 #include <stdexcept>
 #include <utility>
 #include <variant>
@@ -16,64 +17,75 @@ Overloaded(Handlers...) -> Overloaded<Handlers...>;  // clang 14 does not find i
 
 }  // namespace
 
-void Session::text(std::string_view frame, const std::shared_ptr<Carrier>& self, TimePoint now) {
+Session::Session(const SessionServices& services, ViewRegistry::Arrival arrival)
+    : fServices(services),
+      fArrival(std::move(arrival)),
+      fReader(services.context->options.limits.namesPerFrame) {}
+
+// --- Reading -----------------------------------------------------------------------------------
+
+void Session::text(std::string_view bytes, bool isLast, TimePoint now) {
     heard(now);
+    if (fIsOver) return;
     try {
-        for (const auto& message : wire::readFrame(frame)) {
-            if (fIsOver) return;
-            handle(message, self, now);
-        }
-    } catch (const std::exception& error) {
-        bad(error.what(), now);
+        fReader.read(bytes, isLast, [this, now](wire::PageMessage&& message) {
+            handle(std::move(message), now);
+            // A view that is to end hears nothing more of what its page said.
+            return !fIsOver && (fView == nullptr || fView->failure() == nullptr);
+        });
+    } catch (const std::runtime_error& error) {
+        bad(error.what());
     }
 }
 
-void Session::handle(const wire::PageMessage& message, const std::shared_ptr<Carrier>& self,
-                     TimePoint now) {
-    if (const auto* said = std::get_if<wire::Hello>(&message)) return hello(*said, self, now);
-    if (fPage == nullptr) throw std::runtime_error("hello comes first");
+void Session::handle(wire::PageMessage&& message, TimePoint now) {
+    if (const auto* said = std::get_if<wire::Hello>(&message)) return hello(*said, now);
+    if (fView == nullptr) throw std::runtime_error("hello comes first");
     std::visit(
         Overloaded{
             [](const wire::Hello&) {},
-            [&](const wire::Publish& said) { publish(said, now); },
-            [&](const wire::Subscribe& said) { subscribe(said, now); },
+            [&](wire::Publish& said) { publish(std::move(said)); },
+            [&](const wire::Subscribe& said) { subscribe(said); },
             [&](const wire::Unsubscribe& said) {
-                for (const auto& channel : said.channels) fPage->unsubscribe(channel);
+                for (const auto& channel : said.channels) {
+                    fServices.views->unsubscribe(*fView, channel);
+                }
             },
-            [&](const wire::BlockAnswer& said) { answer(said, now); },
-            [&](const wire::Ack& said) { fPage->acknowledge(said.last); },
+            [&](const wire::BlockAnswer& said) { answer(said); },
+            [&](const wire::Ack& said) { fView->acknowledge(said.last); },
             [&](const wire::ChannelName& said) { name(said); },
-            [&](const wire::Echo& said) { fPage->sendControl(wire::echoText(said.id), now); },
-            [&](const wire::Unknown& said) { refuse(said.what, {}, "unknown", now); },
+            [&](const wire::Echo& said) { fView->sendControl(wire::echoText(said.id)); },
+            [&](const wire::Unknown& said) { refuse(said.what, {}, "unknown"); },
         },
         message);
 }
 
-void Session::hello(const wire::Hello& hello, const std::shared_ptr<Carrier>& self, TimePoint now) {
-    if (fPage != nullptr) throw std::runtime_error("a second hello");
+void Session::hello(const wire::Hello& hello, TimePoint now) {
+    if (fView != nullptr) throw std::runtime_error("a second hello");
     if (hello.version != 1) return close(wire::CloseCode::kVersion, "unknown version");
-    fPage = fHub->welcome(hello, self, fSocket, now);
-    if (fPage == nullptr) close(wire::CloseCode::kStopped, "gateway stopped");
+    fView = fServices.views->welcome(hello, fArrival, now);
+    if (fView == nullptr) close(wire::CloseCode::kStopped, "gateway stopped");
 }
 
-void Session::publish(const wire::Publish& publish, TimePoint now) {
-    fPage->speaks();
-    if (fHub->publish(publish.channel, publish.text)) return;
-    refuse("publish", publish.channel, "not allowed", now);
+void Session::publish(wire::Publish&& publish) {
+    fView->speaks();
+    const auto channel = publish.channel;
+    if (fServices.inbound.publish(*fView, std::move(publish))) return;
+    refuse("publish", channel, "not allowed");
 }
 
-void Session::subscribe(const wire::Subscribe& subscribe, TimePoint now) {
+void Session::subscribe(const wire::Subscribe& subscribe) {
     for (const auto& channel : subscribe.channels) {
-        if (fHub->subscribe(*fPage, channel)) continue;
-        refuse("subscribe", channel, "not allowed, or too many", now);
+        if (fServices.views->subscribe(*fView, channel)) continue;
+        refuse("subscribe", channel, "not allowed, or too many");
     }
 }
 
-void Session::answer(const wire::BlockAnswer& answer, TimePoint now) {
-    if (!answer.ok) fHub->peerLog().write("page refused a block", answer.reason, now);
-    LeavingList leaving;
-    fPage->answer(answer.transfer, answer.ok, now, leaving);
-    Hub::release(std::move(leaving));
+void Session::answer(const wire::BlockAnswer& answer) {
+    if (!answer.ok) fServices.context->peerLog.write("page refused a block", answer.reason);
+    PageBlocks left;
+    fView->answer(answer.transfer, answer.ok, left);
+    leaveAll(left);
 }
 
 void Session::name(const wire::ChannelName& name) {
@@ -83,70 +95,103 @@ void Session::name(const wire::ChannelName& name) {
     fOwnChannels[name.number - 1] = name.name;
 }
 
-void Session::binary(std::string_view frame, TimePoint now) {
+void Session::binary(std::string_view bytes, bool isLast, TimePoint now) {
     heard(now);
     if (fIsOver) return;
     try {
-        if (fPage == nullptr) throw std::runtime_error("hello comes first");
-        const auto header = wire::BlockHeader::read(frame);
-        if (!header) return;  // of a kind that a later version may know
-        if (!header->isLast) throw std::runtime_error("a block in pieces");
-        if (header->channel < 1 || header->channel > kOwnChannels) {
-            throw std::runtime_error("no such block channel");
-        }
-        const auto& channel = fOwnChannels[header->channel - 1];
-        if (!fHub->publishBlock(channel, frame.substr(wire::BlockHeader::kSize))) {
-            refuse("block", channel, "not allowed", now);
-        }
-    } catch (const std::exception& error) {
-        bad(error.what(), now);
+        if (fView == nullptr) throw std::runtime_error("hello comes first");
+        if (isLast && fBlock.empty()) return takeBlock(bytes);
+        fBlock += bytes;
+        if (!isLast) return;
+        const auto whole = std::exchange(fBlock, {});
+        takeBlock(whole);
+    } catch (const std::runtime_error& error) {
+        bad(error.what());
     }
 }
 
-void Session::heard(TimePoint now) {
-    if (fPage != nullptr) fPage->heard(now);
+void Session::takeBlock(std::string_view frame) {
+    const auto header = wire::BlockHeader::read(frame);
+    if (!header) return;  // of a kind that a later version may know
+    if (!header->isLast) throw std::runtime_error("a block in pieces");
+    if (header->channel < 1 || header->channel > kOwnChannels) {
+        throw std::runtime_error("no such block channel");
+    }
+    const auto& channel = fOwnChannels[header->channel - 1];
+    if (fServices.inbound.publishBlock(channel, frame.substr(wire::BlockHeader::kSize))) return;
+    refuse("block", channel, "not allowed");
 }
 
-void Session::refuse(std::string_view what, std::string_view channel, std::string_view reason,
-                     TimePoint now) {
+void Session::heard(TimePoint now) noexcept {
+    if (fView != nullptr) fView->heard(now);
+}
+
+bool Session::mayRead(bool& isToBeAskedAgain) noexcept {
+    isToBeAskedAgain = true;
+    const auto& memory = fServices.context->memory;
+    if (!fHeld.resize(memory, fReader.held() + fBlock.size())) return false;
+    if (fView == nullptr) return true;
+    if (memory->isExceeded() || fView->hasManyAnswersWaiting()) return false;
+    isToBeAskedAgain = false;
+    if (!fView->backlog()->isFull()) return true;
+    fView->backlog()->setReader(&fArrival.connection);
+    return false;
+}
+
+// --- Ending ------------------------------------------------------------------------------------
+
+View* Session::viewHere() const noexcept {
+    if (fView == nullptr || fIsOver) return nullptr;
+    return fView->connection() == &fArrival.connection ? fView.get() : nullptr;
+}
+
+void Session::refuse(std::string_view what, std::string_view channel, std::string_view reason) {
     static constexpr std::size_t kMaxEcho = 256;
-    ++fHub->counters().refusals;
-    fHub->peerLog().write("refused a page's " + escaped(what), channel, now);
+    ++fServices.context->counters->refusals;
+    fServices.context->peerLog.write("refused a page's " + escaped(what), channel);
     // A cut within a character would make the answer invalid, so what is too long is left out.
     if (channel.size() > kMaxEcho) channel = {};
     if (what.size() > kMaxEcho) what = {};
-    fPage->sendControl(wire::refusedText(what, channel, reason), now);
+    fView->sendControl(wire::refusedText(what, channel, reason));
 }
 
-void Session::bad(const std::string& why, TimePoint now) {
-    fHub->peerLog().write("bad message from a page", why, now);
+void Session::bad(std::string_view why) noexcept {
+    fServices.context->peerLog.write("bad message from a page", why);
     close(wire::CloseCode::kBadMessage, why);
 }
 
-void Session::close(wire::CloseCode code, const std::string& why) {
+void Session::close(wire::CloseCode code, std::string_view why) noexcept {
+    const bool isHere = viewHere() != nullptr;
     if (std::exchange(fIsOver, true)) return;
-    if (fPage != nullptr && fPage->carrier().get() == &fCarrier) {
-        fHub->dismiss(fPage, code, why);
-    } else if (fPage == nullptr) {
+    if (isHere) {
+        fServices.views->dismiss(fView, code, why);
+    } else if (fView == nullptr) {
         const bool isBad = code == wire::CloseCode::kBadMessage;
-        fCarrier.close(static_cast<std::uint16_t>(code), isBad ? "bad message: " + why : why, {});
+        std::string reason;
+        try {
+            reason = isBad ? "bad message: " : "";
+            reason += why;
+        } catch (...) {  // the code alone has to do
+        }
+        fArrival.connection.close(static_cast<std::uint16_t>(code), reason, {});
     }
 }
 
-void Session::ended(bool wasClosed, TimePoint now) {
+void Session::ended(bool wasClosed, TimePoint now) noexcept {
     fIsOver = true;
-    if (fPage == nullptr) return;
-    wasClosed ? fHub->left(fPage, fCarrier) : fHub->lost(fPage, fCarrier, now);
+    if (fView == nullptr) return;
+    wasClosed ? fServices.views->left(fView, fArrival.connection)
+              : fServices.views->lost(fView, fArrival.connection, now);
 }
 
-void Session::pageFailed() {
-    if (fPage == nullptr || fIsOver) return;
-    const auto failure = fPage->failure();
-    if (!failure.empty()) close(wire::CloseCode::kTooSlow, failure);
+void Session::viewFailed() noexcept {
+    if (viewHere() == nullptr) return;
+    const auto* failure = fView->failure();
+    if (failure != nullptr) close(wire::CloseCode::kTooSlow, failure);
 }
 
-void Session::helloOverdue() {
-    if (fPage == nullptr) close(wire::CloseCode::kNoHello, "no hello in time");
+void Session::helloOverdue() noexcept {
+    if (fView == nullptr) close(wire::CloseCode::kNoHello, "no hello in time");
 }
 
 }  // namespace kirogateway

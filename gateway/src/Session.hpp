@@ -6,59 +6,80 @@
 #include <string>
 #include <string_view>
 
-#include "Carrier.hpp"
-#include "Hub.hpp"
+#include "Budget.hpp"
+#include "Connection.hpp"
+#include "Context.hpp"
+#include "FrameReader.hpp"
+#include "Inbound.hpp"
 #include "PageMessages.hpp"
+#include "ViewRegistry.hpp"
 
 namespace kirogateway {
 
-/// What one connection says, from the upgrade on. It knows no socket. The gateway's thread.
+/// What sessions act upon. It outlives them.
+struct SessionServices {
+    std::shared_ptr<Context> context;
+    std::shared_ptr<ViewRegistry> views;
+    Inbound& inbound;
+};
+
+/// What one connection says, from the upgrade on. It knows no socket but to hand it on. The
+/// gateway's thread.
 class Session {
   public:
-    using TimePoint = Hub::TimePoint;
+    using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// `socket`: see `Page::attach`. REQUIRES: `carrier` outlives the session.
-    Session(std::shared_ptr<Hub> hub, Carrier& carrier, int socket) noexcept
-        : fHub(std::move(hub)), fCarrier(carrier), fSocket(socket) {}
+    /// `arrival`: this connection, which outlives the session.
+    Session(const SessionServices& services, ViewRegistry::Arrival arrival);
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session() = default;
 
-    /// A whole text or binary message came. `self` owns the carrier.
-    void text(std::string_view frame, const std::shared_ptr<Carrier>& self, TimePoint now);
-    void binary(std::string_view frame, TimePoint now);
+    /// Bytes of a message came, the last ones of it with `isLast`. Throws std::bad_alloc and what
+    /// an engine's receiver throws; the connection has to go then.
+    void text(std::string_view bytes, bool isLast, TimePoint now);
+    void binary(std::string_view bytes, bool isLast, TimePoint now);
     /// Anything else came: the page lives.
-    void heard(TimePoint now);
+    void heard(TimePoint now) noexcept;
+    /// Whether the page may be read from. If not, `Connection::readOn` is called when that has
+    /// changed, or, where `isToBeAskedAgain`, whoever asked does so again later.
+    [[nodiscard]] bool mayRead(bool& isToBeAskedAgain) noexcept;
     /// The connection is over; `wasClosed`: by the page, with a close frame.
-    void ended(bool wasClosed, TimePoint now);
-    /// The carrier was told that the page failed.
-    void pageFailed();
+    void ended(bool wasClosed, TimePoint now) noexcept;
+    /// The view said that it has failed.
+    void viewFailed() noexcept;
     /// There was no hello in time.
-    void helloOverdue();
+    void helloOverdue() noexcept;
 
     /// Nothing more is listened to.
     [[nodiscard]] bool isOver() const noexcept { return fIsOver; }
     /// Empty before the hello.
-    [[nodiscard]] const std::shared_ptr<Page>& page() const noexcept { return fPage; }
+    [[nodiscard]] const std::shared_ptr<View>& view() const noexcept { return fView; }
+    /// The view, if it has this connection.
+    [[nodiscard]] View* viewHere() const noexcept;
 
   private:
-    void handle(const wire::PageMessage& message, const std::shared_ptr<Carrier>& self,
-                TimePoint now);
-    void hello(const wire::Hello& hello, const std::shared_ptr<Carrier>& self, TimePoint now);
-    void publish(const wire::Publish& publish, TimePoint now);
-    void subscribe(const wire::Subscribe& subscribe, TimePoint now);
-    void answer(const wire::BlockAnswer& answer, TimePoint now);
+    void handle(wire::PageMessage&& message, TimePoint now);
+    void hello(const wire::Hello& hello, TimePoint now);
+    void publish(wire::Publish&& publish);
+    void subscribe(const wire::Subscribe& subscribe);
+    void answer(const wire::BlockAnswer& answer);
     void name(const wire::ChannelName& name);
-    void refuse(std::string_view what, std::string_view channel, std::string_view reason,
-                TimePoint now);
-    void bad(const std::string& why, TimePoint now);
-    void close(wire::CloseCode code, const std::string& why);
+    void takeBlock(std::string_view frame);
+    void refuse(std::string_view what, std::string_view channel, std::string_view reason);
+    void bad(std::string_view why) noexcept;
+    void close(wire::CloseCode code, std::string_view why) noexcept;
 
     static constexpr std::size_t kOwnChannels = 16;
 
-    const std::shared_ptr<Hub> fHub;
-    Carrier& fCarrier;
-    const int fSocket;
-    std::shared_ptr<Page> fPage;
+    const SessionServices& fServices;
+    ViewRegistry::Arrival fArrival;
+    std::shared_ptr<View> fView;
     bool fIsOver = false;
     std::array<std::string, kOwnChannels> fOwnChannels;
+    FrameReader fReader;
+    std::string fBlock;  ///< a binary message that is not whole yet
+    Charge fHeld;        ///< for what has come of a message
 };
 
 }  // namespace kirogateway

@@ -1,0 +1,180 @@
+#include "Fanout.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "TextEncoding.hpp"
+
+namespace kirogateway {
+namespace {
+
+/// From this size on a text is shared by the pages instead of copied into a batch of each.
+constexpr std::size_t kSharedFrom = 16UL * 1024;
+/// Routes are forgotten when there are more: an engine that makes up channels must not fill memory.
+constexpr std::size_t kMaxRoutes = 4096;
+/// More than a place in a queue takes.
+constexpr std::size_t kPlace = 4096;
+/// Others may take the room that was made.
+constexpr int kAttempts = 4;
+constexpr const char* kNoMemory = "no memory for a text";
+
+}  // namespace
+
+Fanout::Fanout(std::shared_ptr<Context> context, std::shared_ptr<ViewRegistry> views)
+    : fContext(std::move(context)),
+      fViews(std::move(views)),
+      fLanes(fContext->options.lanes.begin(), fContext->options.lanes.end()) {}
+
+std::size_t Fanout::laneOf(std::string_view channel) const {
+    for (std::size_t i = 0; i < fLanes.size(); ++i) {
+        if (fLanes[i].matches(channel)) return i + 1;
+    }
+    return 0;
+}
+
+// --- Texts -------------------------------------------------------------------------------------
+
+const Fanout::Route& Fanout::route(const std::string& channel) {
+    // Read first: what changes while the route is made shows in the number next time.
+    const auto version = fViews->version();
+    if (version != fRoutesVersion || fRoutes.size() > kMaxRoutes) {
+        fLastRoute = nullptr;
+        fRoutes.clear();
+        fRoutesVersion = version;
+    }
+    if (fLastRoute != nullptr && *fLastChannel == channel) return *fLastRoute;
+    auto found = fRoutes.find(channel);
+    if (found == fRoutes.end()) {
+        Route made;
+        made.canBeNamed = isPlain(channel);
+        made.lane = laneOf(channel);
+        for (const auto& view : *fViews->views()) {
+            if (made.canBeNamed && view->hears(channel)) made.hearers.push_back(view);
+        }
+        found = fRoutes.emplace(channel, std::move(made)).first;
+    }
+    fLastChannel = &found->first;
+    fLastRoute = &found->second;
+    return *fLastRoute;
+}
+
+void Fanout::messagePublished(const relay::Publication& message) {
+    const Route* to = nullptr;
+    try {
+        to = &route(message.channel());
+        if (to->hearers.empty()) return;
+        Text text{message.channel(), message.text(), false, to->lane, nullptr};
+        std::string encoded;
+        if (prepare(message, text, encoded)) {
+            for (const auto& view : to->hearers) publish(*view, text);
+        } else {
+            for (const auto& view : to->hearers) view->fail(View::kMemoryUsedUp);
+        }
+    } catch (...) {
+        // Whoever may have heard it must not go on as if there had been nothing.
+        const auto all = fViews->views();
+        for (const auto& view : to != nullptr ? to->hearers : *all) view->fail(kNoMemory);
+    }
+}
+
+bool Fanout::prepare(const relay::Publication& message, Text& text, std::string& encoded) {
+    if (!isPlain(text.text)) {
+        encoded = encodeBase64(text.text);
+        text.text = encoded;
+        text.isBase64 = true;
+    }
+    if (text.text.size() < kSharedFrom) return true;
+    const auto size = text.text.size();
+    auto shared = std::make_shared<SharedText>();
+    while (!shared->charge.grow(fContext->memory, size)) {
+        if (!fViews->makeRoom(size)) return false;
+    }
+    shared->text = text.isBase64 ? std::make_shared<const std::string>(std::move(encoded))
+                                 : message.shared();
+    text.text = *shared->text;
+    text.shared = std::move(shared);
+    return true;
+}
+
+void Fanout::publish(View& view, const Text& text) noexcept {
+    // A batch that grows takes twice what it has.
+    const auto needed = 2 * (fContext->options.limits.batchSize + text.text.size() + kPlace);
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        switch (view.publish(text)) {
+            case Outbox::Added::kYes: {
+                // Under the publish lock nobody else counts texts.
+                auto& sent = fContext->counters->textsSent;
+                sent.store(sent.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+                return;
+            }
+            case Outbox::Added::kNever:
+                return;
+            case Outbox::Added::kNoMemory:
+                fViews->makeRoom(needed);
+                break;
+            case Outbox::Added::kNoLostRoom:
+                if (fViews->makeLostRoom()) attempt = 0;  // there is one less each time
+                break;
+        }
+    }
+    view.fail(View::kMemoryUsedUp);
+}
+
+// --- Blocks ------------------------------------------------------------------------------------
+
+Charge Fanout::chargeFor(std::string_view channel, std::size_t block) noexcept {
+    Charge charge;
+    if (block > fContext->memory->limit()) {
+        try {
+            fContext->log.write("a block of " + std::to_string(block) +
+                                    " bytes can never be sent, the limit is " +
+                                    std::to_string(fContext->memory->limit()),
+                                channel);
+        } catch (...) {  // it is given back without a line
+        }
+        return charge;
+    }
+    while (!charge.grow(fContext->memory, block)) {
+        if (!fViews->makeRoom(block)) break;
+    }
+    return charge;
+}
+
+View::Part Fanout::offerTo(View& view, std::string_view channel, std::size_t lane,
+                           const std::shared_ptr<Transfer>& transfer) noexcept {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const auto part = view.offer(channel, lane, transfer, std::chrono::steady_clock::now());
+        if (part != View::Part::kNoRoom) return part;
+        fViews->makeRoom(kPlace);
+        if (view.state() != View::State::kConnected) fViews->makeLostRoom();
+    }
+    return View::Part::kRefused;
+}
+
+void Fanout::offer(relay::binary::experimental::Delivery delivery) noexcept try {
+    const auto views = fViews->views();
+    const std::string channel = delivery.channel();
+    const auto size = delivery.block().size();
+    bool isHeard = isPlain(channel);
+    isHeard = isHeard && std::ranges::any_of(
+                             *views, [&](const auto& view) { return view->hears(channel); });
+    auto charge = isHeard ? chargeFor(channel, size) : Charge();
+    isHeard = isHeard && charge.bytes() == size;
+    const auto transfer =
+        std::make_shared<Transfer>(std::move(delivery), fContext->counters, std::move(charge));
+    bool anybodyJoined = false;
+    bool anybodyRefused = false;
+    const auto lane = laneOf(channel);
+    if (isHeard) {
+        for (const auto& view : *views) {
+            const auto part = offerTo(*view, channel, lane, transfer);
+            anybodyJoined = anybodyJoined || part == View::Part::kJoined;
+            anybodyRefused = anybodyRefused || part == View::Part::kRefused;
+        }
+    }
+    transfer->close(anybodyJoined && !anybodyRefused);
+} catch (...) {  // no memory: the delivery gives the block back as it goes
+}
+
+}  // namespace kirogateway

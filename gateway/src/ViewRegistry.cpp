@@ -1,0 +1,440 @@
+#include "ViewRegistry.hpp"
+
+#include <algorithm>
+#include <exception>
+#include <string>
+#include <utility>
+
+#include "Report.hpp"
+#include "Secrets.hpp"
+#include "WebSocketFrame.hpp"
+#include "kiroutils/Logger.hpp"
+
+namespace kirogateway {
+namespace {
+
+constexpr std::size_t kViewBytes = 16;
+constexpr std::size_t kRememberedEnds = 32;
+constexpr std::size_t kMaxReason = 123;  // bytes, in a close frame
+
+/// What a close frame and a later hello say.
+std::string reasonText(wire::CloseCode code, std::string_view why) {
+    std::string text;
+    if (code == wire::CloseCode::kTooSlow) text = "too slow: ";
+    if (code == wire::CloseCode::kBadMessage) text = "bad message: ";
+    if (code == wire::CloseCode::kBadReturn) text = "bad return: ";
+    return text += why;
+}
+
+/// Calls that take memory and tell somebody of something that has happened anyway.
+template <typename Call>
+void tellIfPossible(const Call& call) noexcept {
+    try {
+        call();
+    } catch (...) {  // no memory, or an observer of the log that throws: it happened nevertheless
+    }
+}
+
+}  // namespace
+
+ViewRegistry::ViewRegistry(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup,
+                           Inbound& inbound, std::function<void()> lastPageGone)
+    : fContext(std::move(context)),
+      fWakeup(std::move(wakeup)),
+      fInbound(inbound),
+      fOnLastPageGone(std::move(lastPageGone)),
+      fMaySubscribe(fContext->options.maySubscribe),
+      fLanes(fContext->options.lanes.size() + 1),
+      fSnapshot(std::make_shared<const Views>()) {}
+
+std::shared_ptr<const ViewRegistry::Views> ViewRegistry::views() const {
+    annotated::Lock lock(fMutex);
+    return fSnapshot;
+}
+
+// --- Arriving ----------------------------------------------------------------------------------
+
+std::shared_ptr<View> ViewRegistry::findView(std::string_view name) const {
+    annotated::Lock lock(fMutex);
+    for (const auto& view : fViews) {
+        if (isSecret(name, view->identity().name)) return view;
+    }
+    return nullptr;
+}
+
+std::shared_ptr<View> ViewRegistry::welcome(const wire::Hello& hello, Arrival arrival,
+                                            TimePoint now) {
+    if (fIsShut) return nullptr;
+    if (!hello.view.empty()) {
+        if (auto view = resume(hello, arrival, now)) return view;
+    }
+    return begin(hello, arrival, now);
+}
+
+bool ViewRegistry::maySubscribe(const ChannelList& subscriptions, std::string_view channel) const {
+    if (channel.size() > wire::kMaxChannelName || !fMaySubscribe.covers(channel)) return false;
+    return subscriptions.size() < fContext->options.limits.subscriptions ||
+           subscriptions.contains(channel);
+}
+
+ViewRegistry::Prepared ViewRegistry::prepare(const wire::Hello& hello, wire::Welcome&& welcome,
+                                             ChannelList&& subscriptions) const {
+    for (const auto& channel : hello.subscribe) {
+        if (maySubscribe(subscriptions, channel)) {
+            subscriptions.add(channel);
+        } else {
+            welcome.refused.push_back(channel);
+        }
+    }
+    welcome.subscribed = subscriptions.channels();
+    Prepared prepared;
+    prepared.greeting.channelsNamed = welcome.blockChannels.size();
+    prepared.greeting.hello.push_back(
+        makeFrame(Opcode::kText, wire::helloText(welcome, fContext->options)));
+    prepared.subscriptions = std::move(subscriptions);
+    return prepared;
+}
+
+std::shared_ptr<View> ViewRegistry::resume(const wire::Hello& hello, Arrival& arrival,
+                                           TimePoint now) {
+    // What may fail comes first.
+    const auto view = findView(hello.view);
+    if (view == nullptr) return nullptr;
+    if (!view->canResume(hello.last)) {
+        const auto* failure = view->failure();
+        failure != nullptr
+            ? dismiss(view, wire::CloseCode::kTooSlow, failure)
+            : dismiss(view, wire::CloseCode::kBadReturn, "\"last\" is not what was sent and kept");
+        return nullptr;
+    }
+    const auto& name = view->identity().name;
+    auto prepared = prepare(
+        hello, {name, wire::ViewKind::kReturn, hello.last + 1, view->blockChannels(), {}, {}, {}},
+        view->subscriptions());
+    // What has begun from here on cannot fail.
+    if (auto* old = view->connection()) {
+        auto rest = view->detachBetweenFrames(now);
+        rest.isCut ? old->cut()
+                   : old->close(static_cast<std::uint16_t>(wire::CloseCode::kReturnedElsewhere),
+                                "returned elsewhere", std::move(rest.bytes));
+    }
+    view->setSubscriptions(std::move(prepared.subscriptions));
+    PageBlocks left;
+    view->reattach(arrival.connection, std::move(arrival.socket), arrival.isDirect,
+                   std::move(prepared.greeting), hello, now, left);
+    ++fVersion;
+    ++fContext->counters->returns;
+    leaveAll(left);
+    recount();
+    view->write();
+    // It has returned, whoever hears of it.
+    fContext->log.write("page returned", view->identity().client);
+    fInbound.announce(fContext->options.reconnectChannel, wire::ViewKind::kReturn,
+                      view->identity());
+    return view;
+}
+
+std::string ViewRegistry::endedText(const std::string& name) const {
+    annotated::Lock lock(fMutex);
+    for (const auto& ended : fEnded) {
+        if (!name.empty() && ended.view == name) return ended.why;
+    }
+    return {};
+}
+
+std::shared_ptr<View> ViewRegistry::begin(const wire::Hello& hello, Arrival& arrival,
+                                          TimePoint now) {
+    // What may fail comes first.
+    View::Identity identity{randomHex(kViewBytes), fViewCount + 1, hello.client};
+    const auto kind = identity.count > 1 ? wire::ViewKind::kFurther : wire::ViewKind::kFirst;
+    auto prepared =
+        prepare(hello, {identity.name, kind, 1, {}, {}, {}, endedText(hello.view)}, {});
+    const auto view = std::make_shared<View>(std::move(identity),
+                                             View::Abilities{hello.resume, hello.maxBlock},
+                                             fContext, fWakeup, fLanes, now);
+    view->setSubscriptions(std::move(prepared.subscriptions));
+    addView(view);
+    // What has begun from here on cannot fail. When the page reads the hello, it counts;
+    // what is published meanwhile waits behind the hello.
+    ++fViewCount;
+    ++fContext->counters->views;
+    view->attach(arrival.connection, std::move(arrival.socket), arrival.isDirect,
+                 std::move(prepared.greeting), now);
+    recount();
+    view->write();
+    // It is there, whoever hears of it.
+    fContext->log.write("page connected", view->identity().client);
+    fInbound.announce(fContext->options.newViewChannel, kind, view->identity());
+    return view;
+}
+
+void ViewRegistry::addView(const std::shared_ptr<View>& view) {
+    annotated::Lock lock(fMutex);
+    auto snapshot = std::make_shared<Views>();
+    snapshot->reserve(fViews.size() + 1);
+    *snapshot = fViews;
+    snapshot->push_back(view);
+    fViews.push_back(view);
+    fSnapshot = std::move(snapshot);
+    fIsStale = false;
+    ++fVersion;
+}
+
+// --- Leaving -----------------------------------------------------------------------------------
+
+void ViewRegistry::lost(const std::shared_ptr<View>& view, const Connection& connection,
+                        TimePoint now) noexcept {
+    if (view->connection() != &connection) return;
+    if (!view->mayReturn()) return left(view, connection);
+    view->detach(now);
+    fContext->log.write("connection lost", view->identity().client);
+    afterLoss();
+}
+
+void ViewRegistry::afterLoss() noexcept {
+    const auto isLost = [](const std::shared_ptr<View>& view) {
+        return view->connection() == nullptr;
+    };
+    std::size_t count = 0;
+    {
+        annotated::Lock lock(fMutex);
+        count = static_cast<std::size_t>(std::ranges::count_if(fViews, isLost));
+    }
+    const auto& limits = fContext->options.limits;
+    for (; count > limits.lostViews || fContext->lostMemory->isExceeded(); --count) {
+        const auto oldest = oldestLost();
+        if (oldest == nullptr) return;
+        end(oldest, "too many views had lost their connections");
+    }
+}
+
+std::shared_ptr<View> ViewRegistry::oldestLost() const noexcept {
+    annotated::Lock lock(fMutex);
+    std::shared_ptr<View> oldest;
+    for (const auto& view : fViews) {
+        if (view->connection() != nullptr || view->failure() != nullptr) continue;
+        if (view->state() == View::State::kOver) continue;
+        if (oldest == nullptr || view->lostAt() < oldest->lostAt()) oldest = view;
+    }
+    return oldest;
+}
+
+void ViewRegistry::left(const std::shared_ptr<View>& view, const Connection& connection) noexcept {
+    if (view->connection() != &connection) return;
+    view->detach(std::chrono::steady_clock::now());
+    fContext->log.write("page left", view->identity().client);
+    end(view, "the page closed it");
+}
+
+void ViewRegistry::dismiss(const std::shared_ptr<View>& view, wire::CloseCode code,
+                           std::string_view why) noexcept {
+    if (view->state() == View::State::kOver) return;
+    std::string reason;
+    tellIfPossible([&] { reason = reasonText(code, why); });
+    auto* const connection = view->connection();
+    auto rest = view->detachBetweenFrames(std::chrono::steady_clock::now());
+    ++fContext->counters->disconnected;
+    recordDisconnect(*view, reason);
+    end(view, reason);
+    if (connection == nullptr) return;
+    if (rest.isCut) return connection->cut();
+    connection->close(static_cast<std::uint16_t>(code),
+                      std::string_view(reason).substr(0, kMaxReason), std::move(rest.bytes));
+}
+
+void ViewRegistry::end(const std::shared_ptr<View>& view, std::string_view why) noexcept {
+    PageBlocks left;
+    view->retire(left);
+    {
+        annotated::Lock lock(fMutex);
+        std::erase(fViews, view);
+        refreshLocked();
+        tellIfPossible([&] {
+            fEnded.push_back({view->identity().name, std::string(why)});
+            if (fEnded.size() > kRememberedEnds) fEnded.pop_front();
+        });
+    }
+    leaveAll(left);
+    recount();
+}
+
+void ViewRegistry::recordDisconnect(const View& view, std::string_view why) noexcept {
+    tellIfPossible([&] {
+        const auto event = "page disconnected, " + std::string(why);
+        const auto& client = view.identity().client;
+        fContext->log.write(event, client);
+        // The history that a time-out prints shows then why nobody answers.
+        auto& logger = kiroutils::Logger::instance();
+        if (!logger.isHistoryEnabled("DrawnowTimeout")) return;
+        logger.log("DrawnowTimeout",
+                   historyText("Page Disconnected", event + ": " + escaped(client)));
+    });
+}
+
+void ViewRegistry::shut() noexcept {
+    fIsShut = true;
+    Views views;
+    {
+        annotated::Lock lock(fMutex);
+        views.swap(fViews);
+        refreshLocked();
+    }
+    const auto now = std::chrono::steady_clock::now();
+    for (const auto& view : views) {
+        PageBlocks left;
+        auto* const connection = view->connection();
+        auto rest = view->detachBetweenFrames(now);
+        view->retire(left);
+        leaveAll(left);
+        if (connection == nullptr) continue;
+        ++fContext->counters->disconnected;
+        rest.isCut ? connection->cut()
+                   : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kStopped),
+                                       "gateway stopped", std::move(rest.bytes));
+    }
+    if (!views.empty()) fContext->log.write("gateway stopped", {});
+    recount();
+}
+
+// --- Room --------------------------------------------------------------------------------------
+
+bool ViewRegistry::makeRoom(std::size_t bytes) noexcept {
+    const auto& memory = *fContext->memory;
+    if (bytes > memory.limit()) return false;
+    const auto all = views();
+    while (!memory.hasRoomFor(bytes)) {
+        const auto largest = std::ranges::max_element(
+            *all, {}, [](const std::shared_ptr<View>& view) { return view->heldBytes(); });
+        if (largest == all->end() || (*largest)->heldBytes() == 0) return false;
+        (*largest)->fail(View::kMemoryUsedUp);
+    }
+    return true;
+}
+
+bool ViewRegistry::makeLostRoom() noexcept {
+    const auto oldest = oldestLost();
+    if (oldest == nullptr) return false;
+    oldest->fail("more was kept for lost views than they may have together");
+    return true;
+}
+
+// --- What pages do -----------------------------------------------------------------------------
+
+bool ViewRegistry::subscribe(View& view, std::string_view channel) {
+    if (channel.size() > wire::kMaxChannelName || !fMaySubscribe.covers(channel)) return false;
+    if (!view.subscribe(channel, fContext->options.limits.subscriptions)) return false;
+    ++fVersion;
+    return true;
+}
+
+void ViewRegistry::unsubscribe(View& view, std::string_view channel) {
+    view.unsubscribe(channel);
+    ++fVersion;
+}
+
+// --- Time --------------------------------------------------------------------------------------
+
+void ViewRegistry::tick(TimePoint now) noexcept {
+    {
+        annotated::Lock lock(fMutex);
+        if (fIsStale) refreshLocked();
+    }
+    const auto all = views();
+    for (const auto& view : *all) {
+        try {
+            act(view, now);
+        } catch (const std::exception& error) {  // no memory for a ping
+            fContext->log.write("a view's time", error.what());
+        }
+    }
+    if (fContext->lostMemory->isExceeded()) afterLoss();
+}
+
+void ViewRegistry::act(const std::shared_ptr<View>& view, TimePoint now) {
+    PageBlocks left;
+    const auto due = view->look(now, left);
+    leaveAll(left);
+    switch (due) {
+        case View::Due::kNothing:
+            return;
+        case View::Due::kPing:
+            return view->sendFrames(makeFrame(Opcode::kPing, {}));
+        case View::Due::kFail:
+            return dismiss(view, wire::CloseCode::kTooSlow, view->failure());
+        case View::Due::kSilent:
+            return endSilent(view, now);
+        case View::Due::kGone:
+            return recount();
+        case View::Due::kEnd:
+            return end(view, "it did not return in time");
+    }
+}
+
+void ViewRegistry::endSilent(const std::shared_ptr<View>& view, TimePoint now) noexcept {
+    auto* const connection = view->connection();
+    auto rest = view->detachBetweenFrames(now);
+    recordDisconnect(*view, "no sign of life");
+    ++fContext->counters->disconnected;
+    rest.isCut ? connection->cut()
+               : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kSilent),
+                                   "no sign of life", std::move(rest.bytes));
+    afterLoss();
+}
+
+// --- State -------------------------------------------------------------------------------------
+
+void ViewRegistry::refreshLocked() noexcept {
+    fIsStale = true;
+    tellIfPossible([&] {
+        fSnapshot = std::make_shared<const Views>(fViews);
+        fIsStale = false;
+    });
+    ++fVersion;
+}
+
+void ViewRegistry::recount() noexcept {
+    bool isThere = false;
+    {
+        annotated::Lock lock(fMutex);
+        isThere = std::ranges::any_of(fViews, [](const auto& view) { return view->isThere(); });
+    }
+    fAnyWasThere = fAnyWasThere || isThere;
+    const bool isGone = fAnyWasThere && !isThere;
+    if (fLastPageGone.exchange(isGone) || !isGone) return;
+    fContext->log.write("the last page has gone", {});
+    try {
+        fOnLastPageGone();
+    } catch (const std::exception& error) {
+        fContext->log.write("onLastPageGone", error.what());
+    } catch (...) {
+        fContext->log.write("onLastPageGone", "an exception of no known kind");
+    }
+}
+
+Statistics ViewRegistry::statistics() const {
+    const auto all = views();
+    const auto& counters = *fContext->counters;
+    Statistics statistics;
+    statistics.pages = static_cast<std::size_t>(std::ranges::count_if(
+        *all, [](const auto& view) { return view->state() == View::State::kConnected; }));
+    statistics.views = counters.views;
+    statistics.returns = counters.returns;
+    statistics.textsSent = counters.textsSent;
+    statistics.blocksDelivered = counters.blocksDelivered;
+    statistics.blocksGivenBack = counters.blocksGivenBack;
+    statistics.textsReceived = counters.textsReceived;
+    statistics.blocksReceived = counters.blocksReceived;
+    statistics.refusals = counters.refusals;
+    statistics.disconnected = counters.disconnected;
+    return statistics;
+}
+
+std::string ViewRegistry::diagnostics(TimePoint now) const {
+    std::vector<ViewReport> reports;
+    for (const auto& view : *views()) {
+        reports.push_back({view->identity().count, view->identity().client, view->report(now)});
+    }
+    return diagnosticsText(statistics(), lastPageGone(), fContext->memory->used(), reports);
+}
+
+}  // namespace kirogateway

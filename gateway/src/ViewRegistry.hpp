@@ -1,0 +1,136 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Context.hpp"
+#include "Inbound.hpp"
+#include "PageMessages.hpp"
+#include "View.hpp"
+#include "annotated/Mutex.hpp"
+#include "kirogateway/Gateway.hpp"
+
+namespace kirogateway {
+
+/// All views: how they come, return and go.
+///
+/// The gateway's thread changes it; publishing threads look at it, and end views when there is no
+/// room for what they publish. Engine code (the completion of a transfer, `onLastPageGone`) is
+/// called with no lock held. What cannot be undone takes no memory: it cannot fail half way.
+class ViewRegistry {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+    using Views = std::vector<std::shared_ptr<View>>;
+
+    /// `lastPageGone` is called on the gateway's thread; what it throws is logged.
+    ViewRegistry(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup,
+                 Inbound& inbound, std::function<void()> lastPageGone);
+
+    // --- Any thread ---
+
+    /// The views that there are; some may be over by now.
+    [[nodiscard]] std::shared_ptr<const Views> views() const;
+    /// Another number whenever a view or a subscription came or went.
+    [[nodiscard]] std::uint64_t version() const noexcept { return fVersion; }
+    [[nodiscard]] std::size_t lanes() const noexcept { return fLanes; }
+    /// Ends views, those first for which most is held, until there is room for so many bytes.
+    /// Returns whether there is.
+    bool makeRoom(std::size_t bytes) noexcept;
+    /// As `makeRoom`, among the views without a connection, the oldest loss first. Returns whether
+    /// one was ended.
+    bool makeLostRoom() noexcept;
+    [[nodiscard]] bool lastPageGone() const noexcept { return fLastPageGone; }
+    [[nodiscard]] bool isEmpty() const { return views()->empty(); }
+    [[nodiscard]] Statistics statistics() const;
+    [[nodiscard]] std::string diagnostics(TimePoint now) const;
+
+    // --- The gateway's thread ---
+
+    /// A connection that asks for a view.
+    struct Arrival {
+        Connection& connection;
+        std::shared_ptr<Socket> socket;
+        bool isDirect = true;  ///< see `View::attach`
+    };
+    /// Makes a view, or lets one go on, and gives it its connection. Empty once `shut` was called.
+    /// Throws std::bad_alloc and what the operating system's random numbers throw; nothing has
+    /// happened then.
+    std::shared_ptr<View> welcome(const wire::Hello& hello, Arrival arrival, TimePoint now);
+    /// The connection ended without a close frame. Ignored if the view has another one by now.
+    void lost(const std::shared_ptr<View>& view, const Connection& connection,
+              TimePoint now) noexcept;
+    /// The page closed its connection. Ignored if it has another one by now.
+    void left(const std::shared_ptr<View>& view, const Connection& connection) noexcept;
+    /// Ends a view from this side, and its connection, if there is one.
+    void dismiss(const std::shared_ptr<View>& view, wire::CloseCode code,
+                 std::string_view why) noexcept;
+    /// Returns whether the page may hear `channel`; subscribes it if so. Throws std::bad_alloc.
+    [[nodiscard]] bool subscribe(View& view, std::string_view channel);
+    void unsubscribe(View& view, std::string_view channel);
+    /// Ends what has lasted too long.
+    void tick(TimePoint now) noexcept;
+    /// Ends all views.
+    void shut() noexcept;
+
+  private:
+    struct Ended {
+        std::string view;
+        std::string why;
+    };
+    /// All that a view needs to be given its connection.
+    struct Prepared {
+        View::Greeting greeting;
+        ChannelList subscriptions;
+    };
+
+    [[nodiscard]] std::shared_ptr<View> findView(std::string_view name) const;
+    [[nodiscard]] std::shared_ptr<View> resume(const wire::Hello& hello, Arrival& arrival,
+                                               TimePoint now);
+    [[nodiscard]] std::shared_ptr<View> begin(const wire::Hello& hello, Arrival& arrival,
+                                              TimePoint now);
+    [[nodiscard]] std::string endedText(const std::string& name) const;
+    [[nodiscard]] Prepared prepare(const wire::Hello& hello, wire::Welcome&& welcome,
+                                   ChannelList&& subscriptions) const;
+    [[nodiscard]] bool maySubscribe(const ChannelList& subscriptions,
+                                    std::string_view channel) const;
+    /// Throws std::bad_alloc; nothing has happened then.
+    void addView(const std::shared_ptr<View>& view);
+    void afterLoss() noexcept;
+    void endSilent(const std::shared_ptr<View>& view, TimePoint now) noexcept;
+    void act(const std::shared_ptr<View>& view, TimePoint now);
+    /// Takes the view away. REQUIRES: its connection has been.
+    void end(const std::shared_ptr<View>& view, std::string_view why) noexcept;
+    void recordDisconnect(const View& view, std::string_view why) noexcept;
+    [[nodiscard]] std::shared_ptr<View> oldestLost() const noexcept;
+    void refreshLocked() noexcept REQUIRES_LOCK(fMutex);
+    void recount() noexcept;
+
+    const std::shared_ptr<Context> fContext;
+    const std::shared_ptr<Wakeup> fWakeup;
+    Inbound& fInbound;
+    const std::function<void()> fOnLastPageGone;
+    const ChannelList fMaySubscribe;
+    const std::size_t fLanes;
+
+    std::atomic<bool> fLastPageGone{false};
+    std::atomic<std::uint64_t> fVersion{0};
+    std::atomic<std::uint64_t> fViewCount{0};
+    bool fIsShut = false;       ///< the gateway's thread's
+    bool fAnyWasThere = false;  ///< the gateway's thread's
+
+    mutable annotated::Mutex fMutex{annotated::Rank::kViews};
+    Views fViews GUARDED_BY(fMutex);
+    /// Of `fViews`, for those who look; as it was before if there was no memory for a new one.
+    std::shared_ptr<const Views> fSnapshot GUARDED_BY(fMutex);
+    bool fIsStale GUARDED_BY(fMutex) = false;
+    std::deque<Ended> fEnded GUARDED_BY(fMutex);  ///< the last few views that ended
+};
+
+}  // namespace kirogateway
