@@ -6,7 +6,7 @@
 #include <list>
 #include <memory>
 
-#include "Door.hpp"
+#include "AccessPolicy.hpp"
 #include "Hub.hpp"
 
 namespace kirogateway {
@@ -21,7 +21,7 @@ class Guest {
     Guest& operator=(const Guest&) = delete;
     virtual ~Guest() = default;
 
-    /// Whether it has upgraded, which needs the cookie.
+    /// Whether it has upgraded, which needs the token.
     [[nodiscard]] virtual bool isAuthenticated() const noexcept = 0;
     /// Whether its socket is.
     [[nodiscard]] virtual bool isOpen() const noexcept = 0;
@@ -34,7 +34,7 @@ class Guest {
 /// What connections share. It outlives them.
 struct House {
     std::shared_ptr<Hub> hub;
-    std::unique_ptr<Door> door;
+    std::unique_ptr<AccessPolicy> access;
     std::unique_ptr<boost::asio::ssl::context> tls;  ///< empty: none
     std::list<Guest*> guests;                        ///< oldest first
 };

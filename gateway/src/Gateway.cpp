@@ -76,8 +76,8 @@ struct Gateway::Impl {
 };
 
 void Gateway::Impl::start() {
-    auto door = std::make_unique<Door>(hub->options(), server.port(), secrets);
-    address = door->address();
+    auto access = std::make_unique<AccessPolicy>(hub->options(), server.port(), secrets);
+    address = access->address();
     for (const auto& channel : hub->options().blockChannels) {
         // The end's handler may still run when this gateway is gone.
         ends.push_back(std::make_unique<ClientEnd>(
@@ -85,7 +85,7 @@ void Gateway::Impl::start() {
     }
     link = relay::getRelay().attach(hub);
     hub->connect(*link, ends.empty() ? nullptr : ends.front().get());
-    server.start(std::move(door));
+    server.start(std::move(access));
 }
 
 void Gateway::Impl::stop() noexcept {
@@ -108,10 +108,10 @@ void Gateway::stop() noexcept { fImpl->stop(); }
 
 std::uint16_t Gateway::port() const noexcept { return fImpl->server.port(); }
 
-std::string Gateway::link() const { return fImpl->address + "/?token=" + fImpl->secrets.token(); }
+std::string Gateway::link() const { return fImpl->address + "/#token=" + fImpl->secrets.token(); }
 
 std::string Gateway::singleUseLink() {
-    return fImpl->address + "/?code=" + fImpl->secrets.makeCode(std::chrono::steady_clock::now());
+    return fImpl->address + "/#code=" + fImpl->secrets.makeCode(std::chrono::steady_clock::now());
 }
 
 bool Gateway::lastPageGone() const noexcept { return fImpl->hub->lastPageGone(); }

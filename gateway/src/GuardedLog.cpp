@@ -1,6 +1,7 @@
 #include "GuardedLog.hpp"
 
 #include <algorithm>
+#include <string>
 
 #include "kiroutils/Logger.hpp"
 
@@ -9,28 +10,8 @@ namespace {
 
 constexpr double kBurst = 20;  // lines
 constexpr double kLinesPerSecond = 5;
-constexpr std::size_t kMaxText = 200;  // bytes of a peer's, before they are escaped
 
 }  // namespace
-
-std::string escaped(std::string_view text) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string line;
-    for (const char character : text.substr(0, kMaxText)) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '\\') {
-            line += "\\\\";
-        } else if (byte >= 0x20 && byte < 0x7f) {
-            line += character;
-        } else {
-            line += "\\x";
-            line += kDigits[byte >> 4U];
-            line += kDigits[byte & 0xfU];
-        }
-    }
-    if (text.size() > kMaxText) line += "...";
-    return line;
-}
 
 void GuardedLog::write(std::string_view event, std::string_view detail, TimePoint now) {
     std::size_t suppressed = 0;

@@ -2,16 +2,14 @@
 
 #include <chrono>
 #include <cstddef>
-#include <string>
 #include <string_view>
 
 #include "annotated/Mutex.hpp"
+#include "text/Escape.hpp"
 
 namespace kirogateway {
 
-/// `text` without anything that could break or forge a line of a log: what is not printable ASCII
-/// becomes "\xNN", the backslash is doubled, and what is too long is cut.
-[[nodiscard]] std::string escaped(std::string_view text);
+using text::escaped;
 
 /// Writes lines about peers into the log "gateway", at a rate that hostile peers cannot drive up:
 /// what is too much is counted, and the count is told with the next line. Any thread; no lock held

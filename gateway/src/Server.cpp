@@ -67,8 +67,8 @@ Server::Server(std::shared_ptr<Hub> hub) : fAcceptor(fContext), fTick(fContext),
     fPort = fAcceptor.local_endpoint().port();
 }
 
-void Server::start(std::unique_ptr<Door> door) {
-    fHouse.door = std::move(door);
+void Server::start(std::unique_ptr<AccessPolicy> access) {
+    fHouse.access = std::move(access);
     accept();
     fThread = std::thread([this] { run(); });
 }

@@ -24,7 +24,7 @@ class Server {
     [[nodiscard]] std::uint16_t port() const noexcept { return fPort; }
 
     /// Begins to accept, on a thread of its own. Throws std::system_error.
-    void start(std::unique_ptr<Door> door);
+    void start(std::unique_ptr<AccessPolicy> access);
     /// Closes what is open and ends the thread. REQUIRES: not on that thread.
     void stop() noexcept;
 

@@ -41,6 +41,12 @@ class Wire {
         fSink = std::move(sink);
     }
 
+    /// From now on what Beast writes goes to the socket.
+    void restore() {
+        fIsRedirected = false;
+        fSink = {};
+    }
+
     template <typename Handler>
     void handshake(Handler handler) {
         fTls->async_handshake(boost::asio::ssl::stream_base::server, std::move(handler));

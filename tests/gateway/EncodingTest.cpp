@@ -96,15 +96,3 @@ TEST(GuardedLog, EscapesAndCountsWhatItLeavesOut) {
     log.write("later", "", start + std::chrono::minutes(1));
     EXPECT_EQ(lines.back(), "later (" + std::to_string(1000 - burst) + " lines left out before)");
 }
-
-TEST(Secrets, CompareWholeAndForgetACode) {
-    const Secrets::TimePoint start{std::chrono::hours(1)};
-    Secrets secrets(std::chrono::seconds(60));
-    const auto token = secrets.token();
-    EXPECT_EQ(token.size(), 64U);
-    EXPECT_NE(token, secrets.cookie());
-    for (const auto& given : {token.substr(1) + token[0], ""s, token + "0", token.substr(1)}) {
-        EXPECT_FALSE(secrets.isToken(given));
-    }
-    EXPECT_FALSE(secrets.useCode(secrets.makeCode(start), start + std::chrono::seconds(61)));
-}
