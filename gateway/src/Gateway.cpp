@@ -1,15 +1,13 @@
 #include "kirogateway/Gateway.hpp"
 
-#include <boost/json.hpp>
 #include <boost/system/system_error.hpp>
 #include <chrono>
-#include <stdexcept>
 #include <system_error>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "Hub.hpp"
+#include "OptionsCheck.hpp"
 #include "Server.hpp"
 #include "annotated/Mutex.hpp"
 #include "kirohost/Controls.hpp"
@@ -19,37 +17,6 @@ namespace {
 
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::Delivery;
-
-void require(bool condition, const char* what) {
-    if (!condition) throw std::invalid_argument(what);
-}
-
-Options checked(Options options) {
-    boost::json::error_code error;
-    const auto configuration = boost::json::parse(options.configuration, error);
-    require(!error && configuration.is_object(), "configuration: not a JSON object");
-    require(options.certificateFile.empty() == options.keyFile.empty(),
-            "certificateFile and keyFile: one without the other");
-    std::unordered_set<std::string> names;
-    for (const auto& asset : options.assets) {
-        require(asset.name.starts_with('/'), "assets: a name without its slash");
-        require(names.insert(asset.name).second, "assets: a name given twice");
-        require(asset.contentType.find_first_of("\r\n") == std::string::npos,
-                "assets: a type with a line end");
-    }
-    const auto& limits = options.limits;
-    for (const auto size :
-         {limits.headerSize, limits.messageSize, limits.connections,
-          limits.unauthenticatedConnections, limits.queueSize, limits.blocksUnderWay,
-          limits.bytesUnderWay, limits.pieceSize, limits.batchSize}) {
-        require(size > 0, "limits: zero");
-    }
-    for (const auto time : {limits.request, limits.hello, limits.queue, limits.block, limits.ping,
-                            limits.gone, limits.comeback, limits.close, limits.code}) {
-        require(time.count() > 0, "limits: a time that is not positive");
-    }
-    return options;
-}
 
 std::function<void()> wakeOf(const Options& options) {
     return options.onLastPageGone ? options.onLastPageGone : [] { kirohost::wakeInterpreter(); };
@@ -99,7 +66,8 @@ void Gateway::Impl::stop() noexcept {
 Gateway::Gateway(Options options) try : fImpl(std::make_unique<Impl>(checked(std::move(options)))) {
     fImpl->start();
 } catch (const boost::system::system_error& error) {
-    throw std::system_error(error.code(), error.what());  // a type that needs no Boost to catch
+    // A type that needs no Boost to catch, and no place within Boost in its text.
+    throw std::system_error(error.code(), "the gateway cannot start");
 }
 
 Gateway::~Gateway() { stop(); }

@@ -13,13 +13,24 @@ constexpr double kLinesPerSecond = 5;
 
 }  // namespace
 
-void GuardedLog::write(std::string_view event, std::string_view detail, TimePoint now) {
+void GuardedLog::write(std::string_view event, std::string_view detail, TimePoint now) noexcept {
     std::size_t suppressed = 0;
     {
         annotated::Lock lock(fMutex);
         if (!mayWriteLocked(now)) return;
         std::swap(suppressed, fSuppressed);
     }
+    try {
+        writeLine(event, detail, suppressed);
+    } catch (...) {
+        // Those who log do so while something fails, on a thread that must go on.
+        annotated::Lock lock(fMutex);
+        fSuppressed += suppressed + 1;
+    }
+}
+
+void GuardedLog::writeLine(std::string_view event, std::string_view detail,
+                           std::size_t suppressed) {
     std::string line(event);
     if (!detail.empty()) line += ": " + escaped(detail);
     if (suppressed > 0) line += " (" + std::to_string(suppressed) + " lines left out before)";

@@ -19,9 +19,12 @@ class GuardedLog {
     using TimePoint = std::chrono::steady_clock::time_point;
 
     /// Writes a line, unless there were too many; `detail` comes from outside and is escaped.
-    void write(std::string_view event, std::string_view detail, TimePoint now);
+    /// A line that cannot be written, for lack of memory or because an observer of the log throws,
+    /// counts as left out.
+    void write(std::string_view event, std::string_view detail, TimePoint now) noexcept;
 
   private:
+    void writeLine(std::string_view event, std::string_view detail, std::size_t suppressed);
     [[nodiscard]] bool mayWriteLocked(TimePoint now) REQUIRES_LOCK(fMutex);
 
     annotated::Mutex fMutex;

@@ -1,11 +1,9 @@
 #include "Server.hpp"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <boost/asio/post.hpp>
-#include <stdexcept>
-#include <system_error>
+
+#include "Endpoint.hpp"
 
 namespace kirogateway {
 namespace {
@@ -21,23 +19,6 @@ constexpr milliseconds kAcceptAgain{100};
 constexpr milliseconds kFarewell{250};
 constexpr milliseconds kStoppingPeriod{5};
 
-asio::ip::address addressOf(const Options& options) {
-    error_code error;
-    auto address = asio::ip::make_address(options.address, error);
-    if (error) throw std::invalid_argument("not a numeric address: " + options.address);
-    return address;
-}
-
-std::unique_ptr<asio::ssl::context> tlsOf(const Options& options) {
-    if (options.certificateFile.empty()) return nullptr;
-    auto tls = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
-    tls->set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1 |
-                     asio::ssl::context::no_compression);
-    tls->use_certificate_chain_file(options.certificateFile);
-    tls->use_private_key_file(options.keyFile, asio::ssl::context::pem);
-    return tls;
-}
-
 /// Limits are kept with a quarter of the shortest as error, without waking up all the time.
 milliseconds periodOf(const Limits& limits) {
     const auto shortest = std::min({limits.request, limits.hello, limits.queue, limits.block,
@@ -45,25 +26,14 @@ milliseconds periodOf(const Limits& limits) {
     return std::clamp(shortest / 4, milliseconds(5), milliseconds(100));
 }
 
-/// A program that this one starts must not keep a port or a page's connection open.
-void closeOnExec(int descriptor) {
-    // The descriptor is open, so this cannot fail.
-    static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
-}
-
 }  // namespace
 
-Server::Server(std::shared_ptr<Hub> hub) : fAcceptor(fContext), fTick(fContext), fRetry(fContext) {
+Server::Server(std::shared_ptr<Hub> hub)
+    : fAcceptor(listenOn(fContext, hub->options())), fTick(fContext), fRetry(fContext) {
     const auto& options = hub->options();
     fPeriod = periodOf(options.limits);
     fHouse.tls = tlsOf(options);
     fHouse.hub = std::move(hub);
-    const tcp::endpoint endpoint(addressOf(fHouse.hub->options()), options.port);
-    fAcceptor.open(endpoint.protocol());
-    closeOnExec(fAcceptor.native_handle());
-    fAcceptor.set_option(tcp::acceptor::reuse_address(true));
-    fAcceptor.bind(endpoint);
-    fAcceptor.listen();
     fPort = fAcceptor.local_endpoint().port();
 }
 
