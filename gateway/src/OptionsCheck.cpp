@@ -82,7 +82,7 @@ void checkConfiguration(const std::string& text) {
     boost::json::stream_parser parser;
     boost::json::error_code error;
     const auto read = parser.write_some(text, error);
-    if (!error) parser.finish(error);
+    if (!error && read == text.size()) parser.finish(error);
     if (error) {
         refuse("configuration: not JSON at byte " + std::to_string(read) + ", " + error.message());
     }

@@ -7,7 +7,6 @@
 #include "ChannelList.hpp"
 #include "GuardedLog.hpp"
 #include "PageMessages.hpp"
-#include "Secrets.hpp"
 #include "TextEncoding.hpp"
 #include "kirohost/Controls.hpp"
 
@@ -95,4 +94,11 @@ TEST(GuardedLog, EscapesAndCountsWhatItLeavesOut) {
     EXPECT_LT(burst, 50U);
     log.write("later", "", start + std::chrono::minutes(1));
     EXPECT_EQ(lines.back(), "later (" + std::to_string(1000 - burst) + " lines left out before)");
+    {
+        const auto throwing = kirohost::observeLog(
+            [](const kirohost::LogRecord&) { throw std::runtime_error("no observer"); });
+        log.write("lost", "", start + std::chrono::minutes(2));
+    }
+    log.write("found", "", start + std::chrono::minutes(3));
+    EXPECT_EQ(lines.back(), "found (1 lines left out before)");
 }
