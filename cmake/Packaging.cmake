@@ -1,5 +1,6 @@
 # What `cmake --install` writes: the library, the stand-in host and the gateway when they are built,
-# their headers, a CMake package and pkg-config files. All of it can be moved to another prefix afterwards.
+# their headers, the modules of a page, a CMake package, pkg-config files and the documentation. All
+# of it can be moved to another prefix afterwards.
 include(CMakePackageConfigHelpers)
 
 set(_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kiroweb)
@@ -18,6 +19,15 @@ if(TARGET kiroweb_gateway)
     install(EXPORT kirowebgatewayTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
     install(DIRECTORY gateway/include/ ${PROJECT_BINARY_DIR}/gateway/include/
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.hpp")
+    # The modules are in the library, too; here they are for build tools and editors.
+    kiroweb_client_modules(_client_files)
+    foreach(_module IN LISTS _client_files)
+        string(REGEX REPLACE "\\.mjs$" ".d.mts" _declaration ${_module})
+        if(EXISTS ${_declaration})
+            list(APPEND _client_files ${_declaration})
+        endif()
+    endforeach()
+    install(FILES ${_client_files} DESTINATION ${CMAKE_INSTALL_DATADIR}/kiroweb/client)
 endif()
 
 # The host's library lies beside this one, wherever the two are moved.
@@ -43,6 +53,9 @@ if(NOT KIROWEB_HOST_TARGET)
     list(APPEND _pc_modules kirowebhost)
     set(_pc_requires "kirowebhost = ${PROJECT_VERSION}")
 endif()
+if(TARGET kiroweb_gateway)
+    list(APPEND _pc_modules kirowebgateway)
+endif()
 foreach(_module IN LISTS _pc_modules)
     configure_file(cmake/${_module}.pc.in ${_module}.pc @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${_module}.pc
@@ -50,3 +63,4 @@ foreach(_module IN LISTS _pc_modules)
 endforeach()
 
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -98,13 +98,13 @@ void Socket::sendText(std::string_view text) const {
     send(frame);
 }
 
-void Socket::upgrade(std::uint16_t port, const std::string& cookie) const {
+void Socket::upgrade(std::uint16_t port, const std::string& token) const {
     const auto host = "127.0.0.1:" + std::to_string(port);
     send("GET /kiroweb HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
          "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
          "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
-         "Sec-WebSocket-Protocol: kiroweb.v1\r\nCookie: " +
-         cookie + "\r\n\r\n");
+         "Sec-WebSocket-Protocol: kiroweb.v1, kiroweb.token." +
+         token + "\r\n\r\n");
     // Nothing comes behind the answer before the client has spoken.
     std::string head;
     while (!head.ends_with("\r\n\r\n")) {

@@ -26,7 +26,7 @@ class Socket {
     /// A WebSocket text frame, masked as a client's has to be.
     void sendText(std::string_view text) const;
     /// Asks for an upgrade to WebSocket and waits until it is granted.
-    void upgrade(std::uint16_t port, const std::string& cookie) const;
+    void upgrade(std::uint16_t port, const std::string& token) const;
 
   private:
     friend class Listener;

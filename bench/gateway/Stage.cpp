@@ -26,21 +26,10 @@ std::shared_ptr<relay::message_service::MessageService> makeService() {
     return relay::message_service::createMessageService("bench", {}).get();
 }
 
-/// Exchanges the link's token for the cookie, "name=value".
-std::string fetchCookie(const kirogateway::Gateway& gateway) {
+/// The token that stands in the gateway's link.
+std::string tokenOf(const kirogateway::Gateway& gateway) {
     const auto link = gateway.link();
-    const Socket socket(gateway.port());
-    socket.send("GET " + link.substr(link.find("/?")) +
-                " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(gateway.port()) + "\r\n\r\n");
-    std::string head;
-    while (head.find("\r\n\r\n") == std::string::npos) {
-        std::array<char, 1024> piece;
-        head.append(piece.data(), socket.receive(piece.data(), piece.size()));
-    }
-    static constexpr std::string_view kField = "Set-Cookie: ";
-    const auto begin = head.find(kField);
-    if (begin == std::string::npos) throw std::runtime_error("no cookie");
-    return head.substr(begin + kField.size(), head.find(';', begin) - begin - kField.size());
+    return link.substr(link.find('=') + 1);
 }
 
 }  // namespace
@@ -48,11 +37,11 @@ std::string fetchCookie(const kirogateway::Gateway& gateway) {
 Stage::Stage(std::vector<kirogateway::Asset> assets)
     : fGateway(std::make_unique<kirogateway::Gateway>(optionsWith(std::move(assets)))),
       fService(makeService()),
-      fCookie(fetchCookie(*fGateway)) {}
+      fToken(tokenOf(*fGateway)) {}
 
 Socket Stage::connect(std::string_view channel) const {
     Socket socket(fGateway->port());
-    socket.upgrade(fGateway->port(), fCookie);
+    socket.upgrade(fGateway->port(), fToken);
     socket.sendText(R"({"t":"hello","version":1,"subscribe":[")" + std::string(channel) + "\"]}");
     std::array<char, 4096> hello;
     socket.receive(hello.data(), hello.size());

@@ -31,7 +31,7 @@ class Stage {
   private:
     std::unique_ptr<kirogateway::Gateway> fGateway;
     std::shared_ptr<relay::message_service::MessageService> fService;
-    std::string fCookie;
+    std::string fToken;
 };
 
 }  // namespace bench

@@ -1,8 +1,10 @@
 #include <array>
+#include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "kirogateway/Options.hpp"
@@ -10,34 +12,39 @@
 namespace kirogateway {
 namespace {
 
-std::string_view typeOf(std::string_view file) {
-    static constexpr std::array<std::pair<std::string_view, std::string_view>, 10> kTypes{{
-        {".html", "text/html; charset=utf-8"},
-        {".js", "text/javascript; charset=utf-8"},
-        {".mjs", "text/javascript; charset=utf-8"},
-        {".css", "text/css; charset=utf-8"},
-        {".json", "application/json"},
-        {".webmanifest", "application/manifest+json"},
-        {".svg", "image/svg+xml"},
-        {".png", "image/png"},
-        {".ico", "image/x-icon"},
-        {".woff2", "font/woff2"},
-    }};
+constexpr std::array<std::pair<std::string_view, std::string_view>, 10> kTypes{{
+    {".html", "text/html; charset=utf-8"},
+    {".js", "text/javascript; charset=utf-8"},
+    {".mjs", "text/javascript; charset=utf-8"},
+    {".css", "text/css; charset=utf-8"},
+    {".json", "application/json"},
+    {".webmanifest", "application/manifest+json"},
+    {".svg", "image/svg+xml"},
+    {".png", "image/png"},
+    {".ico", "image/x-icon"},
+    {".woff2", "font/woff2"},
+}};
+
+std::string typeOf(const std::string& file) {
+    std::string known;
     for (const auto& [ending, type] : kTypes) {
-        if (file.ends_with(ending)) return type;
+        if (file.ends_with(ending)) return std::string(type);
+        known += " " + std::string(ending);
     }
-    return {};
+    throw std::runtime_error("asset " + file + ": no known ending; there are" + known);
 }
 
 }  // namespace
 
 Asset loadAsset(const std::string& name, const std::string& file) {
-    const auto type = typeOf(file);
-    if (type.empty()) throw std::runtime_error("no known type for " + file);
+    auto type = typeOf(file);
     std::ifstream input(file, std::ios::binary);
     std::string body{std::istreambuf_iterator<char>(input), {}};
-    if (!input.good() && !input.eof()) throw std::runtime_error("cannot read " + file);
-    return {name, std::string(type), std::move(body)};
+    if (!input.good() && !input.eof()) {
+        throw std::system_error(errno, std::generic_category(),
+                                "asset " + file + " cannot be read");
+    }
+    return {name, std::move(type), std::move(body)};
 }
 
 }  // namespace kirogateway

@@ -23,7 +23,8 @@ class ChannelList {
 
     /// Whether exactly that name is there.
     [[nodiscard]] bool contains(std::string_view channel) const;
-    /// Its cost grows with the number of different lengths that the wildcards have, not with theirs.
+    /// Its cost grows with the number of different lengths that the wildcards have, not with
+    /// theirs.
     [[nodiscard]] bool matches(std::string_view channel) const;
     /// Whether every channel that `request`, a name or a wildcard, stands for is matched.
     [[nodiscard]] bool covers(std::string_view request) const;
@@ -45,7 +46,7 @@ class ChannelList {
     [[nodiscard]] bool hasPrefixOf(std::string_view text) const;
 
     Set fNames;
-    Set fPrefixes;                               ///< of the wildcards, the slash included
+    Set fPrefixes;                                ///< of the wildcards, the slash included
     std::map<std::size_t, std::size_t> fLengths;  ///< of prefixes, and how many have each
 };
 

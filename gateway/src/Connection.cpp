@@ -4,11 +4,12 @@
 #include <array>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/http.hpp>
+#include <boost/beast/http/read.hpp>
 #include <boost/beast/websocket.hpp>
 #include <optional>
 #include <string>
 
+#include "HttpText.hpp"
 #include "Session.hpp"
 #include "WebSocketFrame.hpp"
 #include "Wire.hpp"
@@ -30,52 +31,9 @@ constexpr std::chrono::microseconds kNextLook{1000};
 constexpr std::size_t kCollectAtOnce = 128UL * 1024;
 constexpr std::size_t kKeepBuffer = 64UL * 1024;  // what an idle connection may hold on to
 
-using Request = http::request<http::empty_body>;
-using Parser = http::request_parser<http::empty_body>;
+using Parser = http::request_parser<http::string_body>;
 
-std::string_view viewOf(beast::string_view text) { return {text.data(), text.size()}; }
-
-std::vector<std::string_view> fieldsOf(const Request& request, http::field name) {
-    std::vector<std::string_view> values;
-    const auto range = request.equal_range(name);
-    for (auto field = range.first; field != range.second; ++field) {
-        values.push_back(viewOf(field->value()));
-    }
-    return values;
-}
-
-/// All that the handshake needs, so that it cannot fail later.
-bool isWholeUpgrade(const Request& request) {
-    return websocket::is_upgrade(request) && request[http::field::sec_websocket_version] == "13" &&
-           request[http::field::sec_websocket_key].size() == 24;
-}
-
-bool offersSubprotocol(const Request& request) {
-    for (const auto field : fieldsOf(request, http::field::sec_websocket_protocol)) {
-        for (const auto token : http::token_list(field)) {
-            if (viewOf(token) == kSubprotocol) return true;
-        }
-    }
-    return false;
-}
-
-Knock knockOf(const Parser& parser) {
-    const auto& request = parser.get();
-    Knock knock;
-    knock.method = viewOf(request.method_string());
-    knock.target = viewOf(request.target());
-    knock.hosts = fieldsOf(request, http::field::host);
-    knock.origins = fieldsOf(request, http::field::origin);
-    knock.cookies = fieldsOf(request, http::field::cookie);
-    knock.isUpgrade = isWholeUpgrade(request);
-    knock.offersSubprotocol = offersSubprotocol(request);
-    knock.hasBody = request.count(http::field::transfer_encoding) > 0 ||
-                    (request.count(http::field::content_length) > 0 &&
-                     request[http::field::content_length] != "0");
-    return knock;
-}
-
-/// One connection: first HTTP, then, if the door lets it, WebSocket.
+/// One connection: first HTTP, then, if the access policy lets it, WebSocket.
 class Connection final : public Guest,
                          public Carrier,
                          public std::enable_shared_from_this<Connection> {
@@ -108,8 +66,9 @@ class Connection final : public Guest,
     asio::ip::tcp::socket& socket() { return wire().socket(); }
 
     void readRequest();
+    void onHeader(error_code error);
     void onRequest(error_code error);
-    void answer(const Verdict& verdict, const Knock* knock);
+    void answer(const Admission& admission, const Request* request);
     void onAnswered(error_code error, bool keepAlive);
     void upgrade();
     void readMessage();
@@ -155,55 +114,42 @@ void Connection::start() {
 void Connection::readRequest() {
     fParser = std::make_unique<Parser>();
     fParser->header_limit(static_cast<std::uint32_t>(fLimits.headerSize));
+    fParser->body_limit(boost::none);  // the access policy bounds what is read
     http::async_read_header(
         wire(), fBuffer, *fParser,
-        [self = shared_from_this()](error_code error, std::size_t) { self->onRequest(error); });
+        [self = shared_from_this()](error_code error, std::size_t) { self->onHeader(error); });
+}
+
+void Connection::onHeader(error_code error) {
+    if (error || !awaitsBody(requestOf(fParser->get()))) return onRequest(error);
+    http::async_read(
+        wire(), fBuffer, *fParser,
+        [self = shared_from_this()](error_code failed, std::size_t) { self->onRequest(failed); });
 }
 
 void Connection::onRequest(error_code error) {
     const auto now = steady_clock::now();
     if (error) {
-        if (error.category() != make_error_code(http::error::bad_method).category()) return;
-        if (error == http::error::end_of_stream || error == http::error::partial_message) return;
+        const auto refusal = refusalOf(error);
+        if (!refusal) return;
         fHouse.hub->peerLog().write("malformed request", error.message(), now);
-        const bool isTooLarge = error == http::error::header_limit;
-        return answer({isTooLarge ? 431U : 400U, isTooLarge ? "header too large" : "malformed"},
-                      nullptr);
+        return answer(*refusal, nullptr);
     }
-    const auto knock = knockOf(*fParser);
-    const auto verdict = fHouse.door->decide(knock, now);
-    if (verdict.status >= 400) {
-        // Neither the target nor a cookie: either may hold a secret.
-        fHouse.hub->peerLog().write("refused a request, " + std::string(verdict.reason),
-                                    knock.hosts.empty() ? std::string_view() : knock.hosts.front(),
-                                    now);
+    const auto request = requestOf(fParser->get());
+    const auto admission = fHouse.access->decide(request, now);
+    if (admission.status >= 400) {
+        // Nothing else of the request: its target or its fields may hold a secret.
+        fHouse.hub->peerLog().write(
+            "refused a request, " + std::string(admission.reason),
+            request.hosts.empty() ? std::string_view() : request.hosts.front(), now);
     }
-    if (verdict.status == 101) return upgrade();
-    answer(verdict, &knock);
+    if (admission.status == 101) return upgrade();
+    answer(admission, &request);
 }
 
-void Connection::answer(const Verdict& verdict, const Knock* knock) {
-    const bool keepAlive = knock != nullptr && verdict.status < 400 && fParser->get().keep_alive();
-    std::string text(verdict.reason);
-    if (!text.empty()) text += '\n';
-    std::string_view body = text;
-    std::string_view type = "text/plain; charset=utf-8";
-    if (verdict.asset != nullptr) {
-        body = verdict.asset->body;
-        type = verdict.asset->contentType;
-    }
-    const auto status = http::obsolete_reason(static_cast<http::status>(verdict.status));
-    // A host that the door refused is not repeated.
-    const bool isOurHost = knock != nullptr && verdict.status < 400;
-    fOut = "HTTP/1.1 " + std::to_string(verdict.status) + " " + std::string(viewOf(status)) +
-           "\r\nContent-Type: " + std::string(type) +
-           "\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\nConnection: " + (keepAlive ? "keep-alive" : "close") + "\r\n";
-    if (verdict.status == 303) fOut += "Location: /\r\nSet-Cookie: " + verdict.cookie + "\r\n";
-    if (verdict.status == 405) fOut += "Allow: GET, HEAD\r\n";
-    fOut += fHouse.door->commonFields(isOurHost ? knock->hosts.front() : std::string_view());
-    fOut += "\r\n";
-    if (knock == nullptr || knock->method != "HEAD") fOut += body;
+void Connection::answer(const Admission& admission, const Request* request) {
+    const bool keepAlive = keepsAlive(admission, request);
+    fOut = responseText(admission, request, *fHouse.access);
     wire().write(asio::buffer(fOut),
                  [self = shared_from_this(), keepAlive](error_code error, std::size_t) {
                      self->onAnswered(error, keepAlive);
@@ -221,9 +167,9 @@ void Connection::onAnswered(error_code error, bool keepAlive) {
 // --- WebSocket ---------------------------------------------------------------------------------
 
 void Connection::upgrade() {
-    fStream.set_option(websocket::stream_base::decorator([](websocket::response_type& response) {
-        response.set(http::field::sec_websocket_protocol, kSubprotocol);
-    }));
+    const auto request = requestOf(fParser->get());
+    fOut = responseText({101}, &request, *fHouse.access);
+    wire().redirect({});  // Beast's answer names Beast
     fStream.read_message_max(fLimits.messageSize);
     fStream.auto_fragment(false);
     fStream.control_callback([this](websocket::frame_type, beast::string_view) {
@@ -231,13 +177,17 @@ void Connection::upgrade() {
     });
     fStream.async_accept(fParser->get(), [self = shared_from_this()](error_code error) {
         if (error) return;
+        self->wire().restore();
         self->fParser.reset();
         self->fBuffer.consume(self->fBuffer.size());
         self->fBuffer.shrink_to_fit();
         const int native = self->wire().isTls() ? -1 : self->socket().native_handle();
         self->fSession.emplace(self->fHouse.hub, *self, native);
         self->fDeadline = steady_clock::now() + self->fLimits.hello;
-        self->readMessage();
+        self->wire().write(asio::buffer(self->fOut), [self](error_code failed, std::size_t) {
+            self->fOut = {};
+            if (!failed) self->readMessage();
+        });
     });
 }
 

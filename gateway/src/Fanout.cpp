@@ -90,8 +90,8 @@ bool Fanout::prepare(const relay::Publication& message, Text& text, std::string&
     while (!shared->charge.grow(fContext->memory, size)) {
         if (!fViews->makeRoom(size)) return false;
     }
-    shared->text = text.isBase64 ? std::make_shared<const std::string>(std::move(encoded))
-                                 : message.shared();
+    shared->text =
+        text.isBase64 ? std::make_shared<const std::string>(std::move(encoded)) : message.shared();
     text.text = *shared->text;
     text.shared = std::move(shared);
     return true;
@@ -157,8 +157,8 @@ void Fanout::offer(relay::binary::experimental::Delivery delivery) noexcept try 
     const std::string channel = delivery.channel();
     const auto size = delivery.block().size();
     bool isHeard = isPlain(channel);
-    isHeard = isHeard && std::ranges::any_of(
-                             *views, [&](const auto& view) { return view->hears(channel); });
+    isHeard = isHeard &&
+              std::ranges::any_of(*views, [&](const auto& view) { return view->hears(channel); });
     auto charge = isHeard ? chargeFor(channel, size) : Charge();
     isHeard = isHeard && charge.bytes() == size;
     const auto transfer =

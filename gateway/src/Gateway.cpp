@@ -1,18 +1,21 @@
 #include "kirogateway/Gateway.hpp"
 
-#include <boost/json.hpp>
 #include <boost/system/system_error.hpp>
 #include <chrono>
-#include <stdexcept>
 #include <system_error>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
-#include "Hub.hpp"
+#include "Context.hpp"
+#include "Fanout.hpp"
+#include "Inbound.hpp"
+#include "OptionsCheck.hpp"
 #include "Server.hpp"
+#include "ViewRegistry.hpp"
 #include "annotated/Mutex.hpp"
-#include "kirohost/Controls.hpp"
+#include "graphics_util/getContextQCRID.hpp"
+#include "qvm/detail/taskRouterAccess.hpp"
+#include "taskrouter/TaskRouter.hpp"
 
 namespace kirogateway {
 namespace {
@@ -20,53 +23,42 @@ namespace {
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::Delivery;
 
-void require(bool condition, const char* what) {
-    if (!condition) throw std::invalid_argument(what);
-}
-
-Options checked(Options options) {
-    boost::json::error_code error;
-    const auto configuration = boost::json::parse(options.configuration, error);
-    require(!error && configuration.is_object(), "configuration: not a JSON object");
-    require(options.certificateFile.empty() == options.keyFile.empty(),
-            "certificateFile and keyFile: one without the other");
-    std::unordered_set<std::string> names;
-    for (const auto& asset : options.assets) {
-        require(asset.name.starts_with('/'), "assets: a name without its slash");
-        require(names.insert(asset.name).second, "assets: a name given twice");
-        require(asset.contentType.find_first_of("\r\n") == std::string::npos,
-                "assets: a type with a line end");
-    }
-    const auto& limits = options.limits;
-    for (const auto size :
-         {limits.headerSize, limits.messageSize, limits.connections,
-          limits.unauthenticatedConnections, limits.queueSize, limits.blocksUnderWay,
-          limits.bytesUnderWay, limits.pieceSize, limits.batchSize}) {
-        require(size > 0, "limits: zero");
-    }
-    for (const auto time : {limits.request, limits.hello, limits.queue, limits.block, limits.ping,
-                            limits.gone, limits.comeback, limits.close, limits.code}) {
-        require(time.count() > 0, "limits: a time that is not positive");
-    }
-    return options;
-}
-
-std::function<void()> wakeOf(const Options& options) {
-    return options.onLastPageGone ? options.onLastPageGone : [] { kirohost::wakeInterpreter(); };
+/// Has a wait on the interpreter thread look at its condition.
+void wakeInterpreter() {
+    taskrouter::RunOptions options;
+    options.whenToDequeue = taskrouter::WhenToDequeue::kWhenIdle;
+    const auto id = qvm::detail::createID();
+    const auto access =
+        qvm::detail::getTaskRouterAndSinks(graphics_util::getContextQCRID(), options);
+    if (access.router == nullptr) return;  // nobody can wait without one
+    taskrouter::PackagedTaskIIP<void> task({[] {}}, "kirogateway");
+    access.router->enqueueWithFuture(std::move(task), options, id);
 }
 
 }  // namespace
 
 struct Gateway::Impl {
-    explicit Impl(const Options& options)
-        : hub(std::make_shared<Hub>(options, wakeOf(options))),
-          secrets(options.limits.code),
-          server(hub) {}
+    explicit Impl(Options options)
+        : context(std::make_shared<Context>(std::move(options))),
+          wakeup(std::make_shared<Wakeup>()),
+          inbound(context),
+          views(std::make_shared<ViewRegistry>(context, wakeup, inbound, lastPageGone())),
+          fanout(std::make_shared<Fanout>(context, views)),
+          secrets(context->options.limits.code),
+          server({context, views, inbound}, wakeup) {}
 
     void start();
     void stop() noexcept;
+    [[nodiscard]] std::function<void()> lastPageGone() const {
+        const auto& own = context->options.onLastPageGone;
+        return own ? own : wakeInterpreter;
+    }
 
-    const std::shared_ptr<Hub> hub;
+    const std::shared_ptr<Context> context;
+    const std::shared_ptr<Wakeup> wakeup;
+    Inbound inbound;
+    const std::shared_ptr<ViewRegistry> views;
+    const std::shared_ptr<Fanout> fanout;
     Secrets secrets;
     std::string address;
     Server server;
@@ -76,16 +68,16 @@ struct Gateway::Impl {
 };
 
 void Gateway::Impl::start() {
-    auto door = std::make_unique<Door>(hub->options(), server.port(), secrets);
-    address = door->address();
-    for (const auto& channel : hub->options().blockChannels) {
+    auto access = std::make_unique<AccessPolicy>(context->options, server.port(), secrets);
+    address = access->address();
+    for (const auto& channel : context->options.blockChannels) {
         // The end's handler may still run when this gateway is gone.
         ends.push_back(std::make_unique<ClientEnd>(
-            channel, [hub = hub](Delivery delivery) { hub->offer(std::move(delivery)); }));
+            channel, [to = fanout](Delivery delivery) { to->offer(std::move(delivery)); }));
     }
-    link = relay::getRelay().attach(hub);
-    hub->connect(*link, ends.empty() ? nullptr : ends.front().get());
-    server.start(std::move(door));
+    link = relay::getRelay().attach(fanout);
+    inbound.connect(*link, ends.empty() ? nullptr : ends.front().get());
+    server.start(std::move(access));
 }
 
 void Gateway::Impl::stop() noexcept {
@@ -99,7 +91,8 @@ void Gateway::Impl::stop() noexcept {
 Gateway::Gateway(Options options) try : fImpl(std::make_unique<Impl>(checked(std::move(options)))) {
     fImpl->start();
 } catch (const boost::system::system_error& error) {
-    throw std::system_error(error.code(), error.what());  // a type that needs no Boost to catch
+    // A type that needs no Boost to catch, and no place within Boost in its text.
+    throw std::system_error(error.code(), "the gateway cannot start");
 }
 
 Gateway::~Gateway() { stop(); }
@@ -108,18 +101,18 @@ void Gateway::stop() noexcept { fImpl->stop(); }
 
 std::uint16_t Gateway::port() const noexcept { return fImpl->server.port(); }
 
-std::string Gateway::link() const { return fImpl->address + "/?token=" + fImpl->secrets.token(); }
+std::string Gateway::link() const { return fImpl->address + "/#token=" + fImpl->secrets.token(); }
 
 std::string Gateway::singleUseLink() {
-    return fImpl->address + "/?code=" + fImpl->secrets.makeCode(std::chrono::steady_clock::now());
+    return fImpl->address + "/#code=" + fImpl->secrets.makeCode(std::chrono::steady_clock::now());
 }
 
-bool Gateway::lastPageGone() const noexcept { return fImpl->hub->lastPageGone(); }
+bool Gateway::lastPageGone() const noexcept { return fImpl->views->lastPageGone(); }
 
-Statistics Gateway::statistics() const { return fImpl->hub->statistics(); }
+Statistics Gateway::statistics() const { return fImpl->views->statistics(); }
 
 std::string Gateway::diagnostics() const {
-    return fImpl->hub->diagnostics(std::chrono::steady_clock::now());
+    return fImpl->views->diagnostics(std::chrono::steady_clock::now());
 }
 
 }  // namespace kirogateway

@@ -1,6 +1,7 @@
 #include "GuardedLog.hpp"
 
 #include <algorithm>
+#include <string>
 
 #include "kiroutils/Logger.hpp"
 
@@ -9,42 +10,31 @@ namespace {
 
 constexpr double kBurst = 20;  // lines
 constexpr double kLinesPerSecond = 5;
-constexpr std::size_t kMaxText = 200;  // bytes of a peer's, before they are escaped
 
 }  // namespace
 
-std::string escaped(std::string_view text) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string line;
-    for (const char character : text.substr(0, kMaxText)) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '\\') {
-            line += "\\\\";
-        } else if (byte >= 0x20 && byte < 0x7f) {
-            line += character;
-        } else {
-            line += "\\x";
-            line += kDigits[byte >> 4U];
-            line += kDigits[byte & 0xfU];
-        }
-    }
-    if (text.size() > kMaxText) line += "...";
-    return line;
-}
-
-void GuardedLog::write(std::string_view event, std::string_view detail,
-                       TimePoint now) noexcept try {
+void GuardedLog::write(std::string_view event, std::string_view detail, TimePoint now) noexcept {
     std::size_t suppressed = 0;
     {
         annotated::Lock lock(fMutex);
         if (!mayWriteLocked(now)) return;
         std::swap(suppressed, fSuppressed);
     }
+    try {
+        writeLine(event, detail, suppressed);
+    } catch (...) {
+        // Those who log do so while something fails, on a thread that must go on.
+        annotated::Lock lock(fMutex);
+        fSuppressed += suppressed + 1;
+    }
+}
+
+void GuardedLog::writeLine(std::string_view event, std::string_view detail,
+                           std::size_t suppressed) {
     std::string line(event);
     if (!detail.empty()) line += ": " + escaped(detail);
     if (suppressed > 0) line += " (" + std::to_string(suppressed) + " lines left out before)";
     kiroutils::Logger::instance().log("gateway", line);
-} catch (...) {  // see above
 }
 
 bool GuardedLog::mayWriteLocked(TimePoint now) {

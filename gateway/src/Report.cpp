@@ -7,30 +7,43 @@ namespace {
 
 namespace json = boost::json;
 
-json::object objectOf(const PageReport& report) {
-    const auto& state = report.state;
-    return {{"view", report.count},
-            {"client", report.client},
-            {"state", state.isConnected ? "connected"
-                      : report.counts   ? "missing"
-                                        : "gone"},
-            {"nextMessage", state.next},
-            {"acknowledged", state.acknowledged},
-            {"bytesHeld", state.bytes},
-            {"blocksUnderWay", state.blocksUnderWay},
-            {"bytesUnderWay", state.bytesUnderWay},
-            {"waitingMilliseconds", state.waiting.count()},
-            {"lastSignOfLifeMilliseconds", state.silence.count()}};
+const char* nameOf(View::State state) {
+    switch (state) {
+        case View::State::kConnected:
+            return "connected";
+        case View::State::kLost:
+            return "missing";
+        case View::State::kGone:
+            return "gone";
+        case View::State::kOver:
+            return "over";
+    }
+    return "";
+}
+
+json::object objectOf(const ViewReport& view) {
+    const auto& report = view.report;
+    return {{"view", view.count},
+            {"client", view.client},
+            {"state", nameOf(report.state)},
+            {"nextMessage", report.next},
+            {"acknowledged", report.acknowledged},
+            {"bytesHeld", report.bytes},
+            {"bytesWaiting", report.waiting},
+            {"blocksUnderWay", report.blocksUnderWay},
+            {"bytesUnderWay", report.bytesUnderWay},
+            {"lastSignOfLifeMilliseconds", report.silence.count()}};
 }
 
 }  // namespace
 
-std::string diagnosticsText(const Statistics& statistics, bool lastPageGone,
-                            const std::vector<PageReport>& pages) {
+std::string diagnosticsText(const Statistics& statistics, bool lastPageGone, std::size_t memory,
+                            const std::vector<ViewReport>& views) {
     json::array list;
-    for (const auto& page : pages) list.push_back(objectOf(page));
+    for (const auto& view : views) list.push_back(objectOf(view));
     const json::object all{{"pages", statistics.pages},
                            {"lastPageGone", lastPageGone},
+                           {"bytesHeld", memory},
                            {"views", statistics.views},
                            {"returns", statistics.returns},
                            {"textsSent", statistics.textsSent},

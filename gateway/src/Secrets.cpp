@@ -45,7 +45,7 @@ bool isSecret(std::string_view given, std::string_view secret) noexcept {
 }
 
 Secrets::Secrets(std::chrono::milliseconds codeLife)
-    : fCodeLife(codeLife), fToken(randomHex(kSecretBytes)), fCookie(randomHex(kSecretBytes)) {}
+    : fCodeLife(codeLife), fToken(randomHex(kSecretBytes)) {}
 
 std::string Secrets::makeCode(TimePoint now) {
     auto code = randomHex(kSecretBytes);
@@ -56,7 +56,6 @@ std::string Secrets::makeCode(TimePoint now) {
 }
 
 bool Secrets::isToken(std::string_view given) const noexcept { return isSecret(given, fToken); }
-bool Secrets::isCookie(std::string_view given) const noexcept { return isSecret(given, fCookie); }
 
 bool Secrets::useCode(std::string_view given, TimePoint now) {
     annotated::Lock lock(fMutex);

@@ -15,7 +15,7 @@ namespace kirogateway {
 /// Compares in a time that depends on the length of `given` only.
 [[nodiscard]] bool isSecret(std::string_view given, std::string_view secret) noexcept;
 
-/// What lets a client in: the token of the link, the single-use codes, the cookie. Any thread.
+/// What lets a client in: the token of the link, and the single-use codes. Any thread.
 class Secrets {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
@@ -24,12 +24,12 @@ class Secrets {
     explicit Secrets(std::chrono::milliseconds codeLife);
 
     [[nodiscard]] const std::string& token() const noexcept { return fToken; }
-    [[nodiscard]] const std::string& cookie() const noexcept { return fCookie; }
+    /// Returns a code that is good for one use. There are at most 16: a further one ends the
+    /// oldest.
     [[nodiscard]] std::string makeCode(TimePoint now);
 
     [[nodiscard]] bool isToken(std::string_view given) const noexcept;
-    [[nodiscard]] bool isCookie(std::string_view given) const noexcept;
-    /// Answers whether `given` is a code that is good; it is not any more.
+    /// Returns whether `given` is a code that is good, and ends it.
     [[nodiscard]] bool useCode(std::string_view given, TimePoint now);
 
   private:
@@ -40,7 +40,6 @@ class Secrets {
 
     const std::chrono::milliseconds fCodeLife;
     const std::string fToken;
-    const std::string fCookie;
     annotated::Mutex fMutex;
     std::vector<Code> fCodes GUARDED_BY(fMutex);
 };

@@ -1,11 +1,14 @@
 #include "Server.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 
 #include <algorithm>
-#include <boost/asio/post.hpp>
-#include <stdexcept>
+#include <cerrno>
 #include <system_error>
+#include <vector>
+
+#include "Endpoint.hpp"
 
 namespace kirogateway {
 namespace {
@@ -20,23 +23,8 @@ constexpr milliseconds kAcceptAgain{100};
 /// How long a stopping gateway waits for its pages to close their ends.
 constexpr milliseconds kFarewell{250};
 constexpr milliseconds kStoppingPeriod{5};
-
-asio::ip::address addressOf(const Options& options) {
-    error_code error;
-    auto address = asio::ip::make_address(options.address, error);
-    if (error) throw std::invalid_argument("not a numeric address: " + options.address);
-    return address;
-}
-
-std::unique_ptr<asio::ssl::context> tlsOf(const Options& options) {
-    if (options.certificateFile.empty()) return nullptr;
-    auto tls = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
-    tls->set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1 |
-                     asio::ssl::context::no_compression);
-    tls->use_certificate_chain_file(options.certificateFile);
-    tls->use_private_key_file(options.keyFile, asio::ssl::context::pem);
-    return tls;
-}
+/// How long the thread waits when it could not even begin to wait for anything else.
+constexpr int kWithoutMemory = 10;  // milliseconds
 
 /// Limits are kept with a quarter of the shortest as error, without waking up all the time.
 milliseconds periodOf(const Limits& limits) {
@@ -45,74 +33,106 @@ milliseconds periodOf(const Limits& limits) {
     return std::clamp(shortest / 4, milliseconds(5), milliseconds(100));
 }
 
-/// A program that this one starts must not keep a port or a page's connection open.
-void closeOnExec(int descriptor) {
-    // The descriptor is open, so this cannot fail.
-    static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
+int duplicateOf(int descriptor) {
+    const int duplicate = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+    if (duplicate < 0) throw std::system_error(errno, std::generic_category(), "fcntl");
+    return duplicate;
 }
 
 }  // namespace
 
-Server::Server(std::shared_ptr<Hub> hub) : fAcceptor(fContext), fTick(fContext), fRetry(fContext) {
-    const auto& options = hub->options();
+Server::Server(SessionServices services, std::shared_ptr<Wakeup> wakeup)
+    : fShared{std::move(services), std::move(wakeup), nullptr, nullptr, {}},
+      fAcceptor(listenOn(fContext, fShared.services.context->options)),
+      fBell(fContext, duplicateOf(fShared.wakeup->descriptor())),
+      fTick(fContext),
+      fRetry(fContext) {
+    const auto& options = fShared.services.context->options;
     fPeriod = periodOf(options.limits);
-    fHouse.tls = tlsOf(options);
-    fHouse.hub = std::move(hub);
-    const tcp::endpoint endpoint(addressOf(fHouse.hub->options()), options.port);
-    fAcceptor.open(endpoint.protocol());
-    closeOnExec(fAcceptor.native_handle());
-    fAcceptor.set_option(tcp::acceptor::reuse_address(true));
-    fAcceptor.bind(endpoint);
-    fAcceptor.listen();
+    fShared.tls = tlsOf(options);
     fPort = fAcceptor.local_endpoint().port();
 }
 
-void Server::start(std::unique_ptr<Door> door) {
-    fHouse.door = std::move(door);
-    accept();
+void Server::start(std::unique_ptr<AccessPolicy> access) {
+    fShared.access = std::move(access);
     fThread = std::thread([this] { run(); });
 }
 
+// --- The thread --------------------------------------------------------------------------------
+
 void Server::run() noexcept {
-    for (;;) {
+    while (!fIsStopping || !fShared.connections.empty()) {
         try {
-            fContext.run();
-            return;
+            runOnce();
         } catch (const std::exception& error) {
-            // Lack of memory, most likely. Its connection goes on without whatever failed; the
-            // time limits end it if it cannot.
-            fHouse.hub->log().write("the gateway's thread", error.what(), steady_clock::now());
+            // Lack of memory, most likely, which its connection has answered for already.
+            log().write("the gateway's thread", error.what());
+        } catch (...) {
+            log().write("the gateway's thread", "an exception of no known kind");
         }
     }
 }
 
+void Server::runOnce() {
+    if (fMustStop && !fIsStopping) beginStop();
+    try {
+        arm();
+    } catch (const std::exception& error) {
+        log().write("the gateway's thread waits for memory", error.what());
+        pollfd bell{fShared.wakeup->descriptor(), POLLIN, 0};
+        static_cast<void>(::poll(&bell, 1, kWithoutMemory));
+        fShared.wakeup->serveAll();
+        fContext.poll();
+    }
+    if (fContext.stopped()) fContext.restart();
+    // Only as long as nothing has to be armed: a handler that was lost leaves its mark.
+    while (fIsListening && fContext.run_one() > 0) {
+        const bool isOver = fMustStop || !fIsTicking || (!fIsAccepting && !fIsStopping);
+        if (isOver) return;
+    }
+}
+
+void Server::arm() {
+    if (!fIsListening) awaitBell();
+    if (!fIsAccepting && !fIsStopping) accept();
+    const bool isIdle = fShared.connections.empty() && fShared.services.views->isEmpty();
+    if (!fIsTicking && (!isIdle || fIsStopping)) awaitTick();
+}
+
+void Server::awaitBell() {
+    fIsListening = true;
+    fBell.async_wait(asio::posix::stream_descriptor::wait_read,
+                     Armed(fIsListening, [this](const error_code& error) {
+                         if (!error) fShared.wakeup->serveAll();
+                     }));
+}
+
+// --- Accepting ---------------------------------------------------------------------------------
+
 void Server::accept() {
-    fAcceptor.async_accept([this](const error_code& error, tcp::socket socket) {
+    fIsAccepting = true;
+    fAcceptor.async_accept(Armed(fIsAccepting, [this](const error_code& error, tcp::socket socket) {
         onAccepted(error, std::move(socket));
-    });
+    }));
 }
 
 void Server::onAccepted(const error_code& error, tcp::socket socket) {
     if (fIsStopping) return;
-    if (!error) {
-        accept();  // first: whatever is thrown below, the next one is accepted
-        return admit(std::move(socket));
-    }
+    if (!error) return admit(std::move(socket));
     // Out of descriptors, most likely: to try again at once would be to spin.
-    fHouse.hub->log().write("cannot accept", error.message(), steady_clock::now());
+    log().write("cannot accept", error.message());
+    fIsAccepting = true;
     fRetry.expires_after(kAcceptAgain);
-    fRetry.async_wait([this](const error_code& cancelled) {
-        if (!cancelled) accept();
-    });
+    fRetry.async_wait(Armed(fIsAccepting, [](const error_code&) {}));
 }
 
 void Server::admit(tcp::socket socket) {
     static constexpr std::string_view kFull =
         "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    const auto& limits = fHouse.hub->options().limits;
+    const auto& limits = fShared.services.context->options.limits;
     error_code ignored;
-    if (fHouse.guests.size() >= limits.connections) {
-        fHouse.hub->peerLog().write("too many connections", {}, steady_clock::now());
+    if (fShared.connections.size() >= limits.connections) {
+        fShared.services.context->peerLog.write("too many connections", {});
         socket.non_blocking(true, ignored);
         socket.write_some(asio::buffer(kFull), ignored);
         return;
@@ -120,64 +140,68 @@ void Server::admit(tcp::socket socket) {
     evictOldest();
     closeOnExec(socket.native_handle());
     socket.set_option(tcp::no_delay(true), ignored);
-    serve(std::move(socket), fHouse);
-    if (!fIsTicking) tick();
+    serve(std::move(socket), fShared);
 }
 
-void Server::evictOldest() {
+void Server::evictOldest() noexcept {
     // To refuse the newest would let a few silent connections keep everybody out.
-    const auto limit = fHouse.hub->options().limits.unauthenticatedConnections;
+    const auto limit = fShared.services.context->options.limits.unauthenticatedConnections;
     std::size_t count = 0;
-    Guest* oldest = nullptr;
-    for (auto* guest : fHouse.guests) {
-        if (guest->isAuthenticated() || !guest->isOpen()) continue;
-        if (oldest == nullptr) oldest = guest;
+    ServedConnection* oldest = nullptr;
+    for (auto* connection : fShared.connections) {
+        if (connection->isAuthenticated() || !connection->isOpen()) continue;
+        if (oldest == nullptr) oldest = connection;
         ++count;
     }
     if (count < limit) return;
-    fHouse.hub->peerLog().write("too many connections that have not upgraded", {},
-                                steady_clock::now());
+    fShared.services.context->peerLog.write("too many connections that have not upgraded", {});
     oldest->drop();
 }
 
-void Server::tick() {
-    const auto now = steady_clock::now();
-    fIsTicking = !fHouse.guests.empty() || !fHouse.hub->isEmpty();
-    if (!fIsTicking) return;
-    // Armed first: whatever is thrown below, the limits go on being kept.
+// --- Time and the end --------------------------------------------------------------------------
+
+void Server::awaitTick() {
+    fIsTicking = true;
     fTick.expires_after(fPeriod);
-    fTick.async_wait([this](const error_code& error) {
+    fTick.async_wait(Armed(fIsTicking, [this](const error_code& error) {
         if (!error) tick();
-    });
-    fHouse.hub->tick(now);
-    const std::vector<Guest*> guests(fHouse.guests.begin(), fHouse.guests.end());
-    for (auto* guest : guests) guest->checkDeadline(now);
-    if (fIsStopping && now >= fStopBy) dropGuests(true);
+    }));
+}
+
+void Server::tick() noexcept {
+    const auto now = steady_clock::now();
+    fShared.services.views->tick(now);
+    // One that is looked at may take itself off the list, but no other.
+    for (auto at = fShared.connections.begin(); at != fShared.connections.end();) {
+        auto* const connection = *at++;
+        connection->checkTime(now);
+    }
+    if (fIsStopping && now >= fStopBy) dropConnections(true);
 }
 
 void Server::stop() noexcept {
     if (!fThread.joinable()) return;
-    asio::post(fContext, [this] { beginStop(); });
+    fMustStop = true;
+    fShared.wakeup->ring();
     fThread.join();
+    fShared.wakeup->close();
 }
 
-void Server::beginStop() {
-    // Nothing but the connections keeps the context running from here on.
+void Server::beginStop() noexcept {
     fIsStopping = true;
     fStopBy = steady_clock::now() + kFarewell;
     error_code ignored;
     fAcceptor.close(ignored);
-    fRetry.cancel();
-    dropGuests(false);
-    fHouse.hub->shut();
+    dropConnections(false);
+    fShared.services.views->shut();
     // Looks at the time more often now, since the end waits for it.
     fPeriod = kStoppingPeriod;
-    if (fIsTicking) tick();
+    fTick.cancel(ignored);
 }
 
-void Server::dropGuests(bool authenticatedToo) noexcept {
-    for (auto* guest : fHouse.guests) {
-        if (authenticatedToo || !guest->isAuthenticated()) guest->drop();
+void Server::dropConnections(bool authenticatedToo) noexcept {
+    for (auto* connection : fShared.connections) {
+        if (authenticatedToo || !connection->isAuthenticated()) connection->drop();
     }
 }
 

@@ -5,6 +5,8 @@
 #include <utility>
 #include <variant>
 
+#include "text/Escape.hpp"
+
 namespace kirogateway {
 namespace {
 
@@ -41,23 +43,22 @@ void Session::text(std::string_view bytes, bool isLast, TimePoint now) {
 void Session::handle(wire::PageMessage&& message, TimePoint now) {
     if (const auto* said = std::get_if<wire::Hello>(&message)) return hello(*said, now);
     if (fView == nullptr) throw std::runtime_error("hello comes first");
-    std::visit(
-        Overloaded{
-            [](const wire::Hello&) {},
-            [&](wire::Publish& said) { publish(std::move(said)); },
-            [&](const wire::Subscribe& said) { subscribe(said); },
-            [&](const wire::Unsubscribe& said) {
-                for (const auto& channel : said.channels) {
-                    fServices.views->unsubscribe(*fView, channel);
-                }
-            },
-            [&](const wire::BlockAnswer& said) { answer(said); },
-            [&](const wire::Ack& said) { fView->acknowledge(said.last); },
-            [&](const wire::ChannelName& said) { name(said); },
-            [&](const wire::Echo& said) { fView->sendControl(wire::echoText(said.id)); },
-            [&](const wire::Unknown& said) { refuse(said.what, {}, "unknown"); },
-        },
-        message);
+    std::visit(Overloaded{
+                   [](const wire::Hello&) {},
+                   [&](wire::Publish& said) { publish(std::move(said)); },
+                   [&](const wire::Subscribe& said) { subscribe(said); },
+                   [&](const wire::Unsubscribe& said) {
+                       for (const auto& channel : said.channels) {
+                           fServices.views->unsubscribe(*fView, channel);
+                       }
+                   },
+                   [&](const wire::BlockAnswer& said) { answer(said); },
+                   [&](const wire::Ack& said) { fView->acknowledge(said.last); },
+                   [&](const wire::ChannelName& said) { name(said); },
+                   [&](const wire::Echo& said) { fView->sendControl(wire::echoText(said.id)); },
+                   [&](const wire::Unknown& said) { refuse(said.what, {}, "unknown"); },
+               },
+               message);
 }
 
 void Session::hello(const wire::Hello& hello, TimePoint now) {
@@ -148,7 +149,7 @@ View* Session::viewHere() const noexcept {
 void Session::refuse(std::string_view what, std::string_view channel, std::string_view reason) {
     static constexpr std::size_t kMaxEcho = 256;
     ++fServices.context->counters->refusals;
-    fServices.context->peerLog.write("refused a page's " + escaped(what), channel);
+    fServices.context->peerLog.write("refused a page's " + text::escaped(what), channel);
     // A cut within a character would make the answer invalid, so what is too long is left out.
     if (channel.size() > kMaxEcho) channel = {};
     if (what.size() > kMaxEcho) what = {};

@@ -79,7 +79,7 @@ class View {
 
     /// What a connection begins with.
     struct Greeting {
-        std::list<std::string> hello;    ///< one frame
+        std::list<std::string> hello;   ///< one frame
         std::size_t channelsNamed = 0;  ///< the block channels in it
     };
 

@@ -9,6 +9,7 @@
 #include "Secrets.hpp"
 #include "WebSocketFrame.hpp"
 #include "kiroutils/Logger.hpp"
+#include "text/Escape.hpp"
 
 namespace kirogateway {
 namespace {
@@ -147,11 +148,10 @@ std::shared_ptr<View> ViewRegistry::begin(const wire::Hello& hello, Arrival& arr
     // What may fail comes first.
     View::Identity identity{randomHex(kViewBytes), fViewCount + 1, hello.client};
     const auto kind = identity.count > 1 ? wire::ViewKind::kFurther : wire::ViewKind::kFirst;
-    auto prepared =
-        prepare(hello, {identity.name, kind, 1, {}, {}, {}, endedText(hello.view)}, {});
-    const auto view = std::make_shared<View>(std::move(identity),
-                                             View::Abilities{hello.resume, hello.maxBlock},
-                                             fContext, fWakeup, fLanes, now);
+    auto prepared = prepare(hello, {identity.name, kind, 1, {}, {}, {}, endedText(hello.view)}, {});
+    const auto view =
+        std::make_shared<View>(std::move(identity), View::Abilities{hello.resume, hello.maxBlock},
+                               fContext, fWakeup, fLanes, now);
     view->setSubscriptions(std::move(prepared.subscriptions));
     addView(view);
     // What has begun from here on cannot fail. When the page reads the hello, it counts;
@@ -267,7 +267,7 @@ void ViewRegistry::recordDisconnect(const View& view, std::string_view why) noex
         auto& logger = kiroutils::Logger::instance();
         if (!logger.isHistoryEnabled("DrawnowTimeout")) return;
         logger.log("DrawnowTimeout",
-                   historyText("Page Disconnected", event + ": " + escaped(client)));
+                   historyText("Page Disconnected", event + ": " + text::escaped(client)));
     });
 }
 

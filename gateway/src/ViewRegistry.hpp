@@ -30,8 +30,8 @@ class ViewRegistry {
     using Views = std::vector<std::shared_ptr<View>>;
 
     /// `lastPageGone` is called on the gateway's thread; what it throws is logged.
-    ViewRegistry(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup,
-                 Inbound& inbound, std::function<void()> lastPageGone);
+    ViewRegistry(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup, Inbound& inbound,
+                 std::function<void()> lastPageGone);
 
     // --- Any thread ---
 

@@ -22,9 +22,17 @@ int makeEvent() {
 Wakeup::Wakeup() : fDescriptor(makeEvent()) {}
 
 Wakeup::~Wakeup() {
+    close();
+    ::close(fDescriptor);
+}
+
+void Wakeup::close() noexcept {
+    {
+        annotated::Lock lock(fMutex);
+        fIsClosed = true;
+    }
     while (pop() != nullptr) {
     }
-    ::close(fDescriptor);
 }
 
 void Wakeup::ring() const noexcept {
@@ -37,6 +45,7 @@ void Wakeup::push(std::shared_ptr<Target> target) noexcept {
     bool isFirst = false;
     {
         annotated::Lock lock(fMutex);
+        if (fIsClosed) return;
         auto* added = target.get();
         isFirst = fFirst == nullptr;
         (isFirst ? fFirst : fLast->fNext) = added;

@@ -51,6 +51,8 @@ class Wakeup {
     [[nodiscard]] int descriptor() const noexcept { return fDescriptor; }
     /// The gateway's thread.
     void serveAll() noexcept;
+    /// Forgets all requests, and those to come: that thread is no more.
+    void close() noexcept;
 
   private:
     void push(std::shared_ptr<Target> target) noexcept;
@@ -60,6 +62,7 @@ class Wakeup {
     annotated::Mutex fMutex;
     Target* fFirst GUARDED_BY(fMutex) = nullptr;
     Target* fLast GUARDED_BY(fMutex) = nullptr;
+    bool fIsClosed GUARDED_BY(fMutex) = false;
 };
 
 }  // namespace kirogateway

@@ -13,33 +13,36 @@
 #include <string>
 #include <utility>
 
+#include "Socket.hpp"
+
 namespace kirogateway {
 
 /// The stream beneath Beast's WebSocket: a TCP socket, with TLS or without.
 ///
 /// Beast writes frames of its own accord, to answer pings and close frames. They must not land in
-/// the middle of a frame that a publishing thread has begun, so what Beast writes once a page is
-/// there goes to the page, which writes it between two frames. One thread.
+/// the middle of a frame that a publishing thread has begun, so what Beast writes once a view is
+/// there goes to the view, which writes it between two frames. One thread.
 class Wire {
   public:
     using executor_type = boost::asio::ip::tcp::socket::executor_type;
     using Sink = std::function<void(std::string)>;
 
-    Wire(boost::asio::ip::tcp::socket socket, boost::asio::ssl::context* tls)
-        : fSocket(std::move(socket)) {
+    Wire(std::shared_ptr<Socket> socket, boost::asio::ssl::context* tls)
+        : fShared(std::move(socket)), fSocket(fShared->native()) {
         if (tls != nullptr) fTls = std::make_unique<TlsStream>(fSocket, *tls);
     }
 
     executor_type get_executor() { return fSocket.get_executor(); }
-    [[nodiscard]] boost::asio::ip::tcp::socket& socket() noexcept { return fSocket; }
-    [[nodiscard]] bool isOpen() const noexcept { return fSocket.is_open(); }
+    [[nodiscard]] const std::shared_ptr<Socket>& shared() const noexcept { return fShared; }
     [[nodiscard]] bool isTls() const noexcept { return fTls != nullptr; }
 
     /// From now on what Beast writes goes to `sink`; an empty one drops it.
-    void redirect(Sink sink) {
+    void redirect(Sink sink) noexcept {
         fIsRedirected = true;
         fSink = std::move(sink);
     }
+    /// What Beast writes goes to the socket again.
+    void restore() noexcept { fIsRedirected = false; }
 
     template <typename Handler>
     void handshake(Handler handler) {
@@ -101,17 +104,15 @@ class Wire {
             boost::beast::bind_handler(std::move(handler), boost::system::error_code(), size));
     }
 
-    boost::asio::ip::tcp::socket fSocket;
+    const std::shared_ptr<Socket> fShared;
+    boost::asio::ip::tcp::socket& fSocket;
     std::unique_ptr<TlsStream> fTls;
     bool fIsRedirected = false;
     Sink fSink;
 };
 
 /// Beast ends a connection with these; its owner does that here, with patience.
-inline void beast_close_socket(Wire& wire) {
-    boost::system::error_code ignored;
-    wire.socket().close(ignored);
-}
+inline void beast_close_socket(Wire& wire) { wire.shared()->shutdown(); }
 
 inline void teardown(boost::beast::role_type /*role*/, Wire& /*wire*/,
                      boost::system::error_code& error) {

@@ -1,13 +1,5 @@
 # Installs BUILD_DIR below WORK_DIR, moves the installed tree, and fails when a file in it still
-# knows where it was built or first installed, or when the README shows another program than the one
-# that is built with it.
-file(READ ${SOURCE_DIR}/README.md _readme)
-file(READ ${CMAKE_CURRENT_LIST_DIR}/project/figure.cpp _program)
-string(FIND "${_readme}" "```cpp\n${_program}```" _place)
-if(_place EQUAL -1)
-    message(FATAL_ERROR "The README's program is not tests/consumer/project/figure.cpp")
-endif()
-
+# knows where it was built or first installed. Makes projects of the README's programs.
 file(REMOVE_RECURSE ${WORK_DIR})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/staged
                 OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
@@ -19,3 +11,31 @@ execute_process(
 if(NOT _result EQUAL 1)
     message(FATAL_ERROR "Paths of the build in installed files:\n${_files}")
 endif()
+
+file(READ ${SOURCE_DIR}/README.md _readme)
+
+# The text of the README's first block in `language` below `heading`.
+function(readme_block heading language result)
+    string(FIND "${_readme}" "\n## ${heading}\n" _begin)
+    string(SUBSTRING "${_readme}" ${_begin} -1 _rest)
+    set(_open "\n```${language}\n")
+    string(FIND "${_rest}" "${_open}" _begin)
+    string(LENGTH "${_open}" _length)
+    math(EXPR _begin "${_begin} + ${_length}")
+    string(SUBSTRING "${_rest}" ${_begin} -1 _rest)
+    string(FIND "${_rest}" "```\n" _end)
+    string(SUBSTRING "${_rest}" 0 ${_end} _block)
+    set(${result} "${_block}" PARENT_SCOPE)
+endfunction()
+
+# The program and the project below `heading`, as WORK_DIR/name.
+function(readme_project heading name)
+    readme_block("${heading}" cpp _program)
+    readme_block("${heading}" cmake _project)
+    file(WRITE ${WORK_DIR}/${name}/${name}.cpp "${_program}")
+    file(WRITE ${WORK_DIR}/${name}/CMakeLists.txt
+         "cmake_minimum_required(VERSION 3.25)\nproject(${name} LANGUAGES CXX)\n${_project}")
+endfunction()
+
+readme_project("A library in thirty lines" figure)
+readme_project("Serving pages" page)

@@ -7,7 +7,6 @@
 #include "ChannelList.hpp"
 #include "GuardedLog.hpp"
 #include "PageMessages.hpp"
-#include "Secrets.hpp"
 #include "TextEncoding.hpp"
 #include "kirohost/Controls.hpp"
 
@@ -95,16 +94,11 @@ TEST(GuardedLog, EscapesAndCountsWhatItLeavesOut) {
     EXPECT_LT(burst, 50U);
     log.write("later", "", start + std::chrono::minutes(1));
     EXPECT_EQ(lines.back(), "later (" + std::to_string(1000 - burst) + " lines left out before)");
-}
-
-TEST(Secrets, CompareWholeAndForgetACode) {
-    const Secrets::TimePoint start{std::chrono::hours(1)};
-    Secrets secrets(std::chrono::seconds(60));
-    const auto token = secrets.token();
-    EXPECT_EQ(token.size(), 64U);
-    EXPECT_NE(token, secrets.cookie());
-    for (const auto& given : {token.substr(1) + token[0], ""s, token + "0", token.substr(1)}) {
-        EXPECT_FALSE(secrets.isToken(given));
+    {
+        const auto throwing = kirohost::observeLog(
+            [](const kirohost::LogRecord&) { throw std::runtime_error("no observer"); });
+        log.write("lost", "", start + std::chrono::minutes(2));
     }
-    EXPECT_FALSE(secrets.useCode(secrets.makeCode(start), start + std::chrono::seconds(61)));
+    log.write("found", "", start + std::chrono::minutes(3));
+    EXPECT_EQ(lines.back(), "found (1 lines left out before)");
 }

@@ -51,7 +51,7 @@ class GatewayTest : public testing::Test {
         }
         fGateway = std::make_unique<kirogateway::Gateway>(fOptions);
         fAccess.port = fGateway->port();
-        fCookie = fetchCookie(fAccess, fGateway->link());
+        fToken = secretOf(fGateway->link());
     }
     void publish(const std::string& channel, std::string_view text) {
         fService->publish(channel, {channel, text.data(), text.size()});
@@ -63,7 +63,7 @@ class GatewayTest : public testing::Test {
     /// A peer that has upgraded.
     Peer connect() {
         Peer peer(fAccess);
-        peer.send(upgradeRequest(fAccess, fCookie));
+        peer.send(upgradeRequest(fAccess, fToken));
         const auto head = peer.readHead();
         EXPECT_TRUE(head.starts_with("HTTP/1.1 101")) << head;
         return peer;
@@ -102,7 +102,7 @@ class GatewayTest : public testing::Test {
         relay::binary::experimental::createBinaryStream("/bin", {{"returnOnFail", "true"}});
     std::unique_ptr<kirogateway::Gateway> fGateway;
     Access fAccess;
-    std::string fCookie;
+    std::string fToken;
     boost::json::object fHello;  ///< of the last that joined
     std::string fAnnouncement;   ///< of it, to the engine
 };

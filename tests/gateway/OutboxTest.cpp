@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "Buffers.hpp"
 #include "Frames.hpp"
 #include "PageMessages.hpp"
+#include "WebSocketFrame.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 
 using namespace kirogateway;
@@ -23,6 +25,7 @@ namespace {
 class OutboxTest : public testing::Test {
   protected:
     using Future = relay::Future<SendResult>;
+    using Added = Outbox::Added;
 
     static Limits smallLimits() {
         Limits limits;
@@ -37,38 +40,49 @@ class OutboxTest : public testing::Test {
     /// Adds a block that one page has joined; answers what becomes of it.
     Future addBlock(std::size_t size) {
         auto future = fStream->send(support::bufferOf(std::string(size, 'b')));
-        auto transfer = std::make_shared<Transfer>(*std::move(fDelivery), fCounters);
+        const auto transfer =
+            std::make_shared<Transfer>(*std::move(fDelivery), fCounters, Charge());
         transfer->join();
         transfer->close(true);
-        EXPECT_TRUE(fOutbox.addBlock(0, "/bin", std::move(transfer), fNow));
+        EXPECT_EQ(fOutbox->addBlock(0, "/bin", transfer, fNow), Added::kYes);
         return future;
     }
+    Added tryText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
+        return fOutbox->addText({channel, text, false, lane, nullptr}, fNow);
+    }
     void addText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
-        EXPECT_TRUE(fOutbox.addText(lane, channel, text, false, fNow));
+        EXPECT_EQ(tryText(text, channel, lane), Added::kYes);
+    }
+    Added addShared(std::size_t size) {
+        const auto shared = std::make_shared<SharedText>();
+        shared->text = std::make_shared<const std::string>(size, 's');
+        return fOutbox->addText({"/shared", *shared->text, false, 0, shared}, fNow);
+    }
+    void greet(const std::string& hello, std::size_t channelsNamed = 0) {
+        fOutbox->begin({makeFrame(Opcode::kText, hello)}, channelsNamed, true);
     }
     /// Writes all that can be written, `step` bytes at a time.
     std::vector<Frame> write(std::size_t step = 1000000) {
         std::string bytes;
         for (;;) {
-            const auto pending = fOutbox.pending(fNow);
-            auto all = std::string(pending[0]) + std::string(pending[1]);
+            std::string all;
+            for (const auto stretch : fOutbox->pending()) all += stretch;
             if (all.empty()) break;
             all.resize(std::min(all.size(), step));
             bytes += all;
-            fOutbox.written(all.size());
+            fOutbox->written(all.size());
         }
         auto frames = gatewaytest::takeFrames(bytes);
         EXPECT_TRUE(bytes.empty()) << "part of a frame";
         return frames;
     }
-    void answer(std::uint64_t transfer, bool ok) {
-        fOutbox.answer(transfer, ok, fLeaving);
-        end();
+    void writePart(std::size_t size) {
+        static_cast<void>(fOutbox->pending());
+        fOutbox->written(size);
     }
-    /// What the outbox has let go of is over.
-    void end() {
-        for (auto& [transfer, hasBlock] : fLeaving) transfer->leave(hasBlock);
-        fLeaving.clear();
+    void answer(std::uint64_t transfer, bool ok) {
+        fOutbox->answer(transfer, ok, fLeft);
+        leaveAll(fLeft);
     }
     static std::vector<std::string> textsOf(const std::vector<Frame>& frames) {
         std::vector<std::string> texts;
@@ -95,8 +109,10 @@ class OutboxTest : public testing::Test {
     ClientEnd fEnd{"/bin", [this](Delivery delivery) { fDelivery = std::move(delivery); }};
     std::shared_ptr<BinaryStream> fStream = createBinaryStream("/bin", {{"returnOnFail", "true"}});
     std::shared_ptr<Counters> fCounters = std::make_shared<Counters>();
-    Outbox fOutbox{fLimits, 2, true};
-    LeavingList fLeaving;
+    const std::shared_ptr<Budget> fMemory = std::make_shared<Budget>(200000);
+    const std::shared_ptr<Budget> fLost = std::make_shared<Budget>(50000);
+    std::optional<Outbox> fOutbox{std::in_place, fLimits, 2U, true, fMemory};
+    PageBlocks fLeft;
     Outbox::TimePoint fNow{std::chrono::hours(1)};
 };
 
@@ -105,7 +121,7 @@ class OutboxTest : public testing::Test {
 TEST_F(OutboxTest, BatchesTextsAndNamesEachChannelOnce) {
     addText("1", "/a");
     addText("2", "/a");
-    EXPECT_TRUE(fOutbox.addText(0, "/b", "/w==", true, fNow));
+    EXPECT_EQ(fOutbox->addText({"/b", "/w==", true, 0, nullptr}, fNow), Added::kYes);
     addText("", "/b");
     addText("5", "");  // cannot be named behind another
     addText("6", "");
@@ -120,9 +136,10 @@ TEST_F(OutboxTest, BatchesTextsAndNamesEachChannelOnce) {
     for (const std::size_t size : {121U, 122U, 123U, 65530U, 66000U}) {
         addText(std::string(size, 'x'));
         EXPECT_EQ(readBatch(write(777).at(0).payload)[0].text.size(), size);
-        fOutbox.acknowledge(fOutbox.next() - 1);
+        fOutbox->acknowledge(fOutbox->next() - 1);
     }
-    EXPECT_EQ(fOutbox.bytes(), 0U);
+    EXPECT_EQ(fOutbox->bytes(), 0U);
+    EXPECT_EQ(fMemory->used(), 0U);
 }
 
 TEST_F(OutboxTest, KeepsACommandBehindTheBlocksBeforeIt) {
@@ -130,7 +147,7 @@ TEST_F(OutboxTest, KeepsACommandBehindTheBlocksBeforeIt) {
     std::vector<Future> futures;
     for (int i = 0; i < 3; ++i) futures.push_back(addBlock(50));
     addText("b");
-    fOutbox.greet("{}", 0);
+    greet("{}");
     // Two blocks under way are enough: the third and what is behind it wait for an answer.
     EXPECT_EQ(textsOf(write()), (Texts{"{}", kChannel, "1 a", "block 2", "block 3"}));
     answer(2, true);
@@ -169,20 +186,23 @@ TEST_F(OutboxTest, WritesAgainWhatAReturnedPageMissed) {
     auto second = addBlock(150);
     addText("b");
     static_cast<void>(write());
-    fOutbox.acknowledge(1);
-    fOutbox.acknowledge(0);  // never back
+    fOutbox->acknowledge(1);
+    fOutbox->acknowledge(0);   // never back
+    fOutbox->acknowledge(99);  // nor what was never sent
     addText("c");
     // The connection breaks in the middle of a frame.
-    static_cast<void>(fOutbox.pending(fNow));
-    fOutbox.written(3);
-    EXPECT_FALSE(fOutbox.detach().empty());
-    EXPECT_FALSE(fOutbox.canResume(0) || fOutbox.canResume(5));
-    ASSERT_TRUE(fOutbox.canResume(2));
-    fOutbox.resume(2, {}, fLeaving);
-    end();
+    writePart(3);
+    EXPECT_TRUE(fOutbox->isWithinFrame());
+    EXPECT_EQ(fOutbox->restOfFrame(), "\x1e/c\x1f" "c");
+    fOutbox->detach();
+    EXPECT_FALSE(fOutbox->canResume(0) || fOutbox->canResume(5));
+    ASSERT_TRUE(fOutbox->canResume(2));
+    fOutbox->resume(2, {}, fLeft);
+    leaveAll(fLeft);
     EXPECT_TRUE(first.get().delivered);  // its answer was lost
     addText("d");
-    EXPECT_EQ(textsOf(write()), (Texts{"piece", "block 3", "4 b", "5 c", "6 d"}));
+    greet("{}", 1);
+    EXPECT_EQ(textsOf(write()), (Texts{"{}", "piece", "block 3", "4 b", "5 c", "6 d"}));
     answer(2, true);
     EXPECT_TRUE(second.get().delivered);
 }
@@ -191,35 +211,160 @@ TEST_F(OutboxTest, DropsLateBlocksButNotInTheMiddleOfAFrame) {
     auto sent = addBlock(40);
     static_cast<void>(write());
     auto pieces = addBlock(150);
-    static_cast<void>(fOutbox.pending(fNow));
-    fOutbox.written(fOutbox.pending(fNow)[0].size() + 100);  // the first piece
+    static_cast<void>(fOutbox->pending());
+    writePart(fOutbox->pending()[0].size() + 100);  // the first piece
     fNow += std::chrono::seconds(1);
     auto young = addBlock(40);
-    EXPECT_TRUE(fOutbox.dropBlocksBefore(fNow, fLeaving));
-    end();
+    fOutbox->dropBlocksBefore(fNow, fLeft);
+    leaveAll(fLeft);
     EXPECT_FALSE(sent.get().delivered || pieces.get().delivered);
     EXPECT_EQ(textsOf(write(10)), (Texts{R"({"t":"withdrawn","transfer":2})", "block 2"}));
 
     auto cut = addBlock(50);
-    static_cast<void>(fOutbox.pending(fNow));
-    fOutbox.written(20);
-    EXPECT_FALSE(fOutbox.dropBlocksBefore(fNow + std::chrono::seconds(1), fLeaving));
-    end();
-    EXPECT_FALSE(young.get().delivered);
+    auto waiting = addBlock(50);
+    writePart(20);
+    fOutbox->dropBlocksBefore(fNow + std::chrono::seconds(1), fLeft);
+    leaveAll(fLeft);
+    EXPECT_FALSE(young.get().delivered || waiting.get().delivered);
     EXPECT_FALSE(cut.isReady());
-    static_cast<void>(fOutbox.detach());
-    fOutbox.dropBlocks(fLeaving);
-    end();
+    fOutbox->detach();
+    fOutbox->dropBlocks(fLeft);
+    leaveAll(fLeft);
     EXPECT_FALSE(cut.get().delivered);
+    fOutbox->resume(2, {}, fLeft);
+    EXPECT_EQ(textsOf(write()), (Texts{R"({"t":"withdrawn","transfer":4,"number":3})"}));
 }
 
-TEST_F(OutboxTest, RefusesMoreThanItMayHoldAndSaysForHowLongItHasWaited) {
-    std::size_t count = 0;
-    while (fOutbox.addText(0, "/c", std::string(500, 'x'), false, fNow)) ++count;
-    EXPECT_GT(count, 150U);
-    EXPECT_LE(fOutbox.bytes(), fLimits.queueSize);
-    fNow += std::chrono::seconds(3);
-    EXPECT_EQ(fNow - fOutbox.waitingSince(fNow), std::chrono::seconds(3));
+TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
+    EXPECT_EQ(addShared(150000), Added::kYes) << "whoever shares it has counted it";
+    EXPECT_LT(fMemory->used(), 1000U);
+    EXPECT_GT(fOutbox->bytes(), 150000U);
+    while (tryText(std::string(500, 'x')) == Added::kYes) {
+    }
+    EXPECT_EQ(tryText(std::string(500, 'x')), Added::kNoMemory);
+    EXPECT_GT(fMemory->used(), 150000U);
+    const auto frames = write(999);
+    EXPECT_EQ(readBatch(frames.at(0).payload).at(0).text, std::string(150000, 's'));
+    EXPECT_EQ(readBatch(frames.at(1).payload).at(0).number, 2U);
+    EXPECT_EQ(fOutbox->load().waiting, 0U);
+    fOutbox->acknowledge(fOutbox->next() - 1);
+    EXPECT_EQ(fMemory->used() + fOutbox->bytes(), 0U);
+
+    auto block = addBlock(60000);
+    addText("kept");
+    fOutbox->detach();
+    fOutbox->countAsLost(fLost);
+    EXPECT_TRUE(fLost->isExceeded());
+    EXPECT_EQ(tryText("more", "/d"), Added::kYes) << "there is room in its batch";
+    EXPECT_EQ(tryText(std::string(600, 'x')), Added::kNoLostRoom);
+    EXPECT_EQ(fMemory->used() + 60000, fOutbox->bytes());
+    greet("{}");
+    EXPECT_EQ(fLost->used(), 0U);
+    addText(std::string(600, 'x'));
+    fOutbox->detach();
+    fOutbox->countAsLost(fLost);
+    fOutbox->clear(fLeft);
+    EXPECT_EQ(fOutbox->bytes() + fLost->used() + fMemory->used(), 0U);
+    addText("again");
+    fOutbox->reset();
+    EXPECT_EQ(fLost->used() + fMemory->used(), 0U);
+}
+
+TEST_F(OutboxTest, ForgetsTextsWhileOneIsBeingWritten) {
+    addText("a");
     static_cast<void>(write());
-    EXPECT_EQ(fOutbox.waitingSince(fNow), fNow);
+    addText(std::string(2000, 'b'));
+    addText("c");
+    auto block = addBlock(9);
+    const auto pending = fOutbox->pending();  // which somebody writes without a lock
+    const auto body = pending[1];
+    fOutbox->forgetTexts();
+    EXPECT_EQ(body, "/c\x1f" + std::string(2000, 'b'));
+    EXPECT_LT(fOutbox->load().kept + fOutbox->load().waiting, 5000U);
+    EXPECT_EQ(textsOf(write()), (Texts{"2 " + std::string(2000, 'b'), kChannel, "block 3"}));
+    fOutbox->clear(fLeft);
+    leaveAll(fLeft);
+    EXPECT_EQ(fMemory->used() + fOutbox->load().kept, 0U);
+}
+
+namespace {
+
+class PaceTest : public testing::Test {
+  protected:
+    /// Looks every second; returns when the page is too slow, 0 when it is not within a minute.
+    template <typename Step>
+    int secondsUntilTooSlow(const Step& step) {
+        for (int second = 1; second <= 60; ++second) {
+            fNow += std::chrono::seconds(1);
+            step();
+            if (fPace.look(fLoad, fNow) != nullptr) return second;
+        }
+        return 0;
+    }
+    void send(std::size_t bytes) {
+        fLoad.waiting += bytes;
+        fLoad.added += bytes;
+    }
+    void take(std::size_t bytes) {
+        fLoad.waiting -= bytes;
+        fLoad.kept += bytes;
+        fLoad.taken += bytes;
+    }
+    void acknowledge(std::size_t bytes) {
+        fLoad.kept -= bytes;
+        fLoad.released += bytes;
+    }
+
+    Pace::TimePoint fNow{std::chrono::hours(1)};
+    Pace fPace{1000, std::chrono::seconds(10)};
+    Pace::Load fLoad;
+};
+
+}  // namespace
+
+TEST_F(PaceTest, TellsASlowPageFromOneThatIsSentMuch) {
+    fPace.restart(fNow);
+    const auto nothing = [] {};
+    EXPECT_EQ(secondsUntilTooSlow(nothing), 0) << "nothing waits";
+    send(1);
+    EXPECT_EQ(secondsUntilTooSlow(nothing), 11);
+    fPace.restart(fNow);
+    EXPECT_EQ(secondsUntilTooSlow(nothing), 11) << "a new connection has its time again";
+
+    take(1);
+    acknowledge(1);
+    fPace.restart(fNow);
+    send(100000);
+    EXPECT_EQ(secondsUntilTooSlow([this] { take(1000); }), 0) << "one message, being taken";
+    EXPECT_EQ(fLoad.waiting, 40000U);
+    EXPECT_EQ(secondsUntilTooSlow([this] {
+                  send(1000);
+                  take(1000);
+              }),
+              0)
+        << "it follows";
+    EXPECT_EQ(secondsUntilTooSlow([this] {
+                  send(1000);
+                  take(900);
+              }),
+              11);
+}
+
+TEST_F(PaceTest, WaitsForAcknowledgementsOfWhatWasTaken) {
+    fPace.restart(fNow);
+    send(5000);
+    take(5000);
+    EXPECT_EQ(secondsUntilTooSlow([this] {
+                  send(500);
+                  take(500);
+                  acknowledge(500);
+              }),
+              0);
+    const int slow = secondsUntilTooSlow([this] {
+        send(500);
+        take(500);
+        acknowledge(100);
+    });
+    EXPECT_GT(slow, 0);
+    EXPECT_LE(slow, 22);
 }

@@ -129,22 +129,17 @@ void Peer::cut() {
 
 void Peer::closeWriting() const { fSocket->shutdown(Socket::shutdown_send); }
 
-std::string upgradeRequest(const Access& access, std::string_view cookie) {
+std::string upgradeRequest(const Access& access, std::string_view token) {
     return "GET /kiroweb HTTP/1.1\r\nHost: " + access.host() + "\r\nOrigin: " + access.origin() +
            "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
-           "Sec-WebSocket-Protocol: kiroweb.v1\r\nCookie: other=1; " +
-           std::string(cookie) + "\r\n\r\n";
+           "Sec-WebSocket-Protocol: kiroweb.v1, kiroweb.token." +
+           std::string(token) + "\r\n\r\n";
 }
 
-std::string fetchCookie(const Access& access, std::string_view link) {
-    Peer peer(access);
-    peer.send("GET " + std::string(link.substr(link.find("/?"))) +
-              " HTTP/1.1\r\nHost: " + access.host() + "\r\n\r\n");
-    const auto head = peer.readHead();
-    const auto begin = head.find("Set-Cookie: ");
-    if (begin == std::string::npos) return {};
-    return head.substr(begin + 12, head.find(';', begin) - begin - 12);
+std::string secretOf(std::string_view link) {
+    const auto fragment = link.substr(link.find('#'));
+    return std::string(fragment.substr(fragment.find('=') + 1));
 }
 
 }  // namespace gatewaytest

@@ -65,9 +65,9 @@ class Peer {
     std::deque<Frame> fFrames;
 };
 
-/// A well-formed upgrade with the cookie.
-std::string upgradeRequest(const Access& access, std::string_view cookie);
-/// Exchanges the token of `link` for the cookie, "name=value".
-std::string fetchCookie(const Access& access, std::string_view link);
+/// A well-formed upgrade that offers the token.
+std::string upgradeRequest(const Access& access, std::string_view token);
+/// What stands behind "#token=" or "#code=" in `link`.
+std::string secretOf(std::string_view link);
 
 }  // namespace gatewaytest

@@ -33,8 +33,10 @@ struct Statistics {
 /// Callbacks of binary receivers run on that thread when a page sends a block.
 class KIROGATEWAY_EXPORT Gateway {
   public:
-    /// Starts to serve. Throws std::invalid_argument for options that contradict themselves,
-    /// std::system_error when the address cannot be had or a TLS file is not usable.
+    /// Starts to serve. Throws std::invalid_argument for options that cannot be meant,
+    /// std::system_error when the address cannot be had, a TLS file is not usable or the system
+    /// gives no thread. The text is one line, which names the option, address or file and says
+    /// what to do.
     explicit Gateway(Options options);
     /// As `stop`.
     ~Gateway();
@@ -47,10 +49,14 @@ class KIROGATEWAY_EXPORT Gateway {
 
     [[nodiscard]] std::uint16_t port() const noexcept;
 
-    /// The address that lets its holder in as long as the gateway lives. Not to be logged.
+    /// The address that lets its holder in as long as the gateway lives:
+    /// "http://HOST:PORT/#token=TOKEN". What stands behind "#" never leaves a browser; it is the
+    /// page that offers it to the gateway. Not to be logged.
     [[nodiscard]] std::string link() const;
-    /// A further address each time, good for one use within a limited time: for command lines,
-    /// which others can see.
+    /// A further address each time, "http://HOST:PORT/#code=CODE", for command lines, which others
+    /// can see: the page exchanges the code for the token, once and within `Limits::code`. At most
+    /// 16 codes are good at a time; a further one ends the oldest. Throws std::system_error when
+    /// the system has no random numbers.
     [[nodiscard]] std::string singleUseLink();
 
     /// Whether a page was there and none is any more. A page that closed its connection is gone

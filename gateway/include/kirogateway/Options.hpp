@@ -13,23 +13,41 @@ namespace kirogateway {
 
 /// One file that the gateway serves, whole and from memory.
 struct Asset {
-    std::string name;  ///< the path in the address, with its slash: "/", "/client.js"
+    /// The path in the address, with its slash and as it stands there: "/", "/client.js". Not
+    /// "/kiroweb" and "/kiroweb/token", where the gateway itself answers.
+    std::string name;
     std::string contentType;
     std::string body;
 };
 
-/// Reads `file` and takes the type from its ending. Throws std::runtime_error when the file cannot
-/// be read or its ending is not one that a page uses.
+/// Reads `file` and takes the type from its ending. Throws std::runtime_error, whose text names the
+/// file, when it cannot be read or its ending is not one that a page uses.
 [[nodiscard]] KIROGATEWAY_EXPORT Asset loadAsset(const std::string& name, const std::string& file);
 
-/// Bounds. Sizes are bytes. All of them are greater than 0.
+/// Returns the modules with which a page speaks to the gateway: "/kiroweb/protocol.mjs", whose
+/// `Connection` a page uses, and those that it imports, beside it. They are part of the library,
+/// so no file is read. A page's own assets are added to them. Throws std::bad_alloc only.
+[[nodiscard]] KIROGATEWAY_EXPORT std::vector<Asset> clientAssets();
+
+/// Bounds. Sizes are bytes. All of them are greater than 0, and times are at most a year.
 struct Limits {
-    std::size_t headerSize = 8 * 1024;             ///< of an HTTP request
-    std::size_t messageSize = 4 * 1024 * 1024;     ///< of a frame or message from a page
-    std::size_t connections = 64;                  ///< all together
-    std::size_t unauthenticatedConnections = 16;   ///< those that have not upgraded
-    std::size_t subscriptions = 1024;              ///< of one page
-    std::size_t queueSize = 64 * 1024 * 1024;      ///< what waits for one page
+    std::size_t headerSize = 8 * 1024;            ///< of an HTTP request; below 4 GiB
+    std::size_t messageSize = 4 * 1024 * 1024;    ///< of a frame or message from a page
+    std::size_t namesPerFrame = 1024;             ///< channels named in one frame from a page
+    std::size_t undelivered = 4 * 1024 * 1024;    ///< of what a page published and nobody in the
+                                                  ///< process has had yet; above it the page is
+                                                  ///< not read from
+    std::size_t connections = 64;                 ///< all together
+    std::size_t unauthenticatedConnections = 16;  ///< those that have not upgraded
+    std::size_t subscriptions = 1024;             ///< of one page
+    /// The share of one view in what waits. A page is too slow when it is beyond its share for
+    /// longer than `queue` while it takes less than it is sent.
+    std::size_t queueSize = 64 * 1024 * 1024;
+    /// All that waits in the process, over all views, blocks included, each shared byte once. When
+    /// it is used up, the view that holds most ends.
+    std::size_t memory = 1024 * 1024 * 1024;
+    std::size_t lostViews = 64;                    ///< without a connection; the oldest ends first
+    std::size_t lostMemory = 256 * 1024 * 1024;    ///< kept for all of them together
     std::size_t blocksUnderWay = 8;                ///< sent to one page and not answered
     std::size_t bytesUnderWay = 32 * 1024 * 1024;  ///< in such blocks, unless it is a single one
     std::size_t pieceSize = 4 * 1024 * 1024;       ///< larger blocks go in pieces of this size
@@ -37,7 +55,8 @@ struct Limits {
 
     std::chrono::milliseconds request{5000};    ///< from a connection's start to its full header
     std::chrono::milliseconds hello{5000};      ///< from the upgrade to the page's hello
-    std::chrono::milliseconds queue{10000};     ///< how long something may wait for a page
+    std::chrono::milliseconds queue{10000};     ///< how long a page may take nothing while
+                                                ///< something waits, or stay beyond its share
     std::chrono::milliseconds block{10000};     ///< how long a block may be unanswered
     std::chrono::milliseconds ping{10000};      ///< silence after which a page is pinged
     std::chrono::milliseconds gone{1000};       ///< from a lost connection to "the page is gone"
@@ -46,29 +65,35 @@ struct Limits {
     std::chrono::milliseconds code{60000};      ///< how long a single-use code is good
 };
 
-/// What a gateway does. Channels may end in "/*", with the meaning that this has everywhere.
+/// What a gateway does. Lists of channels may have names that end in "/*", with the meaning that
+/// this has everywhere.
 struct Options {
     std::string address = "127.0.0.1";  ///< a numeric address; another than loopback is a choice
     std::uint16_t port = 0;             ///< 0: one that is free
     /// Further hosts, as they stand in a request ("plot.example:8080"), and further origins
-    /// ("http://localhost:5173"), compared exactly.
+    /// ("http://localhost:5173"), compared exactly. The port is left out where a browser does.
     std::vector<std::string> extraHosts;
     std::vector<std::string> extraOrigins;
-    /// PEM files; both empty: no TLS.
+    /// PEM files, the key without a passphrase; both empty: no TLS.
     std::string certificateFile;
     std::string keyFile;
 
-    std::vector<Asset> assets;
+    std::vector<Asset> assets;         ///< no name twice
     std::string configuration = "{}";  ///< a JSON object, handed to every page
 
     std::vector<std::string> mayPublish;    ///< channels on which a page may publish, blocks too
     std::vector<std::string> maySubscribe;  ///< channels that a page may hear, blocks too
     std::vector<std::string> blockChannels{"/*"};  ///< whose blocks go to the pages
     /// Order holds within one of these groups of channels; what is in none of them is a group of
-    /// its own. Groups take turns, so that bulk in one does not hold up another.
+    /// its own. Groups take turns, so that bulk in one does not hold up another. No
+    /// channel stands in two.
     std::vector<std::vector<std::string>> lanes;
 
-    std::string newViewChannel;    ///< where each new view is announced; empty: nowhere
+    /// Where each new view is announced, once what its page's hello subscribes to is in force;
+    /// empty: nowhere. Not for pages that take their channels from the configuration: they
+    /// subscribe after the hello, so what the engine sends upon the announcement would be missed.
+    /// Such a page announces its view itself, on a channel that is in `mayPublish`.
+    std::string newViewChannel;
     std::string reconnectChannel;  ///< where each return of a view is announced; empty: nowhere
 
     Limits limits;

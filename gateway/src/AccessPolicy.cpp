@@ -1,0 +1,136 @@
+#include "AccessPolicy.hpp"
+
+#include <algorithm>
+
+#include "checked/Require.hpp"
+
+namespace kirogateway {
+namespace {
+
+/// A host is no secret: an ordinary comparison will do.
+bool isOneOf(std::string_view text, const std::vector<std::string>& allowed) {
+    return std::ranges::find(allowed, text) != allowed.end();
+}
+
+bool isClean(std::string_view text) {
+    return !text.empty() && std::ranges::all_of(text, [](char c) { return c > 0x20 && c < 0x7f; });
+}
+
+std::vector<std::string> hostsOf(const Options& options, std::uint16_t port) {
+    std::vector<std::string> names{options.address.find(':') == std::string::npos
+                                       ? options.address
+                                       : "[" + options.address + "]"};
+    if (options.address == "127.0.0.1" || options.address == "::1") {
+        names = {names.front(), "localhost", "127.0.0.1", "[::1]"};
+    }
+    const bool isDefaultPort = port == (options.certificateFile.empty() ? 80 : 443);
+    std::vector<std::string> hosts;
+    for (const auto& name : names) {
+        hosts.push_back(name + ":" + std::to_string(port));
+        if (isDefaultPort) hosts.push_back(name);
+    }
+    hosts.insert(hosts.end(), options.extraHosts.begin(), options.extraHosts.end());
+    return hosts;
+}
+
+}  // namespace
+
+bool awaitsBody(const Request& request) noexcept {
+    return request.method == "POST" && request.target == kTokenPath && !request.isEncoded &&
+           request.bodySize > 0 && request.bodySize <= kMaxBody;
+}
+
+AccessPolicy::AccessPolicy(const Options& options, std::uint16_t port, Secrets& secrets)
+    : fSecrets(secrets),
+      fIsSecure(!options.certificateFile.empty()),
+      fHosts(hostsOf(options, port)) {
+    const std::string scheme = fIsSecure ? "https://" : "http://";
+    fAddress = scheme + fHosts.front();
+    for (const auto& host : fHosts) fOrigins.push_back(scheme + host);
+    fOrigins.insert(fOrigins.end(), options.extraOrigins.begin(), options.extraOrigins.end());
+    for (const auto& asset : options.assets) fAssets.emplace(asset.name, &asset);
+}
+
+Admission AccessPolicy::decide(const Request& request, TimePoint now) {
+    // The host first: a name that is not ours was made to point here by somebody else.
+    if (auto refusal = refuseHost(request)) return *refusal;
+    if (request.isEncoded) return {400, "a Transfer-Encoding is not expected"};
+    if (!request.target.starts_with('/') || !isClean(request.target)) {
+        return {400, "malformed target"};
+    }
+    if (request.target == kTokenPath) return decideExchange(request, now);
+    if (request.bodySize > 0) return {400, "a body is not expected"};
+    if (request.method != "GET" && request.method != "HEAD") {
+        return {405, "method not allowed", {}, kPlainText, "GET, HEAD"};
+    }
+    if (request.target == kSocketPath) return decideUpgrade(request);
+    const auto asset = fAssets.find(request.target.substr(0, request.target.find('?')));
+    if (asset == fAssets.end()) return {404, "no such asset"};
+    return {200, {}, asset->second->body, asset->second->contentType};
+}
+
+std::optional<Admission> AccessPolicy::refuseHost(const Request& request) const {
+    if (request.hosts.size() != 1) return Admission{400, "one Host is needed"};
+    if (!isClean(request.hosts.front())) return Admission{400, "malformed Host"};
+    if (!isOneOf(request.hosts.front(), fHosts)) return Admission{403, "foreign Host"};
+    return std::nullopt;
+}
+
+std::optional<Admission> AccessPolicy::refuseOrigin(const Request& request) const {
+    if (request.origins.size() > 1) return Admission{400, "several Origins"};
+    if (request.origins.empty()) return Admission{403, "no Origin"};
+    if (!isClean(request.origins.front())) return Admission{400, "malformed Origin"};
+    if (!isOneOf(request.origins.front(), fOrigins)) return Admission{403, "foreign Origin"};
+    return std::nullopt;
+}
+
+std::optional<Admission> AccessPolicy::refuseToken(const Request& request) const {
+    // One offer only: several would be as many guesses.
+    std::optional<std::string_view> token;
+    for (const auto offer : request.subprotocols) {
+        if (!offer.starts_with(kTokenOffer)) continue;
+        if (token) return Admission{400, "several tokens"};
+        token = offer.substr(kTokenOffer.size());
+    }
+    if (!token) return Admission{403, "no token"};
+    if (!fSecrets.isToken(*token)) return Admission{403, "wrong token"};
+    return std::nullopt;
+}
+
+Admission AccessPolicy::decideUpgrade(const Request& request) const {
+    if (request.method != "GET" || !request.isUpgrade) return {400, "not a WebSocket upgrade"};
+    if (auto refusal = refuseOrigin(request)) return *refusal;
+    if (auto refusal = refuseToken(request)) return *refusal;
+    if (std::ranges::find(request.subprotocols, kSubprotocol) == request.subprotocols.end()) {
+        return {400, "subprotocol kiroweb.v1 not offered"};
+    }
+    return {101};
+}
+
+Admission AccessPolicy::decideExchange(const Request& request, TimePoint now) {
+    // Anything but a POST is what a link preview or a cache sends: it must not use up a code.
+    if (request.method != "POST") return {405, "method not allowed", {}, kPlainText, "POST"};
+    if (request.bodySize > kMaxBody) return {413, "body too large"};
+    if (auto refusal = refuseOrigin(request)) return *refusal;
+    if (request.bodySize == 0) return {400, "a code is expected"};
+    KIROWEB_REQUIRE(request.body.size() == request.bodySize);
+    if (!fSecrets.useCode(request.body, now)) return {403, "wrong or used code"};
+    return {200, {}, fSecrets.token()};
+}
+
+std::string AccessPolicy::commonFields(std::string_view host) const {
+    // Old browsers do not count ws: as 'self'.
+    std::string connect = "'self'";
+    if (!host.empty()) connect += (fIsSecure ? " wss://" : " ws://") + std::string(host);
+    return "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
+           "img-src 'self' data: blob:; font-src 'self'; connect-src " +
+           connect +
+           "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n"
+           "Referrer-Policy: no-referrer\r\n"
+           "X-Content-Type-Options: nosniff\r\n"
+           "Cross-Origin-Resource-Policy: same-origin\r\n"
+           "Cross-Origin-Opener-Policy: same-origin\r\n"
+           "Cache-Control: no-store\r\n";
+}
+
+}  // namespace kirogateway

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "Secrets.hpp"
+#include "kirogateway/Options.hpp"
+
+namespace kirogateway {
+
+/// The path of the WebSocket.
+inline constexpr std::string_view kSocketPath = "/kiroweb";
+/// The path where a single-use code is exchanged for the token.
+inline constexpr std::string_view kTokenPath = "/kiroweb/token";
+/// The subprotocol that is spoken, and the start of the one that carries the token. A browser lets
+/// a page choose subprotocols, but no other field of an upgrade.
+inline constexpr std::string_view kSubprotocol = "kiroweb.v1";
+inline constexpr std::string_view kTokenOffer = "kiroweb.token.";
+inline constexpr std::string_view kPlainText = "text/plain; charset=utf-8";
+/// Bytes of the largest body that is read.
+inline constexpr std::size_t kMaxBody = 128;
+
+/// What the access policy looks at of an HTTP request. The views are valid as long as what they
+/// were taken from.
+struct Request {
+    std::string_view method;
+    std::string_view target;
+    std::vector<std::string_view> hosts;         ///< every Host field
+    std::vector<std::string_view> origins;       ///< every Origin field
+    std::vector<std::string_view> subprotocols;  ///< those offered, over all fields
+    bool isUpgrade = false;                      ///< a well-formed WebSocket upgrade
+    std::string_view key;                        ///< of the upgrade
+    bool isEncoded = false;                      ///< it has a Transfer-Encoding
+    std::uint64_t bodySize = 0;                  ///< as it announces
+    std::string_view body;                       ///< what has been read of it
+    bool isKeptAlive = false;                    ///< the client wants to send another
+};
+
+/// Whether the body of `request` is to be read before it is decided on. All other bodies stay
+/// unread: they are refused.
+[[nodiscard]] bool awaitsBody(const Request& request) noexcept;
+
+/// What is answered. The views are valid as long as the policy.
+struct Admission {
+    unsigned status = 400;      ///< for 101 the connection becomes a WebSocket
+    std::string_view reason{};  ///< of a refusal, for log and answer; holds no secret
+    std::string_view body{};    ///< what is served
+    std::string_view contentType = kPlainText;
+    std::string_view allowedMethods{};  ///< for 405
+};
+
+/// Decides who gets in and what is served. Knows neither sockets nor a parser. Any thread.
+class AccessPolicy {
+  public:
+    using TimePoint = Secrets::TimePoint;
+
+    /// REQUIRES: `options` and `secrets` outlive the policy.
+    AccessPolicy(const Options& options, std::uint16_t port, Secrets& secrets);
+
+    /// Decides on `request`, and uses up the code that it exchanges.
+    /// REQUIRES: its body has been read, if it awaits one.
+    [[nodiscard]] Admission decide(const Request& request, TimePoint now);
+
+    /// "http://127.0.0.1:8080", as it stands in links.
+    [[nodiscard]] const std::string& address() const noexcept { return fAddress; }
+    /// The header fields that every answer but 101 carries, each with its line end. `host` is one
+    /// that `decide` let pass, or empty.
+    [[nodiscard]] std::string commonFields(std::string_view host) const;
+
+  private:
+    [[nodiscard]] std::optional<Admission> refuseHost(const Request& request) const;
+    [[nodiscard]] std::optional<Admission> refuseOrigin(const Request& request) const;
+    [[nodiscard]] std::optional<Admission> refuseToken(const Request& request) const;
+    [[nodiscard]] Admission decideUpgrade(const Request& request) const;
+    [[nodiscard]] Admission decideExchange(const Request& request, TimePoint now);
+
+    Secrets& fSecrets;
+    const bool fIsSecure;
+    std::string fAddress;
+    std::vector<std::string> fHosts;
+    std::vector<std::string> fOrigins;
+    std::unordered_map<std::string_view, const Asset*> fAssets;
+};
+
+}  // namespace kirogateway

@@ -1,0 +1,100 @@
+#include <boost/beast/http/read.hpp>
+
+#include "ClientConnection.hpp"
+#include "HttpText.hpp"
+
+namespace kirogateway {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using std::chrono::steady_clock;
+
+void ClientConnection::start() {
+    if (!wire().isTls()) return readRequest();
+    wire().handshake(handler([](ClientConnection& self, ErrorCode error) {
+        if (!error) self.readRequest();
+    }));
+}
+
+void ClientConnection::readRequest() {
+    fParser = std::make_unique<Parser>();
+    fParser->header_limit(static_cast<std::uint32_t>(limits().headerSize));
+    fParser->body_limit(boost::none);  // the access policy bounds what is read
+    http::async_read_header(wire(), fBuffer, *fParser,
+                            handler([](ClientConnection& self, ErrorCode error, std::size_t) {
+                                self.onHeader(error);
+                            }));
+}
+
+void ClientConnection::onHeader(ErrorCode error) {
+    if (error || !awaitsBody(requestOf(fParser->get()))) return onRequest(error);
+    http::async_read(wire(), fBuffer, *fParser,
+                     handler([](ClientConnection& self, ErrorCode failed, std::size_t) {
+                         self.onRequest(failed);
+                     }));
+}
+
+void ClientConnection::onRequest(ErrorCode error) {
+    if (error) {
+        const auto refusal = refusalOf(error);
+        if (!refusal) return;
+        peerLog().write("malformed request", error.message());
+        return answer(*refusal, nullptr);
+    }
+    const auto request = requestOf(fParser->get());
+    const auto admission = fContext.access->decide(request, steady_clock::now());
+    if (admission.status >= 400) {
+        // Nothing else of the request: its target or its fields may hold a secret.
+        peerLog().write("refused a request, " + std::string(admission.reason),
+                        request.hosts.empty() ? std::string_view() : request.hosts.front());
+    }
+    if (admission.status == 101) return upgrade();
+    answer(admission, &request);
+}
+
+void ClientConnection::answer(const Admission& admission, const ::kirogateway::Request* request) {
+    const bool keepAlive = keepsAlive(admission, request);
+    fOut = responseText(admission, request, *fContext.access);
+    wire().write(asio::buffer(fOut),
+                 handler([keepAlive](ClientConnection& self, ErrorCode error, std::size_t) {
+                     if (!error) self.onAnswered(keepAlive);
+                 }));
+}
+
+void ClientConnection::onAnswered(bool keepAlive) {
+    fOut = {};
+    if (!keepAlive) return linger();
+    fDeadline = steady_clock::now() + limits().request;
+    readRequest();
+}
+
+void ClientConnection::upgrade() {
+    const auto request = requestOf(fParser->get());
+    fOut = responseText({101}, &request, *fContext.access);
+    wire().redirect({});  // Beast's answer names Beast
+    fStream.read_message_max(limits().messageSize);
+    fStream.auto_fragment(false);
+    fStream.control_callback([this](beast::websocket::frame_type, beast::string_view) {
+        if (fSession) fSession->heard(steady_clock::now());
+    });
+    fStream.async_accept(fParser->get(), handler([](ClientConnection& self, ErrorCode error) {
+                             if (!error) self.beginSession();
+                         }));
+}
+
+void ClientConnection::beginSession() {
+    wire().restore();
+    fParser.reset();
+    fBuffer.consume(fBuffer.size());
+    fBuffer.shrink_to_fit();
+    fSession.emplace(fContext.services, ViewRegistry::Arrival{*this, fSocket, !wire().isTls()});
+    fDeadline = steady_clock::now() + limits().hello;
+    wire().write(asio::buffer(fOut),
+                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
+                     self.fOut = {};
+                     if (!error) self.readMore();
+                 }));
+}
+
+}  // namespace kirogateway

@@ -1,0 +1,176 @@
+#include "OptionsCheck.hpp"
+
+#include <algorithm>
+#include <boost/asio/ip/address.hpp>
+#include <boost/json/stream_parser.hpp>
+#include <map>
+#include <stdexcept>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+
+#include "AccessPolicy.hpp"
+#include "text/Escape.hpp"
+
+namespace kirogateway {
+namespace {
+
+using std::chrono::milliseconds;
+using namespace std::string_literals;
+
+struct Size {
+    const char* name;
+    std::size_t Limits::*member;
+};
+
+struct Time {
+    const char* name;
+    milliseconds Limits::*member;
+};
+
+constexpr Size kSizes[] = {
+    {"headerSize", &Limits::headerSize},
+    {"messageSize", &Limits::messageSize},
+    {"namesPerFrame", &Limits::namesPerFrame},
+    {"undelivered", &Limits::undelivered},
+    {"connections", &Limits::connections},
+    {"unauthenticatedConnections", &Limits::unauthenticatedConnections},
+    {"subscriptions", &Limits::subscriptions},
+    {"queueSize", &Limits::queueSize},
+    {"memory", &Limits::memory},
+    {"lostViews", &Limits::lostViews},
+    {"lostMemory", &Limits::lostMemory},
+    {"blocksUnderWay", &Limits::blocksUnderWay},
+    {"bytesUnderWay", &Limits::bytesUnderWay},
+    {"pieceSize", &Limits::pieceSize},
+    {"batchSize", &Limits::batchSize},
+};
+
+constexpr Time kTimes[] = {
+    {"request", &Limits::request},   {"hello", &Limits::hello}, {"queue", &Limits::queue},
+    {"block", &Limits::block},       {"ping", &Limits::ping},   {"gone", &Limits::gone},
+    {"comeback", &Limits::comeback}, {"close", &Limits::close}, {"code", &Limits::code},
+};
+
+static_assert(sizeof(Limits) == std::size(kSizes) * sizeof(std::size_t) +
+                                    std::size(kTimes) * sizeof(milliseconds),
+              "a limit is not checked");
+
+/// What is added to the time of day must not overflow it.
+constexpr milliseconds kLongest = std::chrono::hours(24 * 366);
+/// The parser of requests counts a header's bytes in 32 bits.
+constexpr std::size_t kLargestHeader = 0xffff'ffff;
+
+[[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument(what); }
+
+std::string quoted(std::string_view text) { return '"' + text::escaped(text) + '"'; }
+
+void checkLimits(const Limits& limits) {
+    for (const auto& [name, member] : kSizes) {
+        if (limits.*member == 0) refuse("limits."s + name + " is 0: it has to be at least 1");
+    }
+    for (const auto& [name, member] : kTimes) {
+        const auto value = limits.*member;
+        if (value.count() > 0 && value <= kLongest) continue;
+        refuse("limits."s + name + " is " + std::to_string(value.count()) +
+               " ms: it has to be from 1 ms to a year");
+    }
+    if (limits.headerSize > kLargestHeader) refuse("limits.headerSize: it has to be below 4 GiB");
+}
+
+void checkConfiguration(const std::string& text) {
+    boost::json::stream_parser parser;
+    boost::json::error_code error;
+    const auto read = parser.write_some(text, error);
+    if (!error && read == text.size()) parser.finish(error);
+    if (error) {
+        refuse("configuration: not JSON at byte " + std::to_string(read) + ", " + error.message());
+    }
+    if (read < text.size()) {
+        refuse("configuration: something follows the JSON object at byte " + std::to_string(read));
+    }
+    if (!parser.release().is_object()) {
+        refuse("configuration: not a JSON object; {} is an empty one");
+    }
+}
+
+/// Whether `path` can stand in a request as it is: the gateway does not decode it.
+bool isPath(std::string_view path) {
+    return std::ranges::all_of(path,
+                               [](char c) { return c > 0x20 && c < 0x7f && c != '?' && c != '#'; });
+}
+
+void checkAssets(const std::vector<Asset>& assets) {
+    std::unordered_set<std::string_view> names;
+    for (const auto& [name, contentType, body] : assets) {
+        const auto which = "assets: the name " + quoted(name);
+        if (!name.starts_with('/')) refuse(which + " has to begin with \"/\"");
+        if (!isPath(name))
+            refuse(which + " cannot stand in an address; give it as it stands there");
+        if (name == kSocketPath || name == kTokenPath) {
+            refuse(which + " is the gateway's own; choose another");
+        }
+        if (!names.insert(name).second) refuse(which + " is given twice; leave one out");
+        if (contentType.find_first_of("\r\n") != std::string::npos) {
+            refuse(which + " has a content type with a line end; take that out");
+        }
+    }
+}
+
+void checkNames(const Options& options) {
+    for (const auto& host : options.extraHosts) {
+        if (!host.empty() && host.find('/') == std::string::npos) continue;
+        refuse("extraHosts: " + quoted(host) +
+               " is no host; give it as a request names it, such as \"plot.example:8080\"");
+    }
+    for (const auto& origin : options.extraOrigins) {
+        const auto host = origin.find("://");
+        if (host != std::string::npos && host > 0 && host + 3 < origin.size() &&
+            origin.find('/', host + 3) == std::string::npos) {
+            continue;
+        }
+        refuse("extraOrigins: " + quoted(origin) +
+               " is no origin; give scheme, host and port, such as \"http://localhost:5173\"");
+    }
+}
+
+void checkChannels(const Options& options) {
+    const std::pair<const char*, const std::string&> single[] = {
+        {"newViewChannel", options.newViewChannel}, {"reconnectChannel", options.reconnectChannel}};
+    for (const auto& [name, channel] : single) {
+        if (!channel.ends_with("/*")) continue;
+        refuse(name + (": " + quoted(channel)) + " are many channels; give a single one");
+    }
+    std::map<std::string_view, std::size_t> lanes;
+    for (std::size_t lane = 0; lane < options.lanes.size(); ++lane) {
+        for (const auto& channel : options.lanes[lane]) {
+            if (lanes.emplace(channel, lane).first->second == lane) continue;
+            refuse("lanes: the channel " + quoted(channel) + " is in two groups; leave one out");
+        }
+    }
+}
+
+}  // namespace
+
+Options checked(Options options) {
+    boost::system::error_code error;
+    static_cast<void>(boost::asio::ip::make_address(options.address, error));
+    if (error) {
+        refuse("address: " + quoted(options.address) +
+               " is not numeric; give one such as \"127.0.0.1\" or \"::1\"");
+    }
+    if (options.certificateFile.empty() != options.keyFile.empty()) {
+        const bool hasKey = options.certificateFile.empty();
+        refuse(hasKey
+                   ? "keyFile: " + quoted(options.keyFile) + " needs its certificateFile"
+                   : "certificateFile: " + quoted(options.certificateFile) + " needs its keyFile");
+    }
+    checkLimits(options.limits);
+    checkConfiguration(options.configuration);
+    checkAssets(options.assets);
+    checkNames(options);
+    checkChannels(options);
+    return options;
+}
+
+}  // namespace kirogateway

@@ -1,0 +1,102 @@
+"""visit.py PROGRAM: runs the README's second program and visits it as a browser does: fetches the
+page and every module, comes in with the link's token, and waits for the line."""
+
+import http.client
+import json
+import re
+import socket
+import subprocess
+import sys
+import urllib.parse
+
+KEY = "dGhlIHNhbXBsZSBub25jZQ=="
+
+
+def fetch(address, path):
+    connection = http.client.HTTPConnection(address)
+    connection.request("GET", path)
+    response = connection.getresponse()
+    assert response.status == 200, f"{path}: {response.status}"
+    return response.getheader("Content-Type"), response.read().decode()
+
+
+def fetch_modules(address, todo):
+    """The text of each module in todo and of all that they import, by its path."""
+    modules = {}
+    while todo:
+        path = todo.pop()
+        if path in modules:
+            continue
+        kind, modules[path] = fetch(address, path)
+        assert kind.startswith("text/javascript"), f"{path}: {kind}"
+        imported = re.findall(r'^(?:import|export|\}).* from "([./][^"]+)";', modules[path], re.M)
+        todo += [urllib.parse.urljoin(path, name) for name in imported]
+    return modules
+
+
+def upgrade(address, token):
+    """A socket that has asked for a WebSocket, and the status of the answer."""
+    host, port = address.split(":")
+    web_socket = socket.create_connection((host, int(port)))
+    request = (
+        f"GET /kiroweb HTTP/1.1\r\nHost: {address}\r\nOrigin: http://{address}\r\n"
+        "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
+        f"Sec-WebSocket-Key: {KEY}\r\n"
+        f"Sec-WebSocket-Protocol: kiroweb.v1, kiroweb.token.{token}\r\n\r\n"
+    )
+    web_socket.sendall(request.encode())
+    stream = web_socket.makefile("rwb")
+    status = stream.readline().split()[1].decode()
+    while stream.readline().strip():
+        pass
+    return stream, status
+
+
+def say(stream, message):
+    """Sends a message. A mask of zeros is a mask."""
+    payload = json.dumps(message).encode()
+    assert len(payload) < 126
+    stream.write(bytes([0x81, 0x80 | len(payload), 0, 0, 0, 0]) + payload)
+    stream.flush()
+
+
+def hear(stream):
+    """The payload of the next frame."""
+    size = stream.read(2)[1]
+    if size > 125:
+        size = int.from_bytes(stream.read(2 if size == 126 else 8), "big")
+    return stream.read(size).decode()
+
+
+def visit(link):
+    url = urllib.parse.urlsplit(link)
+    kind, page = fetch(url.netloc, "/")
+    assert kind.startswith("text/html"), kind
+    scripts = re.findall(r'<script type="module" src="([^"]+)"></script>', page)
+    assert len(scripts) == page.count("<script") > 0, "a script that the browser would not run"
+    modules = fetch_modules(url.netloc, scripts)
+    assert "/kiroweb/protocol.mjs" in modules, list(modules)
+
+    token = url.fragment.removeprefix("token=")
+    assert upgrade(url.netloc, token[1:])[1] == "403"
+    stream, status = upgrade(url.netloc, token)
+    assert status == "101", status
+    say(stream, {"t": "hello", "version": 1, "subscribe": ["/figure1/line"]})
+    say(stream, {"t": "publish", "channel": "/figure1/ready", "text": "{}"})
+    while '"y":[0' not in (heard := hear(stream)):
+        assert not json.loads(heard).get("refused"), heard
+
+
+def main():
+    program = subprocess.Popen(
+        sys.argv[1], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+    )
+    try:
+        visit(program.stdout.readline().strip())
+        program.communicate("\n")
+        assert program.returncode == 0, program.returncode
+    finally:
+        program.kill()
+
+
+main()

@@ -1,0 +1,339 @@
+#include "AccessPolicy.hpp"
+
+#include <gtest/gtest.h>
+
+#include <boost/beast/http/parser.hpp>
+#include <string>
+#include <vector>
+
+#include "GatewayFixture.hpp"
+#include "HttpText.hpp"
+#include "kirohost/Controls.hpp"
+
+using gatewaytest::GatewayTest;
+using gatewaytest::Peer;
+using gatewaytest::secretOf;
+using gatewaytest::upgradeRequest;
+using namespace kirogateway;
+using namespace std::string_literals;
+
+namespace {
+
+constexpr Secrets::TimePoint kStart{std::chrono::hours(1)};
+
+std::string replaced(std::string text, std::string_view what, std::string_view instead) {
+    return text.replace(text.find(what), what.size(), instead);
+}
+
+std::string statusOf(std::string_view answer) {
+    return std::string(answer.substr(9, answer.find('\r') - 9));
+}
+
+/// An access policy, and requests as texts.
+class AccessTest : public testing::Test {
+  protected:
+    AccessTest() {
+        fOptions.extraOrigins = {"http://dev.example:5173"};
+        fOptions.extraHosts = {"plot.example"};
+        fOptions.assets = {{"/", "text/html; charset=utf-8", "<p>page"}};
+    }
+    /// What goes out when `text` comes in.
+    std::string answerTo(const std::string& text, Secrets::TimePoint now = kStart) {
+        if (!fPolicy) fPolicy.emplace(fOptions, fAccess.port, fSecrets);
+        boost::beast::http::request_parser<boost::beast::http::string_body> parser;
+        parser.body_limit(boost::none);
+        boost::system::error_code error;
+        const auto read = parser.put(boost::asio::buffer(text), error);
+        if (const auto refusal = refusalOf(error)) return responseText(*refusal, nullptr, *fPolicy);
+        if (awaitsBody(requestOf(parser.get()))) {
+            parser.put(boost::asio::buffer(text) + read, error);
+        }
+        const auto request = requestOf(parser.get());
+        return responseText(fPolicy->decide(request, now), &request, *fPolicy);
+    }
+    std::string exchange(const std::string& code, const std::string& fields = {}) const {
+        return "POST /kiroweb/token HTTP/1.1\r\nHost: " + fAccess.host() +
+               "\r\nOrigin: " + fAccess.origin() +
+               "\r\nContent-Length: " + std::to_string(code.size()) + "\r\n" + fields + "\r\n" +
+               code;
+    }
+
+    gatewaytest::Access fAccess{8080};
+    Options fOptions;
+    Secrets fSecrets{std::chrono::seconds(60)};
+    std::optional<AccessPolicy> fPolicy;
+    const std::string fUpgrade = upgradeRequest(fAccess, fSecrets.token());
+};
+
+constexpr const char* kOk = "200 OK";
+constexpr const char* kSwitched = "101 Switching Protocols";
+constexpr const char* kBad = "400 Bad Request";
+constexpr const char* kForbidden = "403 Forbidden";
+constexpr const char* kNotFound = "404 Not Found";
+constexpr const char* kNotAllowed = "405 Method Not Allowed";
+
+struct Row {
+    std::string request;
+    std::string status;
+};
+
+}  // namespace
+
+TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
+    const auto host = "Host: " + fAccess.host();
+    const auto end = " HTTP/1.1\r\n" + host + "\r\n\r\n";
+    const Row table[] = {
+        {"GET /" + end, kOk},
+        {"HEAD /" + end, kOk},
+        {"GET /?token=0" + end, kOk},
+        {"GET / HTTP/1.1\r\nHost: localhost:8080\r\n\r\n", kOk},
+        {"GET / HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n", kOk},
+        {"GET / HTTP/1.1\r\nHost: plot.example\r\n\r\n", kOk},
+        {"GET / HTTP/1.1\r\n\r\n", kBad},
+        {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", kBad},
+        {"GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n", kForbidden},
+        {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", kForbidden},
+        {"GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", kForbidden},
+        {"GET / HTTP/1.1\r\nHost: a b\r\n\r\n", kBad},
+        {"GET / HTTP/1.1\r\nHost : " + fAccess.host() + "\r\n\r\n", kBad},
+        {"GET http://evil.example/" + end, kBad},
+        {"GET //" + end, kNotFound},
+        {"GET /../../etc/passwd" + end, kNotFound},
+        {"GET /kiroweb?" + end, kNotFound},
+        {"DELETE /" + end, kNotAllowed},
+        {"POST /" + end, kNotAllowed},
+        {"POST / HTTP/1.1\r\n" + host + "\r\nContent-Length: 1\r\n\r\nx", kBad},
+        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 1\r\n\r\nx", kBad},
+        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\n\r\n", kOk},
+        {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: gzip\r\n\r\n", kBad},
+        {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", kBad},
+        {"GET / HTTP/1.1\r\n" + host +
+             "\r\nContent-Length: 0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+         kBad},
+        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\nContent-Length: 1\r\n\r\nx", kBad},
+        {"\x16\x03\x01\x02\r\n\r\n", kBad},
+    };
+    for (const auto& row : table)
+        EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
+
+    const auto answer = answerTo("GET /" + end);
+    EXPECT_TRUE(answer.ends_with("\r\n\r\n<p>page"));
+    EXPECT_EQ(answerTo("HEAD /" + end) + "<p>page", answer);
+    for (const char* field :
+         {"\r\nContent-Type: text/html; charset=utf-8\r\n", "\r\nContent-Length: 7\r\n",
+          "\r\nConnection: keep-alive\r\n", "\r\nCache-Control: no-store\r\n",
+          "\r\nContent-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
+          "img-src 'self' data: blob:; font-src 'self'; connect-src 'self' ws://127.0.0.1:8080; "
+          "base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n",
+          "\r\nReferrer-Policy: no-referrer\r\n", "\r\nX-Content-Type-Options: nosniff\r\n",
+          "\r\nCross-Origin-Resource-Policy: same-origin\r\n",
+          "\r\nCross-Origin-Opener-Policy: same-origin\r\n"}) {
+        EXPECT_NE(answer.find(field), std::string::npos) << field;
+    }
+    const auto refusal = answerTo("DELETE /" + end);
+    EXPECT_NE(refusal.find("\r\nConnection: close\r\n"), std::string::npos);
+    EXPECT_NE(refusal.find("\r\nAllow: GET, HEAD\r\n"), std::string::npos);
+    EXPECT_EQ(answerTo("GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n").find("evil"),
+              std::string::npos);
+}
+
+TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
+    const auto origin = "Origin: " + fAccess.origin();
+    const auto token = fSecrets.token();
+    const auto offers = "kiroweb.v1, kiroweb.token." + token;
+    const auto with = [this](std::string_view what, const std::string& instead) {
+        return replaced(fUpgrade, what, instead);
+    };
+    const auto offering = [&](const std::string& others) { return with(offers, others); };
+    const std::string key = "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
+    const std::string version = "Sec-WebSocket-Version: 13\r\n";
+    const Row table[] = {
+        {fUpgrade, kSwitched},
+        {with("Origin: http://", "Origin: null, http://"), kBad},
+        {with(origin, "Origin: null"), kForbidden},
+        {with(origin, "X-Origin: a"), kForbidden},
+        {with("Origin: http", "Origin: https"), kForbidden},
+        {with("\r\nUpgrade", "/\r\nUpgrade"), kForbidden},
+        {with("\r\nUpgrade", ".evil.example\r\nUpgrade"), kForbidden},
+        {with("\r\nUpgrade", "\r\n" + origin + "\r\nUpgrade"), kBad},
+        {with(origin, "Origin: http://dev.example:5173"), kSwitched},
+        {with("Host: 127", "Host: 128"), kForbidden},
+
+        {offering("kiroweb.token." + token + ",kiroweb.v1,other"), kSwitched},
+        {with(", kiroweb.token", "\r\nSec-WebSocket-Protocol: kiroweb.token"), kSwitched},
+        {offering("kiroweb.v1"), kForbidden},
+        {offering("kiroweb.v1, kiroweb.token."), kForbidden},
+        {offering("kiroweb.v1, kiroweb.token." + token.substr(1)), kForbidden},
+        {offering("kiroweb.v1, kiroweb.token." + token + "0"), kForbidden},
+        {offering("kiroweb.v1, " + token), kForbidden},
+        {offering(offers + ", kiroweb.token." + token), kBad},
+        {offering(offers + ", kiroweb.token.0"), kBad},
+        {offering("kiroweb.token." + token), kBad},
+        {offering("kiroweb.v2, kiroweb.token." + token), kBad},
+        {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), kNotFound},
+        {replaced(offering("kiroweb.v1"), "Origin", "Cookie: kiroweb-8080=" + token + "\r\nOrigin"),
+         kForbidden},
+
+        {with("GET", "HEAD"), kBad},
+        {with("websocket", "h2c"), kBad},
+        {with("HTTP/1.1", "HTTP/1.0"), kBad},
+        {with("Version: 13", "Version: 8"), kBad},
+        {with(version, version + version), kBad},
+        {with(version, ""), kBad},
+        {with(key, key + key), kBad},
+        {with(key, ""), kBad},
+        {with("Key: d", "Key: Ad"), kBad},
+        {with("Key: dG", "Key: ?G"), kBad},
+        {with("ZQ==", "ZR=="), kBad},
+        {with("ZQ==", "ZQQ="), kBad},
+        {with("ZQ==", "ZQQQ"), kBad},
+        {with("\r\n\r\n", "\r\nContent-Length: 1\r\n\r\nx"), kBad},
+    };
+    for (const auto& row : table)
+        EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
+
+    // RFC 6455 has the same key in its example.
+    EXPECT_EQ(answerTo(fUpgrade),
+              "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+              "Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n"
+              "Sec-WebSocket-Protocol: kiroweb.v1\r\n\r\n");
+}
+
+TEST_F(AccessTest, ACodeIsExchangedOnce) {
+    const auto code = fSecrets.makeCode(kStart);
+    const auto good = exchange(code);
+    const auto origin = "Origin: " + fAccess.origin();
+    const Row refused[] = {
+        {exchange(code + "0"), kForbidden},
+        {exchange(fSecrets.token()), kForbidden},
+        {exchange(std::string(128, '0')), kForbidden},
+        {exchange(std::string(129, '0')), "413 Payload Too Large"},
+        {replaced(exchange(""), "Length: 0", "Length: 5000000000"), "413 Payload Too Large"},
+        {exchange(""), kBad},
+        {exchange(code, origin + "\r\n"), kBad},
+        {replaced(good, "Origin", "X-Origin"), kForbidden},
+        {replaced(good, "Origin: http:", "Origin: https:"), kForbidden},
+        {replaced(good, "Host", "X-Host"), kBad},
+        {replaced(good, "Host: 127", "Host: 128"), kForbidden},
+        {exchange(code, "Transfer-Encoding: chunked\r\n"), kBad},
+        {replaced(good, "Content-Length: 64", "Transfer-Encoding: chunked"), kBad},
+        {replaced(good, "POST", "GET"), kNotAllowed},
+        {replaced(exchange(""), "POST", "HEAD"), kNotAllowed},
+        {replaced(good, "/kiroweb/token", "/kiroweb/token?"), kBad},
+    };
+    for (const auto& row : refused)
+        EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
+    EXPECT_NE(answerTo(replaced(good, "POST", "PUT")).find("\r\nAllow: POST\r\n"),
+              std::string::npos);
+
+    const auto answer = answerTo(good);
+    EXPECT_EQ(statusOf(answer), kOk) << "none of the above has used it up";
+    EXPECT_TRUE(answer.ends_with("\r\n\r\n" + fSecrets.token()));
+    EXPECT_NE(answer.find("\r\nContent-Type: text/plain"), std::string::npos);
+    EXPECT_EQ(statusOf(answerTo(good)), kForbidden) << "used";
+
+    const auto life = std::chrono::seconds(60);
+    const auto inTime = exchange(fSecrets.makeCode(kStart));
+    const auto late = exchange(fSecrets.makeCode(kStart));
+    EXPECT_EQ(statusOf(answerTo(inTime, kStart + life)), kOk);
+    EXPECT_EQ(statusOf(answerTo(late, kStart + life + std::chrono::milliseconds(1))), kForbidden);
+
+    const auto oldest = exchange(fSecrets.makeCode(kStart));
+    for (int i = 0; i < 16; ++i) static_cast<void>(fSecrets.makeCode(kStart));
+    EXPECT_EQ(statusOf(answerTo(oldest)), kForbidden) << "there are too many";
+}
+
+TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
+    const struct {
+        const char* address;
+        std::uint16_t port;
+        bool isTls;
+        const char* host;
+        bool isOurs;
+    } table[] = {
+        {"127.0.0.1", 80, false, "localhost", true},
+        {"127.0.0.1", 80, true, "localhost", false},
+        {"127.0.0.1", 443, true, "127.0.0.1", true},
+        {"::1", 9, false, "[::1]:9", true},
+        {"::1", 9, false, "127.0.0.1:9", true},
+        {"192.0.2.1", 9, false, "192.0.2.1:9", true},
+        {"192.0.2.1", 9, false, "127.0.0.1:9", false},
+        {"2001:db8::1", 9, false, "[2001:db8::1]:9", true},
+    };
+    for (const auto& row : table) {
+        fOptions.address = row.address;
+        fOptions.certificateFile = row.isTls ? "certificate" : "";
+        AccessPolicy policy(fOptions, row.port, fSecrets);
+        Request request;
+        request.method = "GET";
+        request.target = "/";
+        request.hosts = {row.host};
+        EXPECT_EQ(policy.decide(request, kStart).status, row.isOurs ? 200U : 403U) << row.host;
+        EXPECT_TRUE(policy.address().starts_with(row.isTls ? "https://" : "http://"));
+        const auto fields = policy.commonFields(row.host);
+        const auto connect = (row.isTls ? "'self' wss://"s : "'self' ws://"s) + row.host + ";";
+        EXPECT_NE(fields.find(connect), std::string::npos) << fields;
+    }
+}
+
+TEST(Secrets, AreLongAndComparedWhole) {
+    const Secrets secrets(std::chrono::seconds(60));
+    const auto token = secrets.token();
+    EXPECT_EQ(token.size(), 64U);
+    EXPECT_NE(token, Secrets(std::chrono::seconds(60)).token());
+    EXPECT_TRUE(secrets.isToken(token));
+    for (const auto& given :
+         {token.substr(1) + token[0], ""s, token + "0", token.substr(1), token + token}) {
+        EXPECT_FALSE(secrets.isToken(given)) << given;
+    }
+}
+
+TEST_F(GatewayTest, AccessOverAConnection) {
+    fOptions.limits.headerSize = 2048;
+    std::vector<std::string> lines;
+    const auto observing = kirohost::observeLog(
+        [&lines](const kirohost::LogRecord& record) { lines.push_back(record.text); });
+    start();
+    const auto host = "Host: " + fAccess.host() + "\r\n";
+    const auto code = secretOf(fGateway->singleUseLink());
+    const auto head = "POST /kiroweb/token HTTP/1.1\r\n" + host + "Origin: " + fAccess.origin() +
+                      "\r\nContent-Length: 64\r\n\r\n";
+    // A body in pieces, and another request on the same connection.
+    Peer peer(fAccess);
+    peer.send(head + code.substr(0, 10));
+    peer.send(code.substr(10) + "GET /none HTTP/1.1\r\n" + host + "\r\n");
+    EXPECT_EQ(statusOf(peer.readHead()), kOk);
+    const auto rest = peer.readAll();
+    EXPECT_TRUE(rest.starts_with(fToken + "HTTP/1.1 404 Not Found\r\n")) << rest;
+
+    // The second request of each would be answered, had the first not ended the connection.
+    const auto second = "GET / HTTP/1.1\r\n" + host + "\r\n";
+    const auto upgrade = upgradeRequest(fAccess, fToken);
+    const Row table[] = {
+        {head + code, kForbidden},
+        {replaced(head, ": 64", ": 9000000"), "413 Payload Too Large"},
+        {replaced(head, "\r\n\r\n", "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"), kBad},
+        {replaced(upgrade, fToken, code), kForbidden},
+        {"GET / HTTP/1.1\r\nHost: a\x1b[2J\r\n\r\n", kBad},
+        {"GET /" + std::string(4096, 'x') + " HTTP/1.1\r\n" + host + "\r\n",
+         "431 Request Header Fields Too Large"},
+    };
+    for (const auto& row : table) {
+        Peer refused(fAccess);
+        refused.send(row.request + second);
+        const auto all = refused.readAll();
+        EXPECT_EQ(statusOf(all), row.status) << row.request;
+        EXPECT_EQ(all.rfind("HTTP/1.1"), 0U) << all;
+    }
+    Peer page(fAccess);
+    page.send(upgrade);
+    EXPECT_TRUE(page.readHead().starts_with("HTTP/1.1 101"));
+
+    fGateway.reset();
+    EXPECT_EQ(lines.size(), std::size(table) + 1);
+    for (const auto& line : lines) {
+        EXPECT_EQ(line.find(fToken), std::string::npos) << line;
+        EXPECT_EQ(line.find(code), std::string::npos) << line;
+        EXPECT_EQ(line.find('\x1b'), std::string::npos) << line;
+    }
+}
