@@ -2,8 +2,11 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
+#include <vector>
 
+#include "FrameReader.hpp"
 #include "Fuzz.hpp"
 #include "PageMessages.hpp"
 
@@ -12,12 +15,28 @@ namespace {
 using fuzz::require;
 namespace wire = kirogateway::wire;
 
+/// The messages of `text`, which comes in two parts.
+std::vector<wire::PageMessage> messagesOf(std::string_view text, std::size_t cut) {
+    constexpr std::size_t kMaxNames = 16;
+    kirogateway::FrameReader reader(kMaxNames);
+    std::vector<wire::PageMessage> messages;
+    const kirogateway::FrameReader::Handler keep = [&](wire::PageMessage&& message) {
+        messages.push_back(std::move(message));
+        return true;
+    };
+    reader.read(text.substr(0, cut), false, keep);
+    reader.read(text.substr(cut), true, keep);
+    require(reader.held() == 0, "nothing is held between frames");
+    return messages;
+}
+
 void check(const wire::PageMessage& message) {
     if (const auto* hello = std::get_if<wire::Hello>(&message)) {
-        require(hello->client.size() <= 256, "a client's name is short");
+        require(hello->client.size() <= wire::kMaxClient, "a client's name is short");
         require(!hello->view.empty() || hello->last == 0, "only a return has a last message");
+        require(hello->refused.size() <= wire::kMaxRefused, "so many blocks are refused at most");
     } else if (const auto* echo = std::get_if<wire::Echo>(&message)) {
-        const auto again = wire::readFrame(wire::echoText(echo->id));
+        const auto again = messagesOf(wire::echoText(echo->id), 0);
         require(again.size() == 1 && std::get<wire::Echo>(again[0]).id == echo->id,
                 "an echo's answer is the same message");
     }
@@ -25,7 +44,10 @@ void check(const wire::PageMessage& message) {
 
 void readText(std::string_view text) {
     try {
-        for (const auto& message : wire::readFrame(text)) check(message);
+        const std::size_t cut =
+            text.empty() ? 0 : static_cast<unsigned char>(text[0]) % text.size();
+        for (const auto& message : messagesOf(text, cut)) check(message);
+        require(messagesOf(text, 0).size() == messagesOf(text, cut).size(), "a cut is not seen");
     } catch (const std::runtime_error& error) {
         const std::string_view reason = error.what();
         require(!reason.empty() && reason.size() < 100, "the reason fits into a close frame");

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "SurrogateMender.hpp"
+
 namespace kirogateway {
 namespace {
 
@@ -385,6 +387,7 @@ struct FrameReader::Impl {
     explicit Impl(std::size_t maxNames) : parser(parseOptions(), maxNames) {}
 
     json::basic_parser<Builder> parser;
+    SurrogateMender mender;
     bool isBetweenFrames = true;
     bool isPassingOver = false;  ///< nothing more of this frame is looked at
 };
@@ -394,13 +397,15 @@ FrameReader::FrameReader(std::size_t maxNames) : fImpl(std::make_unique<Impl>(ma
 FrameReader::~FrameReader() = default;
 
 void FrameReader::read(std::string_view bytes, bool isLast, const Handler& handle) {
-    auto& [parser, isBetweenFrames, isPassingOver] = *fImpl;
+    auto& [parser, mender, isBetweenFrames, isPassingOver] = *fImpl;
     if (std::exchange(isBetweenFrames, isLast)) {
         parser.reset();
         parser.handler().beginFrame();
+        mender = {};
         isPassingOver = false;
     }
     if (isPassingOver) return;
+    bytes = mender.mend(bytes, isLast);
     bool goesOn = true;
     const Handler noticing = [&](wire::PageMessage&& message) {
         goesOn = handle(std::move(message));

@@ -17,6 +17,7 @@ namespace {
 constexpr std::size_t kViewBytes = 16;
 constexpr std::size_t kRememberedEnds = 32;
 constexpr std::size_t kMaxReason = 123;  // bytes, in a close frame
+constexpr const char* kTooMuchLost = "more was kept for lost views than they may have together";
 
 /// What a close frame and a later hello say.
 std::string reasonText(wire::CloseCode code, std::string_view why) {
@@ -201,10 +202,12 @@ void ViewRegistry::afterLoss() noexcept {
         count = static_cast<std::size_t>(std::ranges::count_if(fViews, isLost));
     }
     const auto& limits = fContext->options.limits;
-    for (; count > limits.lostViews || fContext->lostMemory->isExceeded(); --count) {
+    for (;; --count) {
+        const bool areTooMany = count > limits.lostViews;
+        if (!areTooMany && !fContext->lostMemory->isExceeded()) return;
         const auto oldest = oldestLost();
         if (oldest == nullptr) return;
-        end(oldest, "too many views had lost their connections");
+        end(oldest, areTooMany ? "too many views had lost their connections" : kTooMuchLost);
     }
 }
 
@@ -314,7 +317,7 @@ bool ViewRegistry::makeRoom(std::size_t bytes) noexcept {
 bool ViewRegistry::makeLostRoom() noexcept {
     const auto oldest = oldestLost();
     if (oldest == nullptr) return false;
-    oldest->fail("more was kept for lost views than they may have together");
+    oldest->fail(kTooMuchLost);
     return true;
 }
 

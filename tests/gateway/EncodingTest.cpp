@@ -2,9 +2,12 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <variant>
+#include <vector>
 
 #include "ChannelList.hpp"
+#include "FrameReader.hpp"
 #include "GuardedLog.hpp"
 #include "PageMessages.hpp"
 #include "TextEncoding.hpp"
@@ -62,22 +65,109 @@ TEST(ChannelList, CoversARequestOnlyIfAllOfItIsAllowed) {
     EXPECT_FALSE(allowed.matches("/fig/1"));
 }
 
-TEST(PageMessages, AreReadFromAFrameOfSeveralOrNotAtAll) {
-    const auto messages = wire::readFrame(R"([{"t":"hello","version":1,"view":"v","last":7},)"
-                                          R"({"t":"publish","channel":"c","text":"\u00e9"},)"
-                                          R"({"t":"echo","id":1.5},{"t":"later","more":1}])");
-    ASSERT_EQ(messages.size(), 4U);
-    EXPECT_EQ(std::get<wire::Hello>(messages[0]).last, 7U);
-    EXPECT_TRUE(std::get<wire::Hello>(messages[0]).resume);
-    EXPECT_EQ(std::get<wire::Publish>(messages[1]).text, "\xc3\xa9");
-    EXPECT_EQ(std::get<wire::Echo>(messages[2]).id, "1.5E0");
-    EXPECT_EQ(std::get<wire::Unknown>(messages[3]).what, "later");
-    for (const char* text :
-         {"[1]", R"({"t":"hello","version":1,"view":"v"})", R"({"t":"subscribe","channels":[1]})",
-          R"({"t":"block","transfer":1.5,"ok":true})", R"({"t":"block","transfer":1,"ok":1})",
-          R"({"t":"ack","last":1e30})", R"({"t":"echo","id":[]})", "[[[[[[[[[[1]]]]]]]]]]"}) {
-        EXPECT_THROW(static_cast<void>(wire::readFrame(text)), std::runtime_error) << text;
+namespace {
+
+/// What a page says in `frame`, of which `piece` bytes come at a time. Throws as the reader does.
+std::vector<wire::PageMessage> readFrame(std::string_view frame, std::size_t piece = 100000,
+                                         std::size_t most = 1000) {
+    FrameReader reader(3);
+    std::vector<wire::PageMessage> messages;
+    const FrameReader::Handler keep = [&](wire::PageMessage&& message) {
+        messages.push_back(std::move(message));
+        return messages.size() < most;
+    };
+    for (int again = 0; again < 2; ++again) {  // a reader serves one frame after the other
+        messages.clear();
+        for (auto rest = frame;; rest.remove_prefix(piece)) {
+            const bool isLast = rest.size() <= piece;
+            reader.read(rest.substr(0, piece), isLast, keep);
+            if (isLast) break;
+        }
     }
+    EXPECT_EQ(reader.held(), 0U);
+    return messages;
+}
+
+}  // namespace
+
+TEST(FrameReader, ReadsMessagesFromTheirBytesHoweverTheyCome) {
+    const std::string frame =
+        R"([{"t":"hello","version":1,"view":"v","last":7,"limits":{"block":9,"x":[1]},)"
+        R"("refused":[1,2]}, {"text":"\u00e9\ud83d\\\ud83d\uDE00\udc00x\\ud800","x":{"t":["deep"]},"channel":"c",)"
+        R"("t":"publish"},{"t":"echo","id":1.50},{"t":"echo","id":-12345678901234567890123},)"
+        R"({"t":"echo","id":"\u0001"},{"t":"later","more":null},)"
+        R"({"t":"subscribe","channels":["a"],"channels":["b","c"]},)"
+        R"({"t":"block","transfer":4294967296,"ok":true,"ok":false}] )";
+    for (const std::size_t piece : {1UL, 2UL, 7UL, 1000UL}) {
+        const auto messages = readFrame(frame, piece);
+        ASSERT_EQ(messages.size(), 8U);
+        const auto& hello = std::get<wire::Hello>(messages[0]);
+        EXPECT_EQ(hello.last, 7U);
+        EXPECT_EQ(hello.maxBlock, 9U);
+        EXPECT_EQ(hello.refused, (std::vector<std::uint64_t>{1, 2}));
+        EXPECT_TRUE(hello.resume);
+        const auto& publish = std::get<wire::Publish>(messages[1]);
+        EXPECT_EQ(publish.channel, "c");
+        EXPECT_EQ(publish.text, "\xc3\xa9\xef\xbf\xbd\\\xf0\x9f\x98\x80\xef\xbf\xbdx\\ud800")
+            << "half a character is replaced";
+        EXPECT_EQ(std::get<wire::Echo>(messages[2]).id, "1.50") << "as it was written";
+        EXPECT_EQ(std::get<wire::Echo>(messages[3]).id, "-12345678901234567890123");
+        EXPECT_EQ(std::get<wire::Echo>(messages[4]).id, R"("\u0001")");
+        EXPECT_EQ(std::get<wire::Unknown>(messages[5]).what, "later");
+        EXPECT_EQ(std::get<wire::Subscribe>(messages[6]).channels,
+                  (std::vector<std::string>{"b", "c"}));
+        EXPECT_EQ(std::get<wire::BlockAnswer>(messages[7]).transfer, 4294967296U);
+        EXPECT_FALSE(std::get<wire::BlockAnswer>(messages[7]).ok);
+    }
+    EXPECT_EQ(readFrame(frame + "nonsense", 5, 2).size(), 2U) << "told to pass the rest over";
+}
+
+TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
+    const auto array = [](std::size_t count, const char* element) {
+        std::string text = element;
+        for (std::size_t i = 1; i < count; ++i) text += ',' + std::string(element);
+        return '[' + text + ']';
+    };
+    const auto hello = R"({"t":"hello","version":1,)"s;
+    for (const auto& text :
+         {"[1]"s,
+          "7"s,
+          "\"a\""s,
+          ""s,
+          "["s,
+          "{}x"s,
+          "[[]]"s,
+          "[null]"s,
+          R"({"t":"hello","version":1,"view":"v"})"s,
+          R"({"t":"subscribe","channels":[1]})"s,
+          R"({"t":"subscribe","channels":["a",1]})"s,
+          R"({"t":"subscribe","channels":["a",{}]})"s,
+          R"({"t":"subscribe","channels":"a"})"s,
+          R"({"t":"block","transfer":1.5,"ok":true})"s,
+          R"({"t":"block","transfer":1,"ok":1})"s,
+          R"({"t":"ack","last":1e30})"s,
+          R"({"t":"ack","last":-1})"s,
+          R"({"t":"echo","id":[]})"s,
+          R"({"t":"echo","id":true})"s,
+          R"({"t":"echo","id":")"s + std::string(300, 'x') + "\"}",
+          "[[[[[[[[[[1]]]]]]]]]]"s,
+          hello + R"("client":")" + std::string(257, 'x') + "\"}",
+          hello + R"("limits":7})",
+          hello + R"("limits":{"block":"x"}})",
+          hello + R"("refused":["a"]})",
+          hello + R"("refused":)" + array(4097, "1") + "}",
+          R"({"t":"unsubscribe","channels":["a","b","c","d"]})"s,
+          R"([{"t":"subscribe","channels":["a","b"]},{"t":"subscribe","channels":["a","b"]}])"s}) {
+        for (const std::size_t piece : {1UL, 100000UL}) {
+            EXPECT_THROW(static_cast<void>(readFrame(text, piece)), std::runtime_error) << text;
+        }
+    }
+    // What is too long to be used is not held either.
+    const auto long_name =
+        readFrame(R"({"t":"unsubscribe","channels":[")"s + std::string(100000, 'x') + "\"]}", 10);
+    const auto& cut = std::get<wire::Unsubscribe>(long_name.at(0)).channels.at(0);
+    EXPECT_GT(cut.size(), wire::kMaxChannelName);
+    EXPECT_LT(cut.size(), 2000U);
 }
 
 TEST(GuardedLog, EscapesAndCountsWhatItLeavesOut) {

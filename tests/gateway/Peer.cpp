@@ -127,7 +127,10 @@ void Peer::cut() {
     fSocket->close();
 }
 
-void Peer::closeWriting() const { fSocket->shutdown(Socket::shutdown_send); }
+void Peer::closeWriting() const {
+    error_code ignored;  // the other side may have closed both
+    fSocket->shutdown(Socket::shutdown_send, ignored);
+}
 
 std::string upgradeRequest(const Access& access, std::string_view token) {
     return "GET /kiroweb HTTP/1.1\r\nHost: " + access.host() + "\r\nOrigin: " + access.origin() +

@@ -6,7 +6,6 @@
 
 #include "GatewayFixture.hpp"
 #include "kirohost/Controls.hpp"
-#include "kiroutils/Logger.hpp"
 
 using gatewaytest::GatewayTest;
 using Records = std::vector<gatewaytest::Record>;
@@ -139,7 +138,6 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
 
 TEST_F(TrafficTest, GivesABlockBackThatIsLateOrTooLargeAndKeepsThePage) {
     fOptions.limits.block = std::chrono::milliseconds(20);
-    fOptions.limits.queueSize = 1024;
     start();
     auto page = join(R"(,"limits":{"block":100})");
     auto other = join();
@@ -148,7 +146,6 @@ TEST_F(TrafficTest, GivesABlockBackThatIsLateOrTooLargeAndKeepsThePage) {
     EXPECT_FALSE(late.get().delivered);
     answer(page, 1, true);
     EXPECT_FALSE(sendBlock(101).get().delivered);
-    EXPECT_FALSE(sendBlock(1025).get().delivered);
     settle(page);
     settle(other);
 }
@@ -185,7 +182,8 @@ TEST_F(TrafficTest, ResumesAfterALostConnection) {
     // What cannot be is a new view.
     auto liar = comeBack(view, 99);
     EXPECT_EQ(hello("kind"), "further");
-    EXPECT_EQ(third.readClose(), 4003U);
+    EXPECT_TRUE(hello("ended").starts_with("bad return: "));
+    EXPECT_EQ(third.readClose(), 4006U);
 }
 
 TEST_F(TrafficTest, CountsAPageAsGoneAtOnceOrAfterAWhile) {
@@ -226,32 +224,6 @@ TEST_F(TrafficTest, TellsTheInterpreterThatTheLastPageHasGone) {
     while (!fGateway->lastPageGone()) std::this_thread::yield();
     fGateway.reset();  // what it began is done then
     EXPECT_EQ(kirohost::runPendingTasks(), 1U);
-}
-
-TEST_F(TrafficTest, DisconnectsAPageThatCannotFollowAndNoOther) {
-    fOptions.limits.queueSize = 1024 * 1024;
-    auto& logger = kiroutils::Logger::instance();
-    logger.setHistoryEnabled("DrawnowTimeout", true, 10, false);
-    start();
-    fAccess.receiveBuffer = 4096;
-    auto slow = join();
-    fAccess.receiveBuffer = 0;
-    const auto view = hello("view");
-    auto good = join();
-    const std::string text(64 * 1024, 'x');
-    // The kernel's buffers take some megabytes before anything waits.
-    for (int i = 0; i < 400 && fGateway->statistics().disconnected == 0; ++i) {
-        publish("/fig/1", text);
-        ASSERT_EQ(good.readRecords(1).size(), 1U);
-        good.sendText(R"({"t":"ack","last":)" + std::to_string(i + 1) + "}");
-        settle(good);
-    }
-    EXPECT_EQ(slow.readClose(), 4003U);
-    auto again = comeBack(view, 1);
-    EXPECT_EQ(hello("kind"), "further");
-    EXPECT_EQ(hello("ended"), "too slow: the queue is full");
-    const auto history = logger.history("DrawnowTimeout");
-    EXPECT_NE(history.at(0).find("too slow: the queue is full"), std::string::npos);
 }
 
 TEST_F(TrafficTest, StopsWithPagesConnectedAndPublishersAtWork) {

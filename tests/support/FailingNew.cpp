@@ -10,8 +10,10 @@ namespace {
 /// Of each thread; 0: none will fail. A plain number: `operator new` must not allocate to look at
 /// it.
 constinit thread_local std::size_t untilFailure = 0;
+constinit thread_local support::FailPoint* failPoint = nullptr;
 
 void* allocate(std::size_t size) noexcept {
+    if (failPoint != nullptr && failPoint->fails()) return nullptr;
     if (untilFailure != 0 && --untilFailure == 0) return nullptr;
     return std::malloc(size != 0 ? size : 1);
 }
@@ -41,6 +43,31 @@ Outcome failingNew(std::size_t n, const std::function<void()>& call) {
         outcome.error = error.what();
     }
     return outcome;
+}
+
+void FailPoint::adopt() noexcept { failPoint = this; }
+
+void FailPoint::arm(std::size_t n, bool andAllBehind) noexcept {
+    fHasFailed = false;
+    fAllBehind = andAllBehind;
+    fUntil = n;
+}
+
+bool FailPoint::disarm() noexcept {
+    fUntil = 0;
+    return fHasFailed;
+}
+
+bool FailPoint::fails() noexcept {
+    auto until = fUntil.load();
+    // The test may disarm it meanwhile.
+    while (until != 0) {
+        const auto next = until == 1 && fAllBehind ? 1 : until - 1;
+        if (!fUntil.compare_exchange_weak(until, next)) continue;
+        if (until == 1) fHasFailed = true;
+        return until == 1;
+    }
+    return false;
 }
 
 std::size_t failEachNew(const std::function<bool(std::size_t)>& attempt) {

@@ -1,0 +1,239 @@
+// Bounds: on each page, and on the sum of all of them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <latch>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "GatewayFixture.hpp"
+#include "kirohost/Controls.hpp"
+#include "kiroutils/Logger.hpp"
+
+using gatewaytest::GatewayTest;
+using gatewaytest::Peer;
+
+namespace {
+
+class PressureTest : public GatewayTest {
+  protected:
+    /// A page that reads nothing, so that little goes into its socket.
+    Peer joinSlow() {
+        fAccess.receiveBuffer = 4096;
+        auto page = join();
+        fAccess.receiveBuffer = 0;
+        return page;
+    }
+    /// The value of a member in the diagnostics of the whole.
+    std::size_t held() const {
+        return boost::json::parse(fGateway->diagnostics()).at("bytesHeld").to_number<std::size_t>();
+    }
+    std::size_t viewCount() const {
+        return boost::json::parse(fGateway->diagnostics()).at("detail").as_array().size();
+    }
+    /// What `page` says from now on has been looked at when this returns.
+    std::string endedReason(const std::string& view) {
+        auto back = comeBack(view, 0);
+        return hello("kind") == "return" ? "returned" : hello("ended");
+    }
+};
+
+}  // namespace
+
+TEST_F(PressureTest, KeepsNoMoreLostViewsThanAllowedAndTheYoungestOfThem) {
+    fOptions.limits.lostViews = 3;
+    start();
+    auto good = join();
+    std::vector<std::string> views;
+    for (int i = 0; i < 20; ++i) {
+        auto page = join();
+        views.push_back(hello("view"));
+        page.cut();
+    }
+    while (viewCount() > 4) settle(good);
+    EXPECT_EQ(endedReason(views[0]), "too many views had lost their connections");
+    EXPECT_EQ(endedReason(views[19]), "returned");
+    EXPECT_EQ(endedReason(views[18]), "returned");
+}
+
+TEST_F(PressureTest, KeepsNoMoreForLostViewsTogetherThanAllowed) {
+    fOptions.limits.lostMemory = 300000;
+    start();
+    auto good = join();
+    std::vector<std::string> views;
+    for (int i = 0; i < 2; ++i) {
+        auto page = join();
+        views.push_back(hello("view"));
+        page.sendFrame(8, "\x13\x24");  // given up
+        EXPECT_NE(page.readClose(), 0U);
+        settle(good);  // by now it is lost
+    }
+    const std::string text(100000, 'x');
+    for (int i = 0; i < 2; ++i) publish("/fig/1", text);
+    EXPECT_EQ(good.readRecords(2).size(), 2U);
+    EXPECT_EQ(endedReason(views[0]),
+              "too slow: more was kept for lost views than they may have together");
+    EXPECT_EQ(endedReason(views[1]), "returned");
+}
+
+TEST_F(PressureTest, EndsTheViewThatHoldsMostWhenMemoryIsUsedUp) {
+    fOptions.limits.memory = 8 * 1024 * 1024;
+    start();
+    auto slow = joinSlow();
+    const auto view = hello("view");
+    auto good = join();
+    const std::string text(100000, 'x');
+    std::size_t most = 0;
+    for (int i = 0; i < 400 && fGateway->statistics().disconnected == 0; ++i) {
+        publish("/fig/1", text);
+        most = std::max(most, held());
+        ASSERT_EQ(good.readRecords(1).size(), 1U);
+        good.sendText(R"({"t":"ack","last":)" + std::to_string(i + 1) + "}");
+        settle(good);
+    }
+    EXPECT_LE(most, fOptions.limits.memory);
+    EXPECT_EQ(endedReason(view),
+              "too slow: the most was held for it when the gateway's memory was used up");
+    publish("/fig/1", "still");
+    EXPECT_EQ(good.readRecords(1).at(0).text, "still");
+}
+
+TEST_F(PressureTest, CountsASharedTextOnceHoweverManyPagesWaitForIt) {
+    start();
+    std::vector<Peer> pages;
+    for (int i = 0; i < 4; ++i) pages.push_back(joinSlow());
+    publish("/fig/1", std::string(10000000, 'x'));
+    EXPECT_GT(held(), 10000000U);
+    EXPECT_LT(held(), 11000000U);
+    auto block = sendBlock(10000000);
+    EXPECT_GT(held(), 20000000U);
+    EXPECT_LT(held(), 21000000U);
+}
+
+TEST_F(PressureTest, GivesABlockBackThatCanNeverFitAndSaysWhy) {
+    fOptions.limits.memory = 1000000;
+    support::Collector<std::string> lines;
+    const auto observing = kirohost::observeLog(
+        [&lines](const kirohost::LogRecord& record) { lines.add(record.text); });
+    start();
+    auto page = join();
+    EXPECT_FALSE(sendBlock(1000001).get().delivered);
+    settle(page);
+    const auto all = lines.all();
+    EXPECT_EQ(std::ranges::count(all,
+                                 "a block of 1000001 bytes can never be sent, the limit is "
+                                 "1000000: /bin"),
+              1);
+}
+
+TEST_F(PressureTest, SendsMuchToAPageThatReads) {
+    fOptions.limits.queueSize = 1000000;
+    fOptions.limits.queue = std::chrono::milliseconds(500);
+    start();
+    auto page = join();
+    std::vector<Block> blocks;
+    for (int i = 0; i < 4; ++i) blocks.push_back(sendBlock(25000000));
+    publish("/fig/1", std::string(30000000, 'x'));
+    for (unsigned i = 1; i <= 4; ++i) {
+        for (std::size_t size = 0; size < 25000000;) size += page.readBinary().size() - 16;
+        answer(page, i, true);
+    }
+    EXPECT_EQ(page.readRecords(1).at(0).text.size(), 30000000U);
+    for (auto& block : blocks) EXPECT_TRUE(block.get().delivered);
+    settle(page);
+}
+
+TEST_F(PressureTest, ClosesAPageThatTakesNothing) {
+    fOptions.limits.queue = std::chrono::milliseconds(100);
+    auto& logger = kiroutils::Logger::instance();
+    logger.setHistoryEnabled("DrawnowTimeout", true, 10, false);
+    start();
+    auto slow = joinSlow();
+    const auto view = hello("view");
+    auto good = join();
+    publish("/fig/1", std::string(8000000, 'x'));
+    EXPECT_EQ(good.readRecords(1).size(), 1U);
+    while (fGateway->statistics().disconnected == 0) settle(good);
+    EXPECT_EQ(endedReason(view), "too slow: it took nothing for too long");
+    const auto history = logger.history("DrawnowTimeout");
+    EXPECT_NE(history.at(0).find("too slow: it took nothing"), std::string::npos);
+    logger.setHistoryEnabled("DrawnowTimeout", false, 10, false);
+}
+
+TEST_F(PressureTest, ReadsNoMoreOfAPageThanIsHeard) {
+    fOptions.limits.undelivered = 50000;
+    fOptions.maySubscribe.push_back("/up/*");
+    std::latch isOpen(1);
+    start();
+    std::atomic<std::size_t> heard{0};
+    const auto service = relay::message_service::createMessageService("slow", {}).get();
+    const auto subscription = service
+                                  ->subscribe("/up/gate",
+                                              [&](const relay::message_service::JsonMessage&) {
+                                                  isOpen.wait();
+                                                  ++heard;
+                                              })
+                                  .get();
+    auto flood = join();
+    auto good = join();
+    const auto text = std::string(10000, 'x');
+    std::thread sender([&] {
+        for (int i = 0; i < 500; ++i) {
+            flood.sendText(R"({"t":"publish","channel":"/up/gate","text":")" + text + "\"}");
+        }
+    });
+    while (fGateway->statistics().textsReceived < 5) settle(good);
+    for (int i = 0; i < 200; ++i) settle(good);  // turns in which more would have been read
+    EXPECT_LT(fGateway->statistics().textsReceived, 10U);
+    EXPECT_LT(held(), 150000U);
+    isOpen.count_down();
+    sender.join();
+    settle(flood);
+    kirohost::waitForDelivery();
+    EXPECT_EQ(heard, 500U);
+    EXPECT_EQ(held(), 0U);
+}
+
+TEST_F(PressureTest, AsksNoMoreOfAPageThatDoesNotReadItsAnswers) {
+    start();
+    auto good = join();
+    auto asks = joinSlow();
+    std::atomic<bool> isOver{false};
+    std::thread sender([&] {
+        const auto question = R"({"t":"echo","id":")" + std::string(250, 'i') + "\"}";
+        while (!isOver && asks.sendText(question)) {
+        }
+    });
+    while (held() < 900000) settle(good);
+    for (int i = 0; i < 200; ++i) settle(good);
+    EXPECT_LT(held(), 3000000U);
+    isOver = true;
+    fGateway.reset();
+    sender.join();
+}
+
+TEST_F(PressureTest, ReadsLongFramesInTurnsAndBoundsWhatTheyName) {
+    start();
+    auto good = join();
+    const auto namesOf = [](std::size_t count) {
+        std::string names = R"({"t":"subscribe","channels":["")";
+        for (std::size_t i = 1; i < count; ++i) names += ",\"\"";
+        return names + "]}";
+    };
+    auto most = join();
+    most.sendText(namesOf(1024));
+    settle(most);
+    auto page = join();
+    page.sendText(namesOf(1300000));
+    EXPECT_EQ(page.readClose(), 4000U);
+    auto fails = join();
+    fails.sendText(R"([{"t":"ack","last":"x"})" + std::string(3000000, ' ') + "]");
+    EXPECT_EQ(fails.readClose(), 4000U);
+    auto large = join();
+    const std::string text(4000000, 'x');
+    large.sendText(R"({"t":"publish","channel":"/up/a","text":")" + text + "\"}");
+    EXPECT_EQ(fEvents.take().size(), text.size() + 6);
+    settle(good);
+}
