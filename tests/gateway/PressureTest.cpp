@@ -68,7 +68,7 @@ TEST_F(PressureTest, KeepsNoMoreForLostViewsTogetherThanAllowed) {
         views.push_back(hello("view"));
         page.sendFrame(8, "\x13\x24");  // given up
         EXPECT_NE(page.readClose(), 0U);
-        settle(good);  // by now it is lost
+        while (fGateway->statistics().pages > 1) settle(good);  // until it is lost
     }
     const std::string text(100000, 'x');
     for (int i = 0; i < 2; ++i) publish("/fig/1", text);
