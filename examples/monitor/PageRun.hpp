@@ -4,7 +4,8 @@
 
 namespace monitor {
 
-/// Draws for pages until SIGINT, SIGTERM or the options' end; returns the exit status.
-[[nodiscard]] int runForPages(const Options& options);
+/// Draws for pages until SIGINT, SIGTERM or the options' end, and prints what came of it; returns
+/// whether all was drawn.
+[[nodiscard]] bool runForPages(const Options& options);
 
 }  // namespace monitor

@@ -7,8 +7,11 @@
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <csignal>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "Contract.hpp"
 
@@ -36,6 +39,20 @@ constexpr std::array<std::pair<const char*, const char*>, 15> kAssets{{
     {"/uplot/uPlot.esm.js", "node_modules/uplot/dist/uPlot.esm.js"},
     {"/uplot/uPlot.min.css", "node_modules/uplot/dist/uPlot.min.css"},
 }};
+
+std::vector<kirogateway::Asset> pageFiles(const std::filesystem::path& folder) {
+    std::vector<kirogateway::Asset> assets;
+    for (const auto& [name, file] : kAssets) {
+        try {
+            assets.push_back(kirogateway::loadAsset(name, (folder / file).string()));
+        } catch (const std::runtime_error& error) {
+            throw std::runtime_error(std::string(error.what()) +
+                                     "; --client names the folder of the page's files, where " +
+                                     "\"npm ci\" has been run");
+        }
+    }
+    return assets;
+}
 
 std::string configuration() {
     return boost::json::serialize(boost::json::object{{"commands", kCommandChannel},
@@ -83,9 +100,7 @@ class Separately {
 kirogateway::Options gatewayOptions(const Options& options) {
     kirogateway::Options gateway;
     gateway.port = options.port;
-    for (const auto& [name, file] : kAssets) {
-        gateway.assets.push_back(kirogateway::loadAsset(name, (options.client / file).string()));
-    }
+    gateway.assets = pageFiles(options.client);
     gateway.configuration = configuration();
     gateway.mayPublish = {kReadyChannel, kReturnChannel, kNewViewChannel, kPickChannel,
                           kErrorChannel};

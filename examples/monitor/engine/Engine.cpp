@@ -87,7 +87,7 @@ EngineResult Engine::run(const Pace& pace) {
     const auto begin = steady_clock::now();
     auto start = begin;
     const auto over = [&](std::uint64_t frame) {
-        return isStopped() || (pace.frames && frame >= *pace.frames) ||
+        return (pace.frames && frame >= *pace.frames) ||
                (pace.duration && steady_clock::now() - begin >= *pace.duration);
     };
     for (std::uint64_t frame = 0; !over(frame); ++frame) {
@@ -102,16 +102,18 @@ EngineResult Engine::run(const Pace& pace) {
             if (late > kMostBehind) start += late;
         }
         waitForClient();
-        if (isStopped()) break;
-        drawFrame(frame);
+        if (isStopped() || !drawFrame(frame)) {
+            fResult.interrupted = true;
+            break;
+        }
         ++fResult.frames;
-        if (fHooks.frameOver) fHooks.frameOver(fResult.frames);
+        if (fHooks.frameOver) fHooks.frameOver(fResult);
     }
     fResult.traffic = fOut.countTraffic();
     return std::move(fResult);
 }
 
-void Engine::drawFrame(std::uint64_t frame) {
+bool Engine::drawFrame(std::uint64_t frame) {
     if (const auto pick = fPicks.take()) fQuakes->pick(*pick);
     for (const auto& figure : fFigures) figure->advance(frame);
     for (std::uint64_t attempt = 1;; ++attempt) {
@@ -121,19 +123,19 @@ void Engine::drawFrame(std::uint64_t frame) {
             case FlushEnd::kComplete:
                 // The client reports what went wrong before it answers.
                 ++(fErrors.count() == errors ? fResult.complete : fResult.failed);
-                return;
+                return true;
             case FlushEnd::kTimedOut:
                 // The commands are on their way or queued, in order: only the answer is missing.
                 ++fResult.timedOut;
                 if (fHooks.timedOut) {
                     fHooks.timedOut(fSender->queryCommandSenderReadyStatus(), fResult.latencies);
                 }
-                return;
+                return true;
             case FlushEnd::kClientGone:
                 ++fResult.clientsGone;
-                return;
+                return true;
             case FlushEnd::kStopped:
-                return;
+                return false;
             case FlushEnd::kReconnection:
                 ++fResult.endedByReconnection;
                 break;
@@ -184,7 +186,7 @@ Engine::FlushEnd Engine::waitForToken() {
     try {
         WebBlockingOperation::waitOrThrow(
             "drawnow",
-            [this] { return !fRequestor->isACTPending() || isClientGone() || isStopped(); },
+            [this] { return !fRequestor->isACTPending() || isClientGone() || givesFrameUp(); },
             fClient.status(), [this] { pump(); });
     } catch (const Reconnected&) {
         fRequestor->discardAllTokens();
@@ -201,7 +203,7 @@ Engine::FlushEnd Engine::waitForToken() {
     // Only a token that was returned has left its stamps.
     if (fRequestor->hasTimeStamps()) return FlushEnd::kComplete;
     if (!pending) return FlushEnd::kTimedOut;
-    return isStopped() ? FlushEnd::kStopped : FlushEnd::kClientGone;
+    return givesFrameUp() ? FlushEnd::kStopped : FlushEnd::kClientGone;
 }
 
 void Engine::pump() const {
