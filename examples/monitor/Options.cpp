@@ -22,8 +22,8 @@ a map over which a real week of earthquakes is replayed in 300 frames. Each fram
 out as commands and blocks of 32-bit floats and ends with a flush that waits until the
 client has drawn it. The client is a page: open the link that is printed. With --headless
 the client lives in this process and checks every command, every block and their order
-against the data files; a table of what happened follows. SIGINT and SIGTERM end the run
-after the frame under way, and the result is printed.
+against the data files; a table of what happened follows. SIGINT and SIGTERM end the run,
+and what came of it is printed.
 
 Usage: monitor [options]
        monitor --headless [options]

@@ -72,9 +72,8 @@ kirogateway::Gateway makeGateway(const Options& options) {
 
 }  // namespace
 
-bool runForPages(const Options& options) {
+bool runForPages(const Options& options, const Signals& signals) {
     const auto started = std::chrono::system_clock::now();
-    const Signals signals([] { kirohost::wakeInterpreter(); });
     const engine::DataSet data = engine::readDataSet(options.data);
     if (options.diagnostics) requireWritable(*options.diagnostics);
     configureHost(options);

@@ -32,7 +32,7 @@ struct Run {
 /// One line on what came of drawing for pages; the first five numbers add up.
 [[nodiscard]] std::string summaryText(const engine::EngineResult& result);
 
-/// Whether all that was asked for was drawn, with any client.
+/// Whether all that was asked of a run with pages was drawn.
 [[nodiscard]] bool isAllDrawn(const Options& options, const engine::EngineResult& result);
 
 }  // namespace monitor

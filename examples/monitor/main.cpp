@@ -78,8 +78,7 @@ void draw(const engine::DataSet& data, engine::Recorder* recorder, client::Headl
     progress.end();
 }
 
-Run runHeadless(const Options& options) {
-    const Signals signals([] { kirohost::wakeInterpreter(); });
+Run runHeadless(const Options& options, const Signals& signals) {
     const engine::DataSet data = engine::readDataSet(options.data);
     const client::ReferenceData reference = client::readReferenceData(options.data.string());
     std::optional<engine::Recorder> recorder;
@@ -123,8 +122,11 @@ int main(int argc, char** argv) {
             print(parsed.text);
             return kGood;
         }
-        if (!parsed.options->headless) return runForPages(*parsed.options) ? kGood : kNotDrawn;
-        return report(runHeadless(*parsed.options));
+        const Options& options = *parsed.options;
+        // Until the end, or a second signal would keep the result from being printed.
+        const Signals signals([] { kirohost::wakeInterpreter(); });
+        if (options.headless) return report(runHeadless(options, signals));
+        return runForPages(options, signals) ? kGood : kNotDrawn;
     } catch (const OptionError& error) {
         say(error.what());
         return kWrongOption;
