@@ -8,27 +8,14 @@
 #include <system_error>
 #include <utility>
 
+#include "text/Escape.hpp"
+
 namespace monitor {
 
 namespace {
 
 constexpr std::uint64_t kMostLines = 5;
 constexpr std::size_t kMostBytes = 300;  // of a text, before they are escaped
-
-std::string escaped(std::string_view text) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string line;
-    for (const char character : text.substr(0, kMostBytes)) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte < 0x7f) {
-            line += character;
-        } else {
-            line += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 0xfU]};
-        }
-    }
-    if (text.size() > kMostBytes) line += "...";
-    return line;
-}
 
 }  // namespace
 
@@ -56,7 +43,7 @@ ErrorLines::ErrorLines(std::function<void(std::string)> say, std::function<Clock
 void ErrorLines::add(std::string_view error) {
     const annotated::Lock lock(fMutex);
     lookLocked();
-    if (++fCount <= kMostLines) fSay("script error " + escaped(error));
+    if (++fCount <= kMostLines) fSay("script error " + text::escaped(error, kMostBytes));
 }
 
 void ErrorLines::look() {

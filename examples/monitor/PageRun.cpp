@@ -63,7 +63,9 @@ kirogateway::Gateway makeGateway(const Options& options) {
     try {
         return kirogateway::Gateway(gatewayOptions(options));
     } catch (const std::system_error& error) {
-        if (options.port == 0) throw;
+        const bool isPort = error.code() == std::errc::address_in_use ||
+                            error.code() == std::errc::permission_denied;
+        if (options.port == 0 || !isPort) throw;
         throw std::runtime_error("--port " + std::to_string(options.port) + ": " +
                                  error.code().message() +
                                  "; take another one, or leave it out for one that is free");
