@@ -167,14 +167,15 @@ std::optional<std::int64_t> wholeNumber(const po::variables_map& map, const char
     return value;
 }
 
-/// The number given for `name`, above 0.
+/// The number given for `name`. What is smaller is a mistake, too: its inverse would overflow.
 std::optional<double> positiveNumber(const po::variables_map& map, const char* name,
                                      const char* orElse) {
     const auto text = given(map, name);
     if (!text) return std::nullopt;
+    constexpr double kLeast = 1e-6;
     const auto value = read<double>(*text);
-    if (!value || !(*value > 0 && *value <= static_cast<double>(kMostOfAnything))) {
-        throw OptionError(std::string("--") + name + " takes a number above 0, at most " +
+    if (!value || !(*value >= kLeast && *value <= static_cast<double>(kMostOfAnything))) {
+        throw OptionError(std::string("--") + name + " takes a number from 0.000001 to " +
                           std::to_string(kMostOfAnything) + orElse + ", not \"" + *text + '"');
     }
     return value;

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "kiroutils/Logger.hpp"
+
 namespace {
 
 using namespace monitor;
@@ -154,6 +156,13 @@ TEST(Judgement, AsksForAFaultOnlyOfARunThatCameToItsEnd) {
         EXPECT_EQ(complaints.front(),
                   interrupted ? "interrupted after 0 frames" : "too few frames: no token was lost");
     }
+}
+
+TEST(WarningLog, CountsWhatTheHostsServicesLog) {
+    const WarningLog log;
+    kiroutils::Logger::instance().log("relay", "a callback threw");
+    kiroutils::Logger::instance().log("gateway", "page connected");
+    EXPECT_EQ(log.errorsLogged(), 1U);
 }
 
 TEST(Summary, HasAPlaceForEveryFrameAndDecidesTheExitStatus) {

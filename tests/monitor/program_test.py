@@ -63,6 +63,7 @@ class Program(Case):
             (["--frames", "once"], "--frames=1", "--frames=2"),
             (["--duration", '"0"'], "--duration=0"),
             (["--speed", "max", '"fast"'], "--speed=fast"),
+            (["--speed", "0.000001"], "--speed=1e-300"),
             (["--timeout", "1000000000"], "--timeout=99999999999"),
             (["--timeout 0"], "--headless", "--silent", "--timeout=0"),
             (["--silent"], "--headless", "--silent", "--drop-token=2"),
@@ -108,8 +109,8 @@ class Headless(Case):
                 pipe.unlink()
 
     def test_a_run_that_proves_nothing(self):
-        status, out, _ = end(start("--headless", "--speed=max", "--frames=3", "--fail-block=999"))
-        self.assertEqual(status, 1)
+        status, out, error = end(start("--headless", "--speed=max", "--frames=3", "--fail-block=999"))
+        self.assertEqual((status, error), (1, "frame 3 of 3\n"))
         self.assertIn("too few frames: no block failed\n", out)
 
 

@@ -8,6 +8,7 @@
 #include "engine/DataSet.hpp"
 #include "engine/EcgFigure.hpp"
 #include "engine/Recorder.hpp"
+#include "engine/Schedule.hpp"
 #include "kiro/web/BootstrappingCommandSender.hpp"
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
@@ -32,8 +33,6 @@ using NewView = WaitEnded<component_Quarn::catalog_graphics::key_newView>;
 struct ClientBegunAnew {
     ClientWatch::Events events;
 };
-
-constexpr std::chrono::milliseconds kMostBehind{250};
 
 template <typename Value>
 void keepLatest(std::deque<Value>& values, const Value& value) {
@@ -85,21 +84,16 @@ Outlet::Senders Engine::senders() const {
 
 EngineResult Engine::run(const Pace& pace) {
     const auto begin = steady_clock::now();
-    auto start = begin;
+    // Of no use when frames go as fast as possible.
+    Schedule schedule(begin, pace.speed > 0 ? pace.speed : 1);
     const auto over = [&](std::uint64_t frame) {
         return (pace.frames && frame >= *pace.frames) ||
                (pace.duration && steady_clock::now() - begin >= *pace.duration);
     };
     for (std::uint64_t frame = 0; !over(frame); ++frame) {
         if (pace.speed > 0) {
-            const std::chrono::duration<double> offset(
-                static_cast<double>(frame) /
-                (static_cast<double>(contract::kFramesPerSecond) * pace.speed));
-            const auto due = start + std::chrono::duration_cast<steady_clock::duration>(offset);
-            waitUntil("pace", [due] { return steady_clock::now() >= due; });
-            // What a client has kept waiting for long goes on from there, and does not race.
-            const auto late = steady_clock::now() - due;
-            if (late > kMostBehind) start += late;
+            waitUntil("pace", [due = schedule.due(frame)] { return steady_clock::now() >= due; });
+            schedule.begin(frame, steady_clock::now());
         }
         waitForClient();
         if (isStopped() || !drawFrame(frame)) {
