@@ -12,7 +12,7 @@ build_packages=(
 check_packages=(
     libgtest-dev libgmock-dev libbenchmark-dev pkg-config
     clang-14 libclang-rt-14-dev clang-tidy-14 clang-format-14
-    python3 chromium chromium-sandbox
+    python3 shellcheck chromium chromium-sandbox
 )
 
 # install_missing PACKAGE...: asks the package sources only when something is missing.

@@ -1,6 +1,14 @@
 #include "Console.hpp"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <iostream>
+#include <system_error>
+#include <utility>
+
+#include "text/Escape.hpp"
 
 namespace monitor {
 
@@ -9,34 +17,38 @@ namespace {
 constexpr std::uint64_t kMostLines = 5;
 constexpr std::size_t kMostBytes = 300;  // of a text, before they are escaped
 
-std::string escaped(std::string_view text) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string line;
-    for (const char character : text.substr(0, kMostBytes)) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte < 0x7f) {
-            line += character;
-        } else {
-            line += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 0xfU]};
-        }
-    }
-    if (text.size() > kMostBytes) line += "...";
-    return line;
-}
-
 }  // namespace
 
-void say(const std::string& text) { std::cerr << ("monitor: " + text + '\n') << std::flush; }
+void say(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::cerr << ("monitor: " + text + '\n') << std::flush;
+}
+
+// Not through a stream, which forgets why it failed.
+void print(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+        if (written >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno != EINTR) {
+            throw OutputError("standard output cannot be written: " +
+                              std::generic_category().message(errno));
+        }
+    }
+}
+
+ErrorLines::ErrorLines(std::function<void(std::string)> say, std::function<Clock::time_point()> now)
+    : fSay(std::move(say)), fNow(std::move(now)) {}
 
 void ErrorLines::add(std::string_view error) {
     const annotated::Lock lock(fMutex);
-    lookLocked(Clock::now());
-    if (++fCount <= kMostLines) say("script error " + escaped(error));
+    lookLocked();
+    if (++fCount <= kMostLines) fSay("script error " + text::escaped(error, kMostBytes));
 }
 
 void ErrorLines::look() {
     const annotated::Lock lock(fMutex);
-    lookLocked(Clock::now());
+    lookLocked();
 }
 
 void ErrorLines::end() {
@@ -44,15 +56,16 @@ void ErrorLines::end() {
     endLocked();
 }
 
-void ErrorLines::lookLocked(Clock::time_point now) {
+void ErrorLines::lookLocked() {
     constexpr std::chrono::seconds kPeriod{1};
+    const auto now = fNow();
     if (now - fSince < kPeriod) return;
     endLocked();
     fSince = now;
 }
 
 void ErrorLines::endLocked() {
-    if (fCount > kMostLines) say(std::to_string(fCount - kMostLines) + " more script errors");
+    if (fCount > kMostLines) fSay(std::to_string(fCount - kMostLines) + " more script errors");
     fCount = 0;
 }
 

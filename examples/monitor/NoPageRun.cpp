@@ -3,7 +3,7 @@
 namespace monitor {
 
 /// Of a build without the gateway.
-int runForPages(const Options& /*options*/) {
+bool runForPages(const Options& /*options*/, const Signals& /*signals*/) {
     throw OptionError("built without the gateway, so there is no page: see --headless");
 }
 

@@ -3,8 +3,8 @@
 #include <boost/program_options.hpp>
 #include <charconv>
 #include <cmath>
-#include <limits>
 #include <sstream>
+#include <vector>
 
 #include "kiro/Version.hpp"
 
@@ -20,10 +20,10 @@ constexpr const char* kUsage =
 Two figures advance 30 times a second: a strip chart of a real electrocardiogram, and
 a map over which a real week of earthquakes is replayed in 300 frames. Each frame goes
 out as commands and blocks of 32-bit floats and ends with a flush that waits until the
-client has drawn it. The client is a page: open the link that is printed. SIGINT and
-SIGTERM end the program. With --headless the client lives in this process and checks
-every command, every block and their order against the data files; a table of what
-happened follows.
+client has drawn it. The client is a page: open the link that is printed. With --headless
+the client lives in this process and checks every command, every block and their order
+against the data files; a table of what happened follows. SIGINT and SIGTERM end the run,
+and what came of it is printed.
 
 Usage: monitor [options]
        monitor --headless [options]
@@ -40,9 +40,18 @@ constexpr const char* kExamples = R"(Examples:
   monitor --headless --record figures.json --frames 1
                                           what one frame consists of
 
-Exit status: 0 when everything arrived, in order and right, and every injected fault met
-its stated reaction; 1 when not, or when a file cannot be used; 2 for a wrong option.
+Exit status:
+  0  every frame was drawn; with --headless everything arrived, in order and right, and
+     every injected fault met its stated reaction
+  1  a frame was not drawn: its flush timed out, the page reported an error, or no page
+     was left; something was not right; a signal came before the end that --frames,
+     --duration or --headless set; or a file or the port cannot be used
+  2  a wrong option
+  3  standard output cannot be written
 )";
+
+/// Where arguments go that do not belong to an option.
+constexpr const char* kStray = "argument";
 
 constexpr std::uint64_t kDefaultFrames = 300;
 constexpr std::uint64_t kSilentFrames = 2;
@@ -82,6 +91,9 @@ po::options_description pageOptions() {
         ("port", po::value<std::string>()->value_name("N"),
          "the port to listen on, on the loopback interface (one that is free)")  //
         ("no-browser", "print the link only, do not open a browser")             //
+        ("remind", po::value<std::string>()->value_name("SECONDS"),
+         "print the link again when nobody has come for so long, then after twice as long, and so "
+         "on (30; 0: never)")  //
         ("client", po::value<std::string>()->value_name("DIR"),
          "where the page's files are (" MONITOR_CLIENT_DIR ")")  //
         ("diagnostics", po::value<std::string>()->value_name("FILE"),
@@ -137,29 +149,34 @@ std::optional<Number> read(const std::string& text) {
     return value;
 }
 
-/// The whole number given for `name`, at least `least`.
+/// Thirty years in seconds, and a year of frames as fast as they go: what is above is a mistake,
+/// and would not fit where times are counted in nanoseconds.
+constexpr std::int64_t kMostOfAnything = 1'000'000'000;
+
+/// The whole number given for `name`.
 std::optional<std::int64_t> wholeNumber(const po::variables_map& map, const char* name,
-                                        std::int64_t least) {
+                                        std::int64_t least, std::int64_t most = kMostOfAnything) {
     const auto text = given(map, name);
     if (!text) return std::nullopt;
     const auto value = read<std::int64_t>(*text);
-    if (!value || *value < least) {
+    if (!value || *value < least || *value > most) {
         throw OptionError(std::string("--") + name + " takes a whole number from " +
-                          std::to_string(least) + " on, not \"" + *text + '"');
+                          std::to_string(least) + " to " + std::to_string(most) + ", not \"" +
+                          *text + '"');
     }
     return value;
 }
 
-/// The number given for `name`, above 0.
+/// The number given for `name`. What is smaller is a mistake, too: its inverse would overflow.
 std::optional<double> positiveNumber(const po::variables_map& map, const char* name,
                                      const char* orElse) {
     const auto text = given(map, name);
     if (!text) return std::nullopt;
-    constexpr double kMost = 1e9;
+    constexpr double kLeast = 1e-6;
     const auto value = read<double>(*text);
-    if (!value || !(*value > 0 && *value <= kMost)) {
-        throw OptionError(std::string("--") + name + " takes a number above 0" + orElse +
-                          ", not \"" + *text + '"');
+    if (!value || !(*value >= kLeast && *value <= static_cast<double>(kMostOfAnything))) {
+        throw OptionError(std::string("--") + name + " takes a number from 0.000001 to " +
+                          std::to_string(kMostOfAnything) + orElse + ", not \"" + *text + '"');
     }
     return value;
 }
@@ -177,7 +194,7 @@ void readPace(const po::variables_map& map, Options& options) {
     if (given(map, "speed") == "max") {
         options.speed = 0;
     } else {
-        options.speed = positiveNumber(map, "speed", " or max").value_or(1);
+        options.speed = positiveNumber(map, "speed", ", or max").value_or(1);
     }
     if (options.frames || options.duration || !options.headless) return;
     options.frames = kDefaultFrames;
@@ -197,7 +214,7 @@ void readTimeout(const po::variables_map& map, Options& options) {
 
 void readPage(const po::variables_map& map, Options& options) {
     if (options.headless) {
-        for (const char* name : {"port", "no-browser", "client", "diagnostics"}) {
+        for (const char* name : {"port", "no-browser", "remind", "client", "diagnostics"}) {
             if (map.count(name) != 0) {
                 throw OptionError(std::string("--") + name +
                                   " is about a page, not for --headless");
@@ -206,12 +223,15 @@ void readPage(const po::variables_map& map, Options& options) {
         return;
     }
     if (options.losesTokens() || options.failEvery != 0 || map.count("record") != 0) {
-        throw OptionError("faults and --record need --headless");
+        throw OptionError("--drop-token, --fail-block, --silent and --record need --headless, too");
     }
     constexpr std::int64_t kMostPort = 65535;
-    const auto port = wholeNumber(map, "port", 0).value_or(0);
-    if (port > kMostPort) throw OptionError("--port takes a number up to 65535");
-    options.port = static_cast<std::uint16_t>(port);
+    options.port = static_cast<std::uint16_t>(wholeNumber(map, "port", 0, kMostPort).value_or(0));
+    if (given(map, "remind") == "0") {
+        options.remind = options.remind.zero();
+    } else if (const auto seconds = positiveNumber(map, "remind", ", or 0")) {
+        options.remind = std::chrono::duration<double>(*seconds);
+    }
     options.opensBrowser = map.count("no-browser") == 0;
     options.client = given(map, "client").value_or(MONITOR_CLIENT_DIR);
     if (const auto file = given(map, "diagnostics")) options.diagnostics = *file;
@@ -247,14 +267,25 @@ ParsedOptions parseOptions(int argc, const char* const* argv) {
     try {
         namespace style = po::command_line_style;
         const po::options_description all = allOptions();
-        const po::positional_options_description none;
+        // Taken in, to be named by its text: the parser would say only that there is one too many.
+        po::options_description known;
+        known.add(all).add_options()(kStray, po::value<std::vector<std::string>>());
+        const po::positional_options_description stray =
+            po::positional_options_description().add(kStray, -1);
         // Abbreviations are not guessed: a new option would change what they mean.
         constexpr int kStyle = style::unix_style & ~style::allow_guessing;
-        po::store(
-            po::command_line_parser(argc, argv).options(all).positional(none).style(kStyle).run(),
-            map);
+        po::store(po::command_line_parser(argc, argv)
+                      .options(known)
+                      .positional(stray)
+                      .style(kStyle)
+                      .run(),
+                  map);
     } catch (const po::error& error) {
         throw OptionError(std::string(error.what()) + "; see --help");
+    }
+    if (map.count(kStray) != 0) {
+        throw OptionError('"' + map[kStray].as<std::vector<std::string>>().front() +
+                          "\" is not an option; see --help");
     }
     if (map.count("help") != 0) return {std::nullopt, helpText()};
     if (map.count("version") != 0) return {std::nullopt, "monitor " KIROWEB_VERSION "\n"};

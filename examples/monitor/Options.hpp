@@ -24,8 +24,11 @@ struct Options {
     std::filesystem::path client;  ///< where the page's files are
     std::uint16_t port = 0;        ///< 0: one that is free
     bool opensBrowser = true;
+    std::chrono::duration<double> remind{30};  ///< 0: never
     std::optional<std::filesystem::path> diagnostics;
 
+    /// Whether the run ends by itself.
+    [[nodiscard]] bool hasEnd() const { return frames || duration; }
     [[nodiscard]] bool losesTokens() const { return silent || dropEvery != 0; }
 };
 

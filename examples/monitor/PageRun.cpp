@@ -1,15 +1,20 @@
 #include "PageRun.hpp"
 
+#include <cerrno>
+#include <chrono>
 #include <deque>
 #include <fstream>
-#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "Console.hpp"
+#include "History.hpp"
 #include "PageServer.hpp"
+#include "PageWatch.hpp"
+#include "Report.hpp"
 #include "Signals.hpp"
 #include "Timeout.hpp"
 #include "engine/DataSet.hpp"
@@ -32,7 +37,8 @@ void configureHost(const Options& options) {
 /// Before anything else, instead of at the first time-out. Throws `std::runtime_error`.
 void requireWritable(const std::filesystem::path& file) {
     if (!std::ofstream(file, std::ios::app)) {
-        throw std::runtime_error(file.string() + ": cannot be written");
+        throw std::runtime_error(file.string() +
+                                 ": cannot be written: " + std::generic_category().message(errno));
     }
 }
 
@@ -43,63 +49,78 @@ kirohost::Scope sayWhatTheGatewayLogs() {
     });
 }
 
-void sayTimeout(const Options& options, const kirogateway::Gateway& gateway, bool announced,
-                const std::deque<engine::Latency>& latest) {
-    const std::string pages = gateway.diagnostics();
-    const std::string cause = timeoutCause(announced, pages);
-    say("a flush timed out: " + cause);
+void sayTimeout(const Options& options, const Timeout& timeout, const History& history) {
+    say("a flush timed out: " + timeout.cause);
     if (!options.diagnostics) return;
     try {
-        writeDiagnostics(*options.diagnostics, cause, pages, latest);
+        writeFile(*options.diagnostics, diagnosticsText(options, timeout, history));
     } catch (const std::runtime_error& error) {
         say(error.what());
     }
 }
 
-/// Asks the gateway, and says when the answer has changed.
-bool isClientGone(const kirogateway::Gateway& gateway, bool& before) {
-    const bool gone = gateway.lastPageGone();
-    if (std::exchange(before, gone) != gone) say(gone ? "client gone" : "client there");
-    return gone;
-}
-
-void printResult(const engine::EngineResult& result) {
-    std::cout << result.frames << " frames: " << result.complete << " drawn, " << result.failed
-              << " failed, " << result.timedOut << " timed out, " << result.clientsGone
-              << " without a client at the end; " << result.endedByNewView
-              << " attempts ended by a new view, " << result.endedByReconnection
-              << " by a reconnection" << std::endl;
+kirogateway::Gateway makeGateway(const Options& options) {
+    try {
+        return kirogateway::Gateway(gatewayOptions(options));
+    } catch (const std::system_error& error) {
+        const bool isPort = error.code() == std::errc::address_in_use ||
+                            error.code() == std::errc::permission_denied;
+        if (options.port == 0 || !isPort) throw;
+        throw std::runtime_error("--port " + std::to_string(options.port) + ": " +
+                                 error.code().message() +
+                                 "; take another one, or leave it out for one that is free");
+    }
 }
 
 }  // namespace
 
-int runForPages(const Options& options) {
-    const Signals signals([] { kirohost::wakeInterpreter(); });
+bool runForPages(const Options& options, const Signals& signals) {
+    const auto started = std::chrono::system_clock::now();
     const engine::DataSet data = engine::readDataSet(options.data);
     if (options.diagnostics) requireWritable(*options.diagnostics);
     configureHost(options);
+    const History history;
     const kirohost::Scope gatewayLog = sayWhatTheGatewayLogs();
-    kirogateway::Gateway gateway(gatewayOptions(options));
-    std::cout << gateway.link() << std::endl;
+    kirogateway::Gateway gateway = makeGateway(options);
+    print(gateway.link() + '\n');
     if (options.opensBrowser) openBrowser(gateway.singleUseLink());
 
-    bool gone = false;
+    PageWatch pages({.ask = [&gateway] { return gateway.statistics(); },
+                     .say = &say,
+                     .repeatLink =
+                         [&gateway] {
+                             say("nobody has come yet; the link once more:");
+                             print(gateway.link() + '\n');
+                         }},
+                    options.remind);
     // Shared with a callback that may still run when the engine has ended.
     const auto errors = std::make_shared<ErrorLines>();
     engine::Engine::Hooks hooks;
+    hooks.waiting = [&pages] { pages.waiting(); };
     hooks.stopped = [&signals] { return signals.came(); };
-    hooks.clientGone = [&gateway, &gone] { return isClientGone(gateway, gone); };
+    hooks.clientGone = [&gateway, &pages] {
+        const bool gone = gateway.lastPageGone();
+        pages.note(gone);
+        return gone;
+    };
     hooks.timedOut = [&](bool announced, const std::deque<engine::Latency>& latest) {
-        sayTimeout(options, gateway, announced, latest);
+        const std::string known = gateway.diagnostics();
+        const auto now = std::chrono::system_clock::now();
+        sayTimeout(options, {started, now, timeoutCause(announced, known), known, latest}, history);
     };
     hooks.clientError = [errors](const std::string& error) { errors->add(error); };
-    hooks.frameOver = [errors](std::uint64_t /*frames*/) { errors->look(); };
+    hooks.frameOver = [&pages, errors,
+                       before = std::uint64_t{0}](const engine::EngineResult& soFar) mutable {
+        const std::uint64_t answers = soFar.complete + soFar.failed;
+        if (std::exchange(before, answers) != answers) pages.answered();
+        errors->look();
+    };
     engine::Engine engine(data, nullptr, hooks);
     const engine::EngineResult result =
         engine.run({options.frames, options.duration, options.speed});
     errors->end();
-    printResult(result);
-    return 0;
+    print(summaryText(result) + '\n');
+    return isAllDrawn(options, result);
 }
 
 }  // namespace monitor

@@ -4,7 +4,10 @@
 
 namespace monitor {
 
-/// Draws for pages until SIGINT, SIGTERM or the options' end; returns the exit status.
-[[nodiscard]] int runForPages(const Options& options);
+class Signals;
+
+/// Draws for pages until a signal or the options' end, and prints what came of it; returns
+/// whether all was drawn.
+[[nodiscard]] bool runForPages(const Options& options, const Signals& signals);
 
 }  // namespace monitor

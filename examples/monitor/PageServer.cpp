@@ -7,8 +7,12 @@
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <csignal>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "Contract.hpp"
 
@@ -18,24 +22,39 @@ using namespace contract;
 
 namespace {
 
-/// Names in addresses, and files below the client's folder.
-constexpr std::array<std::pair<const char*, const char*>, 15> kAssets{{
-    {"/", "index.html"},
-    {"/style.css", "style.css"},
-    {"/icon.svg", "icon.svg"},
-    {"/commands.mjs", "commands.mjs"},
-    {"/drawing.mjs", "drawing.mjs"},
-    {"/figure_views.mjs", "figure_views.mjs"},
-    {"/figures.mjs", "figures.mjs"},
-    {"/flush.mjs", "flush.mjs"},
-    {"/page.mjs", "page.mjs"},
-    {"/points.mjs", "points.mjs"},
-    {"/protocol.mjs", "protocol.mjs"},
-    {"/status_bar.mjs", "status_bar.mjs"},
-    {"/wire.mjs", "wire.mjs"},
+/// Files of packages that the page uses: their names in addresses, and below the client's folder.
+constexpr std::array<std::pair<const char*, const char*>, 2> kOfPackages{{
     {"/uplot/uPlot.esm.js", "node_modules/uplot/dist/uPlot.esm.js"},
     {"/uplot/uPlot.min.css", "node_modules/uplot/dist/uPlot.min.css"},
 }};
+
+/// Whether a file beside the page belongs to it; others there are for those who work on it.
+bool isOfPage(const std::filesystem::path& file) {
+    const std::string ending = file.extension().string();
+    return ending == ".mjs" || ending == ".css" || ending == ".svg";
+}
+
+/// Throws `std::runtime_error`.
+std::vector<kirogateway::Asset> pageFiles(const std::filesystem::path& folder) {
+    namespace fs = std::filesystem;
+    std::vector<kirogateway::Asset> assets;
+    try {
+        assets.push_back(kirogateway::loadAsset("/", (folder / "index.html").string()));
+        for (const auto& [name, file] : kOfPackages) {
+            assets.push_back(kirogateway::loadAsset(name, (folder / file).string()));
+        }
+        for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+            if (!isOfPage(entry.path())) continue;
+            const std::string name = "/" + entry.path().filename().string();
+            assets.push_back(kirogateway::loadAsset(name, entry.path().string()));
+        }
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(std::string(error.what()) +
+                                 "; --client names the folder of the page's files, where " +
+                                 "\"npm ci\" has been run");
+    }
+    return assets;
+}
 
 std::string configuration() {
     return boost::json::serialize(boost::json::object{{"commands", kCommandChannel},
@@ -83,9 +102,7 @@ class Separately {
 kirogateway::Options gatewayOptions(const Options& options) {
     kirogateway::Options gateway;
     gateway.port = options.port;
-    for (const auto& [name, file] : kAssets) {
-        gateway.assets.push_back(kirogateway::loadAsset(name, (options.client / file).string()));
-    }
+    gateway.assets = pageFiles(options.client);
     gateway.configuration = configuration();
     gateway.mayPublish = {kReadyChannel, kReturnChannel, kNewViewChannel, kPickChannel,
                           kErrorChannel};

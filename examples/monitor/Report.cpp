@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <iomanip>
-#include <ostream>
 #include <sstream>
 
 #include "Contract.hpp"
@@ -67,7 +66,9 @@ void judgeTraffic(const Run& run, Judgement& judgement) {
     judgement.equal(sent.blocks, "blocks sent", received.streamBlocks + received.textBlocks,
                     "received");
     judgement.equal(sent.blockBytes, "bytes of blocks sent", received.blockBytes, "received");
-    judgement.require(run.engine.backlog.commands > 0, "there was no backlog");
+    // Without a frame there was no flush that could wait.
+    judgement.require(run.engine.frames == 0 || run.engine.backlog.commands > 0,
+                      "there was no backlog");
 }
 
 void judgeFrames(const Run& run, Judgement& judgement) {
@@ -88,6 +89,13 @@ void judgeFrames(const Run& run, Judgement& judgement) {
     }
 }
 
+void judgeEnd(const Run& run, Judgement& judgement) {
+    const auto& wanted = run.options.frames;
+    judgement.require(!run.engine.interrupted,
+                      "interrupted after " + std::to_string(run.engine.frames) +
+                          (wanted ? " of " + std::to_string(*wanted) : "") + " frames");
+}
+
 /// Time-outs and failed blocks: as many as were injected, each with its reaction.
 void judgeFaults(const Run& run, Judgement& judgement) {
     const bool silent = run.options.silent;
@@ -95,7 +103,10 @@ void judgeFaults(const Run& run, Judgement& judgement) {
     const std::string tokens = silent ? "frames for a silent client" : "tokens dropped";
     const std::string cause =
         silent ? "a browser handshaking issue" : "an unresponsive browser client";
-    judgement.require(!run.options.losesTokens() || lost > 0, "too few frames: no token was lost");
+    // Interrupted, a run may have had no time for its faults.
+    const bool ended = !run.engine.interrupted;
+    judgement.require(!ended || !run.options.losesTokens() || lost > 0,
+                      "too few frames: no token was lost");
     judgement.equal(lost, tokens, run.engine.timedOut, "time-outs");
     const std::uint64_t timeoutWarnings = countOf(run.warnings, "timeoutDuringDrawnow", cause);
     judgement.equal(lost, tokens, timeoutWarnings, "warnings \"" + cause + '"');
@@ -106,7 +117,8 @@ void judgeFaults(const Run& run, Judgement& judgement) {
     judgement.equal(lost, tokens, run.timeoutHooks, "calls of the time-out hook");
 
     const std::uint64_t failed = run.client.blocksFailed;
-    judgement.require(run.options.failEvery == 0 || failed > 0, "too few frames: no block failed");
+    judgement.require(!ended || run.options.failEvery == 0 || failed > 0,
+                      "too few frames: no block failed");
     judgement.equal(failed, "blocks failed", run.client.received.textBlocks, "blocks as text");
     const std::uint64_t sendWarnings =
         countOf(run.warnings, "GraphicsBinarySendFailure", contract::kCommandChannel);
@@ -141,6 +153,7 @@ void printWarnings(std::ostream& out, const Run& run) {
 
 std::vector<std::string> judge(const Run& run) {
     Judgement judgement;
+    judgeEnd(run, judgement);
     if (!run.options.silent) judgeTraffic(run, judgement);
     judgeFrames(run, judgement);
     judgeFaults(run, judgement);
@@ -152,23 +165,32 @@ std::vector<std::string> judge(const Run& run) {
     return judgement.take();
 }
 
-void printTable(std::ostream& out, const Run& run) {
+std::string tableText(const Run& run) {
     const auto& engine = run.engine;
     const auto& client = run.client;
+    const std::uint64_t received = client.received.streamBlocks + client.received.textBlocks;
+    const std::uint64_t blocks = engine.traffic.blocks;
+    const std::uint64_t repeated = engine.endedByReconnection + engine.endedByNewView;
+    std::ostringstream out;
     row(out, "frames", engine.frames);
     row(out, "  complete", engine.complete);
-    row(out, "  ended by reconnection", engine.endedByReconnection);
-    row(out, "  ended by new view", engine.endedByNewView);
+    row(out, "  failed", engine.failed);
     row(out, "  ended by time-out", engine.timedOut);
+    row(out, "frames begun again", repeated);
+    row(out, "  after a reconnection", engine.endedByReconnection);
+    row(out, "  after a new view", engine.endedByNewView);
     row(out, "commands", engine.traffic.commands);
-    row(out, "blocks", engine.traffic.blocks);
+    row(out, "blocks", blocks);
     row(out, "  received by stream", client.received.streamBlocks);
     row(out, "  received as text", client.received.textBlocks);
+    row(out, "  not received", blocks > received ? blocks - received : 0);
     row(out, "bytes", engine.traffic.commandBytes + engine.traffic.blockBytes);
+    row(out, "  of commands", engine.traffic.commandBytes);
+    row(out, "  of blocks", engine.traffic.blockBytes);
     row(out, "backlog at ready", trafficText(engine.backlog));
     row(out, "flush latency p50 / p99",
         bothPercentiles({engine.flushes.begin(), engine.flushes.end()}));
-    row(out, "  of it at the client", bothPercentiles(timesAtClient(engine.latencies)));
+    row(out, "at the client, of that", bothPercentiles(timesAtClient(engine.latencies)));
     row(out, "tokens dropped", client.tokensDropped);
     row(out, "blocks failed", client.blocksFailed);
     row(out, "picks", client.picks);
@@ -177,6 +199,21 @@ void printTable(std::ostream& out, const Run& run) {
     row(out, "missing", client.findings.missing());
     row(out, "out of order", client.findings.outOfOrder());
     row(out, "wrong content", client.findings.wrong());
+    return out.str();
+}
+
+std::string summaryText(const engine::EngineResult& result) {
+    std::ostringstream out;
+    out << result.frames << " frames: " << result.complete << " drawn, " << result.failed
+        << " failed, " << result.timedOut << " timed out, " << result.clientsGone
+        << " without a client at the end; " << result.endedByNewView
+        << " attempts ended by a new view, " << result.endedByReconnection << " by a reconnection"
+        << (result.interrupted ? "; interrupted" : "");
+    return out.str();
+}
+
+bool isAllDrawn(const Options& options, const engine::EngineResult& result) {
+    return result.complete == result.frames && !(result.interrupted && options.hasEnd());
 }
 
 }  // namespace monitor

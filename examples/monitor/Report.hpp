@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -27,7 +26,13 @@ struct Run {
 /// What is wrong with the run, a line each; none when everything is as it must be.
 [[nodiscard]] std::vector<std::string> judge(const Run& run);
 
-/// Prints the table.
-void printTable(std::ostream& out, const Run& run);
+/// The table of a headless run. Indented numbers add up to the one above them.
+[[nodiscard]] std::string tableText(const Run& run);
+
+/// One line on what came of drawing for pages; the first five numbers add up.
+[[nodiscard]] std::string summaryText(const engine::EngineResult& result);
+
+/// Whether all that was asked of a run with pages was drawn.
+[[nodiscard]] bool isAllDrawn(const Options& options, const engine::EngineResult& result);
 
 }  // namespace monitor

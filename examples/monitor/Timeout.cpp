@@ -3,20 +3,21 @@
 #include <algorithm>
 #include <array>
 #include <boost/json.hpp>
+#include <cerrno>
 #include <fstream>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 #include <vector>
 
-#include "kiroutils/Logger.hpp"
+#include "History.hpp"
+#include "kiro/Version.hpp"
 
 namespace monitor {
 
 namespace json = boost::json;
 
 namespace {
-
-constexpr const char* kHistory = "DrawnowTimeout";
 
 bool isConnected(const json::value& page) { return page.at("state") == "connected"; }
 
@@ -47,6 +48,19 @@ json::object latencyParts(const std::deque<engine::Latency>& latest) {
     return text;
 }
 
+/// As they are in force, those included that nobody gave.
+json::object objectOf(const Options& options) {
+    return {{"frames", options.frames ? json::value(*options.frames) : json::value()},
+            {"duration", options.duration ? json::value(options.duration->count()) : json::value()},
+            {"speed", options.speed > 0 ? json::value(options.speed) : json::value("max")},
+            {"timeout", options.timeout.count()},
+            {"data", options.data.string()},
+            {"port", options.port},
+            {"browser", options.opensBrowser},
+            {"client", options.client.string()},
+            {"remind", options.remind.count()}};
+}
+
 }  // namespace
 
 std::string timeoutCause(bool announced, const std::string& pages) {
@@ -60,19 +74,26 @@ std::string timeoutCause(bool announced, const std::string& pages) {
     return allLag ? "client stalled" : "token lost";
 }
 
-void writeDiagnostics(const std::filesystem::path& file, const std::string& cause,
-                      const std::string& pages, const std::deque<engine::Latency>& latest) {
-    json::array history;
-    for (const std::string& record : kiroutils::Logger::instance().history(kHistory)) {
-        history.emplace_back(record);
-    }
-    const json::object bundle{{"cause", cause},
-                              {"gateway", json::parse(pages)},
-                              {"latency", latencyParts(latest)},
-                              {"history", std::move(history)}};
+std::string diagnosticsText(const Options& options, const Timeout& timeout,
+                            const History& history) {
+    return json::serialize(json::object{{"time", timeText(timeout.now)},
+                                        {"started", timeText(timeout.started)},
+                                        {"version", KIROWEB_VERSION},
+                                        {"cause", timeout.cause},
+                                        {"options", objectOf(options)},
+                                        {"gateway", json::parse(timeout.pages)},
+                                        {"latency", latencyParts(timeout.latest)},
+                                        {"history", history.records()},
+                                        {"historyLeftOut", history.leftOut()}});
+}
+
+void writeFile(const std::filesystem::path& file, const std::string& text) {
     std::ofstream out(file);
-    out << json::serialize(bundle) << '\n';
-    if (!out.flush()) throw std::runtime_error(file.string() + ": cannot be written");
+    out << text << '\n';
+    if (!out.flush()) {
+        throw std::runtime_error(file.string() +
+                                 ": cannot be written: " + std::generic_category().message(errno));
+    }
 }
 
 }  // namespace monitor

@@ -1,13 +1,16 @@
 #include <atomic>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 
+#include "Console.hpp"
 #include "Options.hpp"
 #include "PageRun.hpp"
 #include "Progress.hpp"
 #include "Report.hpp"
+#include "Signals.hpp"
 #include "WarningLog.hpp"
 #include "client/HeadlessClient.hpp"
 #include "client/ReferenceData.hpp"
@@ -19,6 +22,9 @@
 namespace {
 
 using namespace monitor;
+
+/// Exit statuses; --help says what they mean.
+enum Status { kGood = 0, kNotDrawn = 1, kWrongOption = 2, kNoOutput = 3 };
 
 /// The client begins anew early, twice if there are frames enough.
 client::Script scriptFor(const Options& options) {
@@ -49,14 +55,20 @@ void configureHost(const Options& options,
 }
 
 void draw(const engine::DataSet& data, engine::Recorder* recorder, client::HeadlessClient& page,
-          Run& run) {
+          const Signals& signals, Run& run) {
     Progress progress(run.options.frames);
     // Announced from inside the first wait, so that all of the first frame is held back.
     engine::Engine::Hooks hooks;
     hooks.waiting = [&page, announced = false]() mutable {
         if (!std::exchange(announced, true)) page.announce();
     };
-    hooks.frameOver = [&progress](std::uint64_t frames) { progress.frameOver(frames); };
+    hooks.frameOver = [&progress](const engine::EngineResult& soFar) {
+        progress.frameOver(soFar.frames);
+    };
+    hooks.stopped = [&signals] { return signals.came(); };
+    // What engine and client have counted can be compared only when no frame is cut in two. A
+    // silent client has counted nothing, and there is no use in waiting for it.
+    hooks.finishesFrames = !run.options.silent;
     engine::Engine engine(data, recorder, hooks);
     run.engine = engine.run({run.options.frames, run.options.duration, run.options.speed});
     kirohost::waitForDelivery();
@@ -66,7 +78,7 @@ void draw(const engine::DataSet& data, engine::Recorder* recorder, client::Headl
     progress.end();
 }
 
-Run runHeadless(const Options& options) {
+Run runHeadless(const Options& options, const Signals& signals) {
     const engine::DataSet data = engine::readDataSet(options.data);
     const client::ReferenceData reference = client::readReferenceData(options.data.string());
     std::optional<engine::Recorder> recorder;
@@ -80,7 +92,7 @@ Run runHeadless(const Options& options) {
     const WarningLog warnings;
     {
         client::HeadlessClient page(reference, run.script);
-        draw(data, recorder ? &*recorder : nullptr, page, run);
+        draw(data, recorder ? &*recorder : nullptr, page, signals, run);
     }
     run.warnings = warnings.counts();
     run.timeoutHooks = *timeoutHooks;
@@ -90,17 +102,15 @@ Run runHeadless(const Options& options) {
 }
 
 int report(const Run& run) {
-    printTable(std::cout, run);
+    std::string text = tableText(run);
     const auto complaints = judge(run);
-    for (const std::string& complaint : complaints) std::cout << complaint << '\n';
-    if (!complaints.empty()) {
-        std::cout << "FAILED" << std::endl;
-        return 1;
-    }
+    for (const std::string& complaint : complaints) text += complaint + '\n';
     const bool faults = run.options.losesTokens() || run.options.failEvery != 0;
-    std::cout << (faults ? "Every fault met its stated reaction." : "Every frame is complete.")
-              << std::endl;
-    return 0;
+    text += !complaints.empty() ? "FAILED\n"
+            : faults            ? "Every fault met its stated reaction.\n"
+                                : "Every frame is complete.\n";
+    print(text);
+    return complaints.empty() ? kGood : kNotDrawn;
 }
 
 }  // namespace
@@ -109,16 +119,22 @@ int main(int argc, char** argv) {
     try {
         const ParsedOptions parsed = parseOptions(argc, argv);
         if (!parsed.options) {
-            std::cout << parsed.text;
-            return 0;
+            print(parsed.text);
+            return kGood;
         }
-        if (!parsed.options->headless) return runForPages(*parsed.options);
-        return report(runHeadless(*parsed.options));
+        const Options& options = *parsed.options;
+        // Until the end, or a second signal would keep the result from being printed.
+        const Signals signals([] { kirohost::wakeInterpreter(); });
+        if (options.headless) return report(runHeadless(options, signals));
+        return runForPages(options, signals) ? kGood : kNotDrawn;
     } catch (const OptionError& error) {
-        std::cerr << "monitor: " << error.what() << '\n';
-        return 2;
+        say(error.what());
+        return kWrongOption;
+    } catch (const OutputError& error) {
+        say(error.what());
+        return kNoOutput;
     } catch (const std::exception& error) {
-        std::cerr << "monitor: " << error.what() << '\n';
-        return 1;
+        say(error.what());
+        return kNotDrawn;
     }
 }

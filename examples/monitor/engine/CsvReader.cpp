@@ -21,7 +21,8 @@ bool readWhole(const std::string& text, Number& out) {
 CsvReader::CsvReader(const std::filesystem::path& file, std::string_view header)
     : fName(file.string()), fStream(file) {
     if (!fStream)
-        throw DataError(fName + ": cannot be opened: " + std::generic_category().message(errno));
+        throw DataError(fName + ": cannot be opened: " + std::generic_category().message(errno) +
+                        "; see --data");
     if (!nextLine()) throw DataError(fName + ": is empty");
     if (fLine != header) fail("the header row is not \"" + std::string(header) + '"');
 }

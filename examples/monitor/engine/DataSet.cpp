@@ -18,8 +18,8 @@ constexpr double kHighestKm = -10;
 EcgRecording readEcg(const std::filesystem::path& file) {
     std::ifstream stream(file, std::ios::binary);
     if (!stream)
-        throw DataError(file.string() +
-                        ": cannot be opened: " + std::generic_category().message(errno));
+        throw DataError(file.string() + ": cannot be opened: " +
+                        std::generic_category().message(errno) + "; see --data");
     const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
     if (bytes.empty() || bytes.size() % 2 != 0) {
         throw DataError(file.string() + ": does not hold a whole number of 16-bit samples");

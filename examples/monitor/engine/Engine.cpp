@@ -8,6 +8,7 @@
 #include "engine/DataSet.hpp"
 #include "engine/EcgFigure.hpp"
 #include "engine/Recorder.hpp"
+#include "engine/Schedule.hpp"
 #include "kiro/web/BootstrappingCommandSender.hpp"
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
@@ -32,8 +33,6 @@ using NewView = WaitEnded<component_Quarn::catalog_graphics::key_newView>;
 struct ClientBegunAnew {
     ClientWatch::Events events;
 };
-
-constexpr std::chrono::milliseconds kMostBehind{250};
 
 template <typename Value>
 void keepLatest(std::deque<Value>& values, const Value& value) {
@@ -85,33 +84,30 @@ Outlet::Senders Engine::senders() const {
 
 EngineResult Engine::run(const Pace& pace) {
     const auto begin = steady_clock::now();
-    auto start = begin;
+    // Of no use when frames go as fast as possible.
+    Schedule schedule(begin, pace.speed > 0 ? pace.speed : 1);
     const auto over = [&](std::uint64_t frame) {
-        return isStopped() || (pace.frames && frame >= *pace.frames) ||
+        return (pace.frames && frame >= *pace.frames) ||
                (pace.duration && steady_clock::now() - begin >= *pace.duration);
     };
     for (std::uint64_t frame = 0; !over(frame); ++frame) {
         if (pace.speed > 0) {
-            const std::chrono::duration<double> offset(
-                static_cast<double>(frame) /
-                (static_cast<double>(contract::kFramesPerSecond) * pace.speed));
-            const auto due = start + std::chrono::duration_cast<steady_clock::duration>(offset);
-            waitUntil("pace", [due] { return steady_clock::now() >= due; });
-            // What a client has kept waiting for long goes on from there, and does not race.
-            const auto late = steady_clock::now() - due;
-            if (late > kMostBehind) start += late;
+            waitUntil("pace", [due = schedule.due(frame)] { return steady_clock::now() >= due; });
+            schedule.begin(frame, steady_clock::now());
         }
         waitForClient();
-        if (isStopped()) break;
-        drawFrame(frame);
+        if (isStopped() || !drawFrame(frame)) {
+            fResult.interrupted = true;
+            break;
+        }
         ++fResult.frames;
-        if (fHooks.frameOver) fHooks.frameOver(fResult.frames);
+        if (fHooks.frameOver) fHooks.frameOver(fResult);
     }
     fResult.traffic = fOut.countTraffic();
     return std::move(fResult);
 }
 
-void Engine::drawFrame(std::uint64_t frame) {
+bool Engine::drawFrame(std::uint64_t frame) {
     if (const auto pick = fPicks.take()) fQuakes->pick(*pick);
     for (const auto& figure : fFigures) figure->advance(frame);
     for (std::uint64_t attempt = 1;; ++attempt) {
@@ -121,19 +117,19 @@ void Engine::drawFrame(std::uint64_t frame) {
             case FlushEnd::kComplete:
                 // The client reports what went wrong before it answers.
                 ++(fErrors.count() == errors ? fResult.complete : fResult.failed);
-                return;
+                return true;
             case FlushEnd::kTimedOut:
                 // The commands are on their way or queued, in order: only the answer is missing.
                 ++fResult.timedOut;
                 if (fHooks.timedOut) {
                     fHooks.timedOut(fSender->queryCommandSenderReadyStatus(), fResult.latencies);
                 }
-                return;
+                return true;
             case FlushEnd::kClientGone:
                 ++fResult.clientsGone;
-                return;
+                return true;
             case FlushEnd::kStopped:
-                return;
+                return false;
             case FlushEnd::kReconnection:
                 ++fResult.endedByReconnection;
                 break;
@@ -184,7 +180,7 @@ Engine::FlushEnd Engine::waitForToken() {
     try {
         WebBlockingOperation::waitOrThrow(
             "drawnow",
-            [this] { return !fRequestor->isACTPending() || isClientGone() || isStopped(); },
+            [this] { return !fRequestor->isACTPending() || isClientGone() || givesFrameUp(); },
             fClient.status(), [this] { pump(); });
     } catch (const Reconnected&) {
         fRequestor->discardAllTokens();
@@ -201,7 +197,7 @@ Engine::FlushEnd Engine::waitForToken() {
     // Only a token that was returned has left its stamps.
     if (fRequestor->hasTimeStamps()) return FlushEnd::kComplete;
     if (!pending) return FlushEnd::kTimedOut;
-    return isStopped() ? FlushEnd::kStopped : FlushEnd::kClientGone;
+    return givesFrameUp() ? FlushEnd::kStopped : FlushEnd::kClientGone;
 }
 
 void Engine::pump() const {

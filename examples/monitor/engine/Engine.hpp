@@ -37,13 +37,16 @@ struct Pace {
 
 /// What happened while the engine drew.
 struct EngineResult {
+    /// Those that are over: complete, failed, timed out, or left without a client.
     std::uint64_t frames = 0;
     std::uint64_t complete = 0;
     std::uint64_t timedOut = 0;
     /// Answered, but the client had reported an error.
     std::uint64_t failed = 0;
-    /// Attempts given up because no client was left.
+    /// Given up because no client was left.
     std::uint64_t clientsGone = 0;
+    /// Stopped before the pace's limits; a frame given up for that is not counted.
+    bool interrupted = false;
     /// Attempts at a frame that the client's reconnection or new view ended.
     std::uint64_t endedByReconnection = 0;
     std::uint64_t endedByNewView = 0;
@@ -65,9 +68,11 @@ class Engine {
         /// At intervals while a flush waits.
         std::function<void()> waiting;
         /// When a frame is over.
-        std::function<void(std::uint64_t frames)> frameOver;
+        std::function<void(const EngineResult& soFar)> frameOver;
         /// Whether to end now. Whoever changes the answer wakes the interpreter.
         std::function<bool()> stopped;
+        /// Whether a frame under way is drawn to its end when the engine is to stop.
+        bool finishesFrames = false;
         /// Whether clients were there and none is any more. Whoever changes the answer to true
         /// wakes the interpreter.
         std::function<bool()> clientGone;
@@ -90,7 +95,8 @@ class Engine {
   private:
     enum class FlushEnd { kComplete, kTimedOut, kReconnection, kNewView, kClientGone, kStopped };
 
-    void drawFrame(std::uint64_t frame);
+    /// Returns whether the frame is over; it is not if the engine was stopped meanwhile.
+    bool drawFrame(std::uint64_t frame);
     void sendFrame(std::uint64_t frame, std::uint64_t attempt);
     FlushEnd flush();
     FlushEnd waitForToken();
@@ -100,6 +106,7 @@ class Engine {
     /// wait, too.
     void waitUntil(const char* name, const std::function<bool()>& condition);
     [[nodiscard]] bool isStopped() const { return fHooks.stopped && fHooks.stopped(); }
+    [[nodiscard]] bool givesFrameUp() const { return !fHooks.finishesFrames && isStopped(); }
     [[nodiscard]] bool isClientGone() const { return fHooks.clientGone && fHooks.clientGone(); }
     /// Runs while a flush waits.
     void pump() const;

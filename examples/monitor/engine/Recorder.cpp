@@ -6,12 +6,18 @@
 
 namespace monitor::engine {
 
+namespace {
+
+std::runtime_error notWritable(const std::filesystem::path& file) {
+    return std::runtime_error(file.string() +
+                              ": cannot be written: " + std::generic_category().message(errno));
+}
+
+}  // namespace
+
 Recorder::Recorder(const std::filesystem::path& file)
     : fFile(file), fStream(file), fSender(std::make_shared<kiro::web::ExportCommandSender>()) {
-    if (!fStream) {
-        throw std::runtime_error(file.string() +
-                                 ": cannot be written: " + std::generic_category().message(errno));
-    }
+    if (!fStream) throw notWritable(file);
 }
 
 void Recorder::write() {
@@ -20,7 +26,7 @@ void Recorder::write() {
         ++fLines;
     }
     fSender->reset();
-    if (!fStream.flush()) throw std::runtime_error(fFile.string() + ": cannot be written");
+    if (!fStream.flush()) throw notWritable(fFile);
 }
 
 }  // namespace monitor::engine

@@ -46,7 +46,8 @@ export class Monitor {
         const line = await this.line(/ frames: /);
         const [frames, drawn, failed, timedOut, left, views, returns] = line.match(/\d+/g).map(Number);
         const all = { frames, drawn, failed, timedOut, left, views, returns, status: await this.exited };
-        for (const [name, number] of Object.entries({ status: 0, failed: 0, timedOut: 0, ...expected })) {
+        const status = drawn === frames ? 0 : 1;
+        for (const [name, number] of Object.entries({ status, failed: 0, timedOut: 0, ...expected })) {
             assert.ok([number].flat().includes(all[name]), `${name}: ${all[name]}\n${this.said}`);
         }
     }
