@@ -107,7 +107,8 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
          "limits.queue is 9223372036854775807 ms: it has to be from 1 ms to a year"},
     };
     for (const auto& [options, text] : table) {
-        EXPECT_EQ(failureOf<std::invalid_argument>([&] { static_cast<void>(checked(options)); }),
+        EXPECT_EQ(failureOf<std::invalid_argument>(
+                      [&options = options] { static_cast<void>(checked(options)); }),
                   text);
     }
     EXPECT_EQ(failureOf<std::invalid_argument>([] { Gateway gateway(withAsset("page.mjs")); }),
@@ -156,7 +157,8 @@ TEST(Options, AddressesAndFilesThatCannotBeHadAreNamed) {
          R"(certificateFile: "/nowhere/at\x0aall.pem" is no PEM file that can be read: )"},
     };
     for (const auto& [options, begin] : table) {
-        const auto text = failureOf<std::system_error>([&] { Gateway gateway(options); });
+        const auto text =
+            failureOf<std::system_error>([&options = options] { Gateway gateway(options); });
         EXPECT_TRUE(text.starts_with(begin)) << text;
     }
     EXPECT_EQ(
