@@ -19,10 +19,12 @@ if(TARGET kiroweb_gateway)
     install(EXPORT kirowebgatewayTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
     install(DIRECTORY gateway/include/ ${PROJECT_BINARY_DIR}/gateway/include/
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.hpp")
-    # The modules are in the library, too; here they are for build tools and editors.
+    # The modules are in the library, too; here they are for build tools and editors, which look
+    # for a module's declarations beside it.
     kiroweb_client_modules(_client_files)
     foreach(_module IN LISTS _client_files)
-        string(REGEX REPLACE "\\.mjs$" ".d.mts" _declaration ${_module})
+        get_filename_component(_name ${_module} NAME_WE)
+        set(_declaration ${PROJECT_SOURCE_DIR}/client/declarations/${_name}.d.mts)
         if(EXISTS ${_declaration})
             list(APPEND _client_files ${_declaration})
         endif()

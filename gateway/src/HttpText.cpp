@@ -78,7 +78,7 @@ std::string acceptOf(std::string_view key) {
     if (EVP_Digest(text.data(), text.size(), digest.data(), &size, EVP_sha1(), nullptr) != 1) {
         throw std::runtime_error("no SHA-1 for the WebSocket's handshake");
     }
-    std::array<unsigned char, 2 * EVP_MAX_MD_SIZE> encoded{};
+    std::array<unsigned char, std::size_t{2} * EVP_MAX_MD_SIZE> encoded{};
     const auto length = EVP_EncodeBlock(encoded.data(), digest.data(), static_cast<int>(size));
     return {encoded.data(), encoded.data() + length};
 }

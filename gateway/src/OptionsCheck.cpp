@@ -157,7 +157,7 @@ Options checked(Options options) {
     static_cast<void>(boost::asio::ip::make_address(options.address, error));
     if (error) {
         refuse("address: " + quoted(options.address) +
-               " is not numeric; give one such as \"127.0.0.1\" or \"::1\"");
+               R"( is not numeric; give one such as "127.0.0.1" or "::1")");
     }
     if (options.certificateFile.empty() != options.keyFile.empty()) {
         const bool hasKey = options.certificateFile.empty();

@@ -1,5 +1,5 @@
 # Installs BUILD_DIR below WORK_DIR, moves the installed tree, and fails when a file in it still
-# knows where it was built or first installed. Makes projects of the README's programs.
+# knows where it was built or first installed, or a module has no declarations. Makes projects of the README's programs.
 file(REMOVE_RECURSE ${WORK_DIR})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/staged
                 OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
@@ -11,6 +11,14 @@ execute_process(
 if(NOT _result EQUAL 1)
     message(FATAL_ERROR "Paths of the build in installed files:\n${_files}")
 endif()
+
+file(GLOB _modules ${WORK_DIR}/moved/share/kiroweb/client/*.mjs)
+foreach(_module IN LISTS _modules)
+    string(REGEX REPLACE "mjs$" "d.mts" _declaration ${_module})
+    if(NOT EXISTS ${_declaration})
+        message(FATAL_ERROR "No declarations beside ${_module}; see client/README.md")
+    endif()
+endforeach()
 
 file(READ ${SOURCE_DIR}/README.md _readme)
 

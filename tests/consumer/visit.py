@@ -34,6 +34,20 @@ def fetch_modules(address, todo):
     return modules
 
 
+def check_names(modules):
+    """Fails when a module imports by name what the other one does not export."""
+    exports = {}
+    for path, text in modules.items():
+        names = re.findall(r"^export (?:async )?(?:class|function\*?|const|let) (\w+)", text, re.M)
+        for listed in re.findall(r"^export \{([^}]*)\}", text, re.M):
+            names += re.findall(r"\w+", listed)
+        exports[path] = set(names)
+    for path, text in modules.items():
+        for listed, name in re.findall(r'^import \{([^}]*)\} from "([^"]+)";', text, re.M):
+            missing = set(re.findall(r"\w+", listed)) - exports[urllib.parse.urljoin(path, name)]
+            assert not missing, f"{path} imports from {name}: {missing}"
+
+
 def upgrade(address, token):
     """A socket that has asked for a WebSocket, and the status of the answer."""
     host, port = address.split(":")
@@ -76,6 +90,7 @@ def visit(link):
     assert len(scripts) == page.count("<script") > 0, "a script that the browser would not run"
     modules = fetch_modules(url.netloc, scripts)
     assert "/kiroweb/protocol.mjs" in modules, list(modules)
+    check_names(modules)
 
     token = url.fragment.removeprefix("token=")
     assert upgrade(url.netloc, token[1:])[1] == "403"

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/asio/error.hpp>
+#include <boost/beast/http/error.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <string>
 #include <vector>
@@ -226,6 +228,12 @@ TEST_F(AccessTest, ACodeIsExchangedOnce) {
     EXPECT_NE(answerTo(replaced(good, "POST", "PUT")).find("\r\nAllow: POST\r\n"),
               std::string::npos);
 
+    Request elsewhere;
+    elsewhere.method = "POST";
+    elsewhere.target = "/";
+    elsewhere.bodySize = 1;
+    EXPECT_FALSE(awaitsBody(elsewhere)) << "its answer does not wait for the body";
+
     const auto answer = answerTo(good);
     EXPECT_EQ(statusOf(answer), kOk) << "none of the above has used it up";
     EXPECT_TRUE(answer.ends_with("\r\n\r\n" + fSecrets.token()));
@@ -274,6 +282,17 @@ TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
         const auto connect = (row.isTls ? "'self' wss://"s : "'self' ws://"s) + row.host + ";";
         EXPECT_NE(fields.find(connect), std::string::npos) << fields;
     }
+}
+
+TEST(HttpText, AConnectionThatEndsIsNotAnswered) {
+    using boost::beast::http::error;
+    for (const boost::system::error_code& ended :
+         {make_error_code(error::end_of_stream), make_error_code(error::partial_message),
+          boost::system::error_code(boost::asio::error::connection_reset)}) {
+        EXPECT_FALSE(refusalOf(ended)) << ended.message();
+    }
+    EXPECT_EQ(refusalOf(error::header_limit)->status, 431U);
+    EXPECT_EQ(refusalOf(error::bad_version)->status, 400U);
 }
 
 TEST(Secrets, AreLongAndComparedWhole) {

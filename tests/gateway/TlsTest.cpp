@@ -9,6 +9,7 @@
 #include <string>
 #include <system_error>
 
+#include "Endpoint.hpp"
 #include "GatewayFixture.hpp"
 
 using gatewaytest::GatewayTest;
@@ -62,6 +63,14 @@ TEST_F(TlsTest, CarriesTheSame) {
     const auto pong = page.readFrame();
     EXPECT_EQ(pong.opcode, 10U);
     EXPECT_EQ(pong.payload, "ping");
+}
+
+TEST_F(TlsTest, OldVersionsAreOffAndNobodyIsAskedForAPassphrase) {
+    const auto tls = kirogateway::tlsOf(fOptions);
+    const auto off = SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_COMPRESSION;
+    EXPECT_EQ(SSL_CTX_get_options(tls->native_handle()) & off, off);
+    EXPECT_NE(SSL_CTX_get_default_passwd_cb(tls->native_handle()), nullptr)
+        << "OpenSSL would ask on the terminal";
 }
 
 TEST_F(TlsTest, AKeyThatIsNoneIsNamed) {
