@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "OnceGuard.hpp"
+#include "ProcessWideEndpoint.hpp"
 #include "bedrock/core/diag/assertion.hpp"
 #include "kiro/web/RelayPubSub.hpp"
 #include "process/Immortal.hpp"
@@ -26,6 +27,8 @@ ProcessWideEndpoint& processWideEndpoint() {
 }
 
 }  // namespace
+
+bool isEndpointMade() { return processWideEndpoint().fOnce.isDone(); }
 
 void PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn fcn) {
     if (fPubSubCreationFcn != nullptr) {

@@ -21,8 +21,7 @@ class RelayFuture {
   public:
     /// `description` names the wait.
     RelayFuture(relay::Future<VALUE_TYPE> future, std::string description)
-        : fFuture(std::make_shared<relay::Future<VALUE_TYPE>>(std::move(future))),
-          fDescription(std::move(description)) {}
+        : fFuture(std::move(future)), fDescription(std::move(description)) {}
 
     /// Blocks until the value is there and returns it. Signal thread only, once.
     ///
@@ -34,13 +33,16 @@ class RelayFuture {
                 "utIsSignalThread()", "src/RelayFuture", 50,
                 "VALUE_TYPE kiro::web::RelayFuture<VALUE_TYPE>::wait()");
         }
+        // Mostly the service has answered within the call: there is nothing to wait for then.
+        if (fFuture.valid() && fFuture.isReady()) return fFuture.get();
+        const auto shared = std::make_shared<relay::Future<VALUE_TYPE>>(std::move(fFuture));
         kiroutils::KiroTerminatingCondition condition(
             fDescription,
-            [weak = std::weak_ptr<relay::Future<VALUE_TYPE>>(fFuture)] { return isReady(weak); },
+            [weak = std::weak_ptr<relay::Future<VALUE_TYPE>>(shared)] { return isReady(weak); },
             std::chrono::seconds::max());
         while (!condition.shouldTerminate()) {
         }
-        return fFuture->get();
+        return shared->get();
     }
 
     /// One look of the wait: true when the value is there. Blocks for about 100 ms at most, so
@@ -59,7 +61,7 @@ class RelayFuture {
     }
 
   private:
-    std::shared_ptr<relay::Future<VALUE_TYPE>> fFuture;
+    relay::Future<VALUE_TYPE> fFuture;
     std::string fDescription;
 };
 

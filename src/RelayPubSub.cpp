@@ -34,8 +34,8 @@ void handleMessage(const service::JsonMessage& msg, const PubSubInterface::Callb
             "kiro::web::RelayPubSub::doSubscribe(const string&, "
             "kiro::web::PubSubInterface::CallbackType)::<lambda(const JsonMessage&)>");
     }
-    const auto text = msg.json != nullptr ? std::string(msg.json, msg.length) : std::string();
-    callback(msg.channel, StringPayload(text));
+    auto text = msg.json != nullptr ? std::string(msg.json, msg.length) : std::string();
+    callback(msg.channel, StringPayload(std::move(text)));
 }
 
 }  // namespace
@@ -63,6 +63,7 @@ RelayPubSub::~RelayPubSub() = default;
 
 void RelayPubSub::doPublish(const std::string& channel, PayloadInterface& payload) {
     const auto text = payload.convertToString();
+    // Its own copy in the C heap, whose lack is what the caller hears of as "Out of memory!".
     const auto buffer = allocateBytes(text.size());
     std::copy(text.begin(), text.end(), buffer.get());
     // The future is dropped: publishing never waits.

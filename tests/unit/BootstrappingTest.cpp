@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <latch>
@@ -160,6 +161,26 @@ TEST_F(Bootstrapping, SendsTheBacklogAsALaterAnnouncementSaysAlsoWhenDestroyedMe
     EXPECT_EQ(stream->blocks.all(), Lines{blockBytes(4)});
 }
 
+TEST_F(Bootstrapping, WaitsForTheAnnouncementThatIsBeingHandledWhenDestroyed) {
+    constexpr int kCommands = 300;
+    for (int i = 0; i < kCommands; ++i) send("a");
+    std::latch handling{1};
+    std::atomic<bool> isDestroyed = false;
+    const auto observer = kirohost::observeLog([&](const kirohost::LogRecord& record) {
+        if (!record.text.ends_with(": channelReady")) return;
+        handling.count_down();
+        gate.wait();
+        // Gives a destructor that does not wait all the time it needs.
+        for (int i = 0; i < 10000 && !isDestroyed; ++i) std::this_thread::yield();
+    });
+    const auto announced = std::async(std::launch::async, [] { announce(); });
+    handling.wait();
+    gate.count_down();
+    sender.reset();
+    isDestroyed = true;
+    EXPECT_EQ(received().size(), kCommands);
+}
+
 TEST_F(Bootstrapping, StaysUsableWhenADirectSendThrows) {
     const auto thrower = throwOn(command("boom"));
     announce();
@@ -226,7 +247,17 @@ TEST_F(Bootstrapping, MakesABinarySenderForEachNewChannelName) {
     sendBlock(4);  // nowhere to send it but as text
     for (const auto* name : {"", "/b1", "/b1", "/b2", "/b1"}) sender->setBinaryChannelName(name);
     EXPECT_EQ(channels, (Lines{"/b1", "/b2", "/b1"}));
-    sendBlock(5);
+    const auto working = binary::test::RegisterBinaryDataSenderCreationFunction(
+        [](const std::string&) -> std::shared_ptr<BinaryDataSenderInterface> {
+            throw std::runtime_error("no stream");
+        });
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_THROW(sender->setBinaryChannelName("/b3"), std::runtime_error) << "tried again";
+    }
+    binary::test::RegisterBinaryDataSenderCreationFunction(working);
+    sendBlock(5);  // with the former sender
+    sender->setBinaryChannelName("/b1");
+    EXPECT_EQ(channels.size(), 3U) << "and under the former name";
     for (const bool allowed : {true, false}) {
         const ScopedSettings settings(
             [allowed](auto& changed) { changed.binaryChannelForCommands = allowed; });

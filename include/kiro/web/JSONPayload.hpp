@@ -8,9 +8,7 @@
 
 #include "kiro/Export.hpp"
 #include "kiro/web/PayloadInterface.hpp"
-
-enum FontWeightType : int;
-enum FontAngleType : int;
+#include "ui_objects/FontTypes.hpp"
 
 namespace ui_objects {
 class Cookie;
@@ -20,8 +18,9 @@ class UTF16String;
 namespace kiro::web {
 
 namespace binary {
+class BinaryDataPayload;
 class DataID;
-}
+}  // namespace binary
 class JSONPayload;
 
 /// The types that have an encoding in a payload.
@@ -95,7 +94,13 @@ class KIROWEB_EXPORT JSONPayload : public PayloadInterface {
     [[nodiscard]] std::string convertToString() const override;
 
   private:
-    struct Impl;
+    friend class binary::BinaryDataPayload;
+
+    /// Appends the fields of `other`, in their order, as `addDataToPayload` does; all of them, or
+    /// none when it throws.
+    KIROWEB_HIDDEN void takeFields(JSONPayload&& other);
+
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 
