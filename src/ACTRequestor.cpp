@@ -1,5 +1,6 @@
 #include "kiro/ACTRequestor.hpp"
 
+#include <functional>
 #include <utility>
 
 #include "CompletionTokenManager.hpp"
@@ -105,8 +106,7 @@ void ACTRequestor::discardTimedOutTokens() const {
     log("Timeout", {{"Timeout", timeout}, {"ACT", token.convertToString()}});
     qxWarningMsgId(bedrock::core::messageId<catalog::key_timeoutDuringDrawnow>(),
                    {getDetailsForCustomerTimeoutWarning()});
-    // What follows is for the host's own developers, the hook included: it is where they stop a
-    // session to look at it, which would do a user no good.
+    // The rest is for the host's own developers, the hook included: it serves the internal report.
     if (!GraphicsState::isAtOstrel()) return;
     qxWarningMsgId(
         bedrock::core::messageId<catalog::key_drawnowTimeout>(),

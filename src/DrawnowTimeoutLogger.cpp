@@ -1,7 +1,6 @@
 #include "DrawnowTimeoutLogger.hpp"
 
 #include <string>
-#include <utility>
 
 #include "EventLog.hpp"
 #include "bedrock/json/Value.hpp"

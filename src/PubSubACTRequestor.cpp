@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <boost/signals2/connection.hpp>
-#include <functional>
 #include <utility>
 
 #include "DrawnowTimeoutLogger.hpp"
@@ -172,7 +171,7 @@ void PubSubACTRequestor::doSendACT(const CompletionToken& token) {
         return json::Object{{"Id", fImpl->fReturnChannel}, {kTokenKey, token.convertToString()}};
     });
     // Whatever the annotation holds, so that each sent token has its pair of records. Without the
-    // holder's mutex, for an annotation may come from a subclass that writes records of its own.
+    // holder's mutex: the record before has made the recorder if the host wants one.
     writeLifecycleRecord("Logging Annotation", [this] {
         return json::Object{{"Annotation", getAnnotation()}};
     });

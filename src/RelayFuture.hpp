@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "FixedAssertion.hpp"
 #include "SteadyClock.hpp"
-#include "bedrock/core/diag/assertion.hpp"
 #include "kiroutils/KiroTerminatingCondition.hpp"
 #include "qvm/messages.hpp"
 #include "relay/Future.hpp"
@@ -28,11 +28,8 @@ class RelayFuture {
     /// It runs no interpreter tasks: one that asked for the endpoint that is being made would
     /// wait for itself. It has no time-out of its own.
     VALUE_TYPE wait() {
-        if (!utIsSignalThread()) {
-            bedrock::core::diag::assertionFailed(
-                "utIsSignalThread()", "src/RelayFuture", 50,
-                "VALUE_TYPE kiro::web::RelayFuture<VALUE_TYPE>::wait()");
-        }
+        assertAt({"src/RelayFuture", 50, "VALUE_TYPE kiro::web::RelayFuture<VALUE_TYPE>::wait()"},
+                 utIsSignalThread(), "utIsSignalThread()");
         // Mostly the service has answered within the call: there is nothing to wait for then.
         if (fFuture.valid() && fFuture.isReady()) return fFuture.get();
         const auto shared = std::make_shared<relay::Future<VALUE_TYPE>>(std::move(fFuture));

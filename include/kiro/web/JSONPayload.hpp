@@ -70,7 +70,7 @@ class KIROWEB_EXPORT JSONPayload : public PayloadInterface {
     /// | `double`, `float` (widened) | a number; NaN and infinities as Boost.JSON writes them |
     /// | `std::string` | a string, the bytes unchanged (taken to be UTF-8) |
     /// | `UTF16String` | a string, converted to UTF-8 |
-    /// | `Cookie` | a *string* holding the decimal value, deliberately unlike `long` |
+    /// | `Cookie` | a *string* of the decimal value: a page's numbers hold 53 bits only |
     /// | `DataID` | a string, see `DataID::convert_to_string` |
     /// | `FontWeightType` | "light", "normal", "demi", "bold"; another value adds no field |
     /// | `FontAngleType` | "normal", "italic", "oblique"; another value adds no field |

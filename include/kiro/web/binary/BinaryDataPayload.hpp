@@ -61,8 +61,8 @@ class KIROWEB_EXPORT BinaryDataPayload {
 
     /// Writes the blocks into `out` as "cmd": "binarydata" and "data": an object from each
     /// identifier's text to the block's data in Base64. Nothing is written when there is no
-    /// block. Deliberately, the blocks are handed over: the payload is empty afterwards, `const`
-    /// or not.
+    /// block. The blocks are handed over, so that large data is not kept twice: the payload is
+    /// empty afterwards, `const` or not. When it throws, `out` and the payload are as before.
     void convertToJSONPayload(JSONPayload& out) const;
 
     /// Sends a copy of every block with `sender` and returns without waiting. The block itself
