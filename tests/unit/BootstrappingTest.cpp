@@ -161,6 +161,35 @@ TEST_F(Bootstrapping, SendsTheBacklogAsALaterAnnouncementSaysAlsoWhenDestroyedMe
     EXPECT_EQ(stream->blocks.all(), Lines{blockBytes(4)});
 }
 
+TEST_F(Bootstrapping, SendsDirectlyAsTheLastAnnouncementSays) {
+    sender->setBinaryChannelName("/binary");
+    goDirect();
+    sendBlock(4);
+    announce(kBinary);
+    sendBlock(5);
+    sendBlockAsync(6);
+    stream->blocks.awaitSize(2);
+    announce();
+    sendBlock(7);
+    EXPECT_EQ(received(), (Lines{fallback("4 0"), fallback("7 0")}));
+    EXPECT_EQ(stream->blocks.all(), (Lines{blockBytes(5), blockBytes(6)}));
+}
+
+TEST_F(Bootstrapping, BeginsAnAsynchronousSendWhenTheBacklogHasBeenSent) {
+    const auto held = listen([this](const std::string& text) {
+        if (text != command("a")) return;
+        // Gives a send that does not wait all the time it needs.
+        for (int i = 0; i < 2000 && received().size() == 1; ++i) std::this_thread::yield();
+    });
+    send("a");
+    send("b");
+    announce();
+    client.awaitSize(1);
+    sendBlockAsync(4);
+    client.awaitSize(3);
+    EXPECT_EQ(received(), (Lines{command("a"), command("b"), fallback("4 0")}));
+}
+
 TEST_F(Bootstrapping, WaitsForTheAnnouncementThatIsBeingHandledWhenDestroyed) {
     constexpr int kCommands = 300;
     for (int i = 0; i < kCommands; ++i) send("a");
