@@ -372,6 +372,22 @@ TEST_F(BinarySend, KeepsTheStreamUntilItsBlocksAreAnswered) {
     EXPECT_EQ(warnings.texts(), Lines{"Quarn:graphics:GraphicsBinarySendFailure(/figure/2)"});
 }
 
+TEST_F(BinarySend, SendsNothingOfABlockThatIsTakenWhileItsCopyIsMade) {
+    static Promise* first;
+    auto payload = payloadOf({4});
+    payload.sendUsing(later(), kChannel);
+    first = &promises.front();
+    kiro::replaceAllocate([](std::size_t size) {
+        first->setValue({false, {}});
+        return std::malloc(size);
+    });
+    const auto second = std::make_shared<ScriptedSender>();
+    payload.sendUsing(second, kChannel);
+    kiro::replaceAllocate(nullptr);
+    EXPECT_EQ(published(), Lines{fallback("4 0")});
+    EXPECT_EQ(second->blocks.size(), 0U);
+}
+
 TEST_F(BinarySend, TakesAndCopiesABlockOneAtATime) {
     auto payload = payloadOf(std::vector<std::uint64_t>(50, 4));
     payload.sendUsing(later(), kChannel);
