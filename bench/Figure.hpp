@@ -46,7 +46,7 @@ inline constexpr const char* kValue = "value";
 /// What each source contributes.
 std::vector<Figure> commandFigures();
 Figure dispatchFigure();
-Figure blockFigure();
+std::vector<Figure> blockFigures();
 Figure flushFigure();
 /// REQUIRES: asked last; a million commands leave a heap that is no longer fresh.
 std::vector<Figure> backlogFigures(std::size_t numCommands);

@@ -132,6 +132,6 @@ void flush(benchmark::State& state) {
 
 }  // namespace
 
-Figure flushFigure() { return {"flush", "ns", ring, flush, 2.0}; }
+Figure flushFigure() { return {"flush", "ns", ring, flush, 1.7}; }
 
 }  // namespace bench

@@ -14,7 +14,7 @@ constexpr const char* kHelp =
 std::vector<bench::Figure> allFigures(const bench::Effort& effort) {
     auto figures = bench::commandFigures();
     figures.push_back(bench::dispatchFigure());
-    figures.push_back(bench::blockFigure());
+    for (auto& figure : bench::blockFigures()) figures.push_back(figure);
     figures.push_back(bench::flushFigure());
     for (auto& figure : bench::backlogFigures(effort.backlog())) figures.push_back(figure);
     return figures;

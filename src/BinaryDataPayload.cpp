@@ -3,23 +3,18 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <exception>
 #include <new>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
-#include "Base64.hpp"
-#include "BinaryCompletion.hpp"
 #include "BinaryEntry.hpp"
 #include "Block.hpp"
-#include "InterpreterWarnings.hpp"
+#include "BlockFallback.hpp"
 #include "bedrock/log/basic_diagnostic_logger.hpp"
+#include "encoding/Base64.hpp"
 #include "graphics_state/webSwitches.hpp"
 #include "kiro/web/JSONPayload.hpp"
-#include "kiro/web/PubSubFactory.hpp"
-#include "kiro/web/PubSubInterface.hpp"
 #include "kiro/web/binary/BinaryDataSender.hpp"
 #include "process/Immortal.hpp"
 #include "relay/Future.hpp"
@@ -44,53 +39,7 @@ void trace(DataID id, const char* event) {
 }
 
 void addBase64(JSONPayload& data, DataID id, const DataBuffer& block) {
-    data.addDataToPayload(id.convert_to_string(), encodeBase64(block.data() + kBlockHeaderSize,
-                                                               block.size() - kBlockHeaderSize));
-}
-
-void addMessage(JSONPayload& out, const JSONPayload& data) {
-    out.addDataToPayload("cmd", "binarydata");
-    out.addDataToPayload("data", data);
-}
-
-/// The fallback message of one block; nothing when there is not enough memory for it.
-std::optional<JSONPayload> fallbackMessage(DataID id, const DataBuffer& block) {
-    try {
-        JSONPayload data;
-        addBase64(data, id, block);
-        JSONPayload message;
-        addMessage(message, data);
-        return message;
-    } catch (const std::bad_alloc&) {
-        return std::nullopt;
-    } catch (const std::length_error&) {  // longer than a JSON string can be
-        return std::nullopt;
-    }
-}
-
-/// Stands for a block whose message could not be built. The value is, deliberately, the
-/// identifier's bytes as they lie in memory, read as a zero-terminated text.
-JSONPayload outOfMemoryMessage(DataID id) {
-    char bytes[kBlockHeaderSize + 1] = {};
-    char header[kBlockHeaderSize];
-    writeID(id, header);
-    std::copy_n(header, kBlockHeaderSize, bytes);
-    JSONPayload data;
-    data.addDataToPayload(kOutOfMemoryID.convert_to_string(), static_cast<const char*>(bytes));
-    JSONPayload message;
-    addMessage(message, data);
-    return message;
-}
-
-void sendUsingPubSub(DataBuffer&& block, const std::string& channel) {
-    const DataBuffer owned = std::move(block);
-    const DataID id = blockID(owned);
-    auto message = fallbackMessage(id, owned);
-    if (!message) {
-        postOutOfMemoryWarning("src/BinaryDataPayload");
-        message.emplace(outOfMemoryMessage(id));
-    }
-    PubSubFactory::pubsubInstance()->publish(channel, *message);
+    data.addDataToPayload(id.convert_to_string(), encoding::encodeBase64(dataOf(block)));
 }
 
 /// Runs when the stream has answered for one block, on the stream's thread. Payload, task and
@@ -104,7 +53,7 @@ void onSendCompleted(SendFuture&& completed, BinaryEntry& entry, BinaryDataSende
     if (result.delivered) return;
     if (usingBinaryChannelFallback()) {
         if (auto block = entry.take(); !block.empty()) {
-            sendUsingPubSub(std::move(block), channel);
+            sendFailedBlock(std::move(block), channel);
             trace(entry.id(), " sendFail");
         }
     }
@@ -121,8 +70,9 @@ void sendOverStream(const std::shared_ptr<BinaryEntry>& entry,
     if (block.empty()) return;
     auto future = sender->send(std::move(block));
     if (!future.valid()) throw std::runtime_error("Future state isn't valid!");
-    future.then([entry, own = referenceForCompletion(sender), channel](SendFuture&& completed) {
-        onSendCompleted(std::move(completed), *entry, *own, channel);
+    // The sender keeps its stream alive until all of its blocks have been answered.
+    future.then([entry, sender, channel](SendFuture&& completed) {
+        onSendCompleted(std::move(completed), *entry, *sender, channel);
     });
 }
 
@@ -167,7 +117,12 @@ class BinaryDataPayload::Impl {
         for (const auto& entry : fEntries) {
             entry->read([&](const DataBuffer& block) { addBase64(data, entry->id(), block); });
         }
-        if (!data.isEmpty()) addMessage(out, data);
+        if (!data.isEmpty()) {
+            JSONPayload message;
+            message.addDataToPayload("cmd", "binarydata");
+            message.addDataToPayload("data", data);
+            out.takeFields(std::move(message));  // all of them or none
+        }
         for (const auto& entry : fEntries) entry->take();
         fEntries.clear();
     }

@@ -26,10 +26,12 @@ class BinaryDataReceiver : public BinaryDataReceiverInterface {
 using ReceiverCreation =
     Replaceable<std::shared_ptr<BinaryDataReceiverInterface>(const std::string&)>;
 
+std::shared_ptr<BinaryDataReceiverInterface> createReceiver(const std::string& channel) {
+    return std::make_shared<BinaryDataReceiver>(streamOfChannel(channel));
+}
+
 ReceiverCreation& receiverCreation() {
-    static Immortal<ReceiverCreation> creation([](const std::string& channel) {
-        return std::make_shared<BinaryDataReceiver>(streamOfChannel(channel));
-    });
+    static Immortal<ReceiverCreation> creation(&createReceiver);
     return *creation;
 }
 
@@ -38,7 +40,7 @@ ReceiverCreation& receiverCreation() {
 BinaryDataReceiverInterface::~BinaryDataReceiverInterface() = default;
 
 std::shared_ptr<BinaryDataReceiverInterface> createBinaryDataReceiver(const std::string& channel) {
-    return receiverCreation().current()(channel);
+    return receiverCreation()(channel);
 }
 
 IdToBinaryDataReceiver::IdToBinaryDataReceiver() : fImpl(std::make_unique<Impl>()) {}
@@ -51,7 +53,7 @@ IdToBinaryDataReceiver& IdToBinaryDataReceiver::getInstance() {
 
 std::shared_ptr<BinaryDataReceiverInterface>& IdToBinaryDataReceiver::getOrCreateStreamChannel(
     const std::string& channel) {
-    return fImpl->receivers[channel];
+    return fImpl->fReceivers[channel];
 }
 
 namespace test {

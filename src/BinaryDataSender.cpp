@@ -3,7 +3,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "BinaryCompletion.hpp"
 #include "BinaryStreams.hpp"
 #include "Block.hpp"
 #include "InterpreterWarnings.hpp"
@@ -21,14 +20,10 @@ namespace {
 
 constexpr const char* kSource = "src/BinaryDataSender";
 
-class BinaryDataSender : public BinaryDataSenderInterface,
-                         public std::enable_shared_from_this<BinaryDataSender> {
+class BinaryDataSender : public BinaryDataSenderInterface {
   public:
     explicit BinaryDataSender(std::shared_ptr<relay::binary::experimental::BinaryStream> stream)
         : fStream(std::move(stream)) {}
-
-    /// Nobody sends any more; completions under way may still warn.
-    void letGoOfStream() { const auto gone = std::move(fStream); }
 
     SendFuture send(DataBuffer&& block) override { return fStream->send(std::move(block)); }
 
@@ -56,15 +51,8 @@ class BinaryDataSender : public BinaryDataSenderInterface,
 
 using SenderCreation = Replaceable<std::shared_ptr<BinaryDataSenderInterface>(const std::string&)>;
 
-/// A sender that holds its stream as long as somebody may send with it. Completions hold the
-/// sender itself (see `referenceForCompletion`), so that a stream does not keep itself alive
-/// through the sends that it has not answered: it ends with its last user, and answers them.
 std::shared_ptr<BinaryDataSenderInterface> createSender(const std::string& channel) {
-    auto sender = std::make_shared<BinaryDataSender>(streamOfChannel(channel));
-    auto* const interface = static_cast<BinaryDataSenderInterface*>(sender.get());
-    return {interface, [sender = std::move(sender)](BinaryDataSenderInterface* /*interface*/) {
-                sender->letGoOfStream();
-            }};
+    return std::make_shared<BinaryDataSender>(streamOfChannel(channel));
 }
 
 SenderCreation& senderCreation() {
@@ -74,16 +62,10 @@ SenderCreation& senderCreation() {
 
 }  // namespace
 
-std::shared_ptr<BinaryDataSenderInterface> referenceForCompletion(
-    const std::shared_ptr<BinaryDataSenderInterface>& sender) {
-    auto* const own = dynamic_cast<BinaryDataSender*>(sender.get());
-    return own != nullptr ? own->shared_from_this() : sender;
-}
-
 BinaryDataSenderInterface::~BinaryDataSenderInterface() = default;
 
 std::shared_ptr<BinaryDataSenderInterface> createBinaryDataSender(const std::string& channel) {
-    return senderCreation().current()(channel);
+    return senderCreation()(channel);
 }
 
 namespace test {

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <utility>
 
-#include "Block.hpp"
+#include "CHeap.hpp"
 #include "annotated/Mutex.hpp"
+#include "kiro/web/binary/DataID.hpp"
+#include "relay/common/DataBuffer.hpp"
 
 namespace kiro::web::binary {
 
@@ -32,11 +35,16 @@ class BinaryEntry {
         return std::move(fBlock);
     }
 
-    /// A copy; an empty buffer when the block was taken. Throws like `copyBlock`.
+    /// A copy; an empty buffer when the block was taken. Throws like `buildBlock`.
     [[nodiscard]] relay::common::DataBuffer copy() EXCLUDES_LOCK(fMutex) {
+        const auto numBytes = size();
+        if (numBytes == 0) return {};
+        auto bytes = allocateBytes(numBytes);
         const annotated::Lock lock(fMutex);
+        // Taken meanwhile, or still of the same size.
         if (fBlock.empty()) return {};
-        return copyBlock(fBlock);
+        std::copy_n(fBlock.data(), numBytes, bytes.get());
+        return {bytes.release(), numBytes, numBytes};
     }
 
     /// Calls `reader(block)` under the lock unless the block was taken.

@@ -9,7 +9,7 @@ namespace kiro::web::binary {
 
 struct IdToBinaryDataReceiver::Impl {
     /// A slot may be empty: its caller fills it.
-    TestableMapStorage<std::shared_ptr<BinaryDataReceiverInterface>> receivers;
+    TestableMapStorage<std::shared_ptr<BinaryDataReceiverInterface>> fReceivers;
 };
 
 }  // namespace kiro::web::binary

@@ -43,7 +43,7 @@ std::shared_ptr<experimental::BinaryStream> streamOfChannel(const std::string& c
     auto& streams = streamRegistry().streams;
     const auto found = streams.find(channel);
     if (found != streams.end()) return found->second;
-    auto stream = streamCreation().current()(channel);
+    auto stream = streamCreation()(channel);
     if (stream == nullptr) {
         throw std::runtime_error("no binary stream could be made for the channel " + channel);
     }
@@ -60,7 +60,7 @@ void BinaryStreamLifeCycle::destroyBinaryStream(const std::string& channel) {
 }
 
 void BinaryStreamLifeCycle::destroyBinaryDataReceiver(const std::string& channel) {
-    const auto gone = IdToBinaryDataReceiver::getInstance().fImpl->receivers.extract(channel);
+    const auto gone = IdToBinaryDataReceiver::getInstance().fImpl->fReceivers.extract(channel);
 }
 
 namespace test {

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "CHeap.hpp"
+#include "checked/Require.hpp"
 
 namespace kiro::web::binary {
 
@@ -16,6 +17,7 @@ void writeID(DataID id, char (&out)[kBlockHeaderSize]) {
 }
 
 DataID blockID(const relay::common::DataBuffer& block) {
+    KIROWEB_REQUIRE(block.size() >= kBlockHeaderSize);
     std::uint64_t value = 0;
     for (std::size_t i = 0; i < kBlockHeaderSize; ++i) {
         value |= std::uint64_t{static_cast<unsigned char>(block.data()[i])} << (8U * i);
@@ -23,7 +25,13 @@ DataID blockID(const relay::common::DataBuffer& block) {
     return DataID(value);
 }
 
+std::string_view dataOf(const relay::common::DataBuffer& block) {
+    KIROWEB_REQUIRE(block.size() >= kBlockHeaderSize);
+    return {block.data() + kBlockHeaderSize, block.size() - kBlockHeaderSize};
+}
+
 relay::common::DataBuffer buildBlock(DataID id, const char* data, std::size_t length) {
+    KIROWEB_REQUIRE(data != nullptr || length == 0);
     if (length > std::numeric_limits<std::size_t>::max() - kBlockHeaderSize) {
         throw std::runtime_error("Out of memory!");
     }
@@ -34,12 +42,6 @@ relay::common::DataBuffer buildBlock(DataID id, const char* data, std::size_t le
     std::copy_n(header, kBlockHeaderSize, bytes.get());
     std::copy_n(data, length, bytes.get() + kBlockHeaderSize);
     return {bytes.release(), size, size};
-}
-
-relay::common::DataBuffer copyBlock(const relay::common::DataBuffer& block) {
-    auto bytes = allocateBytes(block.size());
-    std::copy_n(block.data(), block.size(), bytes.get());
-    return {bytes.release(), block.size(), block.size()};
 }
 
 }  // namespace kiro::web::binary

@@ -59,7 +59,8 @@ void StateMachine::PublishQueueState::start(Queue& queue, Sender sender, std::st
 
 void StateMachine::PublishQueueState::publishThread(Queue queue, Sender sender,
                                                     std::string channel) {
-    // What a send throws here is deliberately not caught: a backlog is sent whole or not at all.
+    // What a send throws here is not caught and ends the process: a backlog with a hole in it
+    // would draw a wrong figure.
     for (; !queue.empty(); queue.pop_front()) {
         queue.front()->send(fChannelInfo, sender, channel);
     }

@@ -44,7 +44,10 @@ Impl::Impl(const std::string& name, const std::string& commandListener)
 
 Impl::~Impl() {
     // The machine before the subscription: an announcement that arrives meanwhile finds nobody.
+    // One that is being handled shares the machine, which then goes on that thread.
+    const auto gone = fStateMachine->gone();
     fStateMachine.reset();
+    gone.wait();
     fReadySubscription.reset();
 }
 

@@ -21,10 +21,13 @@ StateMachine::~StateMachine() {
         log("Destroyed");
     } catch (...) {  // a destructor has nobody to tell
     }
-    const annotated::Lock lock(fMutex);
-    fAsyncTaskCache.clear();
-    fCurrentState.reset();
-    fBinarySender.reset();
+    {
+        const annotated::Lock lock(fMutex);
+        fAsyncTaskCache.clear();
+        fCurrentState.reset();
+        fBinarySender.reset();
+    }
+    fGone.set_value();
 }
 
 void StateMachine::channelReady(ChannelInfo info) {
@@ -66,8 +69,10 @@ void StateMachine::sendBinaryDataAsync(binary::BinaryDataPayload&& payload) {
 
 void StateMachine::setBinaryChannelName(const std::string& name) {
     if (name == fBinaryChannelName) return;
-    fBinaryChannelName = name;
+    auto newName = name;
     fBinarySender = name.empty() ? nullptr : binary::createBinaryDataSender(name);
+    // Last: a channel whose sender could not be made can be named again.
+    fBinaryChannelName = std::move(newName);
 }
 
 void StateMachine::removeFinishedAsyncTasksFromCache() {
@@ -80,7 +85,7 @@ void StateMachine::removeFinishedAsyncTasksFromCache() {
             ++i;
         } else if (i + 1 == cache.size()) {
             cache.pop_back();
-            // Deliberately from the start: the others are polled a second time.
+            // From the start: what was still running when it was passed may have ended meanwhile.
             i = 0;
         } else {
             cache[i] = std::move(cache.back());

@@ -23,6 +23,7 @@ class BootstrappingCommandSender::Impl {
     Impl(const std::string& name, const std::string& commandListener);
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
+    /// Waits until the machine has gone, an announcement that it is handling included.
     ~Impl();
 
     [[nodiscard]] bool getReadyStatus() const;
@@ -63,9 +64,13 @@ class BootstrappingCommandSender::Impl::StateMachine {
     void sendBinaryData(binary::BinaryDataPayload&& payload) EXCLUDES_LOCK(fMutex);
     void sendBinaryDataAsync(binary::BinaryDataPayload&& payload) EXCLUDES_LOCK(fMutex);
 
+    /// What is thrown when the sender cannot be made leaves name and sender as they were.
     void setBinaryChannelName(const std::string& name);
     /// Leaves out the lock: the cache is the engine's thread's, which is also the one that sends.
     void removeFinishedAsyncTasksFromCache() NO_THREAD_SAFETY_ANALYSIS;
+
+    /// Ready when the destructor has done all of its work, on whatever thread. Once.
+    [[nodiscard]] std::future<void> gone() { return fGone.get_future(); }
 
     /// Any thread.
     [[nodiscard]] bool getReadyStatus() const { return fReadyStatus; }
@@ -84,6 +89,7 @@ class BootstrappingCommandSender::Impl::StateMachine {
     void execute(std::shared_ptr<PayloadSenderTask> task) EXCLUDES_LOCK(fMutex);
     void log(const std::string& text) const;
 
+    std::promise<void> fGone;
     std::atomic<bool> fReadyStatus = false;
     std::string fName;
     std::string fBinaryChannelName;

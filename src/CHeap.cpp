@@ -1,24 +1,33 @@
 #include "CHeap.hpp"
 
 #include <algorithm>
-#include <atomic>
 #include <stdexcept>
+
+#include "Replaceable.hpp"
+#include "process/Immortal.hpp"
 
 namespace kiro {
 
 namespace {
-std::atomic<void* (*)(std::size_t)> allocateFunction = &std::malloc;
+
+using Allocation = Replaceable<void*(std::size_t)>;
+
+Allocation& allocation() {
+    static Immortal<Allocation> immortal(&std::malloc);
+    return *immortal;
 }
+
+}  // namespace
 
 CHeapBytes allocateBytes(std::size_t size) {
     // Of no bytes malloc may return null, which is not a failure.
-    void* bytes = allocateFunction.load()(std::max<std::size_t>(size, 1));
+    void* bytes = allocation()(std::max<std::size_t>(size, 1));
     if (bytes == nullptr) throw std::runtime_error("Out of memory!");
     return CHeapBytes(static_cast<char*>(bytes));
 }
 
 void replaceAllocate(void* (*allocate)(std::size_t)) {
-    allocateFunction = allocate != nullptr ? allocate : &std::malloc;
+    allocation().exchange(allocate != nullptr ? allocate : &std::malloc);
 }
 
 }  // namespace kiro

@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include "kiro/Export.hpp"
-
 namespace kiro {
 
 struct CHeapFree {
@@ -18,8 +16,7 @@ using CHeapBytes = std::unique_ptr<char, CHeapFree>;
 /// `size` bytes, never null. Throws `std::runtime_error` ("Out of memory!"). Any thread.
 CHeapBytes allocateBytes(std::size_t size);
 
-/// Has `allocateBytes` ask `allocate` instead of `std::malloc`; null restores that. For tests
-/// only: the header is not installed.
-KIROWEB_EXPORT void replaceAllocate(void* (*allocate)(std::size_t));
+/// Has `allocateBytes` ask `allocate` instead of `std::malloc`; null restores that. For tests.
+void replaceAllocate(void* (*allocate)(std::size_t));
 
 }  // namespace kiro

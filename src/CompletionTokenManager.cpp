@@ -7,6 +7,7 @@
 #include "graphics_state/GraphicsState.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kiroutils/timestamp.hpp"
+#include "records/EventRecord.hpp"
 
 namespace kiro {
 
@@ -45,8 +46,8 @@ void Manager::returnToken(const CompletionToken& token) {
     bedrock::json::Object eventData;
     eventData.emplace("Token Id", token.convertToString());
     bedrock::json::Object event;
-    event.emplace("Event", "return ACT");
-    event.emplace("EventData", std::move(eventData));
+    event.emplace(records::kEvent, "return ACT");
+    event.emplace(records::kEventData, std::move(eventData));
     fEventCallback(std::move(event));
     fCurrentToken = CompletionToken();
     wakeUpQVM();
@@ -55,8 +56,9 @@ void Manager::returnToken(const CompletionToken& token) {
 void Manager::recordTimeStampsLocked(const CompletionToken& token) {
     fCurrentToken = token;
     fCurrentToken.getTimeStamps().serverReceive = kiroutils::timestamp();
-    // Deliberately as it stands: after the constructor's reservation every append but the first
-    // reserves anew, after a clear the difference wraps round and the vector grows by itself.
+    // The log stays as small as it can be, since a time-stamped session may last for hours: room
+    // for 100 more, reserved anew by every append but the first. After a clear the difference
+    // wraps round, and the vector grows by itself.
     if (fTimeStampLog.capacity() - kRoom < fTimeStampLog.size()) {
         fTimeStampLog.reserve(fTimeStampLog.size() + kRoom);
     }

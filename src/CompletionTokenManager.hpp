@@ -21,9 +21,7 @@ namespace kiro {
 /// time stamps of those that came back. Shared with whoever receives replies.
 ///
 /// There is exactly one slot. A checkout replaces the token in it; the older token is forgotten.
-/// Exported for the tests; the header is not installed.
-class KIROWEB_EXPORT ACTRequestor::CompletionTokenManager
-    : public ACTRequestor::ReturnTokenInterface {
+class ACTRequestor::CompletionTokenManager : public ACTRequestor::ReturnTokenInterface {
   public:
     /// Called with "Event" and "EventData" for each returned token, under both mutexes, on the
     /// thread that returns it: it must not call back into the manager.

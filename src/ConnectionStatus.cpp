@@ -33,6 +33,7 @@ class ConnectionStatusDispatcher {
 
     kiroutils::EventDispatcher::Listener createListener(ConnectionStatus::NewViewCallback fcn) {
         if (fcn == nullptr) {
+            // A fixed text, see FixedAssertion.hpp; this one ends the process on every host.
             bedrock::core::diag::terminate(
                 "fcn != nullptr", "src/ConnectionStatus", 33,
                 "kiroutils::EventDispatcher::Listener "

@@ -31,7 +31,8 @@ bool DataID::construct_from_string(const std::string& text, DataID& out) {
     stream.imbue(std::locale::classic());
     out = DataID();
     stream >> out.first >> out.second;
-    // The end of the text, not the success of the reading, deliberately.
+    // The end of the text, not the success of the reading: a half that is missing reads as 0, but
+    // nothing may follow.
     return stream.eof();
 }
 

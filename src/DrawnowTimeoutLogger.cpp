@@ -1,18 +1,20 @@
 #include "DrawnowTimeoutLogger.hpp"
 
 #include <string>
-#include <utility>
 
+#include "EventLog.hpp"
 #include "bedrock/json/Value.hpp"
 #include "kiro/web/PayloadInterface.hpp"
 #include "kiro/web/PubSubFactory.hpp"
 #include "kiro/web/PubSubInterface.hpp"
 #include "kiro/web/RelayPubSub.hpp"
 #include "kiroutils/Logger.hpp"
+#include "records/EventRecord.hpp"
 
 namespace kiro::web {
 
 namespace json = bedrock::json;
+using records::kDrawnowTimeoutLog;
 
 namespace {
 
@@ -23,16 +25,14 @@ const char* const kErrorChannel = "/services/ErrorLoggingService/JSErrors";
 
 void record(const std::string& event, const std::string& eventData, const std::string& source,
             const std::string& channel) {
-    const json::Object entry{{"LogType", "Client"},
-                             {"Event", event},
-                             {"EventData", eventData},
-                             {"Source", source},
-                             {"Channel", channel}};
+    const auto entry =
+        records::eventRecord<json::Object>(records::kClient, source, channel, event, eventData);
     kiroutils::Logger::instance().log(kDrawnowTimeoutLog, json::serialize(entry));
 }
 
 /// Text that does not parse is recorded all the same, as a message without fields.
 void recordGraphicsMessage(const std::string& channel, const PayloadInterface& payload) {
+    if (!isRead(kiroutils::Logger::instance(), kDrawnowTimeoutLog)) return;
     const auto message = json::parse(payload.convertToString()).value_or(json::Value());
     const auto event =
         channel == kLogChannel ? "Log" : message.textOf("Type").value_or("Message Publish");
@@ -42,6 +42,7 @@ void recordGraphicsMessage(const std::string& channel, const PayloadInterface& p
 
 /// An error that does not parse is kept as it came: it is what somebody will want to read.
 void recordScriptError(const std::string& channel, const PayloadInterface& payload) {
+    if (!isRead(kiroutils::Logger::instance(), kDrawnowTimeoutLog)) return;
     auto text = payload.convertToString();
     if (const auto parsed = json::parse(text)) text = json::serialize(*parsed);
     record("Error", text, "ErrorLoggingService", channel);

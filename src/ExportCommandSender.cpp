@@ -8,8 +8,8 @@
 namespace kiro::web {
 
 struct ExportCommandSender::Impl {
-    bool enabled = true;
-    std::vector<std::string> commands;
+    bool fEnabled = true;
+    std::vector<std::string> fCommands;
 };
 
 ExportCommandSender::ExportCommandSender() : fImpl(std::make_unique<Impl>()) {}
@@ -18,17 +18,17 @@ ExportCommandSender::~ExportCommandSender() = default;
 
 void ExportCommandSender::setBinaryChannelName(const std::string& /*name*/) {}
 void ExportCommandSender::removeFinishedAsyncTasksFromCache() {}
-void ExportCommandSender::setEnable(bool enable) { fImpl->enabled = enable; }
-bool ExportCommandSender::isEnabled() const { return fImpl->enabled; }
+void ExportCommandSender::setEnable(bool enable) { fImpl->fEnabled = enable; }
+bool ExportCommandSender::isEnabled() const { return fImpl->fEnabled; }
 
 const std::vector<std::string>& ExportCommandSender::getCommandsAsStrings() const {
-    return fImpl->commands;
+    return fImpl->fCommands;
 }
 
-void ExportCommandSender::reset() { fImpl->commands.clear(); }
+void ExportCommandSender::reset() { fImpl->fCommands.clear(); }
 
 void ExportCommandSender::doSendCommand(JSONPayload&& payload) {
-    fImpl->commands.push_back(payload.convertToString());
+    fImpl->fCommands.push_back(payload.convertToString());
 }
 
 void ExportCommandSender::doSendBinaryData(binary::BinaryDataPayload&& payload) {

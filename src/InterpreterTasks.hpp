@@ -1,10 +1,7 @@
 #pragma once
 
 #include <functional>
-#include <string>
-#include <vector>
 
-#include "bedrock/core/except/Exception.hpp"
 #include "qnutil/contextmgr/QcrID.hpp"
 #include "taskrouter/TaskRouter.hpp"
 
@@ -15,5 +12,9 @@ namespace kiro {
 /// `taskrouter::RuntimeException` ("No TaskRouter available", status 2) instead.
 boost::future<void> enqueueOnInterpreter(qnutil::contextmgr::QcrID context,
                                          std::function<void()> function, const char* source);
+
+/// Whether `future`, from the function above, says that there was no task router. A task that has
+/// run already and threw is another matter.
+bool isNotQueued(boost::future<void>& future);
 
 }  // namespace kiro

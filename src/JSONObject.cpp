@@ -1,7 +1,6 @@
 #include "kiro/web/JSONObject.hpp"
 
 #include <boost/json.hpp>
-#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -9,7 +8,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "bedrock/text/convertUTF16.hpp"
+#include "UTF8.hpp"
 #include "kiro/web/binary/DataID.hpp"
 #include "ui_objects/Cookie.hpp"
 
@@ -45,23 +44,9 @@ boost::json::value parseQuietly(std::string_view text) {
     }
 }
 
-std::string toUTF8(std::u16string_view text) {
-    return bedrock::text::CharsetConverter("UTF-8").fromUTF16(text);
-}
-
-/// A whole number that `Integer` can hold. Doubles are compared with the largest doubles inside
-/// the 64-bit ranges, since the ranges' own ends round up to values outside them.
+/// A whole number in the range of `Integer`; Boost.JSON takes doubles as well, when they are exact.
 template <typename Integer>
 std::optional<Integer> toInteger(const boost::json::value& value) {
-    if (const auto* number = value.if_double()) {
-        constexpr double kLargestSigned = 9223372036854774784.0;
-        constexpr double kLargestUnsigned = 18446744073709549568.0;
-        const double largest = std::is_signed_v<Integer> ? kLargestSigned : kLargestUnsigned;
-        const double smallest = std::is_signed_v<Integer> ? -kLargestSigned : 0.0;
-        if (!(*number >= smallest && *number <= largest) || std::trunc(*number) != *number) {
-            return std::nullopt;
-        }
-    }
     boost::system::error_code error;
     const auto number = value.to_number<Integer>(error);
     if (error) return std::nullopt;
@@ -104,25 +89,23 @@ std::optional<ui_objects::Cookie> toCookie(const boost::json::value& value) {
     return std::nullopt;
 }
 
-/// Clears `out` first, whatever follows.
-bool readTexts(const boost::json::value& value, std::vector<std::string>& out) {
-    out.clear();
+/// Of an array that holds nothing but strings.
+std::optional<std::vector<std::string>> toTexts(const boost::json::value& value) {
     const auto* array = value.if_array();
-    if (array == nullptr) return false;
+    if (array == nullptr) return std::nullopt;
     std::vector<std::string> texts;
     texts.reserve(array->size());
     for (const auto& element : *array) {
         const auto* text = element.if_string();
-        if (text == nullptr) return false;
+        if (text == nullptr) return std::nullopt;
         texts.emplace_back(text->data(), text->size());
     }
-    out = std::move(texts);
-    return true;
+    return texts;
 }
 
 template <typename T, typename Source>
-bool store(const std::optional<Source>& value, T& out) {
-    if (value) out = static_cast<T>(*value);
+bool store(std::optional<Source>&& value, T& out) {
+    if (value) out = static_cast<T>(*std::move(value));
     return value.has_value();
 }
 
@@ -155,7 +138,7 @@ bool JSONObject::getValue(const std::string& key, T& out) const {
         out = toText(*value);
         return true;
     } else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
-        return readTexts(*value, out);
+        return store(toTexts(*value), out);
     } else if constexpr (std::is_same_v<T, ui_objects::Cookie>) {
         return store(toCookie(*value), out);
     } else {

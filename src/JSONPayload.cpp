@@ -4,12 +4,14 @@
 #include <boost/json.hpp>
 #include <charconv>
 #include <cstdint>
+#include <iterator>
 #include <stdexcept>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 
-#include "bedrock/text/convertUTF16.hpp"
+#include "UTF8.hpp"
+#include "checked/Require.hpp"
 #include "kiro/web/binary/DataID.hpp"
 #include "ui_objects/Cookie.hpp"
 #include "ui_objects/FontTypes.hpp"
@@ -18,7 +20,7 @@
 namespace kiro::web {
 
 struct JSONPayload::Impl {
-    boost::json::object object;
+    boost::json::object fObject;
 };
 
 namespace {
@@ -84,7 +86,7 @@ JSONPayload::JSONPayload(const std::string& json) : fImpl(std::make_unique<Impl>
     auto value = boost::json::parse(json);
     auto* object = value.if_object();
     if (object == nullptr) throw std::invalid_argument("not an object");
-    fImpl->object = std::move(*object);
+    fImpl->fObject = std::move(*object);
 }
 
 JSONPayload::JSONPayload(JSONPayload&& other) noexcept = default;
@@ -92,7 +94,7 @@ JSONPayload::~JSONPayload() = default;
 
 template <PayloadValue T>
 void JSONPayload::addDataToPayload(const std::string& key, const T& value) {
-    auto& object = fImpl->object;
+    auto& object = fImpl->fObject;
     if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, double>) {
         append(object, key, value);
     } else if constexpr (std::is_same_v<T, float>) {
@@ -104,8 +106,7 @@ void JSONPayload::addDataToPayload(const std::string& key, const T& value) {
     } else if constexpr (std::is_same_v<T, std::string>) {
         append(object, key, std::string_view(value));
     } else if constexpr (std::is_same_v<T, ui_objects::UTF16String>) {
-        static const bedrock::text::CharsetConverter converter("UTF-8");
-        append(object, key, std::string_view(converter.fromUTF16({value.data(), value.length()})));
+        append(object, key, std::string_view(toUTF8({value.data(), value.length()})));
     } else if constexpr (std::is_same_v<T, ui_objects::Cookie>) {
         CookieText buffer;
         append(object, key, formatCookie(value, buffer));
@@ -116,30 +117,44 @@ void JSONPayload::addDataToPayload(const std::string& key, const T& value) {
     } else if constexpr (std::is_same_v<T, FontAngleType>) {
         appendName(object, key, nameOf(value, kFontAngles));
     } else if constexpr (std::is_same_v<T, JSONPayload>) {
-        append(object, key, std::as_const(value.fImpl->object));
+        append(object, key, std::as_const(value.fImpl->fObject));
     } else {
         append(object, key, encodeElement(value));
     }
 }
 
 void JSONPayload::addDataToPayload(const std::string& key, const char* value) {
-    append(fImpl->object, key, std::string_view(value));
+    KIROWEB_REQUIRE(value != nullptr);
+    append(fImpl->fObject, key, std::string_view(value));
 }
 
-bool JSONPayload::isEmpty() const { return fImpl->object.empty(); }
+void JSONPayload::takeFields(JSONPayload&& other) {
+    auto& object = fImpl->fObject;
+    const auto before = object.size();
+    try {
+        for (auto& field : other.fImpl->fObject) {
+            append(object, field.key(), std::move(field.value()));
+        }
+    } catch (...) {
+        while (object.size() > before) object.erase(std::prev(object.end()));
+        throw;
+    }
+}
 
-std::size_t JSONPayload::getNumFields() const { return fImpl->object.size(); }
+bool JSONPayload::isEmpty() const { return fImpl->fObject.empty(); }
+
+std::size_t JSONPayload::getNumFields() const { return fImpl->fObject.size(); }
 
 bool JSONPayload::isFieldInPayload(const std::string& key) const {
-    return fImpl->object.contains(key);
+    return fImpl->fObject.contains(key);
 }
 
 bool JSONPayload::isString(const std::string& key) const {
-    const auto* value = fImpl->object.if_contains(key);
+    const auto* value = fImpl->fObject.if_contains(key);
     return value != nullptr && value->is_string();
 }
 
-std::string JSONPayload::convertToString() const { return boost::json::serialize(fImpl->object); }
+std::string JSONPayload::convertToString() const { return boost::json::serialize(fImpl->fObject); }
 
 #define KIROWEB_ENCODES(...)                                                       \
     template KIROWEB_EXPORT void JSONPayload::addDataToPayload(const std::string&, \

@@ -19,12 +19,15 @@ class OnceGuard {
     /// load. `initialise` must not come back here.
     template <typename Initialise>
     void run(const Initialise& initialise) EXCLUDES_LOCK(fMutex) {
-        if (fDone.load(std::memory_order_acquire)) return;
+        if (isDone()) return;
         const annotated::Lock lock(fMutex);
         if (fDone.load(std::memory_order_relaxed)) return;
         initialise();
         fDone.store(true, std::memory_order_release);
     }
+
+    /// Whether an initialisation has ended well. One load.
+    [[nodiscard]] bool isDone() const noexcept { return fDone.load(std::memory_order_acquire); }
 
   private:
     std::atomic<bool> fDone = false;

@@ -2,10 +2,10 @@
 
 #include <atomic>
 #include <boost/signals2/connection.hpp>
-#include <functional>
 #include <utility>
 
 #include "DrawnowTimeoutLogger.hpp"
+#include "EventLog.hpp"
 #include "OnceGuard.hpp"
 #include "annotated/Mutex.hpp"
 #include "bedrock/log/basic_diagnostic_logger.hpp"
@@ -19,11 +19,13 @@
 #include "kiro/web/PubSubInterface.hpp"
 #include "kiroutils/Logger.hpp"
 #include "process/Immortal.hpp"
+#include "records/EventRecord.hpp"
 
 namespace kiro::web {
 
 namespace json = bedrock::json;
 using kiroutils::CompletionToken;
+using records::kDrawnowTimeoutLog;
 
 namespace {
 
@@ -32,10 +34,10 @@ const char* const kTokenKey = "ACT";
 
 /// Keeps the one recorder of client messages, which stays once it is there.
 struct RecorderHolder {
-    annotated::Mutex mutex{annotated::Rank::kRecorder};
-    OnceGuard once;
+    annotated::Mutex fMutex{annotated::Rank::kRecorder};
+    OnceGuard fOnce;
     /// Owned, never deleted. Read without the mutex by the annotation's record.
-    std::atomic<DrawnowTimeoutLogger*> recorder = nullptr;
+    std::atomic<DrawnowTimeoutLogger*> fRecorder = nullptr;
 };
 
 RecorderHolder& recorderHolder() {
@@ -54,21 +56,20 @@ template <typename MakeData>
 void writeLifecycleRecord(const char* event, const MakeData& makeData) {
     auto& holder = recorderHolder();
     if (GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled()) {
-        holder.once.run(
-            [&holder] { holder.recorder = std::make_unique<DrawnowTimeoutLogger>().release(); });
+        holder.fOnce.run(
+            [&holder] { holder.fRecorder = std::make_unique<DrawnowTimeoutLogger>().release(); });
     }
-    if (holder.recorder.load() == nullptr) return;
-    const json::Object record{{"LogType", "Server"},
-                              {"Source", "PubSubACTRequestor"},
-                              {"Channel", ""},
-                              {"Event", event},
-                              {"EventData", makeData()}};
-    kiroutils::Logger::instance().log(kDrawnowTimeoutLog, json::serialize(record));
+    if (holder.fRecorder.load() == nullptr) return;
+    auto& logger = kiroutils::Logger::instance();
+    if (!isRead(logger, kDrawnowTimeoutLog)) return;
+    const auto record = records::eventRecord<json::Object>(records::kServer, "PubSubACTRequestor",
+                                                           "", event, makeData());
+    logger.log(kDrawnowTimeoutLog, json::serialize(record));
 }
 
 template <typename MakeData>
 void writeGuardedLifecycleRecord(const char* event, const MakeData& makeData) {
-    const annotated::Lock lock(recorderHolder().mutex);
+    const annotated::Lock lock(recorderHolder().fMutex);
     writeLifecycleRecord(event, makeData);
 }
 
@@ -87,7 +88,7 @@ void handleReply(const std::weak_ptr<ACTRequestor::ReturnTokenInterface>& weakMa
     const JSONObject message(payload.convertToString());
     std::string identifier;
     if (!message.getValue(kTokenKey, identifier)) return;
-    CompletionToken token(identifier);
+    CompletionToken token(std::move(identifier));
     if (lifecycleTracing && actLogger().enabled(kTraceLevel)) {
         actLogger().record(kTraceLevel) << "graphics::ACT lifecycle " << token.convertToString();
     }
@@ -102,19 +103,19 @@ void handleReply(const std::weak_ptr<ACTRequestor::ReturnTokenInterface>& weakMa
 
 void clearHistory() {
     auto& holder = recorderHolder();
-    const annotated::Lock lock(holder.mutex);
-    if (holder.recorder.load() == nullptr) return;
+    const annotated::Lock lock(holder.fMutex);
+    if (holder.fRecorder.load() == nullptr) return;
     kiroutils::Logger::instance().clearHistory(kDrawnowTimeoutLog);
 }
 
 }  // namespace
 
 struct PubSubACTRequestor::Impl {
-    std::unique_ptr<Subscriber> subscriber;
-    std::shared_ptr<CommandSenderInterface> commandSender;
-    std::string returnChannel;
-    std::string clientKind;
-    bool lifecycleTracing = false;
+    std::unique_ptr<Subscriber> fSubscriber;
+    std::shared_ptr<CommandSenderInterface> fCommandSender;
+    const std::string fReturnChannel;
+    const std::string fClientKind;
+    const bool fLifecycleTracing;
 };
 
 PubSubACTRequestor::PubSubACTRequestor(std::shared_ptr<CommandSenderInterface> sender,
@@ -127,7 +128,7 @@ PubSubACTRequestor::PubSubACTRequestor(std::shared_ptr<CommandSenderInterface> s
         return json::Object{{"Id", returnChannel}};
     });
     // Weak, so that the subscription does not keep the manager of a destroyed requestor alive.
-    fImpl->subscriber = subscribe(
+    fImpl->fSubscriber = subscribe(
         PubSubFactory::pubsubInstance(), returnChannel,
         [manager = std::weak_ptr<ReturnTokenInterface>(getReturnTokenInterface()),
          lifecycleTracing](const std::string& /*channel*/, const PayloadInterface& payload) {
@@ -138,22 +139,22 @@ PubSubACTRequestor::PubSubACTRequestor(std::shared_ptr<CommandSenderInterface> s
 PubSubACTRequestor::~PubSubACTRequestor() {
     try {
         writeGuardedLifecycleRecord("Destroyed PubSubACTRequestor", [this] {
-            return json::Object{{"Id", fImpl->returnChannel}};
+            return json::Object{{"Id", fImpl->fReturnChannel}};
         });
     } catch (...) {  // a destructor has nobody to tell
     }
-    fImpl->subscriber.reset();
-    fImpl->commandSender.reset();
+    fImpl->fSubscriber.reset();
+    fImpl->fCommandSender.reset();
 }
 
 void PubSubACTRequestor::setCommandSender(std::shared_ptr<CommandSenderInterface> sender) {
-    fImpl->commandSender = std::move(sender);
+    fImpl->fCommandSender = std::move(sender);
 }
 
 void PubSubACTRequestor::convertToPayload(JSONPayload& payload,
                                           const CompletionToken& token) const {
     payload.addDataToPayload(kTokenKey, token.convertToString());
-    payload.addDataToPayload("returnChannel", fImpl->returnChannel);
+    payload.addDataToPayload("returnChannel", fImpl->fReturnChannel);
     if (!isTimeStampLoggingEnabled()) return;
     const auto& stamps = token.getTimeStamps();
     payload.addDataToPayload("serverSendTS", stamps.serverSend);
@@ -165,27 +166,28 @@ void PubSubACTRequestor::convertToPayload(JSONPayload& payload,
 void PubSubACTRequestor::doSendACT(const CompletionToken& token) {
     JSONPayload payload;
     convertToPayload(payload, token);
-    if (fImpl->commandSender == nullptr) return;
+    if (fImpl->fCommandSender == nullptr) return;
     writeGuardedLifecycleRecord("Sending ACT", [&] {
-        return json::Object{{"Id", fImpl->returnChannel}, {kTokenKey, token.convertToString()}};
+        return json::Object{{"Id", fImpl->fReturnChannel}, {kTokenKey, token.convertToString()}};
     });
-    // Without the holder's mutex, deliberately, and whatever the annotation holds.
+    // Whatever the annotation holds, so that each sent token has its pair of records. Without the
+    // holder's mutex: the record before has made the recorder if the host wants one.
     writeLifecycleRecord("Logging Annotation", [this] {
         return json::Object{{"Annotation", getAnnotation()}};
     });
-    fImpl->commandSender->sendCommand("sendACT", std::move(payload));
+    fImpl->fCommandSender->sendCommand("sendACT", std::move(payload));
 }
 
 std::string PubSubACTRequestor::getDetailsForInternalTimeoutWarning() const {
     std::string text;
-    if (fImpl->commandSender != nullptr) {
-        text = fImpl->commandSender->queryCommandSenderReadyStatus()
+    if (fImpl->fCommandSender != nullptr) {
+        text = fImpl->fCommandSender->queryCommandSenderReadyStatus()
                    ? "Client may be connected."
                    : "Client may not be connected.";
     }
     auto& holder = recorderHolder();
-    const annotated::Lock lock(holder.mutex);
-    if (holder.recorder.load() == nullptr) return text + "\ndrawnowTimeoutLogger disabled";
+    const annotated::Lock lock(holder.fMutex);
+    if (holder.fRecorder.load() == nullptr) return text + "\ndrawnowTimeoutLogger disabled";
     const auto history = kiroutils::Logger::instance().history(kDrawnowTimeoutLog);
     text += "\nLast " + std::to_string(history.size()) + " messages:\n";
     for (const auto& entry : history) text += "\n " + entry;
@@ -193,9 +195,9 @@ std::string PubSubACTRequestor::getDetailsForInternalTimeoutWarning() const {
 }
 
 std::string PubSubACTRequestor::getDetailsForCustomerTimeoutWarning() const {
-    const auto& clientKind = fImpl->clientKind;
-    if (fImpl->commandSender == nullptr) return "an uninitialized " + clientKind + " communicator";
-    if (fImpl->commandSender->queryCommandSenderReadyStatus()) {
+    const auto& clientKind = fImpl->fClientKind;
+    if (fImpl->fCommandSender == nullptr) return "an uninitialized " + clientKind + " communicator";
+    if (fImpl->fCommandSender->queryCommandSenderReadyStatus()) {
         return "an unresponsive " + clientKind + " client";
     }
     return "a " + clientKind + " handshaking issue";

@@ -2,8 +2,9 @@
 
 #include <utility>
 
+#include "FixedAssertion.hpp"
 #include "OnceGuard.hpp"
-#include "bedrock/core/diag/assertion.hpp"
+#include "ProcessWideEndpoint.hpp"
 #include "kiro/web/RelayPubSub.hpp"
 #include "process/Immortal.hpp"
 
@@ -27,12 +28,12 @@ ProcessWideEndpoint& processWideEndpoint() {
 
 }  // namespace
 
+bool isEndpointMade() { return processWideEndpoint().fOnce.isDone(); }
+
 void PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn fcn) {
-    if (fPubSubCreationFcn != nullptr) {
-        bedrock::core::diag::assertionFailed(
-            "fPubSubCreationFcn == nullptr", "src/PubSubFactory", 19,
-            "static void kiro::web::PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn)");
-    }
+    assertAt({"src/PubSubFactory", 19,
+              "static void kiro::web::PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn)"},
+             fPubSubCreationFcn == nullptr, "fPubSubCreationFcn == nullptr");
     fPubSubCreationFcn = std::move(fcn);
     fDefaultInUse = false;
 }
@@ -52,12 +53,10 @@ std::shared_ptr<PubSubInterface> PubSubFactory::pubsubInstance() {
 std::shared_ptr<PubSubInterface> PubSubFactory::makePubSubWithDefault(
     pubsub_creation_fcn defaultFcn) {
     if (!fDefaultInUse) return pubsubInstance();
-    if (defaultFcn == nullptr) {
-        bedrock::core::diag::assertionFailed(
-            "defaultFcn != nullptr", "src/PubSubFactory", 47,
-            "static std::shared_ptr<kiro::web::PubSubInterface> "
-            "kiro::web::PubSubFactory::makePubSubWithDefault(pubsub_creation_fcn)");
-    }
+    assertAt({"src/PubSubFactory", 47,
+              "static std::shared_ptr<kiro::web::PubSubInterface> "
+              "kiro::web::PubSubFactory::makePubSubWithDefault(pubsub_creation_fcn)"},
+             defaultFcn != nullptr, "defaultFcn != nullptr");
     return defaultFcn();
 }
 

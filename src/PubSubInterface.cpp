@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "checked/Require.hpp"
 #include "kiro/web/PayloadInterface.hpp"
 #include "kiroutils/EventDispatcher.hpp"
 
@@ -19,6 +20,7 @@ void PubSubInterface::handlePublishCallback(const std::string& channel,
 std::unique_ptr<Subscriber> subscribe(std::shared_ptr<PubSubInterface> pubsub,
                                       const std::string& channel,
                                       PubSubInterface::CallbackType callback) {
+    KIROWEB_REQUIRE(pubsub != nullptr);
     std::unique_ptr<InternalSubscriberData> data;
     if (pubsub->fDispatcher->numListeners(channel) == 0) {
         // Weak, so that a subscription at the transport never keeps the endpoint alive.

@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "FixedAssertion.hpp"
 #include "SteadyClock.hpp"
-#include "bedrock/core/diag/assertion.hpp"
 #include "kiroutils/KiroTerminatingCondition.hpp"
 #include "qvm/messages.hpp"
 #include "relay/Future.hpp"
@@ -21,26 +21,25 @@ class RelayFuture {
   public:
     /// `description` names the wait.
     RelayFuture(relay::Future<VALUE_TYPE> future, std::string description)
-        : fFuture(std::make_shared<relay::Future<VALUE_TYPE>>(std::move(future))),
-          fDescription(std::move(description)) {}
+        : fFuture(std::move(future)), fDescription(std::move(description)) {}
 
     /// Blocks until the value is there and returns it. Signal thread only, once.
     ///
     /// It runs no interpreter tasks: one that asked for the endpoint that is being made would
     /// wait for itself. It has no time-out of its own.
     VALUE_TYPE wait() {
-        if (!utIsSignalThread()) {
-            bedrock::core::diag::assertionFailed(
-                "utIsSignalThread()", "src/RelayFuture", 50,
-                "VALUE_TYPE kiro::web::RelayFuture<VALUE_TYPE>::wait()");
-        }
+        assertAt({"src/RelayFuture", 50, "VALUE_TYPE kiro::web::RelayFuture<VALUE_TYPE>::wait()"},
+                 utIsSignalThread(), "utIsSignalThread()");
+        // Mostly the service has answered within the call: there is nothing to wait for then.
+        if (fFuture.valid() && fFuture.isReady()) return fFuture.get();
+        const auto shared = std::make_shared<relay::Future<VALUE_TYPE>>(std::move(fFuture));
         kiroutils::KiroTerminatingCondition condition(
             fDescription,
-            [weak = std::weak_ptr<relay::Future<VALUE_TYPE>>(fFuture)] { return isReady(weak); },
+            [weak = std::weak_ptr<relay::Future<VALUE_TYPE>>(shared)] { return isReady(weak); },
             std::chrono::seconds::max());
         while (!condition.shouldTerminate()) {
         }
-        return fFuture->get();
+        return shared->get();
     }
 
     /// One look of the wait: true when the value is there. Blocks for about 100 ms at most, so
@@ -59,7 +58,7 @@ class RelayFuture {
     }
 
   private:
-    std::shared_ptr<relay::Future<VALUE_TYPE>> fFuture;
+    relay::Future<VALUE_TYPE> fFuture;
     std::string fDescription;
 };
 

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "CHeap.hpp"
+#include "FixedAssertion.hpp"
 #include "RelayFuture.hpp"
-#include "bedrock/core/diag/assertion.hpp"
 #include "kiro/web/StringPayload.hpp"
 #include "relay/Relay.hpp"
 #include "relay/message_service/MessageService.hpp"
@@ -28,14 +28,12 @@ class RelayInternalSubscriberData : public InternalSubscriberData {
 
 /// On the service's delivery thread.
 void handleMessage(const service::JsonMessage& msg, const PubSubInterface::CallbackType& callback) {
-    if (msg.json == nullptr) {
-        bedrock::core::diag::assertionFailed(
-            "msg.json != nullptr", "src/RelayPubSub", 59,
-            "kiro::web::RelayPubSub::doSubscribe(const string&, "
-            "kiro::web::PubSubInterface::CallbackType)::<lambda(const JsonMessage&)>");
-    }
-    const auto text = msg.json != nullptr ? std::string(msg.json, msg.length) : std::string();
-    callback(msg.channel, StringPayload(text));
+    assertAt({"src/RelayPubSub", 59,
+              "kiro::web::RelayPubSub::doSubscribe(const string&, "
+              "kiro::web::PubSubInterface::CallbackType)::<lambda(const JsonMessage&)>"},
+             msg.json != nullptr, "msg.json != nullptr");
+    auto text = msg.json != nullptr ? std::string(msg.json, msg.length) : std::string();
+    callback(msg.channel, StringPayload(std::move(text)));
 }
 
 }  // namespace
@@ -46,9 +44,9 @@ struct RelayPubSub::Impl {
         fMessageService =
             RelayFuture(service::createMessageService("kiroweb", {}), "create message service")
                 .wait();
+        assertAt({"src/RelayPubSub", 34, "kiro::web::RelayPubSub::Impl::Impl()"},
+                 fMessageService != nullptr, "fMessageService != nullptr");
         if (fMessageService == nullptr) {
-            bedrock::core::diag::assertionFailed("fMessageService != nullptr", "src/RelayPubSub",
-                                                 34, "kiro::web::RelayPubSub::Impl::Impl()");
             // Where the host goes on, there is still no endpoint; the next call may have one.
             throw std::runtime_error("the host's message service is missing");
         }
@@ -63,6 +61,7 @@ RelayPubSub::~RelayPubSub() = default;
 
 void RelayPubSub::doPublish(const std::string& channel, PayloadInterface& payload) {
     const auto text = payload.convertToString();
+    // Its own copy in the C heap, whose lack is what the caller hears of as "Out of memory!".
     const auto buffer = allocateBytes(text.size());
     std::copy(text.begin(), text.end(), buffer.get());
     // The future is dropped: publishing never waits.

@@ -1,18 +1,27 @@
 #include "SteadyClock.hpp"
 
-#include <atomic>
+#include "Replaceable.hpp"
+#include "process/Immortal.hpp"
 
 namespace kiro {
 
 namespace {
-std::atomic<SteadyTime (*)()> replacement = nullptr;
+
+using Clock = Replaceable<SteadyTime()>;
+
+SteadyTime realNow() { return std::chrono::steady_clock::now(); }
+
+Clock& steadyClock() {
+    static Immortal<Clock> immortal(&realNow);
+    return *immortal;
 }
 
-SteadyTime steadyNow() {
-    const auto clock = replacement.load();
-    return clock != nullptr ? clock() : std::chrono::steady_clock::now();
-}
+}  // namespace
 
-void replaceSteadyClock(SteadyTime (*clock)()) { replacement = clock; }
+SteadyTime steadyNow() { return steadyClock()(); }
+
+void replaceSteadyClock(SteadyTime (*clock)()) {
+    steadyClock().exchange(clock != nullptr ? clock : &realNow);
+}
 
 }  // namespace kiro

@@ -27,22 +27,22 @@ struct EventMarkers {
 
 struct WebTerminatingCondition::Impl {
     explicit Impl(std::shared_ptr<ConnectionStatus> status)
-        : connectionStatus(std::move(status)), markers(std::make_shared<EventMarkers>()) {
+        : fConnectionStatus(std::move(status)), fMarkers(std::make_shared<EventMarkers>()) {
         // Without a status no events come.
-        if (connectionStatus == nullptr) return;
-        reconnectSubscription = connectionStatus->createReconnectSubscriber(
-            [markers = markers](const std::string& /*channel*/,
-                                const PayloadInterface& /*payload*/) {
+        if (fConnectionStatus == nullptr) return;
+        fReconnectSubscription = fConnectionStatus->createReconnectSubscriber(
+            [markers = fMarkers](const std::string& /*channel*/,
+                                 const PayloadInterface& /*payload*/) {
                 markers->reconnect = true;
             });
-        newViewListener = connectionStatus->createNewViewListener(
-            [markers = markers] { markers->newView = true; });
+        fNewViewListener = fConnectionStatus->createNewViewListener(
+            [markers = fMarkers] { markers->newView = true; });
     }
 
-    std::shared_ptr<ConnectionStatus> connectionStatus;
-    std::unique_ptr<Subscriber> reconnectSubscription;
-    kiroutils::EventDispatcher::Listener newViewListener;
-    std::shared_ptr<EventMarkers> markers;
+    std::shared_ptr<ConnectionStatus> fConnectionStatus;
+    std::unique_ptr<Subscriber> fReconnectSubscription;
+    kiroutils::EventDispatcher::Listener fNewViewListener;
+    std::shared_ptr<EventMarkers> fMarkers;
 };
 
 WebTerminatingCondition::WebTerminatingCondition(const std::string& name,
@@ -55,10 +55,10 @@ WebTerminatingCondition::~WebTerminatingCondition() = default;
 
 bool WebTerminatingCondition::doThrowIfError() {
     // A reconnection goes first and leaves a new view for the next look.
-    if (fImpl->markers->reconnect.exchange(false)) {
+    if (fImpl->fMarkers->reconnect.exchange(false)) {
         respondToError("reconnect", catalog::key_reconnect());
     }
-    if (fImpl->markers->newView.exchange(false)) {
+    if (fImpl->fMarkers->newView.exchange(false)) {
         respondToError("new view", catalog::key_newView());
     }
     return false;

@@ -21,12 +21,30 @@ kirohost::detail::Observers<LogRecord>& observers() {
 }
 
 struct History {
-    void trim() {
-        while (entries.size() > maxEntries) entries.pop_front();
+    void add(const std::string& text, std::size_t maxBytes) {
+        entries.push_back(text);
+        numBytes += text.size();
+        trim(maxBytes);
+    }
+
+    void trim(std::size_t maxBytes) {
+        const auto isTooLong = [&] {
+            return entries.size() > maxEntries || (entries.size() > 1 && numBytes > maxBytes);
+        };
+        while (isTooLong()) {
+            numBytes -= entries.front().size();
+            entries.pop_front();
+        }
+    }
+
+    void clear() {
+        entries.clear();
+        numBytes = 0;
     }
 
     bool enabled = false;
     std::size_t maxEntries = 0;
+    std::size_t numBytes = 0;
     std::deque<std::string> entries;
 };
 
@@ -37,13 +55,13 @@ struct Logger::Impl {
         const annotated::Lock lock(mutex);
         const auto found = histories.find(name);
         if (found == histories.end() || !found->second.enabled) return;
-        found->second.entries.push_back(text);
-        found->second.trim();
+        found->second.add(text, maxHistoryBytes);
     }
 
     /// How many histories are enabled; lets `log` pass by without the lock.
     std::atomic<std::size_t> numEnabled = 0;
     annotated::Mutex mutex;
+    std::size_t maxHistoryBytes GUARDED_BY(mutex) = std::size_t{16} << 20U;
     std::unordered_map<std::string, History> histories GUARDED_BY(mutex);
 };
 
@@ -63,6 +81,11 @@ void Logger::log(const std::string& name, const std::string& text) {
     observers().notify({name, text, 0, std::this_thread::get_id()});
 }
 
+bool Logger::isRead(const std::string& component) const {
+    if (!observers().empty()) return true;
+    return fImpl->numEnabled != 0 && isHistoryEnabled(component);
+}
+
 bool Logger::isHistoryEnabled(const std::string& name) const {
     const annotated::Lock lock(fImpl->mutex);
     const auto found = fImpl->histories.find(name);
@@ -77,8 +100,8 @@ void Logger::setHistoryEnabled(const std::string& name, bool enabled, std::size_
     if (!enabled && history.enabled) --fImpl->numEnabled;
     history.enabled = enabled;
     history.maxEntries = maxEntries;
-    if (!keepEntries) history.entries.clear();
-    history.trim();
+    if (!keepEntries) history.clear();
+    history.trim(fImpl->maxHistoryBytes);
     if (!enabled && history.entries.empty()) fImpl->histories.erase(name);
 }
 
@@ -92,7 +115,13 @@ std::vector<std::string> Logger::history(const std::string& name) const {
 void Logger::clearHistory(const std::string& name) {
     const annotated::Lock lock(fImpl->mutex);
     const auto found = fImpl->histories.find(name);
-    if (found != fImpl->histories.end()) found->second.entries.clear();
+    if (found != fImpl->histories.end()) found->second.clear();
+}
+
+void Logger::setMaxHistoryBytes(std::size_t maxBytes) {
+    const annotated::Lock lock(fImpl->mutex);
+    fImpl->maxHistoryBytes = maxBytes;
+    for (auto& [name, history] : fImpl->histories) history.trim(maxBytes);
 }
 
 }  // namespace kiroutils

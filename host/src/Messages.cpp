@@ -25,7 +25,7 @@ constexpr auto kCatalogue = std::to_array<CatalogueEntry>({
     {"Quarn:graphics", "GraphicsBinaryOOM",
      "A block of graphics data could not be sent: there is not enough memory."},
     {"Quarn:graphics", "GraphicsBinarySendFailure",
-     "A block of graphics data could not be sent over the binary channel \"{0}\"."},
+     "A block of graphics data for the channel \"{0}\" could not be sent as binary data."},
     {"Quarn:graphics", "drawnowTimeout",
      "No answer came within {0} seconds. Requestor: {1}. Token: {2}. Details: {3}"},
     {"Quarn:graphics", "newView", "The wait was ended by an event of the page: {0}."},

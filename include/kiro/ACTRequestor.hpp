@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -28,7 +27,7 @@ namespace kiro {
 /// Interpreter thread, except where an operation says otherwise.
 class KIROWEB_EXPORT ACTRequestor {
   public:
-    class CompletionTokenManager;
+    class KIROWEB_HIDDEN CompletionTokenManager;
 
     /// Where returned tokens go. It may outlive its requestor while a reply is in flight.
     class KIROWEB_EXPORT ReturnTokenInterface {
@@ -107,7 +106,7 @@ class KIROWEB_EXPORT ACTRequestor {
     [[nodiscard]] virtual std::string getDetailsForCustomerTimeoutWarning() const = 0;
 
   private:
-    struct Impl;
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

@@ -33,7 +33,7 @@ struct Declared {
 
 bool meansTrouble(const kirohost::LogRecord& record) {
     return record.logger == "relay" ||
-           (record.logger == "commandsender" && record.text.find("not shown") != std::string::npos);
+           (record.logger == "commandsender" && record.text.find("no TaskRouter") != std::string::npos);
 }
 
 }  // namespace

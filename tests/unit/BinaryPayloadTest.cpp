@@ -128,13 +128,12 @@ TEST(BinaryDataPayload, ConvertsWholeOrNotAtAllWhenMemoryIsShort) {
     };
     auto payload = make();
     const auto failures = failEachNew([&](std::size_t n) {
-        JSONPayload out;
+        JSONPayload out(R"({"before":1})");
         const auto [failed, error] = failingNew(n, [&] { payload.convertToJSONPayload(out); });
         EXPECT_EQ(error, failed ? "Out of memory!" : "") << "allocation " << n;
         EXPECT_EQ(payload.size(), failed ? 1017U : 0U) << "allocation " << n;
-        if (!failed) {
-            EXPECT_EQ(out.convertToString(), convert(make()));
-        }
+        const auto whole = R"({"before":1,)" + convert(make()).substr(1);
+        EXPECT_EQ(out.convertToString(), failed ? R"({"before":1})" : whole) << "allocation " << n;
         return failed;
     });
     EXPECT_GT(failures, 5U);
@@ -301,9 +300,9 @@ std::size_t BinarySend::noticesOf(std::uint64_t id, const std::string& raw) {
 }
 
 TEST_F(BinarySend, SubstitutesANoticeWhenTheFallbackMessageCannotBeBuilt) {
-    EXPECT_GT(noticesOf(5, "\\u0005"), 3U);
-    EXPECT_GT(noticesOf(256, ""), 3U);
-    EXPECT_GT(noticesOf(0x4142, "BA"), 3U);
+    EXPECT_GT(noticesOf(5, "\\u0005"), 0U);
+    EXPECT_GT(noticesOf(256, ""), 0U);
+    EXPECT_GT(noticesOf(0x4142, "BA"), 0U);
 }
 
 TEST_F(BinarySend, TakesNothingThatPublishThrowsForLackOfMemory) {
@@ -348,7 +347,7 @@ TEST_F(BinarySend, ToleratesAStreamThatNeverAnswersOrAnswersWithAnError) {
     EXPECT_EQ(sender.use_count(), 1) << "nothing is held any more";
 }
 
-TEST_F(BinarySend, FallsBackWhenTheStreamEndsWithItsLastUserAndSendsUnderWay) {
+TEST_F(BinarySend, KeepsTheStreamUntilItsBlocksAreAnswered) {
     namespace experimental = relay::binary::experimental;
     std::vector<experimental::Delivery> kept;
     const experimental::ClientEnd clientEnd("/binary", [&kept](experimental::Delivery delivery) {
@@ -357,14 +356,36 @@ TEST_F(BinarySend, FallsBackWhenTheStreamEndsWithItsLastUserAndSendsUnderWay) {
     auto sender = createBinaryDataSender("/binary");
     payloadOf({4, 5, 6}).sendUsing(sender, kChannel);
     ASSERT_EQ(kept.size(), 3U);
-    kept[1].deliver();
+    const auto weak = std::weak_ptr(sender);
     sender.reset();
-    EXPECT_EQ(published(), Lines()) << "the registry still holds the stream";
     BinaryStreamLifeCycle::destroyBinaryStream("/binary");
-    EXPECT_EQ(published(), (Lines{fallback("4 0"), fallback("6 0")}));
+    EXPECT_TRUE(published().empty() && pendingTasks().empty()) << "nothing has failed";
+    kept[1].deliver();
+    kept[0].fail();
+    EXPECT_EQ(published(), Lines{fallback("4 0")});
+    EXPECT_FALSE(weak.expired());
+    kept[2].deliver();
+    EXPECT_TRUE(weak.expired()) << "the last answer lets go";
+    EXPECT_EQ(published().size(), 1U);
     const support::WarningCapture warnings;
     kirohost::runPendingTasks();
-    EXPECT_EQ(warnings.texts().size(), 2U);
+    EXPECT_EQ(warnings.texts(), Lines{"Quarn:graphics:GraphicsBinarySendFailure(/figure/2)"});
+}
+
+TEST_F(BinarySend, SendsNothingOfABlockThatIsTakenWhileItsCopyIsMade) {
+    static Promise* first;
+    auto payload = payloadOf({4});
+    payload.sendUsing(later(), kChannel);
+    first = &promises.front();
+    kiro::replaceAllocate([](std::size_t size) {
+        first->setValue({false, {}});
+        return std::malloc(size);
+    });
+    const auto second = std::make_shared<ScriptedSender>();
+    payload.sendUsing(second, kChannel);
+    kiro::replaceAllocate(nullptr);
+    EXPECT_EQ(published(), Lines{fallback("4 0")});
+    EXPECT_EQ(second->blocks.size(), 0U);
 }
 
 TEST_F(BinarySend, TakesAndCopiesABlockOneAtATime) {

@@ -7,6 +7,7 @@
 #include "CHeap.hpp"
 #include "Captures.hpp"
 #include "Fixture.hpp"
+#include "InterpreterTasks.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/binary/BinaryDataReceiver.hpp"
 #include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
@@ -162,6 +163,22 @@ TEST_F(BinaryRegistry, TellsTheClientWhichBlockCouldNotBeBuilt) {
         EXPECT_EQ(warningsOfTasks(), Lines{"Quarn:graphics:GraphicsBinaryOOM()"});
         stream->blocks.clear();
     }
+}
+
+TEST(InterpreterTasks, TellATaskThatThrewFromOneThatCouldNotBeQueued) {
+    const auto queue = [] {
+        return kiro::enqueueOnInterpreter(
+            graphics_util::getContextQCRID(), [] { throw std::runtime_error("the task's own"); },
+            "src/Test");
+    };
+    auto threw = queue();
+    EXPECT_FALSE(kiro::isNotQueued(threw)) << "not run yet";
+    kirohost::runPendingTasks();
+    ASSERT_TRUE(threw.has_exception());
+    EXPECT_FALSE(kiro::isNotQueued(threw));
+    const auto hidden = kirohost::hideMainContext();
+    auto homeless = queue();
+    EXPECT_TRUE(kiro::isNotQueued(homeless));
 }
 
 TEST_F(BinaryRegistry, PostsItsWarningsToTheInterpreter) {

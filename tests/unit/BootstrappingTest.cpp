@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <latch>
@@ -160,6 +161,55 @@ TEST_F(Bootstrapping, SendsTheBacklogAsALaterAnnouncementSaysAlsoWhenDestroyedMe
     EXPECT_EQ(stream->blocks.all(), Lines{blockBytes(4)});
 }
 
+TEST_F(Bootstrapping, SendsDirectlyAsTheLastAnnouncementSays) {
+    sender->setBinaryChannelName("/binary");
+    goDirect();
+    sendBlock(4);
+    announce(kBinary);
+    sendBlock(5);
+    sendBlockAsync(6);
+    stream->blocks.awaitSize(2);
+    announce();
+    sendBlock(7);
+    EXPECT_EQ(received(), (Lines{fallback("4 0"), fallback("7 0")}));
+    EXPECT_EQ(stream->blocks.all(), (Lines{blockBytes(5), blockBytes(6)}));
+}
+
+TEST_F(Bootstrapping, BeginsAnAsynchronousSendWhenTheBacklogHasBeenSent) {
+    const auto held = listen([this](const std::string& text) {
+        if (text != command("a")) return;
+        // Gives a send that does not wait all the time it needs.
+        for (int i = 0; i < 2000 && received().size() == 1; ++i) std::this_thread::yield();
+    });
+    send("a");
+    send("b");
+    announce();
+    client.awaitSize(1);
+    sendBlockAsync(4);
+    client.awaitSize(3);
+    EXPECT_EQ(received(), (Lines{command("a"), command("b"), fallback("4 0")}));
+}
+
+TEST_F(Bootstrapping, WaitsForTheAnnouncementThatIsBeingHandledWhenDestroyed) {
+    constexpr int kCommands = 300;
+    for (int i = 0; i < kCommands; ++i) send("a");
+    std::latch handling{1};
+    std::atomic<bool> isDestroyed = false;
+    const auto observer = kirohost::observeLog([&](const kirohost::LogRecord& record) {
+        if (!record.text.ends_with(": channelReady")) return;
+        handling.count_down();
+        gate.wait();
+        // Gives a destructor that does not wait all the time it needs.
+        for (int i = 0; i < 10000 && !isDestroyed; ++i) std::this_thread::yield();
+    });
+    const auto announced = std::async(std::launch::async, [] { announce(); });
+    handling.wait();
+    gate.count_down();
+    sender.reset();
+    isDestroyed = true;
+    EXPECT_EQ(received().size(), kCommands);
+}
+
 TEST_F(Bootstrapping, StaysUsableWhenADirectSendThrows) {
     const auto thrower = throwOn(command("boom"));
     announce();
@@ -226,7 +276,17 @@ TEST_F(Bootstrapping, MakesABinarySenderForEachNewChannelName) {
     sendBlock(4);  // nowhere to send it but as text
     for (const auto* name : {"", "/b1", "/b1", "/b2", "/b1"}) sender->setBinaryChannelName(name);
     EXPECT_EQ(channels, (Lines{"/b1", "/b2", "/b1"}));
-    sendBlock(5);
+    const auto working = binary::test::RegisterBinaryDataSenderCreationFunction(
+        [](const std::string&) -> std::shared_ptr<BinaryDataSenderInterface> {
+            throw std::runtime_error("no stream");
+        });
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_THROW(sender->setBinaryChannelName("/b3"), std::runtime_error) << "tried again";
+    }
+    binary::test::RegisterBinaryDataSenderCreationFunction(working);
+    sendBlock(5);  // with the former sender
+    sender->setBinaryChannelName("/b1");
+    EXPECT_EQ(channels.size(), 3U) << "and under the former name";
     for (const bool allowed : {true, false}) {
         const ScopedSettings settings(
             [allowed](auto& changed) { changed.binaryChannelForCommands = allowed; });

@@ -58,6 +58,15 @@ TEST(SizeStatistics, CountTextsAndBlocksWhileTheyAreOn) {
     }
     sender.setSizeStatsEnabled(false);
     EXPECT_EQ(sender.getPublishSizeInBytes().capacity(), 0U);
+    // From here the list grows by itself, until there is room for 100.
+    sender.setSizeStatsEnabled(true);
+    for (std::size_t count = 1; count <= 66; ++count) {
+        sender.sendCommand("draw", {});
+        const std::size_t capacity = count == 1 ? 1 : count == 65 ? 128 : count == 66 ? 165 : 0;
+        if (capacity == 0) continue;
+        EXPECT_EQ(sender.getPublishSizeInBytes().capacity(), capacity) << count;
+    }
+    sender.setSizeStatsEnabled(false);
     EXPECT_EQ(sender.getBinarySizeInBytes().capacity(), 0U);
 }
 

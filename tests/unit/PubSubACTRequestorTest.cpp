@@ -93,6 +93,13 @@ TEST_F(PubSubRequestor, SaysWhyATokenMayNotHaveComeBack) {
                        {true, true, "an unresponsive web client", "Client may be connected."},
                        {true, false, "a web handshaking issue", "Client may not be connected."}};
     make();
+    auto& logger = Logger::instance();
+    logger.setHistoryEnabled(kLog, true, 9, false);
+    logger.log(kLog, "not the recorder's");
+    kiro::web::test::enablePubSubACTRequestorTesting();
+    kirohost::takeMemorySnapshot();
+    EXPECT_EQ(logger.history(kLog).size(), 1U) << "without a recorder a snapshot clears nothing";
+    logger.setHistoryEnabled(kLog, false, 0, false);
     for (const auto& c : cases) {
         sender->ready = c.ready;
         requestor->setCommandSender(c.hasSender ? sender : nullptr);
@@ -211,6 +218,7 @@ TEST_F(PubSubRequestor, DropsRepliesThatAreMalformedForgedOrStale) {
 TEST_F(PubSubRequestor, TracesReturnedTokens) {
     const support::DiagnosticCapture trace("graphics::ACT", 8);
     make(true);
+    reply("{}");
     returnToken(CompletionToken("stranger"));
     EXPECT_EQ(trace.texts(), Lines{"graphics::ACT lifecycle stranger"});
 }

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "Binary.hpp"
 #include "Captures.hpp"
 #include "Fixture.hpp"
 #include "kiro/web/FakePubSub.hpp"
@@ -41,6 +42,29 @@ TEST(PubSubFactory, makesOneRelayEndpointByDefaultAndFreshOnesForTheOthers) {
 TEST(PubSubFactory, takesAnEmptyFunctionForNone) {
     PubSubFactory::setPubSubCreationFcn(nullptr);
     EXPECT_NE(dynamic_cast<RelayPubSub*>(PubSubFactory::pubsubInstance().get()), nullptr);
+}
+
+TEST(PubSubFactory, leavesABlockThatFailsBeforeItsFirstUseToTheInterpreter) {
+    std::vector<relay::Promise<support::SendResult>> promises(2);
+    const auto sender = std::make_shared<support::ScriptedSender>(
+        [&promises, next = 0U](auto&&) mutable { return promises[next++].getFuture(); });
+    support::payloadOf({4, 5}).sendUsing(sender, "/figure");
+    // An endpoint that is made on that thread would end the process.
+    const auto fail = [&](std::size_t which) {
+        std::thread([&] { promises[which].setValue({false, {}}); }).join();
+    };
+    {
+        const support::LogCapture log("commandsender");
+        const auto hidden = kirohost::hideMainContext();
+        fail(0);
+        EXPECT_EQ(log.texts(), support::Lines{"block for /figure not sent: no TaskRouter"});
+    }
+    fail(1);
+    const support::Recorder client;
+    const auto heard = subscribe(PubSubFactory::pubsubInstance(), "/figure", client.callback());
+    EXPECT_EQ(kirohost::runPendingTasks(), 1U);
+    kirohost::waitForDelivery();
+    EXPECT_EQ(client.messagesOn("/figure"), support::Lines{support::fallback("5 0")});
 }
 
 TEST(PubSubFactory, givesConcurrentFirstCallersOneEndpoint) {

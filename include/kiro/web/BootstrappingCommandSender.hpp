@@ -17,11 +17,13 @@ namespace kiro::web {
 /// counts; the first one starts the traffic, later ones only change the two answers.
 ///
 /// Threads: the engine's thread constructs (the host's signal thread, since it subscribes), sends
-/// and sets names; `query...` may run on any thread. Destroying it while the backlog drains waits
-/// for the backlog; a backlog that no client ever asked for is dropped.
+/// and sets names; `query...` may run on any thread. Destroying it while an announcement is being
+/// handled or the backlog drains waits for both, so it must not be destroyed inside that: by an
+/// observer of its log records, or by a listener of what it publishes. A backlog that no client
+/// ever asked for is dropped.
 class KIROWEB_EXPORT BootstrappingCommandSender : public CommandSenderInterface {
   public:
-    class Impl;
+    class KIROWEB_HIDDEN Impl;
 
     /// `name` is the channel on which commands are published.
     explicit BootstrappingCommandSender(const std::string& name);
@@ -31,7 +33,8 @@ class KIROWEB_EXPORT BootstrappingCommandSender : public CommandSenderInterface 
 
     /// Makes the binary sender for the client's binary channel, or lets go of it when `name` is
     /// empty. It takes no lock: call it on the engine's thread before a client can announce
-    /// itself, and never while an asynchronous send runs.
+    /// itself, and never while an asynchronous send runs. When the sender cannot be made, what is
+    /// thrown leaves the former name and sender; the name can be set again.
     void setBinaryChannelName(const std::string& name) override;
     /// Takes no lock: engine's thread only. An exception of an ended send is dropped with it.
     void removeFinishedAsyncTasksFromCache() override;

@@ -56,7 +56,7 @@ class KIROWEB_EXPORT CommandSenderInterface {
     virtual void doSendBinaryDataAsync(binary::BinaryDataPayload&& payload) = 0;
 
   private:
-    struct Impl;
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

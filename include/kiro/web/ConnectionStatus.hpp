@@ -36,7 +36,7 @@ class KIROWEB_EXPORT ConnectionStatus {
         std::function<void(const std::string&, const PayloadInterface&)> callback);
 
   private:
-    class Impl;
+    class KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

@@ -35,7 +35,7 @@ class KIROWEB_EXPORT ExportCommandSender : public CommandSenderInterface {
     void doSendBinaryDataAsync(binary::BinaryDataPayload&& payload) override;
 
   private:
-    struct Impl;
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

@@ -32,7 +32,7 @@ concept ReadableValue =
 /// threads at once; copies share the parsed object.
 class KIROWEB_EXPORT JSONObject {
   public:
-    class Impl;
+    class KIROWEB_HIDDEN Impl;
 
     /// Parses with Boost.JSON's default options (nesting depth at most 32). Anything but one JSON
     /// object makes this invalid.
@@ -47,7 +47,7 @@ class KIROWEB_EXPORT JSONObject {
     [[nodiscard]] bool isValid() const;
 
     /// Reads the field `key` into `out` and answers whether it could. Otherwise `out` is left
-    /// alone, except that a `std::vector<std::string>` may have been cleared.
+    /// alone.
     ///
     /// | into | from |
     /// |---|---|

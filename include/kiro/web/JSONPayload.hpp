@@ -8,9 +8,7 @@
 
 #include "kiro/Export.hpp"
 #include "kiro/web/PayloadInterface.hpp"
-
-enum FontWeightType : int;
-enum FontAngleType : int;
+#include "ui_objects/FontTypes.hpp"
 
 namespace ui_objects {
 class Cookie;
@@ -20,8 +18,9 @@ class UTF16String;
 namespace kiro::web {
 
 namespace binary {
+class BinaryDataPayload;
 class DataID;
-}
+}  // namespace binary
 class JSONPayload;
 
 /// The types that have an encoding in a payload.
@@ -71,7 +70,7 @@ class KIROWEB_EXPORT JSONPayload : public PayloadInterface {
     /// | `double`, `float` (widened) | a number; NaN and infinities as Boost.JSON writes them |
     /// | `std::string` | a string, the bytes unchanged (taken to be UTF-8) |
     /// | `UTF16String` | a string, converted to UTF-8 |
-    /// | `Cookie` | a *string* holding the decimal value, deliberately unlike `long` |
+    /// | `Cookie` | a *string* of the decimal value: a page's numbers hold 53 bits only |
     /// | `DataID` | a string, see `DataID::convert_to_string` |
     /// | `FontWeightType` | "light", "normal", "demi", "bold"; another value adds no field |
     /// | `FontAngleType` | "normal", "italic", "oblique"; another value adds no field |
@@ -95,7 +94,13 @@ class KIROWEB_EXPORT JSONPayload : public PayloadInterface {
     [[nodiscard]] std::string convertToString() const override;
 
   private:
-    struct Impl;
+    friend class binary::BinaryDataPayload;
+
+    /// Appends the fields of `other`, in their order, as `addDataToPayload` does; all of them, or
+    /// none when it throws.
+    KIROWEB_HIDDEN void takeFields(JSONPayload&& other);
+
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

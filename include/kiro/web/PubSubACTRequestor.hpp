@@ -18,6 +18,10 @@ class CommandSenderInterface;
 /// return channel holds "ACT" and may hold the first three stamps; a reply that is no JSON object,
 /// has no "ACT" or comes when the requestor is gone is dropped silently.
 ///
+/// One requestor per return channel at a time: the transport's subscription is the oldest one's.
+/// When a new requestor is made while an older one of its channel lives, replies reach both, but
+/// end for both with the older one; so destroy that first.
+///
 /// When the host's time-out logging is on at construction or at a later send, the recorder of
 /// client messages comes into being and stays until the process ends. Signal thread, like
 /// `ACTRequestor`; replies arrive on the message service's thread.
@@ -45,7 +49,7 @@ class KIROWEB_EXPORT PubSubACTRequestor : public ACTRequestor {
     [[nodiscard]] std::string getDetailsForCustomerTimeoutWarning() const override;
 
   private:
-    struct Impl;
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

@@ -60,7 +60,8 @@ class KIROWEB_EXPORT PubSubInterface {
 ///
 /// The first subscriber of a channel also subscribes at the transport, and owns that: when it
 /// goes, the transport's messages stop for the later subscribers of the channel too, until the
-/// last of them has gone and a new one comes. This is deliberate.
+/// last of them has gone and a new one comes. So the transport's subscription has one owner, and
+/// its end is not put off by a subscriber that somebody forgot.
 ///
 /// The endpoint is not kept alive; the handle may outlive it. What `doSubscribe` throws leaves
 /// nothing registered. An empty callback throws `std::bad_function_call` at delivery, event data

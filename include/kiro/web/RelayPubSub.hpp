@@ -27,7 +27,7 @@ class KIROWEB_EXPORT RelayPubSub : public PubSubInterface {
                                                         CallbackType callback) override;
 
   private:
-    struct Impl;
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

@@ -12,6 +12,8 @@ class KIROWEB_EXPORT StringPayload : public PayloadInterface {
   public:
     /// Keeps `text` unchanged, byte for byte.
     explicit StringPayload(const std::string& text);
+    /// As above, without a copy.
+    explicit StringPayload(std::string&& text) noexcept;
     ~StringPayload() override;
 
     [[nodiscard]] std::string convertToString() const override;

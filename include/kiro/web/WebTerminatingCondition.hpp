@@ -28,7 +28,7 @@ class KIROWEB_EXPORT WebTerminatingCondition : public kiroutils::KiroTerminating
     bool doThrowIfError() override;
 
   private:
-    struct Impl;
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

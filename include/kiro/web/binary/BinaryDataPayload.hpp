@@ -40,6 +40,7 @@ class KIROWEB_EXPORT BinaryDataPayload {
     static DataID createID();
 
     /// Adds a block with a copy of `length` bytes under a fresh identifier, which it returns.
+    /// REQUIRES, here and below: `data` is not null unless `length` is 0.
     DataID addDataToPayloadInternal(const char* data, std::size_t length);
     /// Adds a block with a copy of `length` bytes under `id`.
     void addDataToPayloadInternalWithID(const char* data, std::size_t length, DataID id);
@@ -60,20 +61,22 @@ class KIROWEB_EXPORT BinaryDataPayload {
 
     /// Writes the blocks into `out` as "cmd": "binarydata" and "data": an object from each
     /// identifier's text to the block's data in Base64. Nothing is written when there is no
-    /// block. Deliberately, the blocks are handed over: the payload is empty afterwards, `const`
-    /// or not.
+    /// block. The blocks are handed over, so that large data is not kept twice: the payload is
+    /// empty afterwards, `const` or not. When it throws, `out` and the payload are as before.
     void convertToJSONPayload(JSONPayload& out) const;
 
-    /// Sends a copy of every block with `sender` and returns without waiting; each block stays
-    /// here until its send has completed well. One that is not delivered is published as text on
-    /// `channel` if the host allows it, and the user is warned if the host wants it. With an
-    /// empty `sender` every block is published as text at once.
+    /// Sends a copy of every block with `sender` and returns without waiting. The block itself
+    /// stays here, delivered or not, and is sent again by a further call, until it is published
+    /// as text, taken out or converted, or this payload has gone and its send is answered. One
+    /// that is not delivered is published as text on `channel` if the host allows it, and the
+    /// user is warned if the host wants it. With an empty `sender` every block is published as
+    /// text at once. `sender` and its stream are kept until the last block has been answered.
     /// Throws `std::runtime_error`: "Out of memory!", or "Future state isn't valid!" when the
     /// sender answers with a future without state; blocks handed over before go on.
     void sendUsing(std::shared_ptr<BinaryDataSenderInterface> sender, const std::string& channel);
 
   private:
-    class Impl;
+    class KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

@@ -50,7 +50,7 @@ class KIROWEB_EXPORT IdToBinaryDataReceiver {
 
   private:
     friend class BinaryStreamLifeCycle;
-    struct Impl;
+    struct KIROWEB_HIDDEN Impl;
     std::unique_ptr<Impl> fImpl;
 };
 

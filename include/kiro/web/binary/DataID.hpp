@@ -29,8 +29,9 @@ class KIROWEB_EXPORT DataID {
     /// Reads the two numbers from `text` as a stream does in the classic locale and always writes
     /// `out`: a number that is not there is 0, one out of range the largest value.
     ///
-    /// Deliberately, the answer is whether the text was used up, not whether both numbers were
-    /// read: "12 34" and "12" and "" answer true, "12 34 " and "x" false. Never throws.
+    /// The answer is whether the text was used up, not whether both numbers were read, since a
+    /// half that is missing is 0: "12 34" and "12" and "" answer true, "12 34 " and "x" false.
+    /// Never throws.
     static bool construct_from_string(const std::string& text, DataID& out);
 
     friend constexpr bool operator==(const DataID&, const DataID&) noexcept = default;

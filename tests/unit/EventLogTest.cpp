@@ -1,0 +1,39 @@
+#include "EventLog.hpp"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+
+#include "kiro/web/JSONPayload.hpp"
+#include "kiro/web/PubSubInterface.hpp"
+#include "kiro/web/binary/BinaryDataPayload.hpp"
+
+namespace kiro {
+namespace {
+
+struct PlainLogger {};
+struct AskedLogger {
+    [[nodiscard]] bool isRead(const std::string& name) const { return name == "read"; }
+};
+
+TEST(EventLog, CountsAsReadUnlessTheHostsLoggerSaysOtherwise) {
+    EXPECT_TRUE(isRead(PlainLogger(), "any"));
+    EXPECT_TRUE(isRead(AskedLogger(), "read"));
+    EXPECT_FALSE(isRead(AskedLogger(), "other"));
+}
+
+#if defined(KIROWEB_CHECKED)
+TEST(PreconditionsDeathTest, StopTheProgramWhereTheyAreBroken) {
+    web::JSONPayload payload;
+    web::binary::BinaryDataPayload blocks;
+    const char* const nothing = nullptr;
+    EXPECT_DEATH(payload.addDataToPayload("k", nothing), "broken precondition: value");
+    EXPECT_DEATH(blocks.addDataToPayloadInternal(nothing, 1), "broken precondition: data");
+    EXPECT_DEATH(static_cast<void>(web::subscribe(nullptr, "c", {})),
+                 "broken precondition: pubsub");
+}
+#endif
+
+}  // namespace
+}  // namespace kiro
