@@ -5,7 +5,26 @@ const UNIT = "\x1f";
 const UNIT_CODE = 0x1f;
 const BLOCK_KIND = 1;
 const LAST_PIECE = 1;
-const HEADER = 16;
+/** Bytes before a block in its frame. */
+export const HEADER = 16;
+// Stands for not-a-number in strict JSON. Chance makes sure that no text says the same.
+const NOT_A_NUMBER = `NaN ${Math.random()} ${Math.random()}`;
+const STRING_OR_BARE_WORD = /"(?:[^"\\]|\\.)*"|\bNaN\b|\bInfinity\b/g;
+
+/** Reads a JSON text in which not-a-number and infinities may stand as bare words.
+ * @param {string} text @returns {any} */
+export function readJson(text) {
+    try {
+        return JSON.parse(text);
+    } catch (error) {
+        if (!/NaN|Infinity/.test(text)) throw error;
+        const strict = text.replace(STRING_OR_BARE_WORD, (found) => {
+            if (found === "NaN") return `"${NOT_A_NUMBER}"`;
+            return found === "Infinity" ? "1e999" : found;
+        });
+        return JSON.parse(strict, (_, value) => (value === NOT_A_NUMBER ? NaN : value));
+    }
+}
 
 /** The bytes that a Base64 text stands for. Throws for a text that is none.
  * @param {string} text @returns {Uint8Array} */
