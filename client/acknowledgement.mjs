@@ -12,7 +12,8 @@ export class Acknowledgement {
     /** Numbers, above `#last`, of messages that will not come: their withdrawal may overtake what
      * comes before them. @type {Set<number>} */
     #withdrawn = new Set();
-    #bytes = 0;
+    /** Of the frames since. */
+    #size = 0;
     #bounds = DEFAULTS;
     /** @type {ReturnType<typeof setTimeout> | undefined} */
     #timer;
@@ -37,7 +38,7 @@ export class Acknowledgement {
     /** A connection begins. @param {Record<string, number>} limits of the gateway */
     connected(limits) {
         this.#bounds = { ...DEFAULTS, ...limits };
-        this.#bytes = 0;
+        this.#size = 0;
     }
 
     /** The connection is over: the next one's hello acknowledges. */
@@ -63,19 +64,20 @@ export class Acknowledgement {
         this.#passWithdrawn();
     }
 
-    /** So many bytes have been handled. Acknowledges, now or later, what is new. At half of what is
-     * allowed: the acknowledgement takes its time, too. @param {number} bytes */
-    count(bytes) {
+    /** A frame of so many bytes, or UTF-16 units, has been handled. Acknowledges, now or later, what
+     * is new. Before it is due: a unit may be three bytes, and the acknowledgement takes its time.
+     * @param {number} size */
+    count(size) {
         if (this.#last === this.#acknowledged) return;
-        this.#bytes += bytes;
+        this.#size += size;
         const { ackBytes, ackMilliseconds } = this.#bounds;
-        if (this.#bytes > ackBytes / 2) this.#tell();
+        if (this.#size > ackBytes / 3) this.#tell();
         else this.#timer ??= setTimeout(() => this.#tell(), ackMilliseconds / 2);
     }
 
     #tell() {
         this.stop();
-        this.#bytes = 0;
+        this.#size = 0;
         this.#acknowledged = this.#last;
         this.#acknowledge(this.#last);
     }

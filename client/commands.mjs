@@ -139,7 +139,8 @@ export class Inbox {
             this.#handlers.token(command);
             return true;
         }
-        const name = command.cmd === "setData" || command.cmd === "appendData" ? command.data : null;
+        const name =
+            command.cmd === "setData" || command.cmd === "appendData" ? command.data : null;
         const data = name === null ? null : (this.#blocks.get(name) ?? null);
         if (name !== null && !data) {
             if (!this.#lost.delete(nameWhenLost(name))) return false;

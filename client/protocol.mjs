@@ -1,32 +1,5 @@
-/**
- * A page's side of the wire between a gateway and a page. Knows nothing of drawing, and runs
- * wherever there is a WebSocket. A page that draws what an engine sends:
- *
- * ```js
- * import { Connection, gatewayAddress, readJson } from "/protocol.mjs";
- *
- * const connection = new Connection(
- *     gatewayAddress(),
- *     {
- *         onState: ({ name, reason }) => (document.title = `${name} ${reason}`),
- *         onText(channel, text) {
- *             const command = readJson(text); // JSON.parse refuses what stands for not-a-number
- *             if (command.cmd === "sendACT") connection.returnToken(command);
- *             else document.body.append(text, document.createElement("br"));
- *         },
- *         onReady({ configuration }) {
- *             connection.publish(configuration.ready, "{}"); // the engine begins to send
- *         },
- *     },
- *     {
- *         subscribe: (configuration) => [configuration.commands],
- *         announce: (configuration) => configuration.newView,
- *     },
- * );
- * ```
- *
- * @module
- */
+// A page's side of the wire between a gateway and a page. Knows nothing of drawing, and runs wherever
+// there is a WebSocket.
 
 import { knownToken, tabAccess } from "./access.mjs";
 import { Acknowledgement } from "./acknowledgement.mjs";
@@ -124,7 +97,33 @@ const DEFAULTS = {
 
 /** @typedef {import("./outgoing.mjs").Encoded} Encoded */
 
-/** A connection to a gateway that is made again whenever it is lost. */
+/**
+ * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
+ * sends, and answers:
+ *
+ * ```js
+ * import { Connection, gatewayAddress, readJson } from "/kiroweb/protocol.mjs";
+ *
+ * const connection = new Connection(
+ *     gatewayAddress(),
+ *     {
+ *         onState: ({ name, reason }) => (document.title = `${name} ${reason}`),
+ *         onText(channel, text) {
+ *             const command = readJson(text); // JSON.parse refuses what stands for not-a-number
+ *             if (command.cmd === "sendACT") connection.returnToken(command);
+ *             else document.body.append(text, document.createElement("br"));
+ *         },
+ *         onReady({ configuration }) {
+ *             connection.publish(configuration.ready, "{}"); // the engine begins to send
+ *         },
+ *     },
+ *     {
+ *         subscribe: (configuration) => [configuration.commands],
+ *         announce: (configuration) => configuration.newView,
+ *     },
+ * );
+ * ```
+ */
 export class Connection {
     #handlers;
     #options;
@@ -175,13 +174,17 @@ export class Connection {
         const { subscribe, token, access, blockSize } = this.#options;
         this.#assembly = new Assembly(blockSize);
         const ownAccess = access ?? (token === undefined ? tabAccess : knownToken(token));
-        this.#line = new Line(url, { ...this.#options, access: ownAccess }, {
-            stateChanged: (state) => this.#handlers.onState?.(state),
-            opened: () => this.#sayHello(),
-            received: (data) => this.#receive(data),
-            silent: () => this.#echo(() => {}),
-            lost: (next) => this.#lost(next),
-        });
+        this.#line = new Line(
+            url,
+            { ...this.#options, access: ownAccess },
+            {
+                stateChanged: (state) => this.#handlers.onState?.(state),
+                opened: () => this.#sayHello(),
+                received: (data) => this.#receive(data),
+                silent: () => this.#echo(() => {}),
+                lost: (next) => this.#lost(next),
+            },
+        );
         if (Array.isArray(subscribe)) this.subscribe(subscribe);
     }
 
@@ -310,10 +313,11 @@ export class Connection {
     #receive(data) {
         const size = typeof data === "string" ? data.length : data.byteLength;
         this.received += size;
+        const isControl = typeof data === "string" && data.startsWith("{");
         try {
             if (typeof data !== "string") {
                 this.#receiveBlock(data);
-            } else if (data.startsWith("{")) {
+            } else if (isControl) {
                 this.#control(JSON.parse(data));
             } else {
                 readBatch(data, this.#takeText);
@@ -321,7 +325,7 @@ export class Connection {
         } catch (error) {
             this.#fault(error);
         }
-        if (this.#line.isLive) this.#handled.count(size);
+        if (this.#line.isLive) this.#handled.count(isControl ? 0 : size);
     }
 
     /** Of a batch. One function for all of them, made once.
@@ -412,7 +416,8 @@ export class Connection {
     #announce(hello) {
         this.#echo(() => {
             const { announce, client } = this.#options;
-            const channel = typeof announce === "function" ? announce(hello.configuration) : announce;
+            const channel =
+                typeof announce === "function" ? announce(hello.configuration) : announce;
             // Not the view's identifier, which is secret.
             if (channel) this.publish(channel, JSON.stringify({ kind: this.#kind, client }));
             this.#tell(() => this.#handlers.onReady?.(hello));
@@ -550,5 +555,4 @@ export class Connection {
         if (this.#handlers.onFault) this.#handlers.onFault(error);
         else this.reportError(error);
     }
-
 }

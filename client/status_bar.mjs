@@ -61,7 +61,9 @@ export class StatusBar {
     /** A frame of the engine's is on the screen. */
     countFrame() {
         ++this.#frames;
-        if (performance.now() - this.#errorSince > ERROR_STAYS) this.#part("error").textContent = "";
+        if (performance.now() - this.#errorSince > ERROR_STAYS) {
+            this.#part("error").textContent = "";
+        }
     }
 
     /** @param {number} microseconds */

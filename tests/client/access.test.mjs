@@ -96,9 +96,16 @@ test("The token is offered as a subprotocol, with every attempt", async () => {
 test("A page without a token, or with a wrong one, says what to do, and takes the link that is opened then", async () => {
     const { heard, gateway } = fixture;
     gateway.refuses = (offered) => !offered.includes("kiroweb.token.good");
-    const tab = new Tab("/", Array.from({ length: 4 }, () => [null]));
+    const tab = new Tab(
+        "/",
+        Array.from({ length: 4 }, () => [null]),
+    );
     fixture.begin({ access: new TabAccess(tab) });
-    await heard.until("state", "refused", "this tab has no token: open the link that the program printed");
+    await heard.until(
+        "state",
+        "refused",
+        "this tab has no token: open the link that the program printed",
+    );
     const openLink = (hash) => {
         tab.open(hash);
         tab.dispatchEvent(new Event("hashchange"));
@@ -106,7 +113,8 @@ test("A page without a token, or with a wrong one, says what to do, and takes th
     openLink("#chapter");
     assert.equal(fixture.page.state.name, "refused");
     openLink("#token=bad");
-    const wrong = "the program does not accept this tab's token: open the link that the program printed last";
+    const wrong =
+        "the program does not accept this tab's token: open the link that the program printed last";
     await heard.until("state", "refused", wrong);
     openLink("#token=good");
     await (await gateway.peer()).welcome();
@@ -127,10 +135,16 @@ test("Who is turned away twice in a row gives up; whatever else happens, it goes
         () => new Promise(() => {}),
     ];
     const patience = { open: 100, quiet: 1e4, answer: 1e4 };
-    const access = { token: async () => exchanges.shift()?.() ?? "a", isServed: async () => served.shift() };
+    const access = {
+        token: async () => exchanges.shift()?.() ?? "a",
+        isServed: async () => served.shift(),
+    };
     fixture.begin({ patience, access });
     await fixture.heard.until("state", "refused");
     assert.deepEqual([served, exchanges], [[], []]);
     const reasons = fixture.heard.of("state").map(([, , reason]) => reason);
-    assert.ok(reasons.includes("Error: exchange failed") && reasons.includes("no answer from the program"));
+    assert.ok(
+        reasons.includes("Error: exchange failed") &&
+            reasons.includes("no answer from the program"),
+    );
 });

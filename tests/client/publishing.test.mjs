@@ -47,15 +47,25 @@ test("What is too large for the gateway throws, with both sizes, and nothing is 
     const peer = await fixture.connect({}, { limits: { message: 200 } });
     const { page } = fixture;
     const room = 200 - JSON.stringify({ t: "publish", channel: "/r", text: "" }).length;
-    for (const text of ["é".repeat(room / 2 + 1), CONTROL.repeat(room / 6 + 1), "a".repeat(room + 1)]) {
-        assert.throws(() => page.publish("/r", text), { name: "RangeError", message: /20\d bytes.* 200/ });
+    for (const text of [
+        "é".repeat(room / 2 + 1),
+        CONTROL.repeat(room / 6 + 1),
+        "a".repeat(room + 1),
+    ]) {
+        assert.throws(() => page.publish("/r", text), {
+            name: "RangeError",
+            message: /20\d bytes.* 200/,
+        });
     }
     const block = (size) => () => page.publishBlock("/r", new Uint8Array(size));
     assert.throws(block(185), { name: "RangeError", message: /185 bytes.* 184/ });
     const name = "é".repeat(512);
     for (const call of ["publish", "publishBlock", "subscribe", "unsubscribe"]) {
         const channels = call.endsWith("ubscribe") ? [`${name}a`] : `${name}a`;
-        assert.throws(() => page[call](channels, ""), { name: "RangeError", message: /1025 .* 1024/ });
+        assert.throws(() => page[call](channels, ""), {
+            name: "RangeError",
+            message: /1025 .* 1024/,
+        });
     }
     assert.equal(page.publish("/r", "a".repeat(room)), true);
     block(184)();
@@ -72,7 +82,9 @@ test("What is published before the connection is there comes in frames that the 
     for (let i = 0; i < 20; ++i) page.publish("/r", `message ${i} ${CONTROL.repeat(20)}`);
     const peer = await gateway.peer();
     await peer.welcome({ limits: { message: 500 } });
-    for (let i = 0; i < 20; ++i) assert.match((await peer.next("publish")).text, RegExp(`^message ${i} `));
+    for (let i = 0; i < 20; ++i) {
+        assert.match((await peer.next("publish")).text, RegExp(`^message ${i} `));
+    }
     assert.ok(peer.largest > 250 && peer.largest <= 500, `a frame of ${peer.largest} bytes`);
     assert.match(heard.of("fault")[0][1], /6\d\d bytes.* 500/);
     assert.equal(page.state.name, "live");
@@ -161,13 +173,19 @@ test("Channels come from the configuration, and the view is announced when they 
     peer.answersEchoes = false;
     await peer.welcome({ kind: "further", ...channels("/a", "/b") });
     const first = await peer.upTo("echo");
-    assert.deepEqual(first, [{ t: "subscribe", channels: ["/a", "/b"] }, { t: "echo", id: first[1].id }]);
+    assert.deepEqual(first, [
+        { t: "subscribe", channels: ["/a", "/b"] },
+        { t: "echo", id: first[1].id },
+    ]);
     peer.control({ t: "echo", id: first[1].id + 1 }); // of something else
     await fixture.settled(peer, 1);
     assert.deepEqual(heard.of("ready"), []);
     peer.control(first[1]);
     const { channel, text } = await peer.next("publish");
-    assert.deepEqual([channel, JSON.parse(text)], ["/newView", { kind: "further", client: "test" }]);
+    assert.deepEqual(
+        [channel, JSON.parse(text)],
+        ["/newView", { kind: "further", client: "test" }],
+    );
     assert.deepEqual(heard.of("ready"), [["ready", "further"]]);
     // Lost before it is known that the announcement came: it is made again, and then no more.
     for (const announces of [true, false]) {
@@ -177,7 +195,12 @@ test("Channels come from the configuration, and the view is announced when they 
         fixture.page.publish("/r", "end");
         const sent = await peer.upTo("publish");
         if (announces) assert.deepEqual((await peer.upTo("publish")).at(-1).channel, "/newView");
-        else assert.deepEqual(sent.map(({ t }) => t), ["publish"]);
+        else {
+            assert.deepEqual(
+                sent.map(({ t }) => t),
+                ["publish"],
+            );
+        }
         if (announces) await peer.next("echo");
         await fixture.settled(peer, announces ? 2 : 3, `${announces}`);
     }
@@ -200,12 +223,33 @@ test("A token does not go back when something before it could not be read, and t
     };
     const peer = await fixture.connect();
     const token = (ACT) => ["/a", JSON.stringify({ cmd: "sendACT", ACT, returnChannel: "/r" })];
-    peer.batch(1, [["/a", '{"x":NaN}'], token("one"), ["/a", '{"x":5}'], ["/a", "{"], token("two"), token("three")]);
+    peer.batch(1, [
+        ["/a", '{"x":NaN}'],
+        token("one"),
+        ["/a", '{"x":5}'],
+        ["/a", "{"],
+        token("two"),
+        token("three"),
+    ]);
     const published = [];
     for (let i = 0; i < 4; ++i) published.push(await peer.next("publish"));
-    assert.deepEqual(heard.of("token"), [["token", true], ["token", false], ["token", true]]);
-    const said = published.map(({ channel, text }) => [channel, JSON.parse(text).ACT ?? JSON.parse(text).message]);
+    assert.deepEqual(heard.of("token"), [
+        ["token", true],
+        ["token", false],
+        ["token", true],
+    ]);
+    const said = published.map(({ channel, text }) => [
+        channel,
+        JSON.parse(text).ACT ?? JSON.parse(text).message,
+    ]);
     const errors = "/services/ErrorLoggingService/JSErrors";
-    assert.deepEqual([said[0], said[1], said[3]], [["/r", "one"], [errors, "x is 5"], ["/r", "three"]]);
+    assert.deepEqual(
+        [said[0], said[1], said[3]],
+        [
+            ["/r", "one"],
+            [errors, "x is 5"],
+            ["/r", "three"],
+        ],
+    );
     assert.match(said[2][1], /JSON/);
 });
