@@ -96,7 +96,7 @@ export class Line {
 
     /** Tries again now, also after a refusal. Does nothing while a connection is there or coming. */
     retry() {
-        if (this.#attempt || this.#state.name === "closed") return;
+        if (this.#attempt) return;
         this.#backoff.reset();
         this.#turnedAway = 0;
         this.#setState("connecting", "");

@@ -46,12 +46,12 @@ export function readBatch(frame, handle) {
     let number = Number(begin < 0 ? frame : frame.slice(0, begin));
     if (!Number.isSafeInteger(number)) throw new TypeError("a batch without a number");
     let channel = "";
-    for (let isFirst = true; begin >= 0; isFirst = false) {
+    while (begin >= 0) {
         const next = frame.indexOf(RECORD, begin + 1);
         const end = next < 0 ? frame.length : next;
         const unit = frame.indexOf(UNIT, begin + 1);
         if (unit < 0 || unit >= end) throw new TypeError(`record ${number} has no text`);
-        if (unit > begin + 1 || isFirst) channel = frame.slice(begin + 1, unit);
+        if (unit > begin + 1) channel = frame.slice(begin + 1, unit);
         const encoded = unit + 1 < end && frame.charCodeAt(unit + 1) === UNIT_CODE;
         const text = encoded
             ? new TextDecoder().decode(fromBase64(frame.slice(unit + 2, end)))

@@ -70,7 +70,10 @@ test("A code is exchanged once, and asked about again only when nobody answered"
     // The same link opened again: the code is used up, and the tab has what it gave.
     tab.open("/#code=c0de");
     tab.answers.push(["used", { status: 403 }]);
-    assert.equal(await access.token(), "a1b2");
+    const asked = access.token();
+    tab.open("/#token=c3d4"); // meanwhile
+    assert.equal(await asked, "a1b2");
+    assert.equal(await access.token(), "c3d4");
     assert.equal(tab.location.hash, "");
 });
 
@@ -91,6 +94,15 @@ test("The token is offered as a subprotocol, with every attempt", async () => {
     assert.deepEqual(peer.offered, ["kiroweb.v1", "kiroweb.token.a1b2"]);
     peer.cut();
     assert.deepEqual((await fixture.gateway.peer()).offered, peer.offered);
+    fixture.page.close();
+    // One that comes when the page does not want it any more is not offered.
+    let give;
+    const token = () => new Promise((resolve) => (give = resolve));
+    fixture.begin({ access: { token } });
+    await Promise.resolve();
+    fixture.page.close();
+    give("late");
+    assert.deepEqual((await fixture.connect({ token: "new" })).offered[1], "kiroweb.token.new");
 });
 
 test("A page without a token, or with a wrong one, says what to do, and takes the link that is opened then", async () => {

@@ -70,9 +70,11 @@ test("A command waits for its block with all behind it, unless a whole frame beg
     inbox.text('{"cmd":"binarydata","data":{"4 0":"SOF6vvYoXL4="}}');
     data("setData", 4, 0, 2);
     say("sendACT", { ACT: "void" });
+    inbox.text('{"cmd":"binarydata","data":{"2 0":"\\u0006"}}');
+    errors.pop();
     begin();
-    inbox.block(blockOf(6, [3]));
     data("setData", 6, 0, 1);
+    inbox.block(blockOf(6, [3]));
     assert.deepEqual([told, errors, scene.figures.length], [["setData"], [], 1]);
 });
 
@@ -131,6 +133,14 @@ test("A token goes back after the frame that painted what was before it, or fail
         throw new Error("broken canvas");
     };
     frames.shift()();
+    paint = () => {};
+    flusher.token("fine");
+    frames.shift()();
+    painted.shift()();
+    assert.equal(log.pop(), "fine painted");
+    paint = () => {
+        throw new Error("broken canvas");
+    };
     flusher.fail(new Error("no such thing"));
     flusher.token("c");
     assert.deepEqual(log, [

@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { byteLength, encode, framesOf, takeNames } from "../../client/outgoing.mjs";
 import { readJson } from "../../client/protocol.mjs";
 import { Fixture } from "./support/page.mjs";
 
@@ -37,6 +38,37 @@ for (const known of [true, false]) {
         assert.equal((await peer.next("block")).reason, `Error: ${whole}`);
     });
 }
+
+test("Frames are as few as can be, and each is within its bounds", () => {
+    for (const text of ["", "aé€\u{1f600}\u0001", "\u{1f600}€"]) {
+        assert.equal(byteLength(text), Buffer.byteLength(text), text);
+    }
+    const messages = Array.from({ length: 40 }, (_, i) => ["é".repeat(i % 7), "a".repeat(i % 5)]);
+    const sizes = messages.map((message) => Buffer.byteLength(JSON.stringify(message)));
+    for (let most = Math.max(...sizes); most < 80; ++most) {
+        const encoded = messages.map((message) => encode(message));
+        const frames = [...framesOf(encoded, most)].map((frame) => [frame, JSON.parse(frame)]);
+        const all = frames.map(([, value]) => (Array.isArray(value[0]) ? value : [value]));
+        assert.deepEqual(all.flat(), messages);
+        let next = 0;
+        frames.forEach(([frame], i) => {
+            next += all[i].length;
+            assert.ok(Buffer.byteLength(frame) <= most, frame);
+            const brackets = all[i].length === 1 ? 2 : 0;
+            assert.ok(!(Buffer.byteLength(frame) + brackets + 1 + sizes[next] <= most), frame);
+        });
+    }
+    const naming = [1000, 24, 1, 1023, 2].map((count) => encode({ count }, count));
+    assert.deepEqual(
+        [...framesOf(naming, 1e6)].map((frame) => [JSON.parse(frame)].flat().map((m) => m.count)),
+        [[1000, 24], [1, 1023], [2]],
+    );
+    const names = ["é".repeat(10), "b", "c".repeat(100), "d"]; // as JSON, with a comma: 23, 4, 103, 4
+    assert.deepEqual(
+        [27, 102, 4].map((most) => takeNames(names, most).length),
+        [2, 1, 1],
+    );
+});
 
 test("A client's name is cut between two characters", async () => {
     const peer = await fixture.connect({ client: "é".repeat(127) + "a\u{1f600}" });
@@ -252,4 +284,16 @@ test("A token does not go back when something before it could not be read, and t
         ],
     );
     assert.match(said[2][1], /JSON/);
+    // Another view has nothing to do with it.
+    peer.batch(7, [["/a", "{"]]);
+    await peer.next("publish");
+    peer.close(4003, "too slow");
+    const second = await fixture.gateway.peer();
+    await second.welcome({ kind: "further" });
+    second.batch(1, [token("four")]);
+    assert.match((await second.next("publish")).text, /four/);
+    fixture.page.publish("/r", "the last word");
+    fixture.page.close();
+    assert.equal((await second.next("publish")).text, "the last word");
+    assert.equal(await second.closed, 1000);
 });

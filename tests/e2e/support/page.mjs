@@ -11,6 +11,7 @@ export async function untilState(page, name) {
 
 /** Ends when so many more tokens have gone back with this outcome. */
 export async function untilMore(page, outcome, count) {
+    await page.waitForFunction(() => globalThis.kirowebPage, null, PATIENCE);
     const before = await page.evaluate((o) => kirowebPage.outcomes[o], outcome);
     const most = { o: outcome, wanted: before + count };
     await page.waitForFunction(
