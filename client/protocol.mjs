@@ -302,7 +302,6 @@ export class Connection {
     #lost(next) {
         if (next !== "return") this.#view = "";
         this.#handled.stop();
-        this.#outgoing = [];
         this.#ownChannels.clear();
         this.#echoes.clear();
     }

@@ -14,7 +14,7 @@ test("A batch is read record by record, and what cannot be read costs nothing el
         onText(channel, text);
     };
     const peer = await fixture.connect();
-    peer.raw(Buffer.alloc(16, 2)); // of a kind that a later version may know
+    peer.raw(Buffer.alloc(16, 3)); // of a kind that a later version may know
     peer.raw(
         "1\x1e/a\x1f{}\x1e\x1fbad\x1e\x1fnot JSON \u{1f600}\x1e/b\x1f\x1f/w==\x1e\x1f\x1fHh8=\x1e/c\x1f",
     );
@@ -169,8 +169,8 @@ test("A lost connection is made again, and goes on behind the last message", asy
     assert.deepEqual([hello.view, hello.last, hello.subscribe], ["v1", 11, ["/a", "/b"]]);
     assert.deepEqual((await second.next("unsubscribe")).channels, ["/given/up"]);
     assert.equal((await second.next("publish")).text, "kept");
-    second.cut();
-    await heard.until("state", "reconnecting", "connection lost (1006)");
+    second.close(4004, "no sign of life");
+    await heard.until("state", "reconnecting", "no sign of life");
     assert.equal(page.publish("/r", "kept"), true, "there is room again");
     second = await gateway.peer();
     await second.welcome({ kind: "return", next: 11, subscribed: ["/a", "/b"] });
@@ -192,16 +192,12 @@ test("A close says whether to come back, to begin afresh, or to give up", async 
         [4003, "too slow: 1 byte", undefined],
         [4006, "bad return: 9 of 3", undefined],
     ]) {
-        // The answer comes too late, and must not answer another view's block.
-        peer.piece({ number: 1, data: [1] });
         peer.close(code, reason);
         await heard.until("state", "reconnecting", reason);
         peer = await gateway.peer();
         const hello = await peer.welcome({ kind: viewAfter ? "return" : "further", ended: reason });
         assert.equal(hello.view, viewAfter);
         await heard.until("state", "live", `begun afresh: ${reason}`);
-        const said = (await peer.upTo("echo")).map(({ t }) => t);
-        assert.deepEqual(said, ["echo"]);
     }
     peer.close(4000, "bad message: x");
     await heard.until("state", "refused", "bad message: x");
