@@ -1,30 +1,11 @@
 // Commands and blocks as they come, put together: what is handed on is complete and in order.
 
-import { fromBase64 } from "./wire.mjs";
+import { fromBase64, readJson } from "./wire.mjs";
 
 const BLOCK_OF_COMMAND = "1 0";
 const BLOCK_LOST = "2 0";
 const BLOCK_ID_SIZE = 8;
 const MOST_USED = 4096;
-
-// A private-use character: in a text that uses it itself, not-a-number stays unreadable.
-const NOT_A_NUMBER = "\uf8ff";
-const STRING_OR_BARE_WORD = /"(?:[^"\\]|\\.)*"|\bNaN\b|\bInfinity\b/g;
-
-/** Reads a JSON text in which not-a-number and infinities may stand as bare words.
- * @param {string} text @returns {any} */
-export function parse(text) {
-    try {
-        return JSON.parse(text);
-    } catch (error) {
-        if (text.includes(NOT_A_NUMBER) || !/NaN|Infinity/.test(text)) throw error;
-        const strict = text.replace(STRING_OR_BARE_WORD, (found) => {
-            if (found === "NaN") return `"${NOT_A_NUMBER}"`;
-            return found === "Infinity" ? "1e999" : found;
-        });
-        return JSON.parse(strict, (_, value) => (value === NOT_A_NUMBER ? NaN : value));
-    }
-}
 
 /** The text form of the identifier at the beginning of a block.
  * @param {Uint8Array} block @returns {string} */
@@ -85,7 +66,7 @@ export class Inbox {
     text(text) {
         let command;
         try {
-            command = parse(text);
+            command = readJson(text);
             if (typeof command?.cmd !== "string") throw new TypeError("not a command");
         } catch (error) {
             const start = text.length > 80 ? `${text.slice(0, 80)}...` : text;
@@ -158,7 +139,8 @@ export class Inbox {
             this.#handlers.token(command);
             return true;
         }
-        const name = command.cmd === "setData" || command.cmd === "appendData" ? command.data : null;
+        const name =
+            command.cmd === "setData" || command.cmd === "appendData" ? command.data : null;
         const data = name === null ? null : (this.#blocks.get(name) ?? null);
         if (name !== null && !data) {
             if (!this.#lost.delete(nameWhenLost(name))) return false;

@@ -33,7 +33,12 @@ const SERIES = {
 function themeColors() {
     const style = getComputedStyle(document.documentElement);
     const color = (/** @type {string} */ name) => style.getPropertyValue(name).trim();
-    return { text: color("--text"), grid: color("--grid"), mark: color("--mark"), ground: color("--panel") };
+    return {
+        text: color("--text"),
+        grid: color("--grid"),
+        mark: color("--mark"),
+        ground: color("--panel"),
+    };
 }
 
 /** @param {Item} item @param {string} otherwise */

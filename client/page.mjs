@@ -4,7 +4,7 @@ import { Inbox } from "./commands.mjs";
 import { FigureViews } from "./figure_views.mjs";
 import { Scene } from "./figures.mjs";
 import { Flusher, now } from "./flush.mjs";
-import { Connection, ERROR_CHANNEL } from "./protocol.mjs";
+import { Connection, gatewayAddress } from "./protocol.mjs";
 import { StatusBar } from "./status_bar.mjs";
 
 /**
@@ -31,7 +31,7 @@ class Page {
     /** Whether everything was asked for again, and nothing that builds on it was drawn since. */
     #asked = false;
     /** Once an animation frame has been painted, a message on this channel runs its tasks. */
-    #painted = new MessageChannel();
+    #frameEnd = new MessageChannel();
     /** @type {(() => void)[]} */
     #afterPaint = [];
 
@@ -42,7 +42,7 @@ class Page {
 
     constructor() {
         this.flusher = new Flusher({
-            paint: () => this.#paint(),
+            paint: () => this.views.paint(),
             isHidden: () => document.hidden,
             onFrame: (call) => requestAnimationFrame(call),
             afterPaint: (call) => this.#whenPainted(call),
@@ -56,19 +56,28 @@ class Page {
             () => this.flusher.request(),
         );
         this.inbox = this.#makeInbox();
-        this.status = new StatusBar(element("status"), () => this.connection.retry());
+        this.status = new StatusBar(
+            element("status"),
+            () => this.connection.retry(),
+            () => this.connection.received,
+        );
         this.connection = new Connection(
-            `${location.protocol === "https:" ? "wss" : "ws"}://${location.host}/kiroweb`,
+            gatewayAddress(),
             {
                 onState: (state) => this.status.showState(state),
                 onHello: (hello) => this.#begin(hello),
+                onReady: () => this.#sayReady(),
                 onText: (channel, text) => this.#text(channel, text),
                 onBlock: (channel, block) => this.#block(channel, block),
                 onRefused: (what, channel, reason) =>
                     this.#report(new Error(`${what} ${channel}: ${reason}`)),
                 onFault: (error) => this.flusher.fail(error),
             },
-            { client: "kiroweb page", isServed },
+            {
+                client: "kiroweb page",
+                subscribe: ({ commands, blocks }) => [commands, blocks],
+                announce: ({ newView }) => newView,
+            },
         );
         this.#listen();
     }
@@ -85,7 +94,7 @@ class Page {
     }
 
     #listen() {
-        this.#painted.port1.onmessage = () => {
+        this.#frameEnd.port1.onmessage = () => {
             for (const call of this.#afterPaint.splice(0)) call();
         };
         document.addEventListener("visibilitychange", () => this.flusher.visibilityChanged());
@@ -104,15 +113,15 @@ class Page {
     /** @param {import("./protocol.mjs").Hello} hello */
     #begin(hello) {
         if (hello.kind === "return") return;
-        const channels = /** @type {Channels} */ (hello.configuration);
-        this.#channels = channels;
+        this.#channels = /** @type {Channels} */ (hello.configuration);
         this.flusher.forget();
         this.inbox = this.#makeInbox();
-        this.connection.subscribe([channels.commands, channels.blocks]);
-        // Behind the subscription, so that nothing of what the engine sends now is missed.
-        if (channels.newView) this.connection.publish(channels.newView, "{}");
+    }
+
+    /** The engine may send: nothing of it is missed. */
+    #sayReady() {
         const ready = { binaryChannelStatus: 1, useFastBinary: 1 };
-        this.connection.publish(channels.ready, JSON.stringify(ready));
+        if (this.#channels) this.connection.publish(this.#channels.ready, JSON.stringify(ready));
     }
 
     /** @param {string} channel @param {string} text */
@@ -131,15 +140,10 @@ class Page {
         this.flusher.request();
     }
 
-    #paint() {
-        this.views.paint();
-        this.status.countFrame(this.connection.received);
-    }
-
     /** @param {() => void} call */
     #whenPainted(call) {
         this.#afterPaint.push(call);
-        if (this.#afterPaint.length === 1) this.#painted.port2.postMessage(null);
+        if (this.#afterPaint.length === 1) this.#frameEnd.port2.postMessage(null);
     }
 
     /** @param {import("./flush.mjs").Token} token @param {import("./flush.mjs").Outcome} outcome */
@@ -150,8 +154,14 @@ class Page {
         const reply = { ACT, serverSendTS, clientReceiveTS: received, clientSendTS: sent, outcome };
         this.connection.publish(command.returnChannel, JSON.stringify(reply));
         if (outcome === "failed") this.#askForAll();
-        else if (outcome === "painted" && !this.scene.frame.whole) this.#asked = false;
+        else if (outcome === "painted") this.#painted(this.scene.frame.whole);
         this.status.countFlush(sent - (serverSendTS ?? received));
+    }
+
+    /** @param {boolean} whole whether the frame shows everything anew */
+    #painted(whole) {
+        if (!whole) this.#asked = false;
+        this.status.countFrame();
     }
 
     /** What failed may have left a figure without what comes next builds on. Once: a figure that
@@ -168,8 +178,7 @@ class Page {
         this.errors.push(error.message);
         if (this.errors.length > LATEST) this.errors.shift();
         this.status.showError(error.message);
-        const { message, stack = "" } = error;
-        this.connection.publish(ERROR_CHANNEL, JSON.stringify({ message, stack }));
+        this.connection.reportError(error);
     }
 
     /** @param {[number, number]} place */
@@ -179,12 +188,6 @@ class Page {
         new Float32Array(block.buffer, HEADER).set(place);
         if (this.#channels?.picks) this.connection.publishBlock(this.#channels.picks, block);
     }
-}
-
-/** Whether the program answers at all. */
-async function isServed() {
-    const response = await fetch("/", { method: "HEAD", cache: "no-store" });
-    return response.ok;
 }
 
 // Within reach of the browser's console and of tests.

@@ -1,31 +1,36 @@
-// A page's side of the wire between a gateway and a page. Knows nothing of drawing, and runs
-// wherever there is a WebSocket.
+// A page's side of the wire between a gateway and a page. Knows nothing of drawing, and runs wherever
+// there is a WebSocket.
 
-import { readBatch, readBlockFrame, writeBlockFrame } from "./wire.mjs";
+import { knownToken, tabAccess } from "./access.mjs";
+import { Acknowledgement } from "./acknowledgement.mjs";
+import { Line } from "./line.mjs";
+import { channelName, cutTo, encode, framesOf, takeNames, wellFormed } from "./outgoing.mjs";
+import { Assembly } from "./pieces.mjs";
+import { HEADER, readBatch, readBlockFrame, writeBlockFrame } from "./wire.mjs";
+
+export { gatewayAddress, tabAccess } from "./access.mjs";
+export { CLOSE_CODES } from "./close_codes.mjs";
+export { readJson } from "./wire.mjs";
 
 /** Where script errors go. */
 export const ERROR_CHANNEL = "/services/ErrorLoggingService/JSErrors";
 
-const SUBPROTOCOL = "kiroweb.v1";
 const VERSION = 1;
-/** The close code of a connection that is given up: the view stays. */
-const GIVEN_UP = 4900;
-/** So many failures in a row, with the program there, mean that it does not want the page. A single
- * one may be chance: a network that came back a moment too late for the attempt. */
-const TURNED_AWAY = 2;
-/** More than a gateway has under way. */
-const MOST_REFUSED = 64;
+/** More than a gateway has under way, fewer than it takes in a hello. */
+const MOST_REFUSED = 1024;
+/** The page's own block channels have the numbers from 1 to this. */
+const OWN_CHANNELS = 16;
+/** Bytes of a client's name, and of a reason. */
+const MOST_TEXT_BYTES = 256;
+/** Bytes of channels in a hello, which comes before the gateway's limits are known. What does not
+ * fit follows the gateway's hello. */
+const HELLO_NAMES_BYTES = 64 * 1024;
 
-/**
- * @typedef {object} State
- * @property {"connecting" | "live" | "reconnecting" | "refused" | "closed"} name
- *   refused: the gateway does not want this page, and nothing is tried any more
- * @property {string} reason why it is so; may be empty
- */
+/** @typedef {import("./line.mjs").State} State */
 
 /**
  * @typedef {object} Hello the gateway's
- * @property {string} view
+ * @property {string} view secret: it lets its holder return
  * @property {"first" | "further" | "return"} kind
  * @property {number} next
  * @property {string[]} blockChannels
@@ -42,37 +47,47 @@ const MOST_REFUSED = 64;
  * inside a call of one of the connection's operations.
  * @property {(state: State) => void} [onState]
  * @property {(hello: Hello) => void} [onHello] the connection is live; also after a return
- * @property {(channel: string, text: string) => void} [onText]
+ * @property {(hello: Hello) => void} [onReady] what was subscribed is in force and the view is
+ *   announced: what the page publishes now comes behind that. Once for each new view, and again if
+ *   the connection is lost before it is known that the gateway has it
+ * @property {(channel: string, text: string) => void} [onText] what it throws is a fault
  * @property {(channel: string, block: Uint8Array) => void} [onBlock] with the block's 8 bytes of
- *   identifier. What it throws gives the block back to the engine
+ *   identifier. What it throws is a fault and gives the block back to the engine
  * @property {(what: string, channel: string, reason: string) => void} [onRefused] a request
- * @property {(error: Error) => void} [onFault] something came that cannot be read, or did not come
+ * @property {(error: Error) => void} [onFault] something came that cannot be read or handled, or
+ *   did not come. Without this handler the engine is told, on `ERROR_CHANNEL`
  */
+
+/** @typedef {import("./access.mjs").Access} Access */
+/** @typedef {Record<string, any>} Configuration */
 
 /**
  * @typedef {object} Options
- * @property {string} [client] a name for the program's log
- * @property {string[]} [subscribe] channels from the start
+ * @property {string} [client] a name for the program's log; its first 256 bytes count
+ * @property {string[] | ((configuration: Configuration) => string[])} [subscribe] channels from the
+ *   start, or what they are by the gateway's hello
+ * @property {string | ((configuration: Configuration) => string | undefined)} [announce] the channel
+ *   on which each new view is announced, once what it subscribed is in force; absent or empty: none.
+ *   For a channel that the gateway announces views on itself (`newViewChannel`) leave it out
+ * @property {string} [token] for a client that is no page; a page has what its link brought
+ * @property {Access} [access] how it gets in, if neither a token nor the tab's link says
  * @property {any} [WebSocket] the constructor, where it is not the global one
  * @property {any} [socketOptions] its third argument, for the npm package `ws`
- * @property {() => Promise<boolean>} [isServed] asked when no connection comes about: whether the
- *   program is there, so that it is the page that is not wanted
  * @property {() => number} [random] from 0 to below 1
- * @property {{first: number, soon: number, most: number}} [backoff] milliseconds before another
- *   attempt: at first, at most while the view can still be returned to, and at most
+ * @property {import("./backoff.mjs").Waits} [backoff] before another attempt
  * @property {{open: number, quiet: number, answer: number}} [patience] milliseconds for a
- *   connection to come about and for `isServed`, of silence before the gateway is asked for a sign
- *   of life, and for that
- * @property {number} [queueSize] characters kept for a connection that is not there
+ *   connection to come about, of silence before the gateway is asked for a sign of life, and for
+ *   that
+ * @property {number} [queueSize] bytes, as JSON, kept for a connection that is not there
  * @property {number} [blockSize] bytes of the largest block that is taken
  */
 
 const DEFAULTS = {
     client: "page",
     subscribe: /** @type {string[]} */ ([]),
+    announce: "",
     WebSocket: /** @type {any} */ (globalThis).WebSocket,
     socketOptions: undefined,
-    isServed: async () => false,
     random: Math.random,
     backoff: { first: 100, soon: 600, most: 5000 },
     patience: { open: 5000, quiet: 5000, answer: 3000 },
@@ -80,308 +95,228 @@ const DEFAULTS = {
     blockSize: 1024 * 1024 * 1024,
 };
 
-/** What a close code means for the next attempt. Codes that are not here: come back to the view. */
-const AFTER_CLOSE = new Map(
-    /** @type {[number, "afresh" | "refused"][]} */ ([
-        [1001, "afresh"],
-        [1002, "refused"],
-        [1007, "refused"],
-        [1009, "refused"],
-        [4000, "refused"],
-        [4001, "afresh"],
-        [4002, "refused"],
-        [4003, "afresh"],
-        [4005, "afresh"],
-    ]),
-);
+/** @typedef {import("./outgoing.mjs").Encoded} Encoded */
 
-/** The blocks that are coming in pieces. */
-class Assembly {
-    /** @type {Map<number, {bytes: Uint8Array, filled: number}>} */
-    #blocks = new Map();
-    /** @param {number} most bytes of one block */
-    constructor(most) {
-        this.most = most;
-    }
-    /** The whole block with its last piece, null before. Throws for a block that cannot be kept:
-     * once, further pieces of it are dropped silently.
-     * @param {import("./wire.mjs").Piece} piece @returns {Uint8Array | null} */
-    add(piece) {
-        let block = this.#blocks.get(piece.transfer);
-        if (!block && piece.last) return piece.data;
-        if (!block) {
-            if (piece.number > this.most) throw new RangeError(`a block of ${piece.number} bytes`);
-            block = { bytes: new Uint8Array(piece.number), filled: 0 };
-            this.#blocks.set(piece.transfer, block);
-        }
-        block.bytes.set(piece.data, block.filled);
-        block.filled += piece.data.length;
-        if (!piece.last) return null;
-        this.#blocks.delete(piece.transfer);
-        if (block.filled !== block.bytes.length) throw new RangeError("a block with a piece missing");
-        return block.bytes;
-    }
-    /** @param {number} transfer */
-    forget(transfer) {
-        this.#blocks.delete(transfer);
-    }
-    clear() {
-        this.#blocks.clear();
-    }
-}
-
-/** A connection to a gateway that is made again whenever it is lost. */
+/**
+ * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
+ * sends, and answers:
+ *
+ * ```js
+ * import { Connection, gatewayAddress, readJson } from "/kiroweb/protocol.mjs";
+ *
+ * const connection = new Connection(
+ *     gatewayAddress(),
+ *     {
+ *         onState: ({ name, reason }) => (document.title = `${name} ${reason}`),
+ *         onText(channel, text) {
+ *             const command = readJson(text); // JSON.parse refuses what stands for not-a-number
+ *             if (command.cmd === "sendACT") connection.returnToken(command);
+ *             else document.body.append(text, document.createElement("br"));
+ *         },
+ *         onReady({ configuration }) {
+ *             connection.publish(configuration.ready, "{}"); // the engine begins to send
+ *         },
+ *     },
+ *     {
+ *         subscribe: (configuration) => [configuration.commands],
+ *         announce: (configuration) => configuration.newView,
+ *     },
+ * );
+ * ```
+ */
 export class Connection {
-    #url;
     #handlers;
     #options;
-
-    /** @type {State} */
-    #state = { name: "connecting", reason: "" };
-    /** @type {any} */
-    #socket = null;
-    #live = false;
-    #attempts = 0;
-    /** Attempts in a row that failed although the program is there. */
-    #turnedAway = 0;
-    /** Until when the view can be returned to, by `performance.now()`. */
-    #returnUntil = 0;
-    /** @type {Map<string, ReturnType<typeof setTimeout>>} */
-    #timers = new Map();
+    #line;
 
     /** @type {Hello | null} */
     #hello = null;
     #view = "";
-    /** Everything up to this message has been handled. */
-    #last = 0;
-    #acknowledged = 0;
-    #unacknowledgedBytes = 0;
-    /** Numbers, above `#last`, of messages that will not come. @type {Set<number>} */
-    #withdrawn = new Set();
+    /** What the view was when it began. @type {Hello["kind"]} */
+    #kind = "first";
+    #isAnnounced = false;
+    #handled = new Acknowledgement((last) => this.#send({ t: "ack", last }));
     /** @type {string[]} by their number less one */
     #blockChannels = [];
     #assembly;
-    /** Blocks whose pieces are void, with the reason. The answer is due with the last piece.
-     * @type {Map<number, string>} */
-    #refusedTransfers = new Map();
     /** The numbers of the latest blocks that were refused: the answers may be lost.
      * @type {number[]} */
     #refusedNumbers = [];
+    /** Whether there was a fault since the last token. */
+    #failed = false;
 
     /** @type {Set<string>} */
-    #subscriptions;
-    /** Objects for the next frame. @type {object[]} */
+    #subscriptions = new Set();
+    /** Those of them that the configuration named. @type {string[]} */
+    #configured = [];
+    /** For the next frames. @type {Encoded[]} */
     #outgoing = [];
-    /** For when the connection is there. @type {{t: string, channel: string, text: string}[]} */
+    /** For when the connection is there. @type {Encoded[]} */
     #queue = [];
     #queued = 0;
-    /** The page's own block channels. @type {Map<string, number>} */
+    /** Numbers of the page's own block channels, that of the latest block last.
+     * @type {Map<string, number>} */
     #ownChannels = new Map();
+    /** What to do when an echo comes back. @type {Map<number, () => void>} */
+    #echoes = new Map();
+    #lastEcho = 0;
 
     /** Bytes and characters of frames, since the page began. */
     received = 0;
     sent = 0;
 
     /** Begins to connect.
-     * @param {string} url @param {Handlers} handlers @param {Options} [options] */
+     * @param {string} url for a page of the gateway's own: `gatewayAddress()`
+     * @param {Handlers} handlers @param {Options} [options] */
     constructor(url, handlers, options = {}) {
-        this.#url = url;
         this.#handlers = handlers;
         this.#options = { ...DEFAULTS, ...options };
-        this.#subscriptions = new Set(this.#options.subscribe);
-        this.#assembly = new Assembly(this.#options.blockSize);
-        queueMicrotask(() => this.#connect());
+        const { subscribe, token, access, blockSize } = this.#options;
+        this.#assembly = new Assembly(blockSize);
+        const ownAccess = access ?? (token === undefined ? tabAccess : knownToken(token));
+        this.#line = new Line(
+            url,
+            { ...this.#options, access: ownAccess },
+            {
+                stateChanged: (state) => this.#handlers.onState?.(state),
+                opened: () => this.#sayHello(),
+                received: (data) => this.#receive(data),
+                silent: () => this.#echo(() => {}),
+                lost: (next) => this.#lost(next),
+            },
+        );
+        if (Array.isArray(subscribe)) this.subscribe(subscribe);
     }
 
     get state() {
-        return this.#state;
+        return this.#line.state;
     }
     /** The number of the last message handled. */
     get last() {
-        return this.#last;
+        return this.#handled.last;
     }
 
-    /** Publishes a text, or keeps it until the connection is there again. Answers false, and drops
-     * it, when too much is kept already or the text is larger than the gateway allows.
+    /** Publishes a text, or keeps it until the connection is there again. Returns false, and drops
+     * it, when too much is kept already. Throws a RangeError, with both sizes, for a text that is
+     * larger than the gateway takes and for a channel whose name has more than 1024 bytes. A text
+     * that was kept and turns out to be too large is a fault.
      * @param {string} channel @param {string} text @returns {boolean} */
     publish(channel, text) {
-        const message = { t: "publish", channel, text };
-        const most = this.#hello?.limits.message ?? Infinity;
-        // A text of UTF-16 units, escaped and encoded, can grow to six bytes each.
-        const size = text.length + channel.length;
-        if (size * 6 > most && new TextEncoder().encode(JSON.stringify(message)).length > most) {
-            return false;
-        }
-        if (this.#live) {
-            this.#send(message);
+        const name = channelName(channel);
+        const message = encode({ t: "publish", channel: name, text: wellFormed(text) });
+        this.#demandSize(message);
+        if (this.#line.isLive) {
+            this.#sendEncoded(message);
             return true;
         }
-        if (this.#state.name === "closed" || this.#queued + size > this.#options.queueSize) {
-            return false;
-        }
+        if (this.#line.state.name === "closed") return false;
+        if (this.#queued + message.bytes > this.#options.queueSize) return false;
         this.#queue.push(message);
-        this.#queued += size;
+        this.#queued += message.bytes;
         return true;
     }
 
-    /** Sends a block, 8 bytes of header included, at once; answers false when there is no connection.
+    /** Sends a block, 8 bytes of identifier included, at once; returns false when there is no
+     * connection. Throws a RangeError like `publish`. More than 16 channels take turns with the
+     * numbers that there are: the one that was not used for the longest time gives its own away.
      * @param {string} channel @param {Uint8Array} block @returns {boolean} */
     publishBlock(channel, block) {
-        if (!this.#live) return false;
-        let number = this.#ownChannels.get(channel);
-        if (number === undefined) {
-            number = this.#ownChannels.size + 1;
-            this.#ownChannels.set(channel, number);
-            this.#send({ t: "channel", number, name: channel });
+        const name = channelName(channel);
+        const most = this.#mostBytes() - HEADER;
+        if (block.length > most) {
+            throw new RangeError(`a block of ${block.length} bytes: the gateway takes ${most}`);
         }
+        if (!this.#line.isLive) return false;
+        const frame = writeBlockFrame(this.#numberOf(name), block);
         this.#flush();
-        const frame = writeBlockFrame(number, block);
         this.sent += frame.length;
-        this.#socket.send(frame);
+        this.#line.send(frame);
         return true;
     }
 
-    /** @param {string[]} channels a name that ends in "/*" stands for all that begin so */
-    subscribe(channels) {
-        for (const channel of channels) this.#subscriptions.add(channel);
-        if (this.#live) this.#send({ t: "subscribe", channels });
+    /** Returns the token of a "sendACT" command, with the members of its reply: what came before it
+     * is drawn. Where that is not so, because something could not be read or a handler threw since
+     * the last token, it is not returned and the answer is false: the engine's wait then ends by
+     * its time-out, not as if the page had drawn.
+     * @param {Record<string, any>} command @param {Record<string, any>} [members]
+     * @returns {boolean} */
+    returnToken({ ACT, returnChannel, serverSendTS }, members = {}) {
+        const failed = this.#failed;
+        this.#failed = false;
+        if (failed) return false;
+        return this.publish(returnChannel, JSON.stringify({ ACT, serverSendTS, ...members }));
     }
-    /** @param {string[]} channels */
+
+    /** Tells the engine of a script error, of which no more goes out than any gateway takes.
+     * @param {Error} error */
+    reportError({ message, stack = "" }) {
+        const report = { message: cutTo(message, 500), stack: cutTo(stack, 2000) };
+        this.publish(ERROR_CHANNEL, JSON.stringify(report));
+    }
+
+    /** Throws a RangeError for a name of more than 1024 bytes.
+     * @param {string[]} channels a name that ends in "/*" stands for all that begin so */
+    subscribe(channels) {
+        const names = channels.map(channelName);
+        for (const name of names) this.#subscriptions.add(name);
+        if (this.#line.isLive) this.#sendNames("subscribe", names);
+    }
+    /** Throws as `subscribe` does. @param {string[]} channels */
     unsubscribe(channels) {
-        for (const channel of channels) this.#subscriptions.delete(channel);
-        if (this.#live) this.#send({ t: "unsubscribe", channels });
+        const names = channels.map(channelName);
+        for (const name of names) this.#subscriptions.delete(name);
+        if (this.#line.isLive) this.#sendNames("unsubscribe", names);
     }
 
     /** Tries again now, also after a refusal. Does nothing while a connection is there or coming. */
     retry() {
-        if (this.#socket || this.#state.name === "closed") return;
-        this.#attempts = 0;
-        this.#turnedAway = 0;
-        this.#setState("connecting", "");
-        this.#connect();
+        this.#line.retry();
     }
 
     /** Ends the view. */
     close() {
         this.#flush();
-        const socket = this.#detach();
-        this.#clearTimers();
-        this.#setState("closed", "");
-        socket?.close(1000);
+        this.#line.close();
     }
 
-    #connect() {
-        if (this.#socket || this.#state.name === "closed") return;
-        this.#clearTimers();
-        const { WebSocket, socketOptions, patience } = this.#options;
-        const socket = new WebSocket(this.#url, SUBPROTOCOL, socketOptions);
-        this.#socket = socket;
-        socket.binaryType = "arraybuffer";
-        let opened = false;
-        // A socket that was let go of has nothing to say any more.
-        const ifCurrent = (/** @type {(event: any) => void} */ handle) => (/** @type {any} */ event) => {
-            if (this.#socket === socket) handle(event);
-        };
-        socket.onopen = ifCurrent(() => {
-            opened = true;
-            this.#sayHello();
-        });
-        socket.onmessage = ifCurrent((event) => this.#receive(event.data));
-        // The close event that follows has all there is to know; the npm package throws without this.
-        socket.onerror = () => {};
-        socket.onclose = ifCurrent((event) => this.#closed(opened, event.code, event.reason));
-        this.#after("open", patience.open, () => this.#abandon("no answer from the program"));
-    }
+    // --- A connection begins and ends ---------------------------------------------------------
 
     #sayHello() {
         const hello = {
             t: "hello",
             version: VERSION,
-            client: this.#options.client,
+            client: cutTo(this.#options.client, MOST_TEXT_BYTES),
             capabilities: [],
             limits: { block: this.#options.blockSize },
-            subscribe: [...this.#subscriptions],
+            subscribe: takeNames([...this.#subscriptions], HELLO_NAMES_BYTES),
             ...(this.#view && {
                 view: this.#view,
-                last: this.#last,
+                last: this.last,
                 refused: this.#refusedNumbers,
             }),
         };
-        const text = JSON.stringify(hello);
-        this.sent += text.length;
-        this.#socket.send(text);
+        this.#write(JSON.stringify(hello));
     }
 
-    /** @param {boolean} opened @param {number} code @param {string} reason */
-    async #closed(opened, code, reason) {
-        this.#detach();
-        const next = AFTER_CLOSE.get(code);
-        if (next) this.#view = "";
-        const why = reason || (opened ? `connection lost (${code})` : "no connection");
-        if (next === "refused") return this.#refuse(why);
-        this.#setState("reconnecting", why);
-        const isServed = !opened && (await this.#isServed());
-        // The program was asked meanwhile; somebody else may have connected or closed.
-        if (this.#socket || this.#state.name !== "reconnecting") return undefined;
-        this.#turnedAway = isServed ? this.#turnedAway + 1 : 0;
-        if (this.#turnedAway < TURNED_AWAY) return this.#connectLater();
-        return this.#refuse("the program does not let this page in: open its link again");
-    }
-
-    /** No, if that cannot be found out in time. @returns {Promise<boolean>} */
-    #isServed() {
-        return new Promise((resolve) => {
-            this.#after("served", this.#options.patience.open, () => resolve(false));
-            this.#options.isServed().then(resolve, () => resolve(false));
-        });
-    }
-
-    /** @param {string} reason */
-    #refuse(reason) {
-        this.#clearTimers();
-        this.#setState("refused", reason);
-    }
-
-    /** Gives the connection up without waiting for its end. The gateway may come to hear of it, and
-     * before it hears of the return. @param {string} reason */
-    #abandon(reason) {
-        const socket = this.#detach();
-        this.#setState("reconnecting", reason);
-        socket?.close(GIVEN_UP);
-        this.#connectLater();
-    }
-
-    #detach() {
-        const socket = this.#socket;
-        if (this.#live) {
-            this.#returnUntil = performance.now() + (this.#hello?.limits.returnMilliseconds ?? 0);
-        }
-        this.#socket = null;
-        this.#live = false;
-        this.#clearTimers();
-        this.#outgoing = [];
+    /** @param {import("./close_codes.mjs").NextAttempt} next */
+    #lost(next) {
+        if (next !== "return") this.#view = "";
+        this.#handled.stop();
         this.#ownChannels.clear();
-        return socket;
+        this.#echoes.clear();
     }
 
-    #connectLater() {
-        if (this.#socket || this.#state.name === "closed") return;
-        const { backoff, random } = this.#options;
-        const most = performance.now() < this.#returnUntil ? backoff.soon : backoff.most;
-        const longest = Math.min(most, backoff.first * 2 ** this.#attempts++);
-        // Half of it is random, so that many pages do not come back at once.
-        this.#after("connect", longest * (0.5 + random() / 2), () => this.#connect());
-    }
+    // --- Receiving ----------------------------------------------------------------------------
 
     /** @param {string | ArrayBuffer} data */
     #receive(data) {
         const size = typeof data === "string" ? data.length : data.byteLength;
         this.received += size;
-        if (this.#live) this.#watchForSilence();
+        const isControl = typeof data === "string" && data.startsWith("{");
         try {
             if (typeof data !== "string") {
                 this.#receiveBlock(data);
-            } else if (data.startsWith("{")) {
+            } else if (isControl) {
                 this.#control(JSON.parse(data));
             } else {
                 readBatch(data, this.#takeText);
@@ -389,18 +324,13 @@ export class Connection {
         } catch (error) {
             this.#fault(error);
         }
-        this.#acknowledgeSoon(size);
+        if (this.#line.isLive) this.#handled.count(isControl ? 0 : size);
     }
 
     /** Of a batch. One function for all of them, made once.
      * @type {(number: number, channel: string, text: string) => void} */
     #takeText = (number, channel, text) => {
-        if (!this.#isNew(number)) return;
-        try {
-            this.#handlers.onText?.(channel, text);
-        } catch (error) {
-            this.#fault(error);
-        }
+        if (this.#isNew(number)) this.#tell(() => this.#handlers.onText?.(channel, text));
     };
 
     /** @param {any} message */
@@ -413,11 +343,11 @@ export class Connection {
                 return undefined;
             case "withdrawn":
                 this.#assembly.forget(message.transfer);
-                this.#refusedTransfers.delete(message.transfer);
-                if (message.number > this.#last) this.#withdrawn.add(message.number);
-                return this.#passWithdrawn();
+                return this.#handled.withdraw(message.number);
             case "refused":
                 return this.#handlers.onRefused?.(message.what, message.channel, message.reason);
+            case "echo":
+                return this.#echoed(message.id);
             default:
                 return undefined;
         }
@@ -426,175 +356,202 @@ export class Connection {
     /** @param {Hello} hello */
     #welcome(hello) {
         if (hello.kind !== "return") {
-            this.#last = hello.next - 1;
-            this.#acknowledged = this.#last;
-            this.#withdrawn.clear();
+            this.#handled.begin(hello.next);
             this.#refusedNumbers = [];
+            this.#kind = hello.kind;
+            this.#isAnnounced = false;
+            this.#failed = false;
         }
+        this.#handled.connected(hello.limits);
         this.#hello = hello;
         this.#view = hello.view;
         this.#blockChannels = [...hello.blockChannels];
         this.#assembly.clear();
-        this.#refusedTransfers.clear();
-        this.#attempts = 0;
-        this.#turnedAway = 0;
-        this.#clearTimers();
-        this.#live = true;
-        this.#watchForSilence();
-        this.#setState("live", hello.ended ? `begun afresh: ${hello.ended}` : "");
-        // A view that is returned to still hears what was given up meanwhile.
-        const channels = hello.subscribed.filter((name) => !this.#subscriptions.has(name));
-        if (channels.length > 0) this.#send({ t: "unsubscribe", channels });
+        const { returnMilliseconds = 0 } = hello.limits;
+        this.#line.welcomed(hello.ended ? `begun afresh: ${hello.ended}` : "", returnMilliseconds);
+        this.#configure(hello.configuration);
+        this.#correctSubscriptions(hello);
         for (const channel of hello.refused) {
             this.#handlers.onRefused?.("subscribe", channel, "not allowed");
         }
-        for (const message of this.#queue.splice(0)) this.#send(message);
+        this.#sendKept();
+        this.#tell(() => this.#handlers.onHello?.(hello));
+        if (!this.#isAnnounced) this.#announce(hello);
+    }
+
+    /** @param {Configuration} configuration */
+    #configure(configuration) {
+        const { subscribe } = this.#options;
+        if (typeof subscribe !== "function") return;
+        for (const name of this.#configured) this.#subscriptions.delete(name);
+        this.#configured = [];
+        this.#tell(() => (this.#configured = subscribe(configuration).map(channelName)));
+        for (const name of this.#configured) this.#subscriptions.add(name);
+    }
+
+    /** What changed since the page's hello, or did not fit into it; and a view that is returned to
+     * still hears what was given up meanwhile. @param {Hello} hello */
+    #correctSubscriptions({ subscribed, refused }) {
+        const known = new Set([...subscribed, ...refused]);
+        const names = [...this.#subscriptions].filter((name) => !known.has(name));
+        this.#sendNames("subscribe", names);
+        const givenUp = subscribed.filter((name) => !this.#subscriptions.has(name));
+        this.#sendNames("unsubscribe", givenUp);
+    }
+
+    #sendKept() {
         this.#queued = 0;
-        try {
-            this.#handlers.onHello?.(hello);
-        } catch (error) {
-            this.#fault(error);
+        for (const message of this.#queue.splice(0)) {
+            this.#tell(() => {
+                this.#demandSize(message);
+                this.#sendEncoded(message);
+            });
         }
+    }
+
+    /** Once the gateway has echoed, what was subscribed is in force: the engine may send. Without
+     * the second echo it is not known that the announcement arrived: after a return it is made
+     * again. @param {Hello} hello */
+    #announce(hello) {
+        this.#echo(() => {
+            const { announce, client } = this.#options;
+            const channel =
+                typeof announce === "function" ? announce(hello.configuration) : announce;
+            // Not the view's identifier, which is secret.
+            if (channel) this.publish(channel, JSON.stringify({ kind: this.#kind, client }));
+            this.#tell(() => this.#handlers.onReady?.(hello));
+            this.#echo(() => {
+                this.#isAnnounced = true;
+            });
+        });
     }
 
     /** @param {ArrayBuffer} frame */
     #receiveBlock(frame) {
         const piece = readBlockFrame(frame);
         if (!piece) return;
-        const { transfer } = piece;
-        const refused = this.#refusedTransfers.get(transfer);
-        if (refused !== undefined) {
-            if (!piece.last) return;
-            this.#refusedTransfers.delete(transfer);
-            this.#refuseBlock(piece, refused);
-            return;
-        }
+        const { transfer, number } = piece;
         try {
             const block = this.#assembly.add(piece);
             if (!block) return;
-            if (this.#isNew(piece.number)) this.#handlers.onBlock?.(this.#blockChannels[piece.channel - 1] ?? "", block);
+            const channel = this.#blockChannels[piece.channel - 1] ?? "";
+            if (this.#isNew(number)) this.#handlers.onBlock?.(channel, block);
             this.#send({ t: "block", transfer, ok: true });
         } catch (error) {
-            const reason = String(error);
-            this.#assembly.forget(transfer);
             this.#fault(error);
-            if (!piece.last) {
-                this.#refusedTransfers.set(transfer, reason);
-                return;
-            }
-            this.#refuseBlock(piece, reason);
+            this.#isNew(number);
+            if (this.#refusedNumbers.push(number) > MOST_REFUSED) this.#refusedNumbers.shift();
+            const reason = cutTo(String(error), MOST_TEXT_BYTES);
+            this.#send({ t: "block", transfer, ok: false, reason });
         }
     }
 
-    /** @param {import("./wire.mjs").Piece} piece the last one @param {string} reason */
-    #refuseBlock({ transfer, number }, reason) {
-        this.#isNew(number);
-        if (this.#refusedNumbers.push(number) > MOST_REFUSED) this.#refusedNumbers.shift();
-        this.#send({ t: "block", transfer, ok: false, reason });
-    }
-
-    /** Counts the message as handled; answers false if it was already.
+    /** Counts the message as handled; returns false if it was already.
      * @param {number} number */
     #isNew(number) {
-        if (number <= this.#last) return false;
-        const expected = this.#last + 1;
-        this.#last = number;
-        this.#passWithdrawn();
-        if (number !== expected) {
-            this.#fault(new Error(`messages ${expected} to ${number - 1} are missing`));
+        const missing = this.#handled.take(number);
+        if (missing > 0) {
+            this.#fault(new Error(`messages ${number - missing} to ${number - 1} are missing`));
         }
-        return true;
+        return missing >= 0;
     }
 
-    #passWithdrawn() {
-        if (this.#withdrawn.size === 0) return;
-        while (this.#withdrawn.delete(this.#last + 1)) ++this.#last;
+    // --- Sending ------------------------------------------------------------------------------
+
+    /** @returns {number} bytes of the largest frame that the gateway takes, as far as it is known */
+    #mostBytes() {
+        return this.#hello?.limits.message ?? Infinity;
     }
 
-    /** @param {number} bytes */
-    #acknowledgeSoon(bytes) {
-        if (!this.#live || this.#last === this.#acknowledged) return;
-        // At half of what is allowed: the acknowledgement takes its time, too.
-        const { ackBytes = 1e6, ackMilliseconds = 1000 } = this.#hello?.limits ?? {};
-        this.#unacknowledgedBytes += bytes;
-        if (this.#unacknowledgedBytes > ackBytes / 2) this.#acknowledge();
-        else if (!this.#timers.has("ack")) {
-            this.#after("ack", ackMilliseconds / 2, () => this.#acknowledge());
+    /** @param {Encoded} message */
+    #demandSize({ bytes }) {
+        const most = this.#mostBytes();
+        if (bytes <= most) return;
+        throw new RangeError(`a message of ${bytes} bytes as JSON: the gateway takes ${most}`);
+    }
+
+    /** @param {string} t @param {string[]} channels */
+    #sendNames(t, channels) {
+        const rest = [...channels];
+        // Room for the rest of the message.
+        const most = this.#mostBytes() - 64;
+        while (rest.length > 0) {
+            const names = takeNames(rest, most);
+            this.#sendEncoded(encode({ t, channels: names }, names.length));
         }
     }
 
-    #acknowledge() {
-        clearTimeout(this.#timers.get("ack"));
-        this.#timers.delete("ack");
-        this.#unacknowledgedBytes = 0;
-        this.#acknowledged = this.#last;
-        this.#send({ t: "ack", last: this.#last });
+    /** The number of one of the page's own block channels. @param {string} name */
+    #numberOf(name) {
+        const known = this.#ownChannels.get(name);
+        if (known !== undefined) {
+            this.#ownChannels.delete(name);
+            this.#ownChannels.set(name, known);
+            return known;
+        }
+        let number = this.#ownChannels.size + 1;
+        if (number > OWN_CHANNELS) {
+            const [[longest, freed]] = this.#ownChannels;
+            this.#ownChannels.delete(longest);
+            number = freed;
+        }
+        this.#ownChannels.set(name, number);
+        this.#send({ t: "channel", number, name });
+        return number;
     }
 
-    #watchForSilence() {
-        const { quiet, answer } = this.#options.patience;
-        clearTimeout(this.#timers.get("answer"));
-        this.#after("quiet", quiet, () => {
-            this.#send({ t: "echo", id: 0 });
-            this.#after("answer", answer, () => this.#abandon("the connection has gone silent"));
-        });
+    /** @param {() => void} then called when everything before was acted upon */
+    #echo(then) {
+        const id = ++this.#lastEcho;
+        this.#echoes.set(id, then);
+        this.#send({ t: "echo", id });
     }
 
-    /** Collects what is sent in one turn into one frame. @param {object} message */
+    /** @param {number} id */
+    #echoed(id) {
+        const then = this.#echoes.get(id);
+        this.#echoes.delete(id);
+        then?.();
+    }
+
+    /** @param {object} message */
     #send(message) {
+        this.#sendEncoded(encode(message));
+    }
+
+    /** Collects what is sent in one turn. @param {Encoded} message */
+    #sendEncoded(message) {
         if (this.#outgoing.push(message) === 1) queueMicrotask(() => this.#flush());
     }
 
     #flush() {
-        if (!this.#live || this.#outgoing.length === 0) return;
-        const most = (this.#hello?.limits.message ?? Infinity) / 3;
-        /** @type {string[]} */
-        let texts = [];
-        let size = 0;
-        const send = () => {
-            const text = texts.length === 1 ? texts[0] : `[${texts.join(",")}]`;
-            this.sent += text.length;
-            this.#socket.send(text);
-        };
-        for (const message of this.#outgoing.splice(0)) {
-            const text = JSON.stringify(message);
-            // A UTF-16 unit is three bytes at most.
-            if (texts.length > 0 && size + text.length + 2 > most) {
-                send();
-                texts = [];
-                size = 0;
-            }
-            texts.push(text);
-            size += text.length + 1;
-        }
-        send();
+        if (!this.#line.isLive) return;
+        const messages = this.#outgoing.splice(0);
+        for (const frame of framesOf(messages, this.#mostBytes())) this.#write(frame);
     }
 
-    /** @param {unknown} error */
-    #fault(error) {
-        this.#handlers.onFault?.(error instanceof Error ? error : new Error(String(error)));
+    /** @param {string} frame */
+    #write(frame) {
+        this.sent += frame.length;
+        this.#line.send(frame);
     }
 
-    /** @param {State["name"]} name @param {string} reason */
-    #setState(name, reason) {
-        if (this.#state.name === "closed") return;
-        this.#state = { name, reason };
-        this.#handlers.onState?.(this.#state);
-    }
+    // --- Telling ------------------------------------------------------------------------------
 
-    /** One timer of each name. @param {string} name @param {number} ms @param {() => void} call */
-    #after(name, ms, call) {
-        clearTimeout(this.#timers.get(name));
-        const timer = setTimeout(() => {
-            this.#timers.delete(name);
+    /** What a handler throws is a fault. @param {() => void} call */
+    #tell(call) {
+        try {
             call();
-        }, ms);
-        this.#timers.set(name, timer);
+        } catch (error) {
+            this.#fault(error);
+        }
     }
 
-    #clearTimers() {
-        for (const timer of this.#timers.values()) clearTimeout(timer);
-        this.#timers.clear();
+    /** @param {unknown} thrown */
+    #fault(thrown) {
+        const error = thrown instanceof Error ? thrown : new Error(String(thrown));
+        this.#failed = true;
+        if (this.#handlers.onFault) this.#handlers.onFault(error);
+        else this.reportError(error);
     }
 }
-

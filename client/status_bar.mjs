@@ -1,6 +1,8 @@
 // Says how it goes: the connection's state, frames a second, the time of a flush, bytes.
 
 const PERIOD = 1000;
+/** Milliseconds for which an error can be read, however soon it is mended. */
+const ERROR_STAYS = 5000;
 const BYTES_PER_KIB = 1024;
 const NAMES = {
     connecting: "Connecting",
@@ -29,12 +31,15 @@ export class StatusBar {
     #frames = 0;
     /** Microseconds. @type {number[]} */
     #flushes = [];
-    #bytes = 0;
+    #received;
     #since = performance.now();
+    #errorSince = 0;
 
-    /** @param {HTMLElement} root @param {() => void} retry called by the button */
-    constructor(root, retry) {
+    /** @param {HTMLElement} root @param {() => void} retry called by the button
+     * @param {() => number} received bytes so far */
+    constructor(root, retry, received) {
         this.#root = root;
+        this.#received = received;
         this.#part("retry").addEventListener("click", retry);
         setInterval(() => this.#show(), PERIOD);
     }
@@ -47,15 +52,18 @@ export class StatusBar {
         this.#part("retry").hidden = name !== "refused";
     }
 
-    /** @param {string} text the latest error; stays */
+    /** @param {string} text the latest error; stays until a later frame is on the screen */
     showError(text) {
         this.#part("error").textContent = text;
+        this.#errorSince = performance.now();
     }
 
-    /** @param {number} bytes received so far */
-    countFrame(bytes) {
+    /** A frame of the engine's is on the screen. */
+    countFrame() {
         ++this.#frames;
-        this.#bytes = bytes;
+        if (performance.now() - this.#errorSince > ERROR_STAYS) {
+            this.#part("error").textContent = "";
+        }
     }
 
     /** @param {number} microseconds */
@@ -70,7 +78,7 @@ export class StatusBar {
         this.#part("fps").textContent = (this.#frames / seconds).toFixed(0);
         const flush = this.#flushes.length > 0 ? median(this.#flushes) : null;
         this.#part("flush").textContent = flush === null ? "–" : `${(flush / 1000).toFixed(1)} ms`;
-        this.#part("bytes").textContent = sizeText(this.#bytes);
+        this.#part("bytes").textContent = sizeText(this.#received());
         this.#frames = 0;
         this.#flushes = [];
     }

@@ -2,10 +2,12 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
-import { Inbox, parse } from "../../client/commands.mjs";
+import { Inbox } from "../../client/commands.mjs";
 import { Scene } from "../../client/figures.mjs";
 import { Flusher } from "../../client/flush.mjs";
 import { PointPicture } from "../../client/points.mjs";
+import { StatusBar } from "../../client/status_bar.mjs";
+import { readJson } from "../../client/wire.mjs";
 
 /** An inbox whose commands end in a scene, and what it says. A line is begun, with handle 2. */
 function start() {
@@ -21,7 +23,8 @@ function start() {
         report: (error) => errors.push(error.message),
     });
     let sequence = 0;
-    const say = (cmd, members = {}) => inbox.text(JSON.stringify({ seq: ++sequence, ...members, cmd }));
+    const say = (cmd, members = {}) =>
+        inbox.text(JSON.stringify({ seq: ++sequence, ...members, cmd }));
     const begin = () => {
         say("beginFrame", { frame: 0, attempt: 1, whole: true });
         say("create", { handle: "1", type: "figure", name: "f" });
@@ -29,7 +32,8 @@ function start() {
         told.splice(0);
     };
     begin();
-    const data = (cmd, id, first, count) => say(cmd, { handle: "2", data: `${id} 0`, first, count, columns: 1 });
+    const data = (cmd, id, first, count) =>
+        say(cmd, { handle: "2", data: `${id} 0`, first, count, columns: 1 });
     return { told, errors, scene, inbox, say, data, begin, skip: () => ++sequence };
 }
 
@@ -42,11 +46,14 @@ function blockOf(id, values) {
 }
 
 test("Bare words are read as numbers, but not inside texts", () => {
-    assert.deepEqual(parse('{"x":[NaN,-Infinity,Infinity,1],"NaN":"NaN \\"Infinity"}'), {
-        x: [NaN, -Infinity, Infinity, 1], NaN: 'NaN "Infinity',
+    const text = '{"x":[NaN,-Infinity,Infinity,1],"NaN":"NaN \\"Infinity","y":"\uf8ff\\uf8ff"}';
+    assert.deepEqual(readJson(text), {
+        x: [NaN, -Infinity, Infinity, 1],
+        NaN: 'NaN "Infinity',
+        y: "\uf8ff\uf8ff",
     });
-    for (const text of ["{", '{"x":NaNa}', "nan", '{"x":+Infinity}']) {
-        assert.throws(() => parse(text), SyntaxError, text);
+    for (const broken of ["{", '{"x":NaNa}', "nan", '{"x":+Infinity}']) {
+        assert.throws(() => readJson(broken), SyntaxError, broken);
     }
 });
 
@@ -63,9 +70,11 @@ test("A command waits for its block with all behind it, unless a whole frame beg
     inbox.text('{"cmd":"binarydata","data":{"4 0":"SOF6vvYoXL4="}}');
     data("setData", 4, 0, 2);
     say("sendACT", { ACT: "void" });
+    inbox.text('{"cmd":"binarydata","data":{"2 0":"\\u0006"}}');
+    errors.pop();
     begin();
-    inbox.block(blockOf(6, [3]));
     data("setData", 6, 0, 1);
+    inbox.block(blockOf(6, [3]));
     assert.deepEqual([told, errors, scene.figures.length], [["setData"], [], 1]);
 });
 
@@ -85,8 +94,15 @@ test("What cannot be read, found or done is reported, and does not stop the rest
     data("setData", 6, 0, 1);
     say("sendACT", { ACT: "token" });
     const complaints = [
-        /JSON/, /not a command/, /no object 77/, /no such command/, /8 bytes for 3/,
-        /element 7 appended instead of 0/, /came instead of/, /no memory/, /block 6 0 is lost/,
+        /JSON/,
+        /not a command/,
+        /no object 77/,
+        /no such command/,
+        /8 bytes for 3/,
+        /element 7 appended instead of 0/,
+        /came instead of/,
+        /no memory/,
+        /block 6 0 is lost/,
     ];
     assert.equal(errors.length, complaints.length, errors.join("\n"));
     complaints.forEach((complaint, i) => assert.match(errors[i], complaint));
@@ -97,10 +113,11 @@ test("A token goes back after the frame that painted what was before it, or fail
     const log = [];
     const frames = [];
     const painted = [];
+    let hidden = false;
     let paint = () => log.push("paint");
     const flusher = new Flusher({
         paint: () => paint(),
-        isHidden: () => false,
+        isHidden: () => hidden,
         onFrame: (call) => frames.push(call),
         afterPaint: (call) => painted.push(call),
         report: (error) => log.push(error.message),
@@ -112,15 +129,87 @@ test("A token goes back after the frame that painted what was before it, or fail
     flusher.token("b");
     assert.deepEqual(log, ["paint"]);
     painted.shift()();
-    paint = () => { throw new Error("broken canvas"); };
+    paint = () => {
+        throw new Error("broken canvas");
+    };
     frames.shift()();
+    paint = () => {};
+    flusher.token("fine");
+    frames.shift()();
+    painted.shift()();
+    assert.equal(log.pop(), "fine painted");
+    paint = () => {
+        throw new Error("broken canvas");
+    };
     flusher.fail(new Error("no such thing"));
     flusher.token("c");
-    assert.deepEqual(log, ["paint", "a painted", "broken canvas", "b failed", "no such thing", "c failed"]);
+    assert.deepEqual(log, [
+        "paint",
+        "a painted",
+        "broken canvas",
+        "b failed",
+        "no such thing",
+        "c failed",
+    ]);
     frames.shift()();
     flusher.token("d");
     assert.deepEqual(log.slice(6), ["broken canvas", "d failed"]);
     assert.deepEqual([frames.length, painted.length], [1, 0]);
+    // Hidden between a token and its frame, the page gets no frames: the token does not wait for one.
+    paint = () => log.push("paint");
+    flusher.token("e");
+    hidden = true;
+    flusher.visibilityChanged();
+    flusher.token("f");
+    assert.deepEqual(log.slice(8), ["e hidden", "f hidden"]);
+    hidden = false;
+    flusher.visibilityChanged();
+    flusher.token("g");
+    // A view that is over has no tokens, and what it failed to draw is forgotten with it.
+    flusher.fail(new Error("old"));
+    flusher.forget();
+    flusher.token("h");
+    for (const call of frames.splice(0)) call();
+    for (const call of painted.splice(0)) call();
+    assert.deepEqual(log.slice(10), ["old", "paint", "h painted"]);
+});
+
+test("The status counts the engine's frames, and an error leaves when it is mended and was read", (t) => {
+    let now = 0;
+    let tick = () => {};
+    const parts = new Map();
+    class Element extends EventTarget {}
+    const part = (name) => parts.get(name) ?? parts.set(name, new Element()).get(name);
+    const root = { dataset: {}, querySelector: (what) => part(/"(.*)"/.exec(what)[1]) };
+    t.mock.method(performance, "now", () => now);
+    t.mock.method(globalThis, "setInterval", (call) => (tick = call));
+    globalThis.HTMLElement = Element;
+    t.after(() => delete globalThis.HTMLElement);
+    let retries = 0;
+    const status = new StatusBar(
+        root,
+        () => ++retries,
+        () => 2048,
+    );
+    for (let i = 0; i < 60; ++i) status.countFrame();
+    status.countFlush(3000);
+    now = 2000;
+    tick();
+    assert.deepEqual(
+        ["fps", "flush", "bytes"].map((name) => part(name).textContent),
+        ["30", "3.0 ms", "2.0 KiB"],
+    );
+    status.showError("broken");
+    status.countFrame();
+    assert.equal(part("error").textContent, "broken");
+    now = 60_000;
+    assert.equal(part("error").textContent, "broken");
+    status.countFrame();
+    assert.equal(part("error").textContent, "");
+    status.showState({ name: "refused", reason: "open the link" });
+    assert.deepEqual([part("retry").hidden, part("reason").textContent], [false, "open the link"]);
+    part("retry").dispatchEvent(new Event("click"));
+    assert.equal(retries, 1);
 });
 
 test("Points lie where they are, at every place in a word, cut off at the edges, in any order", () => {
@@ -138,9 +227,14 @@ test("Points lie where they are, at every place in a word, cut off at the edges,
         const bytes = draw([point]);
         const [x, y, radius] = point;
         for (let at = 0; at < width * height; ++at) {
-            const distance = Math.hypot((at % width) - Math.round(x), Math.floor(at / width) - Math.round(y));
+            const distance = Math.hypot(
+                (at % width) - Math.round(x),
+                Math.floor(at / width) - Math.round(y),
+            );
             assert.equal(bytes[4 * at + 3] > 0, distance < radius + 0.5, `${point}: ${distance}`);
-            if (distance === 0) assert.deepEqual([...bytes.subarray(4 * at, 4 * at + 3)], [255, 128, 0]);
+            if (distance === 0) {
+                assert.deepEqual([...bytes.subarray(4 * at, 4 * at + 3)], [255, 128, 0]);
+            }
         }
     }
     const together = draw(points);

@@ -61,15 +61,20 @@ function checkMap(picture, frames) {
     const limits = { x: [-180, 180], y: [-90, 90] };
     const quakes = readQuakes(frames).map((quake) => [...picture.place(quake, limits), quake[2]]);
     // The captions, in the lower left, cover what is below them.
-    const free = ([x, y]) => x > picture.left + picture.across / 2 || y < picture.top + picture.down * 0.8;
+    const free = ([x, y]) =>
+        x > picture.left + picture.across / 2 || y < picture.top + picture.down * 0.8;
     for (const place of quakes.filter(free)) {
         assert.ok(picture.hasNear(place, REACH, isRed), `no point at ${place}`);
     }
     for (const [x, y] of picture.all(isRed)) {
-        const near = quakes.some(([qx, qy, magnitude]) => Math.hypot(x - qx, y - qy) < 4 + magnitude);
+        const near = quakes.some(
+            ([qx, qy, magnitude]) => Math.hypot(x - qx, y - qy) < 4 + magnitude,
+        );
         assert.ok(near, `a point at ${x}, ${y} that is not in the data`);
     }
-    const coast = readCoast().map((vertex) => picture.place(vertex, limits)).filter(free);
+    const coast = readCoast()
+        .map((vertex) => picture.place(vertex, limits))
+        .filter(free);
     const missing = coast.filter((place) => !picture.hasNear(place, 1, isDrawn));
     assert.deepEqual(missing, []);
 }
@@ -78,9 +83,10 @@ test("A thousand flushes show the data, from a backlog that came before the page
     const page = await stage.page({ colorScheme: "light" });
     await draw(page, 1000);
     assert.deepEqual(await page.locator("h2").allTextContents(), [
-        "Electrocardiogram – one lead, 360 Hz", "Earthquakes, 31 January – 7 February 2018",
+        "Electrocardiogram – one lead, 360 Hz",
+        "Earthquakes, 31 January – 7 February 2018",
     ]);
-    assert.equal(new URL(page.url()).search, "");
+    assert.equal(new URL(page.url()).hash, "");
 });
 
 test("Blocks that the page gives back come again as text", async () => {
@@ -93,7 +99,9 @@ test("Blocks that the page gives back come again as text", async () => {
             ++refused;
             const transfer = message.readUInt32LE(4);
             const number = Number(message.readBigUInt64LE(8));
-            toServer.send(JSON.stringify({ t: "block", transfer, ok: false, reason: "by the test" }));
+            toServer.send(
+                JSON.stringify({ t: "block", transfer, ok: false, reason: "by the test" }),
+            );
             return toPage.send(JSON.stringify({ t: "withdrawn", transfer, number }));
         });
     });
@@ -127,7 +135,10 @@ test("It fits a phone, and follows the scheme of colours", async () => {
     const { page } = await stage.start({
         context: { colorScheme: "light", viewport: { width: 360, height: 740 } },
     });
-    assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), "too wide");
+    assert.ok(
+        await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth),
+        "too wide",
+    );
     const background = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);
     const light = await background();
     await page.emulateMedia({ colorScheme: "dark" });

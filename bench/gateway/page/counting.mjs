@@ -1,9 +1,9 @@
 // The page of the benchmark: it is told what to count, and says when the last one has come.
 
-import { Connection } from "/protocol.mjs";
+import { Connection, gatewayAddress, tabAccess } from "/kiroweb/protocol.mjs";
 
-const ADDRESS = `ws://${location.host}/kiroweb`;
-const BLOCK_CHANNEL = "/bench/blocks";
+const ADDRESS = gatewayAddress();
+const TOKEN = await tabAccess.token();
 const NUMBER_OFFSET = 4; // of a block's transfer in its frame
 const LAST_TEXT = "last";
 
@@ -22,10 +22,13 @@ function countWithModule({ channel, count, ready, done }) {
 /** With nothing but a socket: no text is taken from its frame, nothing is acknowledged. */
 function countFrames({ channel, count, ready, done }) {
     let frames = -1; // the gateway's hello
-    const socket = new WebSocket(ADDRESS, "kiroweb.v1");
+    let blocks = 0;
+    const socket = new WebSocket(ADDRESS, ["kiroweb.v1", `kiroweb.token.${TOKEN}`]);
     socket.binaryType = "arraybuffer";
     socket.onopen = () => {
-        socket.send(JSON.stringify({ t: "hello", version: 1, resume: false, subscribe: [channel] }));
+        socket.send(
+            JSON.stringify({ t: "hello", version: 1, resume: false, subscribe: [channel] }),
+        );
     };
     const takeText = (text) => {
         if (++frames === 0) ready();
@@ -36,7 +39,6 @@ function countFrames({ channel, count, ready, done }) {
         socket.send(`{"t":"block","transfer":${transfer},"ok":true}`);
         if (++blocks === count) done();
     };
-    let blocks = 0;
     socket.onmessage = ({ data }) => (typeof data === "string" ? takeText(data) : takeBlock(data));
     return () => socket.close(1000);
 }

@@ -25,6 +25,8 @@ export class Monitor {
         monitor.link = await monitor.line(/^http:/);
         monitor.origin = new URL(monitor.link).origin;
         monitor.socket = monitor.origin.replace("http", "ws") + "/kiroweb";
+        const token = new URLSearchParams(new URL(monitor.link).hash.slice(1)).get("token");
+        monitor.subprotocols = ["kiroweb.v1", `kiroweb.token.${token}`];
         return monitor;
     }
     /** The first line, past or future, that matches. */
@@ -33,7 +35,9 @@ export class Monitor {
         if (found !== undefined) return Promise.resolve(found);
         return new Promise((resolve, reject) => {
             this.#waiting.push({ pattern, resolve });
-            this.exited.then(() => setImmediate(reject, new Error(`ended without ${pattern}:\n${this.said}`)));
+            this.exited.then(() =>
+                setImmediate(reject, new Error(`ended without ${pattern}:\n${this.said}`)),
+            );
         });
     }
     get said() {
@@ -44,10 +48,25 @@ export class Monitor {
     async end(expected = {}, { asked = true } = {}) {
         if (asked) this.process.kill("SIGINT");
         const line = await this.line(/ frames: /);
-        const [frames, drawn, failed, timedOut, left, views, returns] = line.match(/\d+/g).map(Number);
-        const all = { frames, drawn, failed, timedOut, left, views, returns, status: await this.exited };
-        const status = drawn === frames ? 0 : 1;
-        for (const [name, number] of Object.entries({ status, failed: 0, timedOut: 0, ...expected })) {
+        const [frames, drawn, failed, timedOut, left, views, returns] = line
+            .match(/\d+/g)
+            .map(Number);
+        const all = {
+            frames,
+            drawn,
+            failed,
+            timedOut,
+            left,
+            views,
+            returns,
+            status: await this.exited,
+        };
+        for (const [name, number] of Object.entries({
+            status: drawn === frames ? 0 : 1,
+            failed: 0,
+            timedOut: 0,
+            ...expected,
+        })) {
             assert.ok([number].flat().includes(all[name]), `${name}: ${all[name]}\n${this.said}`);
         }
     }
@@ -57,6 +76,8 @@ export class Monitor {
     }
     #hear(line) {
         this.#lines.push(line);
-        this.#waiting = this.#waiting.filter(({ pattern, resolve }) => !pattern.test(line) || resolve(line));
+        this.#waiting = this.#waiting.filter(
+            ({ pattern, resolve }) => !pattern.test(line) || resolve(line),
+        );
     }
 }

@@ -11,9 +11,14 @@ export async function untilState(page, name) {
 
 /** Ends when so many more tokens have gone back with this outcome. */
 export async function untilMore(page, outcome, count) {
+    await page.waitForFunction(() => globalThis.kirowebPage, null, PATIENCE);
     const before = await page.evaluate((o) => kirowebPage.outcomes[o], outcome);
     const most = { o: outcome, wanted: before + count };
-    await page.waitForFunction(({ o, wanted }) => kirowebPage.outcomes[o] >= wanted, most, PATIENCE);
+    await page.waitForFunction(
+        ({ o, wanted }) => kirowebPage.outcomes[o] >= wanted,
+        most,
+        PATIENCE,
+    );
 }
 
 export const outcomesOf = (page) => page.evaluate(() => ({ ...kirowebPage.outcomes }));
@@ -33,11 +38,17 @@ export async function pictureOf(page, axes) {
         const part = host.querySelector(".u-over").getBoundingClientRect();
         const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
         let bytes = "";
-        for (let i = 0; i < data.length; i += 8192) bytes += String.fromCharCode(...data.subarray(i, i + 8192));
+        for (let i = 0; i < data.length; i += 8192) {
+            bytes += String.fromCharCode(...data.subarray(i, i + 8192));
+        }
         return {
-            width: canvas.width, height: canvas.height, base64: btoa(bytes),
-            left: part.left - whole.left, top: part.top - whole.top,
-            across: part.width, down: part.height,
+            width: canvas.width,
+            height: canvas.height,
+            base64: btoa(bytes),
+            left: part.left - whole.left,
+            top: part.top - whole.top,
+            across: part.width,
+            down: part.height,
         };
     }, axes);
     return new Picture(picture);

@@ -23,7 +23,10 @@ export class Proxy {
     }
     /** For a browser context. */
     get settings() {
-        return { server: `socks5://127.0.0.1:${this.server.address().port}`, bypass: "<-loopback>" };
+        return {
+            server: `socks5://127.0.0.1:${this.server.address().port}`,
+            bypass: "<-loopback>",
+        };
     }
     /** Ends all connections, and any new one until `mend`. */
     cut() {

@@ -7,8 +7,13 @@ import { untilMore } from "./page.mjs";
 import { Proxy } from "./proxy.mjs";
 
 const FLAGS = [
-    "--headless", "--disable-gpu", "--disable-quic", "--no-first-run",
-    "--disable-background-networking", "--disable-component-update", "--disable-sync",
+    "--headless",
+    "--disable-gpu",
+    "--disable-quic",
+    "--no-first-run",
+    "--disable-background-networking",
+    "--disable-component-update",
+    "--disable-sync",
 ];
 
 /** One browser for a file of tests; what a test asks for goes with it. */
@@ -19,7 +24,11 @@ export class Stage {
         const chromiumSandbox = process.getuid() !== 0;
         const executablePath = "/usr/bin/chromium";
         before(async () => {
-            this.browser = await playwright().chromium.launch({ executablePath, args: FLAGS, chromiumSandbox });
+            this.browser = await playwright().chromium.launch({
+                executablePath,
+                args: FLAGS,
+                chromiumSandbox,
+            });
         });
         after(() => this.browser?.close());
         afterEach(async () => {
@@ -32,7 +41,10 @@ export class Stage {
     }
     /** A page in a window of its own, which keeps what it complains of. */
     async page(options = {}) {
-        const context = await this.browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
+        const context = await this.browser.newContext({
+            viewport: { width: 1280, height: 800 },
+            ...options,
+        });
         this.defer(() => context.close());
         const page = await context.newPage();
         page.complaints = [];

@@ -1,0 +1,122 @@
+// How a page gets in: with a token, which its link brought and its tab keeps.
+
+const KEY = "kiroweb.token";
+const EXCHANGE = "/kiroweb/token";
+const PATIENCE = 5000;
+/** What can be offered as a subprotocol. */
+const SPEAKABLE = /^[\w.~-]+$/;
+
+/**
+ * @typedef {object} Access
+ * @property {() => Promise<string>} token empty: there is none. Rejected, it is asked for again
+ *   with the next attempt
+ * @property {() => Promise<boolean>} isServed asked when no connection comes about: whether the
+ *   program is there, so that it is the token that it does not accept
+ * @property {(call: () => void) => void} [whenLinkOpened] calls whenever there may be a new token
+ */
+
+/** The address of the gateway that served this page.
+ * @param {{protocol: string, host: string}} [location] @returns {string} */
+export function gatewayAddress({ protocol, host } = globalThis.location) {
+    return `${protocol === "https:" ? "wss:" : "ws:"}//${host}/kiroweb`;
+}
+
+/** What a link's fragment gives: `#token=...`, or `#code=...`, which is good for one exchange.
+ * @param {string} hash */
+function readFragment(hash) {
+    const parameters = new URLSearchParams(hash.slice(1));
+    return { token: parameters.get("token"), code: parameters.get("code") };
+}
+
+/** The access of a browser's tab. Reload, return and duplicate have what the link brought, since
+ * `sessionStorage` goes with the tab; unlike a cookie it is not sent to the host's other ports.
+ * @implements {Access} */
+export class TabAccess {
+    #window;
+    /** @type {Promise<string> | null} */
+    #asked = null;
+    /** Where a browser allows no storage, this page alone has it. */
+    #token = "";
+
+    /** @param {any} [window] */
+    constructor(window = globalThis) {
+        this.#window = window;
+    }
+
+    /** A code is exchanged once, however many ask. */
+    token() {
+        this.#asked ??= this.#find().finally(() => {
+            this.#asked = null;
+        });
+        return this.#asked;
+    }
+
+    async isServed() {
+        const signal = AbortSignal.timeout(PATIENCE);
+        const how = { method: "HEAD", cache: "no-store", signal };
+        return (await this.#window.fetch("/", how)).ok;
+    }
+
+    /** A link that is opened where the page is already changes the fragment and loads nothing.
+     * @param {() => void} call */
+    whenLinkOpened(call) {
+        this.#window.addEventListener("hashchange", () => {
+            const { token, code } = readFragment(this.#window.location.hash);
+            if (token !== null || code !== null) this.token().then(call, call);
+        });
+    }
+
+    async #find() {
+        const { hash } = this.#window.location;
+        const { token, code } = readFragment(hash);
+        const brought = code === null ? token : await this.#exchange(code);
+        if (brought !== null && SPEAKABLE.test(brought)) this.#keep(brought);
+        if (token !== null || code !== null) this.#cleanAddress(hash);
+        return this.#kept();
+    }
+
+    /** Null: the code was used already, or is none.
+     * @param {string} code @returns {Promise<string | null>} */
+    async #exchange(code) {
+        const signal = AbortSignal.timeout(PATIENCE);
+        const how = { method: "POST", body: code, cache: "no-store", signal };
+        const response = await this.#window.fetch(EXCHANGE, how);
+        if (response.status === 403) return null;
+        if (!response.ok) throw new Error(`the program answered ${response.status}`);
+        return (await response.text()).trim();
+    }
+
+    /** @param {string} hash of the link that was taken */
+    #cleanAddress(hash) {
+        const { location, history } = this.#window;
+        if (location.hash !== hash) return;
+        history.replaceState(history.state, "", location.pathname + location.search);
+    }
+
+    /** @param {string} token */
+    #keep(token) {
+        this.#token = token;
+        try {
+            this.#window.sessionStorage.setItem(KEY, token);
+        } catch {
+            // Kept here alone.
+        }
+    }
+
+    #kept() {
+        try {
+            return this.#window.sessionStorage.getItem(KEY) ?? this.#token;
+        } catch {
+            return this.#token;
+        }
+    }
+}
+
+/** A token that is known, for a client that is no page. @param {string} token @returns {Access} */
+export function knownToken(token) {
+    return { token: async () => token, isServed: async () => false };
+}
+
+/** This tab's; null where there is none.
+ * @type {Access | null} */
+export const tabAccess = typeof document === "undefined" ? null : new TabAccess();

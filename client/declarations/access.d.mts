@@ -1,0 +1,49 @@
+/**
+ * @typedef {object} Access
+ * @property {() => Promise<string>} token empty: there is none. Rejected, it is asked for again
+ *   with the next attempt
+ * @property {() => Promise<boolean>} isServed asked when no connection comes about: whether the
+ *   program is there, so that it is the token that it does not accept
+ * @property {(call: () => void) => void} [whenLinkOpened] calls whenever there may be a new token
+ */
+/** The address of the gateway that served this page.
+ * @param {{protocol: string, host: string}} [location] @returns {string} */
+export function gatewayAddress({ protocol, host }?: {
+    protocol: string;
+    host: string;
+}): string;
+/** A token that is known, for a client that is no page. @param {string} token @returns {Access} */
+export function knownToken(token: string): Access;
+/** The access of a browser's tab. Reload, return and duplicate have what the link brought, since
+ * `sessionStorage` goes with the tab; unlike a cookie it is not sent to the host's other ports.
+ * @implements {Access} */
+export class TabAccess implements Access {
+    /** @param {any} [window] */
+    constructor(window?: any);
+    /** A code is exchanged once, however many ask. */
+    token(): Promise<string>;
+    isServed(): Promise<any>;
+    /** A link that is opened where the page is already changes the fragment and loads nothing.
+     * @param {() => void} call */
+    whenLinkOpened(call: () => void): void;
+    #private;
+}
+/** This tab's; null where there is none.
+ * @type {Access | null} */
+export const tabAccess: Access | null;
+export type Access = {
+    /**
+     * empty: there is none. Rejected, it is asked for again
+     * with the next attempt
+     */
+    token: () => Promise<string>;
+    /**
+     * asked when no connection comes about: whether the
+     * program is there, so that it is the token that it does not accept
+     */
+    isServed: () => Promise<boolean>;
+    /**
+     * calls whenever there may be a new token
+     */
+    whenLinkOpened?: ((call: () => void) => void) | undefined;
+};
