@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "ChannelPattern.hpp"
 #include "annotated/Mutex.hpp"
+#include "text/ChannelPattern.hpp"
 
 namespace kiroutils {
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <utility>
 
+#include "StreamsOfContext.hpp"
 #include "bedrock/usm/thisthread.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
@@ -141,6 +142,7 @@ Vm::~Vm() {
     // What the destructors of the storage look up is this VM's, not the main one's.
     const detail::Binding binding(*fImpl);
     fImpl->close();
+    relay::binary::experimental::endStreamsOf(fImpl->context());
 }
 
 qnutil::contextmgr::QcrID Vm::context() const noexcept { return fImpl->context(); }

@@ -23,14 +23,6 @@ void SubscriberIndex::remove(const Subscriber& subscriber) {
     if (found->second.empty()) fExact.erase(found);
 }
 
-bool SubscriberIndex::hears(const std::string& channel) const {
-    if (std::any_of(fWildcards.begin(), fWildcards.end(),
-                    [&](const auto& subscriber) { return subscriber->pattern.matches(channel); })) {
-        return true;
-    }
-    return fExact.contains(channel);
-}
-
 std::shared_ptr<const Subscriber> SubscriberIndex::next(const std::string& channel,
                                                         std::uint64_t after,
                                                         std::uint64_t last) const {
