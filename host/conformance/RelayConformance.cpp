@@ -47,12 +47,12 @@ std::string line(const JsonMessage& message) {
 /// A service object whose handlers write down what they hear.
 class Endpoint {
   public:
-    std::shared_ptr<Subscription> hear(const std::string& channel, const std::string& name = "") {
+    std::shared_ptr<Subscription> hear(const std::string& channel) {
         return service
             ->subscribe(channel,
-                        [this, name](const JsonMessage& message) {
+                        [this](const JsonMessage& message) {
                             std::lock_guard lock(fMutex);
-                            fHeard.push_back(name + line(message));
+                            fHeard.push_back(line(message));
                         })
             .get();
     }
@@ -127,18 +127,32 @@ TEST(RelayMessages, OnlyAFinalSlashStarIsAWildcard) {
     }
 }
 
-TEST(RelayMessages, AServiceObjectHearsAMessageOnceThroughItsOldestSubscription) {
+TEST(RelayMessages, AServiceObjectHearsAMessageOnceHoweverManySubscriptionsMatch) {
     Endpoint one;
     Endpoint other;
-    auto wildcard = one.hear("/conformance/c/*", "wildcard: ");
-    const auto exact = one.hear("/conformance/c/a", "exact: ");
-    const auto elsewhere = other.hear("/conformance/c/a", "other: ");
+    auto wildcard = one.hear("/conformance/c/*");
+    const auto exact = one.hear("/conformance/c/a");
+    const auto elsewhere = other.hear("/conformance/c/a");
+    const Lines first{"/conformance/c/a 1"};
+    const Lines both{"/conformance/c/a 1", "/conformance/c/a 2"};
     publish(*one.service, "/conformance/c/a", "1");
-    EXPECT_EQ(one.heard(), Lines{"wildcard: /conformance/c/a 1"});
+    EXPECT_EQ(one.heard(), first);
     wildcard.reset();
     publish(*one.service, "/conformance/c/a", "2");
-    EXPECT_EQ(one.heard(), (Lines{"wildcard: /conformance/c/a 1", "exact: /conformance/c/a 2"}));
-    EXPECT_EQ(other.heard(), (Lines{"other: /conformance/c/a 1", "other: /conformance/c/a 2"}));
+    EXPECT_EQ(one.heard(), both);
+    EXPECT_EQ(other.heard(), both);
+}
+
+TEST(RelayMessages, AreHeardFromTheSubscriptionOnAndUntilItsEnd) {
+    Endpoint endpoint;
+    for (const char* text : {"1", "2"}) {
+        publish(*endpoint.service, "/conformance/b", "nobody");
+        const auto subscription = endpoint.hear("/conformance/b");
+        publish(*endpoint.service, "/conformance/b", text);
+        endpoint.heard();
+    }
+    publish(*endpoint.service, "/conformance/b", "nobody");
+    EXPECT_EQ(endpoint.heard(), (Lines{"/conformance/b 1", "/conformance/b 2"}));
 }
 
 TEST(RelayMessages, AHandlerMayPublishSubscribeDestroyItselfAndThrow) {
