@@ -12,7 +12,9 @@
 #include "Hub.hpp"
 #include "Server.hpp"
 #include "annotated/Mutex.hpp"
-#include "kirohost/Controls.hpp"
+#include "graphics_util/getContextQCRID.hpp"
+#include "qvm/detail/taskRouterAccess.hpp"
+#include "taskrouter/TaskRouter.hpp"
 
 namespace kirogateway {
 namespace {
@@ -51,8 +53,18 @@ Options checked(Options options) {
     return options;
 }
 
+/// Queues an empty task, so that a blocking wait looks at its condition.
+void wakeInterpreter(qnutil::contextmgr::QcrID context) {
+    const taskrouter::RunOptions options{taskrouter::WhenToDequeue::kWhenIdle, ""};
+    const auto router = qvm::detail::getTaskRouterAndSinks(context, options).router;
+    if (router == nullptr) return;
+    router->enqueueWithFuture(taskrouter::PackagedTaskIIP<void>({[] {}}, "kirogateway::Gateway"),
+                              options, qvm::detail::createID());
+}
+
 std::function<void()> wakeOf(const Options& options) {
-    return options.onLastPageGone ? options.onLastPageGone : [] { kirohost::wakeInterpreter(); };
+    if (options.onLastPageGone) return options.onLastPageGone;
+    return [context = graphics_util::getContextQCRID()] { wakeInterpreter(context); };
 }
 
 }  // namespace

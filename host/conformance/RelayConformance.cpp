@@ -147,6 +147,7 @@ TEST(RelayMessages, AreHeardFromTheSubscriptionOnAndUntilItsEnd) {
     Endpoint endpoint;
     for (const char* text : {"1", "2"}) {
         publish(*endpoint.service, "/conformance/b", "nobody");
+        endpoint.heard();  // a message that is under way may still reach a new subscription
         const auto subscription = endpoint.hear("/conformance/b");
         publish(*endpoint.service, "/conformance/b", text);
         endpoint.heard();
@@ -290,6 +291,17 @@ TEST(RelayStreams, ThatEndGiveBackWhatIsUnderWay) {
     EXPECT_FALSE(result.delivered);
     EXPECT_EQ(bytesOf(result.buffer), "under way");
     client->answer(0, true);  // too late, and harmless
+}
+
+TEST(RelayStreams, ThatLoseTheirClientGiveBackWhatIsUnderWay) {
+    auto client = conformance::openStreamClient("/conformance/left");
+    const auto stream = openStream("/conformance/left");
+    auto future = stream->send(bufferOf("under way"));
+    client->awaitBlocks(1);
+    client.reset();
+    const SendResult result = future.get();
+    EXPECT_FALSE(result.delivered);
+    EXPECT_EQ(bytesOf(result.buffer), "under way");
 }
 
 TEST(RelayStreams, GiveBlocksBackWhenNoClientIsThere) {
