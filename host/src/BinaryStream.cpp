@@ -18,6 +18,7 @@
 #include "Replacement.hpp"
 #include "StreamsOfContext.hpp"
 #include "annotated/Mutex.hpp"
+#include "checked/Require.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
 #include "process/Immortal.hpp"
@@ -340,10 +341,22 @@ Delivery::~Delivery() {
     if (fImpl != nullptr) fail();
 }
 
-const std::string& Delivery::channel() const noexcept { return fImpl->sending->stream->channel(); }
-const DataBuffer& Delivery::block() const noexcept { return fImpl->sending->block; }
-void Delivery::deliver() { fImpl->sending->answer(true); }
-void Delivery::fail() { fImpl->sending->answer(false); }
+const std::string& Delivery::channel() const noexcept {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    return fImpl->sending->stream->channel();
+}
+const DataBuffer& Delivery::block() const noexcept {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    return fImpl->sending->block;
+}
+void Delivery::deliver() {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    fImpl->sending->answer(true);
+}
+void Delivery::fail() {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    fImpl->sending->answer(false);
+}
 
 // --- The client's end --------------------------------------------------------------------------
 

@@ -7,11 +7,15 @@
 
 #include "Bus.hpp"
 #include "RelayLog.hpp"
+#include "checked/Require.hpp"
 #include "kirohost/Controls.hpp"
 #include "process/Immortal.hpp"
 
 namespace relay {
 namespace {
+
+/// For the precondition of `waitForDelivery`.
+thread_local bool tIsDeliveryThread = false;
 
 void waitLocked(std::condition_variable& condition, annotated::Mutex& mutex) REQUIRES_LOCK(mutex) {
     std::unique_lock<std::mutex> lock(mutex.native(), std::adopt_lock);
@@ -140,6 +144,7 @@ void Bus::startThreadLocked() {
 }
 
 void Bus::runDelivery() {
+    tIsDeliveryThread = true;
     while (takeBatch()) {
         for (; !fBatch.empty(); countDelivered()) {
             deliver(fBatch.front());
@@ -199,6 +204,7 @@ void Bus::countDelivered() {
 }
 
 void Bus::waitForDelivery() {
+    KIROWEB_REQUIRE(!tIsDeliveryThread);
     annotated::Lock lock(fMutex);
     const std::uint64_t queued = fQueuedCount;
     for (;;) {
@@ -230,6 +236,7 @@ class BusTransportLink final : public TransportLink {
 
     void deliver(const std::string& channel, Publication::Text text,
                  std::shared_ptr<const void> ticket) override {
+        KIROWEB_REQUIRE(text != nullptr);
         const std::string_view view(*text);
         Bus::instance().publish({channel, view, std::move(text)}, true, std::move(ticket), fNumber);
     }

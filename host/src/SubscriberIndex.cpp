@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <utility>
 
+#include "checked/Require.hpp"
+
 namespace relay {
 
 void SubscriberIndex::add(std::shared_ptr<const Subscriber> subscriber) {
     const ChannelPattern& pattern = subscriber->pattern;
     auto& subscribers = pattern.isWildcard() ? fWildcards : fExact[pattern.text()];
+    KIROWEB_REQUIRE(subscribers.empty() || subscribers.back()->age < subscriber->age);
     subscribers.push_back(std::move(subscriber));
 }
 

@@ -1,11 +1,14 @@
-// What only the stand-in has: VMs made at will, the policy for assertions.
+// What only the stand-in has: VMs made at will, the policy for assertions, an order of listeners.
 
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "bedrock/core/diag/assertion.hpp"
 #include "kirohost/Controls.hpp"
+#include "kiroutils/EventDispatcher.hpp"
 #include "qvm/detail/taskRouterAccess.hpp"
 #include "taskrouter/TaskRouter.hpp"
 
@@ -42,6 +45,27 @@ TEST(Assertions, EndTheProcessUnlessAPolicySaysOtherwise) {
         fail();
     }
     EXPECT_DEATH(fail(), "Assertion failed: a != b, src/X:12, void x\\(\\)\n$");
+}
+
+TEST(Dispatcher, CallsInTheOrderOfRegistrationThoseThatWereThereAndUpToAnException) {
+    using kiroutils::EventDispatcher;
+    EventDispatcher dispatcher;
+    std::vector<std::string> heard;
+    const auto hear = [&](const char* name, const char* who) {
+        return dispatcher.createListener(
+            name, [&heard, who](const auto&, const auto&) { heard.emplace_back(who); });
+    };
+    EventDispatcher::Listener made;
+    const auto a = hear("/g/*", "wide");
+    const auto b = hear("/g/x", "exact");
+    const auto c = hear("/*", "all");
+    const auto maker = dispatcher.createListener(
+        "/g/x", [&](const auto&, const auto&) { made = hear("/g/x", "made"); });
+    const auto d = hear("/g/x", "last");
+    const auto thrower = dispatcher.createListener("/g/x", nullptr);
+    const auto unreached = hear("/g/x", "unreached");
+    EXPECT_THROW(dispatcher.send("/g/x", {}), std::bad_function_call);
+    EXPECT_EQ(heard, (std::vector<std::string>{"wide", "exact", "all", "last"}));
 }
 
 }  // namespace
