@@ -2,13 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bedrock/core/diag/assertion.hpp"
+#include "bedrock/usm/thisthread.hpp"
+#include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
 #include "kiroutils/EventDispatcher.hpp"
+#include "kiroutils/KiroTerminatingCondition.hpp"
+#include "kiroutils/Logger.hpp"
 #include "qvm/detail/taskRouterAccess.hpp"
 #include "taskrouter/TaskRouter.hpp"
 
@@ -34,6 +41,60 @@ TEST(Vm, TakesItsTasksWithIt) {
     auto after = enqueue(*router);
     EXPECT_THROW(before.get(), boost::broken_promise);
     EXPECT_THROW(after.get(), boost::broken_promise);
+}
+
+TEST(Vm, DestroysItsStorageInItsOwnContextTheYoungestFirst) {
+    using bedrock::usm::thisthread::findOrInsert;
+    static std::vector<std::pair<int, std::uint64_t>> destroyed;
+    struct Older {
+        ~Older() { destroyed.emplace_back(1, graphics_util::getContextQCRID().value); }
+    };
+    struct Younger {
+        ~Younger() { destroyed.emplace_back(2, graphics_util::getContextQCRID().value); }
+    };
+    auto vm = std::make_unique<kirohost::Vm>();
+    const auto context = vm->context().value;
+    {
+        const auto binding = vm->bindThisThread();
+        (void)findOrInsert<Older>();
+        (void)findOrInsert<Younger>();
+    }
+    vm.reset();
+    EXPECT_EQ(destroyed, (std::vector<std::pair<int, std::uint64_t>>{{2, context}, {1, context}}));
+}
+
+TEST(Scopes, EndOnceAndAtOnceAlsoWhileObserversAreCalled) {
+    int calls = 0;
+    kirohost::Scope other;
+    kirohost::Scope moved = kirohost::observeLog([&other](const auto&) { other = {}; });
+    other = kirohost::observeLog([&calls](const auto&) { ++calls; });
+    const kirohost::Scope ending(std::move(moved));
+    kiroutils::Logger::instance().log("test", "text");
+    EXPECT_EQ(calls, 0);
+    int ends = 0;
+    {
+        kirohost::Scope from([&ends] { ++ends; });
+        kirohost::Scope to(std::move(from));
+        from = std::move(to);
+        EXPECT_EQ(ends, 0);
+    }
+    EXPECT_EQ(ends, 1);
+}
+
+TEST(TimeOuts, PassAfterTheirWholeSecondsOnTheClockThatIsSet) {
+    using std::chrono::milliseconds;
+    std::chrono::steady_clock::time_point now;
+    kirohost::setSteadyClock([&now] { return now; });
+    kiroutils::KiroTerminatingCondition limited("test", nullptr, std::chrono::seconds(5));
+    kiroutils::KiroTerminatingCondition endless("test", nullptr, std::chrono::seconds::max());
+    now += milliseconds(4999);
+    EXPECT_FALSE(limited.shouldTerminate());
+    now += milliseconds(1);
+    EXPECT_TRUE(limited.shouldTerminate());
+    EXPECT_TRUE(limited.hasTimedOut());
+    now += std::chrono::hours(24 * 365 * 100);
+    EXPECT_FALSE(endless.shouldTerminate());
+    kirohost::setSteadyClock(nullptr);
 }
 
 TEST(Assertions, EndTheProcessUnlessAPolicySaysOtherwise) {

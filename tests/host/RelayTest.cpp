@@ -103,6 +103,22 @@ TEST(Subscriptions, ServeTheOldestOfEachServiceInTheOrderOfTheServices) {
               (Lines{"oldest /age/a 1", "second /age/a 1", "younger /age/a 2", "second /age/a 2"}));
 }
 
+TEST(Subscriptions, HearFromTheirBeginningOnAndNoServiceIsServedThatAHandlerMakes) {
+    const auto service = makeService();
+    std::vector<std::shared_ptr<Subscription>> made;
+    Lines heard;
+    const Handler handler = [&](const JsonMessage& message) {
+        heard.push_back(line(message));
+        // A fault would serve the new ones for ever.
+        if (heard.size() < 3) made.push_back(makeService()->subscribe("/begin", handler).get());
+    };
+    publish(*service, "/begin", "nobody");
+    const auto subscription = service->subscribe("/begin", handler).get();
+    publish(*service, "/begin", "1");
+    kirohost::waitForDelivery();
+    EXPECT_EQ(heard, Lines{"/begin 1"});
+}
+
 TEST(Subscriptions, LetGoOfWhatTheirHandlersHoldAndOfTicketsThatNobodyHears) {
     const auto service = makeService();
     const auto link = relay::getRelay().attach(std::make_shared<RecordingTransport>());
@@ -216,6 +232,31 @@ TEST(OpenBlocks, CompleteWhenTheirClientEndOrTheirInterpreterGoes) {
     EXPECT_EQ(answers, (Lines{"1", "2", "3", "4", " delivered"}));
     std::weak_ptr<BinaryStream> alive = ofVm;
     EXPECT_EQ(alive.use_count(), 1) << "nothing keeps what is answered";
+}
+
+TEST(ClientEnd, TakesExactNamesBeforeWildcardsAndIsForgottenWithItsBlocks) {
+    Lines heard;
+    auto token = std::make_shared<int>();
+    const std::weak_ptr<int> watched = token;
+    const auto hear = [&heard, &token](const char* who) {
+        return [&heard, token, who](Delivery delivery) {
+            heard.emplace_back(who);
+            delivery.deliver();
+        };
+    };
+    std::optional<ClientEnd> wide(std::in_place, "/who/*", hear("wide"));
+    std::optional<ClientEnd> exact(std::in_place, "/who/a", hear("exact"));
+    std::optional<ClientEnd> younger(std::in_place, "/who/a", hear("younger"));
+    const auto stream = createBinaryStream("/who/a", {});
+    (void)stream->send(bufferOf("block"));
+    exact.reset();
+    (void)stream->send(bufferOf("block"));
+    younger.reset();
+    (void)stream->send(bufferOf("block"));
+    wide.reset();
+    EXPECT_EQ(heard, (Lines{"exact", "younger", "wide"}));
+    token.reset();
+    EXPECT_TRUE(watched.expired()) << "the stream keeps what is answered";
 }
 
 TEST(OpenBlocks, CompleteWhenTheHandlerDestroysItsEndOrComesAfterIt) {
