@@ -1,4 +1,5 @@
-// What only the stand-in has: VMs made at will, the policy for assertions, an order of listeners.
+// What only the stand-in has: VMs made at will, scopes, a clock, a policy for assertions, and an
+// order of listeners.
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,7 @@
 #include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
 #include "kiroutils/EventDispatcher.hpp"
+#include "kiroutils/KiroBlockingOperation.hpp"
 #include "kiroutils/KiroTerminatingCondition.hpp"
 #include "kiroutils/Logger.hpp"
 #include "qvm/detail/taskRouterAccess.hpp"
@@ -21,14 +23,15 @@
 
 namespace {
 
+using taskrouter::WhenToDequeue;
+
 std::shared_ptr<taskrouter::TaskRouter> routerOf(qnutil::contextmgr::QcrID context) {
     return qvm::detail::getTaskRouterAndSinks(context, {}).router;
 }
 
 auto enqueue(taskrouter::TaskRouter& router) {
     return router.enqueueWithFuture(taskrouter::PackagedTaskIIP<void>({[] {}}, ""),
-                                    {taskrouter::WhenToDequeue::kWhenIdle, ""},
-                                    qvm::detail::createID());
+                                    {WhenToDequeue::kWhenIdle, ""}, qvm::detail::createID());
 }
 
 TEST(Vm, TakesItsTasksWithIt) {
@@ -41,6 +44,24 @@ TEST(Vm, TakesItsTasksWithIt) {
     auto after = enqueue(*router);
     EXPECT_THROW(before.get(), boost::broken_promise);
     EXPECT_THROW(after.get(), boost::broken_promise);
+}
+
+TEST(Tasks, ForThePromptDoNotRunInsideAWait) {
+    std::vector<std::string> ran;
+    const auto router = routerOf(graphics_util::getContextQCRID());
+    for (const auto when : {WhenToDequeue::kAtPrompt, WhenToDequeue::kWhenIdle}) {
+        const char* const name = when == WhenToDequeue::kAtPrompt ? "prompt" : "idle";
+        (void)router->enqueueWithFuture(
+            taskrouter::PackagedTaskIIP<void>({[&ran, name] { ran.emplace_back(name); }}, ""),
+            {when, ""}, qvm::detail::createID());
+    }
+    kiroutils::KiroBlockingOperation::waitOrThrow(
+        std::make_unique<kiroutils::KiroTerminatingCondition>(
+            "test", [&ran] { return !ran.empty(); }, std::chrono::seconds::max()),
+        nullptr);
+    EXPECT_EQ(ran, std::vector<std::string>{"idle"});
+    EXPECT_EQ(kirohost::runPendingTasks(), 1U);
+    EXPECT_EQ(ran.back(), "prompt");
 }
 
 TEST(Vm, DestroysItsStorageInItsOwnContextTheYoungestFirst) {
