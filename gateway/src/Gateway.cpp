@@ -23,16 +23,13 @@ namespace {
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::Delivery;
 
-/// Has a wait on the interpreter thread look at its condition.
-void wakeInterpreter() {
-    taskrouter::RunOptions options;
-    options.whenToDequeue = taskrouter::WhenToDequeue::kWhenIdle;
-    const auto id = qvm::detail::createID();
-    const auto access =
-        qvm::detail::getTaskRouterAndSinks(graphics_util::getContextQCRID(), options);
-    if (access.router == nullptr) return;  // nobody can wait without one
-    taskrouter::PackagedTaskIIP<void> task({[] {}}, "kirogateway");
-    access.router->enqueueWithFuture(std::move(task), options, id);
+/// Queues an empty task, so that a wait on the interpreter thread looks at its condition.
+void wakeInterpreter(qnutil::contextmgr::QcrID context) {
+    const taskrouter::RunOptions options{taskrouter::WhenToDequeue::kWhenIdle, ""};
+    const auto router = qvm::detail::getTaskRouterAndSinks(context, options).router;
+    if (router == nullptr) return;
+    router->enqueueWithFuture(taskrouter::PackagedTaskIIP<void>({[] {}}, "kirogateway::Gateway"),
+                              options, qvm::detail::createID());
 }
 
 }  // namespace
@@ -51,7 +48,8 @@ struct Gateway::Impl {
     void stop() noexcept;
     [[nodiscard]] std::function<void()> lastPageGone() const {
         const auto& own = context->options.onLastPageGone;
-        return own ? own : wakeInterpreter;
+        if (own) return own;
+        return [interpreter = graphics_util::getContextQCRID()] { wakeInterpreter(interpreter); };
     }
 
     const std::shared_ptr<Context> context;

@@ -1,16 +1,18 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 /// What the conformance tests need beyond the platform interfaces: the parts that a client, in
 /// production a browser page, plays. Somebody with a host application of their own writes these
 /// functions for it and links them with the tests in place of StandInAdapter.cpp.
 ///
-/// A test waits without a time limit: a host that loses what it accepted makes it hang, and the
-/// test runner's time-out ends it.
+/// A test waits without a time limit of its own: a host that loses what it accepted makes it hang,
+/// and the suite's watchdog (Watchdog.hpp) fails it by its name.
 namespace conformance {
 
 /// Makes the calling thread the one on which `utIsSignalThread()` answers true and the main
@@ -49,5 +51,38 @@ class StreamClient {
 };
 /// REQUIRES: the channel has no other client, and the stream's engine end may not exist yet.
 [[nodiscard]] std::unique_ptr<StreamClient> openStreamClient(const std::string& channel);
+
+// --- What an embedding program sets and sees ---------------------------------------------------
+
+/// The host's graphics settings and switches.
+struct Settings {
+    bool binaryChannelForCommands = false;
+    bool binaryChannelFallback = false;
+    bool warnAboutFallback = false;
+    std::int64_t drawnowTimeoutSeconds = 0;
+    bool drawnowTimeoutLogging = false;
+    bool atOstrel = false;
+    std::function<void()> drawnowTimeoutHook;  ///< may be empty
+};
+/// Puts all of them in force.
+void apply(const Settings& settings);
+
+/// Runs `body` on this thread, and returns "component:key" of each warning that the host has issued
+/// meanwhile, in order.
+[[nodiscard]] std::vector<std::string> warningsOf(const std::function<void()>& body);
+
+/// The diagnostic loggers called `logger` write records up to `level` from now on.
+void setDiagnosticLevel(const std::string& logger, int level);
+/// Runs `body` on this thread, and returns the texts that those loggers have written meanwhile.
+[[nodiscard]] std::vector<std::string> diagnosticsOf(const std::string& logger,
+                                                     const std::function<void()>& body);
+
+/// Sends the event that comes before a memory snapshot.
+void takeMemorySnapshot();
+
+/// From now on what the host reports of a failed assertion or of a terminate is written to standard
+/// error as well, on one line with the condition, the source, the line and the function. Called in
+/// a process of its own, which ends afterwards.
+void showAssertions();
 
 }  // namespace conformance

@@ -1,10 +1,12 @@
 #include "relay/binary/experimental/BinaryStream.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <new>
@@ -12,25 +14,22 @@
 #include <utility>
 #include <vector>
 
-#include "ChannelPattern.hpp"
 #include "RelayLog.hpp"
 #include "Replacement.hpp"
+#include "StreamsOfContext.hpp"
 #include "annotated/Mutex.hpp"
+#include "checked/Require.hpp"
+#include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
 #include "process/Immortal.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
+#include "text/ChannelPattern.hpp"
 
 namespace relay::binary::experimental {
 
 using common::DataBuffer;
 
 namespace {
-
-/// One client end, as the exchange knows it.
-struct Client {
-    ChannelPattern pattern;
-    ClientEnd::BlockHandler handler;
-};
 
 /// Throws std::bad_alloc.
 DataBuffer copyOf(const DataBuffer& block) {
@@ -42,26 +41,39 @@ DataBuffer copyOf(const DataBuffer& block) {
     return {bytes, capacity, block.size()};
 }
 
-class StreamCore;
+struct Sending;
 
-/// A block under way: sent, not yet answered.
-struct Sending {
-    Sending(std::shared_ptr<StreamCore> theStream, DataBuffer&& theBlock) noexcept
-        : stream(std::move(theStream)), block(std::move(theBlock)) {}
+/// The blocks under way of one stream or to one client end. Any thread.
+class UnderWay {
+  public:
+    /// Does nothing after the end.
+    void add(const std::shared_ptr<Sending>& sending);
+    void remove(const Sending& sending) noexcept;
+    /// Completes all, oldest first, as not delivered.
+    void end() noexcept;
 
-    /// Completes the future unless it has been answered; gives the block back or frees it.
-    void answer(bool delivered);
+    [[nodiscard]] bool hasEnded() const {
+        annotated::Lock lock(fMutex);
+        return fHasEnded;
+    }
 
-    const std::shared_ptr<StreamCore> stream;
-    std::uint64_t number = 0;
-    DataBuffer block;
-    Promise<SendResult> promise;
+  private:
+    mutable annotated::Mutex fMutex;
+    std::map<std::uint64_t, std::shared_ptr<Sending>> fSendings GUARDED_BY(fMutex);
+    bool fHasEnded GUARDED_BY(fMutex) = false;
+};
+
+/// One client end, as the exchange knows it.
+struct Client {
+    Client(std::string channel, ClientEnd::BlockHandler function)
+        : pattern(std::move(channel)), handler(std::move(function)) {}
+
+    const ChannelPattern pattern;
+    const ClientEnd::BlockHandler handler;
+    UnderWay underWay;
 };
 
 /// What the engine's end, its sends under way and the client's end share.
-///
-/// A send is answered by whoever takes it out of the stream's list: its delivery or the stream's
-/// end. That makes it once, and lets the answer be given with no lock held.
 class StreamCore {
   public:
     StreamCore(std::string channel, bool returnOnFail)
@@ -69,19 +81,8 @@ class StreamCore {
 
     [[nodiscard]] const std::string& channel() const noexcept { return fChannel; }
     [[nodiscard]] bool returnOnFail() const noexcept { return fReturnOnFail; }
-
-    void add(const std::shared_ptr<Sending>& sending) {
-        annotated::Lock lock(fMutex);
-        sending->number = fNextNumber;
-        fUnderWay.emplace(fNextNumber, sending);
-        ++fNextNumber;
-    }
-
-    /// Answers whether `sending` was still under way; it is not any more.
-    [[nodiscard]] bool take(const Sending& sending) {
-        annotated::Lock lock(fMutex);
-        return fUnderWay.erase(sending.number) > 0;
-    }
+    /// The context whose end is the stream's too.
+    [[nodiscard]] qnutil::contextmgr::QcrID context() const noexcept { return fContext; }
 
     void setReceiver(std::shared_ptr<const ReceiveCallback> callback) {
         annotated::Lock lock(fMutex);
@@ -93,28 +94,100 @@ class StreamCore {
         return fReceiver;
     }
 
-    /// Answers what is under way, oldest first, and receives no more.
-    void end() noexcept;
+    /// Completes what is under way, and receives no more.
+    void end() noexcept {
+        setReceiver(nullptr);
+        underWay.end();
+    }
+
+    UnderWay underWay;
 
   private:
     const std::string fChannel;
     const bool fReturnOnFail;
+    const qnutil::contextmgr::QcrID fContext = graphics_util::getContextQCRID();
     mutable annotated::Mutex fMutex;
-    std::uint64_t fNextNumber GUARDED_BY(fMutex) = 1;
-    std::map<std::uint64_t, std::shared_ptr<Sending>> fUnderWay GUARDED_BY(fMutex);
     std::shared_ptr<const ReceiveCallback> fReceiver GUARDED_BY(fMutex);
 };
 
+/// A block under way: sent, not yet answered. Its delivery, the end of its stream and that of its
+/// client end may all answer; the first one does.
+struct Sending {
+    Sending(std::shared_ptr<StreamCore> theStream, std::shared_ptr<Client> theClient,
+            DataBuffer&& theBlock) noexcept
+        : stream(std::move(theStream)), client(std::move(theClient)), block(std::move(theBlock)) {}
+
+    /// Completes the future unless it has been answered; gives the block back or frees it.
+    void answer(bool delivered);
+    /// As `answer(false)`, for an end that goes while the client may still read the block: the
+    /// engine is given a copy. Without the memory for one the block is lost to it, which it sees.
+    void giveUp() noexcept;
+    [[nodiscard]] bool isAnswered() const noexcept { return fIsAnswered; }
+    void leaveLists() noexcept {
+        stream->underWay.remove(*this);
+        client->underWay.remove(*this);
+    }
+
+    const std::shared_ptr<StreamCore> stream;
+    const std::shared_ptr<Client> client;
+    const std::uint64_t number = ++sLastNumber;  ///< ascending in the order of sending
+    DataBuffer block;
+    Promise<SendResult> promise;
+
+  private:
+    static inline std::atomic<std::uint64_t> sLastNumber = 0;
+    std::atomic<bool> fIsAnswered = false;
+};
+
+void UnderWay::add(const std::shared_ptr<Sending>& sending) {
+    annotated::Lock lock(fMutex);
+    if (!fHasEnded) fSendings.emplace(sending->number, sending);
+}
+
+void UnderWay::remove(const Sending& sending) noexcept {
+    std::shared_ptr<Sending> removed;  // let go outside the lock: what it keeps alive is foreign
+    annotated::Lock lock(fMutex);
+    const auto found = fSendings.find(sending.number);
+    if (found == fSendings.end()) return;
+    removed = std::move(found->second);
+    fSendings.erase(found);
+}
+
+void UnderWay::end() noexcept {
+    std::map<std::uint64_t, std::shared_ptr<Sending>> unanswered;
+    {
+        annotated::Lock lock(fMutex);
+        fHasEnded = true;
+        unanswered.swap(fSendings);
+    }
+    for (const auto& [number, sending] : unanswered) sending->giveUp();
+}
+
 void Sending::answer(bool delivered) {
-    if (!stream->take(*this)) return;
+    if (fIsAnswered.exchange(true)) return;
+    leaveLists();
     DataBuffer givenBack(std::move(block));
     if (delivered || !stream->returnOnFail()) givenBack = {};
     promise.setValue({delivered, std::move(givenBack)});
 }
 
+void Sending::giveUp() noexcept {
+    if (fIsAnswered.exchange(true)) return;
+    leaveLists();
+    DataBuffer copy;
+    try {
+        if (stream->returnOnFail()) copy = copyOf(block);
+    } catch (const std::bad_alloc&) {
+        copy = {};
+    }
+    promise.setValue({false, std::move(copy)});
+}
+
 /// Where the two ends of a channel find each other. Never destroyed.
 class Exchange {
   public:
+    using Streams = std::vector<std::shared_ptr<StreamCore>>;
+
     static Exchange& instance() {
         static Immortal<Exchange> exchange;
         return *exchange;
@@ -133,28 +206,38 @@ class Exchange {
         if (found->second.empty()) fStreams.erase(found);
     }
 
-    [[nodiscard]] std::vector<std::shared_ptr<StreamCore>> streams(
-        const std::string& channel) const {
+    [[nodiscard]] Streams streams(const std::string& channel) const {
         annotated::Lock lock(fMutex);
         const auto found = fStreams.find(channel);
-        return found == fStreams.end() ? std::vector<std::shared_ptr<StreamCore>>() : found->second;
+        return found == fStreams.end() ? Streams() : found->second;
     }
 
-    void add(const std::shared_ptr<const Client>& client) {
+    /// Those that were made in `context`.
+    [[nodiscard]] Streams streams(qnutil::contextmgr::QcrID context) const {
+        Streams result;
+        annotated::Lock lock(fMutex);
+        for (const auto& [channel, streams] : fStreams) {
+            std::copy_if(streams.begin(), streams.end(), std::back_inserter(result),
+                         [&](const auto& stream) { return stream->context() == context; });
+        }
+        return result;
+    }
+
+    void add(const std::shared_ptr<Client>& client) {
         annotated::Lock lock(fMutex);
         fClients.push_back(client);
     }
 
-    void remove(const std::shared_ptr<const Client>& client) noexcept {
+    void remove(const std::shared_ptr<Client>& client) noexcept {
         annotated::Lock lock(fMutex);
         std::erase(fClients, client);
     }
 
     /// The client end that gets the blocks of `channel`, empty when there is none: the oldest
     /// of its exact name, else the oldest wildcard that matches.
-    [[nodiscard]] std::shared_ptr<const Client> clientFor(const std::string& channel) const {
+    [[nodiscard]] std::shared_ptr<Client> clientFor(const std::string& channel) const {
         annotated::Lock lock(fMutex);
-        const std::shared_ptr<const Client>* wildcard = nullptr;
+        const std::shared_ptr<Client>* wildcard = nullptr;
         for (const auto& client : fClients) {
             if (!client->pattern.matches(channel)) continue;
             if (client->pattern.text() == channel) return client;
@@ -165,31 +248,9 @@ class Exchange {
 
   private:
     mutable annotated::Mutex fMutex;
-    std::unordered_map<std::string, std::vector<std::shared_ptr<StreamCore>>> fStreams
-        GUARDED_BY(fMutex);
-    std::vector<std::shared_ptr<const Client>> fClients GUARDED_BY(fMutex);  ///< oldest first
+    std::unordered_map<std::string, Streams> fStreams GUARDED_BY(fMutex);
+    std::vector<std::shared_ptr<Client>> fClients GUARDED_BY(fMutex);  ///< oldest first
 };
-
-void StreamCore::end() noexcept {
-    std::map<std::uint64_t, std::shared_ptr<Sending>> unanswered;
-    std::shared_ptr<const ReceiveCallback> receiver;  // released outside the lock: it is foreign
-    {
-        annotated::Lock lock(fMutex);
-        unanswered.swap(fUnderWay);
-        receiver.swap(fReceiver);
-    }
-    for (const auto& [number, sending] : unanswered) {
-        // The client may be reading the block of a delivery that it kept, so the engine is given
-        // a copy. Without the memory for one the block is lost to it, which it sees.
-        DataBuffer copy;
-        try {
-            if (fReturnOnFail) copy = copyOf(sending->block);
-        } catch (const std::bad_alloc&) {
-            copy = {};
-        }
-        sending->promise.setValue({false, std::move(copy)});
-    }
-}
 
 class ExchangeStream final : public BinaryStream {
   public:
@@ -243,15 +304,23 @@ struct Delivery::Impl {
 Future<SendResult> ExchangeStream::doSend(DataBuffer&& block) {
     DataBuffer owned(std::move(block));
     const auto client = Exchange::instance().clientFor(fCore->channel());
-    if (client == nullptr) {
+    if (client == nullptr || fCore->underWay.hasEnded()) {
         if (!fCore->returnOnFail()) owned = {};
         return makeReadyFuture(SendResult{false, std::move(owned)});
     }
     // From here on the handler may destroy this stream: only locals are touched.
-    const auto sending = std::make_shared<Sending>(fCore, std::move(owned));
+    const auto sending = std::make_shared<Sending>(fCore, client, std::move(owned));
     auto future = sending->promise.getFuture();
     Delivery delivery(std::make_unique<Delivery::Impl>(Delivery::Impl{sending}));
-    sending->stream->add(sending);
+    sending->stream->underWay.add(sending);
+    client->underWay.add(sending);
+    // Had one of the two ended before, nobody would answer; had it answered before the block was in
+    // both lists, the block would stay in one.
+    if (sending->stream->underWay.hasEnded() || client->underWay.hasEnded()) {
+        sending->answer(false);
+        sending->leaveLists();
+        return future;
+    }
     try {
         client->handler(std::move(delivery));
     } catch (...) {
@@ -272,22 +341,38 @@ Delivery::~Delivery() {
     if (fImpl != nullptr) fail();
 }
 
-const std::string& Delivery::channel() const noexcept { return fImpl->sending->stream->channel(); }
-const DataBuffer& Delivery::block() const noexcept { return fImpl->sending->block; }
-void Delivery::deliver() { fImpl->sending->answer(true); }
-void Delivery::fail() { fImpl->sending->answer(false); }
+const std::string& Delivery::channel() const noexcept {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    return fImpl->sending->stream->channel();
+}
+const DataBuffer& Delivery::block() const noexcept {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    return fImpl->sending->block;
+}
+void Delivery::deliver() {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    fImpl->sending->answer(true);
+}
+void Delivery::fail() {
+    KIROWEB_REQUIRE(fImpl != nullptr);
+    fImpl->sending->answer(false);
+}
 
 // --- The client's end --------------------------------------------------------------------------
 
-struct ClientEnd::Impl : Client {};
+struct ClientEnd::Impl : Client {
+    using Client::Client;
+};
 
 ClientEnd::ClientEnd(std::string channel, BlockHandler handler)
-    : fImpl(
-          std::make_shared<Impl>(Impl{{ChannelPattern(std::move(channel)), std::move(handler)}})) {
-    Exchange::instance().add(std::shared_ptr<const Client>(fImpl));
+    : fImpl(std::make_shared<Impl>(std::move(channel), std::move(handler))) {
+    Exchange::instance().add(std::shared_ptr<Client>(fImpl));
 }
 
-ClientEnd::~ClientEnd() { Exchange::instance().remove(std::shared_ptr<const Client>(fImpl)); }
+ClientEnd::~ClientEnd() {
+    Exchange::instance().remove(std::shared_ptr<Client>(fImpl));
+    fImpl->underWay.end();
+}
 
 void ClientEnd::send(const std::string& channel, const DataBuffer& block) {
     for (const auto& stream : Exchange::instance().streams(channel)) {
@@ -300,6 +385,10 @@ void ClientEnd::send(const std::string& channel, const DataBuffer& block) {
             logCaught("receive callback", channel);
         }
     }
+}
+
+void endStreamsOf(qnutil::contextmgr::QcrID context) {
+    for (const auto& stream : Exchange::instance().streams(context)) stream->end();
 }
 
 }  // namespace relay::binary::experimental

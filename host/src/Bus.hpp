@@ -8,6 +8,8 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "SubscriberIndex.hpp"
@@ -17,10 +19,24 @@
 
 namespace relay {
 
-/// A queued message. The channel is shared with its neighbours in the queue where it can be, so
-/// that a message costs little more than its text.
+/// Who hears a channel: of each service object its oldest subscription that matches, the services
+/// in the order of their creation. Never changed; a change of the subscriptions makes it outdated.
+struct Route {
+    struct Stop {
+        std::uint64_t service;
+        /// Weak, so that what a handler captured goes with its subscription.
+        std::weak_ptr<const Subscriber> subscriber;
+    };
+
+    std::string channel;
+    std::uint64_t version = 0;  ///< of the subscriptions that it was made from
+    std::vector<Stop> stops;
+};
+
+/// A queued message. It shares its route, and by that its channel, with its neighbours in the
+/// queue, so that a message costs little more than its text.
 struct QueuedMessage {
-    std::shared_ptr<const std::string> channel;
+    std::shared_ptr<const Route> route;
     Publication::Text text;
     bool hasText = true;                 ///< an empty text and none differ
     std::shared_ptr<const void> ticket;  ///< let go when the message has been delivered
@@ -68,41 +84,53 @@ class Bus {
     void stop() noexcept;
 
   private:
-    /// The message in delivery and how far it has come. Belongs to the delivery thread.
-    struct Progress {
-        QueuedMessage message;
-        bool isUnderWay = false;
-        std::uint64_t servedService = 0;  ///< the services up to here have had their chance
-        std::uint64_t lastService = 0;    ///< the youngest service when the delivery began
-    };
     static constexpr std::uint64_t kNoBarrier = std::numeric_limits<std::uint64_t>::max();
+    /// Beyond this many channels the routes are made afresh: names may come and go for ever.
+    static constexpr std::size_t kMostRoutes = 1024;
 
     struct AttachedTransport {
         std::uint64_t number;
         std::shared_ptr<Transport> transport;
     };
 
-    [[nodiscard]] bool isHeard(const std::string& channel) const;
-    [[nodiscard]] std::shared_ptr<const std::string> channelLocked(const std::string& channel)
+    /// The route of `channel`, which is up to date. Throws std::bad_alloc.
+    [[nodiscard]] const std::shared_ptr<const Route>& routeLocked(const std::string& channel)
         REQUIRES_LOCK(fPublishMutex);
+    [[nodiscard]] std::shared_ptr<const Route> makeRoute(const std::string& channel) const;
     /// Answers whether the delivery thread has to be notified.
     [[nodiscard]] bool enqueue(QueuedMessage message);
     void startThreadLocked() REQUIRES_LOCK(fMutex);
+
+    // --- The delivery thread ---
+
     void runDelivery();
-    /// Blocks for the next call that is due; empty when the process exits.
-    std::shared_ptr<const Subscriber> awaitCall(Progress& progress);
-    void beginNextLocked(Progress& progress) REQUIRES_LOCK(fMutex);
-    void finishLocked(Progress& progress) REQUIRES_LOCK(fMutex);
+    /// Blocks for messages and takes all that are there; answers false when the process exits.
+    [[nodiscard]] bool takeBatch();
+    void deliver(const QueuedMessage& message);
+    /// Who hears the message next, of the services in (`after`, `last`]. What is decided here
+    /// counts as begun: a subscription that is destroyed later is called once more, one destroyed
+    /// before is not.
+    [[nodiscard]] std::shared_ptr<const Subscriber> nextCall(const QueuedMessage& message,
+                                                             std::uint64_t after,
+                                                             std::uint64_t last) const;
+    void countDelivered();
 
     std::atomic<bool> fIsConnected{false};
     std::atomic<std::uint64_t> fServices{0};
+    /// Of the subscriptions; changed under `fMutex`, read without it.
+    std::atomic<std::uint64_t> fVersion{0};
+    std::atomic<bool> fIsStopped{false};  ///< set under `fMutex`, read without it
 
     /// Makes the order of the queue that of the transports; taken before `fMutex`.
     annotated::Mutex fPublishMutex{annotated::Rank::kPublish};
     std::vector<AttachedTransport> fTransports GUARDED_BY(fPublishMutex);
     std::uint64_t fTransportNumber GUARDED_BY(fPublishMutex) = 0;
-    /// The channel of the message that was queued last.
-    std::shared_ptr<const std::string> fLastChannel GUARDED_BY(fPublishMutex);
+    /// All of the version `fRoutesVersion`, by the channel that each of them holds.
+    std::unordered_map<std::string_view, std::shared_ptr<const Route>> fRoutes
+        GUARDED_BY(fPublishMutex);
+    std::uint64_t fRoutesVersion GUARDED_BY(fPublishMutex) = 0;
+    /// The route used last, which is mostly the next one too; empty when it is outdated.
+    std::shared_ptr<const Route> fLastRoute GUARDED_BY(fPublishMutex);
 
     mutable annotated::Mutex fMutex{annotated::Rank::kBus};
     std::condition_variable fWork;       ///< for the delivery thread alone
@@ -111,12 +139,17 @@ class Bus {
     std::uint64_t fSubscriberAge GUARDED_BY(fMutex) = 0;
     std::deque<QueuedMessage> fQueue GUARDED_BY(fMutex);
     std::uint64_t fQueuedCount GUARDED_BY(fMutex) = 0;
-    std::uint64_t fDeliveredCount GUARDED_BY(fMutex) = 0;
-    /// The lowest count of delivered messages that somebody waits for.
-    std::uint64_t fNextBarrier GUARDED_BY(fMutex) = kNoBarrier;
     bool fIsStarted GUARDED_BY(fMutex) = false;
     bool fIsIdle GUARDED_BY(fMutex) = false;  ///< the delivery thread waits for `fWork`
-    bool fIsStopped GUARDED_BY(fMutex) = false;
+
+    /// What the delivery thread has taken from the queue and not delivered yet; its own. A member,
+    /// so that what is left at the process's exit is dropped without running a foreign destructor.
+    std::deque<QueuedMessage> fBatch;
+    /// Counted by the delivery thread without a lock. Sequentially consistent, as is the barrier:
+    /// of the thread that counts and one that sets a barrier at least one sees the other's value.
+    std::atomic<std::uint64_t> fDeliveredCount{0};
+    /// The lowest count of delivered messages that somebody waits for; set under `fMutex`.
+    std::atomic<std::uint64_t> fNextBarrier{kNoBarrier};
 };
 
 }  // namespace relay

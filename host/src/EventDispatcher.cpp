@@ -9,8 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "ChannelPattern.hpp"
 #include "annotated/Mutex.hpp"
+#include "checked/Require.hpp"
+#include "text/ChannelPattern.hpp"
 
 namespace kiroutils {
 
@@ -88,6 +89,7 @@ void EventDispatcher::State::add(const std::shared_ptr<Node>& node) {
 }
 
 void EventDispatcher::State::remove(const Node& node) noexcept try {
+    KIROWEB_REQUIRE(!node.active.load());
     Snapshot replaced;
     const annotated::Lock lock(fMutex);
     if (node.pattern.isWildcard()) {

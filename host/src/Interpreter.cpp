@@ -3,7 +3,9 @@
 #include <atomic>
 #include <utility>
 
+#include "StreamsOfContext.hpp"
 #include "bedrock/usm/thisthread.hpp"
+#include "checked/Require.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
 #include "process/Immortal.hpp"
@@ -132,22 +134,30 @@ void adoptSignalThread() {
     detail::gSignalThread = detail::tSignalThread;
 }
 
-struct Vm::Impl final : detail::Machine {};
+struct Vm::Impl final : detail::Machine {
+    std::atomic<int> numBindings = 0;  ///< of threads, for the destructor's precondition
+};
 
 Vm::Vm() : fImpl(std::make_shared<Impl>()) { Interpreter::instance().add(fImpl); }
 
 Vm::~Vm() {
+    KIROWEB_REQUIRE(fImpl->numBindings == 0 || detail::tBound == fImpl.get());
     Interpreter::instance().remove(*fImpl);
     // What the destructors of the storage look up is this VM's, not the main one's.
     const detail::Binding binding(*fImpl);
     fImpl->close();
+    relay::binary::experimental::endStreamsOf(fImpl->context());
 }
 
 qnutil::contextmgr::QcrID Vm::context() const noexcept { return fImpl->context(); }
 
 Scope Vm::bindThisThread() {
     detail::Machine* const previous = std::exchange(detail::tBound, fImpl.get());
-    return Scope([machine = fImpl, previous] { detail::tBound = previous; });
+    ++fImpl->numBindings;
+    return Scope([machine = fImpl, previous] {
+        --machine->numBindings;
+        detail::tBound = previous;
+    });
 }
 
 Scope hideMainContext() {

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Interpreter.hpp"
+#include "checked/Require.hpp"
 
 namespace kiroutils {
 namespace {
@@ -20,6 +21,7 @@ constexpr std::chrono::milliseconds kLongestSleep(10);
 
 void KiroBlockingOperation::waitOrThrow(std::unique_ptr<KiroTerminatingCondition> condition,
                                         std::function<void()> pump) {
+    KIROWEB_REQUIRE(condition != nullptr);
     const auto queue = kirohost::detail::Interpreter::instance().current().queue();
     const kirohost::detail::InsideWait insideWait;
     for (;;) {

@@ -60,9 +60,8 @@ void setSteadyClock(std::function<TimePoint()> clock) {
 namespace kiroutils {
 
 struct KiroTerminatingCondition::Impl {
-    /// Compared in whole seconds, which no time-out can overflow.
+    /// Compared in whole seconds, which no time-out can overflow and the greatest never reaches.
     [[nodiscard]] bool timeHasPassed() const {
-        if (timeout == std::chrono::seconds::max()) return false;
         const auto elapsed = Clock::instance().now() - start;
         return std::chrono::floor<std::chrono::seconds>(elapsed) >= timeout;
     }

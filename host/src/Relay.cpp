@@ -2,17 +2,20 @@
 
 #include <algorithm>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <utility>
 
 #include "Bus.hpp"
 #include "RelayLog.hpp"
+#include "checked/Require.hpp"
 #include "kirohost/Controls.hpp"
 #include "process/Immortal.hpp"
 
 namespace relay {
 namespace {
+
+/// For the precondition of `waitForDelivery`.
+thread_local bool tIsDeliveryThread = false;
 
 void waitLocked(std::condition_variable& condition, annotated::Mutex& mutex) REQUIRES_LOCK(mutex) {
     std::unique_lock<std::mutex> lock(mutex.native(), std::adopt_lock);
@@ -42,33 +45,53 @@ void Bus::publish(const Publication& message, bool hasText, std::shared_ptr<cons
     bool mustNotify = false;
     {
         annotated::Lock publishing(fPublishMutex);
-        // Asked first and copied between the two short locks, so that a large text does not keep
-        // the delivery thread waiting. A subscription cannot be missed: one that was there before
-        // this call is seen here.
-        std::optional<QueuedMessage> queued;
-        if (isHeard(message.channel())) {
-            queued = {channelLocked(message.channel()), message.shared(), hasText,
-                      std::move(ticket)};
+        // A subscription cannot be missed: one that was there before this call has changed the
+        // version, and so the route.
+        const auto& route = routeLocked(message.channel());
+        // Queued before the transports see it, since this may throw: then nobody has the message.
+        // The text is copied before `enqueue` locks, so that a large one does not keep the delivery
+        // thread waiting.
+        if (!route->stops.empty()) {
+            mustNotify = enqueue({route, message.shared(), hasText, std::move(ticket)});
         }
         for (const auto& attached : fTransports) {
             if (attached.number != exceptTransport) attached.transport->messagePublished(message);
         }
-        if (queued) mustNotify = enqueue(*std::move(queued));
     }
     // After the locks: the woken thread would otherwise run into them at once.
     if (mustNotify) fWork.notify_one();
 }
 
-bool Bus::isHeard(const std::string& channel) const {
-    annotated::Lock lock(fMutex);
-    return !fIsStopped && fSubscribers.hears(channel);
+const std::shared_ptr<const Route>& Bus::routeLocked(const std::string& channel) {
+    // Read before the subscriptions: if they change meanwhile, the next publish finds out.
+    const auto version = fVersion.load();
+    if (version != fRoutesVersion || fRoutes.size() > kMostRoutes) {
+        fLastRoute = nullptr;
+        fRoutes.clear();
+        fRoutesVersion = version;
+    }
+    if (fLastRoute != nullptr && fLastRoute->channel == channel) return fLastRoute;
+    auto found = fRoutes.find(channel);
+    if (found == fRoutes.end()) {
+        auto route = makeRoute(channel);
+        const std::string_view key = route->channel;
+        found = fRoutes.emplace(key, std::move(route)).first;
+    }
+    return fLastRoute = found->second;
 }
 
-std::shared_ptr<const std::string> Bus::channelLocked(const std::string& channel) {
-    if (fLastChannel == nullptr || *fLastChannel != channel) {
-        fLastChannel = std::make_shared<const std::string>(channel);
+std::shared_ptr<const Route> Bus::makeRoute(const std::string& channel) const {
+    const auto route = std::make_shared<Route>();
+    route->channel = channel;
+    const annotated::Lock lock(fMutex);
+    route->version = fVersion;
+    if (fIsStopped) return route;
+    std::uint64_t after = 0;
+    while (const auto subscriber = fSubscribers.next(channel, after, fServices)) {
+        after = subscriber->service;
+        route->stops.push_back({after, subscriber});
     }
-    return fLastChannel;
+    return route;
 }
 
 bool Bus::enqueue(QueuedMessage message) {
@@ -104,11 +127,13 @@ void Bus::subscribe(const std::shared_ptr<Subscriber>& subscriber) {
     if (!fIsStarted) startThreadLocked();
     subscriber->age = ++fSubscriberAge;
     fSubscribers.add(subscriber);
+    ++fVersion;
 }
 
 void Bus::unsubscribe(const Subscriber& subscriber) noexcept {
     annotated::Lock lock(fMutex);
     fSubscribers.remove(subscriber);
+    ++fVersion;
 }
 
 // --- Delivery ----------------------------------------------------------------------------------
@@ -119,64 +144,72 @@ void Bus::startThreadLocked() {
 }
 
 void Bus::runDelivery() {
-    Progress progress;
-    while (const auto subscriber = awaitCall(progress)) {
-        const auto& message = progress.message;
-        const auto* text = message.hasText ? message.text->data() : nullptr;
-        try {
-            subscriber->handler({*message.channel, text, message.text->size()});
-        } catch (...) {
-            logCaught("message handler", *message.channel, subscriber->serviceName);
+    tIsDeliveryThread = true;
+    while (takeBatch()) {
+        for (; !fBatch.empty(); countDelivered()) {
+            deliver(fBatch.front());
+            if (fIsStopped) return;
+            fBatch.pop_front();
         }
     }
 }
 
-std::shared_ptr<const Subscriber> Bus::awaitCall(Progress& progress) {
+bool Bus::takeBatch() {
     annotated::Lock lock(fMutex);
-    // What is decided under the lock counts as begun: a subscription that is destroyed from here
-    // on is called once more, one destroyed before is not.
-    while (!fIsStopped) {
-        if (progress.isUnderWay) {
-            auto subscriber = fSubscribers.next(*progress.message.channel, progress.servedService,
-                                                progress.lastService);
-            if (subscriber != nullptr) {
-                progress.servedService = subscriber->service;
-                return subscriber;
-            }
-            finishLocked(progress);
-        } else if (!fQueue.empty()) {
-            beginNextLocked(progress);
-        } else {
-            fIsIdle = true;
-            waitLocked(fWork, fMutex);
+    while (fQueue.empty() && !fIsStopped) {
+        fIsIdle = true;
+        waitLocked(fWork, fMutex);
+    }
+    fBatch.swap(fQueue);
+    return !fIsStopped;
+}
+
+void Bus::deliver(const QueuedMessage& message) {
+    const auto& channel = message.route->channel;
+    const auto* text = message.hasText ? message.text->data() : nullptr;
+    // A handler that makes a service object and subscribes must not be served for ever.
+    const std::uint64_t last = fServices;
+    std::uint64_t served = 0;
+    while (const auto subscriber = nextCall(message, served, last)) {
+        served = subscriber->service;
+        try {
+            subscriber->handler({channel, text, message.text->size()});
+        } catch (...) {
+            logCaught("message handler", channel, subscriber->serviceName);
         }
     }
-    return nullptr;
 }
 
-void Bus::beginNextLocked(Progress& progress) {
-    progress.message = std::move(fQueue.front());
-    fQueue.pop_front();
-    progress.isUnderWay = true;
-    progress.servedService = 0;
-    // A handler that makes a service object and subscribes must not be served for ever.
-    progress.lastService = fServices;
+std::shared_ptr<const Subscriber> Bus::nextCall(const QueuedMessage& message, std::uint64_t after,
+                                                std::uint64_t last) const {
+    if (fIsStopped) return nullptr;
+    const Route& route = *message.route;
+    if (route.version == fVersion) {
+        const auto next = std::find_if(route.stops.begin(), route.stops.end(),
+                                       [after](const auto& stop) { return stop.service > after; });
+        if (next == route.stops.end()) return nullptr;
+        if (auto subscriber = next->subscriber.lock()) return subscriber;
+        // It went just now, and another one of its service may be the oldest.
+    }
+    annotated::Lock lock(fMutex);
+    return fSubscribers.next(route.channel, after, last);
 }
 
-void Bus::finishLocked(Progress& progress) {
-    progress.message = {};
-    progress.isUnderWay = false;
-    ++fDeliveredCount;
-    if (fDeliveredCount != fNextBarrier) return;
+void Bus::countDelivered() {
+    const auto count = ++fDeliveredCount;
+    if (count < fNextBarrier) return;
+    annotated::Lock lock(fMutex);
     fNextBarrier = kNoBarrier;  // who waits for a later one sets it again
     fDelivered.notify_all();
 }
 
 void Bus::waitForDelivery() {
+    KIROWEB_REQUIRE(!tIsDeliveryThread);
     annotated::Lock lock(fMutex);
     const std::uint64_t queued = fQueuedCount;
-    while (fDeliveredCount < queued && !fIsStopped) {
-        fNextBarrier = std::min(fNextBarrier, queued);
+    for (;;) {
+        fNextBarrier = std::min(fNextBarrier.load(), queued);
+        if (fDeliveredCount >= queued || fIsStopped) return;
         waitLocked(fDelivered, fMutex);
     }
 }
@@ -184,6 +217,7 @@ void Bus::waitForDelivery() {
 void Bus::stop() noexcept {
     annotated::Lock lock(fMutex);
     fIsStopped = true;
+    ++fVersion;
     fWork.notify_all();
     fDelivered.notify_all();
 }
@@ -202,6 +236,7 @@ class BusTransportLink final : public TransportLink {
 
     void deliver(const std::string& channel, Publication::Text text,
                  std::shared_ptr<const void> ticket) override {
+        KIROWEB_REQUIRE(text != nullptr);
         const std::string_view view(*text);
         Bus::instance().publish({channel, view, std::move(text)}, true, std::move(ticket), fNumber);
     }

@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#include "checked/Require.hpp"
 #include "kiroutils/Logger.hpp"
 
 namespace relay {
@@ -54,6 +55,7 @@ std::string describeCaught() {
 }  // namespace
 
 void logCaught(std::string_view who, std::string_view channel, std::string_view service) noexcept {
+    KIROWEB_REQUIRE(std::current_exception() != nullptr);
     try {
         std::string line = "The ";
         line.append(who).append(" of channel ").append(quoted(channel));

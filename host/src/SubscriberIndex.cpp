@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <utility>
 
+#include "checked/Require.hpp"
+
 namespace relay {
 
 void SubscriberIndex::add(std::shared_ptr<const Subscriber> subscriber) {
     const ChannelPattern& pattern = subscriber->pattern;
     auto& subscribers = pattern.isWildcard() ? fWildcards : fExact[pattern.text()];
+    KIROWEB_REQUIRE(subscribers.empty() || subscribers.back()->age < subscriber->age);
     subscribers.push_back(std::move(subscriber));
 }
 
@@ -21,14 +24,6 @@ void SubscriberIndex::remove(const Subscriber& subscriber) {
     if (found == fExact.end()) return;
     std::erase_if(found->second, isIt);
     if (found->second.empty()) fExact.erase(found);
-}
-
-bool SubscriberIndex::hears(const std::string& channel) const {
-    if (std::any_of(fWildcards.begin(), fWildcards.end(),
-                    [&](const auto& subscriber) { return subscriber->pattern.matches(channel); })) {
-        return true;
-    }
-    return fExact.contains(channel);
 }
 
 std::shared_ptr<const Subscriber> SubscriberIndex::next(const std::string& channel,

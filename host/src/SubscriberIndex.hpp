@@ -6,8 +6,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "ChannelPattern.hpp"
 #include "relay/message_service/MessageService.hpp"
+#include "text/ChannelPattern.hpp"
 
 namespace relay {
 
@@ -27,9 +27,6 @@ class SubscriberIndex {
     /// REQUIRES: `subscriber` is younger than all that are there.
     void add(std::shared_ptr<const Subscriber> subscriber);
     void remove(const Subscriber& subscriber);
-
-    /// Whether anybody listens to `channel`.
-    [[nodiscard]] bool hears(const std::string& channel) const;
 
     /// Of the subscribers of `channel` whose service is in (`after`, `last`]: the oldest of the
     /// service with the lowest number; empty when there is none.

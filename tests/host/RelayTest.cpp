@@ -46,6 +46,9 @@ Handler into(Lines& lines) {
     return [&lines](const JsonMessage& message) { lines.push_back(line(message)); };
 }
 
+/// Its 200th byte is in the middle of a character.
+const std::string kLongWords = "no\nroom " + std::string(191, 'x') + "\u20ac, and more";
+
 /// Writes down what it is handed.
 struct RecordingTransport final : relay::Transport {
     void messagePublished(const relay::Publication& message) override {
@@ -79,10 +82,72 @@ TEST(Transport, SeesTheOrderThatTheSubscribersSeeAndWhatOtherTransportsDeliver) 
     EXPECT_EQ(other->lines.size(), 1000U) << "it does not hear itself";
 }
 
+TEST(Subscriptions, ServeTheOldestOfEachServiceInTheOrderOfTheServices) {
+    const auto first = makeService();
+    const auto second = makeService();
+    Lines heard;
+    const auto hear = [&heard](MessageService& service, const char* channel, const char* who) {
+        return service
+            .subscribe(channel,
+                       [&heard, who](const JsonMessage& message) {
+                           heard.push_back(who + std::string(" ") + line(message));
+                       })
+            .get();
+    };
+    const auto late = hear(*second, "/age/a", "second");
+    auto oldest = hear(*first, "/age/*", "oldest");
+    const auto younger = hear(*first, "/age/a", "younger");
+    publish(*first, "/age/a", "1");
+    kirohost::waitForDelivery();
+    oldest.reset();
+    publish(*first, "/age/a", "2");
+    kirohost::waitForDelivery();
+    EXPECT_EQ(heard,
+              (Lines{"oldest /age/a 1", "second /age/a 1", "younger /age/a 2", "second /age/a 2"}));
+}
+
+TEST(Subscriptions, HearFromTheirBeginningOnAndNoServiceIsServedThatAHandlerMakes) {
+    const auto service = makeService();
+    std::vector<std::shared_ptr<Subscription>> made;
+    Lines heard;
+    const Handler handler = [&](const JsonMessage& message) {
+        heard.push_back(line(message));
+        // A fault would serve the new ones for ever.
+        if (heard.size() < 3) made.push_back(makeService()->subscribe("/begin", handler).get());
+    };
+    publish(*service, "/begin", "nobody");
+    const auto subscription = service->subscribe("/begin", handler).get();
+    publish(*service, "/begin", "1");
+    kirohost::waitForDelivery();
+    EXPECT_EQ(heard, Lines{"/begin 1"});
+}
+
+TEST(Subscriptions, LetGoOfWhatTheirHandlersHoldAndOfTicketsThatNobodyHears) {
+    const auto service = makeService();
+    const auto link = relay::getRelay().attach(std::make_shared<RecordingTransport>());
+    const auto deliver = [&link](const std::string& channel) {
+        auto ticket = std::make_shared<int>();
+        const std::weak_ptr<int> watched = ticket;
+        link->deliver(channel, std::make_shared<const std::string>("1"), std::move(ticket));
+        return watched.expired();
+    };
+    auto held = std::make_shared<int>();
+    const std::weak_ptr<int> watched = held;
+    auto subscription = service->subscribe("/let/go", [held](const JsonMessage&) {}).get();
+    held.reset();
+    deliver("/let/go");
+    kirohost::waitForDelivery();
+    EXPECT_FALSE(watched.expired());
+    subscription.reset();
+    EXPECT_TRUE(watched.expired());
+    EXPECT_TRUE(deliver("/let/go"));
+    EXPECT_TRUE(deliver("/let/nobody"));
+}
+
 TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
     for (int round = 0; round < 50; ++round) {
         std::vector<Delivery> deliveries;
-        const ClientEnd client("/race", [&deliveries](Delivery delivery) {
+        std::optional<ClientEnd> client(std::in_place, "/race", [&deliveries](Delivery delivery) {
             deliveries.push_back(std::move(delivery));
         });
         auto stream = createBinaryStream("/race", {{"returnOnFail", "true"}});
@@ -101,6 +166,7 @@ TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
                 for (auto& delivery : deliveries) delivery.fail();
             });
             std::jthread ender([&stream] { stream.reset(); });
+            std::jthread leaver([&client] { client.reset(); });
         }
         EXPECT_EQ(answers, 4);
     }
@@ -117,7 +183,7 @@ TEST(ClientEnd, MayAnswerInsideSendDropTheDeliveryThrowAndEndTheStream) {
         if (what == "deliver") return delivery.deliver();
         if (what == "drop") return;
         kept = std::move(delivery);
-        if (what == "throw") throw std::runtime_error("no\nroom " + std::string(300, 'x'));
+        if (what == "throw") throw std::runtime_error(kLongWords);
         stream.reset();
         kept->deliver();
     });
@@ -127,7 +193,87 @@ TEST(ClientEnd, MayAnswerInsideSendDropTheDeliveryThrowAndEndTheStream) {
         EXPECT_EQ(bytesOf(result.buffer), result.delivered ? "" : what);
     }
     const auto said = R"(The block handler of channel "/in" threw "no\x0aroom )";
-    EXPECT_EQ(logged, Lines{said + std::string(192, 'x') + "\"..."}) << "in one line, cut";
+    EXPECT_EQ(logged, Lines{said + std::string(191, 'x') + "\"..."})
+        << "in one line, cut between two characters";
+}
+
+// A completion may keep the stream, as the library's do: then its own destructor answers nothing.
+TEST(OpenBlocks, CompleteWhenTheirClientEndOrTheirInterpreterGoes) {
+    std::vector<Delivery> kept;
+    const auto keep = [&kept](Delivery delivery) { kept.push_back(std::move(delivery)); };
+    std::optional<ClientEnd> end(std::in_place, "/open", keep);
+    const ClientEnd stays("/open/stays", keep);
+    std::optional<kirohost::Vm> vm(std::in_place);
+    const auto open = [](const std::string& channel) {
+        return createBinaryStream(channel, {{"returnOnFail", "true"}});
+    };
+    const auto ofMain = open("/open");
+    const auto ofMainToo = open("/open/stays");
+    const auto ofVm = [&] {
+        const auto binding = vm->bindThisThread();
+        return open("/open/stays");
+    }();
+    Lines answers;
+    const auto send = [&answers](const std::shared_ptr<BinaryStream>& stream, const char* what) {
+        (void)stream->send(bufferOf(what)).then([&answers, stream](auto&& future) {
+            const auto result = future.get();
+            answers.push_back(bytesOf(result.buffer) + (result.delivered ? " delivered" : ""));
+        });
+    };
+    send(ofMain, "1");
+    send(ofMain, "2");
+    send(ofMainToo, "stays");
+    send(ofVm, "3");
+    EXPECT_EQ(answers, Lines());
+    end.reset();
+    EXPECT_EQ(answers, (Lines{"1", "2"}));
+    vm.reset();
+    send(ofVm, "4");
+    EXPECT_EQ(answers, (Lines{"1", "2", "3", "4"}));
+    ASSERT_EQ(kept.size(), 4U) << "a stream whose interpreter has gone sends nothing";
+    EXPECT_EQ(bytesOf(kept[0].block()), "1") << "the client may go on reading";
+    for (auto& delivery : kept) delivery.deliver();
+    EXPECT_EQ(answers, (Lines{"1", "2", "3", "4", " delivered"}));
+    std::weak_ptr<BinaryStream> alive = ofVm;
+    EXPECT_EQ(alive.use_count(), 1) << "nothing keeps what is answered";
+}
+
+TEST(ClientEnd, TakesExactNamesBeforeWildcardsAndIsForgottenWithItsBlocks) {
+    Lines heard;
+    auto token = std::make_shared<int>();
+    const std::weak_ptr<int> watched = token;
+    const auto hear = [&heard, &token](const char* who) {
+        return [&heard, token, who](Delivery delivery) {
+            heard.emplace_back(who);
+            delivery.deliver();
+        };
+    };
+    std::optional<ClientEnd> wide(std::in_place, "/who/*", hear("wide"));
+    std::optional<ClientEnd> exact(std::in_place, "/who/a", hear("exact"));
+    std::optional<ClientEnd> younger(std::in_place, "/who/a", hear("younger"));
+    const auto stream = createBinaryStream("/who/a", {});
+    (void)stream->send(bufferOf("block"));
+    exact.reset();
+    (void)stream->send(bufferOf("block"));
+    younger.reset();
+    (void)stream->send(bufferOf("block"));
+    wide.reset();
+    EXPECT_EQ(heard, (Lines{"exact", "younger", "wide"}));
+    token.reset();
+    EXPECT_TRUE(watched.expired()) << "the stream keeps what is answered";
+}
+
+TEST(OpenBlocks, CompleteWhenTheHandlerDestroysItsEndOrComesAfterIt) {
+    std::optional<Delivery> kept;
+    std::optional<ClientEnd> end;
+    end.emplace("/ends", [&](Delivery delivery) {
+        end.reset();
+        kept = std::move(delivery);
+    });
+    const auto stream = createBinaryStream("/ends", {});
+    const auto result = stream->send(bufferOf("block")).get();
+    EXPECT_FALSE(result.delivered);
+    EXPECT_TRUE(result.buffer.empty()) << "it is not asked for";
 }
 
 // --- Process exit: each runs in a process of its own ---------------------------------------------

@@ -122,8 +122,8 @@ KIROHOST_EXPORT void adoptSignalThread();
 
 /// An interpreter VM with one context. The main one is there from the start and stays; further
 /// ones live as long as their object. Destroying one drops its queued tasks and its per-VM
-/// storage; tasks sent to it later find no task router. REQUIRES: when it is destroyed, no
-/// thread is bound to it but the destroying one.
+/// storage, and ends the binary streams that were made in it; tasks sent to it later find no task
+/// router. REQUIRES: when it is destroyed, no thread is bound to it but the destroying one.
 class KIROHOST_EXPORT Vm {
   public:
     Vm();

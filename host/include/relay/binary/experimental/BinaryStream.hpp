@@ -27,8 +27,9 @@ class KIROHOST_EXPORT BinaryStream {
     virtual ~BinaryStream();
 
     /// Hands `block` over. The future completes exactly once if the stream ever answers: inside
-    /// this call, later on another thread, or when the stream is destroyed (not delivered, with
-    /// the block). Blocks may complete out of order and on several threads at once.
+    /// this call, later on another thread, or when the stream, the interpreter that it was made in
+    /// or the client's end goes (not delivered, with the block). Blocks may complete out of order
+    /// and on several threads at once.
     Future<SendResult> send(common::DataBuffer&& block) { return doSend(std::move(block)); }
 
     /// Replaces the callback that gets every block arriving from the client, whole. It runs on

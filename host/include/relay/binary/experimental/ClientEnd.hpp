@@ -11,8 +11,8 @@ namespace relay::binary::experimental {
 
 /// One block on its way to the client. Movable, not copyable; it answers once, a further answer
 /// does nothing. Destroyed without an answer, the block counts as not delivered. An answer after
-/// the stream has gone does nothing either: the stream's end has answered already and given a
-/// copy of the block back, so that this one stays readable.
+/// the stream, its interpreter or the client's end has gone does nothing either: the end of each
+/// has answered already and given a copy of the block back, so that this one stays readable.
 /// REQUIRES, for all but assignment and destruction: not moved from.
 class KIROHOST_EXPORT Delivery {
   public:
@@ -51,7 +51,8 @@ class KIROHOST_EXPORT ClientEnd {
     using BlockHandler = std::function<void(Delivery)>;
 
     ClientEnd(std::string channel, BlockHandler handler);
-    /// No new call of the handler begins afterwards; deliveries that it kept stay valid.
+    /// No new call of the handler begins afterwards. What was not answered completes as not
+    /// delivered, on this thread; deliveries that the handler kept stay readable.
     ~ClientEnd();
     ClientEnd(const ClientEnd&) = delete;
     ClientEnd& operator=(const ClientEnd&) = delete;
