@@ -28,11 +28,10 @@ constexpr std::chrono::seconds kPatience{60};
 
 std::vector<kirogateway::Asset> pageAssets() {
     const std::string page = KIROWEB_BENCH_PAGE_DIR;
-    const std::string client = KIROWEB_BENCH_CLIENT_DIR;
-    return {kirogateway::loadAsset("/", page + "/index.html"),
-            kirogateway::loadAsset("/counting.mjs", page + "/counting.mjs"),
-            kirogateway::loadAsset("/protocol.mjs", client + "/protocol.mjs"),
-            kirogateway::loadAsset("/wire.mjs", client + "/wire.mjs")};
+    auto assets = kirogateway::clientAssets();
+    assets.push_back(kirogateway::loadAsset("/", page + "/index.html"));
+    assets.push_back(kirogateway::loadAsset("/counting.mjs", page + "/counting.mjs"));
+    return assets;
 }
 
 /// A browser with the counting page, and what the page says. One for all samples of a figure.

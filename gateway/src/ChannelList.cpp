@@ -1,15 +1,11 @@
 #include "ChannelList.hpp"
 
+#include "text/ChannelPattern.hpp"
+
 namespace kirogateway {
-namespace {
 
-bool isWildcard(std::string_view channel) { return channel.ends_with("/*"); }
-
-std::string_view prefixOf(std::string_view wildcard) {
-    return wildcard.substr(0, wildcard.size() - 1);
-}
-
-}  // namespace
+using channels::isWildcard;
+using channels::prefixOf;
 
 ChannelList::ChannelList(const std::vector<std::string>& channels) {
     for (const auto& channel : channels) add(channel);

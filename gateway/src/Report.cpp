@@ -2,6 +2,8 @@
 
 #include <boost/json.hpp>
 
+#include "records/EventRecord.hpp"
+
 namespace kirogateway {
 namespace {
 
@@ -58,11 +60,8 @@ std::string diagnosticsText(const Statistics& statistics, bool lastPageGone, std
 }
 
 std::string historyText(std::string_view event, std::string_view what) {
-    return json::serialize(json::object{{"LogType", "Server"},
-                                        {"Source", "Gateway"},
-                                        {"Channel", ""},
-                                        {"Event", event},
-                                        {"EventData", json::object{{"Text", what}}}});
+    return json::serialize(records::eventRecord<json::object>(
+        records::kServer, "Gateway", "", std::string(event), json::object{{"Text", what}}));
 }
 
 }  // namespace kirogateway

@@ -9,6 +9,7 @@
 #include "Secrets.hpp"
 #include "WebSocketFrame.hpp"
 #include "kiroutils/Logger.hpp"
+#include "records/EventRecord.hpp"
 #include "text/Escape.hpp"
 
 namespace kirogateway {
@@ -268,8 +269,8 @@ void ViewRegistry::recordDisconnect(const View& view, std::string_view why) noex
         fContext->log.write(event, client);
         // The history that a time-out prints shows then why nobody answers.
         auto& logger = kiroutils::Logger::instance();
-        if (!logger.isHistoryEnabled("DrawnowTimeout")) return;
-        logger.log("DrawnowTimeout",
+        if (!logger.isHistoryEnabled(records::kDrawnowTimeoutLog)) return;
+        logger.log(records::kDrawnowTimeoutLog,
                    historyText("Page Disconnected", event + ": " + text::escaped(client)));
     });
 }

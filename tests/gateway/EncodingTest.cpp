@@ -50,6 +50,10 @@ TEST(TextEncoding, EncodesBase64) {
     EXPECT_EQ(encodeBase64("f"), "Zg==");
     EXPECT_EQ(encodeBase64("fo"), "Zm8=");
     EXPECT_EQ(encodeBase64("\xff\xfe\xfd\x00"s), "//79AA==");
+    EXPECT_EQ(encodeBase64(""), "");
+    const auto large = encodeBase64(std::string(4000000, '\0') + "\xff");
+    EXPECT_EQ(large.size(), 5333336U);
+    EXPECT_EQ(large.find_first_not_of('A'), 5333333U);
 }
 
 TEST(ChannelList, CoversARequestOnlyIfAllOfItIsAllowed) {
