@@ -288,7 +288,7 @@ TEST(ClientEnd, TakesExactNamesBeforeWildcardsAndIsForgottenWithItsBlocks) {
     wide.reset();
     EXPECT_EQ(heard, (Lines{"exact", "younger", "wide"}));
     token.reset();
-    EXPECT_TRUE(watched.expired()) << "the stream keeps what is answered";
+    EXPECT_TRUE(watched.expired()) << "what is answered keeps its client";
 }
 
 TEST(OpenBlocks, CompleteWhenTheHandlerDestroysItsEndOrComesAfterIt) {
