@@ -113,9 +113,9 @@ class StreamCore {
 /// A block under way: sent, not yet answered. Its delivery, the end of its stream and that of its
 /// client end may all answer; the first one does.
 struct Sending {
-    Sending(std::shared_ptr<StreamCore> theStream, std::shared_ptr<Client> theClient,
+    Sending(std::shared_ptr<StreamCore> theStream, const std::shared_ptr<Client>& theClient,
             DataBuffer&& theBlock) noexcept
-        : stream(std::move(theStream)), client(std::move(theClient)), block(std::move(theBlock)) {}
+        : stream(std::move(theStream)), client(theClient), block(std::move(theBlock)) {}
 
     /// Completes the future unless it has been answered; gives the block back or frees it.
     void answer(bool delivered);
@@ -125,11 +125,12 @@ struct Sending {
     [[nodiscard]] bool isAnswered() const noexcept { return fIsAnswered; }
     void leaveLists() noexcept {
         stream->underWay.remove(*this);
-        client->underWay.remove(*this);
+        if (const auto sentTo = client.lock()) sentTo->underWay.remove(*this);
     }
 
     const std::shared_ptr<StreamCore> stream;
-    const std::shared_ptr<Client> client;
+    /// Weak, since the client's handler may itself hold what keeps the delivery.
+    const std::weak_ptr<Client> client;
     const std::uint64_t number = ++sLastNumber;  ///< ascending in the order of sending
     DataBuffer block;
     Promise<SendResult> promise;

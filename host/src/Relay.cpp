@@ -207,10 +207,10 @@ void Bus::waitForDelivery() {
     KIROWEB_REQUIRE(!tIsDeliveryThread);
     annotated::Lock lock(fMutex);
     const std::uint64_t queued = fQueuedCount;
-    for (;;) {
+    while (fDeliveredCount < queued && !fIsStopped) {
         fNextBarrier = std::min(fNextBarrier.load(), queued);
-        if (fDeliveredCount >= queued || fIsStopped) return;
-        waitLocked(fDelivered, fMutex);
+        // Asked again: the delivery thread may have counted before it could see the barrier.
+        if (fDeliveredCount < queued) waitLocked(fDelivered, fMutex);
     }
 }
 

@@ -140,8 +140,36 @@ TEST(Subscriptions, LetGoOfWhatTheirHandlersHoldAndOfTicketsThatNobodyHears) {
     EXPECT_FALSE(watched.expired());
     subscription.reset();
     EXPECT_TRUE(watched.expired());
+    // While nothing is delivered, a ticket that is let go was never queued.
+    std::promise<void> entered;
+    std::promise<void> leave;
+    const auto gate = service
+                          ->subscribe("/let/gate",
+                                      [&entered, &leave](const JsonMessage&) {
+                                          entered.set_value();
+                                          leave.get_future().wait();
+                                      })
+                          .get();
+    EXPECT_FALSE(deliver("/let/gate"));
+    entered.get_future().wait();
+    subscription = service->subscribe("/let/go", nullptr).get();
+    EXPECT_FALSE(deliver("/let/go"));
+    subscription.reset();
     EXPECT_TRUE(deliver("/let/go"));
     EXPECT_TRUE(deliver("/let/nobody"));
+    leave.set_value();
+    kirohost::waitForDelivery();
+}
+
+TEST(WaitForDelivery, ReturnsEachTimeWhenWhatWasQueuedIsDelivered) {
+    const auto service = makeService();
+    Lines heard;
+    const auto subscription = service->subscribe("/wait", into(heard)).get();
+    for (std::size_t round = 1; round <= 300; ++round) {
+        publish(*service, "/wait", "1");
+        kirohost::waitForDelivery();
+        ASSERT_EQ(heard.size(), round);
+    }
 }
 
 TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
@@ -260,7 +288,7 @@ TEST(ClientEnd, TakesExactNamesBeforeWildcardsAndIsForgottenWithItsBlocks) {
     wide.reset();
     EXPECT_EQ(heard, (Lines{"exact", "younger", "wide"}));
     token.reset();
-    EXPECT_TRUE(watched.expired()) << "the stream keeps what is answered";
+    EXPECT_TRUE(watched.expired()) << "what is answered keeps its client";
 }
 
 TEST(OpenBlocks, CompleteWhenTheHandlerDestroysItsEndOrComesAfterIt) {
