@@ -23,9 +23,8 @@ using relay::message_service::JsonMessage;
 
 /// How a client is let in stands here only: a page that has upgraded.
 Peer letIn(const Access& access, const std::string& link) {
-    const auto cookie = gatewaytest::fetchCookie(access, link);
     Peer peer(access);
-    peer.send(gatewaytest::upgradeRequest(access, cookie));
+    peer.send(gatewaytest::upgradeRequest(access, gatewaytest::secretOf(link)));
     EXPECT_TRUE(peer.readHead().starts_with("HTTP/1.1 101"));
     return peer;
 }
