@@ -130,7 +130,7 @@ TEST_F(PressureTest, GivesABlockBackThatCanNeverFitAndSaysWhy) {
 
 TEST_F(PressureTest, SendsMuchToAPageThatReads) {
     fOptions.limits.queueSize = 1000000;
-    fOptions.limits.queue = std::chrono::milliseconds(500);
+    fOptions.limits.queue = std::chrono::seconds(5);
     start();
     auto page = join();
     std::vector<Block> blocks;
