@@ -162,8 +162,10 @@ TEST_F(Bootstrapping, SendsTheBacklogAsALaterAnnouncementSaysAlsoWhenDestroyedMe
 }
 
 TEST_F(Bootstrapping, SendsDirectlyAsTheLastAnnouncementSays) {
+    const ScopedSettings settings([](auto& changed) { changed.binaryChannelForCommands = true; });
     sender->setBinaryChannelName("/binary");
     goDirect();
+    send("a");  // as text, whatever the host allows
     sendBlock(4);
     announce(kBinary);
     sendBlock(5);
@@ -171,7 +173,7 @@ TEST_F(Bootstrapping, SendsDirectlyAsTheLastAnnouncementSays) {
     stream->blocks.awaitSize(2);
     announce();
     sendBlock(7);
-    EXPECT_EQ(received(), (Lines{fallback("4 0"), fallback("7 0")}));
+    EXPECT_EQ(received(), (Lines{command("a"), fallback("4 0"), fallback("7 0")}));
     EXPECT_EQ(stream->blocks.all(), (Lines{blockBytes(5), blockBytes(6)}));
 }
 
