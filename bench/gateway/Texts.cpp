@@ -129,7 +129,7 @@ std::vector<Figure> textFigures(const Effort& effort) {
     };
     return {{"commands", "ns/command", with(sendCommandsByHand), with(sendCommands), 0.85,
              Comparison::kRate, true},
-            {"ready texts", "ns/text", with(sendTextsByHand), with(sendTexts), 0.5,
+            {"ready texts", "ns/text", with(sendTextsByHand), with(sendTexts), 0.6,
              Comparison::kRate, true}};
 }
 
