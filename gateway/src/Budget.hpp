@@ -5,6 +5,8 @@
 #include <memory>
 #include <utility>
 
+#include "checked/Require.hpp"
+
 namespace kirogateway {
 
 /// A number of bytes that may be held at a time. Any thread; no lock.
@@ -67,6 +69,7 @@ class Charge {
     }
     /// Holds bytes that were added to the budget already. REQUIRES: holds nothing.
     void adopt(std::shared_ptr<Budget> budget, std::size_t bytes) noexcept {
+        KIROWEB_REQUIRE(fBudget == nullptr && fBytes == 0);
         fBudget = std::move(budget);
         fBytes = bytes;
     }

@@ -21,6 +21,12 @@ void ChannelList::add(std::string_view channel) {
     if (fPrefixes.emplace(prefix).second) ++count;
 }
 
+bool ChannelList::addUpTo(std::size_t most, std::string_view channel) {
+    if (size() >= most && !contains(channel)) return false;
+    add(channel);
+    return true;
+}
+
 void ChannelList::remove(std::string_view channel) {
     if (!isWildcard(channel)) {
         if (const auto found = fNames.find(channel); found != fNames.end()) fNames.erase(found);

@@ -18,6 +18,8 @@ class ChannelList {
 
     /// Nothing happens if it is there already.
     void add(std::string_view channel);
+    /// As `add`, unless there would be more than `most`. Returns whether it is there now.
+    [[nodiscard]] bool addUpTo(std::size_t most, std::string_view channel);
     /// Takes back exactly that name.
     void remove(std::string_view channel);
 

@@ -40,7 +40,9 @@ ClientConnection::~ClientConnection() {
 // --- Reading -----------------------------------------------------------------------------------
 
 void ClientConnection::readMore() {
-    if (!fIsClosing && !fSession->mayRead(fAsksAgain)) {
+    const auto reading = fIsClosing ? Session::Reading::kNow : fSession->mayRead();
+    fAsksAgain = reading == Session::Reading::kLater;
+    if (reading != Session::Reading::kNow) {
         fHeld = shared_from_this();
         return;
     }

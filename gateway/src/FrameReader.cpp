@@ -138,6 +138,7 @@ wire::Hello helloOf(Members& members) {
 
 wire::Echo echoOf(Members& members) {
     auto& id = members[Key::kId];
+    // A number that no integer can hold is of another kind, and has a text.
     if (id.kind != Kind::kText && id.kind != Kind::kNumber && id.kind != Kind::kOther) {
         Members::fail(Key::kId);
     }
@@ -279,7 +280,7 @@ class Builder {
     }
     bool on_null(error_code& /*error*/) {
         scalar();
-        if (level() == 1) set(Kind::kObject);
+        if (level() == 1) set(Kind::kOther);
         return true;
     }
 

@@ -73,7 +73,7 @@ void Outbox::erase(Entries& from, Entries::iterator entry) noexcept {
 
 // --- Filling -----------------------------------------------------------------------------------
 
-Outbox::Added Outbox::addText(const Text& text, TimePoint /*now*/) {
+Outbox::Added Outbox::addText(const Text& text) {
     if (text.shared != nullptr) return addShared(text);
     Lane& lane = fLanes[text.lane];
     const auto size = text.channel.size() + text.text.size() + 3;
@@ -470,6 +470,7 @@ bool Outbox::canResume(std::uint64_t last) const noexcept {
 }
 
 void Outbox::begin(std::list<std::string>&& hello, std::size_t channelsNamed, bool keeps) noexcept {
+    KIROWEB_REQUIRE(fWriting.source == Source::kNothing && hello.size() == 1);
     if (fLost != nullptr) fLost->give(fBytes);
     fLost = nullptr;
     const auto size = hello.front().size();
@@ -485,7 +486,7 @@ void Outbox::begin(std::list<std::string>&& hello, std::size_t channelsNamed, bo
 
 void Outbox::resume(std::uint64_t last, const std::vector<std::uint64_t>& refused,
                     PageBlocks& left) noexcept {
-    KIROWEB_REQUIRE(canResume(last));
+    KIROWEB_REQUIRE(canResume(last) && fWriting.source == Source::kNothing);
     // The answers to blocks that the page counts as handled may be lost; they are taken as given.
     for (auto at = fUnderWay.begin(); at != fUnderWay.end();) {
         const auto block = at++;
@@ -540,7 +541,7 @@ void Outbox::forgetTexts() noexcept {
 }
 
 void Outbox::clear(PageBlocks& left) noexcept {
-    fWriting = {};
+    KIROWEB_REQUIRE(fWriting.source == Source::kNothing);
     dropBlocks(left);
     fUnwritten = fNumbered.end();
     while (!fNumbered.empty()) erase(fNumbered, fNumbered.begin());

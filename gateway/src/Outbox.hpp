@@ -66,8 +66,8 @@ class Outbox {
     // --- Filling; each throws std::bad_alloc ---
 
     /// Queues a text.
-    [[nodiscard]] Added addText(const Text& text, TimePoint now);
-    /// Queues a block. REQUIRES: `transfer` was joined for this page if the result is kYes.
+    [[nodiscard]] Added addText(const Text& text);
+    /// Queues a block. When the result is kYes, the caller joins `transfer`.
     [[nodiscard]] Added addBlock(std::size_t lane, std::string_view channel,
                                  const std::shared_ptr<Transfer>& transfer, TimePoint now);
     /// Queues bytes of whole frames, as control.

@@ -14,7 +14,7 @@ const char* nameOf(View::State state) {
         case View::State::kConnected:
             return "connected";
         case View::State::kLost:
-            return "missing";
+            return "lost";
         case View::State::kGone:
             return "gone";
         case View::State::kOver:

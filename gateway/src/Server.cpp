@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
-#include <vector>
 
 #include "Endpoint.hpp"
+#include "checked/Require.hpp"
 
 namespace kirogateway {
 namespace {
@@ -181,6 +181,7 @@ void Server::tick() noexcept {
 
 void Server::stop() noexcept {
     if (!fThread.joinable()) return;
+    KIROWEB_REQUIRE(fThread.get_id() != std::this_thread::get_id());
     fMustStop = true;
     fShared.wakeup->ring();
     fThread.join();

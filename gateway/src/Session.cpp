@@ -1,6 +1,5 @@
 #include "Session.hpp"
 
-#include <new>
 #include <stdexcept>
 #include <utility>
 #include <variant>
@@ -127,16 +126,14 @@ void Session::heard(TimePoint now) noexcept {
     if (fView != nullptr) fView->heard(now);
 }
 
-bool Session::mayRead(bool& isToBeAskedAgain) noexcept {
-    isToBeAskedAgain = true;
+Session::Reading Session::mayRead() noexcept {
     const auto& memory = fServices.context->memory;
-    if (!fHeld.resize(memory, fReader.held() + fBlock.size())) return false;
-    if (fView == nullptr) return true;
-    if (memory->isExceeded() || fView->hasManyAnswersWaiting()) return false;
-    isToBeAskedAgain = false;
-    if (!fView->backlog()->isFull()) return true;
+    if (!fHeld.resize(memory, fReader.held() + fBlock.size())) return Reading::kLater;
+    if (fView == nullptr) return Reading::kNow;
+    if (memory->isExceeded() || fView->hasManyAnswersWaiting()) return Reading::kLater;
+    if (!fView->backlog()->isFull()) return Reading::kNow;
     fView->backlog()->setReader(&fArrival.connection);
-    return false;
+    return Reading::kWhenTold;
 }
 
 // --- Ending ------------------------------------------------------------------------------------

@@ -48,7 +48,7 @@ Outbox::Added View::publish(const Text& text) noexcept {
     try {
         // To ask the clock takes longer than to copy a text; in a burst the last look is recent.
         const auto now = fIsTailLater ? fLookedAt : std::chrono::steady_clock::now();
-        const auto added = fOutbox.addText(text, now);
+        const auto added = fOutbox.addText(text);
         if (added == Outbox::Added::kYes) pushLocked(now);
         noteHeldLocked();
         return added;
@@ -347,9 +347,7 @@ ChannelList View::subscriptions() const {
 
 bool View::subscribe(std::string_view channel, std::size_t most) {
     annotated::Lock lock(fMutex);
-    if (fSubscriptions.size() >= most && !fSubscriptions.contains(channel)) return false;
-    fSubscriptions.add(channel);
-    return true;
+    return fSubscriptions.addUpTo(most, channel);
 }
 
 void View::unsubscribe(std::string_view channel) {

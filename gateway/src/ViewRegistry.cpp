@@ -17,7 +17,6 @@ namespace {
 
 constexpr std::size_t kViewBytes = 16;
 constexpr std::size_t kRememberedEnds = 32;
-constexpr std::size_t kMaxReason = 123;  // bytes, in a close frame
 constexpr const char* kTooMuchLost = "more was kept for lost views than they may have together";
 
 /// What a close frame and a later hello say.
@@ -74,20 +73,16 @@ std::shared_ptr<View> ViewRegistry::welcome(const wire::Hello& hello, Arrival ar
     return begin(hello, arrival, now);
 }
 
-bool ViewRegistry::maySubscribe(const ChannelList& subscriptions, std::string_view channel) const {
-    if (channel.size() > wire::kMaxChannelName || !fMaySubscribe.covers(channel)) return false;
-    return subscriptions.size() < fContext->options.limits.subscriptions ||
-           subscriptions.contains(channel);
+bool ViewRegistry::isAllowed(std::string_view channel) const {
+    return channel.size() <= wire::kMaxChannelName && fMaySubscribe.covers(channel);
 }
 
 ViewRegistry::Prepared ViewRegistry::prepare(const wire::Hello& hello, wire::Welcome&& welcome,
                                              ChannelList&& subscriptions) const {
     for (const auto& channel : hello.subscribe) {
-        if (maySubscribe(subscriptions, channel)) {
-            subscriptions.add(channel);
-        } else {
-            welcome.refused.push_back(channel);
-        }
+        const bool isAdded = isAllowed(channel) &&
+                             subscriptions.addUpTo(fContext->options.limits.subscriptions, channel);
+        if (!isAdded) welcome.refused.push_back(channel);
     }
     welcome.subscribed = subscriptions.channels();
     Prepared prepared;
@@ -325,7 +320,7 @@ bool ViewRegistry::makeLostRoom() noexcept {
 // --- What pages do -----------------------------------------------------------------------------
 
 bool ViewRegistry::subscribe(View& view, std::string_view channel) {
-    if (channel.size() > wire::kMaxChannelName || !fMaySubscribe.covers(channel)) return false;
+    if (!isAllowed(channel)) return false;
     if (!view.subscribe(channel, fContext->options.limits.subscriptions)) return false;
     ++fVersion;
     return true;

@@ -48,7 +48,7 @@ class OutboxTest : public testing::Test {
         return future;
     }
     Added tryText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
-        return fOutbox->addText({channel, text, false, lane, nullptr}, fNow);
+        return fOutbox->addText({channel, text, false, lane, nullptr});
     }
     void addText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
         EXPECT_EQ(tryText(text, channel, lane), Added::kYes);
@@ -56,7 +56,7 @@ class OutboxTest : public testing::Test {
     Added addShared(std::size_t size) {
         const auto shared = std::make_shared<SharedText>();
         shared->text = std::make_shared<const std::string>(size, 's');
-        return fOutbox->addText({"/shared", *shared->text, false, 0, shared}, fNow);
+        return fOutbox->addText({"/shared", *shared->text, false, 0, shared});
     }
     void greet(const std::string& hello, std::size_t channelsNamed = 0) {
         fOutbox->begin({makeFrame(Opcode::kText, hello)}, channelsNamed, true);
@@ -121,7 +121,7 @@ class OutboxTest : public testing::Test {
 TEST_F(OutboxTest, BatchesTextsAndNamesEachChannelOnce) {
     addText("1", "/a");
     addText("2", "/a");
-    EXPECT_EQ(fOutbox->addText({"/b", "/w==", true, 0, nullptr}, fNow), Added::kYes);
+    EXPECT_EQ(fOutbox->addText({"/b", "/w==", true, 0, nullptr}), Added::kYes);
     addText("", "/b");
     addText("5", "");  // cannot be named behind another
     addText("6", "");

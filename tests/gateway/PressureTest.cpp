@@ -33,7 +33,7 @@ class PressureTest : public GatewayTest {
     std::size_t viewCount() const {
         return boost::json::parse(fGateway->diagnostics()).at("detail").as_array().size();
     }
-    /// What `page` says from now on has been looked at when this returns.
+    /// Why the view ended, or "returned".
     std::string endedReason(const std::string& view) {
         auto back = comeBack(view, 0);
         return hello("kind") == "return" ? "returned" : hello("ended");
