@@ -11,6 +11,8 @@ namespace json = boost::json;
 
 const char* nameOf(View::State state) {
     switch (state) {
+        case View::State::kNew:
+            return "new";
         case View::State::kConnected:
             return "connected";
         case View::State::kLost:

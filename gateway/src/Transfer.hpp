@@ -56,6 +56,7 @@ class Transfer {
         const auto before = fUnfinished.fetch_sub(1);
         KIROWEB_REQUIRE(before > 0);
         if (before != 1) return;
+        fCharge = {};  // before an engine is told, which may send the next one at once
         try {
             if (fIsWhole) {
                 ++fCounters->blocksDelivered;
@@ -70,7 +71,7 @@ class Transfer {
 
     relay::binary::experimental::Delivery fDelivery;
     const std::shared_ptr<Counters> fCounters;
-    const Charge fCharge;
+    Charge fCharge;
     std::atomic<std::size_t> fUnfinished{1};  ///< the pages, and whoever lets them join
     std::atomic<bool> fIsWhole{true};
 };
@@ -86,6 +87,7 @@ struct PageBlock {
     std::size_t size = 0;
     std::size_t sent = 0;  ///< bytes in pieces that were written
     std::chrono::steady_clock::time_point since;
+    bool isUnderWay = false;
     OutboxEntry* entry = nullptr;  ///< its place in the order; null when that was acknowledged
     bool isDelivered = false;      ///< what the page says when it leaves
 };

@@ -111,7 +111,7 @@ std::shared_ptr<View> ViewRegistry::resume(const wire::Hello& hello, Arrival& ar
         view->subscriptions());
     // What has begun from here on cannot fail.
     if (auto* old = view->connection()) {
-        auto rest = view->detachBetweenFrames(now);
+        auto rest = view->detachBetweenFrames(now, View::Fate::kEnds);
         rest.isCut ? old->cut()
                    : old->close(static_cast<std::uint16_t>(wire::CloseCode::kReturnedElsewhere),
                                 "returned elsewhere", std::move(rest.bytes));
@@ -183,7 +183,7 @@ void ViewRegistry::lost(const std::shared_ptr<View>& view, const Connection& con
                         TimePoint now) noexcept {
     if (view->connection() != &connection) return;
     if (!view->mayReturn()) return left(view, connection);
-    view->detach(now);
+    view->detach(now, View::Fate::kMayReturn);
     fContext->log.write("connection lost", view->identity().client);
     afterLoss();
 }
@@ -212,7 +212,8 @@ std::shared_ptr<View> ViewRegistry::oldestLost() const noexcept {
     std::shared_ptr<View> oldest;
     for (const auto& view : fViews) {
         if (view->connection() != nullptr || view->failure() != nullptr) continue;
-        if (view->state() == View::State::kOver) continue;
+        const auto state = view->state();
+        if (state == View::State::kOver || state == View::State::kNew) continue;
         if (oldest == nullptr || view->lostAt() < oldest->lostAt()) oldest = view;
     }
     return oldest;
@@ -220,7 +221,7 @@ std::shared_ptr<View> ViewRegistry::oldestLost() const noexcept {
 
 void ViewRegistry::left(const std::shared_ptr<View>& view, const Connection& connection) noexcept {
     if (view->connection() != &connection) return;
-    view->detach(std::chrono::steady_clock::now());
+    view->detach(std::chrono::steady_clock::now(), View::Fate::kEnds);
     fContext->log.write("page left", view->identity().client);
     end(view, "the page closed it");
 }
@@ -231,7 +232,7 @@ void ViewRegistry::dismiss(const std::shared_ptr<View>& view, wire::CloseCode co
     std::string reason;
     tellIfPossible([&] { reason = reasonText(code, why); });
     auto* const connection = view->connection();
-    auto rest = view->detachBetweenFrames(std::chrono::steady_clock::now());
+    auto rest = view->detachBetweenFrames(std::chrono::steady_clock::now(), View::Fate::kEnds);
     ++fContext->counters->disconnected;
     recordDisconnect(*view, reason);
     end(view, reason);
@@ -282,7 +283,7 @@ void ViewRegistry::shut() noexcept {
     for (const auto& view : views) {
         PageBlocks left;
         auto* const connection = view->connection();
-        auto rest = view->detachBetweenFrames(now);
+        auto rest = view->detachBetweenFrames(now, View::Fate::kEnds);
         view->retire(left);
         leaveAll(left);
         if (connection == nullptr) continue;
@@ -321,14 +322,13 @@ bool ViewRegistry::makeLostRoom() noexcept {
 
 bool ViewRegistry::subscribe(View& view, std::string_view channel) {
     if (!isAllowed(channel)) return false;
-    if (!view.subscribe(channel, fContext->options.limits.subscriptions)) return false;
-    ++fVersion;
-    return true;
+    const auto done = view.subscribe(channel, fContext->options.limits.subscriptions);
+    if (done == View::Subscribed::kNow) ++fVersion;  // else no route changes
+    return done != View::Subscribed::kRefused;
 }
 
 void ViewRegistry::unsubscribe(View& view, std::string_view channel) {
-    view.unsubscribe(channel);
-    ++fVersion;
+    if (view.unsubscribe(channel)) ++fVersion;
 }
 
 // --- Time --------------------------------------------------------------------------------------
@@ -357,7 +357,7 @@ void ViewRegistry::act(const std::shared_ptr<View>& view, TimePoint now) {
         case View::Due::kNothing:
             return;
         case View::Due::kPing:
-            return view->sendFrames(makeFrame(Opcode::kPing, {}));
+            return view->ping();
         case View::Due::kFail:
             return dismiss(view, wire::CloseCode::kTooSlow, view->failure());
         case View::Due::kSilent:
@@ -371,7 +371,7 @@ void ViewRegistry::act(const std::shared_ptr<View>& view, TimePoint now) {
 
 void ViewRegistry::endSilent(const std::shared_ptr<View>& view, TimePoint now) noexcept {
     auto* const connection = view->connection();
-    auto rest = view->detachBetweenFrames(now);
+    auto rest = view->detachBetweenFrames(now, View::Fate::kMayReturn);
     recordDisconnect(*view, "no sign of life");
     ++fContext->counters->disconnected;
     rest.isCut ? connection->cut()

@@ -40,8 +40,9 @@ class ViewRegistry {
     /// Another number whenever a view or a subscription came or went.
     [[nodiscard]] std::uint64_t version() const noexcept { return fVersion; }
     [[nodiscard]] std::size_t lanes() const noexcept { return fLanes; }
-    /// Ends views, those first for which most is held, until there is room for so many bytes.
-    /// Returns whether there is.
+    /// Ends views, those first for which most is held, until there is room for so many bytes, or
+    /// will be as soon as the gateway's thread has given back their blocks. Returns whether that is
+    /// so.
     bool makeRoom(std::size_t bytes) noexcept;
     /// Ends the view that lost its connection first of all that have none. Returns whether there
     /// was one.

@@ -100,6 +100,44 @@ TEST_F(PressureTest, EndsTheViewThatHoldsMostWhenMemoryIsUsedUp) {
     EXPECT_EQ(good.readRecords(1).at(0).text, "still");
 }
 
+TEST_F(PressureTest, EndsNobodyElseForBlocksThatTheLargestViewStillHolds) {
+    fOptions.limits.memory = 8000000;
+    start();
+    auto holds = join();
+    const auto view = hello("view");
+    auto good = join();
+    good.sendText(R"({"t":"unsubscribe","channels":["/bin"]})");
+    settle(good);
+    auto block = sendBlock(7000000);  // never answered
+    publish("/fig/1", std::string(1500000, 'x'));
+    publish("/fig/1", "small");
+    EXPECT_EQ(good.readRecords(2).size(), 2U);
+    EXPECT_FALSE(block.get().delivered);
+    EXPECT_EQ(endedReason(view),
+              "too slow: the most was held for it when the gateway's memory was used up");
+    settle(good);
+}
+
+TEST_F(PressureTest, EndsAPageWhoseReadingWouldHaveBeenHeld) {
+    std::latch isOpen(1);
+    start();
+    const auto service = relay::message_service::createMessageService("slow", {}).get();
+    const auto subscription =
+        service->subscribe("/up/gate", [&](const auto&) { isOpen.wait(); }).get();
+    auto good = join();
+    auto slow = joinSlow();
+    publish("/fig/1", std::string(12000000, 'x'));  // more than is sent behind a good-bye
+    std::string said = "[";
+    for (int i = 0; i < 100; ++i) said += R"({"t":"publish","channel":"/up/gate","text":"1"},)";
+    slow.sendText(said + "7]");
+    while (fGateway->statistics().disconnected == 0) settle(good);
+    // The connection has gone when what its page published is heard at last.
+    while (fGateway->statistics().pages > 1) settle(good);
+    isOpen.count_down();
+    kirohost::waitForDelivery();
+    settle(good);
+}
+
 TEST_F(PressureTest, CountsASharedTextOnceHoweverManyPagesWaitForIt) {
     start();
     std::vector<Peer> pages;
