@@ -32,8 +32,8 @@ struct Declared {
 };
 
 bool meansTrouble(const kirohost::LogRecord& record) {
-    return record.logger == "relay" ||
-           (record.logger == "commandsender" && record.text.find("no TaskRouter") != std::string::npos);
+    return record.logger == "relay" || (record.logger == "commandsender" &&
+                                        record.text.find("no TaskRouter") != std::string::npos);
 }
 
 }  // namespace
