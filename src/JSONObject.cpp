@@ -1,7 +1,6 @@
 #include "kiro/web/JSONObject.hpp"
 
 #include <boost/json.hpp>
-#include <cstdint>
 #include <limits>
 #include <optional>
 #include <string_view>
