@@ -1,7 +1,6 @@
 #include "kiro/web/JSONObject.hpp"
 
 #include <boost/json.hpp>
-#include <cstdint>
 #include <limits>
 #include <optional>
 #include <string_view>
@@ -105,8 +104,9 @@ std::optional<std::vector<std::string>> toTexts(const boost::json::value& value)
 
 template <typename T, typename Source>
 bool store(std::optional<Source>&& value, T& out) {
-    if (value) out = static_cast<T>(*std::move(value));
-    return value.has_value();
+    if (!value) return false;
+    out = static_cast<T>(*std::move(value));
+    return true;
 }
 
 }  // namespace

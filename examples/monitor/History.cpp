@@ -7,15 +7,13 @@
 #include <utility>
 
 #include "kiroutils/Logger.hpp"
+#include "records/EventRecord.hpp"
 
 namespace monitor {
 
 namespace json = boost::json;
 
 namespace {
-
-constexpr const char* kLog = "DrawnowTimeout";
-constexpr const char* kData = "EventData";
 
 /// At most so many bytes of `text`, no character of it halved; what is cut off is marked.
 std::string cut(std::string_view text, std::size_t most) {
@@ -38,7 +36,8 @@ json::value recordOf(const std::string& time, const std::string& text) {
     json::object record{{"Time", time}};
     for (const auto& [key, value] : parsed.get_object()) record.emplace(key, value);
     // What a client reports is an object's text most of the time.
-    if (auto* data = record.if_contains(kData); data != nullptr && data->is_string()) {
+    if (auto* data = record.if_contains(records::kEventData);
+        data != nullptr && data->is_string()) {
         if (auto inner = objectOf(data->get_string()); inner.is_object()) *data = std::move(inner);
     }
     return record;
@@ -61,9 +60,9 @@ std::string timeText(std::chrono::system_clock::time_point time) {
 
 History::History(std::function<Clock::time_point()> now) : fNow(std::move(now)) {
     // Enabled already, it is not given its usual length when somebody begins to record.
-    kiroutils::Logger::instance().setHistoryEnabled(kLog, true, 1, false);
+    kiroutils::Logger::instance().setHistoryEnabled(records::kDrawnowTimeoutLog, true, 1, false);
     fObserver = kirohost::observeLog([this](const kirohost::LogRecord& record) {
-        if (record.logger == kLog) add(record.text);
+        if (record.logger == records::kDrawnowTimeoutLog) add(record.text);
     });
 }
 

@@ -228,7 +228,7 @@ void readPage(const po::variables_map& map, Options& options) {
     constexpr std::int64_t kMostPort = 65535;
     options.port = static_cast<std::uint16_t>(wholeNumber(map, "port", 0, kMostPort).value_or(0));
     if (given(map, "remind") == "0") {
-        options.remind = options.remind.zero();
+        options.remind = std::chrono::duration<double>::zero();
     } else if (const auto seconds = positiveNumber(map, "remind", ", or 0")) {
         options.remind = std::chrono::duration<double>(*seconds);
     }

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <fstream>
 #include <memory>
@@ -72,6 +73,27 @@ kirogateway::Gateway makeGateway(const Options& options) {
     }
 }
 
+/// All but `timedOut`. REQUIRES: what is given by reference outlives the engine.
+engine::Engine::Hooks pageHooks(const Signals& signals, const kirogateway::Gateway& gateway,
+                                PageWatch& pages, const std::shared_ptr<ErrorLines>& errors) {
+    engine::Engine::Hooks hooks;
+    hooks.waiting = [&pages] { pages.waiting(); };
+    hooks.stopped = [&signals] { return signals.came(); };
+    hooks.clientGone = [&gateway, &pages] {
+        const bool gone = gateway.lastPageGone();
+        pages.note(gone);
+        return gone;
+    };
+    hooks.clientError = [errors](const std::string& error) { errors->add(error); };
+    hooks.frameOver = [&pages, errors,
+                       before = std::uint64_t{0}](const engine::EngineResult& soFar) mutable {
+        const std::uint64_t answers = soFar.complete + soFar.failed;
+        if (std::exchange(before, answers) != answers) pages.answered();
+        errors->look();
+    };
+    return hooks;
+}
+
 }  // namespace
 
 bool runForPages(const Options& options, const Signals& signals) {
@@ -95,25 +117,12 @@ bool runForPages(const Options& options, const Signals& signals) {
                     options.remind);
     // Shared with a callback that may still run when the engine has ended.
     const auto errors = std::make_shared<ErrorLines>();
-    engine::Engine::Hooks hooks;
-    hooks.waiting = [&pages] { pages.waiting(); };
-    hooks.stopped = [&signals] { return signals.came(); };
-    hooks.clientGone = [&gateway, &pages] {
-        const bool gone = gateway.lastPageGone();
-        pages.note(gone);
-        return gone;
-    };
-    hooks.timedOut = [&](bool announced, const std::deque<engine::Latency>& latest) {
+    engine::Engine::Hooks hooks = pageHooks(signals, gateway, pages, errors);
+    hooks.timedOut = [&options, &gateway, &history, started](
+                         bool announced, const std::deque<engine::Latency>& latest) {
         const std::string known = gateway.diagnostics();
         const auto now = std::chrono::system_clock::now();
         sayTimeout(options, {started, now, timeoutCause(announced, known), known, latest}, history);
-    };
-    hooks.clientError = [errors](const std::string& error) { errors->add(error); };
-    hooks.frameOver = [&pages, errors,
-                       before = std::uint64_t{0}](const engine::EngineResult& soFar) mutable {
-        const std::uint64_t answers = soFar.complete + soFar.failed;
-        if (std::exchange(before, answers) != answers) pages.answered();
-        errors->look();
     };
     engine::Engine engine(data, nullptr, hooks);
     const engine::EngineResult result =

@@ -31,6 +31,7 @@ constexpr std::array<std::pair<const char*, const char*>, 2> kOfPackages{{
 /// Whether a file beside the page belongs to it; others there are for those who work on it.
 bool isOfPage(const std::filesystem::path& file) {
     const std::string ending = file.extension().string();
+    if (file.stem().extension() == ".config") return false;
     return ending == ".mjs" || ending == ".css" || ending == ".svg";
 }
 

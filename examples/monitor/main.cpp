@@ -69,6 +69,7 @@ void draw(const engine::DataSet& data, engine::Recorder* recorder, client::Headl
     // What engine and client have counted can be compared only when no frame is cut in two. A
     // silent client has counted nothing, and there is no use in waiting for it.
     hooks.finishesFrames = !run.options.silent;
+    hooks.countsTraffic = true;
     engine::Engine engine(data, recorder, hooks);
     run.engine = engine.run({run.options.frames, run.options.duration, run.options.speed});
     kirohost::waitForDelivery();

@@ -3,7 +3,6 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
-#include <new>
 #include <utility>
 
 #include "bedrock/json/Value.hpp"

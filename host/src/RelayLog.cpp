@@ -1,46 +1,16 @@
 #include "RelayLog.hpp"
 
-#include <cstddef>
 #include <exception>
 #include <string>
 
 #include "checked/Require.hpp"
 #include "kiroutils/Logger.hpp"
+#include "text/Escape.hpp"
 
 namespace relay {
 namespace {
 
-constexpr std::size_t kLongestQuotation = 200;
-
-bool breaksLine(char character) {
-    const auto code = static_cast<unsigned char>(character);
-    return code < 0x20 || code == 0x7f;
-}
-
-bool continuesCharacter(char character) {
-    return (static_cast<unsigned char>(character) & 0xc0U) == 0x80U;
-}
-
-/// `text` in quotation marks, on one line and at most `kLongestQuotation` bytes of it, cut
-/// between two UTF-8 characters.
-std::string quoted(std::string_view text) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::size_t length = text.size();
-    if (length > kLongestQuotation) {
-        length = kLongestQuotation;
-        while (length > 0 && continuesCharacter(text[length])) --length;
-    }
-    std::string result = "\"";
-    for (const char character : text.substr(0, length)) {
-        if (breaksLine(character)) {
-            const auto code = static_cast<unsigned char>(character);
-            result += {'\\', 'x', digits[code >> 4U], digits[code & 0xfU]};
-        } else {
-            result += character;
-        }
-    }
-    return result += length < text.size() ? "\"..." : "\"";
-}
+std::string quoted(std::string_view text) { return '"' + text::escaped(text) + '"'; }
 
 std::string describeCaught() {
     try {

@@ -1,6 +1,5 @@
 #include "TaskQueue.hpp"
 
-#include <algorithm>
 #include <mutex>
 #include <utility>
 

@@ -1,5 +1,6 @@
 # Installs BUILD_DIR below WORK_DIR, moves the installed tree, and fails when a file in it still
-# knows where it was built or first installed, or a module has no declarations. Makes projects of the README's programs.
+# knows where it was built or first installed, or a module has no declarations. Makes projects of the
+# README's programs.
 file(REMOVE_RECURSE ${WORK_DIR})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/staged
                 OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)

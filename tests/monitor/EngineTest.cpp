@@ -85,6 +85,7 @@ TEST(Engine, CountsAFrameAsFailedIfTheClientReportedAnError) {
     EXPECT_EQ(good.complete, 1U);
     EXPECT_EQ(good.failed, 0U);
     EXPECT_FALSE(good.interrupted);
+    EXPECT_EQ(good.traffic.commands, 0U) << "counted, though nobody wants to know";
     const auto bad = drawOneFrame(2);
     EXPECT_EQ(bad.complete, 0U);
     EXPECT_EQ(bad.failed, 1U);

@@ -12,6 +12,8 @@ import signal
 import subprocess
 import tempfile
 import unittest
+import urllib.error
+import urllib.request
 
 MONITOR = os.environ["KIROWEB_MONITOR"]
 
@@ -140,6 +142,18 @@ class Pages(Case):
         self.one_line(1, ["nowhere/file", "No such file"], *self.arguments,
                       "--diagnostics=nowhere/file")
         self.one_line(1, ["nowhere/index.html", "--client"], "--no-browser", "--client=nowhere")
+
+    def test_files_beside_the_page_that_are_not_its_own(self):
+        monitor = self.start()
+        address = monitor.stdout.readline().split("#")[0]
+        for name, wanted in [("page.mjs", 200), ("eslint.config.mjs", 404), ("package.json", 404)]:
+            with self.subTest(name):
+                try:
+                    status = urllib.request.urlopen(address + name).status
+                except urllib.error.HTTPError as error:
+                    status = error.code
+                self.assertEqual(status, wanted)
+        end(monitor, signal.SIGTERM)
 
     def test_a_port_that_is_taken(self):
         first = self.start()

@@ -23,7 +23,7 @@ double secondsOf(std::uint64_t samples) {
 
 EcgFigure::EcgFigure(const EcgRecording& recording) : fRecording(recording) {}
 
-void EcgFigure::advance(std::uint64_t frame) {
+void EcgFigure::doAdvance(std::uint64_t frame) {
     fEndBefore = frame * kSamplesPerFrame;
     fEnd = fEndBefore + kSamplesPerFrame;
 }

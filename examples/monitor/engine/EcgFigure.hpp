@@ -16,11 +16,11 @@ class EcgFigure : public Figure {
     /// REQUIRES: `recording` outlives this.
     explicit EcgFigure(const EcgRecording& recording);
 
-    void advance(std::uint64_t frame) override;
     void sendWhole(Outlet& out) const override;
     void sendNew(Outlet& out) const override;
 
   private:
+    void doAdvance(std::uint64_t frame) override;
     void sendObjects(Outlet& out) const;
     /// The limits and the text, which change with every frame.
     void sendTime(Outlet& out) const;

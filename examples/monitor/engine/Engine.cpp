@@ -65,7 +65,7 @@ Engine::Engine(const DataSet& data, Recorder* recorder, Hooks hooks)
       fRequestor(std::make_unique<kiro::web::PubSubACTRequestor>(
           fSender, contract::kReturnChannel, "monitor", contract::kClientKind, true)),
       fErrors(fHooks.clientError),
-      fOut(senders()) {
+      fOut(senders(), fHooks.countsTraffic) {
     fSender->setBinaryChannelName(contract::kBlockChannel);
     fRequestor->enableTimeStampLogging(true);
     auto quakes = std::make_unique<QuakeFigure>(data);

@@ -50,6 +50,7 @@ struct EngineResult {
     /// Attempts at a frame that the client's reconnection or new view ended.
     std::uint64_t endedByReconnection = 0;
     std::uint64_t endedByNewView = 0;
+    /// Empty unless it was to be counted, as the backlog.
     Traffic traffic;
     /// What the sender held back when the first flush began to wait.
     Traffic backlog;
@@ -73,6 +74,8 @@ class Engine {
         std::function<bool()> stopped;
         /// Whether a frame under way is drawn to its end when the engine is to stop.
         bool finishesFrames = false;
+        /// Whether the result has traffic and backlog, which costs each command's text once more.
+        bool countsTraffic = false;
         /// Whether clients were there and none is any more. Whoever changes the answer to true
         /// wakes the interpreter.
         std::function<bool()> clientGone;

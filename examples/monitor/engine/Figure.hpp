@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "checked/Require.hpp"
+
 namespace monitor::engine {
 
 class Outlet;
@@ -15,11 +17,20 @@ class Figure {
     virtual ~Figure() = default;
 
     /// Moves the figure on to `frame`. REQUIRES: frames come in order, from 0, without a gap.
-    virtual void advance(std::uint64_t frame) = 0;
+    void advance(std::uint64_t frame) {
+        KIROWEB_REQUIRE(frame == fNextFrame);
+        ++fNextFrame;
+        doAdvance(frame);
+    }
     /// Sends everything that the figure shows now, to a client that may know nothing of it.
     virtual void sendWhole(Outlet& out) const = 0;
     /// Sends what the last `advance` changed, to a client that has all from before.
     virtual void sendNew(Outlet& out) const = 0;
+
+  private:
+    virtual void doAdvance(std::uint64_t frame) = 0;
+
+    std::uint64_t fNextFrame = 0;
 };
 
 }  // namespace monitor::engine

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "checked/Require.hpp"
+
 namespace monitor::engine {
 
 using std::chrono::microseconds;
@@ -27,6 +29,8 @@ std::optional<Latency> latencyOf(
 }
 
 microseconds percentile(std::vector<microseconds> values, double share) {
+    KIROWEB_REQUIRE(!values.empty());
+    KIROWEB_REQUIRE(share >= 0 && share <= 1);
     const auto index = static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
     std::nth_element(values.begin(), values.begin() + index, values.end());
     return values[static_cast<std::size_t>(index)];

@@ -5,6 +5,7 @@
 #include <numeric>
 #include <utility>
 
+#include "checked/Require.hpp"
 #include "kiro/web/CommandSenderInterface.hpp"
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/binary/BinaryDataPayload.hpp"
@@ -34,8 +35,10 @@ std::uint64_t sum(const std::vector<std::uint64_t>& sizes) {
 
 }  // namespace
 
-Outlet::Outlet(Senders senders) : fSenders(std::move(senders)) {
-    fSenders.front()->setSizeStatsEnabled(true);
+Outlet::Outlet(Senders senders, bool countsTraffic)
+    : fSenders(std::move(senders)), fCountsTraffic(countsTraffic) {
+    KIROWEB_REQUIRE(!fSenders.empty());
+    if (fCountsTraffic) fSenders.front()->setSizeStatsEnabled(true);
 }
 
 void Outlet::command(const std::string& name, const Fill& fill) {
@@ -61,6 +64,7 @@ DataID Outlet::blockAsync(std::span<const float> numbers) {
 }
 
 const Traffic& Outlet::countTraffic() {
+    if (!fCountsTraffic) return fTraffic;
     CommandSenderInterface& sender = *fSenders.front();
     fTraffic.commands += sender.getPublishSizeInBytes().size();
     fTraffic.commandBytes += sum(sender.getPublishSizeInBytes());

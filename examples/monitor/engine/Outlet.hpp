@@ -32,9 +32,10 @@ class Outlet {
     /// Writes a command's fields; called once for each sender.
     using Fill = std::function<void(kiro::web::JSONPayload&)>;
 
-    /// The traffic is counted on the first of `senders`.
+    /// With `countsTraffic` the traffic is counted on the first of `senders`, which makes the text
+    /// of each of its commands once more.
     /// REQUIRES: there is a first sender, and nobody else uses its size statistics.
-    explicit Outlet(Senders senders);
+    explicit Outlet(Senders senders, bool countsTraffic = false);
 
     void command(const std::string& name, const Fill& fill);
 
@@ -44,11 +45,13 @@ class Outlet {
     /// As above, without keeping the order against other sends.
     kiro::web::binary::DataID blockAsync(std::span<const float> numbers);
 
-    /// Reads what the first sender's statistics hold into the traffic, and empties them.
+    /// Reads what the first sender's statistics hold into the traffic, and empties them. The
+    /// traffic stays empty when it is not counted.
     const Traffic& countTraffic();
 
   private:
-    Senders fSenders;
+    const Senders fSenders;
+    const bool fCountsTraffic;
     std::uint64_t fSequence = 0;
     Traffic fTraffic;
 };

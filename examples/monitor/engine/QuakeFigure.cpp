@@ -31,7 +31,7 @@ QuakeFigure::QuakeFigure(const DataSet& data) : fData(data) {}
 
 void QuakeFigure::pick(Pick pick) { fPick = pick; }
 
-void QuakeFigure::advance(std::uint64_t frame) {
+void QuakeFigure::doAdvance(std::uint64_t frame) {
     const auto& quakes = fData.earthquakes;
     const std::uint64_t frameOfWeek = frame % kFramesPerWeek;
     fWeekBegins = frameOfWeek == 0;

@@ -29,11 +29,11 @@ class QuakeFigure : public Figure {
     /// equally near the latest.
     void pick(Pick pick);
 
-    void advance(std::uint64_t frame) override;
     void sendWhole(Outlet& out) const override;
     void sendNew(Outlet& out) const override;
 
   private:
+    void doAdvance(std::uint64_t frame) override;
     void sendObjects(Outlet& out) const;
     void sendCoast(Outlet& out) const;
     void sendTexts(Outlet& out) const;

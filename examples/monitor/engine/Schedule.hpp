@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Contract.hpp"
+#include "checked/Require.hpp"
 
 namespace monitor::engine {
 
@@ -17,8 +18,9 @@ class Schedule {
 
     /// `speed`: 1 is real time. REQUIRES: it is above 0.
     Schedule(Time start, double speed)
-        : fStart(start),
-          fFrameTime(1 / (static_cast<double>(contract::kFramesPerSecond) * speed)) {}
+        : fStart(start), fFrameTime(1 / (static_cast<double>(contract::kFramesPerSecond) * speed)) {
+        KIROWEB_REQUIRE(speed > 0);
+    }
 
     [[nodiscard]] Time due(std::uint64_t frame) const {
         return fStart + std::chrono::duration_cast<std::chrono::steady_clock::duration>(

@@ -15,7 +15,7 @@ struct key_timeoutDuringDrawnow {
     static constexpr const char* key = "timeoutDuringDrawnow";
 };
 
-/// Argument: the binary channel.
+/// Argument: the sender's channel for commands, not its binary channel.
 struct key_GraphicsBinarySendFailure {
     static constexpr const char* component = "Quarn:graphics";
     static constexpr const char* key = "GraphicsBinarySendFailure";
