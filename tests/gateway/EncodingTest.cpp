@@ -154,7 +154,7 @@ TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
           R"({"t":"echo","id":[]})"s,
           R"({"t":"echo","id":true})"s,
           R"({"t":"echo","id":")"s + std::string(300, 'x') + "\"}",
-          "[[[[[[[[[[1]]]]]]]]]]"s,
+          R"({"t":"ack","last":1,"x":[[[[[[[[1]]]]]]]]})"s,
           hello + R"("client":")" + std::string(257, 'x') + "\"}",
           hello + R"("limits":7})",
           hello + R"("limits":{"block":"x"}})",
@@ -165,6 +165,12 @@ TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
         for (const std::size_t piece : {1UL, 100000UL}) {
             EXPECT_THROW(static_cast<void>(readFrame(text, piece)), std::runtime_error) << text;
         }
+    }
+    for (const auto& text : {R"({"t":"ack","last":1,"x":[[[[[[[1]]]]]]]})"s,
+                             R"({"t":"echo","id":")"s + std::string(254, 'x') + "\"}",
+                             hello + R"("client":")" + std::string(256, 'x') + "\"}",
+                             hello + R"("refused":)" + array(4096, "1") + "}"}) {
+        EXPECT_EQ(readFrame(text, 100000).size(), 1U) << text;
     }
     // What is too long to be used is not held either.
     const auto long_name =

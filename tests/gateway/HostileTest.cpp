@@ -86,6 +86,21 @@ TEST_F(HostileTest, SilentPeersAreNotWaitedForForEver) {
     EXPECT_EQ(goes_silent.readClose(), 4004U);
 }
 
+TEST_F(HostileTest, APageThatGotInIsLeftToItself) {
+    fOptions.limits.request = fOptions.limits.hello = std::chrono::milliseconds(20);
+    fOptions.limits.block = std::chrono::milliseconds(200);
+    start();
+    auto page = join();
+    EXPECT_FALSE(sendBlock(9).get().delivered);  // ten times as long
+    settle(page);
+    const auto silence = [this] {
+        const auto report = boost::json::parse(fGateway->diagnostics());
+        return report.at("detail").at(0).at("lastSignOfLifeMilliseconds").as_int64();
+    };
+    while (silence() < 20) std::this_thread::yield();
+    while (silence() >= 20) page.sendFrame(10, "a pong is a sign of life");
+}
+
 TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
     fOptions.limits.connections = 12;
     fOptions.limits.unauthenticatedConnections = 4;

@@ -38,13 +38,14 @@ class OutboxTest : public testing::Test {
     }
 
     /// Adds a block that one page has joined; answers what becomes of it.
-    Future addBlock(std::size_t size) {
+    Future addBlock(std::size_t size, std::size_t lane = 0, Added expected = Added::kYes) {
         auto future = fStream->send(support::bufferOf(std::string(size, 'b')));
         const auto transfer =
             std::make_shared<Transfer>(*std::move(fDelivery), fCounters, Charge());
         transfer->join();
         transfer->close(true);
-        EXPECT_EQ(fOutbox->addBlock(0, "/bin", transfer, fNow), Added::kYes);
+        EXPECT_EQ(fOutbox->addBlock(lane, "/bin", transfer, fNow), expected);
+        if (expected != Added::kYes) transfer->leave(false);
         return future;
     }
     Added tryText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
@@ -131,6 +132,8 @@ TEST_F(OutboxTest, BatchesTextsAndNamesEachChannelOnce) {
               "1\x1e/a\x1f"
               "1\x1e\x1f"
               "2\x1e/b\x1f\x1f/w==\x1e\x1f");
+    for (int i = 0; i < 1000; ++i) addText("0123456789");
+    for (const auto& frame : write()) EXPECT_LT(frame.payload.size(), 1020U);
     const std::vector<Record> expected{{5, "", "5", false}, {6, "", "6", false}};
     EXPECT_EQ(readBatch(frames[1].payload), expected);
     for (const std::size_t size : {121U, 122U, 123U, 65530U, 66000U}) {
@@ -180,6 +183,43 @@ TEST_F(OutboxTest, CutsALargeBlockAndLetsOtherLanesBetween) {
     EXPECT_TRUE(future.get().delivered);
 }
 
+TEST_F(OutboxTest, LetsABlockThatWaitsForRoomHaveItsTurn) {
+    auto first = addBlock(600);
+    static_cast<void>(write());
+    auto large = addBlock(401);
+    EXPECT_TRUE(write().empty()) << "1000 bytes may be under way";
+    auto small = addBlock(50, 1);
+    EXPECT_TRUE(write().empty()) << "it would overtake the large one for ever";
+    answer(1, true);
+    EXPECT_EQ(textsOf(write()), (Texts{"piece", "block 2", "piece", "piece", "piece", "block 3"}));
+    for (const unsigned transfer : {2U, 3U}) answer(transfer, true);
+    EXPECT_EQ(fOutbox->bytesUnderWay(), 0U);
+
+    // A block that will not come keeps nobody waiting.
+    auto exact = addBlock(600);
+    auto fits = addBlock(400);
+    EXPECT_EQ(write().size(), 10U);
+    answer(5, true);
+    auto dropped = addBlock(500);
+    EXPECT_TRUE(write().empty());
+    fNow += std::chrono::seconds(1);
+    auto behind = addBlock(50, 1);
+    EXPECT_TRUE(write().empty());
+    fOutbox->dropBlocksBefore(fNow, fLeft);
+    leaveAll(fLeft);
+    EXPECT_EQ(textsOf(write()), (Texts{"block 6"}));
+    answer(7, true);
+    // More than may be under way goes alone, and is not answered before it is there.
+    auto alone = addBlock(1500);
+    writePart(50);
+    answer(8, true);
+    EXPECT_FALSE(alone.isReady());
+    static_cast<void>(write());
+    fOutbox->acknowledge(7);
+    answer(8, true);
+    EXPECT_TRUE(alone.get().delivered);
+}
+
 TEST_F(OutboxTest, WritesAgainWhatAReturnedPageMissed) {
     addText("a");
     auto first = addBlock(40);
@@ -202,6 +242,7 @@ TEST_F(OutboxTest, WritesAgainWhatAReturnedPageMissed) {
     fOutbox->resume(2, {}, fLeft);
     leaveAll(fLeft);
     EXPECT_TRUE(first.get().delivered);  // its answer was lost
+    EXPECT_EQ(fOutbox->load().kept, 0U) << "all of it waits again";
     addText("d");
     greet("{}", 1);
     EXPECT_EQ(textsOf(write()), (Texts{"{}", "piece", "block 3", "4 b", "5 c", "6 d"}));
@@ -258,6 +299,7 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     fOutbox->countAsLost(fLost);
     EXPECT_TRUE(fLost->isExceeded());
     EXPECT_EQ(tryText(std::string(600, 'x')), Added::kNoLostRoom);
+    addBlock(9, 0, Added::kNoLostRoom);
     EXPECT_EQ(fMemory->used() + 60000, fOutbox->bytes());
     greet("{}");
     EXPECT_EQ(fLost->used(), 0U);

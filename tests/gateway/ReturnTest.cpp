@@ -34,7 +34,7 @@ class ModelPage final : public Connection {
         : fSession(services, {*this, nullptr, false}), fNow(now) {}
     ~ModelPage() override { lose(); }
 
-    void request(Request /*what*/) noexcept override {}
+    void request(Request what) noexcept override { fAsked |= what; }
     void close(std::uint16_t code, std::string_view reason, std::string rest) noexcept override {
         fEnd = std::to_string(code) + " " + std::string(reason);
         fBytes += rest;
@@ -46,9 +46,13 @@ class ModelPage final : public Connection {
     void say(std::string_view text, bool isLast = true) { fSession.text(text, isLast, fNow); }
     void sayBytes(std::string_view bytes) { fSession.binary(bytes, true, fNow); }
     void lose() noexcept { fSession.ended(false, fNow); }
-    /// Takes up to `most` bytes; returns the frames that are whole by now.
+    /// Takes up to `most` bytes, if the view has asked for that; returns the frames that are whole.
     std::vector<Frame> read(std::size_t most = 100'000'000) {
-        if (fSession.viewHere() != nullptr) static_cast<void>(view().collect(fBytes, most));
+        auto* here = fSession.viewHere();
+        if (here != nullptr && (fAsked & kTail) != 0 && !here->writeTail(fNow)) fAsked &= ~kTail;
+        if (here != nullptr && (fAsked & kWrite) != 0 && !here->collect(fBytes, most)) {
+            fAsked &= ~kWrite;
+        }
         return gatewaytest::takeFrames(fBytes);
     }
     [[nodiscard]] View& view() const { return *fSession.view(); }
@@ -58,6 +62,7 @@ class ModelPage final : public Connection {
     std::string fBytes;  ///< of a frame that is not whole
     std::string fEnd;    ///< how the gateway ended it
     bool fIsHeld = false;
+    unsigned fAsked = 0;  ///< of it by the view
     int fReadOns = 0;
 };
 
@@ -266,6 +271,30 @@ TEST_F(ReturnTest, BlocksThatWereCutComeAgainWhole) {
         answer(back, 2);
         EXPECT_TRUE(fBlock.get().delivered);
     }
+}
+
+TEST_F(ReturnTest, WhatABlockHeldUpGoesOn) {
+    fOptions.limits.block = seconds(5);
+    fOptions.limits.blocksUnderWay = 1;
+    start();
+    auto page = join();
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    auto late = std::move(fBlock);
+    pass(seconds(2));
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    auto second = std::move(fBlock);
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    EXPECT_EQ(page->read().size(), 2U) << "the channel's name and one block";
+    EXPECT_TRUE(page->read().empty());
+    pass(milliseconds(3001));
+    EXPECT_FALSE(late.get().delivered);
+    EXPECT_EQ(page->read().size(), 1U);
+    EXPECT_TRUE(page->read().empty());
+    answer(page, 2);
+    EXPECT_TRUE(second.get().delivered);
+    EXPECT_EQ(page->read().size(), 1U);
+    page->view().fail("it failed");
+    EXPECT_EQ(offer(page->view(), 9), Part::kRefused);
 }
 
 TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {

@@ -63,6 +63,11 @@ TEST_F(TlsTest, CarriesTheSame) {
     const auto pong = page.readFrame();
     EXPECT_EQ(pong.opcode, 10U);
     EXPECT_EQ(pong.payload, "ping");
+
+    // The reason why it is closed comes behind what is being written.
+    publish("/fig/1", std::string(20000000, 'x'));
+    page.sendText("nonsense");
+    EXPECT_EQ(page.readClose(), 4000U);
 }
 
 TEST_F(TlsTest, OldVersionsAreOffAndNobodyIsAskedForAPassphrase) {
