@@ -149,6 +149,7 @@ TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
           R"({"t":"subscribe","channels":"a"})"s,
           R"({"t":"block","transfer":1.5,"ok":true})"s,
           R"({"t":"block","transfer":1,"ok":1})"s,
+          R"([{"t":"publish","channel":"a","text":"b"},{"t":"publish","channel":"a"}])"s,
           R"({"t":"ack","last":1e30})"s,
           R"({"t":"ack","last":-1})"s,
           R"({"t":"echo","id":[]})"s,

@@ -275,6 +275,7 @@ TEST_F(ReturnTest, BlocksThatWereCutComeAgainWhole) {
 
 TEST_F(ReturnTest, WhatABlockHeldUpGoesOn) {
     fOptions.limits.block = seconds(5);
+    fOptions.limits.gone = seconds(60);
     fOptions.limits.blocksUnderWay = 1;
     start();
     auto page = join();
@@ -293,6 +294,9 @@ TEST_F(ReturnTest, WhatABlockHeldUpGoesOn) {
     answer(page, 2);
     EXPECT_TRUE(second.get().delivered);
     EXPECT_EQ(page->read().size(), 1U);
+    page->lose();
+    pass(milliseconds(5001));
+    EXPECT_FALSE(fBlock.get().delivered);
     page->view().fail("it failed");
     EXPECT_EQ(offer(page->view(), 9), Part::kRefused);
 }
@@ -344,11 +348,17 @@ TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
     // One that returns has all its time again.
     publish(page, "waits");
     fNow += seconds(30);
-    auto back = join(returnOf(page->view(), 0));
+    ModelPage back(*fServices, fNow);
+    back.say(R"({"t":"hello","version":1)" + returnOf(page->view(), 0) + "}");
     pass(seconds(1));
-    EXPECT_EQ(back->fEnd, "");
-    pass(seconds(21));
-    EXPECT_EQ(back->fEnd, "4003 too slow: it took nothing for too long");
+    EXPECT_EQ(back.fEnd, "");
+    pass(seconds(20));
+    EXPECT_EQ(back.fEnd, "4003 too slow: it took nothing for too long");
+
+    auto passing = join(R"(,"resume":false)");
+    pass(seconds(31));
+    EXPECT_EQ(passing->fEnd, "4004 no sign of life");
+    EXPECT_EQ(passing->view().state(), View::State::kOver);
 }
 
 TEST_F(ReturnTest, LostViewsAreFewAndSmallTogether) {
