@@ -234,8 +234,8 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
     // Bounds on what it names, at its first hello and later. What it has already is not refused.
     page = join();
     page->lose();
-    back = join(returnOf(page->view(), 0) + R"(,"subscribe":["/c","/d","/e",")" + longName +
-                R"(","/d"])");
+    back = join(returnOf(page->view(), 0) + R"(,"subscribe":["/c",")" + longName +
+                R"(","/d","/e","/d"])");
     EXPECT_EQ(channels("subscribed"), (Channels{"/bin", "/c", "/d"}));
     EXPECT_EQ(channels("refused"), (Channels{"/e", longName}));
     back->say(R"({"t":"subscribe","channels":["/d","/e"]})");
@@ -249,6 +249,11 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
     back->say(R"({"t":")" + std::string(257, 't') + "\"}");
     EXPECT_NE(back->read().at(0).payload.find(R"("what":"",)"), std::string::npos) << "as that";
     EXPECT_EQ(fViews->statistics().refusals, 3U);
+
+    page = join(R"(,"resume":false)");
+    back = join(returnOf(page->view(), 0));
+    EXPECT_EQ(hello("kind"), "\"further\"");
+    EXPECT_TRUE(page->fEnd.starts_with("4006 bad return: "));
 }
 
 TEST_F(ReturnTest, BlocksThatWereCutComeAgainWhole) {
@@ -387,6 +392,12 @@ TEST_F(ReturnTest, LostViewsAreFewAndSmallTogether) {
     page->lose();
     EXPECT_EQ(page->view().state(), View::State::kOver);
     EXPECT_EQ(good->fEnd, "");
+
+    // Each of them is told once: what its blocks hold comes back later.
+    Page lost[] = {join(), join()};
+    for (const auto& each : lost) each->lose();
+    EXPECT_TRUE(fViews->makeLostRoom() && fViews->makeLostRoom());
+    EXPECT_FALSE(fViews->makeLostRoom());
 }
 
 TEST_F(ReturnTest, WhatAPageNumbersIsBounded) {
