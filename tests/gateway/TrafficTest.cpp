@@ -111,6 +111,7 @@ TEST_F(TrafficTest, GoesOnWhenAFullSocketTakesBytesAgain) {
     auto page = join();
     const std::string large(8 * 1024 * 1024, 'x');  // more than the kernel's buffers take
     publish("/fig/1", large);
+    page.sendFrame(9, "whose pong must not land in the middle of the text");
     publish("/fig/1", "small");
     auto block = sendBlock(9);
     publish("/fig/1", "behind");
