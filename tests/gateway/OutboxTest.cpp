@@ -300,9 +300,6 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     fOutbox->countAsLost(fLost);
     EXPECT_TRUE(fLost->isExceeded());
     EXPECT_EQ(tryText(std::string(600, 'x')), Added::kNoLostRoom);
-    const auto before = fOutbox->bytes();
-    addBlock(9, 0, Added::kNoLostRoom);
-    EXPECT_EQ(fOutbox->bytes(), before);
     EXPECT_EQ(fMemory->used() + 60000, fOutbox->bytes());
     greet("{}");
     EXPECT_EQ(fLost->used(), 0U);
@@ -310,6 +307,7 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     fOutbox->detach();
     fOutbox->countAsLost(fLost);
     fOutbox->clear(fLeft);
+    addBlock(60000, 0, Added::kNoLostRoom);
     EXPECT_EQ(fOutbox->bytes() + fLost->used() + fMemory->used(), 0U);
     addText("again");
     fOutbox.reset();
@@ -402,12 +400,14 @@ TEST_F(PaceTest, WaitsForAcknowledgementsOfWhatWasTaken) {
     fPace.restart(fNow);
     send(5000);
     take(5000);
-    EXPECT_EQ(secondsUntilTooSlow([this] {
-                  send(500);
-                  take(500);
-                  acknowledge(500);
-              }),
-              0);
+    for (int minute = 0; minute < 10; ++minute) {  // which does not excuse what comes then
+        EXPECT_EQ(secondsUntilTooSlow([this] {
+                      send(500);
+                      take(500);
+                      acknowledge(500);
+                  }),
+                  0);
+    }
     const int slow = secondsUntilTooSlow([this] {
         send(500);
         take(500);
