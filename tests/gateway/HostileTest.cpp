@@ -145,12 +145,15 @@ TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
 
 TEST_F(HostileTest, HalfOpenAndStubbornPeersDoNoHarm) {
     fOptions.limits.close = std::chrono::milliseconds(40);
-    fOptions.limits.connections = 2;
+    fOptions.limits.connections = 3;
     start();
     auto half = join(R"(,"resume":false)");
     half.closeWriting();
     EXPECT_EQ(fEvents.take(), "last page gone");
     half.readAll();
+    auto lingers = join();
+    lingers.sendFrame(8, "\x03\xe8");  // and keeps its end open
+    EXPECT_EQ(fEvents.take(), "last page gone");
 
     auto flood = join();
     // Pings whose answers it does not read.
@@ -158,8 +161,8 @@ TEST_F(HostileTest, HalfOpenAndStubbornPeersDoNoHarm) {
     settle(flood);
     flood.sendText("bad");
     EXPECT_EQ(flood.readClose(), 4000U);
-    // It does not answer the close, and loses its place nevertheless: there are two for others.
-    for (std::vector<Peer> others; others.size() < 2;) {
+    // It does not answer the close, and loses its place nevertheless: all are free again.
+    for (std::vector<Peer> others; others.size() < 3;) {
         Peer next(fAccess);
         next.send(upgradeRequest(fAccess, fToken));
         if (next.readHead().starts_with("HTTP/1.1 101")) others.push_back(std::move(next));

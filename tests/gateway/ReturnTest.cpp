@@ -400,6 +400,15 @@ TEST_F(ReturnTest, LostViewsAreFewAndSmallTogether) {
     EXPECT_FALSE(fViews->makeLostRoom());
 }
 
+TEST_F(ReturnTest, WhatComesTooFastForFramesOfItsOwnComesAMomentLater) {
+    start();
+    auto page = join();
+    for (int i = 0; i < 100; ++i) publish(page, "x");
+    std::size_t count = 0;
+    for (const auto& frame : page->read()) count += gatewaytest::readBatch(frame.payload).size();
+    EXPECT_EQ(count, 100U);
+}
+
 TEST_F(ReturnTest, WhatAPageNumbersIsBounded) {
     start();
     const auto header = [](char kind, char isLast, char channel) {
