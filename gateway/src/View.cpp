@@ -415,6 +415,7 @@ View::Due View::look(TimePoint now, PageBlocks& left) noexcept {
         if (fFailure != nullptr) return Due::kFail;
         if (state() == State::kLost || state() == State::kGone) {
             if (now - fLostAt > fLimits.comeback) return Due::kEnd;
+            fOutbox.dropBlocksBefore(now - fLimits.block, left);
             if (state() == State::kGone || now - fLostAt <= fLimits.gone) return Due::kNothing;
             fState = State::kGone;
             fOutbox.dropBlocks(left);

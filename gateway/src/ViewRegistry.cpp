@@ -377,6 +377,7 @@ void ViewRegistry::endSilent(const std::shared_ptr<View>& view, TimePoint now) n
     rest.isCut ? connection->cut()
                : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kSilent),
                                    "no sign of life", std::move(rest.bytes));
+    if (!view->mayReturn()) end(view, "no sign of life");
     afterLoss();
 }
 
