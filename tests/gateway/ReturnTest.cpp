@@ -309,6 +309,9 @@ TEST_F(ReturnTest, WhatABlockHeldUpGoesOn) {
 
 TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {
     start();
+    fViews->shut();
+    EXPECT_EQ(fGone, 0) << "nobody came";
+    start();
     auto page = join();
     EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
     page->lose();
