@@ -48,7 +48,7 @@ void publish(benchmark::State& state, std::size_t count, std::size_t wildcards) 
         for (std::size_t i = 0; i < count; ++i) {
             if (i % 50 == 0) {
                 pages.front().sendText(R"([{"t":"subscribe","channels":["/bench/more"]},)"
-                                  R"({"t":"unsubscribe","channels":["/bench/more"]}])");
+                                       R"({"t":"unsubscribe","channels":["/bench/more"]}])");
             }
             const auto channel = "/bench/" + std::to_string(i % kChannels);
             const auto start = steady_clock::now();
