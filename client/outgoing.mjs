@@ -2,7 +2,7 @@
 
 /** Bytes of a channel's name. */
 export const MOST_NAME_BYTES = 1024;
-/** Channels that one frame may name. */
+/** Channels that one frame may name, as long as the gateway has not said otherwise. */
 export const MOST_NAMES = 1024;
 
 /** A message as JSON, its size in bytes of UTF-8 and the number of channels that it names.
@@ -55,10 +55,11 @@ export function encode(message, names = 1) {
 }
 
 /** Names for one message, as many as fit; takes them away from `names`.
- * @param {string[]} names @param {number} most bytes of JSON @returns {string[]} */
-export function takeNames(names, most) {
+ * @param {string[]} names @param {number} most bytes of JSON
+ * @param {number} [mostNames] @returns {string[]} */
+export function takeNames(names, most, mostNames = MOST_NAMES) {
     let count = 0;
-    for (let bytes = 0; count < Math.min(names.length, MOST_NAMES); ++count) {
+    for (let bytes = 0; count < Math.min(names.length, mostNames); ++count) {
         bytes += byteLength(JSON.stringify(names[count])) + 1;
         if (count > 0 && bytes > most) break;
     }
@@ -66,15 +67,16 @@ export function takeNames(names, most) {
 }
 
 /** The frames that messages make, in order: as few as can be.
- * @param {Encoded[]} messages @param {number} most bytes of a frame @returns {Generator<string>} */
-export function* framesOf(messages, most) {
+ * @param {Encoded[]} messages @param {number} most bytes of a frame
+ * @param {number} [mostNames] @returns {Generator<string>} */
+export function* framesOf(messages, most, mostNames = MOST_NAMES) {
     /** @type {string[]} */
     let texts = [];
     let size = 0;
     let count = 0;
     const join = () => (texts.length === 1 ? texts[0] : `[${texts.join(",")}]`);
     for (const { text, bytes, names } of messages) {
-        if (texts.length > 0 && (size + bytes + 2 > most || count + names > MOST_NAMES)) {
+        if (texts.length > 0 && (size + bytes + 2 > most || count + names > mostNames)) {
             yield join();
             texts = [];
             size = count = 0;

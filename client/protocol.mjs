@@ -476,7 +476,7 @@ export class Connection {
         // Room for the rest of the message.
         const most = this.#mostBytes() - 64;
         while (rest.length > 0) {
-            const names = takeNames(rest, most);
+            const names = takeNames(rest, most, this.#hello?.limits.names);
             this.#sendEncoded(encode({ t, channels: names }, names.length));
         }
     }
@@ -527,7 +527,9 @@ export class Connection {
     #flush() {
         if (!this.#line.isLive) return;
         const messages = this.#outgoing.splice(0);
-        for (const frame of framesOf(messages, this.#mostBytes())) this.#write(frame);
+        for (const frame of framesOf(messages, this.#mostBytes(), this.#hello?.limits.names)) {
+            this.#write(frame);
+        }
     }
 
     /** @param {string} frame */

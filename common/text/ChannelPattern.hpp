@@ -4,6 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "checked/Require.hpp"
+
 /// The one meaning of "/*": a text that ends in it is a wildcard, which stands for all channels
 /// that begin with what is before the "*", the slash included.
 namespace channels {
@@ -13,6 +15,7 @@ namespace channels {
 }
 /// REQUIRES: isWildcard(wildcard).
 [[nodiscard]] inline std::string_view prefixOf(std::string_view wildcard) noexcept {
+    KIROWEB_REQUIRE(isWildcard(wildcard));
     return wildcard.substr(0, wildcard.size() - 1);
 }
 

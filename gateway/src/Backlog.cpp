@@ -33,8 +33,7 @@ Backlog::Entry Backlog::add(std::string text, const std::shared_ptr<Budget>& mem
         throw;
     }
     // It is here already: when there is no room for it, it is the page that has to wait.
-    memory->add(size);
-    received->charge.adopt(memory, size);
+    received->charge.set(memory, size);
     return {{received, &received->text}, received};
 }
 

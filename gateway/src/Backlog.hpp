@@ -16,7 +16,6 @@ class Connection;
 /// while it is too much: neither in bytes nor in messages, since each of those makes others wait.
 class Backlog final : public Wakeup::Target, public std::enable_shared_from_this<Backlog> {
   public:
-    /// REQUIRES: a wake-up outlives every ticket, see `Server`.
     Backlog(std::size_t limit, std::shared_ptr<Wakeup> wakeup) noexcept
         : fLimit(limit), fWakeup(std::move(wakeup)) {}
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <memory>
@@ -27,8 +28,15 @@ class Budget {
     void add(std::size_t bytes) noexcept { fUsed.fetch_add(bytes, std::memory_order_relaxed); }
     void give(std::size_t bytes) noexcept { fUsed.fetch_sub(bytes, std::memory_order_relaxed); }
 
+    /// Bytes that will be given soon, since their holder has to end.
+    void addEnding(std::size_t bytes) noexcept { fEnding += bytes; }
+    void removeEnding(std::size_t bytes) noexcept { fEnding -= bytes; }
+
+    /// Whether there is room, or soon will be.
     [[nodiscard]] bool hasRoomFor(std::size_t bytes) const noexcept {
-        return bytes <= fLimit && used() <= fLimit - bytes;
+        const auto now = used();
+        const auto soon = now - std::min(now, fEnding.load());
+        return bytes <= fLimit && soon <= fLimit - bytes;
     }
     [[nodiscard]] bool isExceeded() const noexcept { return used() > fLimit; }
     [[nodiscard]] std::size_t used() const noexcept {
@@ -39,6 +47,7 @@ class Budget {
   private:
     const std::size_t fLimit;
     std::atomic<std::size_t> fUsed{0};
+    std::atomic<std::size_t> fEnding{0};
 };
 
 /// Bytes of a budget, given back at the end. Movable.
@@ -65,17 +74,12 @@ class Charge {
         fBytes += bytes;
         return true;
     }
-    /// Holds bytes that were added to the budget already. REQUIRES: holds nothing.
-    void adopt(std::shared_ptr<Budget> budget, std::size_t bytes) noexcept {
-        fBudget = std::move(budget);
+    /// Holds so many bytes instead, room or not.
+    void set(const std::shared_ptr<Budget>& budget, std::size_t bytes) noexcept {
+        budget->add(bytes);
+        if (fBudget != nullptr) fBudget->give(fBytes);
+        fBudget = budget;
         fBytes = bytes;
-    }
-    /// Holds so many bytes instead. Returns false, and holds what it held, if there is no room.
-    [[nodiscard]] bool resize(const std::shared_ptr<Budget>& budget, std::size_t bytes) noexcept {
-        if (bytes > fBytes) return grow(budget, bytes - fBytes);
-        if (fBudget != nullptr) fBudget->give(fBytes - bytes);
-        fBytes = bytes;
-        return true;
     }
     [[nodiscard]] std::size_t bytes() const noexcept { return fBytes; }
 

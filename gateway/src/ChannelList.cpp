@@ -7,29 +7,47 @@ namespace kirogateway {
 using channels::isWildcard;
 using channels::prefixOf;
 
+namespace {
+
+constexpr std::size_t kNodeBytes = 96;  // of a set, beside the name
+
+}  // namespace
+
 ChannelList::ChannelList(const std::vector<std::string>& channels) {
     for (const auto& channel : channels) add(channel);
 }
 
 void ChannelList::add(std::string_view channel) {
     if (!isWildcard(channel)) {
-        fNames.emplace(channel);
+        if (fNames.emplace(channel).second) fBytes += channel.size() + kNodeBytes;
         return;
     }
     const auto prefix = prefixOf(channel);
     auto& count = fLengths[prefix.size()];
-    if (fPrefixes.emplace(prefix).second) ++count;
+    if (!fPrefixes.emplace(prefix).second) return;
+    ++count;
+    fBytes += channel.size() + kNodeBytes;
+}
+
+bool ChannelList::addUpTo(std::size_t most, std::string_view channel) {
+    if (size() >= most && !contains(channel)) return false;
+    add(channel);
+    return true;
 }
 
 void ChannelList::remove(std::string_view channel) {
     if (!isWildcard(channel)) {
-        if (const auto found = fNames.find(channel); found != fNames.end()) fNames.erase(found);
+        const auto found = fNames.find(channel);
+        if (found == fNames.end()) return;
+        fNames.erase(found);
+        fBytes -= channel.size() + kNodeBytes;
         return;
     }
     const auto found = fPrefixes.find(prefixOf(channel));
     if (found == fPrefixes.end()) return;
     if (--fLengths[found->size()] == 0) fLengths.erase(found->size());
     fPrefixes.erase(found);
+    fBytes -= channel.size() + kNodeBytes;
 }
 
 bool ChannelList::contains(std::string_view channel) const {

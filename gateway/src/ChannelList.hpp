@@ -18,6 +18,8 @@ class ChannelList {
 
     /// Nothing happens if it is there already.
     void add(std::string_view channel);
+    /// As `add`, unless there would be more than `most`. Returns whether it is there now.
+    [[nodiscard]] bool addUpTo(std::size_t most, std::string_view channel);
     /// Takes back exactly that name.
     void remove(std::string_view channel);
 
@@ -30,6 +32,8 @@ class ChannelList {
     [[nodiscard]] bool covers(std::string_view request) const;
 
     [[nodiscard]] std::size_t size() const noexcept { return fNames.size() + fPrefixes.size(); }
+    /// What the names take, about.
+    [[nodiscard]] std::size_t bytes() const noexcept { return fBytes; }
     /// As they were added, in no particular order.
     [[nodiscard]] std::vector<std::string> channels() const;
 
@@ -46,7 +50,8 @@ class ChannelList {
     [[nodiscard]] bool hasPrefixOf(std::string_view text) const;
 
     Set fNames;
-    Set fPrefixes;                                ///< of the wildcards, the slash included
+    Set fPrefixes;  ///< of the wildcards, the slash included
+    std::size_t fBytes = 0;
     std::map<std::size_t, std::size_t> fLengths;  ///< of prefixes, and how many have each
 };
 

@@ -40,7 +40,10 @@ ClientConnection::~ClientConnection() {
 // --- Reading -----------------------------------------------------------------------------------
 
 void ClientConnection::readMore() {
-    if (!fIsClosing && !fSession->mayRead(fAsksAgain)) {
+    if (fIsGivenUp) return;  // by what was read last
+    const auto reading = fIsClosing ? Session::Reading::kNow : fSession->mayRead();
+    fAsksAgain = reading == Session::Reading::kLater;
+    if (reading != Session::Reading::kNow) {
         fHeld = shared_from_this();
         return;
     }
@@ -76,7 +79,11 @@ void ClientConnection::tellView() {
     fIsTold = true;
     fHasDeadline = false;
     wire().redirect([view = std::weak_ptr<View>(fSession->view())](std::string frames) {
-        if (const auto there = view.lock()) there->sendFrames(std::move(frames));
+        // A page that pings and does not read its answers gets no more of them.
+        const auto there = view.lock();
+        if (there != nullptr && !there->hasManyAnswersWaiting()) {
+            there->sendFrames(std::move(frames));
+        }
     });
 }
 
@@ -181,7 +188,9 @@ void ClientConnection::discard() {
 }
 
 void ClientConnection::checkTime(TimePoint now) noexcept {
-    if (fIsGivenUp) return fHeld.reset();  // the last that is done with this, maybe
+    // What is done here may let go of the last that keeps this.
+    const auto self = shared_from_this();
+    if (fIsGivenUp) return fHeld.reset();
     if (fAsksAgain) readOn();
     if (!fHasDeadline || now < fDeadline) return;
     if (fSession && !fSession->isOver() && fSession->view() == nullptr) {

@@ -20,7 +20,8 @@
 namespace kirogateway {
 
 /// One connection: first HTTP (ClientConnectionHttp.cpp), then, if the access policy lets it,
-/// WebSocket (ClientConnection.cpp). It lives as long as an operation on its socket is under way.
+/// WebSocket (ClientConnection.cpp). It lives as long as an operation on its socket is under way,
+/// or reading is held.
 ///
 /// There are two ways to the socket. Frames for a view go directly, from whatever thread publishes,
 /// see `View`. What only this connection knows (answers to requests, good-byes, and with TLS, whose

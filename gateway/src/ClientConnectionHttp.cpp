@@ -56,6 +56,7 @@ void ClientConnection::onRequest(ErrorCode error) {
 void ClientConnection::answer(const Admission& admission, const ::kirogateway::Request* request) {
     const bool keepAlive = keepsAlive(admission, request);
     fOut = responseText(admission, request, *fContext.access);
+    fDeadline = steady_clock::now() + limits().request;  // to take it
     wire().write(asio::buffer(fOut),
                  handler([keepAlive](ClientConnection& self, ErrorCode error, std::size_t) {
                      if (!error) self.onAnswered(keepAlive);

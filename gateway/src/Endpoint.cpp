@@ -6,6 +6,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "checked/Require.hpp"
 #include "text/Escape.hpp"
 
 namespace kirogateway {
@@ -72,6 +73,7 @@ std::unique_ptr<asio::ssl::context> tlsOf(const Options& options) {
 }
 
 void closeOnExec(int descriptor) noexcept {
+    KIROWEB_REQUIRE(descriptor >= 0);
     static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
 }
 

@@ -15,9 +15,8 @@ constexpr std::size_t kSharedFrom = 16UL * 1024;
 constexpr std::size_t kMaxRoutes = 4096;
 /// More than a place in a queue takes.
 constexpr std::size_t kPlace = 4096;
-/// Others may take the room that was made.
-constexpr int kAttempts = 4;
 constexpr const char* kNoMemory = "no memory for a text";
+constexpr const char* kTooLarge = "a text was larger than the gateway's memory";
 
 }  // namespace
 
@@ -66,15 +65,20 @@ void Fanout::messagePublished(const relay::Publication& message) {
         if (to->hearers.empty()) return;
         Text text{message.channel(), message.text(), false, to->lane, nullptr};
         std::string encoded;
-        if (prepare(message, text, encoded)) {
+        const auto size = message.text().size();
+        if (size > fContext->memory->limit()) {
+            logTooLarge("text", size, message.channel());
+            for (const auto& view : to->hearers) view->fail(kTooLarge);
+        } else if (prepare(message, text, encoded)) {
             for (const auto& view : to->hearers) publish(*view, text);
         } else {
             for (const auto& view : to->hearers) view->fail(View::kMemoryUsedUp);
         }
     } catch (...) {
-        // Whoever may have heard it must not go on as if there had been nothing.
-        const auto all = fViews->views();
-        for (const auto& view : to != nullptr ? to->hearers : *all) view->fail(kNoMemory);
+        // Whoever would have heard it must not go on as if there had been nothing.
+        for (const auto& view : *fViews->views()) {
+            if (view->hears(message.channel())) view->fail(kNoMemory);
+        }
     }
 }
 
@@ -87,8 +91,9 @@ bool Fanout::prepare(const relay::Publication& message, Text& text, std::string&
     if (text.text.size() < kSharedFrom) return true;
     const auto size = text.text.size();
     auto shared = std::make_shared<SharedText>();
-    while (!shared->charge.grow(fContext->memory, size)) {
+    if (!shared->charge.grow(fContext->memory, size)) {
         if (!fViews->makeRoom(size)) return false;
+        shared->charge.set(fContext->memory, size);
     }
     shared->text =
         text.isBase64 ? std::make_shared<const std::string>(std::move(encoded)) : message.shared();
@@ -100,8 +105,8 @@ bool Fanout::prepare(const relay::Publication& message, Text& text, std::string&
 void Fanout::publish(View& view, const Text& text) noexcept {
     // A batch that grows takes twice what it has.
     const auto needed = 2 * (fContext->options.limits.batchSize + text.text.size() + kPlace);
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        switch (view.publish(text)) {
+    for (bool isRoomMade = false;;) {
+        switch (view.publish(text, isRoomMade)) {
             case Outbox::Added::kYes: {
                 // Under the publish lock nobody else counts texts.
                 auto& sent = fContext->counters->textsSent;
@@ -111,45 +116,54 @@ void Fanout::publish(View& view, const Text& text) noexcept {
             case Outbox::Added::kNever:
                 return;
             case Outbox::Added::kNoMemory:
-                fViews->makeRoom(needed);
+                isRoomMade = fViews->makeRoom(needed);
+                if (!isRoomMade) return view.fail(View::kMemoryUsedUp);
                 break;
-            case Outbox::Added::kNoLostRoom:
-                if (fViews->makeLostRoom()) attempt = 0;  // there is one less each time
+            case Outbox::Added::kNoLostRoom:  // there is one less each time
+                if (!fViews->makeLostRoom()) return view.fail(View::kMemoryUsedUp);
                 break;
         }
     }
-    view.fail(View::kMemoryUsedUp);
 }
 
 // --- Blocks ------------------------------------------------------------------------------------
 
+void Fanout::logTooLarge(const char* what, std::size_t size, std::string_view channel) noexcept {
+    const auto limit = fContext->memory->limit();
+    try {
+        fContext->log.write(std::string("a ") + what + " of " + std::to_string(size) +
+                                " bytes can never be sent, the limit is " + std::to_string(limit),
+                            channel);
+    } catch (...) {  // no memory for a line
+    }
+}
+
 Charge Fanout::chargeFor(std::string_view channel, std::size_t block) noexcept {
     Charge charge;
     if (block > fContext->memory->limit()) {
-        try {
-            fContext->log.write("a block of " + std::to_string(block) +
-                                    " bytes can never be sent, the limit is " +
-                                    std::to_string(fContext->memory->limit()),
-                                channel);
-        } catch (...) {  // it is given back without a line
-        }
+        logTooLarge("block", block, channel);
         return charge;
     }
-    while (!charge.grow(fContext->memory, block)) {
-        if (!fViews->makeRoom(block)) break;
+    if (!charge.grow(fContext->memory, block) && fViews->makeRoom(block)) {
+        charge.set(fContext->memory, block);
     }
     return charge;
 }
 
 View::Part Fanout::offerTo(View& view, std::string_view channel, std::size_t lane,
                            const std::shared_ptr<Transfer>& transfer) noexcept {
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const auto part = view.offer(channel, lane, transfer, std::chrono::steady_clock::now());
-        if (part != View::Part::kNoRoom) return part;
-        fViews->makeRoom(kPlace);
-        if (view.state() != View::State::kConnected) fViews->makeLostRoom();
+    for (bool isRoomMade = false;;) {
+        const auto now = std::chrono::steady_clock::now();
+        const auto part = view.offer(channel, lane, transfer, now, isRoomMade);
+        if (part == View::Part::kNoMemory) {
+            isRoomMade = fViews->makeRoom(kPlace);
+            if (!isRoomMade) return View::Part::kRefused;
+        } else if (part == View::Part::kNoLostRoom) {
+            if (!fViews->makeLostRoom()) return View::Part::kRefused;
+        } else {
+            return part;
+        }
     }
-    return View::Part::kRefused;
 }
 
 void Fanout::offer(relay::binary::experimental::Delivery delivery) noexcept try {

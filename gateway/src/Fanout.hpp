@@ -45,6 +45,7 @@ class Fanout final : public relay::Transport {
     /// Makes the text as it goes to the pages. Returns false if there is no room for it.
     [[nodiscard]] bool prepare(const relay::Publication& message, Text& text, std::string& encoded);
     void publish(View& view, const Text& text) noexcept;
+    void logTooLarge(const char* what, std::size_t size, std::string_view channel) noexcept;
     [[nodiscard]] Charge chargeFor(std::string_view channel, std::size_t block) noexcept;
     [[nodiscard]] View::Part offerTo(View& view, std::string_view channel, std::size_t lane,
                                      const std::shared_ptr<Transfer>& transfer) noexcept;

@@ -6,7 +6,6 @@
 #include <boost/json/parse_options.hpp>
 #include <cstdint>
 #include <limits>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -102,7 +101,7 @@ class Members {
     }
     [[noreturn]] static void fail(Key key) {
         const auto* name = kNames[static_cast<std::size_t>(key)];
-        throw std::runtime_error(std::string("member \"") + name + "\"");
+        throw wire::BadMessage(std::string("member \"") + name + "\"");
     }
 
     static constexpr auto kNoLimit = std::numeric_limits<std::uint64_t>::max();
@@ -138,6 +137,7 @@ wire::Hello helloOf(Members& members) {
 
 wire::Echo echoOf(Members& members) {
     auto& id = members[Key::kId];
+    // A number that no integer can hold is of another kind, and has a text.
     if (id.kind != Kind::kText && id.kind != Kind::kNumber && id.kind != Kind::kOther) {
         Members::fail(Key::kId);
     }
@@ -279,7 +279,7 @@ class Builder {
     }
     bool on_null(error_code& /*error*/) {
         scalar();
-        if (level() == 1) set(Kind::kObject);
+        if (level() == 1) set(Kind::kOther);
         return true;
     }
 
@@ -291,7 +291,7 @@ class Builder {
         return level() == 2 && isKnown() && value().kind == Kind::kList;
     }
     Value& value() { return fMembers[fKey]; }
-    [[noreturn]] static void notAnObject() { throw std::runtime_error("not an object"); }
+    [[noreturn]] static void notAnObject() { throw wire::BadMessage("not an object"); }
 
     /// A value that is no container has begun.
     void scalar() {
@@ -323,7 +323,7 @@ class Builder {
         }
         if (!isInList()) return nullptr;
         if (!fIsInText) {
-            if (++fNames > fMaxNames) throw std::runtime_error("too many names");
+            if (++fNames > fMaxNames) throw wire::BadMessage("too many names");
             value().texts.emplace_back();
         }
         return &value().texts.back();
@@ -354,7 +354,7 @@ class Builder {
             value().number = number;
             value().text.swap(fNumberText);
         } else if (isInList()) {
-            if (++fRefusedCount > wire::kMaxRefused) throw std::runtime_error("too many numbers");
+            if (++fRefusedCount > wire::kMaxRefused) throw wire::BadMessage("too many numbers");
             kind == Kind::kNumber ? value().numbers.push_back(number) : spoilList();
         }
         fNumberText.clear();
@@ -417,7 +417,7 @@ void FrameReader::read(std::string_view bytes, bool isLast, const Handler& handl
     if (!goesOn) {
         isPassingOver = true;
     } else if (error || used < bytes.size() || (isLast && !parser.done())) {
-        throw std::runtime_error("not JSON");
+        throw wire::BadMessage("not JSON");
     }
 }
 

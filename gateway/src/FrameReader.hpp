@@ -23,9 +23,9 @@ class FrameReader {
     FrameReader(const FrameReader&) = delete;
     FrameReader& operator=(const FrameReader&) = delete;
 
-    /// The next bytes of a frame, its last ones with `isLast`. Throws std::runtime_error, with a
-    /// text fit for a close frame, for anything that is not a message or an array of them;
-    /// std::bad_alloc; whatever `handle` throws. Only destruction is possible after that.
+    /// The next bytes of a frame, its last ones with `isLast`. Throws
+    /// wire::BadMessage for anything that is not a message or an array of them; std::bad_alloc;
+    /// whatever `handle` throws. Only destruction is possible after that.
     void read(std::string_view bytes, bool isLast, const Handler& handle);
 
     /// Bytes of what has come of a message that is not whole yet.

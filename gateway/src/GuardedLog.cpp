@@ -8,7 +8,6 @@
 namespace kirogateway {
 namespace {
 
-constexpr double kBurst = 20;  // lines
 constexpr double kLinesPerSecond = 5;
 
 }  // namespace

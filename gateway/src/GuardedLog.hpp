@@ -25,11 +25,13 @@ class GuardedLog {
                TimePoint now = std::chrono::steady_clock::now()) noexcept;
 
   private:
+    static constexpr double kBurst = 20;  // lines
+
     void writeLine(std::string_view event, std::string_view detail, std::size_t suppressed);
     [[nodiscard]] bool mayWriteLocked(TimePoint now) REQUIRES_LOCK(fMutex);
 
     annotated::Mutex fMutex;
-    double fCredit GUARDED_BY(fMutex) = 20;
+    double fCredit GUARDED_BY(fMutex) = kBurst;
     TimePoint fLast GUARDED_BY(fMutex);
     std::size_t fSuppressed GUARDED_BY(fMutex) = 0;
 };

@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "checked/Require.hpp"
+
 namespace kirogateway {
 
 Inbound::Inbound(std::shared_ptr<Context> context)
@@ -13,6 +15,7 @@ Inbound::Inbound(std::shared_ptr<Context> context)
 
 void Inbound::connect(relay::TransportLink& link,
                       relay::binary::experimental::ClientEnd* end) noexcept {
+    KIROWEB_REQUIRE(fLink == nullptr);
     fLink = &link;
     fEnd = end;
 }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "AccessPolicy.hpp"
+#include "text/ChannelPattern.hpp"
 #include "text/Escape.hpp"
 
 namespace kirogateway {
@@ -138,7 +139,7 @@ void checkChannels(const Options& options) {
     const std::pair<const char*, const std::string&> single[] = {
         {"newViewChannel", options.newViewChannel}, {"reconnectChannel", options.reconnectChannel}};
     for (const auto& [name, channel] : single) {
-        if (!channel.ends_with("/*")) continue;
+        if (!channels::isWildcard(channel)) continue;
         refuse(name + (": " + quoted(channel)) + " are many channels; give a single one");
     }
     std::map<std::string_view, std::size_t> lanes;

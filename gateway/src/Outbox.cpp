@@ -14,7 +14,10 @@ namespace {
 
 /// What an entry costs beside its records: its node, and a block's.
 constexpr std::size_t kEntryOverhead = 192;
-constexpr std::size_t kMaxBlockChannels = 0xffff;
+/// What a control frame costs beside its bytes.
+constexpr std::size_t kControlOverhead = 96;
+/// An engine that makes up channels must not fill memory; each is looked for among all.
+constexpr std::size_t kMaxBlockChannels = 1024;
 constexpr std::size_t kMaxBlock = 0xffffffff;
 
 }  // namespace
@@ -41,8 +44,16 @@ std::size_t Outbox::payloadSize(const Entry& entry) noexcept {
     return entry.records.size() + sharedSize(entry);
 }
 
-Outbox::Added Outbox::hold(std::size_t own, std::size_t shared) noexcept {
-    if (!fBudget->take(own)) return Added::kNoMemory;
+std::size_t Outbox::controlSize(const std::string& frames) noexcept {
+    return kControlOverhead + frames.size();
+}
+
+Outbox::Added Outbox::hold(std::size_t own, std::size_t shared, bool isRoomMade) noexcept {
+    if (isRoomMade) {
+        fBudget->add(own);
+    } else if (!fBudget->take(own)) {
+        return Added::kNoMemory;
+    }
     if (fLost != nullptr && !fLost->take(own + shared)) {
         fBudget->give(own);
         return Added::kNoLostRoom;
@@ -50,6 +61,13 @@ Outbox::Added Outbox::hold(std::size_t own, std::size_t shared) noexcept {
     fOwnBytes += own;
     fBytes += own + shared;
     return Added::kYes;
+}
+
+void Outbox::holdAnyway(std::size_t own) noexcept {
+    fBudget->add(own);
+    if (fLost != nullptr) fLost->add(own);
+    fOwnBytes += own;
+    fBytes += own;
 }
 
 void Outbox::letGo(std::size_t own, std::size_t shared) noexcept {
@@ -73,12 +91,12 @@ void Outbox::erase(Entries& from, Entries::iterator entry) noexcept {
 
 // --- Filling -----------------------------------------------------------------------------------
 
-Outbox::Added Outbox::addText(const Text& text, TimePoint /*now*/) {
-    if (text.shared != nullptr) return addShared(text);
+Outbox::Added Outbox::addText(const Text& text, bool isRoomMade) {
+    if (text.shared != nullptr) return addShared(text, isRoomMade);
     Lane& lane = fLanes[text.lane];
     const auto size = text.channel.size() + text.text.size() + 3;
     if (canTake(lane, text.channel)) {
-        const auto added = grow(lane.entries.back(), size);
+        const auto added = grow(lane.entries.back(), size, isRoomMade);
         if (added == Added::kYes) append(lane, lane.entries.back(), text);
         return added;
     }
@@ -88,7 +106,7 @@ Outbox::Added Outbox::addText(const Text& text, TimePoint /*now*/) {
     fresh.front().records.reserve(std::max(size, expected));
     std::string name(text.channel);
     Entry& entry = fresh.front();
-    const auto added = addEntry(lane, std::move(fresh), 0);
+    const auto added = addEntry(lane, std::move(fresh), 0, isRoomMade);
     if (added != Added::kYes) return added;
     lane.lastChannel.swap(name);
     append(lane, entry, text);
@@ -104,12 +122,12 @@ bool Outbox::canTake(const Lane& lane, std::string_view channel) const noexcept 
            last.records.size() < fLimits.batchSize;
 }
 
-Outbox::Added Outbox::grow(Entry& entry, std::size_t more) {
+Outbox::Added Outbox::grow(Entry& entry, std::size_t more, bool isRoomMade) {
     const auto capacity = entry.records.capacity();
     const auto needed = entry.records.size() + more;
     if (needed <= capacity) return Added::kYes;
     const auto target = std::max(needed, 2 * capacity);
-    const auto added = hold(target - capacity, 0);
+    const auto added = hold(target - capacity, 0, isRoomMade);
     if (added != Added::kYes) return added;
     try {
         entry.records.reserve(target);
@@ -133,7 +151,7 @@ void Outbox::append(Lane& lane, Entry& entry, const Text& text) {
     fAdded += entry.records.size() - before;
 }
 
-Outbox::Added Outbox::addShared(const Text& text) {
+Outbox::Added Outbox::addShared(const Text& text, bool isRoomMade) {
     Entries fresh(1);
     Entry& entry = fresh.front();
     entry.count = 1;
@@ -142,33 +160,36 @@ Outbox::Added Outbox::addShared(const Text& text) {
     entry.records += kUnitSeparator;
     if (text.isBase64) entry.records += kUnitSeparator;
     entry.shared = text.shared;
-    const auto added = addEntry(fLanes[text.lane], std::move(fresh), text.text.size());
+    const auto added = addEntry(fLanes[text.lane], std::move(fresh), text.text.size(), isRoomMade);
     if (added == Added::kYes) fAdded += payloadSize(entry);
     return added;
 }
 
-Outbox::Added Outbox::addEntry(Lane& lane, Entries&& entry, std::size_t shared) noexcept {
-    const auto added = hold(ownSize(entry.front()), shared);
+Outbox::Added Outbox::addEntry(Lane& lane, Entries&& entry, std::size_t shared,
+                               bool isRoomMade) noexcept {
+    const auto added = hold(ownSize(entry.front()), shared, isRoomMade);
     if (added == Added::kYes) lane.entries.splice(lane.entries.end(), entry);
     return added;
 }
 
 Outbox::Added Outbox::addBlock(std::size_t lane, std::string_view channel,
-                               const std::shared_ptr<Transfer>& transfer, TimePoint now) {
+                               const std::shared_ptr<Transfer>& transfer, TimePoint now,
+                               bool isRoomMade) {
     const auto size = transfer->bytes().size();
     const auto number = size <= kMaxBlock ? channelNumber(channel) : std::uint16_t{0};
     if (number == 0) return Added::kNever;
     PageBlocks block(1);
     Entries fresh(1);
     Entry& entry = fresh.front();
-    block.front() = {transfer, number, fLastTransfer + 1, 0, size, 0, now, &entry, false};
+    block.front() = {transfer, number, fLastTransfer + 1, 0, size, 0, now, false, &entry, false};
     entry.count = 1;
     entry.isBlock = true;
     entry.transfer = block.front().id;
     entry.block = &block.front();
-    const auto added = addEntry(fLanes[lane], std::move(fresh), 0);
+    entry.where = block.begin();
+    const auto added = addEntry(fLanes[lane], std::move(fresh), 0, isRoomMade);
     if (added != Added::kYes) return added;
-    if (const auto held = hold(0, size); held != Added::kYes) {
+    if (const auto held = hold(0, size, isRoomMade); held != Added::kYes) {
         erase(fLanes[lane].entries, std::prev(fLanes[lane].entries.end()));
         return held;
     }
@@ -190,20 +211,14 @@ std::uint16_t Outbox::channelNumber(std::string_view channel) {
     return static_cast<std::uint16_t>(number);
 }
 
-Outbox::Added Outbox::addControl(std::string_view text) {
-    return addFrames(makeFrame(Opcode::kText, text));
-}
+void Outbox::addControl(std::string_view text) { addFrames(makeFrame(Opcode::kText, text)); }
 
-Outbox::Added Outbox::addFrames(std::string frames) {
-    const auto size = frames.size();
-    std::list<std::string> fresh;
-    fresh.push_back(std::move(frames));
-    const auto added = hold(size, 0);
-    if (added != Added::kYes) return added;
-    fControlBytes += size;
-    fAdded += size;
-    fControls.splice(fControls.end(), fresh);
-    return added;
+void Outbox::addFrames(std::string frames) {
+    fControls.push_back(std::move(frames));
+    const auto& added = fControls.back();
+    holdAnyway(controlSize(added));
+    fControlBytes += controlSize(added);
+    fAdded += added.size();
 }
 
 // --- Writing -----------------------------------------------------------------------------------
@@ -269,15 +284,15 @@ bool Outbox::beginFromLane(std::size_t lane) noexcept {
 }
 
 bool Outbox::startBlock(std::size_t lane, PageBlock& block) noexcept {
-    const auto isIt = [&block](const PageBlock& other) { return &other == &block; };
-    if (std::ranges::any_of(fUnderWay, isIt)) return true;
+    if (block.isUnderWay) return true;
     if (fTurn.value_or(lane) != lane) return false;
     if (!mayStart(block)) {
         fTurn = lane;
         return false;
     }
     fTurn.reset();
-    fUnderWay.splice(fUnderWay.end(), fWaiting, std::ranges::find_if(fWaiting, isIt));
+    fUnderWay.splice(fUnderWay.end(), fWaiting, block.entry->where);
+    block.isUnderWay = true;
     fBytesUnderWay += block.size;
     return true;
 }
@@ -356,10 +371,10 @@ void Outbox::written(std::size_t count) noexcept {
 void Outbox::finish() noexcept {
     const auto writing = std::exchange(fWriting, {});
     if (writing.source == Source::kControl) {
-        const auto size = fControls.front().size();
+        const auto size = controlSize(fControls.front());
+        fReleased += fControls.front().size();
         fControls.pop_front();
         fControlBytes -= size;
-        fReleased += size;
         letGo(size, 0);
     } else if (writing.source == Source::kNamed) {
         ++fChannelsNamed;
@@ -426,7 +441,8 @@ void Outbox::leave(PageBlocks& from, PageBlocks::iterator block, bool hasBlock,
     block->entry = nullptr;
     const auto size = block->size;
     unsend(*block);
-    if (&from == &fUnderWay) fBytesUnderWay -= size;
+    if (block->isUnderWay) fBytesUnderWay -= size;
+    block->isUnderWay = false;
     block->isDelivered = hasBlock;
     left.splice(left.end(), from, block);
     fReleased += size;
@@ -470,14 +486,13 @@ bool Outbox::canResume(std::uint64_t last) const noexcept {
 }
 
 void Outbox::begin(std::list<std::string>&& hello, std::size_t channelsNamed, bool keeps) noexcept {
+    KIROWEB_REQUIRE(fWriting.source == Source::kNothing && hello.size() == 1);
     if (fLost != nullptr) fLost->give(fBytes);
     fLost = nullptr;
-    const auto size = hello.front().size();
-    fBudget->add(size);
-    fOwnBytes += size;
-    fBytes += size;
+    const auto size = controlSize(hello.front());
+    holdAnyway(size);
     fControlBytes += size;
-    fAdded += size;
+    fAdded += hello.front().size();
     fControls.splice(fControls.begin(), hello);
     fChannelsNamed = channelsNamed;
     fKeeps = keeps;
@@ -485,7 +500,7 @@ void Outbox::begin(std::list<std::string>&& hello, std::size_t channelsNamed, bo
 
 void Outbox::resume(std::uint64_t last, const std::vector<std::uint64_t>& refused,
                     PageBlocks& left) noexcept {
-    KIROWEB_REQUIRE(canResume(last));
+    KIROWEB_REQUIRE(canResume(last) && fWriting.source == Source::kNothing);
     // The answers to blocks that the page counts as handled may be lost; they are taken as given.
     for (auto at = fUnderWay.begin(); at != fUnderWay.end();) {
         const auto block = at++;
@@ -540,7 +555,7 @@ void Outbox::forgetTexts() noexcept {
 }
 
 void Outbox::clear(PageBlocks& left) noexcept {
-    fWriting = {};
+    KIROWEB_REQUIRE(fWriting.source == Source::kNothing);
     dropBlocks(left);
     fUnwritten = fNumbered.end();
     while (!fNumbered.empty()) erase(fNumbered, fNumbered.begin());
@@ -570,7 +585,7 @@ std::vector<std::string> Outbox::blockChannels() const {
 }
 
 Pace::Load Outbox::load() const noexcept {
-    return {fBytes - fKept, fKept, fAdded, fTaken, fReleased};
+    return {fBytes - fKept, true, fKept, fAdded, fTaken, fReleased};
 }
 
 }  // namespace kirogateway

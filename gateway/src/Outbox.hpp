@@ -28,6 +28,7 @@ struct OutboxEntry {
     std::shared_ptr<const SharedText> shared;
     std::uint32_t transfer = 0;  ///< of a block
     PageBlock* block = nullptr;  ///< null: no block, or one that this page has left
+    PageBlocks::iterator where;  ///< of the block in its list
     bool isBlock = false;
     bool isBegun = false;  ///< of a block without a number: pieces of it were written
 };
@@ -65,14 +66,16 @@ class Outbox {
 
     // --- Filling; each throws std::bad_alloc ---
 
-    /// Queues a text.
-    [[nodiscard]] Added addText(const Text& text, TimePoint now);
-    /// Queues a block. REQUIRES: `transfer` was joined for this page if the result is kYes.
+    /// Queues a text. With `isRoomMade` the process's budget may be exceeded, since somebody is
+    /// about to give back enough of it.
+    [[nodiscard]] Added addText(const Text& text, bool isRoomMade = false);
+    /// Queues a block. When the result is kYes, the caller joins `transfer`.
     [[nodiscard]] Added addBlock(std::size_t lane, std::string_view channel,
-                                 const std::shared_ptr<Transfer>& transfer, TimePoint now);
-    /// Queues bytes of whole frames, as control.
-    [[nodiscard]] Added addFrames(std::string frames);
-    [[nodiscard]] Added addControl(std::string_view text);
+                                 const std::shared_ptr<Transfer>& transfer, TimePoint now,
+                                 bool isRoomMade = false);
+    /// Queues bytes of whole frames, as control, room or not: there is little of it.
+    void addFrames(std::string frames);
+    void addControl(std::string_view text);
 
     // --- Writing ---
 
@@ -161,16 +164,19 @@ class Outbox {
         std::size_t done = 0;
     };
 
-    [[nodiscard]] Added hold(std::size_t own, std::size_t shared) noexcept;
+    [[nodiscard]] Added hold(std::size_t own, std::size_t shared, bool isRoomMade) noexcept;
+    void holdAnyway(std::size_t own) noexcept;
     void letGo(std::size_t own, std::size_t shared) noexcept;
+    [[nodiscard]] static std::size_t controlSize(const std::string& frames) noexcept;
     [[nodiscard]] static std::size_t ownSize(const Entry& entry) noexcept;
     [[nodiscard]] static std::size_t sharedSize(const Entry& entry) noexcept;
     [[nodiscard]] static std::size_t payloadSize(const Entry& entry) noexcept;
-    [[nodiscard]] Added grow(Entry& entry, std::size_t more);
-    [[nodiscard]] Added addShared(const Text& text);
+    [[nodiscard]] Added grow(Entry& entry, std::size_t more, bool isRoomMade);
+    [[nodiscard]] Added addShared(const Text& text, bool isRoomMade);
     [[nodiscard]] bool canTake(const Lane& lane, std::string_view channel) const noexcept;
     void append(Lane& lane, Entry& entry, const Text& text);
-    [[nodiscard]] Added addEntry(Lane& lane, Entries&& entry, std::size_t shared) noexcept;
+    [[nodiscard]] Added addEntry(Lane& lane, Entries&& entry, std::size_t shared,
+                                 bool isRoomMade) noexcept;
     [[nodiscard]] std::uint16_t channelNumber(std::string_view channel);
 
     void beginFrame() noexcept;

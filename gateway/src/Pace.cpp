@@ -8,7 +8,7 @@ void Pace::restart(TimePoint now) noexcept {
 }
 
 const char* Pace::look(const Load& load, TimePoint now) noexcept {
-    if (load.waiting == 0 || load.taken != fLastTaken) fTookAt = now;
+    if (load.waiting == 0 || !load.isOffered || load.taken != fLastTaken) fTookAt = now;
     fLastTaken = load.taken;
     if (now - fTookAt > fPatience) return "it took nothing for too long";
 

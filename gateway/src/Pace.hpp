@@ -15,6 +15,7 @@ class Pace {
     /// Bytes; the three counts only grow.
     struct Load {
         std::size_t waiting = 0;     ///< not yet written
+        bool isOffered = true;       ///< of that, something could be written now
         std::size_t kept = 0;        ///< written, and not acknowledged or answered
         std::uint64_t added = 0;     ///< ever
         std::uint64_t taken = 0;     ///< ever, by the socket

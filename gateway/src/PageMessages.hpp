@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -19,6 +20,12 @@ inline constexpr std::size_t kMaxClient = 256;        ///< bytes of a page's nam
 inline constexpr std::size_t kMaxChannelName = 1024;  ///< bytes of what a page may name
 inline constexpr std::size_t kMaxEchoId = 256;        ///< bytes, as JSON text
 inline constexpr std::size_t kMaxRefused = 4096;      ///< numbers in a hello
+
+/// Something that a page must not say; the text is fit for a close frame.
+class BadMessage : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
 
 struct Hello {
     std::uint64_t version = 0;

@@ -11,10 +11,12 @@ namespace json = boost::json;
 
 const char* nameOf(View::State state) {
     switch (state) {
+        case View::State::kNew:
+            return "new";
         case View::State::kConnected:
             return "connected";
         case View::State::kLost:
-            return "missing";
+            return "lost";
         case View::State::kGone:
             return "gone";
         case View::State::kOver:

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
-#include <vector>
 
 #include "Endpoint.hpp"
+#include "checked/Require.hpp"
 
 namespace kirogateway {
 namespace {
@@ -75,16 +75,18 @@ void Server::run() noexcept {
 
 void Server::runOnce() {
     if (fMustStop && !fIsStopping) beginStop();
+    if (fContext.stopped()) fContext.restart();
     try {
         arm();
     } catch (const std::exception& error) {
+        // Whatever is armed goes on meanwhile, and the rest is tried again soon.
         log().write("the gateway's thread waits for memory", error.what());
         pollfd bell{fShared.wakeup->descriptor(), POLLIN, 0};
         static_cast<void>(::poll(&bell, 1, kWithoutMemory));
         fShared.wakeup->serveAll();
         fContext.poll();
+        return;
     }
-    if (fContext.stopped()) fContext.restart();
     // Only as long as nothing has to be armed: a handler that was lost leaves its mark.
     while (fIsListening && fContext.run_one() > 0) {
         const bool isOver = fMustStop || !fIsTicking || (!fIsAccepting && !fIsStopping);
@@ -181,6 +183,7 @@ void Server::tick() noexcept {
 
 void Server::stop() noexcept {
     if (!fThread.joinable()) return;
+    KIROWEB_REQUIRE(fThread.get_id() != std::this_thread::get_id());
     fMustStop = true;
     fShared.wakeup->ring();
     fThread.join();

@@ -1,7 +1,5 @@
 #include "Session.hpp"
 
-#include <new>
-#include <stdexcept>
 #include <utility>
 #include <variant>
 
@@ -35,14 +33,14 @@ void Session::text(std::string_view bytes, bool isLast, TimePoint now) {
             // A view that is to end hears nothing more of what its page said.
             return !fIsOver && (fView == nullptr || fView->failure() == nullptr);
         });
-    } catch (const std::runtime_error& error) {
+    } catch (const wire::BadMessage& error) {
         bad(error.what());
     }
 }
 
 void Session::handle(wire::PageMessage&& message, TimePoint now) {
     if (const auto* said = std::get_if<wire::Hello>(&message)) return hello(*said, now);
-    if (fView == nullptr) throw std::runtime_error("hello comes first");
+    if (fView == nullptr) throw wire::BadMessage("hello comes first");
     std::visit(Overloaded{
                    [](const wire::Hello&) {},
                    [&](wire::Publish& said) { publish(std::move(said)); },
@@ -62,7 +60,7 @@ void Session::handle(wire::PageMessage&& message, TimePoint now) {
 }
 
 void Session::hello(const wire::Hello& hello, TimePoint now) {
-    if (fView != nullptr) throw std::runtime_error("a second hello");
+    if (fView != nullptr) throw wire::BadMessage("a second hello");
     if (hello.version != 1) return close(wire::CloseCode::kVersion, "unknown version");
     fView = fServices.views->welcome(hello, fArrival, now);
     if (fView == nullptr) close(wire::CloseCode::kStopped, "gateway stopped");
@@ -91,7 +89,7 @@ void Session::answer(const wire::BlockAnswer& answer) {
 
 void Session::name(const wire::ChannelName& name) {
     if (name.number < 1 || name.number > kOwnChannels) {
-        throw std::runtime_error("member \"number\"");
+        throw wire::BadMessage("member \"number\"");
     }
     fOwnChannels[name.number - 1] = name.name;
 }
@@ -100,13 +98,13 @@ void Session::binary(std::string_view bytes, bool isLast, TimePoint now) {
     heard(now);
     if (fIsOver) return;
     try {
-        if (fView == nullptr) throw std::runtime_error("hello comes first");
+        if (fView == nullptr) throw wire::BadMessage("hello comes first");
         if (isLast && fBlock.empty()) return takeBlock(bytes);
         fBlock += bytes;
         if (!isLast) return;
         const auto whole = std::exchange(fBlock, {});
         takeBlock(whole);
-    } catch (const std::runtime_error& error) {
+    } catch (const wire::BadMessage& error) {
         bad(error.what());
     }
 }
@@ -114,9 +112,9 @@ void Session::binary(std::string_view bytes, bool isLast, TimePoint now) {
 void Session::takeBlock(std::string_view frame) {
     const auto header = wire::BlockHeader::read(frame);
     if (!header) return;  // of a kind that a later version may know
-    if (!header->isLast) throw std::runtime_error("a block in pieces");
+    if (!header->isLast) throw wire::BadMessage("a block in pieces");
     if (header->channel < 1 || header->channel > kOwnChannels) {
-        throw std::runtime_error("no such block channel");
+        throw wire::BadMessage("no such block channel");
     }
     const auto& channel = fOwnChannels[header->channel - 1];
     if (fServices.inbound.publishBlock(channel, frame.substr(wire::BlockHeader::kSize))) return;
@@ -127,16 +125,16 @@ void Session::heard(TimePoint now) noexcept {
     if (fView != nullptr) fView->heard(now);
 }
 
-bool Session::mayRead(bool& isToBeAskedAgain) noexcept {
-    isToBeAskedAgain = true;
+Session::Reading Session::mayRead() noexcept {
     const auto& memory = fServices.context->memory;
-    if (!fHeld.resize(memory, fReader.held() + fBlock.size())) return false;
-    if (fView == nullptr) return true;
-    if (memory->isExceeded() || fView->hasManyAnswersWaiting()) return false;
-    isToBeAskedAgain = false;
-    if (!fView->backlog()->isFull()) return true;
+    fHeld.set(memory, fReader.held() + fBlock.size());
+    // Those for whom most is held make room for those who have something to say.
+    if (memory->isExceeded() && !fServices.views->makeRoom(0)) return Reading::kLater;
+    if (viewHere() == nullptr) return Reading::kNow;
+    if (fView->hasManyAnswersWaiting()) return Reading::kLater;
+    if (!fView->backlog()->isFull()) return Reading::kNow;
     fView->backlog()->setReader(&fArrival.connection);
-    return false;
+    return Reading::kWhenTold;
 }
 
 // --- Ending ------------------------------------------------------------------------------------

@@ -35,15 +35,19 @@ class Session {
     Session& operator=(const Session&) = delete;
     ~Session() = default;
 
-    /// Bytes of a message came, the last ones of it with `isLast`. Throws std::bad_alloc and what
-    /// an engine's receiver throws; the connection has to go then.
+    /// Bytes of a message came, the last ones of it with `isLast`. Throws std::bad_alloc; the
+    /// connection has to go then.
     void text(std::string_view bytes, bool isLast, TimePoint now);
     void binary(std::string_view bytes, bool isLast, TimePoint now);
     /// Anything else came: the page lives.
     void heard(TimePoint now) noexcept;
-    /// Whether the page may be read from. If not, `Connection::readOn` is called when that has
-    /// changed, or, where `isToBeAskedAgain`, whoever asked does so again later.
-    [[nodiscard]] bool mayRead(bool& isToBeAskedAgain) noexcept;
+    enum class Reading {
+        kNow,
+        kWhenTold,  ///< `Connection::readOn` will be called
+        kLater,     ///< to be asked again every now and then
+    };
+    /// When the page may be read from.
+    [[nodiscard]] Reading mayRead() noexcept;
     /// The connection is over; `wasClosed`: by the page, with a close frame.
     void ended(bool wasClosed, TimePoint now) noexcept;
     /// The view said that it has failed.

@@ -11,6 +11,7 @@
 
 #include "Budget.hpp"
 #include "Counters.hpp"
+#include "checked/Require.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 
 namespace kirogateway {
@@ -36,20 +37,26 @@ class Transfer {
     }
 
     /// REQUIRES: called before `close`.
-    void join() noexcept { fUnfinished.fetch_add(1); }
+    void join() noexcept {
+        [[maybe_unused]] const auto before = fUnfinished.fetch_add(1);
+        KIROWEB_REQUIRE(before > 0);
+    }
 
     /// A page that joined is done with the block and touches its bytes no more. The last one
     /// completes the engine's future on this thread, which may publish.
-    /// REQUIRES: no lock held.
+    /// REQUIRES: no lock of the gateway's held.
     void leave(bool hasBlock) noexcept { step(hasBlock); }
 
-    /// Nobody joins any more. REQUIRES: called once; no lock held.
+    /// Nobody joins any more. REQUIRES: called once; no lock of the gateway's held.
     void close(bool anybodyJoined) noexcept { step(anybodyJoined); }
 
   private:
     void step(bool hasBlock) noexcept {
         if (!hasBlock) fIsWhole = false;
-        if (fUnfinished.fetch_sub(1) != 1) return;
+        const auto before = fUnfinished.fetch_sub(1);
+        KIROWEB_REQUIRE(before > 0);
+        if (before != 1) return;
+        fCharge = {};  // before an engine is told, which may send the next one at once
         try {
             if (fIsWhole) {
                 ++fCounters->blocksDelivered;
@@ -64,7 +71,7 @@ class Transfer {
 
     relay::binary::experimental::Delivery fDelivery;
     const std::shared_ptr<Counters> fCounters;
-    const Charge fCharge;
+    Charge fCharge;
     std::atomic<std::size_t> fUnfinished{1};  ///< the pages, and whoever lets them join
     std::atomic<bool> fIsWhole{true};
 };
@@ -80,6 +87,7 @@ struct PageBlock {
     std::size_t size = 0;
     std::size_t sent = 0;  ///< bytes in pieces that were written
     std::chrono::steady_clock::time_point since;
+    bool isUnderWay = false;
     OutboxEntry* entry = nullptr;  ///< its place in the order; null when that was acknowledged
     bool isDelivered = false;      ///< what the page says when it leaves
 };
@@ -88,7 +96,7 @@ struct PageBlock {
 /// list to another takes no memory.
 using PageBlocks = std::list<PageBlock>;
 
-/// Tells the transfers. REQUIRES: no lock held.
+/// Tells the transfers. REQUIRES: no lock of the gateway's held.
 inline void leaveAll(PageBlocks& blocks) noexcept {
     for (; !blocks.empty(); blocks.pop_front()) {
         blocks.front().transfer->leave(blocks.front().isDelivered);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "WebSocketFrame.hpp"
 #include "checked/Require.hpp"
 
 namespace kirogateway {
@@ -42,13 +43,15 @@ View::View(Identity identity, Abilities abilities, std::shared_ptr<const Context
 
 // --- Publishing threads ------------------------------------------------------------------------
 
-Outbox::Added View::publish(const Text& text) noexcept {
+View::~View() { fContext->memory->removeEnding(fEnding); }
+
+Outbox::Added View::publish(const Text& text, bool isRoomMade) noexcept {
     annotated::Lock lock(fMutex);
     if (fFailure != nullptr || state() == State::kOver) return Outbox::Added::kNever;
     try {
         // To ask the clock takes longer than to copy a text; in a burst the last look is recent.
         const auto now = fIsTailLater ? fLookedAt : std::chrono::steady_clock::now();
-        const auto added = fOutbox.addText(text, now);
+        const auto added = fOutbox.addText(text, isRoomMade);
         if (added == Outbox::Added::kYes) pushLocked(now);
         noteHeldLocked();
         return added;
@@ -59,19 +62,23 @@ Outbox::Added View::publish(const Text& text) noexcept {
 }
 
 View::Part View::offer(std::string_view channel, std::size_t lane,
-                       const std::shared_ptr<Transfer>& transfer, TimePoint now) noexcept {
+                       const std::shared_ptr<Transfer>& transfer, TimePoint now,
+                       bool isRoomMade) noexcept {
     annotated::Lock lock(fMutex);
     try {
-        if (!isThere() || !fSubscriptions.matches(channel)) return Part::kNone;
+        if ((!isThere() && state() != State::kNew) || !fSubscriptions.matches(channel))
+            return Part::kNone;
         const auto size = transfer->bytes().size();
         if (fFailure != nullptr || size > fAbilities.maxBlock) return Part::kRefused;
-        switch (fOutbox.addBlock(lane, channel, transfer, now)) {
+        switch (fOutbox.addBlock(lane, channel, transfer, now, isRoomMade)) {
             case Outbox::Added::kYes:
                 break;
             case Outbox::Added::kNever:
                 return Part::kRefused;
-            default:
-                return Part::kNoRoom;
+            case Outbox::Added::kNoMemory:
+                return Part::kNoMemory;
+            case Outbox::Added::kNoLostRoom:
+                return Part::kNoLostRoom;
         }
         transfer->join();
         noteHeldLocked();
@@ -114,7 +121,7 @@ bool View::mayGoAloneLocked(TimePoint now) noexcept {
 void View::writeLocked() noexcept {
     std::size_t total = 0;
     while (fIsDirect && total < kPublisherWrites) {
-        const auto pending = fOutbox.pending();
+        const auto pending = pendingLocked();
         if (isEmpty(pending)) return;
         const auto sent = fSocket->write(pending, kPublisherWrites);
         if (sent < 0) return;
@@ -135,8 +142,15 @@ void View::failLocked(const char* why) noexcept {
     if (fFailure != nullptr || state() == State::kOver) return;
     fFailure = why;
     fOutbox.forgetTexts();  // blocks are left by the gateway's thread, which holds no lock then
+    fEnding = fOutbox.bytes();
+    fContext->memory->addEnding(fEnding);
     fHeld = 0;
     if (fConnection != nullptr) fConnection->request(Connection::kFailed);
+}
+
+Outbox::Pending View::pendingLocked() noexcept {
+    if (fFailure != nullptr && !fOutbox.isWithinFrame()) return {};
+    return fOutbox.pending();
 }
 
 void View::noteHeldLocked() noexcept {
@@ -157,6 +171,7 @@ void View::connectLocked(Connection& connection, std::shared_ptr<Socket> socket,
     fState = State::kConnected;
     fPace.restart(now);
     fOutbox.begin(std::move(greeting.hello), greeting.channelsNamed, fAbilities.mayReturn);
+    if (fFailure != nullptr) fConnection->request(Connection::kFailed);
     noteHeldLocked();
 }
 
@@ -182,7 +197,7 @@ bool View::canResume(std::uint64_t last) const {
     return state() != State::kOver && fFailure == nullptr && fOutbox.canResume(last);
 }
 
-void View::detachLocked(TimePoint now) noexcept {
+void View::detachLocked(TimePoint now, Fate fate) noexcept {
     if (fConnection == nullptr) return;
     fConnection = nullptr;
     fSocket = nullptr;
@@ -192,16 +207,16 @@ void View::detachLocked(TimePoint now) noexcept {
     fState = State::kLost;
     fBacklog->setReader(nullptr);
     fOutbox.detach();
-    fOutbox.countAsLost(fContext->lostMemory);
+    if (fate == Fate::kMayReturn) fOutbox.countAsLost(fContext->lostMemory);
     noteHeldLocked();
 }
 
-void View::detach(TimePoint now) noexcept {
+void View::detach(TimePoint now, Fate fate) noexcept {
     annotated::Lock lock(fMutex);
-    detachLocked(now);
+    detachLocked(now, fate);
 }
 
-View::Rest View::detachBetweenFrames(TimePoint now) noexcept {
+View::Rest View::detachBetweenFrames(TimePoint now, Fate fate) noexcept {
     annotated::Lock lock(fMutex);
     Rest rest;
     std::size_t size = 0;
@@ -214,7 +229,7 @@ View::Rest View::detachBetweenFrames(TimePoint now) noexcept {
     } catch (...) {
         rest.isCut = true;
     }
-    detachLocked(now);
+    detachLocked(now, fate);
     return rest;
 }
 
@@ -229,6 +244,7 @@ void View::retire(PageBlocks& left) noexcept {
     fState = State::kOver;
     fOutbox.clear(left);
     fHeld = 0;
+    fContext->memory->removeEnding(std::exchange(fEnding, 0));
 }
 
 // --- Writing -----------------------------------------------------------------------------------
@@ -253,7 +269,7 @@ void View::writeMore() noexcept {
             if (fConnection == nullptr) return;
             fOutbox.written(sent);
             noteHeldLocked();
-            pending = fOutbox.pending();
+            pending = pendingLocked();
             if (isEmpty(pending)) {
                 fIsWritingLater = false;
                 return;
@@ -280,7 +296,7 @@ void View::writeMore() noexcept {
 bool View::writeTail(TimePoint now) noexcept {
     {
         annotated::Lock lock(fMutex);
-        fIsTailLater = fConnection != nullptr && !fIsWritingLater && !isEmpty(fOutbox.pending());
+        fIsTailLater = fConnection != nullptr && !fIsWritingLater && !isEmpty(pendingLocked());
         if (!fIsTailLater) return false;
         fLookedAt = now;
         fIsWritingLater = true;
@@ -294,7 +310,7 @@ bool View::collect(std::string& to, std::size_t size) {
     std::size_t total = 0;
     while (total < size) {
         std::size_t taken = 0;
-        for (const auto part : fOutbox.pending()) {
+        for (const auto part : pendingLocked()) {
             const auto piece = part.substr(0, size - total - taken);
             to += piece;
             taken += piece.size();
@@ -312,7 +328,8 @@ void View::sendControl(std::string_view text) {
     {
         annotated::Lock lock(fMutex);
         if (fConnection == nullptr) return;
-        if (fOutbox.addControl(text) != Outbox::Added::kYes) return failLocked(View::kMemoryUsedUp);
+        fOutbox.addControl(text);
+        noteHeldLocked();
     }
     write();
 }
@@ -321,11 +338,16 @@ void View::sendFrames(std::string frames) {
     {
         annotated::Lock lock(fMutex);
         if (fConnection == nullptr) return;
-        if (fOutbox.addFrames(std::move(frames)) != Outbox::Added::kYes) {
-            return failLocked(View::kMemoryUsedUp);
-        }
+        fOutbox.addFrames(std::move(frames));
+        noteHeldLocked();
     }
     write();
+}
+
+void View::ping() {
+    sendFrames(makeFrame(Opcode::kPing, {}));
+    annotated::Lock lock(fMutex);
+    fIsPinged = true;
 }
 
 bool View::hasManyAnswersWaiting() const noexcept {
@@ -338,23 +360,31 @@ bool View::hasManyAnswersWaiting() const noexcept {
 void View::setSubscriptions(ChannelList&& subscriptions) noexcept {
     annotated::Lock lock(fMutex);
     std::swap(fSubscriptions, subscriptions);
+    countNamesLocked();
 }
+
+void View::countNamesLocked() noexcept { fNames.set(fContext->memory, fSubscriptions.bytes()); }
 
 ChannelList View::subscriptions() const {
     annotated::Lock lock(fMutex);
     return fSubscriptions;
 }
 
-bool View::subscribe(std::string_view channel, std::size_t most) {
+View::Subscribed View::subscribe(std::string_view channel, std::size_t most) {
     annotated::Lock lock(fMutex);
-    if (fSubscriptions.size() >= most && !fSubscriptions.contains(channel)) return false;
-    fSubscriptions.add(channel);
-    return true;
+    const auto before = fSubscriptions.size();
+    if (!fSubscriptions.addUpTo(most, channel)) return Subscribed::kRefused;
+    if (fSubscriptions.size() == before) return Subscribed::kBefore;
+    countNamesLocked();
+    return Subscribed::kNow;
 }
 
-void View::unsubscribe(std::string_view channel) {
+bool View::unsubscribe(std::string_view channel) {
     annotated::Lock lock(fMutex);
+    const auto before = fSubscriptions.size();
     fSubscriptions.remove(channel);
+    countNamesLocked();
+    return fSubscriptions.size() != before;
 }
 
 std::vector<std::string> View::blockChannels() const {
@@ -385,22 +415,25 @@ View::Due View::look(TimePoint now, PageBlocks& left) noexcept {
         if (fFailure != nullptr) return Due::kFail;
         if (state() == State::kLost || state() == State::kGone) {
             if (now - fLostAt > fLimits.comeback) return Due::kEnd;
+            fOutbox.dropBlocksBefore(now - fLimits.block, left);
             if (state() == State::kGone || now - fLostAt <= fLimits.gone) return Due::kNothing;
             fState = State::kGone;
             fOutbox.dropBlocks(left);
             noteHeldLocked();
             return Due::kGone;
         }
-        if (state() == State::kOver) return Due::kNothing;
-        fFailure = fPace.look(fOutbox.load(), now);
-        if (fFailure != nullptr) return Due::kFail;
+        if (state() != State::kConnected) return Due::kNothing;
         fOutbox.dropBlocksBefore(now - fLimits.block, left);
+        auto load = fOutbox.load();
+        load.isOffered = !isEmpty(fOutbox.pending());  // else the gateway itself holds it back
+        fFailure = fPace.look(load, now);
+        if (fFailure != nullptr) return Due::kFail;
         if (fConnection->isReadingHeld()) heard(now);  // it may well have said something
         const auto silence = now - fLastSign.load();
         if (silence > kSilencesUntilLost * fLimits.ping) return Due::kSilent;
         const bool isQuiet = silence > fLimits.ping;
-        const bool wasPinged = std::exchange(fIsPinged, isQuiet);
-        if (isQuiet && !wasPinged) return Due::kPing;
+        if (isQuiet && !fIsPinged) return Due::kPing;
+        fIsPinged = isQuiet;
     }
     write();  // a block that was dropped may have held up others
     return Due::kNothing;

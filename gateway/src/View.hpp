@@ -32,6 +32,7 @@ class View {
     using TimePoint = std::chrono::steady_clock::time_point;
 
     enum class State {
+        kNew,        ///< it has not had a connection yet
         kConnected,  ///< it has a connection
         kLost,       ///< it has none, and counts as there for a moment longer
         kGone,       ///< it has had none for so long that it takes no blocks; it may return
@@ -55,6 +56,9 @@ class View {
 
     View(Identity identity, Abilities abilities, std::shared_ptr<const Context> context,
          std::shared_ptr<Wakeup> wakeup, std::size_t lanes, TimePoint now);
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
+    ~View();
 
     [[nodiscard]] const Identity& identity() const noexcept { return fIdentity; }
     [[nodiscard]] const std::shared_ptr<Backlog>& backlog() const noexcept { return fBacklog; }
@@ -63,11 +67,13 @@ class View {
 
     /// Queues and, if possible, writes; a view for which there is no memory has failed. Returns
     /// what became of it; kNever: the view does not hear any more.
-    [[nodiscard]] Outbox::Added publish(const Text& text) noexcept;
+    /// `isRoomMade`: see `Outbox::addText`.
+    [[nodiscard]] Outbox::Added publish(const Text& text, bool isRoomMade) noexcept;
     /// Whether a page takes part in a transfer.
-    enum class Part { kNone, kJoined, kRefused, kNoRoom };
+    enum class Part { kNone, kJoined, kRefused, kNoMemory, kNoLostRoom };
     [[nodiscard]] Part offer(std::string_view channel, std::size_t lane,
-                             const std::shared_ptr<Transfer>& transfer, TimePoint now) noexcept;
+                             const std::shared_ptr<Transfer>& transfer, TimePoint now,
+                             bool isRoomMade) noexcept;
     [[nodiscard]] bool hears(std::string_view channel) const;
 
     /// Marks the view as one that has to end, and forgets its texts. REQUIRES: `why` is a literal.
@@ -94,15 +100,17 @@ class View {
                   Greeting&& greeting, const wire::Hello& hello, TimePoint now,
                   PageBlocks& left) noexcept;
     [[nodiscard]] bool canResume(std::uint64_t last) const;
+    /// What becomes of a view whose connection is taken away.
+    enum class Fate { kMayReturn, kEnds };
     /// Takes the connection away: once this has returned nobody writes to the socket.
-    void detach(TimePoint now) noexcept;
+    void detach(TimePoint now, Fate fate) noexcept;
     /// As `detach`; returns the rest of the frame that was being written, nothing if there is no
     /// memory for it (`isCut`): then no other frame may follow.
     struct Rest {
         std::string bytes;
         bool isCut = false;
     };
-    [[nodiscard]] Rest detachBetweenFrames(TimePoint now) noexcept;
+    [[nodiscard]] Rest detachBetweenFrames(TimePoint now, Fate fate) noexcept;
     /// Null when it has none.
     [[nodiscard]] Connection* connection() const noexcept;
 
@@ -118,14 +126,17 @@ class View {
     /// These two throw std::bad_alloc.
     void sendControl(std::string_view text);
     void sendFrames(std::string frames);
+    void ping();
     /// Whether so many answers wait that no more questions should be read.
     [[nodiscard]] bool hasManyAnswersWaiting() const noexcept;
 
     void setSubscriptions(ChannelList&& subscriptions) noexcept;
     [[nodiscard]] ChannelList subscriptions() const;
-    /// Returns false, and does nothing, if there would be more than `most`.
-    [[nodiscard]] bool subscribe(std::string_view channel, std::size_t most);
-    void unsubscribe(std::string_view channel);
+    enum class Subscribed { kNow, kBefore, kRefused };
+    /// Refuses, and does nothing, if there would be more than `most`.
+    [[nodiscard]] Subscribed subscribe(std::string_view channel, std::size_t most);
+    /// Returns whether it was subscribed.
+    bool unsubscribe(std::string_view channel);
     [[nodiscard]] std::vector<std::string> blockChannels() const;
 
     void acknowledge(std::uint64_t last) noexcept;
@@ -176,7 +187,10 @@ class View {
     void failLocked(const char* why) noexcept REQUIRES_LOCK(fMutex);
     void connectLocked(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
                        Greeting&& greeting, TimePoint now) noexcept REQUIRES_LOCK(fMutex);
-    void detachLocked(TimePoint now) noexcept REQUIRES_LOCK(fMutex);
+    void detachLocked(TimePoint now, Fate fate) noexcept REQUIRES_LOCK(fMutex);
+    /// What is to be written next: a view that has failed begins no frame any more.
+    [[nodiscard]] Outbox::Pending pendingLocked() noexcept REQUIRES_LOCK(fMutex);
+    void countNamesLocked() noexcept REQUIRES_LOCK(fMutex);
     void noteHeldLocked() noexcept REQUIRES_LOCK(fMutex);
 
     const Identity fIdentity;
@@ -187,13 +201,15 @@ class View {
     std::atomic<TimePoint> fLastSign;
     std::atomic<bool> fHasSpoken{false};  ///< and nothing was published since
     std::atomic<std::size_t> fHeld{0};
-    std::atomic<State> fState{State::kGone};  ///< written under the lock
+    std::atomic<State> fState{State::kNew};  ///< written under the lock
 
     mutable annotated::Mutex fMutex{annotated::Rank::kView};
     Abilities fAbilities GUARDED_BY(fMutex);
     Outbox fOutbox GUARDED_BY(fMutex);
     Pace fPace GUARDED_BY(fMutex);
     ChannelList fSubscriptions GUARDED_BY(fMutex);
+    Charge fNames GUARDED_BY(fMutex);            ///< for the subscriptions
+    std::size_t fEnding GUARDED_BY(fMutex) = 0;  ///< what it still holds though it has failed
     const char* fFailure GUARDED_BY(fMutex) = nullptr;
 
     /// The connection takes itself away before it goes.

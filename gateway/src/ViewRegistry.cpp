@@ -17,7 +17,6 @@ namespace {
 
 constexpr std::size_t kViewBytes = 16;
 constexpr std::size_t kRememberedEnds = 32;
-constexpr std::size_t kMaxReason = 123;  // bytes, in a close frame
 constexpr const char* kTooMuchLost = "more was kept for lost views than they may have together";
 
 /// What a close frame and a later hello say.
@@ -74,20 +73,16 @@ std::shared_ptr<View> ViewRegistry::welcome(const wire::Hello& hello, Arrival ar
     return begin(hello, arrival, now);
 }
 
-bool ViewRegistry::maySubscribe(const ChannelList& subscriptions, std::string_view channel) const {
-    if (channel.size() > wire::kMaxChannelName || !fMaySubscribe.covers(channel)) return false;
-    return subscriptions.size() < fContext->options.limits.subscriptions ||
-           subscriptions.contains(channel);
+bool ViewRegistry::isAllowed(std::string_view channel) const {
+    return channel.size() <= wire::kMaxChannelName && fMaySubscribe.covers(channel);
 }
 
 ViewRegistry::Prepared ViewRegistry::prepare(const wire::Hello& hello, wire::Welcome&& welcome,
                                              ChannelList&& subscriptions) const {
     for (const auto& channel : hello.subscribe) {
-        if (maySubscribe(subscriptions, channel)) {
-            subscriptions.add(channel);
-        } else {
-            welcome.refused.push_back(channel);
-        }
+        const bool isAdded = isAllowed(channel) &&
+                             subscriptions.addUpTo(fContext->options.limits.subscriptions, channel);
+        if (!isAdded) welcome.refused.push_back(channel);
     }
     welcome.subscribed = subscriptions.channels();
     Prepared prepared;
@@ -116,7 +111,7 @@ std::shared_ptr<View> ViewRegistry::resume(const wire::Hello& hello, Arrival& ar
         view->subscriptions());
     // What has begun from here on cannot fail.
     if (auto* old = view->connection()) {
-        auto rest = view->detachBetweenFrames(now);
+        auto rest = view->detachBetweenFrames(now, View::Fate::kEnds);
         rest.isCut ? old->cut()
                    : old->close(static_cast<std::uint16_t>(wire::CloseCode::kReturnedElsewhere),
                                 "returned elsewhere", std::move(rest.bytes));
@@ -188,7 +183,7 @@ void ViewRegistry::lost(const std::shared_ptr<View>& view, const Connection& con
                         TimePoint now) noexcept {
     if (view->connection() != &connection) return;
     if (!view->mayReturn()) return left(view, connection);
-    view->detach(now);
+    view->detach(now, View::Fate::kMayReturn);
     fContext->log.write("connection lost", view->identity().client);
     afterLoss();
 }
@@ -217,7 +212,8 @@ std::shared_ptr<View> ViewRegistry::oldestLost() const noexcept {
     std::shared_ptr<View> oldest;
     for (const auto& view : fViews) {
         if (view->connection() != nullptr || view->failure() != nullptr) continue;
-        if (view->state() == View::State::kOver) continue;
+        const auto state = view->state();
+        if (state == View::State::kOver || state == View::State::kNew) continue;
         if (oldest == nullptr || view->lostAt() < oldest->lostAt()) oldest = view;
     }
     return oldest;
@@ -225,7 +221,7 @@ std::shared_ptr<View> ViewRegistry::oldestLost() const noexcept {
 
 void ViewRegistry::left(const std::shared_ptr<View>& view, const Connection& connection) noexcept {
     if (view->connection() != &connection) return;
-    view->detach(std::chrono::steady_clock::now());
+    view->detach(std::chrono::steady_clock::now(), View::Fate::kEnds);
     fContext->log.write("page left", view->identity().client);
     end(view, "the page closed it");
 }
@@ -236,7 +232,7 @@ void ViewRegistry::dismiss(const std::shared_ptr<View>& view, wire::CloseCode co
     std::string reason;
     tellIfPossible([&] { reason = reasonText(code, why); });
     auto* const connection = view->connection();
-    auto rest = view->detachBetweenFrames(std::chrono::steady_clock::now());
+    auto rest = view->detachBetweenFrames(std::chrono::steady_clock::now(), View::Fate::kEnds);
     ++fContext->counters->disconnected;
     recordDisconnect(*view, reason);
     end(view, reason);
@@ -287,7 +283,7 @@ void ViewRegistry::shut() noexcept {
     for (const auto& view : views) {
         PageBlocks left;
         auto* const connection = view->connection();
-        auto rest = view->detachBetweenFrames(now);
+        auto rest = view->detachBetweenFrames(now, View::Fate::kEnds);
         view->retire(left);
         leaveAll(left);
         if (connection == nullptr) continue;
@@ -325,15 +321,14 @@ bool ViewRegistry::makeLostRoom() noexcept {
 // --- What pages do -----------------------------------------------------------------------------
 
 bool ViewRegistry::subscribe(View& view, std::string_view channel) {
-    if (channel.size() > wire::kMaxChannelName || !fMaySubscribe.covers(channel)) return false;
-    if (!view.subscribe(channel, fContext->options.limits.subscriptions)) return false;
-    ++fVersion;
-    return true;
+    if (!isAllowed(channel)) return false;
+    const auto done = view.subscribe(channel, fContext->options.limits.subscriptions);
+    if (done == View::Subscribed::kNow) ++fVersion;  // else no route changes
+    return done != View::Subscribed::kRefused;
 }
 
 void ViewRegistry::unsubscribe(View& view, std::string_view channel) {
-    view.unsubscribe(channel);
-    ++fVersion;
+    if (view.unsubscribe(channel)) ++fVersion;
 }
 
 // --- Time --------------------------------------------------------------------------------------
@@ -362,7 +357,7 @@ void ViewRegistry::act(const std::shared_ptr<View>& view, TimePoint now) {
         case View::Due::kNothing:
             return;
         case View::Due::kPing:
-            return view->sendFrames(makeFrame(Opcode::kPing, {}));
+            return view->ping();
         case View::Due::kFail:
             return dismiss(view, wire::CloseCode::kTooSlow, view->failure());
         case View::Due::kSilent:
@@ -376,12 +371,13 @@ void ViewRegistry::act(const std::shared_ptr<View>& view, TimePoint now) {
 
 void ViewRegistry::endSilent(const std::shared_ptr<View>& view, TimePoint now) noexcept {
     auto* const connection = view->connection();
-    auto rest = view->detachBetweenFrames(now);
+    auto rest = view->detachBetweenFrames(now, View::Fate::kMayReturn);
     recordDisconnect(*view, "no sign of life");
     ++fContext->counters->disconnected;
     rest.isCut ? connection->cut()
                : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kSilent),
                                    "no sign of life", std::move(rest.bytes));
+    if (!view->mayReturn()) end(view, "no sign of life");
     afterLoss();
 }
 

@@ -40,11 +40,12 @@ class ViewRegistry {
     /// Another number whenever a view or a subscription came or went.
     [[nodiscard]] std::uint64_t version() const noexcept { return fVersion; }
     [[nodiscard]] std::size_t lanes() const noexcept { return fLanes; }
-    /// Ends views, those first for which most is held, until there is room for so many bytes.
-    /// Returns whether there is.
+    /// Ends views, those first for which most is held, until there is room for so many bytes, or
+    /// will be as soon as the gateway's thread has given back their blocks. Returns whether that is
+    /// so.
     bool makeRoom(std::size_t bytes) noexcept;
-    /// As `makeRoom`, among the views without a connection, the oldest loss first. Returns whether
-    /// one was ended.
+    /// Ends the view that lost its connection first of all that have none. Returns whether there
+    /// was one.
     bool makeLostRoom() noexcept;
     [[nodiscard]] bool lastPageGone() const noexcept { return fLastPageGone; }
     [[nodiscard]] bool isEmpty() const { return views()->empty(); }
@@ -98,8 +99,8 @@ class ViewRegistry {
     [[nodiscard]] std::string endedText(const std::string& name) const;
     [[nodiscard]] Prepared prepare(const wire::Hello& hello, wire::Welcome&& welcome,
                                    ChannelList&& subscriptions) const;
-    [[nodiscard]] bool maySubscribe(const ChannelList& subscriptions,
-                                    std::string_view channel) const;
+    /// Whether a page may hear it.
+    [[nodiscard]] bool isAllowed(std::string_view channel) const;
     /// Throws std::bad_alloc; nothing has happened then.
     void addView(const std::shared_ptr<View>& view);
     void afterLoss() noexcept;

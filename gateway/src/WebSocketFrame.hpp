@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "checked/Require.hpp"
+
 namespace kirogateway {
 
 enum class Opcode : unsigned char { kText = 1, kBinary = 2, kClose = 8, kPing = 9 };
@@ -33,8 +35,12 @@ inline std::size_t writeFrameHeader(char* to, Opcode opcode, std::size_t payload
     return frame;
 }
 
-/// REQUIRES: `reason` is UTF-8 of at most 123 bytes.
+/// Bytes of the longest reason.
+inline constexpr std::size_t kMaxReason = 123;
+
+/// REQUIRES: `reason` is UTF-8 of at most `kMaxReason` bytes.
 [[nodiscard]] inline std::string makeCloseFrame(std::uint16_t code, std::string_view reason) {
+    KIROWEB_REQUIRE(reason.size() <= kMaxReason);
     std::string payload{static_cast<char>(code >> 8U), static_cast<char>(code & 0xffU)};
     payload += reason;
     return makeFrame(Opcode::kClose, payload);

@@ -127,7 +127,6 @@ TEST_F(ExhaustionTest, StopsAndServesAgainWithoutAnyMemory) {
         publish("/fig/1", std::string(50000, 'x'));
         if (n % 2 == 0) {
             fPoint.disarm();
-            EXPECT_TRUE(isSettled(*fGood) || !fGood->readFrame().isEnd() || true);
             auto late = join();
             EXPECT_TRUE(isSettled(late)) << "there is memory again";
         }

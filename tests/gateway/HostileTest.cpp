@@ -71,19 +71,52 @@ TEST_F(HostileTest, MessagesThatAreNoneEndTheirView) {
 }
 
 TEST_F(HostileTest, SilentPeersAreNotWaitedForForEver) {
-    auto& limits = fOptions.limits;
-    limits.request = limits.hello = limits.ping = limits.close = std::chrono::milliseconds(40);
-    start();
+    using kirogateway::Limits;
+    const auto startWith = [this](auto limit) {
+        fSubscriptions.clear();
+        for (auto time : {&Limits::request, &Limits::hello, &Limits::ping}) {
+            fOptions.limits.*time = std::chrono::hours(1);  // so that none stands in for another
+        }
+        fOptions.limits.*limit = std::chrono::milliseconds(20);
+        start();
+    };
+    startWith(&Limits::request);
     Peer says_nothing(fAccess);
     Peer says_half(fAccess);
     says_half.send("GET / HT");
-    auto says_no_hello = connect();
-    auto goes_silent = join();
     EXPECT_EQ(says_nothing.readAll(), "");
     EXPECT_EQ(says_half.readAll(), "");
-    EXPECT_EQ(says_no_hello.readClose(), 4001U);
+
+    fOptions.limits.code = std::chrono::milliseconds(1);
+    startWith(&Limits::hello);
+    const auto code = gatewaytest::secretOf(fGateway->singleUseLink());
+    EXPECT_EQ(connect().readClose(), 4001U);
+    Peer late(fAccess);  // by more than the time of its code
+    late.send("POST /kiroweb/token HTTP/1.1\r\nHost: " + fAccess.host() +
+              "\r\nOrigin: " + fAccess.origin() +
+              "\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(code.size()) +
+              "\r\n\r\n" + code);
+    EXPECT_TRUE(late.readHead().starts_with("HTTP/1.1 403"));
+
+    startWith(&Limits::ping);
+    auto goes_silent = join();
     EXPECT_EQ(goes_silent.readFrame().opcode, 9U);  // a ping, which nobody answers
     EXPECT_EQ(goes_silent.readClose(), 4004U);
+}
+
+TEST_F(HostileTest, APageThatGotInIsLeftToItself) {
+    fOptions.limits.request = fOptions.limits.hello = std::chrono::milliseconds(20);
+    fOptions.limits.block = std::chrono::milliseconds(200);
+    start();
+    auto page = join();
+    EXPECT_FALSE(sendBlock(9).get().delivered);  // ten times as long
+    settle(page);
+    const auto silence = [this] {
+        const auto report = boost::json::parse(fGateway->diagnostics());
+        return report.at("detail").at(0).at("lastSignOfLifeMilliseconds").as_int64();
+    };
+    while (silence() < 20) std::this_thread::yield();
+    while (silence() >= 20) page.sendFrame(10, "a pong is a sign of life");
 }
 
 TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
@@ -112,12 +145,15 @@ TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
 
 TEST_F(HostileTest, HalfOpenAndStubbornPeersDoNoHarm) {
     fOptions.limits.close = std::chrono::milliseconds(40);
-    fOptions.limits.connections = 2;
+    fOptions.limits.connections = 3;
     start();
     auto half = join(R"(,"resume":false)");
     half.closeWriting();
     EXPECT_EQ(fEvents.take(), "last page gone");
     half.readAll();
+    auto lingers = join();
+    lingers.sendFrame(8, "\x03\xe8");  // and keeps its end open
+    EXPECT_EQ(fEvents.take(), "last page gone");
 
     auto flood = join();
     // Pings whose answers it does not read.
@@ -125,10 +161,10 @@ TEST_F(HostileTest, HalfOpenAndStubbornPeersDoNoHarm) {
     settle(flood);
     flood.sendText("bad");
     EXPECT_EQ(flood.readClose(), 4000U);
-    // It does not answer the close, and loses its place nevertheless.
-    for (std::string head; !head.starts_with("HTTP/1.1 101");) {
+    // It does not answer the close, and loses its place nevertheless: all are free again.
+    for (std::vector<Peer> others; others.size() < 3;) {
         Peer next(fAccess);
         next.send(upgradeRequest(fAccess, fToken));
-        head = next.readHead();
+        if (next.readHead().starts_with("HTTP/1.1 101")) others.push_back(std::move(next));
     }
 }

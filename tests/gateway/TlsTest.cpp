@@ -63,6 +63,15 @@ TEST_F(TlsTest, CarriesTheSame) {
     const auto pong = page.readFrame();
     EXPECT_EQ(pong.opcode, 10U);
     EXPECT_EQ(pong.payload, "ping");
+
+    // The reason why it is closed comes behind what is being written.
+    fAccess.receiveBuffer = 4096;
+    auto slow = join();
+    publish("/fig/1", std::string(6000000, 'x'));
+    slow.sendText("nonsense");
+    settle(page);
+    EXPECT_EQ(slow.readRecords(1).at(0).text.size(), 6000000U);
+    EXPECT_EQ(slow.readClose(), 4000U);
 }
 
 TEST_F(TlsTest, OldVersionsAreOffAndNobodyIsAskedForAPassphrase) {

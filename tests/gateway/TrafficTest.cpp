@@ -40,6 +40,16 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     publish("/fig/1", "not any more");
     publish("/log", "now");
     EXPECT_EQ(page.readRecords(1), (Records{{3, "/log", "now", false}}));
+    page.sendText(R"({"t":"unsubscribe","channels":["/log"]})");
+    settle(page);
+    publish("/log", "nor that");
+    sendBlock(9);
+    EXPECT_EQ(page.readBinary()[8], 4);
+    const auto statistics = fGateway->statistics();
+    EXPECT_EQ(statistics.views, 1U);
+    EXPECT_EQ(statistics.textsSent, 3U);
+    EXPECT_EQ(statistics.textsReceived, 1U);
+    EXPECT_EQ(statistics.refusals, 3U);
 }
 
 TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
@@ -48,13 +58,22 @@ TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
     const auto stream = createBinaryStream("/up/blocks", {});
     stream->receive([this](auto&& block) { fEvents.add(support::bytesOf(block)); });
     page.sendText(R"([{"t":"channel","number":2,"name":"/up/blocks"},)"
-                  R"({"t":"channel","number":3,"name":"/x"}])");
+                  R"({"t":"channel","number":3,"name":"/x"},)"
+                  R"({"t":"channel","number":4,"name":"/up/)" +
+                  std::string(1021, 'n') + "\"}]");
     std::string header = "\1\1\2" + std::string(13, '\0');
-    page.sendFrame(2, header + "hello");
-    EXPECT_EQ(fEvents.take(), "hello");
-    header[2] = 3;
-    page.sendFrame(2, header);
+    for (const std::size_t size : {5U, 50000U, 5000U}) {  // some come in parts
+        page.sendFrame(2, header + std::string(size, 'b'));
+        EXPECT_EQ(fEvents.take(), std::string(size, 'b'));
+    }
+    for (const char refused : {'\3', '\4'}) {
+        header[2] = refused;
+        page.sendFrame(2, header);
+        EXPECT_NE(page.readControl("refused"), "");
+    }
+    page.sendText(R"({"t":"publish","text":"","channel":"/up/)" + std::string(1021, 'n') + "\"}");
     EXPECT_NE(page.readControl("refused"), "");
+    EXPECT_EQ(fGateway->statistics().blocksReceived, 3U);
 }
 
 TEST_F(TrafficTest, KeepsTheOrderOfAllThatIsPublishedUnderLoad) {
@@ -92,6 +111,7 @@ TEST_F(TrafficTest, GoesOnWhenAFullSocketTakesBytesAgain) {
     auto page = join();
     const std::string large(8 * 1024 * 1024, 'x');  // more than the kernel's buffers take
     publish("/fig/1", large);
+    page.sendFrame(9, "whose pong must not land in the middle of the text");
     publish("/fig/1", "small");
     auto block = sendBlock(9);
     publish("/fig/1", "behind");
@@ -134,6 +154,54 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     second.sendFrame(8, "\x03\xe8");
     EXPECT_FALSE(gone.get().delivered);
     EXPECT_EQ(second.readClose(), 1000U);
+
+    auto small = join(R"(,"limits":{"block":8})");
+    auto tooLarge = sendBlock(9);
+    answer(first, 4, true);
+    EXPECT_FALSE(tooLarge.get().delivered);
+    EXPECT_EQ(fGateway->statistics().blocksDelivered, 1U);
+    EXPECT_EQ(fGateway->statistics().blocksGivenBack, 4U);
+}
+
+TEST_F(TrafficTest, LetsNoLaneHoldUpAnother) {
+    fOptions.limits.blocksUnderWay = 1;
+    fOptions.lanes = {{"/log"}, {"/bin", "/fig/2"}};
+    start();
+    auto page = join();
+    for (int i = 0; i < 2; ++i) sendBlock(9);
+    publish("/fig/2", "behind the blocks");
+    publish("/fig/1", "beside them");
+    EXPECT_EQ(page.readRecords(1), (Records{{2, "/fig/1", "beside them", false}}));
+    for (const unsigned transfer : {1U, 2U}) answer(page, transfer, true);
+    EXPECT_EQ(page.readRecords(1), (Records{{4, "/fig/2", "behind the blocks", false}}));
+}
+
+TEST_F(TrafficTest, HasSeveralGatewaysInOneProcess) {
+    start();
+    auto page = join();
+    const auto first = std::move(fGateway);
+    const auto elsewhere = fAccess;
+    fOptions.maySubscribe.push_back("/up/*");
+    fGateway = std::make_unique<kirogateway::Gateway>(fOptions);
+    fAccess.port = fGateway->port();
+    EXPECT_NE(fAccess.port, elsewhere.port);
+    gatewaytest::Peer stranger(fAccess);
+    stranger.send(upgradeRequest(fAccess, fToken));
+    EXPECT_TRUE(stranger.readHead().starts_with("HTTP/1.1 403")) << "a token is for one gateway";
+    fToken = gatewaytest::secretOf(fGateway->link());
+    auto other = join(R"(,"subscribe":["/fig/*","/bin","/up/*"])");
+    EXPECT_EQ(hello("kind"), "first");
+    // What a page publishes goes to the pages of the other gateway, not to its own.
+    page.sendText(R"({"t":"publish","channel":"/up/a","text":"1"})");
+    EXPECT_EQ(other.readRecords(1), (Records{{1, "/up/a", "1", false}}));
+    EXPECT_EQ(fEvents.take(), "/up/a 1");
+    publish("/fig/1", "to all");
+    EXPECT_EQ(page.readRecords(1), (Records{{1, "/fig/1", "to all", false}}));
+    EXPECT_EQ(other.readRecords(1), (Records{{2, "/fig/1", "to all", false}}));
+    fGateway.reset();
+    EXPECT_EQ(other.readClose(), 1001U);
+    publish("/fig/1", "still");
+    EXPECT_EQ(page.readRecords(1), (Records{{2, "/fig/1", "still", false}}));
 }
 
 TEST_F(TrafficTest, GivesABlockBackThatIsLateOrTooLargeAndKeepsThePage) {
@@ -174,10 +242,16 @@ TEST_F(TrafficTest, ResumesAfterALostConnection) {
     EXPECT_FALSE(block.get().delivered);
 
     // A second connection for the view takes it away from the first.
-    auto third = comeBack(view, 4);
+    publish("/log", "nobody hears it");
+    auto third = comeBack(view, 4, R"(,"subscribe":["/log"])");
     EXPECT_EQ(again.readClose(), 4005U);
-    publish("/fig/1", "d");
-    EXPECT_EQ(third.readRecords(1), (Records{{5, "/fig/1", "d", false}}));
+    publish("/log", "d");
+    EXPECT_EQ(third.readRecords(1), (Records{{5, "/log", "d", false}}));
+    again.sendText(R"({"t":"publish","channel":"/up/a","text":"from the old one"})");
+    settle(third);
+    settle(third);
+    third.sendText(R"({"t":"publish","channel":"/up/a","text":"from the new one"})");
+    EXPECT_EQ(fEvents.take(), "/up/a from the new one");
 
     // What cannot be is a new view.
     auto liar = comeBack(view, 99);

@@ -1,0 +1,513 @@
+// Losing and regaining a connection, and what time does to a view: sessions with a clock that is
+// set, and with connections that have no socket.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <boost/json.hpp>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Buffers.hpp"
+#include "Collector.hpp"
+#include "Frames.hpp"
+#include "Session.hpp"
+#include "kirohost/Controls.hpp"
+#include "relay/binary/experimental/BinaryStream.hpp"
+
+using namespace kirogateway;
+using gatewaytest::Frame;
+using namespace relay::binary::experimental;
+using namespace std::string_literals;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+namespace {
+
+/// A page whose frames are collected, and handed to its session, by the test.
+class ModelPage final : public Connection {
+  public:
+    ModelPage(const SessionServices& services, const TimePoint& now)
+        : fSession(services, {*this, nullptr, false}), fNow(now) {}
+    ~ModelPage() override { lose(); }
+
+    void request(Request what) noexcept override { fAsked |= what; }
+    void close(std::uint16_t code, std::string_view reason, std::string rest) noexcept override {
+        fEnd = std::to_string(code) + " " + std::string(reason);
+        fBytes += rest;
+    }
+    void cut() noexcept override { fEnd = "cut"; }
+    void readOn() noexcept override { ++fReadOns; }
+    bool isReadingHeld() const noexcept override { return fIsHeld; }
+
+    void say(std::string_view text, bool isLast = true) { fSession.text(text, isLast, fNow); }
+    void sayBytes(std::string_view bytes) { fSession.binary(bytes, true, fNow); }
+    void lose() noexcept { fSession.ended(false, fNow); }
+    /// Takes up to `most` bytes, if the view has asked for that; returns the frames that are whole.
+    std::vector<Frame> read(std::size_t most = 100'000'000) {
+        auto* here = fSession.viewHere();
+        if (here != nullptr && (fAsked & kTail) != 0 && !here->writeTail(fNow)) fAsked &= ~kTail;
+        if (here != nullptr && (fAsked & kWrite) != 0 && !here->collect(fBytes, most)) {
+            fAsked &= ~kWrite;
+        }
+        return gatewaytest::takeFrames(fBytes);
+    }
+    [[nodiscard]] View& view() const { return *fSession.view(); }
+
+    Session fSession;
+    const TimePoint& fNow;
+    std::string fBytes;  ///< of a frame that is not whole
+    std::string fEnd;    ///< how the gateway ended it
+    bool fIsHeld = false;
+    unsigned fAsked = 0;  ///< of it by the view
+    int fReadOns = 0;
+};
+
+class ReturnTest : public testing::Test {
+  protected:
+    using Page = std::unique_ptr<ModelPage>;
+    using Part = View::Part;
+    using Channels = std::set<std::string>;
+
+    ReturnTest() {
+        fOptions.maySubscribe = {"/*"};
+        auto& limits = fOptions.limits;
+        limits.ping = seconds(10);
+        limits.queue = limits.block = std::chrono::hours(1);
+        limits.gone = seconds(1);
+        limits.comeback = seconds(60);
+        limits.pieceSize = 100;
+    }
+
+    void start() {
+        fContext = std::make_shared<Context>(fOptions);
+        fInbound.emplace(fContext);
+        fViews = std::make_shared<ViewRegistry>(fContext, fWakeup, *fInbound, [this] { ++fGone; });
+        fServices.emplace(SessionServices{fContext, fViews, *fInbound});
+    }
+    /// A page that has read the gateway's hello, which is kept.
+    Page join(const std::string& more = {}) {
+        auto page = std::make_unique<ModelPage>(*fServices, fNow);
+        page->say(R"({"t":"hello","version":1,"client":"c","subscribe":["/c","/bin"])" + more +
+                  "}");
+        std::string hello;  // it alone: what follows is the test's to read
+        while (page->fEnd.empty() && hello.empty()) {
+            const auto frames = page->read(1);
+            if (!frames.empty()) hello = frames.front().payload;
+        }
+        fHello = boost::json::parse(hello.empty() ? "{}" : hello).as_object();
+        return page;
+    }
+    static std::string returnOf(const View& view, int last, const std::string& more = {}) {
+        return R"(,"view":")" + view.identity().name + R"(","last":)" + std::to_string(last) + more;
+    }
+    std::string hello(const char* member) { return boost::json::serialize(fHello[member]); }
+    Channels channels(const char* member) {
+        return boost::json::value_to<Channels>(fHello[member]);
+    }
+    void pass(milliseconds time) {
+        fNow += time;
+        fViews->tick(fNow);
+    }
+    static void publish(const Page& page, const std::string& text) {
+        EXPECT_EQ(page->view().publish({"/c", text, false, 0, nullptr}), Outbox::Added::kYes);
+    }
+    /// Offers the page a block, which nobody else gets; notes what becomes of it.
+    Part offer(View& view, std::size_t size) {
+        fBlock = fStream->send(support::bufferOf(std::string(size, 'b')));
+        const auto transfer =
+            std::make_shared<Transfer>(*std::move(fDelivery), fContext->counters, Charge());
+        const auto part = view.offer("/bin", 0, transfer, fNow);
+        transfer->close(part == Part::kJoined);
+        return part;
+    }
+    void answer(const Page& page, int transfer) {
+        page->say(R"({"t":"block","transfer":)" + std::to_string(transfer) + R"(,"ok":true})");
+    }
+
+    Options fOptions;
+    Connection::TimePoint fNow{std::chrono::hours(1)};
+    std::shared_ptr<Context> fContext;
+    std::shared_ptr<Wakeup> fWakeup = std::make_shared<Wakeup>();
+    std::optional<Inbound> fInbound;
+    std::shared_ptr<ViewRegistry> fViews;
+    std::optional<SessionServices> fServices;
+    int fGone = 0;  ///< how often the last page had gone
+    boost::json::object fHello;
+    std::optional<Delivery> fDelivery;
+    ClientEnd fClientEnd{"/bin", [this](Delivery delivery) { fDelivery = std::move(delivery); }};
+    std::shared_ptr<BinaryStream> fStream = createBinaryStream("/bin", {{"returnOnFail", "true"}});
+    relay::Future<SendResult> fBlock;
+};
+
+}  // namespace
+
+TEST_F(ReturnTest, AConnectionIsEndedBetweenTwoFramesOrWithoutAWord) {
+    Page page;
+    Page back;
+    const struct {
+        std::string end;
+        std::size_t disconnected;
+        const char* kind;  ///< of the view of a page that asks for it again
+        std::function<void()> step;
+    } table[] = {
+        {"4005 returned elsewhere", 0, "\"return\"",
+         [&] { back = join(returnOf(page->view(), 0)); }},
+        {"4004 no sign of life", 1, "\"return\"", [&] { pass(seconds(31)); }},
+        {"4000 bad message: not JSON", 1, "\"further\"", [&] { page->say("x"); }},
+        {"4003 too slow: why", 1, "\"further\"",
+         [&] {
+             page->view().fail("why");
+             page->fSession.viewFailed();
+         }},
+        {"4003 too slow: why", 1, "\"further\"",
+         [&] {
+             page->view().fail("why");
+             pass(seconds(0));
+         }},
+        {"1001 gateway stopped", 1, "null", [&] { fViews->shut(); }},
+    };
+    for (const auto& row : table) {
+        for (const std::size_t size : {1000U, 9'000'000U}) {
+            start();
+            page = join();
+            publish(page, std::string(size, 'x'));
+            EXPECT_TRUE(page->read(100).empty());
+            row.step();
+            const bool isLarge = size > 1000;
+            EXPECT_EQ(page->fEnd, isLarge ? "cut" : row.end);
+            const auto frames = page->read();
+            ASSERT_EQ(frames.size(), isLarge ? 0U : 1U) << row.end;
+            EXPECT_TRUE(isLarge || frames[0].payload.ends_with(std::string(size, 'x')));
+            EXPECT_EQ(fViews->statistics().disconnected, row.disconnected);
+
+            // However late and in whatever way it ends, a connection that was replaced ends itself.
+            page->fSession.ended(true, fNow);
+            page->lose();
+            if (back != nullptr) {
+                EXPECT_EQ(back->view().connection(), back.get()) << row.end;
+            } else {
+                back = join(returnOf(page->view(), 0));
+                EXPECT_EQ(hello("kind"), row.kind);
+            }
+            const auto returns = fViews->statistics().returns;
+            EXPECT_EQ(returns, row.kind == "\"return\""s ? 1U : 0U);
+            EXPECT_EQ(back->read().size(), returns) << "what it missed";
+            back.reset();
+            page.reset();
+        }
+    }
+}
+
+TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
+    fOptions.limits.subscriptions = 3;
+    const std::string longName = "/" + std::string(1024, 'n');
+    start();
+    auto page = join(R"(,"limits":{"block":100})");
+    EXPECT_EQ(offer(page->view(), 101), Part::kRefused);
+    EXPECT_EQ(offer(page->view(), 100), Part::kJoined);
+    EXPECT_EQ(page->read().size(), 2U) << "the channel's name and the block";
+    page->lose();
+    publish(page, "a");
+    auto back = join(returnOf(page->view(), 1, R"(,"limits":{"block":200},"resume":false)"));
+    EXPECT_TRUE(fBlock.get().delivered) << "its answer was lost";
+    EXPECT_EQ(fViews->statistics().blocksDelivered, 1U);
+    EXPECT_EQ(hello("blockChannels"), R"(["/bin"])");
+    EXPECT_EQ(channels("subscribed"), (Channels{"/bin", "/c"}));
+    EXPECT_EQ(back->read().at(0).payload,
+              "2\x1e/c\x1f"
+              "a");
+    EXPECT_EQ(offer(back->view(), 200), Part::kJoined);
+    EXPECT_EQ(back->read().at(0).opcode, 2U) << "the name is known already";
+    answer(back, 2);
+    const auto view = fViews->views()->at(0);
+    EXPECT_EQ(view->report(fNow).bytes, 0U) << "nothing is kept for it";
+    EXPECT_EQ(offer(*view, 50), Part::kJoined);
+    back->lose();
+    EXPECT_EQ(view->state(), View::State::kOver);
+    EXPECT_FALSE(fBlock.get().delivered);
+    EXPECT_EQ(fViews->statistics().blocksGivenBack, 2U);
+
+    // Bounds on what it names, at its first hello and later. What it has already is not refused.
+    page = join();
+    page->lose();
+    back = join(returnOf(page->view(), 0) + R"(,"subscribe":["/c",")" + longName +
+                R"(","/d","/e","/d"])");
+    EXPECT_EQ(channels("subscribed"), (Channels{"/bin", "/c", "/d"}));
+    EXPECT_EQ(channels("refused"), (Channels{"/e", longName}));
+    back->say(R"({"t":"subscribe","channels":["/d","/e"]})");
+    EXPECT_EQ(back->read().size(), 1U);
+    back->say(R"([{"t":"unsubscribe","channels":["/d"]},)"
+              R"({"t":"subscribe","channels":[")" +
+              longName + R"("]}])");
+    const auto refused = back->read();
+    ASSERT_EQ(refused.size(), 1U);
+    EXPECT_NE(refused[0].payload.find(R"("channel":"",)"), std::string::npos) << "too long";
+    back->say(R"({"t":")" + std::string(257, 't') + "\"}");
+    EXPECT_NE(back->read().at(0).payload.find(R"("what":"",)"), std::string::npos) << "as that";
+    EXPECT_EQ(fViews->statistics().refusals, 3U);
+
+    page = join(R"(,"resume":false)");
+    back = join(returnOf(page->view(), 0));
+    EXPECT_EQ(hello("kind"), "\"further\"");
+    EXPECT_TRUE(page->fEnd.starts_with("4006 bad return: "));
+}
+
+TEST_F(ReturnTest, BlocksThatWereCutComeAgainWhole) {
+    start();
+    // Piece by piece: two frames of 116 and one of 66 bytes, with headers of 2, 2 and 2.
+    for (std::size_t cut = 0; cut <= 2 * 118 + 68; cut += 17) {
+        auto page = join();
+        EXPECT_EQ(offer(page->view(), 30), Part::kJoined);
+        page->read();
+        EXPECT_EQ(offer(page->view(), 250), Part::kJoined);
+        if (cut > 0) page->read(cut);
+        page->lose();
+        auto back = join(returnOf(page->view(), 1));
+        EXPECT_FALSE(fBlock.isReady()) << cut;
+        std::string whole;
+        for (const auto& frame : back->read()) {
+            if (frame.opcode == 2) whole += frame.payload.substr(16);
+        }
+        EXPECT_EQ(whole, std::string(250, 'b')) << cut;
+        answer(back, 2);
+        EXPECT_TRUE(fBlock.get().delivered);
+    }
+}
+
+TEST_F(ReturnTest, WhatABlockHeldUpGoesOn) {
+    fOptions.limits.block = seconds(5);
+    fOptions.limits.gone = seconds(60);
+    fOptions.limits.blocksUnderWay = 1;
+    start();
+    auto page = join();
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    auto late = std::move(fBlock);
+    pass(seconds(2));
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    auto second = std::move(fBlock);
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    EXPECT_EQ(page->read().size(), 2U) << "the channel's name and one block";
+    EXPECT_TRUE(page->read().empty());
+    pass(milliseconds(3001));
+    EXPECT_FALSE(late.get().delivered);
+    EXPECT_EQ(page->read().size(), 1U);
+    EXPECT_TRUE(page->read().empty());
+    answer(page, 2);
+    EXPECT_TRUE(second.get().delivered);
+    EXPECT_EQ(page->read().size(), 1U);
+    page->lose();
+    pass(milliseconds(5001));
+    EXPECT_FALSE(fBlock.get().delivered);
+    page->view().fail("it failed");
+    EXPECT_EQ(offer(page->view(), 9), Part::kRefused);
+}
+
+TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {
+    start();
+    auto page = join();
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    page->lose();
+    pass(seconds(1));
+    EXPECT_FALSE(fBlock.isReady() || fViews->lastPageGone());
+    pass(milliseconds(1));
+    EXPECT_FALSE(fBlock.get().delivered);
+    EXPECT_EQ(fGone, 1);
+    EXPECT_EQ(offer(page->view(), 9), Part::kNone);
+    pass(seconds(58));
+    EXPECT_TRUE(page->view().canResume(0));
+    pass(seconds(1));
+    EXPECT_EQ(page->view().state(), View::State::kOver);
+    EXPECT_EQ(fGone, 1) << "once";
+    auto back = join(returnOf(page->view(), 0));
+    EXPECT_EQ(hello("kind"), "\"further\"");
+    EXPECT_EQ(hello("ended"), "\"it did not return in time\"");
+}
+
+TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
+    fOptions.limits.queue = seconds(20);
+    start();
+    auto page = join();
+    for (const std::function<void()>& sign : std::vector<std::function<void()>>{
+             [&] { page->say(R"({"t":"ack","last":0})"); },
+             [&] { page->sayBytes(std::string(16, '\2')); },  // of a kind that is not known yet
+             [&] { page->fSession.heard(fNow); }}) {
+        pass(seconds(11));
+        pass(seconds(18));
+        const auto frames = page->read();
+        ASSERT_EQ(frames.size(), 1U) << "one ping for each time";
+        EXPECT_EQ(frames[0].opcode, 9U);
+        sign();
+        pass(seconds(0));
+    }
+    page->fIsHeld = true;
+    pass(seconds(100));
+    page->fIsHeld = false;
+    EXPECT_EQ(page->fEnd, "");
+    pass(seconds(31));
+    EXPECT_EQ(page->fEnd, "4004 no sign of life");
+
+    // One that returns has all its time again.
+    publish(page, "waits");
+    fNow += seconds(30);
+    ModelPage back(*fServices, fNow);
+    back.say(R"({"t":"hello","version":1)" + returnOf(page->view(), 0) + "}");
+    pass(seconds(1));
+    EXPECT_EQ(back.fEnd, "");
+    pass(seconds(20));
+    EXPECT_EQ(back.fEnd, "4003 too slow: it took nothing for too long");
+
+    auto passing = join(R"(,"resume":false)");
+    pass(seconds(31));
+    EXPECT_EQ(passing->fEnd, "4004 no sign of life");
+    EXPECT_EQ(passing->view().state(), View::State::kOver);
+}
+
+TEST_F(ReturnTest, LostViewsAreFewAndSmallTogether) {
+    fOptions.limits.lostViews = 2;
+    fOptions.limits.lostMemory = 10000;
+    start();
+    auto good = join();
+    publish(good, std::string(20000, 'x'));
+    for (const bool isSilent : {false, true}) {
+        std::vector<Page> pages;
+        for (int i = 0; i < 3; ++i) pages.push_back(join());
+        for (int i = 0; i < 2; ++i, fNow += milliseconds(1)) pages[i]->lose();
+        EXPECT_NE(pages[0]->view().state(), View::State::kOver);
+        if (isSilent) {
+            fNow += seconds(31);
+            good->fSession.heard(fNow);
+            fViews->tick(fNow);
+        } else {
+            pages[2]->lose();
+        }
+        EXPECT_EQ(pages[0]->view().state(), View::State::kOver);
+        EXPECT_NE(pages[1]->view().state(), View::State::kOver);
+    }
+    auto page = join();
+    publish(page, std::string(20000, 'x'));
+    page->lose();
+    EXPECT_EQ(page->view().state(), View::State::kOver);
+    EXPECT_EQ(good->fEnd, "");
+
+    // Each of them is told once: what its blocks hold comes back later.
+    Page lost[] = {join(), join()};
+    for (const auto& each : lost) each->lose();
+    EXPECT_TRUE(fViews->makeLostRoom() && fViews->makeLostRoom());
+    EXPECT_FALSE(fViews->makeLostRoom());
+}
+
+TEST_F(ReturnTest, WhatComesTooFastForFramesOfItsOwnComesAMomentLater) {
+    start();
+    auto page = join();
+    for (int i = 0; i < 100; ++i) publish(page, "x");
+    std::size_t count = 0;
+    for (const auto& frame : page->read()) count += gatewaytest::readBatch(frame.payload).size();
+    EXPECT_EQ(count, 100U);
+}
+
+TEST_F(ReturnTest, WhatAPageNumbersIsBounded) {
+    start();
+    const auto header = [](char kind, char isLast, char channel) {
+        return std::string{kind, isLast, channel} + std::string(13, '\0');
+    };
+    const struct {
+        std::string text;
+        std::string bytes;
+        std::string end;
+    } table[] = {
+        {R"({"t":"channel","number":0,"name":"/x"})", "", "4000 bad message: member \"number\""},
+        {R"({"t":"channel","number":17,"name":"/x"})", "", "4000 bad message: member \"number\""},
+        {R"({"t":"channel","number":16,"name":"/x"})", header(1, 1, 16), ""},
+        {"", header(1, 1, 0), "4000 bad message: no such block channel"},
+        {"", header(1, 1, 17), "4000 bad message: no such block channel"},
+        {"", header(1, 0, 1), "4000 bad message: a block in pieces"},
+        {"", header(2, 0, 17), ""},
+    };
+    for (const auto& row : table) {
+        auto page = join();
+        if (!row.text.empty()) page->say(row.text);
+        if (!row.bytes.empty()) page->sayBytes(row.bytes);
+        EXPECT_EQ(page->fEnd, row.end) << row.text;
+    }
+    ModelPage stranger(*fServices, fNow);
+    stranger.say("x");
+    EXPECT_EQ(stranger.fEnd, "4000 bad message: not JSON");
+}
+
+TEST_F(ReturnTest, APageIsReadFromAsLongAsThereIsRoom) {
+    fOptions.limits.memory = 100000;
+    start();
+    auto page = join();
+    bool asksAgain = false;
+    const auto mayRead = [&] { return page->fSession.mayRead(asksAgain); };
+    const auto before = fContext->memory->used();
+
+    page->say(R"({"t":"publish","text":")" + std::string(50000, 'x'), false);
+    EXPECT_TRUE(mayRead());
+    EXPECT_GE(fContext->memory->used(), before + 50000);
+    page->say(std::string(50001, 'x'), false);
+    EXPECT_FALSE(mayRead());
+    EXPECT_TRUE(asksAgain);
+    page->say(R"(","channel":"/not/allowed"})");
+    EXPECT_TRUE(mayRead());
+    EXPECT_LT(fContext->memory->used(), before + 1000);
+
+    page->read();
+    fContext->memory->add(100001);
+    EXPECT_FALSE(mayRead());
+    EXPECT_TRUE(asksAgain);
+    fContext->memory->give(100001);
+
+    // What the engine has not had yet.
+    std::vector<Backlog::Entry> entries;
+    for (int i = 0; i < 64; ++i) {
+        EXPECT_TRUE(mayRead());
+        entries.push_back(page->view().backlog()->add("xx", fContext->memory));
+    }
+    EXPECT_FALSE(mayRead() || asksAgain);
+    EXPECT_EQ(fContext->memory->used(), before + 128);
+    entries.resize(33);
+    fWakeup->serveAll();
+    EXPECT_EQ(page->fReadOns, 0);
+    entries.resize(32);
+    fWakeup->serveAll();
+    EXPECT_EQ(page->fReadOns, 1);
+    page->view().backlog()->setReader(page.get());  // there is room before it waits
+    fWakeup->serveAll();
+    EXPECT_EQ(page->fReadOns, 2);
+    page->view().backlog()->setReader(page.get());
+    page->lose();
+    fWakeup->serveAll();
+    EXPECT_EQ(page->fReadOns, 2) << "nobody calls a connection that is over";
+}
+
+TEST_F(ReturnTest, EachEventHasALine) {
+    support::Collector<std::string> lines;
+    const auto observing = kirohost::observeLog(
+        [&lines](const kirohost::LogRecord& record) { lines.add(record.text); });
+    start();
+    auto page = join();
+    page->say(R"([{"t":"block","transfer":1,"ok":false,"reason":"full"},)"
+              R"({"t":"publish","channel":"/x","text":""}])");
+    page->lose();
+    auto back = join(returnOf(page->view(), 0));
+    back->fSession.ended(true, fNow);
+    auto bad = join();
+    bad->say("x");
+    auto silent = join();
+    pass(seconds(31));
+    fViews->shut();
+    EXPECT_EQ(
+        lines.all(),
+        (std::vector<std::string>{
+            "page connected: c", "page refused a block: full", "refused a page's publish: /x",
+            "connection lost: c", "page returned: c", "page left: c", "the last page has gone",
+            "page connected: c", "bad message from a page: not JSON",
+            "page disconnected, bad message: not JSON: c", "the last page has gone",
+            "page connected: c", "page disconnected, no sign of life: c", "gateway stopped",
+            "the last page has gone"}));
+}
