@@ -114,14 +114,15 @@ class ReturnTest : public testing::Test {
         fViews->tick(fNow);
     }
     static void publish(const Page& page, const std::string& text) {
-        EXPECT_EQ(page->view().publish({"/c", text, false, 0, nullptr}), Outbox::Added::kYes);
+        EXPECT_EQ(page->view().publish({"/c", text, false, 0, nullptr}, false),
+                  Outbox::Added::kYes);
     }
     /// Offers the page a block, which nobody else gets; notes what becomes of it.
     Part offer(View& view, std::size_t size) {
         fBlock = fStream->send(support::bufferOf(std::string(size, 'b')));
         const auto transfer =
             std::make_shared<Transfer>(*std::move(fDelivery), fContext->counters, Charge());
-        const auto part = view.offer("/bin", 0, transfer, fNow);
+        const auto part = view.offer("/bin", 0, transfer, fNow, false);
         transfer->close(part == Part::kJoined);
         return part;
     }
@@ -450,33 +451,32 @@ TEST_F(ReturnTest, APageIsReadFromAsLongAsThereIsRoom) {
     fOptions.limits.memory = 100000;
     start();
     auto page = join();
-    bool asksAgain = false;
-    const auto mayRead = [&] { return page->fSession.mayRead(asksAgain); };
+    page->read();  // nothing is held for it, so that its end would make no room
+    using Reading = Session::Reading;
+    const auto mayRead = [&] { return page->fSession.mayRead(); };
     const auto before = fContext->memory->used();
 
     page->say(R"({"t":"publish","text":")" + std::string(50000, 'x'), false);
-    EXPECT_TRUE(mayRead());
+    EXPECT_EQ(mayRead(), Reading::kNow);
     EXPECT_GE(fContext->memory->used(), before + 50000);
     page->say(std::string(50001, 'x'), false);
-    EXPECT_FALSE(mayRead());
-    EXPECT_TRUE(asksAgain);
+    EXPECT_EQ(mayRead(), Reading::kLater);
     page->say(R"(","channel":"/not/allowed"})");
-    EXPECT_TRUE(mayRead());
+    EXPECT_EQ(mayRead(), Reading::kNow);
     EXPECT_LT(fContext->memory->used(), before + 1000);
 
     page->read();
     fContext->memory->add(100001);
-    EXPECT_FALSE(mayRead());
-    EXPECT_TRUE(asksAgain);
+    EXPECT_EQ(mayRead(), Reading::kLater);
     fContext->memory->give(100001);
 
     // What the engine has not had yet.
     std::vector<Backlog::Entry> entries;
     for (int i = 0; i < 64; ++i) {
-        EXPECT_TRUE(mayRead());
+        EXPECT_EQ(mayRead(), Reading::kNow);
         entries.push_back(page->view().backlog()->add("xx", fContext->memory));
     }
-    EXPECT_FALSE(mayRead() || asksAgain);
+    EXPECT_EQ(mayRead(), Reading::kWhenTold);
     EXPECT_EQ(fContext->memory->used(), before + 128);
     entries.resize(33);
     fWakeup->serveAll();

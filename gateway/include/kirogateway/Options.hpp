@@ -29,12 +29,15 @@ struct Asset {
 /// so no file is read. A page's own assets are added to them. Throws std::bad_alloc only.
 [[nodiscard]] KIROGATEWAY_EXPORT std::vector<Asset> clientAssets();
 
+inline constexpr std::size_t kKiB = 1024;  ///< in bytes, as kMiB
+inline constexpr std::size_t kMiB = 1024 * kKiB;
+
 /// Bounds. Sizes are bytes. All of them are greater than 0, and times are at most a year.
 struct Limits {
-    std::size_t headerSize = 8 * 1024;            ///< of an HTTP request; below 4 GiB
-    std::size_t messageSize = 4 * 1024 * 1024;    ///< of a frame or message from a page
+    std::size_t headerSize = 8 * kKiB;            ///< of an HTTP request; below 4 GiB
+    std::size_t messageSize = 4 * kMiB;           ///< of a frame or message from a page
     std::size_t namesPerFrame = 1024;             ///< channels named in one frame from a page
-    std::size_t undelivered = 4 * 1024 * 1024;    ///< of what a page published and nobody in the
+    std::size_t undelivered = 4 * kMiB;           ///< of what a page published and nobody in the
                                                   ///< process has had yet; above it the page is
                                                   ///< not read from
     std::size_t connections = 64;                 ///< all together
@@ -42,16 +45,16 @@ struct Limits {
     std::size_t subscriptions = 1024;             ///< of one page
     /// The share of one view in what waits. A page is too slow when it is beyond its share for
     /// longer than `queue` while it takes less than it is sent.
-    std::size_t queueSize = 64 * 1024 * 1024;
+    std::size_t queueSize = 64 * kMiB;
     /// All that waits in the process, over all views, blocks included, each shared byte once. When
     /// it is used up, the view that holds most ends.
-    std::size_t memory = 1024 * 1024 * 1024;
-    std::size_t lostViews = 64;                    ///< without a connection; the oldest ends first
-    std::size_t lostMemory = 256 * 1024 * 1024;    ///< kept for all of them together
-    std::size_t blocksUnderWay = 8;                ///< sent to one page and not answered
-    std::size_t bytesUnderWay = 32 * 1024 * 1024;  ///< in such blocks, unless it is a single one
-    std::size_t pieceSize = 4 * 1024 * 1024;       ///< larger blocks go in pieces of this size
-    std::size_t batchSize = 64 * 1024;             ///< where a frame of texts is considered full
+    std::size_t memory = 1024 * kMiB;
+    std::size_t lostViews = 64;             ///< without a connection; the oldest ends first
+    std::size_t lostMemory = 256 * kMiB;    ///< kept for all of them together
+    std::size_t blocksUnderWay = 8;         ///< sent to one page and not answered
+    std::size_t bytesUnderWay = 32 * kMiB;  ///< in such blocks, unless it is a single one
+    std::size_t pieceSize = 4 * kMiB;       ///< larger blocks go in pieces of this size
+    std::size_t batchSize = 64 * kKiB;      ///< where a frame of texts is considered full
 
     std::chrono::milliseconds request{5000};    ///< from a connection's start to its full header
     std::chrono::milliseconds hello{5000};      ///< from the upgrade to the page's hello
