@@ -38,8 +38,8 @@ struct Limits {
     std::size_t messageSize = 4 * kMiB;           ///< of a frame or message from a page
     std::size_t namesPerFrame = 1024;             ///< channels named in one frame from a page
     std::size_t undelivered = 4 * kMiB;           ///< of what a page published and nobody in the
-                                                  ///< process has had yet; above it the page is
-                                                  ///< not read from
+                                                  ///< process has had yet; above it, or above
+                                                  ///< 64 messages, the page is not read from
     std::size_t connections = 64;                 ///< all together
     std::size_t unauthenticatedConnections = 16;  ///< those that have not upgraded
     std::size_t subscriptions = 1024;             ///< of one page
