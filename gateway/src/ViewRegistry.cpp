@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -96,7 +97,7 @@ ViewRegistry::Prepared ViewRegistry::prepare(const wire::Hello& hello, wire::Wel
 std::shared_ptr<View> ViewRegistry::resume(const wire::Hello& hello, Arrival& arrival,
                                            TimePoint now) {
     // What may fail comes first.
-    const auto view = findView(hello.view);
+    auto view = findView(hello.view);
     if (view == nullptr) return nullptr;
     if (!view->canResume(hello.last)) {
         const auto* failure = view->failure();
@@ -146,7 +147,7 @@ std::shared_ptr<View> ViewRegistry::begin(const wire::Hello& hello, Arrival& arr
     View::Identity identity{randomHex(kViewBytes), fViewCount + 1, hello.client};
     const auto kind = identity.count > 1 ? wire::ViewKind::kFurther : wire::ViewKind::kFirst;
     auto prepared = prepare(hello, {identity.name, kind, 1, {}, {}, {}, endedText(hello.view)}, {});
-    const auto view =
+    auto view =
         std::make_shared<View>(std::move(identity), View::Abilities{hello.resume, hello.maxBlock},
                                fContext, fWakeup, fLanes, now);
     view->setSubscriptions(std::move(prepared.subscriptions));
@@ -249,10 +250,7 @@ void ViewRegistry::end(const std::shared_ptr<View>& view, std::string_view why) 
         annotated::Lock lock(fMutex);
         std::erase(fViews, view);
         refreshLocked();
-        tellIfPossible([&] {
-            fEnded.push_back({view->identity().name, std::string(why)});
-            if (fEnded.size() > kRememberedEnds) fEnded.pop_front();
-        });
+        rememberLocked(view->identity().name, why);
     }
     leaveAll(left);
     recount();
@@ -384,12 +382,21 @@ void ViewRegistry::endSilent(const std::shared_ptr<View>& view, TimePoint now) n
 // --- State -------------------------------------------------------------------------------------
 
 void ViewRegistry::refreshLocked() noexcept {
+    ++fVersion;
     fIsStale = true;
-    tellIfPossible([&] {
+    try {
         fSnapshot = std::make_shared<const Views>(fViews);
         fIsStale = false;
-    });
-    ++fVersion;
+    } catch (const std::bad_alloc&) {  // the next tick tries again
+    }
+}
+
+void ViewRegistry::rememberLocked(const std::string& name, std::string_view why) noexcept {
+    try {
+        fEnded.push_back({name, std::string(why)});
+        if (fEnded.size() > kRememberedEnds) fEnded.pop_front();
+    } catch (const std::bad_alloc&) {  // its page is not told why
+    }
 }
 
 void ViewRegistry::recount() noexcept {

@@ -111,6 +111,8 @@ class ViewRegistry {
     void recordDisconnect(const View& view, std::string_view why) noexcept;
     [[nodiscard]] std::shared_ptr<View> oldestLost() const noexcept;
     void refreshLocked() noexcept REQUIRES_LOCK(fMutex);
+    void rememberLocked(const std::string& name, std::string_view why) noexcept
+        REQUIRES_LOCK(fMutex);
     void recount() noexcept;
 
     const std::shared_ptr<Context> fContext;
