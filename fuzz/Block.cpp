@@ -1,38 +1,28 @@
 // Blocks, ready-made and built: in, out, and as text in a message.
 #include <algorithm>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "Buffers.hpp"
 #include "Fuzz.hpp"
 #include "kiro/web/JSONObject.hpp"
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/binary/BinaryDataPayload.hpp"
-#include "relay/common/DataBuffer.hpp"
 
 namespace {
 
 using fuzz::require;
 using kiro::web::JSONObject;
-using kiro::web::JSONPayload;
 using kiro::web::binary::BinaryDataPayload;
 using kiro::web::binary::DataID;
-using relay::common::DataBuffer;
 
 constexpr std::size_t kHeader = 8;
 
 /// What a payload should hold: whole blocks in their order.
 using Model = std::vector<std::string>;
-
-DataBuffer bufferOf(const std::string& bytes) {
-    auto* const data = static_cast<char*>(std::malloc(bytes.size() + 1));
-    require(data != nullptr, "memory");
-    bytes.copy(data, bytes.size());
-    return {data, bytes.size() + 1, bytes.size()};
-}
 
 DataID idOf(std::string_view block) {
     std::uint64_t value = 0;
@@ -50,14 +40,14 @@ void add(BinaryDataPayload& payload, Model& model, FuzzedDataProvider& input) {
         model.push_back(bytes);
         return;
     }
-    auto block = bufferOf(bytes);
+    auto block = support::bufferOf(bytes);
     try {
         payload.addDataToPayload(std::move(block));
         require(bytes.size() >= kHeader, "a block without a header is refused");
         model.push_back(bytes);
     } catch (const std::invalid_argument&) {
         require(bytes.size() < kHeader, "only a block without a header is refused");
-        require(std::string(block.data(), block.size()) == bytes, "a refused block is untouched");
+        require(support::bytesOf(block) == bytes, "a refused block is untouched");
     }
 }
 
@@ -67,12 +57,12 @@ void extract(BinaryDataPayload& payload, Model& model, DataID id) {
     const auto block = payload.testExtract(id);
     require(block.empty() == (found == model.end()), "a block is there or not");
     if (block.empty()) return;
-    require(std::string(block.data(), block.size()) == *found, "the first block comes out whole");
+    require(support::bytesOf(block) == *found, "the first block comes out whole");
     model.erase(found);
 }
 
 void convert(BinaryDataPayload& payload, const Model& model) {
-    JSONPayload out;
+    kiro::web::JSONPayload out;
     payload.convertToJSONPayload(out);
     require(payload.isEmpty(), "the blocks are handed over");
     require(out.isEmpty() == model.empty(), "no block, no message");

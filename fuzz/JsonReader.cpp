@@ -1,7 +1,9 @@
-// Arbitrary text as a client's message: every getter on every field.
+// Arbitrary text as a client's message: every getter on every field, under a global locale that
+// groups digits.
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <locale>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,6 +19,14 @@ using fuzz::require;
 using kiro::web::JSONObject;
 using kiro::web::binary::DataID;
 using ui_objects::Cookie;
+
+struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return ' '; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+[[maybe_unused]] const auto previousLocale =
+    std::locale::global(std::locale(std::locale::classic(), new Grouping));
 
 /// Reads `key` twice into different values: what is read does not depend on what was there, and
 /// what is not read is left alone.
@@ -75,6 +85,9 @@ void checkTexts(const JSONObject& object, const std::string& key) {
     const bool isID = read(object, key, id, DataID(2));
     require(isID == DataID::construct_from_string(text, expected), "an identifier is its text's");
     require(!isID || id == expected, "an identifier's value is its text's");
+    DataID back(~expected.value());
+    require(DataID::construct_from_string(expected.convert_to_string(), back) && back == expected,
+            "an identifier is read as it is written");
 }
 
 void check(const JSONObject& object) {

@@ -1,5 +1,5 @@
-// What only the stand-in has: VMs made at will, scopes, a clock, a policy for assertions, and an
-// order of listeners.
+// What only the stand-in has: VMs made at will, scopes, an order of listeners, and bounds of its
+// history.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "bedrock/core/diag/assertion.hpp"
 #include "bedrock/usm/thisthread.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
@@ -92,62 +91,45 @@ TEST(Scopes, EndOnceAndAtOnceAlsoWhileObserversAreCalled) {
     const kirohost::Scope ending(std::move(moved));
     kiroutils::Logger::instance().log("test", "text");
     EXPECT_EQ(calls, 0);
-    int ends = 0;
-    {
-        kirohost::Scope from([&ends] { ++ends; });
-        kirohost::Scope to(std::move(from));
-        from = std::move(to);
-        EXPECT_EQ(ends, 0);
-    }
-    EXPECT_EQ(ends, 1);
 }
 
-TEST(TimeOuts, PassAfterTheirWholeSecondsOnTheClockThatIsSet) {
-    using std::chrono::milliseconds;
-    std::chrono::steady_clock::time_point now;
-    kirohost::setSteadyClock([&now] { return now; });
-    kiroutils::KiroTerminatingCondition limited("test", nullptr, std::chrono::seconds(5));
-    kiroutils::KiroTerminatingCondition endless("test", nullptr, std::chrono::seconds::max());
-    now += milliseconds(4999);
-    EXPECT_FALSE(limited.shouldTerminate());
-    now += milliseconds(1);
-    EXPECT_TRUE(limited.shouldTerminate());
-    EXPECT_TRUE(limited.hasTimedOut());
-    now += std::chrono::hours(24 * 365 * 100);
-    EXPECT_FALSE(endless.shouldTerminate());
-    kirohost::setSteadyClock(nullptr);
-}
-
-TEST(Assertions, EndTheProcessUnlessAPolicySaysOtherwise) {
-    using bedrock::core::diag::assertionFailed;
-    const auto fail = [] { assertionFailed("a != b", "src/X", 12, "void x()"); };
-    {
-        const auto policy =
-            kirohost::setAssertionPolicy(kirohost::AssertionPolicy::kReport, nullptr);
-        fail();
-    }
-    EXPECT_DEATH(fail(), "Assertion failed: a != b, src/X:12, void x\\(\\)\n$");
-}
-
-TEST(Dispatcher, CallsInTheOrderOfRegistrationThoseThatWereThereAndUpToAnException) {
-    using kiroutils::EventDispatcher;
-    EventDispatcher dispatcher;
+TEST(Dispatcher, CallsInTheOrderOfRegistrationUpToAnException) {
+    kiroutils::EventDispatcher dispatcher;
     std::vector<std::string> heard;
     const auto hear = [&](const char* name, const char* who) {
         return dispatcher.createListener(
             name, [&heard, who](const auto&, const auto&) { heard.emplace_back(who); });
     };
-    EventDispatcher::Listener made;
     const auto a = hear("/g/*", "wide");
     const auto b = hear("/g/x", "exact");
     const auto c = hear("/*", "all");
-    const auto maker = dispatcher.createListener(
-        "/g/x", [&](const auto&, const auto&) { made = hear("/g/x", "made"); });
     const auto d = hear("/g/x", "last");
     const auto thrower = dispatcher.createListener("/g/x", nullptr);
     const auto unreached = hear("/g/x", "unreached");
     EXPECT_THROW(dispatcher.send("/g/x", {}), std::bad_function_call);
     EXPECT_EQ(heard, (std::vector<std::string>{"wide", "exact", "all", "last"}));
+}
+
+TEST(LogHistory, KeepsTheNewestWithinItsEntriesAndItsBytes) {
+    auto& logger = kiroutils::Logger::instance();
+    const std::string name = "test/history";
+    logger.setHistoryEnabled(name, true, 3, false);
+    logger.setMaxHistoryBytes(8);
+    const std::pair<std::string, std::vector<std::string>> steps[] = {
+        {"aaaa", {"aaaa"}},
+        {"bbbb", {"aaaa", "bbbb"}},
+        {"c", {"bbbb", "c"}},
+        {"longer than all", {"longer than all"}},
+        {"", {""}},
+        {"d", {"", "d"}},
+        {"e", {"", "d", "e"}},
+        {"f", {"d", "e", "f"}}};
+    for (const auto& [text, kept] : steps) {
+        logger.log(name, text);
+        EXPECT_EQ(logger.history(name), kept) << text;
+    }
+    logger.setMaxHistoryBytes(std::size_t{16} << 20U);
+    logger.setHistoryEnabled(name, false, 0, false);
 }
 
 }  // namespace

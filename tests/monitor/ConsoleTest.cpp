@@ -34,21 +34,9 @@ TEST(ErrorLines, ShowsTheFirstOnesOfASecondAndCountsTheRest) {
     errors.lines.end();
     EXPECT_EQ(errors.said.back(), "1 more script errors");
     EXPECT_EQ(errors.said.size(), 7U);
-}
-
-TEST(ErrorLines, ShowsAnyTextOnOneShortLineOfPrintableAscii) {
-    Errors errors;
-    errors.lines.add("a\n\x1b[2J");
-    EXPECT_EQ(errors.said.back(), R"(script error a\x0a\x1b[2J)");
-    errors.lines.add(std::string(3'000'000, '\n'));
+    errors.lines.add("a\n\x1b[2J" + std::string(3'000'000, '\n'));
+    EXPECT_TRUE(errors.said.back().starts_with(R"(script error a\x0a\x1b[2J)"));
     EXPECT_LT(errors.said.back().size(), 1300U);
-    EXPECT_TRUE(errors.said.back().ends_with("..."));
-}
-
-TEST(Say, WritesOneLine) {
-    testing::internal::CaptureStderr();
-    say("two\nlines");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "monitor: two lines\n");
 }
 
 }  // namespace

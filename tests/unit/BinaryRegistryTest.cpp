@@ -7,7 +7,6 @@
 #include "CHeap.hpp"
 #include "Captures.hpp"
 #include "Fixture.hpp"
-#include "InterpreterTasks.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/binary/BinaryDataReceiver.hpp"
 #include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
@@ -115,38 +114,17 @@ TEST_F(BinaryRegistry, BelongsToOneVm) {
 
 TEST_F(BinaryRegistry, UsesTheCreationFunctionThatIsInstalled) {
     const auto ownSender = std::make_shared<test::NullBinaryDataSender>();
-    const auto ownReceiver = std::make_shared<test::NullBinaryDataReciever>();
     const auto ownStream = std::make_shared<FakeStream>();
     const auto senders =
         test::RegisterBinaryDataSenderCreationFunction([&](const auto&) { return ownSender; });
-    const auto receivers =
-        test::RegisterBinaryDataReceiverCreationFunction([&](const auto&) { return ownReceiver; });
     EXPECT_EQ(createBinaryDataSender("/c"), ownSender);
-    EXPECT_EQ(createBinaryDataReceiver("/c"), ownReceiver);
     test::RegisterBinaryDataSenderCreationFunction(senders);
-    test::RegisterBinaryDataReceiverCreationFunction(receivers);
-    EXPECT_NE(createBinaryDataReceiver("/c"), ownReceiver);
-
     const auto before =
         test::RegisterBinaryStreamCreationFunction([&](const auto&) { return ownStream; });
-    createBinaryDataSender("/c")->send(bufferOf("old"));
     createBinaryDataSender("/d")->send(bufferOf("new"));
     test::RegisterBinaryStreamCreationFunction(before);
     EXPECT_EQ(ownStream->blocks, Lines{"new"});
-    EXPECT_EQ(made, Lines{"/c returnOnFail"});
-}
-
-TEST_F(BinaryRegistry, HasNullDoublesThatSayDeliveredAndDoNothing) {
-    test::NullBinaryDataSender sender;
-    SendFuture futures[] = {sender.send(bufferOf("x")), sender.send(DataID(4), "x", 1)};
-    for (auto& future : futures) {
-        ASSERT_TRUE(future.valid() && future.isReady());
-        EXPECT_TRUE(future.get().delivered);
-    }
-    sender.warnAboutSendFailure("/c");
-    sender.warnAboutOOMFailure();
-    EXPECT_TRUE(warningsOfTasks().empty());
-    test::NullBinaryDataReciever().receive([](DataBuffer&&) { FAIL(); });
+    EXPECT_TRUE(made.empty());
 }
 
 TEST_F(BinaryRegistry, TellsTheClientWhichBlockCouldNotBeBuilt) {
@@ -163,22 +141,6 @@ TEST_F(BinaryRegistry, TellsTheClientWhichBlockCouldNotBeBuilt) {
         EXPECT_EQ(warningsOfTasks(), Lines{"Quarn:graphics:GraphicsBinaryOOM()"});
         stream->blocks.clear();
     }
-}
-
-TEST(InterpreterTasks, TellATaskThatThrewFromOneThatCouldNotBeQueued) {
-    const auto queue = [] {
-        return kiro::enqueueOnInterpreter(
-            graphics_util::getContextQCRID(), [] { throw std::runtime_error("the task's own"); },
-            "src/Test");
-    };
-    auto threw = queue();
-    EXPECT_FALSE(kiro::isNotQueued(threw)) << "not run yet";
-    kirohost::runPendingTasks();
-    ASSERT_TRUE(threw.has_exception());
-    EXPECT_FALSE(kiro::isNotQueued(threw));
-    const auto hidden = kirohost::hideMainContext();
-    auto homeless = queue();
-    EXPECT_TRUE(kiro::isNotQueued(homeless));
 }
 
 TEST_F(BinaryRegistry, PostsItsWarningsToTheInterpreter) {

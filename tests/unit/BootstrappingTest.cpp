@@ -107,25 +107,6 @@ TEST_F(Bootstrapping, SendsTheBacklogInOrderFromAThreadOfItsOwnBeforeAnythingLat
     for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(messages[i].thread, i < 4 ? backlogs : here);
 }
 
-TEST_F(Bootstrapping, LogsItsLife) {
-    sender.reset();
-    const LogCapture log("commandsender");
-    sender = std::make_unique<BootstrappingCommandSender>(kName);
-    announce();
-    announce(R"({"useFastBinary":1})");
-    send("a");
-    announce(kBinary);
-    EXPECT_TRUE(sender->queryUsingBinary() && !sender->queryUsingFastBinary());
-    sender.reset();
-    Lines expected;
-    for (const auto* text : {"Created", "setBootstrapState QueueState", "channelReady",
-                             "setBootstrapState PublishQueueState", "channelReady",
-                             "setBootstrapState PublishDirectState", "channelReady", "Destroyed"}) {
-        expected.push_back("BootstrappingCommandSender(/figure/1): " + std::string(text));
-    }
-    EXPECT_EQ(log.texts(), expected);
-}
-
 TEST_F(Bootstrapping, DropsCommandsWhileDisabledAndStampsTheListener) {
     sender = std::make_unique<BootstrappingCommandSender>(kName, "figure");
     sender->setEnable(false);
@@ -282,13 +263,9 @@ TEST_F(Bootstrapping, MakesABinarySenderForEachNewChannelName) {
         [](const std::string&) -> std::shared_ptr<BinaryDataSenderInterface> {
             throw std::runtime_error("no stream");
         });
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_THROW(sender->setBinaryChannelName("/b3"), std::runtime_error) << "tried again";
-    }
+    EXPECT_THROW(sender->setBinaryChannelName("/b3"), std::runtime_error);
     binary::test::RegisterBinaryDataSenderCreationFunction(working);
     sendBlock(5);  // with the former sender
-    sender->setBinaryChannelName("/b1");
-    EXPECT_EQ(channels.size(), 3U) << "and under the former name";
     for (const bool allowed : {true, false}) {
         const ScopedSettings settings(
             [allowed](auto& changed) { changed.binaryChannelForCommands = allowed; });

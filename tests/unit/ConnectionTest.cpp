@@ -6,21 +6,14 @@
 #include <gmock/gmock.h>
 
 #include <memory>
-#include <stdexcept>
-#include <string>
-#include <type_traits>
 
+#include "Captures.hpp"
 #include "Fixture.hpp"
 #include "component_Quarn/catalog_graphics.hpp"
 #include "kiro/web/Subscriber.hpp"
 
 namespace kiro::web {
 namespace {
-
-static_assert(std::is_nothrow_destructible_v<ConnectionStatus>);
-static_assert(!std::is_copy_constructible_v<ConnectionStatus>);
-static_assert(std::is_nothrow_destructible_v<WebTerminatingCondition>);
-static_assert(!std::is_copy_constructible_v<WebTerminatingCondition>);
 
 namespace catalog = component_Quarn::catalog_graphics;
 using bedrock::core::MessageId;
@@ -72,16 +65,9 @@ TEST_F(Connection, mayBeUsedAndEndInsideItsOwnListenerAndBeforeItsHandles) {
 }
 
 TEST(ConnectionStatusDeathTest, anEmptyListenerEndsTheProcessUnderEveryPolicy) {
-    // The parentheses, braces and stars stand for themselves.
-    EXPECT_DEATH(
-        {
-            const auto policy =
-                kirohost::setAssertionPolicy(kirohost::AssertionPolicy::kReport, nullptr);
-            (void)ConnectionStatus("/reconnect", "/newView").createNewViewListener(nullptr);
-        },
-        "fcn != nullptr, src/ConnectionStatus:33, kiroutils::EventDispatcher::Listener "
-        "[{]anonymous[}]::ConnectionStatusDispatcher::createListener"
-        "[(]kiro::web::ConnectionStatus::NewViewCallback[)]");
+    const support::AssertionCapture reported;
+    ConnectionStatus status("/reconnect", "/newView");
+    EXPECT_DEATH((void)status.createNewViewListener(nullptr), "fcn != nullptr");
 }
 
 TEST_F(Connection, aConditionReportsEachEventOnceAndAReconnectFirst) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <future>
 #include <latch>
 #include <memory>
@@ -37,11 +36,6 @@ TEST(PubSubFactory, makesOneRelayEndpointByDefaultAndFreshOnesForTheOthers) {
     const support::AssertionCapture assertions;
     PubSubFactory::setPubSubCreationFcn(&makeFake);
     EXPECT_EQ(assertions.size(), 1U) << "the default was installed as any other";
-}
-
-TEST(PubSubFactory, takesAnEmptyFunctionForNone) {
-    PubSubFactory::setPubSubCreationFcn(nullptr);
-    EXPECT_NE(dynamic_cast<RelayPubSub*>(PubSubFactory::pubsubInstance().get()), nullptr);
 }
 
 TEST(PubSubFactory, leavesABlockThatFailsBeforeItsFirstUseToTheInterpreter) {
@@ -109,14 +103,6 @@ TEST(PubSubFactory, reportsASecondFunctionAndSteersEverybodyOntoItsEndpoint) {
     EXPECT_EQ(PubSubFactory::pubsubInstance(), own);
     ASSERT_EQ(assertions.texts(),
               support::Lines{"src/PubSubFactory:19: fPubSubCreationFcn == nullptr"});
-    EXPECT_EQ(assertions.all().front().function,
-              "static void kiro::web::PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn)");
-}
-
-TEST(PubSubFactory, reportsAnEmptyDefaultAndThrows) {
-    const support::AssertionCapture assertions;
-    EXPECT_THROW(PubSubFactory::makePubSubWithDefault(nullptr), std::bad_function_call);
-    EXPECT_EQ(assertions.texts(), support::Lines{"src/PubSubFactory:47: defaultFcn != nullptr"});
 }
 
 }  // namespace

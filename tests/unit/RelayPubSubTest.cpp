@@ -138,20 +138,6 @@ TEST_F(ScriptedRelay, aMessageWithoutTextAndAServiceThatIsNotThereAreFailedAsser
                                          "src/RelayPubSub:34: fMessageService != nullptr"}));
 }
 
-TEST(RelayFuture, isForTheSignalThreadAndAFutureWithState) {
-    const support::AssertionCapture assertions;
-    int value = 0;
-    std::jthread([&value] {
-        value = RelayFuture(relay::makeReadyFuture(7), "wait").wait();
-    }).join();
-    EXPECT_EQ(value, 7);
-    EXPECT_EQ(assertions.texts(), Lines{"src/RelayFuture:50: utIsSignalThread()"});
-    EXPECT_THAT([] { RelayFuture<int>::isReady({}); },
-                testing::ThrowsMessage<QxError>("Invalid or deleted object."));
-    EXPECT_THAT([] { RelayFuture<int>(relay::Future<int>(), "wait").wait(); },
-                testing::ThrowsMessage<std::runtime_error>("Future state isn't valid!"));
-}
-
 TEST(RelayFuture, waitsForTheValueAndRunsNoInterpreterTasksMeanwhile) {
     kirohost::wakeInterpreter();
     relay::Promise<int> promise;
@@ -187,10 +173,7 @@ TEST_F(ClientRecorder, recordsWhatTheClientSays) {
         {"/graphics/a", R"({"Type":"T","Description":"D","message":"M"})", "T", "M", "D"},
         {"/graphics/a/b", R"({"Type":5,"Description":{"b":1,"a":[2]},"message":null})", "5", "null",
          R"({\"a\":[2],\"b\":1})"},
-        {"/graphics/a", R"({"message":{"vxdata":[1],"vxtype":"int32"}})", "Message Publish",
-         R"({\"vxdata\":[1],\"vxtype\":\"int32\"})", ""},
         {log, R"({"Type":"T","Description":"D","message":"M"})", "Log", "M", "D"},
-        {errors, R"({ "b" : 1, "a" : 2 })", "Error", R"({\"a\":2,\"b\":1})", "ErrorLoggingService"},
         {errors, "TypeError: x", "Error", "TypeError: x", "ErrorLoggingService"},
     };
     for (const auto& row : table) {

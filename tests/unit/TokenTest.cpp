@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <thread>
 
-#include "Captures.hpp"
 #include "CompletionTokenManager.hpp"
 #include "Fixture.hpp"
 #include "graphics_util/getContextQCRID.hpp"
@@ -103,20 +101,6 @@ TEST_F(Token, WakesTheContextInWhichItsManagerWasMade) {
         const auto bound = vm.bindThisThread();
         EXPECT_EQ(wakeUps(), oneWakeUp);
     }
-    const support::LogCapture log("commandsender");
-    const auto hidden = kirohost::hideMainContext();
-    manager.returnToken(manager.checkoutToken());  // nobody to wake: silent
-    EXPECT_TRUE(isEmpty());
-    EXPECT_EQ(log.size(), 0U);
-}
-
-TEST_F(Token, StaysWhenThereIsNoEventCallback) {
-    Manager mute(nullptr);
-    const auto token = mute.checkoutToken();
-    EXPECT_THROW(mute.returnToken(token), std::bad_function_call);
-    EXPECT_FALSE(mute.haveAllTokensReturned()) << "and no mutex is held";
-    mute.enableTimeStampLogging(true);
-    EXPECT_TRUE(wakeUps().empty());
 }
 
 TEST_F(Token, ReturnsFromAnotherThreadWhileTheInterpreterChecksOut) {

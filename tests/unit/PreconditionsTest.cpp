@@ -1,9 +1,4 @@
-#include "EventLog.hpp"
-
 #include <gmock/gmock.h>
-
-#include <memory>
-#include <string>
 
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/PubSubInterface.hpp"
@@ -11,17 +6,6 @@
 
 namespace kiro {
 namespace {
-
-struct PlainLogger {};
-struct AskedLogger {
-    [[nodiscard]] bool isRead(const std::string& name) const { return name == "read"; }
-};
-
-TEST(EventLog, CountsAsReadUnlessTheHostsLoggerSaysOtherwise) {
-    EXPECT_TRUE(isRead(PlainLogger(), "any"));
-    EXPECT_TRUE(isRead(AskedLogger(), "read"));
-    EXPECT_FALSE(isRead(AskedLogger(), "other"));
-}
 
 #if defined(KIROWEB_CHECKED)
 TEST(PreconditionsDeathTest, StopTheProgramWhereTheyAreBroken) {
