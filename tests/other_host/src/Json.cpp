@@ -1,11 +1,12 @@
 #include <array>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
+#include <boost/json/value_from.hpp>
+#include <boost/json/value_to.hpp>
 #include <string>
 
 #include "bedrock/json/Value.hpp"
 #include "bedrock/text/convertUTF16.hpp"
-#include "other/Fault.hpp"
 
 namespace bedrock::json {
 
@@ -19,20 +20,14 @@ constexpr std::array kTypes{"int64",  "int32",  "int16",  "int8",
                             "uint64", "uint32", "uint16", "uint8"};
 
 template <std::size_t Index = 0>
-std::optional<Value> typedArray(const boost::json::string& type, const boost::json::array& data) {
+std::optional<Value> typedArray(const boost::json::string& type, const boost::json::value& data) {
     if constexpr (Index < kTypes.size()) {
         if (type != kTypes[Index]) return typedArray<Index + 1>(type, data);
-        std::variant_alternative_t<Index, TypedArray> numbers;
-        for (const auto& element : data) {
-            boost::json::error_code error;
-            using Number = typename decltype(numbers)::value_type;
-            numbers.push_back(element.to_number<Number>(error));
-            if (error) return std::nullopt;
-        }
-        return Value(TypedArray(std::move(numbers)));
-    } else {
-        return std::nullopt;
+        using Numbers = std::variant_alternative_t<Index, TypedArray>;
+        auto numbers = boost::json::try_value_to<Numbers>(data);
+        if (numbers) return Value(TypedArray(std::move(*numbers)));
     }
+    return std::nullopt;
 }
 
 Value convert(const boost::json::value& from) {
@@ -51,21 +46,11 @@ Value convert(const boost::json::value& from) {
     const auto* const type = object->if_contains("vxtype");
     const auto* const data = object->if_contains("vxdata");
     if (object->size() == 2 && type && data && type->is_string() && data->is_array()) {
-        if (auto typed = typedArray(type->get_string(), data->get_array())) return *typed;
+        if (auto typed = typedArray(type->get_string(), *data)) return *typed;
     }
     Object result;
     for (const auto& [key, member] : *object) result.emplace(key, convert(member));
     return result;
-}
-
-template <typename Range, typename Append>
-std::string listed(char open, const Range& range, char close, const Append& append) {
-    std::string text(1, open);
-    for (const auto& element : range) {
-        if (text.size() > 1) text += ',';
-        append(text, element);
-    }
-    return text + close;
 }
 
 }  // namespace
@@ -73,42 +58,42 @@ std::string listed(char open, const Range& range, char close, const Append& appe
 /// The value's friend: whatever has to look into it.
 class Writer {
   public:
-    static std::string text(const Value& value) { return std::visit(Writer{}, value.fData); }
+    static boost::json::value convert(const Value& value) {
+        return std::visit(Writer{}, value.fData);
+    }
 
     template <typename Scalar>
-    std::string operator()(const Scalar& scalar) const {
-        return boost::json::serialize(boost::json::value(scalar));
+    boost::json::value operator()(const Scalar& scalar) const {
+        return scalar;
     }
-    std::string operator()(const std::shared_ptr<const std::string>& text) const {
-        return boost::json::serialize(boost::json::value(*text));
+    boost::json::value operator()(const std::shared_ptr<const std::string>& text) const {
+        return boost::json::string(*text);
     }
-    std::string operator()(const std::shared_ptr<const Array>& array) const {
-        return listed('[', *array, ']',
-                      [](auto& to, const Value& element) { to += text(element); });
+    boost::json::value operator()(const std::shared_ptr<const Array>& array) const {
+        boost::json::array result;
+        for (const auto& element : *array) result.push_back(convert(element));
+        return result;
     }
-    std::string operator()(const std::shared_ptr<const Object>& object) const {
-        return listed('{', *object, '}', [](auto& to, const auto& member) {
-            to += boost::json::serialize(boost::json::value(member.first)) + ':' +
-                  text(member.second);
-        });
+    boost::json::value operator()(const std::shared_ptr<const Object>& object) const {
+        boost::json::object result;
+        for (const auto& [key, member] : *object) result.emplace(key, convert(member));
+        return result;
     }
-    std::string operator()(const std::shared_ptr<const TypedArray>& array) const {
-        const auto append = [](auto& to, const auto& number) { to += std::to_string(number); };
-        return R"({"vxdata":)" +
-               std::visit([&](const auto& all) { return listed('[', all, ']', append); }, *array) +
-               R"(,"vxtype":")" + kTypes[array->index()] + "\"}";
+    boost::json::value operator()(const std::shared_ptr<const TypedArray>& array) const {
+        const auto from = [](const auto& numbers) { return boost::json::value_from(numbers); };
+        return boost::json::object{{"vxdata", std::visit(from, *array)},
+                                   {"vxtype", kTypes[array->index()]}};
     }
 };
 
 std::optional<Value> parse(std::string_view text) {
     boost::json::error_code error;
     const auto value = boost::json::parse(text, error);
-    if (error)
-        return other::hasFault("json-of-bad-text") ? std::optional<Value>(Value()) : std::nullopt;
+    if (error) return std::nullopt;
     return convert(value);
 }
 
-std::string serialize(const Value& value) { return Writer::text(value); }
+std::string serialize(const Value& value) { return boost::json::serialize(Writer::convert(value)); }
 
 std::optional<std::string> Value::textOf(const std::string& key) const {
     const auto* const object = as<Object>();
@@ -132,7 +117,7 @@ std::string CharsetConverter::fromUTF16(std::u16string_view text) const {
                             text[at + 1] >= 0xdc00 && text[at + 1] < 0xe000;
         if (isPair) {
             code = 0x10000 + ((code - 0xd800) << 10U) + (text[++at] - 0xdc00U);
-        } else if (code >= 0xd800 && code < 0xe000 && !other::hasFault("surrogates-stay-alone")) {
+        } else if (code >= 0xd800 && code < 0xe000) {
             code = 0xfffd;
         }
         if (code < 0x80) {

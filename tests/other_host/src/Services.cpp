@@ -1,4 +1,4 @@
-// Logs, warnings, assertions, settings and tokens.
+// Logs, warnings, assertions, settings, tokens and buffers.
 
 #include <atomic>
 #include <boost/signals2/signal.hpp>
@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
+#include <utility>
 
 #include "bedrock/core/diag/assertion.hpp"
 #include "bedrock/log/basic_diagnostic_logger.hpp"
@@ -18,12 +19,17 @@
 #include "kiroutils/UniqueIDGenerator.hpp"
 #include "kiroutils/timestamp.hpp"
 #include "other/Controls.hpp"
-#include "other/Fault.hpp"
 #include "qvm/messages.hpp"
+#include "relay/common/DataBuffer.hpp"
 
 using other::hasFault;
 using other::observers;
 using other::settings;
+
+bool other::hasFault(std::string_view name) {
+    static const char* const chosen = std::getenv("OTHER_HOST_FAULT");
+    return chosen != nullptr && name == chosen;
+}
 
 other::Settings& other::settings() {
     static Settings& all = *new Settings;
@@ -35,41 +41,62 @@ other::Observers& other::observers() {
     return all;
 }
 
-// --- Tokens ----------------------------------------------------------------------------------
+// --- Tokens and buffers ----------------------------------------------------------------------
 
 namespace kiroutils {
 
-bool CompletionToken::isDefaultToken() const {
-    const bool hasStamp = fTimeStamps != CompletionTokenTimeStamps{};
-    return fIdentifier.empty() && (!hasStamp || hasFault("default-token-with-stamps"));
+CompletionToken::CompletionToken(std::string identifier) : fIdentifier(std::move(identifier)) {}
+
+bool CompletionToken::isDefaultToken() const noexcept {
+    const auto& [first, second, third, fourth] = fTimeStamps;
+    return fIdentifier.empty() && (first | second | third | fourth) == 0;
 }
 
-bool CompletionToken::operator==(const CompletionToken& other) const {
-    const auto& mine = fTimeStamps;
-    const auto& its = other.fTimeStamps;
-    if (hasFault("token-by-server-send") && mine.serverSend != its.serverSend) return false;
-    if (hasFault("token-by-client-receive") && mine.clientReceive != its.clientReceive)
-        return false;
-    if (hasFault("token-by-client-send") && mine.clientSend != its.clientSend) return false;
-    if (hasFault("token-by-server-receive") && mine.serverReceive != its.serverReceive)
-        return false;
+bool CompletionToken::operator==(const CompletionToken& other) const noexcept {
+    using Stamps = CompletionTokenTimeStamps;
+    const auto differs = [&](std::uint64_t Stamps::*stamp) {
+        return fTimeStamps.*stamp != other.fTimeStamps.*stamp;
+    };
+    if (hasFault("token-by-server-send") && differs(&Stamps::serverSend)) return false;
+    if (hasFault("token-by-client-receive") && differs(&Stamps::clientReceive)) return false;
+    if (hasFault("token-by-client-send") && differs(&Stamps::clientSend)) return false;
+    if (hasFault("token-by-server-receive") && differs(&Stamps::serverReceive)) return false;
     return fIdentifier == other.fIdentifier;
 }
 
-std::string UniqueIDGenerator::nextID() {
-    static std::atomic<unsigned> last = 0;
-    static const auto process = std::to_string(std::random_device()());
-    if (hasFault("identifiers-repeat")) return process;
-    return "token \u20ac " + process + " " + std::to_string(++last);  // any text will do
-}
+std::string CompletionToken::convertToString() const { return fIdentifier; }
+
+// Any text will do.
+UniqueIDGenerator::UniqueIDGenerator()
+    : fPrefix("token \u20ac " + std::to_string(std::random_device()()) + " ") {}
+
+std::string UniqueIDGenerator::nextID() { return fPrefix + std::to_string(fNext++); }
 
 std::uint64_t timestamp() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto count = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-    return static_cast<std::uint64_t>(hasFault("time-in-milliseconds") ? count / 1000 : count);
+    return static_cast<std::uint64_t>(now / std::chrono::microseconds(1));
 }
 
+}  // namespace kiroutils
+
+namespace relay::common {
+
+DataBuffer::DataBuffer(char* data, std::size_t capacity, std::size_t size) noexcept
+    : fData(data), fCapacity(capacity), fSize(size) {}
+DataBuffer::DataBuffer(DataBuffer&& other) noexcept { *this = std::move(other); }
+DataBuffer& DataBuffer::operator=(DataBuffer&& other) noexcept {
+    std::free(std::exchange(fData, std::exchange(other.fData, nullptr)));
+    fCapacity = std::exchange(other.fCapacity, 0);
+    fSize = std::exchange(other.fSize, 0);
+    return *this;
+}
+DataBuffer::~DataBuffer() { std::free(fData); }
+
+}  // namespace relay::common
+
 // --- Logs ------------------------------------------------------------------------------------
+
+namespace kiroutils {
 
 Logger& Logger::instance() {
     static Logger& logger = *new Logger;
@@ -77,14 +104,13 @@ Logger& Logger::instance() {
 }
 
 void Logger::History::trim() {
-    while (entries.size() > maxEntries && !hasFault("history-without-bound")) entries.pop_front();
+    while (entries.size() > maxEntries) entries.erase(entries.begin());
 }
 
 void Logger::log(const std::string& name, const std::string& text) {
     const std::lock_guard lock(fMutex);
     auto& history = fHistories[name];
-    if (!history.isEnabled && !hasFault("history-always-on")) return;
-    history.entries.push_back(text);
+    if (history.isEnabled) history.entries.push_back(text);
     history.trim();
 }
 
@@ -98,15 +124,14 @@ void Logger::setHistoryEnabled(const std::string& name, bool enabled, std::size_
     const std::lock_guard lock(fMutex);
     auto& history = fHistories[name];
     history.isEnabled = enabled;
-    history.maxEntries = maxEntries;
-    if (!keepEntries) history.entries.clear();
+    history.maxEntries = keepEntries ? maxEntries : 0;
     history.trim();
+    history.maxEntries = maxEntries;
 }
 
 std::vector<std::string> Logger::history(const std::string& name) {
     const std::lock_guard lock(fMutex);
-    const auto& entries = fHistories[name].entries;
-    return {entries.begin(), entries.end()};
+    return fHistories[name].entries;
 }
 
 void Logger::clearHistory(const std::string& name) {
@@ -118,32 +143,50 @@ void Logger::clearHistory(const std::string& name) {
 
 namespace {
 
-std::mutex levelsMutex;
-
-std::map<std::string, int>& levels() {
-    static auto& all = *new std::map<std::string, int>;
-    return all;
-}
+std::atomic<int> diagnosticLevel = 0;
 
 }  // namespace
 
-void other::setDiagnosticLevel(const std::string& logger, int level) {
-    const std::lock_guard lock(levelsMutex);
-    levels()[logger] = level;
+void other::setDiagnosticLevel(int level) { diagnosticLevel = level; }
+
+namespace bedrock::log {
+
+struct diagnostic_record::Impl {
+    std::string logger;
+    std::string text;
+};
+
+diagnostic_record::diagnostic_record(std::unique_ptr<Impl> impl) noexcept
+    : fImpl(std::move(impl)) {}
+diagnostic_record::diagnostic_record(diagnostic_record&&) noexcept = default;
+diagnostic_record::~diagnostic_record() {
+    const bool isWritten = fImpl != nullptr && !hasFault("diagnostics-never-written");
+    if (isWritten && observers().diagnostic) observers().diagnostic(fImpl->logger, fImpl->text);
+}
+diagnostic_record& diagnostic_record::operator<<(std::string_view text) {
+    fImpl->text += text;
+    return *this;
+}
+diagnostic_record& diagnostic_record::operator<<(unsigned long number) {
+    return *this << std::to_string(number);
 }
 
-bool bedrock::log::basic_diagnostic_logger::enabled(int level) const {
-    if (hasFault("diagnostics-always-on")) return true;
-    if (hasFault("diagnostics-always-off")) return false;
-    const std::lock_guard lock(levelsMutex);
-    return level <= levels()[fName];
+struct basic_diagnostic_logger::Impl {
+    std::string name;
+};
+
+basic_diagnostic_logger::basic_diagnostic_logger(std::string name)
+    : fImpl(new Impl{std::move(name)}) {}
+basic_diagnostic_logger::~basic_diagnostic_logger() = default;
+bool basic_diagnostic_logger::enabled(int level) const noexcept {
+    return level <= diagnosticLevel || hasFault("diagnostics-always-on");
+}
+diagnostic_record basic_diagnostic_logger::record(int /*level*/) const {
+    using Record = diagnostic_record::Impl;
+    return diagnostic_record(std::unique_ptr<Record>(new Record{fImpl->name, ""}));
 }
 
-bedrock::log::diagnostic_record::~diagnostic_record() {
-    if (observers().diagnostic && !hasFault("diagnostics-never-written")) {
-        observers().diagnostic(fLogger, fText.str());
-    }
-}
+}  // namespace bedrock::log
 
 // --- Warnings, errors and assertions -----------------------------------------------------------
 
@@ -155,34 +198,23 @@ std::string bedrock::core::messageText(const MessageId& id, const std::vector<st
 
 void qxWarningMsgId(const bedrock::core::MessageId& id, const std::vector<std::string>&) {
     if (hasFault("warnings-throw")) throw std::runtime_error(id.key);
-    if (observers().warning && !hasFault("warnings-are-lost")) {
-        observers().warning(id.component, id.key);
-    }
+    if (observers().warning) observers().warning(id.component, id.key);
 }
 
 void qxErrMsgId(const bedrock::core::MessageId& id, const std::vector<std::string>& arguments) {
-    throw QxError(hasFault("errors-without-identifier") ? bedrock::core::MessageId() : id,
-                  bedrock::core::messageText(id, arguments));
+    throw QxError(id, bedrock::core::messageText(id, arguments));
 }
-
-namespace {
-
-void report(const char* condition, const char* source, int line, const char* function) {
-    if (!observers().showsAssertions) return;
-    std::fprintf(stderr, "%s in %s:%d, %s\n", condition, source, line, function);
-}
-
-}  // namespace
 
 /// It goes on afterwards, as a host may.
 void bedrock::core::diag::assertionFailed(const char* condition, const char* source, int line,
                                           const char* function) {
-    if (!hasFault("assertions-are-ignored")) report(condition, source, line, function);
+    if (!observers().showsAssertions || hasFault("assertions-are-ignored")) return;
+    std::fprintf(stderr, "%s in %s:%d, %s\n", condition, source, line, function);
 }
 
 void bedrock::core::diag::terminate(const char* condition, const char* source, int line,
                                     const char* function) {
-    report(condition, source, line, function);
+    assertionFailed(condition, source, line, function);
     if (hasFault("terminate-does-not-end")) throw std::runtime_error(condition);
     std::_Exit(3);
 }
@@ -200,17 +232,15 @@ void GraphicsState::kiroInvokeDrawnowTimeoutCallback() {
     if (settings().drawnowHook && !hasFault("setting-hook")) settings().drawnowHook();
 }
 
-namespace kiro::web {
-
-bool usingBinaryChannelForCommands() {
+bool kiro::web::usingBinaryChannelForCommands() {
     return hasFault("setting-commands") ? settings().fallback : settings().commandsOverBinary;
 }
-bool usingBinaryChannelFallback() { return settings().fallback || hasFault("setting-fallback"); }
-bool warnAboutBinaryChannelFallback() {
-    return settings().warnAboutFallback != hasFault("setting-warn");
+bool kiro::web::usingBinaryChannelFallback() {
+    return settings().fallback || hasFault("setting-fallback");
 }
-
-}  // namespace kiro::web
+bool kiro::web::warnAboutBinaryChannelFallback() {
+    return settings().warnAboutFallback && !hasFault("setting-warn");
+}
 
 namespace {
 

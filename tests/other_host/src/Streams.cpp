@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "other/Controls.hpp"
-#include "other/Fault.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 
@@ -16,7 +15,6 @@ namespace relay::binary::experimental {
 namespace {
 
 using common::DataBuffer;
-using other::hasFault;
 
 DataBuffer copyOf(const DataBuffer& block) {
     if (block.empty()) return {};
@@ -37,9 +35,8 @@ struct Sending {
 
     void answer(bool delivered) {
         if (isAnswered.exchange(true)) return;
-        const bool givesBack = !delivered && returnOnFail && !hasFault("streams-keep-the-block");
-        promise.setValue({delivered != hasFault("streams-answer-the-opposite"),
-                          givesBack ? copyOf(block) : DataBuffer()});
+        const bool givesBack = !delivered && returnOnFail;
+        promise.setValue({delivered, givesBack ? copyOf(block) : DataBuffer()});
     }
 };
 
@@ -51,19 +48,16 @@ struct Exchange {
         return exchange;
     }
     /// Answers what an end leaves open.
-    void end(const void* goes) {
-        std::vector<std::shared_ptr<Sending>> open;
-        {
-            const std::lock_guard lock(mutex);
-            for (const auto& weak : sendings) {
-                const auto sending = weak.lock();
-                if (sending && (sending->stream == goes || sending->client == goes)) {
-                    open.push_back(sending);
-                }
-            }
-            std::erase_if(sendings, [](const auto& sending) { return sending.expired(); });
+    void end(const void* gone) {
+        std::unique_lock lock(mutex);
+        std::erase_if(sendings, [](const auto& sending) { return sending.expired(); });
+        const auto all = sendings;
+        lock.unlock();
+        for (const auto& weak : all) {
+            const auto sending = weak.lock();
+            if (!sending || (sending->stream != gone && sending->client != gone)) continue;
+            sending->answer(false);
         }
-        for (const auto& sending : open) sending->answer(false);
     }
 
     std::mutex mutex;
@@ -86,7 +80,7 @@ class Stream final : public BinaryStream {
             const std::lock_guard lock(exchange.mutex);
             std::erase(exchange.streams, this);
         }
-        if (!hasFault("streams-end-without-answer")) exchange.end(this);
+        exchange.end(this);
     }
 
     const std::string& channel() const { return fChannel; }
@@ -107,18 +101,12 @@ class Stream final : public BinaryStream {
             exchange.sendings.push_back(sending);
         }
         auto future = sending->promise.getFuture();
-        Delivery delivery = makeDelivery(sending);
-        if (handler != nullptr) {
-            (*handler)(std::move(delivery));
-        } else if (hasFault("streams-wait-for-a-client")) {
-            static std::vector<Delivery> kept;
-            kept.push_back(std::move(delivery));
-        }
+        Delivery delivery = makeDelivery(std::move(sending));
+        if (handler != nullptr) (*handler)(std::move(delivery));
         return future;
     }
     void doReceive(ReceiveCallback callback) override {
         const std::lock_guard lock(Exchange::instance().mutex);
-        if (fReceive != nullptr && hasFault("streams-keep-the-first-receiver")) return;
         fReceive = std::make_shared<ReceiveCallback>(std::move(callback));
     }
     static Delivery makeDelivery(std::shared_ptr<Sending> sending);
@@ -177,7 +165,7 @@ ClientEnd::~ClientEnd() {
         std::erase_if(exchange.clients,
                       [this](const auto& client) { return client.second == fImpl->handler; });
     }
-    if (!hasFault("clients-end-without-answer")) exchange.end(fImpl->handler.get());
+    exchange.end(fImpl->handler.get());
 }
 
 void ClientEnd::send(const std::string& channel, const DataBuffer& block) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 /// What a program that embeds this host sets and sees: just enough for the conformance suite. One
 /// thread at a time.
@@ -26,11 +27,15 @@ struct Observers {
 };
 Observers& observers();
 
-void setDiagnosticLevel(const std::string& logger, int level);
+void setDiagnosticLevel(int level);
 void takeMemorySnapshot();
 void adoptSignalThread();
 
 /// "/*" at the end of `pattern` stands for whatever follows.
-bool matches(const std::string& pattern, const std::string& name);
+bool matches(std::string_view pattern, std::string_view name);
+
+/// Whether the environment's OTHER_HOST_FAULT asks for this fault: what a host may get wrong, to
+/// see that the conformance suite finds it. faults.sh lists them beside the tests that fail.
+bool hasFault(std::string_view name);
 
 }  // namespace other
