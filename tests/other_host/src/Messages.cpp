@@ -2,7 +2,6 @@
 // thread.
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -24,11 +23,12 @@ namespace {
 using namespace relay;
 using namespace relay::message_service;
 
-struct Member {
-    const MessageService* service;
-    std::string channel;
-    Handler handler;
-    std::atomic<bool> isLive = true;
+struct Member final : Subscription {
+    Member(const MessageService* theService, std::string theChannel, Handler theHandler)
+        : service(theService), channel(std::move(theChannel)), handler(std::move(theHandler)) {}
+    const MessageService* const service;
+    const std::string channel;
+    const Handler handler;
 };
 
 struct Message {
@@ -64,12 +64,8 @@ class Bus final : public Relay {
     }
     void add(const std::shared_ptr<Member>& member) {
         const std::lock_guard lock(fMutex);
+        std::erase_if(fMembers, [](const auto& weak) { return weak.expired(); });
         fMembers.push_back(member);
-    }
-    void remove(const std::shared_ptr<Member>& member) {
-        member->isLive = false;
-        const std::lock_guard lock(fMutex);
-        std::erase(fMembers, member);
     }
 
   private:
@@ -87,8 +83,9 @@ class Bus final : public Relay {
         const auto members = fMembers;
         lock.unlock();
         std::set<const MessageService*> served;
-        for (const auto& member : members) {
-            if (!member->isLive || !other::matches(member->channel, message.channel)) continue;
+        for (const auto& weak : members) {
+            const auto member = weak.lock();
+            if (!member || !other::matches(member->channel, message.channel)) continue;
             if (!served.insert(member->service).second) continue;
             try {
                 member->handler({message.channel, message.hasText ? message.text->data() : nullptr,
@@ -101,7 +98,7 @@ class Bus final : public Relay {
     std::mutex fMutex;
     std::condition_variable fQueued;
     std::vector<std::shared_ptr<Transport>> fTransports;
-    std::vector<std::shared_ptr<Member>> fMembers;
+    std::vector<std::weak_ptr<Member>> fMembers;
     std::deque<Message> fQueue;
 };
 
@@ -124,17 +121,6 @@ std::unique_ptr<TransportLink> Bus::attach(std::shared_ptr<Transport> transport)
     return std::make_unique<Link>(std::move(transport));
 }
 
-class Reception final : public Subscription {
-  public:
-    explicit Reception(std::shared_ptr<Member> member) : fMember(std::move(member)) {
-        Bus::instance().add(fMember);
-    }
-    ~Reception() override { Bus::instance().remove(fMember); }
-
-  private:
-    const std::shared_ptr<Member> fMember;
-};
-
 class Service final : public MessageService {
     Future<Published> doPublish(const std::string& channel, const JsonMessage& message) override {
         const bool hasText = message.json != nullptr;
@@ -144,8 +130,9 @@ class Service final : public MessageService {
     }
     Future<std::shared_ptr<Subscription>> doSubscribe(const std::string& channel,
                                                       Handler handler) override {
-        return makeReadyFuture<std::shared_ptr<Subscription>>(std::make_shared<Reception>(
-            std::make_shared<Member>(this, channel, std::move(handler))));
+        auto member = std::make_shared<Member>(this, channel, std::move(handler));
+        Bus::instance().add(member);
+        return makeReadyFuture<std::shared_ptr<Subscription>>(std::move(member));
     }
 };
 

@@ -1,4 +1,4 @@
-// Logs, warnings, assertions, settings, tokens and buffers.
+// Logs, warnings, assertions, settings and tokens.
 
 #include <atomic>
 #include <boost/signals2/signal.hpp>
@@ -20,7 +20,6 @@
 #include "kiroutils/timestamp.hpp"
 #include "other/Controls.hpp"
 #include "qvm/messages.hpp"
-#include "relay/common/DataBuffer.hpp"
 
 using other::hasFault;
 using other::observers;
@@ -31,17 +30,18 @@ bool other::hasFault(std::string_view name) {
     return chosen != nullptr && name == chosen;
 }
 
-other::Settings& other::settings() {
-    static Settings& all = *new Settings;
-    return all;
-}
+// Never destroyed: threads may ask until the process ends.
+other::Settings& other::settings = *new other::Settings;
+other::Observers& other::observers = *new other::Observers;
 
-other::Observers& other::observers() {
-    static Observers& all = *new Observers;
-    return all;
-}
+namespace {
 
-// --- Tokens and buffers ----------------------------------------------------------------------
+std::atomic<int> diagnosticLevel = 0;
+auto& snapshotEvent = *new boost::signals2::signal<void()>;
+
+}  // namespace
+
+// --- Tokens ----------------------------------------------------------------------------------
 
 namespace kiroutils {
 
@@ -78,21 +78,6 @@ std::uint64_t timestamp() {
 }
 
 }  // namespace kiroutils
-
-namespace relay::common {
-
-DataBuffer::DataBuffer(char* data, std::size_t capacity, std::size_t size) noexcept
-    : fData(data), fCapacity(capacity), fSize(size) {}
-DataBuffer::DataBuffer(DataBuffer&& other) noexcept { *this = std::move(other); }
-DataBuffer& DataBuffer::operator=(DataBuffer&& other) noexcept {
-    std::free(std::exchange(fData, std::exchange(other.fData, nullptr)));
-    fCapacity = std::exchange(other.fCapacity, 0);
-    fSize = std::exchange(other.fSize, 0);
-    return *this;
-}
-DataBuffer::~DataBuffer() { std::free(fData); }
-
-}  // namespace relay::common
 
 // --- Logs ------------------------------------------------------------------------------------
 
@@ -141,12 +126,6 @@ void Logger::clearHistory(const std::string& name) {
 
 }  // namespace kiroutils
 
-namespace {
-
-std::atomic<int> diagnosticLevel = 0;
-
-}  // namespace
-
 void other::setDiagnosticLevel(int level) { diagnosticLevel = level; }
 
 namespace bedrock::log {
@@ -161,7 +140,7 @@ diagnostic_record::diagnostic_record(std::unique_ptr<Impl> impl) noexcept
 diagnostic_record::diagnostic_record(diagnostic_record&&) noexcept = default;
 diagnostic_record::~diagnostic_record() {
     const bool isWritten = fImpl != nullptr && !hasFault("diagnostics-never-written");
-    if (isWritten && observers().diagnostic) observers().diagnostic(fImpl->logger, fImpl->text);
+    if (isWritten && observers.diagnostic) observers.diagnostic(fImpl->logger, fImpl->text);
 }
 diagnostic_record& diagnostic_record::operator<<(std::string_view text) {
     fImpl->text += text;
@@ -198,7 +177,7 @@ std::string bedrock::core::messageText(const MessageId& id, const std::vector<st
 
 void qxWarningMsgId(const bedrock::core::MessageId& id, const std::vector<std::string>&) {
     if (hasFault("warnings-throw")) throw std::runtime_error(id.key);
-    if (observers().warning) observers().warning(id.component, id.key);
+    if (observers.warning) observers.warning(id.component, id.key);
 }
 
 void qxErrMsgId(const bedrock::core::MessageId& id, const std::vector<std::string>& arguments) {
@@ -208,7 +187,7 @@ void qxErrMsgId(const bedrock::core::MessageId& id, const std::vector<std::strin
 /// It goes on afterwards, as a host may.
 void bedrock::core::diag::assertionFailed(const char* condition, const char* source, int line,
                                           const char* function) {
-    if (!observers().showsAssertions || hasFault("assertions-are-ignored")) return;
+    if (!observers.showsAssertions || hasFault("assertions-are-ignored")) return;
     std::fprintf(stderr, "%s in %s:%d, %s\n", condition, source, line, function);
 }
 
@@ -222,39 +201,30 @@ void bedrock::core::diag::terminate(const char* condition, const char* source, i
 // --- Settings and the snapshot event -----------------------------------------------------------
 
 std::int64_t GraphicsState::kiroGetDrawnowTimeout() {
-    return hasFault("setting-timeout") ? 60 : settings().drawnowTimeout;
+    return hasFault("setting-timeout") ? 60 : settings.drawnowTimeout;
 }
 bool GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled() {
-    return settings().drawnowLogging && !hasFault("setting-logging");
+    return settings.drawnowLogging && !hasFault("setting-logging");
 }
-bool GraphicsState::isAtOstrel() { return settings().atOstrel && !hasFault("setting-ostrel"); }
+bool GraphicsState::isAtOstrel() { return settings.atOstrel && !hasFault("setting-ostrel"); }
 void GraphicsState::kiroInvokeDrawnowTimeoutCallback() {
-    if (settings().drawnowHook && !hasFault("setting-hook")) settings().drawnowHook();
+    if (settings.drawnowHook && !hasFault("setting-hook")) settings.drawnowHook();
 }
 
 bool kiro::web::usingBinaryChannelForCommands() {
-    return hasFault("setting-commands") ? settings().fallback : settings().commandsOverBinary;
+    return hasFault("setting-commands") ? settings.fallback : settings.commandsOverBinary;
 }
 bool kiro::web::usingBinaryChannelFallback() {
-    return settings().fallback || hasFault("setting-fallback");
+    return settings.fallback || hasFault("setting-fallback");
 }
 bool kiro::web::warnAboutBinaryChannelFallback() {
-    return settings().warnAboutFallback && !hasFault("setting-warn");
+    return settings.warnAboutFallback && !hasFault("setting-warn");
 }
-
-namespace {
-
-boost::signals2::signal<void()>& snapshotEvent() {
-    static auto& event = *new boost::signals2::signal<void()>;
-    return event;
-}
-
-}  // namespace
 
 boost::signals2::connection bedrock::memmgr::leaks::registerListenerForSnapshotEvent(
     std::function<void()> listener) {
     if (hasFault("snapshot-not-connected")) return {};
-    return snapshotEvent().connect(listener);
+    return snapshotEvent.connect(listener);
 }
 
-void other::takeMemorySnapshot() { snapshotEvent()(); }
+void other::takeMemorySnapshot() { snapshotEvent(); }

@@ -18,14 +18,14 @@ struct Settings {
     bool atOstrel = false;
     std::function<void()> drawnowHook;
 };
-Settings& settings();
+extern Settings& settings;
 
 struct Observers {
     std::function<void(const std::string& component, const std::string& key)> warning;
     std::function<void(const std::string& logger, const std::string& text)> diagnostic;
     bool showsAssertions = false;
 };
-Observers& observers();
+extern Observers& observers;
 
 void setDiagnosticLevel(int level);
 void takeMemorySnapshot();
