@@ -24,10 +24,7 @@ MemorySnapshots.AreAnnouncedWhileTheConnectionIsThere snapshot-not-connected
 # A hang ends by the suite's watchdog; a short limit will do, nothing here takes a second.
 export KIROWEB_CONFORMANCE_LIMIT=3
 for word in $faults; do
-    if [[ $word == *.* ]]; then
-        test=$word
-        continue
-    fi
+    [[ $word != *.* ]] || { test=$word && continue; }
     said=$(OTHER_HOST_FAULT=$word "$program" --gtest_brief=1 --gtest_filter="$test" 2>&1) || true
     [[ $said == *"[  FAILED  ] $test"* ]] ||
         { echo "faults.sh: $test does not find \"$word\"" >&2; exit 1; }

@@ -52,23 +52,20 @@ struct Exchange {
     std::vector<std::weak_ptr<Sending>> sendings;
 };
 
-Exchange& exchange() {
-    static Exchange& all = *new Exchange;
-    return all;
-}
+Exchange& exchange = *new Exchange;
 
 /// An end's place among the others; when it goes, what the end leaves open is answered.
 class Place {
   public:
     explicit Place(End end) : fEnd(std::make_shared<End>(std::move(end))) {
-        const std::lock_guard lock(exchange().mutex);
-        exchange().ends.push_back(fEnd);
+        const std::lock_guard lock(exchange.mutex);
+        exchange.ends.push_back(fEnd);
     }
     ~Place() {
-        std::unique_lock lock(exchange().mutex);
-        std::erase(exchange().ends, fEnd);
-        std::erase_if(exchange().sendings, [](const auto& sending) { return sending.expired(); });
-        const auto sendings = exchange().sendings;
+        std::unique_lock lock(exchange.mutex);
+        std::erase(exchange.ends, fEnd);
+        std::erase_if(exchange.sendings, [](const auto& sending) { return sending.expired(); });
+        const auto sendings = exchange.sendings;
         lock.unlock();
         for (const auto& weak : sendings) {
             const auto sending = weak.lock();
@@ -113,23 +110,23 @@ class Stream final : public BinaryStream {
 
   private:
     Future<SendResult> doSend(DataBuffer&& block) override {
-        std::unique_lock lock(exchange().mutex);
+        std::unique_lock lock(exchange.mutex);
         std::shared_ptr<End> client;
-        for (const auto& end : exchange().ends) {
+        for (const auto& end : exchange.ends) {
             const bool isMeant =
                 end->handler && other::matches(end->channel, fPlace.end()->channel);
             if (client == nullptr && isMeant) client = end;
         }
         const std::shared_ptr<Sending> sending(
             new Sending{fPlace.end(), client.get(), std::move(block)});
-        exchange().sendings.push_back(sending);
+        exchange.sendings.push_back(sending);
         lock.unlock();
         Delivery delivery(std::unique_ptr<Delivery::Impl>(new Delivery::Impl{sending}));
         if (client != nullptr) client->handler(std::move(delivery));
         return sending->promise.getFuture();
     }
     void doReceive(ReceiveCallback callback) override {
-        const std::lock_guard lock(exchange().mutex);
+        const std::lock_guard lock(exchange.mutex);
         fPlace.end()->receive = std::move(callback);
     }
 
@@ -154,8 +151,8 @@ ClientEnd::~ClientEnd() = default;
 
 void ClientEnd::send(const std::string& channel, const DataBuffer& block) {
     std::vector<ReceiveCallback> receivers;
-    std::unique_lock lock(exchange().mutex);
-    for (const auto& end : exchange().ends) {
+    std::unique_lock lock(exchange.mutex);
+    for (const auto& end : exchange.ends) {
         if (end->channel == channel && end->receive) receivers.push_back(end->receive);
     }
     lock.unlock();
