@@ -9,7 +9,8 @@
 
 /// What the conformance tests need beyond the platform interfaces: the parts that a client, in
 /// production a browser page, plays. Somebody with a host application of their own writes these
-/// functions for it and links them with the tests in place of StandInAdapter.cpp.
+/// functions for it and links them with the tests in place of StandInAdapter.cpp; if the gateway
+/// works with the host, RelayClients.cpp has those of the clients.
 ///
 /// A test waits without a time limit of its own: a host that loses what it accepted makes it hang,
 /// and the suite's watchdog (Watchdog.hpp) fails it by its name.

@@ -7,79 +7,69 @@
 #include <vector>
 
 #include "other/Controls.hpp"
-#include "other/Fault.hpp"
 
 namespace kiroutils {
 
-using other::hasFault;
-
 EventData::~EventData() = default;
 
-struct EventDispatcher::Entry {
+struct EventDispatcher::Node {
     std::string name;
     Callback callback;
     std::atomic<bool> isLive = true;
 };
 
-/// Recursive, so that the fault of calling under the lock is one that only other threads meet.
-struct EventDispatcher::Entries {
-    std::recursive_mutex mutex;
-    std::vector<std::shared_ptr<Entry>> all;
+struct EventDispatcher::State {
+    std::mutex mutex;
+    std::vector<std::shared_ptr<Node>> nodes;
 };
 
-EventDispatcher::Listener& EventDispatcher::Listener::operator=(Listener&& other) noexcept {
-    Listener old(std::move(*this));
-    fEntries = std::move(other.fEntries);
-    fEntry = std::move(other.fEntry);
+using Listener = EventDispatcher::Listener;
+
+Listener::Listener() noexcept = default;
+Listener::Listener(Listener&&) noexcept = default;
+Listener::Listener(std::weak_ptr<State> state, std::shared_ptr<Node> node) noexcept
+    : fState(std::move(state)), fNode(std::move(node)) {}
+Listener& Listener::operator=(Listener&& other) noexcept {
+    const Listener old(std::move(*this));
+    fState = std::move(other.fState);
+    fNode = std::move(other.fNode);
     return *this;
 }
+Listener::~Listener() { detach(); }
 
-EventDispatcher::Listener::~Listener() {
-    if (fEntry == nullptr) return;
-    if (!hasFault("dispatcher-calls-the-gone")) fEntry->isLive = false;
-    if (const auto entries = fEntries.lock()) {
-        const std::lock_guard lock(entries->mutex);
-        std::erase(entries->all, fEntry);
-    }
+void Listener::detach() noexcept {
+    const auto state = fState.lock();
+    if (fNode == nullptr || state == nullptr) return;
+    fNode->isLive = false;
+    const std::lock_guard lock(state->mutex);
+    std::erase(state->nodes, fNode);
 }
 
-EventDispatcher::EventDispatcher() : fEntries(std::make_shared<Entries>()) {}
+EventDispatcher::EventDispatcher() : fState(std::make_shared<State>()) {}
+EventDispatcher::~EventDispatcher() = default;
 
 std::size_t EventDispatcher::numListeners(const std::string& name) const {
-    const std::lock_guard lock(fEntries->mutex);
+    const std::lock_guard lock(fState->mutex);
     return static_cast<std::size_t>(
-        std::count_if(fEntries->all.begin(), fEntries->all.end(),
-                      [&](auto& entry) { return entry->name == name; }));
+        std::count_if(fState->nodes.begin(), fState->nodes.end(),
+                      [&](const auto& node) { return node->name == name; }));
 }
 
-EventDispatcher::Listener EventDispatcher::createListener(const std::string& name,
-                                                          Callback callback) {
-    Listener listener;
-    listener.fEntry = std::make_shared<Entry>();
-    listener.fEntry->name = name;
-    listener.fEntry->callback = std::move(callback);
-    listener.fEntries = fEntries;
-    const std::lock_guard lock(fEntries->mutex);
-    fEntries->all.push_back(listener.fEntry);
-    return listener;
+Listener EventDispatcher::createListener(const std::string& name, Callback callback) {
+    const auto node = std::make_shared<Node>(name, std::move(callback));
+    const std::lock_guard lock(fState->mutex);
+    fState->nodes.push_back(node);
+    return Listener(fState, node);
 }
 
 void EventDispatcher::send(const std::string& name, const EventData& data) const {
-    const auto entries = fEntries;  // a callback may destroy the dispatcher
-    std::unique_lock lock(entries->mutex);
-    auto called = entries->all;
-    if (!hasFault("dispatcher-calls-under-its-lock")) lock.unlock();
+    const auto state = fState;  // a callback may destroy the dispatcher
+    std::unique_lock lock(state->mutex);
+    auto called = state->nodes;
+    if (!other::hasFault("dispatcher-calls-under-its-lock")) lock.unlock();
     std::reverse(called.begin(), called.end());  // any order will do
-    for (const auto& entry : called) {
-        const bool isMeant = hasFault("dispatcher-without-wildcards")
-                                 ? entry->name == name
-                                 : other::matches(entry->name, name);
-        if (!isMeant || !entry->isLive) continue;
-        try {
-            entry->callback(name, data);
-        } catch (...) {
-            if (!hasFault("dispatcher-swallows-exceptions")) throw;
-        }
+    for (const auto& node : called) {
+        if (node->isLive && other::matches(node->name, name)) node->callback(name, data);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
+#include <utility>
 
 #include "bedrock/core/diag/assertion.hpp"
 #include "bedrock/log/basic_diagnostic_logger.hpp"
@@ -18,58 +19,69 @@
 #include "kiroutils/UniqueIDGenerator.hpp"
 #include "kiroutils/timestamp.hpp"
 #include "other/Controls.hpp"
-#include "other/Fault.hpp"
 #include "qvm/messages.hpp"
 
 using other::hasFault;
 using other::observers;
 using other::settings;
 
-other::Settings& other::settings() {
-    static Settings& all = *new Settings;
-    return all;
+bool other::hasFault(std::string_view name) {
+    static const char* const chosen = std::getenv("OTHER_HOST_FAULT");
+    return chosen != nullptr && name == chosen;
 }
 
-other::Observers& other::observers() {
-    static Observers& all = *new Observers;
-    return all;
-}
+// Never destroyed: threads may ask until the process ends.
+other::Settings& other::settings = *new other::Settings;
+other::Observers& other::observers = *new other::Observers;
+
+namespace {
+
+std::atomic<int> diagnosticLevel = 0;
+auto& snapshotEvent = *new boost::signals2::signal<void()>;
+
+}  // namespace
 
 // --- Tokens ----------------------------------------------------------------------------------
 
 namespace kiroutils {
 
-bool CompletionToken::isDefaultToken() const {
-    const bool hasStamp = fTimeStamps != CompletionTokenTimeStamps{};
-    return fIdentifier.empty() && (!hasStamp || hasFault("default-token-with-stamps"));
+CompletionToken::CompletionToken(std::string identifier) : fIdentifier(std::move(identifier)) {}
+
+bool CompletionToken::isDefaultToken() const noexcept {
+    const auto& [first, second, third, fourth] = fTimeStamps;
+    return fIdentifier.empty() && (first | second | third | fourth) == 0;
 }
 
-bool CompletionToken::operator==(const CompletionToken& other) const {
-    const auto& mine = fTimeStamps;
-    const auto& its = other.fTimeStamps;
-    if (hasFault("token-by-server-send") && mine.serverSend != its.serverSend) return false;
-    if (hasFault("token-by-client-receive") && mine.clientReceive != its.clientReceive)
-        return false;
-    if (hasFault("token-by-client-send") && mine.clientSend != its.clientSend) return false;
-    if (hasFault("token-by-server-receive") && mine.serverReceive != its.serverReceive)
-        return false;
+bool CompletionToken::operator==(const CompletionToken& other) const noexcept {
+    using Stamps = CompletionTokenTimeStamps;
+    const auto differs = [&](std::uint64_t Stamps::*stamp) {
+        return fTimeStamps.*stamp != other.fTimeStamps.*stamp;
+    };
+    if (hasFault("token-by-server-send") && differs(&Stamps::serverSend)) return false;
+    if (hasFault("token-by-client-receive") && differs(&Stamps::clientReceive)) return false;
+    if (hasFault("token-by-client-send") && differs(&Stamps::clientSend)) return false;
+    if (hasFault("token-by-server-receive") && differs(&Stamps::serverReceive)) return false;
     return fIdentifier == other.fIdentifier;
 }
 
-std::string UniqueIDGenerator::nextID() {
-    static std::atomic<unsigned> last = 0;
-    static const auto process = std::to_string(std::random_device()());
-    if (hasFault("identifiers-repeat")) return process;
-    return "token \u20ac " + process + " " + std::to_string(++last);  // any text will do
-}
+std::string CompletionToken::convertToString() const { return fIdentifier; }
+
+// Any text will do.
+UniqueIDGenerator::UniqueIDGenerator()
+    : fPrefix("token \u20ac " + std::to_string(std::random_device()()) + " ") {}
+
+std::string UniqueIDGenerator::nextID() { return fPrefix + std::to_string(fNext++); }
 
 std::uint64_t timestamp() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto count = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-    return static_cast<std::uint64_t>(hasFault("time-in-milliseconds") ? count / 1000 : count);
+    return static_cast<std::uint64_t>(now / std::chrono::microseconds(1));
 }
 
+}  // namespace kiroutils
+
 // --- Logs ------------------------------------------------------------------------------------
+
+namespace kiroutils {
 
 Logger& Logger::instance() {
     static Logger& logger = *new Logger;
@@ -77,14 +89,13 @@ Logger& Logger::instance() {
 }
 
 void Logger::History::trim() {
-    while (entries.size() > maxEntries && !hasFault("history-without-bound")) entries.pop_front();
+    while (entries.size() > maxEntries) entries.erase(entries.begin());
 }
 
 void Logger::log(const std::string& name, const std::string& text) {
     const std::lock_guard lock(fMutex);
     auto& history = fHistories[name];
-    if (!history.isEnabled && !hasFault("history-always-on")) return;
-    history.entries.push_back(text);
+    if (history.isEnabled) history.entries.push_back(text);
     history.trim();
 }
 
@@ -98,15 +109,14 @@ void Logger::setHistoryEnabled(const std::string& name, bool enabled, std::size_
     const std::lock_guard lock(fMutex);
     auto& history = fHistories[name];
     history.isEnabled = enabled;
-    history.maxEntries = maxEntries;
-    if (!keepEntries) history.entries.clear();
+    history.maxEntries = keepEntries ? maxEntries : 0;
     history.trim();
+    history.maxEntries = maxEntries;
 }
 
 std::vector<std::string> Logger::history(const std::string& name) {
     const std::lock_guard lock(fMutex);
-    const auto& entries = fHistories[name].entries;
-    return {entries.begin(), entries.end()};
+    return fHistories[name].entries;
 }
 
 void Logger::clearHistory(const std::string& name) {
@@ -116,34 +126,46 @@ void Logger::clearHistory(const std::string& name) {
 
 }  // namespace kiroutils
 
-namespace {
+void other::setDiagnosticLevel(int level) { diagnosticLevel = level; }
 
-std::mutex levelsMutex;
+namespace bedrock::log {
 
-std::map<std::string, int>& levels() {
-    static auto& all = *new std::map<std::string, int>;
-    return all;
+struct diagnostic_record::Impl {
+    std::string logger;
+    std::string text;
+};
+
+diagnostic_record::diagnostic_record(std::unique_ptr<Impl> impl) noexcept
+    : fImpl(std::move(impl)) {}
+diagnostic_record::diagnostic_record(diagnostic_record&&) noexcept = default;
+diagnostic_record::~diagnostic_record() {
+    const bool isWritten = fImpl != nullptr && !hasFault("diagnostics-never-written");
+    if (isWritten && observers.diagnostic) observers.diagnostic(fImpl->logger, fImpl->text);
+}
+diagnostic_record& diagnostic_record::operator<<(std::string_view text) {
+    fImpl->text += text;
+    return *this;
+}
+diagnostic_record& diagnostic_record::operator<<(unsigned long number) {
+    return *this << std::to_string(number);
 }
 
-}  // namespace
+struct basic_diagnostic_logger::Impl {
+    std::string name;
+};
 
-void other::setDiagnosticLevel(const std::string& logger, int level) {
-    const std::lock_guard lock(levelsMutex);
-    levels()[logger] = level;
+basic_diagnostic_logger::basic_diagnostic_logger(std::string name)
+    : fImpl(new Impl{std::move(name)}) {}
+basic_diagnostic_logger::~basic_diagnostic_logger() = default;
+bool basic_diagnostic_logger::enabled(int level) const noexcept {
+    return level <= diagnosticLevel || hasFault("diagnostics-always-on");
+}
+diagnostic_record basic_diagnostic_logger::record(int /*level*/) const {
+    using Record = diagnostic_record::Impl;
+    return diagnostic_record(std::unique_ptr<Record>(new Record{fImpl->name, ""}));
 }
 
-bool bedrock::log::basic_diagnostic_logger::enabled(int level) const {
-    if (hasFault("diagnostics-always-on")) return true;
-    if (hasFault("diagnostics-always-off")) return false;
-    const std::lock_guard lock(levelsMutex);
-    return level <= levels()[fName];
-}
-
-bedrock::log::diagnostic_record::~diagnostic_record() {
-    if (observers().diagnostic && !hasFault("diagnostics-never-written")) {
-        observers().diagnostic(fLogger, fText.str());
-    }
-}
+}  // namespace bedrock::log
 
 // --- Warnings, errors and assertions -----------------------------------------------------------
 
@@ -155,34 +177,23 @@ std::string bedrock::core::messageText(const MessageId& id, const std::vector<st
 
 void qxWarningMsgId(const bedrock::core::MessageId& id, const std::vector<std::string>&) {
     if (hasFault("warnings-throw")) throw std::runtime_error(id.key);
-    if (observers().warning && !hasFault("warnings-are-lost")) {
-        observers().warning(id.component, id.key);
-    }
+    if (observers.warning) observers.warning(id.component, id.key);
 }
 
 void qxErrMsgId(const bedrock::core::MessageId& id, const std::vector<std::string>& arguments) {
-    throw QxError(hasFault("errors-without-identifier") ? bedrock::core::MessageId() : id,
-                  bedrock::core::messageText(id, arguments));
+    throw QxError(id, bedrock::core::messageText(id, arguments));
 }
-
-namespace {
-
-void report(const char* condition, const char* source, int line, const char* function) {
-    if (!observers().showsAssertions) return;
-    std::fprintf(stderr, "%s in %s:%d, %s\n", condition, source, line, function);
-}
-
-}  // namespace
 
 /// It goes on afterwards, as a host may.
 void bedrock::core::diag::assertionFailed(const char* condition, const char* source, int line,
                                           const char* function) {
-    if (!hasFault("assertions-are-ignored")) report(condition, source, line, function);
+    if (!observers.showsAssertions || hasFault("assertions-are-ignored")) return;
+    std::fprintf(stderr, "%s in %s:%d, %s\n", condition, source, line, function);
 }
 
 void bedrock::core::diag::terminate(const char* condition, const char* source, int line,
                                     const char* function) {
-    report(condition, source, line, function);
+    assertionFailed(condition, source, line, function);
     if (hasFault("terminate-does-not-end")) throw std::runtime_error(condition);
     std::_Exit(3);
 }
@@ -190,41 +201,30 @@ void bedrock::core::diag::terminate(const char* condition, const char* source, i
 // --- Settings and the snapshot event -----------------------------------------------------------
 
 std::int64_t GraphicsState::kiroGetDrawnowTimeout() {
-    return hasFault("setting-timeout") ? 60 : settings().drawnowTimeout;
+    return hasFault("setting-timeout") ? 60 : settings.drawnowTimeout;
 }
 bool GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled() {
-    return settings().drawnowLogging && !hasFault("setting-logging");
+    return settings.drawnowLogging && !hasFault("setting-logging");
 }
-bool GraphicsState::isAtOstrel() { return settings().atOstrel && !hasFault("setting-ostrel"); }
+bool GraphicsState::isAtOstrel() { return settings.atOstrel && !hasFault("setting-ostrel"); }
 void GraphicsState::kiroInvokeDrawnowTimeoutCallback() {
-    if (settings().drawnowHook && !hasFault("setting-hook")) settings().drawnowHook();
+    if (settings.drawnowHook && !hasFault("setting-hook")) settings.drawnowHook();
 }
 
-namespace kiro::web {
-
-bool usingBinaryChannelForCommands() {
-    return hasFault("setting-commands") ? settings().fallback : settings().commandsOverBinary;
+bool kiro::web::usingBinaryChannelForCommands() {
+    return hasFault("setting-commands") ? settings.fallback : settings.commandsOverBinary;
 }
-bool usingBinaryChannelFallback() { return settings().fallback || hasFault("setting-fallback"); }
-bool warnAboutBinaryChannelFallback() {
-    return settings().warnAboutFallback != hasFault("setting-warn");
+bool kiro::web::usingBinaryChannelFallback() {
+    return settings.fallback || hasFault("setting-fallback");
 }
-
-}  // namespace kiro::web
-
-namespace {
-
-boost::signals2::signal<void()>& snapshotEvent() {
-    static auto& event = *new boost::signals2::signal<void()>;
-    return event;
+bool kiro::web::warnAboutBinaryChannelFallback() {
+    return settings.warnAboutFallback && !hasFault("setting-warn");
 }
-
-}  // namespace
 
 boost::signals2::connection bedrock::memmgr::leaks::registerListenerForSnapshotEvent(
     std::function<void()> listener) {
     if (hasFault("snapshot-not-connected")) return {};
-    return snapshotEvent().connect(listener);
+    return snapshotEvent.connect(listener);
 }
 
-void other::takeMemorySnapshot() { snapshotEvent()(); }
+void other::takeMemorySnapshot() { snapshotEvent(); }

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "other/Controls.hpp"
-#include "other/Fault.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 
@@ -16,7 +15,6 @@ namespace relay::binary::experimental {
 namespace {
 
 using common::DataBuffer;
-using other::hasFault;
 
 DataBuffer copyOf(const DataBuffer& block) {
     if (block.empty()) return {};
@@ -26,105 +24,59 @@ DataBuffer copyOf(const DataBuffer& block) {
     return {bytes, block.size(), block.size()};
 }
 
-struct Sending {
+/// A stream's end or a client's.
+struct End {
     const std::string channel;
-    const void* const stream;
-    const void* const client;
-    const bool returnOnFail;
-    const DataBuffer block;  // stays readable until the delivery goes
+    const bool returnOnFail = false;
+    const ClientEnd::BlockHandler handler;  ///< a client's only
+    ReceiveCallback receive;                ///< a stream's only, guarded by the exchange's mutex
+};
+
+struct Sending {
+    const std::shared_ptr<End> stream;
+    const End* const client;  ///< only to be compared
+    const DataBuffer block;   // stays readable until the delivery goes
     Promise<SendResult> promise{};
     std::atomic<bool> isAnswered = false;
 
     void answer(bool delivered) {
         if (isAnswered.exchange(true)) return;
-        const bool givesBack = !delivered && returnOnFail && !hasFault("streams-keep-the-block");
-        promise.setValue({delivered != hasFault("streams-answer-the-opposite"),
-                          givesBack ? copyOf(block) : DataBuffer()});
+        const bool givesBack = !delivered && stream->returnOnFail;
+        promise.setValue({delivered, givesBack ? copyOf(block) : DataBuffer()});
     }
 };
 
-class Stream;
-
 struct Exchange {
-    static Exchange& instance() {
-        static Exchange& exchange = *new Exchange;
-        return exchange;
-    }
-    /// Answers what an end leaves open.
-    void end(const void* goes) {
-        std::vector<std::shared_ptr<Sending>> open;
-        {
-            const std::lock_guard lock(mutex);
-            for (const auto& weak : sendings) {
-                const auto sending = weak.lock();
-                if (sending && (sending->stream == goes || sending->client == goes)) {
-                    open.push_back(sending);
-                }
-            }
-            std::erase_if(sendings, [](const auto& sending) { return sending.expired(); });
-        }
-        for (const auto& sending : open) sending->answer(false);
-    }
-
     std::mutex mutex;
-    std::vector<Stream*> streams;
-    std::vector<std::pair<std::string, std::shared_ptr<const ClientEnd::BlockHandler>>> clients;
+    std::vector<std::shared_ptr<End>> ends;
     std::vector<std::weak_ptr<Sending>> sendings;
 };
 
-class Stream final : public BinaryStream {
-  public:
-    Stream(std::string channel, bool returnOnFail)
-        : fChannel(std::move(channel)), fReturnOnFail(returnOnFail) {
-        auto& exchange = Exchange::instance();
-        const std::lock_guard lock(exchange.mutex);
-        exchange.streams.push_back(this);
-    }
-    ~Stream() override {
-        auto& exchange = Exchange::instance();
-        {
-            const std::lock_guard lock(exchange.mutex);
-            std::erase(exchange.streams, this);
-        }
-        if (!hasFault("streams-end-without-answer")) exchange.end(this);
-    }
+Exchange& exchange = *new Exchange;
 
-    const std::string& channel() const { return fChannel; }
-    std::shared_ptr<ReceiveCallback> fReceive;  ///< guarded by the exchange's mutex
+/// An end's place among the others; when it goes, what the end leaves open is answered.
+class Place {
+  public:
+    explicit Place(End end) : fEnd(std::make_shared<End>(std::move(end))) {
+        const std::lock_guard lock(exchange.mutex);
+        exchange.ends.push_back(fEnd);
+    }
+    ~Place() {
+        std::unique_lock lock(exchange.mutex);
+        std::erase(exchange.ends, fEnd);
+        std::erase_if(exchange.sendings, [](const auto& sending) { return sending.expired(); });
+        const auto sendings = exchange.sendings;
+        lock.unlock();
+        for (const auto& weak : sendings) {
+            const auto sending = weak.lock();
+            if (!sending || (sending->stream != fEnd && sending->client != fEnd.get())) continue;
+            sending->answer(false);
+        }
+    }
+    const std::shared_ptr<End>& end() const { return fEnd; }
 
   private:
-    Future<SendResult> doSend(DataBuffer&& block) override {
-        auto& exchange = Exchange::instance();
-        std::shared_ptr<const ClientEnd::BlockHandler> handler;
-        std::shared_ptr<Sending> sending;
-        {
-            const std::lock_guard lock(exchange.mutex);
-            for (const auto& [pattern, candidate] : exchange.clients) {
-                if (handler == nullptr && other::matches(pattern, fChannel)) handler = candidate;
-            }
-            sending.reset(
-                new Sending{fChannel, this, handler.get(), fReturnOnFail, std::move(block)});
-            exchange.sendings.push_back(sending);
-        }
-        auto future = sending->promise.getFuture();
-        Delivery delivery = makeDelivery(sending);
-        if (handler != nullptr) {
-            (*handler)(std::move(delivery));
-        } else if (hasFault("streams-wait-for-a-client")) {
-            static std::vector<Delivery> kept;
-            kept.push_back(std::move(delivery));
-        }
-        return future;
-    }
-    void doReceive(ReceiveCallback callback) override {
-        const std::lock_guard lock(Exchange::instance().mutex);
-        if (fReceive != nullptr && hasFault("streams-keep-the-first-receiver")) return;
-        fReceive = std::make_shared<ReceiveCallback>(std::move(callback));
-    }
-    static Delivery makeDelivery(std::shared_ptr<Sending> sending);
-
-    const std::string fChannel;
-    const bool fReturnOnFail;
+    const std::shared_ptr<End> fEnd;
 };
 
 }  // namespace
@@ -132,10 +84,6 @@ class Stream final : public BinaryStream {
 struct Delivery::Impl {
     std::shared_ptr<Sending> sending;
 };
-
-Delivery Stream::makeDelivery(std::shared_ptr<Sending> sending) {
-    return Delivery(std::make_unique<Delivery::Impl>(Delivery::Impl{std::move(sending)}));
-}
 
 Delivery::Delivery(std::unique_ptr<Impl> impl) noexcept : fImpl(std::move(impl)) {}
 Delivery::Delivery(Delivery&&) noexcept = default;
@@ -146,12 +94,46 @@ Delivery& Delivery::operator=(Delivery&& other) noexcept {
 Delivery::~Delivery() {
     if (fImpl != nullptr) fail();
 }
-const std::string& Delivery::channel() const noexcept { return fImpl->sending->channel; }
+const std::string& Delivery::channel() const noexcept { return fImpl->sending->stream->channel; }
 const DataBuffer& Delivery::block() const noexcept { return fImpl->sending->block; }
 void Delivery::deliver() { fImpl->sending->answer(true); }
 void Delivery::fail() { fImpl->sending->answer(false); }
 
 BinaryStream::~BinaryStream() = default;
+
+namespace {
+
+class Stream final : public BinaryStream {
+  public:
+    Stream(const std::string& channel, bool returnOnFail)
+        : fPlace(End{channel, returnOnFail, nullptr, nullptr}) {}
+
+  private:
+    Future<SendResult> doSend(DataBuffer&& block) override {
+        std::unique_lock lock(exchange.mutex);
+        std::shared_ptr<End> client;
+        for (const auto& end : exchange.ends) {
+            const bool isMeant =
+                end->handler && other::matches(end->channel, fPlace.end()->channel);
+            if (client == nullptr && isMeant) client = end;
+        }
+        const std::shared_ptr<Sending> sending(
+            new Sending{fPlace.end(), client.get(), std::move(block)});
+        exchange.sendings.push_back(sending);
+        lock.unlock();
+        Delivery delivery(std::unique_ptr<Delivery::Impl>(new Delivery::Impl{sending}));
+        if (client != nullptr) client->handler(std::move(delivery));
+        return sending->promise.getFuture();
+    }
+    void doReceive(ReceiveCallback callback) override {
+        const std::lock_guard lock(exchange.mutex);
+        fPlace.end()->receive = std::move(callback);
+    }
+
+    const Place fPlace;
+};
+
+}  // namespace
 
 std::shared_ptr<BinaryStream> createBinaryStream(const std::string& channel,
                                                  const StreamOptions& options) {
@@ -160,38 +142,21 @@ std::shared_ptr<BinaryStream> createBinaryStream(const std::string& channel,
 }
 
 struct ClientEnd::Impl {
-    std::shared_ptr<const BlockHandler> handler;
+    const Place place;
 };
 
 ClientEnd::ClientEnd(std::string channel, BlockHandler handler)
-    : fImpl(new Impl{std::make_shared<const BlockHandler>(std::move(handler))}) {
-    auto& exchange = Exchange::instance();
-    const std::lock_guard lock(exchange.mutex);
-    exchange.clients.emplace_back(std::move(channel), fImpl->handler);
-}
-
-ClientEnd::~ClientEnd() {
-    auto& exchange = Exchange::instance();
-    {
-        const std::lock_guard lock(exchange.mutex);
-        std::erase_if(exchange.clients,
-                      [this](const auto& client) { return client.second == fImpl->handler; });
-    }
-    if (!hasFault("clients-end-without-answer")) exchange.end(fImpl->handler.get());
-}
+    : fImpl(new Impl{Place(End{std::move(channel), false, std::move(handler), nullptr})}) {}
+ClientEnd::~ClientEnd() = default;
 
 void ClientEnd::send(const std::string& channel, const DataBuffer& block) {
-    auto& exchange = Exchange::instance();
-    std::vector<std::shared_ptr<ReceiveCallback>> receivers;
-    {
-        const std::lock_guard lock(exchange.mutex);
-        for (const auto* const stream : exchange.streams) {
-            if (stream->channel() == channel) receivers.push_back(stream->fReceive);
-        }
+    std::vector<ReceiveCallback> receivers;
+    std::unique_lock lock(exchange.mutex);
+    for (const auto& end : exchange.ends) {
+        if (end->channel == channel && end->receive) receivers.push_back(end->receive);
     }
-    for (const auto& receiver : receivers) {
-        if (receiver != nullptr && *receiver) (*receiver)(copyOf(block));
-    }
+    lock.unlock();
+    for (const auto& receive : receivers) receive(copyOf(block));
 }
 
 }  // namespace relay::binary::experimental

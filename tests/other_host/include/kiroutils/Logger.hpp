@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
@@ -9,7 +8,7 @@
 
 namespace kiroutils {
 
-/// It does not say whether a log is read.
+/// Unlike the stand-in's, it does not say whether a log is read.
 class Logger {
   public:
     static Logger& instance();
@@ -24,7 +23,7 @@ class Logger {
     struct History {
         bool isEnabled = false;
         std::size_t maxEntries = 0;
-        std::deque<std::string> entries;
+        std::vector<std::string> entries;
         void trim();
     };
     std::mutex fMutex;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 /// What a program that embeds this host sets and sees: just enough for the conformance suite. One
 /// thread at a time.
@@ -17,20 +18,24 @@ struct Settings {
     bool atOstrel = false;
     std::function<void()> drawnowHook;
 };
-Settings& settings();
+extern Settings& settings;
 
 struct Observers {
     std::function<void(const std::string& component, const std::string& key)> warning;
     std::function<void(const std::string& logger, const std::string& text)> diagnostic;
     bool showsAssertions = false;
 };
-Observers& observers();
+extern Observers& observers;
 
-void setDiagnosticLevel(const std::string& logger, int level);
+void setDiagnosticLevel(int level);
 void takeMemorySnapshot();
 void adoptSignalThread();
 
 /// "/*" at the end of `pattern` stands for whatever follows.
-bool matches(const std::string& pattern, const std::string& name);
+bool matches(std::string_view pattern, std::string_view name);
+
+/// Whether the environment's OTHER_HOST_FAULT asks for this fault: what a host may get wrong, to
+/// see that the conformance suite finds it. faults.sh lists them beside the tests that fail.
+bool hasFault(std::string_view name);
 
 }  // namespace other
