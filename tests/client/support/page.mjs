@@ -50,11 +50,15 @@ export class Fixture {
         const { url } = this.gateway;
         this.page = new Connection(url, this.heard.handlers, { WebSocket, backoff, ...options });
     }
-    /** @returns the peer, with the page's hello */
-    async connect(options = {}, welcome = {}) {
-        this.begin(options);
+    /** The page's next connection, to which the gateway has said hello. */
+    async peer(welcome) {
         const peer = await this.gateway.peer();
-        peer.hello = await peer.welcome(welcome);
+        await peer.welcome(welcome);
+        return peer;
+    }
+    async connect(options, welcome) {
+        this.begin(options);
+        const peer = await this.peer(welcome);
         await this.heard.until("state", "live");
         return peer;
     }
@@ -63,22 +67,4 @@ export class Fixture {
         peer.batch(number, [["/end", text]]);
         await this.heard.until("text", "/end", text);
     }
-}
-
-/** Has timers run when the returned function names their milliseconds; it says whether one did. */
-export function holdTimers(t) {
-    const held = new Map();
-    let latest = 0;
-    t.mock.method(globalThis, "setTimeout", (call, ms) => {
-        held.set(++latest, { call, ms });
-        return latest;
-    });
-    t.mock.method(globalThis, "clearTimeout", (id) => held.delete(id));
-    return (wanted) => {
-        const found = [...held].find(([, { ms }]) => ms === wanted);
-        if (!found) return false;
-        held.delete(found[0]);
-        found[1].call();
-        return true;
-    };
 }
