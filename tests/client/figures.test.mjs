@@ -75,15 +75,13 @@ test("What cannot be read, found or done is reported, and does not stop the rest
     inbox.text('{"cmd":"binarydata","data":{"2 0":"\\u0006"}}');
     data(6, 1);
     say("sendACT", { ACT: "token" });
-    const complaints = [/JSON/, /no object 77/, /8 bytes for 3/, /came instead of/, /no memory/];
-    complaints.push(/block 6 0 is lost/);
-    assert.equal(errors.length, complaints.length, errors.join("\n"));
-    complaints.forEach((complaint, i) => assert.match(errors[i], complaint));
+    const complaints = /JSON.* no object 77.*8 bytes for 3.*came instead.*no memory.*6 0 is lost$/;
+    assert.match(errors.join(), complaints);
     assert.deepEqual([told, scene.named("f").text], [["setTitle", "token"], "title"]);
 });
 
 test("A token goes back after the frame that painted what was before it, or failed to", () => {
-    let log = [];
+    const log = [];
     const frames = [];
     const painted = [];
     let hidden = false;
@@ -96,10 +94,7 @@ test("A token goes back after the frame that painted what was before it, or fail
         report: () => log.push("report"),
         answer: (token, outcome) => log.push(`${token} ${outcome}`),
     });
-    const expect = (...expected) => {
-        assert.deepEqual(log, expected);
-        log = [];
-    };
+    const expect = (...expected) => assert.deepEqual(log.splice(0), expected);
     flusher.token("a");
     frames.shift()();
     flusher.token("b");
@@ -108,12 +103,9 @@ test("A token goes back after the frame that painted what was before it, or fail
     broken = true;
     frames.shift()();
     expect("a painted", "report", "b failed");
-    flusher.request();
-    frames.shift()();
-    flusher.token("c");
     flusher.fail(new Error("no such thing"));
     flusher.token("d");
-    expect("report", "c failed", "report", "d failed");
+    expect("report", "d failed");
     // Hidden between a token and its frame, the page gets no frames: the token does not wait for one.
     broken = false;
     flusher.token("e");

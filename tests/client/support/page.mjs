@@ -1,23 +1,22 @@
 // A connection of a page's to a scripted gateway, and what the page is told.
+import { EventEmitter, once } from "node:events";
 import { afterEach, beforeEach } from "node:test";
 
 import { Connection } from "../../../client/protocol.mjs";
 import { WebSocket } from "./packages.mjs";
 import { ScriptedGateway } from "./scripted_gateway.mjs";
 
-/** What the page was told, in order, and promises of what it is told next. */
-class Heard {
+/** What the page was told, in order. */
+class Heard extends EventEmitter {
     events = [];
-    #waits = [];
-    note = (...event) => {
+    note(...event) {
         this.events.push(event);
-        this.#waits = this.#waits.filter(({ wanted, resolve }) => !wanted(event) || resolve());
-    };
+        this.emit("told");
+    }
     /** Ends when an event has these members, or has had. */
-    until(...members) {
-        const wanted = (event) => members.every((member, i) => event[i] === member);
-        if (this.events.some(wanted)) return Promise.resolve();
-        return new Promise((resolve) => this.#waits.push({ wanted, resolve }));
+    async until(...members) {
+        const isWanted = (event) => members.every((member, i) => event[i] === member);
+        while (!this.events.some(isWanted)) await once(this, "told");
     }
     of(...kinds) {
         return this.events.filter(([kind]) => kinds.includes(kind));
@@ -28,7 +27,6 @@ class Heard {
         onText: (channel, text) => this.note("text", channel, text),
         onBlock: (channel, block) => this.note("block", channel, [...block]),
         onFault: (error) => this.note("fault", error.message),
-        onRefused: (what, channel) => this.note("refused", what, channel),
     };
 }
 

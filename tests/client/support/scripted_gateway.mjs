@@ -39,7 +39,7 @@ class Peer {
     }
     /** Answers the page's hello. */
     async welcome({ limits, ...members } = {}) {
-        this.hello ??= await this.next("hello");
+        this.hello = await this.next("hello");
         this.control({
             t: "hello",
             view: "v1",
