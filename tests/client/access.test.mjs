@@ -6,6 +6,7 @@ import { gatewayAddress, TabAccess } from "../../client/access.mjs";
 import { Fixture } from "./support/page.mjs";
 
 const fixture = new Fixture();
+const OPEN_LINK = "open the link that the program printed";
 
 /** A browser's tab at this address; `answers` are those to its requests. */
 class Tab extends EventTarget {
@@ -62,38 +63,29 @@ test("A code is exchanged once, and asked about again only when nobody answered"
     assert.equal(await access.token(), "a1b2");
 });
 
-test("The token is offered as a subprotocol, with every attempt", async () => {
-    const peer = await fixture.connect({ token: "a1b2" });
-    assert.deepEqual(peer.offered, ["kiroweb.v1", "kiroweb.token.a1b2"]);
-    peer.socket.terminate();
-    assert.deepEqual((await fixture.gateway.peer()).offered, peer.offered);
-});
-
 test("A page without a token, or with a wrong one, says what to do, and takes the link that is opened then", async () => {
     const { heard, gateway } = fixture;
     gateway.refuses = (offered) => !offered.includes("kiroweb.token.good");
     const tab = new Tab("/", Array(4).fill([null]));
     fixture.begin({ access: new TabAccess(tab) });
-    const none = "this tab has no token: open the link that the program printed";
-    await heard.until("state", "refused", none);
+    await heard.until("state", "refused", `this tab has no token: ${OPEN_LINK}`);
     tab.open("#token=bad");
-    const wrong =
-        "the program does not accept this tab's token: open the link that the program printed last";
+    const wrong = `the program does not accept this tab's token: ${OPEN_LINK} last`;
     await heard.until("state", "refused", wrong);
     tab.open("#token=good");
-    await fixture.peer();
-    await heard.until("state", "live");
+    const { socket, offered } = await fixture.peer();
+    assert.deepEqual(offered, ["kiroweb.v1", "kiroweb.token.good"]);
+    socket.terminate();
+    assert.deepEqual((await gateway.peer()).offered, offered);
 });
 
 test("Who is turned away twice in a row gives up; whatever else happens, it goes on", async () => {
     fixture.gateway.refuses = () => true;
     const served = [false, true, false, true, new Promise(() => {}), true, true];
     const exchanges = [Promise.reject(new Error("exchange failed")), new Promise(() => {})];
-    const access = {
-        token: async () => exchanges.shift() ?? "a",
-        isServed: async () => served.shift(),
-    };
-    fixture.begin({ patience: { open: 100, quiet: 1e4, answer: 1e4 }, access });
+    const token = async () => exchanges.shift() ?? "a";
+    const access = { token, isServed: async () => served.shift() };
+    fixture.begin({ patience: { open: 100 }, access });
     await fixture.heard.until("state", "refused");
     assert.deepEqual([served, exchanges], [[], []]);
 });

@@ -20,8 +20,7 @@ test("A batch is read record by record, and what cannot be read costs nothing el
     const texts = heard.of("text").map(([, channel, text]) => channel + text);
     const read = ["/a{}", "/anot JSON \u{1f600}", "/b\ufffd", "/b\x1e\x1f", "/c", "/end"];
     assert.deepEqual(texts, read);
-    const faults = heard.of("fault").map(([, text]) => text);
-    assert.deepEqual([faults.length, faults[3]], [4, "messages 6 to 7 are missing"]);
+    assert.match(heard.of("fault").join(), /text.*JSON.*cut off.*messages 6 to 7 are missing/);
 });
 
 test("Blocks come whole or in pieces, and each is answered", async () => {
@@ -37,26 +36,19 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
     peer.piece(8, 3, [1, 2], false);
     peer.piece(9, 101, [0], false); // larger than is taken
     peer.piece(11, 2, [9], false);
-    peer.piece(13, 2, [9, 9, 9], false); // more than it said
+    peer.piece(12, 2, [9, 9, 9], false); // more than it said
     peer.batch(2, [["/a", "between"]]);
     peer.piece(8, 3, [3]);
     peer.control({ t: "withdrawn", transfer: 11, number: 4 });
     peer.piece(9, 5, [0]);
-    peer.piece(12, 6, [66]);
-    peer.piece(13, 7, []);
+    peer.piece(12, 6, []);
+    peer.piece(13, 7, [66]);
     peer.piece(11, 8, [7]); // of the withdrawn one nothing is left
     await fixture.settled(peer, 9);
     // Neither the refused ones nor the withdrawn one leave a gap.
-    assert.deepEqual(heard.of("block", "text", "fault"), [
-        ["block", "/bin", [255]],
-        ["text", "/a", "between"],
-        ["block", "/bin", [1, 2, 3]],
-        ["fault", "a block of 101 bytes, of 100 at most"],
-        ["fault", "no room".padEnd(1000, "!")],
-        ["fault", "a block of more than its 2 bytes"],
-        ["block", "/bin", [7]],
-        ["text", "/end", ""],
-    ]);
+    const told = heard.of("block", "text").map(([, channel, what]) => `${channel} ${what}`);
+    assert.deepEqual(told, ["/bin 255", "/a between", "/bin 1,2,3", "/bin 7", "/end "]);
+    assert.match(heard.of("fault").join(), /101 bytes, of 100.*more than its 2.*no room!+$/);
     const answers = [];
     while (answers.length < 6) answers.push(await peer.next("block"));
     const refused = answers.filter(({ ok, reason }) => !ok && reason.length <= 256);
@@ -65,21 +57,6 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
     peer.socket.terminate();
     const { last, refused: named } = (await fixture.peer({ kind: "return" })).hello;
     assert.deepEqual([last, named], [9, [5, 6, 7]]);
-});
-
-test("A block whose pieces a lost connection cut off comes again whole, and once", async () => {
-    const { heard } = fixture;
-    const peer = await fixture.connect({}, { blockChannels: ["/bin"] });
-    peer.piece(1, 4, [1, 2], false);
-    await fixture.settled(peer, 1);
-    peer.socket.terminate();
-    const second = await fixture.peer({ kind: "return", next: 2, blockChannels: ["/bin"] });
-    second.piece(1, 4, [1, 2], false);
-    for (const end of [[3, 4], [9]]) second.piece(1, 2, end);
-    await fixture.settled(second, 3, "second");
-    assert.deepEqual(heard.of("block", "fault"), [["block", "/bin", [1, 2, 3, 4]]]);
-    // What was taken before is answered, too.
-    for (let i = 0; i < 2; ++i) assert.equal((await second.next("block")).ok, true);
 });
 
 test("What is handled is acknowledged by bytes or by time; what is withdrawn counts, once it is due", async () => {
@@ -95,11 +72,12 @@ test("What is handled is acknowledged by bytes or by time; what is withdrawn cou
     assert.deepEqual(fixture.heard.of("fault"), []);
 });
 
-test("A lost connection is made again, and goes on behind the last message", async () => {
+test("A lost connection is made again, and goes on behind the last message and whole block", async () => {
     const { heard } = fixture;
     const subscribe = ["/a", "/given/up"];
     const peer = await fixture.connect({ subscribe, queueSize: 60 }, { next: 10 });
     const { page } = fixture;
+    peer.piece(1, 4, [1, 2], false);
     await fixture.settled(peer, 10, "ten");
     peer.socket.terminate();
     await heard.until("state", "reconnecting");
@@ -113,15 +91,11 @@ test("A lost connection is made again, and goes on behind the last message", asy
     assert.deepEqual((await second.next("unsubscribe")).channels, ["/given/up"]);
     assert.equal((await second.next("publish")).text, "kept");
     second.batch(10, [["/a", "ten, again"]]);
-    await fixture.settled(second, 11, "eleven");
-    assert.deepEqual(heard.of("text", "fault").flat(), [
-        "text",
-        "/end",
-        "ten",
-        "text",
-        "/end",
-        "eleven",
-    ]);
+    second.piece(1, 4, [1, 2], false);
+    for (const end of [[3, 4], [9]]) second.piece(1, 11, end);
+    await fixture.settled(second, 12, "twelve");
+    const told = "text,/end,ten block,,1,2,3,4 text,/end,twelve";
+    assert.equal(heard.of("text", "block", "fault").join(" "), told);
 });
 
 test("A close says whether to come back, to begin afresh, or to give up", async () => {
@@ -160,12 +134,10 @@ test("A connection that has gone silent is given up, with a code that leaves the
     t.mock.method(globalThis, "clearTimeout", (timer) => timers.delete(timer) || clear(timer));
     const peer = await fixture.connect({ patience: { open: 11, quiet: 12, answer: 13 } });
     assert.ok(!timers.has(11));
-    for (let number = 1; number <= 2; ++number) {
-        timers.get(12)();
-        await peer.next("echo");
-        await fixture.settled(peer, number, `sign ${number}`);
-        assert.ok(!timers.has(13), "a sign of life came");
-    }
+    timers.get(12)();
+    await peer.next("echo");
+    await fixture.settled(peer, 1);
+    assert.ok(!timers.has(13), "a sign of life came");
     peer.answersEchoes = false;
     timers.get(12)();
     timers.get(13)();
