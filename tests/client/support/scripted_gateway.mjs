@@ -60,12 +60,10 @@ class Peer {
     batch(number, records) {
         this.socket.send(number + records.map(([c, text]) => `\x1e${c}\x1f${text}`).join(""));
     }
-    /** A block or a piece of one. */
+    /** A block or a piece of one; its numbers are small. */
     piece(transfer, number, data, last = true) {
-        const frame = Buffer.from([1, last ? 1 : 0, 1, ...Array(13).fill(0), ...data]);
-        frame.writeUInt32LE(transfer, 4);
-        frame.writeBigUInt64LE(BigInt(number), 8);
-        this.socket.send(frame);
+        const header = [1, last ? 1 : 0, 1, 0, transfer, 0, 0, 0, number, ...Array(7).fill(0)];
+        this.socket.send(Buffer.from([...header, ...data]));
     }
 }
 
