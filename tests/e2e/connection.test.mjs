@@ -184,23 +184,3 @@ test("Who does not have the token is refused, and told what to do", async () => 
     await page.evaluate(() => void window.open("/"));
     await untilMore(await duplicate, "painted", 3);
 });
-
-test("A page of another origin is refused, although it has the token", async () => {
-    const { monitor, page } = await stage.start();
-    const stranger = await page.context().newPage();
-    await stranger.route("**", (route) =>
-        route.fulfill({ contentType: "text/html", body: "stranger" }),
-    );
-    await stranger.goto("http://127.0.0.1:8080/");
-    const opened = await stranger.evaluate(
-        ([url, subprotocols]) =>
-            new Promise((resolve) => {
-                const socket = new WebSocket(url, subprotocols);
-                socket.onopen = () => resolve(true);
-                socket.onerror = () => resolve(false);
-            }),
-        [monitor.socket, monitor.subprotocols],
-    );
-    assert.equal(opened, false);
-    await untilMore(page, "painted", 3);
-});

@@ -24,9 +24,6 @@ export class Monitor {
         }
         monitor.link = await monitor.line(/^http:/);
         monitor.origin = new URL(monitor.link).origin;
-        monitor.socket = monitor.origin.replace("http", "ws") + "/kiroweb";
-        const token = new URLSearchParams(new URL(monitor.link).hash.slice(1)).get("token");
-        monitor.subprotocols = ["kiroweb.v1", `kiroweb.token.${token}`];
         return monitor;
     }
     /** The first line, past or future, that matches. */
