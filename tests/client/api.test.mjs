@@ -4,7 +4,7 @@ import { execFileSync } from "node:child_process";
 import { mkdtempSync, readdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
-import { test } from "node:test";
+import { after, test } from "node:test";
 import { fileURLToPath, pathToFileURL } from "node:url";
 
 import { CLOSE_CODES, nextAttempt } from "../../client/close_codes.mjs";
@@ -13,57 +13,41 @@ import { ScriptedGateway } from "./support/scripted_gateway.mjs";
 
 const ROOT = fileURLToPath(new URL("../../", import.meta.url));
 const CLIENT = join(ROOT, "client");
-const read = (...path) => readFileSync(join(ROOT, ...path), "utf8");
-
-function folder(t) {
-    const path = mkdtempSync(join(tmpdir(), "kiroweb-"));
-    t.after(() => rmSync(path, { recursive: true }));
-    return path;
-}
-function compile(...options) {
-    const compiler = join(CLIENT, "node_modules/typescript/bin/tsc");
-    try {
-        execFileSync(process.execPath, [compiler, ...options], { encoding: "utf8" });
-    } catch (error) {
-        assert.fail(error.stdout);
-    }
-}
+const read = (path) => readFileSync(join(ROOT, path), "utf8");
 const exampleIn = (text) => /```js\n([^]*?)```/.exec(text)[1];
 
-test("The declarations are those of the source", (t) => {
-    const made = folder(t);
+const folder = mkdtempSync(join(tmpdir(), "kiroweb-"));
+after(() => rmSync(folder, { recursive: true }));
+
+function compile(...options) {
+    const compiler = join(CLIENT, "node_modules/typescript/bin/tsc");
+    execFileSync(process.execPath, [compiler, ...options], { stdio: "inherit" });
+}
+
+test("The declarations are those of the source", () => {
+    const made = join(folder, "declarations");
     compile("-p", join(CLIENT, "tsconfig.declarations.json"), "--outDir", made);
-    assert.deepEqual(readdirSync(join(CLIENT, "declarations")).sort(), readdirSync(made).sort());
-    for (const name of readdirSync(made)) {
-        const message = `${name}: run "npm run declarations" in client/`;
-        assert.equal(
-            read("client/declarations", name),
-            readFileSync(join(made, name), "utf8"),
-            message,
-        );
-    }
+    const readAll = (path) =>
+        readdirSync(path).map((name) => [name, readFileSync(join(path, name), "utf8")]);
+    const [kept, fresh] = [join(CLIENT, "declarations"), made].map(readAll).map(Object.fromEntries);
+    assert.deepEqual(kept, fresh, 'run "npm run declarations" in client/');
 });
 
-test("The example is one, and its types are right", (t) => {
+test("The example is one, its types are right, and it shows what the engine sends, and answers", async (t) => {
     const example = exampleIn(read("client/README.md"));
-    const inSource = exampleIn(read("client/protocol.mjs").replaceAll(/^ \* ?/gm, ""));
-    assert.equal(example, inSource);
-    const project = folder(t);
+    assert.equal(example, exampleIn(read("client/protocol.mjs").replaceAll(/^ \* ?/gm, "")));
+    const write = (name, text) => writeFileSync(join(folder, name), text);
     const compilerOptions = {
         ...JSON.parse(read("client/tsconfig.json")).compilerOptions,
         noUnusedParameters: false,
         paths: { "/kiroweb/*": [join(CLIENT, "declarations/*")] },
     };
-    writeFileSync(join(project, "page.mjs"), example);
-    writeFileSync(
-        join(project, "tsconfig.json"),
-        JSON.stringify({ compilerOptions, files: ["page.mjs"] }),
-    );
-    compile("-p", project);
-});
+    write("page.mjs", example);
+    write("tsconfig.json", JSON.stringify({ compilerOptions, files: ["page.mjs"] }));
+    compile("-p", folder);
 
-test("The example shows what the engine sends, and answers", async (t) => {
     const gateway = await ScriptedGateway.start();
+    t.after(() => gateway.stop());
     const shown = [];
     Object.assign(globalThis, {
         WebSocket,
@@ -73,50 +57,36 @@ test("The example shows what the engine sends, and answers", async (t) => {
         addEventListener: () => {},
         document: { body: { append: (text) => shown.push(text) }, createElement: () => "" },
     });
-    t.after(() => gateway.stop());
-    const path = join(folder(t), "page.mjs");
-    const module = pathToFileURL(join(CLIENT, "protocol.mjs"));
-    const example = exampleIn(read("client/README.md")).replace(
-        "/kiroweb/protocol.mjs",
-        module.href,
-    );
-    writeFileSync(path, `${example}\nexport { connection };\n`);
-    const { connection } = await import(pathToFileURL(path));
+    const module = pathToFileURL(join(CLIENT, "protocol.mjs")).href;
+    const runnable = example.replace("/kiroweb/protocol.mjs", module);
+    write("page.mjs", `${runnable}\nexport { connection };\n`);
+    const { connection } = await import(pathToFileURL(join(folder, "page.mjs")));
     t.after(() => connection.close());
     const peer = await gateway.peer();
-    assert.deepEqual(peer.offered, ["kiroweb.v1", "kiroweb.token.a1b2"]);
     const configuration = { commands: "/commands", newView: "/newView", ready: "/ready" };
     await peer.welcome({ configuration });
     assert.deepEqual((await peer.next("subscribe")).channels, ["/commands"]);
     assert.equal((await peer.next("publish")).channel, "/newView");
     assert.equal((await peer.next("publish")).channel, "/ready");
     const token = JSON.stringify({ cmd: "sendACT", ACT: "7", returnChannel: "/drawn" });
-    peer.batch(1, [
-        ["/commands", '{"cmd":"line","x":NaN}'],
-        ["/commands", token],
-    ]);
+    const line = '{"cmd":"line","x":NaN}';
+    peer.batch(
+        1,
+        [line, token].map((text) => ["/commands", text]),
+    );
     const answer = await peer.next("publish");
     assert.deepEqual([answer.channel, JSON.parse(answer.text)], ["/drawn", { ACT: "7" }]);
-    assert.deepEqual(shown, ['{"cmd":"line","x":NaN}']);
+    assert.deepEqual(shown, [line]);
 });
 
 test("Gateway, module and document agree on the close codes", () => {
-    const files = readdirSync(join(ROOT, "gateway"), { recursive: true }).filter((name) =>
-        name.endsWith(".hpp"),
-    );
-    const header = files
-        .map((name) => read("gateway", name))
-        .find((text) => text.includes("enum class CloseCode"));
+    const [declared] = /enum class CloseCode[^]*?};/.exec(read("gateway/src/PageMessages.hpp"));
     const inGateway = {};
-    for (const [, first, rest, number] of /enum class CloseCode[^]*?};/
-        .exec(header)[0]
-        .matchAll(/\bk([A-Z])(\w*) = (\d+)/g)) {
+    for (const [, first, rest, number] of declared.matchAll(/\bk([A-Z])(\w*) = (\d+)/g)) {
         inGateway[first.toLowerCase() + rest] = Number(number);
     }
-    const ours = Object.entries(CLOSE_CODES).filter(
-        ([name, code]) => code >= 4000 || inGateway[name],
-    );
-    assert.deepEqual(inGateway, Object.fromEntries(ours));
+    const isShared = ([name, code]) => code >= 4000 || inGateway[name];
+    assert.deepEqual(inGateway, Object.fromEntries(Object.entries(CLOSE_CODES).filter(isShared)));
 
     const meanings = { yes: "return", afresh: "afresh", no: "refused" };
     const inDocument = {};

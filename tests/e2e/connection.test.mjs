@@ -1,7 +1,6 @@
 // What pages do to the monitor, and networks to both.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
-import { once } from "node:events";
 import { createReadStream } from "node:fs";
 import { mkdtemp, readFile, rm, writeFile } from "node:fs/promises";
 import { tmpdir } from "node:os";
@@ -9,7 +8,6 @@ import { join } from "node:path";
 import { text } from "node:stream/consumers";
 import { test } from "node:test";
 
-import { WebSocket } from "../client/support/packages.mjs";
 import { Monitor } from "./support/monitor.mjs";
 import { assertClean, outcomesOf, untilMore, untilState } from "./support/page.mjs";
 import { Stage } from "./support/stage.mjs";
@@ -134,63 +132,12 @@ test("A frozen page is named as the cause of a time-out, and goes on when it wak
     await devtools.send("Debugger.disable");
     await monitor.line(/monitor: client answers again/);
     await untilMore(page, "painted", 5);
-    const { cause, gateway, latency, history } = JSON.parse(await readFile(file, "utf8"));
-    assert.deepEqual([cause, gateway.pages], ["client stalled", 1]);
-    assert.ok(
-        history.some(({ EventData }) => JSON.stringify(EventData).includes("to be remembered")),
-        "the history has the error",
-    );
+    const { cause, latency, history } = JSON.parse(await readFile(file, "utf8"));
+    assert.equal(cause, "client stalled");
+    assert.match(JSON.stringify(history), /to be remembered/);
     const { toClient, atClient, toEngine, total } = latency;
-    assert.ok(
-        latency.flushes >= 6 && atClient.p50 > 0 && atClient.p50 <= atClient.p99,
-        "the page's part",
-    );
+    assert.ok(atClient.p50 > 0 && atClient.p50 <= atClient.p99, "the page's part");
     assert.equal(toClient.last + atClient.last + toEngine.last, total.last);
-});
-
-test("A wait without an answer names its cause, and is over when the last page closes", async () => {
-    const monitor = await stage.monitor("--timeout", "1");
-    await monitor.line(/timed out: no client yet/);
-    const page = await stage.page();
-    await page.goto(monitor.link);
-    await untilMore(page, "painted", 3);
-    await page.evaluate(() => {
-        globalThis.swallowed = 0;
-        kirowebPage.flusher.token = () => ++globalThis.swallowed;
-    });
-    await monitor.line(/timed out: token lost/);
-    const swallowed = await page.evaluate(() => globalThis.swallowed);
-    await page.waitForFunction((before) => globalThis.swallowed > before, swallowed);
-    await page.close();
-    await monitor.line(/monitor: client gone/);
-    await monitor.end({ timedOut: monitor.said.match(/timed out/g).length, left: 1 });
-});
-
-test("A client that breaks the rules is told so, and the others go on", async () => {
-    const { monitor, page } = await stage.start();
-    const { origin } = monitor;
-    const answerTo = async (what, event) => {
-        const socket = new WebSocket(monitor.socket, monitor.subprotocols, { origin });
-        stage.defer(() => socket.terminate());
-        await once(socket, "open");
-        socket.send(what);
-        return [socket, (await once(socket, event))[0]];
-    };
-    for (const [what, code] of [
-        ["{oops", 4000],
-        ['{"t":"echo","id":1}', 4000],
-        [Buffer.alloc(16), 4000],
-        [" ".repeat(4 * 1024 * 1024 + 1), 1009],
-    ]) {
-        assert.equal((await answerTo(what, "close"))[1], code);
-    }
-    await monitor.line(/monitor: gateway: bad message from a page: /);
-    const [socket] = await answerTo('{"t":"hello","version":1}', "message");
-    socket.send('{"t":"explode"}');
-    assert.match(String((await once(socket, "message"))[0]), /"refused".*"explode"/);
-    socket.close();
-    await untilMore(page, "painted", 3);
-    await assertClean(page);
 });
 
 test("The browser that is opened is a program of its own, and gets no more than a link", async () => {
@@ -236,24 +183,4 @@ test("Who does not have the token is refused, and told what to do", async () => 
     const duplicate = page.waitForEvent("popup");
     await page.evaluate(() => void window.open("/"));
     await untilMore(await duplicate, "painted", 3);
-});
-
-test("A page of another origin is refused, although it has the token", async () => {
-    const { monitor, page } = await stage.start();
-    const stranger = await page.context().newPage();
-    await stranger.route("**", (route) =>
-        route.fulfill({ contentType: "text/html", body: "stranger" }),
-    );
-    await stranger.goto("http://127.0.0.1:8080/");
-    const opened = await stranger.evaluate(
-        ([url, subprotocols]) =>
-            new Promise((resolve) => {
-                const socket = new WebSocket(url, subprotocols);
-                socket.onopen = () => resolve(true);
-                socket.onerror = () => resolve(false);
-            }),
-        [monitor.socket, monitor.subprotocols],
-    );
-    assert.equal(opened, false);
-    await untilMore(page, "painted", 3);
 });

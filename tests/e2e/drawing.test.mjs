@@ -3,7 +3,7 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { readCoast, readEcg, readQuakes } from "./support/data.mjs";
-import { assertClean, outcomesOf, pictureOf, untilMore } from "./support/page.mjs";
+import { assertClean, outcomesOf, pictureOf } from "./support/page.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
@@ -18,15 +18,6 @@ async function draw(page, frames) {
     checkMap(await pictureOf(page, "quakes.axes"), frames % 300);
     assert.deepEqual(await outcomesOf(page), { painted: frames, hidden: 0, failed: 0 });
     assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
-}
-
-/** For the README, when a file is named: with the chart full and the week well under way. */
-async function keepScreenshot(page) {
-    const path = process.env.KIROWEB_SCREENSHOT;
-    if (!path) return;
-    await page.setViewportSize({ width: 1280, height: 430 });
-    await page.waitForFunction(() => kirowebPage.scene.frame.number % 300 > 280);
-    await page.screenshot({ path });
 }
 
 const isGreen = (r, g, b, a) => a > 128 && g > 1.5 * r && g > 1.3 * b;
@@ -127,22 +118,5 @@ test("A place picked by mouse or keyboard is named in the next frame", async () 
     for (let i = 0; i < 20; ++i) await page.keyboard.press("ArrowLeft");
     await page.keyboard.press("Enter");
     await picked(clicked);
-    await assertClean(page);
-    await keepScreenshot(page);
-});
-
-test("It fits a phone, and follows the scheme of colours", async () => {
-    const { page } = await stage.start({
-        context: { colorScheme: "light", viewport: { width: 360, height: 740 } },
-    });
-    assert.ok(
-        await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth),
-        "too wide",
-    );
-    const background = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);
-    const light = await background();
-    await page.emulateMedia({ colorScheme: "dark" });
-    assert.notEqual(await background(), light);
-    await untilMore(page, "painted", 3);
     await assertClean(page);
 });

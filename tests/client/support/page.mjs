@@ -1,23 +1,22 @@
 // A connection of a page's to a scripted gateway, and what the page is told.
+import { EventEmitter, once } from "node:events";
 import { afterEach, beforeEach } from "node:test";
 
 import { Connection } from "../../../client/protocol.mjs";
 import { WebSocket } from "./packages.mjs";
 import { ScriptedGateway } from "./scripted_gateway.mjs";
 
-/** What the page was told, in order, and promises of what it is told next. */
-class Heard {
+/** What the page was told, in order. */
+class Heard extends EventEmitter {
     events = [];
-    #waits = [];
-    note = (...event) => {
+    note(...event) {
         this.events.push(event);
-        this.#waits = this.#waits.filter(({ wanted, resolve }) => !wanted(event) || resolve());
-    };
+        this.emit("told");
+    }
     /** Ends when an event has these members, or has had. */
-    until(...members) {
-        const wanted = (event) => members.every((member, i) => event[i] === member);
-        if (this.events.some(wanted)) return Promise.resolve();
-        return new Promise((resolve) => this.#waits.push({ wanted, resolve }));
+    async until(...members) {
+        const isWanted = (event) => members.every((member, i) => event[i] === member);
+        while (!this.events.some(isWanted)) await once(this, "told");
     }
     of(...kinds) {
         return this.events.filter(([kind]) => kinds.includes(kind));
@@ -28,7 +27,6 @@ class Heard {
         onText: (channel, text) => this.note("text", channel, text),
         onBlock: (channel, block) => this.note("block", channel, [...block]),
         onFault: (error) => this.note("fault", error.message),
-        onRefused: (what, channel) => this.note("refused", what, channel),
     };
 }
 
@@ -50,11 +48,15 @@ export class Fixture {
         const { url } = this.gateway;
         this.page = new Connection(url, this.heard.handlers, { WebSocket, backoff, ...options });
     }
-    /** @returns the peer, with the page's hello */
-    async connect(options = {}, welcome = {}) {
-        this.begin(options);
+    /** The page's next connection, to which the gateway has said hello. */
+    async peer(welcome) {
         const peer = await this.gateway.peer();
-        peer.hello = await peer.welcome(welcome);
+        await peer.welcome(welcome);
+        return peer;
+    }
+    async connect(options, welcome) {
+        this.begin(options);
+        const peer = await this.peer(welcome);
         await this.heard.until("state", "live");
         return peer;
     }
@@ -63,22 +65,4 @@ export class Fixture {
         peer.batch(number, [["/end", text]]);
         await this.heard.until("text", "/end", text);
     }
-}
-
-/** Has timers run when the returned function names their milliseconds; it says whether one did. */
-export function holdTimers(t) {
-    const held = new Map();
-    let latest = 0;
-    t.mock.method(globalThis, "setTimeout", (call, ms) => {
-        held.set(++latest, { call, ms });
-        return latest;
-    });
-    t.mock.method(globalThis, "clearTimeout", (id) => held.delete(id));
-    return (wanted) => {
-        const found = [...held].find(([, { ms }]) => ms === wanted);
-        if (!found) return false;
-        held.delete(found[0]);
-        found[1].call();
-        return true;
-    };
 }

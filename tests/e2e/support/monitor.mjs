@@ -24,9 +24,6 @@ export class Monitor {
         }
         monitor.link = await monitor.line(/^http:/);
         monitor.origin = new URL(monitor.link).origin;
-        monitor.socket = monitor.origin.replace("http", "ws") + "/kiroweb";
-        const token = new URLSearchParams(new URL(monitor.link).hash.slice(1)).get("token");
-        monitor.subprotocols = ["kiroweb.v1", `kiroweb.token.${token}`];
         return monitor;
     }
     /** The first line, past or future, that matches. */
@@ -48,25 +45,12 @@ export class Monitor {
     async end(expected = {}, { asked = true } = {}) {
         if (asked) this.process.kill("SIGINT");
         const line = await this.line(/ frames: /);
-        const [frames, drawn, failed, timedOut, left, views, returns] = line
-            .match(/\d+/g)
-            .map(Number);
-        const all = {
-            frames,
-            drawn,
-            failed,
-            timedOut,
-            left,
-            views,
-            returns,
-            status: await this.exited,
-        };
-        for (const [name, number] of Object.entries({
-            status: drawn === frames ? 0 : 1,
-            failed: 0,
-            timedOut: 0,
-            ...expected,
-        })) {
+        const names = ["frames", "drawn", "failed", "timedOut", "left", "views", "returns"];
+        const all = Object.fromEntries(line.match(/\d+/g).map((n, i) => [names[i], Number(n)]));
+        all.status = await this.exited;
+        const status = all.drawn === all.frames ? 0 : 1;
+        const wanted = { status, failed: 0, timedOut: 0, ...expected };
+        for (const [name, number] of Object.entries(wanted)) {
             assert.ok([number].flat().includes(all[name]), `${name}: ${all[name]}\n${this.said}`);
         }
     }

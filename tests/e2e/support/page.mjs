@@ -13,12 +13,8 @@ export async function untilState(page, name) {
 export async function untilMore(page, outcome, count) {
     await page.waitForFunction(() => globalThis.kirowebPage, null, PATIENCE);
     const before = await page.evaluate((o) => kirowebPage.outcomes[o], outcome);
-    const most = { o: outcome, wanted: before + count };
-    await page.waitForFunction(
-        ({ o, wanted }) => kirowebPage.outcomes[o] >= wanted,
-        most,
-        PATIENCE,
-    );
+    const isReached = ([o, wanted]) => kirowebPage.outcomes[o] >= wanted;
+    await page.waitForFunction(isReached, [outcome, before + count], PATIENCE);
 }
 
 export const outcomesOf = (page) => page.evaluate(() => ({ ...kirowebPage.outcomes }));
