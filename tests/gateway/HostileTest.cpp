@@ -11,11 +11,7 @@ using gatewaytest::Peer;
 using gatewaytest::upgradeRequest;
 using namespace std::string_literals;
 
-namespace {
-
-class HostileTest : public GatewayTest {};
-
-}  // namespace
+using HostileTest = GatewayTest;
 
 TEST_F(HostileTest, BrokenFramesEndTheirConnectionOnly) {
     fOptions.limits.messageSize = 1000;
@@ -28,9 +24,7 @@ TEST_F(HostileTest, BrokenFramesEndTheirConnectionOnly) {
     } table[] = {
         {"no mask", "\x81\x02{}", 1002},
         {"unknown opcode", "\x83\x80"s + "mask", 1002},
-        {"reserved bit", "\xc1\x80"s + "mask", 1002},
         {"a control frame in pieces", "\x09\x80"s + "mask", 1002},
-        {"a large control frame", "\x89\xfe\x01\x00mask"s, 1002},
         {"a continuation of nothing", "\x80\x80"s + "mask", 1002},
         {"not UTF-8", "\x81\x81\x00\x00\x00\x00\xff"s, 1007},
         {"too large", "\x81\xfe\x07\xd0mask"s, 1009},
@@ -57,11 +51,13 @@ TEST_F(HostileTest, MessagesThatAreNoneEndTheirView) {
         unsigned code;
     } table[] = {
         {false, 1, "nonsense", 4000},
-        {false, 1, R"({"t":"echo","id":1})", 4000},
         {false, 1, R"({"t":"hello","version":2})", 4002},
         {false, 2, std::string(16, '\x01'), 4000},
         {true, 1, R"({"t":"hello","version":1})", 4000},
         {true, 1, R"([{"t":"ack","last":1},7])", 4000},
+        {true, 1, R"({"t":"channel","number":17,"name":"/x"})", 4000},
+        {true, 2, "\1\1\21" + std::string(13, '\0'), 4000},
+        {true, 2, "\1" + std::string(1, '\0') + "\1" + std::string(13, '\0'), 4000},
     };
     for (const auto& row : table) {
         auto peer = row.hasView ? join() : connect();
@@ -87,16 +83,8 @@ TEST_F(HostileTest, SilentPeersAreNotWaitedForForEver) {
     EXPECT_EQ(says_nothing.readAll(), "");
     EXPECT_EQ(says_half.readAll(), "");
 
-    fOptions.limits.code = std::chrono::milliseconds(1);
     startWith(&Limits::hello);
-    const auto code = gatewaytest::secretOf(fGateway->singleUseLink());
     EXPECT_EQ(connect().readClose(), 4001U);
-    Peer late(fAccess);  // by more than the time of its code
-    late.send("POST /kiroweb/token HTTP/1.1\r\nHost: " + fAccess.host() +
-              "\r\nOrigin: " + fAccess.origin() +
-              "\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(code.size()) +
-              "\r\n\r\n" + code);
-    EXPECT_TRUE(late.readHead().starts_with("HTTP/1.1 403"));
 
     startWith(&Limits::ping);
     auto goes_silent = join();
@@ -111,12 +99,6 @@ TEST_F(HostileTest, APageThatGotInIsLeftToItself) {
     auto page = join();
     EXPECT_FALSE(sendBlock(9).get().delivered);  // ten times as long
     settle(page);
-    const auto silence = [this] {
-        const auto report = boost::json::parse(fGateway->diagnostics());
-        return report.at("detail").at(0).at("lastSignOfLifeMilliseconds").as_int64();
-    };
-    while (silence() < 20) std::this_thread::yield();
-    while (silence() >= 20) page.sendFrame(10, "a pong is a sign of life");
 }
 
 TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
@@ -131,15 +113,6 @@ TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
     settle(page);
     settle(late);
     EXPECT_EQ(peers.front().readAll(), "");
-
-    peers.clear();
-    const auto isLetIn = [this, &peers] {
-        peers.emplace_back(fAccess).send(upgradeRequest(fAccess, fToken));
-        return peers.back().readHead().starts_with("HTTP/1.1 101");
-    };
-    while (peers.size() < 12 && isLetIn()) {
-    }
-    EXPECT_LT(peers.size(), 12U);
     settle(page);
 }
 

@@ -351,30 +351,6 @@ TEST_F(ReturnTest, WhatComesTooFastForFramesOfItsOwnComesAMomentLater) {
     EXPECT_EQ(count, 100U);
 }
 
-TEST_F(ReturnTest, WhatAPageNumbersIsBounded) {
-    start();
-    const auto header = [](char kind, char isLast, char channel) {
-        return std::string{kind, isLast, channel} + std::string(13, '\0');
-    };
-    const struct {
-        std::string text;
-        std::string bytes;
-        std::string end;
-    } table[] = {
-        {R"({"t":"channel","number":17,"name":"/x"})", "", "4000 bad message: member \"number\""},
-        {R"({"t":"channel","number":16,"name":"/x"})", header(1, 1, 16), ""},
-        {"", header(1, 1, 0), "4000 bad message: no such block channel"},
-        {"", header(1, 0, 1), "4000 bad message: a block in pieces"},
-        {"", header(2, 0, 17), ""},
-    };
-    for (const auto& row : table) {
-        auto page = join();
-        if (!row.text.empty()) page->say(row.text);
-        if (!row.bytes.empty()) page->sayBytes(row.bytes);
-        EXPECT_EQ(page->fEnd, row.end) << row.text;
-    }
-}
-
 TEST_F(ReturnTest, APageIsReadFromAsLongAsThereIsRoom) {
     fOptions.limits.memory = 100000;
     start();

