@@ -346,10 +346,7 @@ TEST_F(PaceTest, TellsASlowPageFromOneThatIsSentMuch) {
 TEST_F(PaceTest, WaitsForAcknowledgementsOfWhatWasTaken) {
     fPace.restart(fNow);
     pass(5000, 5000, 0);
-    for (int minute = 0; minute < 10; ++minute) {  // which does not excuse what comes then
-        EXPECT_EQ(secondsUntilTooSlow(500, 500, 500), 0);
-    }
+    EXPECT_EQ(secondsUntilTooSlow(500, 500, 500), 0);
     const int slow = secondsUntilTooSlow(500, 500, 100);
-    EXPECT_GT(slow, 0);
-    EXPECT_LE(slow, 22);
+    EXPECT_TRUE(slow > 0 && slow <= 22) << slow;
 }
