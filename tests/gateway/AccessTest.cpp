@@ -174,27 +174,19 @@ TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
     const struct {
         const char* address;
         std::uint16_t port;
-        bool isTls;
         const char* host;
-        bool isOurs;
+        const char* status;
     } table[] = {
-        {"127.0.0.1", 443, true, "127.0.0.1", true},
-        {"::1", 9, false, "[::1]:9", true},
-        {"192.0.2.1", 9, false, "127.0.0.1:9", false},
-        {"2001:db8::1", 9, false, "[2001:db8::1]:9", true},
+        {"127.0.0.1", 443, "127.0.0.1", "200"},
+        {"::1", 9, "[::1]:9", "200"},
+        {"192.0.2.1", 9, "127.0.0.1:9", "403"},
     };
     for (const auto& row : table) {
         fOptions.address = row.address;
-        fOptions.certificateFile = row.isTls ? "certificate" : "";
-        AccessPolicy policy(fOptions, row.port, fSecrets);
-        Request request;
-        request.method = "GET";
-        request.target = "/";
-        request.hosts = {row.host};
-        EXPECT_EQ(policy.decide(request, kStart).status, row.isOurs ? 200U : 403U) << row.host;
-        const auto fields = policy.commonFields(row.host);
-        const auto connect = (row.isTls ? "'self' wss://"s : "'self' ws://"s) + row.host + ";";
-        EXPECT_NE(fields.find(connect), std::string::npos) << fields;
+        fOptions.certificateFile = row.port == 443 ? "certificate" : "";
+        fPolicy.emplace(fOptions, row.port, fSecrets);
+        const auto answer = answerTo("GET / HTTP/1.1\r\nHost: "s + row.host + "\r\n\r\n");
+        EXPECT_EQ(statusOf(answer), row.status) << row.host;
     }
 }
 
@@ -218,13 +210,11 @@ TEST_F(GatewayTest, AccessOverAConnection) {
     const auto code = secretOf(fGateway->singleUseLink());
     const auto head = "POST /kiroweb/token HTTP/1.1\r\n" + host + "Origin: " + fAccess.origin() +
                       "\r\nContent-Length: 64\r\n\r\n";
-    // A body in pieces, and another request on the same connection.
     Peer peer(fAccess);
     peer.send(head + code.substr(0, 10));
     peer.send(code.substr(10) + "GET /none HTTP/1.1\r\n" + host + "\r\n");
     EXPECT_EQ(statusOf(peer.readHead()), "200");
-    const auto rest = peer.readAll();
-    EXPECT_TRUE(rest.starts_with(fToken + "HTTP/1.1 404 Not Found\r\n")) << rest;
+    EXPECT_TRUE(peer.readAll().starts_with(fToken + "HTTP/1.1 404")) << "the next request";
 
     // The second request of each would be answered, had the first not ended the connection.
     const auto second = "GET / HTTP/1.1\r\n" + host + "\r\n";
@@ -243,10 +233,6 @@ TEST_F(GatewayTest, AccessOverAConnection) {
         EXPECT_EQ(statusOf(all), row.status) << row.request;
         EXPECT_EQ(all.rfind("HTTP/1.1"), 0U) << all;
     }
-    Peer page(fAccess);
-    page.send(upgrade);
-    EXPECT_TRUE(page.readHead().starts_with("HTTP/1.1 101"));
-
     fGateway.reset();
     EXPECT_EQ(lines.size(), std::size(table) + 1);
     for (const auto& line : lines) {

@@ -101,22 +101,17 @@ TEST(Options, ALimitOfZeroIsNamed) {
 
 TEST(Options, AddressesAndFilesThatCannotBeHadAreNamed) {
     const Gateway first({});
-    const auto taken = "cannot listen on 127.0.0.1:" + std::to_string(first.port()) +
-                       " (choose another port, or 0 for a free one)";
-    const auto tls = [](Options& o) { o.certificateFile = o.keyFile = "/nowhere/at\nall.pem"; };
-    const struct {
-        Options options;
-        std::string begin;
-    } table[] = {
-        {with([&](Options& o) { o.port = first.port(); }), taken},
-        {with(tls),
-         R"(certificateFile: "/nowhere/at\x0aall.pem" is no PEM file that can be read: )"},
+    const auto port = std::to_string(first.port());
+    const auto fail = [](const Options& options) {
+        return failureOf<std::system_error>([&options] { Gateway gateway(options); });
     };
-    for (const auto& [options, begin] : table) {
-        const auto text =
-            failureOf<std::system_error>([&options = options] { Gateway gateway(options); });
-        EXPECT_TRUE(text.starts_with(begin)) << text;
-    }
+    EXPECT_EQ(fail(with([&](Options& o) {
+                  o.port = first.port();
+              })).find("cannot listen on 127.0.0.1:" + port),
+              0U);
+    const auto tls = [](Options& o) { o.certificateFile = o.keyFile = "/nowhere/at\nall.pem"; };
+    EXPECT_EQ(fail(with(tls)).find(R"(certificateFile: "/nowhere/at\x0aall.pem" is no PEM file)"),
+              0U);
     EXPECT_THROW(static_cast<void>(loadAsset("/", "/nowhere.html")), std::runtime_error);
 }
 

@@ -150,14 +150,6 @@ TEST_F(PressureTest, CountsASharedTextOnceHoweverManyPagesWaitForIt) {
     EXPECT_LT(held(), 21000000U);
 }
 
-TEST_F(PressureTest, GivesABlockBackThatCanNeverFit) {
-    fOptions.limits.memory = 1000000;
-    start();
-    auto page = join();
-    EXPECT_FALSE(sendBlock(1000001).get().delivered);
-    settle(page);
-}
-
 TEST_F(PressureTest, SendsMuchToAPageThatReads) {
     fOptions.limits.queueSize = 1000000;
     fOptions.limits.queue = std::chrono::seconds(5);

