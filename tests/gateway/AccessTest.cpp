@@ -124,6 +124,7 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
         {offering("kiroweb.token." + token + ",kiroweb.v1,other"), "101"},
         {offering("kiroweb.v1"), "403"},
         {offering("kiroweb.v1, kiroweb.token." + token + "0"), "403"},
+        {offering("kiroweb.v1, kiroweb.token." + token.substr(1) + token[0]), "403"},
         {offering(offers + ", kiroweb.token." + token), "400"},
         {offering("kiroweb.token." + token), "400"},
         {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), "404"},
@@ -187,16 +188,6 @@ TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
         fPolicy.emplace(fOptions, row.port, fSecrets);
         const auto answer = answerTo("GET / HTTP/1.1\r\nHost: "s + row.host + "\r\n\r\n");
         EXPECT_EQ(statusOf(answer), row.status) << row.host;
-    }
-}
-
-TEST(Secrets, AreLongAndComparedWhole) {
-    const Secrets secrets(std::chrono::seconds(60));
-    const auto token = secrets.token();
-    EXPECT_EQ(token.size(), 64U);
-    EXPECT_NE(token, Secrets(std::chrono::seconds(60)).token());
-    for (const auto& given : {token.substr(1) + token[0], ""s, token + token}) {
-        EXPECT_FALSE(secrets.isToken(given)) << given;
     }
 }
 

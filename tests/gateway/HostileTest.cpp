@@ -13,54 +13,50 @@ using namespace std::string_literals;
 
 using HostileTest = GatewayTest;
 
-TEST_F(HostileTest, BrokenFramesEndTheirConnectionOnly) {
+TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
     fOptions.limits.messageSize = 1000;
     start();
     auto good = join();
     const struct {
-        const char* what;
         std::string bytes;
         unsigned code;
-    } table[] = {
-        {"no mask", "\x81\x02{}", 1002},
-        {"unknown opcode", "\x83\x80"s + "mask", 1002},
-        {"a continuation of nothing", "\x80\x80"s + "mask", 1002},
-        {"not UTF-8", "\x81\x81\x00\x00\x00\x00\xff"s, 1007},
-        {"too large", "\x81\xfe\x07\xd0mask"s, 1009},
-        {"absurdly large", "\x82\xff\x7f\xff\xff\xff\xff\xff\xff\xffmask"s, 1009},
+    } frames[] = {
+        {"\x81\x02{}", 1002},                                     // no mask
+        {"\x83\x80"s + "mask", 1002},                             // an unknown opcode
+        {"\x80\x80"s + "mask", 1002},                             // a continuation of nothing
+        {"\x81\x81\x00\x00\x00\x00\xff"s, 1007},                  // not UTF-8
+        {"\x81\xfe\x07\xd0mask"s, 1009},                          // too large
+        {"\x82\xff\x7f\xff\xff\xff\xff\xff\xff\xffmask"s, 1009},  // absurdly large
     };
-    for (const auto& row : table) {
+    for (const auto& [bytes, code] : frames) {
         for (const bool hasView : {false, true}) {
             auto peer = hasView ? join() : connect();
-            peer.send(row.bytes);
-            EXPECT_EQ(peer.readClose(), row.code) << row.what << hasView;
+            peer.send(bytes);
+            EXPECT_EQ(peer.readClose(), code) << hasView;
             EXPECT_EQ(peer.readFrame().opcode, 0U);
         }
     }
-    settle(good);
-}
-
-TEST_F(HostileTest, MessagesThatAreNoneEndTheirView) {
-    start();
     const struct {
         bool hasView;
         unsigned opcode;
         std::string payload;
-        unsigned code;
-    } table[] = {
-        {false, 1, "nonsense", 4000},
-        {false, 1, R"({"t":"hello","version":2})", 4002},
-        {true, 1, R"({"t":"hello","version":1})", 4000},
-        {true, 1, R"([{"t":"ack","last":1},7])", 4000},
-        {true, 1, R"({"t":"channel","number":17,"name":"/x"})", 4000},
-        {true, 2, "\1\1\21" + std::string(13, '\0'), 4000},
-        {true, 2, "\1" + std::string(1, '\0') + "\1" + std::string(13, '\0'), 4000},
+    } messages[] = {
+        {false, 1, "nonsense"},
+        {true, 1, R"({"t":"hello","version":1})"},
+        {true, 1, R"([{"t":"ack","last":1},7])"},
+        {true, 1, R"({"t":"channel","number":17,"name":"/x"})"},
+        {true, 2, "\1\1\21" + std::string(13, '\0')},                           // no such channel
+        {true, 2, "\1" + std::string(1, '\0') + "\1" + std::string(13, '\0')},  // in pieces
     };
-    for (const auto& row : table) {
-        auto peer = row.hasView ? join() : connect();
-        peer.sendFrame(row.opcode, row.payload);
-        EXPECT_EQ(peer.readClose(), row.code) << row.payload;
+    for (const auto& [hasView, opcode, payload] : messages) {
+        auto peer = hasView ? join() : connect();
+        peer.sendFrame(opcode, payload);
+        EXPECT_EQ(peer.readClose(), 4000U) << payload;
     }
+    auto future = connect();
+    future.sendText(R"({"t":"hello","version":2})");
+    EXPECT_EQ(future.readClose(), 4002U);
+    settle(good);
 }
 
 TEST_F(HostileTest, SilentPeersAreNotWaitedForForEver) {

@@ -48,23 +48,18 @@ TEST_F(TlsTest, CarriesTheSame) {
     start();
     EXPECT_TRUE(fGateway->link().starts_with("https://127.0.0.1:"));
     auto page = join();
-    publish("/fig/1", std::string(3000000, 'x'));
-    publish("/fig/1", "behind");
-    const auto records = page.readRecords(2);
-    ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(records[0].text.size(), 3000000U);
+    publish("/fig/1", "text");
+    EXPECT_EQ(page.readRecords(1).size(), 1U);
     auto block = sendBlock(9000000);
-    std::size_t size = 0;
-    while (size < 9000000) size += page.readBinary().size() - 16;
-    EXPECT_EQ(size, 9000000U);
+    for (std::size_t size = 0; size < 9000000;) size += page.readBinary().size() - 16;
     answer(page, 1, true);
     EXPECT_TRUE(block.get().delivered);
-    // The reason why it is closed comes behind what is being written.
+    // A pong does not land in the middle of what is being written, nor does the reason for the end.
     fAccess.receiveBuffer = 4096;
     auto slow = join();
     publish("/fig/1", std::string(6000000, 'x'));
+    slow.sendFrame(9, "ping");
     slow.sendText("nonsense");
-    settle(page);
     EXPECT_EQ(slow.readRecords(1).at(0).text.size(), 6000000U);
     EXPECT_EQ(slow.readClose(), 4000U);
 }
