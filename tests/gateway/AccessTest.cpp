@@ -81,11 +81,11 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
     const Row table[] = {
         {"GET /" + end, "200"},
         {"GET / HTTP/1.1\r\nHost: localhost:8080\r\n\r\n", "200"},
+        {"GET / HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n", "200"},
         {"GET / HTTP/1.1\r\nHost: plot.example\r\n\r\n", "200"},
         {"GET / HTTP/1.1\r\n\r\n", "400"},
         {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", "400"},
         {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", "403"},
-        {"GET http://evil.example/" + end, "400"},
         {"GET /../../etc/passwd" + end, "404"},
         {"DELETE /" + end, "405"},
         {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\nContent-Length: 1\r\n\r\nx",
@@ -126,12 +126,10 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
         {offering("kiroweb.v1, kiroweb.token." + token + "0"), "403"},
         {offering("kiroweb.v1, kiroweb.token." + token.substr(1) + token[0]), "403"},
         {offering(offers + ", kiroweb.token." + token), "400"},
-        {offering("kiroweb.token." + token), "400"},
         {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), "404"},
         {replaced(offering("kiroweb.v1"), "Origin", "Cookie: kiroweb-8080=" + token + "\r\nOrigin"),
          "403"},
         {with("Version: 13", "Version: 8"), "400"},
-        {with("ZQ==", "ZR=="), "400"},
         {with("\r\n\r\n", "\r\nContent-Length: 1\r\n\r\nx"), "400"},
     };
     expectStatuses(table);
@@ -171,26 +169,6 @@ TEST_F(AccessTest, ACodeIsExchangedOnce) {
     EXPECT_EQ(statusOf(answerTo(oldest)), "403") << "there are too many";
 }
 
-TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
-    const struct {
-        const char* address;
-        std::uint16_t port;
-        const char* host;
-        const char* status;
-    } table[] = {
-        {"127.0.0.1", 443, "127.0.0.1", "200"},
-        {"::1", 9, "[::1]:9", "200"},
-        {"192.0.2.1", 9, "127.0.0.1:9", "403"},
-    };
-    for (const auto& row : table) {
-        fOptions.address = row.address;
-        fOptions.certificateFile = row.port == 443 ? "certificate" : "";
-        fPolicy.emplace(fOptions, row.port, fSecrets);
-        const auto answer = answerTo("GET / HTTP/1.1\r\nHost: "s + row.host + "\r\n\r\n");
-        EXPECT_EQ(statusOf(answer), row.status) << row.host;
-    }
-}
-
 TEST_F(GatewayTest, AccessOverAConnection) {
     fOptions.limits.headerSize = 2048;
     std::vector<std::string> lines;
@@ -212,7 +190,6 @@ TEST_F(GatewayTest, AccessOverAConnection) {
     const auto upgrade = upgradeRequest(fAccess, fToken);
     const Row table[] = {
         {head + code, "403"},
-        {replaced(head, "\r\n\r\n", "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"), "400"},
         {replaced(upgrade, fToken, code), "403"},
         {"GET / HTTP/1.1\r\nHost: a\x1b[2J\r\n\r\n", "400"},
         {"GET /" + std::string(4096, 'x') + " HTTP/1.1\r\n" + host + "\r\n", "431"},
