@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -17,10 +18,7 @@ using namespace kirogateway;
 using namespace std::string_literals;
 
 TEST(TextEncoding, LetsOnlyValidTextWithoutSeparatorsPassAsItIs) {
-    const struct {
-        std::string text;
-        bool isPlain;
-    } table[] = {
+    const std::pair<std::string, bool> table[] = {
         {R"({"x":NaN})", true},
         {"\x01\x1d\x20\x7f", true},
         {"\xc2\x80 \xdf\xbf \xe0\xa0\x80 \xed\x9f\xbf \xee\x80\x80 \xf0\x90\x80\x80 "
@@ -32,12 +30,12 @@ TEST(TextEncoding, LetsOnlyValidTextWithoutSeparatorsPassAsItIs) {
         {"\xf4\x90\x80\x80", false},  // above U+10FFFF
         {"\xe2\x82", false},          // cut
     };
-    for (const auto& row : table) {
+    for (const auto& [end, isText] : table) {
         // At each place in and behind a word of eight bytes.
         for (std::size_t before = 0; before < 9; ++before) {
-            const auto text = std::string(before, 'x') + row.text;
-            EXPECT_EQ(isPlain(text), row.isPlain) << escaped(text);
-            EXPECT_EQ(isPlain(text + std::string(8, 'y')), row.isPlain) << escaped(text);
+            const auto text = std::string(before, 'x') + end;
+            EXPECT_EQ(isPlain(text), isText) << escaped(text);
+            EXPECT_EQ(isPlain(text + std::string(8, 'y')), isText) << escaped(text);
         }
     }
 }
@@ -108,11 +106,8 @@ TEST(FrameReader, ReadsMessagesFromTheirBytesHoweverTheyCome) {
 }
 
 TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
-    const auto array = [](std::size_t count, const char* element) {
-        std::string text = element;
-        for (std::size_t i = 1; i < count; ++i) text += ',' + std::string(element);
-        return '[' + text + ']';
-    };
+    std::string many = "[1";
+    for (int i = 0; i < 4096; ++i) many += ",1";
     const auto hello = R"({"t":"hello","version":1,)"s;
     for (const auto& text :
          {"7"s, ""s, "["s, "{}x"s, "[[]]"s, R"({"t":"hello","version":1,"view":"v"})"s,
@@ -122,7 +117,7 @@ TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
           R"({"t":"echo","id":")"s + std::string(300, 'x') + "\"}",
           R"({"t":"ack","last":1,"x":[[[[[[[[1]]]]]]]]})"s,
           hello + R"("client":")" + std::string(257, 'x') + "\"}",
-          hello + R"("refused":)" + array(4097, "1") + "}",
+          hello + R"("refused":)" + many + "]}",
           R"([{"t":"subscribe","channels":["a","b"]},{"t":"subscribe","channels":["a","b"]}])"s}) {
         for (const std::size_t piece : {1UL, 100000UL}) {
             EXPECT_THROW(static_cast<void>(readFrame(text, piece)), std::runtime_error) << text;
@@ -138,7 +133,6 @@ TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
 
 TEST(GuardedLog, EscapesAndCountsWhatItLeavesOut) {
     EXPECT_EQ(escaped("a\n\x1b[31m\\\xff"), "a\\x0a\\x1b[31m\\\\\\xff");
-    EXPECT_EQ(escaped(std::string(5000, 'a')).size(), 203U);
 
     std::vector<std::string> lines;
     const auto observing = kirohost::observeLog(

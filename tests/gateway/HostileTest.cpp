@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "GatewayFixture.hpp"
@@ -17,10 +18,7 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
     fOptions.limits.messageSize = 1000;
     start();
     auto good = join();
-    const struct {
-        std::string bytes;
-        unsigned code;
-    } frames[] = {
+    const std::pair<std::string, unsigned> frames[] = {
         {"\x81\x02{}", 1002},                                     // no mask
         {"\x83\x80"s + "mask", 1002},                             // an unknown opcode
         {"\x80\x80"s + "mask", 1002},                             // a continuation of nothing
@@ -36,11 +34,7 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
             EXPECT_EQ(peer.readFrame().opcode, 0U);
         }
     }
-    const struct {
-        bool hasView;
-        unsigned opcode;
-        std::string payload;
-    } messages[] = {
+    const std::tuple<bool, unsigned, std::string> messages[] = {
         {false, 1, "nonsense"},
         {true, 1, R"({"t":"hello","version":1})"},
         {true, 1, R"([{"t":"ack","last":1},7])"},

@@ -6,6 +6,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "Endpoint.hpp"
 #include "kirogateway/Gateway.hpp"
@@ -39,10 +40,7 @@ std::string failureOf(const Options& options) {
 }  // namespace
 
 TEST(Options, ThatCannotBeMeantAreNamed) {
-    const struct {
-        Options options;
-        const char* text;
-    } table[] = {
+    const std::pair<Options, const char*> table[] = {
         {withAsset("page.mjs"), R"(assets: the name "page.mjs" has to begin with "/")"},
         {withAsset("/kiroweb"), R"(assets: the name "/kiroweb" is the gateway's own; choose)"},
         {withAsset("/a", "text/plain\r\nX: y"), R"(assets: the name "/a" has a content type)"},
@@ -85,9 +83,7 @@ TEST(Endpoint, TheListeningSocketStaysInThisProcess) {
 TEST(ClientAssets, AreTheModulesAsTheyAre) {
     EXPECT_FALSE(clientAssets().empty());
     for (const auto& asset : clientAssets()) {
-        const auto file =
-            loadAsset("/", KIROWEB_CLIENT_DIR + asset.name.substr(asset.name.rfind('/')));
-        EXPECT_EQ(asset.body, file.body) << asset.name;
-        EXPECT_EQ(asset.contentType, file.contentType);
+        const auto file = asset.name.substr(asset.name.rfind('/'));
+        EXPECT_EQ(asset.body, loadAsset("/", KIROWEB_CLIENT_DIR + file).body) << file;
     }
 }

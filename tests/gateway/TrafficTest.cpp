@@ -179,23 +179,6 @@ TEST_F(TrafficTest, ResumesAfterALostConnection) {
     settle(third);
 }
 
-TEST_F(TrafficTest, CountsAGivenUpPageAsGoneAfterAWhile) {
-    fOptions.limits.gone = std::chrono::milliseconds(20);
-    start();
-    auto page = join();
-    const auto view = hello("view");
-    auto block = sendBlock(9);
-    page.sendFrame(8, "\x13\x24");  // given up, not closed
-    EXPECT_EQ(fEvents.take(), "last page gone");
-    EXPECT_FALSE(block.get().delivered);
-    publish("/fig/1", "kept");
-
-    auto back = comeBack(view, 0);
-    EXPECT_FALSE(fGateway->lastPageGone());
-    EXPECT_NE(back.readControl("withdrawn"), "");
-    EXPECT_EQ(back.readRecords(1), (Records{{2, "/fig/1", "kept", false}}));
-}
-
 TEST_F(TrafficTest, TellsTheInterpreterThatTheLastPageHasGone) {
     fOptions.onLastPageGone = {};
     kirohost::runPendingTasks();
