@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/asio/error.hpp>
-#include <boost/beast/http/error.hpp>
 #include <boost/beast/http/parser.hpp>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "GatewayFixture.hpp"
@@ -27,9 +27,9 @@ std::string replaced(std::string text, std::string_view what, std::string_view i
     return text.replace(text.find(what), what.size(), instead);
 }
 
-std::string statusOf(std::string_view answer) {
-    return std::string(answer.substr(9, answer.find('\r') - 9));
-}
+std::string statusOf(std::string_view answer) { return std::string(answer.substr(9, 3)); }
+
+using Row = std::pair<std::string, std::string>;  // a request and the status of its answer
 
 /// An access policy, and requests as texts.
 class AccessTest : public testing::Test {
@@ -53,6 +53,10 @@ class AccessTest : public testing::Test {
         const auto request = requestOf(parser.get());
         return responseText(fPolicy->decide(request, now), &request, *fPolicy);
     }
+    void expectStatuses(std::span<const Row> rows) {
+        for (const auto& [request, status] : rows)
+            EXPECT_EQ(statusOf(answerTo(request)), status) << request;
+    }
     std::string exchange(const std::string& code, const std::string& fields = {}) const {
         return "POST /kiroweb/token HTTP/1.1\r\nHost: " + fAccess.host() +
                "\r\nOrigin: " + fAccess.origin() +
@@ -67,76 +71,37 @@ class AccessTest : public testing::Test {
     const std::string fUpgrade = upgradeRequest(fAccess, fSecrets.token());
 };
 
-constexpr const char* kOk = "200 OK";
-constexpr const char* kSwitched = "101 Switching Protocols";
-constexpr const char* kBad = "400 Bad Request";
-constexpr const char* kForbidden = "403 Forbidden";
-constexpr const char* kNotFound = "404 Not Found";
-constexpr const char* kNotAllowed = "405 Method Not Allowed";
-
-struct Row {
-    std::string request;
-    std::string status;
-};
-
 }  // namespace
 
 TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
     const auto host = "Host: " + fAccess.host();
     const auto end = " HTTP/1.1\r\n" + host + "\r\n\r\n";
     const Row table[] = {
-        {"GET /" + end, kOk},
-        {"HEAD /" + end, kOk},
-        {"GET /?token=0" + end, kOk},
-        {"GET / HTTP/1.1\r\nHost: localhost:8080\r\n\r\n", kOk},
-        {"GET / HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n", kOk},
-        {"GET / HTTP/1.1\r\nHost: plot.example\r\n\r\n", kOk},
-        {"GET / HTTP/1.1\r\n\r\n", kBad},
-        {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", kBad},
-        {"GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n", kForbidden},
-        {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", kForbidden},
-        {"GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", kForbidden},
-        {"GET / HTTP/1.1\r\nHost: a b\r\n\r\n", kBad},
-        {"GET / HTTP/1.1\r\nHost : " + fAccess.host() + "\r\n\r\n", kBad},
-        {"GET http://evil.example/" + end, kBad},
-        {"GET //" + end, kNotFound},
-        {"GET /../../etc/passwd" + end, kNotFound},
-        {"GET /kiroweb?" + end, kNotFound},
-        {"DELETE /" + end, kNotAllowed},
-        {"POST /" + end, kNotAllowed},
-        {"POST / HTTP/1.1\r\n" + host + "\r\nContent-Length: 1\r\n\r\nx", kBad},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 1\r\n\r\nx", kBad},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\n\r\n", kOk},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: gzip\r\n\r\n", kBad},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", kBad},
-        {"GET / HTTP/1.1\r\n" + host +
-             "\r\nContent-Length: 0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
-         kBad},
-        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\nContent-Length: 1\r\n\r\nx", kBad},
-        {"\x16\x03\x01\x02\r\n\r\n", kBad},
+        {"GET /" + end, "200"},
+        {"GET / HTTP/1.1\r\nHost: localhost:8080\r\n\r\n", "200"},
+        {"GET / HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n", "200"},
+        {"GET / HTTP/1.1\r\nHost: plot.example\r\n\r\n", "200"},
+        {"GET / HTTP/1.1\r\n\r\n", "400"},
+        {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", "400"},
+        {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", "403"},
+        {"GET /../../etc/passwd" + end, "404"},
+        {"DELETE /" + end, "405"},
+        {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\nContent-Length: 1\r\n\r\nx",
+         "400"},
     };
-    for (const auto& row : table)
-        EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
+    expectStatuses(table);
 
     const auto answer = answerTo("GET /" + end);
     EXPECT_TRUE(answer.ends_with("\r\n\r\n<p>page"));
     EXPECT_EQ(answerTo("HEAD /" + end) + "<p>page", answer);
     for (const char* field :
-         {"\r\nContent-Type: text/html; charset=utf-8\r\n", "\r\nContent-Length: 7\r\n",
-          "\r\nConnection: keep-alive\r\n", "\r\nCache-Control: no-store\r\n",
+         {"\r\nContent-Type: text/html; charset=utf-8\r\n", "\r\nCache-Control: no-store\r\n",
           "\r\nContent-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
           "img-src 'self' data: blob:; font-src 'self'; connect-src 'self' ws://127.0.0.1:8080; "
           "base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n",
-          "\r\nReferrer-Policy: no-referrer\r\n", "\r\nX-Content-Type-Options: nosniff\r\n",
-          "\r\nCross-Origin-Resource-Policy: same-origin\r\n",
-          "\r\nCross-Origin-Opener-Policy: same-origin\r\n"}) {
+          "\r\nX-Content-Type-Options: nosniff\r\n"}) {
         EXPECT_NE(answer.find(field), std::string::npos) << field;
     }
-    const auto refusal = answerTo("DELETE /" + end);
-    EXPECT_NE(refusal.find("\r\nConnection: close\r\n"), std::string::npos);
-    EXPECT_NE(refusal.find("\r\nAllow: GET, HEAD\r\n"), std::string::npos);
-    EXPECT_EQ(answerTo("GET / HTTP/1.1\r\nHost: evil.example\r\n\r\n").find("evil"),
-              std::string::npos);
 }
 
 TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
@@ -147,52 +112,23 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
         return replaced(fUpgrade, what, instead);
     };
     const auto offering = [&](const std::string& others) { return with(offers, others); };
-    const std::string key = "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
-    const std::string version = "Sec-WebSocket-Version: 13\r\n";
     const Row table[] = {
-        {fUpgrade, kSwitched},
-        {with("Origin: http://", "Origin: null, http://"), kBad},
-        {with(origin, "Origin: null"), kForbidden},
-        {with(origin, "X-Origin: a"), kForbidden},
-        {with("Origin: http", "Origin: https"), kForbidden},
-        {with("\r\nUpgrade", "/\r\nUpgrade"), kForbidden},
-        {with("\r\nUpgrade", ".evil.example\r\nUpgrade"), kForbidden},
-        {with("\r\nUpgrade", "\r\n" + origin + "\r\nUpgrade"), kBad},
-        {with(origin, "Origin: http://dev.example:5173"), kSwitched},
-        {with("Host: 127", "Host: 128"), kForbidden},
-
-        {offering("kiroweb.token." + token + ",kiroweb.v1,other"), kSwitched},
-        {with(", kiroweb.token", "\r\nSec-WebSocket-Protocol: kiroweb.token"), kSwitched},
-        {offering("kiroweb.v1"), kForbidden},
-        {offering("kiroweb.v1, kiroweb.token."), kForbidden},
-        {offering("kiroweb.v1, kiroweb.token." + token.substr(1)), kForbidden},
-        {offering("kiroweb.v1, kiroweb.token." + token + "0"), kForbidden},
-        {offering("kiroweb.v1, " + token), kForbidden},
-        {offering(offers + ", kiroweb.token." + token), kBad},
-        {offering(offers + ", kiroweb.token.0"), kBad},
-        {offering("kiroweb.token." + token), kBad},
-        {offering("kiroweb.v2, kiroweb.token." + token), kBad},
-        {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), kNotFound},
-        {replaced(offering("kiroweb.v1"), "Origin", "Cookie: kiroweb-8080=" + token + "\r\nOrigin"),
-         kForbidden},
-
-        {with("GET", "HEAD"), kBad},
-        {with("websocket", "h2c"), kBad},
-        {with("HTTP/1.1", "HTTP/1.0"), kBad},
-        {with("Version: 13", "Version: 8"), kBad},
-        {with(version, version + version), kBad},
-        {with(version, ""), kBad},
-        {with(key, key + key), kBad},
-        {with(key, ""), kBad},
-        {with("Key: d", "Key: Ad"), kBad},
-        {with("Key: dG", "Key: ?G"), kBad},
-        {with("ZQ==", "ZR=="), kBad},
-        {with("ZQ==", "ZQQ="), kBad},
-        {with("ZQ==", "ZQQQ"), kBad},
-        {with("\r\n\r\n", "\r\nContent-Length: 1\r\n\r\nx"), kBad},
+        {fUpgrade, "101"},
+        {with(origin, "X-Origin: a"), "403"},
+        {with("\r\nUpgrade", ".evil.example\r\nUpgrade"), "403"},
+        {with("\r\nUpgrade", "\r\n" + origin + "\r\nUpgrade"), "400"},
+        {with(origin, "Origin: http://dev.example:5173"), "101"},
+        {with("Host: 127", "Host: 128"), "403"},
+        {offering("kiroweb.token." + token + ",kiroweb.v1,other"), "101"},
+        {offering("kiroweb.v1"), "403"},
+        {offering("kiroweb.v1, kiroweb.token." + token + "0"), "403"},
+        {offering("kiroweb.v1, kiroweb.token." + token.substr(1) + token[0]), "403"},
+        {offering(offers + ", kiroweb.token." + token), "400"},
+        {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), "404"},
+        {with("Version: 13", "Version: 8"), "400"},
+        {with("\r\n\r\n", "\r\nContent-Length: 1\r\n\r\nx"), "400"},
     };
-    for (const auto& row : table)
-        EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
+    expectStatuses(table);
 
     // RFC 6455 has the same key in its example.
     EXPECT_EQ(answerTo(fUpgrade),
@@ -204,107 +140,29 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
 TEST_F(AccessTest, ACodeIsExchangedOnce) {
     const auto code = fSecrets.makeCode(kStart);
     const auto good = exchange(code);
-    const auto origin = "Origin: " + fAccess.origin();
     const Row refused[] = {
-        {exchange(code + "0"), kForbidden},
-        {exchange(fSecrets.token()), kForbidden},
-        {exchange(std::string(128, '0')), kForbidden},
-        {exchange(std::string(129, '0')), "413 Payload Too Large"},
-        {replaced(exchange(""), "Length: 0", "Length: 5000000000"), "413 Payload Too Large"},
-        {exchange(""), kBad},
-        {exchange(code, origin + "\r\n"), kBad},
-        {replaced(good, "Origin", "X-Origin"), kForbidden},
-        {replaced(good, "Origin: http:", "Origin: https:"), kForbidden},
-        {replaced(good, "Host", "X-Host"), kBad},
-        {replaced(good, "Host: 127", "Host: 128"), kForbidden},
-        {exchange(code, "Transfer-Encoding: chunked\r\n"), kBad},
-        {replaced(good, "Content-Length: 64", "Transfer-Encoding: chunked"), kBad},
-        {replaced(good, "POST", "GET"), kNotAllowed},
-        {replaced(exchange(""), "POST", "HEAD"), kNotAllowed},
-        {replaced(good, "/kiroweb/token", "/kiroweb/token?"), kBad},
+        {exchange(fSecrets.token()), "403"},
+        {exchange(std::string(129, '0')), "413"},
+        {replaced(good, "Origin", "X-Origin"), "403"},
+        {replaced(good, "Host: 127", "Host: 128"), "403"},
+        {exchange(code, "Transfer-Encoding: chunked\r\n"), "400"},
+        {replaced(good, "POST", "GET"), "405"},
     };
-    for (const auto& row : refused)
-        EXPECT_EQ(statusOf(answerTo(row.request)), row.status) << row.request;
-    EXPECT_NE(answerTo(replaced(good, "POST", "PUT")).find("\r\nAllow: POST\r\n"),
-              std::string::npos);
-
-    Request elsewhere;
-    elsewhere.method = "POST";
-    elsewhere.target = "/";
-    elsewhere.bodySize = 1;
-    EXPECT_FALSE(awaitsBody(elsewhere)) << "its answer does not wait for the body";
-
+    expectStatuses(refused);
     const auto answer = answerTo(good);
-    EXPECT_EQ(statusOf(answer), kOk) << "none of the above has used it up";
+    EXPECT_EQ(statusOf(answer), "200") << "none of the above has used it up";
     EXPECT_TRUE(answer.ends_with("\r\n\r\n" + fSecrets.token()));
-    EXPECT_NE(answer.find("\r\nContent-Type: text/plain"), std::string::npos);
-    EXPECT_EQ(statusOf(answerTo(good)), kForbidden) << "used";
+    EXPECT_EQ(statusOf(answerTo(good)), "403") << "used";
 
     const auto life = std::chrono::seconds(60);
     const auto inTime = exchange(fSecrets.makeCode(kStart));
     const auto late = exchange(fSecrets.makeCode(kStart));
-    EXPECT_EQ(statusOf(answerTo(inTime, kStart + life)), kOk);
-    EXPECT_EQ(statusOf(answerTo(late, kStart + life + std::chrono::milliseconds(1))), kForbidden);
+    EXPECT_EQ(statusOf(answerTo(inTime, kStart + life)), "200");
+    EXPECT_EQ(statusOf(answerTo(late, kStart + life + std::chrono::milliseconds(1))), "403");
 
     const auto oldest = exchange(fSecrets.makeCode(kStart));
     for (int i = 0; i < 16; ++i) static_cast<void>(fSecrets.makeCode(kStart));
-    EXPECT_EQ(statusOf(answerTo(oldest)), kForbidden) << "there are too many";
-}
-
-TEST_F(AccessTest, NamesFollowAddressPortAndTls) {
-    const struct {
-        const char* address;
-        std::uint16_t port;
-        bool isTls;
-        const char* host;
-        bool isOurs;
-    } table[] = {
-        {"127.0.0.1", 80, false, "localhost", true},
-        {"127.0.0.1", 80, true, "localhost", false},
-        {"127.0.0.1", 443, true, "127.0.0.1", true},
-        {"::1", 9, false, "[::1]:9", true},
-        {"::1", 9, false, "127.0.0.1:9", true},
-        {"192.0.2.1", 9, false, "192.0.2.1:9", true},
-        {"192.0.2.1", 9, false, "127.0.0.1:9", false},
-        {"2001:db8::1", 9, false, "[2001:db8::1]:9", true},
-    };
-    for (const auto& row : table) {
-        fOptions.address = row.address;
-        fOptions.certificateFile = row.isTls ? "certificate" : "";
-        AccessPolicy policy(fOptions, row.port, fSecrets);
-        Request request;
-        request.method = "GET";
-        request.target = "/";
-        request.hosts = {row.host};
-        EXPECT_EQ(policy.decide(request, kStart).status, row.isOurs ? 200U : 403U) << row.host;
-        EXPECT_TRUE(policy.address().starts_with(row.isTls ? "https://" : "http://"));
-        const auto fields = policy.commonFields(row.host);
-        const auto connect = (row.isTls ? "'self' wss://"s : "'self' ws://"s) + row.host + ";";
-        EXPECT_NE(fields.find(connect), std::string::npos) << fields;
-    }
-}
-
-TEST(HttpText, AConnectionThatEndsIsNotAnswered) {
-    using boost::beast::http::error;
-    for (const boost::system::error_code& ended :
-         {make_error_code(error::end_of_stream), make_error_code(error::partial_message),
-          boost::system::error_code(boost::asio::error::connection_reset)}) {
-        EXPECT_FALSE(refusalOf(ended)) << ended.message();
-    }
-    EXPECT_EQ(refusalOf(error::header_limit)->status, 431U);
-    EXPECT_EQ(refusalOf(error::bad_version)->status, 400U);
-}
-
-TEST(Secrets, AreLongAndComparedWhole) {
-    const Secrets secrets(std::chrono::seconds(60));
-    const auto token = secrets.token();
-    EXPECT_EQ(token.size(), 64U);
-    EXPECT_NE(token, Secrets(std::chrono::seconds(60)).token());
-    EXPECT_TRUE(secrets.isToken(token));
-    for (const auto& given :
-         {token.substr(1) + token[0], ""s, token + "0", token.substr(1), token + token}) {
-        EXPECT_FALSE(secrets.isToken(given)) << given;
-    }
+    EXPECT_EQ(statusOf(answerTo(oldest)), "403") << "there are too many";
 }
 
 TEST_F(GatewayTest, AccessOverAConnection) {
@@ -317,37 +175,27 @@ TEST_F(GatewayTest, AccessOverAConnection) {
     const auto code = secretOf(fGateway->singleUseLink());
     const auto head = "POST /kiroweb/token HTTP/1.1\r\n" + host + "Origin: " + fAccess.origin() +
                       "\r\nContent-Length: 64\r\n\r\n";
-    // A body in pieces, and another request on the same connection.
     Peer peer(fAccess);
     peer.send(head + code.substr(0, 10));
     peer.send(code.substr(10) + "GET /none HTTP/1.1\r\n" + host + "\r\n");
-    EXPECT_EQ(statusOf(peer.readHead()), kOk);
-    const auto rest = peer.readAll();
-    EXPECT_TRUE(rest.starts_with(fToken + "HTTP/1.1 404 Not Found\r\n")) << rest;
+    EXPECT_EQ(statusOf(peer.readHead()), "200");
+    EXPECT_TRUE(peer.readAll().starts_with(fToken + "HTTP/1.1 404")) << "the next request";
 
     // The second request of each would be answered, had the first not ended the connection.
     const auto second = "GET / HTTP/1.1\r\n" + host + "\r\n";
-    const auto upgrade = upgradeRequest(fAccess, fToken);
     const Row table[] = {
-        {head + code, kForbidden},
-        {replaced(head, ": 64", ": 9000000"), "413 Payload Too Large"},
-        {replaced(head, "\r\n\r\n", "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"), kBad},
-        {replaced(upgrade, fToken, code), kForbidden},
-        {"GET / HTTP/1.1\r\nHost: a\x1b[2J\r\n\r\n", kBad},
-        {"GET /" + std::string(4096, 'x') + " HTTP/1.1\r\n" + host + "\r\n",
-         "431 Request Header Fields Too Large"},
+        {head + code, "403"},
+        {upgradeRequest(fAccess, code), "403"},
+        {"GET / HTTP/1.1\r\nHost: a\x1b[2J\r\n\r\n", "400"},
+        {"GET /" + std::string(4096, 'x') + " HTTP/1.1\r\n" + host + "\r\n", "431"},
     };
-    for (const auto& row : table) {
+    for (const auto& [request, status] : table) {
         Peer refused(fAccess);
-        refused.send(row.request + second);
+        refused.send(request + second);
         const auto all = refused.readAll();
-        EXPECT_EQ(statusOf(all), row.status) << row.request;
+        EXPECT_EQ(statusOf(all), status) << request;
         EXPECT_EQ(all.rfind("HTTP/1.1"), 0U) << all;
     }
-    Peer page(fAccess);
-    page.send(upgrade);
-    EXPECT_TRUE(page.readHead().starts_with("HTTP/1.1 101"));
-
     fGateway.reset();
     EXPECT_EQ(lines.size(), std::size(table) + 1);
     for (const auto& line : lines) {

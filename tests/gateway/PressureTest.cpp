@@ -138,34 +138,6 @@ TEST_F(PressureTest, EndsAPageWhoseReadingWouldHaveBeenHeld) {
     settle(good);
 }
 
-TEST_F(PressureTest, CountsASharedTextOnceHoweverManyPagesWaitForIt) {
-    start();
-    std::vector<Peer> pages;
-    for (int i = 0; i < 4; ++i) pages.push_back(joinSlow());
-    publish("/fig/1", std::string(10000000, 'x'));
-    EXPECT_GT(held(), 10000000U);
-    EXPECT_LT(held(), 11000000U);
-    auto block = sendBlock(10000000);
-    EXPECT_GT(held(), 20000000U);
-    EXPECT_LT(held(), 21000000U);
-}
-
-TEST_F(PressureTest, GivesABlockBackThatCanNeverFitAndSaysWhy) {
-    fOptions.limits.memory = 1000000;
-    support::Collector<std::string> lines;
-    const auto observing = kirohost::observeLog(
-        [&lines](const kirohost::LogRecord& record) { lines.add(record.text); });
-    start();
-    auto page = join();
-    EXPECT_FALSE(sendBlock(1000001).get().delivered);
-    settle(page);
-    const auto all = lines.all();
-    EXPECT_EQ(std::ranges::count(all,
-                                 "a block of 1000001 bytes can never be sent, the limit is "
-                                 "1000000: /bin"),
-              1);
-}
-
 TEST_F(PressureTest, SendsMuchToAPageThatReads) {
     fOptions.limits.queueSize = 1000000;
     fOptions.limits.queue = std::chrono::seconds(5);
@@ -207,13 +179,11 @@ TEST_F(PressureTest, ReadsNoMoreOfAPageThanIsHeard) {
     start();
     std::atomic<std::size_t> heard{0};
     const auto service = relay::message_service::createMessageService("slow", {}).get();
-    const auto subscription = service
-                                  ->subscribe("/up/gate",
-                                              [&](const relay::message_service::JsonMessage&) {
-                                                  isOpen.wait();
-                                                  ++heard;
-                                              })
-                                  .get();
+    const auto hear = [&](const auto&) {
+        isOpen.wait();
+        ++heard;
+    };
+    const auto subscription = service->subscribe("/up/gate", hear).get();
     auto flood = join();
     auto good = join();
     const auto text = std::string(10000, 'x');
@@ -258,18 +228,10 @@ TEST_F(PressureTest, ReadsLongFramesInTurnsAndBoundsWhatTheyName) {
         for (std::size_t i = 1; i < count; ++i) names += ",\"\"";
         return names + "]}";
     };
-    auto most = join();
-    most.sendText(namesOf(1024));
-    settle(most);
     auto page = join();
+    page.sendText(namesOf(1024));
+    settle(page);
     page.sendText(namesOf(1300000));
     EXPECT_EQ(page.readClose(), 4000U);
-    auto fails = join();
-    fails.sendText(R"([{"t":"ack","last":"x"})" + std::string(3000000, ' ') + "]");
-    EXPECT_EQ(fails.readClose(), 4000U);
-    auto large = join();
-    const std::string text(4000000, 'x');
-    large.sendText(R"({"t":"publish","channel":"/up/a","text":")" + text + "\"}");
-    EXPECT_EQ(fEvents.take().size(), text.size() + 6);
     settle(good);
 }

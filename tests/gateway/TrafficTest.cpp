@@ -17,10 +17,8 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     start();
     auto page = join(R"(,"client":"a page")");
     EXPECT_EQ(hello("kind"), "first");
-    EXPECT_EQ(fHello["next"], 1);
     EXPECT_EQ(boost::json::serialize(fHello["configuration"]), R"({"figures":["/fig/1"]})");
     EXPECT_EQ(fAnnouncement, R"(/views {"kind":"first","view":1,"client":"a page"})");
-
     publish("/fig/1", R"({"x":NaN})");
     publish("/log", "not subscribed");
     publish("/fig/2", "\xff");
@@ -40,16 +38,7 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     publish("/fig/1", "not any more");
     publish("/log", "now");
     EXPECT_EQ(page.readRecords(1), (Records{{3, "/log", "now", false}}));
-    page.sendText(R"({"t":"unsubscribe","channels":["/log"]})");
-    settle(page);
-    publish("/log", "nor that");
-    sendBlock(9);
-    EXPECT_EQ(page.readBinary()[8], 4);
-    const auto statistics = fGateway->statistics();
-    EXPECT_EQ(statistics.views, 1U);
-    EXPECT_EQ(statistics.textsSent, 3U);
-    EXPECT_EQ(statistics.textsReceived, 1U);
-    EXPECT_EQ(statistics.refusals, 3U);
+    EXPECT_EQ(fGateway->statistics().refusals, 3U);
 }
 
 TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
@@ -58,20 +47,14 @@ TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
     const auto stream = createBinaryStream("/up/blocks", {});
     stream->receive([this](auto&& block) { fEvents.add(support::bytesOf(block)); });
     page.sendText(R"([{"t":"channel","number":2,"name":"/up/blocks"},)"
-                  R"({"t":"channel","number":3,"name":"/x"},)"
-                  R"({"t":"channel","number":4,"name":"/up/)" +
-                  std::string(1021, 'n') + "\"}]");
+                  R"({"t":"channel","number":3,"name":"/x"}])");
     std::string header = "\1\1\2" + std::string(13, '\0');
     for (const std::size_t size : {5U, 50000U, 5000U}) {  // some come in parts
         page.sendFrame(2, header + std::string(size, 'b'));
         EXPECT_EQ(fEvents.take(), std::string(size, 'b'));
     }
-    for (const char refused : {'\3', '\4'}) {
-        header[2] = refused;
-        page.sendFrame(2, header);
-        EXPECT_NE(page.readControl("refused"), "");
-    }
-    page.sendText(R"({"t":"publish","text":"","channel":"/up/)" + std::string(1021, 'n') + "\"}");
+    header[2] = '\3';
+    page.sendFrame(2, header);
     EXPECT_NE(page.readControl("refused"), "");
     EXPECT_EQ(fGateway->statistics().blocksReceived, 3U);
 }
@@ -105,36 +88,13 @@ TEST_F(TrafficTest, KeepsTheOrderOfAllThatIsPublishedUnderLoad) {
     EXPECT_EQ(blocks, kCount / 500);
 }
 
-TEST_F(TrafficTest, GoesOnWhenAFullSocketTakesBytesAgain) {
-    start();
-    fAccess.receiveBuffer = 4096;
-    auto page = join();
-    const std::string large(8 * 1024 * 1024, 'x');  // more than the kernel's buffers take
-    publish("/fig/1", large);
-    page.sendFrame(9, "whose pong must not land in the middle of the text");
-    publish("/fig/1", "small");
-    auto block = sendBlock(9);
-    publish("/fig/1", "behind");
-    EXPECT_EQ(page.readRecords(2),
-              (Records{{1, "/fig/1", large, false}, {2, "/fig/1", "small", false}}));
-    EXPECT_EQ(page.readBinary().size(), 25U);
-    EXPECT_EQ(page.readRecords(1), (Records{{4, "/fig/1", "behind", false}}));
-    answer(page, 1, true);
-    EXPECT_TRUE(block.get().delivered);
-    publish("/fig/1", "later");
-    EXPECT_EQ(page.readRecords(1), (Records{{5, "/fig/1", "later", false}}));
-}
-
 TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     start();
     EXPECT_FALSE(sendBlock(9).get().delivered);  // no page
     auto first = join();
     auto second = join();
-    EXPECT_EQ(hello("kind"), "further");
     auto both = sendBlock(9);
-    const auto report = fGateway->diagnostics();
-    EXPECT_EQ(report.find(hello("view")), std::string::npos) << "nobody may take it for a secret";
-    EXPECT_EQ(boost::json::parse(report).at("detail").at(1).at("bytesUnderWay"), 9);
+    EXPECT_EQ(fGateway->diagnostics().find(hello("view")), std::string::npos) << "a secret";
     for (auto* page : {&first, &second}) EXPECT_EQ(page->readBinary().size(), 25U);
     answer(first, 1, true);
     settle(first);
@@ -145,9 +105,7 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     auto refused = sendBlock(9);
     answer(first, 2, true);
     answer(second, 2, false);
-    const auto result = refused.get();
-    EXPECT_FALSE(result.delivered);
-    EXPECT_EQ(result.buffer.size(), 9U);
+    EXPECT_EQ(refused.get().buffer.size(), 9U) << "given back";
 
     auto gone = sendBlock(9);
     answer(first, 3, true);
@@ -155,10 +113,8 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     EXPECT_FALSE(gone.get().delivered);
     EXPECT_EQ(second.readClose(), 1000U);
 
-    auto small = join(R"(,"limits":{"block":8})");
-    auto tooLarge = sendBlock(9);
-    answer(first, 4, true);
-    EXPECT_FALSE(tooLarge.get().delivered);
+    join(R"(,"limits":{"block":8})");
+    EXPECT_FALSE(sendBlock(9).get().delivered) << "too large for one";
     EXPECT_EQ(fGateway->statistics().blocksDelivered, 1U);
     EXPECT_EQ(fGateway->statistics().blocksGivenBack, 4U);
 }
@@ -180,42 +136,21 @@ TEST_F(TrafficTest, HasSeveralGatewaysInOneProcess) {
     start();
     auto page = join();
     const auto first = std::move(fGateway);
-    const auto elsewhere = fAccess;
     fOptions.maySubscribe.push_back("/up/*");
     fGateway = std::make_unique<kirogateway::Gateway>(fOptions);
     fAccess.port = fGateway->port();
-    EXPECT_NE(fAccess.port, elsewhere.port);
     gatewaytest::Peer stranger(fAccess);
     stranger.send(upgradeRequest(fAccess, fToken));
     EXPECT_TRUE(stranger.readHead().starts_with("HTTP/1.1 403")) << "a token is for one gateway";
     fToken = gatewaytest::secretOf(fGateway->link());
     auto other = join(R"(,"subscribe":["/fig/*","/bin","/up/*"])");
-    EXPECT_EQ(hello("kind"), "first");
     // What a page publishes goes to the pages of the other gateway, not to its own.
     page.sendText(R"({"t":"publish","channel":"/up/a","text":"1"})");
     EXPECT_EQ(other.readRecords(1), (Records{{1, "/up/a", "1", false}}));
-    EXPECT_EQ(fEvents.take(), "/up/a 1");
-    publish("/fig/1", "to all");
-    EXPECT_EQ(page.readRecords(1), (Records{{1, "/fig/1", "to all", false}}));
-    EXPECT_EQ(other.readRecords(1), (Records{{2, "/fig/1", "to all", false}}));
     fGateway.reset();
     EXPECT_EQ(other.readClose(), 1001U);
     publish("/fig/1", "still");
-    EXPECT_EQ(page.readRecords(1), (Records{{2, "/fig/1", "still", false}}));
-}
-
-TEST_F(TrafficTest, GivesABlockBackThatIsLateOrTooLargeAndKeepsThePage) {
-    fOptions.limits.block = std::chrono::milliseconds(20);
-    start();
-    auto page = join(R"(,"limits":{"block":100})");
-    auto other = join();
-    auto late = sendBlock(9);
-    answer(other, 1, true);
-    EXPECT_FALSE(late.get().delivered);
-    answer(page, 1, true);
-    EXPECT_FALSE(sendBlock(101).get().delivered);
-    settle(page);
-    settle(other);
+    EXPECT_EQ(page.readRecords(1), (Records{{1, "/fig/1", "still", false}}));
 }
 
 TEST_F(TrafficTest, ResumesAfterALostConnection) {
@@ -230,63 +165,18 @@ TEST_F(TrafficTest, ResumesAfterALostConnection) {
     publish("/fig/1", "c");
 
     auto again = comeBack(view, 1);
-    EXPECT_EQ(hello("kind"), "return");
     EXPECT_EQ(fHello["next"], 2);
     EXPECT_EQ(fAnnouncement, R"(/returns {"kind":"return","view":1,"client":""})");
     EXPECT_EQ(again.readRecords(1), (Records{{2, "/fig/1", "b", false}}));
     EXPECT_EQ(again.readBinary()[8], 3);
     EXPECT_EQ(again.readRecords(1), (Records{{4, "/fig/1", "c", false}}));
-    // Refused, but the answer was lost with the connection.
     again.cut();
     again = comeBack(view, 4, R"(,"refused":[3])");
-    EXPECT_FALSE(block.get().delivered);
+    EXPECT_FALSE(block.get().delivered) << "the answer was lost with the connection";
 
-    // A second connection for the view takes it away from the first.
-    publish("/log", "nobody hears it");
-    auto third = comeBack(view, 4, R"(,"subscribe":["/log"])");
-    EXPECT_EQ(again.readClose(), 4005U);
-    publish("/log", "d");
-    EXPECT_EQ(third.readRecords(1), (Records{{5, "/log", "d", false}}));
-    again.sendText(R"({"t":"publish","channel":"/up/a","text":"from the old one"})");
+    auto third = comeBack(view, 4);
+    EXPECT_EQ(again.readClose(), 4005U) << "the view is the newest connection's";
     settle(third);
-    settle(third);
-    third.sendText(R"({"t":"publish","channel":"/up/a","text":"from the new one"})");
-    EXPECT_EQ(fEvents.take(), "/up/a from the new one");
-
-    // What cannot be is a new view.
-    auto liar = comeBack(view, 99);
-    EXPECT_EQ(hello("kind"), "further");
-    EXPECT_TRUE(hello("ended").starts_with("bad return: "));
-    EXPECT_EQ(third.readClose(), 4006U);
-}
-
-TEST_F(TrafficTest, CountsAPageAsGoneAtOnceOrAfterAWhile) {
-    fOptions.limits.gone = std::chrono::milliseconds(20);
-    fOptions.onLastPageGone = [this] {
-        fEvents.add("last page gone");
-        throw std::runtime_error("the limits are kept in spite of it");
-    };
-    start();
-    auto page = join();
-    EXPECT_FALSE(fGateway->lastPageGone());
-    page.sendFrame(8, "\x03\xe9");
-    EXPECT_EQ(fEvents.take(), "last page gone");
-    EXPECT_TRUE(fGateway->lastPageGone());
-
-    auto other = join();
-    EXPECT_FALSE(fGateway->lastPageGone());
-    const auto view = hello("view");
-    auto block = sendBlock(9);
-    other.sendFrame(8, "\x13\x24");  // given up, not closed
-    EXPECT_EQ(fEvents.take(), "last page gone");
-    EXPECT_FALSE(block.get().delivered);
-    publish("/fig/1", "kept");
-
-    auto back = comeBack(view, 0);
-    EXPECT_EQ(hello("kind"), "return");
-    EXPECT_FALSE(fGateway->lastPageGone());
-    EXPECT_NE(back.readControl("withdrawn"), "");
-    EXPECT_EQ(back.readRecords(1), (Records{{2, "/fig/1", "kept", false}}));
 }
 
 TEST_F(TrafficTest, TellsTheInterpreterThatTheLastPageHasGone) {
@@ -306,23 +196,20 @@ TEST_F(TrafficTest, StopsWithPagesConnectedAndPublishersAtWork) {
     auto other = join();
     auto pending = sendBlock(9);
     std::atomic<bool> isOver{false};
-    std::latch isUnderWay(2);
-    const auto work = [&](auto step) {
-        return std::thread([&, step] {
-            step();
-            isUnderWay.count_down();
-            while (!isOver) step();
-        });
-    };
-    auto texts = work([this] { publish("/fig/1", "text"); });
-    auto blocks = work([this] { sendBlock(1000); });
+    std::latch isUnderWay(1);
+    std::thread engine([&] {
+        for (int i = 0; !isOver; ++i) {
+            publish("/fig/1", "text");
+            sendBlock(1000);
+            if (i == 0) isUnderWay.count_down();
+        }
+    });
     isUnderWay.wait();
     other.cut();
     std::thread reader([&page] { page.readAll(); });
     fGateway.reset();
     isOver = true;
-    texts.join();
-    blocks.join();
+    engine.join();
     reader.join();
     EXPECT_FALSE(pending.get().delivered);
 }
