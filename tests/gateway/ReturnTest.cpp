@@ -186,6 +186,7 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
     const std::string longName = "/" + std::string(1024, 'n');
     start();
     auto page = join(R"(,"limits":{"block":100})");
+    EXPECT_EQ(offer(page->view(), 101), Part::kRefused);
     EXPECT_EQ(offer(page->view(), 100), Part::kJoined);
     page->read();
     page->lose();
