@@ -18,7 +18,6 @@
 using namespace kirogateway;
 using gatewaytest::Frame;
 using namespace relay::binary::experimental;
-using namespace std::string_literals;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -41,7 +40,6 @@ class ModelPage final : public Connection {
     bool isReadingHeld() const noexcept override { return fIsHeld; }
 
     void say(std::string_view text, bool isLast = true) { fSession.text(text, isLast, fNow); }
-    void sayBytes(std::string_view bytes) { fSession.binary(bytes, true, fNow); }
     void lose() noexcept { fSession.ended(false, fNow); }
     /// Takes up to `most` bytes, if the view has asked for that; returns the frames that are whole.
     std::vector<Frame> read(std::size_t most = 100'000'000) {
