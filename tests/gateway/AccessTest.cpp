@@ -17,7 +17,6 @@ using gatewaytest::Peer;
 using gatewaytest::secretOf;
 using gatewaytest::upgradeRequest;
 using namespace kirogateway;
-using namespace std::string_literals;
 
 namespace {
 

@@ -2,10 +2,8 @@
 // place in turn, and when whoever reads its log throws.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "FailingNew.hpp"
 #include "GatewayFixture.hpp"

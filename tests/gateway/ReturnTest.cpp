@@ -18,7 +18,6 @@
 using namespace kirogateway;
 using gatewaytest::Frame;
 using namespace relay::binary::experimental;
-using namespace std::string_literals;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -41,7 +40,6 @@ class ModelPage final : public Connection {
     bool isReadingHeld() const noexcept override { return fIsHeld; }
 
     void say(std::string_view text, bool isLast = true) { fSession.text(text, isLast, fNow); }
-    void sayBytes(std::string_view bytes) { fSession.binary(bytes, true, fNow); }
     void lose() noexcept { fSession.ended(false, fNow); }
     /// Takes up to `most` bytes, if the view has asked for that; returns the frames that are whole.
     std::vector<Frame> read(std::size_t most = 100'000'000) {
@@ -186,6 +184,7 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
     const std::string longName = "/" + std::string(1024, 'n');
     start();
     auto page = join(R"(,"limits":{"block":100})");
+    EXPECT_EQ(offer(page->view(), 101), Part::kRefused);
     EXPECT_EQ(offer(page->view(), 100), Part::kJoined);
     page->read();
     page->lose();
