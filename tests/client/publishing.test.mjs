@@ -58,8 +58,11 @@ test("More names than a frame may have, or than fit, go in several", async () =>
     const names = Array.from({ length: 2500 }, (_, i) => `/channel/${i}`);
     const peer = await fixture.connect({ subscribe: names });
     const heard = [...peer.hello.subscribe];
-    assert.ok(heard.length <= 1024);
-    while (heard.length < names.length) heard.push(...(await peer.next("subscribe")).channels);
+    let frames = 1;
+    for (; heard.length < names.length; ++frames) {
+        heard.push(...(await peer.next("subscribe")).channels);
+    }
+    assert.ok(frames > 5, `${frames} frames`);
     assert.deepEqual(heard, names);
 });
 
@@ -91,7 +94,6 @@ test("Channels come from the configuration, and the view is announced when they 
     peer.socket.close(1001, "gateway stopped");
     peer = await fixture.peer(channels("/b", "/c"));
     assert.deepEqual((await peer.next("subscribe")).channels, ["/c"]);
-    assert.deepEqual((await peer.next("unsubscribe")).channels, ["/a"]);
 });
 
 test("A token does not go back when something before it could not be read, and the engine hears why", async () => {
