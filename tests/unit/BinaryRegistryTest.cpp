@@ -127,6 +127,21 @@ TEST_F(BinaryRegistry, UsesTheCreationFunctionThatIsInstalled) {
     EXPECT_TRUE(made.empty());
 }
 
+TEST_F(BinaryRegistry, HasNullDoublesThatSayDeliveredAndDoNothing) {
+    test::NullBinaryDataSender sender;
+    EXPECT_TRUE(sender.send(bufferOf("x")).get().delivered);
+    EXPECT_TRUE(sender.send(DataID(4), "x", 1).get().delivered);
+    sender.warnAboutSendFailure("/c");
+    sender.warnAboutOOMFailure();
+    EXPECT_TRUE(warningsOfTasks().empty());
+    const auto receiver = std::make_shared<test::NullBinaryDataReciever>();
+    receiver->receive([](DataBuffer&&) { FAIL(); });
+    const auto before =
+        test::RegisterBinaryDataReceiverCreationFunction([&](const auto&) { return receiver; });
+    EXPECT_EQ(createBinaryDataReceiver("/c"), receiver);
+    test::RegisterBinaryDataReceiverCreationFunction(before);
+}
+
 TEST_F(BinaryRegistry, TellsTheClientWhichBlockCouldNotBeBuilt) {
     const auto sender = createBinaryDataSender("/c");
     const auto stream = streams[0].lock();

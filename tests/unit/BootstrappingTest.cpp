@@ -134,6 +134,7 @@ TEST_F(Bootstrapping, SendsTheBacklogAsALaterAnnouncementSaysAlsoWhenDestroyedMe
     announce();
     client.awaitSize(1);
     announce(kBinary);
+    EXPECT_TRUE(sender->queryUsingBinary());
     auto destroyed = startDestroying();
     EXPECT_EQ(received(), Lines{command("a")});
     gate.count_down();

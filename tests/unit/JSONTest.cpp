@@ -56,6 +56,7 @@ TEST(JSONPayload, writesEachTypeInItsOneEncoding) {
     const std::pair<std::string, const char*> table[] = {
         {encoded(true), "true"},
         {encoded(Limits<unsigned long>::max()), "18446744073709551615"},
+        {encoded(Limits<long>::min()), "-9223372036854775808"},
         {encoded(0.25), "2.5E-1"},
         {encoded(-0.0), "-0E0"},
         // A float is widened, not written with its own few digits.
@@ -74,6 +75,7 @@ TEST(JSONPayload, writesEachTypeInItsOneEncoding) {
         {encoded(nested), R"({"n":1})"},
         {encoded(std::vector<std::vector<std::string>>{{"a", "b"}, {}}), R"([["a","b"],[]])"},
         {encoded(std::vector<unsigned char>{0, 255}), "[0,255]"},
+        {encoded(std::vector<unsigned>{4294967295U}), "[4294967295]"},
         {encoded(std::vector<unsigned long>{1UL << 63U}), "[9223372036854775808]"},
         {encoded(std::vector<float>{0.5F, 0.1F}), "[5E-1,1.0000000149011612E-1]"},
     };
