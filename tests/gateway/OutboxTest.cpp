@@ -251,10 +251,11 @@ TEST(Pace, TellsASlowPageFromOneThatIsSentMuch) {
         load.kept += taken - acknowledged;
     };
     // What passes is that in each second of a minute; 0 when it is never too slow.
-    const auto secondsUntilTooSlow = [&](auto... bytes) {
+    const auto secondsUntilTooSlow = [&](std::size_t sent, std::size_t taken,
+                                         std::size_t acknowledged) {
         for (int second = 1; second <= 60; ++second) {
             now += std::chrono::seconds(1);
-            pass(bytes...);
+            pass(sent, taken, acknowledged);
             if (pace.look(load, now) != nullptr) return second;
         }
         return 0;
