@@ -48,7 +48,8 @@ const Fanout::Route& Fanout::route(const std::string& channel) {
         Route made;
         made.canBeNamed = isPlain(channel);
         made.lane = laneOf(channel);
-        for (const auto& view : *fViews->views()) {
+        const auto all = fViews->views();  // kept while it is gone through
+        for (const auto& view : *all) {
             if (made.canBeNamed && view->hears(channel)) made.hearers.push_back(view);
         }
         found = fRoutes.emplace(channel, std::move(made)).first;
@@ -76,7 +77,8 @@ void Fanout::messagePublished(const relay::Publication& message) {
         }
     } catch (...) {
         // Whoever would have heard it must not go on as if there had been nothing.
-        for (const auto& view : *fViews->views()) {
+        const auto all = fViews->views();
+        for (const auto& view : *all) {
             if (view->hears(message.channel())) view->fail(kNoMemory);
         }
     }

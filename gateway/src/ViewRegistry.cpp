@@ -438,7 +438,8 @@ Statistics ViewRegistry::statistics() const {
 
 std::string ViewRegistry::diagnostics(TimePoint now) const {
     std::vector<ViewReport> reports;
-    for (const auto& view : *views()) {
+    const auto all = views();  // kept while it is gone through
+    for (const auto& view : *all) {
         reports.push_back({view->identity().count, view->identity().client, view->report(now)});
     }
     return diagnosticsText(statistics(), lastPageGone(), fContext->memory->used(), reports);
