@@ -32,6 +32,14 @@ if(TARGET kiroweb_gateway)
     install(FILES ${_client_files} DESTINATION ${CMAKE_INSTALL_DATADIR}/kiroweb/client)
 endif()
 
+# A component as well, above the gateway.
+if(TARGET kiroweb_figures)
+    install(TARGETS kiroweb_figures EXPORT kirowebfiguresTargets)
+    install(EXPORT kirowebfiguresTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
+    install(DIRECTORY figures/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+            FILES_MATCHING PATTERN "*.hpp")
+endif()
+
 # The host's library lies beside this one, wherever the two are moved.
 set_target_properties(kiroweb PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS kiroweb EXPORT kirowebTargets)
@@ -57,6 +65,9 @@ if(NOT KIROWEB_HOST_TARGET)
 endif()
 if(TARGET kiroweb_gateway)
     list(APPEND _pc_modules kirowebgateway)
+endif()
+if(TARGET kiroweb_figures)
+    list(APPEND _pc_modules kirowebfigures)
 endif()
 foreach(_module IN LISTS _pc_modules)
     configure_file(cmake/${_module}.pc.in ${_module}.pc @ONLY)

@@ -43,11 +43,13 @@ bool awaitsBody(const Request& request) noexcept {
 AccessPolicy::AccessPolicy(const Options& options, std::uint16_t port, Secrets& secrets)
     : fSecrets(secrets),
       fIsSecure(!options.certificateFile.empty()),
-      fHosts(hostsOf(options, port)) {
+      fHosts(hostsOf(options, port)),
+      fFrameAncestors(options.frameAncestors.empty() ? "'none'" : "") {
     const std::string scheme = fIsSecure ? "https://" : "http://";
     fAddress = scheme + fHosts.front();
     for (const auto& host : fHosts) fOrigins.push_back(scheme + host);
     fOrigins.insert(fOrigins.end(), options.extraOrigins.begin(), options.extraOrigins.end());
+    for (const auto& origin : options.frameAncestors) fFrameAncestors += origin + ' ';
     for (const auto& asset : options.assets) fAssets.emplace(asset.name, &asset);
 }
 
@@ -124,8 +126,8 @@ std::string AccessPolicy::commonFields(std::string_view host) const {
     if (!host.empty()) connect += (fIsSecure ? " wss://" : " ws://") + std::string(host);
     return "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
            "img-src 'self' data: blob:; font-src 'self'; connect-src " +
-           connect +
-           "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n"
+           connect + "; base-uri 'none'; form-action 'none'; frame-ancestors " + fFrameAncestors +
+           "\r\n"
            "Referrer-Policy: no-referrer\r\n"
            "X-Content-Type-Options: nosniff\r\n"
            "Cross-Origin-Resource-Policy: same-origin\r\n"

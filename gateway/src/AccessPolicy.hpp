@@ -84,6 +84,7 @@ class AccessPolicy {
     const bool fIsSecure;
     std::string fAddress;
     std::vector<std::string> fHosts;
+    std::string fFrameAncestors;  ///< as they stand in the header
     std::vector<std::string> fOrigins;
     std::unordered_map<std::string_view, const Asset*> fAssets;
 };

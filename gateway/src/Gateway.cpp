@@ -41,7 +41,7 @@ struct Gateway::Impl {
           inbound(context),
           views(std::make_shared<ViewRegistry>(context, wakeup, inbound, lastPageGone())),
           fanout(std::make_shared<Fanout>(context, views)),
-          secrets(context->options.limits.code),
+          secrets(context->options.limits.code, context->options.token),
           server({context, views, inbound}, wakeup) {}
 
     void start();

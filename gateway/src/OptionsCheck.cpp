@@ -118,21 +118,40 @@ void checkAssets(const std::vector<Asset>& assets) {
     }
 }
 
+void requireOrigin(const char* option, const std::string& origin) {
+    const auto host = origin.find("://");
+    if (host != std::string::npos && host > 0 && host + 3 < origin.size() &&
+        origin.find('/', host + 3) == std::string::npos) {
+        return;
+    }
+    refuse(std::string(option) + ": " + quoted(origin) +
+           " is no origin; give scheme, host and port, such as \"http://localhost:5173\"");
+}
+
 void checkNames(const Options& options) {
     for (const auto& host : options.extraHosts) {
         if (!host.empty() && host.find('/') == std::string::npos) continue;
         refuse("extraHosts: " + quoted(host) +
                " is no host; give it as a request names it, such as \"plot.example:8080\"");
     }
-    for (const auto& origin : options.extraOrigins) {
-        const auto host = origin.find("://");
-        if (host != std::string::npos && host > 0 && host + 3 < origin.size() &&
-            origin.find('/', host + 3) == std::string::npos) {
-            continue;
-        }
-        refuse("extraOrigins: " + quoted(origin) +
-               " is no origin; give scheme, host and port, such as \"http://localhost:5173\"");
+    for (const auto& origin : options.extraOrigins) requireOrigin("extraOrigins", origin);
+    for (const auto& origin : options.frameAncestors) {
+        requireOrigin("frameAncestors", origin);
+        // It stands in a header's list, where these have a meaning.
+        if (isPath(origin) && origin.find_first_of(";,") == std::string::npos) continue;
+        refuse("frameAncestors: " + quoted(origin) + " cannot stand in a header");
     }
+}
+
+void checkToken(const std::string& token) {
+    constexpr std::size_t kShortest = 32;
+    if (token.empty()) return;
+    const bool isText = std::ranges::all_of(token, [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    });
+    // What it is stays out of the text, which may be logged.
+    if (!isText) refuse("token: it has to be letters and digits");
+    if (token.size() < kShortest) refuse("token: it has to have at least 32 letters and digits");
 }
 
 void checkChannels(const Options& options) {
@@ -170,6 +189,7 @@ Options checked(Options options) {
     checkConfiguration(options.configuration);
     checkAssets(options.assets);
     checkNames(options);
+    checkToken(options.token);
     checkChannels(options);
     return options;
 }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <system_error>
+#include <utility>
 
 namespace kirogateway {
 namespace {
@@ -44,8 +45,8 @@ bool isSecret(std::string_view given, std::string_view secret) noexcept {
     return result == 0;
 }
 
-Secrets::Secrets(std::chrono::milliseconds codeLife)
-    : fCodeLife(codeLife), fToken(randomHex(kSecretBytes)) {}
+Secrets::Secrets(std::chrono::milliseconds codeLife, std::string token)
+    : fCodeLife(codeLife), fToken(token.empty() ? randomHex(kSecretBytes) : std::move(token)) {}
 
 std::string Secrets::makeCode(TimePoint now) {
     auto code = randomHex(kSecretBytes);

@@ -20,8 +20,8 @@ class Secrets {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// Codes are good for `codeLife`.
-    explicit Secrets(std::chrono::milliseconds codeLife);
+    /// Codes are good for `codeLife`. Without a token there is a new one.
+    explicit Secrets(std::chrono::milliseconds codeLife, std::string token = {});
 
     [[nodiscard]] const std::string& token() const noexcept { return fToken; }
     /// Returns a code that is good for one use. There are at most 16: a further one ends the

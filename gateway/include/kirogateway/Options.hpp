@@ -77,9 +77,14 @@ struct Options {
     /// ("http://localhost:5173"), compared exactly. The port is left out where a browser does.
     std::vector<std::string> extraHosts;
     std::vector<std::string> extraOrigins;
+    /// Origins whose pages may show this one in a frame; nobody's unless given.
+    std::vector<std::string> frameAncestors;
     /// PEM files, the key without a passphrase; both empty: no TLS.
     std::string certificateFile;
     std::string keyFile;
+    /// The link's token, so that it stays over restarts: at least 32 letters and digits that nobody
+    /// can guess. Empty: each gateway has one of its own.
+    std::string token;
 
     std::vector<Asset> assets;         ///< no name twice
     std::string configuration = "{}";  ///< a JSON object, handed to every page

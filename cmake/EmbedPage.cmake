@@ -1,0 +1,19 @@
+# The page of figures as a source file. It is built by "npm run build" in client/, into client/dist.
+#
+# kiroweb_embed_page(RESULT): the source of kirofigures::detail::pageAssets(). Where the page was not
+# built, a notice stands in for it, and a warning says so.
+function(kiroweb_embed_page result)
+    file(GLOB _files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/client/dist/*)
+    if(NOT ${PROJECT_SOURCE_DIR}/client/dist/index.html IN_LIST _files)
+        message(WARNING "client/dist has no page: windows will serve a notice. "
+                        "\"npm ci && npm run build\" in client/ makes the page.")
+        set(_files ${PROJECT_SOURCE_DIR}/figures/no_page/index.html)
+    endif()
+    set(_source ${CMAKE_CURRENT_BINARY_DIR}/PageAssets.cpp)
+    add_custom_command(OUTPUT ${_source}
+        COMMAND ${CMAKE_COMMAND} -DOUTPUT=${_source} "-DFILES=${_files}"
+                -P ${PROJECT_SOURCE_DIR}/cmake/embed_page.cmake
+        DEPENDS ${_files} ${PROJECT_SOURCE_DIR}/cmake/embed_page.cmake
+        VERBATIM)
+    set(${result} ${_source} PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,64 @@
+#include "Browser.hpp"
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+
+namespace kirofigures::detail {
+
+namespace {
+
+bool isInEnvironment(const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+}
+
+/// How a program begins that has nothing to do with this one: in a session of its own, to which the
+/// terminal's signals do not go, and with no signal blocked or ignored.
+class Separately {
+  public:
+    Separately() {
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        posix_spawnattr_init(&fAttributes);
+        posix_spawnattr_setsigmask(&fAttributes, &none);
+        posix_spawnattr_setsigdefault(&fAttributes, &all);
+        posix_spawnattr_setflags(
+            &fAttributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
+    }
+    ~Separately() { posix_spawnattr_destroy(&fAttributes); }
+    Separately(const Separately&) = delete;
+    Separately& operator=(const Separately&) = delete;
+
+    [[nodiscard]] const posix_spawnattr_t* get() const { return &fAttributes; }
+
+  private:
+    posix_spawnattr_t fAttributes{};
+};
+
+}  // namespace
+
+void Browser::open(const std::string& link) {
+    if (!isInEnvironment("DISPLAY") && !isInEnvironment("WAYLAND_DISPLAY")) return;
+    std::string program = "xdg-open";
+    std::string argument = link;
+    const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};
+    const Separately separately;
+    if (posix_spawnp(&fOpener, program.c_str(), nullptr, separately.get(), arguments.data(),
+                     environ) != 0) {
+        fOpener = 0;
+    }
+}
+
+Browser::~Browser() {
+    // Not waited for: one that still runs is cleared away when the program ends.
+    if (fOpener > 0) static_cast<void>(waitpid(fOpener, nullptr, WNOHANG));
+}
+
+}  // namespace kirofigures::detail

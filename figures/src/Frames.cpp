@@ -1,0 +1,142 @@
+#include "Frames.hpp"
+
+#include <utility>
+
+#include "checked/Require.hpp"
+#include "kiroutils/KiroBlockingOperation.hpp"
+#include "kiroutils/KiroTerminatingCondition.hpp"
+
+namespace kirofigures::detail {
+
+using kiroutils::KiroTerminatingCondition;
+
+Frames::Frames(Means means) : fMeans(std::move(means)), fLatest(fMeans.requestors.front().get()) {
+    // Only a token that has come back leaves stamps; one that the host gave up leaves none.
+    for (const auto& requestor : fMeans.requestors) requestor->enableTimeStampLogging(true);
+}
+
+void Frames::waitUntil(const std::function<bool()>& condition) {
+    kiroutils::KiroBlockingOperation::waitOrThrow(
+        std::make_unique<KiroTerminatingCondition>("figures", condition,
+                                                   std::chrono::seconds::max()),
+        {});
+}
+
+Drawn Frames::draw() {
+    if (std::exchange(fIsRepeating, false)) abandon();
+    const std::uint64_t frame = fNext++;
+    if (frame == 0 && fMeans.waitsForPage) {
+        waitUntil([this] { return hasPage() || !fMeans.isOpen(); });
+    }
+    if (!fMeans.isOpen() || !hasPage()) return nobodySees(frame);
+    fFlights.push_back({frame, &nextRequestor()});
+    send();
+    if (fFlights.size() < fMeans.requestors.size()) return {Outcome::kUnderWay, frame, {}};
+    return awaitOldest();
+}
+
+bool Frames::isRepeatDue() const { return fNext > 0 && isNewToPage() && hasPage(); }
+
+void Frames::repeat() {
+    KIROWEB_REQUIRE(fNext > 0);
+    if (fFlights.empty()) {
+        fFlights.push_back({fNext - 1, &nextRequestor(), fAttempts});
+        fIsRepeating = true;
+    }
+    send();
+}
+
+bool Frames::hasPage() const {
+    return fMeans.contact.arrivals() > 0 && !fMeans.surroundings.isPageGone();
+}
+
+bool Frames::isNewToPage() const {
+    return !fArePagesCurrent || fMeans.contact.arrivals() != fArrivals;
+}
+
+kiro::web::PubSubACTRequestor& Frames::nextRequestor() {
+    return *fMeans.requestors[fTurn++ % fMeans.requestors.size()];
+}
+
+void Frames::send() {
+    try {
+        if (!isNewToPage()) {
+            send(fFlights.back());
+            return;
+        }
+        for (auto& flight : fFlights) {
+            const bool isAnswered = flight.attempt > 0 && !flight.requestor->isACTPending();
+            if (!isAnswered) send(flight);
+        }
+    } catch (...) {
+        abandon();
+        throw;
+    }
+}
+
+void Frames::send(Flight& flight) {
+    flight.requestor->discardAllTokens();
+    flight.requestor->clearTimeStampLog();
+    sendCommands(flight);
+    flight.requestor->setAnnotation("frame " + std::to_string(flight.frame));
+    flight.deadline = fMeans.surroundings.now() + fMeans.timeout;
+    fLatest = flight.requestor;
+    fAttempts = flight.attempt;
+    flight.requestor->sendACT();
+}
+
+void Frames::sendCommands(Flight& flight) {
+    // What comes from here on is another attempt's affair.
+    const auto arrivals = fMeans.contact.arrivals();
+    const bool isWhole = !std::exchange(fArePagesCurrent, false) || arrivals != fArrivals;
+    fArrivals = arrivals;
+    fMeans.outlet.beginFrame(flight.frame, ++flight.attempt, isWhole);
+    fMeans.scene.send(fMeans.outlet, isWhole);
+    fArePagesCurrent = true;
+}
+
+Drawn Frames::awaitOldest() {
+    for (;;) {
+        const Flight& oldest = fFlights.front();
+        bool isAnswered = false;
+        waitUntil([this, &oldest, &isAnswered] {
+            isAnswered = !oldest.requestor->isACTPending();
+            return isAnswered || !fMeans.isOpen() || isNewToPage() ||
+                   fMeans.surroundings.isPageGone() || fMeans.surroundings.now() >= oldest.deadline;
+        });
+        if (isAnswered) return answered(oldest);
+        if (!fMeans.isOpen() || fMeans.surroundings.isPageGone()) return nobodySees(oldest.frame);
+        if (!isNewToPage()) return over(Outcome::kLate, fMeans.surroundings.lateCause());
+        send();
+    }
+}
+
+Drawn Frames::answered(const Flight& flight) {
+    auto report = fMeans.contact.takeReport(flight.frame, flight.attempt);
+    if (report) return over(report->outcome, std::move(report->error));
+    if (!flight.requestor->hasTimeStamps()) {
+        return over(Outcome::kLate, fMeans.surroundings.lateCause());
+    }
+    return over(Outcome::kFailed, "the page does not say what became of the frame");
+}
+
+Drawn Frames::over(Outcome outcome, std::string reason) {
+    const Flight flight = fFlights.front();
+    fFlights.pop_front();
+    flight.requestor->discardAllTokens();
+    return {outcome, flight.frame, std::move(reason)};
+}
+
+Drawn Frames::nobodySees(std::uint64_t frame) {
+    abandon();
+    // A page that comes may hear what is sent before it has said that it is there.
+    fArePagesCurrent = false;
+    return {fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted, frame, {}};
+}
+
+void Frames::abandon() {
+    for (const auto& flight : fFlights) flight.requestor->discardAllTokens();
+    fFlights.clear();
+}
+
+}  // namespace kirofigures::detail

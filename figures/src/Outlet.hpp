@@ -1,0 +1,49 @@
+#pragma once
+
+#include <boost/json/value.hpp>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "Store.hpp"
+#include "kiro/web/JSONPayload.hpp"
+#include "kiro/web/binary/DataID.hpp"
+
+namespace kiro::web {
+class CommandSenderInterface;
+}
+
+namespace kirofigures::detail {
+
+/// A property of an object, and whether pages have this value of it.
+struct Property {
+    const char* key;
+    boost::json::value value;
+    bool isSent = false;
+};
+
+/// The way of commands and blocks to the pages: it numbers the commands.
+class Outlet {
+  public:
+    explicit Outlet(std::shared_ptr<kiro::web::CommandSenderInterface> sender)
+        : fSender(std::move(sender)) {}
+
+    void beginFrame(std::uint64_t frame, std::uint64_t attempt, bool isWhole);
+    /// With all properties that have a value. `parent` 0: none.
+    void create(std::uint64_t id, const char* type, std::uint64_t parent,
+                std::span<const Property> properties);
+    /// With all properties that are not sent.
+    void set(std::uint64_t id, std::span<const Property> properties);
+    void remove(std::uint64_t id);
+    /// Sends the block, and the command that names it.
+    void data(std::uint64_t id, const Delta& delta);
+
+  private:
+    void send(const char* command, kiro::web::JSONPayload&& payload);
+
+    const std::shared_ptr<kiro::web::CommandSenderInterface> fSender;
+    std::uint64_t fSequence = 0;
+};
+
+}  // namespace kirofigures::detail

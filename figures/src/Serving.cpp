@@ -1,0 +1,73 @@
+#include "Serving.hpp"
+
+#include <algorithm>
+#include <boost/json.hpp>
+
+#include "TokenFile.hpp"
+
+namespace kirofigures::detail {
+
+namespace json = boost::json;
+
+namespace {
+
+/// Where a page reports its script errors, whatever it is a page of.
+constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSErrors";
+
+std::string configuration(const WindowOptions& options, const Channels& channels) {
+    return json::serialize(json::object{{"vocabulary", "kirofigures/1"},
+                                        {"commands", channels.commands},
+                                        {"blocks", channels.blocks},
+                                        {"ready", channels.ready},
+                                        {"newView", channels.newView},
+                                        {"events", channels.events},
+                                        {"title", options.title}});
+}
+
+bool isConnected(const json::value& page) { return page.at("state") == "connected"; }
+
+/// Whether the page has not taken everything that was sent: what it has worked off, it
+/// acknowledges.
+bool lagsBehind(const json::value& page) {
+    return page.at("acknowledged").to_number<std::uint64_t>() + 1 <
+           page.at("nextMessage").to_number<std::uint64_t>();
+}
+
+}  // namespace
+
+kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels& channels) {
+    kirogateway::Options gateway;
+    gateway.address = options.address;
+    gateway.port = options.port;
+    gateway.certificateFile = options.certificateFile;
+    gateway.keyFile = options.keyFile;
+    gateway.extraHosts = options.extraHosts;
+    gateway.extraOrigins = options.extraOrigins;
+    gateway.frameAncestors = options.embeddingOrigins;
+    if (!options.tokenFile.empty()) gateway.token = tokenFrom(options.tokenFile);
+    gateway.limits.connections = options.pages + gateway.limits.unauthenticatedConnections;
+    gateway.assets = pageAssets();
+    gateway.configuration = configuration(options, channels);
+    gateway.mayPublish = {channels.ready,      channels.newView,    channels.events,
+                          channels.returns[0], channels.returns[1], kErrorChannel};
+    gateway.maySubscribe = {channels.commands, channels.blocks};
+    gateway.blockChannels = {channels.blocks};
+    // A command must not overtake the blocks that it names.
+    gateway.lanes = {{channels.commands, channels.blocks}};
+    // A page announces a new view itself, once it hears the commands. After a return it heard
+    // everything, but what it answered meanwhile may be lost: the frame is sent again.
+    gateway.reconnectChannel = channels.reconnect;
+    return gateway;
+}
+
+std::string lateCause(bool hasAnnounced, const std::string& pages) {
+    const json::value known = json::parse(pages);
+    const json::array& detail = known.at("detail").as_array();
+    const bool noneConnected = std::ranges::none_of(detail, isConnected);
+    if (noneConnected) return hasAnnounced ? "client gone" : "no client yet";
+    const bool allLag = std::ranges::all_of(
+        detail, [](const json::value& page) { return !isConnected(page) || lagsBehind(page); });
+    return allLag ? "client stalled" : "token lost";
+}
+
+}  // namespace kirofigures::detail

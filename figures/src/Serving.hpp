@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "kirofigures/Window.hpp"
+#include "kirogateway/Options.hpp"
+
+namespace kirofigures::detail {
+
+/// The gateway's options for a window's page. Throws as the constructor of `Window` does.
+[[nodiscard]] kirogateway::Options gatewayOptions(const WindowOptions& options,
+                                                  const Channels& channels);
+
+/// Why no token has come back, in a few words. `pages`: the gateway's diagnostics.
+[[nodiscard]] std::string lateCause(bool hasAnnounced, const std::string& pages);
+
+/// The page's files, which are part of the library.
+[[nodiscard]] std::vector<kirogateway::Asset> pageAssets();
+
+}  // namespace kirofigures::detail

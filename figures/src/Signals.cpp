@@ -1,0 +1,54 @@
+#include "Signals.hpp"
+
+#include <mutex>
+#include <system_error>
+
+namespace kirofigures::detail {
+
+std::shared_ptr<Signals> Signals::shared() {
+    static std::mutex mutex;
+    static std::weak_ptr<Signals> known;
+    const std::lock_guard lock(mutex);
+    auto signals = known.lock();
+    if (signals == nullptr) {
+        signals.reset(new Signals);
+        known = signals;
+    }
+    return signals;
+}
+
+Signals::Signals() {
+    sigemptyset(&fSet);
+    sigaddset(&fSet, SIGINT);
+    sigaddset(&fSet, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &fSet, &fBefore);
+    try {
+        fThread = std::thread([this] { listen(); });
+    } catch (const std::system_error&) {
+        pthread_sigmask(SIG_SETMASK, &fBefore, nullptr);
+        throw;
+    }
+}
+
+Signals::~Signals() {
+    fIsEnding = true;
+    pthread_kill(fThread.native_handle(), SIGINT);
+    fThread.join();
+    // From here on a signal does what it did before.
+    pthread_sigmask(SIG_SETMASK, &fBefore, nullptr);
+}
+
+void Signals::listen() {
+    for (;;) {
+        int signal = 0;
+        sigwait(&fSet, &signal);
+        if (fIsEnding) return;
+        if (!fCame.exchange(true)) continue;
+        // As if it had come to a thread that does not block it.
+        std::signal(signal, SIG_DFL);
+        pthread_sigmask(SIG_UNBLOCK, &fSet, nullptr);
+        std::raise(signal);
+    }
+}
+
+}  // namespace kirofigures::detail

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <boost/json/object.hpp>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kirofigures/Window.hpp"
+
+namespace figures_test {
+
+/// An object as a page that has followed all commands knows it.
+struct Shown {
+    std::string type;
+    std::uint64_t parent = 0;
+    boost::json::object properties;
+    std::map<std::string, std::vector<double>> columns;
+
+    friend bool operator==(const Shown&, const Shown&) = default;
+};
+using Picture = std::map<std::uint64_t, Shown>;
+
+struct Frame {
+    std::uint64_t number = 0;
+    std::uint64_t attempt = 0;
+    bool isWhole = false;
+    /// Those between beginning and token, without their numbers.
+    std::vector<boost::json::object> commands;
+    /// The picture behind them.
+    Picture picture;
+    std::string token;
+    std::string returnChannel;
+};
+
+/// A page in this process: it follows the commands by the vocabulary's rules and answers each token
+/// as it is told. It works on the message service's thread.
+class Page {
+  public:
+    /// What is done when a token has come, on the message service's thread.
+    using Answer = std::function<void(Page&, const Frame&)>;
+
+    /// Hears from now on.
+    explicit Page(const kirofigures::Channels& channels);
+    ~Page();
+    Page(const Page&) = delete;
+    Page& operator=(const Page&) = delete;
+
+    /// A new view, which knows nothing.
+    void announce();
+    /// The view is back, and knows what it knew.
+    void comeBack();
+    void say(const boost::json::object& event);
+    void sayText(const std::string& event);
+    /// Says what became of the frame and returns its token.
+    void end(const Frame& frame, const std::string& outcome, const std::string& error = {});
+    void returnToken(const Frame& frame);
+
+    /// What is done at the next token for which nothing else is said; then at the one after. When
+    /// there is nothing, the frame is painted.
+    void next(Answer answer);
+
+    [[nodiscard]] std::vector<Frame> frames() const;
+    [[nodiscard]] Frame last() const { return frames().back(); }
+    /// What was against the rules.
+    [[nodiscard]] std::vector<std::string> faults() const;
+
+  private:
+    struct Impl;
+    std::shared_ptr<Impl> fImpl;
+};
+
+/// An answer that only says this.
+[[nodiscard]] Page::Answer outcome(const std::string& outcome, const std::string& error = {});
+
+}  // namespace figures_test
