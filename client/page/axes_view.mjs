@@ -3,8 +3,9 @@
 
 import uPlot from "uplot";
 
-import { TextMeasure, make, setText } from "./dom.mjs";
+import { make, setText } from "./dom.mjs";
 import { homeView, isSame, shownLimits, stretch } from "./navigation.mjs";
+import { FONT, LINE_HEIGHT, textWidth } from "./text_width.mjs";
 import { chooseTicks } from "./ticks.mjs";
 
 /** @typedef {import("./messages.mjs").AxesDescription} AxesDescription */
@@ -14,7 +15,6 @@ import { chooseTicks } from "./ticks.mjs";
 /** @typedef {import("./navigation.mjs").Which} Which */
 /** @typedef {import("./ticks.mjs").Ticks} Ticks */
 
-const LINE_HEIGHT = 15;
 const TICK = 5;
 const TICK_GAP = 4;
 /** Widths of axes are multiples of this, so that the picture does not jump with each digit. */
@@ -23,7 +23,6 @@ const SIZE_STEP = 8;
 const PATIENCE = 1000;
 /** The whole axis, for uPlot: values are turned into fractions before it sees them. */
 const WHOLE = /** @type {[number, number]} */ ([0, 1]);
-const measure = new TextMeasure();
 
 /**
  * @typedef {object} Surroundings
@@ -36,6 +35,8 @@ const measure = new TextMeasure();
 /** Name, unit and what all numbers have in common; of these only the name may be cut off. */
 class Label {
     element;
+    /** Name, unit and note. */
+    parts = ["", "", ""];
     #name = make("span", { class: "name" });
     #unit = make("span", { class: "unit" });
     #note = make("span", { class: "note" });
@@ -47,9 +48,10 @@ class Label {
 
     /** @param {AxisDescription | null} axis @param {string} note */
     show(axis, note) {
-        setText(this.#name, axis?.label ?? "");
-        setText(this.#unit, axis?.unit ? `(${axis.unit})` : "");
-        setText(this.#note, note);
+        this.parts = [axis?.label ?? "", axis?.unit ? `(${axis.unit})` : "", note];
+        [this.#name, this.#unit, this.#note].forEach((element, i) =>
+            setText(element, this.parts[i]),
+        );
         this.element.hidden = !(axis?.label || axis?.unit || note);
     }
 }
@@ -66,7 +68,7 @@ export class AxesView {
     title = make("h3");
     legend = make("div", { class: "legend" });
     colorBars = make("div", { class: "color-bars" });
-    #labels = { x: new Label("x"), y: new Label("y"), y2: new Label("y2") };
+    labels = { x: new Label("x"), y: new Label("y"), y2: new Label("y2") };
     element;
     #surroundings;
     /** @type {uPlot | null} */
@@ -93,7 +95,7 @@ export class AxesView {
         this.description = description;
         this.drawn = description.limits;
         this.#surroundings = surroundings;
-        const { x, y, y2 } = this.#labels;
+        const { x, y, y2 } = this.labels;
         const plot = make(
             "div",
             { class: "plot" },
@@ -250,7 +252,7 @@ export class AxesView {
 
     #showLabels() {
         for (const which of /** @type {Which[]} */ (["x", "y", "y2"])) {
-            this.#labels[which].show(this.description[which], this.ticks[which].note);
+            this.labels[which].show(this.description[which], this.ticks[which].note);
         }
     }
 
@@ -260,11 +262,11 @@ export class AxesView {
         const ratio = uPlot.pxRatio;
         const size = { width: bbox.width / ratio, height: bbox.height / ratio, ratio };
         const left = bbox.left / ratio;
-        this.#labels.x.element.style.paddingLeft = `${left}px`;
-        this.#labels.x.element.style.paddingRight = `${width - left - size.width}px`;
+        this.labels.x.element.style.paddingLeft = `${left}px`;
+        this.labels.x.element.style.paddingRight = `${width - left - size.width}px`;
         // This label stands on its head.
-        this.#labels.y.element.style.paddingTop = `${height - bbox.top / ratio - size.height}px`;
-        this.#labels.y2.element.style.paddingBottom = `${height - bbox.top / ratio - size.height}px`;
+        this.labels.y.element.style.paddingTop = `${height - bbox.top / ratio - size.height}px`;
+        this.labels.y2.element.style.paddingBottom = `${height - bbox.top / ratio - size.height}px`;
         over.dataset.axes = String(this.description.id);
         if (JSON.stringify(size) === JSON.stringify(this.size)) return;
         this.size = size;
@@ -322,7 +324,7 @@ export class AxesView {
         return {
             scale: which,
             side: which === "x" ? 2 : which === "y" ? 3 : 1,
-            font: TextMeasure.FONT,
+            font: FONT,
             lineGap: LINE_HEIGHT / 12,
             stroke: () => colors.get("quiet"),
             gap: TICK_GAP,
@@ -344,7 +346,7 @@ export class AxesView {
         const limits = this.shown[which] ?? WHOLE;
         const room =
             which === "x"
-                ? { pixels, extent: (/** @type {string} */ text) => measure.width(text), gap: 14 }
+                ? { pixels, extent: textWidth, gap: 14 }
                 : { pixels, extent: () => LINE_HEIGHT, gap: 16, lines: 1 };
         this.ticks[which] = chooseTicks(limits, axis?.scale ?? "linear", room, axis?.ticks ?? null);
         return this.ticks[which].ticks.map(({ at }) => at);
@@ -357,10 +359,7 @@ export class AxesView {
 
     /** @param {"y" | "y2"} which */
     #width(which) {
-        const longest = Math.max(
-            0,
-            ...this.ticks[which].ticks.map(({ text }) => measure.width(text)),
-        );
+        const longest = Math.max(0, ...this.ticks[which].ticks.map(({ text }) => textWidth(text)));
         const wanted = SIZE_STEP * Math.ceil((TICK + TICK_GAP + longest + 2) / SIZE_STEP);
         this.#sizes[which] = Math.max(this.#sizes[which], wanted);
         return which === "y" ? Math.max(this.#sizes.y, this.#leastWidth) : this.#sizes[which];
@@ -369,7 +368,7 @@ export class AxesView {
     /** Where half of the last text may stand. */
     #rightPadding() {
         if (this.description.y2) return 6;
-        const longest = Math.max(0, ...this.ticks.x.ticks.map(({ text }) => measure.width(text)));
+        const longest = Math.max(0, ...this.ticks.x.ticks.map(({ text }) => textWidth(text)));
         const wanted = Math.max(10, SIZE_STEP * Math.ceil(longest / 2 / SIZE_STEP));
         this.#sizes.right = Math.max(this.#sizes.right, wanted);
         return this.#sizes.right;

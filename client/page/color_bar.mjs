@@ -1,24 +1,19 @@
 // The bar that says which colour is which value.
 
-import { TextMeasure, make, setText } from "./dom.mjs";
+import { make, setText } from "./dom.mjs";
+import { LINE_HEIGHT, textWidth } from "./text_width.mjs";
 import { chooseTicks } from "./ticks.mjs";
 import { colorsOfMap } from "./worker/color_maps.mjs";
 
 /** @typedef {import("./axes_view.mjs").AxesView} AxesView */
 /** @typedef {import("./messages.mjs").Range} Range */
 
-const LINE_HEIGHT = 15;
-const measure = new TextMeasure();
-
 /** Colours of a ramp, between which a browser mixes. */
 const COLORS = 64;
 
-/** From below. @param {string} colorMap */
-function rampOf(colorMap) {
-    const colors = colorsOfMap(colorMap, COLORS).map(
-        (parts) => `rgb(${parts.slice(0, 3).join(" ")})`,
-    );
-    return `linear-gradient(to top, ${colors.join(", ")})`;
+/** From the lowest value's to the highest's. @param {string} colorMap */
+export function rampColors(colorMap) {
+    return colorsOfMap(colorMap, COLORS).map((parts) => `rgb(${parts.slice(0, 3).join(" ")})`);
 }
 
 /** @param {AxesView} view with a colour bar for each of its series that has one
@@ -61,8 +56,9 @@ function showBar(bar, name, colorMap, limits, pixels) {
     const room = { pixels, extent: () => LINE_HEIGHT, gap: 16, lines: 1 };
     const chosen = chooseTicks(limits, "linear", room);
     bar.style.height = `${pixels}px`;
-    ramp.style.background = rampOf(colorMap);
-    const longest = Math.max(0, ...chosen.ticks.map(({ text }) => measure.width(text)));
+    ramp.style.background = `linear-gradient(to top, ${rampColors(colorMap).join(", ")})`;
+    bar.dataset.map = colorMap;
+    const longest = Math.max(0, ...chosen.ticks.map(({ text }) => textWidth(text)));
     ticks.style.width = `${8 * Math.ceil((longest + 8) / 8)}px`;
     ticks.replaceChildren(
         ...chosen.ticks.map(({ at, text }) => {

@@ -42,24 +42,3 @@ export function byId(id) {
     if (!found) throw new Error(`no element ${id}`);
     return found;
 }
-
-/** How long a text is in the font of axes, in CSS pixels. Remembers: ticks are asked for in each frame. */
-export class TextMeasure {
-    static FONT = "12px system-ui, sans-serif";
-    #context = new OffscreenCanvas(1, 1).getContext("2d");
-    /** @type {Map<string, number>} */
-    #known = new Map();
-
-    /** @param {string} text with lines @returns {number} */
-    width(text) {
-        const MOST = 4000;
-        const known = this.#known.get(text);
-        if (known !== undefined || !this.#context) return known ?? 0;
-        if (this.#known.size > MOST) this.#known.clear();
-        this.#context.font = TextMeasure.FONT;
-        const widths = text.split("\n").map((line) => this.#context?.measureText(line).width ?? 0);
-        const width = Math.max(...widths);
-        this.#known.set(text, width);
-        return width;
-    }
-}

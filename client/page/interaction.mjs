@@ -26,6 +26,7 @@ const SAY_EVERY = 800;
 /** Everything that can be done with axes. */
 export class Interaction {
     #worker;
+    #colors;
     #say;
     #pause;
     /** @type {Map<AxesView, {figure: FigureView, crosshair: Crosshair}>} */
@@ -34,8 +35,10 @@ export class Interaction {
     #sayTimer = 0;
 
     /** @param {import("./worker_link.mjs").WorkerLink} worker
+     * @param {import("./theme.mjs").Colors} colors
      * @param {(text: string) => void} say to those who do not see it @param {() => void} pause */
-    constructor(worker, say, pause) {
+    constructor(worker, colors, say, pause) {
+        this.#colors = colors;
         this.#worker = worker;
         this.#say = say;
         this.#pause = pause;
@@ -114,7 +117,7 @@ export class Interaction {
         } else if (action === "follow") this.#look(view, { x: null });
         else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
         else if (action === "table") void showTable(this.#worker, view);
-        else if (action === "save") showSave(this.#worker, figure, view);
+        else if (action === "save") showSave(this.#worker, figure, view, this.#colors);
         else if (action === "full") this.#fullScreen(figure);
     }
 

@@ -49,6 +49,7 @@ class Page {
         );
         this.interaction = new Interaction(
             this.worker,
+            this.#colors,
             (text) => this.#say(text),
             () => this.pause(),
         );
