@@ -83,8 +83,8 @@ export class AxesView {
     };
     /** Of axes and padding, in CSS pixels; they grow until there is another room. */
     #sizes = { y: 0, y2: 0, right: 0 };
-    /** Pixels that the y axis takes at least, so that axes above each other begin at the same place. */
-    #leastWidth = 0;
+    /** Of padding, so that axes above each other have the same width. */
+    #extra = { left: 0, right: 0 };
     /** Of the plotting area, in CSS pixels. */
     size = { width: 0, height: 0, ratio: 1 };
     #viewed = 0;
@@ -163,16 +163,20 @@ export class AxesView {
         this.#showLabels();
     }
 
-    /** Pixels that its y axis wants. */
-    get wantedWidth() {
-        return this.#sizes.y;
+    /** CSS pixels that labels and axes want beside the plotting area. */
+    get insets() {
+        const { element, size } = this;
+        const box = element.getBoundingClientRect();
+        const area = this.plot.over.getBoundingClientRect();
+        const [left, right] = [area.left - box.left, box.right - area.left - size.width];
+        return { left: left - this.#extra.left, right: right - this.#extra.right };
     }
 
-    /** @param {number} width that the y axis takes at least */
-    setLeastWidth(width) {
-        if (width === this.#leastWidth) return;
-        this.#leastWidth = width;
-        if (this.#plot) this.redraw();
+    /** @param {{left: number, right: number}} extra CSS pixels that stay empty besides */
+    setExtra(extra) {
+        if (extra.left === this.#extra.left && extra.right === this.#extra.right) return;
+        this.#extra = extra;
+        this.redraw();
     }
 
     /** The canvas for the worker, once. @returns {OffscreenCanvas | null} */
@@ -282,7 +286,12 @@ export class AxesView {
             height,
             pxAlign: 1,
             legend: { show: false },
-            padding: [10, () => this.#rightPadding(), 2, 6],
+            padding: [
+                10,
+                () => this.#rightPadding() + this.#extra.right,
+                2,
+                () => 6 + this.#extra.left,
+            ],
             series: [{}],
             scales: {
                 x: { time: false, range: () => WHOLE },
@@ -362,7 +371,7 @@ export class AxesView {
         const longest = Math.max(0, ...this.ticks[which].ticks.map(({ text }) => textWidth(text)));
         const wanted = SIZE_STEP * Math.ceil((TICK + TICK_GAP + longest + 2) / SIZE_STEP);
         this.#sizes[which] = Math.max(this.#sizes[which], wanted);
-        return which === "y" ? Math.max(this.#sizes.y, this.#leastWidth) : this.#sizes[which];
+        return this.#sizes[which];
     }
 
     /** Where half of the last text may stand. */

@@ -96,17 +96,16 @@ export class FigureView {
         });
     }
 
-    /** Lets axes above each other begin at the same place, once they are fitted. */
+    /** Lets axes above each other have the same width, once they are fitted. */
     align() {
         for (const views of this.#columns) {
-            const width = Math.max(...views.map((view) => view.wantedWidth));
-            const isLabelled = views.some(
-                ({ description }) => description.y.label || description.y.unit,
-            );
-            for (const view of views) {
-                view.element.classList.toggle("labelled", isLabelled);
-                view.setLeastWidth(width);
-            }
+            if (views.length < 2) continue;
+            const insets = views.map((view) => view.insets);
+            const left = Math.max(...insets.map((one) => one.left));
+            const right = Math.max(...insets.map((one) => one.right));
+            views.forEach((view, i) => {
+                view.setExtra({ left: left - insets[i].left, right: right - insets[i].right });
+            });
         }
     }
 

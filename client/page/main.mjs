@@ -30,6 +30,9 @@ class Page {
     #empty = /** @type {Element} */ (this.#root.firstElementChild);
     #colors = new Colors();
     #watch = new Watch();
+    #charts = new ResizeObserver(() => this.#fit());
+    /** Whether axes have got another size since they were aligned. */
+    #isUneven = false;
     #isLive = false;
     #isPaused = false;
     /** The newest frame that is not painted yet. @type {Extract<ToMain, {kind: "frame"}> | null} */
@@ -190,7 +193,10 @@ class Page {
         const view = new FigureView(
             description,
             {
-                onAxes: (axes) => this.interaction.add(view, axes),
+                onAxes: (axes) => {
+                    this.interaction.add(view, axes);
+                    this.#charts.observe(axes.chart);
+                },
                 onGone: (axes) => this.#forget(axes),
                 onAction: (figure, action) => this.interaction.act(figure, action),
                 onVisible: (series, visible) =>
@@ -212,11 +218,13 @@ class Page {
     /** @param {AxesView} axes */
     #forget(axes) {
         this.interaction.remove(axes);
+        this.#charts.unobserve(axes.chart);
         this.worker.post({ kind: "gone", axes: axes.description.id });
     }
 
     /** @param {AxesView} view */
     #sized(view) {
+        this.#isUneven = true;
         const { width, height, ratio } = view.size;
         const axes = view.description.id;
         const canvas = view.takeCanvas();
@@ -235,8 +243,25 @@ class Page {
         const { clientWidth: width, clientHeight: height } = this.#root;
         const { columns } = gridOf(this.figures.size, { width, height });
         this.#root.style.gridTemplateColumns = `repeat(${columns}, minmax(0, 1fr))`;
-        for (const figure of this.figures.values()) figure.place();
+        const views = [...this.figures.values()];
+        views.forEach((figure, i) => {
+            // The last one takes what is left of its row.
+            const span = i === views.length - 1 ? columns - (i % columns) : 1;
+            figure.element.style.gridColumn = `span ${span}`;
+        });
+        for (const figure of views) figure.place();
+        this.#fit();
+    }
+
+    /** Fits axes into the places that they have. */
+    #fit() {
         for (const view of this.#axes()) view.layOut();
+        this.#align();
+    }
+
+    #align() {
+        if (!this.#isUneven) return;
+        this.#isUneven = false;
         for (const figure of this.figures.values()) figure.align();
     }
 
@@ -258,7 +283,7 @@ class Page {
             if (limits) view.setDrawn(limits);
             showColorBars(view, frame.colors);
         }
-        for (const figure of this.figures.values()) figure.align();
+        this.#align();
         this.interaction.dataChanged();
         this.#painted.push(frame.stamp);
         if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);

@@ -31,7 +31,7 @@ const DIGITS = 15;
 /** More digits than this are taken out of the ticks, as an offset. */
 const MOST_DIGITS = 6;
 /** Numbers from the second to the first are written as they are. */
-const LARGEST_PLAIN = 1e5;
+const LARGEST_PLAIN = 1e6;
 const SMALLEST_PLAIN = 1e-3;
 /** Decades from which on a logarithmic axis has no ticks but powers of ten, and thousandfolds. */
 const FEW_DECADES = 1;
@@ -50,7 +50,7 @@ const withMinus = (text) => text.replace("-", "−");
 export function numberText(value, digits = 6) {
     if (!Number.isFinite(value)) return Number.isNaN(value) ? "–" : withMinus(String(value));
     const size = Math.abs(value);
-    if (size !== 0 && (size >= 10 * LARGEST_PLAIN || size < SMALLEST_PLAIN)) {
+    if (size !== 0 && (size >= LARGEST_PLAIN || size < SMALLEST_PLAIN)) {
         const [mantissa, exponent] = value.toExponential(digits - 1).split("e");
         const power = `10${superscript(Number(exponent))}`;
         const short = String(Number(mantissa));
