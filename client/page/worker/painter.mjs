@@ -20,7 +20,7 @@ import { axisOf } from "./vocabulary.mjs";
  * What of a 2d context is used; so that there can be another one, which writes SVG.
  * @typedef {Pick<CanvasRenderingContext2D, "fillStyle" | "strokeStyle" | "lineWidth" | "lineCap" |
  *     "lineJoin" | "font" | "textAlign" | "textBaseline" | "beginPath" | "moveTo" | "lineTo" |
- *     "closePath" | "arc" | "rect" | "fill" | "stroke" | "fillRect" | "fillText" |
+ *     "closePath" | "arc" | "fill" | "stroke" | "fillRect" | "fillText" |
  *     "setLineDash">} Context
  */
 

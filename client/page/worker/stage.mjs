@@ -2,7 +2,7 @@
 
 import { colorLimitsOf } from "./color_maps.mjs";
 import { describe } from "./description.mjs";
-import { limitsOf } from "./limits.mjs";
+import { isVisible, limitsOf } from "./limits.mjs";
 import { paintAxes } from "./painter.mjs";
 import { Scene } from "./scene.mjs";
 import { CanvasSurface } from "./surface.mjs";
@@ -71,9 +71,9 @@ export class Stage {
         this.#drawAll();
     }
 
-    /** @param {number} series @param {boolean} isVisible */
-    setVisible(series, isVisible) {
-        if (isVisible) this.hidden.delete(series);
+    /** @param {number} series @param {boolean} isWanted */
+    setVisible(series, isWanted) {
+        if (isWanted) this.hidden.delete(series);
         else this.hidden.add(series);
         const axes = this.#scene.find(series)?.parent;
         if (axes) this.#scene.changed.add(axes.id);
@@ -116,6 +116,9 @@ export class Stage {
     #drawAll() {
         for (const shown of this.#shown.values()) shown.isStale = true;
     }
+
+    /** @param {import("./scene.mjs").Item} series */
+    shows = (series) => isVisible(series, this.hidden);
 
     /** @returns {Map<number, Limits>} as they are now, by axes */
     limits() {
