@@ -1,0 +1,161 @@
+// What the page's two threads say to each other: types, and a few constants. The worker has the
+// data: it keeps what the engine sends, chooses limits and draws. The main thread has the elements:
+// it lays out, draws axes and takes what somebody does.
+//
+// The main thread answers each `scene` with `laid`, behind a `canvas` for each new axes and a
+// `resize` for each whose size is another one; the worker paints nothing before. It answers each
+// `frame` with `painted`. Both also while the page is hidden, if it can: nobody waits for a hidden
+// page.
+
+/** @typedef {[number, number]} Range low and high; low < high */
+
+/** @typedef {{x: Range, y: Range, y2: Range | null}} Limits of axes, as they are shown */
+
+/**
+ * @typedef {object} AxisDescription
+ * @property {string} label
+ * @property {string} unit
+ * @property {"linear" | "log" | "time"} scale
+ * @property {[number, string][] | null} ticks in place of the page's own
+ */
+
+/**
+ * @typedef {object} SeriesDescription
+ * @property {number} id
+ * @property {string} type of a type that is known
+ * @property {string} name empty: not in the legend
+ * @property {string} color as it is drawn, by the theme
+ * @property {boolean} visible as it is drawn: the engine and the legend show it
+ * @property {"y" | "y2"} axis
+ * @property {string | null} colorMap whose colour bar is shown; null: none
+ */
+
+/**
+ * @typedef {object} AxesDescription
+ * @property {number} id
+ * @property {string} title
+ * @property {AxisDescription} x
+ * @property {AxisDescription} y
+ * @property {AxisDescription | null} y2 null: there is none
+ * @property {boolean} equalAspect
+ * @property {number | null} linkX
+ * @property {boolean} legend whether there is one
+ * @property {number | null} row
+ * @property {number | null} column
+ * @property {boolean} picks whether the engine wants them
+ * @property {SeriesDescription[]} series
+ * @property {Limits} limits as they will be, so that axes need not be laid out twice
+ */
+
+/**
+ * @typedef {object} ControlDescription
+ * @property {number} id
+ * @property {"button" | "slider" | "number" | "choice"} type
+ * @property {string} label
+ * @property {number | null} [low]
+ * @property {number | null} [high]
+ * @property {number | null} [step]
+ * @property {number} [value]
+ * @property {string[]} [options]
+ */
+
+/**
+ * @typedef {object} FigureDescription
+ * @property {number} id
+ * @property {string} title
+ * @property {number} columns 0: chosen by the page
+ * @property {ControlDescription[]} controls
+ * @property {AxesDescription[]} axes
+ */
+
+/**
+ * Sizes are CSS pixels of the plotting area; `ratio` device pixels for each of them. Places are CSS
+ * pixels from its upper left corner, except where they are said to be of the data.
+ *
+ * @typedef {(
+ *     | {kind: "start", address: string, theme: Theme, hidden: boolean}
+ *     | {kind: "told", id: number, value: string | boolean | null}
+ *     | {kind: "link"}
+ *     | {kind: "laid", stamp: number}
+ *     | {kind: "canvas", axes: number, canvas: OffscreenCanvas, width: number, height: number,
+ *        ratio: number}
+ *     | {kind: "resize", axes: number, width: number, height: number, ratio: number}
+ *     | {kind: "gone", axes: number}
+ *     | {kind: "view", axes: number, x: Range | null, y: Range | null, y2: Range | null}
+ *     | {kind: "visible", series: number, visible: boolean}
+ *     | {kind: "theme", theme: Theme}
+ *     | {kind: "hidden", hidden: boolean}
+ *     | {kind: "pause", paused: boolean}
+ *     | {kind: "painted", stamp: number}
+ *     | {kind: "probe", id: number, axes: number, x: number, y: number | null, reach: number}
+ *     | {kind: "pick", axes: number, x: number, y: number, near?: {series: number, index: number}}
+ *     | {kind: "key", key: string, axes: number | null}
+ *     | {kind: "control", id: number, value?: number}
+ *     | {kind: "csv", id: number, axes: number}
+ *     | {kind: "table", id: number, axes: number, rows: number}
+ *     | {kind: "vectors", id: number, axes: number}
+ *     | {kind: "picture", id: number, axes: number, ratio: number}
+ *     | {kind: "retry"}
+ *     | {kind: "close"}
+ * )} ToWorker
+ *
+ * - `start` opens the connection, once. `told` answers `ask`; null: it could not be found out.
+ *   `link`: a link was opened that may have brought another token.
+ * - `canvas`: the worker draws into it, in its whole size. `gone`: nobody shows these axes any more.
+ * - `view`: what somebody looks at, in values of the data; null: what the engine says. Axes that
+ *   are linked get the same x. The worker tells the engine.
+ * - `visible`: by the legend. It holds until the series is gone.
+ * - `painted`: what the `frame` with this stamp asked for is on the screen.
+ * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
+ * - `pick`, of the data, `key` and `control` go to the engine.
+ * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen.
+ */
+
+/** @typedef {{ground: string, text: string, dark: boolean}} Theme colours as "#rrggbb" */
+
+/**
+ * An element that lies at a place.
+ * @typedef {object} Probed
+ * @property {number} series
+ * @property {number} index counted since the series was last set
+ * @property {number} px where it lies, in CSS pixels of the plotting area
+ * @property {number} py
+ * @property {Record<string, number>} values by column: "x", "y", "size", "value", "low", "high",
+ *   "minus", "plus", "z"
+ */
+
+/**
+ * @typedef {(
+ *     | {kind: "ask", id: number, what: "token" | "served"}
+ *     | {kind: "state", name: string, reason: string}
+ *     | {kind: "hello", configuration: Record<string, any>, known: boolean}
+ *     | {kind: "scene", stamp: number, figures: FigureDescription[]}
+ *     | {kind: "frame", stamp: number, frame: number, limits: Record<number, Limits>,
+ *        colors: Record<number, Range>}
+ *     | {kind: "statistics", frames: number, flush: number, bytes: number, frame: number,
+ *        news: number, outcomes: Record<string, number>}
+ *     | {kind: "error", text: string}
+ *     | {kind: "probed", id: number, values: Probed[]}
+ *     | {kind: "csv", id: number, text: string}
+ *     | {kind: "table", id: number, header: string[], rows: (number | string)[][]}
+ *     | {kind: "vectors", id: number, width: number, height: number, svg: string}
+ *     | {kind: "picture", id: number, bitmap: ImageBitmap}
+ * )} ToMain
+ *
+ * - `ask`: what only the main thread can find out: `Access.token()` and `Access.isServed()`.
+ * - `hello`: the connection is live; "known": this page can read the engine's vocabulary.
+ * - `scene`: everything but the data, whenever something of it has changed, at most once a frame.
+ * - `frame`: what the canvases now show has these limits, by axes, and these limits of colours, by
+ *   series; all that there are. Sent when one of them, or the scene, is another one than before.
+ * - `statistics`, twice a second: frames painted since the last ones; the median of the
+ *   microseconds from the engine's checkout of a token to its return, 0: none; bytes received
+ *   altogether; the engine's number of the last frame; when something came last, as `Date.now()`
+ *   says it, 0: nothing yet; how often each outcome was answered.
+ * - An answer for axes that are not there is an empty one; for `picture` there is none.
+ * - `vectors`: elements of SVG to be put into a group, in CSS pixels of the plotting area.
+ */
+
+/** The vocabulary that this page reads. */
+export const VOCABULARY = "kirofigures/1";
+
+/** What became of a frame. @typedef {"painted" | "hidden" | "paused" | "failed"} Outcome */

@@ -1,0 +1,239 @@
+// The objects that an engine has made, with their data. A command that cannot be carried out throws
+// and changes nothing.
+
+import { Column, RegularColumn, elementsOf } from "./columns.mjs";
+import { TYPES, defaultsOf, readProperties } from "./vocabulary.mjs";
+
+/** @typedef {import("./columns.mjs").ElementType} ElementType */
+/** @typedef {import("./columns.mjs").Places} Places */
+/** @typedef {import("./vocabulary.mjs").Type} Type */
+
+const SIZES = { u8: 1, f32: 4, f64: 8 };
+
+/** An object. */
+export class Item {
+    /** @type {Item[]} in the order of creation */
+    children = [];
+    /** By their names. @type {Record<string, Column>} */
+    columns = {};
+    /** Elements since it was last set. */
+    given = 0;
+    /** Counts how often its elements were set, and how often anything of it changed. */
+    sets = 0;
+    changes = 0;
+
+    /** @param {number} id @param {string} type @param {Type | null} kind null: not known
+     * @param {Item | null} parent @param {Record<string, any>} properties */
+    constructor(id, type, kind, parent, properties) {
+        this.id = id;
+        this.type = type;
+        this.kind = kind;
+        this.parent = parent;
+        this.properties = properties;
+    }
+
+    get family() {
+        return this.kind?.family;
+    }
+    /** @param {string} family */
+    childrenOf(family) {
+        return this.children.filter((child) => child.family === family);
+    }
+    /** One that every other column of a series is as long as. @returns {Column | undefined} */
+    get firstColumn() {
+        return Object.values(this.columns)[0];
+    }
+    /** What it has as its x. @returns {Places | null} */
+    get places() {
+        const { regular } = this.properties;
+        const extent = this.firstColumn;
+        if (regular && extent) return new RegularColumn(regular, extent);
+        return this.columns.x ?? null;
+    }
+
+    /** As it is now, for somebody else. @param {Item | null} parent @returns {Item} */
+    snapshot(parent) {
+        const copy = new Item(this.id, this.type, this.kind, parent, { ...this.properties });
+        copy.given = this.given;
+        copy.sets = this.sets;
+        copy.changes = this.changes;
+        for (const [name, column] of Object.entries(this.columns)) {
+            copy.columns[name] = column.snapshot();
+        }
+        copy.children = this.children.map((child) => child.snapshot(copy));
+        return copy;
+    }
+}
+
+export class Scene {
+    /** @type {Map<number, Item>} */
+    #items = new Map();
+    /** @type {Item[]} */
+    figures = [];
+    /** Axes that look different since somebody took this. @type {Set<number>} */
+    changed = new Set();
+    /** Whether something besides data changed since. */
+    isRestructured = true;
+    /** The engine's number of the latest frame. */
+    frame = 0;
+
+    /** @param {number} id @returns {Item | undefined} */
+    find(id) {
+        return this.#items.get(id);
+    }
+    /** All axes, in order. @returns {Item[]} */
+    get axes() {
+        return this.figures.flatMap((figure) => figure.childrenOf("axes"));
+    }
+
+    /** As it is now, for somebody else. @returns {Scene} */
+    snapshot() {
+        const copy = new Scene();
+        copy.frame = this.frame;
+        copy.figures = this.figures.map((figure) => figure.snapshot(null));
+        const enter = (/** @type {Item} */ item) => {
+            copy.#items.set(item.id, item);
+            item.children.forEach(enter);
+        };
+        copy.figures.forEach(enter);
+        return copy;
+    }
+
+    /** @param {Record<string, any>} command @param {Uint8Array | null} data */
+    apply(command, data) {
+        switch (command.cmd) {
+            case "beginFrame":
+                if (Number.isSafeInteger(command.frame)) this.frame = command.frame;
+                return undefined;
+            case "create":
+                return this.#create(command);
+            case "set":
+                return this.#set(this.#demand(command.id), command);
+            case "remove":
+                return this.#remove(this.#demand(command.id));
+            case "data":
+                return this.#setData(this.#demand(command.id), command, data ?? new Uint8Array());
+            default:
+                throw new TypeError("no such command");
+        }
+    }
+
+    /** @param {unknown} id */
+    #demand(id) {
+        const item = typeof id === "number" ? this.#items.get(id) : undefined;
+        if (!item) throw new RangeError(`no object ${id}`);
+        return item;
+    }
+
+    /** @param {Record<string, any>} command */
+    #create({ id, type, parent: parentId, ...members }) {
+        if (!Number.isSafeInteger(id) || id < 1) throw new TypeError(`${id} is no object's number`);
+        if (this.#items.has(id)) throw new RangeError(`there is an object ${id} already`);
+        const kind = Object.hasOwn(TYPES, type) ? TYPES[type] : null;
+        const parent = parentId === undefined ? null : this.#demand(parentId);
+        const isStray = parent?.kind === null;
+        if (kind && !isStray && kind.parent !== (parent?.family ?? null)) {
+            throw new TypeError(`a ${type} cannot stand there`);
+        }
+        const table = kind?.properties ?? {};
+        const properties = { ...defaultsOf(table), ...readProperties(table, members) };
+        const item = new Item(id, String(type), isStray ? null : kind, parent, properties);
+        this.#items.set(id, item);
+        if (parent) parent.children.push(item);
+        else if (kind) this.figures.push(item);
+        this.#touch(item, true);
+    }
+
+    /** @param {Item} item @param {Record<string, any>} members */
+    #set(item, members) {
+        if (!item.kind) return;
+        const read = readProperties(item.kind.properties, members);
+        Object.assign(item.properties, read);
+        if ("keep" in read) this.#forget(item);
+        this.#touch(item, true);
+    }
+
+    /** @param {Item} item */
+    #remove(item) {
+        this.#touch(item, true);
+        const siblings = item.parent?.children ?? this.figures;
+        if (siblings.includes(item)) siblings.splice(siblings.indexOf(item), 1);
+        const drop = (/** @type {Item} */ gone) => {
+            this.#items.delete(gone.id);
+            gone.children.forEach(drop);
+        };
+        drop(item);
+    }
+
+    /** @param {Item} item @param {Record<string, any>} command @param {Uint8Array} data */
+    #setData(item, { first, count, columns }, data) {
+        if (!item.kind) return;
+        const isSet = first === 0;
+        if (!isSet && first !== item.given) {
+            throw new RangeError(`element ${first} comes after ${item.given}`);
+        }
+        const added = readColumns(item, count, columns, data);
+        if (isSet || Object.keys(item.columns).length === 0) {
+            const known = Object.keys(item.columns).sort().join();
+            item.columns = {};
+            for (const [name, elements] of added) item.columns[name] = new Column(elements);
+            ++item.sets;
+            item.given = 0;
+            // With values for colours there may be a colour bar.
+            if (Object.keys(item.columns).sort().join() !== known) this.isRestructured = true;
+        } else {
+            const known = Object.keys(item.columns).sort().join();
+            const names = added.map(([name]) => name).sort();
+            if (names.join() !== known) throw new TypeError(`columns ${names}, not ${known}`);
+            const { keep } = item.properties;
+            for (const [name, elements] of added) item.columns[name].append(elements, keep);
+        }
+        item.given += count;
+        this.#forget(item);
+        this.#touch(item, false);
+    }
+
+    /** @param {Item} item */
+    #forget(item) {
+        // An image is one whole.
+        if (item.type === "image") return;
+        for (const column of Object.values(item.columns)) column.forget(item.properties.keep);
+    }
+
+    /** @param {Item} item @param {boolean} isStructure */
+    #touch(item, isStructure) {
+        ++item.changes;
+        if (isStructure && item.kind) this.isRestructured = true;
+        const axes = item.family === "axes" ? item : item.parent;
+        if (axes?.family === "axes") this.changed.add(axes.id);
+    }
+}
+
+/** @param {Item} item @param {unknown} count @param {unknown} columns @param {Uint8Array} data
+ * @returns {[string, import("./columns.mjs").Elements][]} */
+function readColumns({ kind, properties }, count, columns, data) {
+    if (!kind || kind.columns.length === 0) throw new TypeError("an object without elements");
+    if (!Number.isSafeInteger(count) || Number(count) < 0) throw new TypeError(`${count} elements`);
+    if (!Array.isArray(columns)) throw new TypeError("no columns");
+    const elements = Number(count);
+    const wanted = kind.columns.filter((name) => name !== "x" || !properties.regular);
+    const names = new Set(columns.map((column) => column?.[0]));
+    const isComplete = wanted.every((name) => names.has(name)) && names.size === columns.length;
+    const known = [...wanted, ...kind.optional];
+    if (!isComplete || !columns.every((column) => known.includes(column[0]))) {
+        throw new TypeError(`columns ${[...names]}, wanted ${wanted}`);
+    }
+    if (!columns.every(([, type]) => Object.hasOwn(SIZES, type))) {
+        throw new TypeError("a column of no type");
+    }
+    const size = (/** @type {string} */ type) =>
+        SIZES[/** @type {ElementType} */ (type)] * elements;
+    const total = columns.reduce((sum, [, type]) => sum + size(type), 0);
+    if (total !== data.length) throw new RangeError(`${data.length} bytes, not ${total}`);
+    let offset = 0;
+    return columns.map(([name, type]) => {
+        const column = elementsOf(type, data, offset, elements);
+        offset += size(type);
+        return [name, column];
+    });
+}

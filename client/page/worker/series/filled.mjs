@@ -1,0 +1,141 @@
+// Areas, bands and bars.
+
+import { Cover } from "../decimate.mjs";
+import { barWidthOf, visiblePart } from "../extents.mjs";
+import { withOpacity } from "../painter.mjs";
+import { coverOf, strokeSeries } from "./line.mjs";
+import { isDrawable } from "./path.mjs";
+
+/** @typedef {import("../scene.mjs").Item} Item */
+/** @typedef {import("../columns.mjs").Places} Places */
+/** @typedef {import("../painter.mjs").Place} Place */
+
+/** Elements for a column of pixels, from which on an edge is dense. */
+const DENSE = 2;
+/** Pixels outside of the picture beyond which nothing is drawn. */
+const FAR = 10_000;
+
+/** @param {number} pixel @param {number} size */
+const near = (pixel, size) => Math.min(Math.max(pixel, -FAR), size + FAR);
+
+/** Where a base lies; for one that has no place, below everything.
+ * @param {number} base @param {Place} place */
+function basePixel(base, { y, height }) {
+    const pixel = y.toPixel(base);
+    return Number.isFinite(pixel) ? near(pixel, height) : height + FAR;
+}
+
+/** With the neighbours outside. @param {Places} places @param {Place} place
+ * @returns {[number, number]} */
+function partWithNeighbours(places, place) {
+    const [from, to] = visiblePart(places, place.x.limits);
+    return [Math.max(from - 1, places.begin), Math.min(to + 1, places.end)];
+}
+
+/** @param {Places} places @param {[number, number]} part @param {Place} place */
+const isDense = (places, [from, to], place) => places.isSorted && to - from > DENSE * place.width;
+
+/** @param {Item} series @param {Place} place */
+export function paintArea(series, place) {
+    const { places, columns, properties } = series;
+    if (!places) return;
+    const { context, color } = place;
+    context.fillStyle = withOpacity(color, properties.opacity);
+    const base = basePixel(properties.base, place);
+    const part = partWithNeighbours(places, place);
+    if (isDense(places, part, place)) {
+        const cover = coverOf(series, place, null);
+        if (cover) fillColumns(cover, () => base, place);
+    } else {
+        const y = place.y.toPixels(columns.y, ...part, new Float64Array(part[1] - part[0]));
+        fillBetween(places, part, y, new Float64Array(y.length).fill(base), place);
+    }
+    const thickness = properties.width * place.ratio;
+    if (thickness > 0) strokeSeries(series, place, { thickness, steps: null, dash: "solid" });
+}
+
+/** @param {Item} series @param {Place} place */
+export function paintBand(series, place) {
+    const { places, columns, properties } = series;
+    if (!places) return;
+    place.context.fillStyle = withOpacity(place.color, properties.opacity);
+    const part = partWithNeighbours(places, place);
+    if (isDense(places, part, place)) {
+        const edge = (/** @type {string} */ name) =>
+            coverOf(withEdge(series, name), place, null) ?? new Cover(0);
+        const [low, high] = [edge("low"), edge("high")];
+        fillColumns(
+            high,
+            (column) => low.bottoms[column],
+            place,
+            (column) => low.tops[column],
+        );
+        return;
+    }
+    const count = part[1] - part[0];
+    const low = place.y.toPixels(columns.low, ...part, new Float64Array(count));
+    const high = place.y.toPixels(columns.high, ...part, new Float64Array(count));
+    fillBetween(places, part, high, low, place);
+}
+
+/** A line that is one edge of a band. @param {Item} series @param {string} name */
+function withEdge(series, name) {
+    const { places, columns } = series;
+    return { places, columns: { y: columns[name] } };
+}
+
+/** @param {Cover} cover of one edge @param {(column: number) => number} other the farthest pixel of
+ * the other one @param {Place} place @param {(column: number) => number} [opposite] its nearest */
+function fillColumns(cover, other, { context, height }, opposite = other) {
+    for (let column = 0; column < cover.width; ++column) {
+        const top = Math.max(Math.min(cover.tops[column], opposite(column)), -1);
+        const bottom = Math.min(Math.max(cover.bottoms[column], other(column)), height + 1);
+        if (isDrawable(top, bottom) && bottom > top) {
+            context.fillRect(column, top, 1, bottom - top);
+        }
+    }
+}
+
+/** Fills between two edges, with a gap wherever something is missing.
+ * @param {Places} places @param {[number, number]} part indices @param {Float64Array} upper
+ * @param {Float64Array} lower @param {Place} place */
+function fillBetween(places, [from, to], upper, lower, place) {
+    const { context, width, height } = place;
+    const x = place.x.toPixels(places, from, to, new Float64Array(to - from));
+    context.beginPath();
+    let begin = 0;
+    for (let i = 0; i <= x.length; ++i) {
+        const isThere = i < x.length && isDrawable(x[i], upper[i]) && isDrawable(x[i], lower[i]);
+        if (isThere) continue;
+        for (let k = begin; k < i; ++k) {
+            if (k === begin) context.moveTo(near(x[k], width), near(upper[k], height));
+            else context.lineTo(near(x[k], width), near(upper[k], height));
+        }
+        for (let k = i - 1; k >= begin; --k) {
+            context.lineTo(near(x[k], width), near(lower[k], height));
+        }
+        if (i > begin) context.closePath();
+        begin = i + 1;
+    }
+    context.fill();
+}
+
+/** @param {Item} series @param {Place} place */
+export function paintBars(series, place) {
+    const { places, columns, properties } = series;
+    if (!places) return;
+    const { context, width, height, color } = place;
+    const half = barWidthOf(series) / 2;
+    const [low, high] = place.x.limits;
+    const [from, to] = visiblePart(places, [low - half, high + half]);
+    const base = basePixel(properties.base, place);
+    context.fillStyle = color;
+    for (let i = from; i < to; ++i) {
+        const y = near(place.y.toPixel(columns.y.at(i)), height);
+        const left = near(place.x.toPixel(places.at(i) - half), width);
+        const right = near(place.x.toPixel(places.at(i) + half), width);
+        if (!isDrawable(left, y) || !(right > left)) continue;
+        // A bar that is narrower than a pixel is still seen.
+        context.fillRect(left, Math.min(y, base), Math.max(right - left, 1), Math.abs(base - y));
+    }
+}

@@ -1,0 +1,296 @@
+// The worker's middle: what comes from the engine and from the main thread meets here.
+
+import { Connection } from "../../protocol.mjs";
+import { VOCABULARY } from "../messages.mjs";
+import { MainAccess } from "./access.mjs";
+import { LimitsEvents } from "./events.mjs";
+import { Flusher } from "./flusher.mjs";
+import { Frames } from "./frames.mjs";
+import { Inbox } from "./inbox.mjs";
+import { answerQuery } from "./queries.mjs";
+import { Scene } from "./scene.mjs";
+import { Stage, canvasSize } from "./stage.mjs";
+import { Statistics } from "./statistics.mjs";
+
+/** @typedef {import("../messages.mjs").ToMain} ToMain */
+/** @typedef {import("../messages.mjs").ToWorker} ToWorker */
+/** @typedef {import("../messages.mjs").Outcome} Outcome */
+/** @typedef {import("./frames.mjs").Frame} Frame */
+
+/**
+ * @typedef {object} Surroundings
+ * @property {(message: ToMain, moved?: Transferable[]) => void} post to the main thread
+ * @property {(call: () => void) => void} onFrame calls in the next animation frame
+ * @property {(call: () => void) => void} afterPaint called in an animation frame; calls behind it
+ * @property {() => number} now microseconds since 1970
+ * @property {import("../../protocol.mjs").Options} [options] of the connection
+ */
+
+/** Milliseconds for which the same error is not told again. */
+const SAME_ERROR = 1000;
+
+/** @template {ToWorker["kind"]} K @typedef {Extract<ToWorker, {kind: K}>} Of */
+
+export class Session {
+    #surroundings;
+    #access;
+    #statistics;
+    #scene = new Scene();
+    #frames;
+    #limitsEvents;
+    #inbox = new Inbox({ take: () => {}, report: () => {} });
+    /** @type {Connection | null} */
+    #connection = null;
+    /** What the hello says. @type {Record<string, any>} */
+    #channels = {};
+    #isHidden = false;
+    #isPaused = false;
+    /** Whether everything was asked for again, and nothing that builds on it was drawn since. */
+    #isAsked = false;
+    #lastError = { text: "", time: 0 };
+
+    /** @param {Surroundings} surroundings */
+    constructor(surroundings) {
+        this.#surroundings = surroundings;
+        const { post, onFrame, afterPaint, now } = surroundings;
+        this.#access = new MainAccess(post);
+        this.stage = new Stage(post);
+        this.#statistics = new Statistics(post);
+        this.flusher = new Flusher({
+            apply: (frame) => this.#apply(frame),
+            unseen: () => (this.#isHidden ? "hidden" : this.#isPaused ? "paused" : null),
+            isReady: () => this.stage.isReady,
+            paint: () => this.#paint(),
+            onFrame,
+            afterPaint,
+            answer: (frame, outcome) => this.#answer(frame, outcome),
+            counted: () => this.#statistics.countFrame(this.#scene.frame),
+        });
+        this.#frames = new Frames((frame) => this.flusher.take(frame), now);
+        this.#limitsEvents = new LimitsEvents(
+            (event) => this.#publish(event),
+            (axes) => this.#describeLimits(axes),
+        );
+        this.stage.show(this.#scene);
+    }
+
+    /** From the main thread. @param {ToWorker} message */
+    receive(message) {
+        const handler = this.#handlers[message.kind];
+        if (handler) /** @type {(message: any) => void} */ (handler)(message);
+        else answerQuery(this.stage, message, this.#surroundings.post);
+    }
+
+    /** @type {Partial<{[K in ToWorker["kind"]]: (message: Of<K>) => void}>} */
+    #handlers = {
+        start: ({ address, theme, hidden }) => {
+            this.stage.setTheme(theme);
+            this.#isHidden = hidden;
+            this.#connect(address);
+        },
+        told: ({ id, value }) => this.#access.told(id, value),
+        link: () => this.#access.linkOpened(),
+        laid: ({ stamp }) => {
+            this.stage.laid(stamp);
+            this.flusher.request();
+        },
+        canvas: ({ axes, canvas, width, height, ratio }) => {
+            this.stage.addCanvas(axes, canvas, { width, height, ratio });
+            this.flusher.request();
+        },
+        resize: ({ axes, width, height, ratio }) => {
+            this.stage.resize(axes, { width, height, ratio });
+            this.flusher.request();
+        },
+        gone: ({ axes }) => this.stage.removeCanvas(axes),
+        view: ({ axes, x, y, y2 }) => {
+            const changed = this.stage.setView(axes, { x, y, y2 });
+            for (const id of changed) this.#limitsEvents.changed(id);
+            this.flusher.request();
+        },
+        visible: ({ series, visible }) => {
+            this.stage.setVisible(series, visible);
+            this.#show();
+        },
+        theme: ({ theme }) => {
+            this.stage.setTheme(theme);
+            this.#show();
+        },
+        hidden: ({ hidden }) => {
+            this.#isHidden = hidden;
+            this.flusher.seenChanged();
+        },
+        pause: ({ paused }) => this.#pause(paused),
+        painted: ({ stamp }) => this.flusher.confirm(stamp),
+        pick: ({ axes, x, y, near }) => this.#publish({ event: "pick", axes, x, y, ...near }),
+        key: ({ key, axes }) => this.#publish({ event: "key", key, axes }),
+        control: ({ id, value }) => this.#publish({ event: "control", id, value }),
+        retry: () => this.#connection?.retry(),
+        close: () => this.#connection?.close(),
+    };
+
+    // --- The connection -----------------------------------------------------------------------
+
+    /** @param {string} address */
+    #connect(address) {
+        const { post, options } = this.#surroundings;
+        this.#connection = new Connection(
+            address,
+            {
+                onState: ({ name, reason }) => post({ kind: "state", name, reason }),
+                onHello: (hello) => this.#begin(hello),
+                onReady: () => this.#sayReady(),
+                onText: (channel, text) => this.#text(channel, text),
+                onBlock: (channel, block) => this.#block(channel, block),
+                onRefused: (what, channel, reason) =>
+                    this.report(new Error(`${what} ${channel}: ${reason}`)),
+                onFault: (error) => this.#fail(error),
+            },
+            {
+                client: "kirofigures page",
+                subscribe: ({ vocabulary, commands, blocks }) =>
+                    vocabulary === VOCABULARY ? [commands, blocks] : [],
+                announce: ({ vocabulary, newView }) =>
+                    vocabulary === VOCABULARY ? newView : undefined,
+                access: this.#access,
+                ...options,
+            },
+        );
+        this.#statistics.begin(() => this.#connection?.received ?? 0);
+    }
+
+    /** @param {import("../../protocol.mjs").Hello} hello */
+    #begin({ kind, configuration }) {
+        const isKnown = configuration.vocabulary === VOCABULARY;
+        this.#surroundings.post({ kind: "hello", configuration, known: isKnown });
+        if (kind === "return") return;
+        this.#channels = isKnown ? configuration : {};
+        this.#isAsked = false;
+        this.#limitsEvents.forget();
+        this.#frames.forget();
+        this.flusher.forget();
+        this.#inbox = new Inbox({
+            take: (command, data) => this.#frames.take(command, data),
+            report: (error) => this.#fail(error),
+        });
+    }
+
+    /** The engine may send: nothing of it is missed. */
+    #sayReady() {
+        const ready = { binaryChannelStatus: 1, useFastBinary: 1 };
+        const { ready: channel } = this.#channels;
+        if (channel) this.#connection?.publish(channel, JSON.stringify(ready));
+    }
+
+    /** @param {string} channel @param {string} text */
+    #text(channel, text) {
+        if (channel !== this.#channels.commands) return;
+        this.#statistics.countNews();
+        this.#inbox.text(text);
+    }
+
+    /** @param {string} channel @param {Uint8Array} block */
+    #block(channel, block) {
+        if (channel !== this.#channels.blocks) return;
+        this.#statistics.countNews();
+        this.#inbox.block(block);
+    }
+
+    /** @param {Record<string, any>} event */
+    #publish(event) {
+        const { events } = this.#channels;
+        if (events) this.#connection?.publish(events, JSON.stringify(event));
+    }
+
+    // --- Frames -------------------------------------------------------------------------------
+
+    /** Something of the frame that is coming cannot be drawn. @param {Error} error */
+    #fail(error) {
+        this.#frames.fail(error);
+        this.report(error);
+    }
+
+    /** @param {Frame} frame */
+    #apply(frame) {
+        for (const [command, data] of frame.commands) {
+            if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
+            try {
+                this.#scene.apply(command, data);
+            } catch (thrown) {
+                const reason = thrown instanceof Error ? thrown.message : String(thrown);
+                const error = new Error(`${command.cmd}: ${reason}`);
+                frame.error ??= error;
+                this.report(error);
+            }
+        }
+        if (!this.#isPaused) this.#show();
+    }
+
+    /** Shows the scene as it is now. */
+    #show() {
+        if (!this.#isPaused && this.stage.scene !== this.#scene) this.stage.show(this.#scene);
+        this.stage.announce();
+        this.flusher.request();
+    }
+
+    /** What is seen stays as it is, while the data go on being taken in.
+     * @param {boolean} isPaused */
+    #pause(isPaused) {
+        if (isPaused === this.#isPaused) return;
+        this.#isPaused = isPaused;
+        if (isPaused) this.stage.show(this.#scene.snapshot());
+        this.flusher.seenChanged();
+        this.#show();
+    }
+
+    /** @returns {{stamp: number, errors: Error[]}} */
+    #paint() {
+        const painted = this.stage.paint();
+        painted.errors.forEach((error) => this.report(error));
+        return painted;
+    }
+
+    /** @param {Frame} frame @param {Outcome} outcome */
+    #answer({ number, attempt, isWhole, error, token }, outcome) {
+        if (!token) return;
+        const { ACT, serverSendTS, returnChannel } = token.command;
+        const text = outcome === "failed" ? { error: error?.message } : {};
+        const clientSendTS = this.#surroundings.now();
+        this.#publish({ event: "frame", frame: number, attempt, outcome, ...text });
+        const reply = { ACT, serverSendTS, clientReceiveTS: token.received, clientSendTS };
+        this.#connection?.publish(String(returnChannel), JSON.stringify(reply));
+        this.#statistics.countAnswer(outcome, clientSendTS - (serverSendTS || token.received));
+        if (outcome === "failed") this.#askForAll();
+        else if (!isWhole) this.#isAsked = false;
+    }
+
+    /** What failed may have left objects without what comes next builds on. Once: a frame that
+     * always fails would be sent again and again. */
+    #askForAll() {
+        const { newView } = this.#channels;
+        if (newView && !this.#isAsked) this.#connection?.publish(newView, "{}");
+        this.#isAsked = true;
+    }
+
+    /** @param {number} id of axes @returns {Record<string, any> | null} */
+    #describeLimits(id) {
+        const limits = this.stage.limits().get(id);
+        const size = this.stage.sizes.get(id);
+        if (!limits || !size) return null;
+        const view = this.stage.views.get(id);
+        const isHome = !view?.x && !view?.y && !view?.y2;
+        const { width, height } = canvasSize(size);
+        return { x: limits.x, y: limits.y, width, height, ...(isHome && { home: true }) };
+    }
+
+    /** @param {Error} error */
+    report(error) {
+        const time = this.#surroundings.now() / 1000;
+        const { message } = error;
+        // What fails in one frame fails in the next.
+        if (message === this.#lastError.text && time < this.#lastError.time + SAME_ERROR) return;
+        this.#lastError = { text: message, time };
+        this.#surroundings.post({ kind: "error", text: message });
+        this.#connection?.reportError(error);
+    }
+}

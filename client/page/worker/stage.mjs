@@ -1,0 +1,190 @@
+// What of a scene is shown, and how: canvases, views, colours; and its drawing.
+
+import { colorLimitsOf } from "./color_maps.mjs";
+import { describe } from "./description.mjs";
+import { isVisible, limitsOf } from "./limits.mjs";
+import { paintAxes } from "./painter.mjs";
+import { Scene } from "./scene.mjs";
+import { CanvasSurface } from "./surface.mjs";
+
+/** @typedef {import("../messages.mjs").Limits} Limits */
+/** @typedef {import("../messages.mjs").Theme} Theme */
+/** @typedef {import("../messages.mjs").ToMain} ToMain */
+/** @typedef {import("./limits.mjs").View} View */
+
+/** In CSS pixels, and how many of the canvas one of them is.
+ * @typedef {{width: number, height: number, ratio: number}} AreaSize */
+
+/** Of axes that are shown.
+ * @typedef {{surface: CanvasSurface, isStale: boolean, drawn: string}} Shown */
+
+export class Stage {
+    #post;
+    #scene = new Scene();
+    /** @type {Map<number, Shown>} by axes */
+    #shown = new Map();
+    /** What the last `frame` said, as text. */
+    #told = "";
+    #stamp = 0;
+    /** The layout that is asked for; 0: none. */
+    #awaited = 0;
+
+    /** @type {Theme} */
+    theme = { ground: "#ffffff", text: "#000000", dark: false };
+    /** @type {Map<number, View>} */
+    views = new Map();
+    /** @type {Set<number>} */
+    hidden = new Set();
+    /** @type {Map<number, AreaSize>} */
+    sizes = new Map();
+
+    /** @param {(message: ToMain) => void} post to the main thread */
+    constructor(post) {
+        this.#post = post;
+    }
+
+    get scene() {
+        return this.#scene;
+    }
+    /** Whether the axes are laid out. */
+    get isReady() {
+        return this.#awaited === 0;
+    }
+
+    /** @param {Scene} scene shown from now on, with all of it to be drawn */
+    show(scene) {
+        this.#scene = scene;
+        scene.isRestructured = true;
+        this.#drawAll();
+    }
+
+    /** Forgets what somebody chose in a scene that is gone. */
+    reset() {
+        this.views.clear();
+        this.hidden.clear();
+    }
+
+    /** @param {Theme} theme */
+    setTheme(theme) {
+        this.theme = theme;
+        this.#scene.isRestructured = true;
+        this.#drawAll();
+    }
+
+    /** @param {number} series @param {boolean} isWanted */
+    setVisible(series, isWanted) {
+        if (isWanted) this.hidden.delete(series);
+        else this.hidden.add(series);
+        const axes = this.#scene.find(series)?.parent;
+        if (axes) this.#scene.changed.add(axes.id);
+        this.#scene.isRestructured = true;
+    }
+
+    /** Axes that are linked get the same x. @param {number} id @param {View} view
+     * @returns {number[]} the axes that are seen differently */
+    setView(id, view) {
+        const axes = this.#scene.find(id);
+        if (axes?.family !== "axes") return [];
+        const { linkX } = axes.properties;
+        const isLinked = (/** @type {import("./scene.mjs").Item} */ other) =>
+            other === axes || (linkX !== null && other.properties.linkX === linkX);
+        const ids = this.#scene.axes.filter(isLinked).map((other) => other.id);
+        for (const other of ids) {
+            const old = this.views.get(other) ?? { x: null, y: null, y2: null };
+            this.views.set(other, other === id ? view : { ...old, x: view.x });
+        }
+        return ids;
+    }
+
+    /** @param {number} axes @param {OffscreenCanvas} canvas @param {AreaSize} size */
+    addCanvas(axes, canvas, size) {
+        this.#shown.set(axes, { surface: new CanvasSurface(canvas), isStale: true, drawn: "" });
+        this.sizes.set(axes, size);
+    }
+    /** @param {number} axes @param {AreaSize} size */
+    resize(axes, size) {
+        this.sizes.set(axes, size);
+        const shown = this.#shown.get(axes);
+        if (shown) shown.isStale = true;
+    }
+    /** @param {number} axes */
+    removeCanvas(axes) {
+        this.#shown.delete(axes);
+        this.sizes.delete(axes);
+    }
+
+    #drawAll() {
+        for (const shown of this.#shown.values()) shown.isStale = true;
+    }
+
+    /** @param {import("./scene.mjs").Item} series */
+    shows = (series) => isVisible(series, this.hidden);
+
+    /** @returns {Map<number, Limits>} as they are now, by axes */
+    limits() {
+        return limitsOf(this.#scene, this);
+    }
+
+    /** Tells what there is, if that has changed. Nothing is drawn until it is laid out. */
+    announce() {
+        if (!this.#scene.isRestructured) return;
+        this.#scene.isRestructured = false;
+        this.#awaited = ++this.#stamp;
+        this.#told = "";
+        const figures = describe(this.#scene, this, this.limits());
+        this.#post({ kind: "scene", stamp: this.#stamp, figures });
+    }
+
+    /** @param {number} stamp of the scene that was laid out */
+    laid(stamp) {
+        if (stamp === this.#awaited) this.#awaited = 0;
+    }
+
+    /** Draws what has changed. @returns {{stamp: number, errors: Error[]}} stamp: of what the main
+     * thread was told, 0: nothing */
+    paint() {
+        const limits = this.limits();
+        const errors = this.#scene.axes.flatMap((axes) => {
+            const shown = this.#shown.get(axes.id);
+            const size = this.sizes.get(axes.id);
+            const range = limits.get(axes.id);
+            if (!shown || !size || !range) return [];
+            const drawn = JSON.stringify(range);
+            const isSame = shown.drawn === drawn && !this.#scene.changed.has(axes.id);
+            if (isSame && !shown.isStale) return [];
+            Object.assign(shown, { drawn, isStale: false });
+            const pixels = canvasSize(size);
+            shown.surface.begin(pixels);
+            return paintAxes(axes, range, pixels, this, shown.surface);
+        });
+        this.#scene.changed.clear();
+        return { stamp: this.#tell(limits), errors };
+    }
+
+    /** @param {Map<number, Limits>} limits @returns {number} the stamp, 0: it is known */
+    #tell(limits) {
+        const said = { limits: Object.fromEntries(limits), colors: this.#colorLimits() };
+        const told = JSON.stringify(said);
+        if (told === this.#told) return 0;
+        this.#told = told;
+        const stamp = ++this.#stamp;
+        this.#post({ kind: "frame", stamp, frame: this.#scene.frame, ...said });
+        return stamp;
+    }
+
+    /** @returns {Record<number, [number, number]>} by series that have a colour bar */
+    #colorLimits() {
+        const series = this.#scene.axes.flatMap((axes) => axes.childrenOf("series"));
+        const colored = series.filter(({ columns }) => columns.z ?? columns.value);
+        return Object.fromEntries(colored.map((one) => [one.id, colorLimitsOf(one)]));
+    }
+}
+
+/** @param {AreaSize} size @returns {import("./painter.mjs").Size} */
+export function canvasSize({ width, height, ratio }) {
+    return {
+        width: Math.max(1, Math.round(width * ratio)),
+        height: Math.max(1, Math.round(height * ratio)),
+        ratio,
+    };
+}

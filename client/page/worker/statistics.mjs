@@ -1,0 +1,54 @@
+// How the page keeps up, told twice a second.
+
+/** @typedef {import("../messages.mjs").ToMain} ToMain */
+
+const PERIOD = 500;
+
+export class Statistics {
+    #post;
+    #frames = 0;
+    #frame = 0;
+    #news = 0;
+    /** Microseconds, since the last time. @type {number[]} */
+    #flushes = [];
+    /** @type {Record<string, number>} */
+    #outcomes = { painted: 0, hidden: 0, paused: 0, failed: 0 };
+
+    /** @param {(message: ToMain) => void} post */
+    constructor(post) {
+        this.#post = post;
+    }
+
+    /** @param {() => number} bytes received, altogether */
+    begin(bytes) {
+        setInterval(() => this.#tell(bytes()), PERIOD);
+    }
+    /** @param {number} frame its number */
+    countFrame(frame) {
+        ++this.#frames;
+        this.#frame = frame;
+    }
+    countNews() {
+        this.#news = Date.now();
+    }
+    /** @param {import("../messages.mjs").Outcome} outcome @param {number} flush microseconds */
+    countAnswer(outcome, flush) {
+        ++this.#outcomes[outcome];
+        this.#flushes.push(flush);
+    }
+
+    /** @param {number} bytes */
+    #tell(bytes) {
+        const flushes = this.#flushes.splice(0).sort((a, b) => a - b);
+        this.#post({
+            kind: "statistics",
+            frames: this.#frames,
+            flush: flushes[flushes.length >> 1] ?? 0,
+            bytes,
+            frame: this.#frame,
+            news: this.#news,
+            outcomes: { ...this.#outcomes },
+        });
+        this.#frames = 0;
+    }
+}
