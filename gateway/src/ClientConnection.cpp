@@ -29,6 +29,7 @@ ClientConnection::ClientConnection(tcp::socket socket, ServerContext& context)
       fSocket(std::make_shared<Socket>(std::move(socket))),
       fStream(fSocket, context.tls.get()),
       fTimer(fStream.get_executor()),
+      fRest(fStream.get_executor()),
       fDeadline(steady_clock::now() + limits().request),
       fPlace(context.connections.insert(context.connections.end(), this)) {}
 
@@ -71,7 +72,13 @@ void ClientConnection::onBytes(ErrorCode error) {
     fBuffer.consume(fBuffer.size());
     if (isLast && fBuffer.capacity() > kFirstPiece) fBuffer.shrink_to_fit();
     tellView();
-    readMore();
+    readAfter(fReadPace.read(bytes.size(), now));
+}
+
+void ClientConnection::readAfter(ReadPace::Duration rest) {
+    if (rest == ReadPace::Duration::zero()) return readMore();
+    fRest.expires_after(rest);
+    fRest.async_wait(handler([](ClientConnection& self, ErrorCode) { self.readMore(); }));
 }
 
 void ClientConnection::tellView() {

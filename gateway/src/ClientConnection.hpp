@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "ReadPace.hpp"
 #include "ServedConnection.hpp"
 #include "Session.hpp"
 #include "Wakeup.hpp"
@@ -113,6 +114,7 @@ class ClientConnection final : public ServedConnection,
     void beginSession();
 
     void readMore();
+    void readAfter(ReadPace::Duration rest);
     void onBytes(ErrorCode error);
     void tellView();
     void onEnd(ErrorCode error);
@@ -127,6 +129,7 @@ class ClientConnection final : public ServedConnection,
     const std::shared_ptr<Socket> fSocket;
     boost::beast::websocket::stream<Wire, false> fStream;
     boost::asio::steady_timer fTimer;
+    boost::asio::steady_timer fRest;  ///< until it is read from again
     TimePoint fDeadline;
     bool fHasDeadline = true;
     const std::list<ServedConnection*>::iterator fPlace;
@@ -135,6 +138,7 @@ class ClientConnection final : public ServedConnection,
     std::unique_ptr<Parser> fParser;
     std::string fOut;  ///< being written: an answer, or what was collected for TLS
     std::optional<Session> fSession;
+    ReadPace fReadPace;
     bool fIsWithinMessage = false;
     bool fIsTold = false;     ///< Beast's writes go to the view
     bool fIsWriting = false;  ///< with `fOut`

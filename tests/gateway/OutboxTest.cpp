@@ -10,6 +10,7 @@
 #include "Buffers.hpp"
 #include "Frames.hpp"
 #include "PageMessages.hpp"
+#include "ReadPace.hpp"
 #include "WebSocketFrame.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 
@@ -275,4 +276,18 @@ TEST(Pace, TellsASlowPageFromOneThatIsSentMuch) {
     EXPECT_EQ(secondsUntilTooSlow(500, 500, 500), 0);
     const int slow = secondsUntilTooSlow(500, 500, 100);
     EXPECT_TRUE(slow > 0 && slow <= 22) << "it is to acknowledge as well";
+}
+
+TEST(ReadPace, KeepsUpWithAPageButNotWithAFlood) {
+    using std::chrono::milliseconds;
+    constexpr auto kBurst = ReadPace::kBurst;
+    ReadPace::TimePoint now{std::chrono::hours(1)};
+    ReadPace pace;
+    EXPECT_EQ(pace.read(kBurst, now), milliseconds(0));
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(pace.read(ReadPace::kEachMillisecond, now += milliseconds(1)), milliseconds(0));
+    }
+    EXPECT_EQ(pace.read(3 * ReadPace::kEachMillisecond, now), milliseconds(3));
+    EXPECT_EQ(pace.read(kBurst, now += std::chrono::hours(1)), milliseconds(0));
+    EXPECT_GT(pace.read(1, now), milliseconds(0)) << "more is not saved up";
 }
