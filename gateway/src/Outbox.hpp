@@ -173,6 +173,7 @@ class Outbox {
     [[nodiscard]] static std::size_t payloadSize(const Entry& entry) noexcept;
     [[nodiscard]] Added grow(Entry& entry, std::size_t more, bool isRoomMade);
     [[nodiscard]] Added addShared(const Text& text, bool isRoomMade);
+    [[nodiscard]] std::size_t expectedMore(const Lane& lane) const noexcept;
     [[nodiscard]] bool canTake(const Lane& lane, std::string_view channel) const noexcept;
     void append(Lane& lane, Entry& entry, const Text& text);
     [[nodiscard]] Added addEntry(Lane& lane, Entries&& entry, std::size_t shared,
