@@ -16,7 +16,7 @@ class ReadPace {
 
     /// How much goes at once when little was said before, and then each millisecond; in bytes.
     static constexpr std::size_t kBurst = 256UL * 1024;
-    static constexpr std::size_t kEachMillisecond = 16UL * 1024;
+    static constexpr std::size_t kEachMillisecond = 8UL * 1024;
 
     /// Counts `bytes`, which were just read. Returns how long to read no more, zero if not at all.
     [[nodiscard]] Duration read(std::size_t bytes, TimePoint now) noexcept {
