@@ -31,6 +31,7 @@ ClientConnection::ClientConnection(tcp::socket socket, ServerContext& context)
       fTimer(fStream.get_executor()),
       fRest(fStream.get_executor()),
       fDeadline(steady_clock::now() + limits().request),
+      fReadPace(context.services.context->options.limits.readRate),
       fPlace(context.connections.insert(context.connections.end(), this)) {}
 
 ClientConnection::~ClientConnection() {

@@ -132,13 +132,13 @@ class ClientConnection final : public ServedConnection,
     boost::asio::steady_timer fRest;  ///< until it is read from again
     TimePoint fDeadline;
     bool fHasDeadline = true;
+    ReadPace fReadPace;
     const std::list<ServedConnection*>::iterator fPlace;
 
     boost::beast::flat_buffer fBuffer;
     std::unique_ptr<Parser> fParser;
     std::string fOut;  ///< being written: an answer, or what was collected for TLS
     std::optional<Session> fSession;
-    ReadPace fReadPace;
     bool fIsWithinMessage = false;
     bool fIsTold = false;     ///< Beast's writes go to the view
     bool fIsWriting = false;  ///< with `fOut`

@@ -14,9 +14,11 @@ class ReadPace {
     using TimePoint = std::chrono::steady_clock::time_point;
     using Duration = TimePoint::duration;
 
-    /// How much goes at once when little was said before, and then each millisecond; in bytes.
+    /// How many bytes go at once when little was said before.
     static constexpr std::size_t kBurst = 256UL * 1024;
-    static constexpr std::size_t kEachMillisecond = 8UL * 1024;
+
+    /// `rate` is in bytes a second. REQUIRES: it is greater than 0.
+    explicit ReadPace(std::size_t rate) noexcept : fRate(rate) {}
 
     /// Counts `bytes`, which were just read. Returns how long to read no more, zero if not at all.
     [[nodiscard]] Duration read(std::size_t bytes, TimePoint now) noexcept {
@@ -25,11 +27,12 @@ class ReadPace {
     }
 
   private:
-    [[nodiscard]] static constexpr Duration timeOf(std::size_t bytes) noexcept {
-        constexpr std::size_t kNanoseconds = 1'000'000;
-        return std::chrono::nanoseconds(bytes * kNanoseconds / kEachMillisecond);
+    [[nodiscard]] Duration timeOf(std::size_t bytes) const noexcept {
+        constexpr std::size_t kNanoseconds = 1'000'000'000;
+        return std::chrono::nanoseconds(bytes * kNanoseconds / fRate);
     }
 
+    std::size_t fRate;
     TimePoint fPaidUntil;
 };
 

@@ -282,12 +282,13 @@ TEST(ReadPace, KeepsUpWithAPageButNotWithAFlood) {
     using std::chrono::milliseconds;
     constexpr auto kBurst = ReadPace::kBurst;
     ReadPace::TimePoint now{std::chrono::hours(1)};
-    ReadPace pace;
+    constexpr std::size_t kEachMillisecond = 8;
+    ReadPace pace(1000 * kEachMillisecond);
     EXPECT_EQ(pace.read(kBurst, now), milliseconds(0));
     for (int i = 0; i < 1000; ++i) {
-        EXPECT_EQ(pace.read(ReadPace::kEachMillisecond, now += milliseconds(1)), milliseconds(0));
+        EXPECT_EQ(pace.read(kEachMillisecond, now += milliseconds(1)), milliseconds(0));
     }
-    EXPECT_EQ(pace.read(3 * ReadPace::kEachMillisecond, now), milliseconds(3));
+    EXPECT_EQ(pace.read(3 * kEachMillisecond, now), milliseconds(3));
     EXPECT_EQ(pace.read(kBurst, now += std::chrono::hours(1)), milliseconds(0));
     EXPECT_GT(pace.read(1, now), milliseconds(0)) << "more is not saved up";
 }
