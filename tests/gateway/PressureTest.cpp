@@ -26,13 +26,6 @@ class PressureTest : public GatewayTest {
         fAccess.receiveBuffer = 0;
         return page;
     }
-    /// The value of a member in the diagnostics of the whole.
-    std::size_t held() const {
-        return boost::json::parse(fGateway->diagnostics()).at("bytesHeld").to_number<std::size_t>();
-    }
-    std::size_t viewCount() const {
-        return boost::json::parse(fGateway->diagnostics()).at("detail").as_array().size();
-    }
     /// Why the view ended, or "returned".
     std::string endedReason(const std::string& view) {
         auto back = comeBack(view, 0);
