@@ -135,10 +135,8 @@ void ClientConnection::pump() {
     fOut.clear();
     if (!view->collect(fOut, kCollectAtOnce)) return;
     fIsWriting = true;
-    wire().write(asio::buffer(fOut),
-                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
+    wire().write(asio::buffer(fOut), writeHandler([](ClientConnection& self) {
                      self.fIsWriting = false;
-                     if (error) return;
                      self.fIsClosing ? self.writeFarewell() : self.pump();
                  }));
 }
@@ -163,9 +161,7 @@ void ClientConnection::close(std::uint16_t code, std::string_view reason,
 void ClientConnection::writeFarewell() {
     fIsWriting = true;
     wire().write(asio::buffer(fFarewell),
-                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
-                     if (!error) self.fSocket->shutdownWriting();
-                 }));
+                 writeHandler([](ClientConnection& self) { self.fSocket->shutdownWriting(); }));
 }
 
 void ClientConnection::linger() {

@@ -81,6 +81,14 @@ class ClientConnection final : public ServedConnection,
     [[nodiscard]] Handler<Call> handler(Call call) {
         return {shared_from_this(), std::move(call)};
     }
+    /// The handler of a write. One that fails ends the connection: with TLS it may be for lack of
+    /// memory, of which whoever reads from the socket learns nothing.
+    template <typename Call>
+    [[nodiscard]] auto writeHandler(Call call) {
+        return handler([call](ClientConnection& self, ErrorCode error, std::size_t) {
+            error ? self.drop() : call(self);
+        });
+    }
     template <typename Call>
     void guard(const Call& call) noexcept {
         if (fIsGivenUp) return;

@@ -35,8 +35,7 @@ class Certificate {
     [[nodiscard]] const std::string& path() const noexcept { return fPath; }
 
   private:
-    const std::string fPath =
-        testing::TempDir() + "kiroweb-gateway-" + std::to_string(::getpid());
+    const std::string fPath = testing::TempDir() + "kiroweb-gateway-" + std::to_string(::getpid());
 };
 
 }  // namespace gatewaytest
