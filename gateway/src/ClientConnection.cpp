@@ -203,9 +203,9 @@ void ClientConnection::drop() noexcept {
     fSocket->shutdown();
 }
 
-void ClientConnection::giveUp(const char* why) noexcept {
+void ClientConnection::operationLost() noexcept {
     if (fIsGivenUp) return;
-    fContext.services.context->log.write("a connection was given up", why);
+    fContext.services.context->log.write("a connection was given up", "an operation was lost");
     drop();
 }
 

@@ -65,7 +65,7 @@ class ClientConnection final : public ServedConnection,
         Handler(const Handler&) = delete;
         Handler& operator=(const Handler&) = delete;
         ~Handler() {
-            if (fSelf != nullptr) fSelf->giveUp("an operation was lost");
+            if (fSelf != nullptr) fSelf->operationLost();
         }
         template <typename... Arguments>
         void operator()(const Arguments&... arguments) {
@@ -94,14 +94,13 @@ class ClientConnection final : public ServedConnection,
         if (fIsGivenUp) return;
         try {
             call();
-        } catch (const std::exception& error) {
-            giveUp(error.what());
         } catch (...) {
-            giveUp("an exception of no known kind");
+            fContext.services.context->log.writeCaught("a connection was given up");
+            drop();
         }
     }
-    /// Ends the connection as if it had been lost.
-    void giveUp(const char* why) noexcept;
+    /// Ends the connection, on which nothing is waited for any more.
+    void operationLost() noexcept;
 
     [[nodiscard]] const Limits& limits() const noexcept {
         return fContext.services.context->options.limits;
