@@ -110,8 +110,11 @@ TEST_F(HostileTest, AFloodOfConnectionsLeavesThePagesAlone) {
 
 TEST_F(HostileTest, HalfOpenAndStubbornPeersDoNoHarm) {
     fOptions.limits.close = std::chrono::milliseconds(40);
+    fOptions.limits.gone = std::chrono::milliseconds(40);
     fOptions.limits.connections = 3;
     start();
+    join().cut();
+    EXPECT_EQ(fEvents.take(), "last page gone") << "though there is no connection at all";
     auto half = join(R"(,"resume":false)");
     half.closeWriting();
     EXPECT_EQ(fEvents.take(), "last page gone");
@@ -131,5 +134,7 @@ TEST_F(HostileTest, HalfOpenAndStubbornPeersDoNoHarm) {
         Peer next(fAccess);
         next.send(upgradeRequest(fAccess, fToken));
         if (next.readHead().starts_with("HTTP/1.1 101")) others.push_back(std::move(next));
+        if (others.size() < 3) continue;
+        EXPECT_TRUE(Peer(fAccess).readHead().starts_with("HTTP/1.1 503"));
     }
 }

@@ -110,6 +110,25 @@ TEST_F(PressureTest, EndsNobodyElseForBlocksThatTheLargestViewStillHolds) {
     settle(good);
 }
 
+TEST_F(PressureTest, SaysWhatCanNeverBeSent) {
+    fOptions.limits.memory = 100000;
+    std::vector<std::string> lines;
+    const auto observing = kirohost::observeLog(
+        [&lines](const kirohost::LogRecord& record) { lines.push_back(record.text); });
+    start();
+    auto page = join();
+    EXPECT_FALSE(sendBlock(100001).get().delivered);
+    settle(page);
+    publish("/fig/1", std::string(100001, 'x'));
+    EXPECT_EQ(page.readClose(), 4003U);
+    fGateway.reset();
+    for (const char* line :
+         {"a block of 100001 bytes can never be sent, the limit is 100000: /bin",
+          "a text of 100001 bytes can never be sent, the limit is 100000: /fig/1"}) {
+        EXPECT_EQ(std::ranges::count(lines, line), 1) << line;
+    }
+}
+
 TEST_F(PressureTest, EndsAPageWhoseReadingWouldHaveBeenHeld) {
     std::latch isOpen(1);
     start();

@@ -271,6 +271,9 @@ TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {
     pass(seconds(58));
     auto back = join(returnOf(page->view(), 0));
     EXPECT_EQ(fGone, 1) << "once";
+    EXPECT_FALSE(fViews->lastPageGone());
+    pass(seconds(0));
+    EXPECT_EQ(back->fEnd, "") << "it was silent because it was away";
     const auto missed = back->read();
     ASSERT_EQ(missed.size(), 2U);
     EXPECT_TRUE(missed[0].payload.starts_with(R"({"t":"withdrawn")"));
@@ -306,6 +309,29 @@ TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
     EXPECT_EQ(page->fEnd, "");
     pass(seconds(31));
     EXPECT_EQ(page->fEnd, "4004 no sign of life");
+    page = join(R"(,"resume":false)");
+    pass(seconds(31));
+    EXPECT_EQ(page->view().state(), View::State::kOver);
+}
+
+TEST_F(ReturnTest, WhatAPageSaysIsActedUponAtOnceAndNotAfterItsEnd) {
+    fOptions.limits.blocksUnderWay = 1;
+    start();
+    auto page = join();
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    EXPECT_EQ(page->read().size(), 2U) << "the channel and a block";
+    answer(page, 1);
+    EXPECT_EQ(page->read().size(), 1U);
+
+    EXPECT_FALSE(fViews->subscribe(page->view(), "/" + std::string(1024, 'n')));
+    page->say(R"({"t":"unsubscribe","channels":["/c","/bin"]})");
+    EXPECT_FALSE(page->view().hears("/c") || page->view().hears("/bin"));
+
+    page->view().fail("no room");
+    EXPECT_EQ(offer(page->view(), 9), Part::kNone);
+    page->say(
+        R"([{"t":"publish","channel":"/no","text":""},{"t":"publish","channel":"/no","text":""}])");
+    EXPECT_EQ(fContext->counters->refusals, 1U) << "the rest is passed over";
 }
 
 TEST_F(ReturnTest, APageIsReadFromAsLongAsThereIsRoom) {
