@@ -39,7 +39,10 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
         {true, 1, R"({"t":"hello","version":1})"},
         {true, 1, R"([{"t":"ack","last":1},7])"},
         {true, 1, R"({"t":"channel","number":17,"name":"/x"})"},
-        {true, 2, "\1\1\21" + std::string(13, '\0')},                           // no such channel
+        {true, 2, "\1\1\21" + std::string(13, '\0')},  // no such channel
+        {true, 2, "\1\1" + std::string(14, '\0')},     // nor this
+        {true, 1, R"({"t":"channel","number":0,"name":"/x"})"},
+        {false, 2, "\1\1\1" + std::string(13, '\0')},                           // no hello yet
         {true, 2, "\1" + std::string(1, '\0') + "\1" + std::string(13, '\0')},  // in pieces
     };
     for (const auto& [hasView, opcode, payload] : messages) {
