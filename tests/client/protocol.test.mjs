@@ -113,7 +113,8 @@ test("A lost connection is made again, and goes on behind the last message and w
     assert.equal(page.publishBlock("/r", new Uint8Array(8)), false);
     const second = await fixture.peer({
         kind: "return",
-        subscribed: ["/a", "/given/up", "/b"],
+        subscribed: ["/a", "/given/up"],
+        refused: ["/b"],
         blockChannels: ["/bin"],
     });
     const { view, last, subscribe: names } = second.hello;
@@ -126,8 +127,8 @@ test("A lost connection is made again, and goes on behind the last message and w
     second.piece(1, 4, [1, 2], false);
     for (const end of [[3, 4], [9]]) second.piece(1, 11, end);
     await fixture.settled(second, 12, "twelve");
-    const told = "text,/end,ten block,/bin,1,2,3,4 text,/end,twelve";
-    assert.equal(heard.of("text", "block", "fault").join(" "), told);
+    const told = "text,/end,ten refused,/b block,/bin,1,2,3,4 text,/end,twelve";
+    assert.equal(heard.of("text", "refused", "block", "fault").join(" "), told);
 });
 
 test("A close says whether to come back, to begin afresh, or to give up", async () => {
