@@ -143,10 +143,8 @@ void ClientConnection::pump() {
     fOut.clear();
     if (!view->collect(fOut, kCollectAtOnce)) return;
     fIsWriting = true;
-    wire().write(asio::buffer(fOut),
-                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
+    wire().write(asio::buffer(fOut), writeHandler([](ClientConnection& self) {
                      self.fIsWriting = false;
-                     if (error) return;
                      self.fIsClosing ? self.writeFarewell() : self.pump();
                  }));
 }
@@ -171,9 +169,7 @@ void ClientConnection::close(std::uint16_t code, std::string_view reason,
 void ClientConnection::writeFarewell() {
     fIsWriting = true;
     wire().write(asio::buffer(fFarewell),
-                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
-                     if (!error) self.fSocket->shutdownWriting();
-                 }));
+                 writeHandler([](ClientConnection& self) { self.fSocket->shutdownWriting(); }));
 }
 
 void ClientConnection::linger() {
@@ -215,9 +211,9 @@ void ClientConnection::drop() noexcept {
     fSocket->shutdown();
 }
 
-void ClientConnection::giveUp(const char* why) noexcept {
+void ClientConnection::operationLost() noexcept {
     if (fIsGivenUp) return;
-    fContext.services.context->log.write("a connection was given up", why);
+    fContext.services.context->log.write("a connection was given up", "an operation was lost");
     drop();
 }
 

@@ -64,8 +64,8 @@ Outbox::Added Outbox::hold(std::size_t own, std::size_t shared, bool isRoomMade)
 }
 
 void Outbox::holdAnyway(std::size_t own) noexcept {
+    KIROWEB_REQUIRE(fLost == nullptr);
     fBudget->add(own);
-    if (fLost != nullptr) fLost->add(own);
     fOwnBytes += own;
     fBytes += own;
 }

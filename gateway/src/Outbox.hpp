@@ -165,6 +165,7 @@ class Outbox {
     };
 
     [[nodiscard]] Added hold(std::size_t own, std::size_t shared, bool isRoomMade) noexcept;
+    /// Room or not. REQUIRES: there is a connection.
     void holdAnyway(std::size_t own) noexcept;
     void letGo(std::size_t own, std::size_t shared) noexcept;
     [[nodiscard]] static std::size_t controlSize(const std::string& frames) noexcept;
