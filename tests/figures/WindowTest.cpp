@@ -127,12 +127,12 @@ TEST_F(Outcomes, APageThatComesBetweenTwoDrawsGetsEverything) {
     EXPECT_EQ(drawn(), Outcome::kPainted);
     EXPECT_FALSE(fPage.last().isWhole);
     for (const auto come : {&Page::announce, &Page::comeBack}) {
-        const auto before = fPage.last().picture;
+        const auto before = linesOf(fPage.last().picture);
         (fPage.*come)();
         kirohost::waitForDelivery();
         EXPECT_EQ(drawn(), Outcome::kPainted);
         EXPECT_TRUE(fPage.last().isWhole);
-        EXPECT_EQ(fPage.last().picture, before);
+        EXPECT_EQ(linesOf(fPage.last().picture), before);
         EXPECT_EQ(drawn(), Outcome::kPainted);
         EXPECT_FALSE(fPage.last().isWhole);
     }
