@@ -7,6 +7,15 @@
 
 namespace kirofigures::detail {
 
+namespace {
+
+bool isIgnored(int signal) {
+    struct sigaction known {};
+    return sigaction(signal, nullptr, &known) == 0 && known.sa_handler == SIG_IGN;
+}
+
+}  // namespace
+
 std::shared_ptr<Signals> Signals::shared() {
     struct Known {
         annotated::Mutex mutex;
@@ -25,8 +34,12 @@ std::shared_ptr<Signals> Signals::shared() {
 
 Signals::Signals() {
     sigemptyset(&fSet);
-    sigaddset(&fSet, SIGINT);
-    sigaddset(&fSet, SIGTERM);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        if (isIgnored(signal)) continue;
+        sigaddset(&fSet, signal);
+        fOne = signal;
+    }
+    if (fOne == 0) return;
     pthread_sigmask(SIG_BLOCK, &fSet, &fBefore);
     try {
         fThread = std::thread([this] { listen(); });
@@ -37,8 +50,9 @@ Signals::Signals() {
 }
 
 Signals::~Signals() {
+    if (fOne == 0) return;
     fIsEnding = true;
-    pthread_kill(fThread.native_handle(), SIGINT);
+    pthread_kill(fThread.native_handle(), fOne);
     fThread.join();
     // From here on a signal does what it did before.
     pthread_sigmask(SIG_SETMASK, &fBefore, nullptr);
