@@ -126,7 +126,10 @@ export class Session {
         key: ({ key, axes }) => this.#publish({ event: "key", key, axes }),
         control: ({ id, value }) => this.#publish({ event: "control", id, value }),
         retry: () => this.#connection?.retry(),
-        close: () => this.#connection?.close(),
+        close: () => {
+            this.#statistics.end();
+            this.#connection?.close();
+        },
     };
 
     // --- The connection -----------------------------------------------------------------------
