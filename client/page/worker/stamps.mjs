@@ -187,7 +187,9 @@ export class ColoredPointPicture {
                 const at = first + offsets[k];
                 const alpha = alphas[k];
                 // A rim does not make what is opaque already shine through.
-                if (alpha >= target[at] >>> ALPHA_SHIFT) target[at] = color | (alpha << ALPHA_SHIFT);
+                if (alpha >= target[at] >>> ALPHA_SHIFT) {
+                    target[at] = color | (alpha << ALPHA_SHIFT);
+                }
             }
         }
     }

@@ -91,6 +91,11 @@ class Stage {
             await once(this.#news, "news");
         }
     }
+    /** Ends when the page has handled everything before. */
+    async settled() {
+        this.peer.control({ t: "refused", what: "test", channel: "/", reason: "" });
+        await this.heard("error");
+    }
     /** Runs the next animation frame. */
     async paint() {
         while (this.#frames.length === 0) await once(this.#news, "news");
@@ -206,6 +211,8 @@ test("What cannot be drawn is told, and asked for again once", async () => {
         assert.equal(channels.indexOf("/t"), channels.indexOf("/e") + 1);
         assert.equal(channels.includes("/n"), round === 1);
     }
+    stage.tell({ kind: "key", key: "k", axes: null });
+    assert.equal((await stage.published())[1].event, "key");
     assert.match((await stage.heard("error")).text, /"width"/);
     assert.deepEqual(stage.strokes(), [LINE]);
 });
@@ -214,6 +221,7 @@ test("The old picture stays while a whole frame is coming", async () => {
     await stage.show();
     stage.say("beginFrame", { frame: 9, attempt: 1, whole: true });
     stage.say("create", { id: 1, type: "figure" });
+    await stage.settled();
     stage.tell({ kind: "resize", axes: 2, width: 50, height: 50, ratio: 1 });
     await stage.paint();
     assert.deepEqual(stage.strokes(), [
@@ -222,6 +230,8 @@ test("The old picture stays while a whole frame is coming", async () => {
             ["L", 50, 0],
         ],
     ]);
+    stage.act("t");
+    assert.deepEqual((await stage.heard("scene")).figures[0].axes, []);
 });
 
 test("A picture that is paused stays, while the data are taken in; live shows what is there", async () => {
