@@ -149,7 +149,7 @@ test("Elements are connected across columns of pixels, by steps too, but not acr
         // In places dense, in places with whole columns between two elements.
         const near = [0.2, ...random.values(600, 5, 60, 0), ...random.values(39, 60, 105, 0)];
         const place = Float64Array.from(near).sort();
-        const value = Float64Array.from(random.values(640, 0, 100, 0.1));
+        const value = Float64Array.from([50, 60, ...random.values(638, 0, 100, 0.1)]);
         const places = new Column(place);
         const values = new Column(value);
         const x = new Scale("linear", [0, 100], 0, 100);
