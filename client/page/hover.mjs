@@ -28,25 +28,27 @@ export function valueText(view, which, value) {
 /** @param {AxesView} view @param {Which} which @param {number} value */
 function withUnit(view, which, value) {
     const unit = view.description[which]?.unit ?? "";
-    return valueText(view, which, value) + (unit ? ` ${unit}` : "");
+    const space = unit === "" || unit.startsWith("°") ? "" : " ";
+    return valueText(view, which, value) + space + unit;
 }
 
-/** What is said of an element besides its x. @param {AxesView} view @param {Probed} probed
- * @param {SeriesDescription} series */
-function elementText(view, { values }, series) {
+/** What is said of an element, besides where the crosshair is. @param {AxesView} view
+ * @param {Probed} probed @param {SeriesDescription} series */
+function elementText(view, { values }, { type, axis }) {
     const { x, y, z, low, high, value, minus, plus } = values;
+    if (z !== undefined) return numberText(z, 5);
+    const text = (/** @type {number} */ number) => withUnit(view, axis, number);
     const parts = [];
-    const text = (/** @type {number} */ number) => withUnit(view, series.axis, number);
-    if (low !== undefined && high !== undefined) parts.push(`${text(low)} … ${text(high)}`);
-    else if (y !== undefined) parts.push(text(y));
+    if (value !== undefined) parts.push(`${numberText(value, 5)} at`);
+    if (type === "scatter" || value !== undefined) parts.push(`${withUnit(view, "x", x)},`);
+    if (low !== undefined) parts.push(`${text(low)} … ${text(high)}`);
+    else parts.push(text(y));
     if (minus !== undefined) parts.push(`−${numberText(minus, 4)} +${numberText(plus, 4)}`);
-    if (value !== undefined) parts.push(numberText(value, 5));
-    if (z !== undefined) parts.push(`${numberText(z, 6)}`);
-    if (z === undefined && x !== undefined && series.type === "scatter") {
-        parts.unshift(withUnit(view, "x", x) + ",");
-    }
     return parts.join(" ");
 }
+
+/** Types that have a value for each x. */
+const ALONG_X = ["line", "area", "band", "bars", "errorBars"];
 
 /** @typedef {{at: string, rows: {name: string, text: string, color: string, probed: Probed}[]}} Told */
 
@@ -168,12 +170,10 @@ export class Crosshair {
     /** @param {number} x of the cursor */
     #heading(x) {
         const { description, plot, size, shown } = this.#view;
-        const name = description.x.label || "x";
-        const text = `${name} ${withUnit(this.#view, "x", x)}`;
+        const name = description.x.label || (description.x.scale === "time" ? "" : "x");
+        const text = `${name} ${withUnit(this.#view, "x", x)}`.trim();
         const top = Number(plot.cursor.top);
-        const isPlane = description.series.every(
-            ({ type }) => type === "scatter" || type === "image",
-        );
+        const isPlane = !description.series.some(({ type }) => ALONG_X.includes(type));
         if (!isPlane || top < 0) return text;
         const y = valueAt(1 - top / size.height, shown.y, this.#view.scaleOf("y"));
         return `${text}, ${description.y.label || "y"} ${withUnit(this.#view, "y", y)}`;

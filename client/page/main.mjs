@@ -84,10 +84,11 @@ class Page {
     }
 
     #showPaused() {
-        const [name, paths] = this.#isPaused ? ["Live", PLAY] : ["Pause", PAUSE];
+        const [name, paths] = this.#isPaused ? ["Go on", PLAY] : ["Pause", PAUSE];
         this.#pauseButton.replaceChildren(icon(paths), name);
         this.#pauseButton.title = `${name} (Space)`;
         document.body.classList.toggle("paused", this.#isPaused);
+        this.status.showPaused(this.#isPaused);
     }
 
     #listen() {
