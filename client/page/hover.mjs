@@ -62,6 +62,7 @@ export class Crosshair {
     #marks = [];
     #isAsked = false;
     #isStale = false;
+    #isToSay = false;
     /** @type {Told | null} what it shows */
     told = null;
 
@@ -79,9 +80,11 @@ export class Crosshair {
         return Number(plot.cursor.left) >= 0;
     }
 
-    /** The crosshair has moved, or the data have changed. */
-    refresh() {
+    /** The crosshair has moved, or the data have changed. Only who moves it is told in words.
+     * @param {boolean} hasMoved */
+    refresh(hasMoved) {
         if (!this.#view.isLaidOut || !this.isShown) return this.#hide();
+        this.#isToSay ||= hasMoved;
         this.#isStale = true;
         if (!this.#isAsked) void this.#update();
         return undefined;
@@ -163,6 +166,8 @@ export class Crosshair {
         this.told = { at: this.#heading(x), rows: rows.slice(0, MOST_ROWS) };
         this.#showBox(left);
         this.#showMarks();
+        if (!this.#isToSay) return;
+        this.#isToSay = false;
         const said = this.told.rows.map(({ name, text }) => `${name} ${text}`);
         this.#say([this.told.at, ...said].join("; "));
     }

@@ -77,13 +77,13 @@ export class Interaction {
 
     /** @param {AxesView} view */
     cursorMoved(view) {
-        this.#known.get(view)?.crosshair.refresh();
+        this.#known.get(view)?.crosshair.refresh(true);
     }
 
     /** What lies at the crosshairs may be another now. */
     dataChanged() {
         for (const { crosshair } of this.#known.values()) {
-            if (crosshair.told) crosshair.refresh();
+            if (crosshair.told) crosshair.refresh(false);
         }
     }
 
