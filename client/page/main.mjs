@@ -290,7 +290,6 @@ class Page {
             showColorBars(view, frame.colors);
         }
         this.#align();
-        this.interaction.dataChanged();
         this.#painted.push(frame.stamp);
         if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);
     }

@@ -61,7 +61,7 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
         const { axes, x: range, home } = await engine.event("limits");
         assert.deepEqual([axes, home], [wanted[0], wanted[2]]);
         assertNear(range, wanted[1]);
-        assertNear((await engine.limits(5)).x, wanted[1]);
+        await engine.untilShown(5, "x", wanted[1]);
         await engine.event("limits"); // of the linked axes
     };
     await page.mouse.move(...(await place(0, 0.5, 0.5)));
@@ -69,7 +69,7 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await page.mouse.wheel(0, -200);
     await page.keyboard.up("Shift");
     await told(2, [1.97, 8.03]);
-    assert.deepEqual((await engine.limits(2)).y, [0, 100], "only x was zoomed");
+    await engine.untilShown(2, "y", [0, 100]);
     await page.mouse.dblclick(...(await place(0, 0.5, 0.5)));
     await told(2, [0, 10], true);
     await page.mouse.move(...(await place(0, 0.2, 0.1)));
@@ -77,7 +77,7 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await page.mouse.move(...(await place(0, 0.6, 0.9)), { steps: 4 });
     await page.mouse.up();
     await told(2, [2, 6]);
-    assertNear((await engine.limits(2)).y, [10, 90]);
+    await engine.untilShown(2, "y", [10, 90]);
     await page.locator(".chart").first().press("Shift+ArrowRight");
     await told(2, [2.4, 6.4]);
     await page.keyboard.press("0");
@@ -92,7 +92,7 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await page.getByRole("button", { name: "Follow" }).first().click();
     await engine.event("limits");
     assert.equal(await engine.frame(() => engine.data(LINE, { x: [30], y: [50] }, 101)), "painted");
-    assertNear((await engine.limits(2)).x, [20, 30]);
+    await engine.untilShown(2, "x", [20, 30]);
     await assertClean(page);
 });
 

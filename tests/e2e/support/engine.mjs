@@ -107,12 +107,15 @@ export class Engine {
             this.#heard.push(await this.peer.next("publish"));
         }
     }
-    /** The shown limits of axes, by their number. */
-    limits(id) {
-        return this.page.evaluate((axes) => {
+    /** Ends when axes show these limits, to a hundredth of them. */
+    async untilShown(id, which, wanted) {
+        const isShown = ([number, name, [low, high]]) => {
             const figures = [...kirowebPage.figures.values()];
-            return figures.map((figure) => figure.axes.get(axes)).find(Boolean).shown;
-        }, id);
+            const { shown } = figures.map((figure) => figure.axes.get(number)).find(Boolean);
+            const [from, to] = shown[name];
+            return Math.max(Math.abs(from - low), Math.abs(to - high)) < (high - low) / 100;
+        };
+        await this.page.waitForFunction(isShown, [id, which, wanted], { timeout: 10_000 });
     }
     /** The places of axes' plotting areas, as CSS pixels of the window. */
     area(index) {
