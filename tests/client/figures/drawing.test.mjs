@@ -221,7 +221,7 @@ test("Stamped points are where the points are; appended ones are added", () => {
     assert.deepEqual(paint(grown).pictures[0].pixels, pixels);
     // Forgotten ones are gone, and so is all when it is set.
     grown.data(same, 900, { x: range(900, () => 5), y: range(900, () => 5) });
-    assert.equal(paint(grown).pictures[0].pixels.filter(Boolean).length, 21);
+    assert.equal(paint(grown).pictures[0].pixels.filter(Boolean).length, 25);
     grown.data(same, 0, { x: range(501, () => NaN), y: range(501, () => 5) });
     assert.equal(paint(grown).pictures[0].pixels.filter(Boolean).length, 0);
 });
@@ -262,8 +262,9 @@ test("Each pixel of an image has the colour of its value", () => {
                 const x = 0.5 + (11.5 * (column + 0.5)) / 100;
                 const value = z[Math.floor(y - 1) * columns + Math.floor((x - 1) * 1.3)];
                 let color = pixelOf(MISSING);
-                if (Number.isFinite(value))
+                if (Number.isFinite(value)) {
                     color = table[Math.min(255, Math.max(0, Math.floor(value * 128)))];
+                }
                 if (x < 1 || x >= 11 || y < 1 || y >= 8) color = 0;
                 assert.equal(
                     pictures[0].pixels[row * 100 + column],
