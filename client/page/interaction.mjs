@@ -130,7 +130,7 @@ export class Interaction {
         if (action === "zoomIn") zoom(CLOSER);
         else if (action === "zoomOut") zoom(1 / CLOSER);
         else if (action === "home") {
-            for (const one of figure.axes.values()) this.#look(one, homeView());
+            for (const one of figure.axes.values()) if (!one.isHome) this.#look(one, homeView());
         } else if (action === "follow") this.#follow(view);
         else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
         else if (action === "table") void showTable(this.#worker, view);

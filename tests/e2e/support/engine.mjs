@@ -94,10 +94,12 @@ export class Engine {
         await this.#until(({ channel }) => channel === "/back");
         return outcome;
     }
-    /** The next event of this kind, past those that were asked for. */
-    async event(kind) {
-        const isWanted = ({ channel, text }) =>
-            channel === CONFIGURATION.events && JSON.parse(text).event === kind;
+    /** The next event of this kind that is as wanted, past or future; each once. */
+    async event(kind, isAsWanted = () => true) {
+        const isWanted = ({ channel, text }) => {
+            const event = channel === CONFIGURATION.events && JSON.parse(text);
+            return event.event === kind && isAsWanted(event);
+        };
         return JSON.parse((await this.#until(isWanted)).text);
     }
     async #until(isWanted) {
