@@ -62,6 +62,13 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await page.keyboard.up("Shift");
     await told([1.97, 8.03]);
     await engine.untilShown(2, "y", [0, 100]);
+    // In linked axes it is x that is shared: what is done there keeps it.
+    await page.mouse.move(...(await place(1, 0.5, 0.5)));
+    await page.keyboard.down("Alt");
+    await page.mouse.wheel(0, -200);
+    await page.keyboard.up("Alt");
+    await engine.untilShown(5, "y", [19.7, 80.3]);
+    await told([1.97, 8.03]);
     await page.mouse.dblclick(...(await place(0, 0.5, 0.5)));
     await told([0, 10], true);
     await page.mouse.move(...(await place(0, 0.2, 0.1)));
