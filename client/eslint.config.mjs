@@ -3,7 +3,7 @@ import js from "@eslint/js";
 import globals from "globals";
 
 export default [
-    { ignores: ["client/declarations/", "**/node_modules/", "build/"] },
+    { ignores: ["client/declarations/", "client/dist/", "**/node_modules/", "build/"] },
     js.configs.recommended,
     {
         languageOptions: { globals: { ...globals.browser } },
@@ -25,7 +25,7 @@ export default [
         },
     },
     {
-        files: ["tests/**", "client/*.config.mjs"],
+        files: ["tests/**", "client/*.config.mjs", "client/build.mjs"],
         languageOptions: { globals: { ...globals.node, kirowebPage: "readonly" } },
     },
 ];

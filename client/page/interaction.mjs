@@ -1,0 +1,246 @@
+// What somebody does with figures: pointers, keys and the toolbar, and what that changes.
+
+import { copyText } from "./clipboard.mjs";
+import { listenToGestures, movedView, placeOf, selectedView, zoomedView } from "./gestures.mjs";
+import { Crosshair, valueText } from "./hover.mjs";
+import { meaningOf, showKeys } from "./keys.mjs";
+import { homeView } from "./navigation.mjs";
+import { showSave } from "./save.mjs";
+import { valueAt } from "./scale.mjs";
+import { spokenName } from "./spoken.mjs";
+import { showTable } from "./table.mjs";
+
+/** @typedef {import("./axes_view.mjs").AxesView} AxesView */
+/** @typedef {import("./figure_view.mjs").FigureView} FigureView */
+/** @typedef {import("./messages.mjs").Probed} Probed */
+/** @typedef {import("./navigation.mjs").View} View */
+
+const CLOSER = 0.8;
+/** CSS pixels that a pointer may move in a click, and an element may lie away from it. */
+const CLICK = 4;
+const NEAR = 12;
+/** CSS pixels that an element may lie away from the crosshair. */
+const REACH = 40;
+/** Milliseconds after which it is looked again what lies at a crosshair. */
+const LOOK_EVERY = 100;
+/** Milliseconds between two values that are said. */
+const SAY_EVERY = 800;
+
+/** Everything that can be done with axes. */
+export class Interaction {
+    #worker;
+    #colors;
+    #say;
+    #pause;
+    /** @type {Map<AxesView, {figure: FigureView, crosshair: Crosshair}>} */
+    #known = new Map();
+    /** Where somebody is: the crosshairs of linked axes follow without a word.
+     * @type {AxesView | null} */
+    #active = null;
+    #wantsSay = "";
+    #sayTimer = 0;
+
+    /** @param {import("./worker_link.mjs").WorkerLink} worker
+     * @param {import("./theme.mjs").Colors} colors
+     * @param {(text: string) => void} say to those who do not see it @param {() => void} pause */
+    constructor(worker, colors, say, pause) {
+        this.#colors = colors;
+        this.#worker = worker;
+        this.#say = say;
+        this.#pause = pause;
+        setInterval(() => this.#lookAgain(), LOOK_EVERY);
+    }
+
+    /** @param {FigureView} figure @param {AxesView} view */
+    add(figure, view) {
+        const ask = (/** @type {number} */ x, /** @type {number | null} */ y) =>
+            this.#probe(view, x, y, REACH);
+        const crosshair = new Crosshair(view, ask, (text) => this.#saySoon(text));
+        this.#known.set(view, { figure, crosshair });
+        const { element, chart } = view;
+        chart.tabIndex = 0;
+        chart.setAttribute("role", "application");
+        chart.setAttribute("aria-roledescription", "plot");
+        chart.addEventListener("keydown", (event) => this.#key(event, view));
+        const nameIt = () => {
+            chart.ariaLabel = spokenName(view, figure.description.title, valueText);
+        };
+        const isHere = () => {
+            this.#active = view;
+            figure.setCurrent(view);
+        };
+        element.addEventListener("focusin", () => {
+            isHere();
+            nameIt();
+        });
+        element.addEventListener("pointerenter", isHere);
+        chart.addEventListener("blur", () => crosshair.leave());
+        chart.addEventListener("dblclick", () => this.#look(view, homeView()));
+        this.#listenToClicks(view);
+        listenToGestures(view, (which, change) => this.#look(which, change));
+    }
+
+    /** @param {AxesView} view */
+    remove(view) {
+        this.#known.delete(view);
+    }
+
+    /** @param {AxesView} view */
+    cursorMoved(view) {
+        this.#known.get(view)?.crosshair.refresh(view === this.#active);
+    }
+
+    /** What lies at the crosshairs may be another now. */
+    #lookAgain() {
+        for (const { crosshair } of this.#known.values()) {
+            if (crosshair.told) crosshair.refresh(false);
+        }
+    }
+
+    /** An area was selected. @param {AxesView} view */
+    selected(view) {
+        const change = selectedView(view);
+        if (!change) return;
+        view.plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
+        this.#look(view, change);
+    }
+
+    /** A key, wherever the focus is. @param {KeyboardEvent} event */
+    pageKey(event) {
+        const { target } = event;
+        if (event.defaultPrevented || document.querySelector("dialog")) return;
+        if (target instanceof Element && target.closest("input, select, button, textarea")) return;
+        const meaning = meaningOf(event);
+        if (meaning?.do === "help") showKeys();
+        else if (meaning?.do === "pause") this.#pause();
+        else if (meaning?.do === "engine") {
+            this.#worker.post({ kind: "key", key: meaning.key, axes: null });
+        } else return;
+        event.preventDefault();
+    }
+
+    /** Something of the toolbar's. @param {FigureView} figure @param {string} action
+     * @param {AxesView | undefined} [view] the axes that it is about */
+    act(figure, action, view = figure.current) {
+        if (!view?.isLaidOut) return;
+        const crosshair = this.#known.get(view)?.crosshair;
+        const at = crosshair?.place ?? { x: 0.5, y: 0.5 };
+        const zoom = (/** @type {number} */ factor) =>
+            this.#look(view, zoomedView(view, at, { x: factor, y: factor }, { x: true, y: true }));
+        if (action === "zoomIn") zoom(CLOSER);
+        else if (action === "zoomOut") zoom(1 / CLOSER);
+        else if (action === "home") {
+            for (const one of figure.axes.values()) if (!one.isHome) this.#look(one, homeView());
+        } else if (action === "follow") this.#follow(view);
+        else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
+        else if (action === "table") void showTable(this.#worker, view);
+        else if (action === "save") showSave(this.#worker, figure, view, this.#colors);
+        else if (action === "full") this.#fullScreen(figure);
+    }
+
+    /** @param {KeyboardEvent} event @param {AxesView} view */
+    #key(event, view) {
+        const known = this.#known.get(view);
+        const meaning = meaningOf(event);
+        if (!known || !meaning) return;
+        const { figure, crosshair } = known;
+        if (meaning.do === "crosshair") crosshair.move(meaning.x, meaning.y);
+        else if (meaning.do === "move") this.#look(view, movedView(view, meaning));
+        else if (meaning.do === "pick") this.#pickAt(view, crosshair.place);
+        else if (meaning.do === "leave" && crosshair.isShown) crosshair.leave();
+        else if (meaning.do === "leave") figure.element.classList.remove("full");
+        else if (meaning.do === "action") this.act(figure, meaning.action, view);
+        else if (meaning.do === "engine") {
+            this.#worker.post({ kind: "key", key: meaning.key, axes: view.description.id });
+        } else return;
+        event.preventDefault();
+    }
+
+    /** Shows the newest stretch, as wide as what is shown, or no more. @param {AxesView} view */
+    #follow(view) {
+        const [low, high] = view.shown.x;
+        const isOver = view.isFollowing || view.scaleOf("x") === "log";
+        this.#look(view, { x: isOver ? null : { follow: high - low } });
+    }
+
+    /** Shows at once what is to be looked at, in all axes that are linked; the worker draws it.
+     * @param {AxesView} view @param {Partial<View>} change */
+    #look(view, change) {
+        const { linkX, id: axes } = view.description;
+        view.look(change);
+        if (linkX !== null && change.x !== undefined) {
+            for (const other of this.#known.keys()) {
+                if (other !== view && other.description.linkX === linkX) {
+                    other.look({ x: change.x });
+                }
+            }
+        }
+        this.#worker.post({ kind: "view", axes, ...view.view });
+        this.#known.get(view)?.figure.showHome();
+    }
+
+    /** @param {AxesView} view @param {number} x @param {number | null} y @param {number} reach
+     * @returns {Promise<Probed[]>} */
+    async #probe(view, x, y, reach) {
+        const axes = view.description.id;
+        return (await this.#worker.ask({ kind: "probe", axes, x, y, reach })).values;
+    }
+
+    /** @param {AxesView} view */
+    #listenToClicks(view) {
+        let down = { clientX: 0, clientY: 0 };
+        view.chart.addEventListener("pointerdown", (event) => (down = event));
+        view.chart.addEventListener("click", (event) => {
+            const far = Math.hypot(event.clientX - down.clientX, event.clientY - down.clientY);
+            const place = placeOf(view, event);
+            const isInside = place.x >= 0 && place.x <= 1 && place.y >= 0 && place.y <= 1;
+            // The second click of a double click is on the way home.
+            if (far <= CLICK && isInside && !event.shiftKey && event.detail < 2) {
+                this.#pickAt(view, place);
+            }
+        });
+    }
+
+    /** @param {AxesView} view @param {{x: number, y: number} | null} place from 0 to 1 */
+    async #pickAt(view, place) {
+        if (!place || !view.description.picks) return;
+        const { shown, size, description } = view;
+        const x = valueAt(place.x, shown.x, view.scaleOf("x"));
+        const y = valueAt(place.y, shown.y, view.scaleOf("y"));
+        const [left, top] = [place.x * size.width, (1 - place.y) * size.height];
+        const probed = await this.#probe(view, left, top, NEAR);
+        const distance = (/** @type {Probed} */ { px, py }) => Math.hypot(px - left, py - top);
+        const [nearest] = probed
+            .filter((one) => distance(one) <= NEAR)
+            .sort((a, b) => distance(a) - distance(b));
+        const near = nearest && { series: nearest.series, index: nearest.index };
+        this.#worker.post({ kind: "pick", axes: description.id, x, y, ...(near && { near }) });
+        const name = description.series.find(({ id }) => id === near?.series)?.name;
+        this.#say(`Picked ${name ?? ""} ${this.#known.get(view)?.crosshair.told?.at ?? ""}`);
+    }
+
+    /** @param {AxesView} view @param {string} text of the crosshair; empty: all that is seen */
+    async #copy(view, text) {
+        const axes = view.description.id;
+        await copyText(text || (await this.#worker.ask({ kind: "csv", axes })).text);
+        this.#say("Copied");
+    }
+
+    /** Where a browser has no full screen for elements, the window is filled.
+     * @param {FigureView} figure */
+    #fullScreen({ element }) {
+        if (document.fullscreenElement) void document.exitFullscreen();
+        else if (element.requestFullscreen) void element.requestFullscreen();
+        else element.classList.toggle("full");
+    }
+
+    /** Not each of the values that pass by. @param {string} text */
+    #saySoon(text) {
+        this.#wantsSay = text;
+        if (this.#sayTimer) return;
+        this.#sayTimer = window.setTimeout(() => {
+            this.#sayTimer = 0;
+            this.#say(this.#wantsSay);
+        }, SAY_EVERY);
+    }
+}

@@ -1,0 +1,346 @@
+// The page: brings the worker, which has the data, and the elements together.
+
+import { gatewayAddress, tabAccess } from "../access.mjs";
+import { showColorBars } from "./color_bar.mjs";
+import { byId, icon, make } from "./dom.mjs";
+import { FigureView } from "./figure_view.mjs";
+import { Interaction } from "./interaction.mjs";
+import { showKeys } from "./keys.mjs";
+import { gridOf } from "./layout.mjs";
+import { Watch, staleText } from "./stale.mjs";
+import { StatusBar } from "./status_bar.mjs";
+import { Colors } from "./theme.mjs";
+import { WorkerLink } from "./worker_link.mjs";
+
+/** @typedef {import("./axes_view.mjs").AxesView} AxesView */
+/** @typedef {import("./messages.mjs").ToMain} ToMain */
+
+const PAUSE = "M5.5 3v10M10.5 3v10";
+const PLAY = "M4.5 3v10l8-5Z";
+const HELP = "M5.8 6a2.2 2.2 0 1 1 3.4 1.9c-.8.5-1.2.9-1.2 1.9M8 12.2v.3";
+
+/** What says how the page is laid out; the rest may change with each frame.
+ * @param {import("./messages.mjs").FigureDescription} figure */
+function shapeOf({ id, title, columns, controls, axes }) {
+    const places = axes.map((one) => {
+        const { row, column, linkX, y2, legend } = one;
+        return [one.id, one.title === "", row, column, linkX, y2 === null, legend];
+    });
+    return [id, title === "", columns, controls.length, places];
+}
+
+class Page {
+    /** @type {Map<number, FigureView>} */
+    figures = new Map();
+    /** @type {string[]} the latest errors */
+    errors = [];
+    /** What the worker said last. @type {Extract<ToMain, {kind: "statistics"}> | null} */
+    statistics = null;
+    #root = byId("figures");
+    #empty = /** @type {Element} */ (this.#root.firstElementChild);
+    #colors = new Colors();
+    #watch = new Watch();
+    #charts = new ResizeObserver(() => this.#fit());
+    /** Whether axes have got another size since they were aligned. */
+    #isUneven = false;
+    #isLive = false;
+    #isPaused = false;
+    /** Of what is shown: what takes which place, as text. */
+    #shape = "";
+    /** The newest frame that is not painted yet. @type {Extract<ToMain, {kind: "frame"}> | null} */
+    #frame = null;
+    /** Once an animation frame has been painted, a message on this channel answers for it. */
+    #frameEnd = new MessageChannel();
+    /** @type {number[]} */
+    #painted = [];
+    #pauseButton = make("button", { type: "button", click: () => this.pause() });
+
+    constructor() {
+        this.status = new StatusBar(byId("status"), () => this.worker.post({ kind: "retry" }));
+        this.worker = new WorkerLink(
+            "worker.js",
+            (message) => this.#take(message),
+            (error) => this.#report(error),
+        );
+        this.interaction = new Interaction(
+            this.worker,
+            this.#colors,
+            (text) => this.#say(text),
+            () => this.pause(),
+        );
+        this.#makeActions();
+        this.#listen();
+        const { hidden } = document;
+        const address = gatewayAddress();
+        this.worker.post({ kind: "start", address, theme: this.#colors.theme(), hidden });
+        const LOOK_AGAIN = 500;
+        setInterval(() => this.#showStale(), LOOK_AGAIN);
+    }
+
+    /** How often each outcome was answered, as far as the worker has said. */
+    get outcomes() {
+        return this.statistics?.outcomes ?? { painted: 0, hidden: 0, paused: 0, failed: 0 };
+    }
+
+    /** Pauses, or goes on. */
+    pause() {
+        this.#isPaused = !this.#isPaused;
+        this.worker.post({ kind: "pause", paused: this.#isPaused });
+        this.#showPaused();
+        this.#say(this.#isPaused ? "Paused" : "Live");
+    }
+
+    #makeActions() {
+        const help = make(
+            "button",
+            { type: "button", "aria-label": "Keys", title: "Keys (?)", click: () => showKeys() },
+            icon(HELP),
+        );
+        this.status.part("actions").append(this.#pauseButton, help);
+        this.#showPaused();
+    }
+
+    #showPaused() {
+        const [name, paths] = this.#isPaused ? ["Go on", PLAY] : ["Pause", PAUSE];
+        this.#pauseButton.replaceChildren(icon(paths), name);
+        this.#pauseButton.title = `${name} (Space)`;
+        document.body.classList.toggle("paused", this.#isPaused);
+        this.status.showPaused(this.#isPaused);
+    }
+
+    #listen() {
+        this.#frameEnd.port1.onmessage = () => {
+            for (const stamp of this.#painted.splice(0)) {
+                this.worker.post({ kind: "painted", stamp });
+            }
+        };
+        document.addEventListener("visibilitychange", () => {
+            this.worker.post({ kind: "hidden", hidden: document.hidden });
+            if (document.hidden) this.#paint();
+        });
+        document.addEventListener("keydown", (event) => this.interaction.pageKey(event));
+        this.#colors.whenChanged(() => {
+            this.worker.post({ kind: "theme", theme: this.#colors.theme() });
+            for (const view of this.#axes()) view.redraw();
+        });
+        new ResizeObserver(() => this.#layOut()).observe(this.#root);
+        document.addEventListener("fullscreenchange", () => this.#layOut());
+        addEventListener("online", () => this.worker.post({ kind: "retry" }));
+        addEventListener("error", ({ message }) =>
+            this.worker.post({ kind: "report", text: message }),
+        );
+        addEventListener("unhandledrejection", ({ reason }) =>
+            this.worker.post({ kind: "report", text: String(reason) }),
+        );
+        // A page that is kept for the back button would answer nothing: it says that it goes.
+        addEventListener("pagehide", () => this.worker.post({ kind: "close" }));
+        addEventListener("pageshow", (event) => {
+            if (event.persisted) location.reload();
+        });
+        tabAccess?.whenLinkOpened?.(() => this.worker.post({ kind: "link" }));
+    }
+
+    /** @param {ToMain} message */
+    #take(message) {
+        if (message.kind === "frame") this.#takeFrame(message);
+        else if (message.kind === "scene") this.#takeScene(message);
+        else if (message.kind === "statistics") this.#takeStatistics(message);
+        else if (message.kind === "state") this.#takeState(message);
+        else if (message.kind === "hello") this.#takeHello(message);
+        else if (message.kind === "ask") void this.#answer(message);
+        else if (message.kind === "error") this.#report(new Error(message.text));
+    }
+
+    /** @param {Extract<ToMain, {kind: "state"}>} state */
+    #takeState(state) {
+        this.#isLive = state.name === "live";
+        this.status.showState(state);
+        this.#showStale();
+    }
+
+    /** @param {Extract<ToMain, {kind: "hello"}>} hello */
+    #takeHello({ configuration, known }) {
+        if (configuration.title) this.status.showTitle(String(configuration.title));
+        if (!known) {
+            this.#report(
+                new Error(`this page does not know "${configuration.vocabulary ?? "nothing"}"`),
+            );
+        }
+    }
+
+    /** @param {Extract<ToMain, {kind: "ask"}>} question */
+    async #answer({ id, what }) {
+        let value = null;
+        try {
+            value = (await (what === "token" ? tabAccess?.token() : tabAccess?.isServed())) ?? null;
+        } catch {
+            // Null says that it could not be found out.
+        }
+        this.worker.post({ kind: "told", id, value });
+    }
+
+    /** @param {Extract<ToMain, {kind: "statistics"}>} statistics */
+    #takeStatistics(statistics) {
+        this.statistics = statistics;
+        this.status.showStatistics(statistics);
+        this.#watch.heard(statistics.news, statistics.frame);
+    }
+
+    /** What goes wrong with a scene does not keep the worker from drawing it.
+     * @param {Extract<ToMain, {kind: "scene"}>} scene */
+    #takeScene({ stamp, figures }) {
+        try {
+            this.#show(figures);
+        } finally {
+            this.worker.post({ kind: "laid", stamp });
+        }
+    }
+
+    /** Brings the elements up to date, and gives new axes a canvas.
+     * @param {import("./messages.mjs").FigureDescription[]} figures */
+    #show(figures) {
+        const ids = new Set(figures.map(({ id }) => id));
+        for (const [id, view] of this.figures) {
+            if (ids.has(id)) continue;
+            view.destroy();
+            this.figures.delete(id);
+        }
+        for (const figure of figures) {
+            const view = this.figures.get(figure.id) ?? this.#addFigure(figure);
+            view.describe(figure);
+        }
+        if (figures.length === 0) this.#root.replaceChildren(this.#empty);
+        else this.#empty.remove();
+        const shape = JSON.stringify(figures.map(shapeOf));
+        if (shape !== this.#shape) this.#layOut();
+        else for (const view of this.#axes()) view.redraw();
+        this.#shape = shape;
+        this.#showStale();
+    }
+
+    /** @param {import("./messages.mjs").FigureDescription} description */
+    #addFigure(description) {
+        const view = new FigureView(
+            description,
+            {
+                onAxes: (axes) => {
+                    this.interaction.add(view, axes);
+                    this.#charts.observe(axes.chart);
+                },
+                onGone: (axes) => this.#forget(axes),
+                onAction: (figure, action) => this.interaction.act(figure, action),
+                onVisible: (series, visible) =>
+                    this.worker.post({ kind: "visible", series, visible }),
+                onControl: (id, value) => this.worker.post({ kind: "control", id, value }),
+            },
+            {
+                colors: this.#colors,
+                onSize: (axes) => this.#sized(axes),
+                onCursor: (axes) => this.interaction.cursorMoved(axes),
+                onSelect: (axes) => this.interaction.selected(axes),
+            },
+        );
+        this.figures.set(description.id, view);
+        this.#root.append(view.element);
+        return view;
+    }
+
+    /** @param {AxesView} axes */
+    #forget(axes) {
+        this.interaction.remove(axes);
+        this.#charts.unobserve(axes.chart);
+        this.worker.post({ kind: "gone", axes: axes.description.id });
+    }
+
+    /** @param {AxesView} view */
+    #sized(view) {
+        this.#isUneven = true;
+        const { width, height, ratio } = view.size;
+        const axes = view.description.id;
+        const canvas = view.takeCanvas();
+        if (canvas) {
+            this.worker.post({ kind: "canvas", axes, canvas, width, height, ratio }, [canvas]);
+        } else this.worker.post({ kind: "resize", axes, width, height, ratio });
+    }
+
+    #axes() {
+        return [...this.figures.values()].flatMap((figure) => [...figure.axes.values()]);
+    }
+
+    /** Fits all figures into the window. */
+    #layOut() {
+        if (this.figures.size === 0) return;
+        const { clientWidth: width, clientHeight: height } = this.#root;
+        const { columns } = gridOf(this.figures.size, { width, height });
+        this.#root.style.gridTemplateColumns = `repeat(${columns}, minmax(0, 1fr))`;
+        const views = [...this.figures.values()];
+        views.forEach((figure, i) => {
+            // The last one takes what is left of its row.
+            const span = i === views.length - 1 ? columns - (i % columns) : 1;
+            figure.element.style.gridColumn = `span ${span}`;
+        });
+        for (const figure of views) figure.place();
+        this.#fit();
+    }
+
+    /** Fits axes into the places that they have. */
+    #fit() {
+        for (const view of this.#axes()) view.layOut();
+        this.#align();
+    }
+
+    #align() {
+        if (!this.#isUneven) return;
+        this.#isUneven = false;
+        for (const figure of this.figures.values()) figure.align();
+    }
+
+    /** The worker has drawn: axes and grid follow in the animation frame in which that is shown.
+     * @param {Extract<ToMain, {kind: "frame"}>} frame */
+    #takeFrame(frame) {
+        const isRequested = this.#frame !== null;
+        this.#frame = frame;
+        if (document.hidden) this.#paint();
+        else if (!isRequested) requestAnimationFrame(() => this.#paint());
+    }
+
+    #paint() {
+        const frame = this.#frame;
+        this.#frame = null;
+        if (!frame) return;
+        this.#painted.push(frame.stamp);
+        if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);
+        for (const view of this.#axes()) {
+            const limits = frame.limits[view.description.id];
+            if (limits) view.setDrawn(limits);
+            showColorBars(view, frame.colors);
+        }
+        this.#align();
+    }
+
+    #showStale() {
+        const now = Date.now();
+        const since = this.#isPaused ? null : this.#watch.staleSince(now, this.#isLive);
+        for (const { element, stale } of this.figures.values()) {
+            element.classList.toggle("is-stale", since !== null);
+            stale.hidden = since === null;
+            stale.textContent = since === null ? "" : staleText(since, now);
+        }
+    }
+
+    /** For those who do not see it. @param {string} text */
+    #say(text) {
+        byId("said").textContent = text;
+    }
+
+    /** @param {Error} error */
+    #report(error) {
+        const LATEST = 20;
+        this.errors.push(error.message);
+        if (this.errors.length > LATEST) this.errors.shift();
+        this.status.showError(error.message);
+    }
+}
+
+// Within reach of the browser's console and of tests.
+Object.assign(globalThis, { kirowebPage: new Page() });

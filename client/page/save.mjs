@@ -1,0 +1,139 @@
+// Saving a figure: as SVG, as PNG, which is that SVG with pixels in place of shapes, and the values
+// that are seen as CSV.
+
+import { make } from "./dom.mjs";
+import { fileName } from "./file_name.mjs";
+import { openDialog } from "./keys.mjs";
+import { FigureDrawing } from "./svg.mjs";
+
+/** @typedef {import("./axes_view.mjs").AxesView} AxesView */
+/** @typedef {import("./figure_view.mjs").FigureView} FigureView */
+/** @typedef {import("./worker_link.mjs").WorkerLink} WorkerLink */
+
+/** @typedef {{title: boolean, ground: boolean, scale: number}} How scale: pixels for a CSS pixel */
+
+const SCALES = [1, 2, 3, 4];
+/** Milliseconds for which a browser may still read a file that it was given. */
+const FILE_STAYS = 60000;
+
+/** @param {Blob} blob @param {string} name */
+function giveFile(blob, name) {
+    const href = URL.createObjectURL(blob);
+    const link = make("a", { href, download: name });
+    document.body.append(link);
+    link.click();
+    link.remove();
+    setTimeout(() => URL.revokeObjectURL(href), FILE_STAYS);
+}
+
+/** @param {FigureView} figure @param {(view: AxesView) => Promise<any>} ask
+ * @returns {Promise<[AxesView, any][]>} what the worker says of each axes */
+function askAll(figure, ask) {
+    const views = [...figure.axes.values()].filter((view) => view.isLaidOut);
+    return Promise.all(
+        views.map(async (view) => /** @type {[AxesView, any]} */ ([view, await ask(view)])),
+    );
+}
+
+/** @param {WorkerLink} worker @param {FigureView} figure
+ * @param {import("./theme.mjs").Colors} colors @param {How} how */
+async function svgOf(worker, figure, colors, how) {
+    const vectors = await askAll(figure, (view) =>
+        worker.ask({ kind: "vectors", axes: view.description.id }),
+    );
+    const series = new Map(vectors.map(([view, { svg }]) => [view, svg]));
+    const drawing = new FigureDrawing(figure, colors, how.title);
+    return new Blob([drawing.svg({ ...how, scale: 1 }, series)], { type: "image/svg+xml" });
+}
+
+/** @param {Blob} svg @returns {Promise<HTMLImageElement>} */
+async function imageOf(svg) {
+    const image = new Image();
+    image.src = URL.createObjectURL(svg);
+    await image.decode();
+    URL.revokeObjectURL(image.src);
+    return image;
+}
+
+/** @param {WorkerLink} worker @param {FigureView} figure
+ * @param {import("./theme.mjs").Colors} colors @param {How} how @returns {Promise<Blob>} */
+export async function pngOf(worker, figure, colors, how) {
+    const { scale } = how;
+    const pictures = await askAll(figure, (view) =>
+        worker.ask({ kind: "picture", axes: view.description.id, ratio: scale }),
+    );
+    const drawing = new FigureDrawing(figure, colors, how.title);
+    const frame = await imageOf(new Blob([drawing.svg(how)], { type: "image/svg+xml" }));
+    const canvas = new OffscreenCanvas(drawing.width * scale, drawing.height * scale);
+    const context = /** @type {OffscreenCanvasRenderingContext2D} */ (canvas.getContext("2d"));
+    context.drawImage(frame, 0, 0, canvas.width, canvas.height);
+    for (const [view, { bitmap }] of pictures) {
+        const { left, top, width, height } = drawing.boxOf(view.plot.over);
+        context.drawImage(bitmap, left * scale, top * scale, width * scale, height * scale);
+        bitmap.close();
+    }
+    return canvas.convertToBlob({ type: "image/png" });
+}
+
+/** Asks how, and saves. @param {WorkerLink} worker @param {FigureView} figure
+ * @param {AxesView} view whose values are saved @param {import("./theme.mjs").Colors} colors */
+export function showSave(worker, figure, view, colors) {
+    const radio = (/** @type {string} */ value, /** @type {string} */ text, checked = false) =>
+        make("label", {}, make("input", { type: "radio", name: "format", value, checked }), text);
+    const box = (/** @type {string} */ name, /** @type {string} */ text) =>
+        make("label", {}, make("input", { type: "checkbox", name, checked: true }), text);
+    const scales = SCALES.map((scale) =>
+        make("option", { value: scale, selected: scale === 2 }, `${scale} ×`),
+    );
+    const form = make(
+        "form",
+        { class: "save", method: "dialog" },
+        make(
+            "fieldset",
+            {},
+            make("legend", {}, "Format"),
+            radio("png", "PNG, a picture", true),
+            radio("svg", "SVG, shapes"),
+            radio("csv", "CSV, the values that are seen"),
+        ),
+        make(
+            "fieldset",
+            { "data-for": "picture" },
+            make("legend", {}, "Picture"),
+            box("title", "Title"),
+            box("ground", "Ground"),
+            make("label", {}, "Scale", make("select", { name: "scale" }, ...scales)),
+        ),
+        make("button", { class: "main" }, "Save"),
+    );
+    form.addEventListener(
+        "submit",
+        () => void save(worker, figure, view, colors, new FormData(form)),
+    );
+    openDialog("Save").append(form);
+}
+
+/** @param {WorkerLink} worker @param {FigureView} figure @param {AxesView} view
+ * @param {import("./theme.mjs").Colors} colors @param {FormData} form */
+async function save(worker, figure, view, colors, form) {
+    const format = String(form.get("format"));
+    const how = {
+        title: form.has("title"),
+        ground: form.has("ground"),
+        scale: Number(form.get("scale")),
+    };
+    const { title, id: axes } = view.description;
+    const name = fileName(
+        figure.description.title,
+        format === "csv" ? title : "",
+        new Date(),
+        format,
+    );
+    if (format === "csv") {
+        const { text } = await worker.ask({ kind: "csv", axes });
+        giveFile(new Blob([text], { type: "text/csv" }), name);
+    } else {
+        const draw = format === "svg" ? svgOf : pngOf;
+        giveFile(await draw(worker, figure, colors, how), name);
+    }
+}
