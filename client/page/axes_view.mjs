@@ -217,6 +217,11 @@ export class AxesView {
         this.redraw();
     }
 
+    /** Whether the newest stretch is shown, as somebody wants it. */
+    get isFollowing() {
+        return this.view.x !== null && !Array.isArray(this.view.x);
+    }
+
     /** Whether the engine's limits are shown. */
     get isHome() {
         return !this.view.x && !this.view.y && !this.view.y2;
@@ -230,12 +235,10 @@ export class AxesView {
     /** The worker may bound a view: after a while what it draws is what is looked at. */
     #adopt() {
         for (const which of /** @type {Which[]} */ (["x", "y", "y2"])) {
-            if (
-                this.view[which] &&
-                !isSame(this.view[which], this.drawn[which], this.scaleOf(which))
-            ) {
-                this.view[which] = this.drawn[which];
-            }
+            const wanted = this.view[which];
+            if (!Array.isArray(wanted)) continue;
+            const drawn = this.drawn[which];
+            if (!isSame(wanted, drawn, this.scaleOf(which))) this.view[which] = drawn;
         }
     }
 
@@ -279,8 +282,7 @@ export class AxesView {
 
     /** @param {number} width @param {number} height @returns {uPlot.Options} */
     #options(width, height) {
-        const { linkX, y2 } = this.description;
-        const isX = (/** @type {string | null} */ a, /** @type {string | null} */ b) => a === b;
+        const { y2 } = this.description;
         return {
             width,
             height,
@@ -299,28 +301,34 @@ export class AxesView {
                 ...(y2 && { y2: { auto: false, range: WHOLE } }),
             },
             axes: [this.#axis("x"), this.#axis("y"), ...(y2 ? [this.#axis("y2")] : [])],
-            cursor: {
-                points: { show: false },
-                drag: { x: true, y: true, uni: 24, dist: 4, setScale: false },
-                sync: {
-                    key: linkX === null ? "" : `x ${linkX}`,
-                    scales: ["x", "y"],
-                    match: [isX, () => false],
-                    filters: { pub: (type) => linkX !== null && type === "mousemove" },
-                },
-                bind: {
-                    // With shift, or another button, it is moved and not selected.
-                    mousedown: (_, __, handler) => (event) => {
-                        if (event.button === 0 && !event.shiftKey) handler(event);
-                        return null;
-                    },
-                    dblclick: () => null,
-                },
-            },
+            cursor: this.#cursor(),
             hooks: {
                 setSize: [() => this.#takeSize()],
                 setCursor: [() => this.#surroundings.onCursor(this)],
                 setSelect: [() => this.#surroundings.onSelect(this)],
+            },
+        };
+    }
+
+    /** @returns {uPlot.Cursor} linked axes share its x, not its y */
+    #cursor() {
+        const { linkX } = this.description;
+        return {
+            points: { show: false },
+            drag: { x: true, y: true, uni: 24, dist: 4, setScale: false },
+            sync: {
+                key: linkX === null ? "" : `x ${linkX}`,
+                scales: ["x", "y"],
+                match: [() => true, () => false],
+                filters: { pub: (type) => linkX !== null && type === "mousemove" },
+            },
+            bind: {
+                // With shift, or another button, it is moved and not selected.
+                mousedown: (_, __, handler) => (event) => {
+                    if (event.button === 0 && !event.shiftKey) handler(event);
+                    return null;
+                },
+                dblclick: () => null,
             },
         };
     }

@@ -11,6 +11,8 @@
 
 /** @typedef {{x: Range, y: Range, y2: Range | null}} Limits of axes, as they are shown */
 
+/** The newest stretch of this width. @typedef {{follow: number}} Follow */
+
 /**
  * @typedef {object} AxisDescription
  * @property {string} label
@@ -81,7 +83,7 @@
  *        ratio: number}
  *     | {kind: "resize", axes: number, width: number, height: number, ratio: number}
  *     | {kind: "gone", axes: number}
- *     | {kind: "view", axes: number, x: Range | null, y: Range | null, y2: Range | null}
+ *     | {kind: "view", axes: number, x: Range | Follow | null, y: Range | null, y2: Range | null}
  *     | {kind: "visible", series: number, visible: boolean}
  *     | {kind: "theme", theme: Theme}
  *     | {kind: "hidden", hidden: boolean}
@@ -95,6 +97,7 @@
  *     | {kind: "table", id: number, axes: number, rows: number}
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
+ *     | {kind: "report", text: string}
  *     | {kind: "retry"}
  *     | {kind: "close"}
  * )} ToWorker
@@ -108,6 +111,7 @@
  * - `painted`: what the `frame` with this stamp asked for is on the screen.
  * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
  * - `pick`, of the data, `key` and `control` go to the engine.
+ * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen.
  */
 
