@@ -127,7 +127,10 @@ export class Session {
         control: ({ id, value }) => this.#publish({ event: "control", id, value }),
         report: ({ text }) => this.report(new Error(text)),
         retry: () => this.#connection?.retry(),
-        close: () => this.#connection?.close(),
+        close: () => {
+            this.#statistics.end();
+            this.#connection?.close();
+        },
     };
 
     // --- The connection -----------------------------------------------------------------------
