@@ -28,9 +28,9 @@ struct Script {
     /// Never says that it is ready.
     bool silent = false;
     /// Instead of answering the token of this frame, the client reconnects.
-    std::optional<std::uint64_t> reconnectAt;
+    std::optional<std::uint64_t> reconnectAt{};
     /// Instead of answering the token of this frame, it opens a new view.
-    std::optional<std::uint64_t> newViewAt;
+    std::optional<std::uint64_t> newViewAt{};
     /// Drops every so many tokens; 0: none.
     std::uint64_t dropEvery = 0;
     /// Fails every so many blocks; 0: none.

@@ -24,8 +24,8 @@ struct DataSet;
 
 /// How long and how fast the engine draws. It stops at whichever limit comes first.
 struct Pace {
-    std::optional<std::uint64_t> frames;
-    std::optional<std::chrono::duration<double>> duration;
+    std::optional<std::uint64_t> frames{};
+    std::optional<std::chrono::duration<double>> duration{};
     /// 1 is real time, 30 frames a second; 0 is as fast as possible.
     double speed = 1;
     /// How long the first page may take to come before a frame counts as timed out; 0: for ever.
