@@ -57,6 +57,7 @@ class Page:
         self.stream, status = upgrade(url.netloc, url.fragment.removeprefix("token="))
         assert status == "101", status
         self.objects, self.blocks, self.waiting = {}, {}, []
+        self.knows = False  # what the figures are: what comes before the first whole frame is others'
         say(self.stream, {"t": "hello", "version": 1})
         self.names = json.loads(hear(self.stream))["configuration"]
         assert self.names["vocabulary"] == "kirofigures/1", self.names
@@ -93,9 +94,11 @@ class Page:
                 if "data" in command and command["data"] not in self.blocks:
                     break
                 self.waiting.pop(0)
-                if command["cmd"] == "sendACT":
+                self.knows |= command.get("whole", False)
+                if self.knows and command["cmd"] == "sendACT":
                     return command
-                self.apply(command)
+                if self.knows:
+                    self.apply(command)
             self.receive(hear(self.stream))
 
     def receive(self, message):
