@@ -20,11 +20,9 @@ class Examples(unittest.TestCase):
         self.addCleanup(self.process.stdout.close)
         self.addCleanup(self.process.kill)
         self.link = self.process.stdout.readline().strip()
-        self.page = Page(self.link)
-        return self.page
+        return Page(self.link)
 
     def end(self):
-        self.page.stream.close()  # or the program waits for it
         self.process.send_signal(signal.SIGINT)
         self.assertEqual(self.process.wait(), 0)
 
