@@ -1,18 +1,24 @@
 #include "Signals.hpp"
 
-#include <mutex>
 #include <system_error>
+
+#include "annotated/Mutex.hpp"
+#include "process/Immortal.hpp"
 
 namespace kirofigures::detail {
 
 std::shared_ptr<Signals> Signals::shared() {
-    static std::mutex mutex;
-    static std::weak_ptr<Signals> known;
-    const std::lock_guard lock(mutex);
-    auto signals = known.lock();
+    struct Known {
+        annotated::Mutex mutex;
+        std::weak_ptr<Signals> signals GUARDED_BY(mutex);
+    };
+    static Immortal<Known> known;
+    Known& one = *known;
+    const annotated::Lock lock(one.mutex);
+    auto signals = one.signals.lock();
     if (signals == nullptr) {
         signals.reset(new Signals);
-        known = signals;
+        one.signals = signals;
     }
     return signals;
 }
