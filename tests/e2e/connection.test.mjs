@@ -149,7 +149,7 @@ test("The browser that is opened is a program of its own, and gets no more than 
     await writeFile(join(path, "xdg-open"), script, { mode: 0o755 });
     const said = text(createReadStream(PIPE));
     const env = { ...process.env, PATH: `${path}:${process.env.PATH}`, DISPLAY: ":0", PIPE };
-    const monitor = await Monitor.run([], env);
+    const monitor = await Monitor.run(process.env.KIROWEB_MONITOR, [], env);
     stage.defer(() => monitor.kill());
     assert.match(await said, /#code=[0-9a-f]+\n[^]*SigBlk:\t0+\n/);
     assert.doesNotMatch(await said, /([3-9]|\d\d) -> socket/);

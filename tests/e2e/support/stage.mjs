@@ -5,6 +5,7 @@ import { playwright } from "../../client/support/packages.mjs";
 import { Monitor } from "./monitor.mjs";
 import { untilMore } from "./page.mjs";
 import { Proxy } from "./proxy.mjs";
+import { Scene } from "./scene.mjs";
 
 const FLAGS = [
     "--headless",
@@ -53,6 +54,12 @@ export class Stage {
             if (message.type() === "error") page.complaints.push(message.text());
         });
         return page;
+    }
+    /** A scene of the program that draws for tests. */
+    async scene(...options) {
+        const scene = await Scene.start(...options);
+        this.defer(() => scene.kill());
+        return scene;
     }
     async monitor(...options) {
         const monitor = await Monitor.start(...options);
