@@ -94,8 +94,6 @@ po::options_description pageOptions() {
         ("remind", po::value<std::string>()->value_name("SECONDS"),
          "print the link again when nobody has come for so long, then after twice as long, and so "
          "on (30; 0: never)")  //
-        ("client", po::value<std::string>()->value_name("DIR"),
-         "where the page's files are (" MONITOR_CLIENT_DIR ")")  //
         ("diagnostics", po::value<std::string>()->value_name("FILE"),
          "write to FILE, at each time-out, what is known of the pages and of the last messages, "
          "as JSON");
@@ -214,7 +212,7 @@ void readTimeout(const po::variables_map& map, Options& options) {
 
 void readPage(const po::variables_map& map, Options& options) {
     if (options.headless) {
-        for (const char* name : {"port", "no-browser", "remind", "client", "diagnostics"}) {
+        for (const char* name : {"port", "no-browser", "remind", "diagnostics"}) {
             if (map.count(name) != 0) {
                 throw OptionError(std::string("--") + name +
                                   " is about a page, not for --headless");
@@ -233,7 +231,6 @@ void readPage(const po::variables_map& map, Options& options) {
         options.remind = std::chrono::duration<double>(*seconds);
     }
     options.opensBrowser = map.count("no-browser") == 0;
-    options.client = given(map, "client").value_or(MONITOR_CLIENT_DIR);
     if (const auto file = given(map, "diagnostics")) options.diagnostics = *file;
 }
 

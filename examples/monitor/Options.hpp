@@ -21,8 +21,7 @@ struct Options {
     std::uint64_t dropEvery = 0;  ///< tokens; 0: none
     std::uint64_t failEvery = 0;  ///< blocks; 0: none
     bool silent = false;
-    std::filesystem::path client;  ///< where the page's files are
-    std::uint16_t port = 0;        ///< 0: one that is free
+    std::uint16_t port = 0;  ///< 0: one that is free
     bool opensBrowser = true;
     std::chrono::duration<double> remind{30};  ///< 0: never
     std::optional<std::filesystem::path> diagnostics;

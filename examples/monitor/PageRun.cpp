@@ -2,24 +2,27 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <deque>
+#include <condition_variable>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "Console.hpp"
+#include "Diagnostics.hpp"
 #include "History.hpp"
-#include "PageServer.hpp"
 #include "PageWatch.hpp"
 #include "Report.hpp"
-#include "Signals.hpp"
-#include "Timeout.hpp"
 #include "engine/DataSet.hpp"
 #include "engine/Engine.hpp"
+#include "kiro/web/PayloadInterface.hpp"
+#include "kiro/web/PubSubFactory.hpp"
+#include "kiro/web/PubSubInterface.hpp"
+#include "kirofigures/Window.hpp"
 #include "kirogateway/Gateway.hpp"
 #include "kirohost/Controls.hpp"
 
@@ -27,7 +30,10 @@ namespace monitor {
 
 namespace {
 
-/// The time-out logging must be on before the engine makes its requestor.
+/// Where a page reports its script errors, whatever it is a page of.
+constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSErrors";
+
+/// The time-out logging must be on before the window makes its requestor.
 void configureHost(const Options& options) {
     auto settings = kirohost::settings();
     settings.drawnowTimeoutSeconds = options.timeout.count();
@@ -60,9 +66,12 @@ void sayTimeout(const Options& options, const Timeout& timeout, const History& h
     }
 }
 
-kirogateway::Gateway makeGateway(const Options& options) {
+std::unique_ptr<kirofigures::Window> openWindow(const Options& options) {
+    auto window = windowOptions();
+    window.port = options.port;
+    window.opensBrowser = options.opensBrowser;
     try {
-        return kirogateway::Gateway(gatewayOptions(options));
+        return std::make_unique<kirofigures::Window>(std::move(window));
     } catch (const std::system_error& error) {
         const bool isPort = error.code() == std::errc::address_in_use ||
                             error.code() == std::errc::permission_denied;
@@ -73,60 +82,84 @@ kirogateway::Gateway makeGateway(const Options& options) {
     }
 }
 
-/// All but `timedOut`. REQUIRES: what is given by reference outlives the engine.
-engine::Engine::Hooks pageHooks(const Signals& signals, const kirogateway::Gateway& gateway,
-                                PageWatch& pages, const std::shared_ptr<ErrorLines>& errors) {
-    engine::Engine::Hooks hooks;
-    hooks.waiting = [&pages] { pages.waiting(); };
-    hooks.stopped = [&signals] { return signals.came(); };
-    hooks.clientGone = [&gateway, &pages] {
-        const bool gone = gateway.lastPageGone();
-        pages.note(gone);
-        return gone;
-    };
-    hooks.clientError = [errors](const std::string& error) { errors->add(error); };
-    hooks.frameOver = [&pages, errors,
-                       before = std::uint64_t{0}](const engine::EngineResult& soFar) mutable {
-        const std::uint64_t answers = soFar.complete + soFar.failed;
-        if (std::exchange(before, answers) != answers) pages.answered();
-        errors->look();
-    };
-    return hooks;
+void repeatLink(const kirofigures::Window& window) {
+    say("nobody has come yet; the link once more:");
+    try {
+        print(window.link() + '\n');
+    } catch (const OutputError&) {  // found out again when the result is printed
+    }
 }
+
+/// Calls a function at intervals while it lives, on a thread of its own.
+class Ticking {
+  public:
+    explicit Ticking(std::function<void()> tick)
+        : fThread([tick = std::move(tick)](const std::stop_token& stop) {
+              constexpr std::chrono::milliseconds kPeriod{100};
+              std::mutex mutex;
+              std::condition_variable_any stopped;
+              std::unique_lock lock(mutex);
+              while (!stop.stop_requested()) {
+                  tick();
+                  stopped.wait_for(lock, stop, kPeriod, [] { return false; });
+              }
+          }) {}
+
+  private:
+    std::jthread fThread;
+};
 
 }  // namespace
 
-bool runForPages(const Options& options, const Signals& signals) {
+kirofigures::WindowOptions windowOptions() {
+    kirofigures::WindowOptions options;
+    options.title = "Monitor";
+    options.printsLink = false;  // who prints it finds out whether that works
+    // The host's time-out comes first.
+    constexpr std::chrono::hours kYear(24 * 365);
+    options.timeout = kYear;
+    return options;
+}
+
+bool runForPages(const Options& options) {
     const auto started = std::chrono::system_clock::now();
     const engine::DataSet data = engine::readDataSet(options.data);
     if (options.diagnostics) requireWritable(*options.diagnostics);
     configureHost(options);
     const History history;
     const kirohost::Scope gatewayLog = sayWhatTheGatewayLogs();
-    kirogateway::Gateway gateway = makeGateway(options);
-    print(gateway.link() + '\n');
-    if (options.opensBrowser) openBrowser(gateway.singleUseLink());
+    const auto window = openWindow(options);
+    const auto& gateway = *window->gateway();
+    print(window->link() + '\n');
 
-    PageWatch pages({.ask = [&gateway] { return gateway.statistics(); },
-                     .say = &say,
-                     .repeatLink =
-                         [&gateway] {
-                             say("nobody has come yet; the link once more:");
-                             print(gateway.link() + '\n');
-                         }},
-                    options.remind);
-    // Shared with a callback that may still run when the engine has ended.
+    // Shared with a callback that may still run when this has ended.
     const auto errors = std::make_shared<ErrorLines>();
-    engine::Engine::Hooks hooks = pageHooks(signals, gateway, pages, errors);
-    hooks.timedOut = [&options, &gateway, &history, started](
-                         bool announced, const std::deque<engine::Latency>& latest) {
-        const std::string known = gateway.diagnostics();
-        const auto now = std::chrono::system_clock::now();
-        sayTimeout(options, {started, now, timeoutCause(announced, known), known, latest}, history);
-    };
-    engine::Engine engine(data, nullptr, hooks);
+    const auto reports = kiro::web::subscribe(
+        kiro::web::PubSubFactory::pubsubInstance(), kErrorChannel,
+        [errors](const std::string&, const kiro::web::PayloadInterface& error) {
+            errors->add(error.convertToString());
+        });
+    PageWatch pages({.ask = [&gateway] { return gateway.statistics(); },
+                     .isGone = [&gateway] { return gateway.lastPageGone(); },
+                     .say = &say,
+                     .repeatLink = [&window] { repeatLink(*window); }},
+                    options.remind);
+    const Ticking ticking([&pages, errors] {
+        pages.look();
+        errors->look();
+    });
+    engine::Engine engine(
+        *window, data,
+        {.waiting = [&pages](bool waits) { pages.waiting(waits); },
+         .frameOver = {},
+         .timedOut =
+             [&](const std::string& cause, const std::deque<engine::Latency>& latest) {
+                 const auto now = std::chrono::system_clock::now();
+                 sayTimeout(options, {started, now, cause, gateway.diagnostics(), latest}, history);
+             },
+         .failed = [errors](const std::string& error) { errors->add(error); }});
     const engine::EngineResult result =
-        engine.run({options.frames, options.duration, options.speed});
+        engine.run({options.frames, options.duration, options.speed, options.timeout});
     errors->end();
     print(summaryText(result) + '\n');
     return isAllDrawn(options, result);

@@ -4,19 +4,34 @@
 
 namespace monitor {
 
-PageWatch::PageWatch(Outlets outlets, std::chrono::duration<double> remind)
-    : fOutlets(std::move(outlets)), fRemind(remind) {}
+namespace {
 
-void PageWatch::waiting() {
-    const auto now = fOutlets.now();
-    remind(now);
-    if (!fWaitingSince) fWaitingSince = now;
-    if (!fClosedAtStall && now - *fWaitingSince >= kStalledAfter) lookForStall(now);
+PageWatch::Clock::duration ticks(std::chrono::duration<double> time) {
+    return std::chrono::duration_cast<PageWatch::Clock::duration>(time);
 }
 
-void PageWatch::answered() {
+}  // namespace
+
+PageWatch::PageWatch(Outlets outlets, std::chrono::duration<double> remind)
+    : fOutlets(std::move(outlets)), fRemind(remind), fReminderDue(fOutlets.now() + ticks(remind)) {}
+
+void PageWatch::waiting(bool waits) {
+    const annotated::Lock lock(fMutex);
+    if (waits) {
+        if (!fWaitingSince) fWaitingSince = fOutlets.now();
+        return;
+    }
     fWaitingSince.reset();
     if (std::exchange(fClosedAtStall, std::nullopt)) fOutlets.say("client answers again");
+}
+
+void PageWatch::look() {
+    const annotated::Lock lock(fMutex);
+    const auto now = fOutlets.now();
+    note(fOutlets.isGone());
+    remind(now);
+    const bool isLong = fWaitingSince && now - *fWaitingSince >= kStalledAfter;
+    if (isLong && !fClosedAtStall) lookForStall(now);
 }
 
 void PageWatch::note(bool gone) {
@@ -33,18 +48,14 @@ void PageWatch::note(bool gone) {
 }
 
 void PageWatch::remind(Clock::time_point now) {
-    if (fRemind.count() <= 0) return;
-    const bool isFirst = !fReminderDue;
-    if (!isFirst && now < *fReminderDue) return;
-    if (!isFirst) {
-        if (fOutlets.ask().views > 0) {
-            fRemind = std::chrono::duration<double>::zero();
-            return;
-        }
-        fOutlets.repeatLink();
-        fRemind *= 2;
+    if (fRemind.count() <= 0 || now < fReminderDue) return;
+    if (fOutlets.ask().views > 0) {
+        fRemind = std::chrono::duration<double>::zero();
+        return;
     }
-    fReminderDue = now + std::chrono::duration_cast<Clock::duration>(fRemind);
+    fOutlets.repeatLink();
+    fRemind *= 2;
+    fReminderDue = now + ticks(fRemind);
 }
 
 void PageWatch::lookForStall(Clock::time_point now) {

@@ -8,6 +8,7 @@
 #include "WarningLog.hpp"
 #include "client/HeadlessClient.hpp"
 #include "engine/Engine.hpp"
+#include "engine/Traffic.hpp"
 
 namespace monitor {
 
@@ -17,6 +18,9 @@ struct Run {
     client::Script script;
     engine::EngineResult engine;
     client::ClientResult client;
+    engine::Traffic traffic;
+    engine::Traffic backlog;     ///< what was held back until the client was ready
+    std::string commandChannel;  ///< as warnings name it
     WarningLog::Counts warnings;
     std::uint64_t timeoutHooks = 0;  ///< calls of the host's time-out hook
     std::uint64_t errorsLogged = 0;  ///< by the host's services

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,14 +11,18 @@
 #include "PageRun.hpp"
 #include "Progress.hpp"
 #include "Report.hpp"
-#include "Signals.hpp"
 #include "WarningLog.hpp"
 #include "client/HeadlessClient.hpp"
+#include "client/Recorder.hpp"
 #include "client/ReferenceData.hpp"
 #include "engine/DataSet.hpp"
 #include "engine/Engine.hpp"
-#include "engine/Recorder.hpp"
+#include "engine/Traffic.hpp"
+#include "graphics_util/getContextQCRID.hpp"
+#include "kirofigures/Window.hpp"
 #include "kirohost/Controls.hpp"
+#include "qvm/detail/taskRouterAccess.hpp"
+#include "taskrouter/TaskRouter.hpp"
 
 namespace {
 
@@ -54,23 +59,36 @@ void configureHost(const Options& options,
     kirohost::setSettings(std::move(settings));
 }
 
-void draw(const engine::DataSet& data, engine::Recorder* recorder, client::HeadlessClient& page,
-          const Signals& signals, Run& run) {
+/// Has the interpreter run `task` in its next wait.
+void queueTask(std::function<void()> task) {
+    const taskrouter::RunOptions options{taskrouter::WhenToDequeue::kWhenIdle, ""};
+    const auto context = graphics_util::getContextQCRID();
+    qvm::detail::getTaskRouterAndSinks(context, options)
+        .router->enqueueWithFuture(taskrouter::PackagedTaskIIP<void>({std::move(task)}, "monitor"),
+                                   options, qvm::detail::createID());
+}
+
+void draw(kirofigures::Window& window, const engine::DataSet& data, client::HeadlessClient& page,
+          const client::Recorder* recorder, Run& run) {
     Progress progress(run.options.frames);
-    // Announced from inside the first wait, so that all of the first frame is held back.
-    engine::Engine::Hooks hooks;
-    hooks.waiting = [&page, announced = false]() mutable {
-        if (!std::exchange(announced, true)) page.announce();
-    };
-    hooks.frameOver = [&progress](const engine::EngineResult& soFar) {
-        progress.frameOver(soFar.frames);
-    };
-    hooks.stopped = [&signals] { return signals.came(); };
-    // What engine and client have counted can be compared only when no frame is cut in two. A
-    // silent client has counted nothing, and there is no use in waiting for it.
-    hooks.finishesFrames = !run.options.silent;
-    hooks.countsTraffic = true;
-    engine::Engine engine(data, recorder, hooks);
+    engine::TrafficCount traffic(window.sender());
+    engine::Engine engine(window, data,
+                          {.waiting = {},
+                           .frameOver =
+                               [&](const engine::EngineResult& soFar) {
+                                   if (recorder != nullptr) recorder->check();
+                                   run.traffic = traffic.upToNow();
+                                   progress.frameOver(soFar.frames);
+                               },
+                           .timedOut = {},
+                           .failed = {}});
+    page.beginView();
+    kirohost::waitForDelivery();
+    // Ready from inside the first wait on, so that all of the first frame is held back.
+    queueTask([&] {
+        run.backlog = traffic.upToNow();
+        page.announceReady();
+    });
     run.engine = engine.run({run.options.frames, run.options.duration, run.options.speed});
     kirohost::waitForDelivery();
     run.client = page.finish();
@@ -79,10 +97,10 @@ void draw(const engine::DataSet& data, engine::Recorder* recorder, client::Headl
     progress.end();
 }
 
-Run runHeadless(const Options& options, const Signals& signals) {
+Run runHeadless(const Options& options) {
     const engine::DataSet data = engine::readDataSet(options.data);
     const client::ReferenceData reference = client::readReferenceData(options.data.string());
-    std::optional<engine::Recorder> recorder;
+    std::optional<client::Recorder> recorder;
     if (options.record) recorder.emplace(*options.record);
 
     Run run;
@@ -92,8 +110,18 @@ Run runHeadless(const Options& options, const Signals& signals) {
     configureHost(options, timeoutHooks);
     const WarningLog warnings;
     {
-        client::HeadlessClient page(reference, run.script);
-        draw(data, recorder ? &*recorder : nullptr, page, signals, run);
+        auto settings = windowOptions();
+        settings.serves = false;
+        settings.waitsForPage = false;
+        kirofigures::Window window(std::move(settings));
+        const auto& channels = window.channels();
+        run.commandChannel = channels.commands;
+        client::Recorder* const lines = recorder ? &*recorder : nullptr;
+        client::HeadlessClient page(reference, run.script,
+                                    {channels.commands, channels.blocks, channels.ready,
+                                     channels.newView, channels.reconnect, channels.events},
+                                    lines);
+        draw(window, data, page, lines, run);
     }
     run.warnings = warnings.counts();
     run.timeoutHooks = *timeoutHooks;
@@ -124,10 +152,8 @@ int main(int argc, char** argv) {
             return kGood;
         }
         const Options& options = *parsed.options;
-        // Until the end, or a second signal would keep the result from being printed.
-        const Signals signals([] { kirohost::wakeInterpreter(); });
-        if (options.headless) return report(runHeadless(options, signals));
-        return runForPages(options, signals) ? kGood : kNotDrawn;
+        if (options.headless) return report(runHeadless(options));
+        return runForPages(options) ? kGood : kNotDrawn;
     } catch (const OptionError& error) {
         say(error.what());
         return kWrongOption;

@@ -360,6 +360,8 @@ const std::shared_ptr<kiro::web::ConnectionStatus>& Window::status() const noexc
 
 const Channels& Window::channels() const noexcept { return fImpl->channels; }
 
+const kirogateway::Gateway* Window::gateway() const noexcept { return fImpl->gateway.get(); }
+
 const char* nameOf(Outcome outcome) noexcept {
     static constexpr std::array<const char*, 8> kNames{
         "painted", "hidden", "paused", "late", "no page", "failed", "interrupted", "under way"};

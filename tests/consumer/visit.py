@@ -3,13 +3,14 @@ page and every module, comes in with the link's token, and waits for the line.""
 
 import http.client
 import json
+import os
 import re
-import socket
 import subprocess
 import sys
 import urllib.parse
 
-KEY = "dGhlIHNhbXBsZSBub25jZQ=="
+sys.path.append(os.path.join(os.path.dirname(__file__), "../support"))
+from page import hear, say, upgrade  # noqa: E402
 
 
 def fetch(address, path):
@@ -46,40 +47,6 @@ def check_names(modules):
         for listed, name in re.findall(r'^import \{([^}]*)\} from "([^"]+)";', text, re.M):
             missing = set(re.findall(r"\w+", listed)) - exports[urllib.parse.urljoin(path, name)]
             assert not missing, f"{path} imports from {name}: {missing}"
-
-
-def upgrade(address, token):
-    """A socket that has asked for a WebSocket, and the status of the answer."""
-    host, port = address.split(":")
-    web_socket = socket.create_connection((host, int(port)))
-    request = (
-        f"GET /kiroweb HTTP/1.1\r\nHost: {address}\r\nOrigin: http://{address}\r\n"
-        "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
-        f"Sec-WebSocket-Key: {KEY}\r\n"
-        f"Sec-WebSocket-Protocol: kiroweb.v1, kiroweb.token.{token}\r\n\r\n"
-    )
-    web_socket.sendall(request.encode())
-    stream = web_socket.makefile("rwb")
-    status = stream.readline().split()[1].decode()
-    while stream.readline().strip():
-        pass
-    return stream, status
-
-
-def say(stream, message):
-    """Sends a message. A mask of zeros is a mask."""
-    payload = json.dumps(message).encode()
-    assert len(payload) < 126
-    stream.write(bytes([0x81, 0x80 | len(payload), 0, 0, 0, 0]) + payload)
-    stream.flush()
-
-
-def hear(stream):
-    """The payload of the next frame."""
-    size = stream.read(2)[1]
-    if size > 125:
-        size = int.from_bytes(stream.read(2 if size == 126 else 8), "big")
-    return stream.read(size).decode()
 
 
 def visit(link):

@@ -3,19 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "client/Findings.hpp"
+#include "client/HeadlessClient.hpp"
 #include "client/Inbox.hpp"
+#include "client/Recorder.hpp"
 #include "client/ReferenceData.hpp"
 #include "engine/DataSet.hpp"
-#include "engine/EcgFigure.hpp"
-#include "engine/Outlet.hpp"
-#include "engine/QuakeFigure.hpp"
-#include "kiro/web/ExportCommandSender.hpp"
-#include "kiro/web/JSONPayload.hpp"
+#include "engine/Engine.hpp"
+#include "kirofigures/Window.hpp"
+#include "kirohost/Controls.hpp"
 
 namespace {
 
@@ -24,37 +25,53 @@ using Conversation = std::vector<std::string>;
 
 const std::string kToken = R"({"ACT":"t","returnChannel":"r","cmd":"sendACT"})";
 
-/// What the figures say in their first `frames` frames, the first of which is whole.
+const client::ReferenceData& reference() {
+    static const auto data = client::readReferenceData(MONITOR_DATA_DIR);
+    return data;
+}
+
+/// Has the engine draw `frames` frames for a client that records them.
+void record(std::uint64_t frames, client::Recorder& recorder) {
+    const auto data = engine::readDataSet(MONITOR_DATA_DIR);
+    kirofigures::WindowOptions options;
+    options.serves = false;
+    options.waitsForPage = false;
+    kirofigures::Window window(options);
+    const auto& channels = window.channels();
+    client::HeadlessClient page(reference(), {.pickEvery = 0},
+                                {channels.commands, channels.blocks, channels.ready,
+                                 channels.newView, channels.reconnect, channels.events},
+                                &recorder);
+    page.beginView();
+    page.announceReady();
+    kirohost::waitForDelivery();
+    engine::Engine engine(window, data, {});
+    EXPECT_EQ(engine.run({.frames = frames, .speed = 0}).complete, frames);
+    kirohost::waitForDelivery();
+    page.finish();
+}
+
+/// What a client hears in the first `frames` frames.
 Conversation conversation(std::uint64_t frames) {
-    static const engine::DataSet data = engine::readDataSet(MONITOR_DATA_DIR);
-    const auto sender = std::make_shared<kiro::web::ExportCommandSender>();
-    engine::Outlet out({sender});
-    engine::EcgFigure ecg(data.ecg);
-    engine::QuakeFigure quakes(data);
+    const std::string file = testing::TempDir() + "conversation.json";
+    client::Recorder recorder(file);
+    record(frames, recorder);
     Conversation result;
-    for (std::uint64_t frame = 0; frame < frames; ++frame) {
-        out.command("beginFrame", [frame](kiro::web::JSONPayload& payload) {
-            payload.addDataToPayload("frame", frame);
-            payload.addDataToPayload("attempt", 1);
-            payload.addDataToPayload("whole", frame == 0);
-        });
-        for (engine::Figure* figure : std::initializer_list<engine::Figure*>{&ecg, &quakes}) {
-            figure->advance(frame);
-            frame == 0 ? figure->sendWhole(out) : figure->sendNew(out);
-        }
-        const auto& texts = sender->getCommandsAsStrings();
-        result.insert(result.end(), texts.begin(), texts.end());
-        result.push_back(kToken);
-        sender->reset();
+    std::ifstream lines(file);
+    for (std::string line; std::getline(lines, line);) {
+        const bool begins = line.find(R"("cmd":"beginFrame")") != std::string::npos;
+        if (begins && !result.empty()) result.push_back(kToken);
+        result.push_back(line);
     }
+    result.push_back(kToken);
+    std::filesystem::remove(file);
     return result;
 }
 
 /// What a client finds that hears these messages and no more.
 client::Findings findingsOf(const Conversation& messages) {
-    static const client::ReferenceData data = client::readReferenceData(MONITOR_DATA_DIR);
     client::Findings findings;
-    client::Checker checker(data, findings);
+    client::Checker checker(reference(), findings);
     client::Inbox inbox(checker, findings);
     for (const std::string& message : messages) {
         inbox.message(message);
@@ -78,11 +95,11 @@ TEST(Checker, FindsWhicheverMessageIsMissingAndNothingElse) {
 
 TEST(Checker, FindsAWrongNumber) {
     Conversation messages = conversation(1);
-    const std::string from = R"("x":[-4.96)";
+    const std::string from = R"({"follow":5E)";
     const auto changed = std::ranges::find_if(
         messages, [&](const auto& text) { return text.find(from) != text.npos; });
     ASSERT_NE(changed, messages.end());
-    changed->replace(changed->find(from), from.size(), R"("x":[-4.86)");
+    changed->replace(changed->find(from), from.size(), R"({"follow":6E)");
     EXPECT_FALSE(findingsOf(messages).none());
 }
 

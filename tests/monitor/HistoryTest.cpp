@@ -5,7 +5,6 @@
 #include <boost/json.hpp>
 #include <string>
 
-#include "Timeout.hpp"
 #include "kiroutils/Logger.hpp"
 
 namespace {
@@ -36,23 +35,6 @@ TEST(History, IsBoundedInAllThatAPageCanFill) {
     EXPECT_EQ(small.records().size(), History::kMostRecords);
     EXPECT_EQ(small.records().front(), "2");
     EXPECT_EQ(small.leftOut(), 2U);
-}
-
-TEST(TimeoutCause, TellsWhoIsConnectedAndWhoLagsBehind) {
-    const std::string current = R"({"state":"connected","acknowledged":8,"nextMessage":9})";
-    const std::string behind = R"({"state":"connected","acknowledged":7,"nextMessage":9})";
-    const std::string lost = R"({"state":"lost","acknowledged":7,"nextMessage":9})";
-    const struct {
-        bool announced;
-        std::string pages, cause;
-    } cases[] = {{false, "", "no client yet"},
-                 {true, "", "client gone"},
-                 {true, lost, "client gone"},
-                 {true, lost + ',' + behind, "client stalled"},
-                 {true, behind + ',' + current, "token lost"}};
-    for (const auto& [announced, pages, cause] : cases) {
-        EXPECT_EQ(timeoutCause(announced, R"({"detail":[)" + pages + "]}"), cause) << pages;
-    }
 }
 
 }  // namespace

@@ -15,17 +15,24 @@ using Lines = std::vector<std::string>;
 /// A watch whose clock and pages a test sets.
 class PageWatchTest : public testing::Test {
   protected:
-    /// A flush waits, this much later.
+    /// A frame waits, this much longer.
     void waitFor(std::chrono::milliseconds time) {
+        fWatch.waiting(true);
         fNow += time;
-        fWatch.waiting();
+        fWatch.look();
+    }
+    void note(bool gone) {
+        fGone = gone;
+        fWatch.look();
     }
     Lines said() { return std::exchange(fSaid, {}); }
 
     std::chrono::steady_clock::time_point fNow{1h};
     kirogateway::Statistics fPages;
+    bool fGone = false;
     Lines fSaid;
     PageWatch fWatch{{.ask = [this] { return fPages; },
+                      .isGone = [this] { return fGone; },
                       .say = [this](std::string line) { fSaid.push_back(std::move(line)); },
                       .repeatLink = [this] { fSaid.push_back("link"); },
                       .now = [this] { return fNow; }},
@@ -34,7 +41,6 @@ class PageWatchTest : public testing::Test {
 };
 
 TEST_F(PageWatchTest, RepeatsTheLinkAtLongerIntervalsUntilSomebodyComes) {
-    waitFor(0s);
     waitFor(9999ms);
     EXPECT_EQ(said(), Lines{});
     waitFor(1ms);
@@ -48,31 +54,28 @@ TEST_F(PageWatchTest, RepeatsTheLinkAtLongerIntervalsUntilSomebodyComes) {
 
 TEST_F(PageWatchTest, CallsAPageStalledThatIsConnectedAndDoesNotAnswer) {
     fPages = {.pages = 1, .views = 1};
-    waitFor(0s);
     waitFor(2999ms);
-    fWatch.answered();
-    waitFor(1ms);
+    fWatch.waiting(false);
+    fNow += 1s;
     waitFor(2999ms);
     EXPECT_EQ(said(), Lines{});
     waitFor(1ms);
     waitFor(1h);
     EXPECT_EQ(said(), Lines{kStalled});
-    fWatch.answered();
+    fWatch.waiting(false);
     EXPECT_EQ(said(), Lines{"client answers again"});
 }
 
 TEST_F(PageWatchTest, TellsAPageThatIsGoneFromOneThatWasDisconnected) {
     fPages = {.pages = 1, .views = 1, .disconnected = 4};
-    fWatch.note(false);
-    waitFor(0s);
     waitFor(3s);
     EXPECT_EQ(said(), Lines{kStalled});
     fPages.disconnected = 5;
-    fWatch.note(true);
-    fWatch.note(true);
+    note(true);
+    note(true);
     EXPECT_EQ(said(), Lines{"client stalled for so long that it was disconnected"});
-    fWatch.note(false);
-    fWatch.note(true);
+    note(false);
+    note(true);
     EXPECT_EQ(said(), (Lines{"client there", "client gone"}));
 }
 

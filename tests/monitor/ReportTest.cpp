@@ -25,8 +25,8 @@ monitor::Run goodRun() {
     engine.timedOut = 1;
     engine.endedByReconnection = 1;
     engine.endedByNewView = 1;
-    engine.traffic = {.commands = 90, .commandBytes = 901, .blocks = 30, .blockBytes = 3002};
-    engine.backlog.commands = 12;
+    run.traffic = {.commands = 90, .commandBytes = 901, .blocks = 30, .blockBytes = 3002};
+    run.backlog.commands = 12;
     auto& client = run.client;
     client.received = {90, 901, 29, 1, 3002};
     client.tokensAnswered = 19;
@@ -34,9 +34,10 @@ monitor::Run goodRun() {
     client.reconnections = 1;
     client.newViews = 1;
     client.blocksFailed = 1;
+    run.commandChannel = "/figures/commands";
     run.warnings = {{{"timeoutDuringDrawnow", "an unresponsive browser client"}, 1},
                     {{"drawnowTimeout", "Client may be connected."}, 1},
-                    {{"GraphicsBinarySendFailure", "/graphics/monitor"}, 1}};
+                    {{"GraphicsBinarySendFailure", run.commandChannel}, 1}};
     run.timeoutHooks = 1;
     return run;
 }

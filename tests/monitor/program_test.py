@@ -1,7 +1,7 @@
 """The monitor as its user meets it: exit statuses, and one clear line for each thing that is wrong.
 
-program_test.py [Program | Headless | Pages]: KIROWEB_MONITOR names the program, KIROWEB_PAGE the folder
-with the page's files.
+program_test.py [Program | Headless | Pages]: KIROWEB_MONITOR names the program; the module page is
+to be found.
 """
 
 import json
@@ -12,6 +12,8 @@ import signal
 import subprocess
 import tempfile
 import unittest
+
+from page import Page
 
 
 def start(*arguments, **options):
@@ -72,7 +74,7 @@ class Headless(Case):
         # The first frame is written to a pipe, so it is known when it has been sent.
         pipe = self.folder / "pipe"
         os.mkfifo(pipe)
-        monitor = start("--headless", f"--record={pipe}", "--silent", "--timeout=1000", "--frames=9")
+        monitor = start("--headless", f"--record={pipe}", "--drop-token=1", "--timeout=1000", "--frames=9")
         with open(pipe) as recorded:
             recorded.readline()
             monitor.send_signal(signal.SIGINT)
@@ -84,39 +86,36 @@ class Headless(Case):
 
 
 class Pages(Case):
-    def setUp(self):
-        super().setUp()
-        # The page without its packages, which only a browser would need.
-        page = self.folder / "page"
-        shutil.copytree(os.environ["KIROWEB_PAGE"], page, ignore=shutil.ignore_patterns("node_modules"))
-        packages = page / "node_modules/uplot/dist"
-        packages.mkdir(parents=True)
-        for name in ("uPlot.esm.js", "uPlot.min.css"):
-            (packages / name).touch()
-        self.arguments = ["--no-browser", f"--client={page}"]
-
     def test_a_port_that_is_taken(self):
-        first = start(*self.arguments)
+        first = start("--no-browser")
         port = first.stdout.readline().split(":")[2].split("/")[0]
-        self.one_line(1, [f"--port {port}", "in use", "another"], *self.arguments, f"--port={port}")
+        self.one_line(1, [f"--port {port}", "in use", "another"], "--no-browser", f"--port={port}")
         end(first, signal.SIGTERM)
 
     def test_a_signal(self):
         for status, *arguments in [(0,), (1, "--frames=5")]:
             with self.subTest(arguments):
-                monitor = start(*self.arguments, *arguments)
+                monitor = start("--no-browser", *arguments)
                 monitor.stdout.readline()
                 got, out, _ = end(monitor, signal.SIGINT)
                 self.assertEqual(got, status)
                 self.assertRegex(out, r"\A0 frames: 0 drawn.*; interrupted\n\Z")
 
-    def test_a_frame_that_timed_out(self):
+    def test_frames_without_a_page(self):
+        status, out, error = end(start("--no-browser", "--frames=1", "--timeout=1", "--remind=0"))
+        self.assertEqual((status, error), (1, "monitor: a flush timed out: no client yet\n"))
+        self.assertRegex(out, r"\n1 frames: 0 drawn, 0 failed, 1 timed out, [^\n]*\n\Z")
+
+    def test_frames_that_a_page_draws_fails_at_and_keeps(self):
         file = self.folder / "diagnostics.json"
-        status, out, error = end(start(*self.arguments, "--frames=1", "--timeout=1", "--remind=0",
-                                       f"--diagnostics={file}"))
+        monitor = start("--no-browser", "--frames=4", "--speed=max", "--timeout=1", f"--diagnostics={file}")
+        page = Page(monitor.stdout.readline().strip()).draw(2)
+        page.draw(outcome="failed", error="no\nink")
+        page.take()
+        status, out, error = end(monitor)
         self.assertEqual(status, 1)
-        self.assertRegex(out, r"\A[^\n]*\n1 frames: 0 drawn, 0 failed, 1 timed out, [^\n]*\n\Z")
-        self.assertEqual(error, "monitor: a flush timed out: no client yet\n")
+        self.assertRegex(out, r"\A4 frames: 2 drawn, 1 failed, 1 timed out, 0 [^\n]*\n\Z")
+        self.assertIn("monitor: script error no\\x0aink\nmonitor: a flush timed out: token lost\n", error)
         bundle = json.loads(file.read_text())
         self.assertLess(bundle["started"], bundle["time"])
         self.assertEqual(bundle["options"]["timeout"], 1)

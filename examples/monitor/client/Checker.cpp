@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <boost/json/object.hpp>
+#include <boost/json.hpp>
 #include <cstring>
+#include <string_view>
+#include <vector>
 
 #include "client/DataUpdate.hpp"
 #include "client/Fields.hpp"
@@ -13,45 +15,48 @@ namespace monitor::client {
 
 using boost::json::object;
 
-struct Checker::Expected {
-    const char* name;
-    const char* type;
-    const char* parent;
-};
-
-const Checker::Expected* Checker::findExpected(const std::string& name) {
-    static constexpr std::array<Expected, 10> kObjects{{
-        {"ecg.figure", "figure", ""},
-        {"ecg.axes", "axes", "ecg.figure"},
-        {"ecg.line", "line", "ecg.axes"},
-        {"ecg.time", "text", "ecg.axes"},
-        {"quakes.figure", "figure", ""},
-        {"quakes.axes", "axes", "quakes.figure"},
-        {"quakes.coast", "path", "quakes.axes"},
-        {"quakes.points", "points", "quakes.axes"},
-        {"quakes.caption", "text", "quakes.axes"},
-        {"quakes.picked", "text", "quakes.axes"},
-    }};
-    const auto* found = std::ranges::find(kObjects, name, &Expected::name);
-    return found == kObjects.end() ? nullptr : found;
-}
-
 namespace {
 
-constexpr std::size_t kObjectCount = 10;
+/// What the figures consist of. Of several children of one type the further ones are numbered.
+constexpr std::array<const char*, 10> kObjects{"ecg",
+                                               "ecg.axes",
+                                               "ecg.axes.line",
+                                               "ecg.axes.text",
+                                               "quakes",
+                                               "quakes.axes",
+                                               "quakes.axes.outline",
+                                               "quakes.axes.scatter",
+                                               "quakes.axes.text",
+                                               "quakes.axes.text2"};
 
-/// Commands that set looks, which no data file speaks of: only their objects and fields count.
-bool isLook(const std::string& name) {
-    static constexpr std::array<const char*, 7> kLooks{
-        "setTitle", "setLabels", "setTicks", "setStyle", "setFont", "setPosition", "setChildren"};
-    return std::ranges::find(kLooks, name) != kLooks.end();
+std::string nameOfFigure(const std::string& title) {
+    if (title.starts_with("Electrocardiogram")) return "ecg";
+    if (title.starts_with("Earthquakes")) return "quakes";
+    throw FieldError("the figure \"" + title + "\" is not known");
 }
 
-std::vector<float> floatsOf(const std::string& bytes) {
-    if (bytes.size() % sizeof(float) != 0) throw FieldError("its block does not hold floats");
-    std::vector<float> numbers(bytes.size() / sizeof(float));
-    std::memcpy(numbers.data(), bytes.data(), bytes.size());
-    return numbers;
+template <typename Number>
+std::vector<double> columnOf(std::string_view& bytes, std::uint64_t count) {
+    if (bytes.size() / sizeof(Number) < count) throw FieldError("its block is too small");
+    std::vector<Number> numbers(count);
+    std::memcpy(numbers.data(), bytes.data(), count * sizeof(Number));
+    bytes.remove_prefix(count * sizeof(Number));
+    return {numbers.begin(), numbers.end()};
+}
+
+DataUpdate updateOf(const object& command, std::string_view block) {
+    DataUpdate update{count(command, "first"), count(command, "count")};
+    const auto& columns = field(command, "columns");
+    if (!columns.is_array()) throw FieldError("\"columns\" is no array");
+    for (const auto& column : columns.get_array()) {
+        const auto names = boost::json::value_to<std::vector<std::string>>(column);
+        if (names.size() != 2) throw FieldError("a column needs a name and a type");
+        if (names[1] != "f32" && names[1] != "f64") throw FieldError("a column of another type");
+        update.columns[names[0]] = names[1] == "f32" ? columnOf<float>(block, update.count)
+                                                     : columnOf<double>(block, update.count);
+    }
+    if (!block.empty()) throw FieldError("its block is too large");
+    return update;
 }
 
 }  // namespace
@@ -65,7 +70,7 @@ void Checker::apply(const object& command, const std::string* block) {
         name = text(command, "cmd");
         checkSequence(command);
         dispatch(name, command, block);
-    } catch (const FieldError& error) {
+    } catch (const std::exception& error) {  // of this, or of the JSON library
         fFindings.wrong("command " + std::to_string(fSequence) + ' ' + name + ": " + error.what());
     }
 }
@@ -88,10 +93,10 @@ void Checker::dispatch(const std::string& name, const object& command, const std
     if (name == "beginFrame") return beginFrame(command);
     if (!fInFrame) fFindings.outOfOrder("command " + name + " outside a frame");
     if (name == "create") return create(command);
-    const std::string& target = nameOf(command, "handle");
-    if (name == "setData") return setData(target, command, false, block);
-    if (name == "appendData") return setData(target, command, true, block);
-    setProperty(name, target, command);
+    const std::string& target = nameOf(command, "id");
+    if (name == "data") return setData(target, command, block);
+    if (name != "set") throw FieldError("it is not known");
+    setProperties(target, command);
 }
 
 void Checker::beginFrame(const object& command) {
@@ -118,61 +123,77 @@ void Checker::beginFrame(const object& command) {
 }
 
 void Checker::create(const object& command) {
-    const std::string name = text(command, "name");
-    const Expected* expected = findExpected(name);
-    if (expected == nullptr) throw FieldError("the object \"" + name + "\" is not known");
-    if (text(command, "type") != expected->type) throw FieldError(name + " has another type");
-    if (*expected->parent != '\0' && nameOf(command, "parent") != expected->parent) {
-        throw FieldError(name + " has another parent");
+    const std::string type = text(command, "type");
+    const bool isFigure = type == "figure";
+    const std::string first =
+        isFigure ? nameOfFigure(text(command, "title")) : nameOf(command, "parent") + '.' + type;
+    std::string name = first;
+    for (int number = 2; !isFigure && idOf(name) != 0; ++number) {
+        name = first + std::to_string(number);
     }
-    fObjects[text(command, "handle")] = name;
+    if (std::ranges::find(kObjects, name) == kObjects.end()) {
+        throw FieldError("the object \"" + name + "\" is not known");
+    }
+    fObjects[count(command, "id")] = name;
+    setProperties(name, command);
 }
 
-void Checker::setData(const std::string& target, const object& command, bool append,
-                      const std::string* block) {
-    if (block == nullptr) throw FieldError("no data is named");
-    const DataUpdate update{append, count(command, "first"), count(command, "count"),
-                            count(command, "columns"), floatsOf(*block)};
-    if (update.numbers.size() != update.count * update.columns) {
-        throw FieldError("its block has another size");
+void Checker::setProperties(const std::string& target, const object& properties) {
+    if (target == "ecg.axes" && properties.contains("x")) {
+        const auto& limits = field(field(properties, "x").as_object(), "limits");
+        fEcg.follow(field(limits.as_object(), "follow").to_number<double>());
     }
-    if (target == "ecg.line") {
+    if (target == "ecg.axes.line" && properties.contains("regular")) {
+        fEcg.regular(numbers(properties, "regular"));
+    }
+    if (!properties.contains("text")) return;
+    if (target == "ecg.axes.text") fEcg.time(text(properties, "text"));
+    if (target == "quakes.axes.text") fQuakes.caption(text(properties, "text"));
+    if (target == "quakes.axes.text2") fQuakes.picked(text(properties, "text"));
+}
+
+void Checker::setData(const std::string& target, const object& command, const std::string* block) {
+    if (block == nullptr) throw FieldError("no data is named");
+    const DataUpdate update = updateOf(command, *block);
+    if (target == "ecg.axes.line") {
         fEcg.samples(update);
-    } else if (target == "quakes.coast") {
+    } else if (target == "quakes.axes.outline") {
         fQuakes.coast(update);
-    } else if (target == "quakes.points") {
+    } else if (target == "quakes.axes.scatter") {
         fQuakes.points(update);
     } else {
         throw FieldError(target + " takes no data");
     }
 }
 
-void Checker::setProperty(const std::string& name, const std::string& target,
-                          const object& command) {
-    if (name == "setLimits") {
-        if (target == "ecg.axes") fEcg.limits(numbers(command, "x"));
-    } else if (name == "setText" && target == "ecg.time") {
-        fEcg.time(text(command, "text"));
-    } else if (name == "setText" && target == "quakes.caption") {
-        fQuakes.caption(text(command, "text"));
-    } else if (name == "setText" && target == "quakes.picked") {
-        fQuakes.picked(text(command, "text"));
-    } else if (name == "setVisible" && target == "quakes.picked") {
-        fQuakes.pickedVisible(boolean(command, "visible"));
-    } else if (!isLook(name)) {
-        throw FieldError("it is not known for " + target);
-    }
+const std::string& Checker::nameOf(const object& command, const char* key) const {
+    const auto found = fObjects.find(count(command, key));
+    if (found == fObjects.end()) throw FieldError("the number is of no object");
+    return found->second;
 }
 
-const std::string& Checker::nameOf(const object& command, const char* key) const {
-    const auto found = fObjects.find(text(command, key));
-    if (found == fObjects.end()) throw FieldError("the handle is of no object");
-    return found->second;
+std::uint64_t Checker::idOf(const std::string& name) const {
+    const auto found =
+        std::ranges::find(fObjects, name, [](const auto& one) { return one.second; });
+    return found == fObjects.end() ? 0 : found->first;
+}
+
+object Checker::pick() {
+    const auto pick = fQuakes.pick(fFrame.number);
+    object event{{"event", "pick"},
+                 {"axes", idOf("quakes.axes")},
+                 {"x", pick.longitude},
+                 {"y", pick.latitude}};
+    if (pick.index) {
+        event["series"] = idOf("quakes.axes.scatter");
+        event["index"] = *pick.index;
+    }
+    return event;
 }
 
 Checker::Frame Checker::endFrame() {
     if (!fInFrame) fFindings.outOfOrder("a token outside a frame");
-    if (fObjects.size() != kObjectCount) {
+    if (fObjects.size() != kObjects.size()) {
         fFindings.missing("objects of frame " + std::to_string(fFrame.number));
     }
     fEcg.endFrame(fFrame.number);

@@ -35,26 +35,22 @@ class Checker {
     /// The client begins anew, and the frame that has ended is to be sent again, whole.
     void expectRepeat();
 
-    /// See `QuakeCheck::pick`, for the frame that has ended.
-    QuakeCheck::Place pick() { return fQuakes.pick(fFrame.number); }
+    /// A "pick" event for the frame that has ended: see `QuakeCheck::pick`.
+    [[nodiscard]] boost::json::object pick();
 
   private:
-    /// The table row of an object that the figures consist of.
-    struct Expected;
-    static const Expected* findExpected(const std::string& name);
-
     void checkSequence(const boost::json::object& command);
     void dispatch(const std::string& name, const boost::json::object& command,
                   const std::string* block);
     void beginFrame(const boost::json::object& command);
     void create(const boost::json::object& command);
-    void setData(const std::string& target, const boost::json::object& command, bool append,
+    void setProperties(const std::string& target, const boost::json::object& properties);
+    void setData(const std::string& target, const boost::json::object& command,
                  const std::string* block);
-    void setProperty(const std::string& name, const std::string& target,
-                     const boost::json::object& command);
-    /// The name of the object whose handle stands under `key`.
+    /// The name of the object whose number stands under `key`.
     [[nodiscard]] const std::string& nameOf(const boost::json::object& command,
                                             const char* key) const;
+    [[nodiscard]] std::uint64_t idOf(const std::string& name) const;
 
     Findings& fFindings;
     EcgCheck fEcg;
@@ -65,8 +61,8 @@ class Checker {
     bool fExpectRepeat = false;
     bool fExpectWhole = true;
     std::uint64_t fNextFrame = 0;
-    /// Names of the objects by their handles' texts.
-    std::map<std::string, std::string> fObjects;
+    /// Names of the objects by their numbers: "ecg", "ecg.axes", "ecg.axes.line", ...
+    std::map<std::uint64_t, std::string> fObjects;
 };
 
 }  // namespace monitor::client

@@ -18,24 +18,29 @@ EcgCheck::EcgCheck(const ReferenceData& data, Findings& findings)
 void EcgCheck::clear() {
     fBegin = 0;
     fEnd = 0;
-    fLimits.clear();
+    fRegular.clear();
+    fFollow = 0;
     fTime.clear();
 }
 
 void EcgCheck::samples(const DataUpdate& update) {
-    if (!update.append) {
-        fBegin = update.first;
-    } else if (update.first != fEnd) {
-        fFindings.outOfOrder("samples from " + std::to_string(update.first) + " behind sample " +
-                             std::to_string(fEnd));
-    }
-    fEnd = update.first + update.count;
-    for (std::uint64_t i = 0; i < update.count; ++i) {
-        const float expected = fData.millivolts[(update.first + i) % fData.millivolts.size()];
-        if (update.columns != 1 || update.numbers[i] != expected) {
-            fFindings.wrong("sample " + std::to_string(update.first + i));
-            return;
+    constexpr double kStep = 1.0 / kSamplesPerSecond;
+    if (update.first == 0) {
+        if (fRegular.size() != 2 || fRegular[1] != kStep) {
+            throw FieldError("the samples do not lie where they were taken");
         }
+        fBegin = static_cast<std::uint64_t>(std::llround(fRegular[0] * kSamplesPerSecond));
+    } else if (fBegin + update.first != fEnd) {
+        fFindings.outOfOrder("samples from " + std::to_string(fBegin + update.first) +
+                             " behind sample " + std::to_string(fEnd));
+    }
+    const std::uint64_t first = fBegin + update.first;
+    fEnd = first + update.count;
+    const auto& y = update.column("y");
+    for (std::uint64_t i = 0; i < update.count; ++i) {
+        if (y[i] == double{fData.millivolts[(first + i) % fData.millivolts.size()]}) continue;
+        fFindings.wrong("sample " + std::to_string(first + i));
+        return;
     }
 }
 
@@ -44,14 +49,10 @@ void EcgCheck::endFrame(std::uint64_t frame) const {
     const std::uint64_t end = (frame + 1) * kSamplesPerFrame;
     if (fEnd < end) fFindings.missing("samples up to " + std::to_string(end) + inFrame);
     if (fEnd > end) fFindings.wrong("samples that come later" + inFrame);
-    if (fBegin > end - std::min(end, kWindowSamples)) {
+    if (fBegin > end - std::min(end, kSecondsShown * kSamplesPerSecond)) {
         fFindings.missing("the oldest samples of the strip chart" + inFrame);
     }
-    constexpr double kRate{kSamplesPerSecond};
-    constexpr double kTolerance = 1e-9;
-    const double high = static_cast<double>(end) / kRate;
-    if (fLimits.size() != 2 || std::abs(fLimits[1] - high) > kTolerance ||
-        std::abs(fLimits[0] - (high - 5)) > kTolerance) {
+    if (fFollow != double{kSecondsShown}) {
         fFindings.wrong("the time limits of the strip chart" + inFrame);
     }
     if (fTime != std::to_string(end / kSamplesPerSecond) + " s") {

@@ -19,7 +19,9 @@ class EcgCheck {
     /// Forgets the chart.
     void clear();
     void samples(const DataUpdate& update);
-    void limits(const std::vector<double>& x) { fLimits = x; }
+    /// Where the samples lie that come next: start and step.
+    void regular(const std::vector<double>& x) { fRegular = x; }
+    void follow(double width) { fFollow = width; }
     void time(const std::string& text) { fTime = text; }
     /// Checks that the chart is what `frame` must show.
     void endFrame(std::uint64_t frame) const;
@@ -30,7 +32,8 @@ class EcgCheck {
     /// The samples that the chart holds, of which it shows the last.
     std::uint64_t fBegin = 0;
     std::uint64_t fEnd = 0;
-    std::vector<double> fLimits;
+    std::vector<double> fRegular;
+    double fFollow = 0;
     std::string fTime;
 };
 

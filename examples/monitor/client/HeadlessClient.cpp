@@ -4,16 +4,12 @@
 #include <boost/json/serialize.hpp>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
-#include <new>
 #include <string>
 #include <thread>
 #include <utility>
 #include <variant>
 
-#include "Contract.hpp"
 #include "annotated/Mutex.hpp"
 #include "client/Checker.hpp"
 #include "relay/Relay.hpp"
@@ -22,7 +18,6 @@
 
 namespace monitor::client {
 
-using namespace monitor::contract;
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::Delivery;
 using relay::message_service::JsonMessage;
@@ -36,12 +31,11 @@ std::uint64_t now() {
         std::chrono::duration_cast<std::chrono::microseconds>(since1970).count());
 }
 
-struct Announcement {};
 struct Message {
     std::string text;
     std::uint64_t received = 0;
 };
-using Event = std::variant<Announcement, Message, Delivery>;
+using Event = std::variant<Message, Delivery>;
 
 /// Hands the events of all threads to the client's one, in the order of arrival.
 class Mailbox {
@@ -86,33 +80,35 @@ std::shared_ptr<relay::message_service::MessageService> makeService() {
 
 class HeadlessClient::Impl {
   public:
-    Impl(const ReferenceData& data, const Script& script);
+    Impl(const ReferenceData& data, const Script& script, Channels channels, Recorder* recorder);
     ~Impl();
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    void announce() { fMailbox->put(Announcement{}); }
+    void beginView() { publish(fChannels.newView, {}); }
+    void announceReady();
     ClientResult finish();
 
   private:
     void run();
-    void handle(Announcement announcement);
     void handle(const Message& message);
     void handle(Delivery& delivery);
+    /// The view that there was is gone.
+    void beginAnew(const std::string& channel);
     /// Draws what can be drawn, and deals with the tokens that fall due.
     void draw();
     void handle(const Token& token);
     void answer(const Token& token);
     void pickAfter(const Token& token);
-    void publish(const char* channel, const boost::json::object& message);
-    void publishReady();
+    void publish(const std::string& channel, const boost::json::object& message);
+
+    const Script fScript;
+    const Channels fChannels;
 
     // Of the client's thread, once it runs.
-    const Script fScript;
     ClientResult fResult;
     Checker fChecker;
     Inbox fInbox;
-    bool fAnnounced = false;
     std::uint64_t fBlocksSeen = 0;
     std::uint64_t fTokensSeen = 0;
     std::uint64_t fLastReceived = 0;
@@ -122,25 +118,25 @@ class HeadlessClient::Impl {
     const std::shared_ptr<relay::message_service::MessageService> fService = makeService();
     std::shared_ptr<relay::message_service::Subscription> fSubscription;
     ClientEnd fBlocks;
-    ClientEnd fPicks;
     std::thread fThread;
 };
 
-HeadlessClient::Impl::Impl(const ReferenceData& data, const Script& script)
+HeadlessClient::Impl::Impl(const ReferenceData& data, const Script& script, Channels channels,
+                           Recorder* recorder)
     : fScript(script),
+      fChannels(std::move(channels)),
       fChecker(data, fResult.findings),
-      fInbox(fChecker, fResult.findings),
+      fInbox(fChecker, fResult.findings, recorder),
       fSubscription(
           fService
               ->subscribe(
-                  kCommandChannel,
+                  fChannels.commands,
                   [mailbox = fMailbox](const JsonMessage& message) {
                       mailbox->put(Message{std::string(message.json, message.length), now()});
                   })
               .get()),
-      fBlocks(kBlockChannel,
+      fBlocks(fChannels.blocks,
               [mailbox = fMailbox](Delivery delivery) { mailbox->put(std::move(delivery)); }),
-      fPicks(kPickChannel, [](Delivery delivery) { delivery.deliver(); }),
       fThread([this] { run(); }) {}
 
 HeadlessClient::Impl::~Impl() {
@@ -163,10 +159,9 @@ void HeadlessClient::Impl::run() {
     }
 }
 
-void HeadlessClient::Impl::handle(Announcement /*announcement*/) {
-    if (fScript.silent || std::exchange(fAnnounced, true)) return;
-    publish(kNewViewChannel, {{"view", 1}});
-    publishReady();
+void HeadlessClient::Impl::announceReady() {
+    if (fScript.silent) return;
+    publish(fChannels.ready, {{"binaryChannelStatus", 1}, {"useFastBinary", 1}});
 }
 
 void HeadlessClient::Impl::handle(const Message& message) {
@@ -192,16 +187,12 @@ void HeadlessClient::Impl::draw() {
 void HeadlessClient::Impl::handle(const Token& token) {
     if (fScript.reconnectAt == token.frame.number && fResult.reconnections == 0) {
         ++fResult.reconnections;
-        fChecker.expectRepeat();
-        publish(kReconnectChannel, {{"view", 1}});
-        publishReady();
+        beginAnew(fChannels.reconnect);
         return;
     }
     if (fScript.newViewAt == token.frame.number && fResult.newViews == 0) {
         ++fResult.newViews;
-        fChecker.expectRepeat();
-        publish(kNewViewChannel, {{"view", 2}});
-        publishReady();
+        beginAnew(fChannels.newView);
         return;
     }
     ++fTokensSeen;
@@ -213,7 +204,17 @@ void HeadlessClient::Impl::handle(const Token& token) {
     answer(token);
 }
 
+void HeadlessClient::Impl::beginAnew(const std::string& channel) {
+    fChecker.expectRepeat();
+    publish(channel, {});
+    announceReady();
+}
+
 void HeadlessClient::Impl::answer(const Token& token) {
+    publish(fChannels.events, {{"event", "frame"},
+                               {"frame", token.frame.number},
+                               {"attempt", token.frame.attempt},
+                               {"outcome", "painted"}});
     boost::json::object reply{{"ACT", token.act}};
     if (token.serverSend) {
         reply["serverSendTS"] = *token.serverSend;
@@ -221,37 +222,29 @@ void HeadlessClient::Impl::answer(const Token& token) {
         reply["clientSendTS"] = now();
     }
     ++fResult.tokensAnswered;
-    publish(token.returnChannel.c_str(), reply);
+    publish(token.returnChannel, reply);
 }
 
 void HeadlessClient::Impl::pickAfter(const Token& token) {
     if (fScript.pickEvery == 0 || token.frame.number % fScript.pickEvery != 0) return;
-    constexpr std::size_t kHeader = 8;
-    const auto place = fChecker.pick();
-    constexpr std::size_t kSize = kHeader + sizeof place;
-    auto* bytes = static_cast<char*>(std::calloc(kSize, 1));
-    if (bytes == nullptr) throw std::bad_alloc();
-    std::memcpy(bytes + kHeader, place.data(), sizeof place);
     ++fResult.picks;
-    fPicks.send(kPickChannel, relay::common::DataBuffer(bytes, kSize, kSize));
+    publish(fChannels.events, fChecker.pick());
 }
 
-void HeadlessClient::Impl::publish(const char* channel, const boost::json::object& message) {
-    const std::string name = channel;
+void HeadlessClient::Impl::publish(const std::string& channel, const boost::json::object& message) {
     const std::string text = boost::json::serialize(message);
-    fService->publish(name, {name, text.data(), text.size()});
+    fService->publish(channel, {channel, text.data(), text.size()});
 }
 
-void HeadlessClient::Impl::publishReady() {
-    publish(kReadyChannel, {{"binaryChannelStatus", 1}, {"useFastBinary", 1}});
-}
-
-HeadlessClient::HeadlessClient(const ReferenceData& data, const Script& script)
-    : fImpl(std::make_unique<Impl>(data, script)) {}
+HeadlessClient::HeadlessClient(const ReferenceData& data, const Script& script,
+                               const Channels& channels, Recorder* recorder)
+    : fImpl(std::make_unique<Impl>(data, script, channels, recorder)) {}
 
 HeadlessClient::~HeadlessClient() = default;
 
-void HeadlessClient::announce() { fImpl->announce(); }
+void HeadlessClient::beginView() { fImpl->beginView(); }
+
+void HeadlessClient::announceReady() { fImpl->announceReady(); }
 
 ClientResult HeadlessClient::finish() { return fImpl->finish(); }
 

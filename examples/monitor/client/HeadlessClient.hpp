@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "client/Findings.hpp"
 #include "client/Inbox.hpp"
@@ -10,15 +11,26 @@
 namespace monitor::client {
 
 struct ReferenceData;
+class Recorder;
+
+/// Where engine and client meet: what a page is told by the gateway.
+struct Channels {
+    std::string commands;
+    std::string blocks;
+    std::string ready;
+    std::string newView;
+    std::string reconnect;
+    std::string events;
+};
 
 /// What the client does beside drawing. Frames are counted from 0.
 struct Script {
-    /// Never announces itself.
+    /// Never says that it is ready.
     bool silent = false;
     /// Instead of answering the token of this frame, the client reconnects.
-    std::optional<std::uint64_t> reconnectAt;
+    std::optional<std::uint64_t> reconnectAt{};
     /// Instead of answering the token of this frame, it opens a new view.
-    std::optional<std::uint64_t> newViewAt;
+    std::optional<std::uint64_t> newViewAt{};
     /// Drops every so many tokens; 0: none.
     std::uint64_t dropEvery = 0;
     /// Fails every so many blocks; 0: none.
@@ -43,16 +55,19 @@ struct ClientResult {
 /// answers on a thread of its own.
 class HeadlessClient {
   public:
-    /// Listens from now on. REQUIRES: `data` outlives this; `relay::getRelay()` can be used.
-    HeadlessClient(const ReferenceData& data, const Script& script);
+    /// Listens from now on. `recorder` may be null.
+    /// REQUIRES: what is given by reference outlives this; `relay::getRelay()` can be used.
+    HeadlessClient(const ReferenceData& data, const Script& script, const Channels& channels,
+                   Recorder* recorder);
     /// Ends the thread, whatever still waits.
     ~HeadlessClient();
     HeadlessClient(const HeadlessClient&) = delete;
     HeadlessClient& operator=(const HeadlessClient&) = delete;
 
-    /// Tells the engine that the client is there, unless the script keeps it silent. The first
-    /// call counts. Any thread.
-    void announce();
+    // As a page does when it is loaded; any thread.
+    void beginView();
+    /// Nothing is sent before, and a client that the script keeps silent never says so.
+    void announceReady();
 
     /// Works off what has arrived, ends the thread and reports. Once.
     /// REQUIRES: the engine sends nothing any more, and what it sent has been delivered.

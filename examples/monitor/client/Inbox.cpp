@@ -8,6 +8,7 @@
 #include "client/Base64.hpp"
 #include "client/Fields.hpp"
 #include "client/Findings.hpp"
+#include "client/Recorder.hpp"
 
 namespace monitor::client {
 
@@ -28,7 +29,8 @@ std::string textOrNothing(const object& command, std::string_view key) {
 
 }  // namespace
 
-Inbox::Inbox(Checker& checker, Findings& findings) : fChecker(checker), fFindings(findings) {}
+Inbox::Inbox(Checker& checker, Findings& findings, Recorder* recorder)
+    : fChecker(checker), fFindings(findings), fRecorder(recorder) {}
 
 std::string Inbox::identifierOf(std::string_view block) {
     std::uint32_t halves[2] = {};
@@ -44,7 +46,9 @@ void Inbox::message(const std::string& text) {
         return;
     }
     object& command = value.get_object();
-    if (textOrNothing(command, "cmd") == "binarydata") {
+    const std::string name = textOrNothing(command, "cmd");
+    if (fRecorder != nullptr && name != "sendACT") fRecorder->command(text);
+    if (name == "binarydata") {
         textBlocks(command);
         return;
     }
@@ -80,7 +84,9 @@ void Inbox::streamBlock(std::string_view block) {
     }
     ++fReceived.streamBlocks;
     fReceived.blockBytes += block.size();
-    addBlock(id, {std::string(block.substr(kHeader)), ++fArrivals, true});
+    const std::string_view bytes = block.substr(kHeader);
+    if (fRecorder != nullptr) fRecorder->block(id, bytes);
+    addBlock(id, {std::string(bytes), ++fArrivals, true});
 }
 
 void Inbox::addBlock(const std::string& id, Block block) {
@@ -108,8 +114,7 @@ void Inbox::draw(const object& command, const std::string& id) {
     }
     const auto found = fBlocks.find(id);
     const Block& block = found->second;
-    const auto* async = command.if_contains("async");
-    if (block.fromStream && async != nullptr && *async == false) {
+    if (block.fromStream) {
         if (block.arrival < fLastArrivalDrawn) fFindings.outOfOrder("block " + id);
         fLastArrivalDrawn = block.arrival;
     }

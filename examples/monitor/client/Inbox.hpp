@@ -13,6 +13,7 @@
 namespace monitor::client {
 
 class Findings;
+class Recorder;
 
 /// A completion token that is due: all that came before it has been drawn.
 struct Token {
@@ -35,8 +36,8 @@ struct Received {
 /// until the block is there, and everything behind it waits with it. One thread.
 class Inbox {
   public:
-    /// REQUIRES: both outlive this.
-    Inbox(Checker& checker, Findings& findings);
+    /// `recorder` gets everything but the tokens; it may be null. REQUIRES: all outlive this.
+    Inbox(Checker& checker, Findings& findings, Recorder* recorder = nullptr);
 
     /// A message from the command channel: a command, or blocks as text.
     void message(const std::string& text);
@@ -67,6 +68,7 @@ class Inbox {
 
     Checker& fChecker;
     Findings& fFindings;
+    Recorder* const fRecorder;
     std::deque<boost::json::object> fCommands;
     std::map<std::string, Block> fBlocks;
     std::uint64_t fArrivals = 0;

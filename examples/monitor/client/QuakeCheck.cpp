@@ -1,8 +1,9 @@
 #include "client/QuakeCheck.hpp"
 
 #include <algorithm>
-#include <bit>
+#include <cmath>
 #include <iterator>
+#include <vector>
 
 #include "Contract.hpp"
 #include "client/DataUpdate.hpp"
@@ -15,12 +16,8 @@ using namespace monitor::contract;
 
 namespace {
 
-constexpr std::size_t kPointColumns = 4;
-
-/// Equal as bits, so that the NaN that ends a strip equals itself.
-bool same(float a, float b) {
-    return std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b);
-}
+/// NaN, which ends a strip, equals itself here.
+bool same(double a, float b) { return a == double{b} || (std::isnan(a) && std::isnan(b)); }
 
 }  // namespace
 
@@ -32,33 +29,36 @@ void QuakeCheck::clear() {
     fShown = 0;
     fCaption.clear();
     fPicked.clear();
-    fPickedVisible = false;
 }
 
 void QuakeCheck::coast(const DataUpdate& update) {
     fCoastVertices = update.count;
-    if (update.append || update.first != 0 || update.columns != 2 ||
-        !std::ranges::equal(update.numbers, fData.coastline, same)) {
+    if (update.first != 0 || !std::ranges::equal(update.column("x"), fData.coastLongitudes, same) ||
+        !std::ranges::equal(update.column("y"), fData.coastLatitudes, same)) {
         fFindings.wrong("the coastline");
     }
 }
 
 void QuakeCheck::points(const DataUpdate& update) {
-    if (update.first != (update.append ? fShown : 0)) {
+    if (update.first != 0 && update.first != fShown) {
         fFindings.outOfOrder("earthquakes from " + std::to_string(update.first) + " behind " +
                              std::to_string(fShown));
     }
     fShown = update.first + update.count;
-    if (update.columns != kPointColumns || fShown > fData.quakes.size()) {
+    if (fShown > fData.quakes.size()) {
         fFindings.wrong("earthquakes up to " + std::to_string(fShown));
         return;
     }
     for (std::size_t i = 0; i < update.count; ++i) {
-        const auto& expected = fData.quakes[update.first + i].point;
-        if (!std::equal(expected, expected + kPointColumns, &update.numbers[i * kPointColumns])) {
-            fFindings.wrong("earthquake " + std::to_string(update.first + i));
-            return;
+        const auto& quake = fData.quakes[update.first + i];
+        if (same(update.column("x")[i], quake.longitude) &&
+            same(update.column("y")[i], quake.latitude) &&
+            same(update.column("size")[i], diameterOf(quake.magnitude)) &&
+            same(update.column("value")[i], quake.depth)) {
+            continue;
         }
+        fFindings.wrong("earthquake " + std::to_string(update.first + i));
+        return;
     }
 }
 
@@ -71,16 +71,20 @@ void QuakeCheck::endFrame(std::uint64_t frame) const {
     if (fCaption != fData.quakes[shown - 1].caption) {
         fFindings.wrong("the caption \"" + fCaption + '"' + inFrame);
     }
-    if (fPicked != expectedPick(shown) || fPickedVisible != fPick.has_value()) {
+    if (fPicked != fExpectedPick) {
         fFindings.wrong("the picked earthquake \"" + fPicked + '"' + inFrame);
     }
 }
 
-QuakeCheck::Place QuakeCheck::pick(std::uint64_t frame) {
+QuakeCheck::Pick QuakeCheck::pick(std::uint64_t frame) {
     constexpr std::uint64_t kStride = 7;  // wanders over the map
-    const auto& point = fData.quakes[frame * kStride % shownIn(frame)].point;
-    fPick = Place{point[0], point[1]};
-    return *fPick;
+    const std::size_t shown = shownIn(frame);
+    const std::uint64_t index = frame * kStride % shown;
+    const auto& quake = fData.quakes[index];
+    Pick pick{quake.longitude, quake.latitude};
+    if (frame % 2 == 0) pick.index = index;
+    fExpectedPick = pick.index ? quake.caption : nearest(pick, shown);
+    return pick;
 }
 
 std::size_t QuakeCheck::shownIn(std::uint64_t frame) const {
@@ -91,11 +95,10 @@ std::size_t QuakeCheck::shownIn(std::uint64_t frame) const {
     return static_cast<std::size_t>(later - fData.quakes.begin());
 }
 
-std::string QuakeCheck::expectedPick(std::size_t shown) const {
-    if (!fPick) return {};
-    const auto distance = [this](const ReferenceData::Quake& quake) {
-        const double dx = double{quake.point[0]} - double{(*fPick)[0]};
-        const double dy = double{quake.point[1]} - double{(*fPick)[1]};
+const std::string& QuakeCheck::nearest(const Pick& pick, std::size_t shown) const {
+    const auto distance = [&pick](const ReferenceData::Quake& quake) {
+        const double dx = double{quake.longitude} - pick.longitude;
+        const double dy = double{quake.latitude} - pick.latitude;
         return dx * dx + dy * dy;
     };
     // From the latest back, so that the latest of several equally near is found.

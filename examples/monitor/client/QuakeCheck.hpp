@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -15,8 +14,12 @@ class Findings;
 /// Follows the map and compares it with the week's earthquakes and the coastlines.
 class QuakeCheck {
   public:
-    /// Longitude and latitude in degrees.
-    using Place = std::array<float, 2>;
+    /// Where somebody points, in degrees, and at which earthquake if the page knows it.
+    struct Pick {
+        double longitude = 0;
+        double latitude = 0;
+        std::optional<std::uint64_t> index{};
+    };
 
     /// REQUIRES: both outlive this.
     QuakeCheck(const ReferenceData& data, Findings& findings);
@@ -27,18 +30,17 @@ class QuakeCheck {
     void points(const DataUpdate& update);
     void caption(const std::string& text) { fCaption = text; }
     void picked(const std::string& text) { fPicked = text; }
-    void pickedVisible(bool visible) { fPickedVisible = visible; }
     /// Checks that the map is what `frame` must show.
     void endFrame(std::uint64_t frame) const;
 
-    /// A place to point at: that of an earthquake shown in `frame`. From the next frame on the
-    /// map must name the one nearest to it.
-    Place pick(std::uint64_t frame);
+    /// Points at an earthquake shown in `frame`, at every other one by its place alone. From the
+    /// next frame on the map must name it, or the one that is nearest to that place.
+    Pick pick(std::uint64_t frame);
 
   private:
     [[nodiscard]] std::size_t shownIn(std::uint64_t frame) const;
     /// What the map must name, of the first `shown` earthquakes.
-    [[nodiscard]] std::string expectedPick(std::size_t shown) const;
+    [[nodiscard]] const std::string& nearest(const Pick& pick, std::size_t shown) const;
 
     const ReferenceData& fData;
     Findings& fFindings;
@@ -46,8 +48,7 @@ class QuakeCheck {
     std::uint64_t fShown = 0;
     std::string fCaption;
     std::string fPicked;
-    bool fPickedVisible = false;
-    std::optional<Place> fPick;
+    std::string fExpectedPick;
 };
 
 }  // namespace monitor::client

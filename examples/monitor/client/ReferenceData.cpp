@@ -72,29 +72,27 @@ std::vector<ReferenceData::Quake> readQuakes(const std::string& path) {
         char* end = nullptr;
         quake.timeMs = std::strtoll(at, &end, 10);
         at = *end == ',' ? end + 1 : end;
-        for (float& number : quake.point) number = takeFloat(at);
+        for (float* const number :
+             {&quake.longitude, &quake.latitude, &quake.depth, &quake.magnitude}) {
+            *number = takeFloat(at);
+        }
         char magnitude[32];
-        std::snprintf(magnitude, sizeof magnitude, "M %.1f, ", double{quake.point[3]});
+        std::snprintf(magnitude, sizeof magnitude, "M %.1f, ", double{quake.magnitude});
         quake.caption = magnitude + takeText(at);
         quakes.push_back(std::move(quake));
     }
     return quakes;
 }
 
-std::vector<float> readCoastline(const std::string& path) {
+void readCoastline(const std::string& path, ReferenceData& data) {
     constexpr float kEnd = std::numeric_limits<float>::quiet_NaN();
     const std::string text = slurp(path);
-    std::vector<float> vertices;
     for (const char* at = body(text); *at != '\0'; ++at) {
-        if (*at == '\n') {
-            vertices.insert(vertices.end(), {kEnd, kEnd});
-        } else {
-            vertices.push_back(takeFloat(at));
-            vertices.push_back(takeFloat(at));
-            if (*at == '\0') break;
-        }
+        const bool isEnd = *at == '\n';
+        data.coastLongitudes.push_back(isEnd ? kEnd : takeFloat(at));
+        data.coastLatitudes.push_back(isEnd ? kEnd : takeFloat(at));
+        if (*at == '\0') break;
     }
-    return vertices;
 }
 
 }  // namespace
@@ -102,8 +100,10 @@ std::vector<float> readCoastline(const std::string& path) {
 ReferenceData readReferenceData(const std::string& directory) {
     ReferenceData data{readMillivolts(directory + "/ecg_u16le_360hz.raw"),
                        readQuakes(directory + "/earthquakes.csv"),
-                       readCoastline(directory + "/coastline.csv")};
-    if (data.millivolts.empty() || data.quakes.empty() || data.coastline.empty()) {
+                       {},
+                       {}};
+    readCoastline(directory + "/coastline.csv", data);
+    if (data.millivolts.empty() || data.quakes.empty() || data.coastLongitudes.empty()) {
         throw std::runtime_error(directory + ": the client finds a file without data");
     }
     return data;

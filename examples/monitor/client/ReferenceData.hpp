@@ -10,14 +10,18 @@ namespace monitor::client {
 struct ReferenceData {
     struct Quake {
         std::int64_t timeMs = 0;  ///< milliseconds since 1970 UTC
-        /// Longitude, latitude, depth, magnitude: the four numbers of a point.
-        float point[4] = {};
+        float longitude = 0;
+        float latitude = 0;
+        float depth = 0;
+        float magnitude = 0;
         std::string caption;  ///< the text that names it
     };
 
     std::vector<float> millivolts;
-    std::vector<Quake> quakes;     ///< in the order of time
-    std::vector<float> coastline;  ///< pairs of degrees; a pair of NaNs ends a strip
+    std::vector<Quake> quakes;  ///< in the order of time
+    // Of each vertex; NaN ends a strip.
+    std::vector<float> coastLongitudes;
+    std::vector<float> coastLatitudes;
 };
 
 /// Reads the three files in `directory`. Throws `std::runtime_error`.

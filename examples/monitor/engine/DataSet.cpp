@@ -57,30 +57,30 @@ std::vector<Earthquake> readEarthquakes(const std::filesystem::path& file) {
     return earthquakes;
 }
 
-std::vector<float> readCoastline(const std::filesystem::path& file) {
+void readCoastline(const std::filesystem::path& file, DataSet& data) {
     constexpr float kEnd = std::numeric_limits<float>::quiet_NaN();
     CsvReader reader(file, "longitude_deg,latitude_deg");
-    std::vector<float> vertices;
     std::vector<std::string> row;
     while (reader.nextRow(row)) {
-        if (row.empty()) {
-            vertices.insert(vertices.end(), {kEnd, kEnd});
-            continue;
-        }
-        if (row.size() != 2) reader.fail("the row does not have 2 fields");
-        vertices.push_back(static_cast<float>(reader.number(row[0], "the longitude", -180, 180)));
-        vertices.push_back(static_cast<float>(reader.number(row[1], "the latitude", -90, 90)));
+        const bool isEnd = row.empty();
+        if (!isEnd && row.size() != 2) reader.fail("the row does not have 2 fields");
+        data.coastLongitudes.push_back(
+            isEnd ? kEnd : static_cast<float>(reader.number(row[0], "the longitude", -180, 180)));
+        data.coastLatitudes.push_back(
+            isEnd ? kEnd : static_cast<float>(reader.number(row[1], "the latitude", -90, 90)));
     }
-    if (vertices.empty()) reader.fail("there is no coastline");
-    return vertices;
+    if (data.coastLongitudes.empty()) reader.fail("there is no coastline");
 }
 
 }  // namespace
 
 DataSet readDataSet(const std::filesystem::path& directory) {
-    return {readEcg(directory / "ecg_u16le_360hz.raw"),
-            readEarthquakes(directory / "earthquakes.csv"),
-            readCoastline(directory / "coastline.csv")};
+    DataSet data{readEcg(directory / "ecg_u16le_360hz.raw"),
+                 readEarthquakes(directory / "earthquakes.csv"),
+                 {},
+                 {}};
+    readCoastline(directory / "coastline.csv", data);
+    return data;
 }
 
 }  // namespace monitor::engine

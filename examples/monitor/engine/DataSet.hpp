@@ -29,8 +29,9 @@ struct Earthquake {
 struct DataSet {
     EcgRecording ecg;
     std::vector<Earthquake> earthquakes;  ///< in the order of time, not empty
-    /// Longitude and latitude of each vertex in turn; a pair of NaNs ends each line strip.
-    std::vector<float> coastline;
+    // Of each vertex of the coast, in degrees; NaN ends each line strip.
+    std::vector<float> coastLongitudes;
+    std::vector<float> coastLatitudes;
 };
 
 /// Reads the three files in `directory`. Throws `DataError`.

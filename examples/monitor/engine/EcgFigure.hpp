@@ -2,8 +2,12 @@
 
 #include <cstdint>
 
-#include "engine/Figure.hpp"
-#include "engine/Properties.hpp"
+namespace kirofigures {
+class Axes;
+class Line;
+class Text;
+class Window;
+}  // namespace kirofigures
 
 namespace monitor::engine {
 
@@ -11,30 +15,20 @@ struct EcgRecording;
 
 /// The electrocardiogram as a strip chart: the last five seconds, moving on by 12 samples a
 /// frame.
-class EcgFigure : public Figure {
+class EcgFigure {
   public:
-    /// REQUIRES: `recording` outlives this.
-    explicit EcgFigure(const EcgRecording& recording);
+    /// REQUIRES: both outlive this.
+    EcgFigure(kirofigures::Window& window, const EcgRecording& recording);
 
-    void sendWhole(Outlet& out) const override;
-    void sendNew(Outlet& out) const override;
+    /// Moves on by a frame.
+    void advance();
 
   private:
-    void doAdvance(std::uint64_t frame) override;
-    void sendObjects(Outlet& out) const;
-    /// The limits and the text, which change with every frame.
-    void sendTime(Outlet& out) const;
-    /// Sends the samples from `first` to the end of the chart as a block.
-    DataRef sendSamples(Outlet& out, std::uint64_t first) const;
-
     const EcgRecording& fRecording;
-    const Cookie fFigure = newHandle();
-    const Cookie fAxes = newHandle();
-    const Cookie fLine = newHandle();
-    const Cookie fTime = newHandle();
-    /// Samples up to and with this frame, and before it.
-    std::uint64_t fEnd = 0;
-    std::uint64_t fEndBefore = 0;
+    kirofigures::Axes& fAxes;
+    kirofigures::Line& fLine;
+    kirofigures::Text& fTime;
+    std::uint64_t fEnd = 0;  ///< samples so far
 };
 
 }  // namespace monitor::engine

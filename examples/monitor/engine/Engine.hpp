@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -7,32 +8,28 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "engine/ClientWatch.hpp"
-#include "engine/ErrorWatch.hpp"
-#include "engine/Figure.hpp"
+#include "engine/EcgFigure.hpp"
 #include "engine/Latency.hpp"
-#include "engine/Outlet.hpp"
-#include "engine/PickReceiver.hpp"
 #include "engine/QuakeFigure.hpp"
+#include "kiroutils/EventDispatcher.hpp"
 
 namespace kiro::web {
-class BootstrappingCommandSender;
-class PubSubACTRequestor;
-}  // namespace kiro::web
+class Subscriber;
+}
 
 namespace monitor::engine {
 
 struct DataSet;
-class Recorder;
 
 /// How long and how fast the engine draws. It stops at whichever limit comes first.
 struct Pace {
-    std::optional<std::uint64_t> frames;
-    std::optional<std::chrono::duration<double>> duration;
+    std::optional<std::uint64_t> frames{};
+    std::optional<std::chrono::duration<double>> duration{};
     /// 1 is real time, 30 frames a second; 0 is as fast as possible.
     double speed = 1;
+    /// How long the first page may take to come before a frame counts as timed out; 0: for ever.
+    std::chrono::seconds timeout{0};
 };
 
 /// What happened while the engine drew.
@@ -41,53 +38,36 @@ struct EngineResult {
     std::uint64_t frames = 0;
     std::uint64_t complete = 0;
     std::uint64_t timedOut = 0;
-    /// Answered, but the client had reported an error.
+    /// Answered, but the client could not draw it.
     std::uint64_t failed = 0;
     /// Given up because no client was left.
     std::uint64_t clientsGone = 0;
     /// Stopped before the pace's limits; a frame given up for that is not counted.
     bool interrupted = false;
-    /// Attempts at a frame that the client's reconnection or new view ended.
+    /// Frames that were begun again since a client had reconnected or opened a new view.
     std::uint64_t endedByReconnection = 0;
     std::uint64_t endedByNewView = 0;
-    /// Empty unless it was to be counted, as the backlog.
-    Traffic traffic;
-    /// What the sender held back when the first flush began to wait.
-    Traffic backlog;
-    /// The latest ten thousand complete frames: from the sending of the token to the end of the
-    /// wait; and the way of the token, if the client stamps what it answers.
-    std::deque<std::chrono::microseconds> flushes;
+    /// The way of the latest ten thousand tokens, if the client stamps what it answers.
     std::deque<Latency> latencies;
 };
 
-/// Draws the two figures, frame by frame: commands and blocks, then a flush that waits until the
-/// client has drawn them. Signal thread.
+/// Draws the two figures in a window, frame by frame. Signal thread.
 class Engine {
   public:
-    /// Called on the engine's thread, unless they say otherwise; may be empty.
+    /// Called on the engine's thread; may be empty.
     struct Hooks {
-        /// At intervals while a flush waits.
-        std::function<void()> waiting;
+        /// Whether a frame under way waits for its answer.
+        std::function<void(bool waits)> waiting;
         /// When a frame is over.
         std::function<void(const EngineResult& soFar)> frameOver;
-        /// Whether to end now. Whoever changes the answer wakes the interpreter.
-        std::function<bool()> stopped;
-        /// Whether a frame under way is drawn to its end when the engine is to stop.
-        bool finishesFrames = false;
-        /// Whether the result has traffic and backlog, which costs each command's text once more.
-        bool countsTraffic = false;
-        /// Whether clients were there and none is any more. Whoever changes the answer to true
-        /// wakes the interpreter.
-        std::function<bool()> clientGone;
-        /// When a flush has ended by time-out: whether a client had announced itself by then, and
-        /// the latest flushes that did not.
-        std::function<void(bool announced, const std::deque<Latency>& latest)> timedOut;
-        /// When a client reports an error of its own, on the message service's thread.
-        std::function<void(const std::string& error)> clientError;
+        /// When no answer came in time: why, and the latest flushes that were answered.
+        std::function<void(const std::string& cause, const std::deque<Latency>& latest)> timedOut;
+        /// When a client could not draw a frame.
+        std::function<void(const std::string& error)> failed;
     };
 
-    /// `recorder` may be null. REQUIRES: both outlive this.
-    Engine(const DataSet& data, Recorder* recorder, Hooks hooks);
+    /// REQUIRES: what is given by reference outlives this.
+    Engine(kirofigures::Window& window, const DataSet& data, Hooks hooks);
     ~Engine();
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
@@ -96,44 +76,28 @@ class Engine {
     EngineResult run(const Pace& pace);
 
   private:
-    enum class FlushEnd { kComplete, kTimedOut, kReconnection, kNewView, kClientGone, kStopped };
+    /// How often clients have begun anew. Written on the message service's thread.
+    struct Beginnings {
+        std::atomic<std::uint64_t> reconnections = 0;
+        std::atomic<std::uint64_t> newViews = 0;
+    };
 
-    /// Returns whether the frame is over; it is not if the engine was stopped meanwhile.
-    bool drawFrame(std::uint64_t frame);
-    void sendFrame(std::uint64_t frame, std::uint64_t attempt);
-    FlushEnd flush();
-    FlushEnd waitForToken();
-    /// Lets time pass until there is a client again.
-    void waitForClient();
-    /// Waits until `condition` holds or the engine is to stop; a client that begins anew ends the
-    /// wait, too.
-    void waitUntil(const char* name, const std::function<bool()>& condition);
-    [[nodiscard]] bool isStopped() const { return fHooks.stopped && fHooks.stopped(); }
-    [[nodiscard]] bool givesFrameUp() const { return !fHooks.finishesFrames && isStopped(); }
-    [[nodiscard]] bool isClientGone() const { return fHooks.clientGone && fHooks.clientGone(); }
-    /// Runs while a flush waits.
-    void pump() const;
-    void noteBacklog();
-    Outlet::Senders senders() const;
+    /// Returns whether the frame is over; it is not if the window was closed meanwhile.
+    bool drawFrame(const Pace& pace);
+    /// Whether the frame has to do without a client: none has come in time.
+    bool isWithoutClient(const Pace& pace);
+    [[nodiscard]] bool isClientThere() const;
+    [[nodiscard]] bool hasAnnounced() const;
+    void noteTimeout(const std::string& cause);
+    void noteLatency();
 
-    Recorder* const fRecorder;
+    kirofigures::Window& fWindow;
     const Hooks fHooks;
-    /// Made before the sender, whose binary channel it prepares, and let go of after it.
-    struct BlockStream {
-        BlockStream();
-        ~BlockStream();
-        BlockStream(const BlockStream&) = delete;
-        BlockStream& operator=(const BlockStream&) = delete;
-    } fBlockStream;
-    const std::shared_ptr<kiro::web::BootstrappingCommandSender> fSender;
-    const std::unique_ptr<kiro::web::PubSubACTRequestor> fRequestor;
-    ClientWatch fClient;
-    ErrorWatch fErrors;
-    PickReceiver fPicks;
-    Outlet fOut;
-    QuakeFigure* fQuakes = nullptr;  // one of fFigures
-    std::vector<std::unique_ptr<Figure>> fFigures;
-    bool fClientKnowsFigures = false;
+    EcgFigure fEcg;
+    QuakeFigure fQuakes;
+    const std::shared_ptr<Beginnings> fBeginnings = std::make_shared<Beginnings>();
+    const std::unique_ptr<kiro::web::Subscriber> fReconnect;
+    const kiroutils::EventDispatcher::Listener fNewView;
     EngineResult fResult;
 };
 

@@ -2,59 +2,48 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 
-#include "engine/Figure.hpp"
-#include "engine/Properties.hpp"
+namespace kirofigures {
+class Axes;
+class Scatter;
+class Text;
+class Window;
+struct Pick;
+}  // namespace kirofigures
 
 namespace monitor::engine {
 
 struct DataSet;
 
-/// A place on the map that somebody points at, in degrees.
-struct Pick {
-    float longitude = 0;
-    float latitude = 0;
-};
-
 /// A week of earthquakes over the coastlines, replayed in 300 frames, again and again. A caption
 /// names the latest one, another text the one that was picked.
-class QuakeFigure : public Figure {
+class QuakeFigure {
   public:
-    /// REQUIRES: `data` outlives this.
-    explicit QuakeFigure(const DataSet& data);
+    /// REQUIRES: both outlive this.
+    QuakeFigure(kirofigures::Window& window, const DataSet& data);
+    QuakeFigure(const QuakeFigure&) = delete;
+    QuakeFigure& operator=(const QuakeFigure&) = delete;
 
-    /// From the next `advance` on the shown earthquake nearest to `pick` is named; of several
-    /// equally near the latest.
-    void pick(Pick pick);
-
-    void sendWhole(Outlet& out) const override;
-    void sendNew(Outlet& out) const override;
+    /// Moves on by a frame.
+    void advance();
 
   private:
-    void doAdvance(std::uint64_t frame) override;
-    void sendObjects(Outlet& out) const;
-    void sendCoast(Outlet& out) const;
-    void sendTexts(Outlet& out) const;
-    /// Sends the earthquakes from `first` to the last shown as a block.
-    DataRef sendQuakes(Outlet& out, std::size_t first) const;
+    void setLooks();
+    /// Shows the earthquakes from `first` on up to the last shown, beside what there is.
+    void append(std::size_t first);
+    /// Which of the shown earthquakes was meant: of several equally near the latest.
+    [[nodiscard]] std::size_t picked(const kirofigures::Pick& pick) const;
     /// How the earthquake `index` is named.
     [[nodiscard]] std::string nameOf(std::size_t index) const;
-    [[nodiscard]] std::string nameOfPicked() const;
 
     const DataSet& fData;
-    const Cookie fFigure = newHandle();
-    const Cookie fAxes = newHandle();
-    const Cookie fCoast = newHandle();
-    const Cookie fPoints = newHandle();
-    const Cookie fCaption = newHandle();
-    const Cookie fPicked = newHandle();
-    std::optional<Pick> fPick;
-    /// Earthquakes shown in this frame, and in the one before.
-    std::size_t fShown = 0;
-    std::size_t fShownBefore = 0;
-    bool fWeekBegins = false;
+    kirofigures::Axes& fAxes;
+    kirofigures::Scatter& fQuakes;
+    kirofigures::Text& fCaption;
+    kirofigures::Text& fPicked;
+    std::uint64_t fFrame = 0;
+    std::size_t fShown = 0;  ///< earthquakes
 };
 
 }  // namespace monitor::engine

@@ -17,6 +17,10 @@ class ConnectionStatus;
 class PubSubACTRequestor;
 }  // namespace kiro::web
 
+namespace kirogateway {
+class Gateway;
+}
+
 namespace kirofigures {
 
 namespace detail {
@@ -107,6 +111,8 @@ class Window {
     [[nodiscard]] kiro::web::PubSubACTRequestor& requestor() const noexcept;
     [[nodiscard]] const std::shared_ptr<kiro::web::ConnectionStatus>& status() const noexcept;
     [[nodiscard]] const Channels& channels() const noexcept;
+    /// Null when nothing is served.
+    [[nodiscard]] const kirogateway::Gateway* gateway() const noexcept;
 
   private:
     friend detail::Surroundings;

@@ -1,6 +1,5 @@
-#include "Timeout.hpp"
+#include "Diagnostics.hpp"
 
-#include <algorithm>
 #include <array>
 #include <boost/json.hpp>
 #include <cerrno>
@@ -18,14 +17,6 @@ namespace monitor {
 namespace json = boost::json;
 
 namespace {
-
-bool isConnected(const json::value& page) { return page.at("state") == "connected"; }
-
-/// Whether the page has not taken everything that was sent: what it works, it acknowledges.
-bool lagsBehind(const json::value& page) {
-    return page.at("acknowledged").to_number<std::uint64_t>() + 1 <
-           page.at("nextMessage").to_number<std::uint64_t>();
-}
 
 constexpr std::array<std::pair<const char*, std::chrono::microseconds engine::Latency::*>, 4>
     kParts{{{"toClient", &engine::Latency::toClient},
@@ -57,22 +48,10 @@ json::object objectOf(const Options& options) {
             {"data", options.data.string()},
             {"port", options.port},
             {"browser", options.opensBrowser},
-            {"client", options.client.string()},
             {"remind", options.remind.count()}};
 }
 
 }  // namespace
-
-std::string timeoutCause(bool announced, const std::string& pages) {
-    const json::value known = json::parse(pages);
-    const json::array& detail = known.at("detail").as_array();
-    const bool noneConnected = std::none_of(detail.begin(), detail.end(), isConnected);
-    if (noneConnected) return announced ? "client gone" : "no client yet";
-    const bool allLag = std::all_of(detail.begin(), detail.end(), [](const json::value& page) {
-        return !isConnected(page) || lagsBehind(page);
-    });
-    return allLag ? "client stalled" : "token lost";
-}
 
 std::string diagnosticsText(const Options& options, const Timeout& timeout,
                             const History& history) {

@@ -12,10 +12,6 @@ namespace monitor {
 
 class History;
 
-/// Why a flush has ended by time-out, in a few words. `announced`: whether a client had announced
-/// itself; `pages`: the gateway's diagnostics.
-[[nodiscard]] std::string timeoutCause(bool announced, const std::string& pages);
-
 /// What is known when a flush has ended by time-out.
 struct Timeout {
     std::chrono::system_clock::time_point started;  ///< the program
