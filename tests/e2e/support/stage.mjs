@@ -74,9 +74,13 @@ export class Stage {
         await untilMore(page, "painted", 5);
         return { monitor, page };
     }
-    async startBehindProxy() {
+    /** A scene, and a page that it can draw to. */
+    async startBehindProxy(...options) {
         const proxy = await Proxy.start();
         this.defer(() => proxy.stop());
-        return { proxy, ...(await this.start({ context: { proxy: proxy.settings } })) };
+        const scene = await this.scene(...options);
+        const page = await this.page({ proxy: proxy.settings });
+        await page.goto(scene.link);
+        return { proxy, scene, page };
     }
 }

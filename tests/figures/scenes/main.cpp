@@ -66,6 +66,7 @@ class Engine {
         int count = 0;
         words >> verb >> count;
         fIsStreaming = verb == "stream";
+        fSaid.clear();
         if (verb == "quit") fWindow.close();
         if (verb == "step") {
             for (int i = 0; i < count; ++i) fStep();
