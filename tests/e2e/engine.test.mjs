@@ -45,7 +45,7 @@ test("What is done reaches the engine's callbacks", async () => {
         [() => page.mouse.click(...at(10, 40)), /^lower 40 1$/],
         [() => page.mouse.click(...at(6, 90)), /^lower 0 0$/],
         [() => chart.press("w"), /^key w [1-9]/],
-        [() => page.locator("h1").press("e"), /^key e 0$/],
+        [() => chart.blur().then(() => page.keyboard.press("e")), /^key e 0$/],
         [() => chart.press("+"), /^limits (?!4.75 )\d.* -0\.8 0\.8 \d+ \d+$/],
         [() => chart.press("0"), /^limits 4\.75 14\.75 -1 1 \d+ \d+ home$/],
         [() => page.getByRole("button", { name: "Press" }).click(), /^button$/],
@@ -106,7 +106,7 @@ test("A page that is paused says so to the engine, takes the data in, and catche
 test("What is seen is saved as CSV, and shown as a table", async () => {
     const { page } = await start();
     await page.locator(".chart").first().press("s");
-    await page.getByLabel("CSV").check();
+    await page.getByRole("radio", { name: "CSV" }).check();
     const download = page.waitForEvent("download");
     await page.locator(".save button").click();
     assertValues(await readFile(await (await download).path(), "utf8"), liveValues(60));
