@@ -9,7 +9,7 @@ int main() {
     kirofigures::Window window;
     auto& figure = window.figure("A wave to play with");
     auto& frequency = figure.slider("Frequency in Hz", 0.5, 20, 2);
-    auto& amplitude = figure.number("Amplitude in V", 1).limits(0, 10);
+    auto& amplitude = figure.number("Amplitude in V", 1).limits(0, 2);
     auto& shape = figure.choice("Shape", {"sine", "square"});
     figure.button("Reset").onChange([&](auto&) {
         frequency.value(2);
@@ -18,7 +18,7 @@ int main() {
     });
     auto& axes = figure.axes();
     axes.x().label("time", "s");
-    axes.y().label("voltage", "V").limits(-10, 10);
+    axes.y().label("voltage", "V").limits(-2, 2);
     auto& line = axes.line();
 
     std::vector<double> voltage(1000);

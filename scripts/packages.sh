@@ -33,10 +33,12 @@ install_missing() {
     "${apt_get[@]}" install --no-install-recommends --no-remove "${missing[@]}"
 }
 
-# install_page: Node.js, and what the page is made of and tested with, as its lock file says.
+# install_page: Node.js, what the page is made of and tested with, as its lock file says, and the page.
 install_page() {
     # Another source's Node.js brings its own npm, which Debian's would want to replace.
     { command -v node && command -v npm; } >/dev/null || install_missing nodejs npm
     [[ client/node_modules/.package-lock.json -nt client/package-lock.json ]] ||
         (cd client && npm ci --no-audit --no-fund)
+    # Into client/dist, from where the build takes it.
+    (cd client && npm run --silent --if-present build)
 }

@@ -156,8 +156,7 @@ bool runForPages(const Options& options) {
              [&](const std::string& cause, const std::deque<engine::Latency>& latest) {
                  const auto now = std::chrono::system_clock::now();
                  sayTimeout(options, {started, now, cause, gateway.diagnostics(), latest}, history);
-             },
-         .failed = [errors](const std::string& error) { errors->add(error); }});
+             }});
     const engine::EngineResult result =
         engine.run({options.frames, options.duration, options.speed, options.timeout});
     errors->end();

@@ -80,8 +80,7 @@ void draw(kirofigures::Window& window, const engine::DataSet& data, client::Head
                                    run.traffic = traffic.upToNow();
                                    progress.frameOver(soFar.frames);
                                },
-                           .timedOut = {},
-                           .failed = {}});
+                           .timedOut = {}});
     page.beginView();
     kirohost::waitForDelivery();
     // Ready from inside the first wait on, so that all of the first frame is held back.

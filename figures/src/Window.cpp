@@ -130,6 +130,7 @@ struct Window::Impl {
     Frames frames;
     std::function<void(const Key&)> onKey;
     bool isInside = false;  ///< in draw or wait
+    bool hasNews = false;   ///< has come in a draw, too late for its frame
     /// After the frames, which it answers; it goes before everything that it delivers to.
     std::unique_ptr<kirogateway::Gateway> gateway;
     Browser browser;
@@ -190,10 +191,10 @@ void Window::Impl::wait(const std::optional<Frames::Clock::time_point>& deadline
     };
     for (;;) {
         Frames::waitUntil([this, &isOver] {
-            return isOver() || contact.numEvents() > 0 || frames.isRepeatDue();
+            return isOver() || hasNews || contact.numEvents() > 0 || frames.isRepeatDue();
         });
         if (frames.isRepeatDue()) frames.repeat();
-        const bool hasCome = contact.numEvents() > 0;
+        const bool hasCome = std::exchange(hasNews, false) || contact.numEvents() > 0;
         dispatch();
         if (isOver() || (!deadline && hasCome)) return;
     }
@@ -269,6 +270,7 @@ Drawn Window::draw() {
     // until the next one is as new as it can be.
     fImpl->dispatch();
     Drawn drawn = fImpl->frames.draw();
+    fImpl->hasNews = fImpl->contact.numEvents() > 0;
     fImpl->dispatch();
     return drawn;
 }

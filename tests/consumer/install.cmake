@@ -1,6 +1,6 @@
 # Installs BUILD_DIR below WORK_DIR, moves the installed tree, and fails when a file in it still
 # knows where it was built or first installed, or a module has no declarations. Makes projects of the
-# README's programs.
+# programs in README.md and docs/library.md.
 file(REMOVE_RECURSE ${WORK_DIR})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/staged
                 OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
@@ -21,12 +21,11 @@ foreach(_module IN LISTS _modules)
     endif()
 endforeach()
 
-file(READ ${SOURCE_DIR}/README.md _readme)
-
-# The text of the README's first block in `language` below `heading`.
-function(readme_block heading language result)
-    string(FIND "${_readme}" "\n## ${heading}\n" _begin)
-    string(SUBSTRING "${_readme}" ${_begin} -1 _rest)
+# The text of the first block in `language` below `heading` in `page`.
+function(block_of page heading language result)
+    file(READ ${SOURCE_DIR}/${page} _rest)
+    string(FIND "${_rest}" "\n## ${heading}\n" _begin)
+    string(SUBSTRING "${_rest}" ${_begin} -1 _rest)
     set(_open "\n```${language}\n")
     string(FIND "${_rest}" "${_open}" _begin)
     string(LENGTH "${_open}" _length)
@@ -38,13 +37,14 @@ function(readme_block heading language result)
 endfunction()
 
 # The program and the project below `heading`, as WORK_DIR/name.
-function(readme_project heading name)
-    readme_block("${heading}" cpp _program)
-    readme_block("${heading}" cmake _project)
+function(make_project page heading name)
+    block_of(${page} "${heading}" cpp _program)
+    block_of(${page} "${heading}" cmake _project)
     file(WRITE ${WORK_DIR}/${name}/${name}.cpp "${_program}")
     file(WRITE ${WORK_DIR}/${name}/CMakeLists.txt
          "cmake_minimum_required(VERSION 3.25)\nproject(${name} LANGUAGES CXX)\n${_project}")
 endfunction()
 
-readme_project("A library in thirty lines" figure)
-readme_project("Serving pages" page)
+make_project(docs/library.md "A library in thirty lines" figure)
+make_project(docs/library.md "Serving pages" page)
+make_project(README.md "Ten lines" oscillation)

@@ -1,4 +1,4 @@
-"""visit.py PROGRAM: runs the README's second program and visits it as a browser does: fetches the
+"""visit.py PROGRAM: runs the program of docs/library.md that serves a page and visits it as a browser does: fetches the
 page and every module, comes in with the link's token, and waits for the line."""
 
 import http.client

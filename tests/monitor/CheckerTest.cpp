@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/Findings.hpp"
@@ -58,9 +59,10 @@ Conversation conversation(std::uint64_t frames) {
     record(frames, recorder);
     Conversation result;
     std::ifstream lines(file);
+    bool isInFrame = false;  // a block may come before the frame that it belongs to
     for (std::string line; std::getline(lines, line);) {
         const bool begins = line.find(R"("cmd":"beginFrame")") != std::string::npos;
-        if (begins && !result.empty()) result.push_back(kToken);
+        if (begins && std::exchange(isInFrame, true)) result.push_back(kToken);
         result.push_back(line);
     }
     result.push_back(kToken);

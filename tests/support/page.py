@@ -15,6 +15,7 @@ def upgrade(address, token):
     """A stream that has asked for a WebSocket, and the status of the answer."""
     host, port = address.split(":")
     web_socket = socket.create_connection((host, int(port)))
+    web_socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
     request = (
         f"GET /kiroweb HTTP/1.1\r\nHost: {address}\r\nOrigin: http://{address}\r\n"
         "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"

@@ -75,8 +75,7 @@ bool Engine::drawFrame(const Pace& pace) {
             noteLatency();
             break;
         case Outcome::kFailed:
-            ++fResult.failed;
-            if (fHooks.failed) fHooks.failed(drawn.reason);
+            ++fResult.failed;  // the client reports the error by itself
             break;
         case Outcome::kLate:
             noteTimeout(drawn.reason);

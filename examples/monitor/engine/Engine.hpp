@@ -62,8 +62,6 @@ class Engine {
         std::function<void(const EngineResult& soFar)> frameOver;
         /// When no answer came in time: why, and the latest flushes that were answered.
         std::function<void(const std::string& cause, const std::deque<Latency>& latest)> timedOut;
-        /// When a client could not draw a frame.
-        std::function<void(const std::string& error)> failed;
     };
 
     /// REQUIRES: what is given by reference outlives this.
