@@ -142,23 +142,9 @@ test("A frozen page is named as the cause of a late frame, and goes on when it w
     const page = await stage.page();
     await page.goto(scene.link);
     await scene.draw("step 9");
-    const session = await page.context().newCDPSession(page);
-    const attached = new Promise((resolve) => session.on("Target.attachedToTarget", resolve));
-    await session.send("Target.setAutoAttach", {
-        autoAttach: true,
-        waitForDebuggerOnStart: false,
-        flatten: false,
-    });
-    const { sessionId } = await attached;
-    const debug = (method, id) =>
-        session.send("Target.sendMessageToTarget", {
-            sessionId,
-            message: JSON.stringify({ id, method: `Debugger.${method}` }),
-        });
-    await debug("enable", 1);
-    await debug("pause", 2);
+    const wake = await stage.freeze(page);
     await scene.draw("step 1", "late: client stalled");
-    await debug("disable", 3);
+    await wake();
     await scene.draw("step 1");
     assertValues(await shownValues(page), liveValues(11));
 });

@@ -112,6 +112,7 @@ test("What is seen is saved as CSV, and shown as a table", async () => {
     assertValues(await readFile(await (await download).path(), "utf8"), liveValues(60));
     await page.locator(".chart").first().press("t");
     const rows = page.locator("dialog tbody tr");
+    await rows.last().waitFor({ state: "attached" });
     assert.equal(await rows.count(), 2 * 41);
     assert.match(await rows.last().textContent(), /^level14\.750\.5$/);
 });
@@ -125,7 +126,7 @@ test("Everything is within reach of the tab key, and named", async () => {
             const { activeElement: one } = document;
             if (one === document.body) return null;
             const label = one.ariaLabel ?? one.labels?.[0]?.textContent ?? one.textContent;
-            return label.trim().split(/[.,]/)[0];
+            return label.trim().split(". ")[0];
         });
         if (name === null || (reached.length > 1 && name === reached[0])) break;
         reached.push(name);

@@ -1,122 +1,105 @@
 // What the monitor's page shows.
 import assert from "node:assert/strict";
+import { mkdtemp, readFile, rm } from "node:fs/promises";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
 import { test } from "node:test";
 
 import { readCoast, readEcg, readQuakes } from "./support/data.mjs";
-import { assertClean, outcomesOf, pictureOf } from "./support/page.mjs";
+import { assertClean } from "./support/page.mjs";
+import { pictures, untilSettled } from "./support/pictures.mjs";
+import { masksOf } from "./support/shapes.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
 
-/** Has so many frames drawn, as fast as the page can, and checks what is shown then. */
-async function draw(page, frames) {
-    const monitor = await stage.monitor("--speed", "max", "--frames", String(frames));
-    await page.goto(monitor.link);
-    await monitor.end({ frames, drawn: frames, left: 0, views: 0, returns: 0 }, { asked: false });
-    // The last token went back after its frame was painted.
-    checkEcg(await pictureOf(page, "ecg.axes"), frames);
-    checkMap(await pictureOf(page, "quakes.axes"), frames % 300);
-    assert.deepEqual(await outcomesOf(page), { painted: frames, hidden: 0, failed: 0 });
-    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
+/** Required pixels are drawn, and those that `isOf` are allowed. */
+function check(picture, data, isOf) {
+    const { allowed, required } = masksOf(data, { ...picture, place: picture.placer() });
+    assert.ok(required.includes(1));
+    assert.deepEqual(picture.missing(required), []);
+    for (const [column, row] of picture.all()) {
+        const isRight = allowed[row * picture.width + column] || !isOf(picture.at(column, row));
+        assert.ok(isRight, `${data.kind} at ${column}, ${row}, where there are no data`);
+    }
 }
 
-const isGreen = (r, g, b, a) => a > 128 && g > 1.5 * r && g > 1.3 * b;
-const isRed = (r, g, b) => r > 1.25 * g && r > 1.25 * b;
-const isDrawn = (r, g, b, a) => a > 40;
-
-/** How far the middle of a pixel may lie from what it shows. */
-const REACH = 2.5;
-
 function checkEcg(picture, frames) {
-    const end = frames * 12;
-    const limits = { x: [end / 360 - 5, end / 360], y: [-4, 4] };
-    const millivolts = readEcg();
-    const lowest = [];
-    const highest = [];
-    for (let i = Math.max(0, end - 1800); i < end; ++i) {
-        const [x, y] = picture.place([i / 360, millivolts[i]], limits);
-        assert.ok(picture.hasNear([x, y], REACH, isGreen), `no line at sample ${i}`);
-        for (let column = Math.floor(x - REACH); column <= x + REACH; ++column) {
-            lowest[column] = Math.max(lowest[column] ?? y, y);
-            highest[column] = Math.min(highest[column] ?? y, y);
-        }
-    }
-    for (const [x, y] of picture.all(isGreen)) {
-        const column = Math.floor(x);
-        const within = y <= lowest[column] + REACH && y >= highest[column] - REACH;
-        assert.ok(within, `a line at ${x}, ${y} that is not in the data`);
-    }
+    const indices = Array.from({ length: frames * 12 }, (_, i) => i).slice(-1802);
+    const ecg = readEcg();
+    const [line] = picture.description.series;
+    const isBlue = ([red, , blue]) => blue > red + 60;
+    assert.match(line.color, /^#0/);
+    const data = { kind: "line", x: indices.map((i) => i / 360), y: indices.map((i) => ecg[i]) };
+    check(picture, data, isBlue);
 }
 
 function checkMap(picture, frames) {
-    const limits = { x: [-180, 180], y: [-90, 90] };
-    const quakes = readQuakes(frames).map((quake) => [...picture.place(quake, limits), quake[2]]);
-    // The captions, in the lower left, cover what is below them.
-    const free = ([x, y]) =>
-        x > picture.left + picture.across / 2 || y < picture.top + picture.down * 0.8;
-    for (const place of quakes.filter(free)) {
-        assert.ok(picture.hasNear(place, REACH, isRed), `no point at ${place}`);
-    }
-    for (const [x, y] of picture.all(isRed)) {
-        const near = quakes.some(
-            ([qx, qy, magnitude]) => Math.hypot(x - qx, y - qy) < 4 + magnitude,
-        );
-        assert.ok(near, `a point at ${x}, ${y} that is not in the data`);
-    }
-    const coast = readCoast()
-        .map((vertex) => picture.place(vertex, limits))
-        .filter(free);
-    const missing = coast.filter((place) => !picture.hasNear(place, 1, isDrawn));
-    assert.deepEqual(missing, []);
+    const quakes = readQuakes(frames);
+    const isColored = (color) => Math.max(...color.slice(0, 3)) - Math.min(...color) > 50;
+    const [x, y, magnitude] = [0, 1, 2].map((column) => quakes.map((quake) => quake[column]));
+    const size = magnitude.map((one) => 2 + 1.8 * Math.max(one, 0));
+    check(picture, { kind: "scatter", x, y, size }, isColored);
+    const place = picture.placer();
+    const coast = readCoast().map(([longitude, latitude]) => place(longitude, latitude));
+    const isMissing = (at) => !picture.hasNear(...at.map(Math.floor));
+    assert.deepEqual(coast.filter(isMissing), []);
 }
 
-test("A thousand flushes show the data, from a backlog that came before the page", async () => {
+test("A thousand flushes show the data", async () => {
     const page = await stage.page({ colorScheme: "light" });
-    await draw(page, 1000);
-    assert.deepEqual(await page.locator("h2").allTextContents(), [
-        "Electrocardiogram – one lead, 360 Hz",
-        "Earthquakes, 31 January – 7 February 2018",
-    ]);
-    assert.equal(new URL(page.url()).hash, "");
-});
-
-test("Blocks that the page gives back come again as text", async () => {
-    const page = await stage.page({ colorScheme: "light" });
-    let refused = 0;
-    await page.routeWebSocket(/kiroweb$/, (toPage) => {
-        const toServer = toPage.connectToServer();
-        toServer.onMessage((message) => {
-            if (typeof message === "string") return toPage.send(message);
-            ++refused;
-            const transfer = message.readUInt32LE(4);
-            const number = Number(message.readBigUInt64LE(8));
-            toServer.send(
-                JSON.stringify({ t: "block", transfer, ok: false, reason: "by the test" }),
-            );
-            return toPage.send(JSON.stringify({ t: "withdrawn", transfer, number }));
-        });
-    });
-    await draw(page, 60);
-    assert.ok(refused >= 60, `${refused} refused`);
+    const monitor = await stage.monitor("--speed", "max", "--frames", "1000");
+    await page.goto(monitor.link);
+    // It ends by itself; what it drew last stays.
+    await monitor.end({ frames: 1000, drawn: 1000, left: 0, views: 0 }, { asked: false });
+    await untilSettled(page);
+    const [ecg, map] = await pictures(page);
+    checkEcg(ecg, 1000);
+    checkMap(map, 1000 % 300);
+    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
 });
 
 test("A place picked by mouse or keyboard is named in the next frame", async () => {
-    const { page } = await stage.start({ context: { colorScheme: "light" } });
-    const map = page.locator('[data-name="quakes.axes"]');
-    /** What is named once it is not `before`. */
+    const monitor = await stage.monitor();
+    const page = await stage.page({ colorScheme: "light" });
+    await page.goto(monitor.link);
+    await page.waitForFunction(() => globalThis.kirowebPage?.statistics?.outcomes.painted >= 5);
+    const map = page.locator(".chart").nth(1);
+    /** The place that is named, once it is another one. */
     const picked = async (before) => {
-        const handle = await page.waitForFunction((old) => {
-            const { visible, text } = kirowebPage.scene.named("quakes.picked");
-            return visible && text !== old && text;
+        const handle = await page.waitForFunction(async (old) => {
+            const [axes] = [...kirowebPage.figures.values()][1].axes.keys();
+            const { svg } = await kirowebPage.worker.ask({ kind: "vectors", axes });
+            const [, named] = svg.match(/>(M [^<]*)</g);
+            return named !== old && named;
         }, before);
         return handle.jsonValue();
     };
-    await map.click();
+    await map.click({ position: { x: 300, y: 150 } });
     const clicked = await picked();
-    assert.match(clicked, /^M \d/);
-    await map.focus();
-    for (let i = 0; i < 20; ++i) await page.keyboard.press("ArrowLeft");
-    await page.keyboard.press("Enter");
+    for (let i = 0; i < 20; ++i) await map.press("Shift+ArrowLeft");
+    for (let i = 0; i < 20; ++i) await map.press("ArrowLeft");
+    await map.press("Enter");
     await picked(clicked);
     await assertClean(page);
+    await monitor.end();
+});
+
+test("A page that does not answer is named as the cause, and its latency told", async () => {
+    const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
+    stage.defer(() => rm(folder, { recursive: true }));
+    const file = join(folder, "diagnostics.json");
+    const monitor = await stage.monitor("--timeout", "1", "--diagnostics", file);
+    const page = await stage.page();
+    await page.goto(monitor.link);
+    await page.waitForFunction(() => globalThis.kirowebPage?.statistics?.outcomes.painted >= 5);
+    const wake = await stage.freeze(page);
+    await monitor.line(/timed out: client stalled/);
+    await wake();
+    await monitor.line(/client answers again/);
+    const { cause, latency } = JSON.parse(await readFile(file, "utf8"));
+    assert.equal(cause, "client stalled");
+    const { toClient, atClient, toEngine, total } = latency;
+    assert.ok(atClient.p50 > 0 && atClient.p50 <= atClient.p99, "the page's part");
+    assert.equal(toClient.last + atClient.last + toEngine.last, total.last);
 });

@@ -18,22 +18,12 @@ function checkSeries(picture, data) {
     const { allowed, required } = masksOf(data, { ...picture, place });
     const color = channels(description.series[0].color);
     const isColored = data.kind === "image" || data.kind === "colored";
-    const faults = { missing: [], surplus: [], colored: [] };
-    for (let row = 0; row < height; ++row) {
-        for (let column = 0; column < width; ++column) {
-            const at = row * width + column;
-            const isDrawn = picture.isDrawn(column, row);
-            if (isDrawn && !allowed[at]) faults.surplus.push([column, row]);
-            if (isDrawn && !isColored && !isNear(color, picture.at(column, row))) {
-                faults.colored.push([column, row, ...picture.at(column, row)]);
-            }
-            if (!required[at] || isDrawn) continue;
-            const hasNeighbour = [-1, 0, 1].some((y) =>
-                [-1, 0, 1].some((x) => picture.isDrawn(column + x, row + y)),
-            );
-            if (!hasNeighbour) faults.missing.push([column, row]);
-        }
-    }
+    const drawn = [...picture.all()];
+    const faults = {
+        missing: picture.missing(required),
+        surplus: drawn.filter(([column, row]) => !allowed[row * width + column]),
+        colored: drawn.filter((at) => !isColored && !isNear(color, picture.at(...at))),
+    };
     const where = `${description.title} at ${width} x ${height}`;
     assert.ok(required.includes(1), `${where}: nothing to be seen`);
     for (const [what, places] of Object.entries(faults)) {
@@ -66,16 +56,12 @@ function checkColors(picture, { x, y, z, value, rows, limits }, place) {
 /** A text's pixels lie around its place. */
 function checkText(picture) {
     const { width, height, unit } = picture;
-    let count = 0;
-    for (let row = 0; row < height; ++row) {
-        for (let column = 0; column < width; ++column) {
-            if (!picture.isDrawn(column, row)) continue;
-            ++count;
-            const [x, y] = [column + 0.5 - width / 2, row + 0.5 - height / 2];
-            assert.ok(Math.abs(x) < 30 * unit && Math.abs(y) < 8 * unit, `${column}, ${row}`);
-        }
+    const drawn = [...picture.all()];
+    for (const [column, row] of drawn) {
+        const [x, y] = [column + 0.5 - width / 2, row + 0.5 - height / 2];
+        assert.ok(Math.abs(x) < 30 * unit && Math.abs(y) < 8 * unit, `${column}, ${row}`);
     }
-    assert.ok(count > 30 * unit, `${count} pixels of a text`);
+    assert.ok(drawn.length > 30 * unit, `${drawn.length} pixels of a text`);
 }
 
 /** Texts of ticks are different ones, side by side, and whole. */

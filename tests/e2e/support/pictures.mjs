@@ -56,6 +56,26 @@ class AxesPicture {
         const isInside = column >= 0 && row >= 0 && column < this.width && row < this.height;
         return isInside && this.pixels[(row * this.width + column) * 4 + 3] > 40;
     }
+    /** Whether that pixel, or a neighbour, is drawn. */
+    hasNear(column, row) {
+        const near = [-1, 0, 1];
+        return near.some((y) => near.some((x) => this.isDrawn(column + x, row + y)));
+    }
+    /** All pixels that are drawn. */
+    *all() {
+        for (let row = 0; row < this.height; ++row) {
+            for (let column = 0; column < this.width; ++column) {
+                if (this.isDrawn(column, row)) yield [column, row];
+            }
+        }
+    }
+    /** Pixels that have to be drawn, and are not. @param {Uint8Array} required */
+    missing(required) {
+        const places = [...required.keys()].filter((at) => required[at]);
+        return places
+            .map((at) => [at % this.width, Math.floor(at / this.width)])
+            .filter((place) => !this.hasNear(...place));
+    }
     /** Where values lie on the canvas. */
     placer(which = "y") {
         const { description, shown, width, height } = this;
