@@ -1,147 +1,157 @@
-// What pages do to the monitor, and networks to both.
+// What pages, and networks, do to an engine.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { createReadStream } from "node:fs";
-import { mkdtemp, readFile, rm, writeFile } from "node:fs/promises";
+import { mkdtemp, rm, writeFile } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { text } from "node:stream/consumers";
 import { test } from "node:test";
 
-import { Monitor } from "./support/monitor.mjs";
-import { assertClean, outcomesOf, untilMore, untilState } from "./support/page.mjs";
+import { assertClean, untilState } from "./support/page.mjs";
+import { Program } from "./support/program.mjs";
+import { assertValues, liveValues, shownValues } from "./support/scene.mjs";
 import { Stage } from "./support/stage.mjs";
 import { Tab } from "./support/tabs.mjs";
 
 const stage = new Stage();
 
-async function folder() {
-    const path = await mkdtemp(join(tmpdir(), "kiroweb-"));
-    stage.defer(() => rm(path, { recursive: true }));
-    return path;
-}
-
-test("Script errors are reported in few lines, cost their frame at once, and the figure is made whole", async () => {
-    const { monitor, page } = await stage.start();
-    await page.evaluate(() => {
-        const { scene } = kirowebPage;
-        const { apply } = Object.getPrototypeOf(scene);
-        scene.apply = (command, data) => {
-            if (command.cmd !== "appendData") return apply.call(scene, command, data);
-            delete scene.apply;
-            const error = new Error("a broken figure\u009b31m\u007f");
-            for (let i = 1; i < 100; ++i) kirowebPage.flusher.fail(error);
-            throw error;
+test("A script error costs its frame at once, and the figures are made whole", async () => {
+    const scene = await stage.scene("live");
+    const page = await stage.page();
+    await page.goto(scene.link);
+    await scene.draw("step 30");
+    const [worker] = page.workers();
+    await worker.evaluate(() => {
+        const { prototype } = OffscreenCanvasRenderingContext2D;
+        globalThis.stroke = prototype.stroke;
+        prototype.stroke = () => {
+            throw new Error("a broken figure");
         };
     });
-    await monitor.line(/\d+ more script errors/);
-    assert.match(monitor.said, /script error .*a broken figure\\xc2\\x9b31m\\x7f/);
-    assert.ok(monitor.said.match(/script error /g).length <= 10, monitor.said);
-    await untilMore(page, "painted", 5);
-    // The engine may have sent the next frame already when it hears that the page wants all.
-    await page.waitForFunction(() => document.querySelector(".error").textContent === "");
-    const { failed } = await outcomesOf(page);
-    assert.ok(failed === 1 || failed === 2, `${failed} failed`);
-    await monitor.end({ failed: [0, 1, 2] });
+    await scene.draw("step 1", 'failed: line wave, "quoted": a broken figure');
+    await page.locator(".error", { hasText: "a broken figure" }).waitFor();
+    await worker.evaluate(() => {
+        OffscreenCanvasRenderingContext2D.prototype.stroke = globalThis.stroke;
+    });
+    await scene.draw("step 1");
+    assertValues(await shownValues(page), liveValues(32));
+});
+
+test("Blocks that the page gives back come again as text", async () => {
+    const { proxy, scene, page } = await stage.startBehindProxy("live");
+    await scene.draw("step 20");
+    const [worker] = page.workers();
+    await worker.evaluate(() => {
+        globalThis.refused = 0;
+        const { set } = Object.getOwnPropertyDescriptor(WebSocket.prototype, "onmessage");
+        const giveBack = (socket, data) => {
+            const view = new DataView(data);
+            const transfer = view.getUint32(4, true);
+            const number = Number(view.getBigUint64(8, true));
+            socket.send(JSON.stringify({ t: "block", transfer, ok: false, reason: "by the test" }));
+            ++globalThis.refused;
+            return { data: JSON.stringify({ t: "withdrawn", transfer, number }) };
+        };
+        Object.defineProperty(WebSocket.prototype, "onmessage", {
+            set(call) {
+                const isText = ({ data }) => typeof data === "string";
+                set.call(this, (event) => call(isText(event) ? event : giveBack(this, event.data)));
+            },
+        });
+    });
+    // The next connection is one of these.
+    proxy.cut();
+    await untilState(page, "reconnecting");
+    proxy.mend();
+    await untilState(page, "live");
+    for (let i = 0; i < 10; ++i) await scene.draw("step 2");
+    assertValues(await shownValues(page), liveValues(40));
+    const refused = await worker.evaluate(() => globalThis.refused);
+    assert.ok(refused >= 10, `${refused} refused`);
 });
 
 test("Every page sees everything, reloaded or not; the engine goes on with those that are left", async () => {
-    const { monitor, page: first } = await stage.start();
-    // As if animation frames came at the worst moments, when little of a whole frame is there.
-    await first.evaluate(() => {
-        const { scene, views } = kirowebPage;
-        const { apply } = scene;
-        scene.apply = (command, data) => {
-            apply.call(scene, command, data);
-            views.paint();
-        };
-        document.querySelector('[data-name="quakes.axes"]').focus();
-    });
-    const second = await stage.page();
-    await second.goto(monitor.link);
-    await untilMore(second, "painted", 5);
-    assert.equal(await first.evaluate(() => document.activeElement.dataset.name), "quakes.axes");
+    const scene = await stage.scene("live");
+    const pages = [await stage.page(), await stage.page()];
+    const [first, second] = pages;
+    await first.goto(scene.link);
+    await scene.draw("step 30");
+    // Nothing is drawn anew for these two.
+    await second.goto(scene.link);
     await first.reload();
-    await Promise.all([untilMore(first, "painted", 5), untilMore(second, "painted", 5)]);
-    const coast = (page) => page.evaluate(() => kirowebPage.scene.named("quakes.coast").count);
-    assert.equal(await coast(first), await coast(second));
+    for (const page of pages) {
+        await page.locator(".chart").first().waitFor();
+        await page.waitForFunction(() => kirowebPage.statistics?.outcomes.painted >= 1);
+        assertValues(await shownValues(page), liveValues(30));
+    }
+    await scene.stream();
     await second.close();
-    await untilMore(first, "painted", 20);
-    assert.doesNotMatch(monitor.said, /client gone/);
+    await scene.draw("step 1");
     await assertClean(first);
+    await scene.stream();
     await first.goto("about:blank");
-    await monitor.line(/client gone/);
+    await scene.answer(/no page/);
     await first.goBack();
-    await untilMore(first, "painted", 5);
-    await monitor.end();
+    await scene.stream();
+    scene.tell("quit");
     assert.match(await untilState(first, "reconnecting"), /gateway stopped|no connection/);
+    await first.locator(".is-stale .stale", { hasText: /^No news since \d+:/ }).waitFor();
+    assert.equal(await scene.exited, 0);
 });
 
 test("A hidden page answers without painting, and paints when it is shown", async () => {
-    const monitor = await stage.monitor();
+    const scene = await stage.scene("live");
     const session = await stage.browser.newBrowserCDPSession();
-    const tab = await Tab.open(session, monitor.link);
+    const tab = await Tab.open(session, scene.link);
     stage.defer(() => tab.close());
-    await tab.until("globalThis.kirowebPage?.outcomes.painted >= 5");
+    await scene.stream();
     const other = await Tab.open(session, "about:blank");
     stage.defer(() => other.close());
-    const painted = await tab.until(
-        "document.hidden && kirowebPage.outcomes.hidden >= 20 && kirowebPage.outcomes.painted",
-    );
-    assert.equal(
-        await tab.until("kirowebPage.outcomes.hidden >= 40 && kirowebPage.outcomes.painted"),
-        painted,
-    );
+    await scene.answer(/^frame \d+ hidden$/);
+    await scene.draw("step 1", "hidden");
     await tab.show();
-    await tab.until(`kirowebPage.outcomes.painted >= ${painted + 5}`);
-    await monitor.end();
+    await tab.until("!document.hidden");
+    await scene.draw("step 1");
 });
 
 test("A page whose connection was lost returns to its view, and nothing is missing", async () => {
-    const { proxy, monitor, page } = await stage.startBehindProxy();
+    const { proxy, scene, page } = await stage.startBehindProxy("live");
     const losses = [
         ["cut", 0, /lost|no connection/],
         ["cut", 40, /lost|no connection/],
         ["stall", 0, /silent/],
     ];
+    let steps = 0;
     for (const [how, delay, reason] of losses) {
+        await scene.draw("step 20");
         proxy[how]();
+        scene.tell("step 10");
         assert.match(await untilState(page, "reconnecting"), reason);
         proxy.delay = delay;
         proxy.mend();
         await untilState(page, "live");
-        await untilMore(page, "painted", 5);
+        await scene.answer(/^frame \d+ painted/);
+        assertValues(await shownValues(page), liveValues((steps += 30)));
     }
     assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
-    await monitor.end({ views: 0 });
 });
 
-test("A frozen page is named as the cause of a time-out, and goes on when it wakes", async () => {
-    const file = join(await folder(), "diagnostics.json");
-    const { monitor, page } = await stage.start({
-        options: ["--timeout", "1", "--diagnostics", file],
-    });
-    await page.evaluate(() => kirowebPage.flusher.fail(new Error("to be remembered")));
-    await monitor.line(/to be remembered/);
-    await untilMore(page, "painted", 1);
-    const devtools = await page.context().newCDPSession(page);
-    await devtools.send("Debugger.enable");
-    await devtools.send("Debugger.pause");
-    await monitor.line(/timed out: client stalled/);
-    await monitor.line(/monitor: client stalled: connected/);
-    await devtools.send("Debugger.disable");
-    await monitor.line(/monitor: client answers again/);
-    await untilMore(page, "painted", 5);
-    const { cause, latency, history } = JSON.parse(await readFile(file, "utf8"));
-    assert.equal(cause, "client stalled");
-    assert.match(JSON.stringify(history), /to be remembered/);
-    const { toClient, atClient, toEngine, total } = latency;
-    assert.ok(atClient.p50 > 0 && atClient.p50 <= atClient.p99, "the page's part");
-    assert.equal(toClient.last + atClient.last + toEngine.last, total.last);
+test("A frozen page is named as the cause of a late frame, and goes on when it wakes", async () => {
+    const scene = await stage.scene("live", 1);
+    const page = await stage.page();
+    await page.goto(scene.link);
+    await scene.draw("step 9");
+    const wake = await stage.freeze(page);
+    await scene.draw("step 1", "late: client stalled");
+    await wake();
+    await scene.draw("step 1");
+    assertValues(await shownValues(page), liveValues(11));
 });
 
 test("The browser that is opened is a program of its own, and gets no more than a link", async () => {
-    const path = await folder();
+    const path = await mkdtemp(join(tmpdir(), "kiroweb-"));
+    stage.defer(() => rm(path, { recursive: true }));
     const PIPE = join(path, "said");
     execFileSync("mkfifo", [PIPE]);
     const script =
@@ -149,17 +159,17 @@ test("The browser that is opened is a program of its own, and gets no more than 
     await writeFile(join(path, "xdg-open"), script, { mode: 0o755 });
     const said = text(createReadStream(PIPE));
     const env = { ...process.env, PATH: `${path}:${process.env.PATH}`, DISPLAY: ":0", PIPE };
-    const monitor = await Monitor.run([], env);
-    stage.defer(() => monitor.kill());
+    const program = await Program.run(process.env.KIROWEB_TEN_LINES, [], env);
+    stage.defer(() => program.kill());
     assert.match(await said, /#code=[0-9a-f]+\n[^]*SigBlk:\t0+\n/);
     assert.doesNotMatch(await said, /([3-9]|\d\d) -> socket/);
     // The link is good for one browser, which needs it no more.
     const [link] = (await said).split("\n");
     const page = await stage.page();
     await page.goto(link);
-    await untilMore(page, "painted", 3);
+    await untilState(page, "live");
     await page.reload();
-    await untilMore(page, "painted", 3);
+    await untilState(page, "live");
     const other = await stage.page();
     await other.goto(link);
     assert.match(await untilState(other, "refused"), /open the link that the program printed/);
@@ -167,20 +177,21 @@ test("The browser that is opened is a program of its own, and gets no more than 
 });
 
 test("Who does not have the token is refused, and told what to do", async () => {
-    const monitor = await stage.monitor();
+    const scene = await stage.scene("live");
     const page = await stage.page();
-    await page.goto(monitor.origin);
+    await page.goto(scene.origin);
     assert.match(await untilState(page, "refused"), /no token: open the link that the program/);
     // The links are opened where the page is already.
-    await page.goto(`${monitor.origin}/#token=${"0".repeat(64)}`);
+    await page.goto(`${scene.origin}/#token=${"0".repeat(64)}`);
     await page.waitForFunction(() =>
         /does not accept.* open the link/.test(document.querySelector("#status").textContent),
     );
-    await page.goto(monitor.link);
-    await untilMore(page, "painted", 3);
-    assert.equal(page.url(), `${monitor.origin}/`);
+    await page.goto(scene.link);
+    await untilState(page, "live");
+    await scene.draw("step 1");
+    assert.equal(page.url(), `${scene.origin}/`);
     assert.deepEqual(await page.context().cookies(), []);
     const duplicate = page.waitForEvent("popup");
     await page.evaluate(() => void window.open("/"));
-    await untilMore(await duplicate, "painted", 3);
+    await untilState(await duplicate, "live");
 });

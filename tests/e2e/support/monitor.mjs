@@ -1,44 +1,12 @@
-// The monitor as a process of its own, and what it says.
+// The monitor as a process of its own.
 import assert from "node:assert/strict";
-import { spawn } from "node:child_process";
-import { once } from "node:events";
-import { createInterface } from "node:readline";
 
-const PROGRAM = process.env.KIROWEB_MONITOR;
+import { Program } from "./program.mjs";
 
-export class Monitor {
-    #lines = [];
-    #waiting = [];
-
+export class Monitor extends Program {
     /** Starts it without a browser of its own; resolves when it has printed its link. */
     static start(...options) {
-        return Monitor.run(["--no-browser", ...options]);
-    }
-    static async run(options, env = process.env) {
-        if (!PROGRAM) throw new Error("KIROWEB_MONITOR does not name the program");
-        const monitor = new Monitor();
-        monitor.process = spawn(PROGRAM, options, { env });
-        monitor.exited = once(monitor.process, "exit").then(([status]) => status);
-        for (const stream of [monitor.process.stdout, monitor.process.stderr]) {
-            createInterface({ input: stream }).on("line", (line) => monitor.#hear(line));
-        }
-        monitor.link = await monitor.line(/^http:/);
-        monitor.origin = new URL(monitor.link).origin;
-        return monitor;
-    }
-    /** The first line, past or future, that matches. */
-    line(pattern) {
-        const found = this.#lines.find((line) => pattern.test(line));
-        if (found !== undefined) return Promise.resolve(found);
-        return new Promise((resolve, reject) => {
-            this.#waiting.push({ pattern, resolve });
-            this.exited.then(() =>
-                setImmediate(reject, new Error(`ended without ${pattern}:\n${this.said}`)),
-            );
-        });
-    }
-    get said() {
-        return this.#lines.join("\n");
+        return Monitor.run(process.env.KIROWEB_MONITOR, ["--no-browser", ...options]);
     }
     /** Ends, in order, with these numbers of frames and attempts, or one of several: none have
      * failed or timed out unless said. It is asked to end unless it does so by itself. */
@@ -53,15 +21,5 @@ export class Monitor {
         for (const [name, number] of Object.entries(wanted)) {
             assert.ok([number].flat().includes(all[name]), `${name}: ${all[name]}\n${this.said}`);
         }
-    }
-    kill() {
-        this.process.kill("SIGKILL");
-        return this.exited;
-    }
-    #hear(line) {
-        this.#lines.push(line);
-        this.#waiting = this.#waiting.filter(
-            ({ pattern, resolve }) => !pattern.test(line) || resolve(line),
-        );
     }
 }

@@ -3,8 +3,8 @@ import { after, afterEach, before } from "node:test";
 
 import { playwright } from "../../client/support/packages.mjs";
 import { Monitor } from "./monitor.mjs";
-import { untilMore } from "./page.mjs";
 import { Proxy } from "./proxy.mjs";
+import { Scene } from "./scene.mjs";
 
 const FLAGS = [
     "--headless",
@@ -54,22 +54,39 @@ export class Stage {
         });
         return page;
     }
+    /** A scene of the program that draws for tests. */
+    async scene(...options) {
+        const scene = await Scene.start(...options);
+        this.defer(() => scene.kill());
+        return scene;
+    }
     async monitor(...options) {
         const monitor = await Monitor.start(...options);
         this.defer(() => monitor.kill());
         return monitor;
     }
-    /** The monitor, and a page that it draws to. */
-    async start({ options = [], context } = {}) {
-        const monitor = await this.monitor(...options);
-        const page = await this.page(context);
-        await page.goto(monitor.link);
-        await untilMore(page, "painted", 5);
-        return { monitor, page };
-    }
-    async startBehindProxy() {
+    /** A scene, and a page that it can draw to. */
+    async startBehindProxy(...options) {
         const proxy = await Proxy.start();
         this.defer(() => proxy.stop());
-        return { proxy, ...(await this.start({ context: { proxy: proxy.settings } })) };
+        const scene = await this.scene(...options);
+        const page = await this.page({ proxy: proxy.settings });
+        await page.goto(scene.link);
+        return { proxy, scene, page };
+    } /** Holds the worker of a page, which has the connection; wakes it when the result is called. */
+    async freeze(page) {
+        const session = await page.context().newCDPSession(page);
+        const attached = new Promise((resolve) => session.on("Target.attachedToTarget", resolve));
+        const how = { autoAttach: true, waitForDebuggerOnStart: false, flatten: false };
+        await session.send("Target.setAutoAttach", how);
+        const { sessionId } = await attached;
+        let id = 0;
+        const debug = (verb) => {
+            const message = JSON.stringify({ id: ++id, method: `Debugger.${verb}` });
+            return session.send("Target.sendMessageToTarget", { sessionId, message });
+        };
+        await debug("enable");
+        await debug("pause");
+        return () => debug("disable");
     }
 }

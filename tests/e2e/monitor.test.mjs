@@ -1,0 +1,105 @@
+// What the monitor's page shows.
+import assert from "node:assert/strict";
+import { mkdtemp, readFile, rm } from "node:fs/promises";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { test } from "node:test";
+
+import { readCoast, readEcg, readQuakes } from "./support/data.mjs";
+import { assertClean } from "./support/page.mjs";
+import { pictures, untilSettled } from "./support/pictures.mjs";
+import { masksOf } from "./support/shapes.mjs";
+import { Stage } from "./support/stage.mjs";
+
+const stage = new Stage();
+
+/** Required pixels are drawn, and those that `isOf` are allowed. */
+function check(picture, data, isOf) {
+    const { allowed, required } = masksOf(data, { ...picture, place: picture.placer() });
+    assert.ok(required.includes(1));
+    assert.deepEqual(picture.missing(required), []);
+    for (const [column, row] of picture.all()) {
+        const isRight = allowed[row * picture.width + column] || !isOf(picture.at(column, row));
+        assert.ok(isRight, `${data.kind} at ${column}, ${row}, where there are no data`);
+    }
+}
+
+function checkEcg(picture, frames) {
+    const indices = Array.from({ length: frames * 12 }, (_, i) => i).slice(-1802);
+    const ecg = readEcg();
+    const [line] = picture.description.series;
+    const isBlue = ([red, , blue]) => blue > red + 60;
+    assert.match(line.color, /^#0/);
+    const data = { kind: "line", x: indices.map((i) => i / 360), y: indices.map((i) => ecg[i]) };
+    check(picture, data, isBlue);
+}
+
+function checkMap(picture, frames) {
+    const quakes = readQuakes(frames);
+    const isColored = (color) => Math.max(...color.slice(0, 3)) - Math.min(...color) > 50;
+    const [x, y, magnitude] = [0, 1, 2].map((column) => quakes.map((quake) => quake[column]));
+    const size = magnitude.map((one) => 2 + 1.8 * Math.max(one, 0));
+    check(picture, { kind: "scatter", x, y, size }, isColored);
+    const place = picture.placer();
+    const coast = readCoast().map(([longitude, latitude]) => place(longitude, latitude));
+    const isMissing = (at) => !picture.hasNear(...at.map(Math.floor));
+    assert.deepEqual(coast.filter(isMissing), []);
+}
+
+test("A thousand flushes show the data", async () => {
+    const page = await stage.page({ colorScheme: "light" });
+    const monitor = await stage.monitor("--speed", "max", "--frames", "1000");
+    await page.goto(monitor.link);
+    // It ends by itself; what it drew last stays.
+    await monitor.end({ frames: 1000, drawn: 1000, left: 0, views: 0 }, { asked: false });
+    await untilSettled(page);
+    const [ecg, map] = await pictures(page);
+    checkEcg(ecg, 1000);
+    checkMap(map, 1000 % 300);
+    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
+});
+
+test("A place picked by mouse or keyboard is named in the next frame", async () => {
+    const monitor = await stage.monitor();
+    const page = await stage.page({ colorScheme: "light" });
+    await page.goto(monitor.link);
+    await page.waitForFunction(() => globalThis.kirowebPage?.statistics?.outcomes.painted >= 5);
+    const map = page.locator(".chart").nth(1);
+    /** The place that is named, once it is another one. */
+    const picked = async (before) => {
+        const handle = await page.waitForFunction(async (old) => {
+            const [axes] = [...kirowebPage.figures.values()][1].axes.keys();
+            const { svg } = await kirowebPage.worker.ask({ kind: "vectors", axes });
+            const [, named] = svg.match(/>(M [^<]*)</g);
+            return named !== old && named;
+        }, before);
+        return handle.jsonValue();
+    };
+    await map.click({ position: { x: 300, y: 150 } });
+    const clicked = await picked();
+    for (let i = 0; i < 20; ++i) await map.press("Shift+ArrowLeft");
+    for (let i = 0; i < 20; ++i) await map.press("ArrowLeft");
+    await map.press("Enter");
+    await picked(clicked);
+    await assertClean(page);
+    await monitor.end();
+});
+
+test("A page that does not answer is named as the cause, and its latency told", async () => {
+    const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
+    stage.defer(() => rm(folder, { recursive: true }));
+    const file = join(folder, "diagnostics.json");
+    const monitor = await stage.monitor("--timeout", "1", "--diagnostics", file);
+    const page = await stage.page();
+    await page.goto(monitor.link);
+    await page.waitForFunction(() => globalThis.kirowebPage?.statistics?.outcomes.painted >= 5);
+    const wake = await stage.freeze(page);
+    await monitor.line(/timed out: client stalled/);
+    await wake();
+    await monitor.line(/client answers again/);
+    const { cause, latency } = JSON.parse(await readFile(file, "utf8"));
+    assert.equal(cause, "client stalled");
+    const { toClient, atClient, toEngine, total } = latency;
+    assert.ok(atClient.p50 > 0 && atClient.p50 <= atClient.p99, "the page's part");
+    assert.equal(toClient.last + atClient.last + toEngine.last, total.last);
+});

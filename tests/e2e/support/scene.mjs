@@ -1,0 +1,64 @@
+// The program that draws scenes for tests.
+import assert from "node:assert/strict";
+
+import { Program } from "./program.mjs";
+
+export class Scene extends Program {
+    static start(name, ...options) {
+        return Scene.run(process.env.KIROWEB_SCENES, [name, ...options.map(String)]);
+    }
+    /** What it has told of its data; a gap is NaN there. */
+    get told() {
+        const lines = this.lines.filter((line) => line.startsWith("data "));
+        return lines.map((line) =>
+            JSON.parse(line.slice(5), (_, value) => (value === null ? NaN : value)),
+        );
+    }
+    /** Has it do something that ends with a frame; what became of that. */
+    async draw(what = "draw", outcome = "painted") {
+        this.tell(what);
+        const line = await this.answer(/^frame /);
+        assert.equal(line.replace(/^frame \d+ /, ""), outcome);
+    }
+    /** Has it draw one frame after the other, and ends when one had this outcome. */
+    async stream(outcome = "painted") {
+        this.tell("stream");
+        await this.answer(new RegExp(`^frame \\d+ ${outcome}$`));
+    }
+}
+
+/** What the upper axes of the scene "live" show after so many steps, by the scene's own rule. */
+export function liveValues(steps) {
+    const first = Math.max(0, steps - 41);
+    const indices = Array.from({ length: steps - first }, (_, i) => first + i);
+    const wave = indices.map((i) => [i * 0.25, i % 9 === 4 ? NaN : Math.sin(i * 0.25)]);
+    return { 'wave, "quoted"': wave, level: indices.map((i) => [i * 0.25, 0.5]) };
+}
+
+/** Values by RFC 4180, by series; what is empty is NaN. */
+export function parseValues(csv) {
+    const [header, ...rows] = csv.trimEnd().split("\r\n");
+    assert.equal(header, "series,x,y");
+    const all = {};
+    for (const row of rows) {
+        const [, quoted, plain, x, y] = row.match(/^(?:"((?:[^"]|"")*)"|([^,]*)),([^,]*),([^,]*)$/);
+        const name = quoted?.replaceAll('""', '"') ?? plain;
+        (all[name] ??= []).push([x, y].map((cell) => (cell === "" ? NaN : Number(cell))));
+    }
+    return all;
+}
+
+/** Both have the same values, as far as 32-bit numbers can tell. */
+export function assertValues(csv, wanted) {
+    const rounded = (all) =>
+        Object.entries(all).map(([name, rows]) => [name, rows.map((row) => row.map(Math.fround))]);
+    assert.deepEqual(rounded(parseValues(csv)), rounded(wanted));
+}
+
+/** The values that the page shows in the first axes of a figure. */
+export const shownValues = (page) =>
+    page.evaluate(async () => {
+        const [figure] = kirowebPage.figures.values();
+        const [axes] = figure.axes.keys();
+        return (await kirowebPage.worker.ask({ kind: "csv", axes })).text;
+    });

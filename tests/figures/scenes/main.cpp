@@ -1,0 +1,126 @@
+// scenes NAME [TIMEOUT [UNDER_WAY]]: draws a scene for tests of the page. It prints a line for each
+// frame that was asked for, and obeys lines on standard input: "draw", "step COUNT" (and draw),
+// "stream" (step and draw until the next line), "quit".
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <queue>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "Scenes.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kirofigures::Drawn;
+using kirofigures::Outcome;
+using kirofigures::Window;
+using Step = std::function<void()>;
+
+Step stepsOf(const std::string& name, Window& window) {
+    const std::map<std::string, Step (*)(Window&)> scenes = {
+        {"kinds", [](Window& w) -> Step { return scenes::addKinds(w), [] {}; }},
+        {"cases", [](Window& w) -> Step { return scenes::addCases(w), [] {}; }},
+        {"labels", [](Window& w) -> Step { return scenes::addLabels(w), [] {}; }},
+        {"live", [](Window& w) -> Step { return scenes::addLive(w); }},
+    };
+    return scenes.at(name)(window);
+}
+
+/// Lines of standard input, which another thread reads.
+class Lines {
+  public:
+    std::optional<std::string> next() {
+        const std::lock_guard lock(fMutex);
+        if (fLines.empty()) return {};
+        std::string line = fLines.front();
+        fLines.pop();
+        return line;
+    }
+    void read() {
+        for (std::string line; std::getline(std::cin, line);) add(line);
+        add("quit");
+    }
+
+  private:
+    void add(const std::string& line) {
+        const std::lock_guard lock(fMutex);
+        fLines.push(line);
+    }
+    std::mutex fMutex;
+    std::queue<std::string> fLines;
+};
+
+class Engine {
+  public:
+    Engine(Window& window, Step step) : fWindow(window), fStep(std::move(step)) {}
+
+    void obey(const std::string& line) {
+        std::istringstream words(line);
+        std::string verb;
+        int count = 0;
+        words >> verb >> count;
+        fIsStreaming = verb == "stream";
+        fSaid.clear();
+        if (verb == "quit") fWindow.close();
+        if (verb == "step") {
+            for (int i = 0; i < count; ++i) fStep();
+        }
+        if (verb == "step" || verb == "draw") draw();
+    }
+    /// Draws, or lets things come.
+    void goOn() {
+        if (fIsStreaming) {
+            fStep();
+            draw();
+        }
+        if (!fIsStreaming || !fIsSeen) fWindow.wait(10ms);
+    }
+
+  private:
+    void draw() {
+        const Drawn drawn = fWindow.draw();
+        fIsSeen = drawn.outcome != Outcome::kNoPage;
+        std::ostringstream said;
+        said << nameOf(drawn.outcome);
+        if (!drawn.reason.empty()) said << ": " << drawn.reason;
+        // Of a stream only what is new.
+        if (!fIsStreaming || said.str() != fSaid) {
+            std::cout << "frame " << drawn.frame << ' ' << said.str() << std::endl;
+        }
+        fSaid = said.str();
+    }
+
+    Window& fWindow;
+    const Step fStep;
+    bool fIsStreaming = false;
+    bool fIsSeen = true;
+    std::string fSaid;
+};
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    kirofigures::WindowOptions options;
+    options.title = "Scenes";
+    options.opensBrowser = false;
+    if (argc > 2) options.timeout = std::chrono::duration<double>(std::stod(argv[2]));
+    if (argc > 3) options.underWay = std::stoi(argv[3]);
+    Window window(options);
+    Engine engine(window, stepsOf(argc > 1 ? argv[1] : "kinds", window));
+    const auto lines = std::make_shared<Lines>();
+    // It ends with the input, or with the process.
+    std::thread([lines] { lines->read(); }).detach();
+    while (window.isOpen()) {
+        const auto line = lines->next();
+        if (line)
+            engine.obey(*line);
+        else
+            engine.goOn();
+    }
+}
