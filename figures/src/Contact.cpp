@@ -96,17 +96,17 @@ std::optional<FrameReport> Contact::takeReport(std::uint64_t frame, std::uint64_
     return report;
 }
 
-bool Contact::hasEvents() const {
+std::size_t Contact::numEvents() const {
     const annotated::Lock lock(fState->mutex);
-    return !fState->events.empty();
+    return fState->events.size();
 }
 
-std::vector<InputEvent> Contact::takeEvents() {
+std::optional<InputEvent> Contact::takeEvent() {
     const annotated::Lock lock(fState->mutex);
-    std::vector<InputEvent> taken(std::make_move_iterator(fState->events.begin()),
-                                  std::make_move_iterator(fState->events.end()));
-    fState->events.clear();
-    return taken;
+    if (fState->events.empty()) return {};
+    std::optional<InputEvent> event(std::move(fState->events.front()));
+    fState->events.pop_front();
+    return event;
 }
 
 }  // namespace kirofigures::detail

@@ -30,9 +30,9 @@ class Contact {
     [[nodiscard]] std::uint64_t arrivals() const noexcept;
     /// What a page has said of that attempt at a frame: the first answer.
     [[nodiscard]] std::optional<FrameReport> takeReport(std::uint64_t frame, std::uint64_t attempt);
-    [[nodiscard]] bool hasEvents() const;
-    /// Oldest first.
-    [[nodiscard]] std::vector<InputEvent> takeEvents();
+    [[nodiscard]] std::size_t numEvents() const;
+    /// The oldest one; nothing if there is none.
+    [[nodiscard]] std::optional<InputEvent> takeEvent();
 
   private:
     struct State;

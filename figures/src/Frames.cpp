@@ -65,7 +65,7 @@ void Frames::send() {
             return;
         }
         for (auto& flight : fFlights) {
-            const bool isAnswered = flight.attempt > 0 && !flight.requestor->isACTPending();
+            const bool isAnswered = flight.isSent && !flight.requestor->isACTPending();
             if (!isAnswered) send(flight);
         }
     } catch (...) {
@@ -83,6 +83,7 @@ void Frames::send(Flight& flight) {
     fLatest = flight.requestor;
     fAttempts = flight.attempt;
     flight.requestor->sendACT();
+    flight.isSent = true;
 }
 
 void Frames::sendCommands(Flight& flight) {

@@ -56,6 +56,7 @@ class Frames {
         kiro::web::PubSubACTRequestor* requestor;
         std::uint64_t attempt = 0;
         Clock::time_point deadline{};
+        bool isSent = false;
     };
 
     [[nodiscard]] bool hasPage() const;

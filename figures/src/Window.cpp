@@ -215,18 +215,22 @@ void Window::Impl::wait(const std::optional<Frames::Clock::time_point>& deadline
         return !isOpen() || (deadline && surroundings.now() >= *deadline);
     };
     for (;;) {
-        Frames::waitUntil(
-            [this, &isOver] { return isOver() || contact.hasEvents() || frames.isRepeatDue(); });
+        Frames::waitUntil([this, &isOver] {
+            return isOver() || contact.numEvents() > 0 || frames.isRepeatDue();
+        });
         if (frames.isRepeatDue()) frames.repeat();
-        const bool hasCome = contact.hasEvents();
+        const bool hasCome = contact.numEvents() > 0;
         dispatch();
         if (isOver() || (!deadline && hasCome)) return;
     }
 }
 
 void Window::Impl::dispatch() {
-    for (const auto& event : contact.takeEvents()) {
-        std::visit([this](const auto& what) { handle(what); }, event);
+    // Not more than were there: a page may say something faster than it is handled. What a
+    // callback throws leaves the rest for later.
+    for (std::size_t left = contact.numEvents(); left > 0; --left) {
+        const auto event = contact.takeEvent();
+        if (event) std::visit([this](const auto& what) { handle(what); }, *event);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <sstream>
 #include <utility>
 
 #include "kiro/web/binary/DataID.hpp"
@@ -158,7 +159,13 @@ void Page::Impl::data(const json::object& command) {
            "no block");
     const auto count = command.at("count").to_number<std::size_t>();
     auto& shown = picture[command.at("id").to_number<std::uint64_t>()];
-    if (command.at("first").to_number<std::uint64_t>() == 0) shown.columns.clear();
+    const auto first = command.at("first").to_number<std::uint64_t>();
+    if (first == 0) {
+        shown.columns.clear();
+        shown.given = 0;
+    }
+    expect(first == shown.given, "elements were left out");
+    shown.given += count;
     const auto& block = blocks[id.value()];
     const char* from = block.data() + 8;
     std::size_t keep = 1'000'000;
@@ -178,6 +185,15 @@ void Page::Impl::data(const json::object& command) {
         }
     }
     expect(from == block.data() + block.size(), "a block of another size");
+    const auto* const regular = shown.properties.if_contains("regular");
+    if (regular == nullptr || shown.columns.empty()) return;
+    shown.columns.erase("x");
+    const std::size_t kept = shown.columns.begin()->second.size();
+    auto& x = shown.columns["x"];
+    for (std::size_t i = 0; i < kept; ++i) {
+        x.push_back(regular->at(0).as_double() +
+                    static_cast<double>(shown.given - kept + i) * regular->at(1).as_double());
+    }
 }
 
 Page::Page(const kirofigures::Channels& channels) : fImpl(std::make_shared<Impl>(channels)) {
@@ -244,6 +260,24 @@ std::vector<Frame> Page::frames() const {
 std::vector<std::string> Page::faults() const {
     const std::lock_guard lock(fImpl->mutex);
     return fImpl->faults;
+}
+
+std::vector<std::string> linesOf(const Picture& picture) {
+    std::vector<std::string> lines;
+    for (const auto& [id, shown] : picture) {
+        std::map<std::string, std::string> properties;  // in whatever order they came
+        for (const auto& [key, value] : shown.properties) properties[key] = json::serialize(value);
+        properties.erase("regular");  // x says it
+        std::ostringstream line;
+        line << id << " in " << shown.parent << ": " << shown.type;
+        for (const auto& [key, value] : properties) line << ' ' << key << '=' << value;
+        for (const auto& [name, values] : shown.columns) {
+            line << ' ' << name << ':';
+            for (const double value : values) line << ' ' << value;
+        }
+        lines.push_back(line.str());
+    }
+    return lines;
 }
 
 Page::Answer outcome(const std::string& outcome, const std::string& error) {

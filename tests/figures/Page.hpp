@@ -17,11 +17,14 @@ struct Shown {
     std::string type;
     std::uint64_t parent = 0;
     boost::json::object properties;
+    /// A regular x is one of them.
     std::map<std::string, std::vector<double>> columns;
-
-    friend bool operator==(const Shown&, const Shown&) = default;
+    std::uint64_t given = 0;  ///< elements since the last set
 };
 using Picture = std::map<std::uint64_t, Shown>;
+/// A line for each object. Numbers have six digits, for how many travel depends on what they travel
+/// with.
+[[nodiscard]] std::vector<std::string> linesOf(const Picture& picture);
 
 struct Frame {
     std::uint64_t number = 0;

@@ -55,10 +55,19 @@ class Band : public GrowingOf<Band> {
         appendColumns({{"x", x}, {"low", low}, {"high", high}});
         return *this;
     }
-    /// As above, instead of all data.
+    /// At the next places of a regular x; without one x counts 0, 1, 2, ...
+    Band& append(Numbers low, Numbers high) {
+        appendColumns({{"low", low}, {"high", high}});
+        return *this;
+    }
+    /// Instead of all data. REQUIRES: as many of each.
     Band& set(Numbers x, Numbers low, Numbers high) {
         setColumns({{"x", x}, {"low", low}, {"high", high}});
         return *this;
+    }
+    // Else "{1, 2}" could be a regular x as well.
+    Band& set(std::initializer_list<double> x, Numbers low, Numbers high) {
+        return set(Numbers(x), low, high);
     }
     Band& set(Regular x, Numbers low, Numbers high) {
         setColumns({{"low", low}, {"high", high}}, x);

@@ -23,7 +23,7 @@ struct WindowOptions {
     std::vector<std::string> extraOrigins;
     /// Origins whose pages may show this one in a frame ("http://localhost:8888"), as notebooks do.
     std::vector<std::string> embeddingOrigins;
-    /// How many pages may look at once.
+    /// For how many pages that look at once there is room.
     std::size_t pages = 32;
     /// A file that keeps what lets a page in, so that its tab comes back after a restart; the port
     /// has to be the same, too. Made when it is not there, and readable for its owner only. Empty:

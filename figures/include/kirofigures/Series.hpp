@@ -117,6 +117,8 @@ class PairsOf : public GrowingOf<Self> {
         this->setColumns({{"x", x}, {"y", y}});
         return this->self();
     }
+    // Else "{1, 2}" could be a regular x as well.
+    Self& set(std::initializer_list<double> x, Numbers y) { return set(Numbers(x), y); }
     /// Instead of all data; x costs no bytes.
     Self& set(Regular x, Numbers y) {
         this->setColumns({{"y", y}}, x);

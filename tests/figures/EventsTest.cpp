@@ -1,0 +1,250 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Contact.hpp"
+#include "Fixture.hpp"
+#include "PageEvents.hpp"
+#include "kirohost/Controls.hpp"
+
+namespace figures_test {
+namespace {
+
+using namespace kirofigures;
+using testing::ElementsAre;
+
+class EventsTest : public WindowTest {
+  protected:
+    EventsTest() {
+        fPage.announce();
+        // What is said between two draws arrives with the next one.
+        fWindow->figure("F");
+    }
+    void handleAll() {
+        kirohost::waitForDelivery();
+        EXPECT_EQ(drawn(), Outcome::kPainted);
+    }
+
+    std::vector<std::string> fCalls;
+};
+
+TEST_F(EventsTest, ReachTheirCallbacksOnTheEnginesThread) {
+    auto& line = axes().line().append({1, 2, 3}, {4, 5, 6});
+    auto& other = fWindow->figure().axes();
+    const auto engine = std::this_thread::get_id();
+    axes().onPick([&](const Pick& pick) {
+        EXPECT_EQ(std::this_thread::get_id(), engine);
+        fCalls.push_back("pick " + std::to_string(pick.x) +
+                         (pick.series == &line ? " of " + std::to_string(pick.index) : ""));
+    });
+    axes().onLimits([&](const View& view) {
+        fCalls.push_back("limits " + std::to_string(view.y.high) + (view.home ? " home" : ""));
+    });
+    fWindow->onKey([&](const Key& key) {
+        fCalls.push_back(key.key + (key.axes == &axes() ? " in axes" : ""));
+    });
+    handleAll();
+    EXPECT_EQ(fPage.last().picture.at(axes().id()).properties.at("picks"), true);
+    const auto id = axes().id();
+    fPage.say({{"event", "pick"}, {"axes", id}, {"x", 1.5}, {"y", 2}});
+    fPage.say(
+        {{"event", "pick"}, {"axes", id}, {"x", 3}, {"y", 6}, {"series", line.id()}, {"index", 2}});
+    fPage.say({{"event", "limits"},
+               {"axes", id},
+               {"x", {0, 1}},
+               {"y", {-1, 2}},
+               {"width", 3},
+               {"height", 4},
+               {"home", true}});
+    fPage.say({{"event", "key"}, {"key", "a"}, {"axes", id}});
+    fPage.say({{"event", "key"}, {"key", "b"}, {"axes", nullptr}});
+    // Of what is not there, or not in there.
+    for (const std::uint64_t series : {other.id(), std::uint64_t{99}}) {
+        fPage.say({{"event", "pick"},
+                   {"axes", id},
+                   {"x", 0},
+                   {"y", 0},
+                   {"series", series},
+                   {"index", 0}});
+    }
+    fPage.say({{"event", "pick"},
+               {"axes", other.id()},
+               {"x", 3},
+               {"y", 6},
+               {"series", line.id()},
+               {"index", 2}});
+    fPage.say(
+        {{"event", "pick"}, {"axes", id}, {"x", 0}, {"y", 0}, {"series", line.id()}, {"index", 3}});
+    fPage.say({{"event", "pick"}, {"axes", line.id()}, {"x", 0}, {"y", 0}});
+    fPage.say({{"event", "key"}, {"key", "c"}, {"axes", 99}});
+    handleAll();
+    EXPECT_THAT(fCalls, ElementsAre("pick 1.500000", "pick 3.000000 of 2", "limits 2.000000 home",
+                                    "a in axes", "b"));
+}
+
+// A page counts from the last set, the engine from its own; the oldest go meanwhile.
+TEST_F(EventsTest, AnElementKeepsItsNumber) {
+    auto& line = axes().line().keep(3);
+    std::vector<std::uint64_t> picked;
+    axes().onPick([&](const Pick& pick) { picked.push_back(pick.index); });
+    for (int i = 0; i < 5; ++i) line.append(i, i);
+    handleAll();
+    const auto pick = [&](int index) {
+        fPage.say({{"event", "pick"},
+                   {"axes", axes().id()},
+                   {"x", 0},
+                   {"y", 0},
+                   {"series", line.id()},
+                   {"index", index}});
+    };
+    pick(0);  // what the page was sent first is the third
+    line.append(5, 5);
+    handleAll();
+    pick(0);  // gone
+    pick(3);
+    pick(4);  // never was
+    fPage.announce();
+    handleAll();
+    pick(2);
+    handleAll();
+    EXPECT_THAT(picked, ElementsAre(5, 5));
+}
+
+TEST_F(EventsTest, AreDroppedWhenTheyAreNone) {
+    const std::string good =
+        R"({"event":"limits","axes":2,"x":[0,1],"y":[0,1],"width":1,"height":1})";
+    ASSERT_TRUE(std::holds_alternative<detail::InputEvent>(detail::readEvent(good)));
+    for (const char* text :
+         {"",
+          "{",
+          "[]",
+          "null",
+          "{}",
+          R"({"event":1})",
+          R"({"event":"other"})",
+          R"({"event":"frame","frame":0,"attempt":1})",
+          R"({"event":"frame","frame":-1,"attempt":1,"outcome":"painted"})",
+          R"({"event":"frame","frame":0.5,"attempt":1,"outcome":"painted"})",
+          R"({"event":"frame","frame":0,"attempt":1,"outcome":"late"})",
+          R"({"event":"pick","axes":2,"x":0})",
+          R"({"event":"pick","axes":"2","x":0,"y":0})",
+          R"({"event":"pick","axes":2,"x":1e999,"y":0})",
+          R"({"event":"pick","axes":2,"x":0,"y":0,"series":3})",
+          R"({"event":"limits","axes":2,"x":[1,0],"y":[0,1],"width":1,"height":1})",
+          R"({"event":"limits","axes":2,"x":[0],"y":[0,1],"width":1,"height":1})",
+          R"({"event":"limits","axes":2,"x":[0,1],"y":[0,1],"width":-1,"height":1})",
+          R"({"event":"key","key":""})",
+          R"({"event":"key","key":7})",
+          R"({"event":"control","id":1,"value":"x"})",
+          R"({"event":"control"})",
+          R"({"event":"key","key":"0123456789012345678901234567890123"})"}) {
+        EXPECT_TRUE(std::holds_alternative<std::monostate>(detail::readEvent(text))) << text;
+    }
+    const std::string deep(100'000, '[');
+    EXPECT_TRUE(std::holds_alternative<std::monostate>(detail::readEvent(deep)));
+    const std::string padded = good + std::string(100'000, ' ');
+    EXPECT_TRUE(std::holds_alternative<std::monostate>(detail::readEvent(padded)));
+    // A long error is cut, and not inside a character.
+    std::string error = "x";
+    for (int i = 0; i < 2000; ++i) error += "\xc3\xa4";
+    const auto report = detail::readEvent(
+        R"({"event":"frame","frame":0,"attempt":1,"outcome":"failed","error":")" + error + "\"}");
+    EXPECT_EQ(std::get<detail::FrameReport>(report).error.size(), 1999U + 3U);
+    // All of it also on the way in, where nothing may end the process.
+    fPage.sayText("{");
+    handleAll();
+}
+
+TEST_F(EventsTest, ThatNobodyTakesAreBoundedAndLimitsGoFirst) {
+    int views = 0;
+    int keys = 0;
+    axes().onLimits([&](const View&) { ++views; });
+    fWindow->onKey([&](const Key&) { ++keys; });
+    handleAll();
+    for (std::size_t i = 0; i < detail::Contact::kMostEvents; ++i) {
+        const auto id = axes().id();
+        fPage.say({{"event", "limits"},
+                   {"axes", id},
+                   {"x", {0, 1}},
+                   {"y", {0, 1}},
+                   {"width", 1},
+                   {"height", 1}});
+        if (i % 2 == 0) fPage.say({{"event", "key"}, {"key", "a"}});
+    }
+    handleAll();
+    EXPECT_EQ(keys, 512);
+    EXPECT_EQ(views, 512);
+}
+
+TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
+    auto& figure = fWindow->figure();
+    auto& button = figure.button("b");
+    auto& slider = figure.slider("s", 0, 10, 5).step(0.5);
+    auto& number = figure.number("n", 1);
+    auto& choice = figure.choice("c", {"one", "two"}, 1);
+    slider.onChange([&](Slider& self) { fCalls.push_back(std::to_string(self.value())); });
+    handleAll();
+    const auto use = [&](const Object& control, const boost::json::value& value) {
+        fPage.say({{"event", "control"}, {"id", control.id()}, {"value", value}});
+    };
+    fPage.say({{"event", "control"}, {"id", button.id()}});
+    use(slider, 7.5);
+    use(slider, 11);  // beyond its limits
+    use(number, -3);
+    use(choice, 0);
+    use(choice, 2);
+    use(choice, 0.5);
+    use(axes(), 1);
+    handleAll();
+    EXPECT_TRUE(button.pressed());
+    EXPECT_FALSE(button.pressed());
+    EXPECT_EQ(slider.value(), 7.5);
+    EXPECT_TRUE(slider.changed());
+    EXPECT_FALSE(slider.changed());
+    EXPECT_EQ(number.value(), -3);
+    EXPECT_EQ(choice.value(), 0U);
+    EXPECT_THAT(fCalls, ElementsAre("7.500000"));
+    // The page knows what it said; another one is told.
+    handleAll();
+    EXPECT_TRUE(fPage.last().commands.empty());
+    fPage.announce();
+    handleAll();
+    EXPECT_EQ(fPage.last().picture.at(slider.id()).properties.at("value"), 7.5);
+    slider.limits(0, 4);
+    EXPECT_EQ(slider.value(), 4);
+}
+
+TEST_F(EventsTest, CallbacksMayRemoveWhatTheyAreOfAndThrowButNotDraw) {
+    auto& button = fWindow->figure().button("b");
+    axes().onPick([this](const Pick&) { axes().remove(); });
+    button.onChange([&](Button&) { throw std::runtime_error("mine"); });
+    fWindow->onKey([&](const Key&) { EXPECT_THROW(fWindow->draw(), std::logic_error); });
+    handleAll();
+    fPage.say({{"event", "control"}, {"id", button.id()}});
+    fPage.say({{"event", "pick"}, {"axes", axes().id()}, {"x", 0}, {"y", 0}});
+    fPage.say({{"event", "key"}, {"key", "a"}});
+    kirohost::waitForDelivery();
+    EXPECT_THROW(fWindow->draw(), std::runtime_error);
+    // What came behind it is still there.
+    fWindow->wait();
+    handleAll();
+    EXPECT_EQ(fPage.last().picture.size(), 4U);
+}
+
+TEST_F(EventsTest, EndAWaitOfNoLengthAndAreHandledInOneOfSome) {
+    fWindow->onKey([&](const Key& key) {
+        fCalls.push_back(key.key);
+        advance(std::chrono::seconds(1));
+    });
+    handleAll();
+    fPage.say({{"event", "key"}, {"key", "a"}});
+    fWindow->wait();
+    fPage.say({{"event", "key"}, {"key", "b"}});
+    fWindow->wait(std::chrono::seconds(1));
+    EXPECT_THAT(fCalls, ElementsAre("a", "b"));
+}
+
+}  // namespace
+}  // namespace figures_test

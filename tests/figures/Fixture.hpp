@@ -1,0 +1,66 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "Page.hpp"
+#include "Surroundings.hpp"
+#include "kirofigures/Window.hpp"
+
+namespace figures_test {
+
+/// The message of the std::invalid_argument that `operation` throws; "" if it throws none.
+template <typename Operation>
+std::string refusalOf(const Operation& operation) {
+    try {
+        operation();
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+    return {};
+}
+
+/// A window with a page in the same process. Its clock stands until a test moves it.
+class WindowTest : public testing::Test {
+  protected:
+    explicit WindowTest(const kirofigures::WindowOptions& options = quiet())
+        : fWindow(kirofigures::detail::Surroundings::open(options, surroundings())),
+          fPage(fWindow->channels()) {}
+    ~WindowTest() override {
+        for (const auto& fault : fPage.faults()) ADD_FAILURE() << fault;
+    }
+
+    static kirofigures::WindowOptions quiet() {
+        kirofigures::WindowOptions options;
+        options.serves = false;
+        options.handlesSignals = false;
+        return options;
+    }
+
+    kirofigures::Axes& axes() {
+        if (fAxes == nullptr) fAxes = &fWindow->figure("F").axes("A");
+        return *fAxes;
+    }
+    kirofigures::Outcome drawn() { return fWindow->draw().outcome; }
+
+    void advance(std::chrono::seconds time) { fNow = fNow.load() + time; }
+
+    std::atomic<bool> fIsPageGone = false;
+    std::atomic<std::chrono::steady_clock::duration> fNow{};
+    std::unique_ptr<kirofigures::Window> fWindow;
+    Page fPage;
+
+  private:
+    kirofigures::detail::Surroundings surroundings() {
+        return {[this] { return fIsPageGone.load(); }, [] { return "the cause"; },
+                [this] { return std::chrono::steady_clock::time_point(fNow.load()); }};
+    }
+
+    kirofigures::Axes* fAxes = nullptr;
+};
+
+}  // namespace figures_test

@@ -1,0 +1,324 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <boost/json/array.hpp>
+#include <boost/json/serialize.hpp>
+#include <limits>
+#include <span>
+#include <vector>
+
+#include "Column.hpp"
+#include "Fixture.hpp"
+#include "Store.hpp"
+#include "Text.hpp"
+#include "kirohost/Controls.hpp"
+
+namespace figures_test {
+namespace {
+
+using namespace kirofigures;
+using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr double kGap = std::numeric_limits<double>::quiet_NaN();
+
+class SeriesTest : public WindowTest {
+  protected:
+    SeriesTest() { fPage.announce(); }
+
+    /// The frame that brings the page up to date.
+    Frame frame() {
+        EXPECT_EQ(drawn(), Outcome::kPainted);
+        return fPage.last();
+    }
+    std::vector<double> column(const Series& series, const char* name) {
+        return frame().picture.at(series.id()).columns.at(name);
+    }
+    /// "cmd key key ..." of each command, without those of the object's number.
+    std::vector<std::string> sent() {
+        std::vector<std::string> lines;
+        for (const auto& command : frame().commands) {
+            auto line = std::string(command.at("cmd").as_string());
+            for (const auto& [key, value] : command) {
+                if (key != "cmd" && key != "id" && key != "data") {
+                    line += ' ' + std::string(key) + '=' + boost::json::serialize(value);
+                }
+            }
+            lines.push_back(line);
+        }
+        return lines;
+    }
+    /// After a reload the page must know what it knew.
+    void expectThatALatePageIsTold() {
+        const auto before = linesOf(frame().picture);
+        fPage.announce();
+        kirohost::waitForDelivery();
+        EXPECT_EQ(linesOf(frame().picture), before);
+    }
+};
+
+TEST_F(SeriesTest, OnlyChangesTravel) {
+    auto& first = axes().line("first").append(1, 2);
+    auto& second = axes().line("second").set(std::vector{1.0, 2.0}, std::vector{3.0, 4.0});
+    frame();
+    EXPECT_THAT(sent(), ElementsAre());
+    first.width(3).width(3).color("#102030");
+    second.append(3, 5);
+    EXPECT_THAT(sent(), ElementsAre(R"(set width=3E0 color="#102030")",
+                                    R"(data first=2 count=1 columns=[["x","f32"],["y","f32"]])"));
+    // What is as it was does not.
+    first.width(3);
+    axes().title("A");
+    EXPECT_THAT(sent(), ElementsAre());
+    axes().y().label("L", "V").limits(0, 1);
+    axes().vertical(2.5).name("mark");
+    EXPECT_THAT(sent(), ElementsAre(R"(set y={"label":"L","unit":"V","limits":[0E0,1E0]})",
+                                    testing::StartsWith("create ")));
+    first.remove();
+    EXPECT_THAT(sent(), ElementsAre("remove"));
+    expectThatALatePageIsTold();
+}
+
+TEST_F(SeriesTest, APropertyCanBeGivenBack) {
+    auto& line = axes().line().steps(Steps::kAfter);
+    EXPECT_EQ(frame().picture.at(line.id()).properties.at("steps"), "after");
+    line.steps(Steps::kNone);
+    EXPECT_THAT(sent(), ElementsAre("set steps=null"));
+    auto& mark = axes().horizontal(1);
+    mark.span(1, 2);
+    const auto properties = frame().picture.at(mark.id()).properties;
+    EXPECT_FALSE(properties.contains("at"));
+    EXPECT_EQ(properties.at("span"), (boost::json::array{1.0, 2.0}));
+}
+
+TEST_F(SeriesTest, TakesNumbersOfBothPrecisionsFromAnyRange) {
+    auto& line = axes().line();
+    line.append(1.5F, 2);
+    line.append(std::array{2.5F, 3.5F}, std::vector{4.0, kGap});
+    const double more[] = {0.1, 0.2};
+    line.append({4.5, 5.5}, std::span(more));
+    EXPECT_THAT(column(line, "x"), ElementsAre(1.5, 2.5, 3.5, 4.5, 5.5));
+    EXPECT_THAT(column(line, "y"), ElementsAre(2, 4, testing::IsNan(), 0.1F, 0.2F));
+    line.set({7, 8}, {9, 10});
+    EXPECT_THAT(column(line, "x"), ElementsAre(7, 8));
+    line.clear();
+    EXPECT_TRUE(frame().picture.at(line.id()).columns.empty());
+    line.append(1, 2);
+    EXPECT_THAT(column(line, "x"), ElementsAre(1));
+    expectThatALatePageIsTold();
+}
+
+TEST(Precision, IsHalvedWhereNobodySeesIt) {
+    using detail::travelAsFloats;
+    constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    const struct {
+        std::vector<double> values;
+        bool asX;
+        bool asY;
+    } kCases[] = {
+        {{}, true, true},
+        {{1, 2.5, kGap, kInfinity}, true, true},
+        {{0.1, 0.2}, false, true},
+        {{0.1}, false, false},                   // no stretch to be small beside
+        {{8.1, 7.1}, false, false},              // 8.1 times the stretch
+        {{7.9, 6.9}, false, true},               // 7.9 times
+        {{-7.9, -6.9, kInfinity}, false, true},  // infinities do not count
+        {{1.7e9 + 0.1, 1.7e9 + 0.2}, false, false},
+        {{1e300, -1e300}, false, false},  // beyond what 32 bits can say
+        {{1e-300, -1e-300}, false, false},
+        {{16777217, 0}, false, true},
+    };
+    for (const auto& [values, asX, asY] : kCases) {
+        EXPECT_EQ(travelAsFloats(values, true), asX) << testing::PrintToString(values);
+        EXPECT_EQ(travelAsFloats(values, false), asY) << testing::PrintToString(values);
+    }
+}
+
+TEST_F(SeriesTest, TimeStampsKeepTheirDigitsAndARegularXCostsNone) {
+    auto& line = axes().line();
+    line.set(std::vector{1.7e9 + 0.001, 1.7e9 + 0.002}, std::vector{0.1, 0.2});
+    EXPECT_THAT(sent().back(), HasSubstr(R"(columns=[["x","f64"],["y","f32"]])"));
+    EXPECT_THAT(column(line, "x"), ElementsAre(1.7e9 + 0.001, 1.7e9 + 0.002));
+    // The wide column goes first, whatever it is.
+    line.set(std::vector{1.0, 2.0}, std::vector{1e9 + 0.1, 1e9 + 0.2});
+    EXPECT_THAT(sent().back(), HasSubstr(R"(columns=[["y","f64"],["x","f32"]])"));
+    line.set(Regular{10, 0.5}, std::vector{1.0F, 2.0F, 3.0F}).keep(4);
+    EXPECT_THAT(sent().back(), HasSubstr(R"(count=3 columns=[["y","f32"]])"));
+    line.append({4, 5, 6});
+    const auto shown = frame().picture.at(line.id());
+    EXPECT_THAT(shown.columns.at("y"), ElementsAre(3, 4, 5, 6));
+    EXPECT_EQ(shown.properties.at("regular"), (boost::json::array{10.0, 0.5}));
+    // A late page counts from the first one that it gets.
+    fPage.announce();
+    kirohost::waitForDelivery();
+    EXPECT_EQ(frame().picture.at(line.id()).properties.at("regular"),
+              (boost::json::array{11.0, 0.5}));
+    EXPECT_THAT(refusalOf([&] { line.append(1, 2); }), HasSubstr("x is regular"));
+    line.set(1, 2);
+    EXPECT_FALSE(frame().picture.at(line.id()).properties.contains("regular"));
+    auto& counted = axes().line().append(5).append(6);
+    EXPECT_EQ(frame().picture.at(counted.id()).properties.at("regular"),
+              (boost::json::array{0.0, 1.0}));
+}
+
+TEST_F(SeriesTest, OnlyTheNewestAreKept) {
+    auto& line = axes().line().keep(3);
+    for (int i = 0; i < 10; ++i) line.append(i, i);
+    EXPECT_THAT(column(line, "x"), ElementsAre(7, 8, 9));
+    // More at once than are kept, and more than the page has had.
+    line.append({10, 11, 12, 13, 14}, {0, 1, 2, 3, 4});
+    EXPECT_THAT(column(line, "y"), ElementsAre(2, 3, 4));
+    line.append(15, 5);
+    EXPECT_THAT(column(line, "y"), ElementsAre(3, 4, 5));
+    line.keep(2);
+    line.append(16, 6);
+    EXPECT_THAT(column(line, "y"), ElementsAre(5, 6));
+    EXPECT_EQ(line.size(), 2U);
+    expectThatALatePageIsTold();
+}
+
+TEST_F(SeriesTest, WhatIsOlderThanAStretchGoes) {
+    auto& line = axes().line().keep(std::chrono::milliseconds(1500));
+    auto& regular = axes().line().set(Regular{0, 0.5}, {0}).keepNewest(1);
+    for (int i = 0; i < 6; ++i) {
+        line.append({0.5 * i, kGap}, std::vector(2, 1.0 * i));
+        regular.append(i);
+        frame();
+    }
+    line.append(2.75, 6);
+    EXPECT_THAT(column(line, "y"), ElementsAre(3, 3, 4, 4, 5, 5, 6));
+    EXPECT_THAT(column(regular, "y"), ElementsAre(3, 4, 5));
+    expectThatALatePageIsTold();
+}
+
+// A bound that costs a move of everything for each element would make long runs slow.
+TEST(Column, MovesEachElementAtMostOnce) {
+    detail::Store store;
+    store.keep(1000);
+    const std::vector<double> one{1};
+    const double* place = nullptr;
+    int moves = 0;
+    for (int i = 0; i < 20'000; ++i) {
+        store.append({{"x", std::span(one)}, {"y", std::span(one)}});
+        const auto delta = store.delta(true);
+        const auto* first = std::get<std::span<const double>>(delta->parts.front().numbers).data();
+        moves += place != nullptr && first != place + 1 && first != place ? 1 : 0;
+        place = first;
+    }
+    EXPECT_LT(moves, 50);
+}
+
+TEST_F(SeriesTest, OfEachKindHasItsColumnsAndProperties) {
+    axes().area("a").append(1, 2).base(-1).opacity(0.5).width(0);
+    axes().band("b").append(1, 2, 3).opacity(1);
+    axes().scatter("s").append(1, 2, {.size = 4, .value = 0.5}).limits(0, 1).colorBar();
+    axes().bars("c").append(1, 2).base(1).width(0.5);
+    axes().errorBars("e").append(1, 2, 0.1, 0.2).cap(0).width(1);
+    axes().outline("o").set({1, kGap}, {2, kGap}).width(2);
+    axes().polygon("p").set({1, 2}, {2, 3}).opacity(0.1).onSecondAxis();
+    axes().image("i").set(1, 2, {0.5, 1}).x(0, 1).y(2, 3).colorMap(ColorMap::kGray);
+    axes().text(1, 2, "t").anchor(Anchor::kCenter).fontSize(20).atFraction(0.5, 0.5);
+    axes().line("l").dash(Dash::kDotted).visible(false);
+    std::map<std::string, std::string> columns;
+    for (const auto& [id, shown] : frame().picture) {
+        auto& names = columns[shown.type];
+        for (const auto& [name, values] : shown.columns) names += name + ' ';
+    }
+    EXPECT_EQ(columns, (std::map<std::string, std::string>{{"area", "x y "},
+                                                           {"axes", ""},
+                                                           {"band", "high low x "},
+                                                           {"bars", "x y "},
+                                                           {"errorBars", "minus plus x y "},
+                                                           {"figure", ""},
+                                                           {"image", "z "},
+                                                           {"line", ""},
+                                                           {"outline", "x y "},
+                                                           {"polygon", "x y "},
+                                                           {"scatter", "size value x y "},
+                                                           {"text", ""}}));
+    expectThatALatePageIsTold();
+}
+
+TEST_F(SeriesTest, AnImageIsKeptWholeHoweverLarge) {
+    auto& image = axes().image();
+    const std::vector<std::uint8_t> bytes(1'000'001, 7);
+    image.set(1, bytes.size(), bytes);
+    const auto shown = frame().picture.at(image.id());
+    EXPECT_EQ(shown.columns.at("z").size(), bytes.size());
+    EXPECT_EQ(shown.properties.at("rows"), 1);
+    EXPECT_EQ(shown.properties.at("keep"), 1'000'001);
+    EXPECT_THAT(refusalOf([&] { image.set(2, 3, bytes); }), HasSubstr("2 rows of 3"));
+}
+
+// Each names figure, axes and series, and changes nothing.
+TEST_F(SeriesTest, WhatCannotBeMeantIsRefused) {
+    auto& line = axes().line("l").append(1, 2);
+    auto& scatter = axes().scatter().append(1, 2, {.size = 3});
+    auto& log = axes().y2().scale(Scale::kLog);
+    auto& slider = fWindow->figure("G").slider("s", 0, 1, 0.5);
+    const auto before = linesOf(frame().picture);
+    const std::vector<std::pair<std::function<void()>, const char*>> cases{
+        {[&] {
+             line.append({1, 2}, 3);
+         },
+         R"(line "l": x has 2 elements, y has 1)"},
+        {[&] { line.append(5); }, R"(line "l": has the columns x, y, and was given y)"},
+        {[&] {
+             line.set(Regular{0, 0}, 1);
+         },
+         R"(line "l": a regular x)"},
+        {[&] {
+             line.set(Regular{kGap, 1}, 1);
+         },
+         R"(line "l": a regular x)"},
+        {[&] { line.color("red"); }, R"(line "l": color "red" is none)"},
+        {[&] { line.color("#12345g"); }, "color"},
+        {[&] { line.name("\xc0\x80"); }, R"(line "l": name is not UTF-8)"},
+        {[&] { line.width(0); }, "width has to be above 0"},
+        {[&] { line.width(kGap); }, "width has to be a number"},
+        {[&] { line.keep(0); }, "keep"},
+        {[&] { line.keepNewest(kGap); }, "keep"},
+        {[&] { scatter.append(1, 2); }, "scatter 1: has the columns x, y, size, and was given x"},
+        {[&] { scatter.limits(1, 1); }, "limits"},
+        {[&] { axes().area().opacity(1.5); }, "opacity is above 1"},
+        {[&] { axes().line("\xff"); }, "line 2: name"},
+        {[&] { axes().x().limits(kGap, 1); }, "x: limits"},
+        {[&] { axes().x().follow(-1); }, "x: follow"},
+        {[&] {
+             axes().x().ticks({{kGap, "a"}});
+         },
+         "x: a tick"},
+        {[&] { log.limits(0, 1); }, "y2: limits of a logarithmic axis"},
+        {[&] { axes().horizontal(kGap); }, "at has to be a number"},
+        {[&] { fWindow->figure("\xff"); }, "figure 3: title"},
+    };
+    for (const auto& [operation, text] : cases) {
+        const auto refusal = refusalOf(operation);
+        EXPECT_THAT(refusal, HasSubstr(text));
+        EXPECT_THAT(refusal, testing::StartsWith("figure ")) << text;
+    }
+    EXPECT_EQ(refusalOf([&] { line.color("red"); }).find(R"(figure "F", axes "A", line "l": )"),
+              0U);
+    EXPECT_THAT(refusalOf([&] { slider.value(2); }), HasSubstr(R"(figure "G", slider "s": value)"));
+    auto after = frame().picture;
+    // The area that was made before it was refused an opacity.
+    std::erase_if(after, [](const auto& one) { return one.second.type == "area"; });
+    EXPECT_EQ(linesOf(after), before);
+}
+
+TEST(Text, IsUTF8OrIsNot) {
+    for (const char* text :
+         {"", "a", "\xc2\x80", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xf4\x8f\xbf\xbf"}) {
+        EXPECT_TRUE(detail::isUTF8(text)) << text;
+    }
+    for (const char* text :
+         {"\x80", "\xc1\xbf", "\xc2", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xe1\x80",
+          "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xe1\x80z"}) {
+        EXPECT_FALSE(detail::isUTF8(text)) << text;
+    }
+}
+
+}  // namespace
+}  // namespace figures_test
