@@ -84,7 +84,7 @@ export function colorLimitsOf({ properties, columns }) {
     if (properties.limits) return properties.limits;
     const values = columns.z ?? columns.value;
     if (!values) return [0, 1];
-    if (values.elements instanceof Uint8Array) return [0, 255];
+    if (columns.z?.elements instanceof Uint8Array) return [0, 255];
     const [low, high] = values.extremes(values.begin, values.end);
     if (low < high) return [low, high];
     return low === high ? [low - 0.5, high + 0.5] : [0, 1];

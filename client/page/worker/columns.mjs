@@ -266,12 +266,11 @@ export class RegularColumn {
         const ends = [this.at(from), this.at(to - 1)].sort((a, b) => a - b);
         if (ends[0] > least) return [ends[0], ends[1]];
         if (!(ends[1] > least)) return [Infinity, -Infinity];
-        // Of a logarithmic axis: the first that is above it, from either end.
-        const past = Math.floor((least - this.#start) / this.#step) + (this.#step > 0 ? 1 : 0);
-        return [
-            this.at(past) > least ? this.at(past) : this.at(past - Math.sign(this.#step)),
-            ends[1],
-        ];
+        // Of a logarithmic axis: the lowest that is above it, from either end.
+        const nearest = Math.floor((least - this.#start) / this.#step);
+        let index = Math.min(Math.max(nearest, from), to - 1);
+        while (!(this.at(index) > least)) index += Math.sign(this.#step);
+        return [this.at(index), ends[1]];
     }
     /** @param {number} value @param {number} [from] */
     lowerBound(value, from = this.begin) {

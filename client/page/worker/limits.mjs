@@ -94,23 +94,21 @@ function seriesOf(group, hidden) {
 function byEngine({ scale, limits }, series, extent, isRounded) {
     const isLog = scale === "log";
     if (Array.isArray(limits)) return usable(/** @type {Range} */ (limits), isLog);
-    let low = Infinity;
-    let high = -Infinity;
-    for (const one of series) {
-        if (limits?.follow && !one.firstColumn) continue;
-        const { range, margin } = extent(one);
-        const [from, to] = limits?.follow ? range : widened(range, margin, isLog);
-        low = Math.min(low, from);
-        high = Math.max(high, to);
-    }
+    const counted = limits?.follow ? series.filter((one) => one.firstColumn) : series;
+    const extents = counted.map(extent);
+    const low = Math.min(...extents.map(({ range }) => range[0]));
+    const high = Math.max(...extents.map(({ range }) => range[1]));
     if (limits?.follow) {
-        if (high === -Infinity) return usable([0, limits.follow], isLog);
-        return usable([high - limits.follow, high], isLog);
+        const end = high === -Infinity ? limits.follow : high;
+        return usable([end - limits.follow, end], isLog);
     }
     if (low > high) return isLog ? NONE_LOG : NONE;
+    // Those at the ends say how much room there is.
+    const below = extents.filter(({ range }) => range[0] === low).map(({ margin }) => margin[0]);
+    const above = extents.filter(({ range }) => range[1] === high).map(({ margin }) => margin[1]);
+    const all = widened([low, high], [Math.max(...below), Math.max(...above)], isLog);
     const hasImage = series.some((one) => one.type === "image");
-    const isEven = isRounded && !isLog && !hasImage && low < high;
-    return usable(isEven ? rounded([low, high]) : [low, high], isLog);
+    return usable(isRounded && !isLog && !hasImage ? rounded(all) : all, isLog);
 }
 
 /** @param {Range} range @param {[number, number]} margins shares of it, at its ends
@@ -124,6 +122,7 @@ function widened([low, high], [below, above], isLog) {
 
 /** Outwards. @param {Range} range @returns {Range} */
 function rounded([low, high]) {
+    if (!(low < high)) return [low, high];
     const least = (high - low) / STEPS_IN_RANGE;
     const unit = 10 ** Math.floor(Math.log10(least));
     const step = unit * (STEPS.find((one) => one * unit >= least) ?? 1);

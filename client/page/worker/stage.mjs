@@ -58,12 +58,6 @@ export class Stage {
         this.#drawAll();
     }
 
-    /** Forgets what somebody chose in a scene that is gone. */
-    reset() {
-        this.views.clear();
-        this.hidden.clear();
-    }
-
     /** @param {Theme} theme */
     setTheme(theme) {
         this.theme = theme;
@@ -129,10 +123,17 @@ export class Stage {
     announce() {
         if (!this.#scene.isRestructured) return;
         this.#scene.isRestructured = false;
+        this.#prune();
         this.#awaited = ++this.#stamp;
         this.#told = "";
         const figures = describe(this.#scene, this, this.limits());
         this.#post({ kind: "scene", stamp: this.#stamp, figures });
+    }
+
+    /** Forgets what somebody chose for objects that are gone. */
+    #prune() {
+        for (const axes of this.views.keys()) if (!this.#scene.find(axes)) this.views.delete(axes);
+        for (const id of this.hidden) if (!this.#scene.find(id)) this.hidden.delete(id);
     }
 
     /** @param {number} stamp of the scene that was laid out */

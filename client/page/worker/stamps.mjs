@@ -134,7 +134,7 @@ export class PointPicture {
         const colors = new Uint32Array(1 << OPAQUE);
         const bytes = new Uint8ClampedArray(colors.buffer);
         const [red, green, blue, alpha] = channelsOf(color);
-        for (let level = 0; level <= OPAQUE; ++level) {
+        for (let level = 1; level <= OPAQUE; ++level) {
             bytes.set([red, green, blue, (alpha * level) / OPAQUE], ((1 << level) - 1) * 4);
         }
         const levels = new Uint8Array(this.#words.buffer);

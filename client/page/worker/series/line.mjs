@@ -9,6 +9,9 @@ import { isDrawable, tracePath } from "./path.mjs";
 
 /** Elements for a column of pixels, from which on a line is dense. */
 const DENSE = 2;
+/** The same for a line that winds: it goes up and down over so many heights of the picture. */
+const WINDING = 0.25;
+const LONG = 20;
 /** In widths of the line. */
 const DASHES = { solid: [], dashed: [4, 3], dotted: [0.01, 2] };
 
@@ -35,7 +38,8 @@ export function strokeSeries(series, place, { thickness, steps, dash }) {
     const { places, columns } = series;
     if (!places || !columns.y) return;
     const [from, to] = visiblePart(places, place.x.limits);
-    if (places.isSorted && to - from > DENSE * place.width) {
+    const isDense = to - from > DENSE * place.width || isWinding(columns.y, from, to, place);
+    if (places.isSorted && isDense) {
         const cover = coverOf(series, place, steps);
         if (cover) fillCover(cover, place, thickness);
         return;
@@ -46,6 +50,17 @@ export function strokeSeries(series, place, { thickness, steps, dash }) {
     const extent = [Math.max(from - 1, places.begin), Math.min(to + 1, places.end)];
     tracePath(places, columns.y, [extent[0], extent[1]], place, steps);
     place.context.stroke();
+}
+
+/** Whether a line goes up and down so often that stroking it takes long.
+ * @param {import("../columns.mjs").Column} values @param {number} from index @param {number} to
+ * @param {Place} place */
+function isWinding(values, from, to, { y, width, height }) {
+    if (to - from < WINDING * width) return false;
+    const pixels = y.toPixels(values, from, to, new Float64Array(to - from));
+    let way = 0;
+    for (let i = 1; i < pixels.length; ++i) way += Math.abs(pixels[i] - pixels[i - 1]) || 0;
+    return way > LONG * height;
 }
 
 /** @param {Pick<Item, "places" | "columns">} series whose places are sorted @param {Place} place @param {string | null} steps

@@ -1,0 +1,192 @@
+// Columns and their reduction to columns of pixels, against what can be seen by going through
+// everything.
+import assert from "node:assert/strict";
+import { test } from "node:test";
+
+import { Column, RegularColumn, elementsOf } from "../../../client/page/worker/columns.mjs";
+import { Cover, columnBounds } from "../../../client/page/worker/decimate.mjs";
+import { Scale } from "../../../client/page/worker/scale.mjs";
+import { Random } from "./support/random.mjs";
+
+const TYPES = [Uint8Array, Float32Array, Float64Array];
+
+/** Goes through everything. */
+function extremesOf(values, least = -Infinity) {
+    const counted = values.filter((value) => Number.isFinite(value) && value > least);
+    return [Math.min(...counted), Math.max(...counted)];
+}
+
+/** All elements that a column has. */
+const elementsIn = (column) =>
+    Array.from({ length: column.end - column.begin }, (_, i) => column.at(column.begin + i));
+
+test("A column keeps the newest elements under their indices, in the wider type, and their extremes", () => {
+    for (let seed = 1; seed <= 60; ++seed) {
+        const random = new Random(seed);
+        const keep = [1, 100, 700, 3000][random.below(4)];
+        let widest = random.below(3);
+        const draw = (Type) => Type.from(random.values(random.below(900), -5, 250));
+        const all = [...draw(TYPES[widest])];
+        const column = new Column(TYPES[widest].from(all));
+        column.forget(keep);
+        let snapshot = null;
+        for (let turn = 0; turn < 12; ++turn) {
+            const type = random.below(3);
+            const added = draw(TYPES[type]);
+            const before = random.below(4) === 0 ? [column.snapshot(), elementsIn(column)] : null;
+            column.append(added, keep);
+            widest = Math.max(widest, type);
+            all.push(...added);
+            const end = all.length;
+            const kept = all.slice(Math.max(0, end - keep));
+            assert.deepEqual([column.end, elementsIn(column)], [end, kept]);
+            assert.ok(column.elements instanceof TYPES[widest]);
+            assert.ok(column.elements.length <= 1.5 * (keep + added.length + 256) + 1024);
+            for (let probe = 0; probe < 4; ++probe) {
+                const from = column.begin + random.below(kept.length + 1);
+                const to = from + random.below(end - from + 1);
+                const least = [-Infinity, 0, 100][random.below(3)];
+                const expected = extremesOf(all.slice(from, to), least);
+                assert.deepEqual(column.extremes(from, to, least), expected);
+            }
+            // What somebody else looks at stays, whatever is appended and forgotten.
+            snapshot ??= before;
+            if (snapshot) assert.deepEqual(elementsIn(snapshot[0]), snapshot[1]);
+        }
+    }
+});
+
+test("Places are sorted while none is less than one before it, and are found then", () => {
+    const random = new Random(7);
+    const sorted = random.values(2000, 0, 50, 0).sort((a, b) => a - b);
+    const rule = new RegularColumn([-3, 0.1], { begin: 40, end: 1500 });
+    const column = new Column(Float64Array.from(sorted.slice(0, 900)));
+    assert.ok(column.isSorted);
+    column.append(Float64Array.from(sorted.slice(900)), 1300);
+    assert.ok(column.isSorted && rule.isSorted);
+    for (const places of [column, rule]) {
+        for (const value of [-9, 0, sorted[1500], rule.at(700), rule.at(41), 49.99, 1e3]) {
+            const values = elementsIn(places);
+            const first = values.findIndex((one) => one >= value);
+            const expected = first < 0 ? places.end : places.begin + first;
+            assert.equal(places.lowerBound(value), expected);
+            assert.equal(places.lowerBound(value, places.end), places.end);
+        }
+        const [from, to] = [places.begin + 3, places.end - 2];
+        const values = elementsIn(places).slice(3, -2);
+        for (const least of [-Infinity, 0, 1e9]) {
+            assert.deepEqual(places.extremes(from, to, least), extremesOf(values, least));
+        }
+    }
+    column.append(Float64Array.of(49), 1300);
+    assert.ok(!column.isSorted);
+    assert.ok(!new Column(Float64Array.of(NaN, 1)).isSorted);
+    assert.ok(!new Column(Float64Array.of(1, NaN)).isSorted);
+    const backwards = new RegularColumn([5, -1], { begin: 0, end: 9 });
+    assert.deepEqual([backwards.isSorted, backwards.extremes(0, 9, 0)], [false, [1, 5]]);
+});
+
+test("Elements of a block are not copied where they are aligned", () => {
+    const block = new Uint8Array(32);
+    new DataView(block.buffer).setFloat32(12, 1.5, true);
+    assert.equal(elementsOf("f32", block, 12, 1)[0], 1.5);
+    assert.equal(elementsOf("f32", block, 12, 1).buffer, block.buffer);
+    assert.equal(elementsOf("f32", block.subarray(3), 9, 1)[0], 1.5);
+});
+
+/** A line to be drawn 300 pixels wide and 200 high, with its scales. */
+function makeLine(random, { isLog }) {
+    const count = 500 + random.below(4000);
+    const x = random.values(count, -20, 130, 0).sort((a, b) => a - b);
+    const y = random.values(count, isLog ? -5 : -50, 60, 0.1);
+    return {
+        places: new Column(Float64Array.from(x)),
+        values: new Column(Float64Array.from(y)),
+        x: new Scale("linear", [0, 100], 0, 300),
+        y: new Scale(isLog ? "log" : "linear", isLog ? [0.1, 60] : [-50, 60], 200, 0),
+    };
+}
+
+test("A column of pixels has the true extremes of its elements; a missing one empties none", () => {
+    for (let seed = 1; seed <= 20; ++seed) {
+        const { places, values, x, y } = makeLine(new Random(seed), { isLog: seed % 2 === 0 });
+        const bounds = columnBounds(places, x, 300);
+        const cover = new Cover(300);
+        cover.addElements(values, bounds, y);
+        for (let column = 0; column < 300; ++column) {
+            const [left, right] = [x.toValue(column), x.toValue(column + 1)];
+            const inside = elementsIn(places)
+                .map((place, i) => (place >= left && place < right ? values.at(i) : NaN))
+                .filter((value) => Number.isFinite(value) && value > y.least)
+                .map((value) => y.toPixel(value));
+            const found =
+                inside.length > 0 ? [Math.min(...inside), Math.max(...inside)] : [NaN, NaN];
+            assert.deepEqual([cover.tops[column], cover.bottoms[column]], found);
+        }
+    }
+});
+
+/** What a line covers of a column, by walking along it in small steps. */
+function coveredByWalking(points, column) {
+    let [top, bottom] = [Infinity, -Infinity];
+    for (let i = 1; i < points.length; ++i) {
+        const [[x0, y0], [x1, y1]] = [points[i - 1], points[i]];
+        if (![x0, y0, x1, y1].every(Number.isFinite)) continue;
+        const [from, to] = [Math.max(x0, column), Math.min(x1, column + 1)];
+        if (from > to) continue;
+        const at = (x) => (x1 > x0 ? y0 + ((x - x0) / (x1 - x0)) * (y1 - y0) : y0);
+        for (const y of [at(from), x1 > x0 ? at(to) : y1]) {
+            top = Math.min(top, y);
+            bottom = Math.max(bottom, y);
+        }
+    }
+    return [top, bottom];
+}
+
+test("Elements are connected across columns of pixels, by steps too, but not across a gap", () => {
+    for (const steps of [null, "after", "before", "middle"]) {
+        const random = new Random(3);
+        // In places dense, in places with whole columns between two elements.
+        const near = [...random.values(600, 5, 60, 0), ...random.values(40, 60, 105, 0)];
+        const place = Float64Array.from(near).sort();
+        const value = Float64Array.from(random.values(640, 0, 100, 0.1));
+        const places = new Column(place);
+        const values = new Column(value);
+        const x = new Scale("linear", [0, 100], 0, 100);
+        const y = new Scale("linear", [0, 100], 50, 0);
+        const bounds = columnBounds(places, x, 100);
+        const cover = new Cover(100);
+        cover.addElements(values, bounds, y);
+        cover.addConnections(places, values, bounds, { x, y }, steps);
+        const points = [];
+        for (let i = 0; i < place.length; ++i) {
+            const here = [place[i], y.toPixel(value[i])];
+            const last = points.at(-1);
+            const turn = { after: here[0], before: last?.[0], middle: (last?.[0] + here[0]) / 2 };
+            const isJoined = last && Number.isFinite(last[1]) && Number.isFinite(here[1]);
+            if (steps && isJoined) points.push([turn[steps], last[1]], [turn[steps], here[1]]);
+            points.push(here);
+        }
+        for (let column = 0; column < 100; ++column) {
+            // A single element between two gaps is there, though nothing leads to it.
+            const alone = points.filter(([at]) => at >= column && at < column + 1 && at < 100);
+            const ends = alone.map(([, one]) => one).filter(Number.isFinite);
+            const [walkedTop, walkedBottom] = coveredByWalking(points, column);
+            const top = Math.min(walkedTop, ...ends);
+            const bottom = Math.max(walkedBottom, ...ends);
+            const isEmpty = !(top <= bottom);
+            assert.equal(Number.isNaN(cover.tops[column]), isEmpty, `${steps} ${column}`);
+            if (isEmpty) continue;
+            assert.ok(Math.abs(cover.tops[column] - top) < 1e-9, `${steps} ${column}`);
+            assert.ok(Math.abs(cover.bottoms[column] - bottom) < 1e-9, `${steps} ${column}`);
+        }
+    }
+});
+
+test("A thick line is as thick to its sides as up and down", () => {
+    const cover = new Cover(7);
+    cover.tops[3] = cover.bottoms[3] = 10;
+    cover.thicken(3);
+    assert.deepEqual([...cover.tops], [NaN, NaN, 8.5, 8.5, 8.5, NaN, NaN]);
+    assert.deepEqual([...cover.bottoms], [NaN, NaN, 11.5, 11.5, 11.5, NaN, NaN]);
+});

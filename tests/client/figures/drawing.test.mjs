@@ -1,0 +1,326 @@
+// What painters draw, pixel by pixel where they make pixels, against the data.
+import assert from "node:assert/strict";
+import { test } from "node:test";
+
+import { MISSING, channelsOf, cycleColor } from "../../../client/page/colors.mjs";
+import { colorTable } from "../../../client/page/worker/color_maps.mjs";
+import { ColoredPointPicture, PointPicture } from "../../../client/page/worker/stamps.mjs";
+import { Random } from "./support/random.mjs";
+import { Builder, THEME, paint } from "./support/scenes.mjs";
+
+/** Axes of 100 by 100 pixels, in which a unit is ten of them. */
+const UNITS = { x: { limits: [0, 10] }, y: { limits: [0, 10] } };
+const range = (count, valueAt = (i) => i) => Array.from({ length: count }, (_, i) => valueAt(i));
+const pixelOf = (color) => new Uint32Array(Uint8Array.from(channelsOf(color)).buffer)[0];
+
+/** What one series of this kind draws. */
+function drawOne(type, members, columns, { axes = UNITS, ...how } = {}) {
+    const builder = new Builder(axes);
+    builder.create(type, members, columns);
+    return paint(builder, how);
+}
+
+const STROKES = [
+    ["a line", "line", {}, { x: [1, 2, 4], y: [1, 5, 2] }, ["M10,90 L20,50 L40,80"]],
+    [
+        "a gap where something is missing or infinite, and a dot between two",
+        "line",
+        {},
+        { x: [0, 1, 2, 3, 4, 5, 6], y: [1, 1, NaN, 2, Infinity, 3, 3] },
+        ["M0,90 L10,90 M30,80 L30,80 M50,70 L60,70"],
+    ],
+    [
+        "nothing that lies outside but what leads to it",
+        "line",
+        {},
+        { x: range(20, (i) => i - 5.5), y: range(20, () => 1) },
+        [`M-5,90 ${range(11, (i) => `L${5 + 10 * i},90`).join(" ")}`],
+    ],
+    [
+        "steps after",
+        "line",
+        { steps: "after" },
+        { x: [1, 3], y: [1, 2] },
+        ["M10,90 L30,90 L30,80 L30,80"],
+    ],
+    [
+        "steps before",
+        "line",
+        { steps: "before" },
+        { x: [1, 3], y: [1, 2] },
+        ["M10,90 L10,90 L10,80 L30,80"],
+    ],
+    [
+        "steps in the middle",
+        "line",
+        { steps: "middle" },
+        { x: [1, 3], y: [1, 2] },
+        ["M10,90 L20,90 L20,80 L30,80"],
+    ],
+    [
+        "an outline in any order",
+        "outline",
+        {},
+        { x: [5, 1, 1, NaN, 2, 3], y: [1, 1, 2, 0, 2, 2] },
+        ["M50,90 L10,90 L10,80 M20,80 L30,80"],
+    ],
+    [
+        "error bars",
+        "errorBars",
+        { cap: 4 },
+        { x: [1, 2, 3], y: [2, 5, NaN], minus: [1, NaN, 1], plus: [2, 1, 1] },
+        ["M10,60 L10,90 M8,60 L12,60 M8,90 L12,90 M20,40 L20,50 M18,40 L22,40 M18,50 L22,50"],
+    ],
+    ["a reference", "reference", { orientation: "vertical", at: 3 }, null, ["M30,0 L30,100"]],
+    ["no reference that is missing", "reference", { at: NaN }, null, []],
+    ["a line of a rule", "line", { regular: [2, 0.5] }, { y: [1, 2, 3] }, ["M20,90 L25,80 L30,70"]],
+];
+
+const spell = (path) =>
+    path
+        .map(([kind, ...numbers]) => kind + numbers.map((n) => Number(n.toFixed(6))).join())
+        .join(" ");
+
+test("Series are stroked as their data say", () => {
+    for (const [what, type, members, columns, expected] of STROKES) {
+        const { drawn, errors } = drawOne(type, members, columns);
+        assert.deepEqual(
+            [drawn.map(({ path }) => spell(path)).filter(Boolean), errors],
+            [expected, []],
+            what,
+        );
+    }
+});
+
+const rectOf = ({ rect }) => rect.map((n) => Number(n.toFixed(6)));
+
+test("Series are filled as their data say", () => {
+    const area = drawOne(
+        "area",
+        { width: 0, base: 1 },
+        { x: [1, 2, 3, 4, 5], y: [2, 3, NaN, 2, 2] },
+    );
+    assert.equal(
+        spell(area.drawn[0].path),
+        "M10,80 L20,70 L20,90 L10,90 Z M40,80 L50,80 L50,90 L40,90 Z",
+    );
+    const band = drawOne("band", {}, { x: [1, 2], low: [1, 2], high: [3, 4] });
+    assert.equal(spell(band.drawn[0].path), "M10,70 L20,60 L20,80 L10,90 Z");
+    const bars = drawOne("bars", {}, { x: [1, 3, 2], y: [2, -1, NaN] });
+    assert.deepEqual(bars.drawn.map(rectOf), [
+        [6, 80, 8, 20],
+        [26, 100, 8, 10],
+    ]);
+    const polygon = drawOne(
+        "polygon",
+        { width: 0 },
+        { x: [1, 2, 2, NaN, 5, 6, 6], y: [1, 1, 2, NaN, 5, 5, 6] },
+    );
+    assert.deepEqual(
+        [spell(polygon.drawn[0].path), polygon.drawn[0].rule],
+        ["M10,90 L20,90 L20,80 Z M50,50 L60,50 L60,40 Z", "evenodd"],
+    );
+    const span = drawOne("reference", { span: [-Infinity, 4] }, null);
+    assert.deepEqual(rectOf(span.drawn[0]), [0, 60, 100, 41]);
+    const text = drawOne("text", { text: "t", at: [1, 1], inAxes: true, anchor: "right" }, null, {
+        ratio: 2,
+    });
+    const { x, y, anchor, font, color } = text.drawn[0];
+    assert.deepEqual(
+        [x, y, anchor, font, color],
+        [100, 0, "right", "24px system-ui, sans-serif", THEME.text],
+    );
+});
+
+test("A dense line and a winding one are filled by columns, with their true extremes", () => {
+    const extremes = (drawn) =>
+        drawn
+            .map(rectOf)
+            .map(([x, top, width, height]) => [x, width, top + 0.75, top + height - 0.75]);
+    const x = range(1000, (i) => i / 100);
+    const spike = drawOne(
+        "line",
+        {},
+        { x, y: range(1000, (i) => (i === 505 ? 9 : i === 506 ? NaN : 4)) },
+    );
+    const expected = range(100, (column) => [column, 1, column === 50 ? 10 : 60, 60]);
+    assert.deepEqual(extremes(spike.drawn), expected);
+    const winding = drawOne(
+        "line",
+        {},
+        { x: range(90, (i) => i / 9), y: range(90, (i) => 10 * (i % 2)) },
+    );
+    assert.deepEqual(new Set(winding.drawn.map(({ kind }) => kind)), new Set(["fillRect"]));
+    // A million pixels outside: zoomed in, a canvas would draw coarsely.
+    const near = drawOne("line", {}, { x: [-1e9, 1e9], y: [-1e9, 1e9] });
+    const [[, left], [, right]] = near.drawn[0].path;
+    assert.ok(left > -2e4 && right < 2e4);
+});
+
+test("Band and area are filled by columns where they are dense", () => {
+    const x = range(1000, (i) => i / 100);
+    const band = drawOne(
+        "band",
+        {},
+        {
+            x,
+            low: range(1000, (i) => (i === 505 ? 1 : 4)),
+            high: range(1000, (i) => (i === 303 ? NaN : 6)),
+        },
+    );
+    assert.deepEqual(rectOf(band.drawn[50]), [50, 40, 1, 50]);
+    assert.deepEqual(rectOf(band.drawn[30]), [30, 40, 1, 20]);
+    const area = drawOne("area", { width: 0 }, { x, y: range(1000, () => 4) });
+    assert.deepEqual(rectOf(area.drawn[20]), [20, 60, 1, 40]);
+});
+
+test("Few points are circles; what is missing or outside is none", () => {
+    const { drawn } = drawOne(
+        "scatter",
+        { size: 4 },
+        { x: [1, NaN, 50], y: [2, 2, 2], value: [0, 1, 2] },
+        { ratio: 2 },
+    );
+    assert.deepEqual(
+        drawn.map(({ path }) => spell(path)),
+        ["O10,80,4,0,6.283185".split(",0,")[0]],
+    );
+    const sized = drawOne("scatter", {}, { x: [1, 2], y: [2, 2], size: [6, 0] });
+    assert.deepEqual(
+        sized.drawn.map(({ kind }) => kind),
+        ["fill", "stroke"],
+    );
+});
+
+test("Stamped points are where the points are; appended ones are added", () => {
+    const random = new Random(5);
+    const many = { x: random.values(600, 0, 10), y: random.values(600, 0, 10) };
+    const half = (values, part) => (part ? values.slice(300) : values.slice(0, 300));
+    const builder = new Builder(UNITS);
+    const id = builder.create("scatter", { color: "#ff0000", size: 5 }, many);
+    const [{ pixels, isFirst }] = paint(builder).pictures;
+    assert.ok(isFirst);
+    for (let row = 0; row < 100; ++row) {
+        for (let column = 0; column < 100; ++column) {
+            const distances = many.x.map((x, i) => {
+                const dx = Math.floor(x * 10) - column;
+                return Math.hypot(dx, Math.floor(100 - many.y[i] * 10) - row);
+            });
+            const least = Math.min(...distances.filter((one) => !Number.isNaN(one)));
+            const pixel = pixels[row * 100 + column];
+            assert.equal(pixel !== 0, least < 3, `${column} ${row} ${least}`);
+            if (pixel !== 0) assert.equal(pixel & 0xffffff, 0x0000ff);
+        }
+    }
+    // In two halves, as one picture that grows.
+    const grown = new Builder(UNITS);
+    const same = grown.create("scatter", { color: "#ff0000", size: 5, keep: 900 }, many);
+    assert.equal(same, id);
+    paint(grown);
+    grown.data(same, 600, { x: half(many.x, 1), y: half(many.y, 1) });
+    assert.deepEqual(paint(grown).pictures[0].pixels, pixels);
+    // Forgotten ones are gone, and so is all when it is set.
+    grown.data(same, 900, { x: range(900, () => 5), y: range(900, () => 5) });
+    assert.equal(paint(grown).pictures[0].pixels.filter(Boolean).length, 25);
+    grown.data(same, 0, { x: range(501, () => NaN), y: range(501, () => 5) });
+    assert.equal(paint(grown).pictures[0].pixels.filter(Boolean).length, 0);
+});
+
+test("Stamps at an edge are cut off, and none is lost or thrown", () => {
+    const random = new Random(9);
+    const radii = Float64Array.from(random.values(400, -1, 90));
+    const places = () => Float64Array.from(random.values(400, -200, 260));
+    const picture = new PointPicture(61, 47);
+    picture.stamp(places(), places(), radii);
+    const colored = new ColoredPointPicture(61, 47);
+    colored.stamp(places(), places(), radii, new Uint32Array(400).fill(0xff112233));
+    const pixels = new Uint32Array(61 * 47);
+    colored.write(pixels);
+    assert.ok(pixels.every((pixel) => pixel === 0 || (pixel & 0xffffff) === 0x112233));
+    picture.clear();
+    picture.stamp(Float64Array.of(60), Float64Array.of(46), 1);
+    picture.write(pixels, "#000000");
+    assert.deepEqual(
+        [...pixels.keys()].filter((at) => pixels[at] !== 0),
+        [45 * 61 + 59, 45 * 61 + 60, 46 * 61 + 59, 46 * 61 + 60],
+    );
+});
+
+test("Each pixel of an image has the colour of its value", () => {
+    const random = new Random(11);
+    for (const scale of ["linear", "log"]) {
+        const [rows, columns] = [7, 13];
+        const z = random.values(rows * columns, -1, 3, 0.2);
+        const axes = { x: { limits: [0.5, 12] }, y: { limits: [0.1, 9], scale } };
+        const image = { rows, columns, x: [1, 11], y: [1, 8], limits: [0, 2], colorMap: "turbo" };
+        const { pictures } = drawOne("image", image, { z }, { axes });
+        const table = colorTable("turbo");
+        for (let row = 0; row < 100; ++row) {
+            const share = 1 - (row + 0.5) / 100;
+            const y = scale === "log" ? 0.1 * 90 ** share : 0.1 + 8.9 * share;
+            for (let column = 0; column < 100; ++column) {
+                const x = 0.5 + (11.5 * (column + 0.5)) / 100;
+                const value = z[Math.floor(y - 1) * columns + Math.floor((x - 1) * 1.3)];
+                let color = pixelOf(MISSING);
+                if (Number.isFinite(value)) {
+                    color = table[Math.min(255, Math.max(0, Math.floor(value * 128)))];
+                }
+                if (x < 1 || x >= 11 || y < 1 || y >= 8) color = 0;
+                assert.equal(
+                    pictures[0].pixels[row * 100 + column],
+                    color,
+                    `${scale} ${column} ${row}`,
+                );
+            }
+        }
+    }
+});
+
+test("Bytes are coloured from 0 to 255, other values between their extremes", () => {
+    const axes = { x: { limits: [0, 4] }, y: { limits: [0, 1] } };
+    const table = colorTable("gray");
+    const colors = (z) => {
+        const { pictures } = drawOne(
+            "image",
+            { rows: 1, columns: 4, colorMap: "gray" },
+            { z },
+            { axes },
+        );
+        return [12, 37, 62, 87].map((column) => table.indexOf(pictures[0].pixels[column]));
+    };
+    assert.deepEqual(colors(Uint8Array.of(0, 100, 200, 255)), [0, 100, 200, 255]);
+    assert.deepEqual(colors([5, 5.5, 6, NaN]), [0, 128, 255, -1]);
+    assert.deepEqual(colors([3, 3, 3, 3]), [128, 128, 128, 128]);
+});
+
+test("A series that cannot be drawn is told, and the others are drawn, images below", () => {
+    const builder = new Builder(UNITS);
+    builder.create("line", {}, { x: [0, 1], y: [0, 1] });
+    builder.create("image", { name: "i", rows: 2, columns: 2 }, { z: [1, 2, 3] });
+    builder.create("image", { rows: 1, columns: 1 }, { z: [1] });
+    const { drawn, pictures, errors } = paint(builder);
+    assert.deepEqual(errors, ["image i: 3 values for 2 rows of 2"]);
+    assert.deepEqual([drawn.length, pictures.length], [1, 1]);
+});
+
+test("Colours follow the cycle, unless a series has its own, and are seen on both grounds", () => {
+    const builder = new Builder(UNITS);
+    const line = { x: [0, 1], y: [0, 1] };
+    for (const color of [null, "#12345678", null]) builder.create("line", { color }, line);
+    builder.create("reference", { at: 1 });
+    const { drawn } = paint(builder);
+    assert.deepEqual(
+        drawn.map(({ color }) => color),
+        [cycleColor(0, false), "#12345678", cycleColor(1, false), THEME.text],
+    );
+    const luminance = (color) => {
+        const linear = channelsOf(color).map((v) =>
+            v <= 10 ? v / 255 / 12.92 : ((v / 255 + 0.055) / 1.055) ** 2.4,
+        );
+        return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2];
+    };
+    for (let i = 0; i < 8; ++i) {
+        assert.ok(1.05 / (luminance(cycleColor(i, false)) + 0.05) >= 3);
+        assert.ok((luminance(cycleColor(i, true)) + 0.05) / (luminance("#23272e") + 0.05) >= 3);
+    }
+});

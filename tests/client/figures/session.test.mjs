@@ -1,0 +1,279 @@
+// The worker's middle, between a scripted gateway and a main thread that the test plays.
+import assert from "node:assert/strict";
+import { EventEmitter, once } from "node:events";
+import { afterEach, beforeEach, test } from "node:test";
+
+import { VOCABULARY } from "../../../client/page/messages.mjs";
+import { Session } from "../../../client/page/worker/session.mjs";
+import { WebSocket } from "../support/packages.mjs";
+import { ScriptedGateway } from "../support/scripted_gateway.mjs";
+import { Recorder, THEME, encode } from "./support/scenes.mjs";
+
+const CONFIGURATION = {
+    vocabulary: VOCABULARY,
+    commands: "/c",
+    blocks: "/b",
+    ready: "/r",
+    newView: "/n",
+    events: "/e",
+};
+
+/** A canvas that writes down what is drawn. */
+class FakeCanvas {
+    context = Object.assign(new Recorder(), { clearRect: () => (this.context.drawn = []) });
+    getContext() {
+        return this.context;
+    }
+}
+
+/** A session, its gateway, and its main thread, which lays out and confirms by itself. */
+class Stage {
+    told = [];
+    canvases = new Map();
+    lays = true;
+    #news = new EventEmitter();
+    #frames = [];
+    #number = 0;
+    #sequence = 0;
+    #block = 3;
+    async begin(configuration = CONFIGURATION) {
+        this.gateway = await ScriptedGateway.start();
+        this.session = new Session({
+            post: (message) => this.#receive(message),
+            onFrame: (call) => {
+                this.#frames.push(call);
+                this.#news.emit("news");
+            },
+            afterPaint: (call) => call(),
+            now: () => 1e6,
+            options: { WebSocket, backoff: { first: 0, soon: 0, most: 0 } },
+        });
+        this.tell({ kind: "start", address: this.gateway.url, theme: THEME, hidden: false });
+        this.peer = await this.gateway.peer();
+        await this.peer.welcome({ blockChannels: ["/b"], configuration });
+    }
+    end() {
+        this.tell({ kind: "close" });
+        this.gateway.stop();
+    }
+    tell(message) {
+        this.session.receive(message);
+    }
+    #receive(message) {
+        this.told.push(message);
+        this.#news.emit("news");
+        if (message.kind === "ask") this.tell({ kind: "told", id: message.id, value: "secret" });
+        if (message.kind === "scene" && this.lays) this.layOut(message);
+    }
+    layOut({ stamp, figures }) {
+        for (const { id } of figures.flatMap(({ axes }) => axes)) {
+            if (this.canvases.has(id)) continue;
+            const canvas = new FakeCanvas();
+            this.canvases.set(id, canvas);
+            this.tell({ kind: "canvas", axes: id, canvas, width: 100, height: 50, ratio: 2 });
+        }
+        this.tell({ kind: "laid", stamp });
+    }
+    /** Ends when the worker has said such a message, which it has not been asked for before. */
+    async heard(kind) {
+        for (;;) {
+            const at = this.told.findIndex((message) => message.kind === kind);
+            if (at >= 0) return this.told.splice(at, 1)[0];
+            await once(this.#news, "news");
+        }
+    }
+    /** Runs the next animation frame. */
+    async paint() {
+        while (this.#frames.length === 0) await once(this.#news, "news");
+        for (const call of this.#frames.splice(0)) call();
+    }
+    get isQuiet() {
+        return this.#frames.length === 0;
+    }
+    raw(text) {
+        this.peer.batch(++this.#number, [["/c", text]]);
+    }
+    say(cmd, members) {
+        this.raw(JSON.stringify({ seq: ++this.#sequence, ...members, cmd }));
+    }
+    data(id, first, values) {
+        const { count, columns, data } = encode(values);
+        const block = ++this.#block;
+        this.peer.piece(block, ++this.#number, [block, 0, 0, 0, 0, 0, 0, 0, ...data]);
+        this.say("data", { id, data: `${block} 0`, first, count, columns });
+    }
+    act(token) {
+        this.raw(JSON.stringify({ cmd: "sendACT", ACT: token, returnChannel: "/t", serverSendTS: 9 }));
+    }
+    /** A whole frame with figure 1, axes 2 and a line 3 from (0, 0) to (1, 1). */
+    whole(token) {
+        this.say("beginFrame", { frame: 8, attempt: 2, whole: true });
+        this.say("create", { id: 1, type: "figure" });
+        this.say("create", { id: 2, type: "axes", parent: 1, picks: true, y: { limits: [0, 1] } });
+        this.say("create", { id: 3, type: "line", parent: 2 });
+        this.data(3, 0, { x: [0, 1], y: [0, 1] });
+        this.act(token);
+    }
+    /** What the page published next: its channel and its content. */
+    async published() {
+        const { channel, text } = await this.peer.next("publish");
+        return [channel, JSON.parse(text)];
+    }
+    /** Until the line is on the screen. */
+    async show() {
+        this.whole("first");
+        await this.paint();
+        this.tell({ kind: "painted", stamp: (await this.heard("frame")).stamp });
+        for (const channel of ["/n", "/r", "/e", "/t"]) {
+            assert.equal((await this.published())[0], channel);
+        }
+        this.told = [];
+    }
+    strokes() {
+        return this.canvases.get(2).context.drawn.map(({ path }) => path);
+    }
+}
+
+let stage;
+beforeEach(async () => {
+    stage = new Stage();
+    await stage.begin();
+});
+afterEach(() => stage.end());
+
+const LINE = [["M", 0, 100], ["L", 200, 0]];
+
+test("A view is announced, and a frame drawn once it is complete and laid out, then answered", async () => {
+    assert.ok(stage.peer.offered.includes("kiroweb.token.secret"));
+    assert.deepEqual((await stage.heard("hello")).known, true);
+    assert.deepEqual(stage.peer.hello.subscribe, []);
+    assert.deepEqual((await stage.peer.next("subscribe")).channels, ["/c", "/b"]);
+    assert.equal((await stage.published())[0], "/n");
+    assert.deepEqual(await stage.published(), ["/r", { binaryChannelStatus: 1, useFastBinary: 1 }]);
+    stage.lays = false;
+    stage.whole("token");
+    const scene = await stage.heard("scene");
+    await stage.paint();
+    assert.deepEqual(stage.told.filter(({ kind }) => kind === "frame"), []);
+    const [{ axes }] = scene.figures;
+    assert.deepEqual(axes[0].limits, { x: [0, 1], y: [0, 1], y2: null });
+    assert.deepEqual([axes[0].picks, axes[0].legend, axes[0].series[0].color], [true, false, "#0068ad"]);
+    stage.layOut(scene);
+    await stage.paint();
+    assert.deepEqual(stage.strokes(), [LINE]);
+    const { stamp, frame, limits } = await stage.heard("frame");
+    assert.deepEqual([frame, limits[2].x], [8, [0, 1]]);
+    stage.tell({ kind: "painted", stamp });
+    const event = { event: "frame", frame: 8, attempt: 2, outcome: "painted" };
+    assert.deepEqual(await stage.published(), ["/e", event]);
+    const stamps = { serverSendTS: 9, clientReceiveTS: 1e6, clientSendTS: 1e6 };
+    assert.deepEqual(await stage.published(), ["/t", { ACT: "token", ...stamps }]);
+});
+
+test("What cannot be drawn is told, and asked for again once", async () => {
+    await stage.show();
+    for (const round of [1, 2]) {
+        stage.say("beginFrame", { frame: round, attempt: 1 });
+        stage.say("set", { id: 3, width: "wide" });
+        stage.say("set", { id: 3, name: "l" });
+        stage.act("t");
+        await stage.paint();
+        const heard = [await stage.published(), await stage.published()];
+        // The error goes to the engine's log too, and is not repeated there.
+        if (round === 1) heard.push(await stage.published(), await stage.published());
+        const event = heard.find(([channel]) => channel === "/e")[1];
+        assert.deepEqual([event.outcome, event.frame], ["failed", round]);
+        assert.match(event.error, /set: "width" is not a size/);
+        const channels = heard.map(([channel]) => channel);
+        assert.equal(channels.indexOf("/t"), channels.indexOf("/e") + 1);
+        assert.equal(channels.includes("/n"), round === 1);
+    }
+    assert.match((await stage.heard("error")).text, /"width"/);
+    assert.deepEqual(stage.strokes(), [LINE]);
+});
+
+test("The old picture stays while a whole frame is coming", async () => {
+    await stage.show();
+    stage.say("beginFrame", { frame: 9, attempt: 1, whole: true });
+    stage.say("create", { id: 1, type: "figure" });
+    stage.tell({ kind: "resize", axes: 2, width: 50, height: 50, ratio: 1 });
+    await stage.paint();
+    assert.deepEqual(stage.strokes(), [[["M", 0, 50], ["L", 50, 0]]]);
+});
+
+test("A picture that is paused stays, while the data are taken in; live shows what is there", async () => {
+    await stage.show();
+    stage.tell({ kind: "pause", paused: true });
+    await stage.paint();
+    stage.say("beginFrame", { frame: 9, attempt: 1 });
+    stage.data(3, 2, { x: [2], y: [0.5] });
+    stage.act("t");
+    assert.equal((await stage.published())[1].outcome, "paused");
+    stage.tell({ kind: "view", axes: 2, x: [0, 2], y: null, y2: null });
+    await stage.paint();
+    assert.deepEqual(stage.strokes(), [[["M", 0, 100], ["L", 100, 0]]]);
+    stage.tell({ kind: "pause", paused: false });
+    await stage.paint();
+    assert.deepEqual(stage.strokes(), [[["M", 0, 100], ["L", 100, 0], ["L", 200, 50]]]);
+});
+
+test("A hidden page answers at once, and is up to date when it is shown", async () => {
+    await stage.show();
+    stage.tell({ kind: "hidden", hidden: true });
+    stage.say("beginFrame", { frame: 9, attempt: 1 });
+    stage.data(3, 0, { x: [0, 1], y: [1, 0] });
+    stage.act("t");
+    assert.equal((await stage.published())[1].outcome, "hidden");
+    assert.ok(stage.isQuiet);
+    assert.deepEqual(stage.strokes(), [LINE]);
+    stage.tell({ kind: "hidden", hidden: false });
+    await stage.paint();
+    assert.deepEqual(stage.strokes(), [[["M", 0, 0], ["L", 200, 100]]]);
+});
+
+test("Somebody's doings reach the engine; limits not too often, but the last ones always", async (t) => {
+    await stage.show();
+    t.mock.timers.enable({ apis: ["setTimeout"] });
+    stage.tell({ kind: "pick", axes: 2, x: 0.5, y: 1, near: { series: 3, index: 1 } });
+    stage.tell({ kind: "key", key: "k", axes: null });
+    stage.tell({ kind: "control", id: 7 });
+    for (const high of [2, 3, 4]) {
+        stage.tell({ kind: "view", axes: 2, x: [0, high], y: null, y2: null });
+    }
+    const pick = { event: "pick", axes: 2, x: 0.5, y: 1, series: 3, index: 1 };
+    assert.deepEqual(await stage.published(), ["/e", pick]);
+    assert.deepEqual((await stage.published())[1], { event: "key", key: "k", axes: null });
+    assert.deepEqual((await stage.published())[1], { event: "control", id: 7 });
+    const limits = { event: "limits", axes: 2, y: [0, 1], width: 200, height: 100 };
+    assert.deepEqual((await stage.published())[1], { ...limits, x: [0, 2] });
+    t.mock.timers.tick(100);
+    assert.deepEqual((await stage.published())[1], { ...limits, x: [0, 4] });
+    t.mock.timers.tick(100);
+    stage.tell({ kind: "view", axes: 2, x: null, y: null, y2: null });
+    assert.deepEqual((await stage.published())[1], { ...limits, x: [0, 1], home: true });
+});
+
+test("The legend hides a series, until it is gone; a theme changes colours", async () => {
+    await stage.show();
+    stage.tell({ kind: "visible", series: 3, visible: false });
+    await stage.paint();
+    assert.equal((await stage.heard("scene")).figures[0].axes[0].series[0].visible, false);
+    assert.deepEqual(stage.strokes(), []);
+    stage.say("remove", { id: 3 });
+    stage.say("create", { id: 3, type: "line", parent: 2 });
+    stage.act("t");
+    const [series] = (await stage.heard("scene")).figures[0].axes[0].series;
+    assert.equal(series.visible, false);
+    stage.tell({ kind: "theme", theme: { ...THEME, dark: true } });
+    assert.equal((await stage.heard("scene")).figures[0].axes[0].series[0].color, "#5ab4f0");
+});
+
+test("A vocabulary that is not known is not subscribed to", async () => {
+    const other = new Stage();
+    await other.begin({ ...CONFIGURATION, vocabulary: "kirofigures/9" });
+    assert.equal((await other.heard("hello")).known, false);
+    other.tell({ kind: "key", key: "k", axes: null });
+    // What is subscribed and published comes in order; of these there is nothing before the echo.
+    assert.equal((await other.peer.next("echo")).t, "echo");
+    other.end();
+});
