@@ -217,6 +217,11 @@ export class AxesView {
         this.redraw();
     }
 
+    /** Whether the newest stretch is shown, as somebody wants it. */
+    get isFollowing() {
+        return this.view.x !== null && !Array.isArray(this.view.x);
+    }
+
     /** Whether the engine's limits are shown. */
     get isHome() {
         return !this.view.x && !this.view.y && !this.view.y2;
@@ -230,12 +235,10 @@ export class AxesView {
     /** The worker may bound a view: after a while what it draws is what is looked at. */
     #adopt() {
         for (const which of /** @type {Which[]} */ (["x", "y", "y2"])) {
-            if (
-                this.view[which] &&
-                !isSame(this.view[which], this.drawn[which], this.scaleOf(which))
-            ) {
-                this.view[which] = this.drawn[which];
-            }
+            const wanted = this.view[which];
+            if (!Array.isArray(wanted)) continue;
+            const drawn = this.drawn[which];
+            if (!isSame(wanted, drawn, this.scaleOf(which))) this.view[which] = drawn;
         }
     }
 

@@ -75,6 +75,7 @@ export class FigureView {
     /** @param {AxesView} view */
     setCurrent(view) {
         this.#current = view.description.id;
+        this.showHome();
     }
 
     /** Places the axes in their grid; they are not fitted yet. */
@@ -113,6 +114,8 @@ export class FigureView {
     showHome() {
         const isAway = [...this.axes.values()].some((view) => !view.isHome);
         this.element.classList.toggle("is-away", isAway);
+        const follow = this.element.querySelector("[data-action=follow]");
+        follow?.setAttribute("aria-pressed", String(this.current?.isFollowing ?? false));
     }
 
     destroy() {

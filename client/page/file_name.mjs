@@ -4,7 +4,10 @@ const LONGEST = 60;
 
 /** @param {string} text */
 function plain(text) {
-    const words = text.normalize("NFKD").replace(/[^\p{L}\p{N}]+/gu, "-");
+    const words = text
+        .normalize("NFKD")
+        .replace(/\p{M}/gu, "")
+        .replace(/[^\p{L}\p{N}]+/gu, "-");
     return words
         .slice(0, LONGEST)
         .replace(/^-+|-+$/g, "")

@@ -28,25 +28,27 @@ export function valueText(view, which, value) {
 /** @param {AxesView} view @param {Which} which @param {number} value */
 function withUnit(view, which, value) {
     const unit = view.description[which]?.unit ?? "";
-    return valueText(view, which, value) + (unit ? ` ${unit}` : "");
+    const space = unit === "" || unit.startsWith("°") ? "" : " ";
+    return valueText(view, which, value) + space + unit;
 }
 
-/** What is said of an element besides its x. @param {AxesView} view @param {Probed} probed
- * @param {SeriesDescription} series */
-function elementText(view, { values }, series) {
+/** What is said of an element, besides where the crosshair is. @param {AxesView} view
+ * @param {Probed} probed @param {SeriesDescription} series */
+function elementText(view, { values }, { type, axis }) {
     const { x, y, z, low, high, value, minus, plus } = values;
+    if (z !== undefined) return numberText(z, 5);
+    const text = (/** @type {number} */ number) => withUnit(view, axis, number);
     const parts = [];
-    const text = (/** @type {number} */ number) => withUnit(view, series.axis, number);
-    if (low !== undefined && high !== undefined) parts.push(`${text(low)} … ${text(high)}`);
-    else if (y !== undefined) parts.push(text(y));
+    if (value !== undefined) parts.push(`${numberText(value, 5)} at`);
+    if (type === "scatter" || value !== undefined) parts.push(`${withUnit(view, "x", x)},`);
+    if (low !== undefined) parts.push(`${text(low)} … ${text(high)}`);
+    else parts.push(text(y));
     if (minus !== undefined) parts.push(`−${numberText(minus, 4)} +${numberText(plus, 4)}`);
-    if (value !== undefined) parts.push(numberText(value, 5));
-    if (z !== undefined) parts.push(`${numberText(z, 6)}`);
-    if (z === undefined && x !== undefined && series.type === "scatter") {
-        parts.unshift(withUnit(view, "x", x) + ",");
-    }
     return parts.join(" ");
 }
+
+/** Types that have a value for each x. */
+const ALONG_X = ["line", "area", "band", "bars", "errorBars"];
 
 /** @typedef {{at: string, rows: {name: string, text: string, color: string, probed: Probed}[]}} Told */
 
@@ -60,6 +62,7 @@ export class Crosshair {
     #marks = [];
     #isAsked = false;
     #isStale = false;
+    #isToSay = false;
     /** @type {Told | null} what it shows */
     told = null;
 
@@ -77,9 +80,11 @@ export class Crosshair {
         return Number(plot.cursor.left) >= 0;
     }
 
-    /** The crosshair has moved, or the data have changed. */
-    refresh() {
+    /** The crosshair has moved, or the data have changed. Only who moves it is told in words.
+     * @param {boolean} hasMoved */
+    refresh(hasMoved) {
         if (!this.#view.isLaidOut || !this.isShown) return this.#hide();
+        this.#isToSay ||= hasMoved;
         this.#isStale = true;
         if (!this.#isAsked) void this.#update();
         return undefined;
@@ -161,6 +166,8 @@ export class Crosshair {
         this.told = { at: this.#heading(x), rows: rows.slice(0, MOST_ROWS) };
         this.#showBox(left);
         this.#showMarks();
+        if (!this.#isToSay) return;
+        this.#isToSay = false;
         const said = this.told.rows.map(({ name, text }) => `${name} ${text}`);
         this.#say([this.told.at, ...said].join("; "));
     }
@@ -168,12 +175,10 @@ export class Crosshair {
     /** @param {number} x of the cursor */
     #heading(x) {
         const { description, plot, size, shown } = this.#view;
-        const name = description.x.label || "x";
-        const text = `${name} ${withUnit(this.#view, "x", x)}`;
+        const name = description.x.label || (description.x.scale === "time" ? "" : "x");
+        const text = `${name} ${withUnit(this.#view, "x", x)}`.trim();
         const top = Number(plot.cursor.top);
-        const isPlane = description.series.every(
-            ({ type }) => type === "scatter" || type === "image",
-        );
+        const isPlane = !description.series.some(({ type }) => ALONG_X.includes(type));
         if (!isPlane || top < 0) return text;
         const y = valueAt(1 - top / size.height, shown.y, this.#view.scaleOf("y"));
         return `${text}, ${description.y.label || "y"} ${withUnit(this.#view, "y", y)}`;

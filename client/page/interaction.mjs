@@ -2,11 +2,12 @@
 
 import { copyText } from "./clipboard.mjs";
 import { listenToGestures, movedView, placeOf, selectedView, zoomedView } from "./gestures.mjs";
-import { Crosshair } from "./hover.mjs";
+import { Crosshair, valueText } from "./hover.mjs";
 import { meaningOf, showKeys } from "./keys.mjs";
 import { homeView } from "./navigation.mjs";
 import { showSave } from "./save.mjs";
 import { valueAt } from "./scale.mjs";
+import { spokenName } from "./spoken.mjs";
 import { showTable } from "./table.mjs";
 
 /** @typedef {import("./axes_view.mjs").AxesView} AxesView */
@@ -55,7 +56,13 @@ export class Interaction {
         chart.setAttribute("role", "application");
         chart.setAttribute("aria-roledescription", "plot");
         chart.addEventListener("keydown", (event) => this.#key(event, view));
-        element.addEventListener("focusin", () => figure.setCurrent(view));
+        const nameIt = () => {
+            chart.ariaLabel = spokenName(view, figure.description.title, valueText);
+        };
+        element.addEventListener("focusin", () => {
+            figure.setCurrent(view);
+            nameIt();
+        });
         element.addEventListener("pointerenter", () => figure.setCurrent(view));
         chart.addEventListener("blur", () => crosshair.leave());
         chart.addEventListener("dblclick", () => this.#look(view, homeView()));
@@ -70,13 +77,13 @@ export class Interaction {
 
     /** @param {AxesView} view */
     cursorMoved(view) {
-        this.#known.get(view)?.crosshair.refresh();
+        this.#known.get(view)?.crosshair.refresh(true);
     }
 
     /** What lies at the crosshairs may be another now. */
     dataChanged() {
         for (const { crosshair } of this.#known.values()) {
-            if (crosshair.told) crosshair.refresh();
+            if (crosshair.told) crosshair.refresh(false);
         }
     }
 
@@ -114,7 +121,7 @@ export class Interaction {
         else if (action === "zoomOut") zoom(1 / CLOSER);
         else if (action === "home") {
             for (const one of figure.axes.values()) this.#look(one, homeView());
-        } else if (action === "follow") this.#look(view, { x: null });
+        } else if (action === "follow") this.#follow(view);
         else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
         else if (action === "table") void showTable(this.#worker, view);
         else if (action === "save") showSave(this.#worker, figure, view, this.#colors);
@@ -137,6 +144,13 @@ export class Interaction {
             this.#worker.post({ kind: "key", key: meaning.key, axes: view.description.id });
         } else return;
         event.preventDefault();
+    }
+
+    /** Shows the newest stretch, as wide as what is shown, or no more. @param {AxesView} view */
+    #follow(view) {
+        const [low, high] = view.shown.x;
+        const isOver = view.isFollowing || view.scaleOf("x") === "log";
+        this.#look(view, { x: isOver ? null : { follow: high - low } });
     }
 
     /** Shows at once what is to be looked at, in all axes that are linked; the worker draws it.
@@ -170,7 +184,10 @@ export class Interaction {
             const far = Math.hypot(event.clientX - down.clientX, event.clientY - down.clientY);
             const place = placeOf(view, event);
             const isInside = place.x >= 0 && place.x <= 1 && place.y >= 0 && place.y <= 1;
-            if (far <= CLICK && isInside && !event.shiftKey) this.#pickAt(view, place);
+            // The second click of a double click is on the way home.
+            if (far <= CLICK && isInside && !event.shiftKey && event.detail < 2) {
+                this.#pickAt(view, place);
+            }
         });
     }
 

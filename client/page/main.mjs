@@ -65,6 +65,11 @@ class Page {
         setInterval(() => this.#showStale(), LOOK_AGAIN);
     }
 
+    /** How often each outcome was answered, as far as the worker has said. */
+    get outcomes() {
+        return this.statistics?.outcomes ?? { painted: 0, hidden: 0, paused: 0, failed: 0 };
+    }
+
     /** Pauses, or goes on. */
     pause() {
         this.#isPaused = !this.#isPaused;
@@ -84,10 +89,11 @@ class Page {
     }
 
     #showPaused() {
-        const [name, paths] = this.#isPaused ? ["Live", PLAY] : ["Pause", PAUSE];
+        const [name, paths] = this.#isPaused ? ["Go on", PLAY] : ["Pause", PAUSE];
         this.#pauseButton.replaceChildren(icon(paths), name);
         this.#pauseButton.title = `${name} (Space)`;
         document.body.classList.toggle("paused", this.#isPaused);
+        this.status.showPaused(this.#isPaused);
     }
 
     #listen() {

@@ -11,6 +11,8 @@
 
 /** @typedef {{x: Range, y: Range, y2: Range | null}} Limits of axes, as they are shown */
 
+/** The newest stretch of this width. @typedef {{follow: number}} Follow */
+
 /**
  * @typedef {object} AxisDescription
  * @property {string} label
@@ -81,7 +83,7 @@
  *        ratio: number}
  *     | {kind: "resize", axes: number, width: number, height: number, ratio: number}
  *     | {kind: "gone", axes: number}
- *     | {kind: "view", axes: number, x: Range | null, y: Range | null, y2: Range | null}
+ *     | {kind: "view", axes: number, x: Range | Follow | null, y: Range | null, y2: Range | null}
  *     | {kind: "visible", series: number, visible: boolean}
  *     | {kind: "theme", theme: Theme}
  *     | {kind: "hidden", hidden: boolean}

@@ -4,12 +4,12 @@ import { fractionOf, part } from "./scale.mjs";
 
 /** @typedef {import("./messages.mjs").Range} Range */
 /** @typedef {import("./messages.mjs").Limits} Limits */
+/** @typedef {import("./messages.mjs").Follow} Follow */
 /** @typedef {import("./scale.mjs").Scale} Scale */
 
-/** @typedef {{x: Scale, y: Scale, y2: Scale}} Scales */
 /** @typedef {"x" | "y" | "y2"} Which */
 
-/** Null: the engine's. @typedef {{x: Range | null, y: Range | null, y2: Range | null}} View */
+/** Null: the engine's. @typedef {{x: Range | Follow | null, y: Range | null, y2: Range | null}} View */
 
 /** @returns {View} */
 export const homeView = () => ({ x: null, y: null, y2: null });
@@ -70,5 +70,6 @@ export function withEqualAspect(x, y, ratio) {
 /** What is shown: each axis as somebody wants it, or as it is drawn. @param {View} view
  * @param {Limits} drawn @returns {Limits} */
 export function shownLimits(view, drawn) {
-    return { x: view.x ?? drawn.x, y: view.y ?? drawn.y, y2: drawn.y2 && (view.y2 ?? drawn.y2) };
+    const x = Array.isArray(view.x) ? view.x : drawn.x;
+    return { x, y: view.y ?? drawn.y, y2: drawn.y2 && (view.y2 ?? drawn.y2) };
 }

@@ -7,6 +7,7 @@ const BYTES_PER_KIB = 1024;
 const NAMES = {
     connecting: "Connecting",
     live: "Live",
+    paused: "Paused",
     reconnecting: "Reconnecting",
     refused: "Refused",
     closed: "Closed",
@@ -25,6 +26,8 @@ export class StatusBar {
     #root;
     #since = performance.now();
     #errorSince = 0;
+    #state = { name: "connecting", reason: "" };
+    #isPaused = false;
 
     /** @param {HTMLElement} root @param {() => void} retry called by the button */
     constructor(root, retry) {
@@ -34,10 +37,18 @@ export class StatusBar {
 
     /** @param {{name: string, reason: string}} state */
     showState({ name, reason }) {
-        this.#root.dataset.state = name;
-        this.part("state").textContent = NAMES[name] ?? name;
+        this.#state = { name, reason };
+        const shown = this.#isPaused && name === "live" ? "paused" : name;
+        this.#root.dataset.state = shown;
+        this.part("state").textContent = NAMES[shown] ?? shown;
         this.part("reason").textContent = reason;
         this.part("retry").hidden = name !== "refused";
+    }
+
+    /** Says so in the state's place, as long as the connection is live. @param {boolean} isPaused */
+    showPaused(isPaused) {
+        this.#isPaused = isPaused;
+        this.showState(this.#state);
     }
 
     /** @param {string} text the page's title */

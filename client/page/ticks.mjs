@@ -33,8 +33,11 @@ const MOST_DIGITS = 6;
 /** Numbers from the second to the first are written as they are. */
 const LARGEST_PLAIN = 1e6;
 const SMALLEST_PLAIN = 1e-3;
-/** Decades from which on a logarithmic axis has no ticks but powers of ten, and thousandfolds. */
+/** Decades of a logarithmic axis, below which its ticks are those of a linear one; from which on only
+ * powers of ten have a text; and from which on there are no others. */
 const FEW_DECADES = 1;
+const MANY_DECADES = 3.5;
+const MOST_MULTIPLES = 6;
 
 /** @param {number} exponent */
 export function superscript(exponent) {
@@ -90,7 +93,7 @@ function linearTicks(low, high, { mantissa, exponent }) {
     let base = 0;
     if (largest / size >= 10 ** MOST_DIGITS) {
         const unit = 10 ** Math.ceil(Math.log10(span));
-        base = Math.floor(low / unit) * unit;
+        base = (low < 0 ? Math.ceil(high / unit) : Math.floor(low / unit)) * unit;
     }
     // Relative to the base: the multiples of a small step are exact there.
     const from = low - base;
@@ -153,41 +156,48 @@ function decadeText(exponent, isPlain) {
     return isPlain ? String(Number(`1e${exponent}`)) : `10${superscript(exponent)}`;
 }
 
+/** Powers of ten, and their multiples where they are not too many.
+ * @param {number} from the logarithm of the lowest value @param {number} decades
+ * @param {number} every so many have a text @param {number[]} named digits that have one, too
+ * @returns {Tick[]} */
+function powerTicks(from, decades, every, named) {
+    const first = Math.floor(from);
+    const last = Math.ceil(from + decades);
+    const isPlain = first >= -4 && last <= 5;
+    const digits = every === 1 && decades < MOST_MULTIPLES ? [1, 2, 3, 4, 5, 6, 7, 8, 9] : [1];
+    const ticks = [];
+    for (let exponent = first; exponent <= last; ++exponent) {
+        if (exponent % every !== 0) continue;
+        for (const digit of digits) {
+            const text = named.includes(digit) ? numberText(Number(`${digit}e${exponent}`)) : "";
+            const at = (exponent + Math.log10(digit) - from) / decades;
+            ticks.push({ at, text: digit === 1 ? decadeText(exponent, isPlain) : text });
+        }
+    }
+    return ticks.filter(({ at }) => at >= -1e-9 && at <= 1 + 1e-9);
+}
+
 /** @param {number} low above 0 @param {number} high @param {Room} room @returns {Ticks} */
 function logarithmic(low, high, room) {
     const from = Math.log10(low);
     const decades = Math.log10(high) - from;
-    const at = (/** @type {number} */ value) => (Math.log10(value) - from) / decades;
     if (decades < FEW_DECADES) {
         const { ticks, note } = linear(low, high, { ...room, gap: room.gap * 2 });
-        if (note === "") {
-            const moved = ticks.map((tick) => ({ ...tick, at: at(low + tick.at * (high - low)) }));
-            return { ticks: thinned(moved, room), note };
-        }
+        const moved = ticks.map(({ at, text }) => {
+            const value = low + at * (high - low);
+            return { at: (Math.log10(value) - from) / decades, text };
+        });
+        return { ticks: thinned(moved, room), note };
     }
-    const first = Math.floor(from);
-    const last = Math.ceil(from + decades);
-    const isPlain = first >= -4 && last <= 5;
-    for (let every = 1; ; ++every) {
-        const ticks = [];
-        for (let exponent = first; exponent <= last; ++exponent) {
-            const text = exponent % every === 0 ? decadeText(exponent, isPlain) : "";
-            if (every === 1 || text) ticks.push({ at: (exponent - from) / decades, text });
-            if (every > 1 || decades > 6) continue;
-            for (let digit = 2; digit <= 9; ++digit) {
-                const named = decades < 2.5 && (digit === 2 || digit === 5);
-                const value = Number(`${digit}e${exponent}`);
-                ticks.push({ at: at(value), text: named ? numberText(value) : "" });
-            }
-        }
-        const seen = ticks.filter((tick) => tick.at >= -1e-9 && tick.at <= 1 + 1e-9);
-        if (fits(seen, room)) return { ticks: seen, note: "" };
-        const plain = seen.map((tick) =>
-            /^(1|0\.0*1|10+.*)$/.test(tick.text) ? tick : { ...tick, text: "" },
-        );
-        if (every === 1 && fits(plain, room)) return { ticks: plain, note: "" };
-        if (every > decades) return { ticks: thinned(seen, room), note: "" };
+    for (const named of decades < MANY_DECADES ? [[2, 5], [3]] : []) {
+        const ticks = powerTicks(from, decades, 1, named);
+        if (fits(ticks, room)) return { ticks, note: "" };
     }
+    for (let every = 1; every < decades; ++every) {
+        const ticks = powerTicks(from, decades, every, []);
+        if (fits(ticks, room)) return { ticks, note: "" };
+    }
+    return { ticks: thinned(powerTicks(from, decades, 1, [2, 5]), room), note: "" };
 }
 
 const SECOND = 1;
@@ -212,7 +222,7 @@ const padded = (value, length = 2) => String(value).padStart(length, "0");
 
 /** @param {Date} date */
 function dayText(date) {
-    return `${date.getUTCFullYear()}-${padded(date.getUTCMonth() + 1)}-${padded(date.getUTCDate())}`;
+    return `${padded(date.getUTCFullYear(), 4)}-${padded(date.getUTCMonth() + 1)}-${padded(date.getUTCDate())}`;
 }
 
 /** @param {number} seconds since 1970 @param {number} decimals of a second; below 0: minutes */
@@ -269,7 +279,8 @@ function clockTicks(low, high, step) {
                 ? clockText(seconds, decimals)
                 : `${date.getUTCDate()} ${MONTHS[date.getUTCMonth()]}`;
         const context = step < DAY ? dayText(date) : String(date.getUTCFullYear());
-        ticks.push({ at: (i * step - (low - base)) / (high - low), text, context });
+        // Doubles of seconds are coarse: the last one may lie a little beyond.
+        ticks.push({ at: Math.min(1, (i * step - (low - base)) / (high - low)), text, context });
     }
     return ticks;
 }

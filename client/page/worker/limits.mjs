@@ -7,7 +7,8 @@ import { axisOf } from "./vocabulary.mjs";
 /** @typedef {import("./scene.mjs").Scene} Scene */
 /** @typedef {import("../messages.mjs").Limits} Limits */
 /** @typedef {[number, number]} Range */
-/** @typedef {{x: Range | null, y: Range | null, y2: Range | null}} View null: the engine's */
+/** @typedef {import("../messages.mjs").Follow} Follow */
+/** @typedef {{x: Range | Follow | null, y: Range | null, y2: Range | null}} View null: the engine's */
 
 /**
  * @typedef {object} Shown what the page shows of a scene
@@ -75,10 +76,11 @@ export function hasSecond(axes) {
 function xLimitsOf(group, shown) {
     const isLog = axisOf(group[0], "x").scale === "log";
     const view = group.map((axes) => shown.views.get(axes.id)?.x).find(Boolean);
-    if (view) return usable(view, isLog);
+    if (Array.isArray(view)) return usable(view, isLog);
     const chosen = group.find((axes) => axisOf(axes, "x").limits) ?? group[0];
     const series = seriesOf(group, shown.hidden);
-    return byEngine(axisOf(chosen, "x"), series, (one) => extentOf(one).x(isLog), false);
+    const axis = axisOf(chosen, "x");
+    return byEngine(view ? { ...axis, limits: view } : axis, series, (one) => extentOf(one).x(isLog), false);
 }
 
 /** @param {Item[]} group @param {Set<number>} hidden */

@@ -71,10 +71,13 @@ class Peer {
 export class ScriptedGateway {
     /** Whether an upgrade that offers these subprotocols is answered with 403. */
     refuses = () => false;
-    static async start() {
+    /** With an HTTP server it serves what that serves, too. */
+    static async start(server) {
         const gateway = new ScriptedGateway();
         const verifyClient = ({ req }, done) => done(!gateway.refuses(offeredIn(req)), 403);
-        gateway.sockets = new WebSocketServer({ host: "127.0.0.1", port: 0, verifyClient });
+        const where = server ? { server } : { host: "127.0.0.1", port: 0 };
+        gateway.sockets = new WebSocketServer({ ...where, verifyClient });
+        server?.listen(0, "127.0.0.1");
         gateway.connections = on(gateway.sockets, "peer");
         gateway.sockets.on("connection", (socket, request) =>
             gateway.sockets.emit("peer", new Peer(socket, request)),

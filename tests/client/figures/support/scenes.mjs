@@ -17,7 +17,11 @@ export function encode(columns) {
         Buffer.from(buffer, byteOffset, byteLength),
     );
     const described = typed.map(([name, type]) => [name, type]);
-    return { count: typed[0][2].length, columns: described, data: Uint8Array.from(Buffer.concat(parts)) };
+    return {
+        count: typed[0][2].length,
+        columns: described,
+        data: Uint8Array.from(Buffer.concat(parts)),
+    };
 }
 
 /** A scene with a figure, 1, and axes in it, 2. */

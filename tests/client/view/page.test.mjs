@@ -1,0 +1,108 @@
+// What the page's main thread works out without a browser.
+import assert from "node:assert/strict";
+import { test } from "node:test";
+
+import { fileName } from "../../../client/page/file_name.mjs";
+import { meaningOf } from "../../../client/page/keys.mjs";
+import { gridOf, placeAxes } from "../../../client/page/layout.mjs";
+import * as navigation from "../../../client/page/navigation.mjs";
+import { Watch } from "../../../client/page/stale.mjs";
+
+const { moved, zoomed, isSame, stretch, withEqualAspect, isShowable } = navigation;
+
+test("Zooming keeps the place under the pointer, moving keeps the size, in decades as well", () => {
+    assert.deepEqual(zoomed([0, 10], "linear", 0.25, 0.5), [1.25, 6.25]);
+    assert.deepEqual(zoomed([1, 1e4], "log", 0.5, 0.5).map(Math.round), [10, 1000]);
+    assert.deepEqual(moved([0, 10], "time", 0.5), [5, 15]);
+    assert.deepEqual(moved([1, 100], "log", 0.5).map(Math.round), [10, 1000]);
+});
+
+test("Nobody gets to limits between which nothing can be told apart", () => {
+    assert.ok(isShowable([1e15, 1e15 + 1000], "linear"));
+    const unshowable = [
+        [[1e15, 1e15 + 1], "linear"],
+        [[0, Infinity], "linear"],
+        [[NaN, 1], "linear"],
+        [[-1, 1], "log"],
+        [[5, 5], "linear"],
+    ];
+    for (const [limits, scale] of unshowable) assert.ok(!isShowable(limits, scale), `${limits}`);
+    assert.deepEqual(zoomed([1, 1 + 1e-12], "linear", 0.5, 0.01), [1, 1 + 1e-12]);
+});
+
+test("The old picture lies where its values are until the new one has come", () => {
+    assert.deepEqual(stretch([0, 10], [0, 20], "linear"), { from: 0, size: 0.5 });
+    assert.deepEqual(stretch([10, 100], [1, 100], "log"), { from: 0.5, size: 0.5 });
+    assert.ok(isSame([0, 1 + 1e-9], [0, 1], "linear") && !isSame([0, 1.001], [0, 1], "linear"));
+    assert.ok(isSame(null, null, "linear") && !isSame(null, [0, 1], "linear"));
+});
+
+test("A selection grows until a unit of x is as long as one of y", () => {
+    assert.deepEqual(withEqualAspect([0, 4], [0, 1], 2), { x: [0, 4], y: [-0.5, 1.5] });
+    assert.deepEqual(withEqualAspect([0, 1], [0, 4], 2), { x: [-3.5, 4.5], y: [0, 4] });
+});
+
+test("Figures share the window so that they are neither flat nor narrow", () => {
+    const cases = [
+        [1, 1400, 800, 1],
+        [2, 1400, 800, 2],
+        [4, 1400, 800, 2],
+        [5, 1400, 800, 3],
+        [6, 390, 800, 1],
+        [3, 2000, 500, 3],
+        [2, 700, 1200, 1],
+    ];
+    for (const [count, width, height, columns] of cases) {
+        assert.equal(gridOf(count, { width, height }).columns, columns, `${count} in ${width}`);
+    }
+});
+
+test("Axes go where the engine wants them, or behind one another where that is too narrow", () => {
+    const free = { row: null, column: null };
+    const wanted = [{ row: 0, column: 1 }, free, free, { row: 1, column: 1 }];
+    const cellsIn = (width, columns) => {
+        const { cells } = placeAxes(wanted, { width, height: 600 }, columns);
+        return cells.map(({ row, column }) => `${row}${column}`).join(" ");
+    };
+    assert.equal(cellsIn(900, 2), "01 00 10 11");
+    assert.equal(cellsIn(900, 3), "01 00 02 11");
+    assert.equal(cellsIn(300, 3), "00 10 20 30");
+    assert.equal(placeAxes([free, free], { width: 900, height: 300 }, 0).columns, 2);
+});
+
+test("Keys are the page's, the engine's or the browser's", () => {
+    const cases = [
+        [{ key: "ArrowUp" }, { do: "crosshair", x: 0, y: 0.02 }],
+        [
+            { key: "ArrowLeft", shiftKey: true },
+            { do: "move", x: -0.1, y: 0 },
+        ],
+        [{ key: "=" }, { do: "action", action: "zoomIn" }],
+        [{ key: "Home" }, { do: "action", action: "home" }],
+        [{ key: "?", shiftKey: true }, { do: "help" }],
+        [{ key: "x" }, { do: "engine", key: "x" }],
+        [{ key: "c", ctrlKey: true }, null],
+        [{ key: "Tab" }, null],
+        [{ key: "F5" }, null],
+    ];
+    for (const [event, meaning] of cases) assert.deepEqual(meaningOf(event), meaning, event.key);
+});
+
+test("Data are stale when an engine that drew regularly stops, or the connection is gone", () => {
+    const watch = new Watch();
+    assert.equal(watch.staleSince(1e6, false), null, "nothing has come yet");
+    watch.heard(1000, 1);
+    assert.equal(watch.staleSince(9000, true), null, "one picture that stays");
+    assert.equal(watch.staleSince(9000, false), 1000);
+    [1500, 2000, 2500].forEach((at, i) => watch.heard(at, 2 + i));
+    watch.heard(2500, 4);
+    assert.deepEqual([watch.staleSince(4400, true), watch.staleSince(4501, true)], [null, 2500]);
+    watch.heard(20000, 5);
+    assert.equal(watch.staleSince(30000, true), null, "once again is not regularly");
+});
+
+test("A saved file says what it is, and when", () => {
+    const date = new Date(Date.UTC(2026, 10, 21, 9, 5, 7));
+    assert.equal(fileName("Ünïts: m/s", "", date, "png"), "units-m-s-2026-11-21-090507.png");
+    assert.equal(fileName("", "x..", date, "csv"), "figure-x-2026-11-21-090507.csv");
+});

@@ -1,0 +1,244 @@
+// The page as an instrument: what somebody does with figures, in Chromium.
+import assert from "node:assert/strict";
+import { readFile } from "node:fs/promises";
+import { test } from "node:test";
+
+import { Engine } from "./support/engine.mjs";
+import { assertClean } from "./support/page.mjs";
+import { Stage } from "./support/stage.mjs";
+
+const stage = new Stage();
+const LINE = 3;
+const POINTS = 12;
+const x = Array.from({ length: 101 }, (_, i) => i / 10);
+const y = x.map((at) => at * at);
+
+/** Two axes with a line, linked; a map with points, which takes picks; and controls. */
+async function start(context) {
+    const engine = await Engine.open(stage, context);
+    const outcome = await engine.frame(() => {
+        engine.create(1, "figure", 0, { title: "A parabola <b>" });
+        const axis = { label: "time", unit: "s", limits: [0, 10] };
+        const axes = { x: axis, y: { label: "way", unit: "m", limits: [0, 100] }, linkX: 1 };
+        engine.create(2, "axes", 1, axes);
+        engine.create(LINE, "line", 2, { name: "fall", color: "#d00000" });
+        engine.create(4, "line", 2, { name: "flight", color: "#0000d0" });
+        engine.create(5, "axes", 1, axes);
+        engine.create(6, "line", 5, { name: "other" });
+        engine.create(10, "figure", 0, { title: "Map" });
+        engine.create(11, "axes", 10, {
+            picks: true,
+            x: { limits: [0, 4] },
+            y: { limits: [0, 4] },
+        });
+        engine.create(POINTS, "scatter", 11, { name: "places", size: 10 });
+        engine.create(20, "slider", 10, { label: "Gain", low: 0, high: 1, step: 0.25, value: 0.5 });
+        engine.create(21, "choice", 10, { label: "Kind", options: ["one", "two"], value: 0 });
+        for (const id of [LINE, 6]) engine.data(id, { x, y });
+        engine.data(4, { x, y: y.map((way) => 100 - way) });
+        engine.data(POINTS, { x: [1, 2, 3], y: [1, 3, 2] });
+    }, true);
+    assert.equal(outcome, "painted");
+    const { page } = engine;
+    const place = async (index, across, up) => {
+        const { x: left, y: top, width, height } = await engine.area(index);
+        return [left + across * width, top + (1 - up) * height];
+    };
+    return { engine, page, place };
+}
+
+/** @param {number[]} range @param {number[]} wanted */
+function assertNear(range, wanted) {
+    const tolerance = (wanted[1] - wanted[0]) / 50;
+    wanted.forEach((value, i) => {
+        assert.ok(Math.abs(range[i] - value) < tolerance, `${range} instead of ${wanted}`);
+    });
+}
+
+test("What is zoomed and moved is shown in linked axes too, drawn and told to the engine", async () => {
+    const { engine, page, place } = await start();
+    const told = async (...wanted) => {
+        const { axes, x: range, home } = await engine.event("limits");
+        assert.deepEqual([axes, home], [wanted[0], wanted[2]]);
+        assertNear(range, wanted[1]);
+        assertNear((await engine.limits(5)).x, wanted[1]);
+        await engine.event("limits"); // of the linked axes
+    };
+    await page.mouse.move(...(await place(0, 0.5, 0.5)));
+    await page.keyboard.down("Shift");
+    await page.mouse.wheel(0, -200);
+    await page.keyboard.up("Shift");
+    await told(2, [1.97, 8.03]);
+    assert.deepEqual((await engine.limits(2)).y, [0, 100], "only x was zoomed");
+    await page.mouse.dblclick(...(await place(0, 0.5, 0.5)));
+    await told(2, [0, 10], true);
+    await page.mouse.move(...(await place(0, 0.2, 0.1)));
+    await page.mouse.down();
+    await page.mouse.move(...(await place(0, 0.6, 0.9)), { steps: 4 });
+    await page.mouse.up();
+    await told(2, [2, 6]);
+    assertNear((await engine.limits(2)).y, [10, 90]);
+    await page.locator(".chart").first().press("Shift+ArrowRight");
+    await told(2, [2.4, 6.4]);
+    await page.keyboard.press("0");
+    await told(2, [0, 10], true);
+    await page.keyboard.down("Shift");
+    await page.mouse.move(...(await place(0, 0.5, 0.5)));
+    await page.mouse.down();
+    await page.mouse.move(...(await place(0, 0.4, 0.5)));
+    await page.mouse.up();
+    await page.keyboard.up("Shift");
+    await told(2, [1, 11]);
+    await page.getByRole("button", { name: "Follow" }).first().click();
+    await engine.event("limits");
+    assert.equal(await engine.frame(() => engine.data(LINE, { x: [30], y: [50] }, 101)), "painted");
+    assertNear((await engine.limits(2)).x, [20, 30]);
+    await assertClean(page);
+});
+
+test("The crosshair says what lies there, by pointer and by key, in linked axes too", async () => {
+    const { engine, page, place } = await start();
+    await page.mouse.move(...(await place(0, 0.501, 0.3)));
+    await page.locator(".tip", { hasText: "fall25 m" }).waitFor();
+    await page.locator(".tip", { hasText: "other25 m" }).waitFor();
+    const told = await page.locator(".tip").first().textContent();
+    assert.match(told, /^time 5(\.\d+)? sfall25 mflight75 m$/);
+    await engine.frame(() => engine.data(LINE, { x, y: x }));
+    await page.locator(".tip", { hasText: "fall5 m" }).waitFor();
+    await page.mouse.move(1, 1);
+    await page.locator(".tip").first().waitFor({ state: "hidden" });
+    for (let i = 0; i < 10; ++i) await page.locator(".chart").first().press("ArrowRight");
+    await page.locator("#said", { hasText: /time 7 s; fall 7 m; flight 51 m/ }).waitFor();
+    await page.keyboard.press("Escape");
+    await page.locator(".tip").first().waitFor({ state: "hidden" });
+    const name = await page.locator(".chart").first().getAttribute("aria-label");
+    assert.match(
+        name,
+        /^A parabola <b>\. line fall, line flight\. x, time in s, from 0 to 10\. y, way/,
+    );
+    await assertClean(page);
+});
+
+test("A click and a key pick what is near; controls say their values", async () => {
+    const { engine, page, place } = await start();
+    await page.mouse.click(...(await place(2, 0.505, 0.75)));
+    const { axes, x: across, series, index } = await engine.event("pick");
+    assert.deepEqual([axes, series, index, Math.round(across)], [11, POINTS, 1, 2]);
+    await page.mouse.click(...(await place(2, 0.9, 0.1)));
+    assert.equal((await engine.event("pick")).series, undefined);
+    await page.mouse.move(1, 1);
+    await page.locator(".chart").nth(2).press("ArrowRight");
+    await page.keyboard.press("Enter");
+    assert.ok(Math.abs((await engine.event("pick")).x - 2.08) < 0.02);
+    await page.keyboard.press("q");
+    assert.deepEqual(await engine.event("key"), { event: "key", key: "q", axes: 11 });
+    await page.getByRole("slider", { name: "Gain" }).press("ArrowRight");
+    assert.deepEqual(await engine.event("control"), { event: "control", id: 20, value: 0.75 });
+    await page.getByRole("combobox", { name: "Kind" }).selectOption("two");
+    assert.deepEqual(await engine.event("control"), { event: "control", id: 21, value: 1 });
+    // What the engine says of something else does not put the slider back; a value of its own does.
+    const gain = () => page.getByRole("slider", { name: "Gain" }).inputValue();
+    await engine.frame(() => engine.say("set", { id: 1, title: "Else" }));
+    assert.equal(await gain(), "0.75");
+    await engine.frame(() => engine.say("set", { id: 20, value: 0.25 }));
+    assert.equal(await gain(), "0.25");
+    await assertClean(page);
+});
+
+test("The legend hides series, pausing holds the picture, and what is late looks so", async () => {
+    const { engine, page } = await start();
+    const isBlue = () =>
+        page.evaluate(() => {
+            const canvas = document.createElement("canvas");
+            const context = canvas.getContext("2d");
+            const source = document.querySelector(".u-over canvas");
+            [canvas.width, canvas.height] = [source.width, source.height];
+            context.drawImage(source, 0, 0);
+            const { data } = context.getImageData(0, 0, canvas.width, canvas.height);
+            return data.some((part, i) => i % 4 === 2 && part > 150 && data[i - 2] < 50);
+        });
+    assert.ok(await isBlue());
+    await page.getByRole("button", { name: "flight", pressed: true }).click();
+    await page.getByRole("button", { name: "flight", pressed: false }).waitFor();
+    assert.equal(await engine.frame(() => engine.data(LINE, { x, y: x })), "painted");
+    assert.ok(!(await isBlue()));
+    await page.getByRole("button", { name: "Pause" }).click();
+    await page.locator('#status[data-state="paused"]').waitFor();
+    assert.equal(await engine.frame(() => engine.say("set", { id: 10, title: "New" })), "paused");
+    assert.equal(await page.locator("h2").nth(1).textContent(), "Map");
+    await page.keyboard.press(" ");
+    await page.locator("h2", { hasText: "New" }).waitFor();
+    for (let i = 0; i < 4; ++i) await engine.frame(() => engine.data(LINE, { x, y: x }));
+    assert.equal(await page.locator(".is-stale").count(), 0);
+    await engine.stop();
+    await page
+        .locator(".is-stale .stale", { hasText: /^No news since \d+:\d+:\d+/ })
+        .first()
+        .waitFor();
+});
+
+test("A figure is saved as a picture, as shapes and as values", async () => {
+    const { page } = await start();
+    const save = async (format, scale) => {
+        await page.getByRole("button", { name: "Save" }).first().click();
+        await page.locator(`[value=${format}]`).check();
+        await page.getByLabel("Scale").selectOption(scale);
+        const download = page.waitForEvent("download");
+        await page.locator(".save button").click();
+        const file = await download;
+        assert.match(file.suggestedFilename(), new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
+        return readFile(await file.path());
+    };
+    const { width } = await page.locator(".grid").first().boundingBox();
+    const widthOf = (png) => png.readUInt32BE(16);
+    assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
+    const svg = String(await save("svg", "1"));
+    assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
+    assert.match(svg, /#d00000/);
+    assert.match(String(await save("csv", "1")), /fall,2,4\b/);
+    await page.getByRole("button", { name: "Table" }).first().click();
+    await page
+        .getByRole("cell", { name: "99.8", exact: false })
+        .first()
+        .waitFor({ state: "attached" });
+    await assertClean(page);
+});
+
+test("On a phone everything is within reach, by fingers as well", async () => {
+    const { engine, page, place } = await start({
+        viewport: { width: 360, height: 640 },
+        hasTouch: true,
+        deviceScaleFactor: 2,
+        colorScheme: "dark",
+    });
+    assert.equal(await page.evaluate(() => document.documentElement.scrollWidth), 360);
+    const units = await page
+        .locator(".label:visible .unit")
+        .evaluateAll((all) =>
+            all.map((unit) => unit.scrollWidth <= unit.clientWidth && unit.textContent),
+        );
+    assert.deepEqual(
+        units.filter((unit) => unit),
+        ["(m)", "(s)", "(m)", "(s)"],
+    );
+    const small = await page
+        .locator("button, input, select")
+        .evaluateAll((all) =>
+            all.filter(
+                (one) => one.offsetWidth > 0 && Math.min(one.offsetWidth, one.offsetHeight) < 24,
+            ),
+        );
+    assert.equal(small.length, 0);
+    const fingers = await page.context().newCDPSession(page);
+    const touch = async (type, ...places) => {
+        const points = await Promise.all(places.map((at) => place(0, at, 0.5)));
+        const touchPoints = points.map(([left, top], id) => ({ x: left, y: top, id }));
+        await fingers.send("Input.dispatchTouchEvent", { type, touchPoints });
+    };
+    await touch("touchStart", 0.4, 0.6);
+    for (const part of [0.05, 0.1, 0.2]) await touch("touchMove", 0.4 - part, 0.6 + part);
+    await touch("touchEnd");
+    const { x: range } = await engine.event("limits");
+    assert.ok(range[1] - range[0] < 9, `${range}`);
+    await assertClean(page);
+});
