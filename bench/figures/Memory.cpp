@@ -53,7 +53,7 @@ Measurement memoryMeasurement() {
                 const double after = least(found, 4 * kParts / 5, kParts);
                 return {{quick ? "memory, 500 frames" : "memory, 10,000 frames", "MB more",
                          (after - before) / kMegabyte, 5},
-                        {"", "MB", after / kMegabyte, 250}};
+                        {"", "MB", after / kMegabyte}};
             }};
 }
 

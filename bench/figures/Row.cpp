@@ -19,9 +19,8 @@ Text textOf(const std::optional<double>& value) {
 }
 
 /// A screen shows 60 frames in a little less, or a little more, than a second.
-bool isReached(const Row& row) {
-    if (row.isAtLeast) return std::round(row.measured) >= row.wanted;
-    return row.measured <= row.wanted;
+bool isReached(const Row& row, double wanted) {
+    return row.isAtLeast ? std::round(row.measured) >= wanted : row.measured <= wanted;
 }
 
 }  // namespace
@@ -33,9 +32,13 @@ void printRowHeading() {
 }
 
 void print(const Row& row) {
-    std::printf("%-34s %-9s %9.1f %9s  %s %-5.0f %s\n", row.figure.c_str(), row.unit.c_str(),
-                row.measured, textOf(row.floor).data(), row.isAtLeast ? ">=" : "<=", row.wanted,
-                isReached(row) ? "yes" : "no");
+    std::printf("%-34s %-9s %9.1f %9s", row.figure.c_str(), row.unit.c_str(), row.measured,
+                textOf(row.floor).data());
+    if (row.wanted) {
+        std::printf("  %s %-5.0f %s", row.isAtLeast ? ">=" : "<=", *row.wanted,
+                    isReached(row, *row.wanted) ? "yes" : "no");
+    }
+    std::printf("\n");
     std::fflush(stdout);
 }
 

@@ -12,9 +12,9 @@ struct Row {
     std::string figure;
     std::string unit;
     double measured;
-    double wanted;
-    bool isAtLeast = false;         ///< otherwise what is wanted is the most
-    std::optional<double> floor{};  ///< the same by hand, where there is such a thing
+    std::optional<double> wanted{};  ///< nothing: it is told for what it is
+    bool isAtLeast = false;          ///< otherwise what is wanted is the most
+    std::optional<double> floor{};   ///< the same by hand, where there is such a thing
 };
 
 /// What one source contributes: one or several lines, that are measured together.

@@ -78,24 +78,32 @@ Browser::Browser(const std::string& link) : fProfile(makeProfile()) {
 std::string Browser::ask(const std::string& request) {
     const auto port = portOf(fProfile);
     const Socket socket(port);
-    socket.send(request + " HTTP/1.0\r\nHost: 127.0.0.1:" + std::to_string(port) +
-                "\r\nConnection: close\r\n\r\n");
-    // The connection is kept open whatever is asked for, so its end says nothing.
+    socket.send(request + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n\r\n");
+    const std::string length = "Content-Length:";
     std::string answer;
-    std::array<char, 4096> bytes;
-    while (answer.find("\r\n\r\n") == std::string::npos) {
+    for (;;) {
+        std::array<char, 4096> bytes;
         answer.append(bytes.data(), socket.receive(bytes.data(), bytes.size()));
+        const auto head = answer.find("\r\n\r\n");
+        const auto at = answer.find(length);
+        if (head == std::string::npos || at == std::string::npos) continue;
+        const auto size = std::stoul(answer.substr(at + length.size()));
+        if (answer.size() >= head + 4 + size) return answer.substr(head + 4);
     }
-    return answer;
 }
 
 std::string Browser::open(const std::string& link) {
-    const auto answer = ask("PUT /json/new?" + link);
+    std::string address = link;
+    // What would be taken for the end of the request's own address.
+    for (auto at = address.find('#'); at != std::string::npos; at = address.find('#')) {
+        address.replace(at, 1, "%23");
+    }
+    const auto answer = ask("PUT /json/new?" + address);
     const std::string begin = R"("id": ")";
     const auto from = answer.find(begin);
     if (from == std::string::npos) throw std::runtime_error("the browser opens no tab: " + answer);
-    return answer.substr(from + begin.size(),
-                         answer.find('"', from + begin.size()) - from - begin.size());
+    const auto to = answer.find('"', from + begin.size());
+    return answer.substr(from + begin.size(), to - from - begin.size());
 }
 
 void Browser::close(const std::string& tab) { ask("GET /json/close/" + tab); }
