@@ -36,7 +36,9 @@ async function start(context) {
         engine.create(21, "choice", 10, { label: "Kind", options: ["one", "two"], value: 0 });
         for (const id of [LINE, 6]) engine.data(id, { x, y });
         engine.data(4, { x, y: y.map((way) => 100 - way) });
+        engine.create(13, "line", 11, { name: "rim" });
         engine.data(POINTS, { x: [1, 2, 3], y: [1, 3, 2] });
+        engine.data(13, { x, y: x.map(() => 4) });
     }, true);
     assert.equal(outcome, "painted");
     const { page } = engine;
@@ -49,10 +51,10 @@ async function start(context) {
 
 test("What is zoomed and moved is shown in linked axes too, drawn and told to the engine", async () => {
     const { engine, page, place } = await start();
-    const told = async ([low, high], home) => {
+    const told = async ([low, high], home, of = 5) => {
         await engine.event("limits", ({ axes, x: [from, to], home: isHome }) => {
             const isNear = Math.abs(from - low) + Math.abs(to - high) < (high - low) / 50;
-            return axes === 5 && isNear && isHome === home;
+            return axes === of && isNear && isHome === home;
         });
         await engine.untilShown(2, "x", [low, high]);
     };
@@ -70,7 +72,7 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await engine.untilShown(5, "y", [19.7, 80.3]);
     await told([1.97, 8.03]);
     await page.mouse.dblclick(...(await place(0, 0.5, 0.5)));
-    await told([0, 10], true);
+    await told([0, 10], true, 2);
     await page.mouse.move(...(await place(0, 0.2, 0.1)));
     await page.mouse.down();
     await page.mouse.move(...(await place(0, 0.6, 0.9)), { steps: 4 });
@@ -192,7 +194,7 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
-    assert.match(svg, /#d00000/);
+    assert.match(svg, /stroke="#d00000"/);
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
     await page
