@@ -194,7 +194,7 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
-    assert.match(svg, /#d00000/);
+    assert.match(svg, /stroke="#d00000"/);
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
     await page
