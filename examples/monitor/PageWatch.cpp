@@ -16,22 +16,19 @@ PageWatch::PageWatch(Outlets outlets, std::chrono::duration<double> remind)
     : fOutlets(std::move(outlets)), fRemind(remind), fReminderDue(fOutlets.now() + ticks(remind)) {}
 
 void PageWatch::waiting(bool waits) {
-    const annotated::Lock lock(fMutex);
-    if (waits) {
-        if (!fWaitingSince) fWaitingSince = fOutlets.now();
-        return;
+    Ticks none = 0;
+    if (!waits) {
+        fWaitingSince = none;
+    } else {
+        fWaitingSince.compare_exchange_strong(none, fOutlets.now().time_since_epoch().count());
     }
-    fWaitingSince.reset();
-    if (std::exchange(fClosedAtStall, std::nullopt)) fOutlets.say("client answers again");
 }
 
 void PageWatch::look() {
-    const annotated::Lock lock(fMutex);
     const auto now = fOutlets.now();
     note(fOutlets.isGone());
     remind(now);
-    const bool isLong = fWaitingSince && now - *fWaitingSince >= kStalledAfter;
-    if (isLong && !fClosedAtStall) lookForStall(now);
+    lookForStall(now);
 }
 
 void PageWatch::note(bool gone) {
@@ -40,10 +37,9 @@ void PageWatch::note(bool gone) {
         fOutlets.say("client there");
         return;
     }
-    fWaitingSince.reset();
-    const auto closedAtStall = std::exchange(fClosedAtStall, std::nullopt);
+    const auto stall = std::exchange(fStall, std::nullopt);
     // The gateway gives up a page that takes nothing. That is not the user's closing of a tab.
-    const bool wasClosed = closedAtStall && fOutlets.ask().disconnected > *closedAtStall;
+    const bool wasClosed = stall && fOutlets.ask().disconnected > stall->closed;
     fOutlets.say(wasClosed ? "client stalled for so long that it was disconnected" : "client gone");
 }
 
@@ -59,12 +55,20 @@ void PageWatch::remind(Clock::time_point now) {
 }
 
 void PageWatch::lookForStall(Clock::time_point now) {
+    Ticks since = fWaitingSince;
+    if (fStall) {
+        if (since == fStall->since) return;
+        fStall.reset();
+        fOutlets.say("client answers again");
+    }
+    if (since == 0 || now - Clock::time_point(Clock::duration(since)) < kStalledAfter) return;
     const auto known = fOutlets.ask();
     if (known.pages == 0) {
-        fWaitingSince = now;  // a page that comes now has its full time
+        // A page that comes now has its full time.
+        fWaitingSince.compare_exchange_strong(since, now.time_since_epoch().count());
         return;
     }
-    fClosedAtStall = known.disconnected;
+    fStall = {since, known.disconnected};
     fOutlets.say("client stalled: connected, but without an answer for " +
                  std::to_string(kStalledAfter.count()) + " s");
 }

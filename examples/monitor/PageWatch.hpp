@@ -1,23 +1,23 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
-#include "annotated/Mutex.hpp"
 #include "kirogateway/Gateway.hpp"
 
 namespace monitor {
 
 /// Says how it stands with the pages: that the last one has gone or one is back, that one is
-/// connected but does not answer; and repeats the link while nobody has come. Any thread.
+/// connected but does not answer; and repeats the link while nobody has come.
 class PageWatch {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /// What is asked and told in a call of this; not to call it back.
+    /// What `look` asks and tells, on its thread.
     struct Outlets {
         std::function<kirogateway::Statistics()> ask;
         /// Whether pages were there and none is any more.
@@ -33,25 +33,29 @@ class PageWatch {
     /// The link is repeated after `remind`, then after twice as long, and so on; 0: never.
     PageWatch(Outlets outlets, std::chrono::duration<double> remind);
 
-    /// A frame waits for its answer, if none has waited before; or it was answered.
-    void waiting(bool waits) EXCLUDES_LOCK(fMutex);
-    /// To be called at intervals.
-    void look() EXCLUDES_LOCK(fMutex);
+    /// A frame waits for its answer, if none has waited before; or it was answered. Any thread.
+    void waiting(bool waits);
+    /// To be called at intervals, on one thread.
+    void look();
 
   private:
-    void note(bool gone) REQUIRES_LOCK(fMutex);
-    void remind(Clock::time_point now) REQUIRES_LOCK(fMutex);
-    void lookForStall(Clock::time_point now) REQUIRES_LOCK(fMutex);
+    using Ticks = Clock::rep;
+    struct Stall {
+        Ticks since;
+        std::uint64_t closed;  ///< how many pages the gateway had closed by then
+    };
+
+    void note(bool gone);
+    void remind(Clock::time_point now);
+    void lookForStall(Clock::time_point now);
 
     const Outlets fOutlets;
-    annotated::Mutex fMutex;
-    std::chrono::duration<double> fRemind GUARDED_BY(fMutex);
-    Clock::time_point fReminderDue GUARDED_BY(fMutex);
-    /// Since when frames have waited for an answer.
-    std::optional<Clock::time_point> fWaitingSince GUARDED_BY(fMutex);
-    /// Of a client that has stalled: how many pages the gateway had closed by then.
-    std::optional<std::uint64_t> fClosedAtStall GUARDED_BY(fMutex);
-    bool fGone GUARDED_BY(fMutex) = false;
+    std::chrono::duration<double> fRemind;
+    Clock::time_point fReminderDue;
+    /// Since when frames have waited for an answer; 0: none does.
+    std::atomic<Ticks> fWaitingSince = 0;
+    std::optional<Stall> fStall;
+    bool fGone = false;
 };
 
 }  // namespace monitor

@@ -63,6 +63,7 @@ TEST_F(PageWatchTest, CallsAPageStalledThatIsConnectedAndDoesNotAnswer) {
     waitFor(1h);
     EXPECT_EQ(said(), Lines{kStalled});
     fWatch.waiting(false);
+    fWatch.look();
     EXPECT_EQ(said(), Lines{"client answers again"});
 }
 
@@ -70,7 +71,7 @@ TEST_F(PageWatchTest, TellsAPageThatIsGoneFromOneThatWasDisconnected) {
     fPages = {.pages = 1, .views = 1, .disconnected = 4};
     waitFor(3s);
     EXPECT_EQ(said(), Lines{kStalled});
-    fPages.disconnected = 5;
+    fPages = {.views = 1, .disconnected = 5};
     note(true);
     note(true);
     EXPECT_EQ(said(), Lines{"client stalled for so long that it was disconnected"});

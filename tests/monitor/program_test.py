@@ -108,7 +108,7 @@ class Pages(Case):
 
     def test_frames_that_a_page_draws_fails_at_and_keeps(self):
         file = self.folder / "diagnostics.json"
-        monitor = start("--no-browser", "--frames=4", "--speed=max", "--timeout=1", f"--diagnostics={file}")
+        monitor = start("--no-browser", "--frames=4", "--speed=max", "--timeout=4", f"--diagnostics={file}")
         page = Page(monitor.stdout.readline().strip()).draw(2)
         page.publish("/services/ErrorLoggingService/JSErrors", "no\nink")
         page.draw(outcome="failed", error="no ink")
@@ -116,10 +116,11 @@ class Pages(Case):
         status, out, error = end(monitor)
         self.assertEqual(status, 1)
         self.assertRegex(out, r"\A4 frames: 2 drawn, 1 failed, 1 timed out, 0 [^\n]*\n\Z")
-        self.assertRegex(error, r"monitor: script error [^\n]*ink[^\n]*\nmonitor: a flush timed out: token lost\n")
+        self.assertRegex(error, r"monitor: script error [^\n]*ink[^\n]*\nmonitor: client stalled: [^\n]*\n"
+                                r"monitor: a flush timed out: token lost\n")
         bundle = json.loads(file.read_text())
         self.assertLess(bundle["started"], bundle["time"])
-        self.assertEqual(bundle["options"]["timeout"], 1)
+        self.assertEqual(bundle["options"]["timeout"], 4)
         self.assertTrue({"Sending ACT", "Timeout"} <= {record["Event"] for record in bundle["history"]})
 
 
