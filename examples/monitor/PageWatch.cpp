@@ -26,15 +26,18 @@ void PageWatch::waiting(bool waits) {
 }
 
 void PageWatch::look() {
+    // The gateway's locks are taken before this one.
+    const bool isGone = fOutlets.isGone();
+    const auto known = fOutlets.ask();
     const annotated::Lock lock(fMutex);
     const auto now = fOutlets.now();
-    note(fOutlets.isGone());
-    remind(now);
+    note(isGone, known);
+    remind(now, known);
     const bool isLong = fWaitingSince && now - *fWaitingSince >= kStalledAfter;
-    if (isLong && !fClosedAtStall) lookForStall(now);
+    if (isLong && !fClosedAtStall) lookForStall(now, known);
 }
 
-void PageWatch::note(bool gone) {
+void PageWatch::note(bool gone, const kirogateway::Statistics& known) {
     if (std::exchange(fGone, gone) == gone) return;
     if (!gone) {
         fOutlets.say("client there");
@@ -43,13 +46,13 @@ void PageWatch::note(bool gone) {
     fWaitingSince.reset();
     const auto closedAtStall = std::exchange(fClosedAtStall, std::nullopt);
     // The gateway gives up a page that takes nothing. That is not the user's closing of a tab.
-    const bool wasClosed = closedAtStall && fOutlets.ask().disconnected > *closedAtStall;
+    const bool wasClosed = closedAtStall && known.disconnected > *closedAtStall;
     fOutlets.say(wasClosed ? "client stalled for so long that it was disconnected" : "client gone");
 }
 
-void PageWatch::remind(Clock::time_point now) {
+void PageWatch::remind(Clock::time_point now, const kirogateway::Statistics& known) {
     if (fRemind.count() <= 0 || now < fReminderDue) return;
-    if (fOutlets.ask().views > 0) {
+    if (known.views > 0) {
         fRemind = std::chrono::duration<double>::zero();
         return;
     }
@@ -58,8 +61,7 @@ void PageWatch::remind(Clock::time_point now) {
     fReminderDue = now + ticks(fRemind);
 }
 
-void PageWatch::lookForStall(Clock::time_point now) {
-    const auto known = fOutlets.ask();
+void PageWatch::lookForStall(Clock::time_point now, const kirogateway::Statistics& known) {
     if (known.pages == 0) {
         fWaitingSince = now;  // a page that comes now has its full time
         return;

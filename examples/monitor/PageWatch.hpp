@@ -39,9 +39,10 @@ class PageWatch {
     void look() EXCLUDES_LOCK(fMutex);
 
   private:
-    void note(bool gone) REQUIRES_LOCK(fMutex);
-    void remind(Clock::time_point now) REQUIRES_LOCK(fMutex);
-    void lookForStall(Clock::time_point now) REQUIRES_LOCK(fMutex);
+    void note(bool gone, const kirogateway::Statistics& known) REQUIRES_LOCK(fMutex);
+    void remind(Clock::time_point now, const kirogateway::Statistics& known) REQUIRES_LOCK(fMutex);
+    void lookForStall(Clock::time_point now, const kirogateway::Statistics& known)
+        REQUIRES_LOCK(fMutex);
 
     const Outlets fOutlets;
     annotated::Mutex fMutex;
