@@ -1,14 +1,29 @@
 #pragma once
 
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "Figure.hpp"
 
 namespace bench {
 
-/// A program that prints a table of figures. Its arguments are "--quick" and a word, which
-/// selects figures by name.
+/// What the arguments of a program ask for: "--quick", and a word that selects figures by name.
+struct Selection {
+    bool quick = false;
+    std::string text;
+
+    [[nodiscard]] bool has(const std::string& name) const {
+        return name.find(text) != std::string::npos;
+    }
+};
+
+/// Calls `measure`, unless the arguments ask for `help` or cannot be understood. Answers the exit
+/// status.
+int run(const char* name, const char* help, int argc, char** argv,
+        const std::function<void(const Selection&)>& measure);
+
+/// A program that prints a table of figures.
 struct Program {
     const char* name;
     const char* help;

@@ -1,6 +1,7 @@
 #include "DrawnowTimeoutLogger.hpp"
 
 #include <string>
+#include <utility>
 
 #include "EventLog.hpp"
 #include "bedrock/json/Value.hpp"
@@ -23,11 +24,11 @@ const char* const kGraphicsChannels = "/graphics/*";
 const char* const kLogChannel = "/graphics/PubSubLogger/log";
 const char* const kErrorChannel = "/services/ErrorLoggingService/JSErrors";
 
-void record(const std::string& event, const std::string& eventData, const std::string& source,
+void record(const std::string& event, std::string eventData, const std::string& source,
             const std::string& channel) {
-    const auto entry =
-        records::eventRecord<json::Object>(records::kClient, source, channel, event, eventData);
-    kiroutils::Logger::instance().log(kDrawnowTimeoutLog, json::serialize(entry));
+    auto entry = records::eventRecord<json::Object>(records::kClient, source, channel, event,
+                                                    std::move(eventData));
+    kiroutils::Logger::instance().log(kDrawnowTimeoutLog, json::serialize(std::move(entry)));
 }
 
 /// Text that does not parse is recorded all the same, as a message without fields.
@@ -45,7 +46,7 @@ void recordScriptError(const std::string& channel, const PayloadInterface& paylo
     if (!isRead(kiroutils::Logger::instance(), kDrawnowTimeoutLog)) return;
     auto text = payload.convertToString();
     if (const auto parsed = json::parse(text)) text = json::serialize(*parsed);
-    record("Error", text, "ErrorLoggingService", channel);
+    record("Error", std::move(text), "ErrorLoggingService", channel);
 }
 
 }  // namespace

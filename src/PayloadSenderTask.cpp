@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "Block.hpp"
+#include "ProcessWideEndpoint.hpp"
 #include "graphics_state/webSwitches.hpp"
-#include "kiro/web/PubSubFactory.hpp"
 #include "kiro/web/PubSubInterface.hpp"
 
 namespace kiro::web {
@@ -23,7 +23,7 @@ void JSONPayloadSenderTask::send(ChannelInfo info,
         block.addDataToPayloadInternalWithID(text.data(), text.size(), binary::kCommandTextID);
         block.sendUsing(sender, channel);
     } else {
-        PubSubFactory::pubsubInstance()->publish(channel, fPayload);
+        theEndpoint().publish(channel, fPayload);
     }
 }
 

@@ -30,6 +30,11 @@ ProcessWideEndpoint& processWideEndpoint() {
 
 bool isEndpointMade() { return processWideEndpoint().fOnce.isDone(); }
 
+PubSubInterface& theEndpoint() {
+    auto& endpoint = processWideEndpoint();
+    return endpoint.fOnce.isDone() ? *endpoint.fInstance : *PubSubFactory::pubsubInstance();
+}
+
 void PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn fcn) {
     assertAt({"src/PubSubFactory", 19,
               "static void kiro::web::PubSubFactory::setPubSubCreationFcn(pubsub_creation_fcn)"},

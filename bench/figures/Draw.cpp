@@ -1,20 +1,26 @@
+#include <benchmark/benchmark.h>
+
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "../Program.hpp"
 #include "../ValveService.hpp"
+#include "Row.hpp"
 #include "kiro/web/CommandSenderInterface.hpp"
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kirofigures/Window.hpp"
 #include "kiroutils/CompletionToken.hpp"
+
+namespace bench {
 
 namespace {
 
@@ -37,10 +43,9 @@ void write(const boost::json::object& command) {
     benchmark::ClobberMemory();
 }
 
-void drawByHand(benchmark::State& state) {
-    std::uint64_t sequence = 0;
-    std::uint64_t frame = 0;
-    for (auto _ : state) {
+/// Answers what a frame by hand does.
+std::function<void()> drawByHand() {
+    return [sequence = std::uint64_t{0}, frame = std::uint64_t{0}]() mutable {
         write({{"frame", ++frame},
                {"attempt", 1},
                {"whole", false},
@@ -59,7 +64,21 @@ void drawByHand(benchmark::State& state) {
                {"clientSendTS", 0},
                {"serverReceiveTS", 0},
                {"cmd", "sendACT"}});
+    };
+}
+
+/// Microseconds that a call takes; the median of rounds.
+double timeOf(int rounds, const std::function<void()>& call) {
+    constexpr int kCalls = 20;  // few: most rounds are over before the processor goes to others
+    std::vector<double> times;
+    for (int round = 0; round < rounds; ++round) {
+        const auto start = std::chrono::steady_clock::now();
+        for (int i = 0; i < kCalls; ++i) call();
+        const std::chrono::duration<double, std::micro> all =
+            std::chrono::steady_clock::now() - start;
+        times.push_back(all.count() / kCalls);
     }
+    return median(times);
 }
 
 /// The token that a command carries; "" if it is no such command.
@@ -71,8 +90,8 @@ std::string tokenOf(std::string_view command) {
 }
 
 /// From the changes to the end of the wait, whose token is back before it begins.
-void draw(benchmark::State& state) {
-    auto& valve = bench::ValveService::install();
+double draw(int rounds) {
+    auto& valve = ValveService::install();
     kirofigures::WindowOptions options;
     options.serves = options.handlesSignals = options.waitsForPage = false;
     kirofigures::Window window(options);
@@ -84,32 +103,30 @@ void draw(benchmark::State& state) {
     valve.client().publish(newView, {newView, "{}", 2});
     kirohost::waitForDelivery();
     window.sender()->sendCommand("first", {});  // from the next one on it sends directly
-    const bench::ValveService::Drain answer = [&window](const service::JsonMessage& message) {
+    const ValveService::Drain answer = [&window](const service::JsonMessage& message) {
         const auto token = tokenOf({message.json, message.length});
         if (!token.empty()) window.requestor().returnToken(kiroutils::CompletionToken(token));
     };
     valve.setDrain(&answer);
     window.draw();
     double width = 1;
-    for (auto _ : state) {
+    const double time = timeOf(rounds, [&] {
         width = 3 - width;
         for (auto* const line : lines) line->width(width);
         window.draw();
-    }
+    });
     valve.setDrain(nullptr);
+    return time;
 }
-
-constexpr const char* kHelp =
-    "kiroweb_figures_bench [--quick] [TEXT]\n"
-    "Prints what a draw costs the engine beside a floor that is measured in the same run.\n"
-    "  --quick  one short round: shows that everything works, the figures mean little\n"
-    "  TEXT     only the figures whose name contains it\n";
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    const auto figures = [](const bench::Effort&) {
-        return std::vector<bench::Figure>{{"draw, 10 changes", "ns", drawByHand, draw, 4}};
-    };
-    return bench::run({"kiroweb_figures_bench", kHelp, 15, figures}, argc, argv);
+Measurement drawMeasurement() {
+    return {"draw, 10 changes", [](bool quick) -> std::vector<Row> {
+                const int rounds = quick ? 20 : 2001;
+                const double floor = timeOf(rounds, drawByHand());
+                return {{"draw, 10 changes", "us", draw(rounds), 20, false, floor}};
+            }};
 }
+
+}  // namespace bench

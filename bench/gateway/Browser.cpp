@@ -5,10 +5,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <fstream>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 #include <vector>
+
+#include "Client.hpp"
 
 namespace bench {
 
@@ -37,6 +44,18 @@ pid_t start(std::vector<std::string> arguments) {
     return process;
 }
 
+/// The browser writes down where its interface is, once it is there.
+std::uint16_t portOf(const std::filesystem::path& profile) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < end) {
+        std::ifstream file(profile / "DevToolsActivePort");
+        std::uint16_t port = 0;
+        if (file >> port) return port;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    throw std::runtime_error("the browser does not say its port");
+}
+
 }  // namespace
 
 Browser::Browser(const std::string& link) : fProfile(makeProfile()) {
@@ -48,12 +67,46 @@ Browser::Browser(const std::string& link) : fProfile(makeProfile()) {
                                        "--disable-background-networking",
                                        "--disable-component-update",
                                        "--disable-sync",
+                                       "--remote-debugging-port=0",
                                        "--user-data-dir=" + fProfile.string(),
                                        link};
     // The sandbox wants a user who is not root.
     if (::geteuid() == 0) arguments.insert(arguments.begin() + 1, "--no-sandbox");
     fProcess = start(std::move(arguments));
 }
+
+std::string Browser::ask(const std::string& request) {
+    const auto port = portOf(fProfile);
+    const Socket socket(port);
+    socket.send(request + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n\r\n");
+    const std::string length = "Content-Length:";
+    std::string answer;
+    for (;;) {
+        std::array<char, 4096> bytes;
+        answer.append(bytes.data(), socket.receive(bytes.data(), bytes.size()));
+        const auto head = answer.find("\r\n\r\n");
+        const auto at = answer.find(length);
+        if (head == std::string::npos || at == std::string::npos) continue;
+        const auto size = std::stoul(answer.substr(at + length.size()));
+        if (answer.size() >= head + 4 + size) return answer.substr(head + 4);
+    }
+}
+
+std::string Browser::open(const std::string& link) {
+    std::string address = link;
+    // What would be taken for the end of the request's own address.
+    for (auto at = address.find('#'); at != std::string::npos; at = address.find('#')) {
+        address.replace(at, 1, "%23");
+    }
+    const auto answer = ask("PUT /json/new?" + address);
+    const std::string begin = R"("id": ")";
+    const auto from = answer.find(begin);
+    if (from == std::string::npos) throw std::runtime_error("the browser opens no tab: " + answer);
+    const auto to = answer.find('"', from + begin.size());
+    return answer.substr(from + begin.size(), to - from - begin.size());
+}
+
+void Browser::close(const std::string& tab) { ask("GET /json/close/" + tab); }
 
 Browser::~Browser() {
     ::kill(fProcess, SIGKILL);

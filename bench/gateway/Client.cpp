@@ -32,6 +32,19 @@ std::size_t readBigEndian(const char* from, std::size_t width) {
 
 }  // namespace
 
+std::string clientFrame(std::string_view text) {
+    static constexpr std::array<char, 4> kMask{'\x37', '\x7a', '\x21', '\x3d'};
+    const std::size_t width = text.size() < 126 ? 0 : text.size() <= 0xffff ? 2 : 8;
+    const auto shortLength = width == 0 ? text.size() : width == 2 ? 126U : 127U;
+    std::string frame{'\x81', static_cast<char>(0x80U | shortLength)};
+    for (auto i = width; i-- > 0;) frame += static_cast<char>(text.size() >> (8 * i) & 0xffU);
+    frame.append(kMask.data(), kMask.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        frame += static_cast<char>(text[i] ^ kMask[i % kMask.size()]);
+    }
+    return frame;
+}
+
 // --- Socket ------------------------------------------------------------------------------------
 
 namespace {
@@ -67,6 +80,8 @@ Socket::~Socket() {
 
 Socket::Socket(Socket&& other) noexcept : fSocket(std::exchange(other.fSocket, -1)) {}
 
+void Socket::shutDown() const { ::shutdown(fSocket, SHUT_RDWR); }
+
 void Socket::send(std::string_view bytes) const {
     while (!bytes.empty()) {
         const auto sent = ::send(fSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -81,22 +96,7 @@ std::size_t Socket::receive(char* to, std::size_t size) const {
     return static_cast<std::size_t>(got);
 }
 
-void Socket::sendText(std::string_view text) const {
-    static constexpr std::array<char, 4> kMask{'\x37', '\x7a', '\x21', '\x3d'};
-    if (text.size() > 0xffff) throw std::length_error("a client's text is short");
-    std::string frame("\x81", 1);
-    if (text.size() < 126) {
-        frame += static_cast<char>(0x80U | text.size());
-    } else {
-        frame +=
-            {'\xfe', static_cast<char>(text.size() >> 8U), static_cast<char>(text.size() & 0xffU)};
-    }
-    frame.append(kMask.data(), kMask.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        frame += static_cast<char>(text[i] ^ kMask[i % kMask.size()]);
-    }
-    send(frame);
-}
+void Socket::sendText(std::string_view text) const { send(clientFrame(text)); }
 
 void Socket::upgrade(std::uint16_t port, const std::string& token) const {
     const auto host = "127.0.0.1:" + std::to_string(port);

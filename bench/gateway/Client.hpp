@@ -8,6 +8,9 @@
 
 namespace bench {
 
+/// A WebSocket text frame, masked as a client's has to be.
+[[nodiscard]] std::string clientFrame(std::string_view text);
+
 /// A connection to a port of this machine, without Nagle's delay. It throws
 /// `std::runtime_error` when the other side has gone.
 class Socket {
@@ -23,8 +26,10 @@ class Socket {
     /// At least one byte; answers how many.
     std::size_t receive(char* to, std::size_t size) const;
 
-    /// A WebSocket text frame, masked as a client's has to be.
+    /// One `clientFrame`.
     void sendText(std::string_view text) const;
+    /// Ends what other threads are sending and receiving.
+    void shutDown() const;
     /// Asks for an upgrade to WebSocket and waits until it is granted.
     void upgrade(std::uint16_t port, const std::string& token) const;
 

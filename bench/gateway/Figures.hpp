@@ -15,6 +15,7 @@ inline constexpr std::size_t kIdlePages = 1000;
 std::vector<Figure> textFigures(const Effort& effort);
 Figure gatewayBlockFigure(const Effort& effort);
 std::vector<Figure> roundTripFigures(const Effort& effort);
+std::vector<Figure> floodFigures(const Effort& effort);
 Figure wildcardFigure(const Effort& effort);
 /// REQUIRES: measured while the process has a single thread.
 Figure idlePageFigure();

@@ -14,7 +14,7 @@ namespace {
 kirogateway::Options optionsWith(std::vector<kirogateway::Asset> assets) {
     kirogateway::Options options;
     options.assets = std::move(assets);
-    options.mayPublish = {"/bench/*"};
+    options.mayPublish = {"/bench/*", kScriptErrors};
     options.maySubscribe = {"/bench/*"};
     options.blockChannels = {"/bench/blocks"};
     options.limits.connections = 2 * kIdlePages;

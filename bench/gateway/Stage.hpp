@@ -12,7 +12,11 @@
 
 namespace bench {
 
-/// A gateway in the engine's process. Clients may hear and publish everything below "/bench".
+/// Where pages report script errors.
+inline constexpr const char* kScriptErrors = "/services/ErrorLoggingService/JSErrors";
+
+/// A gateway in the engine's process. Clients may hear and publish everything below "/bench",
+/// and report script errors.
 class Stage {
   public:
     explicit Stage(std::vector<kirogateway::Asset> assets = {});

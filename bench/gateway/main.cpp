@@ -24,6 +24,7 @@ std::vector<bench::Figure> allFigures(const bench::Effort& effort) {
     figures.push_back(bench::gatewayBlockFigure(effort));
     for (auto& figure : bench::browserFigures(effort)) figures.push_back(figure);
     for (auto& figure : bench::roundTripFigures(effort)) figures.push_back(figure);
+    for (auto& figure : bench::floodFigures(effort)) figures.push_back(figure);
     figures.push_back(bench::wildcardFigure(effort));
     figures.push_back(bench::idlePageFigure());
     return figures;

@@ -22,6 +22,7 @@
 #include "kiro/web/PayloadInterface.hpp"
 #include "kiro/web/PubSubFactory.hpp"
 #include "kiro/web/PubSubInterface.hpp"
+#include "kiro/web/Subscriber.hpp"
 #include "kirofigures/Window.hpp"
 #include "kirogateway/Gateway.hpp"
 #include "kirohost/Controls.hpp"
@@ -82,6 +83,15 @@ std::unique_ptr<kirofigures::Window> openWindow(const Options& options) {
     }
 }
 
+/// `errors` is shared with the callback, which may still run when nobody is subscribed any more.
+std::unique_ptr<kiro::web::Subscriber> sayErrors(const std::shared_ptr<ErrorLines>& errors) {
+    return kiro::web::subscribe(
+        kiro::web::PubSubFactory::pubsubInstance(), kErrorChannel,
+        [errors](const std::string&, const kiro::web::PayloadInterface& error) {
+            errors->add(error.convertToString());
+        });
+}
+
 void repeatLink(const kirofigures::Window& window) {
     say("nobody has come yet; the link once more:");
     try {
@@ -132,13 +142,8 @@ bool runForPages(const Options& options) {
     const auto& gateway = *window->gateway();
     print(window->link() + '\n');
 
-    // Shared with a callback that may still run when this has ended.
     const auto errors = std::make_shared<ErrorLines>();
-    const auto reports = kiro::web::subscribe(
-        kiro::web::PubSubFactory::pubsubInstance(), kErrorChannel,
-        [errors](const std::string&, const kiro::web::PayloadInterface& error) {
-            errors->add(error.convertToString());
-        });
+    const auto reports = sayErrors(errors);
     PageWatch pages({.ask = [&gateway] { return gateway.statistics(); },
                      .isGone = [&gateway] { return gateway.lastPageGone(); },
                      .say = &say,
@@ -148,16 +153,14 @@ bool runForPages(const Options& options) {
         pages.look();
         errors->look();
     });
-    engine::Engine engine(
-        *window, data,
-        {.waiting = [&pages](bool waits) { pages.waiting(waits); },
-         .frameOver = {},
-         .timedOut =
-             [&](const std::string& cause, const std::deque<engine::Latency>& latest) {
-                 const auto now = std::chrono::system_clock::now();
-                 sayTimeout(options, {started, now, cause, gateway.diagnostics(), latest}, history);
-             }});
-    const engine::EngineResult result =
+    engine::Engine::Hooks hooks;
+    hooks.waiting = [&pages](bool waits) { pages.waiting(waits); };
+    hooks.timedOut = [&](const std::string& cause, const std::deque<engine::Latency>& latest) {
+        const auto now = std::chrono::system_clock::now();
+        sayTimeout(options, {started, now, cause, gateway.diagnostics(), latest}, history);
+    };
+    engine::Engine engine(*window, data, std::move(hooks));
+    const auto result =
         engine.run({options.frames, options.duration, options.speed, options.timeout});
     errors->end();
     print(summaryText(result) + '\n');

@@ -72,15 +72,13 @@ void draw(kirofigures::Window& window, const engine::DataSet& data, client::Head
           const client::Recorder* recorder, Run& run) {
     Progress progress(run.options.frames);
     engine::TrafficCount traffic(window.sender());
-    engine::Engine engine(window, data,
-                          {.waiting = {},
-                           .frameOver =
-                               [&](const engine::EngineResult& soFar) {
-                                   if (recorder != nullptr) recorder->check();
-                                   run.traffic = traffic.upToNow();
-                                   progress.frameOver(soFar.frames);
-                               },
-                           .timedOut = {}});
+    engine::Engine::Hooks hooks;
+    hooks.frameOver = [&](const engine::EngineResult& soFar) {
+        if (recorder != nullptr) recorder->check();
+        run.traffic = traffic.upToNow();
+        progress.frameOver(soFar.frames);
+    };
+    engine::Engine engine(window, data, std::move(hooks));
     page.beginView();
     kirohost::waitForDelivery();
     // Ready from inside the first wait on, so that all of the first frame is held back.

@@ -29,7 +29,9 @@ ClientConnection::ClientConnection(tcp::socket socket, ServerContext& context)
       fSocket(std::make_shared<Socket>(std::move(socket))),
       fStream(fSocket, context.tls.get()),
       fTimer(fStream.get_executor()),
+      fRest(fStream.get_executor()),
       fDeadline(steady_clock::now() + limits().request),
+      fReadPace(context.services.context->options.limits.readRate),
       fPlace(context.connections.insert(context.connections.end(), this)) {}
 
 ClientConnection::~ClientConnection() {
@@ -71,7 +73,13 @@ void ClientConnection::onBytes(ErrorCode error) {
     fBuffer.consume(fBuffer.size());
     if (isLast && fBuffer.capacity() > kFirstPiece) fBuffer.shrink_to_fit();
     tellView();
-    readMore();
+    readAfter(fReadPace.read(bytes.size(), now));
+}
+
+void ClientConnection::readAfter(ReadPace::Duration rest) {
+    if (rest == ReadPace::Duration::zero()) return readMore();
+    fRest.expires_after(rest);
+    fRest.async_wait(handler([](ClientConnection& self, ErrorCode) { self.readMore(); }));
 }
 
 void ClientConnection::tellView() {
@@ -135,10 +143,8 @@ void ClientConnection::pump() {
     fOut.clear();
     if (!view->collect(fOut, kCollectAtOnce)) return;
     fIsWriting = true;
-    wire().write(asio::buffer(fOut),
-                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
+    wire().write(asio::buffer(fOut), writeHandler([](ClientConnection& self) {
                      self.fIsWriting = false;
-                     if (error) return;
                      self.fIsClosing ? self.writeFarewell() : self.pump();
                  }));
 }
@@ -163,9 +169,7 @@ void ClientConnection::close(std::uint16_t code, std::string_view reason,
 void ClientConnection::writeFarewell() {
     fIsWriting = true;
     wire().write(asio::buffer(fFarewell),
-                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
-                     if (!error) self.fSocket->shutdownWriting();
-                 }));
+                 writeHandler([](ClientConnection& self) { self.fSocket->shutdownWriting(); }));
 }
 
 void ClientConnection::linger() {
@@ -207,9 +211,9 @@ void ClientConnection::drop() noexcept {
     fSocket->shutdown();
 }
 
-void ClientConnection::giveUp(const char* why) noexcept {
+void ClientConnection::operationLost() noexcept {
     if (fIsGivenUp) return;
-    fContext.services.context->log.write("a connection was given up", why);
+    fContext.services.context->log.write("a connection was given up", "an operation was lost");
     drop();
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "ReadPace.hpp"
 #include "ServedConnection.hpp"
 #include "Session.hpp"
 #include "Wakeup.hpp"
@@ -65,7 +66,7 @@ class ClientConnection final : public ServedConnection,
         Handler(const Handler&) = delete;
         Handler& operator=(const Handler&) = delete;
         ~Handler() {
-            if (fSelf != nullptr) fSelf->giveUp("an operation was lost");
+            if (fSelf != nullptr) fSelf->operationLost();
         }
         template <typename... Arguments>
         void operator()(const Arguments&... arguments) {
@@ -81,19 +82,26 @@ class ClientConnection final : public ServedConnection,
     [[nodiscard]] Handler<Call> handler(Call call) {
         return {shared_from_this(), std::move(call)};
     }
+    /// The handler of a write. One that fails ends the connection: with TLS it may be for lack of
+    /// memory, of which whoever reads from the socket learns nothing.
+    template <typename Call>
+    [[nodiscard]] auto writeHandler(Call call) {
+        return handler([call](ClientConnection& self, ErrorCode error, std::size_t) {
+            error ? self.drop() : call(self);
+        });
+    }
     template <typename Call>
     void guard(const Call& call) noexcept {
         if (fIsGivenUp) return;
         try {
             call();
-        } catch (const std::exception& error) {
-            giveUp(error.what());
         } catch (...) {
-            giveUp("an exception of no known kind");
+            fContext.services.context->log.writeCaught("a connection was given up");
+            drop();
         }
     }
-    /// Ends the connection as if it had been lost.
-    void giveUp(const char* why) noexcept;
+    /// Ends the connection, on which nothing is waited for any more.
+    void operationLost() noexcept;
 
     [[nodiscard]] const Limits& limits() const noexcept {
         return fContext.services.context->options.limits;
@@ -113,6 +121,7 @@ class ClientConnection final : public ServedConnection,
     void beginSession();
 
     void readMore();
+    void readAfter(ReadPace::Duration rest);
     void onBytes(ErrorCode error);
     void tellView();
     void onEnd(ErrorCode error);
@@ -127,8 +136,10 @@ class ClientConnection final : public ServedConnection,
     const std::shared_ptr<Socket> fSocket;
     boost::beast::websocket::stream<Wire, false> fStream;
     boost::asio::steady_timer fTimer;
+    boost::asio::steady_timer fRest;  ///< until it is read from again
     TimePoint fDeadline;
     bool fHasDeadline = true;
+    ReadPace fReadPace;
     const std::list<ServedConnection*>::iterator fPlace;
 
     boost::beast::flat_buffer fBuffer;

@@ -58,9 +58,7 @@ void ClientConnection::answer(const Admission& admission, const ::kirogateway::R
     fOut = responseText(admission, request, *fContext.access);
     fDeadline = steady_clock::now() + limits().request;  // to take it
     wire().write(asio::buffer(fOut),
-                 handler([keepAlive](ClientConnection& self, ErrorCode error, std::size_t) {
-                     if (!error) self.onAnswered(keepAlive);
-                 }));
+                 writeHandler([keepAlive](ClientConnection& self) { self.onAnswered(keepAlive); }));
 }
 
 void ClientConnection::onAnswered(bool keepAlive) {
@@ -91,10 +89,9 @@ void ClientConnection::beginSession() {
     fBuffer.shrink_to_fit();
     fSession.emplace(fContext.services, ViewRegistry::Arrival{*this, fSocket, !wire().isTls()});
     fDeadline = steady_clock::now() + limits().hello;
-    wire().write(asio::buffer(fOut),
-                 handler([](ClientConnection& self, ErrorCode error, std::size_t) {
+    wire().write(asio::buffer(fOut), writeHandler([](ClientConnection& self) {
                      self.fOut = {};
-                     if (!error) self.readMore();
+                     self.readMore();
                  }));
 }
 

@@ -1,8 +1,10 @@
 #include "GuardedLog.hpp"
 
 #include <algorithm>
+#include <exception>
 #include <string>
 
+#include "checked/Require.hpp"
 #include "kiroutils/Logger.hpp"
 
 namespace kirogateway {
@@ -25,6 +27,17 @@ void GuardedLog::write(std::string_view event, std::string_view detail, TimePoin
         // Those who log do so while something fails, on a thread that must go on.
         annotated::Lock lock(fMutex);
         fSuppressed += suppressed + 1;
+    }
+}
+
+void GuardedLog::writeCaught(std::string_view event) noexcept {
+    KIROWEB_REQUIRE(std::current_exception() != nullptr);
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        write(event, error.what());
+    } catch (...) {
+        write(event, "an exception of no known kind");
     }
 }
 

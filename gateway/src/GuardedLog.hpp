@@ -23,6 +23,9 @@ class GuardedLog {
     /// counts as left out.
     void write(std::string_view event, std::string_view detail,
                TimePoint now = std::chrono::steady_clock::now()) noexcept;
+    /// As `write`, with the text of the exception that is being handled as the detail.
+    /// REQUIRES: called in a handler.
+    void writeCaught(std::string_view event) noexcept;
 
   private:
     static constexpr double kBurst = 20;  // lines

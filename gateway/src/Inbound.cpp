@@ -49,10 +49,8 @@ void Inbound::announce(const std::string& channel, wire::ViewKind kind,
         auto text = std::make_shared<const std::string>(
             wire::announcementText(kind, view.count, view.client));
         fLink->deliver(channel, std::move(text), nullptr);
-    } catch (const std::exception& error) {
-        fContext->log.write("a view could not be announced", error.what());
     } catch (...) {
-        fContext->log.write("a view could not be announced", {});
+        fContext->log.writeCaught("a view could not be announced");
     }
 }
 

@@ -34,6 +34,7 @@ constexpr Size kSizes[] = {
     {"messageSize", &Limits::messageSize},
     {"namesPerFrame", &Limits::namesPerFrame},
     {"undelivered", &Limits::undelivered},
+    {"readRate", &Limits::readRate},
     {"connections", &Limits::connections},
     {"unauthenticatedConnections", &Limits::unauthenticatedConnections},
     {"subscriptions", &Limits::subscriptions},

@@ -64,8 +64,8 @@ Outbox::Added Outbox::hold(std::size_t own, std::size_t shared, bool isRoomMade)
 }
 
 void Outbox::holdAnyway(std::size_t own) noexcept {
+    KIROWEB_REQUIRE(fLost == nullptr);
     fBudget->add(own);
-    if (fLost != nullptr) fLost->add(own);
     fOwnBytes += own;
     fBytes += own;
 }
@@ -101,9 +101,7 @@ Outbox::Added Outbox::addText(const Text& text, bool isRoomMade) {
         return added;
     }
     Entries fresh(1);
-    // The next batch is as large as the last one, most likely.
-    const auto expected = lane.entries.empty() ? std::min(fLastBatch, fLimits.batchSize) : 0;
-    fresh.front().records.reserve(std::max(size, expected));
+    fresh.front().records.reserve(size + expectedMore(lane));
     std::string name(text.channel);
     Entry& entry = fresh.front();
     const auto added = addEntry(lane, std::move(fresh), 0, isRoomMade);
@@ -111,6 +109,14 @@ Outbox::Added Outbox::addText(const Text& text, bool isRoomMade) {
     lane.lastChannel.swap(name);
     append(lane, entry, text);
     return added;
+}
+
+/// Most likely the next batch is as large as the last one, and behind a full one that waits it is
+/// full as well. The text that fills a batch may go beyond its size.
+std::size_t Outbox::expectedMore(const Lane& lane) const noexcept {
+    if (lane.entries.empty()) return std::min(fLastBatch, fLimits.batchSize);
+    const bool isBehindFull = lane.entries.back().records.size() >= fLimits.batchSize;
+    return isBehindFull ? fLimits.batchSize : 0;
 }
 
 bool Outbox::canTake(const Lane& lane, std::string_view channel) const noexcept {

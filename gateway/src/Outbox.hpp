@@ -165,6 +165,7 @@ class Outbox {
     };
 
     [[nodiscard]] Added hold(std::size_t own, std::size_t shared, bool isRoomMade) noexcept;
+    /// Room or not. REQUIRES: there is a connection.
     void holdAnyway(std::size_t own) noexcept;
     void letGo(std::size_t own, std::size_t shared) noexcept;
     [[nodiscard]] static std::size_t controlSize(const std::string& frames) noexcept;
@@ -173,6 +174,7 @@ class Outbox {
     [[nodiscard]] static std::size_t payloadSize(const Entry& entry) noexcept;
     [[nodiscard]] Added grow(Entry& entry, std::size_t more, bool isRoomMade);
     [[nodiscard]] Added addShared(const Text& text, bool isRoomMade);
+    [[nodiscard]] std::size_t expectedMore(const Lane& lane) const noexcept;
     [[nodiscard]] bool canTake(const Lane& lane, std::string_view channel) const noexcept;
     void append(Lane& lane, Entry& entry, const Text& text);
     [[nodiscard]] Added addEntry(Lane& lane, Entries&& entry, std::size_t shared,

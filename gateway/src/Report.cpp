@@ -2,6 +2,7 @@
 
 #include <boost/json.hpp>
 
+#include "Counters.hpp"
 #include "records/EventRecord.hpp"
 
 namespace kirogateway {
@@ -45,19 +46,10 @@ std::string diagnosticsText(const Statistics& statistics, bool lastPageGone, std
                             const std::vector<ViewReport>& views) {
     json::array list;
     for (const auto& view : views) list.push_back(objectOf(view));
-    const json::object all{{"pages", statistics.pages},
-                           {"lastPageGone", lastPageGone},
-                           {"bytesHeld", memory},
-                           {"views", statistics.views},
-                           {"returns", statistics.returns},
-                           {"textsSent", statistics.textsSent},
-                           {"blocksDelivered", statistics.blocksDelivered},
-                           {"blocksGivenBack", statistics.blocksGivenBack},
-                           {"textsReceived", statistics.textsReceived},
-                           {"blocksReceived", statistics.blocksReceived},
-                           {"refusals", statistics.refusals},
-                           {"disconnected", statistics.disconnected},
-                           {"detail", std::move(list)}};
+    json::object all{
+        {"pages", statistics.pages}, {"lastPageGone", lastPageGone}, {"bytesHeld", memory}};
+    for (const auto& figure : kFigures) all[figure.name] = statistics.*figure.shown;
+    all["detail"] = std::move(list);
     return json::serialize(all);
 }
 

@@ -64,11 +64,9 @@ void Server::run() noexcept {
     while (!fIsStopping || !fShared.connections.empty()) {
         try {
             runOnce();
-        } catch (const std::exception& error) {
-            // Lack of memory, most likely, which its connection has answered for already.
-            log().write("the gateway's thread", error.what());
         } catch (...) {
-            log().write("the gateway's thread", "an exception of no known kind");
+            // Lack of memory, most likely, which its connection has answered for already.
+            log().writeCaught("the gateway's thread");
         }
     }
 }
@@ -78,9 +76,9 @@ void Server::runOnce() {
     if (fContext.stopped()) fContext.restart();
     try {
         arm();
-    } catch (const std::exception& error) {
+    } catch (...) {
         // Whatever is armed goes on meanwhile, and the rest is tried again soon.
-        log().write("the gateway's thread waits for memory", error.what());
+        log().writeCaught("the gateway's thread waits for memory");
         pollfd bell{fShared.wakeup->descriptor(), POLLIN, 0};
         static_cast<void>(::poll(&bell, 1, kWithoutMemory));
         fShared.wakeup->serveAll();

@@ -159,8 +159,10 @@ void View::noteHeldLocked() noexcept {
 
 // --- Coming and going --------------------------------------------------------------------------
 
-void View::connectLocked(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
-                         Greeting&& greeting, TimePoint now) noexcept {
+void View::attach(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
+                  Greeting&& greeting, TimePoint now) noexcept {
+    heard(now);
+    annotated::Lock lock(fMutex);
     KIROWEB_REQUIRE(fConnection == nullptr);
     fConnection = &connection;
     fSocket = std::move(socket);
@@ -175,21 +177,11 @@ void View::connectLocked(Connection& connection, std::shared_ptr<Socket> socket,
     noteHeldLocked();
 }
 
-void View::attach(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
-                  Greeting&& greeting, TimePoint now) noexcept {
-    heard(now);
+void View::resume(const wire::Hello& hello, PageBlocks& left) noexcept {
     annotated::Lock lock(fMutex);
-    connectLocked(connection, std::move(socket), isDirect, std::move(greeting), now);
-}
-
-void View::reattach(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
-                    Greeting&& greeting, const wire::Hello& hello, TimePoint now,
-                    PageBlocks& left) noexcept {
-    heard(now);
-    annotated::Lock lock(fMutex);
+    KIROWEB_REQUIRE(fConnection == nullptr);
     fOutbox.resume(hello.last, hello.refused, left);
     fAbilities = {hello.resume, hello.maxBlock};
-    connectLocked(connection, std::move(socket), isDirect, std::move(greeting), now);
 }
 
 bool View::canResume(std::uint64_t last) const {

@@ -94,11 +94,9 @@ class View {
     /// REQUIRES: it has none.
     void attach(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
                 Greeting&& greeting, TimePoint now) noexcept;
-    /// As `attach`, for a page that returns and says so in `hello`.
-    /// REQUIRES: canResume(hello.last).
-    void reattach(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
-                  Greeting&& greeting, const wire::Hello& hello, TimePoint now,
-                  PageBlocks& left) noexcept;
+    /// Its page returns and says so in `hello`; it is about to be given its connection.
+    /// REQUIRES: it has none; canResume(hello.last).
+    void resume(const wire::Hello& hello, PageBlocks& left) noexcept;
     [[nodiscard]] bool canResume(std::uint64_t last) const;
     /// What becomes of a view whose connection is taken away.
     enum class Fate { kMayReturn, kEnds };
@@ -185,8 +183,6 @@ class View {
     /// What a publisher writes.
     void writeLocked() noexcept REQUIRES_LOCK(fMutex);
     void failLocked(const char* why) noexcept REQUIRES_LOCK(fMutex);
-    void connectLocked(Connection& connection, std::shared_ptr<Socket> socket, bool isDirect,
-                       Greeting&& greeting, TimePoint now) noexcept REQUIRES_LOCK(fMutex);
     void detachLocked(TimePoint now, Fate fate) noexcept REQUIRES_LOCK(fMutex);
     /// What is to be written next: a view that has failed begins no frame any more.
     [[nodiscard]] Outbox::Pending pendingLocked() noexcept REQUIRES_LOCK(fMutex);

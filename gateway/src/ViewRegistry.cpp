@@ -119,8 +119,9 @@ std::shared_ptr<View> ViewRegistry::resume(const wire::Hello& hello, Arrival& ar
     }
     view->setSubscriptions(std::move(prepared.subscriptions));
     PageBlocks left;
-    view->reattach(arrival.connection, std::move(arrival.socket), arrival.isDirect,
-                   std::move(prepared.greeting), hello, now, left);
+    view->resume(hello, left);
+    view->attach(arrival.connection, std::move(arrival.socket), arrival.isDirect,
+                 std::move(prepared.greeting), now);
     ++fVersion;
     ++fContext->counters->returns;
     leaveAll(left);
@@ -340,8 +341,8 @@ void ViewRegistry::tick(TimePoint now) noexcept {
     for (const auto& view : *all) {
         try {
             act(view, now);
-        } catch (const std::exception& error) {  // no memory for a ping
-            fContext->log.write("a view's time", error.what());
+        } catch (...) {  // no memory for a ping
+            fContext->log.writeCaught("a view's time");
         }
     }
     if (fContext->lostMemory->isExceeded()) afterLoss();
@@ -411,28 +412,19 @@ void ViewRegistry::recount() noexcept {
     fContext->log.write("the last page has gone", {});
     try {
         fOnLastPageGone();
-    } catch (const std::exception& error) {
-        fContext->log.write("onLastPageGone", error.what());
     } catch (...) {
-        fContext->log.write("onLastPageGone", "an exception of no known kind");
+        fContext->log.writeCaught("onLastPageGone");
     }
 }
 
 Statistics ViewRegistry::statistics() const {
     const auto all = views();
-    const auto& counters = *fContext->counters;
     Statistics statistics;
     statistics.pages = static_cast<std::size_t>(std::ranges::count_if(
         *all, [](const auto& view) { return view->state() == View::State::kConnected; }));
-    statistics.views = counters.views;
-    statistics.returns = counters.returns;
-    statistics.textsSent = counters.textsSent;
-    statistics.blocksDelivered = counters.blocksDelivered;
-    statistics.blocksGivenBack = counters.blocksGivenBack;
-    statistics.textsReceived = counters.textsReceived;
-    statistics.blocksReceived = counters.blocksReceived;
-    statistics.refusals = counters.refusals;
-    statistics.disconnected = counters.disconnected;
+    for (const auto& figure : kFigures) {
+        statistics.*figure.shown = *fContext->counters.*figure.counted;
+    }
     return statistics;
 }
 

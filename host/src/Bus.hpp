@@ -20,7 +20,8 @@
 namespace relay {
 
 /// Who hears a channel: of each service object its oldest subscription that matches, the services
-/// in the order of their creation. Never changed; a change of the subscriptions makes it outdated.
+/// in the order of their creation. A change of the subscriptions that match it makes it outdated,
+/// nothing else in it changes.
 struct Route {
     struct Stop {
         std::uint64_t service;
@@ -29,8 +30,8 @@ struct Route {
     };
 
     std::string channel;
-    std::uint64_t version = 0;  ///< of the subscriptions that it was made from
     std::vector<Stop> stops;
+    std::atomic<bool> isOutdated = false;
 };
 
 /// A queued message. It shares its route, and by that its channel, with its neighbours in the
@@ -61,8 +62,8 @@ class Bus {
     void publish(const Publication& message, bool hasText, std::shared_ptr<const void> ticket = {},
                  std::uint64_t exceptTransport = 0);
 
-    /// The subscriber's age is set here. Throws std::system_error when the delivery thread cannot
-    /// be started.
+    /// Both may wait for a message that is being published. The subscriber's age is set here.
+    /// Throws std::system_error when the delivery thread cannot be started.
     void subscribe(const std::shared_ptr<Subscriber>& subscriber);
     void unsubscribe(const Subscriber& subscriber) noexcept;
     /// The number of a new service object.
@@ -96,7 +97,10 @@ class Bus {
     /// The route of `channel`, which is up to date. Throws std::bad_alloc.
     [[nodiscard]] const std::shared_ptr<const Route>& routeLocked(const std::string& channel)
         REQUIRES_LOCK(fPublishMutex);
-    [[nodiscard]] std::shared_ptr<const Route> makeRoute(const std::string& channel) const;
+    [[nodiscard]] std::shared_ptr<Route> makeRoute(const std::string& channel) const;
+    /// Forgets the routes that a subscription to `pattern` belongs to, or might.
+    void outdateLocked(const ChannelPattern& pattern) noexcept REQUIRES_LOCK(fPublishMutex);
+    void outdateAllLocked() noexcept REQUIRES_LOCK(fPublishMutex);
     /// Answers whether the delivery thread has to be notified.
     [[nodiscard]] bool enqueue(QueuedMessage message);
     void startThreadLocked() REQUIRES_LOCK(fMutex);
@@ -117,18 +121,14 @@ class Bus {
 
     std::atomic<bool> fIsConnected{false};
     std::atomic<std::uint64_t> fServices{0};
-    /// Of the subscriptions; changed under `fMutex`, read without it.
-    std::atomic<std::uint64_t> fVersion{0};
     std::atomic<bool> fIsStopped{false};  ///< set under `fMutex`, read without it
 
     /// Makes the order of the queue that of the transports; taken before `fMutex`.
     annotated::Mutex fPublishMutex{annotated::Rank::kPublish};
     std::vector<AttachedTransport> fTransports GUARDED_BY(fPublishMutex);
     std::uint64_t fTransportNumber GUARDED_BY(fPublishMutex) = 0;
-    /// All of the version `fRoutesVersion`, by the channel that each of them holds.
-    std::unordered_map<std::string_view, std::shared_ptr<const Route>> fRoutes
-        GUARDED_BY(fPublishMutex);
-    std::uint64_t fRoutesVersion GUARDED_BY(fPublishMutex) = 0;
+    /// None is outdated; by the channel that each of them holds.
+    std::unordered_map<std::string_view, std::shared_ptr<Route>> fRoutes GUARDED_BY(fPublishMutex);
     /// The route used last, which is mostly the next one too; empty when it is outdated.
     std::shared_ptr<const Route> fLastRoute GUARDED_BY(fPublishMutex);
 

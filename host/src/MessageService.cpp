@@ -22,10 +22,11 @@ Future<Value> makeFailedFuture(std::exception_ptr error) {
 }
 
 /// The answer of every publish. A `Published` is empty, so taking it out of the shared state
-/// leaves it there for the next one, and a publish costs no allocation.
+/// leaves it there for the next one, and a publish costs no allocation. The state is never
+/// destroyed, so nobody counts who holds it.
 Future<Published> published() {
     static Immortal<Future<Published>> ready(makeReadyFuture(Published{}));
-    return Future<Published>(ready->state());
+    return Future<Published>({std::shared_ptr<void>(), ready->state().get()});
 }
 
 class BusSubscription final : public Subscription {

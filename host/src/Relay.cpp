@@ -7,6 +7,7 @@
 
 #include "Bus.hpp"
 #include "RelayLog.hpp"
+#include "TaskQueue.hpp"
 #include "checked/Require.hpp"
 #include "kirohost/Controls.hpp"
 #include "process/Immortal.hpp"
@@ -45,13 +46,13 @@ void Bus::publish(const Publication& message, bool hasText, std::shared_ptr<cons
     bool mustNotify = false;
     {
         annotated::Lock publishing(fPublishMutex);
-        // A subscription cannot be missed: one that was there before this call has changed the
-        // version, and so the route.
+        // A subscription cannot be missed: one that was there before this call has outdated the
+        // route.
         const auto& route = routeLocked(message.channel());
         // Queued before the transports see it, since this may throw: then nobody has the message.
         // The text is copied before `enqueue` locks, so that a large one does not keep the delivery
         // thread waiting.
-        if (!route->stops.empty()) {
+        if (!route->stops.empty() && !fIsStopped) {
             mustNotify = enqueue({route, message.shared(), hasText, std::move(ticket)});
         }
         for (const auto& attached : fTransports) {
@@ -63,13 +64,7 @@ void Bus::publish(const Publication& message, bool hasText, std::shared_ptr<cons
 }
 
 const std::shared_ptr<const Route>& Bus::routeLocked(const std::string& channel) {
-    // Read before the subscriptions: if they change meanwhile, the next publish finds out.
-    const auto version = fVersion.load();
-    if (version != fRoutesVersion || fRoutes.size() > kMostRoutes) {
-        fLastRoute = nullptr;
-        fRoutes.clear();
-        fRoutesVersion = version;
-    }
+    if (fRoutes.size() > kMostRoutes) outdateAllLocked();
     if (fLastRoute != nullptr && fLastRoute->channel == channel) return fLastRoute;
     auto found = fRoutes.find(channel);
     if (found == fRoutes.end()) {
@@ -80,12 +75,27 @@ const std::shared_ptr<const Route>& Bus::routeLocked(const std::string& channel)
     return fLastRoute = found->second;
 }
 
-std::shared_ptr<const Route> Bus::makeRoute(const std::string& channel) const {
+void Bus::outdateAllLocked() noexcept {
+    fLastRoute = nullptr;
+    // Those that messages in the queue share are asked once more.
+    for (const auto& [channel, route] : fRoutes) route->isOutdated = true;
+    fRoutes.clear();
+}
+
+void Bus::outdateLocked(const ChannelPattern& pattern) noexcept {
+    if (pattern.isWildcard()) return outdateAllLocked();
+    const auto found = fRoutes.find(pattern.text());
+    if (found == fRoutes.end()) return;
+    if (fLastRoute == found->second) fLastRoute = nullptr;
+    const auto route = found->second;  // whose channel is the key
+    route->isOutdated = true;
+    fRoutes.erase(found);
+}
+
+std::shared_ptr<Route> Bus::makeRoute(const std::string& channel) const {
     const auto route = std::make_shared<Route>();
     route->channel = channel;
     const annotated::Lock lock(fMutex);
-    route->version = fVersion;
-    if (fIsStopped) return route;
     std::uint64_t after = 0;
     while (const auto subscriber = fSubscribers.next(channel, after, fServices)) {
         after = subscriber->service;
@@ -123,17 +133,19 @@ void Bus::detach(std::uint64_t transport) noexcept {
 std::uint64_t Bus::addService() noexcept { return ++fServices; }
 
 void Bus::subscribe(const std::shared_ptr<Subscriber>& subscriber) {
+    annotated::Lock publishing(fPublishMutex);
     annotated::Lock lock(fMutex);
     if (!fIsStarted) startThreadLocked();
     subscriber->age = ++fSubscriberAge;
     fSubscribers.add(subscriber);
-    ++fVersion;
+    outdateLocked(subscriber->pattern);
 }
 
 void Bus::unsubscribe(const Subscriber& subscriber) noexcept {
+    annotated::Lock publishing(fPublishMutex);
     annotated::Lock lock(fMutex);
     fSubscribers.remove(subscriber);
-    ++fVersion;
+    outdateLocked(subscriber.pattern);
 }
 
 // --- Delivery ----------------------------------------------------------------------------------
@@ -173,6 +185,7 @@ void Bus::deliver(const QueuedMessage& message) {
     while (const auto subscriber = nextCall(message, served, last)) {
         served = subscriber->service;
         try {
+            const kirohost::detail::LateWakeup lateWakeup;
             subscriber->handler({channel, text, message.text->size()});
         } catch (...) {
             logCaught("message handler", channel, subscriber->serviceName);
@@ -184,7 +197,7 @@ std::shared_ptr<const Subscriber> Bus::nextCall(const QueuedMessage& message, st
                                                 std::uint64_t last) const {
     if (fIsStopped) return nullptr;
     const Route& route = *message.route;
-    if (route.version == fVersion) {
+    if (!route.isOutdated) {
         const auto next = std::find_if(route.stops.begin(), route.stops.end(),
                                        [after](const auto& stop) { return stop.service > after; });
         if (next == route.stops.end()) return nullptr;
@@ -217,7 +230,6 @@ void Bus::waitForDelivery() {
 void Bus::stop() noexcept {
     annotated::Lock lock(fMutex);
     fIsStopped = true;
-    ++fVersion;
     fWork.notify_all();
     fDelivered.notify_all();
 }

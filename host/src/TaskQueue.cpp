@@ -4,6 +4,18 @@
 #include <utility>
 
 namespace kirohost::detail {
+namespace {
+
+thread_local LateWakeup* tLateWakeup = nullptr;
+
+}  // namespace
+
+LateWakeup::LateWakeup() noexcept { tLateWakeup = this; }
+
+LateWakeup::~LateWakeup() {
+    tLateWakeup = nullptr;
+    if (fQueue != nullptr) fQueue->fQueued.notify_one();
+}
 
 std::uint64_t TaskQueue::numQueued() const {
     const annotated::Lock lock(fMutex);
@@ -74,7 +86,9 @@ void TaskQueue::doEnqueue(taskrouter::QueuedTask&& task) {
     }
     // After the lock is free, so that the woken thread does not run into it. The caller holds the
     // router, so the condition variable is still there.
-    fQueued.notify_one();
+    LateWakeup* const late = tLateWakeup;
+    if (late != nullptr && late->fQueue == nullptr) late->fQueue = shared_from_this();
+    if (late == nullptr || late->fQueue.get() != this) fQueued.notify_one();
 }
 
 }  // namespace kirohost::detail

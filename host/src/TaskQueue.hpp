@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -17,8 +18,25 @@ namespace kirohost::detail {
 /// Where the interpreter stands when it takes tasks from its queue.
 enum class Taking { kAtPrompt, kInsideWait };
 
+class TaskQueue;
+
+/// While it lives, a task that the calling thread queues wakes its interpreter at the end only: who
+/// queues it may hold locks that the woken thread would run into. They do not nest.
+class LateWakeup {
+  public:
+    LateWakeup() noexcept;
+    ~LateWakeup();
+    LateWakeup(const LateWakeup&) = delete;
+    LateWakeup& operator=(const LateWakeup&) = delete;
+
+  private:
+    friend class TaskQueue;
+    std::shared_ptr<TaskQueue> fQueue;  ///< whose interpreter is to be woken
+};
+
 /// The tasks of one interpreter context. Any thread queues, the interpreter thread takes.
-class TaskQueue final : public taskrouter::TaskRouter {
+class TaskQueue final : public taskrouter::TaskRouter,
+                        public std::enable_shared_from_this<TaskQueue> {
   public:
     /// The number of tasks queued up to now, those that were taken since included.
     [[nodiscard]] std::uint64_t numQueued() const;
@@ -36,6 +54,7 @@ class TaskQueue final : public taskrouter::TaskRouter {
     void doEnqueue(taskrouter::QueuedTask&& task) override;
 
   private:
+    friend class LateWakeup;
     struct Entry {
         taskrouter::QueuedTask task;
         std::uint64_t number = 0;

@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { Acknowledgement } from "../../client/acknowledgement.mjs";
 import { Backoff } from "../../client/backoff.mjs";
 import { Fixture } from "./support/page.mjs";
 
@@ -30,8 +31,9 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
         if (block[0] === 66) throw new Error("no room".padEnd(1000, "!"));
         onBlock(channel, block);
     };
-    const peer = await fixture.connect({ blockSize: 100 });
+    let peer = await fixture.connect({ blockSize: 100 });
     peer.control({ t: "channel", number: 1, name: "/bin" });
+    peer.control({ t: "channel", number: 258, name: "/far" });
     peer.piece(7, 1, [255]);
     peer.piece(8, 3, [1, 2], false);
     peer.piece(9, 101, [0], false); // larger than is taken
@@ -44,19 +46,30 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
     peer.piece(12, 6, []);
     peer.piece(13, 7, [66]);
     peer.piece(11, 8, [7]); // of the withdrawn one nothing is left
-    await fixture.settled(peer, 9);
+    // Channel 258, transfer 65537.
+    peer.socket.send(Buffer.from([1, 1, 2, 1, 1, 0, 1, 0, 9, ...Array(7).fill(0), 5]));
+    peer.piece(14, 3, [1], false);
+    peer.piece(14, 10, []); // less than it said
+    await fixture.settled(peer, 11);
     // Neither the refused ones nor the withdrawn one leave a gap.
     const told = heard.of("block", "text").map(([, channel, what]) => `${channel} ${what}`);
-    assert.deepEqual(told, ["/bin 255", "/a between", "/bin 1,2,3", "/bin 7", "/end "]);
-    assert.match(heard.of("fault").join(), /101 bytes, of 100.*more than its 2.*no room!+$/);
+    assert.deepEqual(told, ["/bin 255", "/a between", "/bin 1,2,3", "/bin 7", "/far 5", "/end "]);
+    assert.match(
+        heard.of("fault").join(),
+        /101 bytes, of 100.*more than its 2.*no room!+,.*piece missing$/,
+    );
     const answers = [];
-    while (answers.length < 6) answers.push(await peer.next("block"));
+    while (answers.length < 8) answers.push(await peer.next("block"));
     const refused = answers.filter(({ ok, reason }) => !ok && reason.length <= 256);
-    assert.equal(refused.map(({ transfer }) => transfer).join(), "9,12,13");
+    assert.equal(refused.map(({ transfer }) => transfer).join(), "9,12,13,14");
+    assert.ok(answers.some(({ transfer }) => transfer === 65537));
     // The answers may be lost: the refused ones are named again, as long as the view lives.
     peer.socket.terminate();
-    const { last, refused: named } = (await fixture.peer({ kind: "return" })).hello;
-    assert.deepEqual([last, named], [9, [5, 6, 7]]);
+    peer = await fixture.peer({ kind: "return" });
+    assert.deepEqual([peer.hello.last, peer.hello.refused], [11, [5, 6, 7, 10]]);
+    peer.socket.close(4003, "too slow");
+    (await fixture.peer()).socket.terminate();
+    assert.deepEqual((await fixture.peer({ kind: "return" })).hello.refused, []);
 });
 
 test("What is handled is acknowledged by bytes or by time; what is withdrawn counts, once it is due", async () => {
@@ -71,6 +84,18 @@ test("What is handled is acknowledged by bytes or by time; what is withdrawn cou
     assert.deepEqual([(await second.next("ack")).last, fixture.heard.of("text").length], [4, 3]);
 });
 
+test("Nothing is acknowledged twice, and a view knows nothing of the one before", () => {
+    const told = [];
+    const handled = new Acknowledgement((last) => told.push(last));
+    handled.begin(1);
+    handled.connected({ ackBytes: 3 });
+    handled.withdraw(3);
+    handled.begin(1);
+    for (const number of [1, 2]) assert.equal(handled.take(number), 0);
+    for (let i = 0; i < 2; ++i) handled.count(9);
+    assert.deepEqual([told, handled.take(2)], [[2], -1]);
+});
+
 test("A lost connection is made again, and goes on behind the last message and whole block", async () => {
     const { heard } = fixture;
     const subscribe = ["/a", "/given/up"];
@@ -78,23 +103,32 @@ test("A lost connection is made again, and goes on behind the last message and w
     const { page } = fixture;
     peer.piece(1, 4, [1, 2], false);
     await fixture.settled(peer, 10, "ten");
+    page.publishBlock("/up", new Uint8Array(8));
+    await peer.next("bytes");
     peer.socket.terminate();
     await heard.until("state", "reconnecting");
     page.subscribe(["/b"]);
     page.unsubscribe(["/given/up"]);
     assert.deepEqual([page.publish("/r", "kept"), page.publish("/r", "too much")], [true, false]);
     assert.equal(page.publishBlock("/r", new Uint8Array(8)), false);
-    const second = await fixture.peer({ kind: "return", subscribed: ["/a", "/given/up", "/b"] });
+    const second = await fixture.peer({
+        kind: "return",
+        subscribed: ["/a", "/given/up"],
+        refused: ["/b"],
+        blockChannels: ["/bin"],
+    });
     const { view, last, subscribe: names } = second.hello;
     assert.deepEqual([peer.hello.view, view, last, names], [undefined, "v1", 10, ["/a", "/b"]]);
     assert.deepEqual((await second.next("unsubscribe")).channels, ["/given/up"]);
     assert.equal((await second.next("publish")).text, "kept");
+    page.publishBlock("/up", new Uint8Array(8));
+    assert.equal((await second.next("channel")).name, "/up", "a number is a connection's");
     second.batch(10, [["/a", "ten, again"]]);
     second.piece(1, 4, [1, 2], false);
     for (const end of [[3, 4], [9]]) second.piece(1, 11, end);
     await fixture.settled(second, 12, "twelve");
-    const told = "text,/end,ten block,,1,2,3,4 text,/end,twelve";
-    assert.equal(heard.of("text", "block", "fault").join(" "), told);
+    const told = "text,/end,ten refused,/b block,/bin,1,2,3,4 text,/end,twelve";
+    assert.equal(heard.of("text", "refused", "block", "fault").join(" "), told);
 });
 
 test("A close says whether to come back, to begin afresh, or to give up", async () => {

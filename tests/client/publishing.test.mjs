@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { encode, framesOf, takeNames } from "../../client/outgoing.mjs";
 import { readJson } from "../../client/protocol.mjs";
 import { Fixture } from "./support/page.mjs";
 
@@ -36,6 +37,7 @@ test("What is too large for the gateway throws, with both sizes, and nothing is 
     }
     page.publish("/r", "a".repeat(room));
     page.publishBlock("/r", new Uint8Array(184));
+    await peer.next("publish"); // before the block that was sent behind it
     await peer.next("bytes");
     assert.equal(peer.largest, 200);
 });
@@ -66,6 +68,16 @@ test("More names than a frame may have, or than fit, go in several", async () =>
     assert.deepEqual(heard, names);
 });
 
+test("Frames are full and no fuller", () => {
+    const message = encode({ t: "x" }, 600);
+    const framesWith = (most, names) => [...framesOf([message, message], most, names)];
+    const both = `[${message.text},${message.text}]`;
+    assert.deepEqual(framesWith(both.length, 1200), [both]);
+    assert.equal(framesWith(both.length - 1, 1200).length, 2);
+    assert.equal(framesWith(both.length, 1199).length, 2);
+    assert.deepEqual(takeNames(["long", "b"], 3), ["long"], "one at least");
+});
+
 test("Block channels beyond the sixteenth take the number that was not used for longest", async () => {
     const peer = await fixture.connect();
     const numbers = [];
@@ -90,10 +102,13 @@ test("Channels come from the configuration, and the view is announced when they 
     peer.control(echo);
     assert.equal((await peer.next("publish")).text, '{"kind":"further","client":"page"}');
     assert.deepEqual(heard.of("ready"), [["ready", "further"]]);
+    peer.control(await peer.next("echo"));
     // A program that was started again has a configuration of its own.
     peer.socket.close(1001, "gateway stopped");
     peer = await fixture.peer(channels("/b", "/c"));
     assert.deepEqual((await peer.next("subscribe")).channels, ["/c"]);
+    assert.deepEqual((await peer.next("unsubscribe")).channels, ["/a"]);
+    assert.equal((await peer.next("publish")).text, '{"kind":"first","client":"page"}');
 });
 
 test("A token does not go back when something before it could not be read, and the engine hears why", async () => {

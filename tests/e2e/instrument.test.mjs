@@ -36,7 +36,9 @@ async function start(context) {
         engine.create(21, "choice", 10, { label: "Kind", options: ["one", "two"], value: 0 });
         for (const id of [LINE, 6]) engine.data(id, { x, y });
         engine.data(4, { x, y: y.map((way) => 100 - way) });
+        engine.create(13, "line", 11, { name: "rim" });
         engine.data(POINTS, { x: [1, 2, 3], y: [1, 3, 2] });
+        engine.data(13, { x, y: x.map(() => 4) });
     }, true);
     assert.equal(outcome, "painted");
     const { page } = engine;

@@ -84,6 +84,8 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
         {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", "400"},
         {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", "403"},
         {"GET /../../etc/passwd" + end, "404"},
+        {"GET /?reload=1" + end, "200"},
+        {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", "400"},
         {"DELETE /" + end, "405"},
         {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\nContent-Length: 1\r\n\r\nx",
          "400"},
@@ -133,6 +135,8 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
         {offering(offers + ", kiroweb.token." + token), "400"},
         {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), "404"},
         {with("Version: 13", "Version: 8"), "400"},
+        {with("Version: 13", "Version: 13\r\nSec-WebSocket-Version: 8"), "400"},
+        {offering("kiroweb.v2, kiroweb.token." + token), "400"},
         {with("\r\n\r\n", "\r\nContent-Length: 1\r\n\r\nx"), "400"},
     };
     expectStatuses(table);
@@ -150,6 +154,7 @@ TEST_F(AccessTest, ACodeIsExchangedOnce) {
     const Row refused[] = {
         {exchange(fSecrets.token()), "403"},
         {exchange(std::string(129, '0')), "413"},
+        {exchange({}), "400"},
         {replaced(good, "Origin", "X-Origin"), "403"},
         {replaced(good, "Host: 127", "Host: 128"), "403"},
         {exchange(code, "Transfer-Encoding: chunked\r\n"), "400"},

@@ -94,6 +94,14 @@ class GatewayTest : public testing::Test {
                       (ok ? "true}" : "false}"));
     }
 
+    /// Bytes of all that waits.
+    std::size_t held() const {
+        return boost::json::parse(fGateway->diagnostics()).at("bytesHeld").to_number<std::size_t>();
+    }
+    std::size_t viewCount() const {
+        return boost::json::parse(fGateway->diagnostics()).at("detail").as_array().size();
+    }
+
     kirogateway::Options fOptions;
     support::Collector<std::string> fEvents;  ///< what the engine hears
     std::shared_ptr<relay::message_service::MessageService> fService;

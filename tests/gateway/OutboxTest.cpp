@@ -10,6 +10,7 @@
 #include "Buffers.hpp"
 #include "Frames.hpp"
 #include "PageMessages.hpp"
+#include "ReadPace.hpp"
 #include "WebSocketFrame.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 
@@ -37,14 +38,19 @@ class OutboxTest : public testing::Test {
     }
 
     /// Adds a block that one page has joined; answers what becomes of it.
-    Future addBlock(std::size_t size, std::size_t lane = 0) {
+    Future addBlock(std::size_t size, std::size_t lane = 0, Added expected = Added::kYes) {
         auto future = fStream->send(support::bufferOf(std::string(size, 'b')));
         const auto transfer =
             std::make_shared<Transfer>(*std::move(fDelivery), fCounters, Charge());
         transfer->join();
         transfer->close(true);
-        EXPECT_EQ(fOutbox->addBlock(lane, "/bin", transfer, fNow), Added::kYes);
+        EXPECT_EQ(fOutbox->addBlock(lane, "/bin", transfer, fNow), expected);
         return future;
+    }
+    /// The connection is lost, and there is another one.
+    void reconnect() {
+        fOutbox->detach();
+        fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 1, true);
     }
     Added tryText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
         return fOutbox->addText({channel, text, false, lane, nullptr});
@@ -159,6 +165,16 @@ TEST_F(OutboxTest, LetsABlockThatWaitsForRoomHaveItsTurn) {
     EXPECT_EQ(textsOf(write()), (Texts{"piece", "block 2", "piece", "piece", "piece", "block 3"}));
     for (const unsigned transfer : {2U, 3U}) answer(transfer, true);
     EXPECT_EQ(fOutbox->bytesUnderWay(), 0U);
+
+    addBlock(600);
+    static_cast<void>(write());
+    addBlock(500);
+    EXPECT_TRUE(write().empty());
+    fNow += std::chrono::seconds(1);
+    addBlock(50, 1);
+    fOutbox->dropBlocksBefore(fNow, fLeft);
+    leaveAll(fLeft);
+    EXPECT_EQ(textsOf(write()), (Texts{"block 5"})) << "the one whose turn it was is no more";
 }
 
 TEST_F(OutboxTest, TrustsNoPageAboutWhatItHas) {
@@ -167,6 +183,7 @@ TEST_F(OutboxTest, TrustsNoPageAboutWhatItHas) {
     addText("b");
     static_cast<void>(write());
     fOutbox->acknowledge(1);
+    fOutbox->acknowledge(0);
     addText("c");
     writePart(3);
     fOutbox->acknowledge(4);  // what is being written, and what was never sent
@@ -200,6 +217,16 @@ TEST_F(OutboxTest, DropsLateBlocksButNotInTheMiddleOfAFrame) {
     leaveAll(fLeft);
     EXPECT_FALSE(young.get().delivered);
     EXPECT_FALSE(cut.isReady()) << "a part of it is on its way";
+
+    reconnect();
+    static_cast<void>(write());
+    addBlock(250);
+    writePart(fOutbox->pending()[0].size() + 100);
+    fOutbox->detach();
+    fOutbox->dropBlocks(fLeft);
+    leaveAll(fLeft);
+    reconnect();
+    EXPECT_EQ(textsOf(write()), (Texts{"{}"})) << "the new connection knows nothing of it";
 }
 
 TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
@@ -208,6 +235,7 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     EXPECT_GT(fOutbox->bytes(), 150000U);
     while (tryText(std::string(500, 'x')) == Added::kYes) {
     }
+    EXPECT_FALSE(fMemory->take(fMemory->limit()));
     EXPECT_EQ(tryText(std::string(500, 'x')), Added::kNoMemory);
     EXPECT_GT(fMemory->used(), 150000U);
     const auto frames = write(999);
@@ -221,6 +249,14 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     fOutbox->countAsLost(fLost);
     EXPECT_TRUE(fLost->isExceeded());
     EXPECT_EQ(tryText("x"), Added::kNoLostRoom);
+    fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 0, true);
+    static_cast<void>(write());
+    fOutbox->acknowledge(fOutbox->next() - 1);
+    fOutbox->detach();
+    fOutbox->countAsLost(fLost);
+    const auto before = fLost->used();
+    addBlock(60000, 0, Added::kNoLostRoom);
+    EXPECT_EQ(fLost->used(), before) << "nothing of it stays";
     fOutbox.reset();
     EXPECT_EQ(fLost->used() + fMemory->used(), 0U);
 }
@@ -267,6 +303,8 @@ TEST(Pace, TellsASlowPageFromOneThatIsSentMuch) {
     EXPECT_EQ(secondsUntilTooSlow(1000, 1000, 1000), 0) << "it follows";
     EXPECT_EQ(secondsUntilTooSlow(0, 0, 0), 11);
     pace.restart(now);
+    EXPECT_EQ(secondsUntilTooSlow(0, 0, 0), 11) << "counted from the return";
+    pace.restart(now);
     EXPECT_EQ(secondsUntilTooSlow(1000, 900, 900), 12);
 
     load = {};
@@ -275,4 +313,19 @@ TEST(Pace, TellsASlowPageFromOneThatIsSentMuch) {
     EXPECT_EQ(secondsUntilTooSlow(500, 500, 500), 0);
     const int slow = secondsUntilTooSlow(500, 500, 100);
     EXPECT_TRUE(slow > 0 && slow <= 22) << "it is to acknowledge as well";
+}
+
+TEST(ReadPace, KeepsUpWithAPageButNotWithAFlood) {
+    using std::chrono::milliseconds;
+    constexpr auto kBurst = ReadPace::kBurst;
+    ReadPace::TimePoint now{std::chrono::hours(1)};
+    constexpr std::size_t kEachMillisecond = 8;
+    ReadPace pace(1000 * kEachMillisecond);
+    EXPECT_EQ(pace.read(kBurst, now), milliseconds(0));
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(pace.read(kEachMillisecond, now += milliseconds(1)), milliseconds(0));
+    }
+    EXPECT_EQ(pace.read(3 * kEachMillisecond, now), milliseconds(3));
+    EXPECT_EQ(pace.read(kBurst, now += std::chrono::hours(1)), milliseconds(0));
+    EXPECT_GT(pace.read(1, now), milliseconds(0)) << "more is not saved up";
 }

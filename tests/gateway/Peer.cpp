@@ -26,7 +26,8 @@ Peer::Peer(const Access& access) : fSocket(std::make_unique<Socket>(io)) {
     if (!access.isTls) return;
     static asio::ssl::context client(asio::ssl::context::tls_client);
     fTls = std::make_unique<asio::ssl::stream<Socket&>>(*fSocket, client);
-    fTls->handshake(asio::ssl::stream_base::client);
+    error_code ignored;  // whoever reads learns of it
+    fTls->handshake(asio::ssl::stream_base::client, ignored);
 }
 
 bool Peer::send(std::string_view bytes) const {

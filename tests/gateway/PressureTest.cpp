@@ -26,13 +26,6 @@ class PressureTest : public GatewayTest {
         fAccess.receiveBuffer = 0;
         return page;
     }
-    /// The value of a member in the diagnostics of the whole.
-    std::size_t held() const {
-        return boost::json::parse(fGateway->diagnostics()).at("bytesHeld").to_number<std::size_t>();
-    }
-    std::size_t viewCount() const {
-        return boost::json::parse(fGateway->diagnostics()).at("detail").as_array().size();
-    }
     /// Why the view ended, or "returned".
     std::string endedReason(const std::string& view) {
         auto back = comeBack(view, 0);
@@ -115,6 +108,25 @@ TEST_F(PressureTest, EndsNobodyElseForBlocksThatTheLargestViewStillHolds) {
     EXPECT_EQ(endedReason(view),
               "too slow: the most was held for it when the gateway's memory was used up");
     settle(good);
+}
+
+TEST_F(PressureTest, SaysWhatCanNeverBeSent) {
+    fOptions.limits.memory = 100000;
+    std::vector<std::string> lines;
+    const auto observing = kirohost::observeLog(
+        [&lines](const kirohost::LogRecord& record) { lines.push_back(record.text); });
+    start();
+    auto page = join();
+    EXPECT_FALSE(sendBlock(100001).get().delivered);
+    settle(page);
+    publish("/fig/1", std::string(100001, 'x'));
+    EXPECT_EQ(page.readClose(), 4003U);
+    fGateway.reset();
+    for (const char* line :
+         {"a block of 100001 bytes can never be sent, the limit is 100000: /bin",
+          "a text of 100001 bytes can never be sent, the limit is 100000: /fig/1"}) {
+        EXPECT_EQ(std::ranges::count(lines, line), 1) << line;
+    }
 }
 
 TEST_F(PressureTest, EndsAPageWhoseReadingWouldHaveBeenHeld) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Buffers.hpp"
+#include "FailingNew.hpp"
 #include "Frames.hpp"
 #include "Session.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
@@ -32,10 +33,17 @@ class ModelPage final : public Connection {
 
     void request(Request what) noexcept override { fAsked |= what; }
     void close(std::uint16_t code, std::string_view reason, std::string rest) noexcept override {
-        fEnd = std::to_string(code) + " " + std::string(reason);
-        fBytes += rest;
+        try {
+            fBytes += rest;
+            fEnd = std::to_string(code) + " " + std::string(reason);
+        } catch (...) {
+            cut();
+        }
     }
-    void cut() noexcept override { fEnd = "cut"; }
+    void cut() noexcept override {
+        fBytes.clear();
+        fEnd = "cut";
+    }
     void readOn() noexcept override {}
     bool isReadingHeld() const noexcept override { return fIsHeld; }
 
@@ -152,30 +160,43 @@ TEST_F(ReturnTest, AConnectionIsEndedBetweenTwoFramesOrWithoutAWord) {
         {"4005 returned elsewhere", true, [&] { back = join(returnOf(page->view(), 0)); }},
         {"4004 no sign of life", true, [&] { pass(seconds(31)); }},
         {"4000 bad message: not JSON", false, [&] { page->say("x"); }},
+        {"4003 too slow: no room", false,
+         [&] {
+             page->view().fail("no room");
+             page->fSession.viewFailed();
+         }},
         {"1001 gateway stopped", false, [&] { fViews->shut(); }},
     };
-    for (const auto& row : table) {
-        for (const bool isLarge : {false, true}) {
-            start();
-            page = join();
-            const std::string text(isLarge ? 9'000'000 : 1000, 'x');
-            publish(page, text);
-            EXPECT_TRUE(page->read(100).empty());
-            row.step();
-            EXPECT_EQ(page->fEnd, isLarge ? "cut" : row.end);
-            const auto frames = page->read();
-            ASSERT_EQ(frames.size(), isLarge ? 0U : 1U) << row.end;
-            EXPECT_TRUE(isLarge || frames[0].payload.ends_with(text));
+    // The `failing`-th allocation of the step fails: 0, none.
+    const auto expectEnd = [&](const auto& row, std::size_t size, std::size_t failing) {
+        start();
+        page = join();
+        const std::string text(size, 'x');
+        publish(page, text);
+        EXPECT_TRUE(page->read(100).empty());
+        const auto [hasFailed, error] = support::failingNew(failing, row.step);
+        if (!error.empty()) page->lose();  // as its connection does
+        const auto end = std::exchange(page->fEnd, {});
+        const bool isCut = end.empty() || end == "cut";
+        EXPECT_TRUE(isCut ? failing > 0 || size > 8'000'000 : row.end.starts_with(end)) << end;
+        const auto frames = page->read();
+        EXPECT_EQ(frames.size(), isCut ? 0U : 1U);
+        EXPECT_TRUE(isCut || frames.at(0).payload.ends_with(text));
 
-            // However late and in whatever way it ends, a connection that was replaced ends itself.
-            page->fSession.ended(true, fNow);
-            page->lose();
-            if (back == nullptr) back = join(returnOf(page->view(), 0));
-            EXPECT_EQ(back->fEnd, row.end.starts_with("1001") ? "1001 gateway stopped" : "");
-            EXPECT_EQ(back->read().size(), row.canReturn ? 1U : 0U) << "what it missed";
-            back.reset();
-            page.reset();
-        }
+        // However late and in whatever way it ends, a connection that was replaced ends itself.
+        page->fSession.ended(true, fNow);
+        page->lose();
+        if (back == nullptr) back = join(returnOf(page->view(), 0));
+        EXPECT_EQ(back->fEnd, row.end.starts_with("1001") ? "1001 gateway stopped" : "");
+        EXPECT_EQ(back->read().size(), row.canReturn || !error.empty() ? 1U : 0U) << "missed";
+        back.reset();
+        page.reset();
+        return hasFailed;
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.end);
+        expectEnd(row, 9'000'000, 0);
+        for (std::size_t n = 0; expectEnd(row, 1000, n) && !HasFailure();) SCOPED_TRACE(++n);
     }
 }
 
@@ -250,20 +271,31 @@ TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {
     pass(seconds(58));
     auto back = join(returnOf(page->view(), 0));
     EXPECT_EQ(fGone, 1) << "once";
+    EXPECT_FALSE(fViews->lastPageGone());
+    pass(seconds(0));
+    EXPECT_EQ(back->fEnd, "") << "it was silent because it was away";
     const auto missed = back->read();
     ASSERT_EQ(missed.size(), 2U);
     EXPECT_TRUE(missed[0].payload.starts_with(R"({"t":"withdrawn")"));
     EXPECT_TRUE(missed[1].payload.ends_with("kept"));
-    back->lose();
-    pass(milliseconds(60001));
-    EXPECT_EQ(back->view().state(), View::State::kOver);
+    bool hasFailed = true;
+    for (std::size_t n = 0; hasFailed; ++n) {  // the end comes, wherever memory runs out
+        back->lose();
+        hasFailed = support::failingNew(n, [&] { pass(milliseconds(60001)); }).failed;
+        EXPECT_EQ(back->view().state(), View::State::kOver);
+        pass(seconds(0));
+        EXPECT_TRUE(fViews->isEmpty());
+        back = join();
+    }
 }
 
 TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
     start();
     auto page = join();
     for (const bool isPong : {false, true}) {
-        pass(seconds(11));
+        fNow += seconds(11);
+        std::size_t n = 1;  // wherever memory runs out, the next look makes up for it
+        while (support::failingNew(n, [&] { pass(seconds(0)); }).failed) ++n;
         pass(seconds(18));
         const auto frames = page->read();
         ASSERT_EQ(frames.size(), 1U) << "one ping for each time";
@@ -277,6 +309,29 @@ TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
     EXPECT_EQ(page->fEnd, "");
     pass(seconds(31));
     EXPECT_EQ(page->fEnd, "4004 no sign of life");
+    page = join(R"(,"resume":false)");
+    pass(seconds(31));
+    EXPECT_EQ(page->view().state(), View::State::kOver);
+}
+
+TEST_F(ReturnTest, WhatAPageSaysIsActedUponAtOnceAndNotAfterItsEnd) {
+    fOptions.limits.blocksUnderWay = 1;
+    start();
+    auto page = join();
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    EXPECT_EQ(page->read().size(), 2U) << "the channel and a block";
+    answer(page, 1);
+    EXPECT_EQ(page->read().size(), 1U);
+
+    EXPECT_FALSE(fViews->subscribe(page->view(), "/" + std::string(1024, 'n')));
+    page->say(R"({"t":"unsubscribe","channels":["/c","/bin"]})");
+    EXPECT_FALSE(page->view().hears("/c") || page->view().hears("/bin"));
+
+    page->view().fail("no room");
+    EXPECT_EQ(offer(page->view(), 9), Part::kNone);
+    page->say(
+        R"([{"t":"publish","channel":"/no","text":""},{"t":"publish","channel":"/no","text":""}])");
+    EXPECT_EQ(fContext->counters->refusals, 1U) << "the rest is passed over";
 }
 
 TEST_F(ReturnTest, APageIsReadFromAsLongAsThereIsRoom) {

@@ -1,14 +1,9 @@
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <system_error>
 
+#include "Certificate.hpp"
 #include "Endpoint.hpp"
 #include "GatewayFixture.hpp"
 
@@ -16,30 +11,13 @@ using gatewaytest::GatewayTest;
 
 namespace {
 
-/// Writes a certificate, signed by itself, and its key.
-void writeCertificate(const std::string& path) {
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"),
-                                                                  &EVP_PKEY_free);
-    const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), &X509_free);
-    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0);
-    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3600);
-    X509_set_pubkey(certificate.get(), key.get());
-    X509_sign(certificate.get(), key.get(), EVP_sha256());
-    auto* file = std::fopen(path.c_str(), "w");
-    PEM_write_X509(file, certificate.get());
-    PEM_write_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-    std::fclose(file);
-}
-
 class TlsTest : public GatewayTest {
   protected:
     TlsTest() {
-        const auto path = testing::TempDir() + "kiroweb-gateway-" + std::to_string(::getpid());
-        fOptions.certificateFile = fOptions.keyFile = path;
-        writeCertificate(path);
+        fOptions.certificateFile = fOptions.keyFile = fCertificate.path();
         fAccess.isTls = true;
     }
-    ~TlsTest() override { std::remove(fOptions.certificateFile.c_str()); }
+    gatewaytest::Certificate fCertificate;
 };
 
 }  // namespace

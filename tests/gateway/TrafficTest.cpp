@@ -27,10 +27,12 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
 
     page.sendText(R"([{"t":"publish","channel":"/up/a","text":"1"},)"
                   R"({"t":"publish","channel":"/fig/1","text":"2"},)"
-                  R"({"t":"subscribe","channels":["/log","/secret","/*"]},)"
+                  R"({"t":"subscribe","channels":["/log","/secret","/*",")" +
+                  std::string(257, 'n') +
+                  R"("]},)"
                   R"({"t":"unsubscribe","channels":["/fig/*"]}])");
     EXPECT_EQ(fEvents.take(), "/up/a 1");
-    for (const char* refused : {"/fig/1", "/secret", "/*"}) {
+    for (const char* refused : {"/fig/1", "/secret", "/*", ""}) {  // the last is not repeated
         EXPECT_NE(page.readControl("refused").find('"' + std::string(refused) + '"'),
                   std::string::npos);
     }
@@ -38,7 +40,7 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     publish("/fig/1", "not any more");
     publish("/log", "now");
     EXPECT_EQ(page.readRecords(1), (Records{{3, "/log", "now", false}}));
-    EXPECT_EQ(fGateway->statistics().refusals, 3U);
+    EXPECT_EQ(fGateway->statistics().refusals, 4U);
 }
 
 TEST_F(TrafficTest, CarriesBlocksFromThePageToTheEngine) {
@@ -107,12 +109,27 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     answer(second, 2, false);
     EXPECT_EQ(refused.get().buffer.size(), 9U) << "given back";
 
+    {
+        auto small = join(R"(,"limits":{"block":8})");
+        auto too_large = sendBlock(9);
+        for (auto* page : {&first, &second}) answer(*page, 3, true);
+        EXPECT_FALSE(too_large.get().delivered) << "one page has refused it";
+        const auto stream = createBinaryStream("/fig/\xff", {{"returnOnFail", "true"}});
+        auto unnamed = stream->send(support::bufferOf("block"));
+        EXPECT_FALSE(unnamed.get().delivered) << "no page can be told its channel";
+        small.sendFrame(8, "\x03\xe8");
+        EXPECT_EQ(small.readClose(), 1000U);
+    }
     auto gone = sendBlock(9);
-    answer(first, 3, true);
+    answer(first, 4, true);
     second.sendFrame(8, "\x03\xe8");
     EXPECT_FALSE(gone.get().delivered);
     EXPECT_EQ(second.readClose(), 1000U);
-    EXPECT_EQ(fGateway->statistics().blocksGivenBack, 3U);
+    const auto statistics = fGateway->statistics();
+    EXPECT_EQ(statistics.blocksGivenBack, 5U);
+    EXPECT_EQ(statistics.blocksDelivered, 1U);
+    EXPECT_EQ(statistics.views, 3U);
+    EXPECT_EQ(statistics.pages, 1U);
 }
 
 TEST_F(TrafficTest, LetsNoLaneHoldUpAnother) {

@@ -40,6 +40,8 @@ struct Limits {
     std::size_t undelivered = 4 * kMiB;           ///< of what a page published and nobody in the
                                                   ///< process has had yet; above it, or above
                                                   ///< 64 messages, the page is not read from
+    std::size_t readRate = 8 * kMiB;              ///< bytes a second that are read from one page,
+                                                  ///< beyond a burst of 256 KiB
     std::size_t connections = 64;                 ///< all together
     std::size_t unauthenticatedConnections = 16;  ///< those that have not upgraded
     std::size_t subscriptions = 1024;             ///< of one page

@@ -26,6 +26,7 @@ class Heard extends EventEmitter {
         onReady: (hello) => this.note("ready", hello.kind),
         onText: (channel, text) => this.note("text", channel, text),
         onBlock: (channel, block) => this.note("block", channel, [...block]),
+        onRefused: (_, channel) => this.note("refused", channel),
         onFault: (error) => this.note("fault", error.message),
     };
 }

@@ -1,0 +1,60 @@
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "Row.hpp"
+#include "Show.hpp"
+
+namespace bench {
+
+namespace {
+
+constexpr int kParts = 50;
+constexpr double kMegabyte = 1e6;
+
+/// What the page holds, a number for each part of all frames.
+std::vector<double> sizes(std::int64_t frames) {
+    Show show;
+    auto& figure = show.window().figure("Everything");
+    auto& line = figure.axes().line("line").keep(100'000);
+    auto& points = figure.axes().scatter("points");
+    auto& image = figure.axes().image("image");
+    std::vector<float> numbers(256 * 256);
+    const auto change = [&](std::int64_t frame) {
+        for (std::size_t i = 0; i < numbers.size(); ++i) {
+            numbers[i] = static_cast<float>((i * 31 + static_cast<std::size_t>(frame) * 97) % 1000);
+        }
+        const std::span<const float> all(numbers);
+        line.append(all.first(1000));
+        points.set(all.first(10'000), all.last(10'000));
+        image.set(256, 256, all);
+    };
+    std::vector<double> found;
+    for (int part = 0; part < kParts; ++part) {
+        show.draw(frames / kParts, change);
+        found.push_back(usageOf(show.browser().process()).memory);
+    }
+    return found;
+}
+
+/// Right after a garbage collection, so to speak: the least of several.
+double least(const std::vector<double>& found, int from, int to) {
+    return *std::min_element(found.begin() + from, found.begin() + to);
+}
+
+}  // namespace
+
+Measurement memoryMeasurement() {
+    return {"memory", [](bool quick) -> std::vector<Row> {
+                const auto found = sizes(quick ? 500 : 10'000);
+                const double before = least(found, kParts / 5, 2 * kParts / 5);
+                const double after = least(found, 4 * kParts / 5, kParts);
+                return {{quick ? "memory, 500 frames" : "memory, 10,000 frames", "MB more",
+                         (after - before) / kMegabyte, 5},
+                        {"", "MB", after / kMegabyte}};
+            }};
+}
+
+}  // namespace bench
