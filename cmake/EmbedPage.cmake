@@ -3,8 +3,9 @@
 # kiroweb_embed_page(RESULT): the source of kirofigures::detail::pageAssets(). Where the page was not
 # built, a notice stands in for it, and a warning says so.
 function(kiroweb_embed_page result)
-    file(GLOB _files CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/client/dist/*)
-    if(NOT ${PROJECT_SOURCE_DIR}/client/dist/index.html IN_LIST _files)
+    set(_dist ${PROJECT_SOURCE_DIR}/client/dist)
+    file(GLOB _files CONFIGURE_DEPENDS ${_dist}/*.html ${_dist}/*.js ${_dist}/*.css ${_dist}/*.svg)
+    if(NOT ${_dist}/index.html IN_LIST _files)
         message(WARNING "client/dist has no page: windows will serve a notice. "
                         "\"npm ci && npm run build\" in client/ makes the page.")
         set(_files ${PROJECT_SOURCE_DIR}/figures/no_page/index.html)

@@ -1,26 +1,45 @@
 #include "Signals.hpp"
 
-#include <mutex>
 #include <system_error>
+
+#include "annotated/Mutex.hpp"
+#include "process/Immortal.hpp"
 
 namespace kirofigures::detail {
 
+namespace {
+
+bool isIgnored(int signal) {
+    struct sigaction known {};
+    return sigaction(signal, nullptr, &known) == 0 && known.sa_handler == SIG_IGN;
+}
+
+}  // namespace
+
 std::shared_ptr<Signals> Signals::shared() {
-    static std::mutex mutex;
-    static std::weak_ptr<Signals> known;
-    const std::lock_guard lock(mutex);
-    auto signals = known.lock();
+    struct Known {
+        annotated::Mutex mutex;
+        std::weak_ptr<Signals> signals GUARDED_BY(mutex);
+    };
+    static Immortal<Known> known;
+    Known& one = *known;
+    const annotated::Lock lock(one.mutex);
+    auto signals = one.signals.lock();
     if (signals == nullptr) {
         signals.reset(new Signals);
-        known = signals;
+        one.signals = signals;
     }
     return signals;
 }
 
 Signals::Signals() {
     sigemptyset(&fSet);
-    sigaddset(&fSet, SIGINT);
-    sigaddset(&fSet, SIGTERM);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        if (isIgnored(signal)) continue;
+        sigaddset(&fSet, signal);
+        fOne = signal;
+    }
+    if (fOne == 0) return;
     pthread_sigmask(SIG_BLOCK, &fSet, &fBefore);
     try {
         fThread = std::thread([this] { listen(); });
@@ -31,8 +50,9 @@ Signals::Signals() {
 }
 
 Signals::~Signals() {
+    if (fOne == 0) return;
     fIsEnding = true;
-    pthread_kill(fThread.native_handle(), SIGINT);
+    pthread_kill(fThread.native_handle(), fOne);
     fThread.join();
     // From here on a signal does what it did before.
     pthread_sigmask(SIG_SETMASK, &fBefore, nullptr);

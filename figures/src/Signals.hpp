@@ -9,7 +9,8 @@
 
 namespace kirofigures::detail {
 
-/// Takes SIGINT and SIGTERM while it lives. The second one that comes ends the process as if
+/// Takes SIGINT and SIGTERM while it lives, unless the process was started to ignore them, as a
+/// shell starts what runs in the background. The second one that comes ends the process as if
 /// nobody took it, so that an engine which looks at nothing can be stopped.
 class Signals {
   public:
@@ -32,6 +33,7 @@ class Signals {
     sigset_t fBefore{};
     std::atomic<bool> fCame = false;
     std::atomic<bool> fIsEnding = false;
+    int fOne = 0;  ///< of those that are taken; 0: none is
     std::thread fThread;
 };
 

@@ -4,15 +4,14 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
 #include "Browser.hpp"
 #include "Contact.hpp"
 #include "Frames.hpp"
+#include "Place.hpp"
 #include "Scene.hpp"
 #include "Serving.hpp"
 #include "Signals.hpp"
@@ -51,45 +50,6 @@ WindowOptions checked(WindowOptions options) {
     return options;
 }
 
-/// Which of the process's windows this is, from 1; a number is free again when its window goes.
-class Place {
-  public:
-    Place() {
-        const std::lock_guard lock(mutex());
-        while (!taken().insert(fNumber).second) ++fNumber;
-    }
-    ~Place() {
-        const std::lock_guard lock(mutex());
-        taken().erase(fNumber);
-    }
-    Place(const Place&) = delete;
-    Place& operator=(const Place&) = delete;
-
-    [[nodiscard]] Channels channels() const {
-        const std::string prefix =
-            fNumber == 1 ? "/figures" : "/figures/" + std::to_string(fNumber);
-        // The sender has its own name for the one where a page says that it is ready.
-        return {prefix + "/commands",
-                prefix + "/blocks",
-                prefix + "/commands/channelReady",
-                prefix + "/newView",
-                prefix + "/reconnect",
-                prefix + "/events",
-                {prefix + "/return", prefix + "/return2"}};
-    }
-
-  private:
-    static std::mutex& mutex() {
-        static std::mutex one;
-        return one;
-    }
-    static std::set<int>& taken() {
-        static std::set<int> numbers;
-        return numbers;
-    }
-    int fNumber = 1;
-};
-
 /// Made before the sender, whose binary channel it prepares, and let go of after it.
 class BlockStream {
   public:
@@ -107,6 +67,20 @@ class BlockStream {
 
   private:
     const std::string fChannel;
+};
+
+/// Whoever draws or waits meanwhile is a callback.
+class Inside {
+  public:
+    explicit Inside(bool& flag) : fFlag(flag) {
+        if (std::exchange(fFlag, true)) throw std::logic_error("a callback draws or waits");
+    }
+    ~Inside() { fFlag = false; }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+  private:
+    bool& fFlag;
 };
 
 std::shared_ptr<kiro::web::CommandSenderInterface> makeSender(const Channels& channels) {
@@ -269,24 +243,6 @@ void Window::Impl::handle(const KeyEvent& event) {
 void Window::Impl::handle(const ControlEvent& event) {
     if (auto* const control = find<Control>(event.id)) control->take(event.value);
 }
-
-namespace {
-
-/// Whoever draws or waits meanwhile is a callback.
-class Inside {
-  public:
-    explicit Inside(bool& flag) : fFlag(flag) {
-        if (std::exchange(fFlag, true)) throw std::logic_error("a callback draws or waits");
-    }
-    ~Inside() { fFlag = false; }
-    Inside(const Inside&) = delete;
-    Inside& operator=(const Inside&) = delete;
-
-  private:
-    bool& fFlag;
-};
-
-}  // namespace
 
 Window::Window(WindowOptions options)
     : fImpl(std::make_unique<Impl>(std::move(options), nullptr)) {}

@@ -250,7 +250,11 @@ TEST(Windows, RefuseOptionsThatCannotBeMeant) {
 // In processes of their own, where no thread is older than the window.
 class Signals : public testing::Test {
   protected:
-    Signals() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    Signals() {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        // Whoever runs the tests may have them ignored.
+        for (const int signal : {SIGINT, SIGTERM}) std::signal(signal, SIG_DFL);
+    }
     static WindowOptions options() {
         WindowOptions options;
         options.serves = false;
@@ -280,6 +284,20 @@ TEST_F(Signals, CloseTheWindowOnce) {
             pause();
         },
         testing::KilledBySignal(SIGINT), "");
+}
+
+TEST_F(Signals, StayIgnoredWhenTheProcessWasStartedSo) {
+    EXPECT_EXIT(
+        {
+            std::signal(SIGINT, SIG_IGN);
+            Window window(options());
+            kill(getpid(), SIGINT);
+            const bool isOpen = window.isOpen();
+            kill(getpid(), SIGTERM);
+            window.draw();
+            _exit(isOpen && !window.isOpen() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Signals, AreLeftAloneWhenTheProgramWantsThem) {

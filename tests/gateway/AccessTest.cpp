@@ -103,6 +103,14 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
     }
 }
 
+TEST_F(AccessTest, OriginsThatMayFrameThePageAreNamed) {
+    fOptions.frameAncestors = {"http://a.example", "https://b.example:8888"};
+    const auto answer = answerTo("GET / HTTP/1.1\r\nHost: " + fAccess.host() + "\r\n\r\n");
+    EXPECT_NE(answer.find("; frame-ancestors http://a.example https://b.example:8888"),
+              std::string::npos)
+        << answer;
+}
+
 TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
     const auto origin = "Origin: " + fAccess.origin();
     const auto token = fSecrets.token();

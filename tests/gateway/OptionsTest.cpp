@@ -51,6 +51,10 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
          R"(certificateFile: "c.pem" needs)"},
         {with([](Options& o) { o.extraHosts = {"http://a.example"}; }), "extraHosts: "},
         {with([](Options& o) { o.extraOrigins = {"http://a.example/"}; }), "extraOrigins: "},
+        {with([](Options& o) { o.frameAncestors = {"a.example"}; }), "frameAncestors: "},
+        {with([](Options& o) { o.frameAncestors = {"http://a.example; x"}; }), "frameAncestors: "},
+        {with([](Options& o) { o.token = std::string(31, 'a'); }), "token: it has to have"},
+        {with([](Options& o) { o.token = std::string(32, '#'); }), "token: it has to be"},
         {with([](Options& o) { o.newViewChannel = "/v/*"; }), R"(newViewChannel: "/v/*" are many)"},
         {with([](Options& o) {
              o.lanes = {{"/a", "/b"}, {"/c", "/b"}};
@@ -65,6 +69,12 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
         EXPECT_TRUE(text.starts_with(begin)) << text;
         EXPECT_THROW(static_cast<void>(checked(options)), std::invalid_argument);
     }
+}
+
+TEST(Options, ATokenOfOnesOwnStandsInTheLink) {
+    const std::string token(32, 'a');
+    const Gateway gateway(with([&token](Options& o) { o.token = token; }));
+    EXPECT_TRUE(gateway.link().ends_with("/#token=" + token)) << gateway.link();
 }
 
 TEST(Options, AddressesAndFilesThatCannotBeHadAreNamed) {
