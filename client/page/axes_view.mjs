@@ -282,8 +282,7 @@ export class AxesView {
 
     /** @param {number} width @param {number} height @returns {uPlot.Options} */
     #options(width, height) {
-        const { linkX, y2 } = this.description;
-        const isX = (/** @type {string | null} */ a, /** @type {string | null} */ b) => a === b;
+        const { y2 } = this.description;
         return {
             width,
             height,
@@ -302,28 +301,34 @@ export class AxesView {
                 ...(y2 && { y2: { auto: false, range: WHOLE } }),
             },
             axes: [this.#axis("x"), this.#axis("y"), ...(y2 ? [this.#axis("y2")] : [])],
-            cursor: {
-                points: { show: false },
-                drag: { x: true, y: true, uni: 24, dist: 4, setScale: false },
-                sync: {
-                    key: linkX === null ? "" : `x ${linkX}`,
-                    scales: ["x", "y"],
-                    match: [isX, () => false],
-                    filters: { pub: (type) => linkX !== null && type === "mousemove" },
-                },
-                bind: {
-                    // With shift, or another button, it is moved and not selected.
-                    mousedown: (_, __, handler) => (event) => {
-                        if (event.button === 0 && !event.shiftKey) handler(event);
-                        return null;
-                    },
-                    dblclick: () => null,
-                },
-            },
+            cursor: this.#cursor(),
             hooks: {
                 setSize: [() => this.#takeSize()],
                 setCursor: [() => this.#surroundings.onCursor(this)],
                 setSelect: [() => this.#surroundings.onSelect(this)],
+            },
+        };
+    }
+
+    /** @returns {uPlot.Cursor} linked axes share its x, not its y */
+    #cursor() {
+        const { linkX } = this.description;
+        return {
+            points: { show: false },
+            drag: { x: true, y: true, uni: 24, dist: 4, setScale: false },
+            sync: {
+                key: linkX === null ? "" : `x ${linkX}`,
+                scales: ["x", "y"],
+                match: [() => true, () => false],
+                filters: { pub: (type) => linkX !== null && type === "mousemove" },
+            },
+            bind: {
+                // With shift, or another button, it is moved and not selected.
+                mousedown: (_, __, handler) => (event) => {
+                    if (event.button === 0 && !event.shiftKey) handler(event);
+                    return null;
+                },
+                dblclick: () => null,
             },
         };
     }

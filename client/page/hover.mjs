@@ -83,11 +83,10 @@ export class Crosshair {
     /** The crosshair has moved, or the data have changed. Only who moves it is told in words.
      * @param {boolean} hasMoved */
     refresh(hasMoved) {
-        if (!this.#view.isLaidOut || !this.isShown) return this.#hide();
+        if (!this.#view.isLaidOut) return;
         this.#isToSay ||= hasMoved;
         this.#isStale = true;
         if (!this.#isAsked) void this.#update();
-        return undefined;
     }
 
     /** Moves it by parts of the axes, from the middle at first. @param {number} x @param {number} y */

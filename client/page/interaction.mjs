@@ -21,6 +21,8 @@ const CLICK = 4;
 const NEAR = 12;
 /** CSS pixels that an element may lie away from the crosshair. */
 const REACH = 40;
+/** Milliseconds after which it is looked again what lies at a crosshair. */
+const LOOK_EVERY = 100;
 /** Milliseconds between two values that are said. */
 const SAY_EVERY = 800;
 
@@ -32,6 +34,9 @@ export class Interaction {
     #pause;
     /** @type {Map<AxesView, {figure: FigureView, crosshair: Crosshair}>} */
     #known = new Map();
+    /** Where somebody is: the crosshairs of linked axes follow without a word.
+     * @type {AxesView | null} */
+    #active = null;
     #wantsSay = "";
     #sayTimer = 0;
 
@@ -43,6 +48,7 @@ export class Interaction {
         this.#worker = worker;
         this.#say = say;
         this.#pause = pause;
+        setInterval(() => this.#lookAgain(), LOOK_EVERY);
     }
 
     /** @param {FigureView} figure @param {AxesView} view */
@@ -59,11 +65,15 @@ export class Interaction {
         const nameIt = () => {
             chart.ariaLabel = spokenName(view, figure.description.title, valueText);
         };
-        element.addEventListener("focusin", () => {
+        const isHere = () => {
+            this.#active = view;
             figure.setCurrent(view);
+        };
+        element.addEventListener("focusin", () => {
+            isHere();
             nameIt();
         });
-        element.addEventListener("pointerenter", () => figure.setCurrent(view));
+        element.addEventListener("pointerenter", isHere);
         chart.addEventListener("blur", () => crosshair.leave());
         chart.addEventListener("dblclick", () => this.#look(view, homeView()));
         this.#listenToClicks(view);
@@ -77,11 +87,11 @@ export class Interaction {
 
     /** @param {AxesView} view */
     cursorMoved(view) {
-        this.#known.get(view)?.crosshair.refresh(true);
+        this.#known.get(view)?.crosshair.refresh(view === this.#active);
     }
 
     /** What lies at the crosshairs may be another now. */
-    dataChanged() {
+    #lookAgain() {
         for (const { crosshair } of this.#known.values()) {
             if (crosshair.told) crosshair.refresh(false);
         }
@@ -120,7 +130,7 @@ export class Interaction {
         if (action === "zoomIn") zoom(CLOSER);
         else if (action === "zoomOut") zoom(1 / CLOSER);
         else if (action === "home") {
-            for (const one of figure.axes.values()) this.#look(one, homeView());
+            for (const one of figure.axes.values()) if (!one.isHome) this.#look(one, homeView());
         } else if (action === "follow") this.#follow(view);
         else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
         else if (action === "table") void showTable(this.#worker, view);

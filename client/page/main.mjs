@@ -19,6 +19,16 @@ const PAUSE = "M5.5 3v10M10.5 3v10";
 const PLAY = "M4.5 3v10l8-5Z";
 const HELP = "M5.8 6a2.2 2.2 0 1 1 3.4 1.9c-.8.5-1.2.9-1.2 1.9M8 12.2v.3";
 
+/** What says how the page is laid out; the rest may change with each frame.
+ * @param {import("./messages.mjs").FigureDescription} figure */
+function shapeOf({ id, title, columns, controls, axes }) {
+    const places = axes.map((one) => {
+        const { row, column, linkX, y2, legend } = one;
+        return [one.id, one.title === "", row, column, linkX, y2 === null, legend];
+    });
+    return [id, title === "", columns, controls.length, places];
+}
+
 class Page {
     /** @type {Map<number, FigureView>} */
     figures = new Map();
@@ -35,6 +45,8 @@ class Page {
     #isUneven = false;
     #isLive = false;
     #isPaused = false;
+    /** Of what is shown: what takes which place, as text. */
+    #shape = "";
     /** The newest frame that is not painted yet. @type {Extract<ToMain, {kind: "frame"}> | null} */
     #frame = null;
     /** Once an animation frame has been painted, a message on this channel answers for it. */
@@ -114,11 +126,11 @@ class Page {
         new ResizeObserver(() => this.#layOut()).observe(this.#root);
         document.addEventListener("fullscreenchange", () => this.#layOut());
         addEventListener("online", () => this.worker.post({ kind: "retry" }));
-        addEventListener("error", (event) => this.#report(event.error ?? new Error(event.message)));
-        addEventListener("unhandledrejection", (event) =>
-            this.#report(
-                event.reason instanceof Error ? event.reason : new Error(String(event.reason)),
-            ),
+        addEventListener("error", ({ message }) =>
+            this.worker.post({ kind: "report", text: message }),
+        );
+        addEventListener("unhandledrejection", ({ reason }) =>
+            this.worker.post({ kind: "report", text: String(reason) }),
         );
         // A page that is kept for the back button would answer nothing: it says that it goes.
         addEventListener("pagehide", () => this.worker.post({ kind: "close" }));
@@ -174,9 +186,19 @@ class Page {
         this.#watch.heard(statistics.news, statistics.frame);
     }
 
-    /** Brings the elements up to date, and gives new axes a canvas.
+    /** What goes wrong with a scene does not keep the worker from drawing it.
      * @param {Extract<ToMain, {kind: "scene"}>} scene */
     #takeScene({ stamp, figures }) {
+        try {
+            this.#show(figures);
+        } finally {
+            this.worker.post({ kind: "laid", stamp });
+        }
+    }
+
+    /** Brings the elements up to date, and gives new axes a canvas.
+     * @param {import("./messages.mjs").FigureDescription[]} figures */
+    #show(figures) {
         const ids = new Set(figures.map(({ id }) => id));
         for (const [id, view] of this.figures) {
             if (ids.has(id)) continue;
@@ -189,9 +211,11 @@ class Page {
         }
         if (figures.length === 0) this.#root.replaceChildren(this.#empty);
         else this.#empty.remove();
-        this.#layOut();
+        const shape = JSON.stringify(figures.map(shapeOf));
+        if (shape !== this.#shape) this.#layOut();
+        else for (const view of this.#axes()) view.redraw();
+        this.#shape = shape;
         this.#showStale();
-        this.worker.post({ kind: "laid", stamp });
     }
 
     /** @param {import("./messages.mjs").FigureDescription} description */
@@ -284,15 +308,14 @@ class Page {
         const frame = this.#frame;
         this.#frame = null;
         if (!frame) return;
+        this.#painted.push(frame.stamp);
+        if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);
         for (const view of this.#axes()) {
             const limits = frame.limits[view.description.id];
             if (limits) view.setDrawn(limits);
             showColorBars(view, frame.colors);
         }
         this.#align();
-        this.interaction.dataChanged();
-        this.#painted.push(frame.stamp);
-        if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);
     }
 
     #showStale() {

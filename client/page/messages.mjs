@@ -97,6 +97,7 @@
  *     | {kind: "table", id: number, axes: number, rows: number}
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
+ *     | {kind: "report", text: string}
  *     | {kind: "retry"}
  *     | {kind: "close"}
  * )} ToWorker
@@ -110,6 +111,7 @@
  * - `painted`: what the `frame` with this stamp asked for is on the screen.
  * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
  * - `pick`, of the data, `key` and `control` go to the engine.
+ * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen.
  */
 

@@ -33,8 +33,10 @@ export class MainAccess {
     /** @param {"token" | "served"} what @returns {Promise<string | boolean | null>} */
     #ask(what) {
         const id = ++this.#last;
-        this.#post({ kind: "ask", id, what });
-        return new Promise((resolve) => this.#asked.set(id, resolve));
+        return new Promise((resolve) => {
+            this.#asked.set(id, resolve);
+            this.#post({ kind: "ask", id, what });
+        });
     }
     /** @param {number} id @param {string | boolean | null} value */
     told(id, value) {

@@ -80,7 +80,8 @@ function xLimitsOf(group, shown) {
     const chosen = group.find((axes) => axisOf(axes, "x").limits) ?? group[0];
     const series = seriesOf(group, shown.hidden);
     const axis = axisOf(chosen, "x");
-    return byEngine(view ? { ...axis, limits: view } : axis, series, (one) => extentOf(one).x(isLog), false);
+    const wanted = view ? { ...axis, limits: view } : axis;
+    return byEngine(wanted, series, (one) => extentOf(one).x(isLog), false);
 }
 
 /** @param {Item[]} group @param {Set<number>} hidden */

@@ -86,7 +86,7 @@ export function withOpacity(color, opacity) {
 }
 
 /** In the order in which they are drawn. @param {Item} axes @returns {Item[]} */
-export function drawnSeries(axes) {
+function drawnSeries(axes) {
     const series = axes.childrenOf("series");
     const isImage = (/** @type {Item} */ one) => one.type === "image";
     return [...series.filter(isImage), ...series.filter((one) => !isImage(one))];

@@ -3,7 +3,7 @@
 import { csvOf, tableOf } from "./table.mjs";
 import { hasSecond } from "./limits.mjs";
 import { nearestOf } from "./nearest.mjs";
-import { drawnSeries, paintAxes, scalesOf } from "./painter.mjs";
+import { paintAxes, scalesOf } from "./painter.mjs";
 import { canvasSize } from "./stage.mjs";
 import { CanvasSurface } from "./surface.mjs";
 import { SvgSurface } from "./svg.mjs";
@@ -28,7 +28,7 @@ function lookAt(stage, id) {
     const limits = stage.limits().get(id);
     const size = stage.sizes.get(id);
     if (!axes || !limits || !size) return null;
-    const series = drawnSeries(axes).filter(stage.shows);
+    const series = axes.childrenOf("series").filter(stage.shows);
     return { axes, limits, size, series };
 }
 

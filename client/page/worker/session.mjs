@@ -125,8 +125,12 @@ export class Session {
         pick: ({ axes, x, y, near }) => this.#publish({ event: "pick", axes, x, y, ...near }),
         key: ({ key, axes }) => this.#publish({ event: "key", key, axes }),
         control: ({ id, value }) => this.#publish({ event: "control", id, value }),
+        report: ({ text }) => this.report(new Error(text)),
         retry: () => this.#connection?.retry(),
-        close: () => this.#connection?.close(),
+        close: () => {
+            this.#statistics.end();
+            this.#connection?.close();
+        },
     };
 
     // --- The connection -----------------------------------------------------------------------

@@ -17,6 +17,7 @@ const MARGIN = 2 * (GREATEST_RADIUS + 1);
 const OPAQUE = 8;
 const PIXELS_PER_WORD = Int32Array.BYTES_PER_ELEMENT;
 const ALPHA_SHIFT = 24;
+const RGB = 0xffffff;
 
 /** What a disc adds to a picture: words, row by row, at least two in each.
  * @typedef {{words: Int32Array, width: number}} Marks */
@@ -163,7 +164,7 @@ export class ColoredPointPicture {
         this.width = width;
         this.height = height;
         this.#stride = width + 2 * MARGIN;
-        this.#pixels = new Uint32Array(this.#stride * (height + 2 * MARGIN));
+        this.#pixels = new Int32Array(this.#stride * (height + 2 * MARGIN));
     }
 
     clear() {
@@ -186,12 +187,13 @@ export class ColoredPointPicture {
             ));
             const left = Math.floor(x[i]) - half + MARGIN;
             const first = (Math.floor(y[i]) - half + MARGIN) * this.#stride + left;
-            const color = colors[i] & 0xffffff;
+            const color = colors[i] & RGB;
             for (let k = 0; k < alphas.length; ++k) {
                 const at = first + offsets[k];
+                const alpha = alphas[k];
                 // A rim does not make what is opaque already shine through.
-                if (alphas[k] >= target[at] >>> ALPHA_SHIFT) {
-                    target[at] = color | (alphas[k] << ALPHA_SHIFT);
+                if (alpha >= target[at] >>> ALPHA_SHIFT) {
+                    target[at] = color | (alpha << ALPHA_SHIFT);
                 }
             }
         }

@@ -6,6 +6,8 @@ const PERIOD = 500;
 
 export class Statistics {
     #post;
+    /** @type {ReturnType<typeof setInterval> | undefined} */
+    #timer;
     #frames = 0;
     #frame = 0;
     #news = 0;
@@ -21,7 +23,10 @@ export class Statistics {
 
     /** @param {() => number} bytes received, altogether */
     begin(bytes) {
-        setInterval(() => this.#tell(bytes()), PERIOD);
+        this.#timer = setInterval(() => this.#tell(bytes()), PERIOD);
+    }
+    end() {
+        clearInterval(this.#timer);
     }
     /** @param {number} frame its number */
     countFrame(frame) {

@@ -21,7 +21,7 @@ const elementsIn = (column) =>
     Array.from({ length: column.end - column.begin }, (_, i) => column.at(column.begin + i));
 
 test("A column keeps the newest elements under their indices, in the wider type, and their extremes", () => {
-    for (let seed = 1; seed <= 60; ++seed) {
+    for (let seed = 1; seed <= 40; ++seed) {
         const random = new Random(seed);
         const keep = [1, 100, 700, 3000][random.below(4)];
         let widest = random.below(3);
@@ -30,7 +30,7 @@ test("A column keeps the newest elements under their indices, in the wider type,
         const column = new Column(TYPES[widest].from(all));
         column.forget(keep);
         let snapshot = null;
-        for (let turn = 0; turn < 12; ++turn) {
+        for (let turn = 0; turn < 30; ++turn) {
             const type = random.below(3);
             const added = draw(TYPES[type]);
             const before = random.below(4) === 0 ? [column.snapshot(), elementsIn(column)] : null;
@@ -147,9 +147,9 @@ test("Elements are connected across columns of pixels, by steps too, but not acr
     for (const steps of [null, "after", "before", "middle"]) {
         const random = new Random(3);
         // In places dense, in places with whole columns between two elements.
-        const near = [...random.values(600, 5, 60, 0), ...random.values(40, 60, 105, 0)];
+        const near = [0.2, ...random.values(600, 5, 60, 0), ...random.values(39, 60, 105, 0)];
         const place = Float64Array.from(near).sort();
-        const value = Float64Array.from(random.values(640, 0, 100, 0.1));
+        const value = Float64Array.from([50, 60, ...random.values(638, 0, 100, 0.1)]);
         const places = new Column(place);
         const values = new Column(value);
         const x = new Scale("linear", [0, 100], 0, 100);

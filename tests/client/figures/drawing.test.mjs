@@ -48,7 +48,7 @@ const STROKES = [
         "line",
         { steps: "before" },
         { x: [1, 3], y: [1, 2] },
-        ["M10,90 L10,90 L10,80 L30,80"],
+        ["M10,90 L10,80 L30,80"],
     ],
     [
         "steps in the middle",
@@ -151,6 +151,12 @@ test("A dense line and a winding one are filled by columns, with their true extr
         { x: range(90, (i) => i / 9), y: range(90, (i) => 10 * (i % 2)) },
     );
     assert.deepEqual(new Set(winding.drawn.map(({ kind }) => kind)), new Set(["fillRect"]));
+    const axes = { x: { scale: "log", limits: [1, 100] }, y: UNITS.y };
+    const even = drawOne("line", {}, { x: [1, 10, -1, 100], y: [1, 2, 3, 4] }, { axes });
+    assert.equal(spell(even.drawn[0].path), "M0,90 L50,80 M100,60 L100,60");
+    // What comes back to the same pixel costs nothing, but the end is where it is.
+    const close = drawOne("outline", {}, { x: [1, 1.01, 1.02, 3, 3.01], y: [1, 1, 1, 1, 1] });
+    assert.equal(spell(close.drawn[0].path), "M10,90 L30,90 L30.1,90");
     // A million pixels outside: zoomed in, a canvas would draw coarsely.
     const near = drawOne("line", {}, { x: [-1e9, 1e9], y: [-1e9, 1e9] });
     const [[, left], [, right]] = near.drawn[0].path;
@@ -222,6 +228,8 @@ test("Stamped points are where the points are; appended ones are added", () => {
     // Forgotten ones are gone, and so is all when it is set.
     grown.data(same, 900, { x: range(900, () => 5), y: range(900, () => 5) });
     assert.equal(paint(grown).pictures[0].pixels.filter(Boolean).length, 25);
+    grown.data(same, 0, { x: range(501, () => 2), y: range(501, () => 2) });
+    paint(grown);
     grown.data(same, 0, { x: range(501, () => NaN), y: range(501, () => 5) });
     assert.equal(paint(grown).pictures[0].pixels.filter(Boolean).length, 0);
 });
@@ -288,7 +296,7 @@ test("Bytes are coloured from 0 to 255, other values between their extremes", ()
         );
         return [12, 37, 62, 87].map((column) => table.indexOf(pictures[0].pixels[column]));
     };
-    assert.deepEqual(colors(Uint8Array.of(0, 100, 200, 255)), [0, 100, 200, 255]);
+    assert.deepEqual(colors(Uint8Array.of(10, 100, 200, 250)), [10, 100, 200, 250]);
     assert.deepEqual(colors([5, 5.5, 6, NaN]), [0, 128, 255, -1]);
     assert.deepEqual(colors([3, 3, 3, 3]), [128, 128, 128, 128]);
 });
@@ -296,11 +304,11 @@ test("Bytes are coloured from 0 to 255, other values between their extremes", ()
 test("A series that cannot be drawn is told, and the others are drawn, images below", () => {
     const builder = new Builder(UNITS);
     builder.create("line", {}, { x: [0, 1], y: [0, 1] });
-    builder.create("image", { name: "i", rows: 2, columns: 2 }, { z: [1, 2, 3] });
     builder.create("image", { rows: 1, columns: 1 }, { z: [1] });
+    builder.create("image", { name: "i", rows: 2, columns: 2 }, { z: [1, 2, 3] });
     const { drawn, pictures, errors } = paint(builder);
     assert.deepEqual(errors, ["image i: 3 values for 2 rows of 2"]);
-    assert.deepEqual([drawn.length, pictures.length], [1, 1]);
+    assert.deepEqual([drawn.length, pictures.map(({ isFirst }) => isFirst)], [1, [true]]);
 });
 
 test("Colours follow the cycle, unless a series has its own, and are seen on both grounds", () => {

@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { LimitsEvents } from "../../../client/page/worker/events.mjs";
 import { Flusher } from "../../../client/page/worker/flusher.mjs";
 import { Frames } from "../../../client/page/worker/frames.mjs";
 import { Inbox } from "../../../client/page/worker/inbox.mjs";
@@ -9,7 +10,10 @@ import { Inbox } from "../../../client/page/worker/inbox.mjs";
 test("What is between a frame's beginning and its token is one frame; other changes wait 50 ms", (t) => {
     t.mock.timers.enable({ apis: ["setTimeout"] });
     const complete = [];
-    const frames = new Frames((frame) => complete.push(frame), () => 7);
+    const frames = new Frames(
+        (frame) => complete.push(frame),
+        () => 7,
+    );
     const expect = (...expected) => {
         const seen = complete.splice(0).map(({ number, commands, token, error }) => {
             const words = commands.map(([{ cmd }]) => cmd);
@@ -44,6 +48,32 @@ test("What is between a frame's beginning and its token is one frame; other chan
     expect([5, "beginFrame", "b", null], [-1, "", "c", null]);
     take("set");
     frames.forget();
+    t.mock.timers.tick(1000);
+    expect();
+});
+
+test("Limits are told not too often, but the last ones always", (t) => {
+    t.mock.timers.enable({ apis: ["setTimeout"] });
+    const told = [];
+    let high = 0;
+    const events = new LimitsEvents(
+        (event) => told.push(event),
+        (axes) => (axes === 2 ? { x: [0, ++high] } : null),
+    );
+    const expect = (...expected) => assert.deepEqual(told.splice(0), expected);
+    const event = (end) => ({ event: "limits", axes: 2, x: [0, end] });
+    for (let i = 0; i < 5; ++i) events.changed(2);
+    expect(event(1));
+    t.mock.timers.tick(99);
+    expect();
+    t.mock.timers.tick(1);
+    expect(event(2));
+    t.mock.timers.tick(1000);
+    events.changed(2);
+    events.changed(7);
+    expect(event(3));
+    events.changed(2);
+    events.forget();
     t.mock.timers.tick(1000);
     expect();
 });
@@ -212,8 +242,9 @@ test("A command waits for its block with all behind it; a whole frame begins ane
     inbox.text('{"cmd":"binarydata","data":{"4 0":"AQL/"}}');
     inbox.block(block(5));
     say("data", { data: "5 0" });
-    say("data", { data: "6 0" });
+    say("data", { data: "4 0" });
     expect("data 2");
+    inbox.block(block(8));
     say("beginFrame", { whole: true });
     inbox.block(block(7));
     say("data", { data: "7 0" });
@@ -228,6 +259,7 @@ test("A command waits for its block with all behind it; a whole frame begins ane
     say("set", { seq: 99 });
     expect("set");
     assert.throws(() => inbox.block(Uint8Array.of(1)), RangeError);
-    const expected = /JSON.*;.*not a command.*;.*no memory.*;.*;.*;block 8 0 is lost;command 99 came instead/;
+    const expected =
+        /JSON.*;.*not a command.*;.*no memory.*;.*;.*;block 8 0 is lost;command 99 came instead/;
     assert.match(errors.join(";"), expected);
 });

@@ -129,6 +129,8 @@ test("Somebody's view comes before the engine's, and what is hidden does not cou
         y: [0.95, 1.05],
         y2: [5, 6],
     });
+    const following = { views: [[2, { x: { follow: 4 }, y: null, y2: null }]] };
+    assert.deepEqual(limits(builder, following).x, [6, 10]);
     const hidden = { x: [0, 100], y: [0, 1], y2: [-5, 55] };
     assert.deepEqual(limits(builder, { hidden: [line] }), hidden);
     builder.set(line, { visible: false });

@@ -94,10 +94,12 @@ export class Engine {
         await this.#until(({ channel }) => channel === "/back");
         return outcome;
     }
-    /** The next event of this kind, past those that were asked for. */
-    async event(kind) {
-        const isWanted = ({ channel, text }) =>
-            channel === CONFIGURATION.events && JSON.parse(text).event === kind;
+    /** The next event of this kind that is as wanted, past or future; each once. */
+    async event(kind, isAsWanted = () => true) {
+        const isWanted = ({ channel, text }) => {
+            const event = channel === CONFIGURATION.events && JSON.parse(text);
+            return event.event === kind && isAsWanted(event);
+        };
         return JSON.parse((await this.#until(isWanted)).text);
     }
     async #until(isWanted) {
@@ -107,12 +109,15 @@ export class Engine {
             this.#heard.push(await this.peer.next("publish"));
         }
     }
-    /** The shown limits of axes, by their number. */
-    limits(id) {
-        return this.page.evaluate((axes) => {
+    /** Ends when axes show these limits, to a hundredth of them. */
+    async untilShown(id, which, wanted) {
+        const isShown = ([number, name, [low, high]]) => {
             const figures = [...kirowebPage.figures.values()];
-            return figures.map((figure) => figure.axes.get(axes)).find(Boolean).shown;
-        }, id);
+            const { shown } = figures.map((figure) => figure.axes.get(number)).find(Boolean);
+            const [from, to] = shown[name];
+            return Math.max(Math.abs(from - low), Math.abs(to - high)) < (high - low) / 100;
+        };
+        await this.page.waitForFunction(isShown, [id, which, wanted], { timeout: 10_000 });
     }
     /** The places of axes' plotting areas, as CSS pixels of the window. */
     area(index) {

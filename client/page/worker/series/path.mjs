@@ -6,6 +6,8 @@
 
 /** Pixels outside of the picture, from which on a canvas draws coarsely. */
 const FAR = 10_000;
+/** Pixels for which the pen does not move. */
+const CLOSE = 0.35;
 
 /** @param {number} x @param {number} y whether both are finite */
 export function isDrawable(x, y) {
@@ -37,7 +39,7 @@ export function tracePath(places, values, [from, to], place, steps = null) {
     pen.lift();
 }
 
-/** Draws from place to place, and leaves out what is far outside. */
+/** Draws from place to place, and leaves out what is far outside or too close to be seen. */
 export class Pen {
     #context;
     #width;
@@ -46,6 +48,9 @@ export class Pen {
     #y = NaN;
     /** Places since it came down. */
     #count = 0;
+    /** A place so close to where the pen is that it did not move.
+     * @type {[number, number] | null} */
+    #passed = null;
     /** Whether the context's path ends where the pen is. */
     #isJoined = false;
 
@@ -60,36 +65,43 @@ export class Pen {
     }
     /** @param {number} x @param {number} y */
     to(x, y) {
-        if (this.#count > 0) this.#draw(this.#x, this.#y, x, y);
+        ++this.#count;
+        if (Math.abs(x - this.#x) < CLOSE && Math.abs(y - this.#y) < CLOSE) {
+            this.#passed = [x, y];
+            return;
+        }
+        if (this.#count > 1) this.#draw(this.#x, this.#y, x, y);
         this.#x = x;
         this.#y = y;
-        ++this.#count;
+        this.#passed = null;
     }
     lift() {
-        if (this.#count === 1) this.#draw(this.#x, this.#y, this.#x, this.#y);
+        if (this.#passed) this.#draw(this.#x, this.#y, ...this.#passed);
+        else if (this.#count === 1) this.#draw(this.#x, this.#y, this.#x, this.#y);
+        this.#passed = null;
+        this.#x = this.#y = NaN;
         this.#count = 0;
         this.#isJoined = false;
     }
 
     /** @param {number} x0 @param {number} y0 @param {number} x1 @param {number} y1 */
     #draw(x0, y0, x1, y1) {
-        const begins = this.#isNear(x0, y0);
-        const ends = this.#isNear(x1, y1);
-        let [from, to] = [
-            [x0, y0],
-            [x1, y1],
-        ];
-        if (!begins || !ends) {
-            const part = this.#partInside(x0, y0, x1, y1);
-            if (!part) {
-                this.#isJoined = false;
-                return;
-            }
-            [from, to] = part;
+        if (!this.#isNear(x0, y0) || !this.#isNear(x1, y1)) {
+            this.#drawPart(x0, y0, x1, y1);
+            return;
         }
-        if (!this.#isJoined || !begins) this.#context.moveTo(from[0], from[1]);
-        this.#context.lineTo(to[0], to[1]);
-        this.#isJoined = ends;
+        if (!this.#isJoined) this.#context.moveTo(x0, y0);
+        this.#context.lineTo(x1, y1);
+        this.#isJoined = true;
+    }
+    /** @param {number} x0 @param {number} y0 @param {number} x1 @param {number} y1 */
+    #drawPart(x0, y0, x1, y1) {
+        this.#isJoined = false;
+        const part = this.#partInside(x0, y0, x1, y1);
+        if (!part) return;
+        this.#context.moveTo(part[0][0], part[0][1]);
+        this.#context.lineTo(part[1][0], part[1][1]);
+        this.#isJoined = this.#isNear(x1, y1);
     }
     /** @param {number} x @param {number} y */
     #isNear(x, y) {

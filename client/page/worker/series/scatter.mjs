@@ -10,6 +10,8 @@ import { ColoredPointPicture, GREATEST_RADIUS, INSIDE, PointPicture, RIM } from 
 
 /** So many circles a canvas draws as fast, and smoother. */
 const FEW = 500;
+/** With more a drawing of vectors would become too large: they are embedded as pixels. */
+const MANY = 5000;
 
 /** Points that are to be drawn. @typedef {{x: Float64Array, y: Float64Array,
  *     radii: Float64Array | number, colors: Uint32Array | null}} Points */
@@ -30,8 +32,8 @@ const pictures = new WeakMap();
 export function paintScatter(series, place) {
     const { places } = series;
     if (!places) return;
-    const isFew = places.end - places.begin <= FEW;
-    if (place.isVector || isFew) {
+    const count = places.end - places.begin;
+    if (count <= (place.isVector ? MANY : FEW)) {
         drawCircles(pointsOf(series, place, places.begin, places.end), place);
     } else {
         stampPoints(series, places, place);

@@ -3,12 +3,15 @@
 export class Random {
     #state;
     constructor(seed) {
-        this.#state = seed >>> 0;
+        // Neighbouring seeds must not begin alike.
+        this.#state = Math.imul(seed, 0x9e3779b1) | 1;
     }
     /** From 0 to below 1. */
     next() {
-        this.#state = (Math.imul(this.#state, 1664525) + 1013904223) >>> 0;
-        return this.#state / 2 ** 32;
+        this.#state ^= this.#state << 13;
+        this.#state ^= this.#state >>> 17;
+        this.#state ^= this.#state << 5;
+        return (this.#state >>> 0) / 2 ** 32;
     }
     /** A whole number from 0 to below `end`. */
     below(end) {

@@ -1,0 +1,133 @@
+// What lies at a place, what is seen as a table, and pictures as SVG.
+import assert from "node:assert/strict";
+import { test } from "node:test";
+
+import { answerQuery } from "../../../client/page/worker/queries.mjs";
+import { SvgSurface } from "../../../client/page/worker/svg.mjs";
+import { limitsOf } from "../../../client/page/worker/limits.mjs";
+import { paintAxes } from "../../../client/page/worker/painter.mjs";
+import { Random } from "./support/random.mjs";
+import { Builder, look } from "./support/scenes.mjs";
+
+const UNITS = { x: { limits: [0, 10] }, y: { limits: [0, 10] } };
+
+/** What is answered about axes of 100 by 100 pixels. */
+function ask({ scene }, query, shown = {}) {
+    const how = look({ sizes: [[2, { width: 100, height: 100, ratio: 2 }]], ...shown });
+    const shows = (series) => !how.hidden.has(series.id);
+    const stage = { scene, limits: () => limitsOf(scene, how), shows, ...how };
+    const answers = [];
+    answerQuery(stage, { id: 5, axes: 2, ...query }, (answer) => answers.push(answer));
+    assert.equal(answers[0].id, 5);
+    return answers[0];
+}
+const probe = (builder, x, y, shown) =>
+    ask(builder, { kind: "probe", x, y, reach: 15 }, shown).values;
+
+test("Of a line the element that is nearest along x is found, of points the nearest", () => {
+    const random = new Random(2);
+    const sorted = random.values(80, -1, 11, 0).sort((a, b) => a - b);
+    const columns = () => ({ x: random.values(80, 0, 10), y: random.values(80, 0, 10) });
+    const builder = new Builder(UNITS);
+    const line = { x: sorted, y: random.values(80, 0, 10, 0.2) };
+    const points = columns();
+    builder.create("line", {}, line);
+    builder.create("scatter", { axis: "y2" }, points);
+    builder.set(2, { y2: { limits: [0, 10] } });
+    for (let i = 0; i < 200; ++i) {
+        const [x, y] = [random.value(-2, 12, 0) * 10, random.value(-2, 12, 0) * 10];
+        const expected = [];
+        for (const [series, { x: xs, y: ys }, isAlong] of [
+            [3, line, true],
+            [4, points, false],
+        ]) {
+            const distances = xs.map((one, at) => {
+                const across = isAlong ? ys[at] * 0 : 100 - ys[at] * 10 - y;
+                return Math.hypot(one * 10 - x, across);
+            });
+            const least = Math.min(...distances.filter((one) => one <= 15));
+            if (least === Infinity) continue;
+            const index = distances.indexOf(least);
+            expected.push({ series, index, values: { x: xs[index], y: ys[index] } });
+        }
+        const found = probe(builder, x, y);
+        assert.deepEqual(
+            found.map(({ series, index, values }) => ({ series, index, values })),
+            expected,
+        );
+        for (const { px, py, values } of found) {
+            assert.ok(Math.abs(px - values.x * 10) + Math.abs(py - 100 + values.y * 10) < 1e-9);
+        }
+    }
+    assert.deepEqual(probe(builder, 50, 50, { hidden: [3, 4] }), []);
+    assert.deepEqual(ask(builder, { kind: "probe", axes: 99, x: 1, y: 1, reach: 5 }).values, []);
+});
+
+test("Of an image the cell is found that lies there", () => {
+    const builder = new Builder(UNITS);
+    const z = Uint8Array.of(1, 2, 3, 4, 5, 6);
+    builder.create("image", { rows: 2, columns: 3, x: [2, 8], y: [0, 5] }, { z });
+    const values = { x: 7, y: 3.75, z: 6 };
+    assert.deepEqual(probe(builder, 75, 60), [{ series: 3, index: 5, px: 70, py: 62.5, values }]);
+    assert.deepEqual(
+        [probe(builder, 85, 60), probe(builder, 75, 40), probe(builder, 75, null)],
+        [[], [], []],
+    );
+});
+
+test("A table has what is seen, and no more rows than are wanted", () => {
+    const builder = new Builder(UNITS);
+    builder.create("line", { name: 'a "b", c' }, { x: [-1, 1, 2, 11], y: [1, NaN, 50, 3] });
+    builder.create("scatter", {}, { x: [3, 4, 5], y: [1, 99, 2], size: [7, 8, 9] });
+    builder.create("image", { rows: 1, columns: 2, x: [6, 20] }, { z: [1, 2] });
+    builder.create("reference", { at: 3 });
+    const text = [
+        "series,x,y,z,size",
+        '"a ""b"", c",1,,,',
+        '"a ""b"", c",2,50,,',
+        "scatter 4,3,1,,7",
+        "scatter 4,5,2,,9",
+        "image 5,9.5,0.5,1,",
+        "",
+    ].join("\r\n");
+    assert.equal(ask(builder, { kind: "csv" }).text, text);
+    const { header, rows } = ask(builder, { kind: "table", rows: 3 });
+    assert.deepEqual(header, ["series", "x", "y", "z", "size"]);
+    assert.deepEqual(
+        rows.map(([name, x]) => [name, x]),
+        [
+            ['a "b", c', 1],
+            ["scatter 4", 3],
+            ["image 5", 9.5],
+        ],
+    );
+    assert.deepEqual(ask(builder, { kind: "table", axes: 9, rows: 3 }).rows, []);
+});
+
+test("SVG says what a canvas shows, and no text of an engine becomes an element", async () => {
+    const builder = new Builder(UNITS);
+    builder.create(
+        "line",
+        { color: "#11223380", dash: "dashed", width: 2 },
+        { x: [1, 2], y: [1, 5.12345] },
+    );
+    builder.create("bars", { barWidth: 1 }, { x: [5], y: [2] });
+    builder.create("scatter", { size: 4 }, { x: [3], y: [3] });
+    builder.create("text", { text: '<b>&"\u0001', at: [1, 1] });
+    const how = look();
+    const surface = new SvgSurface(100, 100);
+    const size = { width: 100, height: 100, ratio: 1 };
+    assert.deepEqual(
+        paintAxes(builder.find(2), limitsOf(builder.scene, how).get(2), size, how, surface),
+        [],
+    );
+    const [line, bar, disc, rim, text] = (await surface.finish()).split("\n");
+    assert.match(
+        line,
+        /^<path d="M10 90L20 48.77" fill="none" stroke="#112233" stroke-opacity="0.5" .*dasharray="8 6"\/>$/,
+    );
+    assert.match(bar, /^<path d="M45 80h10v20h-10Z" fill="#0068ad"\/>$/);
+    assert.match(disc, /^<path d="M32 70a2 2 0 1 0 -4 0a2 2 0 1 0 4 0Z" .*fill-opacity="0.45"\/>$/);
+    assert.match(rim, /stroke-width="1"/);
+    assert.match(text, /^<text x="10" y="90" .*>&lt;b>&amp;&quot; <\/text>$/);
+});
