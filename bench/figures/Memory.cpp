@@ -51,8 +51,8 @@ Measurement memoryMeasurement() {
                 const auto found = sizes(quick ? 500 : 10'000);
                 const double before = least(found, kParts / 5, 2 * kParts / 5);
                 const double after = least(found, 4 * kParts / 5, kParts);
-                return {{quick ? "memory, 500 frames" : "memory, 10,000 frames", "MB more",
-                         (after - before) / kMegabyte, 5},
+                return {{quick ? "memory, 500 frames" : "memory, 10,000 frames", "% more",
+                         100 * (after - before) / before, 10},
                         {"", "MB", after / kMegabyte}};
             }};
 }
