@@ -64,10 +64,14 @@ void Frames::send() {
             send(fFlights.back());
             return;
         }
+        bool isAnySent = false;
         for (auto& flight : fFlights) {
-            const bool isAnswered = flight.isSent && !flight.requestor->isACTPending();
-            if (!isAnswered) send(flight);
+            if (flight.isSent && !flight.requestor->isACTPending()) continue;
+            send(flight);
+            isAnySent = true;
         }
+        // All are answered, by pages that were there before.
+        if (!isAnySent) send(fFlights.back());
     } catch (...) {
         abandon();
         throw;

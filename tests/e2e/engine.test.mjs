@@ -80,8 +80,8 @@ test("A view holds while data stream, and follows them again when asked to", asy
     const held = await untilShown(page, "x[1] - x[0] < 9");
     // Many frames later.
     await page.waitForFunction(
-        (before) => kirowebPage.statistics.outcomes.painted > before + 30,
-        await page.evaluate(() => kirowebPage.statistics.outcomes.painted),
+        (before) => kirowebPage.outcomes.painted > before + 30,
+        await page.evaluate(() => kirowebPage.outcomes.painted),
     );
     assert.deepEqual(await untilShown(page, "true"), held);
     await chart.press("0");
@@ -93,11 +93,11 @@ test("A view holds while data stream, and follows them again when asked to", asy
 test("A page that is paused says so to the engine, takes the data in, and catches up", async () => {
     const { scene, page } = await start();
     await page.keyboard.press(" ");
-    await page.getByRole("button", { name: "Live" }).waitFor();
+    await page.getByRole("button", { name: "Go on" }).waitFor();
     await scene.draw("step 5", "paused");
     assertValues(await shownValues(page), liveValues(60));
     await scene.draw("step 5", "paused");
-    await page.getByRole("button", { name: "Live" }).click();
+    await page.getByRole("button", { name: "Go on" }).click();
     await untilShown(page, "x[1] === value", 69 * 0.25);
     assertValues(await shownValues(page), liveValues(70));
     await scene.draw("step 1");
