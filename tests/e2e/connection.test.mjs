@@ -39,7 +39,7 @@ test("A script error costs its frame at once, and the figures are made whole", a
 });
 
 test("Blocks that the page gives back come again as text", async () => {
-    const { proxy, scene, page } = await stage.startBehindProxy("live");
+    const { proxy, scene, page } = await stage.startBehindProxy("live", 60);
     await scene.draw("step 20");
     const [worker] = page.workers();
     await worker.evaluate(() => {
@@ -116,7 +116,7 @@ test("A hidden page answers without painting, and paints when it is shown", asyn
 });
 
 test("A page whose connection was lost returns to its view, and nothing is missing", async () => {
-    const { proxy, scene, page } = await stage.startBehindProxy("live");
+    const { proxy, scene, page } = await stage.startBehindProxy("live", 60);
     const losses = [
         ["cut", 0, /lost|no connection/],
         ["cut", 40, /lost|no connection/],
