@@ -65,6 +65,7 @@ export class Interaction {
         const nameIt = () => {
             chart.ariaLabel = spokenName(view, figure.description.title, valueText);
         };
+        nameIt();
         const isHere = () => {
             this.#active = view;
             figure.setCurrent(view);

@@ -1,6 +1,7 @@
 #include "client/Checker.hpp"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -54,7 +55,7 @@ void record(std::uint64_t frames, client::Recorder& recorder) {
 
 /// What a client hears in the first `frames` frames.
 Conversation conversation(std::uint64_t frames) {
-    const std::string file = testing::TempDir() + "conversation.json";
+    const std::string file = testing::TempDir() + "conversation-" + std::to_string(::getpid());
     client::Recorder recorder(file);
     record(frames, recorder);
     Conversation result;
