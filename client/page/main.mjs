@@ -44,6 +44,10 @@ class Page {
     /** Whether axes have got another size since they were aligned. */
     #isUneven = false;
     #isLive = false;
+    /** Whether a plotting area has another size since the picture at hand came. */
+    #isResized = false;
+    /** Whether the answer for a picture waits for one in other sizes. */
+    #isHeldBack = false;
     #isPaused = false;
     /** Of what is shown: what takes which place, as text. */
     #shape = "";
@@ -255,6 +259,7 @@ class Page {
     /** @param {AxesView} view */
     #sized(view) {
         this.#isUneven = true;
+        this.#isResized = true;
         const { width, height, ratio } = view.size;
         const axes = view.description.id;
         const canvas = view.takeCanvas();
@@ -308,14 +313,19 @@ class Page {
         const frame = this.#frame;
         this.#frame = null;
         if (!frame) return;
-        this.#painted.push(frame.stamp);
-        if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);
+        this.#isResized = false;
         for (const view of this.#axes()) {
             const limits = frame.limits[view.description.id];
             if (limits) view.setDrawn(limits);
             showColorBars(view, frame.colors);
         }
         this.#align();
+        // Other limits may need other room for their numbers. Then the picture is right with the
+        // worker's next frame, which is in the new sizes; but nothing is waited for twice.
+        this.#isHeldBack = this.#isResized && !this.#isHeldBack;
+        if (this.#isHeldBack) return;
+        this.#painted.push(frame.stamp);
+        if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);
     }
 
     #showStale() {

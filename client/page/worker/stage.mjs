@@ -100,6 +100,8 @@ export class Stage {
         this.sizes.set(axes, size);
         const shown = this.#shown.get(axes);
         if (shown) shown.isStale = true;
+        // The main thread waits for the picture in this size.
+        this.#told = "";
     }
     /** @param {number} axes */
     removeCanvas(axes) {
