@@ -314,17 +314,31 @@ class Page {
         this.#frame = null;
         if (!frame) return;
         this.#isResized = false;
+        let isHeldBack = false;
+        try {
+            this.#follow(frame);
+            // Other limits may need other room for their numbers. Then the picture is right with
+            // the worker's next frame, which is in the new sizes; nothing is waited for twice.
+            isHeldBack = this.#isResized && !this.#isHeldBack;
+        } finally {
+            this.#isHeldBack = isHeldBack;
+            if (!isHeldBack) this.#confirm(frame.stamp);
+        }
+    }
+
+    /** Shows the limits that were drawn. @param {Extract<ToMain, {kind: "frame"}>} frame */
+    #follow({ limits: drawn, colors }) {
         for (const view of this.#axes()) {
-            const limits = frame.limits[view.description.id];
+            const limits = drawn[view.description.id];
             if (limits) view.setDrawn(limits);
-            showColorBars(view, frame.colors);
+            showColorBars(view, colors);
         }
         this.#align();
-        // Other limits may need other room for their numbers. Then the picture is right with the
-        // worker's next frame, which is in the new sizes; but nothing is waited for twice.
-        this.#isHeldBack = this.#isResized && !this.#isHeldBack;
-        if (this.#isHeldBack) return;
-        this.#painted.push(frame.stamp);
+    }
+
+    /** @param {number} stamp of what is on the screen once this animation frame is */
+    #confirm(stamp) {
+        this.#painted.push(stamp);
         if (this.#painted.length === 1) this.#frameEnd.port2.postMessage(null);
     }
 

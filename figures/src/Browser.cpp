@@ -6,15 +6,19 @@
 
 #include <array>
 #include <csignal>
-#include <cstdlib>
+#include <string_view>
 
 namespace kirofigures::detail {
 
 namespace {
 
-bool isInEnvironment(const char* name) {
-    const char* const value = std::getenv(name);
-    return value != nullptr && *value != '\0';
+/// Whether that variable is there and has a text. `assignment` is its name and "=".
+bool isInEnvironment(std::string_view assignment) {
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text(*entry);
+        if (text.starts_with(assignment)) return text.size() > assignment.size();
+    }
+    return false;
 }
 
 /// How a program begins that has nothing to do with this one: in a session of its own, to which the
@@ -45,7 +49,7 @@ class Separately {
 }  // namespace
 
 void Browser::open(const std::string& link) {
-    if (!isInEnvironment("DISPLAY") && !isInEnvironment("WAYLAND_DISPLAY")) return;
+    if (!isInEnvironment("DISPLAY=") && !isInEnvironment("WAYLAND_DISPLAY=")) return;
     std::string program = "xdg-open";
     std::string argument = link;
     const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};

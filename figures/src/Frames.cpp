@@ -83,7 +83,8 @@ void Frames::send(Flight& flight) {
     flight.requestor->clearTimeStampLog();
     sendCommands(flight);
     flight.requestor->setAnnotation("frame " + std::to_string(flight.frame));
-    flight.deadline = fMeans.surroundings.now() + fMeans.timeout;
+    // Once: pages that come again and again must not hold the engine.
+    if (!flight.isSent) flight.deadline = fMeans.surroundings.now() + fMeans.timeout;
     fLatest = flight.requestor;
     fAttempts = flight.attempt;
     flight.requestor->sendACT();

@@ -52,8 +52,8 @@ class Frames {
   private:
     /// A frame that has been sent and is not over.
     struct Flight {
-        std::uint64_t frame;
-        kiro::web::PubSubACTRequestor* requestor;
+        std::uint64_t frame = 0;
+        kiro::web::PubSubACTRequestor* requestor = nullptr;
         std::uint64_t attempt = 0;
         Clock::time_point deadline{};
         bool isSent = false;

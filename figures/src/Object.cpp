@@ -66,7 +66,7 @@ void Object::putLimits(const char* key, double low, double high) {
 void Object::putColor(const Color& color) {
     if (!color.isValid()) {
         refuse("color \"" + text::escaped(color.text()) +
-               "\" is none; \"#1f77b4\" is one, \"#1f77b480\" half of it");
+               R"(" is none; "#1f77b4" is one, "#1f77b480" half of it)");
     }
     fNode.put("color", json::string(color.text()));
 }

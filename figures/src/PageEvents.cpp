@@ -12,7 +12,7 @@ namespace json = boost::json;
 namespace {
 
 /// An event is a few numbers and a text.
-constexpr std::size_t kLongestEvent = 64 * 1024;
+constexpr std::size_t kLongestEvent = 64UL * 1024;
 constexpr std::size_t kLongestError = 2000;
 constexpr std::size_t kLongestKey = 32;
 

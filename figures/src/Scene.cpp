@@ -29,7 +29,8 @@ void Scene::send(Outlet& outlet, bool isWhole) {
     } else {
         for (const auto id : fRemoved) outlet.remove(id);
         // By index: preparing its data changes a node, which is in the list already.
-        for (std::size_t i = 0; i < fTouched.size(); ++i) fTouched[i]->send(outlet, false);
+        std::size_t i = 0;
+        while (i < fTouched.size()) fTouched[i++]->send(outlet, false);
     }
     fTouched.clear();
     fRemoved.clear();

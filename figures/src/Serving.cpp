@@ -46,8 +46,8 @@ kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels
     gateway.frameAncestors = options.embeddingOrigins;
     if (!options.tokenFile.empty()) gateway.token = tokenFrom(options.tokenFile);
     gateway.limits.connections = options.pages + gateway.limits.unauthenticatedConnections;
-    // A block that comes in pieces the page has to copy together. Most images are smaller than this,
-    // a 32-bit one of 1024 x 1024 is just larger than what is usual.
+    // A block that comes in pieces the page has to copy together. Most images are smaller than
+    // this, a 32-bit one of 1024 x 1024 is just larger than what is usual.
     gateway.limits.pieceSize = gateway.limits.bytesUnderWay;
     gateway.assets = pageAssets();
     gateway.configuration = configuration(options, channels);

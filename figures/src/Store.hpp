@@ -63,7 +63,7 @@ class Store {
 
   private:
     struct Named {
-        const char* name;
+        const char* name = nullptr;
         Column column;
     };
 

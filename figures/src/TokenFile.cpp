@@ -50,7 +50,7 @@ std::string newToken() {
 }
 
 std::string written(const Descriptor& descriptor, const std::string& file) {
-    const std::string token = newToken();
+    std::string token = newToken();
     const std::string line = token + '\n';
     if (::write(descriptor.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         ::unlink(file.c_str());

@@ -99,10 +99,10 @@ struct Window::Impl {
     void serve();
     /// Hands what pages have said to whoever wants it.
     void dispatch();
-    void handle(const PickEvent& event);
-    void handle(const LimitsEvent& event);
-    void handle(const KeyEvent& event);
-    void handle(const ControlEvent& event);
+    void handle(const PickEvent& event) const;
+    void handle(const LimitsEvent& event) const;
+    void handle(const KeyEvent& event) const;
+    void handle(const ControlEvent& event) const;
     template <typename Kind>
     [[nodiscard]] Kind* find(std::uint64_t id) const {
         return dynamic_cast<Kind*>(scene.find(id));
@@ -209,7 +209,7 @@ void Window::Impl::dispatch() {
     }
 }
 
-void Window::Impl::handle(const PickEvent& event) {
+void Window::Impl::handle(const PickEvent& event) const {
     auto* const axes = find<Axes>(event.axes);
     if (axes == nullptr) return;
     Pick pick{event.x, event.y, nullptr, 0};
@@ -227,21 +227,21 @@ void Window::Impl::handle(const PickEvent& event) {
     if (callback) callback(pick);
 }
 
-void Window::Impl::handle(const LimitsEvent& event) {
+void Window::Impl::handle(const LimitsEvent& event) const {
     const auto* const axes = find<Axes>(event.axes);
     if (axes == nullptr) return;
     const auto callback = axes->fOnLimits;
     if (callback) callback(event.view);
 }
 
-void Window::Impl::handle(const KeyEvent& event) {
+void Window::Impl::handle(const KeyEvent& event) const {
     const auto* const axes = find<Axes>(event.axes);
     if (event.axes != 0 && axes == nullptr) return;
     const auto callback = onKey;
     if (callback) callback({event.key, axes});
 }
 
-void Window::Impl::handle(const ControlEvent& event) {
+void Window::Impl::handle(const ControlEvent& event) const {
     if (auto* const control = find<Control>(event.id)) control->take(event.value);
 }
 
@@ -284,7 +284,8 @@ void Window::wait(std::chrono::duration<double> time) {
     const Inside inside(fImpl->isInside);
     // What is longer overflows the clock's nanoseconds; NaN counts as nothing.
     constexpr std::chrono::duration<double> kLongest = std::chrono::hours(24 * 366);
-    const auto bounded = time.count() > 0 ? std::min(time, kLongest) : time.zero();
+    using Time = std::chrono::duration<double>;
+    const Time bounded = time.count() > 0 ? std::min(time, kLongest) : Time::zero();
     fImpl->wait(fImpl->surroundings.now() +
                 std::chrono::duration_cast<Frames::Clock::duration>(bounded));
 }

@@ -93,7 +93,7 @@ void Bus::outdateLocked(const ChannelPattern& pattern) noexcept {
 }
 
 std::shared_ptr<Route> Bus::makeRoute(const std::string& channel) const {
-    const auto route = std::make_shared<Route>();
+    auto route = std::make_shared<Route>();
     route->channel = channel;
     const annotated::Lock lock(fMutex);
     std::uint64_t after = 0;

@@ -216,6 +216,7 @@ function readColumns({ kind, properties }, count, columns, data) {
     if (!Number.isSafeInteger(count) || Number(count) < 0) throw new TypeError(`${count} elements`);
     if (!Array.isArray(columns)) throw new TypeError("no columns");
     const elements = Number(count);
+    if (elements === 0 && columns.length === 0 && data.length === 0) return [];
     const wanted = kind.columns.filter((name) => name !== "x" || !properties.regular);
     const names = new Set(columns.map((column) => column?.[0]));
     const isComplete = wanted.every((name) => names.has(name)) && names.size === columns.length;

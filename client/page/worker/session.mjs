@@ -9,7 +9,7 @@ import { Frames } from "./frames.mjs";
 import { Inbox } from "./inbox.mjs";
 import { answerQuery } from "./queries.mjs";
 import { Scene } from "./scene.mjs";
-import { Stage, canvasSize } from "./stage.mjs";
+import { Stage } from "./stage.mjs";
 import { Statistics } from "./statistics.mjs";
 
 /** @typedef {import("../messages.mjs").ToMain} ToMain */
@@ -283,7 +283,7 @@ export class Session {
         if (!limits || !size) return null;
         const view = this.stage.views.get(id);
         const isHome = !view?.x && !view?.y && !view?.y2;
-        const { width, height } = canvasSize(size);
+        const { width, height } = size;
         return { x: limits.x, y: limits.y, width, height, ...(isHome && { home: true }) };
     }
 

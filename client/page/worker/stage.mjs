@@ -94,13 +94,14 @@ export class Stage {
     addCanvas(axes, canvas, size) {
         this.#shown.set(axes, { surface: new CanvasSurface(canvas), isStale: true, drawn: "" });
         this.sizes.set(axes, size);
+        // The main thread waits for the picture in this size.
+        this.#told = "";
     }
     /** @param {number} axes @param {AreaSize} size */
     resize(axes, size) {
         this.sizes.set(axes, size);
         const shown = this.#shown.get(axes);
         if (shown) shown.isStale = true;
-        // The main thread waits for the picture in this size.
         this.#told = "";
     }
     /** @param {number} axes */
@@ -158,7 +159,10 @@ export class Stage {
             Object.assign(shown, { drawn, isStale: false });
             const pixels = canvasSize(size);
             shown.surface.begin(pixels);
-            return paintAxes(axes, range, pixels, this, shown.surface);
+            const failures = paintAxes(axes, range, pixels, this, shown.surface);
+            // Nobody is to be told of the next frame that these axes are right.
+            shown.isStale = failures.length > 0;
+            return failures;
         });
         this.#scene.changed.clear();
         return { stamp: this.#tell(limits), errors };

@@ -290,7 +290,7 @@ test("Somebody's doings reach the engine", async () => {
     assert.deepEqual(await stage.published(), ["/e", pick]);
     assert.deepEqual((await stage.published())[1], { event: "key", key: "k", axes: null });
     assert.deepEqual((await stage.published())[1], { event: "control", id: 7 });
-    const limits = { event: "limits", axes: 2, x: [0, 2], y: [0, 1], width: 200, height: 100 };
+    const limits = { event: "limits", axes: 2, x: [0, 2], y: [0, 1], width: 100, height: 50 };
     assert.deepEqual((await stage.published())[1], limits);
     await stage.paint();
     assert.deepEqual(stage.strokes(), [
