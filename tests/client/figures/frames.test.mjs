@@ -7,8 +7,15 @@ import { Flusher } from "../../../client/page/worker/flusher.mjs";
 import { Frames } from "../../../client/page/worker/frames.mjs";
 import { Inbox } from "../../../client/page/worker/inbox.mjs";
 
+/** Has time-outs wait for `t.mock.timers.tick`. */
+function holdTimers(t) {
+    const apis = ["setTimeout"];
+    const isNode18 = process.versions.node.startsWith("18.");
+    t.mock.timers.enable(isNode18 ? apis : { apis });
+}
+
 test("What is between a frame's beginning and its token is one frame; other changes wait 50 ms", (t) => {
-    t.mock.timers.enable({ apis: ["setTimeout"] });
+    holdTimers(t);
     const complete = [];
     const frames = new Frames(
         (frame) => complete.push(frame),
@@ -53,7 +60,7 @@ test("What is between a frame's beginning and its token is one frame; other chan
 });
 
 test("Limits are told not too often, but the last ones always", (t) => {
-    t.mock.timers.enable({ apis: ["setTimeout"] });
+    holdTimers(t);
     const told = [];
     let high = 0;
     const events = new LimitsEvents(
