@@ -7,15 +7,32 @@ import { Flusher } from "../../../client/page/worker/flusher.mjs";
 import { Frames } from "../../../client/page/worker/frames.mjs";
 import { Inbox } from "../../../client/page/worker/inbox.mjs";
 
-/** Has time-outs wait for `t.mock.timers.tick`. */
+/** Has time-outs wait for `tick`, which lets milliseconds pass. */
 function holdTimers(t) {
-    const apis = ["setTimeout"];
-    const isNode18 = process.versions.node.startsWith("18.");
-    t.mock.timers.enable(isNode18 ? apis : { apis });
+    const waiting = new Map();
+    let time = 0;
+    let last = 0;
+    t.mock.method(globalThis, "setTimeout", (call, ms) => {
+        waiting.set(++last, { at: time + ms, call });
+        return last;
+    });
+    t.mock.method(globalThis, "clearTimeout", (timer) => waiting.delete(timer));
+    const first = () => [...waiting].sort(([, one], [, other]) => one.at - other.at)[0];
+    const tick = (ms) => {
+        const end = time + ms;
+        for (let next = first(); next && next[1].at <= end; next = first()) {
+            const [timer, { at, call }] = next;
+            waiting.delete(timer);
+            time = at;
+            call();
+        }
+        time = end;
+    };
+    return { tick };
 }
 
 test("What is between a frame's beginning and its token is one frame; other changes wait 50 ms", (t) => {
-    holdTimers(t);
+    const timers = holdTimers(t);
     const complete = [];
     const frames = new Frames(
         (frame) => complete.push(frame),
@@ -32,7 +49,7 @@ test("What is between a frame's beginning and its token is one frame; other chan
     const begin = (frame) => take("beginFrame", { frame, attempt: 1 });
     begin(3);
     take("set");
-    t.mock.timers.tick(1000);
+    timers.tick(1000);
     expect();
     frames.fail(new Error("first"));
     frames.fail(new Error("second"));
@@ -40,27 +57,27 @@ test("What is between a frame's beginning and its token is one frame; other chan
     expect([3, "beginFrame,set", "a", "first"]);
     take("set");
     take("data");
-    t.mock.timers.tick(49);
+    timers.tick(49);
     expect();
-    t.mock.timers.tick(1);
+    timers.tick(1);
     expect([-1, "set,data", null, null]);
     // The next frame begins before the time is over; and a frame whose token does not come.
     take("set");
     begin(4);
     begin(5);
-    t.mock.timers.tick(1000);
+    timers.tick(1000);
     expect([-1, "set", null, null], [4, "beginFrame", null, null]);
     take("sendACT", { ACT: "b" });
     take("sendACT", { ACT: "c" });
     expect([5, "beginFrame", "b", null], [-1, "", "c", null]);
     take("set");
     frames.forget();
-    t.mock.timers.tick(1000);
+    timers.tick(1000);
     expect();
 });
 
 test("Limits are told not too often, but the last ones always", (t) => {
-    holdTimers(t);
+    const timers = holdTimers(t);
     const told = [];
     let high = 0;
     const events = new LimitsEvents(
@@ -71,17 +88,17 @@ test("Limits are told not too often, but the last ones always", (t) => {
     const event = (end) => ({ event: "limits", axes: 2, x: [0, end] });
     for (let i = 0; i < 5; ++i) events.changed(2);
     expect(event(1));
-    t.mock.timers.tick(99);
+    timers.tick(99);
     expect();
-    t.mock.timers.tick(1);
+    timers.tick(1);
     expect(event(2));
-    t.mock.timers.tick(1000);
+    timers.tick(1000);
     events.changed(2);
     events.changed(7);
     expect(event(3));
     events.changed(2);
     events.forget();
-    t.mock.timers.tick(1000);
+    timers.tick(1000);
     expect();
 });
 
