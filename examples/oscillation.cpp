@@ -1,5 +1,4 @@
 // A line that grows.
-#include <cmath>
 #include <kirofigures/Window.hpp>
 
 int main() {

@@ -114,10 +114,7 @@ Run runHeadless(const Options& options) {
         const auto& channels = window.channels();
         run.commandChannel = channels.commands;
         client::Recorder* const lines = recorder ? &*recorder : nullptr;
-        client::HeadlessClient page(reference, run.script,
-                                    {channels.commands, channels.blocks, channels.ready,
-                                     channels.newView, channels.reconnect, channels.events},
-                                    lines);
+        client::HeadlessClient page(reference, run.script, channels, lines);
         draw(window, data, page, lines, run);
     }
     run.warnings = warnings.counts();

@@ -39,11 +39,7 @@ void record(std::uint64_t frames, client::Recorder& recorder) {
     options.serves = false;
     options.waitsForPage = false;
     kirofigures::Window window(options);
-    const auto& channels = window.channels();
-    client::HeadlessClient page(reference(), {.pickEvery = 0},
-                                {channels.commands, channels.blocks, channels.ready,
-                                 channels.newView, channels.reconnect, channels.events},
-                                &recorder);
+    client::HeadlessClient page(reference(), {.pickEvery = 0}, window.channels(), &recorder);
     page.beginView();
     page.announceReady();
     kirohost::waitForDelivery();

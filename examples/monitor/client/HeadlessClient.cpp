@@ -80,7 +80,8 @@ std::shared_ptr<relay::message_service::MessageService> makeService() {
 
 class HeadlessClient::Impl {
   public:
-    Impl(const ReferenceData& data, const Script& script, Channels channels, Recorder* recorder);
+    Impl(const ReferenceData& data, const Script& script, kirofigures::Channels channels,
+         Recorder* recorder);
     ~Impl();
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -103,7 +104,7 @@ class HeadlessClient::Impl {
     void publish(const std::string& channel, const boost::json::object& message);
 
     const Script fScript;
-    const Channels fChannels;
+    const kirofigures::Channels fChannels;
 
     // Of the client's thread, once it runs.
     ClientResult fResult;
@@ -121,8 +122,8 @@ class HeadlessClient::Impl {
     std::thread fThread;
 };
 
-HeadlessClient::Impl::Impl(const ReferenceData& data, const Script& script, Channels channels,
-                           Recorder* recorder)
+HeadlessClient::Impl::Impl(const ReferenceData& data, const Script& script,
+                           kirofigures::Channels channels, Recorder* recorder)
     : fScript(script),
       fChannels(std::move(channels)),
       fChecker(data, fResult.findings),
@@ -237,7 +238,7 @@ void HeadlessClient::Impl::publish(const std::string& channel, const boost::json
 }
 
 HeadlessClient::HeadlessClient(const ReferenceData& data, const Script& script,
-                               const Channels& channels, Recorder* recorder)
+                               const kirofigures::Channels& channels, Recorder* recorder)
     : fImpl(std::make_unique<Impl>(data, script, channels, recorder)) {}
 
 HeadlessClient::~HeadlessClient() = default;

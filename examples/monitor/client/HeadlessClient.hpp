@@ -7,21 +7,12 @@
 
 #include "client/Findings.hpp"
 #include "client/Inbox.hpp"
+#include "kirofigures/Window.hpp"
 
 namespace monitor::client {
 
 struct ReferenceData;
 class Recorder;
-
-/// Where engine and client meet: what a page is told by the gateway.
-struct Channels {
-    std::string commands;
-    std::string blocks;
-    std::string ready;
-    std::string newView;
-    std::string reconnect;
-    std::string events;
-};
 
 /// What the client does beside drawing. Frames are counted from 0.
 struct Script {
@@ -57,8 +48,8 @@ class HeadlessClient {
   public:
     /// Listens from now on. `recorder` may be null.
     /// REQUIRES: what is given by reference outlives this; `relay::getRelay()` can be used.
-    HeadlessClient(const ReferenceData& data, const Script& script, const Channels& channels,
-                   Recorder* recorder);
+    HeadlessClient(const ReferenceData& data, const Script& script,
+                   const kirofigures::Channels& channels, Recorder* recorder);
     /// Ends the thread, whatever still waits.
     ~HeadlessClient();
     HeadlessClient(const HeadlessClient&) = delete;
