@@ -17,7 +17,7 @@ const ALIASES = { "=": "+", "−": "-", _: "-", Home: "0", h: "0", F: "f" };
 const BY_KEY = new Map(Object.entries(ACTIONS).map(([action, { key }]) => [key, action]));
 /** Keys that belong to the browser. */
 const BROWSERS =
-    /^(Tab|Shift|Control|Alt|AltGraph|Meta|CapsLock|NumLock|Dead|Process|Unidentified|F\d+)$/;
+    /^(Tab|Shift|Control|Alt|AltGraph|Meta|CapsLock|NumLock|Dead|Process|Unidentified|F\d+|Page(Up|Down)|End|ContextMenu)$/;
 
 /**
  * @typedef {(

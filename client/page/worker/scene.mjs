@@ -150,7 +150,11 @@ export class Scene {
         const read = readProperties(item.kind.properties, members);
         Object.assign(item.properties, read);
         if ("keep" in read) this.#forget(item);
-        this.#touch(item, true);
+        // How much is kept may change with each frame, and is seen nowhere but in the picture.
+        this.#touch(
+            item,
+            Object.keys(read).some((name) => name !== "keep"),
+        );
     }
 
     /** @param {Item} item */
