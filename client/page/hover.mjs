@@ -52,6 +52,8 @@ const ALONG_X = ["line", "area", "band", "bars", "errorBars"];
 
 /** @typedef {{at: string, rows: {name: string, text: string, color: string, probed: Probed}[]}} Told */
 
+/** CSS pixels from the upper left corner of the plotting area. @typedef {{left: number, top: number}} Place */
+
 /** The crosshair of axes. */
 export class Crosshair {
     #view;
@@ -126,7 +128,7 @@ export class Crosshair {
         return [this.told.at, ...rows].join("\n");
     }
 
-    /** @param {{left: number, top: number}} place */
+    /** @param {Place} place */
     #set(place) {
         const { plot } = this.#view;
         // The third argument, which uPlot's types leave out, tells the linked axes.
@@ -145,46 +147,50 @@ export class Crosshair {
             this.#isStale = false;
             const { left = 0, top = -1 } = this.#view.plot.cursor;
             const values = await this.#ask(left, top >= 0 ? top : null);
-            if (this.isShown) this.#show(values);
+            if (!this.isShown) break;
+            this.#show(values, { left, top });
+            // It has moved on: what lies there now is said instead.
+            if (!this.#isStale) this.#sayIt();
         }
         this.#isAsked = false;
         if (!this.isShown) this.#hide();
     }
 
-    /** @param {Probed[]} values */
-    #show(values) {
-        const { description, shown, size, plot } = this.#view;
-        const left = Number(plot.cursor.left);
-        const x = valueAt(left / size.width, shown.x, this.#view.scaleOf("x"));
+    /** @param {Probed[]} values @param {Place} place that they were asked for */
+    #show(values, place) {
+        const { description } = this.#view;
         const rows = values.flatMap((probed) => {
             const series = description.series.find(({ id }) => id === probed.series);
             if (!series) return [];
             const text = elementText(this.#view, probed, series);
             return [{ name: series.name || series.type, text, color: series.color, probed }];
         });
-        this.told = { at: this.#heading(x), rows: rows.slice(0, MOST_ROWS) };
-        this.#showBox(left);
+        this.told = { at: this.#heading(place), rows: rows.slice(0, MOST_ROWS) };
+        this.#showBox(place);
         this.#showMarks();
-        if (!this.#isToSay) return;
+    }
+
+    #sayIt() {
+        if (!this.#isToSay || !this.told) return;
         this.#isToSay = false;
         const said = this.told.rows.map(({ name, text }) => `${name} ${text}`);
         this.#say([this.told.at, ...said].join("; "));
     }
 
-    /** @param {number} x of the cursor */
-    #heading(x) {
-        const { description, plot, size, shown } = this.#view;
+    /** @param {Place} place */
+    #heading({ left, top }) {
+        const { description, size, shown } = this.#view;
+        const x = valueAt(left / size.width, shown.x, this.#view.scaleOf("x"));
         const name = description.x.label || (description.x.scale === "time" ? "" : "x");
         const text = `${name} ${withUnit(this.#view, "x", x)}`.trim();
-        const top = Number(plot.cursor.top);
         const isPlane = !description.series.some(({ type }) => ALONG_X.includes(type));
         if (!isPlane || top < 0) return text;
         const y = valueAt(1 - top / size.height, shown.y, this.#view.scaleOf("y"));
         return `${text}, ${description.y.label || "y"} ${withUnit(this.#view, "y", y)}`;
     }
 
-    /** @param {number} left of the cursor */
-    #showBox(left) {
+    /** @param {Place} place */
+    #showBox({ left, top }) {
         const { told } = this;
         if (!told) return;
         const lines = told.rows.map(({ name, text, color }) => {
@@ -202,11 +208,10 @@ export class Crosshair {
         this.#box.hidden = false;
         const { plot, size } = this.#view;
         const box = plot.over;
-        const top = Math.max(0, Number(plot.cursor.top));
         const isRight = left < size.width / 2;
         const beside = box.offsetLeft + (isRight ? left + 14 : left - 14 - this.#box.offsetWidth);
         const x = Math.min(beside, this.#view.chart.clientWidth - this.#box.offsetWidth);
-        const y = Math.min(top + 14, size.height - this.#box.offsetHeight - 4);
+        const y = Math.min(Math.max(0, top) + 14, size.height - this.#box.offsetHeight - 4);
         this.#box.style.transform = `translate(${Math.max(0, x)}px, ${box.offsetTop + Math.max(0, y)}px)`;
     }
 
