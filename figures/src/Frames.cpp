@@ -1,5 +1,6 @@
 #include "Frames.hpp"
 
+#include <algorithm>
 #include <utility>
 
 #include "checked/Require.hpp"
@@ -7,6 +8,19 @@
 #include "kiroutils/KiroTerminatingCondition.hpp"
 
 namespace kirofigures::detail {
+
+namespace {
+
+/// For how long a page that nobody sees leaves the word to the others: the time between frames of
+/// a page that is hardly moving.
+constexpr std::chrono::milliseconds kGrace(250);
+
+bool isSeen(const Contact::Reports& reports) {
+    return reports.best && reports.best->outcome != Outcome::kHidden &&
+           reports.best->outcome != Outcome::kPaused;
+}
+
+}  // namespace
 
 using kiroutils::KiroTerminatingCondition;
 
@@ -117,8 +131,20 @@ Drawn Frames::awaitOldest() {
     }
 }
 
+Contact::Reports Frames::reportsOf(const Flight& flight) {
+    const auto& world = fMeans.surroundings;
+    const auto end = std::min(flight.deadline, world.now() + kGrace);
+    Contact::Reports reports;
+    waitUntil([this, &reports, &flight, &world, end] {
+        reports = fMeans.contact.reports(flight.frame, flight.attempt);
+        return reports.count == 0 || isSeen(reports) || reports.count >= world.numPages() ||
+               !fMeans.isOpen() || isNewToPage() || world.now() >= end;
+    });
+    return reports;
+}
+
 Drawn Frames::answered(const Flight& flight) {
-    auto report = fMeans.contact.takeReport(flight.frame, flight.attempt);
+    auto report = reportsOf(flight).best;
     if (report) return over(report->outcome, std::move(report->error));
     if (!flight.requestor->hasTimeStamps()) {
         return over(Outcome::kLate, fMeans.surroundings.lateCause());

@@ -70,6 +70,9 @@ class Frames {
     Drawn awaitOldest();
     [[nodiscard]] Drawn over(Outcome outcome, std::string reason = {});
     [[nodiscard]] Drawn answered(const Flight& flight);
+    /// What pages have said of a frame whose token is back. The first page's word is the last one's
+    /// unless nobody sees that page: then the others are waited for, for a moment.
+    [[nodiscard]] Contact::Reports reportsOf(const Flight& flight);
     /// Gives all flights up, for no page is there or the window is closed.
     Drawn nobodySees(std::uint64_t frame);
     /// Gives all flights up. What they have sent is on its way all the same.

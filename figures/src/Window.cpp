@@ -154,6 +154,7 @@ Surroundings Window::Impl::ownSurroundings() {
     Surroundings own;
     if (!options.serves) return own;
     own.isPageGone = [this] { return gateway != nullptr && gateway->lastPageGone(); };
+    own.numPages = [this] { return gateway->statistics().pages; };
     own.lateCause = [this] {
         return lateCause(sender->queryCommandSenderReadyStatus(), gateway->diagnostics());
     };

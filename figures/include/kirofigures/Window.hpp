@@ -30,7 +30,7 @@ struct Surroundings;
 /// What has become of a frame.
 enum class Outcome {
     kPainted,      ///< it is on the screen
-    kHidden,       ///< the page has it, but nobody can see the page
+    kHidden,       ///< each page that has it is one that nobody can see
     kPaused,       ///< the page has it, but somebody has stopped the picture
     kLate,         ///< no answer in time; `Drawn::reason` says why
     kNoPage,       ///< nobody looks
@@ -81,10 +81,11 @@ class Window {
     Figure& figure(std::string_view title = {});
 
     /// Brings all pages up to date and waits until this frame is on the screen of one, or over in
-    /// another way. With two frames under way it waits for the frame before instead, which the
-    /// result is about. The first one waits for a page; later ones go on without. Nothing is sent
-    /// while no page is there: one that comes gets everything.
-    /// REQUIRES: not inside a callback. Throws what a callback throws.
+    /// another way. The first page that answers ends the wait; while nobody sees that one, the
+    /// others are waited for, for a quarter of a second at most. With two frames under way it waits
+    /// for the frame before instead, which the result is about. The first one waits for a page;
+    /// later ones go on without. Nothing is sent while no page is there: one that comes gets
+    /// everything. REQUIRES: not inside a callback. Throws what a callback throws.
     Drawn draw();
 
     /// Runs callbacks and the host's tasks until something has come from a page, or the window is
