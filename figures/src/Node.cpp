@@ -29,8 +29,9 @@ Node::~Node() {
 }
 
 void Node::adopt(std::unique_ptr<Node> node) {
+    // Where there is no room for it, nothing of it stays.
+    node->touch();
     fChildren.push_back(std::move(node));
-    fChildren.back()->touch();
 }
 
 void Node::remove() {
@@ -56,6 +57,13 @@ void Node::put(const char* key, json::value value) {
     known.value = std::move(value);
     known.isSent = false;
     touch();
+}
+
+void Node::putAll(std::initializer_list<std::pair<const char*, std::int64_t>> numbers) {
+    for (const auto& [key, number] : numbers) property(key);
+    touch();
+    // From here on nothing is allocated.
+    for (const auto& [key, number] : numbers) put(key, number);
 }
 
 void Node::putKnown(const char* key, json::value value) {
@@ -101,7 +109,9 @@ void Node::refuse(const std::string& what) const {
 }
 
 void Node::touch() {
-    if (!std::exchange(fIsTouched, true)) fScene.touched(*this);
+    if (fIsTouched) return;
+    fScene.touched(*this);
+    fIsTouched = true;
 }
 
 void Node::prepareData(const Delta& delta) {

@@ -43,7 +43,7 @@ kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels
     gateway.keyFile = options.keyFile;
     gateway.extraHosts = options.extraHosts;
     gateway.extraOrigins = options.extraOrigins;
-    gateway.frameAncestors = options.embeddingOrigins;
+    gateway.frameAncestors = options.frameAncestors;
     if (!options.tokenFile.empty()) gateway.token = tokenFrom(options.tokenFile);
     gateway.limits.connections = options.pages + gateway.limits.unauthenticatedConnections;
     // A block that comes in pieces the page has to copy together. Most images are smaller than
