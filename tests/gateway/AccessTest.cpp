@@ -152,6 +152,14 @@ TEST_F(AccessTest, TextsAreCompressedForWhoTakesThem) {
     EXPECT_EQ(gunzipped(body, 2 * script.size()), script);
 }
 
+TEST_F(AccessTest, LinksNameAHostThatCanBeReached) {
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://127.0.0.1:8080");
+    fOptions.address = "0.0.0.0";
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://plot.example");
+    fOptions.extraHosts.clear();
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://0.0.0.0:8080");
+}
+
 TEST_F(AccessTest, OriginsThatMayFrameThePageAreNamed) {
     fOptions.frameAncestors = {"http://a.example", "https://b.example:8888"};
     const auto answer = answerTo("GET / HTTP/1.1\r\nHost: " + fAccess.host() + "\r\n\r\n");
