@@ -27,6 +27,7 @@ Measurement drawMeasurement();
 std::vector<Measurement> pictureMeasurements();
 Measurement firstPictureMeasurement();
 Measurement memoryMeasurement();
+Measurement zoomMeasurement();
 
 void printRowHeading();
 void print(const Row& row);

@@ -39,6 +39,7 @@ void measureApart(const bench::Measurement& measurement, bool quick) {
 void measure(const bench::Selection& selection) {
     auto all = bench::pictureMeasurements();
     all.push_back(bench::firstPictureMeasurement());
+    all.push_back(bench::zoomMeasurement());
     all.push_back(bench::memoryMeasurement());
     all.push_back(bench::drawMeasurement());
     bench::printRowHeading();
