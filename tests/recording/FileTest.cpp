@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "Memory.hpp"
+#include "kirorecording/Repair.hpp"
 
 namespace recording_test {
 namespace {
@@ -161,6 +162,40 @@ TEST(HostileFile, IsRefusedBeforeItTakesMemory) {
             said = error.what();
         }
         EXPECT_THAT(said, HasSubstr(what));
+    }
+}
+
+TEST_P(File, IsRepairedUpToItsLastWholeChunk) {
+    const Sample sample(GetParam());
+    const MemorySource whole(sample.file);
+    const auto chunks = Reader(whole).chunks();
+    // Whether it is cut off or its middle is damaged.
+    auto damaged = sample.file;
+    damaged[chunks[1].offset + chunks[1].length - 1] ^= 1;
+    const struct {
+        std::string file;
+        std::size_t messages;
+        std::optional<std::uint64_t> damage;
+    } kCases[]{{sample.file, 6, {}},
+               {sample.file.substr(0, chunks[2].offset + 3), 4, chunks[2].offset},
+               {damaged, 2, chunks[1].offset},
+               {sample.file.substr(0, chunks[0].offset), 0, chunks[0].offset}};
+    for (const auto& [file, messages, damage] : kCases) {
+        const MemorySource source(file);
+        MemorySink sink;
+        const auto repaired = repair(source, sink);
+        EXPECT_EQ(repaired.messages, messages);
+        EXPECT_EQ(repaired.damage.has_value(), damage.has_value());
+        if (damage) {
+            EXPECT_EQ(repaired.damage->offset(), *damage);
+        }
+        EXPECT_TRUE(sink.isClosed);
+        const MemorySource mended(sink.bytes);
+        const Reader reader(mended);
+        EXPECT_FALSE(reader.damage());
+        EXPECT_EQ(messagesOf(reader),
+                  std::vector<Said>(kSaid.begin(),
+                                    kSaid.begin() + static_cast<std::ptrdiff_t>(messages)));
     }
 }
 
