@@ -3,7 +3,9 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <sstream>
 
 #include "Memory.hpp"
 #include "kirorecording/Repair.hpp"
@@ -52,6 +54,29 @@ std::vector<Said> readAll(std::string_view file) {
 
 class File : public testing::TestWithParam<bool> {};
 INSTANTIATE_TEST_SUITE_P(Compressed, File, testing::Bool());
+
+/// The bytes below a heading of a page, each line of which ends with words.
+std::string bytesBelow(const std::string& heading) {
+    std::ifstream page(KIROWEB_RECORDING_PAGE);
+    std::string bytes;
+    std::string line;
+    while (std::getline(page, line) && line != heading) continue;
+    while (std::getline(page, line) && line != "```") continue;
+    while (std::getline(page, line) && line != "```") {
+        std::istringstream words(line.substr(0, line.find("   ")));
+        for (unsigned byte = 0; words >> std::hex >> byte;) bytes += static_cast<char>(byte);
+    }
+    return bytes;
+}
+
+TEST(Documentation, ShowsAChunkAsItIs) {
+    MemorySink sink;
+    Writer writer(sink, {false});
+    const auto begin = writer.size();
+    writer.write(writer.add({"t", "raw"}), 5, "hi");
+    writer.flush();
+    EXPECT_EQ(bytesBelow("### Worked example"), sink.bytes.substr(begin));
+}
 
 TEST_P(File, ComesBackAsItWasWritten) {
     const Sample sample(GetParam());
@@ -108,7 +133,7 @@ TEST_P(File, SaysNothingWrongWhicheverBitIsFlipped) {
         const Sample sample(GetParam(), isClosed);
         for (std::size_t bit = 0; bit < 8 * sample.file.size(); ++bit) {
             auto flipped = sample.file;
-            flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ (1U << (bit % 8)));
+            flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ (1 << (bit % 8)));
             expectNothingWrong(flipped, bit / 8);
         }
     }
@@ -203,7 +228,7 @@ TEST(Writer, GivesALargeMessageAChunkOfItsOwn) {
     MemorySink sink;
     Writer writer(sink, {false, 100});
     const auto channel = writer.add(kBytes);
-    for (const std::size_t size : {60, 60, 500, 1})
+    for (const std::size_t size : {60U, 60U, 500U, 1U})
         writer.write(channel, 1, std::string(size, 'z'));
     EXPECT_EQ(writer.waitsSince(), 1U);
     writer.close();
