@@ -28,6 +28,7 @@ std::vector<Measurement> pictureMeasurements();
 Measurement firstPictureMeasurement();
 Measurement memoryMeasurement();
 Measurement zoomMeasurement();
+std::vector<Measurement> recordingMeasurements();
 
 void printRowHeading();
 void print(const Row& row);

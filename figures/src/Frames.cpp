@@ -103,6 +103,7 @@ void Frames::send(Flight& flight) {
     fAttempts = flight.attempt;
     flight.requestor->sendACT();
     flight.isSent = true;
+    fMeans.recording.sent(fMeans.scene, fMeans.outlet, fMeans.surroundings.now());
 }
 
 void Frames::sendCommands(Flight& flight) {
@@ -110,7 +111,8 @@ void Frames::sendCommands(Flight& flight) {
     const auto arrivals = fMeans.contact.arrivals();
     const bool isWhole = !std::exchange(fArePagesCurrent, false) || arrivals != fArrivals;
     fArrivals = arrivals;
-    fMeans.outlet.beginFrame(flight.frame, ++flight.attempt, isWhole);
+    fMeans.recording.begin({flight.frame, ++flight.attempt, isWhole});
+    fMeans.outlet.beginFrame(flight.frame, flight.attempt, isWhole);
     fMeans.scene.send(fMeans.outlet, isWhole);
     fArePagesCurrent = true;
 }
@@ -155,6 +157,9 @@ Drawn Frames::answered(const Flight& flight) {
 Drawn Frames::over(Outcome outcome, std::string reason) {
     const Flight flight = fFlights.front();
     fFlights.pop_front();
+    // The stamps of a token that is late may be written just now.
+    fMeans.recording.over({flight.frame, flight.attempt}, outcome, reason,
+                          outcome == Outcome::kLate ? nullptr : flight.requestor);
     flight.requestor->discardAllTokens();
     return {outcome, flight.frame, std::move(reason)};
 }
@@ -163,7 +168,9 @@ Drawn Frames::nobodySees(std::uint64_t frame) {
     abandon();
     // A page that comes may hear what is sent before it has said that it is there.
     fArePagesCurrent = false;
-    return {fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted, frame, {}};
+    const Outcome outcome = fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted;
+    fMeans.recording.over({frame}, outcome, {}, nullptr);
+    return {outcome, frame, {}};
 }
 
 void Frames::abandon() {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Contact.hpp"
+#include "Recording.hpp"
 #include "Scene.hpp"
 #include "Surroundings.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
@@ -26,6 +27,7 @@ class Frames {
         Scene& scene;
         Outlet& outlet;
         Contact& contact;
+        Recording& recording;
         /// One for each frame that may be under way.
         Requestors requestors;
         Surroundings surroundings;
@@ -43,6 +45,8 @@ class Frames {
     [[nodiscard]] bool isRepeatDue() const;
     /// Sends everything that was drawn, and waits for nothing.
     void repeat();
+    /// The next one has everything, whatever pages have.
+    void beginAnew() noexcept { fArePagesCurrent = false; }
 
     [[nodiscard]] kiro::web::PubSubACTRequestor& requestor() const noexcept { return *fLatest; }
 

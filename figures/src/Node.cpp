@@ -145,4 +145,13 @@ void Node::sendWhole(Outlet& outlet) {
     for (const auto& child : fChildren) child->sendWhole(outlet);
 }
 
+void Node::sendSnapshot(Outlet& outlet) const {
+    if (fID != 0) {
+        const auto delta = fStore == nullptr ? std::nullopt : fStore->snapshot();
+        outlet.create(fID, fType, fParent == nullptr ? 0 : fParent->fID, fProperties);
+        if (delta) outlet.data(fID, *delta);
+    }
+    for (const auto& child : fChildren) child->sendSnapshot(outlet);
+}
+
 }  // namespace kirofigures::detail

@@ -70,6 +70,8 @@ class Node {
     /// What has changed, or everything.
     void send(Outlet& outlet, bool isWhole);
     void sendWhole(Outlet& outlet);
+    /// See `Scene::sendSnapshot`.
+    void sendSnapshot(Outlet& outlet) const;
     void touch();
     [[nodiscard]] bool isKnown() const noexcept { return fIsKnown; }
 

@@ -11,11 +11,8 @@ namespace json = boost::json;
 
 namespace {
 
-/// Where a page reports its script errors, whatever it is a page of.
-constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSErrors";
-
 std::string configuration(const WindowOptions& options, const Channels& channels) {
-    return json::serialize(json::object{{"vocabulary", "kirofigures/1"},
+    return json::serialize(json::object{{"vocabulary", kVocabulary},
                                         {"commands", channels.commands},
                                         {"blocks", channels.blocks},
                                         {"ready", channels.ready},

@@ -37,6 +37,12 @@ struct WindowOptions {
     bool printsLink = true;    ///< on standard output
     bool opensBrowser = true;  ///< when there is a graphical session
 
+    // --- What is kept ---------------------------------------------------------------------------
+    /// A file for a recording from the beginning on, see `Window::record`; empty: none.
+    std::string recording;
+    /// How many bytes of a recording may wait for the disk. What pages are sent at once must fit.
+    std::size_t recordingQueue = std::size_t{64} << 20U;
+
     // --- How the engine waits -------------------------------------------------------------------
     /// How long the page may take for a frame; above 0. Of no effect beyond the time that the host
     /// waits for a token: 60 s unless set there.

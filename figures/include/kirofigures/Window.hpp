@@ -50,6 +50,18 @@ struct Drawn {
     [[nodiscard]] bool isPainted() const noexcept { return outcome == Outcome::kPainted; }
 };
 
+/// How a window's recording stands.
+struct RecordingState {
+    enum class Phase {
+        kOff,  ///< there is none, or it was stopped
+        kOn,
+        kEnded,  ///< by itself
+    };
+    Phase phase = Phase::kOff;
+    std::string cause;        ///< why it has ended
+    std::uint64_t bytes = 0;  ///< of the file
+};
+
 /// Names of the channels that a window and its pages use, see docs/figures.md.
 struct Channels {
     std::string commands;
@@ -102,6 +114,16 @@ class Window {
 
     /// The page's address, which lets its holder in; empty when nothing is served.
     [[nodiscard]] std::string link() const;
+
+    /// Records what travels to the pages and what comes of it into a new file, as docs/recording.md
+    /// says, instead of a recording that is on. The next frame shows everything anew. A recording
+    /// costs the engine a copy of what it sends and never waits for the disk: when too much waits
+    /// or cannot be written it ends, which the host's log "recording" says in one line, and the
+    /// file is good up to there. Throws std::system_error when the file cannot be made.
+    void record(const std::string& path);
+    /// Writes what waits and closes the file.
+    void stopRecording() noexcept;
+    [[nodiscard]] RecordingState recording() const;
 
     /// The rules for callbacks stand at `Axes::onPick`.
     void onKey(std::function<void(const Key&)> callback);
