@@ -6,6 +6,7 @@ import { MainAccess } from "./access.mjs";
 import { LimitsEvents } from "./events.mjs";
 import { Flusher } from "./flusher.mjs";
 import { Frames } from "./frames.mjs";
+import { gpuPoints } from "./gpu_points.mjs";
 import { Inbox } from "./inbox.mjs";
 import { answerQuery } from "./queries.mjs";
 import { Scene } from "./scene.mjs";
@@ -71,6 +72,10 @@ export class Session {
             (event) => this.#publish(event),
             (axes) => this.#describeLimits(axes),
         );
+        gpuPoints.whenLost = () => {
+            this.stage.drawAll();
+            this.flusher.request();
+        };
         this.stage.show(this.#scene);
     }
 
