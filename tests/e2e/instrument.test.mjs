@@ -23,7 +23,7 @@ async function start(context) {
         engine.create(2, "axes", 1, axes);
         engine.create(LINE, "line", 2, { name: "fall", color: "#d00000" });
         engine.create(4, "line", 2, { name: "flight", color: "#0000d0" });
-        engine.create(5, "axes", 1, axes);
+        engine.create(5, "axes", 1, { ...axes, title: "Ca\u0002lm" });
         engine.create(6, "line", 5, { name: "other" });
         engine.create(10, "figure", 0, { title: "Map" });
         engine.create(11, "axes", 10, {
@@ -194,7 +194,7 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
-    assert.match(svg, /stroke="#d00000"/);
+    assert.match(svg, /stroke="#d00000".*>Ca lm</s);
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
     await page
