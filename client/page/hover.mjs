@@ -143,16 +143,19 @@ export class Crosshair {
 
     async #update() {
         this.#isAsked = true;
-        while (this.#isStale && this.isShown) {
-            this.#isStale = false;
-            const { left = 0, top = -1 } = this.#view.plot.cursor;
-            const values = await this.#ask(left, top >= 0 ? top : null);
-            if (!this.isShown) break;
-            this.#show(values, { left, top });
-            // It has moved on: what lies there now is said instead.
-            if (!this.#isStale) this.#sayIt();
+        try {
+            while (this.#isStale && this.isShown) {
+                this.#isStale = false;
+                const { left = 0, top = -1 } = this.#view.plot.cursor;
+                const values = await this.#ask(left, top >= 0 ? top : null);
+                if (!this.isShown) break;
+                this.#show(values, { left, top });
+                // It has moved on: what lies there now is said instead.
+                if (!this.#isStale) this.#sayIt();
+            }
+        } finally {
+            this.#isAsked = false;
         }
-        this.#isAsked = false;
         if (!this.isShown) this.#hide();
     }
 

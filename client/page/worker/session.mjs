@@ -83,7 +83,7 @@ export class Session {
     receive(message) {
         const handler = this.#handlers[message.kind];
         if (handler) /** @type {(message: any) => void} */ (handler)(message);
-        else answerQuery(this.stage, message, this.#surroundings.post);
+        else void answerQuery(this.stage, /** @type {any} */ (message), this.#surroundings.post);
     }
 
     /** @type {Partial<{[K in ToWorker["kind"]]: (message: Of<K>) => void}>} */
