@@ -17,8 +17,8 @@ async function withGpu(page) {
         const gpu = (globalThis.gpu = { drawn: 0, stamped: 0, gl: null });
         const get = OffscreenCanvas.prototype.getContext;
         OffscreenCanvas.prototype.getContext = function (kind, how) {
-            if (kind !== "webgl2") return get.call(this, kind, how);
-            const gl = get.call(this, kind, { ...how, failIfMajorPerformanceCaveat: false });
+            const gl = get.call(this, kind, how);
+            if (kind !== "webgl2") return gl;
             const { UNMASKED_RENDERER_WEBGL } = gl.getExtension("WEBGL_debug_renderer_info");
             const asked = gl.getParameter.bind(gl);
             gl.getParameter = (what) => (what === UNMASKED_RENDERER_WEBGL ? "A GPU" : asked(what));

@@ -74,8 +74,7 @@ class GpuPoints {
         const gl = this.#gl;
         const canvas = this.#canvas;
         if (!gl || !canvas) return null;
-        canvas.width = Math.max(canvas.width, width);
-        canvas.height = Math.max(canvas.height, height);
+        fit(canvas, width, height);
         const count = this.#pack(points, { width, height, color });
         gl.viewport(0, gl.drawingBufferHeight - height, width, height);
         gl.clear(gl.COLOR_BUFFER_BIT | gl.DEPTH_BUFFER_BIT);
@@ -93,9 +92,7 @@ class GpuPoints {
     #begin() {
         if (typeof OffscreenCanvas === "undefined") return null;
         const canvas = new OffscreenCanvas(1, 1);
-        // Software is refused at once where a browser knows it for that.
-        const wanted = { antialias: false, depth: true, failIfMajorPerformanceCaveat: true };
-        const gl = canvas.getContext("webgl2", wanted);
+        const gl = canvas.getContext("webgl2", { antialias: false, depth: true });
         if (!gl) return null;
         const names = gl.getExtension("WEBGL_debug_renderer_info");
         const renderer = gl.getParameter(names ? names.UNMASKED_RENDERER_WEBGL : gl.RENDERER);
@@ -153,6 +150,20 @@ class GpuPoints {
 }
 
 export const gpuPoints = new GpuPoints();
+
+/** Axes of different sizes take turns: it grows, and shrinks only after something like a picture that
+ * was saved. @param {OffscreenCanvas} canvas @param {number} width @param {number} height at least */
+function fit(canvas, width, height) {
+    const SPARE = 8;
+    const isLarge = canvas.width * canvas.height > SPARE * width * height;
+    const wanted = {
+        width: isLarge ? width : Math.max(canvas.width, width),
+        height: isLarge ? height : Math.max(canvas.height, height),
+    };
+    // To set a size, also the same one, makes the canvas anew.
+    if (canvas.width !== wanted.width) canvas.width = wanted.width;
+    if (canvas.height !== wanted.height) canvas.height = wanted.height;
+}
 
 /** @param {WebGL2RenderingContext} gl @returns {WebGLProgram | null} null: it is not taken */
 function linked(gl) {
