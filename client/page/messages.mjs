@@ -141,9 +141,11 @@
  *     | {kind: "error", text: string}
  *     | {kind: "probed", id: number, values: Probed[]}
  *     | {kind: "csv", id: number, text: string}
- *     | {kind: "table", id: number, header: string[], rows: (number | string)[][]}
+ *     | {kind: "table", id: number, header: string[], rows: (number | string)[][],
+ *        total: number, step: number}
  *     | {kind: "vectors", id: number, width: number, height: number, svg: string}
- *     | {kind: "picture", id: number, bitmap: ImageBitmap}
+ *     | {kind: "picture", id: number, bitmap: ImageBitmap | null}
+ *     | {kind: "unanswered", id: number, text: string}
  * )} ToMain
  *
  * - `ask`: what only the main thread can find out: `Access.token()` and `Access.isServed()`.
@@ -155,7 +157,9 @@
  *   microseconds from the engine's checkout of a token to its return, 0: none; bytes received
  *   altogether; the engine's number of the last frame; when something came last, as `Date.now()`
  *   says it, 0: nothing yet; how often each outcome was answered.
- * - An answer for axes that are not there is an empty one; for `picture` there is none.
+ * - An answer for axes that are not there is an empty one; for `picture` it is null.
+ * - `unanswered`: why a question has no answer.
+ * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.
  * - `vectors`: elements of SVG to be put into a group, in CSS pixels of the plotting area.
  */
 

@@ -23,7 +23,7 @@ async function start(context) {
         engine.create(2, "axes", 1, axes);
         engine.create(LINE, "line", 2, { name: "fall", color: "#d00000" });
         engine.create(4, "line", 2, { name: "flight", color: "#0000d0" });
-        engine.create(5, "axes", 1, axes);
+        engine.create(5, "axes", 1, { ...axes, title: "Ca\u0002lm" });
         engine.create(6, "line", 5, { name: "other" });
         engine.create(10, "figure", 0, { title: "Map" });
         engine.create(11, "axes", 10, {
@@ -111,6 +111,34 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
     await page.locator("#said", { hasText: /time 7 s; fall 7 m; flight 51 m/ }).waitFor();
     await page.keyboard.press("Escape");
     await page.locator(".tip").first().waitFor({ state: "hidden" });
+    const zooms = [
+        ["x", [1, 9], [0, 100]],
+        ["Shift+x", [0, 10], [0, 100]],
+        ["y", [0, 10], [10, 90]],
+        ["0", [0, 10], [0, 100]],
+    ];
+    const isShown = async (across, up) => {
+        await engine.untilShown(2, "x", across);
+        await engine.untilShown(2, "y", up);
+    };
+    for (const [key, ...limits] of zooms) {
+        await page.keyboard.press(key);
+        await isShown(...limits);
+    }
+    // A range from the middle; first one that is forgotten, then one along x, and one along both.
+    const select = (...keys) =>
+        keys.reduce(
+            (before, key) => before.then(() => page.keyboard.press(key)),
+            page.keyboard.press("Shift+Enter"),
+        );
+    const right = Array(10).fill("ArrowRight");
+    await select(...right, "Escape", "Escape");
+    await select(...right, "Shift+Enter");
+    await isShown([5, 7], [0, 100]);
+    await select(...Array(10).fill("ArrowDown"), "ArrowLeft", "Shift+Enter");
+    await isShown([6.36, 6.4], [30, 50]);
+    await page.keyboard.press("0");
+    await isShown([0, 10], [0, 100]);
     const name = await page.locator(".chart").first().getAttribute("aria-label");
     assert.match(
         name,
@@ -124,6 +152,7 @@ test("A click and a key pick what is near; controls say their values", async () 
     await page.mouse.click(...(await place(2, 0.505, 0.75)));
     const { axes, x: across, series, index } = await engine.event("pick");
     assert.deepEqual([axes, series, index, Math.round(across)], [11, POINTS, 1, 2]);
+    await page.locator("#said", { hasText: /^Picked places 2, 3$/ }).waitFor();
     await page.mouse.click(...(await place(2, 0.9, 0.1)));
     assert.equal((await engine.event("pick")).series, undefined);
     await page.mouse.move(1, 1);
@@ -194,7 +223,7 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
-    assert.match(svg, /stroke="#d00000"/);
+    assert.match(svg, /stroke="#d00000".*>Ca lm</s);
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
     await page

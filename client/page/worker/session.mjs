@@ -6,6 +6,7 @@ import { MainAccess } from "./access.mjs";
 import { LimitsEvents } from "./events.mjs";
 import { Flusher } from "./flusher.mjs";
 import { Frames } from "./frames.mjs";
+import { gpuPoints } from "./gpu_points.mjs";
 import { Inbox } from "./inbox.mjs";
 import { answerQuery } from "./queries.mjs";
 import { Scene } from "./scene.mjs";
@@ -71,6 +72,10 @@ export class Session {
             (event) => this.#publish(event),
             (axes) => this.#describeLimits(axes),
         );
+        gpuPoints.whenLost = () => {
+            this.stage.drawAll();
+            this.flusher.request();
+        };
         this.stage.show(this.#scene);
     }
 
@@ -78,7 +83,7 @@ export class Session {
     receive(message) {
         const handler = this.#handlers[message.kind];
         if (handler) /** @type {(message: any) => void} */ (handler)(message);
-        else answerQuery(this.stage, message, this.#surroundings.post);
+        else void answerQuery(this.stage, /** @type {any} */ (message), this.#surroundings.post);
     }
 
     /** @type {Partial<{[K in ToWorker["kind"]]: (message: Of<K>) => void}>} */

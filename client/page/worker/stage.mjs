@@ -55,14 +55,14 @@ export class Stage {
     show(scene) {
         this.#scene = scene;
         scene.isRestructured = true;
-        this.#drawAll();
+        this.drawAll();
     }
 
     /** @param {Theme} theme */
     setTheme(theme) {
         this.theme = theme;
         this.#scene.isRestructured = true;
-        this.#drawAll();
+        this.drawAll();
     }
 
     /** @param {number} series @param {boolean} isWanted */
@@ -110,7 +110,8 @@ export class Stage {
         this.sizes.delete(axes);
     }
 
-    #drawAll() {
+    /** All of it is to be drawn anew. */
+    drawAll() {
         for (const shown of this.#shown.values()) shown.isStale = true;
     }
 

@@ -1,5 +1,7 @@
 // A surface that writes SVG: what painters draw becomes elements.
 
+import { escapeXml } from "../xml.mjs";
+
 /** @typedef {import("./painter.mjs").Context} Context */
 /** @typedef {import("./painter.mjs").Surface} Surface */
 
@@ -7,13 +9,6 @@ const ANCHORS = { left: "start", center: "middle", right: "end" };
 
 /** @param {number} value */
 const short = (value) => String(Math.round(value * 100) / 100);
-
-/** @param {string} text */
-function escape(text) {
-    const names = /** @type {Record<string, string>} */ ({ "<": "lt", "&": "amp", '"': "quot" });
-    // XML has no control characters.
-    return text.replace(/\p{Cc}/gu, " ").replace(/[<&"]/g, (c) => `&${names[c]};`);
-}
 
 /** A colour and its opacity, as old readers of SVG want it.
  * @param {string} kind "fill" or "stroke" @param {string} color */
@@ -108,9 +103,9 @@ class SvgContext {
     fillText(text, x, y) {
         const [size, ...family] = this.font.split(" ");
         const anchor = ANCHORS[/** @type {keyof typeof ANCHORS} */ (this.textAlign)];
-        const style = `font-size="${size}" font-family="${escape(family.join(" "))}" text-anchor="${anchor}" dominant-baseline="central"`;
+        const style = `font-size="${size}" font-family="${escapeXml(family.join(" "))}" text-anchor="${anchor}" dominant-baseline="central"`;
         this.add(
-            `<text x="${short(x)}" y="${short(y)}" ${style} ${paintOf("fill", this.fillStyle)}>${escape(text)}</text>`,
+            `<text x="${short(x)}" y="${short(y)}" ${style} ${paintOf("fill", this.fillStyle)}>${escapeXml(text)}</text>`,
         );
     }
     /** @param {number[]} dash */

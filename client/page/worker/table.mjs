@@ -10,8 +10,9 @@ import { visiblePart } from "./extents.mjs";
 /** In this order. */
 const COLUMNS = ["x", "y", "z", "low", "high", "minus", "plus", "size", "value"];
 
-/** @param {Seen | null} seen @param {number} most rows; of more every so many-th is taken
- * @returns {{header: string[], rows: Row[]}} */
+/** @param {Seen | null} seen @param {number} most rows; of more each series' first is taken, and then
+ * every `step`-th
+ * @returns {{header: string[], rows: Row[], total: number, step: number}} */
 export function tableOf(seen, most = Infinity) {
     const series = seen?.series.filter((one) => one.firstColumn) ?? [];
     const isThere = (/** @type {string} */ name) =>
@@ -19,18 +20,19 @@ export function tableOf(seen, most = Infinity) {
             (one) => name in one.columns || name === "x" || (name === "y" && one.columns.z),
         );
     const columns = series.length > 0 ? COLUMNS.filter(isThere) : [];
-    const rows = series.flatMap((one) => {
-        const indices = indicesSeen(one, /** @type {Seen} */ (seen).limits);
-        const step = Math.max(1, Math.ceil((indices.length * series.length) / most));
+    const indices = series.map((one) => indicesSeen(one, /** @type {Seen} */ (seen).limits));
+    const total = indices.reduce((sum, { length }) => sum + length, 0);
+    const step = total <= most ? 1 : Math.ceil(total / Math.max(1, most - series.length));
+    const rows = series.flatMap((one, i) => {
         const name = one.properties.name || `${one.type} ${one.id}`;
-        return indices
+        return indices[i]
             .filter((_, at) => at % step === 0)
             .map((index) => {
                 const values = rowValues(one, index);
                 return [name, ...columns.map((column) => values[column] ?? "")];
             });
     });
-    return { header: ["series", ...columns], rows };
+    return { header: ["series", ...columns], rows, total, step };
 }
 
 /** @param {Item} series @param {number} index @returns {Record<string, number>} */

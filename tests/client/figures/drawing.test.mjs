@@ -4,6 +4,7 @@ import { test } from "node:test";
 
 import { MISSING, channelsOf, cycleColor } from "../../../client/page/colors.mjs";
 import { colorTable } from "../../../client/page/worker/color_maps.mjs";
+import { isGpu } from "../../../client/page/worker/gpu_points.mjs";
 import { ColoredPointPicture, PointPicture } from "../../../client/page/worker/stamps.mjs";
 import { Random } from "./support/random.mjs";
 import { Builder, THEME, paint } from "./support/scenes.mjs";
@@ -246,12 +247,52 @@ test("Stamps at an edge are cut off, and none is lost or thrown", () => {
     colored.write(pixels);
     assert.ok(pixels.every((pixel) => pixel === 0 || (pixel & 0xffffff) === 0x112233));
     picture.clear();
+    picture.stamp(Float64Array.of(30), Float64Array.of(20), 40);
     picture.stamp(Float64Array.of(60), Float64Array.of(46), 1);
     picture.write(pixels, "#000000");
     assert.deepEqual(
         [...pixels.keys()].filter((at) => pixels[at] !== 0),
         [45 * 61 + 59, 45 * 61 + 60, 46 * 61 + 59, 46 * 61 + 60],
     );
+});
+
+test("Large points have their size, few or many, at each scale, below the others", () => {
+    const radii = ({ drawn }) =>
+        drawn.filter(({ kind }) => kind === "fill").map(({ path }) => path[0][3]);
+    const cases = [1, 2, 4].flatMap((ratio) => [20, 600].map((count) => [ratio, count]));
+    for (const [ratio, count] of cases) {
+        const at = { x: range(count, () => 5), y: range(count, () => 5) };
+        const same = drawOne("scatter", { size: 40 }, at, { ratio });
+        if (count > 500 && ratio === 1) {
+            const rows = range(100).filter((row) => same.pictures[0].pixels[row * 100 + 50]);
+            assert.deepEqual([rows[0], rows.at(-1)], [30, 70]);
+        } else {
+            assert.deepEqual(radii(same), Array(count).fill(20 * ratio));
+        }
+        const size = range(count, (i) => (i === 3 ? 150 : 5));
+        for (const more of [{ size }, { size, value: range(count) }]) {
+            const mixed = drawOne("scatter", {}, { ...at, ...more }, { ratio });
+            assert.deepEqual(
+                radii(mixed).filter((radius) => radius > 31),
+                [75 * ratio],
+            );
+            const isOver = mixed.pictures.map(({ isFirst }) => !isFirst);
+            assert.deepEqual(isOver, count > 500 ? [true] : []);
+        }
+    }
+});
+
+test("What renders in software is no GPU, nor what hides its name", () => {
+    const names = {
+        "ANGLE (Google, Vulkan 1.3.0 (SwiftShader Device (Subzero) (0x0000C0DE)), driver)": false,
+        "llvmpipe (LLVM 15.0.6, 256 bits)": false,
+        "ANGLE (Microsoft, Microsoft Basic Render Driver (0x0000008C), D3D11)": false,
+        "Apple Software Renderer": false,
+        "WebKit WebGL": false,
+        "ANGLE (NVIDIA, NVIDIA GeForce RTX 3060 Direct3D11 vs_5_0 ps_5_0, D3D11)": true,
+        "Apple M1": true,
+    };
+    assert.deepEqual(Object.fromEntries(Object.keys(names).map((one) => [one, isGpu(one)])), names);
 });
 
 test("Each pixel of an image has the colour of its value", () => {

@@ -11,6 +11,8 @@ import { Builder, look } from "./support/scenes.mjs";
 
 const UNITS = { x: { limits: [0, 10] }, y: { limits: [0, 10] } };
 
+const range = (count, valueAt) => Array.from({ length: count }, (_, i) => valueAt(i));
+
 /** What is answered about axes of 100 by 100 pixels. */
 function ask({ scene }, query, shown = {}) {
     const how = look({ sizes: [[2, { width: 100, height: 100, ratio: 2 }]], ...shown });
@@ -91,7 +93,8 @@ test("A table has what is seen, and no more rows than are wanted", () => {
         "",
     ].join("\r\n");
     assert.equal(ask(builder, { kind: "csv" }).text, text);
-    const { header, rows } = ask(builder, { kind: "table", rows: 3 });
+    const { header, rows, total, step } = ask(builder, { kind: "table", rows: 3 });
+    assert.deepEqual([total, step], [5, 5]);
     assert.deepEqual(header, ["series", "x", "y", "z", "size"]);
     assert.deepEqual(
         rows.map(([name, x]) => [name, x]),
@@ -102,6 +105,18 @@ test("A table has what is seen, and no more rows than are wanted", () => {
         ],
     );
     assert.deepEqual(ask(builder, { kind: "table", axes: 9, rows: 3 }).rows, []);
+    builder.create("line", {}, { x: range(4000, (i) => i / 400), y: range(4000, () => 1) });
+    const long = ask(builder, { kind: "table", rows: 104 });
+    assert.deepEqual([long.total, long.step, long.rows.length], [4005, 41, 3 + 98]);
+});
+
+test("Each question is answered, also when there is nothing, or it goes wrong", () => {
+    const builder = new Builder(UNITS);
+    assert.equal(ask(builder, { kind: "picture", axes: 9, ratio: 1 }).bitmap, null);
+    builder.create("image", { rows: 2, columns: 2 }, { z: [1, 2, 3] });
+    // Node.js has no canvas.
+    const { kind, text } = ask(builder, { kind: "picture", ratio: 1 });
+    assert.deepEqual([kind, text], ["unanswered", "picture: OffscreenCanvas is not defined"]);
 });
 
 test("SVG says what a canvas shows, and no text of an engine becomes an element", async () => {
@@ -113,7 +128,7 @@ test("SVG says what a canvas shows, and no text of an engine becomes an element"
     );
     builder.create("bars", { barWidth: 1 }, { x: [5], y: [2] });
     builder.create("scatter", { size: 4 }, { x: [3], y: [3] });
-    builder.create("text", { text: '<b>&"\u0001', at: [1, 1] });
+    builder.create("text", { text: '<b>&"\u0001\ufffe', at: [1, 1] });
     const how = look();
     const surface = new SvgSurface(100, 100);
     const size = { width: 100, height: 100, ratio: 1 };
@@ -129,5 +144,5 @@ test("SVG says what a canvas shows, and no text of an engine becomes an element"
     assert.match(bar, /^<path d="M45 80h10v20h-10Z" fill="#0068ad"\/>$/);
     assert.match(disc, /^<path d="M32 70a2 2 0 1 0 -4 0a2 2 0 1 0 4 0Z" .*fill-opacity="0.45"\/>$/);
     assert.match(rim, /stroke-width="1"/);
-    assert.match(text, /^<text x="10" y="90" .*>&lt;b>&amp;&quot; <\/text>$/);
+    assert.match(text, /^<text x="10" y="90" .*>&lt;b&gt;&amp;&quot; {2}<\/text>$/);
 });

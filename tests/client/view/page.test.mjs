@@ -7,6 +7,8 @@ import { meaningOf } from "../../../client/page/keys.mjs";
 import { gridOf, placeAxes } from "../../../client/page/layout.mjs";
 import * as navigation from "../../../client/page/navigation.mjs";
 import { Watch } from "../../../client/page/stale.mjs";
+import { captionOf } from "../../../client/page/table.mjs";
+import { WorkerLink } from "../../../client/page/worker_link.mjs";
 
 const { moved, zoomed, isSame, stretch, withEqualAspect, isShowable } = navigation;
 
@@ -80,7 +82,13 @@ test("Keys are the page's, the engine's or the browser's", () => {
         [{ key: "=" }, { do: "action", action: "zoomIn" }],
         [{ key: "Home" }, { do: "action", action: "home" }],
         [{ key: "?", shiftKey: true }, { do: "help" }],
-        [{ key: "x" }, { do: "engine", key: "x" }],
+        [
+            { key: "X", shiftKey: true },
+            { do: "zoom", isCloser: false, x: true, y: false },
+        ],
+        [{ key: "y" }, { do: "zoom", isCloser: true, x: false, y: true }],
+        [{ key: "Enter", shiftKey: true }, { do: "mark" }],
+        [{ key: "q" }, { do: "engine", key: "q" }],
         [{ key: "c", ctrlKey: true }, null],
         [{ key: "Tab" }, null],
         [{ key: "F5" }, null],
@@ -105,4 +113,50 @@ test("A saved file says what it is, and when", () => {
     const date = new Date(Date.UTC(2026, 10, 21, 9, 5, 7));
     assert.equal(fileName("Ünïts: m/s", "", date, "png"), "units-m-s-2026-11-21-090507.png");
     assert.equal(fileName("", "x..", date, "csv"), "figure-x-2026-11-21-090507.csv");
+});
+
+test("A table says which rows it has", () => {
+    const cases = [
+        [100000, 200, "x", "Every 200th of 100,000 rows of what is seen, by x"],
+        [900, 2, "", "Every 2nd of 900 rows of what is seen"],
+        [9000, 21, "", "Every 21st of 9,000 rows of what is seen"],
+        [9000, 112, "", "Every 112th of 9,000 rows of what is seen"],
+        [1, 1, "time", "1 row of what is seen, by time"],
+        [500, 1, "", "500 rows of what is seen"],
+    ];
+    for (const [total, step, label, text] of cases) {
+        assert.equal(captionOf({ total, step }, label), text);
+    }
+});
+
+test("A question ends with its answer, or with what went wrong in the worker", async (t) => {
+    let worker;
+    globalThis.Worker = class {
+        asked = [];
+        constructor() {
+            worker = this;
+        }
+        postMessage(message) {
+            this.asked.push(message);
+        }
+    };
+    t.after(() => delete globalThis.Worker);
+    const heard = [];
+    const link = new WorkerLink(
+        "w",
+        ({ kind }) => heard.push(kind),
+        ({ message }) => heard.push(message),
+    );
+    const answers = [1, 2, 3].map((axes) => link.ask({ kind: "csv", axes }));
+    const [first, second] = worker.asked;
+    worker.onmessage({ data: { kind: "csv", id: second.id, text: "t" } });
+    worker.onmessage({ data: { kind: "ask", id: first.id } });
+    worker.onmessage({ data: { kind: "unanswered", id: first.id, text: "no" } });
+    worker.onerror({ message: "over" });
+    const ends = await Promise.allSettled(answers);
+    assert.deepEqual(
+        ends.map(({ value, reason }) => value?.text ?? reason.message),
+        ["no", "t", "over"],
+    );
+    assert.deepEqual(heard, ["ask", "over"]);
 });
