@@ -29,6 +29,11 @@ import { Statistics } from "./statistics.mjs";
 /** Milliseconds for which the same error is not told again. */
 const SAME_ERROR = 1000;
 
+/** @param {string} what @param {unknown} thrown */
+function errorOf(what, thrown) {
+    return new Error(`${what}: ${thrown instanceof Error ? thrown.message : thrown}`);
+}
+
 /** @template {ToWorker["kind"]} K @typedef {Extract<ToWorker, {kind: K}>} Of */
 
 export class Session {
@@ -214,20 +219,22 @@ export class Session {
         this.report(error);
     }
 
-    /** @param {Frame} frame */
+    /** What cannot be carried out costs the frame, and holds nothing else up. @param {Frame} frame */
     #apply(frame) {
-        for (const [command, data] of frame.commands) {
-            if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
+        const attempt = (/** @type {string} */ what, /** @type {() => void} */ call) => {
             try {
-                this.#scene.apply(command, data);
+                call();
             } catch (thrown) {
-                const reason = thrown instanceof Error ? thrown.message : String(thrown);
-                const error = new Error(`${command.cmd}: ${reason}`);
+                const error = errorOf(what, thrown);
                 frame.error ??= error;
                 this.report(error);
             }
+        };
+        for (const [command, data] of frame.commands) {
+            if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
+            attempt(command.cmd, () => this.#scene.apply(command, data));
         }
-        if (!this.#isPaused) this.#show();
+        if (!this.#isPaused) attempt("layout", () => this.#show());
     }
 
     /** Shows the scene as it is now. */
@@ -249,7 +256,12 @@ export class Session {
 
     /** @returns {{stamp: number, errors: Error[]}} */
     #paint() {
-        const painted = this.stage.paint();
+        let painted;
+        try {
+            painted = this.stage.paint();
+        } catch (thrown) {
+            painted = { stamp: 0, errors: [errorOf("paint", thrown)] };
+        }
         painted.errors.forEach((error) => this.report(error));
         return painted;
     }
