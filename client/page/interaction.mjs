@@ -37,6 +37,8 @@ export class Interaction {
     /** Where somebody is: the crosshairs of linked axes follow without a word.
      * @type {AxesView | null} */
     #active = null;
+    /** Whether the engine listens to keys: if not, they stay the browser's. */
+    engineListens = false;
     #wantsSay = "";
     #sayTimer = 0;
 
@@ -114,7 +116,7 @@ export class Interaction {
         const meaning = meaningOf(event);
         if (meaning?.do === "help") showKeys();
         else if (meaning?.do === "pause") this.#pause();
-        else if (meaning?.do === "engine") {
+        else if (meaning?.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: null });
         } else return;
         event.preventDefault();
@@ -151,7 +153,7 @@ export class Interaction {
         else if (meaning.do === "leave" && crosshair.isShown) crosshair.leave();
         else if (meaning.do === "leave") figure.element.classList.remove("full");
         else if (meaning.do === "action") this.act(figure, meaning.action, view);
-        else if (meaning.do === "engine") {
+        else if (meaning.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: view.description.id });
         } else return;
         event.preventDefault();

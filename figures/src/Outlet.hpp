@@ -29,6 +29,7 @@ class Outlet {
     explicit Outlet(std::shared_ptr<kiro::web::CommandSenderInterface> sender)
         : fSender(std::move(sender)) {}
 
+    bool engineListensToKeys = false;  ///< said with each frame
     void beginFrame(std::uint64_t frame, std::uint64_t attempt, bool isWhole);
     /// With all properties that have a value. `parent` 0: none.
     void create(std::uint64_t id, const char* type, std::uint64_t parent,

@@ -305,7 +305,10 @@ std::string Window::link() const {
     return fImpl->gateway == nullptr ? std::string() : fImpl->gateway->link();
 }
 
-void Window::onKey(std::function<void(const Key&)> callback) { fImpl->onKey = std::move(callback); }
+void Window::onKey(std::function<void(const Key&)> callback) {
+    fImpl->outlet.engineListensToKeys = callback != nullptr;
+    fImpl->onKey = std::move(callback);
+}
 
 const std::shared_ptr<kiro::web::CommandSenderInterface>& Window::sender() const noexcept {
     return fImpl->sender;

@@ -234,6 +234,9 @@ export class Session {
             if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
             attempt(command.cmd, () => this.#scene.apply(command, data));
         }
+        // A whole frame repeats what is known.
+        if (!frame.isWhole) this.#statistics.countChanged(this.#scene.touched);
+        this.#scene.touched.clear();
         if (!this.#isPaused) attempt("layout", () => this.#show());
     }
 
@@ -296,7 +299,8 @@ export class Session {
         const view = this.stage.views.get(id);
         const isHome = !view?.x && !view?.y && !view?.y2;
         const { width, height } = size;
-        return { x: limits.x, y: limits.y, width, height, ...(isHome && { home: true }) };
+        const { x, y, y2 } = limits;
+        return { x, y, ...(y2 && { y2 }), width, height, ...(isHome && { home: true }) };
     }
 
     /** @param {Error} error */

@@ -130,7 +130,8 @@ export class Stage {
         this.#scene.isRestructured = false;
         this.#awaited = ++this.#stamp;
         this.#told = "";
-        this.#post({ kind: "scene", stamp: this.#stamp, figures });
+        const { keys } = this.#scene;
+        this.#post({ kind: "scene", stamp: this.#stamp, keys, figures });
     }
 
     /** Forgets what somebody chose for objects that are gone. */

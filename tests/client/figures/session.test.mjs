@@ -123,7 +123,7 @@ class Stage {
     }
     /** A whole frame with figure 1, axes 2 and a line 3 from (0, 0) to (1, 1). */
     whole(token) {
-        this.say("beginFrame", { frame: 8, attempt: 2, whole: true });
+        this.say("beginFrame", { frame: 8, attempt: 2, whole: true, keys: true });
         this.say("create", { id: 1, type: "figure" });
         this.say("create", { id: 2, type: "axes", parent: 1, picks: true, y: { limits: [0, 1] } });
         this.say("create", { id: 3, type: "line", parent: 2 });
@@ -176,6 +176,7 @@ test("A view is announced, and a frame drawn once it is complete and laid out, t
         [],
     );
     const [{ axes }] = scene.figures;
+    assert.equal(scene.keys, true);
     assert.deepEqual(axes[0].limits, { x: [0, 1], y: [0, 1], y2: null });
     assert.deepEqual(
         [axes[0].picks, axes[0].legend, axes[0].series[0].color],
@@ -239,7 +240,8 @@ test("The old picture stays while a whole frame is coming", async () => {
         ],
     ]);
     stage.act("t");
-    assert.deepEqual((await stage.heard("scene")).figures[0].axes, []);
+    const { keys, figures } = await stage.heard("scene");
+    assert.deepEqual([keys, figures[0].axes], [false, []]);
 });
 
 test("A picture that is paused stays, while the data are taken in; live shows what is there", async () => {
@@ -298,8 +300,8 @@ test("Somebody's doings reach the engine", async () => {
     assert.deepEqual(await stage.published(), ["/e", pick]);
     assert.deepEqual((await stage.published())[1], { event: "key", key: "k", axes: null });
     assert.deepEqual((await stage.published())[1], { event: "control", id: 7 });
-    const limits = { event: "limits", axes: 2, x: [0, 2], y: [0, 1], width: 100, height: 50 };
-    assert.deepEqual((await stage.published())[1], limits);
+    const seen = { x: [0, 2], y: [0, 1], width: 100, height: 50 };
+    assert.deepEqual((await stage.published())[1], { event: "limits", axes: 2, ...seen });
     await stage.paint();
     assert.deepEqual(stage.strokes(), [
         [
@@ -307,6 +309,20 @@ test("Somebody's doings reach the engine", async () => {
             ["L", 100, 0],
         ],
     ]);
+    stage.say("beginFrame", { frame: 9, attempt: 1 });
+    stage.say("set", { id: 2, y2: { limits: [3, 4] } });
+    stage.act("t");
+    await stage.paint();
+    stage.tell({ kind: "view", axes: 2, x: null, y: null, y2: [5, 6] });
+    let event = {};
+    while (event.event !== "limits") [, event] = await stage.published();
+    assert.deepEqual(
+        [event.x, event.y2],
+        [
+            [0, 1],
+            [5, 6],
+        ],
+    );
 });
 
 test("The legend hides a series, until it is gone; a theme changes colours", async () => {

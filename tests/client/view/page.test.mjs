@@ -88,17 +88,18 @@ test("Keys are the page's, the engine's or the browser's", () => {
     for (const [event, meaning] of cases) assert.deepEqual(meaningOf(event), meaning, event.key);
 });
 
-test("Data are stale when an engine that drew regularly stops, or the connection is gone", () => {
+test("A figure is stale when its engine drew regularly and stops, or the connection is gone", () => {
     const watch = new Watch();
-    assert.equal(watch.staleSince(1e6, false), null, "nothing has come yet");
-    watch.heard(1000, 1);
-    assert.equal(watch.staleSince(9000, true), null, "one picture that stays");
-    assert.equal(watch.staleSince(9000, false), 1000);
-    [1500, 2000, 2500].forEach((at, i) => watch.heard(at, 2 + i));
-    watch.heard(2500, 4);
-    assert.deepEqual([watch.staleSince(4400, true), watch.staleSince(4501, true)], [null, 2500]);
-    watch.heard(20000, 5);
-    assert.equal(watch.staleSince(30000, true), null, "once again is not regularly");
+    assert.equal(watch.staleSince(1e6, false, 0), null, "nothing has come yet");
+    watch.heard(1000);
+    assert.equal(watch.staleSince(9000, true, 1000), null, "one picture that stays");
+    assert.equal(watch.staleSince(9000, false, 5000), 5000, "nobody knows");
+    [1500, 2000, 2500].forEach((at) => watch.heard(at));
+    assert.equal(watch.staleSince(4400, true, 2500), null);
+    assert.equal(watch.staleSince(4501, true, 2500), 2500);
+    assert.equal(watch.staleSince(9000, true, 5000), null, "the engine went on elsewhere");
+    watch.heard(20000);
+    assert.equal(watch.staleSince(30000, true, 20000), null, "once again is not regularly");
 });
 
 test("A saved file says what it is, and when", () => {
