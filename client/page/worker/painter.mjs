@@ -21,7 +21,7 @@ import { axisOf } from "./vocabulary.mjs";
  * @typedef {Pick<CanvasRenderingContext2D, "fillStyle" | "strokeStyle" | "lineWidth" | "lineCap" |
  *     "lineJoin" | "font" | "textAlign" | "textBaseline" | "beginPath" | "moveTo" | "lineTo" |
  *     "closePath" | "arc" | "fill" | "stroke" | "fillRect" | "fillText" |
- *     "setLineDash">} Context
+ *     "strokeText" | "setLineDash">} Context
  */
 
 /**
@@ -34,6 +34,7 @@ import { axisOf } from "./vocabulary.mjs";
  * @property {Scale} x
  * @property {Scale} y
  * @property {string} color
+ * @property {string} ground what it is drawn over
  * @property {boolean} isVector marks are drawn one by one, not as pixels
  * @property {(fill: (pixels: Uint32Array) => void) => void} drawPixels what `fill` writes, over what
  *   is there: the whole picture row by row, a number each as an `ImageData` has them, at first 0
@@ -111,6 +112,7 @@ export function paintAxes(axes, limits, size, { theme, hidden }, surface) {
     const scales = scalesOf(axes, limits, size);
     const colors = colorsOf(axes, theme);
     const { context, isVector } = surface;
+    const { ground } = theme;
     const errors = [];
     let isFirst = true;
     for (const series of drawnSeries(axes)) {
@@ -119,7 +121,7 @@ export function paintAxes(axes, limits, size, { theme, hidden }, surface) {
         const color = colors.get(series.id) ?? theme.text;
         const drawPixels = (/** @type {(pixels: Uint32Array) => void} */ fill) =>
             surface.drawPixels(fill, isFirst);
-        const place = { context, isVector, drawPixels, ...size, x: scales.x, y, color };
+        const place = { context, isVector, drawPixels, ...size, x: scales.x, y, color, ground };
         try {
             PAINTERS[series.type](series, place);
         } catch (error) {

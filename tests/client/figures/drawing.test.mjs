@@ -125,7 +125,8 @@ test("Series are filled as their data say", () => {
     const text = drawOne("text", { text: "t", at: [1, 1], inAxes: true, anchor: "right" }, null, {
         ratio: 2,
     });
-    const { x, y, anchor, font, color } = text.drawn[0];
+    const [rim, { x, y, anchor, font, color }] = text.drawn;
+    assert.deepEqual(rim, { kind: "strokeText", text: "t", x, y, color: THEME.ground, width: 8 });
     assert.deepEqual(
         [x, y, anchor, font, color],
         [100, 0, "right", "24px system-ui, sans-serif", THEME.text],
