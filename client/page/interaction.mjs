@@ -136,7 +136,7 @@ export class Interaction {
             for (const one of figure.axes.values()) if (!one.isHome) this.#look(one, homeView());
         } else if (action === "follow") this.#follow(view);
         else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
-        else if (action === "table") void showTable(this.#worker, view);
+        else if (action === "table") void showTable(this.#worker, figure, view);
         else if (action === "save") showSave(this.#worker, figure, view, this.#colors);
         else if (action === "full") this.#fullScreen(figure);
     }
@@ -224,7 +224,7 @@ export class Interaction {
 
     /** @param {AxesView} view @param {string} text of the crosshair; empty: all that is seen */
     async #copy(view, text) {
-        const axes = view.description.id;
+        const axes = [view.description.id];
         await copyText(text || (await this.#worker.ask({ kind: "csv", axes })).text);
         this.#say("Copied");
     }

@@ -94,8 +94,8 @@
  *     | {kind: "pick", axes: number, x: number, y: number, near?: {series: number, index: number}}
  *     | {kind: "key", key: string, axes: number | null}
  *     | {kind: "control", id: number, value?: number}
- *     | {kind: "csv", id: number, axes: number}
- *     | {kind: "table", id: number, axes: number, rows: number}
+ *     | {kind: "csv", id: number, axes: number[]}
+ *     | {kind: "table", id: number, axes: number[], rows: number}
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
  *     | {kind: "report", text: string}
@@ -113,7 +113,8 @@
  * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
  * - `pick`, of the data, `key` and `control` go to the engine.
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
- * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen.
+ * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
+ *   one axes each row names its own.
  */
 
 /** @typedef {{ground: string, text: string, dark: boolean}} Theme colours as "#rrggbb" */

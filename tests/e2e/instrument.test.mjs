@@ -224,6 +224,8 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     assert.match(svg, /stroke="#d00000"/);
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
+    await page.locator("dialog select").selectOption("All axes");
+    await page.getByRole("columnheader", { name: "axes" }).waitFor({ state: "attached" });
     await page
         .getByRole("cell", { name: "99.8", exact: false })
         .first()

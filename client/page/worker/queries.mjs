@@ -32,18 +32,23 @@ function lookAt(stage, id) {
     return { axes, limits, size, series };
 }
 
+/** @param {Stage} stage @param {number[]} ids @returns {Seen[]} */
+function lookAtAll(stage, ids) {
+    return ids.flatMap((id) => lookAt(stage, id) ?? []);
+}
+
 /** @param {Stage} stage @param {ToWorker} query @param {Post} post */
 export function answerQuery(stage, query, post) {
     switch (query.kind) {
         case "probe":
             return post({ kind: "probed", id: query.id, values: probe(stage, query) });
         case "csv":
-            return post({ kind: "csv", id: query.id, text: csvOf(lookAt(stage, query.axes)) });
+            return post({ kind: "csv", id: query.id, text: csvOf(lookAtAll(stage, query.axes)) });
         case "table":
             return post({
                 kind: "table",
                 id: query.id,
-                ...tableOf(lookAt(stage, query.axes), query.rows),
+                ...tableOf(lookAtAll(stage, query.axes), query.rows),
             });
         case "vectors":
             return answerVectors(stage, query, post);

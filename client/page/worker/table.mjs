@@ -10,27 +10,34 @@ import { visiblePart } from "./extents.mjs";
 /** In this order. */
 const COLUMNS = ["x", "y", "z", "low", "high", "minus", "plus", "size", "value"];
 
-/** @param {Seen | null} seen @param {number} most rows; of more every so many-th is taken
+/** @param {Seen[]} all with more than one each row begins with the axes
+ * @param {number} most rows; of more every so many-th is taken
  * @returns {{header: string[], rows: Row[]}} */
-export function tableOf(seen, most = Infinity) {
-    const series = seen?.series.filter((one) => one.firstColumn) ?? [];
+export function tableOf(all, most = Infinity) {
+    const named = all.map(({ axes, ...seen }) => ({
+        ...seen,
+        names: all.length > 1 ? [axes.properties.title || `axes ${axes.id}`] : [],
+    }));
+    const series = named.flatMap((seen) =>
+        seen.series.filter((one) => one.firstColumn).map((one) => ({ ...seen, one })),
+    );
     const isThere = (/** @type {string} */ name) =>
         series.some(
-            (one) => name in one.columns || name === "x" || (name === "y" && one.columns.z),
+            ({ one }) => name in one.columns || name === "x" || (name === "y" && one.columns.z),
         );
     const columns = series.length > 0 ? COLUMNS.filter(isThere) : [];
-    const rows = series.flatMap((one) => {
-        const indices = indicesSeen(one, /** @type {Seen} */ (seen).limits);
+    const rows = series.flatMap(({ one, limits, names }) => {
+        const indices = indicesSeen(one, limits);
         const step = Math.max(1, Math.ceil((indices.length * series.length) / most));
         const name = one.properties.name || `${one.type} ${one.id}`;
         return indices
             .filter((_, at) => at % step === 0)
             .map((index) => {
                 const values = rowValues(one, index);
-                return [name, ...columns.map((column) => values[column] ?? "")];
+                return [...names, name, ...columns.map((column) => values[column] ?? "")];
             });
     });
-    return { header: ["series", ...columns], rows };
+    return { header: [...(all.length > 1 ? ["axes"] : []), "series", ...columns], rows };
 }
 
 /** @param {Item} series @param {number} index @returns {Record<string, number>} */
@@ -62,9 +69,9 @@ function indicesSeen(series, limits) {
     return indices.filter((i) => isWithin(places.at(i), limits.x) && isWithin(values.at(i), y));
 }
 
-/** By RFC 4180. What is not a number is empty. @param {Seen | null} seen @returns {string} */
-export function csvOf(seen) {
-    const { header, rows } = tableOf(seen);
+/** By RFC 4180. What is not a number is empty. @param {Seen[]} all @returns {string} */
+export function csvOf(all) {
+    const { header, rows } = tableOf(all);
     const cell = (/** @type {number | string} */ value) => {
         if (typeof value === "number") return Number.isNaN(value) ? "" : String(value);
         return /[",\r\n]/.test(value) ? `"${value.replaceAll('"', '""')}"` : value;
