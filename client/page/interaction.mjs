@@ -211,6 +211,7 @@ export class Interaction {
         const x = valueAt(place.x, shown.x, view.scaleOf("x"));
         const y = valueAt(place.y, shown.y, view.scaleOf("y"));
         const [left, top] = [place.x * size.width, (1 - place.y) * size.height];
+        const at = [valueText(view, "x", x), valueText(view, "y", y)];
         const probed = await this.#probe(view, left, top, NEAR);
         const distance = (/** @type {Probed} */ { px, py }) => Math.hypot(px - left, py - top);
         const [nearest] = probed
@@ -219,7 +220,8 @@ export class Interaction {
         const near = nearest && { series: nearest.series, index: nearest.index };
         this.#worker.post({ kind: "pick", axes: description.id, x, y, ...(near && { near }) });
         const name = description.series.find(({ id }) => id === near?.series)?.name;
-        this.#say(`Picked ${name ?? ""} ${this.#known.get(view)?.crosshair.told?.at ?? ""}`);
+        // Not what the crosshair says: it may have moved on.
+        this.#say(`Picked ${[name, ...at].filter(Boolean).join(" ")}`);
     }
 
     /** @param {AxesView} view @param {string} text of the crosshair; empty: all that is seen */

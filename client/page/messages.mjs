@@ -145,7 +145,7 @@
  *     | {kind: "csv", id: number, text: string}
  *     | {kind: "table", id: number, header: string[], rows: (number | string)[][]}
  *     | {kind: "vectors", id: number, width: number, height: number, svg: string}
- *     | {kind: "picture", id: number, bitmap: ImageBitmap}
+ *     | {kind: "picture", id: number, bitmap: ImageBitmap | null}
  * )} ToMain
  *
  * - `ask`: what only the main thread can find out: `Access.token()` and `Access.isServed()`.
@@ -159,7 +159,7 @@
  *   altogether; the engine's number of the last frame; when something came last, as `Date.now()`
  *   says it, 0: nothing yet; the figures in which something is new since the last ones; how often
  *   each outcome was answered.
- * - An answer for axes that are not there is an empty one; for `picture` there is none.
+ * - An answer for axes that are not there is an empty one.
  * - `vectors`: elements of SVG to be put into a group, in CSS pixels of the plotting area.
  */
 

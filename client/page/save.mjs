@@ -69,6 +69,7 @@ export async function pngOf(worker, figure, colors, how) {
     const context = /** @type {OffscreenCanvasRenderingContext2D} */ (canvas.getContext("2d"));
     context.drawImage(frame, 0, 0, canvas.width, canvas.height);
     for (const [view, { bitmap }] of pictures) {
+        if (!bitmap) continue;
         const { left, top, width, height } = drawing.boxOf(view.plot.over);
         context.drawImage(bitmap, left * scale, top * scale, width * scale, height * scale);
         bitmap.close();

@@ -83,10 +83,10 @@ async function answerVectors(stage, { id, axes }, post) {
 /** @param {Stage} stage @param {Extract<ToWorker, {kind: "picture"}>} query @param {Post} post */
 function answerPicture(stage, { id, axes, ratio }, post) {
     const seen = lookAt(stage, axes);
-    if (!seen) return;
+    if (!seen) return post({ kind: "picture", id, bitmap: null });
     const size = canvasSize({ ...seen.size, ratio });
     const surface = new CanvasSurface(new OffscreenCanvas(size.width, size.height));
     paintAxes(seen.axes, seen.limits, size, stage, surface);
     const bitmap = surface.take();
-    post({ kind: "picture", id, bitmap }, [bitmap]);
+    return post({ kind: "picture", id, bitmap }, [bitmap]);
 }

@@ -103,6 +103,7 @@ test("A table has what is seen, and no more rows than are wanted", () => {
         ],
     );
     assert.deepEqual(ask(builder, { kind: "table", axes: [9], rows: 3 }).rows, []);
+    assert.equal(ask(builder, { kind: "picture", axes: 9 }).bitmap, null);
     const other = builder.create("axes", { title: "other" });
     builder.scene.apply({ cmd: "create", id: 8, type: "line", parent: other }, null);
     builder.data(8, 0, { x: [1], y: [2] });
