@@ -38,6 +38,8 @@ export class Interaction {
     /** Where somebody is: the crosshairs of linked axes follow without a word.
      * @type {AxesView | null} */
     #active = null;
+    /** Whether the engine listens to keys: if not, they stay the browser's. */
+    engineListens = false;
     #wantsSay = "";
     #sayTimer = 0;
 
@@ -127,7 +129,7 @@ export class Interaction {
         const meaning = meaningOf(event);
         if (meaning?.do === "help") showKeys();
         else if (meaning?.do === "pause") this.#pause();
-        else if (meaning?.do === "engine") {
+        else if (meaning?.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: null });
         } else return;
         event.preventDefault();
@@ -145,7 +147,7 @@ export class Interaction {
             for (const one of figure.axes.values()) if (!one.isHome) this.#look(one, homeView());
         } else if (action === "follow") this.#follow(view);
         else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
-        else if (action === "table") void showTable(this.#worker, view);
+        else if (action === "table") void showTable(this.#worker, figure, view);
         else if (action === "save") showSave(this.#worker, figure, view, this.#colors);
         else if (action === "full") this.#fullScreen(figure);
     }
@@ -165,7 +167,7 @@ export class Interaction {
         else if (meaning.do === "leave" && crosshair.isShown) crosshair.leave();
         else if (meaning.do === "leave") figure.element.classList.remove("full");
         else if (meaning.do === "action") this.act(figure, meaning.action, view);
-        else if (meaning.do === "engine") {
+        else if (meaning.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: view.description.id });
         } else return;
         event.preventDefault();
@@ -260,7 +262,7 @@ export class Interaction {
 
     /** @param {AxesView} view @param {string} text of the crosshair; empty: all that is seen */
     async #copy(view, text) {
-        const axes = view.description.id;
+        const axes = [view.description.id];
         await copyText(text || (await this.#worker.ask({ kind: "csv", axes })).text);
         this.#say("Copied");
     }

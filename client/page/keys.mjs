@@ -95,7 +95,7 @@ export function showKeys() {
     const note = make(
         "p",
         {},
-        "They hold where a figure’s axes have the focus. Other keys go to the engine.",
+        "They hold where a figure’s axes have the focus. Other keys go to an engine that listens to them.",
     );
     dialog.append(
         note,

@@ -1,16 +1,17 @@
 // A table of what is seen.
 
+import { chosenAxes, makeAxesChoice } from "./axes_choice.mjs";
 import { make } from "./dom.mjs";
 import { openDialog } from "./keys.mjs";
 
 /** Rows that are shown; there is the CSV file for all. */
 const ROWS = 500;
 
-/** What rows are shown. @param {{total: number, step: number}} part @param {string} label of x */
-export function captionOf({ total, step }, label) {
+/** What rows are shown. @param {{total: number, step: number}} part */
+export function captionOf({ total, step }) {
     const count = `${total.toLocaleString("en")} ${total === 1 ? "row" : "rows"}`;
     const part = step === 1 ? "" : `Every ${ordinal(step)} of `;
-    return `${part}${count} of what is seen${label && `, by ${label}`}`;
+    return `${part}${count} of what is seen`;
 }
 
 /** @param {number} number */
@@ -21,11 +22,27 @@ function ordinal(number) {
 }
 
 /** @param {import("./worker_link.mjs").WorkerLink} worker
- * @param {import("./axes_view.mjs").AxesView} view */
-export async function showTable(worker, view) {
-    const { id: axes, title, x } = view.description;
-    const { header, rows, ...part } = await worker.ask({ kind: "table", axes, rows: ROWS });
-    const dialog = openDialog(`Values${title ? ` of ${title}` : ""}`);
+ * @param {import("./figure_view.mjs").FigureView} figure
+ * @param {import("./axes_view.mjs").AxesView} view whose values are shown at first */
+export async function showTable(worker, figure, view) {
+    const { title } = figure.description;
+    const choice = makeAxesChoice(figure, view);
+    const scroll = make("div", { class: "scroll", tabindex: 0 });
+    const fill = async () => {
+        const wanted = choice.value;
+        const axes = chosenAxes(wanted);
+        const table = await worker.ask({ kind: "table", axes, rows: ROWS });
+        // Others may have been chosen since.
+        if (choice.value === wanted) scroll.replaceChildren(makeTable(table));
+    };
+    choice.hidden = figure.axes.size < 2;
+    choice.addEventListener("change", fill);
+    openDialog(`Values${title ? ` of ${title}` : ""}`).append(choice, scroll);
+    await fill();
+}
+
+/** @param {{header: string[], rows: (string | number)[][], total: number, step: number}} table */
+function makeTable({ header, rows, ...part }) {
     const cells = (/** @type {"th" | "td"} */ tag, /** @type {(string | number)[]} */ row) =>
         make(
             "tr",
@@ -33,16 +50,11 @@ export async function showTable(worker, view) {
             ...row.map((value) => make(tag, tag === "th" ? { scope: "col" } : {}, String(value))),
         );
     const head = make("thead", {}, cells("th", header));
-    const body = make(
-        "tbody",
+    return make(
+        "table",
         {},
-        ...rows.map((/** @type {(string | number)[]} */ row) => cells("td", row)),
+        make("caption", {}, captionOf(part)),
+        head,
+        make("tbody", {}, ...rows.map((row) => cells("td", row))),
     );
-    const caption = make("caption", {}, captionOf(part, x.label));
-    const scroll = make(
-        "div",
-        { class: "scroll", tabindex: 0 },
-        make("table", {}, caption, head, body),
-    );
-    dialog.append(scroll);
 }

@@ -135,6 +135,7 @@ void Outlet::beginFrame(std::uint64_t frame, std::uint64_t attempt, bool isWhole
     payload.addDataToPayload("frame", static_cast<unsigned long>(frame));
     payload.addDataToPayload("attempt", static_cast<unsigned long>(attempt));
     payload.addDataToPayload("whole", isWhole);
+    if (engineListensToKeys) payload.addDataToPayload("keys", true);
     send("beginFrame", std::move(payload));
 }
 

@@ -46,6 +46,7 @@ class Outlet {
     Outlet(std::shared_ptr<kiro::web::CommandSenderInterface> sender, Tap& tap)
         : fSender(std::move(sender)), fTap(tap) {}
 
+    bool engineListensToKeys = false;  ///< said with each frame
     void beginFrame(std::uint64_t frame, std::uint64_t attempt, bool isWhole);
     /// With all properties that have a value. `parent` 0: none.
     void create(std::uint64_t id, const char* type, std::uint64_t parent,

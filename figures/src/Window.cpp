@@ -321,7 +321,10 @@ void Window::stopRecording() noexcept { fImpl->recording.stop(); }
 
 RecordingState Window::recording() const { return fImpl->recording.state(); }
 
-void Window::onKey(std::function<void(const Key&)> callback) { fImpl->onKey = std::move(callback); }
+void Window::onKey(std::function<void(const Key&)> callback) {
+    fImpl->outlet.engineListensToKeys = callback != nullptr;
+    fImpl->onKey = std::move(callback);
+}
 
 const std::shared_ptr<kiro::web::CommandSenderInterface>& Window::sender() const noexcept {
     return fImpl->sender;

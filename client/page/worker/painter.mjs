@@ -21,7 +21,7 @@ import { axisOf } from "./vocabulary.mjs";
  * @typedef {Pick<CanvasRenderingContext2D, "fillStyle" | "strokeStyle" | "lineWidth" | "lineCap" |
  *     "lineJoin" | "font" | "textAlign" | "textBaseline" | "beginPath" | "moveTo" | "lineTo" |
  *     "closePath" | "arc" | "fill" | "stroke" | "fillRect" | "fillText" |
- *     "setLineDash">} Context
+ *     "strokeText" | "setLineDash">} Context
  */
 
 /**
@@ -34,6 +34,7 @@ import { axisOf } from "./vocabulary.mjs";
  * @property {Scale} x
  * @property {Scale} y
  * @property {string} color
+ * @property {string} ground what it is drawn over
  * @property {boolean} isVector marks are drawn one by one, not as pixels
  * @property {(fill: (pixels: Uint32Array) => void, isOver?: boolean) => void} drawPixels what `fill`
  *   writes, over what is there: the whole picture row by row, a number each as an `ImageData` has
@@ -115,6 +116,7 @@ export function paintAxes(axes, limits, size, { theme, hidden }, surface) {
     const scales = scalesOf(axes, limits, size);
     const colors = colorsOf(axes, theme);
     const { context, isVector, drawCanvas } = surface;
+    const { ground } = theme;
     const errors = [];
     let isFirst = true;
     for (const series of drawnSeries(axes)) {
@@ -124,7 +126,7 @@ export function paintAxes(axes, limits, size, { theme, hidden }, surface) {
         /** @type {Place["drawPixels"]} */
         const drawPixels = (fill, isOver = false) => surface.drawPixels(fill, isFirst && !isOver);
         const how = { context, isVector, drawPixels, drawCanvas };
-        const place = { ...how, ...size, x: scales.x, y, color };
+        const place = { ...how, ...size, x: scales.x, y, color, ground };
         try {
             PAINTERS[series.type](series, place);
         } catch (error) {

@@ -33,6 +33,11 @@ function lookAt(stage, id) {
     return { axes, limits, size, series };
 }
 
+/** @param {Stage} stage @param {number[]} ids @returns {Seen[]} */
+function lookAtAll(stage, ids) {
+    return ids.flatMap((id) => lookAt(stage, id) ?? []);
+}
+
 /** Each query gets its answer: somebody waits for it.
  * @param {Stage} stage @param {Query} query @param {Post} post */
 export async function answerQuery(stage, query, post) {
@@ -50,12 +55,12 @@ function answer(stage, query, post) {
         case "probe":
             return post({ kind: "probed", id: query.id, values: probe(stage, query) });
         case "csv":
-            return post({ kind: "csv", id: query.id, text: csvOf(lookAt(stage, query.axes)) });
+            return post({ kind: "csv", id: query.id, text: csvOf(lookAtAll(stage, query.axes)) });
         case "table":
             return post({
                 kind: "table",
                 id: query.id,
-                ...tableOf(lookAt(stage, query.axes), query.rows),
+                ...tableOf(lookAtAll(stage, query.axes), query.rows),
             });
         case "vectors":
             return answerVectors(stage, query, post);

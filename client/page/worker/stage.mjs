@@ -126,12 +126,13 @@ export class Stage {
     /** Tells what there is, if that has changed. Nothing is drawn until it is laid out. */
     announce() {
         if (!this.#scene.isRestructured) return;
-        this.#scene.isRestructured = false;
         this.#prune();
+        const figures = describe(this.#scene, this, this.limits());
+        this.#scene.isRestructured = false;
         this.#awaited = ++this.#stamp;
         this.#told = "";
-        const figures = describe(this.#scene, this, this.limits());
-        this.#post({ kind: "scene", stamp: this.#stamp, figures });
+        const { keys } = this.#scene;
+        this.#post({ kind: "scene", stamp: this.#stamp, keys, figures });
     }
 
     /** Forgets what somebody chose for objects that are gone. */
@@ -157,7 +158,8 @@ export class Stage {
             const drawn = JSON.stringify(range);
             const isSame = shown.drawn === drawn && !this.#scene.changed.has(axes.id);
             if (isSame && !shown.isStale) return [];
-            Object.assign(shown, { drawn, isStale: false });
+            // Until all of it is drawn.
+            Object.assign(shown, { drawn, isStale: true });
             const pixels = canvasSize(size);
             shown.surface.begin(pixels);
             const failures = paintAxes(axes, range, pixels, this, shown.surface);

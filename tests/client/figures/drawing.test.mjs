@@ -126,7 +126,8 @@ test("Series are filled as their data say", () => {
     const text = drawOne("text", { text: "t", at: [1, 1], inAxes: true, anchor: "right" }, null, {
         ratio: 2,
     });
-    const { x, y, anchor, font, color } = text.drawn[0];
+    const [rim, { x, y, anchor, font, color }] = text.drawn;
+    assert.deepEqual(rim, { kind: "strokeText", text: "t", x, y, color: THEME.ground, width: 8 });
     assert.deepEqual(
         [x, y, anchor, font, color],
         [100, 0, "right", "24px system-ui, sans-serif", THEME.text],
@@ -323,6 +324,29 @@ test("Each pixel of an image has the colour of its value", () => {
             }
         }
     }
+});
+
+test("A pixel in which several values lie has the colour of their mean, or is a gap if most are", () => {
+    // Pixels of 3 by 2 cells. The columns take turns, so that every third is of one kind.
+    const [rows, columns] = [200, 300];
+    const missing = (row, column) => (row < 100 ? column < 150 : column % 3 === 0 && row % 2 === 0);
+    const z = range(rows * columns, (i) => {
+        const [row, column] = [Math.floor(i / columns), i % columns];
+        return missing(row, column) ? NaN : row % 2 === 0 ? 30 : 90;
+    });
+    const image = { rows, columns, x: [0, 10], y: [0, 10], limits: [0, 256], colorMap: "gray" };
+    const [{ pixels }] = drawOne("image", image, { z }).pictures;
+    const table = colorTable("gray");
+    // From above: of five values two are 30.
+    for (const [at, wanted] of [
+        [0, 66],
+        [49 * 100 + 99, 66],
+        [50 * 100 + 50, 60],
+        [99 * 100 + 99, 60],
+    ]) {
+        assert.equal(table.indexOf(pixels[at]), wanted, `${at}`);
+    }
+    assert.equal(pixels[99 * 100 + 49], pixelOf(MISSING));
 });
 
 test("Bytes are coloured from 0 to 255, other values between their extremes", () => {
