@@ -27,6 +27,7 @@ Measurement drawMeasurement();
 std::vector<Measurement> pictureMeasurements();
 Measurement firstPictureMeasurement();
 Measurement memoryMeasurement();
+std::vector<Measurement> recordingMeasurements();
 
 void printRowHeading();
 void print(const Row& row);
