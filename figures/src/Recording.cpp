@@ -212,7 +212,9 @@ void Recording::addSnapshot(const Scene& scene, const Outlet& outlet) {
 void Recording::over(const FrameMark& mark, Outcome outcome, const std::string& reason,
                      const kiro::ACTRequestor* requestor) {
     if (!isOpen()) return;
-    if (outcome == Outcome::kNoPage && !std::exchange(fIsGone, true)) {
+    if (outcome == Outcome::kNoPage) {
+        // Nobody keeps the engine's pace then: it may draw as fast as it can.
+        if (std::exchange(fIsGone, true)) return;
         fRecorder->add(numberOf(Topic::kConnections), R"({"event":"gone"})");
     }
     kiro::ACTRequestor::TimeStamps last;

@@ -90,7 +90,7 @@ Recorder::Impl::Impl(std::unique_ptr<Sink> sink, const std::vector<Channel>& cha
     for (const auto& channel : channels) fWriter.add(channel);
     // At once, so that a disk without room is found here, and every file names its channels.
     fWriter.flush();
-    fBytes = fWriter.size();
+    fBytes.store(fWriter.size());
     fThread = std::thread([this] { run(); });
 }
 

@@ -62,7 +62,13 @@ class Writer {
     void put(std::string_view bytes);
     void putIndexes(ChunkInfo& info);
     void putEnd();
+    /// What is there is whole.
+    void markWhole() noexcept { fWhole = fOffset; }
+    // The groups of the summary.
+    [[nodiscard]] std::string schemas() const;
+    [[nodiscard]] std::string channels() const;
     [[nodiscard]] std::string statistics() const;
+    [[nodiscard]] std::string infos() const;
 
     Sink& fSink;
     const WriterOptions fOptions;
