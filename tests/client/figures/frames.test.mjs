@@ -169,19 +169,6 @@ test("A frame waits for the one before to be painted, unless too many do", () =>
     expect("a painted", "b painted");
 });
 
-test("What is not laid out is drawn when it is", () => {
-    const { flusher, state, run, take, expect } = start();
-    state.isReady = false;
-    take("a");
-    run("frame");
-    expect("apply a");
-    state.isReady = true;
-    flusher.request();
-    run("frame");
-    run("after");
-    expect("paint", "count", "a painted");
-});
-
 test("Nobody waits for a page that is hidden or paused", () => {
     for (const unseen of ["hidden", "paused"]) {
         const { flusher, state, run, take, expect } = start();

@@ -103,6 +103,12 @@ export class Recorder {
     }
 }
 
+/** A path as a text. */
+export const spell = (path) =>
+    path
+        .map(([kind, ...numbers]) => kind + numbers.map((n) => Number(n.toFixed(6))).join())
+        .join(" ");
+
 /** What is drawn of the axes 2, of this size in pixels. */
 export function paint({ scene }, { width = 100, height = 100, ratio = 1, ...shown } = {}) {
     const context = new Recorder();
