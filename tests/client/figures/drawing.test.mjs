@@ -4,9 +4,11 @@ import { test } from "node:test";
 
 import { MISSING, channelsOf, cycleColor } from "../../../client/page/colors.mjs";
 import { colorTable } from "../../../client/page/worker/color_maps.mjs";
+import { KeptPainter } from "../../../client/page/worker/kept.mjs";
 import { ColoredPointPicture, PointPicture } from "../../../client/page/worker/stamps.mjs";
 import { Random } from "./support/random.mjs";
-import { Builder, THEME, paint, spell } from "./support/scenes.mjs";
+import { limitsOf } from "../../../client/page/worker/limits.mjs";
+import { Builder, Recorder, THEME, look, paint, spell } from "./support/scenes.mjs";
 
 /** Axes of 100 by 100 pixels, in which a unit is ten of them. */
 const UNITS = { x: { limits: [0, 10] }, y: { limits: [0, 10] } };
@@ -255,6 +257,54 @@ test("A series that cannot be drawn is told, and the others are drawn, images be
     const { drawn, pictures, errors } = paint(builder);
     assert.deepEqual(errors, ["image i: 3 values for 2 rows of 2"]);
     assert.deepEqual([drawn.length, pictures.map(({ isFirst }) => isFirst)], [1, [true]]);
+});
+
+/** A canvas that writes down what is drawn, and what is copied. */
+class FakeCanvas extends Recorder {
+    canvas = this;
+    getContext = () => this;
+    clearRect() {
+        this.drawn = [];
+    }
+    drawImage({ drawn }) {
+        this.drawn.push({ kind: "copy", drawn: [...drawn] });
+    }
+}
+
+test("Series that did not change are drawn once, and copied below the others", (t) => {
+    globalThis.OffscreenCanvas = FakeCanvas;
+    t.after(() => delete globalThis.OffscreenCanvas);
+    const builder = new Builder(UNITS);
+    const line = (at) => ({ x: [0, 1], y: [at, at] });
+    const ids = [1, 2, 3].map((at) => builder.create("line", {}, line(at)));
+    const canvas = new FakeCanvas();
+    const painter = new KeptPainter(canvas);
+    /** The heights of what is drawn, copies in parentheses, when these are changed before. */
+    const drawn = (changed, at, how = look()) => {
+        for (const i of changed) builder.data(ids[i], 0, line(at));
+        const limits = limitsOf(builder.scene, how).get(2);
+        canvas.clearRect();
+        const size = { width: 100, height: 100, ratio: 1 };
+        assert.deepEqual(painter.paint(builder.find(2), limits, size, how), []);
+        const heights = (all) =>
+            all.map(({ path, drawn: copied }) => (copied ? `(${heights(copied)})` : path[0][2]));
+        return heights(canvas.drawn).join();
+    };
+    assert.equal(drawn([], 0), "90,80,70");
+    assert.equal(drawn([2], 4), "(90,80),60");
+    builder.find(ids[0]).columns = {};
+    assert.equal(drawn([2], 5), "(90,80),50", "not drawn again");
+    assert.equal(drawn([0], 6), "40,80,50");
+    assert.equal(drawn([2], 7), "(40,80),30");
+    assert.equal(drawn([1], 8), "(40),20,30");
+    assert.equal(drawn([2], 9), "(40),20,10");
+    assert.equal(drawn([2], 9, { ...look(), hidden: new Set([ids[0]]) }), "20,10");
+    builder.set(2, { y: { limits: [1, 100] } });
+    drawn([0, 1, 2], 10);
+    builder.set(2, { y: { limits: [1, 100], scale: "log" } });
+    assert.equal(drawn([2], 10), "50,50,50");
+});
+    assert.equal(drawn([2], 9), "94,92,91");
 });
 
 test("Colours follow the cycle, unless a series has its own", () => {
