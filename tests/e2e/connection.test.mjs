@@ -10,32 +10,11 @@ import { test } from "node:test";
 
 import { assertClean, untilState } from "./support/page.mjs";
 import { Program } from "./support/program.mjs";
+import { Proxy } from "./support/proxy.mjs";
 import { assertValues, liveValues, shownValues } from "./support/scene.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
-
-test("A script error costs its frame at once, and the figures are made whole", async () => {
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.link);
-    await scene.draw("step 30");
-    const [worker] = page.workers();
-    await worker.evaluate(() => {
-        const { prototype } = OffscreenCanvasRenderingContext2D;
-        globalThis.stroke = prototype.stroke;
-        prototype.stroke = () => {
-            throw new Error("a broken figure");
-        };
-    });
-    await scene.draw("step 1", 'failed: line wave, "quoted": a broken figure');
-    await page.locator(".error", { hasText: "a broken figure" }).waitFor();
-    await worker.evaluate(() => {
-        OffscreenCanvasRenderingContext2D.prototype.stroke = globalThis.stroke;
-    });
-    await scene.draw("step 1");
-    assertValues(await shownValues(page), liveValues(32));
-});
 
 test("Every page sees everything, reloaded or not; the engine goes on with those that are left", async () => {
     const scene = await stage.scene("live");
@@ -84,7 +63,11 @@ test("A hidden page answers without painting, and paints when it is shown", asyn
 });
 
 test("A page whose connection was lost returns to its view, and nothing is missing", async () => {
-    const { proxy, scene, page } = await stage.startBehindProxy("live", 60);
+    const proxy = await Proxy.start();
+    stage.defer(() => proxy.stop());
+    const scene = await stage.scene("live", 60);
+    const page = await stage.page({ proxy: proxy.settings });
+    await page.goto(scene.link);
     const losses = [
         ["cut", 0, /lost|no connection/],
         ["cut", 40, /lost|no connection/],
@@ -130,19 +113,4 @@ test("The browser that is opened is a program of its own, and gets no more than 
     await other.goto(link);
     assert.match(await untilState(other, "refused"), /open the link that the program printed/);
     assert.equal(new URL(other.url()).hash, "");
-});
-
-test("Who does not have the token is refused, and told what to do", async () => {
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.origin);
-    assert.match(await untilState(page, "refused"), /no token: open the link that the program/);
-    await page.goto(scene.link);
-    await untilState(page, "live");
-    await scene.draw("step 1");
-    assert.equal(page.url(), `${scene.origin}/`);
-    assert.deepEqual(await page.context().cookies(), []);
-    const duplicate = page.waitForEvent("popup");
-    await page.evaluate(() => void window.open("/"));
-    await untilState(await duplicate, "live");
 });

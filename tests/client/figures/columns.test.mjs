@@ -112,14 +112,9 @@ function coveredByWalking(points, column) {
 }
 
 test("A column of pixels has the true extremes of a line and of its steps, but nothing of a gap", () => {
-    const cases = [
-        [null, "linear", [0, 100]],
-        [null, "log", [0.1, 100]],
-        ["after", "linear", [0, 100]],
-        ["before", "linear", [0, 100]],
-        ["middle", "linear", [0, 100]],
-    ];
-    for (const [steps, scale, limits] of cases) {
+    for (const kind of ["linear", "log", "after", "before", "middle"]) {
+        const steps = kind.startsWith("l") ? null : kind;
+        const scale = kind === "log" ? "log" : "linear";
         const random = new Random(3);
         // In places dense, in places with whole columns between two elements.
         const near = [0.2, ...random.values(600, 5, 60, 0), ...random.values(39, 60, 105, 0)];
@@ -128,7 +123,7 @@ test("A column of pixels has the true extremes of a line and of its steps, but n
         const places = new Column(place);
         const values = new Column(value);
         const x = new Scale("linear", [0, 100], 0, 100);
-        const y = new Scale(scale, limits, 50, 0);
+        const y = new Scale(scale, [0.1, 100], 50, 0);
         const bounds = columnBounds(places, x, 100);
         const cover = new Cover(100);
         cover.addElements(values, bounds, y);

@@ -212,7 +212,8 @@ test("Each pixel of an image has the colour of its value", () => {
 test("A pixel in which several values lie has the colour of their mean, or is a gap if most are", () => {
     // Pixels of 3 by 2 cells. The columns take turns, so that every third is of one kind.
     const [rows, columns] = [200, 300];
-    const missing = (row, column) => (row < 100 ? column < 150 : column % 3 === 0 && row % 2 === 0);
+    const missing = (row, column) =>
+        row < 100 ? column < 150 && column % 3 > 0 : (column % 3) + (row % 2) === 0;
     const z = range(rows * columns, (i) => {
         const [row, column] = [Math.floor(i / columns), i % columns];
         return missing(row, column) ? NaN : row % 2 === 0 ? 30 : 90;
@@ -303,8 +304,6 @@ test("Series that did not change are drawn once, and copied below the others", (
     drawn([0, 1, 2], 10);
     builder.set(2, { y: { limits: [1, 100], scale: "log" } });
     assert.equal(drawn([2], 10), "50,50,50");
-});
-    assert.equal(drawn([2], 9), "94,92,91");
 });
 
 test("Colours follow the cycle, unless a series has its own", () => {

@@ -101,9 +101,6 @@ class Stage {
         while (this.#frames.length === 0) await once(this.#news, "news");
         for (const call of this.#frames.splice(0)) call();
     }
-    get isQuiet() {
-        return this.#frames.length === 0;
-    }
     raw(text) {
         this.peer.batch(++this.#number, [["/c", text]]);
     }
