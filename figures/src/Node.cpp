@@ -58,12 +58,6 @@ void Node::put(const char* key, json::value value) {
     touch();
 }
 
-void Node::putKnown(const char* key, json::value value) {
-    Property& known = property(key);
-    known.value = std::move(value);
-    known.isSent = true;
-}
-
 const json::value* Node::find(std::string_view key) const noexcept {
     const auto found =
         std::ranges::find(fProperties, key, [](const Property& one) { return one.key; });

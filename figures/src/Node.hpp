@@ -49,8 +49,6 @@ class Node {
 
     /// Null: the default.
     void put(const char* key, boost::json::value value);
-    /// As `put`, of what pages know already.
-    void putKnown(const char* key, boost::json::value value);
     /// Null if it was never put.
     [[nodiscard]] const boost::json::value* find(std::string_view key) const noexcept;
 
