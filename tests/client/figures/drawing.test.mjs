@@ -8,7 +8,7 @@ import { KeptPainter } from "../../../client/page/worker/kept.mjs";
 import { ColoredPointPicture, PointPicture } from "../../../client/page/worker/stamps.mjs";
 import { Random } from "./support/random.mjs";
 import { limitsOf } from "../../../client/page/worker/limits.mjs";
-import { Builder, Recorder, THEME, look, paint, spell } from "./support/scenes.mjs";
+import { Builder, FakeCanvas, THEME, look, paint, spell } from "./support/scenes.mjs";
 
 /** Axes of 100 by 100 pixels, in which a unit is ten of them. */
 const UNITS = { x: { limits: [0, 10] }, y: { limits: [0, 10] } };
@@ -260,18 +260,6 @@ test("A series that cannot be drawn is told, and the others are drawn, images be
     assert.deepEqual([drawn.length, pictures.map(({ isFirst }) => isFirst)], [1, [true]]);
 });
 
-/** A canvas that writes down what is drawn, and what is copied. */
-class FakeCanvas extends Recorder {
-    canvas = this;
-    getContext = () => this;
-    clearRect() {
-        this.drawn = [];
-    }
-    drawImage({ drawn }) {
-        this.drawn.push({ kind: "copy", drawn: [...drawn] });
-    }
-}
-
 test("Series that did not change are drawn once, and copied below the others", (t) => {
     globalThis.OffscreenCanvas = FakeCanvas;
     t.after(() => delete globalThis.OffscreenCanvas);
@@ -284,7 +272,6 @@ test("Series that did not change are drawn once, and copied below the others", (
     const drawn = (changed, at, how = look()) => {
         for (const i of changed) builder.data(ids[i], 0, line(at));
         const limits = limitsOf(builder.scene, how).get(2);
-        canvas.clearRect();
         const size = { width: 100, height: 100, ratio: 1 };
         assert.deepEqual(painter.paint(builder.find(2), limits, size, how), []);
         const heights = (all) =>

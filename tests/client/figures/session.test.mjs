@@ -7,7 +7,7 @@ import { VOCABULARY } from "../../../client/page/messages.mjs";
 import { Session } from "../../../client/page/worker/session.mjs";
 import { WebSocket } from "../support/packages.mjs";
 import { ScriptedGateway } from "../support/scripted_gateway.mjs";
-import { Recorder, THEME, encode, spell } from "./support/scenes.mjs";
+import { FakeCanvas, THEME, encode, spell } from "./support/scenes.mjs";
 
 const CONFIGURATION = {
     vocabulary: VOCABULARY,
@@ -17,17 +17,6 @@ const CONFIGURATION = {
     newView: "/n",
     events: "/e",
 };
-
-/** A canvas that writes down what is drawn. */
-class FakeCanvas {
-    context = Object.assign(new Recorder(), { clearRect: () => (this.context.drawn = []) });
-    getContext() {
-        return this.context;
-    }
-    set width(_) {
-        this.context.drawn = [];
-    }
-}
 
 /** A session, its gateway, and its main thread, which lays out and confirms by itself. */
 class Stage {
@@ -141,7 +130,7 @@ class Stage {
         this.told = [];
     }
     strokes() {
-        return this.canvases.get(2).context.drawn.map(({ path }) => spell(path));
+        return this.canvases.get(2).drawn.map(({ path }) => spell(path));
     }
 }
 

@@ -103,6 +103,18 @@ export class Recorder {
     }
 }
 
+/** A canvas that writes down what is drawn, and what is copied; empty when it gets its size. */
+export class FakeCanvas extends Recorder {
+    canvas = this;
+    getContext = () => this;
+    set width(_) {
+        this.drawn = [];
+    }
+    drawImage({ drawn }) {
+        this.drawn.push({ kind: "copy", drawn: [...drawn] });
+    }
+}
+
 /** A path as a text. */
 export const spell = (path) =>
     path
