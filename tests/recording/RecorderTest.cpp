@@ -155,6 +155,19 @@ TEST_F(RecorderTest, EndsWhenItsQueueIsFullWithAFileThatIsGoodUpToThere) {
     EXPECT_EQ(said().size(), added - 1);
 }
 
+TEST_F(RecorderTest, HasRoomAgainForWhatIsWritten) {
+    const auto recorder = make(10'000, 1);
+    for (int round = 0; round < 3; ++round) {
+        const auto written = fDisk->reaching(fDisk->bytes().size() + 5000);
+        for (int i = 0; i < 5; ++i) recorder->add(1, std::string(1000, 'x'));
+        written.wait();
+    }
+    EXPECT_TRUE(recorder->isOn());
+    recorder->stop();
+    EXPECT_EQ(recorder->room(), 10'000U);
+    EXPECT_EQ(said().size(), 15U);
+}
+
 TEST_F(RecorderTest, RefusesWhatNeverFits) {
     const auto recorder = make(1000);
     EXPECT_EQ(recorder->room(), 1000U);
