@@ -177,6 +177,16 @@ TEST_F(RecorderTest, RefusesWhatNeverFits) {
     EXPECT_TRUE(said().empty());
 }
 
+TEST_F(RecorderTest, EndsWhenThereIsNoMemoryForACopy) {
+    const auto recorder = make();
+    recorder->addCopy(1, "x");
+    // As much as no string can hold.
+    recorder->addCopy(1, std::string_view("y", std::string().max_size() + 1));
+    fFailed.get_future().wait();
+    EXPECT_THAT(fCauses, testing::ElementsAre("no memory"));
+    EXPECT_EQ(said().size(), 1U);
+}
+
 TEST_F(RecorderTest, EndsWhenTheDiskIsFull) {
     const auto recorder = make(std::size_t{64} << 20U);
     fDisk->limit((std::size_t{3} << 20U) + 600'000);
