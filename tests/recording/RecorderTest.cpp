@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "FailingNew.hpp"
 #include "Memory.hpp"
 
 namespace recording_test {
@@ -177,14 +178,17 @@ TEST_F(RecorderTest, RefusesWhatNeverFits) {
     EXPECT_TRUE(said().empty());
 }
 
-TEST_F(RecorderTest, EndsWhenThereIsNoMemoryForACopy) {
-    const auto recorder = make();
-    recorder->addCopy(1, "x");
-    // As much as no string can hold.
-    recorder->addCopy(1, std::string_view("y", std::string().max_size() + 1));
-    fFailed.get_future().wait();
-    EXPECT_THAT(fCauses, testing::ElementsAre("no memory"));
-    EXPECT_EQ(said().size(), 1U);
+TEST_F(RecorderTest, EndsWhenThereIsNoMemory) {
+    const std::string message(100, 'x');
+    for (const std::size_t allocation : {1U, 2U}) {  // of the copy, of the queue
+        const auto recorder = make();
+        const auto outcome =
+            support::failingNew(allocation, [&] { recorder->addCopy(1, message); });
+        EXPECT_TRUE(outcome.failed);
+        EXPECT_EQ(outcome.error, "");
+        recorder->stop();
+        EXPECT_EQ(recorder->status().cause, "no memory");
+    }
 }
 
 TEST_F(RecorderTest, EndsWhenTheDiskIsFull) {
