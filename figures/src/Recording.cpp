@@ -154,13 +154,14 @@ RecordingState Recording::state() const {
 
 bool Recording::isOpen() const noexcept { return fRecorder != nullptr && fRecorder->isOn(); }
 
-void Recording::command(std::string text) { add(Topic::kCommands, std::move(text)); }
+void Recording::command(std::string text) {
+    fFrameBytes += text.size();
+    fRecorder->add(numberOf(Topic::kCommands), std::move(text));
+}
 
-void Recording::block(std::string_view bytes) { add(Topic::kBlocks, std::string(bytes)); }
-
-void Recording::add(Topic topic, std::string data) {
-    fFrameBytes += data.size();
-    fRecorder->add(numberOf(topic), std::move(data));
+void Recording::block(std::string_view bytes) {
+    fFrameBytes += bytes.size();
+    fRecorder->addCopy(numberOf(Topic::kBlocks), bytes);
 }
 
 void Recording::begin(const FrameMark& mark) noexcept {

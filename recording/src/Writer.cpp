@@ -11,6 +11,7 @@ namespace kirorecording {
 
 namespace {
 
+constexpr std::size_t kMostChunkSize = std::size_t{4} << 20U;
 constexpr std::size_t kIndexEntry = 2 * sizeof(std::uint64_t);
 
 void encodeSchema(std::string& out, std::uint16_t id, const Schema& schema) {
@@ -39,6 +40,7 @@ void encodeInfo(std::string& out, const ChunkInfo& info) {
 }  // namespace
 
 Writer::Writer(Sink& sink, WriterOptions options) : fSink(sink), fOptions(options) {
+    KIROWEB_REQUIRE(fOptions.chunkSize <= kMostChunkSize);
     std::string head(kMagic);
     Encoder(head, op::kHeader).text(kProfile).text("kirorecording");
     put(head);
@@ -63,8 +65,6 @@ std::uint16_t Writer::add(const Channel& channel) {
 void Writer::write(std::uint16_t channel, std::uint64_t time, std::string_view data) {
     KIROWEB_REQUIRE(channel > 0 && channel <= fChannels.size());
     KIROWEB_REQUIRE(data.size() <= kMostBytes);
-    // A large one has its own, so that no chunk is much larger than what is in it.
-    if (fChunk.records.size() + data.size() > kMostBytes) flush();
     if (fChunk.indexes.empty()) fChunk.since = time;
     fChunk.indexes[channel].emplace_back(time, fChunk.records.size());
     Encoder(fChunk.records, op::kMessage)

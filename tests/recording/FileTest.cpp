@@ -255,7 +255,7 @@ TEST_P(File, IsRepairedUpToItsLastWholeChunk) {
     }
 }
 
-TEST(Writer, GivesALargeMessageAChunkOfItsOwn) {
+TEST(Writer, EndsAChunkBehindTheMessageThatFillsIt) {
     MemorySink sink;
     Writer writer(sink, {false, 100});
     const auto channel = writer.add(kBytes);
