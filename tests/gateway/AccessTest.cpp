@@ -136,6 +136,8 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
         {replaced(offering("kiroweb.v1"), "/kiroweb", "/kiroweb?token=" + token), "404"},
         {with("Version: 13", "Version: 8"), "400"},
         {with("Version: 13", "Version: 13\r\nSec-WebSocket-Version: 8"), "400"},
+        {with("Key: dG", "Key: d!"), "400"},
+        {with("Version: 13", "Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ=="), "400"},
         {offering("kiroweb.v2, kiroweb.token." + token), "400"},
         {with("\r\n\r\n", "\r\nContent-Length: 1\r\n\r\nx"), "400"},
     };

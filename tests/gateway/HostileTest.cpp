@@ -25,6 +25,8 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
         {"\x81\x81\x00\x00\x00\x00\xff"s, 1007},                  // not UTF-8
         {"\x81\xfe\x07\xd0mask"s, 1009},                          // too large
         {"\x82\xff\x7f\xff\xff\xff\xff\xff\xff\xffmask"s, 1009},  // absurdly large
+        {"\x88\x82\0\0\0\0\x03\xed"s, 1002},                      // 1005 is for nobody to send
+        {"\x88\x82\0\0\0\0\x03\xe7"s, 1002},                      // 999 is no close code
     };
     for (const auto& [bytes, code] : frames) {
         for (const bool hasView : {false, true}) {
