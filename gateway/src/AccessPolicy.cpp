@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Gzip.hpp"
 #include "checked/Require.hpp"
 
 namespace kirogateway {
@@ -33,6 +34,19 @@ std::vector<std::string> hostsOf(const Options& options, std::uint16_t port) {
     return hosts;
 }
 
+/// What is larger would keep a program from starting.
+constexpr std::size_t kMostCompressed = 4 * kMiB;
+
+/// Empty when it gains nothing; pictures and fonts are compressed as they are.
+std::string compressed(const Asset& asset) {
+    const std::string_view type = asset.contentType;
+    const bool isText = type.starts_with("text/") || type.starts_with("image/svg") ||
+                        type.find("json") != type.npos || type.find("script") != type.npos;
+    if (!isText || asset.body.size() > kMostCompressed) return {};
+    auto gzip = gzipped(asset.body);
+    return gzip.size() < asset.body.size() ? gzip : std::string();
+}
+
 }  // namespace
 
 bool awaitsBody(const Request& request) noexcept {
@@ -50,7 +64,9 @@ AccessPolicy::AccessPolicy(const Options& options, std::uint16_t port, Secrets& 
     for (const auto& host : fHosts) fOrigins.push_back(scheme + host);
     fOrigins.insert(fOrigins.end(), options.extraOrigins.begin(), options.extraOrigins.end());
     for (const auto& origin : options.frameAncestors) fFrameAncestors += origin + ' ';
-    for (const auto& asset : options.assets) fAssets.emplace(asset.name, &asset);
+    for (const auto& asset : options.assets) {
+        fAssets.try_emplace(asset.name, Served{&asset, compressed(asset)});
+    }
 }
 
 Admission AccessPolicy::decide(const Request& request, TimePoint now) {
@@ -66,9 +82,16 @@ Admission AccessPolicy::decide(const Request& request, TimePoint now) {
         return {405, "method not allowed", {}, kPlainText, "GET, HEAD"};
     }
     if (request.target == kSocketPath) return decideUpgrade(request);
-    const auto asset = fAssets.find(request.target.substr(0, request.target.find('?')));
-    if (asset == fAssets.end()) return {404, "no such asset"};
-    return {200, {}, asset->second->body, asset->second->contentType};
+    return serve(request);
+}
+
+Admission AccessPolicy::serve(const Request& request) const {
+    const auto found = fAssets.find(request.target.substr(0, request.target.find('?')));
+    if (found == fAssets.end()) return {404, "no such asset"};
+    const auto& [asset, gzip] = found->second;
+    const bool isGzip = request.takesGzip && !gzip.empty();
+    const std::string_view body = isGzip ? gzip : asset->body;
+    return {200, {}, body, asset->contentType, {}, isGzip, !gzip.empty()};
 }
 
 std::optional<Admission> AccessPolicy::refuseHost(const Request& request) const {

@@ -37,6 +37,7 @@ struct Request {
     bool isUpgrade = false;                      ///< a well-formed WebSocket upgrade
     std::string_view key;                        ///< of the upgrade
     bool isEncoded = false;                      ///< it has a Transfer-Encoding
+    bool takesGzip = false;                      ///< the body of the answer may be in gzip
     std::uint64_t bodySize = 0;                  ///< as it announces
     std::string_view body;                       ///< what has been read of it
     bool isKeptAlive = false;                    ///< the client wants to send another
@@ -53,6 +54,8 @@ struct Admission {
     std::string_view body{};    ///< what is served
     std::string_view contentType = kPlainText;
     std::string_view allowedMethods{};  ///< for 405
+    bool isGzip = false;                ///< the body is
+    bool variesByEncoding = false;      ///< another client may be answered in another encoding
 };
 
 /// Decides who gets in and what is served. Knows neither sockets nor a parser. Any thread.
@@ -60,6 +63,7 @@ class AccessPolicy {
   public:
     using TimePoint = Secrets::TimePoint;
 
+    /// Compresses the assets that gain by it.
     /// REQUIRES: `options` and `secrets` outlive the policy.
     AccessPolicy(const Options& options, std::uint16_t port, Secrets& secrets);
 
@@ -74,9 +78,14 @@ class AccessPolicy {
     [[nodiscard]] std::string commonFields(std::string_view host) const;
 
   private:
+    struct Served {
+        const Asset* asset;
+        std::string gzip;  ///< the body; empty when it gains nothing
+    };
     [[nodiscard]] std::optional<Admission> refuseHost(const Request& request) const;
     [[nodiscard]] std::optional<Admission> refuseOrigin(const Request& request) const;
     [[nodiscard]] std::optional<Admission> refuseToken(const Request& request) const;
+    [[nodiscard]] Admission serve(const Request& request) const;
     [[nodiscard]] Admission decideUpgrade(const Request& request) const;
     [[nodiscard]] Admission decideExchange(const Request& request, TimePoint now);
 
@@ -86,7 +95,7 @@ class AccessPolicy {
     std::vector<std::string> fHosts;
     std::string fFrameAncestors;  ///< as they stand in the header
     std::vector<std::string> fOrigins;
-    std::unordered_map<std::string_view, const Asset*> fAssets;
+    std::unordered_map<std::string_view, Served> fAssets;
 };
 
 }  // namespace kirogateway

@@ -59,6 +59,23 @@ std::vector<std::string_view> subprotocolsOf(const RequestMessage& message) {
     return offers;
 }
 
+/// Whether an answer may be in gzip, which a weight of 0 forbids.
+bool takesGzip(const RequestMessage& message) {
+    const auto isZero = [](beast::string_view weight) {
+        return weight.starts_with('0') && weight.find_first_not_of("0.") == weight.npos;
+    };
+    for (const auto field : valuesOf(message, http::field::accept_encoding)) {
+        for (const auto& [name, parameters] :
+             http::ext_list(beast::string_view(field.data(), field.size()))) {
+            if (!beast::iequals(name, "gzip")) continue;
+            return std::ranges::none_of(parameters, [&isZero](const auto& parameter) {
+                return beast::iequals(parameter.first, "q") && isZero(parameter.second);
+            });
+        }
+    }
+    return false;
+}
+
 /// The parser has refused what is no number and numbers that contradict each other.
 std::uint64_t bodySizeOf(const RequestMessage& message) {
     std::uint64_t size = 0;
@@ -107,6 +124,7 @@ Request requestOf(const RequestMessage& message) {
     request.isUpgrade = isWholeUpgrade(message);
     request.key = viewOf(message[http::field::sec_websocket_key]);
     request.isEncoded = message.count(http::field::transfer_encoding) > 0;
+    request.takesGzip = takesGzip(message);
     request.bodySize = bodySizeOf(message);
     request.body = message.body();
     request.isKeptAlive = message.keep_alive();
@@ -137,6 +155,8 @@ std::string responseText(const Admission& admission, const Request* request,
     if (!admission.allowedMethods.empty()) {
         text += "Allow: " + std::string(admission.allowedMethods) + "\r\n";
     }
+    if (admission.isGzip) text += "Content-Encoding: gzip\r\n";
+    if (admission.variesByEncoding) text += "Vary: Accept-Encoding\r\n";
     // A host that was refused is not repeated.
     const bool isOurHost = request != nullptr && !isRefusal;
     text += policy.commonFields(isOurHost ? request->hosts.front() : std::string_view()) + "\r\n";

@@ -1,6 +1,7 @@
 #include "AccessPolicy.hpp"
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <boost/beast/http/parser.hpp>
 #include <span>
@@ -27,6 +28,21 @@ std::string replaced(std::string text, std::string_view what, std::string_view i
 }
 
 std::string statusOf(std::string_view answer) { return std::string(answer.substr(9, 3)); }
+
+/// REQUIRES: `most` bytes hold it.
+std::string gunzipped(std::string gzip, std::size_t most) {
+    std::string text(most, '\0');
+    z_stream stream{};
+    inflateInit2(&stream, MAX_WBITS + 16);
+    stream.next_in = reinterpret_cast<Bytef*>(gzip.data());
+    stream.avail_in = static_cast<uInt>(gzip.size());
+    stream.next_out = reinterpret_cast<Bytef*>(text.data());
+    stream.avail_out = static_cast<uInt>(text.size());
+    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+    text.resize(stream.total_out);
+    inflateEnd(&stream);
+    return text;
+}
 
 using Row = std::pair<std::string, std::string>;  // a request and the status of its answer
 
@@ -103,6 +119,37 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
           "\r\nX-Content-Type-Options: nosniff\r\n"}) {
         EXPECT_NE(answer.find(field), std::string::npos) << field;
     }
+}
+
+TEST_F(AccessTest, TextsAreCompressedForWhoTakesThem) {
+    std::string script;
+    for (int i = 0; i < 1000; ++i) script += "line " + std::to_string(i * i) + "\n";
+    fOptions.assets.push_back({"/a.js", "text/javascript", script});
+    fOptions.assets.push_back({"/a.png", "image/png", script});
+    const auto answer = [this](const std::string& name, const std::string& encodings) {
+        return answerTo("GET " + name + " HTTP/1.1\r\nHost: " + fAccess.host() +
+                        "\r\nAccept-Encoding: " + encodings + "\r\n\r\n");
+    };
+    const auto isGzip = [](const std::string& text) {
+        return text.find("\r\nContent-Encoding: gzip\r\n") != std::string::npos;
+    };
+    for (const auto* taken : {"gzip", "deflate, GZIP;q=0.5, br"}) {
+        EXPECT_TRUE(isGzip(answer("/a.js", taken))) << taken;
+    }
+    for (const auto* notTaken : {"identity", "gzip;q=0.000, br", "xgzip"}) {
+        const auto plain = answer("/a.js", notTaken);
+        EXPECT_FALSE(isGzip(plain)) << notTaken;
+        EXPECT_TRUE(plain.ends_with("\r\n\r\n" + script));
+        EXPECT_NE(plain.find("\r\nVary: Accept-Encoding\r\n"), std::string::npos);
+    }
+    for (const auto* gainsNothing : {"/", "/a.png"}) {
+        EXPECT_FALSE(isGzip(answer(gainsNothing, "gzip"))) << gainsNothing;
+    }
+    const auto whole = answer("/a.js", "gzip");
+    const auto body = whole.substr(whole.find("\r\n\r\n") + 4);
+    EXPECT_NE(whole.find("\r\nContent-Length: " + std::to_string(body.size()) + "\r\n"),
+              std::string::npos);
+    EXPECT_EQ(gunzipped(body, 2 * script.size()), script);
 }
 
 TEST_F(AccessTest, OriginsThatMayFrameThePageAreNamed) {
