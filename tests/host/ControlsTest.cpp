@@ -1,19 +1,15 @@
-// What only the stand-in has: VMs made at will, scopes, an order of listeners, and bounds of its
-// history.
+// What only the stand-in has: VMs made at will, a prompt, and bounds of its history.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "bedrock/usm/thisthread.hpp"
 #include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
-#include "kiroutils/EventDispatcher.hpp"
 #include "kiroutils/KiroBlockingOperation.hpp"
 #include "kiroutils/KiroTerminatingCondition.hpp"
 #include "kiroutils/Logger.hpp"
@@ -61,53 +57,6 @@ TEST(Tasks, ForThePromptDoNotRunInsideAWait) {
     EXPECT_EQ(ran, std::vector<std::string>{"idle"});
     EXPECT_EQ(kirohost::runPendingTasks(), 1U);
     EXPECT_EQ(ran.back(), "prompt");
-}
-
-TEST(Vm, DestroysItsStorageInItsOwnContextTheYoungestFirst) {
-    using bedrock::usm::thisthread::findOrInsert;
-    static std::vector<std::pair<int, std::uint64_t>> destroyed;
-    struct Older {
-        ~Older() { destroyed.emplace_back(1, graphics_util::getContextQCRID().value); }
-    };
-    struct Younger {
-        ~Younger() { destroyed.emplace_back(2, graphics_util::getContextQCRID().value); }
-    };
-    auto vm = std::make_unique<kirohost::Vm>();
-    const auto context = vm->context().value;
-    {
-        const auto binding = vm->bindThisThread();
-        (void)findOrInsert<Older>();
-        (void)findOrInsert<Younger>();
-    }
-    vm.reset();
-    EXPECT_EQ(destroyed, (std::vector<std::pair<int, std::uint64_t>>{{2, context}, {1, context}}));
-}
-
-TEST(Scopes, EndOnceAndAtOnceAlsoWhileObserversAreCalled) {
-    int calls = 0;
-    kirohost::Scope other;
-    kirohost::Scope moved = kirohost::observeLog([&other](const auto&) { other = {}; });
-    other = kirohost::observeLog([&calls](const auto&) { ++calls; });
-    const kirohost::Scope ending(std::move(moved));
-    kiroutils::Logger::instance().log("test", "text");
-    EXPECT_EQ(calls, 0);
-}
-
-TEST(Dispatcher, CallsInTheOrderOfRegistrationUpToAnException) {
-    kiroutils::EventDispatcher dispatcher;
-    std::vector<std::string> heard;
-    const auto hear = [&](const char* name, const char* who) {
-        return dispatcher.createListener(
-            name, [&heard, who](const auto&, const auto&) { heard.emplace_back(who); });
-    };
-    const auto a = hear("/g/*", "wide");
-    const auto b = hear("/g/x", "exact");
-    const auto c = hear("/*", "all");
-    const auto d = hear("/g/x", "last");
-    const auto thrower = dispatcher.createListener("/g/x", nullptr);
-    const auto unreached = hear("/g/x", "unreached");
-    EXPECT_THROW(dispatcher.send("/g/x", {}), std::bad_function_call);
-    EXPECT_EQ(heard, (std::vector<std::string>{"wide", "exact", "all", "last"}));
 }
 
 TEST(LogHistory, KeepsTheNewestWithinItsEntriesAndItsBytes) {
