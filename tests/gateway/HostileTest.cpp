@@ -16,6 +16,7 @@ using HostileTest = GatewayTest;
 
 TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
     fOptions.limits.messageSize = 1000;
+    fOptions.limits.namesPerFrame = 2;
     start();
     auto good = join();
     const std::pair<std::string, unsigned> frames[] = {
@@ -41,6 +42,7 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
         {true, 1, R"({"t":"hello","version":1})"},
         {true, 1, R"([{"t":"ack","last":1},7])"},
         {true, 1, R"({"t":"channel","number":17,"name":"/x"})"},
+        {true, 1, R"({"t":"subscribe","channels":["","",""]})"},
         {true, 2, "\1\1\21" + std::string(13, '\0')},  // no such channel
         {true, 2, "\1\1" + std::string(14, '\0')},     // nor this
         {true, 1, R"({"t":"channel","number":0,"name":"/x"})"},

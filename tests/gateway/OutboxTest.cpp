@@ -246,20 +246,6 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     EXPECT_EQ(fLost->used() + fMemory->used(), 0U);
 }
 
-TEST_F(OutboxTest, ForgetsTextsWhileOneIsBeingWritten) {
-    auto first = addBlock(9);
-    addText("a");
-    static_cast<void>(write());
-    addText(std::string(2000, 'b'));
-    addText("c");
-    auto second = addBlock(9);
-    const auto pending = fOutbox->pending();  // which somebody writes without a lock
-    const auto body = pending[1];
-    fOutbox->forgetTexts();
-    EXPECT_EQ(body, "/c\x1f" + std::string(2000, 'b'));
-    EXPECT_EQ(textsOf(write()), (Texts{"3 " + std::string(2000, 'b'), "block 4"}));
-}
-
 TEST(Pace, TellsASlowPageFromOneThatIsSentMuch) {
     Pace::TimePoint now{std::chrono::hours(1)};
     Pace pace{1000, std::chrono::seconds(10)};

@@ -230,19 +230,3 @@ TEST_F(PressureTest, ReadsLongFramesInTurnsAndNoFasterThanAgreed) {
     fGateway.reset();
     sender.join();
 }
-
-TEST_F(PressureTest, BoundsWhatAFrameNames) {
-    start();
-    auto good = join();
-    const auto namesOf = [](std::size_t count) {
-        std::string names = R"({"t":"subscribe","channels":["")";
-        for (std::size_t i = 1; i < count; ++i) names += ",\"\"";
-        return names + "]}";
-    };
-    auto page = join();
-    page.sendText(namesOf(1024));
-    settle(page);
-    page.sendText(namesOf(1300000));
-    EXPECT_EQ(page.readClose(), 4000U);
-    settle(good);
-}

@@ -301,20 +301,4 @@ TEST_F(BinarySend, ToleratesAStreamThatNeverAnswersOrAnswersWithAnError) {
     EXPECT_EQ(sender.use_count(), 1) << "nothing is held any more";
 }
 
-TEST_F(BinarySend, SendsNothingOfABlockThatIsTakenWhileItsCopyIsMade) {
-    static Promise* first;
-    auto payload = payloadOf({4});
-    payload.sendUsing(later(), kChannel);
-    first = &promises.front();
-    kiro::replaceAllocate([](std::size_t size) {
-        first->setValue({false, {}});
-        return std::malloc(size);
-    });
-    const auto second = std::make_shared<ScriptedSender>();
-    payload.sendUsing(second, kChannel);
-    kiro::replaceAllocate(nullptr);
-    EXPECT_EQ(published(), Lines{fallback("4 0")});
-    EXPECT_EQ(second->blocks.size(), 0U);
-}
-
 }  // namespace

@@ -194,19 +194,6 @@ TEST_F(Bootstrapping, WaitsForTheAnnouncementThatIsBeingHandledWhenDestroyed) {
     EXPECT_EQ(received().size(), kCommands);
 }
 
-TEST_F(Bootstrapping, StaysUsableWhenADirectSendThrows) {
-    const auto thrower = throwOn(command("boom"));
-    announce();
-    const LogCapture log("commandsender");
-    EXPECT_THROW(send("boom"), std::runtime_error);
-    EXPECT_THROW(send("boom"), std::runtime_error) << "the thread has been joined already";
-    EXPECT_EQ(log.size(), 0U) << "no new state";
-    sendBlockAsync(4);
-    client.awaitSize(3);
-    EXPECT_EQ(log.size(), 1U);
-    EXPECT_EQ(received(), (Lines{command("boom"), command("boom"), fallback("4 0")}));
-}
-
 TEST_F(Bootstrapping, KeepsItsQueueWhenThePublishThreadCannotBeMade) {
     send("a");
     withoutThreads([] { EXPECT_THROW(announce(R"({"useFastBinary":1})"), std::system_error); });

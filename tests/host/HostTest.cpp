@@ -1,4 +1,4 @@
-#include "relay/Relay.hpp"
+// What only the stand-in host does: blocks that nobody answers, its end, bounds of its history.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <future>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -15,6 +14,8 @@
 
 #include "Buffers.hpp"
 #include "kirohost/Controls.hpp"
+#include "kiroutils/Logger.hpp"
+#include "relay/Relay.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 #include "relay/message_service/MessageService.hpp"
@@ -28,51 +29,13 @@ using support::bytesOf;
 
 using Lines = std::vector<std::string>;
 
-std::shared_ptr<MessageService> makeService(const std::string& name = "test") {
+std::shared_ptr<MessageService> makeService() {
     relay::getRelay();
-    return createMessageService(name, {}).get();
+    return createMessageService("test", {}).get();
 }
 
 void publish(MessageService& service, const std::string& channel, const std::string& text) {
     (void)service.publish(channel, {channel, text.data(), text.size()});
-}
-
-std::string line(const JsonMessage& message) {
-    return message.channel + " " + std::string(message.json, message.length);
-}
-
-/// Writes down what it is handed.
-struct RecordingTransport final : relay::Transport {
-    void messagePublished(const relay::Publication& message) override {
-        lines.push_back(message.channel() + " " + std::string(message.text()));
-    }
-    Lines lines;
-};
-
-TEST(Transport, SeesTheOrderThatTheSubscribersSeeAndWhatOtherTransportsDeliver) {
-    const auto service = makeService();
-    const auto transport = std::make_shared<RecordingTransport>();
-    const auto other = std::make_shared<RecordingTransport>();
-    const auto link = relay::getRelay().attach(transport);
-    const auto otherLink = relay::getRelay().attach(other);
-    Lines heard;
-    const Handler hear = [&heard](const JsonMessage& message) { heard.push_back(line(message)); };
-    const auto subscription = service->subscribe("/order/*", hear).get();
-    const auto publishAll = [&service](const std::string& channel) {
-        for (int i = 0; i < 500; ++i) publish(*service, channel, std::to_string(i));
-    };
-    std::thread publisher(publishAll, "/order/a");
-    publishAll("/order/b");
-    publisher.join();
-    auto ticket = std::make_shared<int>();
-    const std::weak_ptr<int> underWay = ticket;
-    otherLink->deliver("/order/outside", std::make_shared<const std::string>("1"),
-                       std::move(ticket));
-    kirohost::waitForDelivery();
-    EXPECT_TRUE(underWay.expired());
-    EXPECT_EQ(heard.size(), 1001U);
-    EXPECT_EQ(transport->lines, heard);
-    EXPECT_EQ(other->lines.size(), 1000U) << "it does not hear itself";
 }
 
 TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
@@ -100,25 +63,6 @@ TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
             std::jthread leaver([&client] { client.reset(); });
         }
         EXPECT_EQ(answers, 4);
-    }
-}
-
-TEST(ClientEnd, MayAnswerInsideSendDropTheDeliveryThrowAndEndTheStream) {
-    std::shared_ptr<BinaryStream> stream = createBinaryStream("/in", {{"returnOnFail", "true"}});
-    std::optional<Delivery> kept;
-    const ClientEnd client("/in", [&stream, &kept](Delivery delivery) {
-        const auto what = bytesOf(delivery.block());
-        if (what == "deliver") return delivery.deliver();
-        if (what == "drop") return;
-        kept = std::move(delivery);
-        if (what == "throw") throw std::runtime_error(what);
-        stream.reset();
-        kept->deliver();
-    });
-    for (const char* what : {"deliver", "drop", "throw", "end"}) {
-        const auto result = stream->send(bufferOf(what)).get();
-        EXPECT_EQ(result.delivered, what == std::string("deliver"));
-        EXPECT_EQ(bytesOf(result.buffer), result.delivered ? "" : what);
     }
 }
 
@@ -183,6 +127,28 @@ TEST(OpenBlocks, CompleteWhenTheirClientEndOrTheirInterpreterGoes) {
 TEST(ProcessExit, WaitsForNoRunningHandler) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(exitWhileAHandlerWaitsForThisThread(), testing::ExitedWithCode(0), "");
+}
+
+TEST(LogHistory, KeepsTheNewestWithinItsEntriesAndItsBytes) {
+    auto& logger = kiroutils::Logger::instance();
+    const std::string name = "test/history";
+    logger.setHistoryEnabled(name, true, 3, false);
+    logger.setMaxHistoryBytes(8);
+    const std::pair<std::string, std::vector<std::string>> steps[] = {
+        {"aaaa", {"aaaa"}},
+        {"bbbb", {"aaaa", "bbbb"}},
+        {"c", {"bbbb", "c"}},
+        {"longer than all", {"longer than all"}},
+        {"", {""}},
+        {"d", {"", "d"}},
+        {"e", {"", "d", "e"}},
+        {"f", {"d", "e", "f"}}};
+    for (const auto& [text, kept] : steps) {
+        logger.log(name, text);
+        EXPECT_EQ(logger.history(name), kept) << text;
+    }
+    logger.setMaxHistoryBytes(std::size_t{16} << 20U);
+    logger.setHistoryEnabled(name, false, 0, false);
 }
 
 }  // namespace
