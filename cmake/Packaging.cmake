@@ -32,7 +32,16 @@ if(TARGET kiroweb_gateway)
     install(FILES ${_client_files} DESTINATION ${CMAKE_INSTALL_DATADIR}/kiroweb/client)
 endif()
 
-# A component as well, above the gateway.
+# Needs neither gateway nor library.
+if(TARGET kiroweb_recording)
+    install(TARGETS kiroweb_recording EXPORT kirowebrecordingTargets)
+    install(TARGETS kiroweb_record)
+    install(EXPORT kirowebrecordingTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
+    install(DIRECTORY recording/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+            FILES_MATCHING PATTERN "*.hpp")
+endif()
+
+# A component as well, above the gateway and the recording.
 if(TARGET kiroweb_figures)
     install(TARGETS kiroweb_figures EXPORT kirowebfiguresTargets)
     install(EXPORT kirowebfiguresTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
@@ -65,6 +74,9 @@ if(NOT KIROWEB_HOST_TARGET)
 endif()
 if(TARGET kiroweb_gateway)
     list(APPEND _pc_modules kirowebgateway)
+endif()
+if(TARGET kiroweb_recording)
+    list(APPEND _pc_modules kirowebrecording)
 endif()
 if(TARGET kiroweb_figures)
     list(APPEND _pc_modules kirowebfigures)

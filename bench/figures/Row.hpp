@@ -27,6 +27,8 @@ Measurement drawMeasurement();
 std::vector<Measurement> pictureMeasurements();
 Measurement firstPictureMeasurement();
 Measurement memoryMeasurement();
+Measurement zoomMeasurement();
+std::vector<Measurement> recordingMeasurements();
 
 void printRowHeading();
 void print(const Row& row);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <exception>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "../Program.hpp"
@@ -39,8 +40,10 @@ void measureApart(const bench::Measurement& measurement, bool quick) {
 void measure(const bench::Selection& selection) {
     auto all = bench::pictureMeasurements();
     all.push_back(bench::firstPictureMeasurement());
+    all.push_back(bench::zoomMeasurement());
     all.push_back(bench::memoryMeasurement());
     all.push_back(bench::drawMeasurement());
+    for (auto& one : bench::recordingMeasurements()) all.push_back(std::move(one));
     bench::printRowHeading();
     for (const auto& one : all) {
         if (selection.has(one.name)) measureApart(one, selection.quick);

@@ -6,6 +6,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <boost/json.hpp>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -20,6 +25,10 @@
 namespace bench {
 
 namespace {
+
+namespace beast = boost::beast;
+namespace json = boost::json;
+using boost::asio::ip::tcp;
 
 std::filesystem::path makeProfile() {
     auto name = (std::filesystem::temp_directory_path() / "kiroweb-bench-XXXXXX").string();
@@ -107,6 +116,25 @@ std::string Browser::open(const std::string& link) {
 }
 
 void Browser::close(const std::string& tab) { ask("GET /json/close/" + tab); }
+
+std::string Browser::evaluate(const std::string& tab, const std::string& expression) {
+    const auto port = portOf(fProfile);
+    boost::asio::io_context context;
+    beast::websocket::stream<tcp::socket> socket(context);
+    socket.next_layer().connect({boost::asio::ip::address_v4::loopback(), port});
+    socket.handshake("127.0.0.1:" + std::to_string(port), "/devtools/page/" + tab);
+    const json::object parameters{
+        {"expression", expression}, {"awaitPromise", true}, {"returnByValue", true}};
+    socket.write(boost::asio::buffer(json::serialize(
+        json::object{{"id", 1}, {"method", "Runtime.evaluate"}, {"params", parameters}})));
+    beast::flat_buffer buffer;
+    socket.read(buffer);
+    const auto answer = json::parse(beast::buffers_to_string(buffer.data()));
+    const auto* const value = answer.as_object().if_contains("result");
+    const bool isThrown = value == nullptr || value->as_object().contains("exceptionDetails");
+    if (isThrown) throw std::runtime_error(json::serialize(answer));
+    return json::serialize(value->at("result").at("value"));
+}
 
 Browser::~Browser() {
     ::kill(fProcess, SIGKILL);

@@ -21,6 +21,9 @@ class Browser {
     /// answer. Answers the tab's name.
     std::string open(const std::string& link);
     void close(const std::string& tab);
+    /// Runs `expression` in a tab and answers what it, or its promise, comes to, as JSON. Throws
+    /// `std::runtime_error` with what it throws. Any thread.
+    std::string evaluate(const std::string& tab, const std::string& expression);
 
     [[nodiscard]] pid_t process() const noexcept { return fProcess; }
 

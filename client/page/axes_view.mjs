@@ -217,6 +217,10 @@ export class AxesView {
         this.redraw();
     }
 
+    clearSelection() {
+        this.plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
+    }
+
     /** Whether the newest stretch is shown, as somebody wants it. */
     get isFollowing() {
         return this.view.x !== null && !Array.isArray(this.view.x);

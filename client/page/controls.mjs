@@ -12,6 +12,9 @@ import { numberText } from "./ticks.mjs";
  * @property {(value: number | undefined) => void} set
  */
 
+/** Milliseconds after somebody's last change for which a control is theirs: keys repeat. */
+const HANDS_STAY = 300;
+
 /** @param {ControlDescription} control @param {OnControl} onControl @returns {Shown} */
 function makeButton({ id, label }, onControl) {
     const click = () => onControl(id);
@@ -68,42 +71,92 @@ function makeChoice({ id, label, options = [] }, onControl) {
 
 const MAKERS = { button: makeButton, slider: makeSlider, number: makeNumber, choice: makeChoice };
 
+/** A control, and whose turn it is to say its value. */
+class Entry {
+    #shown;
+    #said;
+    #value;
+    /** Whether the engine has said a value that is not shown. */
+    #isDue = true;
+    /** Whether somebody has typed something that is not sent yet. */
+    #isEdited = false;
+    #timer = 0;
+
+    /** @param {ControlDescription} control @param {OnControl} onControl */
+    constructor(control, onControl) {
+        this.#said = control.said;
+        this.#value = control.value;
+        this.#shown = MAKERS[control.type](control, (id, value) => {
+            // The engine's answer is still to come.
+            this.#isDue = false;
+            onControl(id, value);
+        });
+        const { element } = this.#shown;
+        element.addEventListener("input", () => this.#touched(true));
+        element.addEventListener("change", () => this.#touched(false));
+        element.addEventListener("focusout", () => this.#touched(false));
+        this.#settle();
+    }
+
+    get element() {
+        return this.#shown.element;
+    }
+
+    /** @param {ControlDescription} control as the engine describes it now */
+    describe({ said, value }) {
+        if (said === this.#said) return;
+        this.#said = said;
+        this.#value = value;
+        this.#isDue = true;
+        if (this.#timer === 0) this.#settle();
+    }
+
+    /** @param {boolean} isEdited */
+    #touched(isEdited) {
+        this.#isEdited = isEdited;
+        clearTimeout(this.#timer);
+        this.#timer = window.setTimeout(() => this.#settle(), HANDS_STAY);
+    }
+
+    /** Shows what the engine has said, once nobody's hands are at it. */
+    #settle() {
+        this.#timer = 0;
+        if (!this.#isDue) return;
+        if (this.#isEdited || this.element.querySelector(":active")) {
+            this.#timer = window.setTimeout(() => this.#settle(), HANDS_STAY);
+            return;
+        }
+        this.#isDue = false;
+        this.#shown.set(this.#value);
+    }
+}
+
 /** A figure's controls. */
 export class Controls {
     element = make("div", { class: "controls", role: "group", "aria-label": "Controls" });
     #onControl;
     #key = "";
-    /** @type {Map<number, Shown & {value: number | undefined}>} */
-    #shown = new Map();
+    /** @type {Map<number, Entry>} */
+    #entries = new Map();
 
     /** @param {OnControl} onControl */
     constructor(onControl) {
         this.#onControl = onControl;
     }
 
-    /** A value is taken when the engine changes it: until the engine knows somebody's, it says the
-     * old one. @param {ControlDescription[]} controls */
+    /** @param {ControlDescription[]} controls */
     show(controls) {
         this.element.hidden = controls.length === 0;
-        const key = JSON.stringify(controls.map((control) => ({ ...control, value: 0 })));
+        const key = JSON.stringify(controls.map((one) => ({ ...one, value: 0, said: 0 })));
         if (key !== this.#key) this.#build(controls);
         this.#key = key;
-        for (const { id, value } of controls) {
-            const shown = this.#shown.get(id);
-            if (!shown || shown.value === value) continue;
-            shown.value = value;
-            shown.set(value);
-        }
+        for (const control of controls) this.#entries.get(control.id)?.describe(control);
     }
 
     /** @param {ControlDescription[]} controls */
     #build(controls) {
-        this.#shown.clear();
-        for (const control of controls) {
-            const shown = MAKERS[control.type](control, this.#onControl);
-            shown.set(control.value);
-            this.#shown.set(control.id, { ...shown, value: control.value });
-        }
-        this.element.replaceChildren(...[...this.#shown.values()].map(({ element }) => element));
+        const entries = controls.map((one) => new Entry(one, this.#onControl));
+        this.#entries = new Map(controls.map(({ id }, i) => [id, entries[i]]));
+        this.element.replaceChildren(...entries.map(({ element }) => element));
     }
 }

@@ -5,6 +5,7 @@ import { Controls } from "./controls.mjs";
 import { make, setText } from "./dom.mjs";
 import { placeAxes } from "./layout.mjs";
 import { showLegend } from "./legend.mjs";
+import { Watch } from "./stale.mjs";
 import { makeToolbar } from "./toolbar.mjs";
 
 /** @typedef {import("./messages.mjs").FigureDescription} FigureDescription */
@@ -27,6 +28,7 @@ export class FigureView {
     axes = new Map();
     element;
     heading = make("h2");
+    watch = new Watch();
     stale = make("p", { class: "stale", hidden: true });
     grid = make("div", { class: "grid" });
     #controls;

@@ -32,19 +32,32 @@ function withUnit(view, which, value) {
     return valueText(view, which, value) + space + unit;
 }
 
-/** What is said of an element, besides where the crosshair is. @param {AxesView} view
- * @param {Probed} probed @param {SeriesDescription} series */
-function elementText(view, { values }, { type, axis }) {
+/** What is said of an element. @param {AxesView} view @param {Probed} probed
+ * @param {SeriesDescription} series
+ * @param {boolean} [isAlone] without a crosshair that says where it is */
+function elementText(view, { values }, { type, axis }, isAlone = false) {
     const { x, y, z, low, high, value, minus, plus } = values;
-    if (z !== undefined) return numberText(z, 5);
+    const at = `${withUnit(view, "x", x)}, `;
+    if (z !== undefined) {
+        return (isAlone ? `${at + withUnit(view, axis, y)}: ` : "") + numberText(z, 5);
+    }
     const text = (/** @type {number} */ number) => withUnit(view, axis, number);
     const parts = [];
     if (value !== undefined) parts.push(`${numberText(value, 5)} at`);
-    if (type === "scatter" || value !== undefined) parts.push(`${withUnit(view, "x", x)},`);
+    if (isAlone || type === "scatter" || value !== undefined) parts.push(at.trim());
     if (low !== undefined) parts.push(`${text(low)} … ${text(high)}`);
     else parts.push(text(y));
     if (minus !== undefined) parts.push(`−${numberText(minus, 4)} +${numberText(plus, 4)}`);
     return parts.join(" ");
+}
+
+/** What is said of a picked element, or of the place where there was none.
+ * @param {AxesView} view @param {Probed | undefined} probed @param {{x: number, y: number}} place of
+ *   the data @returns {string} */
+export function pickedText(view, probed, { x, y }) {
+    const series = view.description.series.find(({ id }) => id === probed?.series);
+    if (!probed || !series) return `${withUnit(view, "x", x)}, ${withUnit(view, "y", y)}`;
+    return `${series.name || series.type} ${elementText(view, probed, series, true)}`;
 }
 
 /** Types that have a value for each x. */
@@ -143,16 +156,19 @@ export class Crosshair {
 
     async #update() {
         this.#isAsked = true;
-        while (this.#isStale && this.isShown) {
-            this.#isStale = false;
-            const { left = 0, top = -1 } = this.#view.plot.cursor;
-            const values = await this.#ask(left, top >= 0 ? top : null);
-            if (!this.isShown) break;
-            this.#show(values, { left, top });
-            // It has moved on: what lies there now is said instead.
-            if (!this.#isStale) this.#sayIt();
+        try {
+            while (this.#isStale && this.isShown) {
+                this.#isStale = false;
+                const { left = 0, top = -1 } = this.#view.plot.cursor;
+                const values = await this.#ask(left, top >= 0 ? top : null);
+                if (!this.isShown) break;
+                this.#show(values, { left, top });
+                // It has moved on: what lies there now is said instead.
+                if (!this.#isStale) this.#sayIt();
+            }
+        } finally {
+            this.#isAsked = false;
         }
-        this.#isAsked = false;
         if (!this.isShown) this.#hide();
     }
 

@@ -2,7 +2,8 @@
 
 import { copyText } from "./clipboard.mjs";
 import { listenToGestures, movedView, placeOf, selectedView, zoomedView } from "./gestures.mjs";
-import { Crosshair, valueText } from "./hover.mjs";
+import { Crosshair, pickedText, valueText } from "./hover.mjs";
+import { KeySelection } from "./key_selection.mjs";
 import { meaningOf, showKeys } from "./keys.mjs";
 import { homeView } from "./navigation.mjs";
 import { showSave } from "./save.mjs";
@@ -32,11 +33,13 @@ export class Interaction {
     #colors;
     #say;
     #pause;
-    /** @type {Map<AxesView, {figure: FigureView, crosshair: Crosshair}>} */
+    /** @type {Map<AxesView, {figure: FigureView, crosshair: Crosshair, selection: KeySelection}>} */
     #known = new Map();
     /** Where somebody is: the crosshairs of linked axes follow without a word.
      * @type {AxesView | null} */
     #active = null;
+    /** Whether the engine listens to keys: if not, they stay the browser's. */
+    engineListens = false;
     #wantsSay = "";
     #sayTimer = 0;
 
@@ -56,7 +59,8 @@ export class Interaction {
         const ask = (/** @type {number} */ x, /** @type {number | null} */ y) =>
             this.#probe(view, x, y, REACH);
         const crosshair = new Crosshair(view, ask, (text) => this.#saySoon(text));
-        this.#known.set(view, { figure, crosshair });
+        const selection = new KeySelection(view);
+        this.#known.set(view, { figure, crosshair, selection });
         const { element, chart } = view;
         chart.tabIndex = 0;
         chart.setAttribute("role", "application");
@@ -75,7 +79,11 @@ export class Interaction {
             nameIt();
         });
         element.addEventListener("pointerenter", isHere);
-        chart.addEventListener("blur", () => crosshair.leave());
+        chart.addEventListener("blur", () => {
+            selection.forget();
+            crosshair.leave();
+        });
+        chart.addEventListener("pointerdown", () => selection.forget());
         chart.addEventListener("dblclick", () => this.#look(view, homeView()));
         this.#listenToClicks(view);
         listenToGestures(view, (which, change) => this.#look(which, change));
@@ -88,7 +96,9 @@ export class Interaction {
 
     /** @param {AxesView} view */
     cursorMoved(view) {
-        this.#known.get(view)?.crosshair.refresh(view === this.#active);
+        const known = this.#known.get(view);
+        known?.crosshair.refresh(view === this.#active);
+        known?.selection.extend();
     }
 
     /** What lies at the crosshairs may be another now. */
@@ -101,8 +111,13 @@ export class Interaction {
     /** An area was selected. @param {AxesView} view */
     selected(view) {
         const change = selectedView(view);
-        if (!change) return;
-        view.plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
+        const selection = this.#known.get(view)?.selection;
+        if (!change) {
+            selection?.forget();
+            return;
+        }
+        selection?.end();
+        view.clearSelection();
         this.#look(view, change);
     }
 
@@ -114,7 +129,7 @@ export class Interaction {
         const meaning = meaningOf(event);
         if (meaning?.do === "help") showKeys();
         else if (meaning?.do === "pause") this.#pause();
-        else if (meaning?.do === "engine") {
+        else if (meaning?.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: null });
         } else return;
         event.preventDefault();
@@ -125,16 +140,14 @@ export class Interaction {
     act(figure, action, view = figure.current) {
         if (!view?.isLaidOut) return;
         const crosshair = this.#known.get(view)?.crosshair;
-        const at = crosshair?.place ?? { x: 0.5, y: 0.5 };
-        const zoom = (/** @type {number} */ factor) =>
-            this.#look(view, zoomedView(view, at, { x: factor, y: factor }, { x: true, y: true }));
-        if (action === "zoomIn") zoom(CLOSER);
-        else if (action === "zoomOut") zoom(1 / CLOSER);
+        const both = { x: true, y: true };
+        if (action === "zoomIn") this.#zoom(view, true, both);
+        else if (action === "zoomOut") this.#zoom(view, false, both);
         else if (action === "home") {
             for (const one of figure.axes.values()) if (!one.isHome) this.#look(one, homeView());
         } else if (action === "follow") this.#follow(view);
         else if (action === "copy") void this.#copy(view, crosshair?.text ?? "");
-        else if (action === "table") void showTable(this.#worker, view);
+        else if (action === "table") void showTable(this.#worker, figure, view);
         else if (action === "save") showSave(this.#worker, figure, view, this.#colors);
         else if (action === "full") this.#fullScreen(figure);
     }
@@ -144,17 +157,42 @@ export class Interaction {
         const known = this.#known.get(view);
         const meaning = meaningOf(event);
         if (!known || !meaning) return;
-        const { figure, crosshair } = known;
+        const { figure, crosshair, selection } = known;
         if (meaning.do === "crosshair") crosshair.move(meaning.x, meaning.y);
         else if (meaning.do === "move") this.#look(view, movedView(view, meaning));
+        else if (meaning.do === "zoom") this.#zoom(view, meaning.isCloser, meaning);
+        else if (meaning.do === "mark") this.#mark(view);
         else if (meaning.do === "pick") this.#pickAt(view, crosshair.place);
+        else if (meaning.do === "leave" && selection.isBegun) selection.forget();
         else if (meaning.do === "leave" && crosshair.isShown) crosshair.leave();
         else if (meaning.do === "leave") figure.element.classList.remove("full");
         else if (meaning.do === "action") this.act(figure, meaning.action, view);
-        else if (meaning.do === "engine") {
+        else if (meaning.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: view.description.id });
         } else return;
         event.preventDefault();
+    }
+
+    /** Around the crosshair. @param {AxesView} view @param {boolean} isCloser
+     * @param {{x: boolean, y: boolean}} about which axes */
+    #zoom(view, isCloser, about) {
+        const at = this.#known.get(view)?.crosshair.place ?? { x: 0.5, y: 0.5 };
+        const factor = isCloser ? CLOSER : 1 / CLOSER;
+        this.#look(view, zoomedView(view, at, { x: factor, y: factor }, about));
+    }
+
+    /** One corner of what is to be seen, and then the other one. @param {AxesView} view */
+    #mark(view) {
+        const known = this.#known.get(view);
+        if (!known) return;
+        const { crosshair, selection } = known;
+        if (selection.isBegun) {
+            this.selected(view);
+            return;
+        }
+        if (!crosshair.isShown) crosshair.move(0, 0);
+        selection.begin();
+        this.#say("Corner marked");
     }
 
     /** Shows the newest stretch, as wide as what is shown, or no more. @param {AxesView} view */
@@ -216,13 +254,15 @@ export class Interaction {
             .sort((a, b) => distance(a) - distance(b));
         const near = nearest && { series: nearest.series, index: nearest.index };
         this.#worker.post({ kind: "pick", axes: description.id, x, y, ...(near && { near }) });
-        const name = description.series.find(({ id }) => id === near?.series)?.name;
-        this.#say(`Picked ${name ?? ""} ${this.#known.get(view)?.crosshair.told?.at ?? ""}`);
+        // What the crosshair was about to say would take its place.
+        window.clearTimeout(this.#sayTimer);
+        this.#sayTimer = 0;
+        this.#say(`Picked ${pickedText(view, nearest, { x, y })}`);
     }
 
     /** @param {AxesView} view @param {string} text of the crosshair; empty: all that is seen */
     async #copy(view, text) {
-        const axes = view.description.id;
+        const axes = [view.description.id];
         await copyText(text || (await this.#worker.ask({ kind: "csv", axes })).text);
         this.#say("Copied");
     }

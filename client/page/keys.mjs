@@ -22,7 +22,8 @@ const BROWSERS =
 /**
  * @typedef {(
  *     | {do: "crosshair" | "move", x: number, y: number}
- *     | {do: "pick" | "leave" | "pause" | "help"}
+ *     | {do: "zoom", isCloser: boolean, x: boolean, y: boolean}
+ *     | {do: "pick" | "mark" | "leave" | "pause" | "help"}
  *     | {do: "action", action: string}
  *     | {do: "engine", key: string}
  *     | null
@@ -39,7 +40,11 @@ export function meaningOf({ key, shiftKey, ctrlKey, altKey, metaKey }) {
         const by = shiftKey ? FAR : STEP;
         return { do: shiftKey ? "move" : "crosshair", x: direction[0] * by, y: direction[1] * by };
     }
-    if (key === "Enter") return { do: "pick" };
+    if (key === "Enter") return { do: shiftKey ? "mark" : "pick" };
+    const axis = key.toLowerCase();
+    if (axis === "x" || axis === "y") {
+        return { do: "zoom", isCloser: !shiftKey, x: axis === "x", y: axis === "y" };
+    }
     if (key === "Escape") return { do: "leave" };
     if (key === " ") return { do: "pause" };
     if (key === "?") return { do: "help" };
@@ -47,12 +52,16 @@ export function meaningOf({ key, shiftKey, ctrlKey, altKey, metaKey }) {
     return action ? { do: "action", action } : { do: "engine", key };
 }
 
+// Not "+" with Shift or Alt for one axis: on many keyboards Shift is needed to write it.
 /** @type {[string, string][]} */
 const OTHERS = [
     ["Arrow keys", "Move the crosshair"],
     ["Shift + arrow keys", "Move the picture"],
+    ["x, Shift + x", "Zoom in, out: only x"],
+    ["y, Shift + y", "Zoom in, out: only y"],
+    ["Shift + Enter", "Mark a corner at the crosshair; again: zoom into what lies between"],
     ["Enter", "Pick what is at the crosshair"],
-    ["Escape", "Put the crosshair away, close"],
+    ["Escape", "Forget the corner, put the crosshair away, close"],
     ["Space", "Pause, and live again"],
     ["?", "These keys"],
 ];
@@ -86,7 +95,7 @@ export function showKeys() {
     const note = make(
         "p",
         {},
-        "They hold where a figure’s axes have the focus. Other keys go to the engine.",
+        "They hold where a figure’s axes have the focus. Other keys go to an engine that listens to them.",
     );
     dialog.append(
         note,

@@ -1,4 +1,6 @@
-// The legend of axes: a button for each named series, which hides and shows it.
+// The legend of axes: a button for each named series, which hides and shows it. uPlot's legend is a
+// table of series that uPlot draws, which it does not here, and its cells take the mouse only: no key
+// reaches them, and no screen reader is told that they can be pressed and whether they are.
 
 import { make } from "./dom.mjs";
 

@@ -7,7 +7,7 @@ import { FigureView } from "./figure_view.mjs";
 import { Interaction } from "./interaction.mjs";
 import { showKeys } from "./keys.mjs";
 import { gridOf } from "./layout.mjs";
-import { Watch, staleText } from "./stale.mjs";
+import { staleText } from "./stale.mjs";
 import { StatusBar } from "./status_bar.mjs";
 import { Colors } from "./theme.mjs";
 import { WorkerLink } from "./worker_link.mjs";
@@ -39,7 +39,6 @@ class Page {
     #root = byId("figures");
     #empty = /** @type {Element} */ (this.#root.firstElementChild);
     #colors = new Colors();
-    #watch = new Watch();
     #charts = new ResizeObserver(() => this.#fit());
     /** Whether axes have got another size since they were aligned. */
     #isUneven = false;
@@ -187,12 +186,13 @@ class Page {
     #takeStatistics(statistics) {
         this.statistics = statistics;
         this.status.showStatistics(statistics);
-        this.#watch.heard(statistics.news, statistics.frame);
+        for (const id of statistics.changed) this.figures.get(id)?.watch.heard(statistics.news);
     }
 
     /** What goes wrong with a scene does not keep the worker from drawing it.
      * @param {Extract<ToMain, {kind: "scene"}>} scene */
-    #takeScene({ stamp, figures }) {
+    #takeScene({ stamp, keys, figures }) {
+        this.interaction.engineListens = keys;
         try {
             this.#show(figures);
         } finally {
@@ -344,8 +344,9 @@ class Page {
 
     #showStale() {
         const now = Date.now();
-        const since = this.#isPaused ? null : this.#watch.staleSince(now, this.#isLive);
-        for (const { element, stale } of this.figures.values()) {
+        const last = this.#isPaused ? 0 : (this.statistics?.news ?? 0);
+        for (const { element, stale, watch } of this.figures.values()) {
+            const since = watch.staleSince(now, this.#isLive, last);
             element.classList.toggle("is-stale", since !== null);
             stale.hidden = since === null;
             stale.textContent = since === null ? "" : staleText(since, now);

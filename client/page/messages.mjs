@@ -59,6 +59,7 @@
  * @property {number | null} [step]
  * @property {number} [value]
  * @property {string[]} [options]
+ * @property {number} said another number whenever the engine has said the value
  */
 
 /**
@@ -93,8 +94,8 @@
  *     | {kind: "pick", axes: number, x: number, y: number, near?: {series: number, index: number}}
  *     | {kind: "key", key: string, axes: number | null}
  *     | {kind: "control", id: number, value?: number}
- *     | {kind: "csv", id: number, axes: number}
- *     | {kind: "table", id: number, axes: number, rows: number}
+ *     | {kind: "csv", id: number, axes: number[]}
+ *     | {kind: "table", id: number, axes: number[], rows: number}
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
  *     | {kind: "report", text: string}
@@ -112,7 +113,8 @@
  * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
  * - `pick`, of the data, `key` and `control` go to the engine.
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
- * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen.
+ * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
+ *   one axes each row names its own.
  */
 
 /** @typedef {{ground: string, text: string, dark: boolean}} Theme colours as "#rrggbb" */
@@ -133,29 +135,35 @@
  *     | {kind: "ask", id: number, what: "token" | "served"}
  *     | {kind: "state", name: string, reason: string}
  *     | {kind: "hello", configuration: Record<string, any>, known: boolean}
- *     | {kind: "scene", stamp: number, figures: FigureDescription[]}
+ *     | {kind: "scene", stamp: number, keys: boolean, figures: FigureDescription[]}
  *     | {kind: "frame", stamp: number, frame: number, limits: Record<number, Limits>,
  *        colors: Record<number, Range>}
  *     | {kind: "statistics", frames: number, flush: number, bytes: number, frame: number,
- *        news: number, outcomes: Record<string, number>}
+ *        news: number, changed: number[], outcomes: Record<string, number>}
  *     | {kind: "error", text: string}
  *     | {kind: "probed", id: number, values: Probed[]}
  *     | {kind: "csv", id: number, text: string}
- *     | {kind: "table", id: number, header: string[], rows: (number | string)[][]}
+ *     | {kind: "table", id: number, header: string[], rows: (number | string)[][],
+ *        total: number, step: number}
  *     | {kind: "vectors", id: number, width: number, height: number, svg: string}
- *     | {kind: "picture", id: number, bitmap: ImageBitmap}
+ *     | {kind: "picture", id: number, bitmap: ImageBitmap | null}
+ *     | {kind: "unanswered", id: number, text: string}
  * )} ToMain
  *
  * - `ask`: what only the main thread can find out: `Access.token()` and `Access.isServed()`.
  * - `hello`: the connection is live; "known": this page can read the engine's vocabulary.
- * - `scene`: everything but the data, whenever something of it has changed, at most once a frame.
+ * - `scene`: everything but the data, whenever something of it has changed, at most once a frame;
+ *   "keys": whether the engine listens to them.
  * - `frame`: what the canvases now show has these limits, by axes, and these limits of colours, by
  *   series; all that there are. Sent when one of them, or the scene, is another one than before.
  * - `statistics`, twice a second: frames painted since the last ones; the median of the
  *   microseconds from the engine's checkout of a token to its return, 0: none; bytes received
  *   altogether; the engine's number of the last frame; when something came last, as `Date.now()`
- *   says it, 0: nothing yet; how often each outcome was answered.
- * - An answer for axes that are not there is an empty one; for `picture` there is none.
+ *   says it, 0: nothing yet; the figures in which something is new since the last ones; how often
+ *   each outcome was answered.
+ * - An answer for axes that are not there is an empty one; for `picture` it is null.
+ * - `unanswered`: why a question has no answer.
+ * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.
  * - `vectors`: elements of SVG to be put into a group, in CSS pixels of the plotting area.
  */
 

@@ -1,6 +1,7 @@
 // Saving a figure: as SVG, as PNG, which is that SVG with pixels in place of shapes, and the values
 // that are seen as CSV.
 
+import { chosenAxes, makeAxesChoice } from "./axes_choice.mjs";
 import { make } from "./dom.mjs";
 import { fileName } from "./file_name.mjs";
 import { openDialog } from "./keys.mjs";
@@ -68,6 +69,8 @@ export async function pngOf(worker, figure, colors, how) {
     const context = /** @type {OffscreenCanvasRenderingContext2D} */ (canvas.getContext("2d"));
     context.drawImage(frame, 0, 0, canvas.width, canvas.height);
     for (const [view, { bitmap }] of pictures) {
+        // Axes that went meanwhile.
+        if (!bitmap) continue;
         const { left, top, width, height } = drawing.boxOf(view.plot.over);
         context.drawImage(bitmap, left * scale, top * scale, width * scale, height * scale);
         bitmap.close();
@@ -104,31 +107,31 @@ export function showSave(worker, figure, view, colors) {
             box("ground", "Ground"),
             make("label", {}, "Scale", make("select", { name: "scale" }, ...scales)),
         ),
+        make(
+            "fieldset",
+            { "data-for": "values", hidden: figure.axes.size < 2 },
+            make("legend", {}, "Values"),
+            make("label", {}, "Axes", makeAxesChoice(figure, view)),
+        ),
         make("button", { class: "main" }, "Save"),
     );
-    form.addEventListener(
-        "submit",
-        () => void save(worker, figure, view, colors, new FormData(form)),
-    );
+    form.addEventListener("submit", () => void save(worker, figure, colors, new FormData(form)));
     openDialog("Save").append(form);
 }
 
-/** @param {WorkerLink} worker @param {FigureView} figure @param {AxesView} view
+/** @param {WorkerLink} worker @param {FigureView} figure
  * @param {import("./theme.mjs").Colors} colors @param {FormData} form */
-async function save(worker, figure, view, colors, form) {
+async function save(worker, figure, colors, form) {
     const format = String(form.get("format"));
     const how = {
         title: form.has("title"),
         ground: form.has("ground"),
         scale: Number(form.get("scale")),
     };
-    const { title, id: axes } = view.description;
-    const name = fileName(
-        figure.description.title,
-        format === "csv" ? title : "",
-        new Date(),
-        format,
-    );
+    const axes = chosenAxes(String(form.get("axes")));
+    const only = format === "csv" && axes.length === 1 ? figure.axes.get(axes[0]) : null;
+    const title = only?.description.title ?? "";
+    const name = fileName(figure.description.title, title, new Date(), format);
     if (format === "csv") {
         const { text } = await worker.ask({ kind: "csv", axes });
         giveFile(new Blob([text], { type: "text/csv" }), name);

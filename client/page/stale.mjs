@@ -2,33 +2,36 @@
 
 /** Milliseconds without news, after which data are stale. */
 export const PATIENCE = 2000;
-/** So many frames have to have come one after the other for an engine to be due. */
+/** So many times there has to be something new, one soon after the other, for more to be due. */
 const REGULAR = 3;
 
-/** Whether an engine is due, from when its frames came. */
+/** Whether news of a figure are due, from when there were some. Moments are milliseconds. */
 export class Watch {
     #last = 0;
-    #frame = -1;
-    /** Frames that came one soon after the other. */
     #regular = 0;
 
-    /** Moments are milliseconds. @param {number} at when something came last; 0: never
-     * @param {number} frame the engine's number of the last frame */
-    heard(at, frame) {
-        if (at === 0 || at === this.#last) return;
-        // What is over when frames stop for a while is counted anew.
+    /** Something in the figure is new. @param {number} at */
+    heard(at) {
+        // What is over when nothing comes for a while is counted anew.
         if (at - this.#last > 2 * PATIENCE) this.#regular = 0;
-        if (frame !== this.#frame) ++this.#regular;
-        this.#frame = frame;
+        ++this.#regular;
         this.#last = at;
     }
 
-    /** Since when news are missing; null: they are not, or nobody expects any.
+    /** Whether more is to be expected. */
+    get isDue() {
+        return this.#regular >= REGULAR;
+    }
+
+    /** Since when news are missing; null: they are not, or nobody expects any. An engine that goes
+     * on says of the other figures that there is nothing new; without a connection nobody knows.
      * @param {number} now @param {boolean} isLive whether there is a connection
+     * @param {number} last when anything came from the engine; 0: never
      * @returns {number | null} */
-    staleSince(now, isLive) {
-        if (this.#last === 0 || now - this.#last <= PATIENCE) return null;
-        return !isLive || this.#regular >= REGULAR ? this.#last : null;
+    staleSince(now, isLive, last) {
+        if (last === 0 || now - last <= PATIENCE) return null;
+        if (!isLive) return last;
+        return this.isDue && last - this.#last <= PATIENCE ? this.#last : null;
     }
 }
 

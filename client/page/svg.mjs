@@ -2,6 +2,7 @@
 
 import { rampColors } from "./color_bar.mjs";
 import { FONT, LINE_HEIGHT, cutText, textWidth } from "./text_width.mjs";
+import { escapeXml } from "./xml.mjs";
 
 /** @typedef {import("./axes_view.mjs").AxesView} AxesView */
 /** @typedef {import("./figure_view.mjs").FigureView} FigureView */
@@ -22,17 +23,11 @@ const MIDDLE = { "text-anchor": "middle" };
 
 /** @typedef {Record<string, string | number>} Attributes */
 
-/** @type {Record<string, string>} */
-const ENTITIES = { "&": "&amp;", "<": "&lt;", ">": "&gt;", '"': "&quot;" };
-
-/** @param {string} content */
-const escaped = (content) => content.replace(/[&<>"]/g, (sign) => ENTITIES[sign]);
-
 /** @param {string} name @param {Attributes} attributes @param {string} [content] SVG */
 function tag(name, attributes, content = "") {
     const all = Object.entries(attributes).map(([key, value]) => {
         const shown = typeof value === "number" ? Math.round(value * 100) / 100 : value;
-        return ` ${key}="${escaped(String(shown))}"`;
+        return ` ${key}="${escapeXml(String(shown))}"`;
     });
     return `<${name}${all.join("")}${content === "" ? "/>" : `>${content}</${name}>`}`;
 }
@@ -40,7 +35,7 @@ function tag(name, attributes, content = "") {
 /** @param {number} x @param {number} y of its middle @param {string} content
  * @param {Attributes} [more] */
 function text(x, y, content, more = {}) {
-    return content === "" ? "" : tag("text", { x, y, dy: DROP, ...more }, escaped(content));
+    return content === "" ? "" : tag("text", { x, y, dy: DROP, ...more }, escapeXml(content));
 }
 
 /** @param {number} x1 @param {number} y1 @param {number} x2 @param {number} y2 @param {string} stroke */

@@ -11,7 +11,7 @@
 export class WorkerLink {
     #worker;
     #next = 0;
-    /** @type {Map<number, (answer: any) => void>} */
+    /** @type {Map<number, {answered: (answer: any) => void, failed: (error: Error) => void}>} */
     #asked = new Map();
 
     /** @param {string} url @param {(message: ToMain) => void} onMessage everything but answers
@@ -19,12 +19,18 @@ export class WorkerLink {
     constructor(url, onMessage, onError) {
         this.#worker = new Worker(url, { name: "figures" });
         this.#worker.onmessage = ({ data }) => {
-            const answered = data.kind !== "ask" && this.#asked.get(data.id);
-            if (!answered) return onMessage(data);
+            const question = data.kind !== "ask" && this.#asked.get(data.id);
+            if (!question) return onMessage(data);
             this.#asked.delete(data.id);
-            return answered(data);
+            if (data.kind === "unanswered") return question.failed(new Error(data.text));
+            return question.answered(data);
         };
-        this.#worker.onerror = (event) => onError(new Error(event.message ?? "the worker failed"));
+        this.#worker.onerror = (event) => {
+            const error = new Error(event.message ?? "the worker failed");
+            for (const { failed } of this.#asked.values()) failed(error);
+            this.#asked.clear();
+            onError(error);
+        };
     }
 
     /** @param {ToWorker} message @param {Transferable[]} [transfer] */
@@ -32,10 +38,11 @@ export class WorkerLink {
         this.#worker.postMessage(message, transfer);
     }
 
-    /** @param {Question<ToWorker>} question @returns {Promise<any>} the answer */
+    /** @param {Question<ToWorker>} question @returns {Promise<any>} the answer; fails when the worker
+     * does */
     ask(question) {
         const id = ++this.#next;
-        const answer = new Promise((resolve) => this.#asked.set(id, resolve));
+        const answer = new Promise((answered, failed) => this.#asked.set(id, { answered, failed }));
         this.post(/** @type {ToWorker} */ ({ ...question, id }));
         return answer;
     }

@@ -37,8 +37,7 @@ constexpr const char* kExamples = R"(Examples:
   monitor --headless --drop-token 5       every fifth token is lost
   monitor --headless --fail-block 3 --speed max
                                           every third block comes as text instead
-  monitor --headless --record figures.json --frames 1
-                                          what one frame consists of
+  monitor --record figures.mcap           what was on the screen, and when
 
 Exit status:
   0  every frame was drawn; with --headless everything arrived, in order and right, and
@@ -81,7 +80,7 @@ po::options_description fileOptions() {
         ("data", po::value<std::string>()->value_name("DIR"),
          "where the data files are (" MONITOR_DATA_DIR ")")  //
         ("record", po::value<std::string>()->value_name("FILE"),
-         "write the commands and blocks to FILE, one JSON text per line");
+         "record what the client gets, and what it answers, to FILE; docs/recording.md says how");
     return group;
 }
 
@@ -220,8 +219,8 @@ void readPage(const po::variables_map& map, Options& options) {
         }
         return;
     }
-    if (options.losesTokens() || options.failEvery != 0 || map.count("record") != 0) {
-        throw OptionError("--drop-token, --fail-block, --silent and --record need --headless, too");
+    if (options.losesTokens() || options.failEvery != 0) {
+        throw OptionError("--drop-token, --fail-block and --silent need --headless, too");
     }
     constexpr std::int64_t kMostPort = 65535;
     options.port = static_cast<std::uint16_t>(wholeNumber(map, "port", 0, kMostPort).value_or(0));

@@ -50,10 +50,12 @@ void requireWritable(const std::filesystem::path& file) {
     }
 }
 
-/// What the gateway logs has no line breaks, and comes at a bounded rate.
-kirohost::Scope sayWhatTheGatewayLogs() {
+/// What the gateway logs has no line breaks, and comes at a bounded rate; of a recording there is
+/// one line at most.
+kirohost::Scope sayWhatIsLogged() {
     return kirohost::observeLog([](const kirohost::LogRecord& record) {
         if (record.logger == "gateway") say("gateway: " + record.text);
+        if (record.logger == "recording") say(record.text);
     });
 }
 
@@ -68,7 +70,7 @@ void sayTimeout(const Options& options, const Timeout& timeout, const History& h
 }
 
 std::unique_ptr<kirofigures::Window> openWindow(const Options& options) {
-    auto window = windowOptions();
+    auto window = windowOptions(options);
     window.port = options.port;
     window.opensBrowser = options.opensBrowser;
     try {
@@ -121,14 +123,21 @@ class Ticking {
 
 }  // namespace
 
-kirofigures::WindowOptions windowOptions() {
+kirofigures::WindowOptions windowOptions(const Options& given) {
     kirofigures::WindowOptions options;
     options.title = "Monitor";
     options.printsLink = false;  // who prints it finds out whether that works
     // The host's time-out comes first.
     constexpr std::chrono::hours kYear(24 * 365);
     options.timeout = kYear;
+    if (given.record) options.recording = given.record->string();
     return options;
+}
+
+void requireRecording(const kirofigures::Window& window) {
+    const auto recording = window.recording();
+    if (recording.phase != kirofigures::RecordingState::Phase::kEnded) return;
+    throw std::runtime_error("the recording has ended: " + recording.cause);
 }
 
 bool runForPages(const Options& options) {
@@ -137,7 +146,7 @@ bool runForPages(const Options& options) {
     if (options.diagnostics) requireWritable(*options.diagnostics);
     configureHost(options);
     const History history;
-    const kirohost::Scope gatewayLog = sayWhatTheGatewayLogs();
+    const kirohost::Scope log = sayWhatIsLogged();
     const auto window = openWindow(options);
     const auto& gateway = *window->gateway();
     print(window->link() + '\n');
@@ -164,7 +173,10 @@ bool runForPages(const Options& options) {
         engine.run({options.frames, options.duration, options.speed, options.timeout});
     errors->end();
     print(summaryText(result) + '\n');
-    return isAllDrawn(options, result);
+    window->stopRecording();
+    // It has said so itself.
+    const bool isRecorded = window->recording().phase != kirofigures::RecordingState::Phase::kEnded;
+    return isAllDrawn(options, result) && isRecorded;
 }
 
 }  // namespace monitor

@@ -186,7 +186,7 @@ std::string tableText(const Run& run) {
     row(out, "tokens dropped", client.tokensDropped);
     row(out, "blocks failed", client.blocksFailed);
     row(out, "picks", client.picks);
-    if (run.options.record) row(out, "lines recorded", run.recordedLines);
+    if (run.options.record) row(out, "bytes recorded", run.recordedBytes);
     printWarnings(out, run);
     row(out, "missing", client.findings.missing());
     row(out, "out of order", client.findings.outOfOrder());

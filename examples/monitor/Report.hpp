@@ -24,7 +24,7 @@ struct Run {
     WarningLog::Counts warnings;
     std::uint64_t timeoutHooks = 0;  ///< calls of the host's time-out hook
     std::uint64_t errorsLogged = 0;  ///< by the host's services
-    std::uint64_t recordedLines = 0;
+    std::uint64_t recordedBytes = 0;
 };
 
 /// What is wrong with the run, a line each; none when everything is as it must be.

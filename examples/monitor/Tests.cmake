@@ -15,6 +15,7 @@ monitor_test(drop-token 60 --headless --speed max --frames 12 --drop-token 6)
 monitor_test(silent 60 --headless --speed max --silent)
 
 add_test(NAME monitor.record COMMAND ${CMAKE_COMMAND}
-    -DMONITOR=$<TARGET_FILE:monitor> -DFILE=${CMAKE_CURRENT_BINARY_DIR}/recorded.json
+    -DMONITOR=$<TARGET_FILE:monitor> -DRECORD=$<TARGET_FILE:kiroweb_record>
+    -DFILE=${CMAKE_CURRENT_BINARY_DIR}/recorded.mcap
     -P ${CMAKE_CURRENT_SOURCE_DIR}/ExpectRecord.cmake)
 set_tests_properties(monitor.record PROPERTIES LABELS "monitor" TIMEOUT 60)

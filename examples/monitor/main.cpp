@@ -13,7 +13,6 @@
 #include "Report.hpp"
 #include "WarningLog.hpp"
 #include "client/HeadlessClient.hpp"
-#include "client/Recorder.hpp"
 #include "client/ReferenceData.hpp"
 #include "engine/DataSet.hpp"
 #include "engine/Engine.hpp"
@@ -69,12 +68,12 @@ void queueTask(std::function<void()> task) {
 }
 
 void draw(kirofigures::Window& window, const engine::DataSet& data, client::HeadlessClient& page,
-          const client::Recorder* recorder, Run& run) {
+          Run& run) {
     Progress progress(run.options.frames);
     engine::TrafficCount traffic(window.sender());
     engine::Engine::Hooks hooks;
     hooks.frameOver = [&](const engine::EngineResult& soFar) {
-        if (recorder != nullptr) recorder->check();
+        requireRecording(window);
         run.traffic = traffic.upToNow();
         progress.frameOver(soFar.frames);
     };
@@ -97,8 +96,6 @@ void draw(kirofigures::Window& window, const engine::DataSet& data, client::Head
 Run runHeadless(const Options& options) {
     const engine::DataSet data = engine::readDataSet(options.data);
     const client::ReferenceData reference = client::readReferenceData(options.data.string());
-    std::optional<client::Recorder> recorder;
-    if (options.record) recorder.emplace(*options.record);
 
     Run run;
     run.options = options;
@@ -107,20 +104,21 @@ Run runHeadless(const Options& options) {
     configureHost(options, timeoutHooks);
     const WarningLog warnings;
     {
-        auto settings = windowOptions();
+        auto settings = windowOptions(options);
         settings.serves = false;
         settings.waitsForPage = false;
         kirofigures::Window window(std::move(settings));
         const auto& channels = window.channels();
         run.commandChannel = channels.commands;
-        client::Recorder* const lines = recorder ? &*recorder : nullptr;
-        client::HeadlessClient page(reference, run.script, channels, lines);
-        draw(window, data, page, lines, run);
+        client::HeadlessClient page(reference, run.script, channels);
+        draw(window, data, page, run);
+        window.stopRecording();
+        requireRecording(window);
+        run.recordedBytes = window.recording().bytes;
     }
     run.warnings = warnings.counts();
     run.timeoutHooks = *timeoutHooks;
     run.errorsLogged = warnings.errorsLogged();
-    if (recorder) run.recordedLines = recorder->lines();
     return run;
 }
 

@@ -17,6 +17,20 @@ namespace {
 /// Two frames are under way; what else is kept was said of others.
 constexpr std::size_t kMostReports = 16;
 
+/// The smaller, the more somebody has seen of the frame, or has to know.
+int rank(Outcome outcome) {
+    switch (outcome) {
+        case Outcome::kPainted:
+            return 0;
+        case Outcome::kFailed:
+            return 1;
+        case Outcome::kPaused:
+            return 2;
+        default:
+            return 3;
+    }
+}
+
 }  // namespace
 
 struct Contact::State {
@@ -27,13 +41,15 @@ struct Contact::State {
         waking.wake();
     }
     void take(PageEvent&& event);
+    /// Returns whether it is not the first of its frame.
+    bool add(FrameReport&& report) REQUIRES_LOCK(mutex);
     void add(InputEvent&& event) REQUIRES_LOCK(mutex);
 
     const Waking waking;
     std::atomic<std::uint64_t> arrivals = 0;
 
     mutable annotated::Mutex mutex;
-    std::deque<FrameReport> reports GUARDED_BY(mutex);
+    std::deque<Reports> reports GUARDED_BY(mutex);
     std::deque<InputEvent> events GUARDED_BY(mutex);
 };
 
@@ -41,16 +57,27 @@ void Contact::State::take(PageEvent&& event) {
     {
         const annotated::Lock lock(mutex);
         if (auto* const report = std::get_if<FrameReport>(&event)) {
-            if (reports.size() == kMostReports) reports.pop_front();
-            // Its token follows, and wakes whoever waits for it.
-            reports.push_back(std::move(*report));
+            // The token of the first follows, and wakes whoever waits for it.
+            if (!add(std::move(*report))) return;
+        } else if (auto* const input = std::get_if<InputEvent>(&event)) {
+            add(std::move(*input));
+        } else {
             return;
         }
-        auto* const input = std::get_if<InputEvent>(&event);
-        if (input == nullptr) return;
-        add(std::move(*input));
     }
     waking.wake();
+}
+
+bool Contact::State::add(FrameReport&& report) {
+    for (auto& [count, best] : reports) {
+        if (best->frame != report.frame || best->attempt != report.attempt) continue;
+        ++count;
+        if (rank(report.outcome) < rank(best->outcome)) best = std::move(report);
+        return true;
+    }
+    if (reports.size() == kMostReports) reports.pop_front();
+    reports.push_back({1, std::move(report)});
+    return false;
 }
 
 void Contact::State::add(InputEvent&& event) {
@@ -84,16 +111,13 @@ Contact::~Contact() = default;
 
 std::uint64_t Contact::arrivals() const noexcept { return fState->arrivals; }
 
-std::optional<FrameReport> Contact::takeReport(std::uint64_t frame, std::uint64_t attempt) {
+Contact::Reports Contact::reports(std::uint64_t frame, std::uint64_t attempt) const {
     const annotated::Lock lock(fState->mutex);
-    auto& reports = fState->reports;
-    const auto found = std::ranges::find_if(reports, [frame, attempt](const FrameReport& one) {
-        return one.frame == frame && one.attempt == attempt;
+    const auto& reports = fState->reports;
+    const auto found = std::ranges::find_if(reports, [frame, attempt](const Reports& one) {
+        return one.best->frame == frame && one.best->attempt == attempt;
     });
-    if (found == reports.end()) return {};
-    auto report = std::move(*found);
-    reports.erase(found);
-    return report;
+    return found == reports.end() ? Reports() : *found;
 }
 
 std::size_t Contact::numEvents() const {

@@ -28,8 +28,13 @@ class Contact {
 
     /// How many views have begun or returned: each of them knows nothing.
     [[nodiscard]] std::uint64_t arrivals() const noexcept;
-    /// What a page has said of that attempt at a frame: the first answer.
-    [[nodiscard]] std::optional<FrameReport> takeReport(std::uint64_t frame, std::uint64_t attempt);
+    /// What pages have said of an attempt at a frame.
+    struct Reports {
+        std::size_t count = 0;
+        /// That of the page that has shown most; nothing if none has said anything.
+        std::optional<FrameReport> best;
+    };
+    [[nodiscard]] Reports reports(std::uint64_t frame, std::uint64_t attempt) const;
     [[nodiscard]] std::size_t numEvents() const;
     /// The oldest one; nothing if there is none.
     [[nodiscard]] std::optional<InputEvent> takeEvent();

@@ -1,5 +1,6 @@
 #include "Frames.hpp"
 
+#include <algorithm>
 #include <utility>
 
 #include "checked/Require.hpp"
@@ -7,6 +8,19 @@
 #include "kiroutils/KiroTerminatingCondition.hpp"
 
 namespace kirofigures::detail {
+
+namespace {
+
+/// For how long a page that nobody sees leaves the word to the others: the time between frames of
+/// a page that is hardly moving.
+constexpr std::chrono::milliseconds kGrace(250);
+
+bool isSeen(const Contact::Reports& reports) {
+    return reports.best && reports.best->outcome != Outcome::kHidden &&
+           reports.best->outcome != Outcome::kPaused;
+}
+
+}  // namespace
 
 using kiroutils::KiroTerminatingCondition;
 
@@ -89,6 +103,7 @@ void Frames::send(Flight& flight) {
     fAttempts = flight.attempt;
     flight.requestor->sendACT();
     flight.isSent = true;
+    fMeans.recording.sent(fMeans.scene, fMeans.outlet, fMeans.surroundings.now());
 }
 
 void Frames::sendCommands(Flight& flight) {
@@ -96,7 +111,8 @@ void Frames::sendCommands(Flight& flight) {
     const auto arrivals = fMeans.contact.arrivals();
     const bool isWhole = !std::exchange(fArePagesCurrent, false) || arrivals != fArrivals;
     fArrivals = arrivals;
-    fMeans.outlet.beginFrame(flight.frame, ++flight.attempt, isWhole);
+    fMeans.recording.begin({flight.frame, ++flight.attempt, isWhole});
+    fMeans.outlet.beginFrame(flight.frame, flight.attempt, isWhole);
     fMeans.scene.send(fMeans.outlet, isWhole);
     fArePagesCurrent = true;
 }
@@ -117,8 +133,20 @@ Drawn Frames::awaitOldest() {
     }
 }
 
+Contact::Reports Frames::reportsOf(const Flight& flight) {
+    const auto& world = fMeans.surroundings;
+    const auto end = std::min(flight.deadline, world.now() + kGrace);
+    Contact::Reports reports;
+    waitUntil([this, &reports, &flight, &world, end] {
+        reports = fMeans.contact.reports(flight.frame, flight.attempt);
+        return reports.count == 0 || isSeen(reports) || reports.count >= world.numPages() ||
+               !fMeans.isOpen() || isNewToPage() || world.now() >= end;
+    });
+    return reports;
+}
+
 Drawn Frames::answered(const Flight& flight) {
-    auto report = fMeans.contact.takeReport(flight.frame, flight.attempt);
+    auto report = reportsOf(flight).best;
     if (report) return over(report->outcome, std::move(report->error));
     if (!flight.requestor->hasTimeStamps()) {
         return over(Outcome::kLate, fMeans.surroundings.lateCause());
@@ -129,6 +157,9 @@ Drawn Frames::answered(const Flight& flight) {
 Drawn Frames::over(Outcome outcome, std::string reason) {
     const Flight flight = fFlights.front();
     fFlights.pop_front();
+    // The stamps of a token that is late may be written just now.
+    fMeans.recording.over({flight.frame, flight.attempt}, outcome, reason,
+                          outcome == Outcome::kLate ? nullptr : flight.requestor);
     flight.requestor->discardAllTokens();
     return {outcome, flight.frame, std::move(reason)};
 }
@@ -137,7 +168,9 @@ Drawn Frames::nobodySees(std::uint64_t frame) {
     abandon();
     // A page that comes may hear what is sent before it has said that it is there.
     fArePagesCurrent = false;
-    return {fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted, frame, {}};
+    const Outcome outcome = fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted;
+    fMeans.recording.over({frame}, outcome, {}, nullptr);
+    return {outcome, frame, {}};
 }
 
 void Frames::abandon() {

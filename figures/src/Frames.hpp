@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Contact.hpp"
+#include "Recording.hpp"
 #include "Scene.hpp"
 #include "Surroundings.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
@@ -26,6 +27,7 @@ class Frames {
         Scene& scene;
         Outlet& outlet;
         Contact& contact;
+        Recording& recording;
         /// One for each frame that may be under way.
         Requestors requestors;
         Surroundings surroundings;
@@ -43,6 +45,8 @@ class Frames {
     [[nodiscard]] bool isRepeatDue() const;
     /// Sends everything that was drawn, and waits for nothing.
     void repeat();
+    /// The next one has everything, whatever pages have.
+    void beginAnew() noexcept { fArePagesCurrent = false; }
 
     [[nodiscard]] kiro::web::PubSubACTRequestor& requestor() const noexcept { return *fLatest; }
 
@@ -70,6 +74,9 @@ class Frames {
     Drawn awaitOldest();
     [[nodiscard]] Drawn over(Outcome outcome, std::string reason = {});
     [[nodiscard]] Drawn answered(const Flight& flight);
+    /// What pages have said of a frame whose token is back. The first page's word is the last one's
+    /// unless nobody sees that page: then the others are waited for, for a moment.
+    [[nodiscard]] Contact::Reports reportsOf(const Flight& flight);
     /// Gives all flights up, for no page is there or the window is closed.
     Drawn nobodySees(std::uint64_t frame);
     /// Gives all flights up. What they have sent is on its way all the same.

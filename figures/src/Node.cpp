@@ -29,8 +29,9 @@ Node::~Node() {
 }
 
 void Node::adopt(std::unique_ptr<Node> node) {
+    // Where there is no room for it, nothing of it stays.
+    node->touch();
     fChildren.push_back(std::move(node));
-    fChildren.back()->touch();
 }
 
 void Node::remove() {
@@ -56,6 +57,13 @@ void Node::put(const char* key, json::value value) {
     known.value = std::move(value);
     known.isSent = false;
     touch();
+}
+
+void Node::putAll(std::initializer_list<std::pair<const char*, std::int64_t>> numbers) {
+    for (const auto& [key, number] : numbers) property(key);
+    touch();
+    // From here on nothing is allocated.
+    for (const auto& [key, number] : numbers) put(key, number);
 }
 
 void Node::putKnown(const char* key, json::value value) {
@@ -101,7 +109,9 @@ void Node::refuse(const std::string& what) const {
 }
 
 void Node::touch() {
-    if (!std::exchange(fIsTouched, true)) fScene.touched(*this);
+    if (fIsTouched) return;
+    fScene.touched(*this);
+    fIsTouched = true;
 }
 
 void Node::prepareData(const Delta& delta) {
@@ -133,6 +143,15 @@ void Node::send(Outlet& outlet, bool isWhole) {
 void Node::sendWhole(Outlet& outlet) {
     if (fID != 0) send(outlet, true);
     for (const auto& child : fChildren) child->sendWhole(outlet);
+}
+
+void Node::sendSnapshot(Outlet& outlet) const {
+    if (fID != 0) {
+        const auto delta = fStore == nullptr ? std::nullopt : fStore->snapshot();
+        outlet.create(fID, fType, fParent == nullptr ? 0 : fParent->fID, fProperties);
+        if (delta) outlet.data(fID, *delta);
+    }
+    for (const auto& child : fChildren) child->sendSnapshot(outlet);
 }
 
 }  // namespace kirofigures::detail

@@ -2,9 +2,11 @@
 
 #include <boost/json/value.hpp>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Outlet.hpp"
@@ -49,6 +51,8 @@ class Node {
 
     /// Null: the default.
     void put(const char* key, boost::json::value value);
+    /// Several numbers: all of them, or none when it throws.
+    void putAll(std::initializer_list<std::pair<const char*, std::int64_t>> numbers);
     /// As `put`, of what pages know already.
     void putKnown(const char* key, boost::json::value value);
     /// Null if it was never put.
@@ -66,6 +70,8 @@ class Node {
     /// What has changed, or everything.
     void send(Outlet& outlet, bool isWhole);
     void sendWhole(Outlet& outlet);
+    /// See `Scene::sendSnapshot`.
+    void sendSnapshot(Outlet& outlet) const;
     void touch();
     [[nodiscard]] bool isKnown() const noexcept { return fIsKnown; }
 

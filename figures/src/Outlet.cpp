@@ -123,7 +123,10 @@ std::vector<std::vector<std::string>> columnsOf(const Delta& delta) {
 
 void Outlet::send(const char* command, JSONPayload&& payload) {
     payload.addDataToPayload("seq", static_cast<unsigned long>(fSequence + 1));
-    fSender->sendCommand(command, std::move(payload));
+    // As the sender does, which leaves it as it is then: a tap gets the same text.
+    payload.addDataToPayload("cmd", command);
+    if (fTap.isOpen()) fTap.command(payload.convertToString());
+    if (fSender != nullptr) fSender->sendCommand(command, std::move(payload));
     ++fSequence;
 }
 
@@ -132,6 +135,7 @@ void Outlet::beginFrame(std::uint64_t frame, std::uint64_t attempt, bool isWhole
     payload.addDataToPayload("frame", static_cast<unsigned long>(frame));
     payload.addDataToPayload("attempt", static_cast<unsigned long>(attempt));
     payload.addDataToPayload("whole", isWhole);
+    if (engineListensToKeys) payload.addDataToPayload("keys", true);
     send("beginFrame", std::move(payload));
 }
 
@@ -162,15 +166,22 @@ void Outlet::data(std::uint64_t id, const Delta& delta) {
     Delta ordered = delta;
     std::ranges::stable_sort(ordered.parts, {}, &typeOf);
     const DataID block = BinaryDataPayload::createID();
-    BinaryDataPayload blocks;
-    blocks.addDataToPayload(blockOf(block, ordered));
-    fSender->sendBinaryData(std::move(blocks));
+    auto bytes = blockOf(block, ordered);
+    if (fTap.isOpen()) fTap.block({bytes.data(), bytes.size()});
+    if (fSender != nullptr) {
+        BinaryDataPayload blocks;
+        blocks.addDataToPayload(std::move(bytes));
+        fSender->sendBinaryData(std::move(blocks));
+    }
     JSONPayload payload;
     payload.addDataToPayload("id", static_cast<unsigned long>(id));
     payload.addDataToPayload("data", block);
     payload.addDataToPayload("first", static_cast<unsigned long>(ordered.first));
     payload.addDataToPayload("count", static_cast<unsigned long>(ordered.count));
     payload.addDataToPayload("columns", columnsOf(ordered));
+    if (ordered.base != 0) {
+        payload.addDataToPayload("base", static_cast<unsigned long>(ordered.base));
+    }
     send("data", std::move(payload));
 }
 

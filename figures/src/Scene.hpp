@@ -23,6 +23,8 @@ class Scene {
     /// Sends what has changed, or everything. When it throws, pages may have had a part: the next
     /// one has to send everything.
     void send(Outlet& outlet, bool isWhole);
+    /// Everything, to somebody who is no page. REQUIRES: pages lack nothing.
+    void sendSnapshot(Outlet& outlet) const { fRoot.sendSnapshot(outlet); }
 
     // For the nodes.
     std::uint64_t enter(Node& node);

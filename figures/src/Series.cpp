@@ -43,10 +43,13 @@ void setImage(detail::Node& node, std::size_t rows, std::size_t columns,
                     " values each were given " + std::to_string(given));
     }
     auto& store = node.changeStore();
-    store.keep(given);  // all of it, however large
-    store.set({{"z", values}}, {});
-    node.put("rows", static_cast<std::int64_t>(rows));
-    node.put("columns", static_cast<std::int64_t>(columns));
+    detail::Store next;
+    next.keep(given);  // all of it, however large
+    next.set({{"z", values}}, {});
+    // What it throws leaves the image as it was, and its shape.
+    node.putAll({{"rows", static_cast<std::int64_t>(rows)},
+                 {"columns", static_cast<std::int64_t>(columns)}});
+    store = std::move(next);
 }
 
 }  // namespace

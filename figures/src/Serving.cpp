@@ -11,11 +11,8 @@ namespace json = boost::json;
 
 namespace {
 
-/// Where a page reports its script errors, whatever it is a page of.
-constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSErrors";
-
 std::string configuration(const WindowOptions& options, const Channels& channels) {
-    return json::serialize(json::object{{"vocabulary", "kirofigures/1"},
+    return json::serialize(json::object{{"vocabulary", kVocabulary},
                                         {"commands", channels.commands},
                                         {"blocks", channels.blocks},
                                         {"ready", channels.ready},
@@ -43,7 +40,7 @@ kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels
     gateway.keyFile = options.keyFile;
     gateway.extraHosts = options.extraHosts;
     gateway.extraOrigins = options.extraOrigins;
-    gateway.frameAncestors = options.embeddingOrigins;
+    gateway.frameAncestors = options.frameAncestors;
     if (!options.tokenFile.empty()) gateway.token = tokenFrom(options.tokenFile);
     gateway.limits.connections = options.pages + gateway.limits.unauthenticatedConnections;
     // A block that comes in pieces the page has to copy together. Most images are smaller than

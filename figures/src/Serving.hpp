@@ -7,6 +7,11 @@
 
 namespace kirofigures::detail {
 
+/// What commands and events are written in, see docs/figures.md.
+inline constexpr const char* kVocabulary = "kirofigures/1";
+/// Where a page reports its script errors, whatever it is a page of.
+inline constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSErrors";
+
 /// The gateway's options for a window's page. Throws as the constructor of `Window` does.
 [[nodiscard]] kirogateway::Options gatewayOptions(const WindowOptions& options,
                                                   const Channels& channels);

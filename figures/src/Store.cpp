@@ -145,6 +145,12 @@ std::optional<Delta> Store::delta(bool whole) const {
     return delta;
 }
 
+std::optional<Delta> Store::snapshot() const {
+    auto all = delta(true);
+    if (all) all->base = fDropped - fBase;
+    return all;
+}
+
 void Store::sent(const Delta& delta) noexcept {
     if (delta.first == 0) fBase = fDropped;
     fSent = fGiven;

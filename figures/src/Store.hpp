@@ -20,6 +20,7 @@ struct Delta {
     };
     std::uint64_t first = 0;  ///< 0: these are all
     std::size_t count = 0;
+    std::uint64_t base = 0;   ///< of a snapshot: how many were before these
     std::vector<Part> parts;  ///< views, good until the store changes
 };
 
@@ -52,6 +53,8 @@ class Store {
     [[nodiscard]] bool hasNews() const noexcept { return fIsReset || fSent != fGiven; }
     /// What pages lack, or everything (`whole`); nothing if that is nothing.
     [[nodiscard]] std::optional<Delta> delta(bool whole) const;
+    /// Everything, for whoever goes on with what pages are sent next. REQUIRES: pages lack nothing.
+    [[nodiscard]] std::optional<Delta> snapshot() const;
     /// Pages have had that delta.
     void sent(const Delta& delta) noexcept;
 

@@ -13,6 +13,8 @@ namespace kirofigures::detail {
 struct Surroundings {
     /// Whether pages were there and none is any more.
     std::function<bool()> isPageGone = [] { return false; };
+    /// How many pages are there.
+    std::function<std::size_t()> numPages = [] { return std::size_t{1}; };
     /// Why there is no answer, in a few words.
     std::function<std::string()> lateCause = [] { return "no answer"; };
     std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;

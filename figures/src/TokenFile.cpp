@@ -1,16 +1,16 @@
 #include "TokenFile.hpp"
 
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
+
+#include "secret/RandomHex.hpp"
 
 namespace kirofigures::detail {
 
@@ -38,26 +38,30 @@ class Descriptor {
     const int fNumber;
 };
 
-std::string newToken() {
-    std::array<unsigned char, kBytes> random{};
-    if (::getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
-        fail("getrandom");
-    }
-    constexpr std::string_view kHex = "0123456789abcdef";
-    std::string token;
-    for (const unsigned char byte : random) token += {kHex[byte >> 4U], kHex[byte & 0xfU]};
-    return token;
-}
-
-std::string written(const Descriptor& descriptor, const std::string& file) {
-    std::string token = newToken();
-    const std::string line = token + '\n';
-    if (::write(descriptor.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-        ::unlink(file.c_str());
+/// A file beside `file` that holds a new token and that nobody else knows; gone with this.
+class Draft {
+  public:
+    explicit Draft(const std::string& file) : fPath(file + ".XXXXXX") {
+        const std::string line = secret::randomHex(kBytes) + '\n';
+        // Readable for the owner only.
+        const Descriptor made(::mkostemp(fPath.data(), O_CLOEXEC));
+        if (made.get() < 0) fail("tokenFile: " + file + " cannot be made");
+        if (::write(made.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size())) {
+            return;
+        }
+        const int error = errno;
+        ::unlink(fPath.c_str());
+        errno = error;
         fail("tokenFile: " + file + " cannot be written");
     }
-    return token;
-}
+    ~Draft() { ::unlink(fPath.c_str()); }
+    Draft(const Draft&) = delete;
+    Draft& operator=(const Draft&) = delete;
+    [[nodiscard]] const std::string& path() const noexcept { return fPath; }
+
+  private:
+    std::string fPath;
+};
 
 std::string read(const Descriptor& descriptor, const std::string& file) {
     struct stat known {};
@@ -81,10 +85,13 @@ std::string read(const Descriptor& descriptor, const std::string& file) {
 }  // namespace
 
 std::string tokenFrom(const std::string& file) {
-    // Made by one process only, however many begin at once.
-    const Descriptor fresh(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (fresh.get() >= 0) return written(fresh, file);
-    if (errno != EEXIST) fail("tokenFile: " + file + " cannot be made");
+    if (::access(file.c_str(), F_OK) != 0) {
+        const Draft draft(file);
+        // Of several processes that begin at once one wins; a file that is there is a whole one.
+        if (::link(draft.path().c_str(), file.c_str()) != 0 && errno != EEXIST) {
+            fail("tokenFile: " + file + " cannot be made");
+        }
+    }
     const Descriptor known(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (known.get() < 0) fail("tokenFile: " + file + " cannot be read");
     return read(known, file);

@@ -12,6 +12,7 @@
 #include "Contact.hpp"
 #include "Frames.hpp"
 #include "Place.hpp"
+#include "Recording.hpp"
 #include "Scene.hpp"
 #include "Serving.hpp"
 #include "Signals.hpp"
@@ -124,6 +125,7 @@ struct Window::Impl {
     const std::shared_ptr<kiro::web::CommandSenderInterface> sender;
     const std::shared_ptr<kiro::web::ConnectionStatus> status;
     Contact contact;
+    Recording recording;
     Outlet outlet;
     Scene scene;
     const Surroundings surroundings;
@@ -144,9 +146,12 @@ Window::Impl::Impl(WindowOptions given, const Surroundings* others)
       sender(makeSender(channels)),
       status(std::make_shared<kiro::web::ConnectionStatus>(channels.reconnect, channels.newView)),
       contact(channels, waking),
-      outlet(sender),
+      recording(channels, options.title),
+      outlet(sender, recording),
       surroundings(others == nullptr ? ownSurroundings() : *others),
       frames(means()) {
+    // First, so that a file that cannot be made is found before anybody is shown a link.
+    if (!options.recording.empty()) recording.start(options.recording, options.recordingQueue);
     if (options.serves && others == nullptr) serve();
 }
 
@@ -154,6 +159,7 @@ Surroundings Window::Impl::ownSurroundings() {
     Surroundings own;
     if (!options.serves) return own;
     own.isPageGone = [this] { return gateway != nullptr && gateway->lastPageGone(); };
+    own.numPages = [this] { return gateway->statistics().pages; };
     own.lateCause = [this] {
         return lateCause(sender->queryCommandSenderReadyStatus(), gateway->diagnostics());
     };
@@ -169,6 +175,7 @@ Frames::Means Window::Impl::means() {
     return {scene,
             outlet,
             contact,
+            recording,
             std::move(requestors),
             surroundings,
             [this] { return isOpen(); },
@@ -305,7 +312,19 @@ std::string Window::link() const {
     return fImpl->gateway == nullptr ? std::string() : fImpl->gateway->link();
 }
 
-void Window::onKey(std::function<void(const Key&)> callback) { fImpl->onKey = std::move(callback); }
+void Window::record(const std::string& path) {
+    fImpl->recording.start(path, fImpl->options.recordingQueue);
+    fImpl->frames.beginAnew();
+}
+
+void Window::stopRecording() noexcept { fImpl->recording.stop(); }
+
+RecordingState Window::recording() const { return fImpl->recording.state(); }
+
+void Window::onKey(std::function<void(const Key&)> callback) {
+    fImpl->outlet.engineListensToKeys = callback != nullptr;
+    fImpl->onKey = std::move(callback);
+}
 
 const std::shared_ptr<kiro::web::CommandSenderInterface>& Window::sender() const noexcept {
     return fImpl->sender;

@@ -30,7 +30,10 @@ std::vector<std::string> hostsOf(const Options& options, std::uint16_t port) {
         hosts.push_back(name + ":" + std::to_string(port));
         if (isDefaultPort) hosts.push_back(name);
     }
-    hosts.insert(hosts.end(), options.extraHosts.begin(), options.extraHosts.end());
+    // Nobody reaches all addresses at once by one: links name the host that was given instead.
+    const bool isAll = options.address == "0.0.0.0" || options.address == "::";
+    hosts.insert(isAll ? hosts.begin() : hosts.end(), options.extraHosts.begin(),
+                 options.extraHosts.end());
     return hosts;
 }
 

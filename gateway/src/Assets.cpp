@@ -1,7 +1,7 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -38,13 +38,15 @@ std::string typeOf(const std::string& file) {
 
 Asset loadAsset(const std::string& name, const std::string& file) {
     auto type = typeOf(file);
+    // Where the stream's buffer throws, for a folder, the stream says so with the others.
+    std::ostringstream body;
     std::ifstream input(file, std::ios::binary);
-    std::string body{std::istreambuf_iterator<char>(input), {}};
-    if (!input.good() && !input.eof()) {
+    if (input.peek() != std::ifstream::traits_type::eof()) body << input.rdbuf();
+    if (input.bad() || !(input.good() || input.eof())) {
         throw std::system_error(errno, std::generic_category(),
                                 "asset " + file + " cannot be read");
     }
-    return {name, std::move(type), std::move(body)};
+    return {name, std::move(type), std::move(body).str()};
 }
 
 }  // namespace kirogateway

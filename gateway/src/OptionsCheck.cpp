@@ -62,6 +62,8 @@ static_assert(sizeof(Limits) == std::size(kSizes) * sizeof(std::size_t) +
 constexpr milliseconds kLongest = std::chrono::hours(24 * 366);
 /// The parser of requests counts a header's bytes in 32 bits.
 constexpr std::size_t kLargestHeader = 0xffff'ffff;
+/// Each view that ends looks through the others.
+constexpr std::size_t kMostLostViews = 10'000;
 
 [[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument(what); }
 
@@ -76,6 +78,9 @@ void checkLimits(const Limits& limits) {
         if (value.count() > 0 && value <= kLongest) continue;
         refuse("limits."s + name + " is " + std::to_string(value.count()) +
                " ms: it has to be from 1 ms to a year");
+    }
+    if (limits.lostViews > kMostLostViews) {
+        refuse("limits.lostViews: it has to be at most " + std::to_string(kMostLostViews));
     }
     if (limits.headerSize > kLargestHeader) refuse("limits.headerSize: it has to be below 4 GiB");
 }

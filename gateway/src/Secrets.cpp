@@ -1,11 +1,9 @@
 #include "Secrets.hpp"
 
-#include <sys/random.h>
-
-#include <cerrno>
 #include <cstddef>
-#include <system_error>
 #include <utility>
+
+#include "secret/RandomHex.hpp"
 
 namespace kirogateway {
 namespace {
@@ -15,24 +13,6 @@ constexpr std::size_t kSecretBytes = 32;
 constexpr std::size_t kMaxCodes = 16;
 
 }  // namespace
-
-std::string randomHex(std::size_t bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string random(bytes, '\0');
-    for (std::size_t done = 0; done < bytes;) {
-        const auto got = ::getrandom(random.data() + done, bytes - done, 0);
-        if (got < 0 && errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "getrandom");
-        }
-        if (got > 0) done += static_cast<std::size_t>(got);
-    }
-    std::string text;
-    for (const char byte : random) {
-        text += kDigits[static_cast<unsigned char>(byte) >> 4U];
-        text += kDigits[static_cast<unsigned char>(byte) & 0xfU];
-    }
-    return text;
-}
 
 bool isSecret(std::string_view given, std::string_view secret) noexcept {
     unsigned difference = given.size() == secret.size() ? 0 : 1;
@@ -46,10 +26,11 @@ bool isSecret(std::string_view given, std::string_view secret) noexcept {
 }
 
 Secrets::Secrets(std::chrono::milliseconds codeLife, std::string token)
-    : fCodeLife(codeLife), fToken(token.empty() ? randomHex(kSecretBytes) : std::move(token)) {}
+    : fCodeLife(codeLife),
+      fToken(token.empty() ? secret::randomHex(kSecretBytes) : std::move(token)) {}
 
 std::string Secrets::makeCode(TimePoint now) {
-    auto code = randomHex(kSecretBytes);
+    auto code = secret::randomHex(kSecretBytes);
     annotated::Lock lock(fMutex);
     if (fCodes.size() == kMaxCodes) fCodes.erase(fCodes.begin());
     fCodes.push_back({code, now + fCodeLife});

@@ -9,9 +9,6 @@
 
 namespace kirogateway {
 
-/// `bytes` random bytes of the operating system's, in hexadecimal. Throws std::system_error.
-[[nodiscard]] std::string randomHex(std::size_t bytes);
-
 /// Compares in a time that depends on the length of `given` only.
 [[nodiscard]] bool isSecret(std::string_view given, std::string_view secret) noexcept;
 

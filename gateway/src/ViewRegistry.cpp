@@ -11,6 +11,7 @@
 #include "WebSocketFrame.hpp"
 #include "kiroutils/Logger.hpp"
 #include "records/EventRecord.hpp"
+#include "secret/RandomHex.hpp"
 #include "text/Escape.hpp"
 
 namespace kirogateway {
@@ -145,7 +146,7 @@ std::string ViewRegistry::endedText(const std::string& name) const {
 std::shared_ptr<View> ViewRegistry::begin(const wire::Hello& hello, Arrival& arrival,
                                           TimePoint now) {
     // What may fail comes first.
-    View::Identity identity{randomHex(kViewBytes), fViewCount + 1, hello.client};
+    View::Identity identity{secret::randomHex(kViewBytes), fViewCount + 1, hello.client};
     const auto kind = identity.count > 1 ? wire::ViewKind::kFurther : wire::ViewKind::kFirst;
     auto prepared = prepare(hello, {identity.name, kind, 1, {}, {}, {}, endedText(hello.view)}, {});
     auto view =

@@ -23,7 +23,7 @@ async function start(context) {
         engine.create(2, "axes", 1, axes);
         engine.create(LINE, "line", 2, { name: "fall", color: "#d00000" });
         engine.create(4, "line", 2, { name: "flight", color: "#0000d0" });
-        engine.create(5, "axes", 1, axes);
+        engine.create(5, "axes", 1, { ...axes, title: "Ca\u0002lm" });
         engine.create(6, "line", 5, { name: "other" });
         engine.create(10, "figure", 0, { title: "Map" });
         engine.create(11, "axes", 10, {
@@ -111,6 +111,34 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
     await page.locator("#said", { hasText: /time 7 s; fall 7 m; flight 51 m/ }).waitFor();
     await page.keyboard.press("Escape");
     await page.locator(".tip").first().waitFor({ state: "hidden" });
+    const zooms = [
+        ["x", [1, 9], [0, 100]],
+        ["Shift+x", [0, 10], [0, 100]],
+        ["y", [0, 10], [10, 90]],
+        ["0", [0, 10], [0, 100]],
+    ];
+    const isShown = async (across, up) => {
+        await engine.untilShown(2, "x", across);
+        await engine.untilShown(2, "y", up);
+    };
+    for (const [key, ...limits] of zooms) {
+        await page.keyboard.press(key);
+        await isShown(...limits);
+    }
+    // A range from the middle; first one that is forgotten, then one along x, and one along both.
+    const select = (...keys) =>
+        keys.reduce(
+            (before, key) => before.then(() => page.keyboard.press(key)),
+            page.keyboard.press("Shift+Enter"),
+        );
+    const right = Array(10).fill("ArrowRight");
+    await select(...right, "Escape", "Escape");
+    await select(...right, "Shift+Enter");
+    await isShown([5, 7], [0, 100]);
+    await select(...Array(10).fill("ArrowDown"), "ArrowLeft", "Shift+Enter");
+    await isShown([6.36, 6.4], [30, 50]);
+    await page.keyboard.press("0");
+    await isShown([0, 10], [0, 100]);
     const name = await page.locator(".chart").first().getAttribute("aria-label");
     assert.match(
         name,
@@ -124,24 +152,46 @@ test("A click and a key pick what is near; controls say their values", async () 
     await page.mouse.click(...(await place(2, 0.505, 0.75)));
     const { axes, x: across, series, index } = await engine.event("pick");
     assert.deepEqual([axes, series, index, Math.round(across)], [11, POINTS, 1, 2]);
+    await page.locator("#said", { hasText: /^Picked places 2, 3$/ }).waitFor();
     await page.mouse.click(...(await place(2, 0.9, 0.1)));
     assert.equal((await engine.event("pick")).series, undefined);
     await page.mouse.move(1, 1);
     await page.locator(".chart").nth(2).press("ArrowRight");
     await page.keyboard.press("Enter");
     assert.ok(Math.abs((await engine.event("pick")).x - 2.08) < 0.02);
+    // Keys that nobody wants are the browser's.
+    await page.evaluate(() =>
+        addEventListener("keydown", (event) => (globalThis.isTaken = event.defaultPrevented)),
+    );
+    await page.keyboard.press("z");
+    assert.equal(await page.evaluate(() => globalThis.isTaken), false);
+    engine.listens = true;
+    await engine.frame(() => engine.data(13, { x, y: x }));
     await page.keyboard.press("q");
     assert.deepEqual(await engine.event("key"), { event: "key", key: "q", axes: 11 });
+    assert.equal(await page.evaluate(() => globalThis.isTaken), true);
     await page.getByRole("slider", { name: "Gain" }).press("ArrowRight");
     assert.deepEqual(await engine.event("control"), { event: "control", id: 20, value: 0.75 });
     await page.getByRole("combobox", { name: "Kind" }).selectOption("two");
     assert.deepEqual(await engine.event("control"), { event: "control", id: 21, value: 1 });
-    // What the engine says of something else does not put the slider back; a value of its own does.
-    const gain = () => page.getByRole("slider", { name: "Gain" }).inputValue();
+    // What the engine says of something else does not put the slider back; a value of its own does,
+    // also the same one again, but not while somebody holds it.
+    const slider = page.getByRole("slider", { name: "Gain" });
+    const isGain = (value) =>
+        page.waitForFunction(
+            (wanted) => document.querySelector("[type=range]").value === wanted,
+            value,
+        );
     await engine.frame(() => engine.say("set", { id: 1, title: "Else" }));
-    assert.equal(await gain(), "0.75");
-    await engine.frame(() => engine.say("set", { id: 20, value: 0.25 }));
-    assert.equal(await gain(), "0.25");
+    assert.equal(await slider.inputValue(), "0.75");
+    await engine.frame(() => engine.say("set", { id: 20, value: 0.5 }));
+    await isGain("0.5");
+    await slider.hover();
+    await page.mouse.down();
+    await engine.frame(() => engine.say("set", { id: 20, value: 1 }));
+    assert.equal(await slider.inputValue(), "0.5");
+    await page.mouse.up();
+    await isGain("1");
     await assertClean(page);
 });
 
@@ -168,8 +218,14 @@ test("The legend hides series, pausing holds the picture, and what is late looks
     assert.equal(await page.locator("h2").nth(1).textContent(), "Map");
     await page.keyboard.press(" ");
     await page.locator("h2", { hasText: "New" }).waitFor();
-    for (let i = 0; i < 4; ++i) await engine.frame(() => engine.data(LINE, { x, y: x }));
+    // Of the map there never was anything more to come.
+    const isDue = () => [...kirowebPage.figures.values()][0].watch.isDue;
+    while (!(await page.evaluate(isDue))) {
+        await engine.frame(() => engine.data(LINE, { x, y: x }));
+    }
     assert.equal(await page.locator(".is-stale").count(), 0);
+    await page.locator(".is-stale", { hasText: /^A parabola/ }).waitFor();
+    assert.equal(await page.locator(".is-stale").count(), 1);
     await engine.stop();
     await page
         .locator(".is-stale .stale", { hasText: /^No news since \d+:\d+:\d+/ })
@@ -194,9 +250,11 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
-    assert.match(svg, /stroke="#d00000"/);
+    assert.match(svg, /stroke="#d00000".*>Ca lm</s);
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
+    await page.locator("dialog select").selectOption("All axes");
+    await page.getByRole("columnheader", { name: "axes" }).waitFor({ state: "attached" });
     await page
         .getByRole("cell", { name: "99.8", exact: false })
         .first()

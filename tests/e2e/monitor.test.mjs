@@ -71,7 +71,8 @@ test("A place picked by mouse or keyboard is named in the next frame", async () 
         const handle = await page.waitForFunction(async (old) => {
             const [axes] = [...kirowebPage.figures.values()][1].axes.keys();
             const { svg } = await kirowebPage.worker.ask({ kind: "vectors", axes });
-            const [, named] = svg.match(/>(M [^<]*)</g);
+            // Each text stands there twice, its rim first.
+            const [, , named] = svg.match(/>(M [^<]*)</g);
             return named !== old && named;
         }, before);
         return handle.jsonValue();

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -47,16 +48,19 @@ class WindowTest : public testing::Test {
     }
     kirofigures::Outcome drawn() { return fWindow->draw().outcome; }
 
-    void advance(std::chrono::seconds time) { fNow = fNow.load() + time; }
+    void advance(std::chrono::milliseconds time) { fNow = fNow.load() + time; }
 
     std::atomic<bool> fIsPageGone = false;
+    /// Asked on the engine's thread.
+    std::function<std::size_t()> fNumPages = [] { return std::size_t{1}; };
     std::atomic<std::chrono::steady_clock::duration> fNow{};
     std::unique_ptr<kirofigures::Window> fWindow;
     Page fPage;
 
   private:
     kirofigures::detail::Surroundings surroundings() {
-        return {[this] { return fIsPageGone.load(); }, [] { return "the cause"; },
+        return {[this] { return fIsPageGone.load(); }, [this] { return fNumPages(); },
+                [] { return "the cause"; },
                 [this] { return std::chrono::steady_clock::time_point(fNow.load()); }};
     }
 

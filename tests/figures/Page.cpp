@@ -45,27 +45,17 @@ const char* read(const char* from, std::size_t count, std::vector<double>& into)
 struct Page::Impl {
     explicit Impl(const kirofigures::Channels& given) : channels(given) {}
     void take(Page& page, const json::object& command);
-    void apply(const json::object& command);
-    void create(const json::object& command);
-    void data(const json::object& command);
     void publish(const std::string& channel, const std::string& text) const {
         service->publish(channel, {channel, text.data(), text.size()});
-    }
-    void expect(bool holds, const std::string& rule) {
-        if (!holds) faults.push_back(rule);
     }
 
     const kirofigures::Channels channels;
     const std::shared_ptr<relay::message_service::MessageService> service = makeService();
 
     mutable std::mutex mutex;  // guards all that follows
-    std::map<std::uint64_t, std::vector<char>> blocks;
-    Picture picture;
-    std::uint64_t sequence = 0;
-    Frame current;
+    Follower follower;
     std::vector<Frame> frames;
     std::deque<Answer> answers;
-    std::vector<std::string> faults;
 
     std::unique_ptr<ClientEnd> end;
     std::shared_ptr<relay::message_service::Subscription> subscription;
@@ -76,10 +66,11 @@ void Page::Impl::take(Page& page, const json::object& command) {
     {
         const std::lock_guard lock(mutex);
         if (command.at("cmd").as_string() != "sendACT") {
-            apply(command);
+            follower.command(command);
             return;
         }
-        current.picture = picture;
+        auto& current = follower.current;
+        current.picture = follower.picture;
         current.token = command.at("ACT").as_string();
         current.returnChannel = command.at("returnChannel").as_string();
         frames.push_back(current);
@@ -92,7 +83,7 @@ void Page::Impl::take(Page& page, const json::object& command) {
     answer(page, page.last());
 }
 
-void Page::Impl::apply(const json::object& command) {
+void Follower::command(const json::object& command) {
     const auto number = command.at("seq").to_number<std::uint64_t>();
     // A page that came late begins anywhere.
     expect(sequence == 0 || number == sequence + 1, "a gap in the numbers");
@@ -136,7 +127,7 @@ void Page::Impl::apply(const json::object& command) {
     }
 }
 
-void Page::Impl::create(const json::object& command) {
+void Follower::create(const json::object& command) {
     Shown made;
     made.type = command.at("type").as_string();
     if (command.contains("parent")) made.parent = command.at("parent").to_number<std::uint64_t>();
@@ -151,7 +142,7 @@ void Page::Impl::create(const json::object& command) {
     expect(picture.emplace(id, std::move(made)).second, "an object made twice");
 }
 
-void Page::Impl::data(const json::object& command) {
+void Follower::data(const json::object& command) {
     kiro::web::binary::DataID id;
     expect(kiro::web::binary::DataID::construct_from_string(
                std::string(command.at("data").as_string()), id) &&
@@ -162,9 +153,10 @@ void Page::Impl::data(const json::object& command) {
     const auto first = command.at("first").to_number<std::uint64_t>();
     if (first == 0) {
         shown.columns.clear();
-        shown.given = 0;
+        const auto* const base = command.if_contains("base");
+        shown.given = base == nullptr ? 0 : base->to_number<std::uint64_t>();
     }
-    expect(first == shown.given, "elements were left out");
+    expect(first == 0 || first == shown.given, "elements were left out");
     shown.given += count;
     const auto& block = blocks[id.value()];
     const char* from = block.data() + 8;
@@ -196,14 +188,18 @@ void Page::Impl::data(const json::object& command) {
     }
 }
 
+void Follower::block(std::string_view bytes) {
+    std::uint64_t id = 0;
+    std::memcpy(&id, bytes.data(), sizeof id);
+    blocks[id].assign(bytes.begin(), bytes.end());
+}
+
 Page::Page(const kirofigures::Channels& channels) : fImpl(std::make_shared<Impl>(channels)) {
     fImpl->end = std::make_unique<ClientEnd>(channels.blocks, [impl = fImpl.get()](Delivery block) {
         const auto& bytes = block.block();
-        std::uint64_t id = 0;
-        std::memcpy(&id, bytes.data(), sizeof id);
         {
             const std::lock_guard lock(impl->mutex);
-            impl->blocks[id].assign(bytes.data(), bytes.data() + bytes.size());
+            impl->follower.block({bytes.data(), bytes.size()});
         }
         block.deliver();
     });
@@ -259,7 +255,7 @@ std::vector<Frame> Page::frames() const {
 
 std::vector<std::string> Page::faults() const {
     const std::lock_guard lock(fImpl->mutex);
-    return fImpl->faults;
+    return fImpl->follower.faults;
 }
 
 std::vector<std::string> linesOf(const Picture& picture) {

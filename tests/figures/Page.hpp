@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kirofigures/Window.hpp"
@@ -36,6 +37,26 @@ struct Frame {
     Picture picture;
     std::string token;
     std::string returnChannel;
+};
+
+/// Follows commands and blocks by the vocabulary's rules, a recording's snapshots included.
+struct Follower {
+    void command(const boost::json::object& command);
+    void block(std::string_view bytes);
+
+    Picture picture;
+    Frame current;
+    std::uint64_t sequence = 0;  ///< of the latest command; 0: it may begin anywhere
+    std::vector<std::string> faults;
+
+  private:
+    void create(const boost::json::object& command);
+    void data(const boost::json::object& command);
+    void expect(bool holds, const std::string& rule) {
+        if (!holds) faults.push_back(rule);
+    }
+
+    std::map<std::uint64_t, std::vector<char>> blocks;
 };
 
 /// A page in this process: it follows the commands by the vocabulary's rules and answers each token

@@ -50,6 +50,33 @@ TEST_F(Outcomes, AreNeverPaintedForWhatNobodySaidOrSaidOfAnotherFrame) {
     EXPECT_EQ(drawn(), Outcome::kFailed);
 }
 
+TEST_F(Outcomes, AreThoseOfThePageThatShowsMost) {
+    fNumPages = [] { return 2; };
+    const auto say = [](Page& page, const Frame& frame, const char* what) {
+        page.say({{"event", "frame"},
+                  {"frame", frame.number},
+                  {"attempt", frame.attempt},
+                  {"outcome", what},
+                  {"error", "why"}});
+    };
+    const std::pair<const char*, const char*> rows[]{
+        {"painted", "painted"}, {"failed", "failed"}, {"hidden", "paused"}};
+    for (const auto& [other, expected] : rows) {
+        fPage.next([&say, other = other](Page& page, const Frame& frame) {
+            page.end(frame, other == std::string("hidden") ? "paused" : "hidden");
+            say(page, frame, other);
+        });
+        EXPECT_STREQ(nameOf(drawn()), expected);
+    }
+    // The other one says nothing: it is not waited for long.
+    fNumPages = [this] {
+        advance(std::chrono::milliseconds(300));
+        return 2;
+    };
+    fPage.next(outcome("hidden"));
+    EXPECT_EQ(drawn(), Outcome::kHidden);
+}
+
 TEST_F(Outcomes, SayThatAFrameIsLateAndWhyAndGoOn) {
     Frame late;
     fPage.next([this, &late](Page&, const Frame& frame) {

@@ -156,6 +156,14 @@ TEST_F(AccessTest, TextsAreCompressedForWhoTakesThem) {
     EXPECT_EQ(gunzipped(body, 2 * script.size()), script);
 }
 
+TEST_F(AccessTest, LinksNameAHostThatCanBeReached) {
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://127.0.0.1:8080");
+    fOptions.address = "0.0.0.0";
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://plot.example");
+    fOptions.extraHosts.clear();
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://0.0.0.0:8080");
+}
+
 TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
     const auto origin = "Origin: " + fAccess.origin();
     const auto token = fSecrets.token();

@@ -5,41 +5,46 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "client/Findings.hpp"
 #include "client/HeadlessClient.hpp"
 #include "client/Inbox.hpp"
-#include "client/Recorder.hpp"
 #include "client/ReferenceData.hpp"
 #include "engine/DataSet.hpp"
 #include "engine/Engine.hpp"
 #include "kirofigures/Window.hpp"
 #include "kirohost/Controls.hpp"
+#include "kirorecording/Reader.hpp"
 
 namespace {
 
 using namespace monitor;
-using Conversation = std::vector<std::string>;
 
-const std::string kToken = R"({"ACT":"t","returnChannel":"r","cmd":"sendACT"})";
+/// What a client hears: a message of the command channel, or a block.
+struct Said {
+    std::string text;
+    bool isBlock = false;
+};
+using Conversation = std::vector<Said>;
+
+const Said kToken{R"({"ACT":"t","returnChannel":"r","cmd":"sendACT"})"};
 
 const client::ReferenceData& reference() {
     static const auto data = client::readReferenceData(MONITOR_DATA_DIR);
     return data;
 }
 
-/// Has the engine draw `frames` frames for a client that records them.
-void record(std::uint64_t frames, client::Recorder& recorder) {
+/// Has the engine draw `frames` frames for a client, and records what that gets.
+void record(std::uint64_t frames, const std::string& file) {
     const auto data = engine::readDataSet(MONITOR_DATA_DIR);
     kirofigures::WindowOptions options;
     options.serves = false;
     options.waitsForPage = false;
+    options.recording = file;
     kirofigures::Window window(options);
-    client::HeadlessClient page(reference(), {.pickEvery = 0}, window.channels(), &recorder);
+    client::HeadlessClient page(reference(), {.pickEvery = 0}, window.channels());
     page.beginView();
     page.announceReady();
     kirohost::waitForDelivery();
@@ -52,18 +57,20 @@ void record(std::uint64_t frames, client::Recorder& recorder) {
 /// What a client hears in the first `frames` frames.
 Conversation conversation(std::uint64_t frames) {
     const std::string file = testing::TempDir() + "conversation-" + std::to_string(::getpid());
-    client::Recorder recorder(file);
-    record(frames, recorder);
-    Conversation result;
-    std::ifstream lines(file);
-    bool isInFrame = false;  // a block may come before the frame that it belongs to
-    for (std::string line; std::getline(lines, line);) {
-        const bool begins = line.find(R"("cmd":"beginFrame")") != std::string::npos;
-        if (begins && std::exchange(isInFrame, true)) result.push_back(kToken);
-        result.push_back(line);
-    }
-    result.push_back(kToken);
+    record(frames, file);
+    const kirorecording::FileSource source(file);
     std::filesystem::remove(file);
+    const kirorecording::Reader reader(source);
+    Conversation result;
+    for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
+        auto chunk = reader.read(i);
+        while (const auto message = chunk.next()) {
+            const std::string& topic = reader.channels().at(message->channel).topic;
+            if (topic == "frames") result.push_back(kToken);
+            if (topic != "commands" && topic != "blocks") continue;
+            result.push_back({std::string(message->data), topic == "blocks"});
+        }
+    }
     return result;
 }
 
@@ -72,8 +79,8 @@ client::Findings findingsOf(const Conversation& messages) {
     client::Findings findings;
     client::Checker checker(reference(), findings);
     client::Inbox inbox(checker, findings);
-    for (const std::string& message : messages) {
-        inbox.message(message);
+    for (const auto& [text, isBlock] : messages) {
+        isBlock ? inbox.streamBlock(text) : inbox.message(text);
         while (inbox.next()) continue;
     }
     inbox.finish();
@@ -88,7 +95,8 @@ TEST(Checker, FindsWhicheverMessageIsMissingAndNothingElse) {
     for (std::size_t i = 0; i + 2 < whole.size(); ++i) {
         Conversation messages = whole;
         messages.erase(messages.begin() + static_cast<std::ptrdiff_t>(i));
-        EXPECT_FALSE(findingsOf(messages).none()) << "without message " << i << ": " << whole[i];
+        EXPECT_FALSE(findingsOf(messages).none())
+            << "without message " << i << ": " << whole[i].text;
     }
 }
 
@@ -96,9 +104,9 @@ TEST(Checker, FindsAWrongNumber) {
     Conversation messages = conversation(1);
     const std::string from = R"({"follow":5E)";
     const auto changed = std::ranges::find_if(
-        messages, [&](const auto& text) { return text.find(from) != text.npos; });
+        messages, [&](const Said& said) { return said.text.find(from) != said.text.npos; });
     ASSERT_NE(changed, messages.end());
-    changed->replace(changed->find(from), from.size(), R"({"follow":6E)");
+    changed->text.replace(changed->text.find(from), from.size(), R"({"follow":6E)");
     EXPECT_FALSE(findingsOf(messages).none());
 }
 

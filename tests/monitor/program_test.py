@@ -71,12 +71,12 @@ class Headless(Case):
         self.one_line(1, ["/dev/full", "No space"], "--headless", "--record=/dev/full")
 
     def test_a_signal_ends_the_run_with_its_table(self):
-        # The first frame is written to a pipe, so it is known when it has been sent.
+        # The recording is written to a pipe, so it is known when the run has begun.
         pipe = self.folder / "pipe"
         os.mkfifo(pipe)
         monitor = start("--headless", f"--record={pipe}", "--drop-token=1", "--timeout=1000", "--frames=9")
-        with open(pipe) as recorded:
-            recorded.readline()
+        with open(pipe, "rb") as recorded:
+            recorded.read(8)
             monitor.send_signal(signal.SIGINT)
             recorded.read()
         status, out, _ = end(monitor)

@@ -23,9 +23,9 @@ export function describe(scene, look, limits) {
 }
 
 /** @param {Item} control @returns {import("../messages.mjs").ControlDescription} */
-function describeControl({ id, type, properties }) {
+function describeControl({ id, type, properties, said }) {
     const known = /** @type {import("../messages.mjs").ControlDescription["type"]} */ (type);
-    return { id, type: known, label: properties.label, ...properties };
+    return { id, type: known, label: properties.label, ...properties, said };
 }
 
 /** @param {Item} axes @param {{theme: Theme, hidden: Set<number>}} look @param {Limits} limits

@@ -50,6 +50,9 @@ export class Inbox {
     #used = new Set();
     /** @type {Set<string>} */
     #lost = new Set();
+    /** Whether something could not be read that may have been a block: none is waited for until a
+     * whole frame begins. */
+    #isBroken = false;
     #began = false;
     #sequence = 0;
 
@@ -65,6 +68,7 @@ export class Inbox {
             if (typeof command?.cmd !== "string") throw new TypeError("not a command");
             this.#take(command);
         } catch (error) {
+            this.#isBroken = true;
             const isLong = text.length > LONGEST_QUOTE;
             const start = isLong ? `${text.slice(0, LONGEST_QUOTE)}...` : text;
             this.#report(`${String(error)}: ${start}`);
@@ -106,6 +110,7 @@ export class Inbox {
         this.#commands = [];
         this.#blocks.clear();
         this.#lost.clear();
+        this.#isBroken = false;
         this.#sequence = sequence - 1;
         this.#began = true;
     }
@@ -131,7 +136,7 @@ export class Inbox {
         const name = command.cmd === "data" ? String(command.data) : null;
         const data = name === null ? null : (this.#blocks.get(name) ?? null);
         const isLost = name !== null && !data;
-        if (isLost && !this.#lost.delete(nameWhenLost(name))) return false;
+        if (isLost && !this.#lost.delete(nameWhenLost(name)) && !this.#isBroken) return false;
         if (name !== null) this.#use(name);
         if (command.seq !== ++this.#sequence) {
             this.#report(`command ${command.seq} came instead of ${this.#sequence}`);

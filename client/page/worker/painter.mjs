@@ -21,7 +21,7 @@ import { axisOf } from "./vocabulary.mjs";
  * @typedef {Pick<CanvasRenderingContext2D, "fillStyle" | "strokeStyle" | "lineWidth" | "lineCap" |
  *     "lineJoin" | "font" | "textAlign" | "textBaseline" | "beginPath" | "moveTo" | "lineTo" |
  *     "closePath" | "arc" | "fill" | "stroke" | "fillRect" | "fillText" |
- *     "setLineDash">} Context
+ *     "strokeText" | "setLineDash">} Context
  */
 
 /**
@@ -34,9 +34,12 @@ import { axisOf } from "./vocabulary.mjs";
  * @property {Scale} x
  * @property {Scale} y
  * @property {string} color
+ * @property {string} ground what it is drawn over
  * @property {boolean} isVector marks are drawn one by one, not as pixels
- * @property {(fill: (pixels: Uint32Array) => void) => void} drawPixels what `fill` writes, over what
- *   is there: the whole picture row by row, a number each as an `ImageData` has them, at first 0
+ * @property {(fill: (pixels: Uint32Array) => void, isOver?: boolean) => void} drawPixels what `fill`
+ *   writes, over what is there: the whole picture row by row, a number each as an `ImageData` has
+ *   them, at first 0. isOver: the series itself has drawn something
+ * @property {Surface["drawCanvas"]} drawCanvas
  */
 
 /**
@@ -46,6 +49,8 @@ import { axisOf } from "./vocabulary.mjs";
  * @property {boolean} isVector
  * @property {(fill: (pixels: Uint32Array) => void, isFirst: boolean) => void} drawPixels
  *   isFirst: nothing is there
+ * @property {(canvas: OffscreenCanvas) => void} [drawCanvas] its upper left corner, over what is
+ *   there; none: only pixels can be drawn
  */
 
 /** @typedef {{width: number, height: number, ratio: number}} Size in pixels of the canvas */
@@ -110,16 +115,18 @@ export function scalesOf(axes, limits, { width, height }) {
 export function paintAxes(axes, limits, size, { theme, hidden }, surface) {
     const scales = scalesOf(axes, limits, size);
     const colors = colorsOf(axes, theme);
-    const { context, isVector } = surface;
+    const { context, isVector, drawCanvas } = surface;
+    const { ground } = theme;
     const errors = [];
     let isFirst = true;
     for (const series of drawnSeries(axes)) {
         if (!isVisible(series, hidden)) continue;
         const y = series.properties.axis === "y2" ? scales.y2 : scales.y;
         const color = colors.get(series.id) ?? theme.text;
-        const drawPixels = (/** @type {(pixels: Uint32Array) => void} */ fill) =>
-            surface.drawPixels(fill, isFirst);
-        const place = { context, isVector, drawPixels, ...size, x: scales.x, y, color };
+        /** @type {Place["drawPixels"]} */
+        const drawPixels = (fill, isOver = false) => surface.drawPixels(fill, isFirst && !isOver);
+        const how = { context, isVector, drawPixels, drawCanvas };
+        const place = { ...how, ...size, x: scales.x, y, color, ground };
         try {
             PAINTERS[series.type](series, place);
         } catch (error) {

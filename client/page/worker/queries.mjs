@@ -11,6 +11,7 @@ import { SvgSurface } from "./svg.mjs";
 /** @typedef {import("../messages.mjs").ToMain} ToMain */
 /** @typedef {import("../messages.mjs").ToWorker} ToWorker */
 /** @typedef {import("./stage.mjs").Stage} Stage */
+/** @typedef {Extract<ToWorker, {kind: "probe" | "csv" | "table" | "vectors" | "picture"}>} Query */
 /** @typedef {(message: ToMain, moved?: Transferable[]) => void} Post */
 
 /**
@@ -32,25 +33,41 @@ function lookAt(stage, id) {
     return { axes, limits, size, series };
 }
 
-/** @param {Stage} stage @param {ToWorker} query @param {Post} post */
-export function answerQuery(stage, query, post) {
+/** @param {Stage} stage @param {number[]} ids @returns {Seen[]} */
+function lookAtAll(stage, ids) {
+    return ids.flatMap((id) => lookAt(stage, id) ?? []);
+}
+
+/** Each query gets its answer: somebody waits for it.
+ * @param {Stage} stage @param {Query} query @param {Post} post */
+export async function answerQuery(stage, query, post) {
+    try {
+        await answer(stage, query, post);
+    } catch (error) {
+        const text = error instanceof Error ? error.message : String(error);
+        post({ kind: "unanswered", id: query.id, text: `${query.kind}: ${text}` });
+    }
+}
+
+/** @param {Stage} stage @param {Query} query @param {Post} post */
+function answer(stage, query, post) {
     switch (query.kind) {
         case "probe":
             return post({ kind: "probed", id: query.id, values: probe(stage, query) });
         case "csv":
-            return post({ kind: "csv", id: query.id, text: csvOf(lookAt(stage, query.axes)) });
+            return post({ kind: "csv", id: query.id, text: csvOf(lookAtAll(stage, query.axes)) });
         case "table":
             return post({
                 kind: "table",
                 id: query.id,
-                ...tableOf(lookAt(stage, query.axes), query.rows),
+                ...tableOf(lookAtAll(stage, query.axes), query.rows),
             });
         case "vectors":
             return answerVectors(stage, query, post);
         case "picture":
             return answerPicture(stage, query, post);
         default:
-            return undefined;
+            throw new Error("nothing to be answered");
     }
 }
 
@@ -78,10 +95,10 @@ async function answerVectors(stage, { id, axes }, post) {
 /** @param {Stage} stage @param {Extract<ToWorker, {kind: "picture"}>} query @param {Post} post */
 function answerPicture(stage, { id, axes, ratio }, post) {
     const seen = lookAt(stage, axes);
-    if (!seen) return;
+    if (!seen) return post({ kind: "picture", id, bitmap: null });
     const size = canvasSize({ ...seen.size, ratio });
     const surface = new CanvasSurface(new OffscreenCanvas(size.width, size.height));
     paintAxes(seen.axes, seen.limits, size, stage, surface);
     const bitmap = surface.take();
-    post({ kind: "picture", id, bitmap }, [bitmap]);
+    return post({ kind: "picture", id, bitmap }, [bitmap]);
 }

@@ -21,6 +21,8 @@ export class Item {
     /** Counts how often its elements were set, and how often anything of it changed. */
     sets = 0;
     changes = 0;
+    /** Another number whenever the engine has said its value. */
+    said = 0;
 
     /** @param {number} id @param {string} type @param {Type | null} kind null: not known
      * @param {Item | null} parent @param {Record<string, any>} properties */
@@ -57,6 +59,7 @@ export class Item {
         copy.given = this.given;
         copy.sets = this.sets;
         copy.changes = this.changes;
+        copy.said = this.said;
         for (const [name, column] of Object.entries(this.columns)) {
             copy.columns[name] = column.snapshot();
         }
@@ -64,6 +67,9 @@ export class Item {
         return copy;
     }
 }
+
+/** How often engines have said values, over all scenes. */
+let numSaid = 0;
 
 export class Scene {
     /** @type {Map<number, Item>} */
@@ -74,6 +80,10 @@ export class Scene {
     changed = new Set();
     /** Whether something besides data changed since. */
     isRestructured = true;
+    /** Figures in which anything has changed since somebody took this. @type {Set<number>} */
+    touched = new Set();
+    /** Whether the engine listens to keys. */
+    keys = false;
     /** The engine's number of the latest frame. */
     frame = 0;
 
@@ -90,6 +100,7 @@ export class Scene {
     snapshot() {
         const copy = new Scene();
         copy.frame = this.frame;
+        copy.keys = this.keys;
         copy.figures = this.figures.map((figure) => figure.snapshot(null));
         const enter = (/** @type {Item} */ item) => {
             copy.#items.set(item.id, item);
@@ -103,8 +114,7 @@ export class Scene {
     apply(command, data) {
         switch (command.cmd) {
             case "beginFrame":
-                if (Number.isSafeInteger(command.frame)) this.frame = command.frame;
-                return undefined;
+                return this.#begin(command);
             case "create":
                 return this.#create(command);
             case "set":
@@ -116,6 +126,13 @@ export class Scene {
             default:
                 throw new TypeError("no such command");
         }
+    }
+
+    /** @param {Record<string, any>} command */
+    #begin({ frame, keys }) {
+        if (Number.isSafeInteger(frame)) this.frame = frame;
+        if (this.keys !== (keys === true)) this.isRestructured = true;
+        this.keys = keys === true;
     }
 
     /** @param {unknown} id */
@@ -138,6 +155,7 @@ export class Scene {
         const table = kind?.properties ?? {};
         const properties = { ...defaultsOf(table), ...readProperties(table, members) };
         const item = new Item(id, String(type), isStray ? null : kind, parent, properties);
+        item.said = ++numSaid;
         this.#items.set(id, item);
         if (parent) parent.children.push(item);
         else if (kind) this.figures.push(item);
@@ -150,6 +168,7 @@ export class Scene {
         const read = readProperties(item.kind.properties, members);
         Object.assign(item.properties, read);
         if ("keep" in read) this.#forget(item);
+        if ("value" in read) item.said = ++numSaid;
         // How much is kept may change with each frame, and is seen nowhere but in the picture.
         this.#touch(
             item,
@@ -210,6 +229,9 @@ export class Scene {
         if (isStructure && item.kind) this.isRestructured = true;
         const axes = item.family === "axes" ? item : item.parent;
         if (axes?.family === "axes") this.changed.add(axes.id);
+        let figure = item;
+        while (figure.parent) figure = figure.parent;
+        this.touched.add(figure.id);
     }
 }
 

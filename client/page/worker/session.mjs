@@ -6,6 +6,7 @@ import { MainAccess } from "./access.mjs";
 import { LimitsEvents } from "./events.mjs";
 import { Flusher } from "./flusher.mjs";
 import { Frames } from "./frames.mjs";
+import { gpuPoints } from "./gpu_points.mjs";
 import { Inbox } from "./inbox.mjs";
 import { answerQuery } from "./queries.mjs";
 import { Scene } from "./scene.mjs";
@@ -28,6 +29,11 @@ import { Statistics } from "./statistics.mjs";
 
 /** Milliseconds for which the same error is not told again. */
 const SAME_ERROR = 1000;
+
+/** @param {string} what @param {unknown} thrown */
+function errorOf(what, thrown) {
+    return new Error(`${what}: ${thrown instanceof Error ? thrown.message : thrown}`);
+}
 
 /** @template {ToWorker["kind"]} K @typedef {Extract<ToWorker, {kind: K}>} Of */
 
@@ -71,6 +77,10 @@ export class Session {
             (event) => this.#publish(event),
             (axes) => this.#describeLimits(axes),
         );
+        gpuPoints.whenLost = () => {
+            this.stage.drawAll();
+            this.flusher.request();
+        };
         this.stage.show(this.#scene);
     }
 
@@ -78,7 +88,7 @@ export class Session {
     receive(message) {
         const handler = this.#handlers[message.kind];
         if (handler) /** @type {(message: any) => void} */ (handler)(message);
-        else answerQuery(this.stage, message, this.#surroundings.post);
+        else void answerQuery(this.stage, /** @type {any} */ (message), this.#surroundings.post);
     }
 
     /** @type {Partial<{[K in ToWorker["kind"]]: (message: Of<K>) => void}>} */
@@ -214,20 +224,25 @@ export class Session {
         this.report(error);
     }
 
-    /** @param {Frame} frame */
+    /** What cannot be carried out costs the frame, and holds nothing else up. @param {Frame} frame */
     #apply(frame) {
-        for (const [command, data] of frame.commands) {
-            if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
+        const attempt = (/** @type {string} */ what, /** @type {() => void} */ call) => {
             try {
-                this.#scene.apply(command, data);
+                call();
             } catch (thrown) {
-                const reason = thrown instanceof Error ? thrown.message : String(thrown);
-                const error = new Error(`${command.cmd}: ${reason}`);
+                const error = errorOf(what, thrown);
                 frame.error ??= error;
                 this.report(error);
             }
+        };
+        for (const [command, data] of frame.commands) {
+            if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
+            attempt(command.cmd, () => this.#scene.apply(command, data));
         }
-        if (!this.#isPaused) this.#show();
+        // A whole frame repeats what is known.
+        if (!frame.isWhole) this.#statistics.countChanged(this.#scene.touched);
+        this.#scene.touched.clear();
+        if (!this.#isPaused) attempt("layout", () => this.#show());
     }
 
     /** Shows the scene as it is now. */
@@ -249,7 +264,12 @@ export class Session {
 
     /** @returns {{stamp: number, errors: Error[]}} */
     #paint() {
-        const painted = this.stage.paint();
+        let painted;
+        try {
+            painted = this.stage.paint();
+        } catch (thrown) {
+            painted = { stamp: 0, errors: [errorOf("paint", thrown)] };
+        }
         painted.errors.forEach((error) => this.report(error));
         return painted;
     }
@@ -284,7 +304,8 @@ export class Session {
         const view = this.stage.views.get(id);
         const isHome = !view?.x && !view?.y && !view?.y2;
         const { width, height } = size;
-        return { x: limits.x, y: limits.y, width, height, ...(isHome && { home: true }) };
+        const { x, y, y2 } = limits;
+        return { x, y, ...(y2 && { y2 }), width, height, ...(isHome && { home: true }) };
     }
 
     /** @param {Error} error */

@@ -55,14 +55,14 @@ export class Stage {
     show(scene) {
         this.#scene = scene;
         scene.isRestructured = true;
-        this.#drawAll();
+        this.drawAll();
     }
 
     /** @param {Theme} theme */
     setTheme(theme) {
         this.theme = theme;
         this.#scene.isRestructured = true;
-        this.#drawAll();
+        this.drawAll();
     }
 
     /** @param {number} series @param {boolean} isWanted */
@@ -110,7 +110,8 @@ export class Stage {
         this.sizes.delete(axes);
     }
 
-    #drawAll() {
+    /** All of it is to be drawn anew. */
+    drawAll() {
         for (const shown of this.#shown.values()) shown.isStale = true;
     }
 
@@ -125,12 +126,13 @@ export class Stage {
     /** Tells what there is, if that has changed. Nothing is drawn until it is laid out. */
     announce() {
         if (!this.#scene.isRestructured) return;
-        this.#scene.isRestructured = false;
         this.#prune();
+        const figures = describe(this.#scene, this, this.limits());
+        this.#scene.isRestructured = false;
         this.#awaited = ++this.#stamp;
         this.#told = "";
-        const figures = describe(this.#scene, this, this.limits());
-        this.#post({ kind: "scene", stamp: this.#stamp, figures });
+        const { keys } = this.#scene;
+        this.#post({ kind: "scene", stamp: this.#stamp, keys, figures });
     }
 
     /** Forgets what somebody chose for objects that are gone. */
@@ -156,7 +158,8 @@ export class Stage {
             const drawn = JSON.stringify(range);
             const isSame = shown.drawn === drawn && !this.#scene.changed.has(axes.id);
             if (isSame && !shown.isStale) return [];
-            Object.assign(shown, { drawn, isStale: false });
+            // Until all of it is drawn.
+            Object.assign(shown, { drawn, isStale: true });
             const pixels = canvasSize(size);
             shown.surface.begin(pixels);
             const failures = paintAxes(axes, range, pixels, this, shown.surface);

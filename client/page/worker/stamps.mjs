@@ -7,8 +7,8 @@ import { channelsOf } from "../colors.mjs";
 export const RIM = 0.25;
 export const INSIDE = 0.45;
 /** Discs are drawn at so many sizes a pixel. */
-const STEPS = 2;
-/** In pixels. */
+export const STEPS = 2;
+/** In pixels. A canvas fills a larger circle as fast, and its stamps would take much memory. */
 export const GREATEST_RADIUS = 31;
 /** What lies around the picture, so that no disc needs to be cut off. */
 const MARGIN = 2 * (GREATEST_RADIUS + 1);
@@ -18,6 +18,11 @@ const OPAQUE = 8;
 const PIXELS_PER_WORD = Int32Array.BYTES_PER_ELEMENT;
 const ALPHA_SHIFT = 24;
 const RGB = 0xffffff;
+/** How opaque discs are inside of their rims, and in how many levels. */
+export const LOOKS = {
+    plain: { inside: INSIDE, levels: OPAQUE },
+    colored: { inside: 1, levels: 255 },
+};
 
 /** What a disc adds to a picture: words, row by row, at least two in each.
  * @typedef {{words: Int32Array, width: number}} Marks */
@@ -34,13 +39,14 @@ function opacity(radius, distance, inside) {
 }
 
 /** @param {number} radius @returns {number} in steps */
-function stepOf(radius) {
-    return Math.round(Math.min(Math.max(radius, 0.5), GREATEST_RADIUS) * STEPS);
+export function stepOf(radius) {
+    return Math.round(Math.max(radius, 0.5) * STEPS);
 }
 
 /** @param {number} radius @param {number} shift pixels between a word's beginning and the disc's
  * @returns {Marks} */
 function makeMarks(radius, shift) {
+    const { inside, levels } = LOOKS.plain;
     const half = Math.ceil(radius);
     const size = 2 * half + 1;
     const width = Math.max(2, Math.ceil((shift + size) / PIXELS_PER_WORD));
@@ -48,7 +54,7 @@ function makeMarks(radius, shift) {
     for (let y = 0; y < size; ++y) {
         for (let x = 0; x < size; ++x) {
             const distance = Math.hypot(x - half, y - half);
-            const level = Math.round(OPAQUE * opacity(radius, distance, INSIDE));
+            const level = Math.round(levels * opacity(radius, distance, inside));
             bytes[y * width * PIXELS_PER_WORD + shift + x] = (1 << level) - 1;
         }
     }
@@ -57,12 +63,13 @@ function makeMarks(radius, shift) {
 
 /** @param {number} radius @param {number} stride pixels @returns {Disc} */
 function makeDisc(radius, stride) {
+    const { inside, levels } = LOOKS.colored;
     const half = Math.ceil(radius);
     const alphas = [];
     const offsets = [];
     for (let y = -half; y <= half; ++y) {
         for (let x = -half; x <= half; ++x) {
-            const alpha = Math.round(255 * opacity(radius, Math.hypot(x, y), 1));
+            const alpha = Math.round(levels * opacity(radius, Math.hypot(x, y), inside));
             if (alpha === 0) continue;
             alphas.push(alpha);
             offsets.push((y + half) * stride + x + half);
@@ -90,13 +97,13 @@ export class PointPicture {
         this.#words.fill(0);
     }
 
-    /** Draws points; one whose place is no number is left out.
-     * @param {Float64Array} x @param {Float64Array} y their middles
-     * @param {Float64Array | number} radii in pixels */
+    /** Draws points; one whose place is no number, or that is too large, is left out.
+     * @param {ArrayLike<number>} x @param {ArrayLike<number>} y their middles
+     * @param {ArrayLike<number> | number} radii in pixels */
     stamp(x, y, radii) {
         const every = typeof radii === "number" ? radii : null;
         for (let i = 0; i < x.length; ++i) {
-            this.#stampOne(x[i], y[i], every ?? /** @type {Float64Array} */ (radii)[i]);
+            this.#stampOne(x[i], y[i], every ?? /** @type {ArrayLike<number>} */ (radii)[i]);
         }
     }
 
@@ -106,7 +113,7 @@ export class PointPicture {
         const half = Math.ceil(step / STEPS);
         // What is not a number is not within.
         if (!(x > -half && x < this.width + half && y > -half && y < this.height + half)) return;
-        if (!(radius > 0)) return;
+        if (!(radius > 0 && radius <= GREATEST_RADIUS)) return;
         const left = Math.floor(x) - half + MARGIN;
         const top = Math.floor(y) - half + MARGIN;
         const shift = left % PIXELS_PER_WORD;
@@ -171,8 +178,8 @@ export class ColoredPointPicture {
         this.#pixels.fill(0);
     }
 
-    /** @param {Float64Array} x @param {Float64Array} y @param {Float64Array | number} radii
-     * @param {Uint32Array} colors opaque ones */
+    /** @param {ArrayLike<number>} x @param {ArrayLike<number>} y
+     * @param {ArrayLike<number> | number} radii @param {ArrayLike<number>} colors opaque ones */
     stamp(x, y, radii, colors) {
         const target = this.#pixels;
         for (let i = 0; i < x.length; ++i) {
@@ -180,7 +187,8 @@ export class ColoredPointPicture {
             const step = stepOf(radius);
             const half = Math.ceil(step / STEPS);
             if (!(x[i] > -half && x[i] < this.width + half)) continue;
-            if (!(y[i] > -half && y[i] < this.height + half) || !(radius > 0)) continue;
+            if (!(y[i] > -half && y[i] < this.height + half)) continue;
+            if (!(radius > 0 && radius <= GREATEST_RADIUS)) continue;
             const { alphas, offsets } = (this.#discs[step] ??= makeDisc(
                 step / STEPS,
                 this.#stride,

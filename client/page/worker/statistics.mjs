@@ -11,6 +11,8 @@ export class Statistics {
     #frames = 0;
     #frame = 0;
     #news = 0;
+    /** Figures, since the last time. @type {Set<number>} */
+    #changed = new Set();
     /** Microseconds, since the last time. @type {number[]} */
     #flushes = [];
     /** @type {Record<string, number>} */
@@ -36,6 +38,10 @@ export class Statistics {
     countNews() {
         this.#news = Date.now();
     }
+    /** @param {Iterable<number>} figures in which something is new */
+    countChanged(figures) {
+        for (const figure of figures) this.#changed.add(figure);
+    }
     /** @param {import("../messages.mjs").Outcome} outcome @param {number} flush microseconds */
     countAnswer(outcome, flush) {
         ++this.#outcomes[outcome];
@@ -52,8 +58,10 @@ export class Statistics {
             bytes,
             frame: this.#frame,
             news: this.#news,
+            changed: [...this.#changed],
             outcomes: { ...this.#outcomes },
         });
         this.#frames = 0;
+        this.#changed.clear();
     }
 }

@@ -49,6 +49,9 @@ export class CanvasSurface {
         this.context.drawImage(this.#layer.canvas, 0, 0);
     }
 
+    /** @param {OffscreenCanvas} canvas */
+    drawCanvas = (canvas) => this.context.drawImage(canvas, 0, 0);
+
     /** What was drawn. @returns {ImageBitmap} */
     take() {
         return this.#canvas.transferToImageBitmap();

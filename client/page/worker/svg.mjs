@@ -1,5 +1,7 @@
 // A surface that writes SVG: what painters draw becomes elements.
 
+import { escapeXml } from "../xml.mjs";
+
 /** @typedef {import("./painter.mjs").Context} Context */
 /** @typedef {import("./painter.mjs").Surface} Surface */
 
@@ -7,13 +9,6 @@ const ANCHORS = { left: "start", center: "middle", right: "end" };
 
 /** @param {number} value */
 const short = (value) => String(Math.round(value * 100) / 100);
-
-/** @param {string} text */
-function escape(text) {
-    const names = /** @type {Record<string, string>} */ ({ "<": "lt", "&": "amp", '"': "quot" });
-    // XML has no control characters.
-    return text.replace(/\p{Cc}/gu, " ").replace(/[<&"]/g, (c) => `&${names[c]};`);
-}
 
 /** A colour and its opacity, as old readers of SVG want it.
  * @param {string} kind "fill" or "stroke" @param {string} color */
@@ -92,11 +87,12 @@ class SvgContext {
     }
     stroke() {
         if (!this.#path) return;
+        this.add(`<path d="${this.#path}" ${this.#pen()}/>`);
+    }
+    #pen() {
+        const color = paintOf("stroke", this.strokeStyle);
         const dash = this.#dash && ` stroke-dasharray="${this.#dash}"`;
-        const pen = `stroke-width="${short(this.lineWidth)}" stroke-linecap="${this.lineCap}" stroke-linejoin="${this.lineJoin}"`;
-        this.add(
-            `<path d="${this.#path}" fill="none" ${paintOf("stroke", this.strokeStyle)} ${pen}${dash}/>`,
-        );
+        return `fill="none" ${color} stroke-width="${short(this.lineWidth)}" stroke-linecap="${this.lineCap}" stroke-linejoin="${this.lineJoin}"${dash}`;
     }
     /** @param {number} x @param {number} y @param {number} width @param {number} height */
     fillRect(x, y, width, height) {
@@ -106,11 +102,19 @@ class SvgContext {
     }
     /** @param {string} text @param {number} x @param {number} y */
     fillText(text, x, y) {
+        this.#text(text, x, y, paintOf("fill", this.fillStyle));
+    }
+    /** @param {string} text @param {number} x @param {number} y */
+    strokeText(text, x, y) {
+        this.#text(text, x, y, this.#pen());
+    }
+    /** @param {string} text @param {number} x @param {number} y @param {string} paint */
+    #text(text, x, y, paint) {
         const [size, ...family] = this.font.split(" ");
         const anchor = ANCHORS[/** @type {keyof typeof ANCHORS} */ (this.textAlign)];
-        const style = `font-size="${size}" font-family="${escape(family.join(" "))}" text-anchor="${anchor}" dominant-baseline="central"`;
+        const style = `font-size="${size}" font-family="${escapeXml(family.join(" "))}" text-anchor="${anchor}" dominant-baseline="central"`;
         this.add(
-            `<text x="${short(x)}" y="${short(y)}" ${style} ${paintOf("fill", this.fillStyle)}>${escape(text)}</text>`,
+            `<text x="${short(x)}" y="${short(y)}" ${style} ${paint}>${escapeXml(text)}</text>`,
         );
     }
     /** @param {number[]} dash */

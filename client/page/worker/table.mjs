@@ -10,27 +10,37 @@ import { visiblePart } from "./extents.mjs";
 /** In this order. */
 const COLUMNS = ["x", "y", "z", "low", "high", "minus", "plus", "size", "value"];
 
-/** @param {Seen | null} seen @param {number} most rows; of more every so many-th is taken
- * @returns {{header: string[], rows: Row[]}} */
-export function tableOf(seen, most = Infinity) {
-    const series = seen?.series.filter((one) => one.firstColumn) ?? [];
+/** @param {Seen[]} all with more than one each row begins with the axes
+ * @param {number} most rows; of more each series' first is taken, and then every `step`-th
+ * @returns {{header: string[], rows: Row[], total: number, step: number}} */
+export function tableOf(all, most = Infinity) {
+    const named = all.map(({ axes, ...seen }) => ({
+        ...seen,
+        names: all.length > 1 ? [axes.properties.title || `axes ${axes.id}`] : [],
+    }));
+    const series = named.flatMap((seen) =>
+        seen.series
+            .filter((one) => one.firstColumn)
+            .map((one) => ({ one, names: seen.names, indices: indicesSeen(one, seen.limits) })),
+    );
     const isThere = (/** @type {string} */ name) =>
         series.some(
-            (one) => name in one.columns || name === "x" || (name === "y" && one.columns.z),
+            ({ one }) => name in one.columns || name === "x" || (name === "y" && one.columns.z),
         );
     const columns = series.length > 0 ? COLUMNS.filter(isThere) : [];
-    const rows = series.flatMap((one) => {
-        const indices = indicesSeen(one, /** @type {Seen} */ (seen).limits);
-        const step = Math.max(1, Math.ceil((indices.length * series.length) / most));
+    const total = series.reduce((sum, { indices }) => sum + indices.length, 0);
+    const step = total <= most ? 1 : Math.ceil(total / Math.max(1, most - series.length));
+    const rows = series.flatMap(({ one, names, indices }) => {
         const name = one.properties.name || `${one.type} ${one.id}`;
         return indices
             .filter((_, at) => at % step === 0)
             .map((index) => {
                 const values = rowValues(one, index);
-                return [name, ...columns.map((column) => values[column] ?? "")];
+                return [...names, name, ...columns.map((column) => values[column] ?? "")];
             });
     });
-    return { header: ["series", ...columns], rows };
+    const header = [...(all.length > 1 ? ["axes"] : []), "series", ...columns];
+    return { header, rows, total, step };
 }
 
 /** @param {Item} series @param {number} index @returns {Record<string, number>} */
@@ -62,9 +72,9 @@ function indicesSeen(series, limits) {
     return indices.filter((i) => isWithin(places.at(i), limits.x) && isWithin(values.at(i), y));
 }
 
-/** By RFC 4180. What is not a number is empty. @param {Seen | null} seen @returns {string} */
-export function csvOf(seen) {
-    const { header, rows } = tableOf(seen);
+/** By RFC 4180. What is not a number is empty. @param {Seen[]} all @returns {string} */
+export function csvOf(all) {
+    const { header, rows } = tableOf(all);
     const cell = (/** @type {number | string} */ value) => {
         if (typeof value === "number") return Number.isNaN(value) ? "" : String(value);
         return /[",\r\n]/.test(value) ? `"${value.replaceAll('"', '""')}"` : value;

@@ -80,8 +80,7 @@ std::shared_ptr<relay::message_service::MessageService> makeService() {
 
 class HeadlessClient::Impl {
   public:
-    Impl(const ReferenceData& data, const Script& script, kirofigures::Channels channels,
-         Recorder* recorder);
+    Impl(const ReferenceData& data, const Script& script, kirofigures::Channels channels);
     ~Impl();
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -123,11 +122,11 @@ class HeadlessClient::Impl {
 };
 
 HeadlessClient::Impl::Impl(const ReferenceData& data, const Script& script,
-                           kirofigures::Channels channels, Recorder* recorder)
+                           kirofigures::Channels channels)
     : fScript(script),
       fChannels(std::move(channels)),
       fChecker(data, fResult.findings),
-      fInbox(fChecker, fResult.findings, recorder),
+      fInbox(fChecker, fResult.findings),
       fSubscription(
           fService
               ->subscribe(
@@ -238,8 +237,8 @@ void HeadlessClient::Impl::publish(const std::string& channel, const boost::json
 }
 
 HeadlessClient::HeadlessClient(const ReferenceData& data, const Script& script,
-                               const kirofigures::Channels& channels, Recorder* recorder)
-    : fImpl(std::make_unique<Impl>(data, script, channels, recorder)) {}
+                               const kirofigures::Channels& channels)
+    : fImpl(std::make_unique<Impl>(data, script, channels)) {}
 
 HeadlessClient::~HeadlessClient() = default;
 

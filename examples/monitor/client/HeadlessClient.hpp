@@ -12,7 +12,6 @@
 namespace monitor::client {
 
 struct ReferenceData;
-class Recorder;
 
 /// What the client does beside drawing. Frames are counted from 0.
 struct Script {
@@ -46,10 +45,10 @@ struct ClientResult {
 /// answers on a thread of its own.
 class HeadlessClient {
   public:
-    /// Listens from now on. `recorder` may be null.
+    /// Listens from now on.
     /// REQUIRES: what is given by reference outlives this; `relay::getRelay()` can be used.
     HeadlessClient(const ReferenceData& data, const Script& script,
-                   const kirofigures::Channels& channels, Recorder* recorder);
+                   const kirofigures::Channels& channels);
     /// Ends the thread, whatever still waits.
     ~HeadlessClient();
     HeadlessClient(const HeadlessClient&) = delete;

@@ -8,7 +8,6 @@
 #include "client/Base64.hpp"
 #include "client/Fields.hpp"
 #include "client/Findings.hpp"
-#include "client/Recorder.hpp"
 
 namespace monitor::client {
 
@@ -29,8 +28,7 @@ std::string textOrNothing(const object& command, std::string_view key) {
 
 }  // namespace
 
-Inbox::Inbox(Checker& checker, Findings& findings, Recorder* recorder)
-    : fChecker(checker), fFindings(findings), fRecorder(recorder) {}
+Inbox::Inbox(Checker& checker, Findings& findings) : fChecker(checker), fFindings(findings) {}
 
 std::string Inbox::identifierOf(std::string_view block) {
     std::uint32_t halves[2] = {};
@@ -47,7 +45,6 @@ void Inbox::message(const std::string& text) {
     }
     object& command = value.get_object();
     const std::string name = textOrNothing(command, "cmd");
-    if (fRecorder != nullptr && name != "sendACT") fRecorder->command(text);
     if (name == "binarydata") {
         textBlocks(command);
         return;
@@ -84,9 +81,7 @@ void Inbox::streamBlock(std::string_view block) {
     }
     ++fReceived.streamBlocks;
     fReceived.blockBytes += block.size();
-    const std::string_view bytes = block.substr(kHeader);
-    if (fRecorder != nullptr) fRecorder->block(id, bytes);
-    addBlock(id, {std::string(bytes), ++fArrivals, true});
+    addBlock(id, {std::string(block.substr(kHeader)), ++fArrivals, true});
 }
 
 void Inbox::addBlock(const std::string& id, Block block) {

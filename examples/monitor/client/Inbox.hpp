@@ -13,7 +13,6 @@
 namespace monitor::client {
 
 class Findings;
-class Recorder;
 
 /// A completion token that is due: all that came before it has been drawn.
 struct Token {
@@ -36,8 +35,8 @@ struct Received {
 /// until the block is there, and everything behind it waits with it. One thread.
 class Inbox {
   public:
-    /// `recorder` gets everything but the tokens; it may be null. REQUIRES: all outlive this.
-    Inbox(Checker& checker, Findings& findings, Recorder* recorder = nullptr);
+    /// REQUIRES: all outlive this.
+    Inbox(Checker& checker, Findings& findings);
 
     /// A message from the command channel: a command, or blocks as text.
     void message(const std::string& text);
@@ -68,7 +67,6 @@ class Inbox {
 
     Checker& fChecker;
     Findings& fFindings;
-    Recorder* const fRecorder;
     std::deque<boost::json::object> fCommands;
     std::map<std::string, Block> fBlocks;
     std::uint64_t fArrivals = 0;

@@ -33,11 +33,11 @@ Engine::~Engine() = default;
 
 EngineResult Engine::run(const Pace& pace) {
     const auto begin = steady_clock::now();
+    if (pace.duration) fEnd = begin + *pace.duration;
     // Of no use when frames go as fast as possible.
     Schedule schedule(begin, pace.speed > 0 ? pace.speed : 1);
     const auto over = [&](std::uint64_t frame) {
-        return (pace.frames && frame >= *pace.frames) ||
-               (pace.duration && steady_clock::now() - begin >= *pace.duration);
+        return (pace.frames && frame >= *pace.frames) || (fEnd && steady_clock::now() >= *fEnd);
     };
     for (std::uint64_t frame = 0; !over(frame); ++frame) {
         if (pace.speed > 0) {
@@ -59,7 +59,7 @@ bool Engine::drawFrame(const Pace& pace) {
     fQuakes.advance();
     if (fHooks.waiting) fHooks.waiting(true);
     if (isWithoutClient(pace)) {
-        noteTimeout("no client yet");
+        noteTimeout(hasAnnounced() ? "client gone" : "no client yet");
         return true;
     }
     const std::uint64_t reconnections = fBeginnings->reconnections;
@@ -95,8 +95,9 @@ bool Engine::isWithoutClient(const Pace& pace) {
     constexpr std::chrono::milliseconds kLook{10};
     const auto begin = steady_clock::now();
     while (fWindow.isOpen() && !isClientThere()) {
+        const auto now = steady_clock::now();
         const bool isBounded = pace.timeout.count() > 0 && !hasAnnounced();
-        if (isBounded && steady_clock::now() - begin >= pace.timeout) return true;
+        if ((fEnd && now >= *fEnd) || (isBounded && now - begin >= pace.timeout)) return true;
         fWindow.wait(kLook);
     }
     return false;

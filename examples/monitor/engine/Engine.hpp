@@ -96,6 +96,9 @@ class Engine {
     const std::shared_ptr<Beginnings> fBeginnings = std::make_shared<Beginnings>();
     const std::unique_ptr<kiro::web::Subscriber> fReconnect;
     const kiroutils::EventDispatcher::Listener fNewView;
+    /// When the run is to end, whoever is waited for.
+    std::optional<std::chrono::time_point<std::chrono::steady_clock, std::chrono::duration<double>>>
+        fEnd;
     EngineResult fResult;
 };
 

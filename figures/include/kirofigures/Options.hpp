@@ -18,11 +18,12 @@ struct WindowOptions {
     /// PEM files, the key without a passphrase; both empty: no TLS.
     std::string certificateFile;
     std::string keyFile;
-    /// Further hosts as they stand in a request ("plot.example:8080"), and further origins.
+    /// Further hosts as they stand in a request ("plot.example:8080"), and further origins. With an
+    /// address that stands for all of the machine's ("0.0.0.0") links name the first host.
     std::vector<std::string> extraHosts;
     std::vector<std::string> extraOrigins;
     /// Origins whose pages may show this one in a frame ("http://localhost:8888"), as notebooks do.
-    std::vector<std::string> embeddingOrigins;
+    std::vector<std::string> frameAncestors;
     /// For how many pages that look at once there is room.
     std::size_t pages = 32;
     /// A file that keeps what lets a page in, so that its tab comes back after a restart; the port
@@ -36,8 +37,15 @@ struct WindowOptions {
     bool printsLink = true;    ///< on standard output
     bool opensBrowser = true;  ///< when there is a graphical session
 
+    // --- What is kept ---------------------------------------------------------------------------
+    /// A file for a recording from the beginning on, see `Window::record`; empty: none.
+    std::string recording;
+    /// How many bytes of a recording may wait for the disk. What pages are sent at once must fit.
+    std::size_t recordingQueue = std::size_t{64} << 20U;
+
     // --- How the engine waits -------------------------------------------------------------------
-    /// How long the page may take for a frame; above 0.
+    /// How long the page may take for a frame; above 0. Of no effect beyond the time that the host
+    /// waits for a token: 60 s unless set there.
     std::chrono::duration<double> timeout{10};
     /// Whether the first draw waits for a page; later ones never do.
     bool waitsForPage = true;

@@ -30,7 +30,7 @@ struct Surroundings;
 /// What has become of a frame.
 enum class Outcome {
     kPainted,      ///< it is on the screen
-    kHidden,       ///< the page has it, but nobody can see the page
+    kHidden,       ///< each page that has it is one that nobody can see
     kPaused,       ///< the page has it, but somebody has stopped the picture
     kLate,         ///< no answer in time; `Drawn::reason` says why
     kNoPage,       ///< nobody looks
@@ -48,6 +48,18 @@ struct Drawn {
     std::string reason;
 
     [[nodiscard]] bool isPainted() const noexcept { return outcome == Outcome::kPainted; }
+};
+
+/// How a window's recording stands.
+struct RecordingState {
+    enum class Phase {
+        kOff,  ///< there is none, or it was stopped
+        kOn,
+        kEnded,  ///< by itself
+    };
+    Phase phase = Phase::kOff;
+    std::string cause;        ///< why it has ended
+    std::uint64_t bytes = 0;  ///< of the file
 };
 
 /// Names of the channels that a window and its pages use, see docs/figures.md.
@@ -81,10 +93,11 @@ class Window {
     Figure& figure(std::string_view title = {});
 
     /// Brings all pages up to date and waits until this frame is on the screen of one, or over in
-    /// another way. With two frames under way it waits for the frame before instead, which the
-    /// result is about. The first one waits for a page; later ones go on without. Nothing is sent
-    /// while no page is there: one that comes gets everything.
-    /// REQUIRES: not inside a callback. Throws what a callback throws.
+    /// another way. The first page that answers ends the wait; while nobody sees that one, the
+    /// others are waited for, for a quarter of a second at most. With two frames under way it waits
+    /// for the frame before instead, which the result is about. The first one waits for a page;
+    /// later ones go on without. Nothing is sent while no page is there: one that comes gets
+    /// everything. REQUIRES: not inside a callback. Throws what a callback throws.
     Drawn draw();
 
     /// Runs callbacks and the host's tasks until something has come from a page, or the window is
@@ -101,6 +114,16 @@ class Window {
 
     /// The page's address, which lets its holder in; empty when nothing is served.
     [[nodiscard]] std::string link() const;
+
+    /// Records what travels to the pages and what comes of it into a new file, as docs/recording.md
+    /// says, instead of a recording that is on. The next frame shows everything anew. A recording
+    /// costs the engine a copy of what it sends and never waits for the disk: when too much waits
+    /// or cannot be written it ends, which the host's log "recording" says in one line, and the
+    /// file is good up to there. Throws std::system_error when the file cannot be made.
+    void record(const std::string& path);
+    /// Writes what waits and closes the file.
+    void stopRecording() noexcept;
+    [[nodiscard]] RecordingState recording() const;
 
     /// The rules for callbacks stand at `Axes::onPick`.
     void onKey(std::function<void(const Key&)> callback);

@@ -51,7 +51,8 @@ struct Limits {
     /// All that waits in the process, over all views, blocks included, each shared byte once. When
     /// it is used up, the view that holds most ends.
     std::size_t memory = 1024 * kMiB;
-    std::size_t lostViews = 64;             ///< without a connection; the oldest ends first
+    std::size_t lostViews = 64;             ///< without a connection; the oldest ends first;
+                                            ///< at most 10,000
     std::size_t lostMemory = 256 * kMiB;    ///< kept for all of them together
     std::size_t blocksUnderWay = 8;         ///< sent to one page and not answered
     std::size_t bytesUnderWay = 32 * kMiB;  ///< in such blocks, unless it is a single one
@@ -76,7 +77,8 @@ struct Options {
     std::string address = "127.0.0.1";  ///< a numeric address; another than loopback is a choice
     std::uint16_t port = 0;             ///< 0: one that is free
     /// Further hosts, as they stand in a request ("plot.example:8080"), and further origins
-    /// ("http://localhost:5173"), compared exactly. The port is left out where a browser does.
+    /// ("http://localhost:5173"), compared exactly. The port is left out where a browser does. With
+    /// an address that stands for all of the machine's ("0.0.0.0", "::") links name the first host.
     std::vector<std::string> extraHosts;
     std::vector<std::string> extraOrigins;
     /// Origins whose pages may show this one in a frame; nobody's unless given.

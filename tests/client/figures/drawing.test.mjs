@@ -4,6 +4,7 @@ import { test } from "node:test";
 
 import { MISSING, channelsOf, cycleColor } from "../../../client/page/colors.mjs";
 import { colorTable } from "../../../client/page/worker/color_maps.mjs";
+import { isGpu } from "../../../client/page/worker/gpu_points.mjs";
 import { ColoredPointPicture, PointPicture } from "../../../client/page/worker/stamps.mjs";
 import { Random } from "./support/random.mjs";
 import { Builder, THEME, paint } from "./support/scenes.mjs";
@@ -125,7 +126,8 @@ test("Series are filled as their data say", () => {
     const text = drawOne("text", { text: "t", at: [1, 1], inAxes: true, anchor: "right" }, null, {
         ratio: 2,
     });
-    const { x, y, anchor, font, color } = text.drawn[0];
+    const [rim, { x, y, anchor, font, color }] = text.drawn;
+    assert.deepEqual(rim, { kind: "strokeText", text: "t", x, y, color: THEME.ground, width: 8 });
     assert.deepEqual(
         [x, y, anchor, font, color],
         [100, 0, "right", "24px system-ui, sans-serif", THEME.text],
@@ -246,12 +248,52 @@ test("Stamps at an edge are cut off, and none is lost or thrown", () => {
     colored.write(pixels);
     assert.ok(pixels.every((pixel) => pixel === 0 || (pixel & 0xffffff) === 0x112233));
     picture.clear();
+    picture.stamp(Float64Array.of(30), Float64Array.of(20), 40);
     picture.stamp(Float64Array.of(60), Float64Array.of(46), 1);
     picture.write(pixels, "#000000");
     assert.deepEqual(
         [...pixels.keys()].filter((at) => pixels[at] !== 0),
         [45 * 61 + 59, 45 * 61 + 60, 46 * 61 + 59, 46 * 61 + 60],
     );
+});
+
+test("Large points have their size, few or many, at each scale, below the others", () => {
+    const radii = ({ drawn }) =>
+        drawn.filter(({ kind }) => kind === "fill").map(({ path }) => path[0][3]);
+    const cases = [1, 2, 4].flatMap((ratio) => [20, 600].map((count) => [ratio, count]));
+    for (const [ratio, count] of cases) {
+        const at = { x: range(count, () => 5), y: range(count, () => 5) };
+        const same = drawOne("scatter", { size: 40 }, at, { ratio });
+        if (count > 500 && ratio === 1) {
+            const rows = range(100).filter((row) => same.pictures[0].pixels[row * 100 + 50]);
+            assert.deepEqual([rows[0], rows.at(-1)], [30, 70]);
+        } else {
+            assert.deepEqual(radii(same), Array(count).fill(20 * ratio));
+        }
+        const size = range(count, (i) => (i === 3 ? 150 : 5));
+        for (const more of [{ size }, { size, value: range(count) }]) {
+            const mixed = drawOne("scatter", {}, { ...at, ...more }, { ratio });
+            assert.deepEqual(
+                radii(mixed).filter((radius) => radius > 31),
+                [75 * ratio],
+            );
+            const isOver = mixed.pictures.map(({ isFirst }) => !isFirst);
+            assert.deepEqual(isOver, count > 500 ? [true] : []);
+        }
+    }
+});
+
+test("What renders in software is no GPU, nor what hides its name", () => {
+    const names = {
+        "ANGLE (Google, Vulkan 1.3.0 (SwiftShader Device (Subzero) (0x0000C0DE)), driver)": false,
+        "llvmpipe (LLVM 15.0.6, 256 bits)": false,
+        "ANGLE (Microsoft, Microsoft Basic Render Driver (0x0000008C), D3D11)": false,
+        "Apple Software Renderer": false,
+        "WebKit WebGL": false,
+        "ANGLE (NVIDIA, NVIDIA GeForce RTX 3060 Direct3D11 vs_5_0 ps_5_0, D3D11)": true,
+        "Apple M1": true,
+    };
+    assert.deepEqual(Object.fromEntries(Object.keys(names).map((one) => [one, isGpu(one)])), names);
 });
 
 test("Each pixel of an image has the colour of its value", () => {
@@ -282,6 +324,29 @@ test("Each pixel of an image has the colour of its value", () => {
             }
         }
     }
+});
+
+test("A pixel in which several values lie has the colour of their mean, or is a gap if most are", () => {
+    // Pixels of 3 by 2 cells. The columns take turns, so that every third is of one kind.
+    const [rows, columns] = [200, 300];
+    const missing = (row, column) => (row < 100 ? column < 150 : column % 3 === 0 && row % 2 === 0);
+    const z = range(rows * columns, (i) => {
+        const [row, column] = [Math.floor(i / columns), i % columns];
+        return missing(row, column) ? NaN : row % 2 === 0 ? 30 : 90;
+    });
+    const image = { rows, columns, x: [0, 10], y: [0, 10], limits: [0, 256], colorMap: "gray" };
+    const [{ pixels }] = drawOne("image", image, { z }).pictures;
+    const table = colorTable("gray");
+    // From above: of five values two are 30.
+    for (const [at, wanted] of [
+        [0, 66],
+        [49 * 100 + 99, 66],
+        [50 * 100 + 50, 60],
+        [99 * 100 + 99, 60],
+    ]) {
+        assert.equal(table.indexOf(pixels[at]), wanted, `${at}`);
+    }
+    assert.equal(pixels[99 * 100 + 49], pixelOf(MISSING));
 });
 
 test("Bytes are coloured from 0 to 255, other values between their extremes", () => {

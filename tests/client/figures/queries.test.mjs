@@ -11,9 +11,12 @@ import { Builder, look } from "./support/scenes.mjs";
 
 const UNITS = { x: { limits: [0, 10] }, y: { limits: [0, 10] } };
 
+const range = (count, valueAt) => Array.from({ length: count }, (_, i) => valueAt(i));
+
 /** What is answered about axes of 100 by 100 pixels. */
 function ask({ scene }, query, shown = {}) {
-    const how = look({ sizes: [[2, { width: 100, height: 100, ratio: 2 }]], ...shown });
+    const size = { width: 100, height: 100, ratio: 2 };
+    const how = look({ sizes: scene.axes.map(({ id }) => [id, size]), ...shown });
     const shows = (series) => !how.hidden.has(series.id);
     const stage = { scene, limits: () => limitsOf(scene, how), shows, ...how };
     const answers = [];
@@ -90,8 +93,9 @@ test("A table has what is seen, and no more rows than are wanted", () => {
         "image 5,9.5,0.5,1,",
         "",
     ].join("\r\n");
-    assert.equal(ask(builder, { kind: "csv" }).text, text);
-    const { header, rows } = ask(builder, { kind: "table", rows: 3 });
+    assert.equal(ask(builder, { kind: "csv", axes: [2] }).text, text);
+    const { header, rows, total, step } = ask(builder, { kind: "table", axes: [2], rows: 3 });
+    assert.deepEqual([total, step], [5, 5]);
     assert.deepEqual(header, ["series", "x", "y", "z", "size"]);
     assert.deepEqual(
         rows.map(([name, x]) => [name, x]),
@@ -101,7 +105,27 @@ test("A table has what is seen, and no more rows than are wanted", () => {
             ["image 5", 9.5],
         ],
     );
-    assert.deepEqual(ask(builder, { kind: "table", axes: 9, rows: 3 }).rows, []);
+    assert.deepEqual(ask(builder, { kind: "table", axes: [9], rows: 3 }).rows, []);
+    const other = builder.create("axes", { title: "other" });
+    builder.scene.apply({ cmd: "create", id: 80, type: "line", parent: other }, null);
+    builder.data(80, 0, { x: [1], y: [2] });
+    const lines = ask(builder, { kind: "csv", axes: [2, other] }).text.split("\r\n");
+    assert.deepEqual(
+        [lines[0], lines[1], lines[6]],
+        ["axes,series,x,y,z,size", 'axes 2,"a ""b"", c",1,,,', "other,line 80,1,2,,"],
+    );
+    builder.create("line", {}, { x: range(4000, (i) => i / 400), y: range(4000, () => 1) });
+    const long = ask(builder, { kind: "table", axes: [2], rows: 104 });
+    assert.deepEqual([long.total, long.step, long.rows.length], [4005, 41, 3 + 98]);
+});
+
+test("Each question is answered, also when there is nothing, or it goes wrong", () => {
+    const builder = new Builder(UNITS);
+    assert.equal(ask(builder, { kind: "picture", axes: 9, ratio: 1 }).bitmap, null);
+    builder.create("image", { rows: 2, columns: 2 }, { z: [1, 2, 3] });
+    // Node.js has no canvas.
+    const { kind, text } = ask(builder, { kind: "picture", ratio: 1 });
+    assert.deepEqual([kind, text], ["unanswered", "picture: OffscreenCanvas is not defined"]);
 });
 
 test("SVG says what a canvas shows, and no text of an engine becomes an element", async () => {
@@ -113,7 +137,7 @@ test("SVG says what a canvas shows, and no text of an engine becomes an element"
     );
     builder.create("bars", { barWidth: 1 }, { x: [5], y: [2] });
     builder.create("scatter", { size: 4 }, { x: [3], y: [3] });
-    builder.create("text", { text: '<b>&"\u0001', at: [1, 1] });
+    builder.create("text", { text: '<b>&"\u0001\ufffe', at: [1, 1] });
     const how = look();
     const surface = new SvgSurface(100, 100);
     const size = { width: 100, height: 100, ratio: 1 };
@@ -121,7 +145,7 @@ test("SVG says what a canvas shows, and no text of an engine becomes an element"
         paintAxes(builder.find(2), limitsOf(builder.scene, how).get(2), size, how, surface),
         [],
     );
-    const [line, bar, disc, rim, text] = (await surface.finish()).split("\n");
+    const [line, bar, disc, rim, halo, text] = (await surface.finish()).split("\n");
     assert.match(
         line,
         /^<path d="M10 90L20 48.77" fill="none" stroke="#112233" stroke-opacity="0.5" .*dasharray="8 6"\/>$/,
@@ -129,5 +153,6 @@ test("SVG says what a canvas shows, and no text of an engine becomes an element"
     assert.match(bar, /^<path d="M45 80h10v20h-10Z" fill="#0068ad"\/>$/);
     assert.match(disc, /^<path d="M32 70a2 2 0 1 0 -4 0a2 2 0 1 0 4 0Z" .*fill-opacity="0.45"\/>$/);
     assert.match(rim, /stroke-width="1"/);
-    assert.match(text, /^<text x="10" y="90" .*>&lt;b>&amp;&quot; <\/text>$/);
+    assert.match(halo, /^<text x="10" y="90" .*fill="none" stroke="#ffffff" .*>&lt;b&gt;/);
+    assert.match(text, /^<text x="10" y="90" .*fill="#222222">&lt;b&gt;&amp;&quot; {2}<\/text>$/);
 });

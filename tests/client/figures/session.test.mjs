@@ -123,7 +123,7 @@ class Stage {
     }
     /** A whole frame with figure 1, axes 2 and a line 3 from (0, 0) to (1, 1). */
     whole(token) {
-        this.say("beginFrame", { frame: 8, attempt: 2, whole: true });
+        this.say("beginFrame", { frame: 8, attempt: 2, whole: true, keys: true });
         this.say("create", { id: 1, type: "figure" });
         this.say("create", { id: 2, type: "axes", parent: 1, picks: true, y: { limits: [0, 1] } });
         this.say("create", { id: 3, type: "line", parent: 2 });
@@ -176,6 +176,7 @@ test("A view is announced, and a frame drawn once it is complete and laid out, t
         [],
     );
     const [{ axes }] = scene.figures;
+    assert.equal(scene.keys, true);
     assert.deepEqual(axes[0].limits, { x: [0, 1], y: [0, 1], y2: null });
     assert.deepEqual(
         [axes[0].picks, axes[0].legend, axes[0].series[0].color],
@@ -193,27 +194,35 @@ test("A view is announced, and a frame drawn once it is complete and laid out, t
     assert.deepEqual(await stage.published(), ["/t", { ACT: "token", ...stamps }]);
 });
 
-test("What cannot be drawn is told, and asked for again once", async () => {
+const UNREADABLE = '{"cmd":"binarydata","data":{"99 0":"!"}}';
+const BROKEN = {
+    set() {
+        throw new Error("a broken canvas");
+    },
+};
+const FAULTS = [
+    [() => stage.say("set", { id: 3, width: "wide" }), /set: "width" is not a size/],
+    [() => stage.say("data", { id: 3, data: "99 0" }) ?? stage.raw(UNREADABLE), /"99 0":"!"/],
+    [() => Object.defineProperty(stage.canvases.get(2), "width", BROKEN), /paint: a broken canvas/],
+];
+
+test("What cannot be read, carried out or drawn costs its frame, and is asked for again once", async () => {
     await stage.show();
-    for (const round of [1, 2]) {
-        stage.say("beginFrame", { frame: round, attempt: 1 });
-        stage.say("set", { id: 3, width: "wide" });
-        stage.say("set", { id: 3, name: "l" });
+    const told = [];
+    for (const [cause, reason] of FAULTS) {
+        stage.say("beginFrame", { frame: 9, attempt: 1 });
+        cause();
+        stage.say("set", { id: 3, name: String(reason) });
         stage.act("t");
         await stage.paint();
-        const heard = [await stage.published(), await stage.published()];
-        // The error goes to the engine's log too, and is not repeated there.
-        if (round === 1) heard.push(await stage.published(), await stage.published());
-        const event = heard.find(([channel]) => channel === "/e")[1];
-        assert.deepEqual([event.outcome, event.frame], ["failed", round]);
-        assert.match(event.error, /set: "width" is not a size/);
-        const channels = heard.map(([channel]) => channel);
-        assert.equal(channels.indexOf("/t"), channels.indexOf("/e") + 1);
-        assert.equal(channels.includes("/n"), round === 1);
+        do told.push(await stage.published());
+        while (told.at(-1)[0] !== "/t");
+        const [channel, { event, frame, outcome, error }] = told.at(-2);
+        assert.deepEqual([channel, event, frame, outcome], ["/e", "frame", 9, "failed"]);
+        assert.match(error, reason);
+        assert.ok(stage.told.some(({ kind, text }) => kind === "error" && reason.test(text)));
     }
-    stage.tell({ kind: "key", key: "k", axes: null });
-    assert.equal((await stage.published())[1].event, "key");
-    assert.match((await stage.heard("error")).text, /"width"/);
+    assert.equal(told.filter(([channel]) => channel === "/n").length, 1);
     assert.deepEqual(stage.strokes(), [LINE]);
 });
 
@@ -231,7 +240,8 @@ test("The old picture stays while a whole frame is coming", async () => {
         ],
     ]);
     stage.act("t");
-    assert.deepEqual((await stage.heard("scene")).figures[0].axes, []);
+    const { keys, figures } = await stage.heard("scene");
+    assert.deepEqual([keys, figures[0].axes], [false, []]);
 });
 
 test("A picture that is paused stays, while the data are taken in; live shows what is there", async () => {
@@ -290,8 +300,8 @@ test("Somebody's doings reach the engine", async () => {
     assert.deepEqual(await stage.published(), ["/e", pick]);
     assert.deepEqual((await stage.published())[1], { event: "key", key: "k", axes: null });
     assert.deepEqual((await stage.published())[1], { event: "control", id: 7 });
-    const limits = { event: "limits", axes: 2, x: [0, 2], y: [0, 1], width: 100, height: 50 };
-    assert.deepEqual((await stage.published())[1], limits);
+    const seen = { x: [0, 2], y: [0, 1], width: 100, height: 50 };
+    assert.deepEqual((await stage.published())[1], { event: "limits", axes: 2, ...seen });
     await stage.paint();
     assert.deepEqual(stage.strokes(), [
         [
@@ -299,6 +309,20 @@ test("Somebody's doings reach the engine", async () => {
             ["L", 100, 0],
         ],
     ]);
+    stage.say("beginFrame", { frame: 9, attempt: 1 });
+    stage.say("set", { id: 2, y2: { limits: [3, 4] } });
+    stage.act("t");
+    await stage.paint();
+    stage.tell({ kind: "view", axes: 2, x: null, y: null, y2: [5, 6] });
+    let event = {};
+    while (event.event !== "limits") [, event] = await stage.published();
+    assert.deepEqual(
+        [event.x, event.y2],
+        [
+            [0, 1],
+            [5, 6],
+        ],
+    );
 });
 
 test("The legend hides a series, until it is gone; a theme changes colours", async () => {

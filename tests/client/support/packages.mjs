@@ -5,3 +5,5 @@ const require = createRequire(new URL("../../../client/package.json", import.met
 
 export const { WebSocket, WebSocketServer } = require("ws");
 export const playwright = () => require("playwright-core");
+export const mcap = () => require("@mcap/core");
+export const fzstd = () => require("fzstd");

@@ -7,6 +7,8 @@ import { meaningOf } from "../../../client/page/keys.mjs";
 import { gridOf, placeAxes } from "../../../client/page/layout.mjs";
 import * as navigation from "../../../client/page/navigation.mjs";
 import { Watch } from "../../../client/page/stale.mjs";
+import { captionOf } from "../../../client/page/table.mjs";
+import { WorkerLink } from "../../../client/page/worker_link.mjs";
 
 const { moved, zoomed, isSame, stretch, withEqualAspect, isShowable } = navigation;
 
@@ -80,7 +82,13 @@ test("Keys are the page's, the engine's or the browser's", () => {
         [{ key: "=" }, { do: "action", action: "zoomIn" }],
         [{ key: "Home" }, { do: "action", action: "home" }],
         [{ key: "?", shiftKey: true }, { do: "help" }],
-        [{ key: "x" }, { do: "engine", key: "x" }],
+        [
+            { key: "X", shiftKey: true },
+            { do: "zoom", isCloser: false, x: true, y: false },
+        ],
+        [{ key: "y" }, { do: "zoom", isCloser: true, x: false, y: true }],
+        [{ key: "Enter", shiftKey: true }, { do: "mark" }],
+        [{ key: "q" }, { do: "engine", key: "q" }],
         [{ key: "c", ctrlKey: true }, null],
         [{ key: "Tab" }, null],
         [{ key: "F5" }, null],
@@ -88,21 +96,68 @@ test("Keys are the page's, the engine's or the browser's", () => {
     for (const [event, meaning] of cases) assert.deepEqual(meaningOf(event), meaning, event.key);
 });
 
-test("Data are stale when an engine that drew regularly stops, or the connection is gone", () => {
+test("A figure is stale when its engine drew regularly and stops, or the connection is gone", () => {
     const watch = new Watch();
-    assert.equal(watch.staleSince(1e6, false), null, "nothing has come yet");
-    watch.heard(1000, 1);
-    assert.equal(watch.staleSince(9000, true), null, "one picture that stays");
-    assert.equal(watch.staleSince(9000, false), 1000);
-    [1500, 2000, 2500].forEach((at, i) => watch.heard(at, 2 + i));
-    watch.heard(2500, 4);
-    assert.deepEqual([watch.staleSince(4400, true), watch.staleSince(4501, true)], [null, 2500]);
-    watch.heard(20000, 5);
-    assert.equal(watch.staleSince(30000, true), null, "once again is not regularly");
+    assert.equal(watch.staleSince(1e6, false, 0), null, "nothing has come yet");
+    watch.heard(1000);
+    assert.equal(watch.staleSince(9000, true, 1000), null, "one picture that stays");
+    assert.equal(watch.staleSince(9000, false, 5000), 5000, "nobody knows");
+    [1500, 2000, 2500].forEach((at) => watch.heard(at));
+    assert.equal(watch.staleSince(4400, true, 2500), null);
+    assert.equal(watch.staleSince(4501, true, 2500), 2500);
+    assert.equal(watch.staleSince(9000, true, 5000), null, "the engine went on elsewhere");
+    watch.heard(20000);
+    assert.equal(watch.staleSince(30000, true, 20000), null, "once again is not regularly");
 });
 
 test("A saved file says what it is, and when", () => {
     const date = new Date(Date.UTC(2026, 10, 21, 9, 5, 7));
     assert.equal(fileName("Ünïts: m/s", "", date, "png"), "units-m-s-2026-11-21-090507.png");
     assert.equal(fileName("", "x..", date, "csv"), "figure-x-2026-11-21-090507.csv");
+});
+
+test("A table says which rows it has", () => {
+    const cases = [
+        [100000, 200, "Every 200th of 100,000 rows of what is seen"],
+        [900, 2, "Every 2nd of 900 rows of what is seen"],
+        [9000, 21, "Every 21st of 9,000 rows of what is seen"],
+        [9000, 112, "Every 112th of 9,000 rows of what is seen"],
+        [1, 1, "1 row of what is seen"],
+        [500, 1, "500 rows of what is seen"],
+    ];
+    for (const [total, step, text] of cases) {
+        assert.equal(captionOf({ total, step }), text);
+    }
+});
+
+test("A question ends with its answer, or with what went wrong in the worker", async (t) => {
+    let worker;
+    globalThis.Worker = class {
+        asked = [];
+        constructor() {
+            worker = this;
+        }
+        postMessage(message) {
+            this.asked.push(message);
+        }
+    };
+    t.after(() => delete globalThis.Worker);
+    const heard = [];
+    const link = new WorkerLink(
+        "w",
+        ({ kind }) => heard.push(kind),
+        ({ message }) => heard.push(message),
+    );
+    const answers = [1, 2, 3].map((axes) => link.ask({ kind: "csv", axes }));
+    const [first, second] = worker.asked;
+    worker.onmessage({ data: { kind: "csv", id: second.id, text: "t" } });
+    worker.onmessage({ data: { kind: "ask", id: first.id } });
+    worker.onmessage({ data: { kind: "unanswered", id: first.id, text: "no" } });
+    worker.onerror({ message: "over" });
+    const ends = await Promise.allSettled(answers);
+    assert.deepEqual(
+        ends.map(({ value, reason }) => value?.text ?? reason.message),
+        ["no", "t", "over"],
+    );
+    assert.deepEqual(heard, ["ask", "over"]);
 });

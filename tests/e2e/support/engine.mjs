@@ -40,6 +40,8 @@ export class Engine {
     #frame = 0;
     #texts = [];
     #heard = [];
+    /** Whether it wants keys. */
+    listens = false;
     /** Opens a page, and ends when that may be drawn to. */
     static async open(stage, context) {
         const engine = new Engine();
@@ -81,7 +83,7 @@ export class Engine {
     async frame(draw, whole = false) {
         const frame = this.#frame++;
         const said = this.#texts.splice(0);
-        this.say("beginFrame", { frame, attempt: 1, whole });
+        this.say("beginFrame", { frame, attempt: 1, whole, keys: this.listens });
         this.#texts.push(...said);
         draw();
         this.#texts.push(JSON.stringify({ cmd: "sendACT", ACT: frame, returnChannel: "/back" }));

@@ -60,5 +60,5 @@ export const shownValues = (page) =>
     page.evaluate(async () => {
         const [figure] = kirowebPage.figures.values();
         const [axes] = figure.axes.keys();
-        return (await kirowebPage.worker.ask({ kind: "csv", axes })).text;
+        return (await kirowebPage.worker.ask({ kind: "csv", axes: [axes] })).text;
     });

@@ -19,14 +19,15 @@ const FLAGS = [
 /** One browser for a file of tests; what a test asks for goes with it. */
 export class Stage {
     #cleanUps = [];
-    constructor() {
+    /** @param {string[]} flags of the browser's, besides those that all tests want */
+    constructor(flags = []) {
         // The sandbox wants a user who is not root. A missing browser is an error.
         const chromiumSandbox = process.getuid() !== 0;
         const executablePath = "/usr/bin/chromium";
         before(async () => {
             this.browser = await playwright().chromium.launch({
                 executablePath,
-                args: FLAGS,
+                args: [...FLAGS, ...flags],
                 chromiumSandbox,
             });
         });

@@ -60,16 +60,17 @@ void addMarks(Figure& figure) {
     tell(errors, "error bars", {{"x", x}, {"y", y}, {"minus", minus}, {"plus", plus}});
 
     Axes& scatter = framed(figure, "scatter");
-    const Values size = {4, 8, 12, 16, 20, 24};
+    const Values size = {4, 8, 12, 16, 20, 40};
     scatter.scatter().set(x, y, {.size = size});
     tell(scatter, "scatter", {{"x", x}, {"y", y}, {"size", size}});
 
-    // So many that they are stamped.
+    // So many that they are stamped, one of them larger than a stamp.
     Axes& stamped = framed(figure, "stamped");
     const Values many = values(1500, [](int i) { return 9.9 * std::fmod(i * 0.618034, 1); });
     const Values far = values(1500, [](int i) { return i == 7 ? kGap : 1.8 * std::sin(i * 0.37); });
-    stamped.scatter().set(many, far).size(3);
-    tell(stamped, "scatter", {{"x", many}, {"y", far}, {"size", Values(1500, 3)}});
+    const Values sizes = values(1500, [](int i) { return i == 700 ? 70. : 3; });
+    stamped.scatter().set(many, far, {.size = sizes});
+    tell(stamped, "scatter", {{"x", many}, {"y", far}, {"size", sizes}});
 }
 
 void addShapes(Figure& figure) {

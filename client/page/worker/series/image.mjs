@@ -1,4 +1,5 @@
-// Images: each pixel of the canvas has the colour of the value that lies there.
+// Images: each pixel of the canvas has the colour of the value that lies there, or of the mean of
+// several.
 
 import { MISSING_PIXEL, colorLimitsOf, colorTable } from "../color_maps.mjs";
 import { edgesOf } from "../extents.mjs";
@@ -27,35 +28,88 @@ export function paintImage(series, place) {
     });
 }
 
-/** Which row or column each pixel shows; -1: none.
+/** Which rows or columns each pixel shows: from `begins` to below `ends`, which are the same where
+ * there are none. @typedef {{begins: Int32Array, ends: Int32Array}} Cells */
+
+/** Those whose middle lies in a pixel, or else the one that lies at its own middle.
  * @param {Scale} scale @param {[number, number]} edges @param {number} count of cells
- * @param {number} size in pixels @returns {Int32Array} */
-export function cellsOf(scale, [low, high], count, size) {
-    return Int32Array.from({ length: size }, (_, pixel) => {
-        const cell = Math.floor(((scale.toValue(pixel + 0.5) - low) / (high - low)) * count);
-        return cell >= 0 && cell < count ? cell : -1;
-    });
+ * @param {number} size in pixels @returns {Cells} */
+function cellsOf(scale, [low, high], count, size) {
+    const cellAt = (/** @type {number} */ pixel) =>
+        ((scale.toValue(pixel) - low) / (high - low)) * count;
+    const begins = new Int32Array(size);
+    const ends = new Int32Array(size);
+    for (let pixel = 0; pixel < size; ++pixel) {
+        const middle = Math.floor(cellAt(pixel + 0.5));
+        if (!(middle >= 0 && middle < count)) continue;
+        const [one, other] = [cellAt(pixel), cellAt(pixel + 1)];
+        const begin = Math.max(Math.round(Math.min(one, other)), 0);
+        const end = Math.min(Math.round(Math.max(one, other)), count);
+        begins[pixel] = begin < end ? begin : middle;
+        ends[pixel] = begin < end ? end : middle + 1;
+    }
+    return { begins, ends };
+}
+
+/** Takes means of cells, so that nothing between two pixels is passed over.
+ * @param {import("../columns.mjs").Elements} values row by row @param {number} across in a row
+ * @param {Cells} columns of the picture */
+function meansOf(values, across, { begins, ends }) {
+    const sums = new Float64Array(across);
+    const counts = new Int32Array(across);
+    const isPlain = begins.every((begin, i) => ends[i] - begin <= 1);
+
+    /** Of the rows from `top` to below `bottom`. What is missing for the most part is NaN.
+     * @param {number} top @param {number} bottom @param {Float64Array} line by columns */
+    return (top, bottom, line) => {
+        if (isPlain && bottom - top === 1) {
+            for (let i = 0; i < line.length; ++i) line[i] = values[top * across + begins[i]];
+            return;
+        }
+        sums.fill(0);
+        counts.fill(0);
+        for (let at = top * across; at < bottom * across;) {
+            for (let cell = 0; cell < across; ++cell, ++at) {
+                const value = values[at];
+                if (value - value !== 0) continue;
+                sums[cell] += value;
+                ++counts[cell];
+            }
+        }
+        for (let i = 0; i < line.length; ++i) {
+            let sum = 0;
+            let count = 0;
+            for (let cell = begins[i]; cell < ends[i]; ++cell) {
+                sum += sums[cell];
+                count += counts[cell];
+            }
+            const all = (ends[i] - begins[i]) * (bottom - top);
+            line[i] = 2 * count >= all ? sum / count : NaN;
+        }
+    };
 }
 
 /** @param {import("../columns.mjs").Elements} values row by row
  * @param {number} across values in a row
- * @param {{columns: Int32Array, rows: Int32Array}} cells by columns and rows of the picture
+ * @param {{columns: Cells, rows: Cells}} cells by columns and rows of the picture
  * @param {[number, number]} limits @param {Uint32Array} table
  * @param {Uint32Array} pixels where the picture goes, row by row */
-export function lookUp(values, across, { columns, rows }, [low, high], table, pixels) {
-    const width = columns.length;
+function lookUp(values, across, { columns, rows }, [low, high], table, pixels) {
+    const width = columns.ends.length;
     const count = table.length;
     const factor = count / (high - low);
     // Columns without a cell are at the ends.
     let from = 0;
     let to = width;
-    while (from < to && columns[from] < 0) ++from;
-    while (from < to && columns[to - 1] < 0) --to;
-    for (let row = 0; row < rows.length; ++row) {
-        if (rows[row] < 0) continue;
-        const begin = rows[row] * across;
+    while (from < to && columns.ends[from] === 0) ++from;
+    while (from < to && columns.ends[to - 1] === 0) --to;
+    const takeMeans = meansOf(values, across, columns);
+    const line = new Float64Array(width);
+    for (let row = 0; row < rows.ends.length; ++row) {
+        if (rows.ends[row] === 0) continue;
+        takeMeans(rows.begins[row], rows.ends[row], line);
         for (let column = from; column < to; ++column) {
-            const value = (values[begin + columns[column]] - low) * factor;
+            const value = (line[column] - low) * factor;
             let color = MISSING_PIXEL;
             if (value >= 0 && value < count) color = table[value | 0];
             else if (value - value === 0) color = table[value < 0 ? 0 : count - 1];

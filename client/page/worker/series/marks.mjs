@@ -8,6 +8,8 @@ import { isDrawable } from "./path.mjs";
 /** @typedef {import("../painter.mjs").Place} Place */
 
 export const FONT = "system-ui, sans-serif";
+/** CSS pixels around a text that keep what is below it away. */
+const RIM = 2;
 
 /** @param {Item} series @param {Place} place */
 export function paintReference({ properties }, place) {
@@ -51,5 +53,7 @@ export function paintText({ properties }, place) {
     context.font = `${fontSize * ratio}px ${FONT}`;
     context.textAlign = anchor;
     context.textBaseline = "middle";
+    setPen({ ...place, color: place.ground }, 2 * RIM * ratio, "solid");
+    context.strokeText(text, x, y);
     context.fillText(text, x, y);
 }

@@ -1,6 +1,7 @@
-// Points: stamped, or where they are few drawn one by one.
+// Points: stamped, or drawn by a GPU; where they are few or large, drawn one by one.
 
 import { colorLimitsOf, colorPixels } from "../color_maps.mjs";
+import { gpuPoints } from "../gpu_points.mjs";
 import { withOpacity } from "../painter.mjs";
 import { ColoredPointPicture, GREATEST_RADIUS, INSIDE, PointPicture, RIM } from "../stamps.mjs";
 
@@ -12,15 +13,21 @@ import { ColoredPointPicture, GREATEST_RADIUS, INSIDE, PointPicture, RIM } from 
 const FEW = 500;
 /** With more a drawing of vectors would become too large: they are embedded as pixels. */
 const MANY = 5000;
+/** Fewer are not worth the way to a GPU and back. */
+const GPU_WORTH = 10000;
 
-/** Points that are to be drawn. @typedef {{x: Float64Array, y: Float64Array,
- *     radii: Float64Array | number, colors: Uint32Array | null}} Points */
+/** Points that are to be drawn. @typedef {{x: ArrayLike<number>, y: ArrayLike<number>,
+ *     radii: ArrayLike<number> | number, colors: ArrayLike<number> | null}} Points */
+
+/** Points that are too large for stamps. @typedef {{x: number[], y: number[], radii: number[],
+ *     colors: number[] | null}} Large */
 
 /**
  * What was stamped, so that only what was appended has to be.
  * @typedef {object} Kept
- * @property {PointPicture | ColoredPointPicture} picture
- * @property {string} look what it was stamped with
+ * @property {PointPicture | ColoredPointPicture | null} picture null: a GPU drew it
+ * @property {Large} large
+ * @property {string} look what it was drawn with
  * @property {number} begin the index of the first element in it
  * @property {number} end
  */
@@ -28,16 +35,18 @@ const MANY = 5000;
 /** @type {WeakMap<Item, Kept>} */
 const pictures = new WeakMap();
 
+/** @param {Item["columns"]} columns @returns {Large} */
+const noPoints = ({ value }) => ({ x: [], y: [], radii: [], colors: value ? [] : null });
+
 /** @param {Item} series @param {Place} place */
 export function paintScatter(series, place) {
-    const { places } = series;
+    const { places, columns, properties } = series;
     if (!places) return;
     const count = places.end - places.begin;
-    if (count <= (place.isVector ? MANY : FEW)) {
-        drawCircles(pointsOf(series, place, places.begin, places.end), place);
-    } else {
-        stampPoints(series, places, place);
-    }
+    const isFew = count <= (place.isVector ? MANY : FEW);
+    const isLarge = !columns.size && (properties.size * place.ratio) / 2 > GREATEST_RADIUS;
+    if (isFew || isLarge) drawCircles(pointsOf(series, place, places.begin, places.end), place);
+    else drawMany(series, places, place);
 }
 
 /** @param {Item} series @param {Place} place @param {number} from index @param {number} to
@@ -62,7 +71,7 @@ function drawCircles({ x, y, radii, colors }, { context, color, width, height })
     const inside = withOpacity(color, INSIDE);
     context.setLineDash([]);
     for (let i = 0; i < x.length; ++i) {
-        const radius = Math.min(typeof radii === "number" ? radii : radii[i], GREATEST_RADIUS);
+        const radius = typeof radii === "number" ? radii : radii[i];
         const isWithin = x[i] > -radius && x[i] < width + radius;
         if (!isWithin || !(y[i] > -radius && y[i] < height + radius) || !(radius > 0)) continue;
         context.beginPath();
@@ -86,40 +95,65 @@ function cssColor(pixel) {
 }
 
 /** @param {Item} series @param {Places} places @param {Place} place */
-function stampPoints(series, places, place) {
+function drawMany(series, places, place) {
     const { width, height, ratio, color } = place;
     const { properties, columns, sets } = series;
     const { size, colorMap } = properties;
+    const { begin, end } = places;
     const colorLimits = columns.value ? colorLimitsOf(series) : null;
     const limits = [place.x.limits, place.y.limits, place.x.least, place.y.least];
     const look = JSON.stringify([limits, width, height, ratio, size, sets, colorMap, colorLimits]);
-    const kept = keptPicture(series, look, places.begin, place);
-    const { picture } = kept;
-    const { x, y, radii, colors } = pointsOf(series, place, kept.end, places.end);
-    kept.end = places.end;
+    const old = pictures.get(series);
+    const isSame = old?.look === look && old.begin === begin;
+    const kept = isSame
+        ? old
+        : { picture: null, large: noPoints(columns), look, begin, end: begin };
+    pictures.set(series, kept);
+    // What was drawn stays: to stamp only what is new is faster than any GPU.
+    if (!isSame && drawByGpu(series, places, place)) return;
+    const Picture = columns.value ? ColoredPointPicture : PointPicture;
+    const picture = isSame && old.picture ? old.picture : emptied(old?.picture, Picture, place);
+    const points = pointsOf(series, place, kept.end, end);
+    const { x, y, radii, colors } = points;
+    Object.assign(kept, { picture, end });
+    addLarge(kept.large, points);
     if (picture instanceof PointPicture) picture.stamp(x, y, radii);
-    else picture.stamp(x, y, radii, /** @type {Uint32Array} */ (colors));
-    place.drawPixels((pixels) => picture.write(pixels, color));
+    else picture.stamp(x, y, radii, /** @type {ArrayLike<number>} */ (colors));
+    drawCircles(kept.large, place);
+    place.drawPixels((pixels) => picture.write(pixels, color), kept.large.x.length > 0);
 }
 
-/** Empty, unless it was stamped in the same way and nothing in it was forgotten since.
- * @param {Item} series @param {string} look @param {number} begin @param {Place} place
- * @returns {Kept} */
-function keptPicture(series, look, begin, { width, height }) {
-    const old = pictures.get(series);
-    if (old?.look === look && old.begin === begin) return old;
-    const Picture = series.columns.value ? ColoredPointPicture : PointPicture;
-    const picture = emptied(old?.picture, Picture, width, height);
-    const kept = { picture, look, begin, end: begin };
-    pictures.set(series, kept);
-    return kept;
+/** @param {Item} series @param {Places} places @param {Place} place
+ * @returns {boolean} whether it could */
+function drawByGpu(series, { begin, end }, place) {
+    if (!place.drawCanvas || end - begin < GPU_WORTH) return false;
+    const points = pointsOf(series, place, begin, end);
+    const canvas = gpuPoints.draw(points, place);
+    if (!canvas) return false;
+    const large = noPoints(series.columns);
+    addLarge(large, points);
+    drawCircles(large, place);
+    place.drawCanvas(canvas);
+    return true;
+}
+
+/** Large points lie below the others. @param {Large} large @param {Points} points */
+function addLarge(large, { x, y, radii, colors }) {
+    if (typeof radii === "number") return;
+    for (let i = 0; i < radii.length; ++i) {
+        if (!(radii[i] > GREATEST_RADIUS)) continue;
+        large.x.push(x[i]);
+        large.y.push(y[i]);
+        large.radii.push(radii[i]);
+        if (colors) large.colors?.push(colors[i]);
+    }
 }
 
 /** An empty picture: the old one, if it is of the same kind and size.
  * @param {Kept["picture"] | undefined} old
  * @param {typeof PointPicture | typeof ColoredPointPicture} Picture
- * @param {number} width @param {number} height */
-function emptied(old, Picture, width, height) {
+ * @param {{width: number, height: number}} size */
+function emptied(old, Picture, { width, height }) {
     if (!(old instanceof Picture) || old.width !== width || old.height !== height) {
         return new Picture(width, height);
     }

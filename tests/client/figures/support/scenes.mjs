@@ -58,7 +58,8 @@ export function look({ views = [], hidden = [], sizes = [] } = {}) {
     return { views: new Map(views), hidden: new Set(hidden), sizes: new Map(sizes), theme: THEME };
 }
 
-/** A 2d context that writes down what is drawn: "fillRect", "stroke", "fill" and "fillText", with
+/** A 2d context that writes down what is drawn: "fillRect", "stroke", "fill", "fillText" and
+ * "strokeText", with
  * the path and the style. */
 export class Recorder {
     drawn = [];
@@ -91,6 +92,10 @@ export class Recorder {
     }
     fillRect(...rect) {
         this.drawn.push({ kind: "fillRect", rect, color: this.fillStyle });
+    }
+    strokeText(text, x, y) {
+        const { strokeStyle: color, lineWidth: width } = this;
+        this.drawn.push({ kind: "strokeText", text, x, y, color, width });
     }
     fillText(text, x, y) {
         const { fillStyle: color, textAlign: anchor, font } = this;

@@ -1,0 +1,91 @@
+#include <boost/json/parse.hpp>
+#include <boost/json/value_to.hpp>
+#include <chrono>
+#include <cmath>
+#include <future>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "../gateway/Browser.hpp"
+#include "Row.hpp"
+#include "Show.hpp"
+
+namespace bench {
+
+namespace {
+
+constexpr std::size_t kSamples = 1'000'000;
+constexpr std::size_t kNew = 10'000;
+
+/// Turns the wheel over the plot, in and out, and counts the animation frames until the old picture
+/// is no longer moved and stretched, which it is at once.
+std::string turns(int count) {
+    return R"(new Promise((resolve, reject) => {
+        const over = document.querySelector(".u-over");
+        const [figure] = kirowebPage.figures.values();
+        const [view] = figure.axes.values();
+        const { left, top, width, height } = over.getBoundingClientRect();
+        const place = { clientX: left + width / 2, clientY: top + height / 2 };
+        const found = [];
+        const turn = () => {
+            const deltaY = found.length % 2 ? 200 : -200;
+            const event = { ...place, deltaY, bubbles: true, cancelable: true };
+            over.dispatchEvent(new WheelEvent("wheel", event));
+            if (view.canvas.style.transform === "") reject(new Error("nothing was stretched"));
+            let frames = 0;
+            const look = () => {
+                ++frames;
+                if (view.canvas.style.transform !== "") return requestAnimationFrame(look);
+                found.push(frames);
+                if (found.length === )" +
+           std::to_string(count) + R"() return resolve(found);
+                // Not in step with the engine.
+                setTimeout(turn, 50 + 7 * (found.length % 11));
+            };
+            requestAnimationFrame(look);
+        };
+        turn();
+    }))";
+}
+
+std::vector<double> framesOfZooms(bool quick) {
+    using kirofigures::Outcome;
+    std::vector<float> samples(kSamples);
+    for (std::size_t i = 0; i < kSamples; ++i) {
+        samples[i] = std::sin(static_cast<float>(i) / 20'000);
+    }
+    kirofigures::Window window(quietOptions());
+    auto& axes = window.figure("1,000,000 samples").axes();
+    axes.x().limits(0, 100);
+    auto& line = axes.line().keep(kSamples);
+    line.set(kirofigures::Regular{0, 1e-4}, samples);
+    Browser browser("about:blank");
+    const auto tab = browser.open(window.link());
+    while (!window.draw().isPainted()) {
+    }
+    // The engine draws on meanwhile.
+    auto answer = std::async(std::launch::async, [&browser, &tab, quick] {
+        return browser.evaluate(tab, turns(quick ? 3 : 50));
+    });
+    const std::span<const float> all(samples);
+    for (std::size_t i = 0; answer.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
+         ++i) {
+        line.append(all.subspan(i % 50 * kNew, kNew));
+        const auto drawn = window.draw();
+        if (drawn.outcome == Outcome::kPainted || drawn.outcome == Outcome::kUnderWay) continue;
+        throw std::runtime_error("a frame is " + std::string(nameOf(drawn.outcome)));
+    }
+    return boost::json::value_to<std::vector<double>>(boost::json::parse(answer.get()));
+}
+
+}  // namespace
+
+Measurement zoomMeasurement() {
+    return {"zoom", [](bool quick) -> std::vector<Row> {
+                return {{"zoom, true picture", "frames", median(framesOfZooms(quick))}};
+            }};
+}
+
+}  // namespace bench

@@ -1,0 +1,32 @@
+#include "kirorecording/Repair.hpp"
+
+#include <map>
+
+#include "kirorecording/Writer.hpp"
+
+namespace kirorecording {
+
+Repaired repair(const Source& source, Sink& sink) {
+    const Reader reader(source);
+    Writer writer(sink);
+    std::map<std::uint16_t, std::uint16_t> numbers;
+    for (const auto& [number, channel] : reader.channels()) numbers[number] = writer.add(channel);
+    Repaired repaired;
+    try {
+        for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
+            auto chunk = reader.read(i);
+            while (const auto message = chunk.next()) {
+                writer.write(numbers.at(message->channel), message->time, message->data);
+                ++repaired.messages;
+                repaired.last = message->time;
+            }
+        }
+        repaired.damage = reader.damage();
+    } catch (const FormatError& damage) {
+        repaired.damage = damage;
+    }
+    writer.close();
+    return repaired;
+}
+
+}  // namespace kirorecording

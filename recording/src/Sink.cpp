@@ -1,0 +1,56 @@
+#include "kirorecording/Sink.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace kirorecording {
+
+namespace {
+
+/// As every program makes its files: what others may do with it is the umask's affair.
+constexpr int kMode = 0666;
+
+}  // namespace
+
+Sink::~Sink() = default;
+
+FileSink::FileSink(std::string path)
+    : fPath(std::move(path)),
+      fFile(::open(fPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMode)) {
+    if (fFile < 0) fail();
+}
+
+FileSink::~FileSink() {
+    if (fFile >= 0) ::close(fFile);
+}
+
+void FileSink::fail() const {
+    throw std::system_error(errno, std::generic_category(), fPath + ": cannot be written");
+}
+
+void FileSink::doWrite(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto written = ::write(fFile, bytes.data(), bytes.size());
+        if (written >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno != EINTR) {
+            fail();
+        }
+    }
+}
+
+void FileSink::doTruncate(std::uint64_t size) {
+    const auto end = static_cast<off_t>(size);
+    if (::ftruncate(fFile, end) != 0 || ::lseek(fFile, end, SEEK_SET) < 0) fail();
+}
+
+void FileSink::doClose() {
+    // Whatever it answers, the descriptor is gone.
+    if (::close(std::exchange(fFile, -1)) != 0 && errno != EINTR) fail();
+}
+
+}  // namespace kirorecording

@@ -1,0 +1,241 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <boost/json/parse.hpp>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <system_error>
+
+#include "Fixture.hpp"
+#include "kirohost/Controls.hpp"
+#include "kirorecording/Reader.hpp"
+#include "kirorecording/Run.hpp"
+
+namespace figures_test {
+namespace {
+
+using namespace kirofigures;
+using kirorecording::Topic;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using Phase = RecordingState::Phase;
+
+/// A recorded message. Its data outlive the reader.
+struct Recorded {
+    std::string topic;
+    std::string data;
+};
+
+class RecordingTest : public WindowTest {
+  protected:
+    RecordingTest() {
+        fPage.announce();
+        kirohost::waitForDelivery();  // that is not recorded
+        fWindow->figure("F");
+    }
+    ~RecordingTest() override { std::filesystem::remove(fFile); }
+
+    /// Stops and reads.
+    std::vector<Recorded> recorded() {
+        fWindow->stopRecording();
+        EXPECT_EQ(fWindow->recording().phase, Phase::kOff);
+        const kirorecording::FileSource source(fFile);
+        const kirorecording::Reader reader(source);
+        EXPECT_FALSE(reader.damage());
+        std::vector<Recorded> all;
+        for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
+            auto chunk = reader.read(i);
+            while (const auto message = chunk.next()) {
+                all.push_back(
+                    {reader.channels().at(message->channel).topic, std::string(message->data)});
+            }
+        }
+        return all;
+    }
+    static std::vector<std::string> of(Topic topic, const std::vector<Recorded>& all) {
+        std::vector<std::string> found;
+        for (const auto& one : all) {
+            if (one.topic == nameOf(topic)) found.push_back(one.data);
+        }
+        return found;
+    }
+    static Follower followed(const std::vector<Recorded>& all, std::size_t from = 0) {
+        Follower follower;
+        for (std::size_t i = from; i < all.size(); ++i) follow(follower, all[i]);
+        return follower;
+    }
+
+    const std::string fFile = testing::TempDir() + "kirofigures_recording";
+
+  private:
+    static void follow(Follower& follower, const Recorded& one) {
+        if (one.topic == "commands") follower.command(boost::json::parse(one.data).as_object());
+        if (one.topic == "blocks") follower.block(one.data);
+        // Where nothing is known yet a snapshot says it all.
+        if (one.topic == "snapshots" && follower.sequence == 0) show(follower, one.data);
+    }
+    static void show(Follower& follower, std::string_view snapshot) {
+        const auto take = [&snapshot](auto size) {
+            std::memcpy(&size, snapshot.data(), sizeof size);
+            const auto part = snapshot.substr(sizeof size, size);
+            snapshot.remove_prefix(sizeof size + size);
+            return part;
+        };
+        const auto head = boost::json::parse(take(std::uint32_t{})).as_object();
+        while (!snapshot.empty()) follower.block(take(std::uint64_t{}));
+        for (const auto& command : head.at("commands").as_array()) {
+            follower.command(command.as_object());
+        }
+        follower.sequence = head.at("seq").to_number<std::uint64_t>();
+    }
+};
+
+TEST_F(RecordingTest, HoldsWhatThePageGot) {
+    fWindow->record(fFile);
+    EXPECT_EQ(fWindow->recording().phase, Phase::kOn);
+    auto& line = axes().line().append({1, 2}, {3, 4});
+    EXPECT_EQ(drawn(), Outcome::kPainted);
+    line.append({5}, {6});
+    EXPECT_EQ(drawn(), Outcome::kPainted);
+    const auto all = recorded();
+    const auto follower = followed(all);
+    EXPECT_THAT(follower.faults, ElementsAre());
+    EXPECT_EQ(linesOf(follower.picture), linesOf(fPage.last().picture));
+    EXPECT_GT(fWindow->recording().bytes, 1000U);
+
+    const auto marks = of(Topic::kFrames, all);
+    ASSERT_EQ(marks.size(), 2U);
+    EXPECT_THAT(marks[0], HasSubstr(R"({"frame":0,"attempt":1,"kind":"whole","bytes":)"));
+    EXPECT_THAT(marks[1], HasSubstr(R"({"frame":1,"attempt":1,"kind":"changes","bytes":)"));
+    std::size_t bytes = 0;
+    for (const Topic topic : {Topic::kCommands, Topic::kBlocks}) {
+        for (const auto& one : of(topic, all)) bytes += one.size();
+    }
+    const auto bytesOf = [](const std::string& mark) {
+        return boost::json::parse(mark).at("bytes").to_number<std::size_t>();
+    };
+    EXPECT_EQ(bytesOf(marks[0]) + bytesOf(marks[1]), bytes);
+}
+
+TEST_F(RecordingTest, BeginsWithEverythingWheneverItBegins) {
+    axes().line().append({1, 2}, {3, 4});
+    EXPECT_EQ(drawn(), Outcome::kPainted);
+    fWindow->record(fFile);
+    EXPECT_EQ(drawn(), Outcome::kPainted);
+    const auto follower = followed(recorded());
+    EXPECT_THAT(follower.faults, ElementsAre());
+    EXPECT_EQ(linesOf(follower.picture), linesOf(fPage.last().picture));
+}
+
+TEST_F(RecordingTest, CanBeReadFromEachOfItsSnapshots) {
+    fWindow->record(fFile);
+    auto& kept = axes().line().keep(5);
+    auto& regular = axes().line().keep(3);
+    regular.set(Regular{10, 0.5}, {1, 2});
+    std::vector<std::vector<std::string>> pictures;
+    for (int i = 0; i < 12; ++i) {
+        kept.append({1.0 * i, i + 0.5}, {2.0 * i, 7.0});
+        regular.append(std::vector<double>{1.0 * i});
+        if (i == 6) axes().text(0, 0, "late");
+        EXPECT_EQ(drawn(), Outcome::kPainted);
+        pictures.push_back(linesOf(fPage.last().picture));
+        advance(std::chrono::seconds(1));
+    }
+    const auto all = recorded();
+    std::size_t snapshots = 0;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        if (all[i].topic != nameOf(Topic::kSnapshots)) continue;
+        ++snapshots;
+        const auto follower = followed(all, i);
+        EXPECT_THAT(follower.faults, ElementsAre());
+        EXPECT_EQ(linesOf(follower.picture), pictures.back());
+        // And by itself, as it was then.
+        const auto alone = followed({all[i]});
+        EXPECT_EQ(linesOf(alone.picture), pictures.at(alone.current.number));
+    }
+    EXPECT_GT(snapshots, 1U);
+    EXPECT_LT(snapshots, 6U);  // each takes less room than what it spares
+}
+
+TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {
+    fWindow->record(fFile);
+    fPage.next(outcome("failed", "no ink"));
+    EXPECT_EQ(drawn(), Outcome::kFailed);
+    fPage.next([this](Page&, const Frame&) { advance(std::chrono::seconds(11)); });
+    EXPECT_EQ(drawn(), Outcome::kLate);
+    fIsPageGone = true;
+    EXPECT_EQ(drawn(), Outcome::kNoPage);
+    EXPECT_EQ(drawn(), Outcome::kNoPage);
+    const auto all = recorded();
+    const auto tokens = of(Topic::kTokens, all);
+    ASSERT_EQ(tokens.size(), 4U);
+    EXPECT_THAT(tokens[0],
+                HasSubstr(R"({"frame":0,"attempt":1,"outcome":"failed","reason":"no ink",)"));
+    const auto stamps = boost::json::parse(tokens[0]).as_object();
+    EXPECT_GE(stamps.at("serverReceive").as_int64(), stamps.at("serverSend").as_int64());
+    EXPECT_GT(stamps.at("serverReceive").as_int64(), 0);
+    EXPECT_EQ(tokens[1], R"({"frame":1,"attempt":1,"outcome":"late","reason":"the cause",)"
+                         R"("serverSend":0,"clientReceive":0,"clientSend":0,"serverReceive":0})");
+    EXPECT_THAT(tokens[3], HasSubstr(R"("frame":3,"attempt":0,"outcome":"no page")"));
+    EXPECT_THAT(of(Topic::kConnections, all),
+                ElementsAre(R"({"event":"begin","vocabulary":"kirofigures/1","title":"Figures"})",
+                            R"({"event":"gone"})"));
+}
+
+TEST_F(RecordingTest, HoldsWhatPagesSay) {
+    fWindow->record(fFile);
+    fPage.say({{"event", "key"}, {"key", "a"}});
+    fPage.sayText("{no event");
+    fPage.comeBack();
+    fPage.announce();
+    const std::string errors = "/services/ErrorLoggingService/JSErrors";
+    auto channels = fWindow->channels();
+    channels.events = errors;
+    {
+        Page reporter(channels);
+        reporter.sayText("oh \"no\"");
+        reporter.sayText("\xff");
+    }
+    kirohost::waitForDelivery();
+    const auto all = recorded();
+    EXPECT_THAT(of(Topic::kControls, all), ElementsAre(R"({"event":"key","key":"a"})"));
+    EXPECT_THAT(of(Topic::kErrors, all),
+                ElementsAre(R"({"error":"oh \"no\""})", R"({"error":"\\xff"})"));
+    EXPECT_THAT(of(Topic::kConnections, all),
+                ElementsAre(testing::_, R"({"event":"return"})", R"({"event":"new view"})"));
+}
+
+TEST_F(RecordingTest, EndsByItselfWithOneLineOfTheLog) {
+    std::vector<std::string> lines;
+    const auto log = kirohost::observeLog([&](const kirohost::LogRecord& record) {
+        if (record.logger == "recording") lines.push_back(record.text);
+    });
+    auto options = quiet();
+    options.recording = fFile;
+    options.recordingQueue = 3000;
+    auto window = detail::Surroundings::open(options, {});
+    Page page(window->channels());
+    page.announce();
+    auto& line = window->figure().axes().line();
+    for (int i = 0; i < 2; ++i) {
+        line.append(std::vector<double>(2000, i));
+        EXPECT_EQ(window->draw().outcome, Outcome::kPainted);  // whatever becomes of the recording
+    }
+    const auto state = window->recording();
+    EXPECT_EQ(state.phase, Phase::kEnded);
+    EXPECT_EQ(state.cause, "its queue of 3000 bytes is full");
+    window.reset();
+    EXPECT_THAT(lines, ElementsAre("the recording " + fFile + " has ended: " + state.cause));
+    const kirorecording::FileSource source(fFile);
+    EXPECT_FALSE(kirorecording::Reader(source).damage());
+}
+
+TEST_F(RecordingTest, IsRefusedWhenItsFileCannotBeMade) {
+    EXPECT_THROW(fWindow->record("/no/such/folder/file"), std::system_error);
+    EXPECT_EQ(fWindow->recording().phase, Phase::kOff);
+    EXPECT_EQ(drawn(), Outcome::kPainted);
+}
+
+}  // namespace
+}  // namespace figures_test

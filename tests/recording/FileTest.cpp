@@ -1,0 +1,330 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+
+#include "Memory.hpp"
+#include "kirorecording/Repair.hpp"
+
+namespace recording_test {
+namespace {
+
+using namespace kirorecording;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+
+const Channel kText{"text", "json",
+                    std::make_shared<const Schema>(Schema{"Text", "jsonschema", "{}"})};
+const Channel kBytes{"bytes", "raw"};
+
+/// Three chunks of two messages each, and a time that goes back within one.
+const std::vector<Said> kSaid{{"text", 10, "{}"},          {"bytes", 12, {"\0\xff", 2}},
+                              {"bytes", 30, "x"},          {"text", 20, R"({"a":1})"},
+                              {"text", 40, std::string()}, {"bytes", 41, std::string(40, 'y')}};
+
+/// A file of those messages, and where each of its chunks ends.
+struct Sample {
+    explicit Sample(bool compresses, bool isClosed = true) {
+        MemorySink sink;
+        Writer writer(sink, {compresses});
+        const std::uint16_t text = writer.add(kText);
+        const std::uint16_t bytes = writer.add(kBytes);
+        for (std::size_t i = 0; i < kSaid.size(); ++i) {
+            const auto& said = kSaid[i];
+            writer.write(said.topic == "text" ? text : bytes, said.time, said.data);
+            if (i % 2 == 0) continue;
+            writer.flush();
+        }
+        if (isClosed) writer.close();
+        EXPECT_EQ(writer.size(), sink.bytes.size());
+        file = std::move(sink.bytes);
+    }
+    std::string file;
+};
+
+std::vector<Said> readAll(std::string_view file) {
+    const MemorySource source(file);
+    return messagesOf(Reader(source));
+}
+
+class File : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(Compressed, File, testing::Bool());
+
+/// The bytes below a heading of a page, each line of which ends with words.
+std::string bytesBelow(const std::string& heading) {
+    std::ifstream page(KIROWEB_RECORDING_PAGE);
+    std::string bytes;
+    std::string line;
+    while (std::getline(page, line) && line != heading) continue;
+    while (std::getline(page, line) && line != "```") continue;
+    while (std::getline(page, line) && line != "```") {
+        std::istringstream words(line.substr(0, line.find("   ")));
+        for (unsigned byte = 0; words >> std::hex >> byte;) bytes += static_cast<char>(byte);
+    }
+    return bytes;
+}
+
+TEST(Documentation, ShowsAChunkAsItIs) {
+    MemorySink sink;
+    Writer writer(sink, {false});
+    const auto begin = writer.size();
+    writer.write(writer.add({"t", "raw"}), 5, "hi");
+    writer.flush();
+    EXPECT_EQ(bytesBelow("### Worked example"), sink.bytes.substr(begin));
+}
+
+TEST_P(File, ComesBackAsItWasWritten) {
+    const Sample sample(GetParam());
+    const MemorySource source(sample.file);
+    const Reader reader(source);
+    EXPECT_FALSE(reader.damage());
+    EXPECT_TRUE(reader.isOurs());
+    EXPECT_EQ(messagesOf(reader), kSaid);
+    ASSERT_EQ(reader.chunks().size(), 3U);
+    const auto& second = reader.chunks()[1];
+    EXPECT_THAT((std::vector{second.first, second.last}), ElementsAre(20, 30));
+    EXPECT_THAT(second.indexes, ElementsAre(Pair(1, testing::_), Pair(2, testing::_)));
+    EXPECT_EQ(reader.find("bytes"), 2);
+    EXPECT_EQ(reader.find("nobody"), std::nullopt);
+    EXPECT_EQ(reader.channels().at(1).schema->data, "{}");
+    EXPECT_EQ(reader.channels().at(2).schema, nullptr);
+}
+
+/// Reads what may be damaged: a part of the truth from its beginning, or a message with an offset.
+void expectNothingWrong(const std::string& file, std::size_t place) {
+    std::vector<Said> said;
+    const auto expectOffset = [&](const FormatError& error) {
+        EXPECT_THAT(error.what(), HasSubstr("offset " + std::to_string(error.offset()) + ": "));
+        EXPECT_LE(error.offset(), file.size()) << place;
+    };
+    try {
+        const MemorySource source(file);
+        const Reader reader(source);
+        if (reader.damage()) expectOffset(*reader.damage());
+        for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
+            auto chunk = reader.read(i);
+            while (const auto message = chunk.next()) {
+                said.push_back({reader.channels().at(message->channel).topic, message->time,
+                                std::string(message->data)});
+            }
+        }
+        EXPECT_TRUE(reader.damage() || said.size() == kSaid.size()) << place;
+    } catch (const FormatError& error) {
+        expectOffset(error);
+    }
+    ASSERT_LE(said.size(), kSaid.size()) << place;
+    EXPECT_TRUE(std::equal(said.begin(), said.end(), kSaid.begin())) << place;
+}
+
+TEST_P(File, SaysNothingWrongWhereverItIsCutOff) {
+    const Sample sample(GetParam());
+    for (std::size_t size = 0; size < sample.file.size(); ++size) {
+        expectNothingWrong(sample.file.substr(0, size), size);
+    }
+}
+
+TEST_P(File, SaysNothingWrongWhicheverBitIsFlipped) {
+    for (const bool isClosed : {true, false}) {
+        const Sample sample(GetParam(), isClosed);
+        // Each byte, and each place in one.
+        for (std::size_t bit = 0; bit < 8 * sample.file.size(); bit += 3) {
+            auto flipped = sample.file;
+            flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ (1 << (bit % 8)));
+            expectNothingWrong(flipped, bit / 8);
+        }
+    }
+}
+
+TEST_P(File, OfAProgramThatWasKilledIsReadUpToItsLastWholeChunk) {
+    const Sample sample(GetParam(), false);
+    const MemorySource whole(sample.file);
+    const auto last = Reader(whole).chunks().at(2);
+    EXPECT_EQ(readAll(sample.file), kSaid);
+    // Its message indexes are not what makes a chunk whole.
+    EXPECT_EQ(readAll(sample.file.substr(0, last.offset + last.length)), kSaid);
+    const auto cut = sample.file.substr(0, last.offset + last.length - 1);
+    const MemorySource source(cut);
+    const Reader reader(source);
+    EXPECT_EQ(messagesOf(reader), (std::vector<Said>(kSaid.begin(), kSaid.begin() + 4)));
+    EXPECT_STREQ(reader.damage()->what(), ("memory: offset " + std::to_string(last.offset) +
+                                           ": the file ends within a record")
+                                              .c_str());
+}
+
+/// Another number in place of the one at `offset`.
+template <typename Number>
+std::string with(std::string file, std::size_t offset, Number number) {
+    std::memcpy(file.data() + offset, &number, sizeof number);
+    return file;
+}
+
+/// With a footer whose checksum is right, as whoever means harm makes it.
+std::string sealed(std::string file) {
+    std::uint64_t begin = 0;
+    std::memcpy(&begin, file.data() + file.size() - 28, sizeof begin);
+    const auto covered = std::string_view(file).substr(begin, file.size() - 12 - begin);
+    const auto* const bytes = reinterpret_cast<const Bytef*>(covered.data());
+    const auto crc = static_cast<std::uint32_t>(crc32_z(0, bytes, covered.size()));
+    return with(std::move(file), file.size() - 12, crc);
+}
+
+/// The first thing that is found to be wrong.
+std::string complaintAbout(const std::string& file) {
+    try {
+        const MemorySource source(file);
+        const Reader reader(source);
+        if (reader.damage()) return reader.damage()->what();
+        static_cast<void>(messagesOf(reader));
+    } catch (const FormatError& error) {
+        return error.what();
+    }
+    return {};
+}
+
+TEST(HostileFile, IsRefusedBeforeItTakesMemory) {
+    const auto file = Sample(true, false).file;
+    const MemorySource source(file);
+    const auto chunks = Reader(source).chunks();
+    const auto first = chunks[0].offset;
+    constexpr std::uint64_t kHuge = std::uint64_t{1} << 62U;
+    const auto gap = file.substr(0, chunks[1].offset) + file.substr(chunks[2].offset);
+    const auto whole = Sample(true).file;
+    // In the index, where it names the second chunk.
+    std::uint64_t second = chunks[1].offset;
+    const std::size_t index =
+        whole.rfind(std::string(reinterpret_cast<const char*>(&second), sizeof second));
+    const struct {
+        const char* what;
+        std::string file;
+    } kCases[]{
+        {"offset 0: this is no recording", "PNG, say"},
+        {"offset 0: this is no recording", ""},
+        {"offset 8: a field is longer", with(file, 9, kHuge)},
+        {"the file ends within a record", with(file, first + 1, kHuge)},
+        {"the chunk is larger than", with(file, first + 25, kHuge)},
+        {"the chunk cannot be decompressed", with(file, first + 25, std::uint64_t{99})},
+        {"messages are missing before this chunk", gap},
+        {"the index names a chunk that is not there", sealed(with(whole, index, kHuge))},
+        {"the index names a chunk that is not there", sealed(with(whole, index + 8, kHuge))},
+        {"no chunk is there", sealed(with(whole, index, first + 1))},
+        {"the chunk is not as the index says", sealed(with(whole, index - 8, kHuge))},
+    };
+    EXPECT_EQ(complaintAbout(sealed(whole)), "");
+    for (const auto& [what, given] : kCases) EXPECT_THAT(complaintAbout(given), HasSubstr(what));
+}
+
+TEST_P(File, IsRepairedUpToItsLastWholeChunk) {
+    const Sample sample(GetParam());
+    const MemorySource whole(sample.file);
+    const auto chunks = Reader(whole).chunks();
+    // Whether it is cut off or its middle is damaged.
+    auto damaged = sample.file;
+    damaged[chunks[1].offset + chunks[1].length - 1] ^= 1;
+    const struct {
+        std::string file;
+        std::size_t messages;
+        std::optional<std::uint64_t> damage;
+    } kCases[]{{sample.file, 6, {}},
+               {sample.file.substr(0, chunks[2].offset + 3), 4, chunks[2].offset},
+               {damaged, 2, chunks[1].offset},
+               {sample.file.substr(0, chunks[0].offset), 0, chunks[0].offset}};
+    for (const auto& [file, messages, damage] : kCases) {
+        const MemorySource source(file);
+        MemorySink sink;
+        const auto repaired = repair(source, sink);
+        EXPECT_EQ(repaired.messages, messages);
+        EXPECT_EQ(repaired.damage.has_value(), damage.has_value());
+        if (damage) {
+            EXPECT_EQ(repaired.damage->offset(), *damage);
+        }
+        EXPECT_TRUE(sink.isClosed);
+        const MemorySource mended(sink.bytes);
+        const Reader reader(mended);
+        EXPECT_FALSE(reader.damage());
+        EXPECT_EQ(messagesOf(reader),
+                  std::vector<Said>(kSaid.begin(),
+                                    kSaid.begin() + static_cast<std::ptrdiff_t>(messages)));
+    }
+}
+
+TEST(Writer, GivesALargeMessageAChunkOfItsOwn) {
+    MemorySink sink;
+    Writer writer(sink, {false, 100});
+    const auto channel = writer.add(kBytes);
+    for (const std::size_t size : {60U, 60U, 500U, 1U})
+        writer.write(channel, 1, std::string(size, 'z'));
+    EXPECT_EQ(writer.waitsSince(), 1U);
+    writer.close();
+    const MemorySource source(sink.bytes);
+    EXPECT_EQ(Reader(source).chunks().size(), 3U);
+}
+
+/// What was written before the disk was full is a whole file if there is room for its end, and one
+/// that can be read otherwise.
+TEST(Writer, LeavesAGoodFileOnAFullDisk) {
+    const std::string message(3000, 'z');
+    std::size_t whole = 0;
+    std::size_t cut = 0;
+    for (std::size_t room = 100; room < 8 * message.size(); room += 77) {
+        MemorySink sink;
+        sink.room = room;
+        Writer writer(sink, {false, 1});
+        const auto channel = writer.add(kBytes);
+        std::uint64_t written = 0;
+        try {
+            for (; written < 9; ++written) writer.write(channel, written, message);
+        } catch (const std::system_error& error) {
+            EXPECT_EQ(error.code().value(), ENOSPC);
+        }
+        bool isWhole = true;
+        try {
+            writer.closeEarly();
+        } catch (const std::system_error&) {
+            isWhole = false;
+        }
+        ++(isWhole ? whole : cut);
+        EXPECT_EQ(sink.isClosed, isWhole);
+        const MemorySource source(sink.bytes);
+        const Reader reader(source);
+        EXPECT_EQ(reader.damage().has_value(), !isWhole);
+        EXPECT_EQ(messagesOf(reader).size(), written);
+    }
+    EXPECT_GT(whole, 0U);
+    EXPECT_GT(cut, 0U);
+}
+
+TEST(FileSink, SaysWhereAndWhyItFails) {
+    const auto failure = [](const std::function<void()>& operation) -> std::string {
+        try {
+            operation();
+        } catch (const std::system_error& error) {
+            return error.what();
+        }
+        return {};
+    };
+    EXPECT_EQ(failure([] { FileSink("/no/such/folder"); }),
+              "/no/such/folder: cannot be written: No such file or directory");
+    EXPECT_EQ(failure([] { FileSink("/dev/full").write("x"); }),
+              "/dev/full: cannot be written: No space left on device");
+    EXPECT_EQ(failure([] { FileSource("/no/such/file"); }),
+              "/no/such/file: cannot be read: No such file or directory");
+    EXPECT_EQ(failure([] { FileSource("/dev/null"); }),
+              "/dev/null: cannot be read: Invalid argument");
+    const auto path = testing::TempDir() + "kirorecording_file";
+    FileSink sink(path);
+    sink.write("abcd");
+    sink.truncate(2);
+    sink.write("e");
+    sink.close();
+    EXPECT_EQ(FileSource(path).read(1, 2), "be");
+    std::filesystem::remove(path);
+}
+
+}  // namespace
+}  // namespace recording_test

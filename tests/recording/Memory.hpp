@@ -1,0 +1,58 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "kirorecording/Reader.hpp"
+#include "kirorecording/Sink.hpp"
+#include "kirorecording/Writer.hpp"
+
+namespace recording_test {
+
+/// A disk in memory, which may be small.
+class MemorySink : public kirorecording::Sink {
+  public:
+    std::string bytes;
+    std::size_t room = std::string::npos;
+    bool isClosed = false;
+
+  private:
+    void doWrite(std::string_view more) override {
+        bytes += more.substr(0, room - std::min(room, bytes.size()));
+        if (bytes.size() == room) {
+            throw std::system_error(ENOSPC, std::generic_category(), "disk: cannot be written");
+        }
+    }
+    void doTruncate(std::uint64_t size) override { bytes.resize(size); }
+    void doClose() override { isClosed = true; }
+};
+
+/// A message and its channel's topic.
+struct Said {
+    std::string topic;
+    std::uint64_t time = 0;
+    std::string data;
+
+    bool operator==(const Said& other) const {
+        return topic == other.topic && time == other.time && data == other.data;
+    }
+};
+
+inline std::vector<Said> messagesOf(const kirorecording::Reader& reader) {
+    std::vector<Said> said;
+    for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
+        auto chunk = reader.read(i);
+        while (const auto message = chunk.next()) {
+            said.push_back({reader.channels().at(message->channel).topic, message->time,
+                            std::string(message->data)});
+        }
+    }
+    return said;
+}
+
+}  // namespace recording_test
