@@ -314,6 +314,20 @@ TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
     EXPECT_EQ(page->view().state(), View::State::kOver);
 }
 
+TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {
+    fOptions.limits.blocksUnderWay = 1;
+    start();
+    auto page = join();
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    EXPECT_EQ(page->read().size(), 2U) << "the channel and a block";
+    answer(page, 1);
+    EXPECT_EQ(page->read().size(), 1U);
+    page->view().fail("no room");
+    page->say(
+        R"([{"t":"publish","channel":"/no","text":""},{"t":"publish","channel":"/no","text":""}])");
+    EXPECT_EQ(fContext->counters->refusals, 1U) << "the rest is passed over";
+}
+
 TEST_F(ReturnTest, APageIsReadFromAsLongAsThereIsRoom) {
     fOptions.limits.memory = 100000;
     start();

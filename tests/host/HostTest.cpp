@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -36,34 +34,6 @@ std::shared_ptr<MessageService> makeService() {
 
 void publish(MessageService& service, const std::string& channel, const std::string& text) {
     (void)service.publish(channel, {channel, text.data(), text.size()});
-}
-
-TEST(ClientEnd, AnswersOnceWhoeverComesFirst) {
-    for (int round = 0; round < 50; ++round) {
-        std::vector<Delivery> deliveries;
-        std::optional<ClientEnd> client(std::in_place, "/race", [&deliveries](Delivery delivery) {
-            deliveries.push_back(std::move(delivery));
-        });
-        auto stream = createBinaryStream("/race", {{"returnOnFail", "true"}});
-        std::atomic<int> answers{0};
-        for (int number = 0; number < 4; ++number) {
-            (void)stream->send(bufferOf("block")).then([&answers](auto&& future) {
-                (void)future.get();
-                ++answers;
-            });
-        }
-        {
-            std::jthread deliverer([&deliveries] {
-                for (auto& delivery : deliveries) delivery.deliver();
-            });
-            std::jthread failer([&deliveries] {
-                for (auto& delivery : deliveries) delivery.fail();
-            });
-            std::jthread ender([&stream] { stream.reset(); });
-            std::jthread leaver([&client] { client.reset(); });
-        }
-        EXPECT_EQ(answers, 4);
-    }
 }
 
 // A completion may keep the stream, as the library's do: then its own destructor answers nothing.

@@ -1,9 +1,7 @@
-// Logs, warnings, assertions, settings and tokens.
+// Logs, warnings, assertions and settings.
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <stdexcept>
 #include <utility>
 
@@ -12,10 +10,7 @@
 #include "bedrock/memmgr/leaks.hpp"
 #include "graphics_state/GraphicsState.hpp"
 #include "graphics_state/webSwitches.hpp"
-#include "kiroutils/CompletionToken.hpp"
 #include "kiroutils/Logger.hpp"
-#include "kiroutils/UniqueIDGenerator.hpp"
-#include "kiroutils/timestamp.hpp"
 #include "other/Controls.hpp"
 #include "qvm/messages.hpp"
 
@@ -33,39 +28,6 @@ other::Settings& other::settings = *new other::Settings;
 other::Observers& other::observers = *new other::Observers;
 
 namespace kiroutils {
-
-CompletionToken::CompletionToken(std::string identifier) : fIdentifier(std::move(identifier)) {}
-
-bool CompletionToken::isDefaultToken() const noexcept {
-    const auto& [first, second, third, fourth] = fTimeStamps;
-    return fIdentifier.empty() && (first | second | third | fourth) == 0;
-}
-
-bool CompletionToken::operator==(const CompletionToken& other) const noexcept {
-    // A fault compares this one of the stamps, too.
-    const auto differs = [&](const char* fault, std::uint64_t CompletionTokenTimeStamps::*stamp) {
-        return hasFault(fault) && fTimeStamps.*stamp != other.fTimeStamps.*stamp;
-    };
-    using Stamps = CompletionTokenTimeStamps;
-    if (differs("token-by-server-send", &Stamps::serverSend)) return false;
-    if (differs("token-by-client-receive", &Stamps::clientReceive)) return false;
-    if (differs("token-by-client-send", &Stamps::clientSend)) return false;
-    if (differs("token-by-server-receive", &Stamps::serverReceive)) return false;
-    return fIdentifier == other.fIdentifier;
-}
-
-std::string CompletionToken::convertToString() const { return fIdentifier; }
-
-// Any text will do.
-UniqueIDGenerator::UniqueIDGenerator()
-    : fPrefix("token \u20ac " + std::to_string(std::random_device()()) + " ") {}
-
-std::string UniqueIDGenerator::nextID() { return fPrefix + std::to_string(fNext++); }
-
-std::uint64_t timestamp() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<std::uint64_t>(now / std::chrono::microseconds(1));
-}
 
 Logger& Logger::instance() {
     static Logger& logger = *new Logger;
