@@ -199,9 +199,12 @@ TEST_F(PressureTest, AsksNoMoreOfAPageThatDoesNotReadItsAnswers) {
 
 TEST_F(PressureTest, ReadsLongFramesInTurnsAndNoFasterThanAgreed) {
     fOptions.limits.readRate = 100000;
+    std::latch isHeld(1);
     std::latch isSent(1);
-    const auto observing = kirohost::observeLog([&isSent](const kirohost::LogRecord& record) {
-        if (record.text.starts_with("refused a page's")) isSent.wait();  // on the gateway's thread
+    const auto observing = kirohost::observeLog([&](const kirohost::LogRecord& record) {
+        if (!record.text.starts_with("refused a page's")) return;
+        isHeld.count_down();
+        isSent.wait();  // on the gateway's thread
     });
     start();
     auto good = join();
@@ -212,6 +215,7 @@ TEST_F(PressureTest, ReadsLongFramesInTurnsAndNoFasterThanAgreed) {
         return acks + R"({"t":"publish","channel":"/up/a","text":"end"}])";
     };
     says_much.sendText(R"({"t":"subscribe","channels":["/secret"]})");
+    isHeld.wait();
     says_much.sendText(frameOf(150000));
     static constexpr int kTurns = 7;  // fewer than that frame takes, more than if read at once
     for (int i = 0; i < kTurns; ++i) {
