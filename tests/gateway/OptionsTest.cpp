@@ -69,14 +69,10 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
     }
 }
 
-TEST(Options, ATokenOfOnesOwnStandsInTheLink) {
+TEST(Options, ATokenOfOnesOwnStandsInTheLinkAndWhatCannotBeHadIsNamed) {
     const std::string token(32, 'a');
-    const Gateway gateway(with([&token](Options& o) { o.token = token; }));
-    EXPECT_TRUE(gateway.link().ends_with("/#token=" + token)) << gateway.link();
-}
-
-TEST(Options, AddressesAndFilesThatCannotBeHadAreNamed) {
-    const Gateway first({});
+    const Gateway first(with([&token](Options& o) { o.token = token; }));
+    EXPECT_TRUE(first.link().ends_with("/#token=" + token)) << first.link();
     const auto text = failureOf(with([&first](Options& o) { o.port = first.port(); }));
     EXPECT_TRUE(text.starts_with("cannot listen on 127.0.0.1:" + std::to_string(first.port())));
     EXPECT_THROW(static_cast<void>(loadAsset("/", "/nowhere.html")), std::runtime_error);

@@ -128,6 +128,7 @@ TEST_F(BinaryRegistry, UsesTheCreationFunctionsThatAreInstalledAndHasNullDoubles
     const auto receivers =
         test::RegisterBinaryDataReceiverCreationFunction([&](const auto&) { return ownReceiver; });
     EXPECT_EQ(createBinaryDataReceiver("/c"), ownReceiver);
+    ownReceiver->receive([](DataBuffer&&) { FAIL(); });
     test::RegisterBinaryDataReceiverCreationFunction(receivers);
     EXPECT_TRUE(made.empty());
 
