@@ -85,12 +85,12 @@ TEST(FrameReader, ReadsMessagesFromTheirBytesHoweverTheyCome) {
     const std::string frame =
         R"([{"t":"hello","version":1,"view":"v","last":7,"limits":{"block":9,"x":[1]},)"
         R"("refused":[1,2]}, {"text":"\u00e9\ud83d\\\ud83d\uDE00\udc00x\\ud800","x":{"t":["deep"]},"channel":"c",)"
-        R"("t":"publish"},{"t":"echo","id":1.50},{"t":"later","more":null},)"
+        R"("t":"publish"},{"t":"echo","id":1.50},{"t":"echo","id":"\u0041"},{"t":"later","more":null},)"
         R"({"t":"subscribe","channels":["a"],"channels":["b","c"]},)"
         R"({"t":"block","transfer":4294967296,"ok":true,"ok":false}] )";
     for (const std::size_t piece : {1UL, 2UL, 7UL, 1000UL}) {
         const auto messages = readFrame(frame, piece);
-        ASSERT_EQ(messages.size(), 6U);
+        ASSERT_EQ(messages.size(), 7U);
         const auto& hello = std::get<wire::Hello>(messages[0]);
         EXPECT_EQ(hello.last, 7U);
         EXPECT_EQ(hello.refused, (std::vector<std::uint64_t>{1, 2}));
@@ -98,10 +98,11 @@ TEST(FrameReader, ReadsMessagesFromTheirBytesHoweverTheyCome) {
                   "\xc3\xa9\xef\xbf\xbd\\\xf0\x9f\x98\x80\xef\xbf\xbdx\\ud800")
             << "half a character is replaced";
         EXPECT_EQ(std::get<wire::Echo>(messages[2]).id, "1.50") << "as it was written";
-        EXPECT_EQ(std::get<wire::Subscribe>(messages[4]).channels,
+        EXPECT_EQ(std::get<wire::Echo>(messages[3]).id, "\"A\"") << "the same text";
+        EXPECT_EQ(std::get<wire::Subscribe>(messages[5]).channels,
                   (std::vector<std::string>{"b", "c"}));
-        EXPECT_EQ(std::get<wire::BlockAnswer>(messages[5]).transfer, 4294967296U);
-        EXPECT_FALSE(std::get<wire::BlockAnswer>(messages[5]).ok);
+        EXPECT_EQ(std::get<wire::BlockAnswer>(messages[6]).transfer, 4294967296U);
+        EXPECT_FALSE(std::get<wire::BlockAnswer>(messages[6]).ok);
     }
 }
 

@@ -1,20 +1,15 @@
 #include "OptionsCheck.hpp"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
-#include "GatewayFixture.hpp"
 #include "kirogateway/Gateway.hpp"
 
 using namespace kirogateway;
-using EndpointTest = gatewaytest::GatewayTest;
 
 namespace {
 
@@ -74,32 +69,13 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
     }
 }
 
-TEST(Options, ATokenOfOnesOwnStandsInTheLink) {
+TEST(Options, ATokenOfOnesOwnStandsInTheLinkAndWhatCannotBeHadIsNamed) {
     const std::string token(32, 'a');
-    const Gateway gateway(with([&token](Options& o) { o.token = token; }));
-    EXPECT_TRUE(gateway.link().ends_with("/#token=" + token)) << gateway.link();
-}
-
-TEST(Options, AddressesAndFilesThatCannotBeHadAreNamed) {
-    const Gateway first({});
+    const Gateway first(with([&token](Options& o) { o.token = token; }));
+    EXPECT_TRUE(first.link().ends_with("/#token=" + token)) << first.link();
     const auto text = failureOf(with([&first](Options& o) { o.port = first.port(); }));
     EXPECT_TRUE(text.starts_with("cannot listen on 127.0.0.1:" + std::to_string(first.port())));
     EXPECT_THROW(static_cast<void>(loadAsset("/", "/nowhere.html")), std::runtime_error);
-}
-
-TEST_F(EndpointTest, TheGatewaysSocketsStayInThisProcess) {
-    start();
-    auto page = join();
-    int count = 0;
-    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
-        sockaddr_in name{};
-        socklen_t size = sizeof name;
-        if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&name), &size) != 0) continue;
-        if (ntohs(name.sin_port) != fAccess.port) continue;
-        EXPECT_NE(::fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
-        ++count;
-    }
-    EXPECT_EQ(count, 2) << "it listens, and has accepted";
 }
 
 TEST(ClientAssets, AreTheModulesAsTheyAre) {

@@ -47,11 +47,6 @@ class OutboxTest : public testing::Test {
         EXPECT_EQ(fOutbox->addBlock(lane, "/bin", transfer, fNow), expected);
         return future;
     }
-    /// The connection is lost, and there is another one.
-    void reconnect() {
-        fOutbox->detach();
-        fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 1, true);
-    }
     Added tryText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
         return fOutbox->addText({channel, text, false, lane, nullptr});
     }
@@ -217,16 +212,6 @@ TEST_F(OutboxTest, DropsLateBlocksButNotInTheMiddleOfAFrame) {
     leaveAll(fLeft);
     EXPECT_FALSE(young.get().delivered);
     EXPECT_FALSE(cut.isReady()) << "a part of it is on its way";
-
-    reconnect();
-    static_cast<void>(write());
-    addBlock(250);
-    writePart(fOutbox->pending()[0].size() + 100);
-    fOutbox->detach();
-    fOutbox->dropBlocks(fLeft);
-    leaveAll(fLeft);
-    reconnect();
-    EXPECT_EQ(textsOf(write()), (Texts{"{}"})) << "the new connection knows nothing of it";
 }
 
 TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
@@ -259,20 +244,6 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     EXPECT_EQ(fLost->used(), before) << "nothing of it stays";
     fOutbox.reset();
     EXPECT_EQ(fLost->used() + fMemory->used(), 0U);
-}
-
-TEST_F(OutboxTest, ForgetsTextsWhileOneIsBeingWritten) {
-    auto first = addBlock(9);
-    addText("a");
-    static_cast<void>(write());
-    addText(std::string(2000, 'b'));
-    addText("c");
-    auto second = addBlock(9);
-    const auto pending = fOutbox->pending();  // which somebody writes without a lock
-    const auto body = pending[1];
-    fOutbox->forgetTexts();
-    EXPECT_EQ(body, "/c\x1f" + std::string(2000, 'b'));
-    EXPECT_EQ(textsOf(write()), (Texts{"3 " + std::string(2000, 'b'), "block 4"}));
 }
 
 TEST(Pace, TellsASlowPageFromOneThatIsSentMuch) {

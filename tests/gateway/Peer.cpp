@@ -22,6 +22,7 @@ Peer::Peer(const Access& access) : fSocket(std::make_unique<Socket>(io)) {
     if (access.receiveBuffer > 0) {
         fSocket->set_option(asio::socket_base::receive_buffer_size(access.receiveBuffer));
     }
+    fSocket->set_option(asio::ip::tcp::no_delay(true));
     fSocket->connect({asio::ip::address_v4::loopback(), access.port});
     if (!access.isTls) return;
     static asio::ssl::context client(asio::ssl::context::tls_client);

@@ -25,7 +25,7 @@ std::vector<std::string> warningsOf(const std::function<void()>& body) {
 }
 
 void setDiagnosticLevel(const std::string& /*logger: all*/, int level) {
-    other::setDiagnosticLevel(level);
+    other::observers.diagnosticLevel = level;
 }
 
 std::vector<std::string> diagnosticsOf(const std::string& logger,
@@ -39,7 +39,7 @@ std::vector<std::string> diagnosticsOf(const std::string& logger,
     return texts;
 }
 
-void takeMemorySnapshot() { other::takeMemorySnapshot(); }
+void takeMemorySnapshot() { other::observers.snapshot(); }
 
 void showAssertions() { other::observers.showsAssertions = true; }
 

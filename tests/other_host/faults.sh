@@ -6,10 +6,7 @@ program=$(realpath "$1")
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 faults="
-Dispatcher.HoldsNoLockWhileItCalls dispatcher-calls-under-its-lock
 RelayMessages.ArriveInOrderWithTheirExactTextOnAnotherThread messages-are-lost
-CompletionToken.IsEqualByIdentifierAndDefaultOnlyWithoutStamps token-by-server-send
-    token-by-client-receive token-by-client-send token-by-server-receive
 Diagnostics.AreWrittenUpToTheLevelOfTheirLoggerOnly diagnostics-always-on diagnostics-never-written
 Warnings.AreIssuedAndThrowNothing warnings-throw
 Assertions.AreReportedWhateverComesOfThem assertions-are-ignored

@@ -2,7 +2,6 @@
 
 #include <mutex>
 #include <set>
-#include <utility>
 
 #include "process/Immortal.hpp"
 
@@ -20,16 +19,22 @@ constexpr const char* kWarnings = "warnings";
 struct Declared {
     std::mutex mutex;
     std::multiset<std::string> names;
-
-    static Declared& instance() {
-        static Immortal<Declared> declared;
-        return *declared;
-    }
-    static bool contains(const std::string& name) {
-        const std::lock_guard lock(instance().mutex);
-        return instance().names.contains(name);
-    }
 };
+Immortal<Declared> declared;
+
+kirohost::Scope declare(const std::string& name) {
+    const std::lock_guard lock(declared->mutex);
+    declared->names.insert(name);
+    return kirohost::Scope([name] {
+        const std::lock_guard ending(declared->mutex);
+        declared->names.erase(declared->names.find(name));
+    });
+}
+
+bool isDeclared(const std::string& name) {
+    const std::lock_guard lock(declared->mutex);
+    return declared->names.contains(name);
+}
 
 bool meansTrouble(const kirohost::LogRecord& record) {
     return record.logger == "relay" || (record.logger == "commandsender" &&
@@ -57,47 +62,37 @@ int runAllTests(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     const auto warnings = kirohost::observeWarnings([](const kirohost::Warning& warning) {
-        if (Declared::contains(kWarnings)) return;
+        if (isDeclared(kWarnings)) return;
         ADD_FAILURE() << "unexpected warning: " << textOf(warning);
     });
     const auto log = kirohost::observeLog([](const kirohost::LogRecord& record) {
-        if (!meansTrouble(record) || Declared::contains(record.logger)) return;
+        if (!meansTrouble(record) || isDeclared(record.logger)) return;
         ADD_FAILURE() << "unexpected record of " << record.logger << ": " << record.text;
     });
     return RUN_ALL_TESTS();
 }
 
-Declaration::Declaration(std::string name) : fName(std::move(name)) {
-    const std::lock_guard lock(Declared::instance().mutex);
-    Declared::instance().names.insert(fName);
-}
-
-Declaration::~Declaration() {
-    const std::lock_guard lock(Declared::instance().mutex);
-    auto& names = Declared::instance().names;
-    names.erase(names.find(fName));
-}
-
-WarningCapture::WarningCapture() : fDeclaration(kWarnings) {
+WarningCapture::WarningCapture() {
+    fDeclaration = declare(kWarnings);
     fScope = kirohost::observeWarnings(
         [events = fEvents](const kirohost::Warning& warning) { events->add(warning); });
 }
 
-LogCapture::LogCapture(const std::string& logger) : fDeclaration(logger) {
+LogCapture::LogCapture(const std::string& logger) {
+    fDeclaration = declare(logger);
     fScope = kirohost::observeLog([events = fEvents, logger](const kirohost::LogRecord& record) {
         if (record.logger == logger) events->add(record);
     });
 }
 
-DiagnosticCapture::DiagnosticCapture(const std::string& logger, int level) : fLogger(logger) {
+DiagnosticCapture::DiagnosticCapture(const std::string& logger, int level) {
     kirohost::setDiagnosticLevel(logger, level);
+    fDeclaration = kirohost::Scope([logger] { kirohost::setDiagnosticLevel(logger, kUsualLevel); });
     fScope =
         kirohost::observeDiagnostics([events = fEvents, logger](const kirohost::LogRecord& record) {
             if (record.logger == logger) events->add(record);
         });
 }
-
-DiagnosticCapture::~DiagnosticCapture() { kirohost::setDiagnosticLevel(fLogger, kUsualLevel); }
 
 AssertionCapture::AssertionCapture() {
     fScope = kirohost::setAssertionPolicy(

@@ -47,53 +47,27 @@ class Capture {
   protected:
     /// Shared with the observer, which may still run when its scope has just ended.
     std::shared_ptr<Collector<Event>> fEvents = std::make_shared<Collector<Event>>();
-    /// Ends before the collector is let go.
+    kirohost::Scope fDeclaration;  ///< of what is no surprise meanwhile
     kirohost::Scope fScope;
 };
 
-/// Makes `name` no surprise while it lives.
-class Declaration {
-  public:
-    explicit Declaration(std::string name);
-    ~Declaration();
-    Declaration(const Declaration&) = delete;
-    Declaration& operator=(const Declaration&) = delete;
-
-  private:
-    const std::string fName;
-};
-
 /// Declares and collects the host's warnings.
-class WarningCapture : public Capture<kirohost::Warning> {
-  public:
+struct WarningCapture : Capture<kirohost::Warning> {
     WarningCapture();
-
-  private:
-    const Declaration fDeclaration;
 };
 
 /// Declares and collects the records of one log of `kiroutils::Logger`.
-class LogCapture : public Capture<kirohost::LogRecord> {
-  public:
+struct LogCapture : Capture<kirohost::LogRecord> {
     explicit LogCapture(const std::string& logger);
-
-  private:
-    const Declaration fDeclaration;
 };
 
 /// Collects the records of one diagnostic logger, whose level it sets meanwhile.
-class DiagnosticCapture : public Capture<kirohost::LogRecord> {
-  public:
+struct DiagnosticCapture : Capture<kirohost::LogRecord> {
     DiagnosticCapture(const std::string& logger, int level);
-    ~DiagnosticCapture();
-
-  private:
-    const std::string fLogger;
 };
 
 /// Has failed assertions reported instead of ending the process, and collects them.
-class AssertionCapture : public Capture<kirohost::FailedAssertion> {
-  public:
+struct AssertionCapture : Capture<kirohost::FailedAssertion> {
     AssertionCapture();
 };
 

@@ -112,8 +112,9 @@ TEST_F(BinaryRegistry, BelongsToOneVm) {
     EXPECT_EQ(slot(), nullptr);
 }
 
-TEST_F(BinaryRegistry, UsesTheCreationFunctionThatIsInstalled) {
+TEST_F(BinaryRegistry, UsesTheCreationFunctionsThatAreInstalledAndHasNullDoubles) {
     const auto ownSender = std::make_shared<test::NullBinaryDataSender>();
+    const auto ownReceiver = std::make_shared<test::NullBinaryDataReciever>();
     const auto ownStream = std::make_shared<FakeStream>();
     const auto senders =
         test::RegisterBinaryDataSenderCreationFunction([&](const auto&) { return ownSender; });
@@ -124,22 +125,18 @@ TEST_F(BinaryRegistry, UsesTheCreationFunctionThatIsInstalled) {
     createBinaryDataSender("/d")->send(bufferOf("new"));
     test::RegisterBinaryStreamCreationFunction(before);
     EXPECT_EQ(ownStream->blocks, Lines{"new"});
+    const auto receivers =
+        test::RegisterBinaryDataReceiverCreationFunction([&](const auto&) { return ownReceiver; });
+    EXPECT_EQ(createBinaryDataReceiver("/c"), ownReceiver);
+    ownReceiver->receive([](DataBuffer&&) { FAIL(); });
+    test::RegisterBinaryDataReceiverCreationFunction(receivers);
     EXPECT_TRUE(made.empty());
-}
 
-TEST_F(BinaryRegistry, HasNullDoublesThatSayDeliveredAndDoNothing) {
-    test::NullBinaryDataSender sender;
-    EXPECT_TRUE(sender.send(bufferOf("x")).get().delivered);
-    EXPECT_TRUE(sender.send(DataID(4), "x", 1).get().delivered);
-    sender.warnAboutSendFailure("/c");
-    sender.warnAboutOOMFailure();
+    EXPECT_TRUE(ownSender->send(bufferOf("x")).get().delivered);
+    EXPECT_TRUE(ownSender->send(DataID(4), "x", 1).get().delivered);
+    ownSender->warnAboutSendFailure("/c");
+    ownSender->warnAboutOOMFailure();
     EXPECT_TRUE(warningsOfTasks().empty());
-    const auto receiver = std::make_shared<test::NullBinaryDataReciever>();
-    receiver->receive([](DataBuffer&&) { FAIL(); });
-    const auto before =
-        test::RegisterBinaryDataReceiverCreationFunction([&](const auto&) { return receiver; });
-    EXPECT_EQ(createBinaryDataReceiver("/c"), receiver);
-    test::RegisterBinaryDataReceiverCreationFunction(before);
 }
 
 TEST_F(BinaryRegistry, TellsTheClientWhichBlockCouldNotBeBuilt) {

@@ -66,17 +66,6 @@ TEST(PubSub, theFirstSubscriberOfAChannelOwnsTheTransportsSubscription) {
     EXPECT_EQ(*endpoint->log, (Lines{"+c", "-c", "+c"}));
 }
 
-TEST(PubSub, subscriberEndsTheTransportBeforeItDetaches) {
-    kiroutils::EventDispatcher dispatcher;
-    int heard = 0;
-    auto listener = dispatcher.createListener("c", [&heard](const auto&, const auto&) { ++heard; });
-    const auto send = [&dispatcher] { dispatcher.send("c", StringPayload("last")); };
-    Subscriber(std::move(listener), std::make_unique<Ending>(send));
-    EXPECT_EQ(heard, 1) << "still attached while the transport's subscription ended";
-    send();
-    EXPECT_EQ(heard, 1);
-}
-
 TEST(PubSub, theTransportNeitherKeepsTheEndpointNorReachesItOrADetachedListener) {
     auto endpoint = std::make_shared<ManualPubSub>();
     const Recorder recorder;

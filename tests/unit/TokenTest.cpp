@@ -103,24 +103,4 @@ TEST_F(Token, WakesTheContextInWhichItsManagerWasMade) {
     }
 }
 
-TEST_F(Token, ReturnsFromAnotherThreadWhileTheInterpreterChecksOut) {
-    manager.enableTimeStampLogging(true);
-    support::Collector<CompletionToken> sent;
-    std::thread client([&] {
-        for (auto token = sent.take(); !token.isDefaultToken(); token = sent.take()) {
-            manager.returnToken(token);
-        }
-    });
-    for (std::size_t i = 0; i < 200; ++i) {
-        sent.add(manager.checkoutToken());
-        static_cast<void>(manager.haveAllTokensReturned());
-        static_cast<void>(manager.discardTimedOutTokens());
-    }
-    sent.add({});
-    client.join();
-    EXPECT_TRUE(isEmpty()) << "the last one came back";
-    EXPECT_EQ(manager.getTimeStampLog().size(), events.size());
-    EXPECT_EQ(wakeUps().size(), events.size());
-}
-
 }  // namespace

@@ -84,32 +84,6 @@ void* bedrock::usm::thisthread::detail::findOrInsert(
 
 namespace kiroutils {
 
-struct KiroTerminatingCondition::Impl {
-    std::string name;
-    std::function<bool()> condition;
-    std::chrono::seconds timeout;
-    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
-    bool isLate = false;
-};
-
-KiroTerminatingCondition::KiroTerminatingCondition(const std::string& name,
-                                                   std::function<bool()> condition,
-                                                   std::chrono::seconds timeout)
-    : fImpl(new Impl{name, std::move(condition), timeout}) {}
-KiroTerminatingCondition::~KiroTerminatingCondition() = default;
-
-bool KiroTerminatingCondition::shouldTerminate() {
-    if (fImpl->condition && fImpl->condition()) return true;
-    const auto elapsed = std::chrono::steady_clock::now() - fImpl->start;
-    fImpl->isLate = std::chrono::floor<std::chrono::seconds>(elapsed) >= fImpl->timeout;
-    return fImpl->isLate;
-}
-
-bool KiroTerminatingCondition::doThrowIfError() { return false; }
-const std::string& KiroTerminatingCondition::name() const noexcept { return fImpl->name; }
-bool KiroTerminatingCondition::hasTimedOut() const noexcept { return fImpl->isLate; }
-std::chrono::seconds KiroTerminatingCondition::timeout() const noexcept { return fImpl->timeout; }
-
 void KiroBlockingOperation::waitOrThrow(std::unique_ptr<KiroTerminatingCondition> condition,
                                         std::function<void()> pump) {
     while (!condition->shouldTerminate()) {

@@ -1,11 +1,7 @@
-// Logs, warnings, assertions, settings and tokens.
+// Logs, warnings, assertions and settings.
 
-#include <atomic>
-#include <boost/signals2/signal.hpp>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <stdexcept>
 #include <utility>
 
@@ -14,10 +10,7 @@
 #include "bedrock/memmgr/leaks.hpp"
 #include "graphics_state/GraphicsState.hpp"
 #include "graphics_state/webSwitches.hpp"
-#include "kiroutils/CompletionToken.hpp"
 #include "kiroutils/Logger.hpp"
-#include "kiroutils/UniqueIDGenerator.hpp"
-#include "kiroutils/timestamp.hpp"
 #include "other/Controls.hpp"
 #include "qvm/messages.hpp"
 
@@ -34,53 +27,6 @@ bool other::hasFault(std::string_view name) {
 other::Settings& other::settings = *new other::Settings;
 other::Observers& other::observers = *new other::Observers;
 
-namespace {
-
-std::atomic<int> diagnosticLevel = 0;
-auto& snapshotEvent = *new boost::signals2::signal<void()>;
-
-}  // namespace
-
-// --- Tokens ----------------------------------------------------------------------------------
-
-namespace kiroutils {
-
-CompletionToken::CompletionToken(std::string identifier) : fIdentifier(std::move(identifier)) {}
-
-bool CompletionToken::isDefaultToken() const noexcept {
-    const auto& [first, second, third, fourth] = fTimeStamps;
-    return fIdentifier.empty() && (first | second | third | fourth) == 0;
-}
-
-bool CompletionToken::operator==(const CompletionToken& other) const noexcept {
-    using Stamps = CompletionTokenTimeStamps;
-    const auto differs = [&](std::uint64_t Stamps::*stamp) {
-        return fTimeStamps.*stamp != other.fTimeStamps.*stamp;
-    };
-    if (hasFault("token-by-server-send") && differs(&Stamps::serverSend)) return false;
-    if (hasFault("token-by-client-receive") && differs(&Stamps::clientReceive)) return false;
-    if (hasFault("token-by-client-send") && differs(&Stamps::clientSend)) return false;
-    if (hasFault("token-by-server-receive") && differs(&Stamps::serverReceive)) return false;
-    return fIdentifier == other.fIdentifier;
-}
-
-std::string CompletionToken::convertToString() const { return fIdentifier; }
-
-// Any text will do.
-UniqueIDGenerator::UniqueIDGenerator()
-    : fPrefix("token \u20ac " + std::to_string(std::random_device()()) + " ") {}
-
-std::string UniqueIDGenerator::nextID() { return fPrefix + std::to_string(fNext++); }
-
-std::uint64_t timestamp() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<std::uint64_t>(now / std::chrono::microseconds(1));
-}
-
-}  // namespace kiroutils
-
-// --- Logs ------------------------------------------------------------------------------------
-
 namespace kiroutils {
 
 Logger& Logger::instance() {
@@ -88,15 +34,11 @@ Logger& Logger::instance() {
     return logger;
 }
 
-void Logger::History::trim() {
-    while (entries.size() > maxEntries) entries.erase(entries.begin());
-}
-
 void Logger::log(const std::string& name, const std::string& text) {
     const std::lock_guard lock(fMutex);
     auto& history = fHistories[name];
     if (history.isEnabled) history.entries.push_back(text);
-    history.trim();
+    if (history.entries.size() > history.most) history.entries.pop_front();
 }
 
 bool Logger::isHistoryEnabled(const std::string& name) {
@@ -107,16 +49,16 @@ bool Logger::isHistoryEnabled(const std::string& name) {
 void Logger::setHistoryEnabled(const std::string& name, bool enabled, std::size_t maxEntries,
                                bool keepEntries) {
     const std::lock_guard lock(fMutex);
-    auto& history = fHistories[name];
-    history.isEnabled = enabled;
-    history.maxEntries = keepEntries ? maxEntries : 0;
-    history.trim();
-    history.maxEntries = maxEntries;
+    auto& [isEnabled, most, entries] = fHistories[name];
+    isEnabled = enabled;
+    most = maxEntries;
+    while (!entries.empty() && (entries.size() > most || !keepEntries)) entries.pop_front();
 }
 
 std::vector<std::string> Logger::history(const std::string& name) {
     const std::lock_guard lock(fMutex);
-    return fHistories[name].entries;
+    const auto& entries = fHistories[name].entries;
+    return {entries.begin(), entries.end()};
 }
 
 void Logger::clearHistory(const std::string& name) {
@@ -125,8 +67,6 @@ void Logger::clearHistory(const std::string& name) {
 }
 
 }  // namespace kiroutils
-
-void other::setDiagnosticLevel(int level) { diagnosticLevel = level; }
 
 namespace bedrock::log {
 
@@ -158,7 +98,7 @@ basic_diagnostic_logger::basic_diagnostic_logger(std::string name)
     : fImpl(new Impl{std::move(name)}) {}
 basic_diagnostic_logger::~basic_diagnostic_logger() = default;
 bool basic_diagnostic_logger::enabled(int level) const noexcept {
-    return level <= diagnosticLevel || hasFault("diagnostics-always-on");
+    return level <= observers.diagnosticLevel || hasFault("diagnostics-always-on");
 }
 diagnostic_record basic_diagnostic_logger::record(int /*level*/) const {
     using Record = diagnostic_record::Impl;
@@ -166,8 +106,6 @@ diagnostic_record basic_diagnostic_logger::record(int /*level*/) const {
 }
 
 }  // namespace bedrock::log
-
-// --- Warnings, errors and assertions -----------------------------------------------------------
 
 std::string bedrock::core::messageText(const MessageId& id, const std::vector<std::string>& all) {
     std::string text = id.component + ":" + id.key;
@@ -198,8 +136,6 @@ void bedrock::core::diag::terminate(const char* condition, const char* source, i
     std::_Exit(3);
 }
 
-// --- Settings and the snapshot event -----------------------------------------------------------
-
 std::int64_t GraphicsState::kiroGetDrawnowTimeout() {
     return hasFault("setting-timeout") ? 60 : settings.drawnowTimeout;
 }
@@ -224,7 +160,5 @@ bool kiro::web::warnAboutBinaryChannelFallback() {
 boost::signals2::connection bedrock::memmgr::leaks::registerListenerForSnapshotEvent(
     std::function<void()> listener) {
     if (hasFault("snapshot-not-connected")) return {};
-    return snapshotEvent.connect(listener);
+    return observers.snapshot.connect(listener);
 }
-
-void other::takeMemorySnapshot() { snapshotEvent(); }

@@ -3,98 +3,66 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "Buffers.hpp"
-#include "Peer.hpp"
+#include "GatewayFixture.hpp"
 #include "kiro/web/BootstrappingCommandSender.hpp"
 #include "kiro/web/ConnectionStatus.hpp"
 #include "kiro/web/JSONObject.hpp"
 #include "kiro/web/JSONPayload.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kiro/web/WebBlockingOperation.hpp"
-#include "kirogateway/Gateway.hpp"
-#include "kiroutils/KiroBlockingOperation.hpp"
-#include "relay/Relay.hpp"
-#include "relay/binary/experimental/BinaryStream.hpp"
 
 namespace {
 
 using namespace kiro::web;
-using gatewaytest::Peer;
-
-class AnyHost : public testing::Test {
-  protected:
-    AnyHost() {
-        relay::getRelay();
-        kirogateway::Options options;
-        options.mayPublish = {"/up/*", "/down/*"};
-        options.maySubscribe = {"/down/*"};
-        gateway = std::make_unique<kirogateway::Gateway>(std::move(options));
-        gatewaytest::Access access;
-        access.port = gateway->port();
-        page = std::make_unique<Peer>(access);
-        page->send(gatewaytest::upgradeRequest(access, gatewaytest::secretOf(gateway->link())));
-        EXPECT_TRUE(page->readHead().starts_with("HTTP/1.1 101"));
-        page->sendText(R"({"t":"hello","version":1,"subscribe":["/down/*"]})");
-        EXPECT_NE(page->readControl("hello"), "");
-    }
-
-    void publishFromPage(const std::string& channel, const std::string& text) {
-        page->sendText(boost::json::serialize(
-            boost::json::object{{"t", "publish"}, {"channel", channel}, {"text", text}}));
-    }
-
-    std::unique_ptr<kirogateway::Gateway> gateway;
-    std::unique_ptr<Peer> page;
-};
+using AnyHost = gatewaytest::GatewayTest;
 
 TEST_F(AnyHost, DrawsAndFlushesAFigureOnThePage) {
-    const auto sender = std::make_shared<BootstrappingCommandSender>("/down/graphics");
-    const auto status = std::make_shared<ConnectionStatus>("/up/reconnect", "/up/newView");
+    fOptions.mayPublish.push_back("/fig/*");
+    start();
+    auto page = join();
+    const auto say = [&page](const std::string& channel, const std::string& text) {
+        page.sendText(boost::json::serialize(
+            boost::json::object{{"t", "publish"}, {"channel", channel}, {"text", text}}));
+    };
+    const auto sender = std::make_shared<BootstrappingCommandSender>("/fig/1");
+    const auto status = std::make_shared<ConnectionStatus>("/returns", "/views");
     PubSubACTRequestor requestor(sender, "/up/drawn", "test", "web", false);
     JSONPayload line;
     line.addDataToPayload("x", std::vector<double>{0, 1, 2});
     sender->sendCommand("line", std::move(line));
     requestor.sendACT();
-    publishFromPage("/down/graphics/channelReady", "{}");
+    say("/fig/1/channelReady", "{}");
     std::string command;
     std::string token;
-    const auto records = page->readRecords(2);
+    const auto records = page.readRecords(2);
     ASSERT_EQ(records.size(), 2U);
     EXPECT_TRUE(JSONObject(records[0].text).getValue("cmd", command));
-    EXPECT_EQ(records[0].channel + " " + command, "/down/graphics line");
+    EXPECT_EQ(records[0].channel + " " + command, "/fig/1 line");
     EXPECT_TRUE(JSONObject(records[1].text).getValue("ACT", token));
     EXPECT_TRUE(requestor.isACTPending());
-    publishFromPage("/up/drawn", boost::json::serialize(boost::json::object{{"ACT", token}}));
+    say("/up/drawn", R"({"ACT":")" + token + "\"}");
     WebBlockingOperation::waitOrThrow("draw", [&] { return !requestor.isACTPending(); }, status,
                                       {});
 }
 
 TEST_F(AnyHost, GivesBlocksBackAndWakesAWaitWhenThePageHasGone) {
-    const auto stream =
-        relay::binary::experimental::createBinaryStream("/down/blocks", {{"returnOnFail", "true"}});
-    auto delivered = stream->send(support::bufferOf("12345678block"));
-    EXPECT_TRUE(page->readBinary().ends_with("12345678block"));
-    page->sendText(R"({"t":"block","transfer":1,"ok":true})");
+    fOptions.onLastPageGone = {};  // so that an empty task wakes the wait
+    start();
+    auto page = join();
+    auto delivered = sendBlock(9);
+    answer(page, 1, true);
     EXPECT_TRUE(delivered.get().delivered);
-    auto open = stream->send(support::bufferOf("12345678block"));
-    page->readBinary();
-    page->sendFrame(8, "\x03\xe8");
-    page->readAll();
+    auto open = sendBlock(9);
+    page.sendFrame(8, "\x03\xe8");
     const auto result = open.get();
     EXPECT_FALSE(result.delivered);
-    EXPECT_EQ(support::bytesOf(result.buffer), "12345678block");
-    using kiroutils::KiroTerminatingCondition;
-    EXPECT_NO_THROW(kiroutils::KiroBlockingOperation::waitOrThrow(
-        std::make_unique<KiroTerminatingCondition>(
-            "last page gone", [this] { return gateway->lastPageGone(); }, std::chrono::seconds(30)),
-        nullptr));
+    EXPECT_EQ(support::bytesOf(result.buffer), std::string(9, 'b'));
+    WebBlockingOperation::waitOrThrow("gone", [this] { return fGateway->lastPageGone(); }, nullptr,
+                                      {});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
@@ -22,9 +23,8 @@ class Logger {
   private:
     struct History {
         bool isEnabled = false;
-        std::size_t maxEntries = 0;
-        std::vector<std::string> entries;
-        void trim();
+        std::size_t most = 0;
+        std::deque<std::string> entries;
     };
     std::mutex fMutex;
     std::map<std::string, History> fHistories;

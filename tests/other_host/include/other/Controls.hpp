@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <boost/signals2/signal.hpp>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -23,12 +25,12 @@ extern Settings& settings;
 struct Observers {
     std::function<void(const std::string& component, const std::string& key)> warning;
     std::function<void(const std::string& logger, const std::string& text)> diagnostic;
+    std::atomic<int> diagnosticLevel = 0;
     bool showsAssertions = false;
+    boost::signals2::signal<void()> snapshot;
 };
 extern Observers& observers;
 
-void setDiagnosticLevel(int level);
-void takeMemorySnapshot();
 void adoptSignalThread();
 
 /// "/*" at the end of `pattern` stands for whatever follows.
