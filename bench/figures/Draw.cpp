@@ -9,22 +9,14 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "../ValveService.hpp"
+#include "Answered.hpp"
 #include "Row.hpp"
-#include "kiro/web/CommandSenderInterface.hpp"
-#include "kiro/web/JSONPayload.hpp"
-#include "kiro/web/PubSubACTRequestor.hpp"
-#include "kirofigures/Window.hpp"
-#include "kiroutils/CompletionToken.hpp"
 
 namespace bench {
 
 namespace {
-
-namespace service = relay::message_service;
 
 /// A property of each of so many lines changes with each frame: a command for each of them.
 constexpr int kChanges = 10;
@@ -81,42 +73,20 @@ double timeOf(int rounds, const std::function<void()>& call) {
     return median(times);
 }
 
-/// The token that a command carries; "" if it is no such command.
-std::string tokenOf(std::string_view command) {
-    constexpr std::string_view kBegin = R"({"ACT":")";
-    if (!command.starts_with(kBegin)) return {};
-    return std::string(
-        command.substr(kBegin.size(), command.find('"', kBegin.size()) - kBegin.size()));
-}
-
 /// From the changes to the end of the wait, whose token is back before it begins.
 double draw(int rounds) {
-    auto& valve = ValveService::install();
-    kirofigures::WindowOptions options;
-    options.serves = options.handlesSignals = options.waitsForPage = false;
-    kirofigures::Window window(options);
+    Answered answered;
+    auto& window = answered.window();
     auto& axes = window.figure("F").axes();
     std::vector<kirofigures::Line*> lines;
     for (int i = 0; i < kChanges; ++i) lines.push_back(&axes.line().append(i, i));
-    valve.announce(window.channels().commands);
-    const auto& newView = window.channels().newView;
-    valve.client().publish(newView, {newView, "{}", 2});
-    kirohost::waitForDelivery();
-    window.sender()->sendCommand("first", {});  // from the next one on it sends directly
-    const ValveService::Drain answer = [&window](const service::JsonMessage& message) {
-        const auto token = tokenOf({message.json, message.length});
-        if (!token.empty()) window.requestor().returnToken(kiroutils::CompletionToken(token));
-    };
-    valve.setDrain(&answer);
     window.draw();
     double width = 1;
-    const double time = timeOf(rounds, [&] {
+    return timeOf(rounds, [&] {
         width = 3 - width;
         for (auto* const line : lines) line->width(width);
         window.draw();
     });
-    valve.setDrain(nullptr);
-    return time;
 }
 
 }  // namespace

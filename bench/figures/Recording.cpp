@@ -1,22 +1,16 @@
-#include <fcntl.h>
+#include <benchmark/benchmark.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "../ValveService.hpp"
+#include "Answered.hpp"
 #include "Row.hpp"
-#include "kiro/web/CommandSenderInterface.hpp"
-#include "kiro/web/JSONPayload.hpp"
-#include "kirofigures/Window.hpp"
 #include "kirorecording/Writer.hpp"
 
 namespace bench {
@@ -52,66 +46,39 @@ double microsecondsOf(const Call& call) {
     return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 
-/// A window whose frames go out and are not waited for.
+/// A window that is recorded now and then.
 class Recorded {
   public:
-    Recorded() : fWindow(options()) {
-        auto& valve = ValveService::install();
-        valve.announce(fWindow.channels().commands);
-        const auto& newView = fWindow.channels().newView;
-        valve.client().publish(newView, {newView, "{}", 2});
-        kirohost::waitForDelivery();
-        fWindow.sender()->sendCommand("first", {});  // from the next one on it sends directly
-        fAnswer = [this](const relay::message_service::JsonMessage& message) {
-            constexpr std::string_view kBegin = R"({"ACT":")";
-            const std::string_view text(message.json, message.length);
-            if (!text.starts_with(kBegin)) return;
-            const auto token =
-                text.substr(kBegin.size(), text.find('"', kBegin.size()) - kBegin.size());
-            fWindow.requestor().returnToken(kiroutils::CompletionToken(std::string(token)));
-        };
-        valve.setDrain(&fAnswer);
-    }
-    ~Recorded() { ValveService::install().setDrain(nullptr); }
-    Recorded(const Recorded&) = delete;
-    Recorded& operator=(const Recorded&) = delete;
-
-    kirofigures::Window& window() { return fWindow; }
+    kirofigures::Window& window() { return fAnswered.window(); }
     /// What one draw costs more when it is recorded, in microseconds: the median of pairs.
     double difference(int rounds, const std::function<void()>& change) {
         std::vector<double> differences;
         for (int i = 0; i < rounds; ++i) {
             const double without = draws(change);
-            fWindow.record(fFile.path());
-            fWindow.draw();
+            window().record(fFile.path());
+            window().draw();
             const double with = draws(change);
-            if (fWindow.recording().phase != kirofigures::RecordingState::Phase::kOn) {
-                throw std::runtime_error(fWindow.recording().cause);
+            if (window().recording().phase != kirofigures::RecordingState::Phase::kOn) {
+                throw std::runtime_error(window().recording().cause);
             }
-            fWindow.stopRecording();
+            window().stopRecording();
             differences.push_back((with - without) / kDraws);
         }
         return median(differences);
     }
 
   private:
-    static kirofigures::WindowOptions options() {
-        kirofigures::WindowOptions options;
-        options.serves = options.handlesSignals = options.waitsForPage = false;
-        return options;
-    }
     double draws(const std::function<void()>& change) {
         return microsecondsOf([&] {
             for (int i = 0; i < kDraws; ++i) {
                 change();
-                fWindow.draw();
+                window().draw();
             }
         });
     }
 
     const TemporaryFile fFile;
-    kirofigures::Window fWindow;
-    ValveService::Drain fAnswer;
+    Answered fAnswered;
 };
 
 Row commandRow(bool quick) {
@@ -130,14 +97,17 @@ Row commandRow(bool quick) {
 
 Row blockRow(bool quick) {
     const std::vector<unsigned char> pixels(kBlock, 7);
+    // As many copies are held as in a round.
     std::vector<double> copies;
-    for (int i = 0; i < 100; ++i) {
+    for (int round = 0; round < (quick ? 3 : 51); ++round) {
+        std::vector<std::string> held;
         copies.push_back(microsecondsOf([&] {
-            const std::unique_ptr<char, decltype(&std::free)> copy(
-                static_cast<char*>(std::malloc(kBlock)), &std::free);
-            std::memcpy(copy.get(), pixels.data(), kBlock);
-            static_cast<volatile char*>(copy.get())[kBlock / 2] = 0;
-        }));
+                             for (int i = 0; i < kDraws; ++i) {
+                                 held.emplace_back(pixels.begin(), pixels.end());
+                                 benchmark::ClobberMemory();
+                             }
+                         }) /
+                         kDraws);
     }
     Recorded recorded;
     auto& image = recorded.window().figure("F").axes().image();

@@ -123,15 +123,15 @@ class Ticking {
 
 }  // namespace
 
-kirofigures::WindowOptions windowOptions(const Options& given) {
-    kirofigures::WindowOptions options;
-    options.title = "Monitor";
-    options.printsLink = false;  // who prints it finds out whether that works
+kirofigures::WindowOptions windowOptions(const Options& options) {
+    kirofigures::WindowOptions window;
+    window.title = "Monitor";
+    window.printsLink = false;  // who prints it finds out whether that works
     // The host's time-out comes first.
     constexpr std::chrono::hours kYear(24 * 365);
-    options.timeout = kYear;
-    if (given.record) options.recording = given.record->string();
-    return options;
+    window.timeout = kYear;
+    if (options.record) window.recording = options.record->string();
+    return window;
 }
 
 void requireRecording(const kirofigures::Window& window) {

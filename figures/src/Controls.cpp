@@ -38,8 +38,8 @@ Self& ValueOf<Self>::limits(double low, double high) {
 template <typename Self>
 void ValueOf<Self>::take(const std::optional<double>& value) {
     if (!value || *value < fLow || *value > fHigh) return;
-    // Pages are not told: this one knows, and may be on its way to the next value.
-    this->node().putKnown("value", *value);
+    // All pages are told: the others do not know it, and the last word has to be the engine's.
+    this->node().put("value", *value);
     fValue = *value;
     this->use();
 }
@@ -71,7 +71,7 @@ void Choice::take(const std::optional<double>& value) {
     if (!value || *value < 0 || *value >= static_cast<double>(fCount)) return;
     if (*value != std::floor(*value)) return;
     fValue = static_cast<std::size_t>(*value);
-    node().putKnown("value", static_cast<std::int64_t>(fValue));
+    node().put("value", static_cast<std::int64_t>(fValue));
     use();
 }
 

@@ -66,12 +66,6 @@ void Node::putAll(std::initializer_list<std::pair<const char*, std::int64_t>> nu
     for (const auto& [key, number] : numbers) put(key, number);
 }
 
-void Node::putKnown(const char* key, json::value value) {
-    Property& known = property(key);
-    known.value = std::move(value);
-    known.isSent = true;
-}
-
 const json::value* Node::find(std::string_view key) const noexcept {
     const auto found =
         std::ranges::find(fProperties, key, [](const Property& one) { return one.key; });

@@ -53,8 +53,6 @@ class Node {
     void put(const char* key, boost::json::value value);
     /// Several numbers: all of them, or none when it throws.
     void putAll(std::initializer_list<std::pair<const char*, std::int64_t>> numbers);
-    /// As `put`, of what pages know already.
-    void putKnown(const char* key, boost::json::value value);
     /// Null if it was never put.
     [[nodiscard]] const boost::json::value* find(std::string_view key) const noexcept;
 

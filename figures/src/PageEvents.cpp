@@ -97,6 +97,7 @@ PageEvent limits(const json::object& event) {
     view.home = home != nullptr && home->is_bool() && home->get_bool();
     view.x = range(field(event, "x"));
     view.y = range(field(event, "y"));
+    if (event.contains("y2")) view.y2 = range(field(event, "y2"));
     view.width = number(field(event, "width"));
     view.height = number(field(event, "height"));
     if (view.width < 0 || view.height < 0) throw WrongEvent();

@@ -154,13 +154,14 @@ RecordingState Recording::state() const {
 
 bool Recording::isOpen() const noexcept { return fRecorder != nullptr && fRecorder->isOn(); }
 
-void Recording::command(std::string text) { add(Topic::kCommands, std::move(text)); }
+void Recording::command(std::string text) {
+    fFrameBytes += text.size();
+    fRecorder->add(numberOf(Topic::kCommands), std::move(text));
+}
 
-void Recording::block(std::string_view bytes) { add(Topic::kBlocks, std::string(bytes)); }
-
-void Recording::add(Topic topic, std::string data) {
-    fFrameBytes += data.size();
-    fRecorder->add(numberOf(topic), std::move(data));
+void Recording::block(std::string_view bytes) {
+    fFrameBytes += bytes.size();
+    fRecorder->addCopy(numberOf(Topic::kBlocks), bytes);
 }
 
 void Recording::begin(const FrameMark& mark) noexcept {
@@ -212,7 +213,9 @@ void Recording::addSnapshot(const Scene& scene, const Outlet& outlet) {
 void Recording::over(const FrameMark& mark, Outcome outcome, const std::string& reason,
                      const kiro::ACTRequestor* requestor) {
     if (!isOpen()) return;
-    if (outcome == Outcome::kNoPage && !std::exchange(fIsGone, true)) {
+    if (outcome == Outcome::kNoPage) {
+        // Nobody keeps the engine's pace then: it may draw as fast as it can.
+        if (std::exchange(fIsGone, true)) return;
         fRecorder->add(numberOf(Topic::kConnections), R"({"event":"gone"})");
     }
     kiro::ACTRequestor::TimeStamps last;

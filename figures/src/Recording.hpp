@@ -22,8 +22,7 @@ class Subscriber;
 
 namespace kirorecording {
 class Recorder;
-enum class Topic : std::uint16_t;
-}  // namespace kirorecording
+}
 
 namespace kirofigures::detail {
 
@@ -65,7 +64,6 @@ class Recording final : public Tap {
               const kiro::ACTRequestor* requestor);
 
   private:
-    void add(kirorecording::Topic topic, std::string data);
     void hear();
     [[nodiscard]] bool isSnapshotDue(Time now) const noexcept;
     void addSnapshot(const Scene& scene, const Outlet& outlet);

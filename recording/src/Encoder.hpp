@@ -16,10 +16,9 @@ static_assert(std::endian::native == std::endian::little, "the format is little-
 /// Appends one record to a text; its length is known when this goes.
 class Encoder {
   public:
-    Encoder(std::string& out, std::uint8_t opcode) : fOut(out) {
+    Encoder(std::string& out, std::uint8_t opcode) : fOut(out), fBegin(out.size() + kRecordHead) {
         number(opcode);
         number(std::uint64_t{0});
-        fBegin = fOut.size();
     }
     ~Encoder() { setLength(fBegin - sizeof(std::uint64_t), fOut.size() - fBegin); }
     Encoder(const Encoder&) = delete;
@@ -49,7 +48,7 @@ class Encoder {
     }
 
     std::string& fOut;
-    std::size_t fBegin = 0;
+    const std::size_t fBegin;
 };
 
 }  // namespace kirorecording

@@ -19,6 +19,9 @@ namespace {
 /// engine more than the rest of an `add`.
 constexpr std::chrono::milliseconds kPeriod{100};
 
+/// Short enough to need none as a text.
+constexpr const char* kNoMemory = "no memory";
+
 struct Item {
     std::uint16_t channel = 0;
     std::uint64_t time = 0;
@@ -34,6 +37,7 @@ class Recorder::Impl {
     Impl(std::unique_ptr<Sink> sink, const std::vector<Channel>& channels, RecorderOptions options);
 
     void add(std::uint16_t channel, std::string&& data) noexcept;
+    void addCopy(std::uint16_t channel, std::string_view data) noexcept;
     void stop() noexcept;
     [[nodiscard]] Status status() const;
     [[nodiscard]] bool isOn() const noexcept { return fIsOn; }
@@ -90,7 +94,7 @@ Recorder::Impl::Impl(std::unique_ptr<Sink> sink, const std::vector<Channel>& cha
     for (const auto& channel : channels) fWriter.add(channel);
     // At once, so that a disk without room is found here, and every file names its channels.
     fWriter.flush();
-    fBytes = fWriter.size();
+    fBytes.store(fWriter.size());
     fThread = std::thread([this] { run(); });
 }
 
@@ -103,10 +107,20 @@ void Recorder::Impl::add(std::uint16_t channel, std::string&& data) noexcept {
         try {
             wakes = addLocked({channel, 0, std::move(data)});
         } catch (const std::exception&) {
-            endLocked("no memory");  // short enough to need none
+            endLocked(kNoMemory);
         }
     }
     if (wakes) fChanged.notify_one();
+}
+
+void Recorder::Impl::addCopy(std::uint16_t channel, std::string_view data) noexcept {
+    if (!fIsOn) return;
+    try {
+        add(channel, std::string(data));
+    } catch (const std::exception&) {
+        end(kNoMemory);
+        fChanged.notify_one();
+    }
 }
 
 bool Recorder::Impl::addLocked(Item item) {
@@ -222,6 +236,10 @@ Recorder::~Recorder() { fImpl->stop(); }
 
 void Recorder::add(std::uint16_t channel, std::string data) noexcept {
     fImpl->add(channel, std::move(data));
+}
+
+void Recorder::addCopy(std::uint16_t channel, std::string_view data) noexcept {
+    fImpl->addCopy(channel, data);
 }
 
 bool Recorder::isOn() const noexcept { return fImpl->isOn(); }

@@ -88,6 +88,7 @@ const char* nameOf(Topic topic) noexcept {
 
 std::vector<Channel> runChannels() {
     std::vector<Channel> channels;
+    channels.reserve(kDescriptions.size());
     for (const auto& [topic, encoding, schema] : kDescriptions) {
         channels.push_back(
             {topic, encoding, std::make_shared<const Schema>(Schema{topic, "jsonschema", schema})});

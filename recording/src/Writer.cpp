@@ -11,6 +11,7 @@ namespace kirorecording {
 
 namespace {
 
+constexpr std::size_t kMostChunkSize = std::size_t{4} << 20U;
 constexpr std::size_t kIndexEntry = 2 * sizeof(std::uint64_t);
 
 void encodeSchema(std::string& out, std::uint16_t id, const Schema& schema) {
@@ -39,10 +40,11 @@ void encodeInfo(std::string& out, const ChunkInfo& info) {
 }  // namespace
 
 Writer::Writer(Sink& sink, WriterOptions options) : fSink(sink), fOptions(options) {
+    KIROWEB_REQUIRE(fOptions.chunkSize <= kMostChunkSize);
     std::string head(kMagic);
     Encoder(head, op::kHeader).text(kProfile).text("kirorecording");
     put(head);
-    fWhole = fOffset;
+    markWhole();
 }
 
 void Writer::put(std::string_view bytes) {
@@ -63,8 +65,6 @@ std::uint16_t Writer::add(const Channel& channel) {
 void Writer::write(std::uint16_t channel, std::uint64_t time, std::string_view data) {
     KIROWEB_REQUIRE(channel > 0 && channel <= fChannels.size());
     KIROWEB_REQUIRE(data.size() <= kMostBytes);
-    // A large one has its own, so that no chunk is much larger than what is in it.
-    if (fChunk.records.size() + data.size() > kMostBytes) flush();
     if (fChunk.indexes.empty()) fChunk.since = time;
     fChunk.indexes[channel].emplace_back(time, fChunk.records.size());
     Encoder(fChunk.records, op::kMessage)
@@ -108,7 +108,7 @@ void Writer::flush() {
     putIndexes(info);
     fChunks.push_back(std::move(info));
     for (const auto& [channel, index] : fChunk.indexes) fMessages[channel] += index.size();
-    fWhole = fOffset;
+    markWhole();
     // Its memory is for the next one, unless a single large message took it.
     if (fChunk.records.capacity() > 4 * fOptions.chunkSize) fChunk.records = {};
     fChunk.records.clear();
@@ -152,40 +152,24 @@ void Writer::putEnd() {
     std::string end;
     Encoder(end, op::kDataEnd).number(std::uint32_t{0});
     put(end);
-    const std::uint64_t begin = fOffset;
     std::string summary;
     std::string offsets;
-    const auto group = [&](std::uint8_t opcode, const auto& write) {
-        const std::size_t start = summary.size();
-        write();
-        if (summary.size() == start) return;
+    const auto group = [&](std::uint8_t opcode, const std::string& records) {
+        if (records.empty()) return;
         Encoder(offsets, op::kSummaryOffset)
             .number(opcode)
-            .number(begin + start)
-            .number(std::uint64_t{summary.size() - start});
+            .number(fOffset + summary.size())
+            .number(std::uint64_t{records.size()});
+        summary += records;
     };
-    const auto ofChannels = [this](const auto& write) {
-        for (std::size_t i = 0; i < fChannels.size(); ++i) {
-            write(static_cast<std::uint16_t>(i + 1), fChannels[i]);
-        }
-    };
-    group(op::kSchema, [&] {
-        ofChannels([&](std::uint16_t id, const Channel& channel) {
-            if (channel.schema != nullptr) encodeSchema(summary, id, *channel.schema);
-        });
-    });
-    group(op::kChannel, [&] {
-        ofChannels(
-            [&](std::uint16_t id, const Channel& channel) { encodeChannel(summary, id, channel); });
-    });
-    group(op::kStatistics, [&] { summary += statistics(); });
-    group(op::kChunkIndex, [&] {
-        for (const auto& info : fChunks) encodeInfo(summary, info);
-    });
-    const std::uint64_t offsetsBegin = begin + summary.size();
+    group(op::kSchema, schemas());
+    group(op::kChannel, channels());
+    group(op::kStatistics, statistics());
+    group(op::kChunkIndex, infos());
+    const std::uint64_t offsetsBegin = fOffset + summary.size();
     summary += offsets;
     Encoder(summary, op::kFooter)
-        .number(begin)
+        .number(fOffset)
         .number(offsetsBegin)
         .number(std::uint32_t{0});  // the checksum, of what is before it
     const std::size_t covered = summary.size() - sizeof(std::uint32_t);
@@ -193,6 +177,29 @@ void Writer::putEnd() {
     std::memcpy(summary.data() + covered, &crc, sizeof crc);
     put(summary += kMagic);
     fSink.close();
+}
+
+std::string Writer::schemas() const {
+    std::string out;
+    for (std::size_t i = 0; i < fChannels.size(); ++i) {
+        if (fChannels[i].schema == nullptr) continue;
+        encodeSchema(out, static_cast<std::uint16_t>(i + 1), *fChannels[i].schema);
+    }
+    return out;
+}
+
+std::string Writer::channels() const {
+    std::string out;
+    for (std::size_t i = 0; i < fChannels.size(); ++i) {
+        encodeChannel(out, static_cast<std::uint16_t>(i + 1), fChannels[i]);
+    }
+    return out;
+}
+
+std::string Writer::infos() const {
+    std::string out;
+    for (const auto& info : fChunks) encodeInfo(out, info);
+    return out;
 }
 
 std::string Writer::statistics() const {
@@ -206,12 +213,12 @@ std::string Writer::statistics() const {
         first = std::min(first, info.first);
         last = std::max(last, info.last);
     }
-    const auto schemas = std::ranges::count_if(
+    const auto numSchemas = std::ranges::count_if(
         fChannels, [](const Channel& channel) { return channel.schema != nullptr; });
     std::string out;
     Encoder record(out, op::kStatistics);
     record.number(all)
-        .number(static_cast<std::uint16_t>(schemas))
+        .number(static_cast<std::uint16_t>(numSchemas))
         .number(static_cast<std::uint32_t>(fChannels.size()))
         .number(std::uint32_t{0})  // attachments
         .number(std::uint32_t{0})  // metadata

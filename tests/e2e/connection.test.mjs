@@ -10,66 +10,11 @@ import { test } from "node:test";
 
 import { assertClean, untilState } from "./support/page.mjs";
 import { Program } from "./support/program.mjs";
+import { Proxy } from "./support/proxy.mjs";
 import { assertValues, liveValues, shownValues } from "./support/scene.mjs";
 import { Stage } from "./support/stage.mjs";
-import { Tab } from "./support/tabs.mjs";
 
 const stage = new Stage();
-
-test("A script error costs its frame at once, and the figures are made whole", async () => {
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.link);
-    await scene.draw("step 30");
-    const [worker] = page.workers();
-    await worker.evaluate(() => {
-        const { prototype } = OffscreenCanvasRenderingContext2D;
-        globalThis.stroke = prototype.stroke;
-        prototype.stroke = () => {
-            throw new Error("a broken figure");
-        };
-    });
-    await scene.draw("step 1", 'failed: line wave, "quoted": a broken figure');
-    await page.locator(".error", { hasText: "a broken figure" }).waitFor();
-    await worker.evaluate(() => {
-        OffscreenCanvasRenderingContext2D.prototype.stroke = globalThis.stroke;
-    });
-    await scene.draw("step 1");
-    assertValues(await shownValues(page), liveValues(32));
-});
-
-test("Blocks that the page gives back come again as text", async () => {
-    const { proxy, scene, page } = await stage.startBehindProxy("live", 60);
-    await scene.draw("step 20");
-    const [worker] = page.workers();
-    await worker.evaluate(() => {
-        globalThis.refused = 0;
-        const { set } = Object.getOwnPropertyDescriptor(WebSocket.prototype, "onmessage");
-        const giveBack = (socket, data) => {
-            const view = new DataView(data);
-            const transfer = view.getUint32(4, true);
-            const number = Number(view.getBigUint64(8, true));
-            socket.send(JSON.stringify({ t: "block", transfer, ok: false, reason: "by the test" }));
-            ++globalThis.refused;
-            return { data: JSON.stringify({ t: "withdrawn", transfer, number }) };
-        };
-        Object.defineProperty(WebSocket.prototype, "onmessage", {
-            set(call) {
-                const isText = ({ data }) => typeof data === "string";
-                set.call(this, (event) => call(isText(event) ? event : giveBack(this, event.data)));
-            },
-        });
-    });
-    // The next connection is one of these.
-    proxy.cut();
-    await untilState(page, "reconnecting");
-    proxy.mend();
-    await untilState(page, "live");
-    for (let i = 0; i < 10; ++i) await scene.draw("step 2");
-    assertValues(await shownValues(page), liveValues(40));
-    const refused = await worker.evaluate(() => globalThis.refused);
-    assert.ok(refused >= 10, `${refused} refused`);
-});
 
 test("Every page sees everything, reloaded or not; the engine goes on with those that are left", async () => {
     const scene = await stage.scene("live");
@@ -102,21 +47,27 @@ test("Every page sees everything, reloaded or not; the engine goes on with those
 
 test("A hidden page answers without painting, and paints when it is shown", async () => {
     const scene = await stage.scene("live");
-    const session = await stage.browser.newBrowserCDPSession();
-    const tab = await Tab.open(session, scene.link);
-    stage.defer(() => tab.close());
+    const page = await stage.page();
+    await page.goto(scene.link);
+    const hide = (hidden) =>
+        page.evaluate((value) => {
+            Object.defineProperty(document, "hidden", { value, configurable: true });
+            document.dispatchEvent(new Event("visibilitychange"));
+        }, hidden);
     await scene.stream();
-    const other = await Tab.open(session, "about:blank");
-    stage.defer(() => other.close());
+    await hide(true);
     await scene.answer(/^frame \d+ hidden$/);
     await scene.draw("step 1", "hidden");
-    await tab.show();
-    await tab.until("!document.hidden");
+    await hide(false);
     await scene.draw("step 1");
 });
 
 test("A page whose connection was lost returns to its view, and nothing is missing", async () => {
-    const { proxy, scene, page } = await stage.startBehindProxy("live", 60);
+    const proxy = await Proxy.start();
+    stage.defer(() => proxy.stop());
+    const scene = await stage.scene("live", 60);
+    const page = await stage.page({ proxy: proxy.settings });
+    await page.goto(scene.link);
     const losses = [
         ["cut", 0, /lost|no connection/],
         ["cut", 40, /lost|no connection/],
@@ -135,18 +86,6 @@ test("A page whose connection was lost returns to its view, and nothing is missi
         assertValues(await shownValues(page), liveValues((steps += 30)));
     }
     assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
-});
-
-test("A frozen page is named as the cause of a late frame, and goes on when it wakes", async () => {
-    const scene = await stage.scene("live", 1);
-    const page = await stage.page();
-    await page.goto(scene.link);
-    await scene.draw("step 9");
-    const wake = await stage.freeze(page);
-    await scene.draw("step 1", "late: client stalled");
-    await wake();
-    await scene.draw("step 1");
-    assertValues(await shownValues(page), liveValues(11));
 });
 
 test("The browser that is opened is a program of its own, and gets no more than a link", async () => {
@@ -174,24 +113,4 @@ test("The browser that is opened is a program of its own, and gets no more than 
     await other.goto(link);
     assert.match(await untilState(other, "refused"), /open the link that the program printed/);
     assert.equal(new URL(other.url()).hash, "");
-});
-
-test("Who does not have the token is refused, and told what to do", async () => {
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.origin);
-    assert.match(await untilState(page, "refused"), /no token: open the link that the program/);
-    // The links are opened where the page is already.
-    await page.goto(`${scene.origin}/#token=${"0".repeat(64)}`);
-    await page.waitForFunction(() =>
-        /does not accept.* open the link/.test(document.querySelector("#status").textContent),
-    );
-    await page.goto(scene.link);
-    await untilState(page, "live");
-    await scene.draw("step 1");
-    assert.equal(page.url(), `${scene.origin}/`);
-    assert.deepEqual(await page.context().cookies(), []);
-    const duplicate = page.waitForEvent("popup");
-    await page.evaluate(() => void window.open("/"));
-    await untilState(await duplicate, "live");
 });

@@ -1,10 +1,8 @@
 // What somebody does at the page, while an engine draws.
 import assert from "node:assert/strict";
-import { readFile } from "node:fs/promises";
 import { test } from "node:test";
 
 import { assertClean } from "./support/page.mjs";
-import { assertValues, liveValues, shownValues } from "./support/scene.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
@@ -17,31 +15,9 @@ async function start() {
     return { scene, page };
 }
 
-/** Ends when the first axes show such limits of x; these. */
-async function untilShown(page, isWanted, given) {
-    const shown = await page.waitForFunction(
-        ([name, value]) => {
-            const [figure] = kirowebPage.figures.values();
-            const [axes] = figure.axes.values();
-            const { x } = axes.shown;
-            const [low, high] = x;
-            const holds = {
-                any: true,
-                beyond: high > value,
-                upTo: high === value,
-                narrower: high - low < value,
-            };
-            return holds[name] && x;
-        },
-        [isWanted, given],
-    );
-    return shown.jsonValue();
-}
-
 test("What is done reaches the engine's callbacks", async () => {
     const { scene, page } = await start();
     const chart = page.locator(".chart").first();
-    const lower = page.locator(".chart").nth(1);
     // Step 59 is at 14.75, 59; the lower axes go from 4.75 to 14.75 and from 0 to 100.
     const area = await page.locator(".u-over").nth(1).boundingBox();
     const at = (x, y) => [
@@ -74,54 +50,14 @@ test("What is done reaches the engine's callbacks", async () => {
         scene.lines.filter((line) => line.startsWith("number")),
         ["number 7"],
     );
-    await lower.focus();
     await assertClean(page);
-});
-
-test("A view holds while data stream, and follows them again when asked to", async () => {
-    const { scene, page } = await start();
-    await scene.stream();
-    await untilShown(page, "beyond", 15);
-    const chart = page.locator(".chart").first();
-    await chart.press("+");
-    const held = await untilShown(page, "narrower", 9);
-    // Many frames later.
-    await page.waitForFunction(
-        (before) => kirowebPage.outcomes.painted > before + 30,
-        await page.evaluate(() => kirowebPage.outcomes.painted),
-    );
-    assert.deepEqual(await untilShown(page, "any"), held);
-    await chart.press("0");
-    const home = await untilShown(page, "beyond", held[1] + 5);
-    assert.ok(Math.abs(home[1] - home[0] - 10) < 1e-9, `${home}`);
-    await assertClean(page);
-});
-
-test("A page that is paused says so to the engine, takes the data in, and catches up", async () => {
-    const { scene, page } = await start();
-    await page.keyboard.press(" ");
-    await page.getByRole("button", { name: "Go on" }).waitFor();
-    await scene.draw("step 5", "paused");
-    assertValues(await shownValues(page), liveValues(60));
-    await scene.draw("step 5", "paused");
-    await page.getByRole("button", { name: "Go on" }).click();
-    await untilShown(page, "upTo", 69 * 0.25);
-    assertValues(await shownValues(page), liveValues(70));
+    const other = await stage.page();
+    await other.goto(scene.link);
     await scene.draw("step 1");
-});
-
-test("What is seen is saved as CSV, and shown as a table", async () => {
-    const { page } = await start();
-    await page.locator(".chart").first().press("s");
-    await page.getByRole("radio", { name: "CSV" }).check();
-    const download = page.waitForEvent("download");
-    await page.locator(".save button").click();
-    assertValues(await readFile(await (await download).path(), "utf8"), liveValues(60));
-    await page.locator(".chart").first().press("t");
-    const rows = page.locator("dialog tbody tr");
-    await rows.last().waitFor({ state: "attached" });
-    assert.equal(await rows.count(), 2 * 41);
-    assert.match(await rows.last().textContent(), /^level14\.750\.5$/);
+    await page.getByRole("slider", { name: "Gain" }).press("ArrowRight");
+    await scene.line(/^slider 6$/);
+    await scene.draw("step 1");
+    await other.waitForFunction(() => document.querySelector("[type=range]").value === "6");
 });
 
 test("Everything is within reach of the tab key, and named", async () => {

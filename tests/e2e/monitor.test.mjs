@@ -5,58 +5,20 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { test } from "node:test";
 
-import { readCoast, readEcg, readQuakes } from "./support/data.mjs";
 import { assertClean } from "./support/page.mjs";
-import { pictures, untilSettled } from "./support/pictures.mjs";
-import { masksOf } from "./support/shapes.mjs";
+import { shownValues } from "./support/scene.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
 
-/** Required pixels are drawn, and those that `isOf` are allowed. */
-function check(picture, data, isOf) {
-    const { allowed, required } = masksOf(data, { ...picture, place: picture.placer() });
-    assert.ok(required.includes(1));
-    assert.deepEqual(picture.missing(required), []);
-    for (const [column, row] of picture.all()) {
-        const isRight =
-            allowed[row * picture.width + column] || !isOf(picture.at(column, row).slice(0, 3));
-        assert.ok(isRight, `${data.kind} at ${column}, ${row}, where there are no data`);
-    }
-}
-
-function checkEcg(picture, frames) {
-    const indices = Array.from({ length: frames * 12 }, (_, i) => i).slice(-1802);
-    const ecg = readEcg();
-    const [line] = picture.description.series;
-    const isBlue = ([red, , blue]) => blue > red + 60;
-    assert.match(line.color, /^#0/);
-    const data = { kind: "line", x: indices.map((i) => i / 360), y: indices.map((i) => ecg[i]) };
-    check(picture, data, isBlue);
-}
-
-function checkMap(picture, frames) {
-    const quakes = readQuakes(frames);
-    const isColored = (color) => Math.max(...color) - Math.min(...color) > 50;
-    const [x, y, magnitude] = [0, 1, 2].map((column) => quakes.map((quake) => quake[column]));
-    const size = magnitude.map((one) => 2 + 1.8 * Math.max(one, 0));
-    check(picture, { kind: "scatter", x, y, size }, isColored);
-    const place = picture.placer();
-    const coast = readCoast().map(([longitude, latitude]) => place(longitude, latitude));
-    const isMissing = (at) => !picture.hasNear(...at.map(Math.floor));
-    assert.deepEqual(coast.filter(isMissing), []);
-}
-
-test("A thousand flushes show the data", async () => {
-    const page = await stage.page({ colorScheme: "light" });
+test("A thousand flushes are drawn, and what was drawn last stays", async () => {
+    const page = await stage.page();
     const monitor = await stage.monitor("--speed", "max", "--frames", "1000");
     await page.goto(monitor.link);
-    // It ends by itself; what it drew last stays.
+    // It ends by itself.
     await monitor.end({ frames: 1000, drawn: 1000, left: 0, views: 0 }, { asked: false });
-    await untilSettled(page);
-    const [ecg, map] = await pictures(page);
-    checkEcg(ecg, 1000);
-    checkMap(map, 1000 % 300);
+    const values = await shownValues(page);
+    assert.equal(values.trimEnd().split("\r\n").at(-1).split(",")[1], String((12_000 - 1) / 360));
     assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
 });
 

@@ -210,6 +210,8 @@ TEST(HostileFile, IsRefusedBeforeItTakesMemory) {
         {"the chunk is larger than", with(file, first + 25, kHuge)},
         {"the chunk cannot be decompressed", with(file, first + 25, std::uint64_t{99})},
         {"messages are missing before this chunk", gap},
+        {"a message does not fit its chunk",
+         file.substr(0, first) + file.substr(chunks[1].offset)},  // its channel was in the first
         {"the index names a chunk that is not there", sealed(with(whole, index, kHuge))},
         {"the index names a chunk that is not there", sealed(with(whole, index + 8, kHuge))},
         {"no chunk is there", sealed(with(whole, index, first + 1))},
@@ -253,7 +255,7 @@ TEST_P(File, IsRepairedUpToItsLastWholeChunk) {
     }
 }
 
-TEST(Writer, GivesALargeMessageAChunkOfItsOwn) {
+TEST(Writer, EndsAChunkBehindTheMessageThatFillsIt) {
     MemorySink sink;
     Writer writer(sink, {false, 100});
     const auto channel = writer.add(kBytes);

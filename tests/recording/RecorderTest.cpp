@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "FailingNew.hpp"
 #include "Memory.hpp"
 
 namespace recording_test {
@@ -155,6 +156,19 @@ TEST_F(RecorderTest, EndsWhenItsQueueIsFullWithAFileThatIsGoodUpToThere) {
     EXPECT_EQ(said().size(), added - 1);
 }
 
+TEST_F(RecorderTest, HasRoomAgainForWhatIsWritten) {
+    const auto recorder = make(10'000, 1);
+    for (int round = 0; round < 3; ++round) {
+        const auto written = fDisk->reaching(fDisk->bytes().size() + 5000);
+        for (int i = 0; i < 5; ++i) recorder->add(1, std::string(1000, 'x'));
+        written.wait();
+    }
+    EXPECT_TRUE(recorder->isOn());
+    recorder->stop();
+    EXPECT_EQ(recorder->room(), 10'000U);
+    EXPECT_EQ(said().size(), 15U);
+}
+
 TEST_F(RecorderTest, RefusesWhatNeverFits) {
     const auto recorder = make(1000);
     EXPECT_EQ(recorder->room(), 1000U);
@@ -162,6 +176,19 @@ TEST_F(RecorderTest, RefusesWhatNeverFits) {
     EXPECT_FALSE(recorder->isOn());
     fFailed.get_future().wait();
     EXPECT_TRUE(said().empty());
+}
+
+TEST_F(RecorderTest, EndsWhenThereIsNoMemory) {
+    const std::string message(100, 'x');
+    for (const std::size_t allocation : {1U, 2U}) {  // of the copy, of the queue
+        const auto recorder = make();
+        const auto outcome =
+            support::failingNew(allocation, [&] { recorder->addCopy(1, message); });
+        EXPECT_TRUE(outcome.failed);
+        EXPECT_EQ(outcome.error, "");
+        recorder->stop();
+        EXPECT_EQ(recorder->status().cause, "no memory");
+    }
 }
 
 TEST_F(RecorderTest, EndsWhenTheDiskIsFull) {

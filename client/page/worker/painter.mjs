@@ -90,9 +90,10 @@ export function withOpacity(color, opacity) {
     return `rgba(${red},${green},${blue},${(alpha / 255) * opacity})`;
 }
 
-/** In the order in which they are drawn. @param {Item} axes @returns {Item[]} */
-function drawnSeries(axes) {
-    const series = axes.childrenOf("series");
+/** Those that are visible, in the order in which they are drawn. @param {Item} axes
+ * @param {Set<number>} hidden @returns {Item[]} */
+export function drawnSeries(axes, hidden) {
+    const series = axes.childrenOf("series").filter((one) => isVisible(one, hidden));
     const isImage = (/** @type {Item} */ one) => one.type === "image";
     return [...series.filter(isImage), ...series.filter((one) => !isImage(one))];
 }
@@ -107,20 +108,19 @@ export function scalesOf(axes, limits, { width, height }) {
     };
 }
 
-/** Draws all series that are visible, over what is there. One that cannot be drawn does not hold up
+/** Draws the series that are visible, over what is there: all, or some in order. One that cannot be drawn does not hold up
  * the others. @param {Item} axes @param {Limits} limits @param {Size} size
  * @param {{theme: Theme, hidden: Set<number>}} look
- * @param {Surface} surface
+ * @param {Surface} surface @param {{from?: number, to?: number}} part
  * @returns {Error[]} why some were not drawn */
-export function paintAxes(axes, limits, size, { theme, hidden }, surface) {
+export function paintAxes(axes, limits, size, { theme, hidden }, surface, { from = 0, to } = {}) {
     const scales = scalesOf(axes, limits, size);
     const colors = colorsOf(axes, theme);
     const { context, isVector, drawCanvas } = surface;
     const { ground } = theme;
     const errors = [];
-    let isFirst = true;
-    for (const series of drawnSeries(axes)) {
-        if (!isVisible(series, hidden)) continue;
+    let isFirst = from === 0;
+    for (const series of drawnSeries(axes, hidden).slice(from, to)) {
         const y = series.properties.axis === "y2" ? scales.y2 : scales.y;
         const color = colors.get(series.id) ?? theme.text;
         /** @type {Place["drawPixels"]} */

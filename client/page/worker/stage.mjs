@@ -2,10 +2,9 @@
 
 import { colorLimitsOf } from "./color_maps.mjs";
 import { describe } from "./description.mjs";
+import { KeptPainter } from "./kept.mjs";
 import { isVisible, limitsOf } from "./limits.mjs";
-import { paintAxes } from "./painter.mjs";
 import { Scene } from "./scene.mjs";
-import { CanvasSurface } from "./surface.mjs";
 
 /** @typedef {import("../messages.mjs").Limits} Limits */
 /** @typedef {import("../messages.mjs").Theme} Theme */
@@ -16,7 +15,7 @@ import { CanvasSurface } from "./surface.mjs";
  * @typedef {{width: number, height: number, ratio: number}} AreaSize */
 
 /** Of axes that are shown.
- * @typedef {{surface: CanvasSurface, isStale: boolean, drawn: string}} Shown */
+ * @typedef {{painter: KeptPainter, isStale: boolean, drawn: string}} Shown */
 
 export class Stage {
     #post;
@@ -92,7 +91,7 @@ export class Stage {
 
     /** @param {number} axes @param {OffscreenCanvas} canvas @param {AreaSize} size */
     addCanvas(axes, canvas, size) {
-        this.#shown.set(axes, { surface: new CanvasSurface(canvas), isStale: true, drawn: "" });
+        this.#shown.set(axes, { painter: new KeptPainter(canvas), isStale: true, drawn: "" });
         this.sizes.set(axes, size);
         // The main thread waits for the picture in this size.
         this.#told = "";
@@ -160,9 +159,7 @@ export class Stage {
             if (isSame && !shown.isStale) return [];
             // Until all of it is drawn.
             Object.assign(shown, { drawn, isStale: true });
-            const pixels = canvasSize(size);
-            shown.surface.begin(pixels);
-            const failures = paintAxes(axes, range, pixels, this, shown.surface);
+            const failures = shown.painter.paint(axes, range, canvasSize(size), this);
             // Nobody is to be told of the next frame that these axes are right.
             shown.isStale = failures.length > 0;
             return failures;

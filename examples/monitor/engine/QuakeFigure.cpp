@@ -22,16 +22,22 @@ std::string withOneDecimal(float value) {
     return {text.data(), result.ptr};
 }
 
+/// What does not change comes first: a page keeps the picture of it.
+kirofigures::Axes& withCoast(kirofigures::Axes& axes, const DataSet& data) {
+    axes.outline().set(data.coastLongitudes, data.coastLatitudes).color("#808080").width(0.5);
+    return axes;
+}
+
 }  // namespace
 
 QuakeFigure::QuakeFigure(kirofigures::Window& window, const DataSet& data)
     : fData(data),
-      fAxes(window.figure("Earthquakes, 31 January \u2013 7 February 2018").axes()),
+      fAxes(
+          withCoast(window.figure("Earthquakes, 31 January \u2013 7 February 2018").axes(), data)),
       fQuakes(fAxes.scatter("depth in km")),
       fCaption(fAxes.text(0, 0, "")),
       fPicked(fAxes.text(0, 0, "")) {
     setLooks();
-    fAxes.outline().set(data.coastLongitudes, data.coastLatitudes).color("#808080").width(0.5);
     fAxes.onPick([this](const kirofigures::Pick& pick) { fPicked.text(nameOf(picked(pick))); });
 }
 

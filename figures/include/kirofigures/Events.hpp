@@ -27,6 +27,7 @@ struct View {
     };
     Range x;
     Range y;
+    std::optional<Range> y2;  ///< where there is such an axis
     /// Of the axes, in CSS pixels.
     double width = 0;
     double height = 0;

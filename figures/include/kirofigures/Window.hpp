@@ -117,9 +117,10 @@ class Window {
 
     /// Records what travels to the pages and what comes of it into a new file, as docs/recording.md
     /// says, instead of a recording that is on. The next frame shows everything anew. A recording
-    /// costs the engine a copy of what it sends and never waits for the disk: when too much waits
-    /// or cannot be written it ends, which the host's log "recording" says in one line, and the
-    /// file is good up to there. Throws std::system_error when the file cannot be made.
+    /// costs the engine a copy of what it sends and, now and then, of all that pages have; it never
+    /// waits for the disk: when too much waits or cannot be written it ends, which the host's log
+    /// "recording" says in one line, and the file is good up to there. Frames that nobody looks at
+    /// are not in it. Throws std::system_error when the file cannot be made.
     void record(const std::string& path);
     /// Writes what waits and closes the file.
     void stopRecording() noexcept;

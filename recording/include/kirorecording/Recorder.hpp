@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kirorecording/Channel.hpp"
@@ -54,6 +55,9 @@ class Recorder {
     /// in the order of their times. Nothing happens when the recording is over. Any thread.
     /// REQUIRES: `channel` is the place of one of the channels, from 1.
     void add(std::uint16_t channel, std::string data) noexcept;
+    /// As `add`, of a copy. There may be no memory for it: that ends the recording and nothing
+    /// else.
+    void addCopy(std::uint16_t channel, std::string_view data) noexcept;
     [[nodiscard]] bool isOn() const noexcept;
     /// For how many bytes there is room in the queue.
     [[nodiscard]] std::size_t room() const noexcept;

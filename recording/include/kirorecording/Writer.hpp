@@ -16,7 +16,7 @@ namespace kirorecording {
 
 struct WriterOptions {
     bool compresses = true;  ///< chunks, with zstd
-    /// A chunk ends with the message that makes it this large.
+    /// A chunk ends with the message that makes it this large; at most 4 MiB.
     std::size_t chunkSize = std::size_t{1} << 20U;
 };
 
@@ -27,10 +27,11 @@ struct WriterOptions {
 /// What a sink throws passes through; then only `closeEarly` and the destructor may be called.
 class Writer {
   public:
-    /// The largest message; a reader refuses chunks that it cannot hold.
+    /// The largest message: with what may stand before it in its chunk it is less than a reader
+    /// takes.
     static constexpr std::size_t kMostBytes = std::size_t{120} << 20U;
 
-    /// Writes the beginning. REQUIRES: `sink` outlives this.
+    /// Writes the beginning. REQUIRES: `sink` outlives this; the options are as they say.
     explicit Writer(Sink& sink, WriterOptions options = {});
 
     /// Returns the channel's number: 1, 2, 3, ...
@@ -62,7 +63,13 @@ class Writer {
     void put(std::string_view bytes);
     void putIndexes(ChunkInfo& info);
     void putEnd();
+    /// What is there is whole.
+    void markWhole() noexcept { fWhole = fOffset; }
+    // The groups of the summary.
+    [[nodiscard]] std::string schemas() const;
+    [[nodiscard]] std::string channels() const;
     [[nodiscard]] std::string statistics() const;
+    [[nodiscard]] std::string infos() const;
 
     Sink& fSink;
     const WriterOptions fOptions;

@@ -94,38 +94,6 @@ test("Elements of a block are not copied where they are aligned", () => {
     assert.equal(elementsOf("f32", block.subarray(3), 9, 1)[0], 1.5);
 });
 
-/** A line to be drawn 300 pixels wide and 200 high, with its scales. */
-function makeLine(random, { isLog }) {
-    const count = 500 + random.below(4000);
-    const x = random.values(count, -20, 130, 0).sort((a, b) => a - b);
-    const y = random.values(count, isLog ? -5 : -50, 60, 0.1);
-    return {
-        places: new Column(Float64Array.from(x)),
-        values: new Column(Float64Array.from(y)),
-        x: new Scale("linear", [0, 100], 0, 300),
-        y: new Scale(isLog ? "log" : "linear", isLog ? [0.1, 60] : [-50, 60], 200, 0),
-    };
-}
-
-test("A column of pixels has the true extremes of its elements; a missing one empties none", () => {
-    for (let seed = 1; seed <= 20; ++seed) {
-        const { places, values, x, y } = makeLine(new Random(seed), { isLog: seed % 2 === 0 });
-        const bounds = columnBounds(places, x, 300);
-        const cover = new Cover(300);
-        cover.addElements(values, bounds, y);
-        for (let column = 0; column < 300; ++column) {
-            const [left, right] = [x.toValue(column), x.toValue(column + 1)];
-            const inside = elementsIn(places)
-                .map((place, i) => (place >= left && place < right ? values.at(i) : NaN))
-                .filter((value) => Number.isFinite(value) && value > y.least)
-                .map((value) => y.toPixel(value));
-            const found =
-                inside.length > 0 ? [Math.min(...inside), Math.max(...inside)] : [NaN, NaN];
-            assert.deepEqual([cover.tops[column], cover.bottoms[column]], found);
-        }
-    }
-});
-
 /** What a line covers of a column, by walking along it in small steps. */
 function coveredByWalking(points, column) {
     let [top, bottom] = [Infinity, -Infinity];
@@ -143,17 +111,19 @@ function coveredByWalking(points, column) {
     return [top, bottom];
 }
 
-test("Elements are connected across columns of pixels, by steps too, but not across a gap", () => {
-    for (const steps of [null, "after", "before", "middle"]) {
+test("A column of pixels has the true extremes of a line and of its steps, but nothing of a gap", () => {
+    for (const kind of ["linear", "log", "after", "before", "middle"]) {
+        const steps = kind.startsWith("l") ? null : kind;
+        const scale = kind === "log" ? "log" : "linear";
         const random = new Random(3);
         // In places dense, in places with whole columns between two elements.
         const near = [0.2, ...random.values(600, 5, 60, 0), ...random.values(39, 60, 105, 0)];
         const place = Float64Array.from(near).sort();
-        const value = Float64Array.from([50, 60, ...random.values(638, 0, 100, 0.1)]);
+        const value = Float64Array.from([50, 60, ...random.values(638, -2, 100, 0.1)]);
         const places = new Column(place);
         const values = new Column(value);
         const x = new Scale("linear", [0, 100], 0, 100);
-        const y = new Scale("linear", [0, 100], 50, 0);
+        const y = new Scale(scale, [0.1, 100], 50, 0);
         const bounds = columnBounds(places, x, 100);
         const cover = new Cover(100);
         cover.addElements(values, bounds, y);

@@ -106,14 +106,14 @@ test("Limits are told not too often, but the last ones always", (t) => {
 function start() {
     const log = [];
     const calls = { frame: [], after: [] };
-    const state = { unseen: null, isReady: true, stamp: 0, errors: [] };
+    const state = { unseen: null, stamp: 0 };
     const flusher = new Flusher({
         apply: (frame) => log.push(`apply ${frame.name}`),
         unseen: () => state.unseen,
-        isReady: () => state.isReady,
+        isReady: () => true,
         paint: () => {
             log.push("paint");
-            return { stamp: state.stamp, errors: state.errors };
+            return { stamp: state.stamp, errors: [] };
         },
         onFrame: (call) => calls.frame.push(call),
         afterPaint: (call) => calls.after.push(call),
@@ -169,19 +169,6 @@ test("A frame waits for the one before to be painted, unless too many do", () =>
     expect("a painted", "b painted");
 });
 
-test("What is not laid out is drawn when it is", () => {
-    const { flusher, state, run, take, expect } = start();
-    state.isReady = false;
-    take("a");
-    run("frame");
-    expect("apply a");
-    state.isReady = true;
-    flusher.request();
-    run("frame");
-    run("after");
-    expect("paint", "count", "a painted");
-});
-
 test("Nobody waits for a page that is hidden or paused", () => {
     for (const unseen of ["hidden", "paused"]) {
         const { flusher, state, run, take, expect } = start();
@@ -208,7 +195,7 @@ test("Nobody waits for a page that is hidden or paused", () => {
 });
 
 test("A frame that failed says so, and one without a token lets the next one say it", () => {
-    const { flusher, state, run, take, expect } = start();
+    const { flusher, run, take, expect } = start();
     const settle = () => {
         run("frame");
         run("after");
@@ -224,11 +211,6 @@ test("A frame that failed says so, and one without a token lets the next one say
     settle();
     const drawn = (name) => [`apply ${name}`, "paint", "count"];
     expect(...drawn("b"), ...drawn("c"), "c failed", ...drawn("d"), "d painted");
-    state.errors = [new Error("not drawn")];
-    take("e");
-    settle();
-    expect(...drawn("e"), "e failed");
-    state.errors = [];
     // What was before a whole frame, or another view, means nothing any more.
     take("f", { token: null, error: new Error("f") });
     settle();

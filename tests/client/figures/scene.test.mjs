@@ -29,6 +29,7 @@ function start() {
 const two = encode({ x: [1, 2], y: [3, 4] });
 const command = (cmd, members) => ({ cmd, ...members });
 const data = (members) => command("data", { id: 3, first: 2, ...two, ...members });
+const columns = (...all) => ({ columns: all.map((column) => column.split(" ")) });
 
 const REFUSED = [
     [command("jump", { id: 3 }), /no such command/],
@@ -54,38 +55,9 @@ const REFUSED = [
     [data({ first: 0, count: -1 }), /-1 elements/],
     [data({ first: 0, columns: null }), /no columns/],
     [data({ first: 0, columns: [["x", "f64"]] }), /columns x, wanted x,y/],
-    [
-        data({
-            first: 0,
-            columns: [
-                ["x", "f64"],
-                ["x", "f64"],
-                ["y", "f64"],
-            ],
-        }),
-        /columns x,y/,
-    ],
-    [
-        data({
-            first: 0,
-            columns: [
-                ["x", "f64"],
-                ["y", "f16"],
-            ],
-        }),
-        /a column of no type/,
-    ],
-    [
-        data({
-            first: 0,
-            columns: [
-                ["x", "f64"],
-                ["y", "f64"],
-                ["z", "u8"],
-            ],
-        }),
-        /columns x,y,z/,
-    ],
+    [data({ first: 0, ...columns("x f64", "x f64", "y f64") }), /columns x,y/],
+    [data({ first: 0, ...columns("x f64", "y f16") }), /a column of no type/],
+    [data({ first: 0, ...columns("x f64", "y f64", "z u8") }), /columns x,y,z/],
     [data({ id: 2, first: 0 }), /an object without elements/],
 ];
 

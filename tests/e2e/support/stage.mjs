@@ -3,7 +3,6 @@ import { after, afterEach, before } from "node:test";
 
 import { playwright } from "../../client/support/packages.mjs";
 import { Monitor } from "./monitor.mjs";
-import { Proxy } from "./proxy.mjs";
 import { Scene } from "./scene.mjs";
 
 const FLAGS = [
@@ -66,15 +65,7 @@ export class Stage {
         this.defer(() => monitor.kill());
         return monitor;
     }
-    /** A scene, and a page that it can draw to. */
-    async startBehindProxy(...options) {
-        const proxy = await Proxy.start();
-        this.defer(() => proxy.stop());
-        const scene = await this.scene(...options);
-        const page = await this.page({ proxy: proxy.settings });
-        await page.goto(scene.link);
-        return { proxy, scene, page };
-    } /** Holds the worker of a page, which has the connection; wakes it when the result is called. */
+    /** Holds the worker of a page, which has the connection; wakes it when the result is called. */
     async freeze(page) {
         const session = await page.context().newCDPSession(page);
         const attached = new Promise((resolve) => session.on("Target.attachedToTarget", resolve));

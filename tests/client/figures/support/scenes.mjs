@@ -103,6 +103,24 @@ export class Recorder {
     }
 }
 
+/** A canvas that writes down what is drawn, and what is copied; empty when it gets its size. */
+export class FakeCanvas extends Recorder {
+    canvas = this;
+    getContext = () => this;
+    set width(_) {
+        this.drawn = [];
+    }
+    drawImage({ drawn }) {
+        this.drawn.push({ kind: "copy", drawn: [...drawn] });
+    }
+}
+
+/** A path as a text. */
+export const spell = (path) =>
+    path
+        .map(([kind, ...numbers]) => kind + numbers.map((n) => Number(n.toFixed(6))).join())
+        .join(" ");
+
 /** What is drawn of the axes 2, of this size in pixels. */
 export function paint({ scene }, { width = 100, height = 100, ratio = 1, ...shown } = {}) {
     const context = new Recorder();
