@@ -111,7 +111,6 @@ TEST_F(PressureTest, SaysWhatCanNeverBeSent) {
 
 TEST_F(PressureTest, SendsMuchToAPageThatReads) {
     fOptions.limits.queueSize = 1000000;
-    fOptions.limits.queue = std::chrono::seconds(5);
     start();
     auto page = join();
     std::vector<Block> blocks;
