@@ -22,15 +22,17 @@ using kirofigures::Outcome;
 using kirofigures::Window;
 using Step = std::function<void()>;
 
-Step stepsOf(const std::string& name, Window& window) {
-    const std::map<std::string, Step (*)(Window&)> scenes = {
-        {"kinds", [](Window& w) -> Step { return scenes::addKinds(w), [] {}; }},
-        {"cases", [](Window& w) -> Step { return scenes::addCases(w), [] {}; }},
-        {"labels", [](Window& w) -> Step { return scenes::addLabels(w), [] {}; }},
-        {"live", [](Window& w) -> Step { return scenes::addLive(w); }},
-    };
-    return scenes.at(name)(window);
+/// A scene that stands.
+template <void (*add)(Window&)>
+Step still(Window& window) {
+    add(window);
+    return [] {};
 }
+
+const std::map<std::string, Step (*)(Window&)> kScenes{{"kinds", still<scenes::addKinds>},
+                                                       {"cases", still<scenes::addCases>},
+                                                       {"labels", still<scenes::addLabels>},
+                                                       {"live", scenes::addLive}};
 
 /// Lines of standard input, which another thread reads.
 class Lines {
@@ -38,20 +40,19 @@ class Lines {
     std::optional<std::string> next() {
         const std::lock_guard lock(fMutex);
         if (fLines.empty()) return {};
-        std::string line = fLines.front();
+        auto line = std::move(fLines.front());
         fLines.pop();
         return line;
     }
     void read() {
-        for (std::string line; std::getline(std::cin, line);) add(line);
-        add("quit");
+        for (std::string line; line != "quit";) {
+            if (!std::getline(std::cin, line)) line = "quit";
+            const std::lock_guard lock(fMutex);
+            fLines.push(line);
+        }
     }
 
   private:
-    void add(const std::string& line) {
-        const std::lock_guard lock(fMutex);
-        fLines.push(line);
-    }
     std::mutex fMutex;
     std::queue<std::string> fLines;
 };
@@ -107,20 +108,16 @@ class Engine {
 
 int main(int argc, char* argv[]) {
     kirofigures::WindowOptions options;
-    options.title = "Scenes";
     options.opensBrowser = false;
     if (argc > 2) options.timeout = std::chrono::duration<double>(std::stod(argv[2]));
     if (argc > 3) options.underWay = std::stoi(argv[3]);
     Window window(options);
-    Engine engine(window, stepsOf(argc > 1 ? argv[1] : "kinds", window));
+    Engine engine(window, kScenes.at(argv[1])(window));
     const auto lines = std::make_shared<Lines>();
     // It ends with the input, or with the process.
     std::thread([lines] { lines->read(); }).detach();
     while (window.isOpen()) {
         const auto line = lines->next();
-        if (line)
-            engine.obey(*line);
-        else
-            engine.goOn();
+        line ? engine.obey(*line) : engine.goOn();
     }
 }
