@@ -121,23 +121,6 @@ TEST_P(File, SaysNothingWrongWhereverItIsCutOffAndWhicheverBitIsFlipped) {
     }
 }
 
-TEST_P(File, OfAProgramThatWasKilledIsReadUpToItsLastWholeChunk) {
-    const auto file = sample(GetParam(), false);
-    const MemorySource whole(file);
-    const auto last = Reader(whole).chunks().at(2);
-    EXPECT_EQ(messagesOf(Reader(whole)), kSaid);
-    // Its message indexes are not what makes a chunk whole.
-    const auto bare = file.substr(0, last.offset + last.length);
-    EXPECT_EQ(messagesOf(Reader(MemorySource(bare))), kSaid);
-    const auto cut = file.substr(0, last.offset + last.length - 1);
-    const MemorySource source(cut);
-    const Reader reader(source);
-    EXPECT_EQ(messagesOf(reader), (std::vector<Said>(kSaid.begin(), kSaid.begin() + 4)));
-    EXPECT_STREQ(reader.damage()->what(), ("memory: offset " + std::to_string(last.offset) +
-                                           ": the file ends within a record")
-                                              .c_str());
-}
-
 /// Another number in place of the one at `offset`.
 template <typename Number>
 std::string with(std::string file, std::size_t offset, Number number) {
@@ -206,7 +189,8 @@ TEST_P(File, IsRepairedUpToItsLastWholeChunk) {
     const auto file = sample(GetParam());
     const MemorySource whole(file);
     const auto chunks = Reader(whole).chunks();
-    // Whether it is cut off or its middle is damaged.
+    // Its message indexes are not what makes a chunk whole.
+    const std::size_t end = chunks[2].offset + chunks[2].length;
     auto damaged = file;
     damaged[chunks[1].offset + chunks[1].length - 1] ^= 1;
     const struct {
@@ -214,6 +198,8 @@ TEST_P(File, IsRepairedUpToItsLastWholeChunk) {
         std::size_t messages;
         std::uint64_t damage;  // its offset, 0: none
     } kCases[]{{file, 6, 0},
+               {file.substr(0, end), 6, end},
+               {file.substr(0, end - 1), 4, chunks[2].offset},
                {file.substr(0, chunks[2].offset + 3), 4, chunks[2].offset},
                {damaged, 2, chunks[1].offset},
                {file.substr(0, chunks[0].offset), 0, chunks[0].offset}};

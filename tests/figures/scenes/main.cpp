@@ -1,16 +1,15 @@
 // scenes NAME [TIMEOUT [UNDER_WAY]]: draws a scene for tests of the page. It prints a line for each
 // frame that was asked for, and obeys lines on standard input: "draw", "step COUNT" (and draw),
 // "stream" (step and draw until the next line), "quit".
+#include <poll.h>
+#include <unistd.h>
+
 #include <functional>
 #include <iostream>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <optional>
-#include <queue>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "Scenes.hpp"
 
@@ -34,28 +33,13 @@ const std::map<std::string, Step (*)(Window&)> kScenes{{"kinds", still<scenes::a
                                                        {"labels", still<scenes::addLabels>},
                                                        {"live", scenes::addLive}};
 
-/// Lines of standard input, which another thread reads.
-class Lines {
-  public:
-    std::optional<std::string> next() {
-        const std::lock_guard lock(fMutex);
-        if (fLines.empty()) return {};
-        auto line = std::move(fLines.front());
-        fLines.pop();
-        return line;
-    }
-    void read() {
-        for (std::string line; line != "quit";) {
-            if (!std::getline(std::cin, line)) line = "quit";
-            const std::lock_guard lock(fMutex);
-            fLines.push(line);
-        }
-    }
-
-  private:
-    std::mutex fMutex;
-    std::queue<std::string> fLines;
-};
+/// A line of standard input, if there is one; its end is "quit".
+std::optional<std::string> nextLine() {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    if (std::cin.rdbuf()->in_avail() <= 0 && poll(&input, 1, 0) <= 0) return {};
+    std::string line;
+    return std::getline(std::cin, line) ? line : "quit";
+}
 
 class Engine {
   public:
@@ -107,17 +91,15 @@ class Engine {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    std::ios::sync_with_stdio(false);
     kirofigures::WindowOptions options;
     options.opensBrowser = false;
     if (argc > 2) options.timeout = std::chrono::duration<double>(std::stod(argv[2]));
     if (argc > 3) options.underWay = std::stoi(argv[3]);
     Window window(options);
     Engine engine(window, kScenes.at(argv[1])(window));
-    const auto lines = std::make_shared<Lines>();
-    // It ends with the input, or with the process.
-    std::thread([lines] { lines->read(); }).detach();
     while (window.isOpen()) {
-        const auto line = lines->next();
+        const auto line = nextLine();
         line ? engine.obey(*line) : engine.goOn();
     }
 }
