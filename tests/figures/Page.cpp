@@ -103,11 +103,8 @@ void Follower::data(const json::object& command, Shown& shown) {
     const auto& block = fBlocks[id.value()];
     const char* from = block.data() + sizeof id.value();
     const auto keep = optional(shown.properties, "keep", 1'000'000);
-    std::string wider = "f64";
     for (const auto& column : command.at("columns").as_array()) {
         const std::string type(column.at(1).as_string());
-        expect(type == wider || type != "f64", "a wide column behind a narrow one");
-        wider = type;
         auto& values = shown.columns[std::string(column.at(0).as_string())];
         from = type == "f64"   ? read<double>(from, count, values)
                : type == "f32" ? read<float>(from, count, values)

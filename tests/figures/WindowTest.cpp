@@ -175,6 +175,11 @@ TEST_F(TwoUnderWay, BothAreSentAgainWhenAPageComes) {
 
 class Windows : public WindowTest {};
 
+TEST_F(Windows, DoNotWaitForAPageIfTheProgramWantsThat) {
+    Window window(quiet([](auto& options) { options.waitsForPage = false; }));
+    EXPECT_EQ(window.draw().outcome, Outcome::kNoPage);
+}
+
 TEST_F(Windows, HaveChannelsOfTheirOwnWhileTheyLive) {
     EXPECT_EQ(fWindow->channels().commands, "/figures/commands");
     for (int i = 0; i < 2; ++i) {
