@@ -28,17 +28,19 @@ std::string refusalOf(const Operation& operation) {
 /// A window with a page in the same process. Its clock stands until a test moves it.
 class WindowTest : public testing::Test {
   protected:
-    explicit WindowTest(const kirofigures::WindowOptions& options = quiet())
+    WindowTest() : WindowTest(quiet()) {}
+    explicit WindowTest(const kirofigures::WindowOptions& options)
         : fWindow(kirofigures::detail::Surroundings::open(options, surroundings())),
           fPage(fWindow->channels()) {}
     ~WindowTest() override {
         for (const auto& fault : fPage.faults()) ADD_FAILURE() << fault;
     }
 
-    static kirofigures::WindowOptions quiet() {
+    static kirofigures::WindowOptions quiet(
+        const std::function<void(kirofigures::WindowOptions&)>& change = [](auto&) {}) {
         kirofigures::WindowOptions options;
-        options.serves = false;
-        options.handlesSignals = false;
+        options.serves = options.handlesSignals = false;
+        change(options);
         return options;
     }
 
@@ -47,7 +49,15 @@ class WindowTest : public testing::Test {
         return *fAxes;
     }
     kirofigures::Outcome drawn() { return fWindow->draw().outcome; }
-
+    /// "number/attempt" of each frame, and whether it was whole.
+    std::string sent() {
+        std::string all;
+        for (const auto& frame : fPage.frames()) {
+            all += (all.empty() ? "" : ", ") + std::to_string(frame.number) + '/' +
+                   std::to_string(frame.attempt) + (frame.isWhole ? " whole" : "");
+        }
+        return all;
+    }
     void advance(std::chrono::milliseconds time) { fNow = fNow.load() + time; }
 
     std::atomic<bool> fIsPageGone = false;

@@ -1,20 +1,16 @@
 #include "Page.hpp"
 
-#include <algorithm>
 #include <boost/json/array.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <cstring>
-#include <deque>
-#include <mutex>
+#include <set>
 #include <sstream>
 #include <utility>
 
 #include "kiro/web/binary/DataID.hpp"
 #include "kirohost/Controls.hpp"
 #include "relay/Relay.hpp"
-#include "relay/binary/experimental/ClientEnd.hpp"
-#include "relay/message_service/MessageService.hpp"
 
 namespace figures_test {
 
@@ -40,48 +36,13 @@ const char* read(const char* from, std::size_t count, std::vector<double>& into)
     return from;
 }
 
-}  // namespace
-
-struct Page::Impl {
-    explicit Impl(const kirofigures::Channels& given) : channels(given) {}
-    void take(Page& page, const json::object& command);
-    void publish(const std::string& channel, const std::string& text) const {
-        service->publish(channel, {channel, text.data(), text.size()});
-    }
-
-    const kirofigures::Channels channels;
-    const std::shared_ptr<relay::message_service::MessageService> service = makeService();
-
-    mutable std::mutex mutex;  // guards all that follows
-    Follower follower;
-    std::vector<Frame> frames;
-    std::deque<Answer> answers;
-
-    std::unique_ptr<ClientEnd> end;
-    std::shared_ptr<relay::message_service::Subscription> subscription;
-};
-
-void Page::Impl::take(Page& page, const json::object& command) {
-    Answer answer;
-    {
-        const std::lock_guard lock(mutex);
-        if (command.at("cmd").as_string() != "sendACT") {
-            follower.command(command);
-            return;
-        }
-        auto& current = follower.current;
-        current.picture = follower.picture;
-        current.token = command.at("ACT").as_string();
-        current.returnChannel = command.at("returnChannel").as_string();
-        frames.push_back(current);
-        if (!answers.empty()) {
-            answer = std::move(answers.front());
-            answers.pop_front();
-        }
-    }
-    if (answer == nullptr) answer = outcome("painted");
-    answer(page, page.last());
+/// What may be said or not.
+std::uint64_t optional(const json::object& all, const char* key, std::uint64_t otherwise = 0) {
+    const auto* const number = all.if_contains(key);
+    return number == nullptr ? otherwise : number->to_number<std::uint64_t>();
 }
+
+}  // namespace
 
 void Follower::command(const json::object& command) {
     const auto number = command.at("seq").to_number<std::uint64_t>();
@@ -90,91 +51,66 @@ void Follower::command(const json::object& command) {
     sequence = number;
     const auto name = command.at("cmd").as_string();
     if (name == "beginFrame") {
-        current = Frame{command.at("frame").to_number<std::uint64_t>(),
-                        command.at("attempt").to_number<std::uint64_t>(),
-                        command.at("whole").as_bool(),
-                        {},
-                        {},
-                        {},
-                        {}};
+        current = {};
+        current.number = command.at("frame").to_number<std::uint64_t>();
+        current.attempt = command.at("attempt").to_number<std::uint64_t>();
+        current.isWhole = command.at("whole").as_bool();
         if (current.isWhole) picture.clear();
         return;
     }
-    auto kept = command;
-    kept.erase("seq");
-    current.commands.push_back(std::move(kept));
+    current.commands.push_back(command);
+    current.commands.back().erase("seq");
     const auto id = command.at("id").to_number<std::uint64_t>();
-    if (name == "create") return create(command);
-    if (!picture.contains(id)) return faults.emplace_back("an unknown object"), void();
-    if (name == "set") {
-        for (const auto& [key, value] : command) {
-            if (key == "seq" || key == "cmd" || key == "id") continue;
-            auto& properties = picture[id].properties;
-            properties.erase(key);
-            if (!value.is_null()) properties[key] = value;
-        }
-    } else if (name == "data") {
-        data(command);
-    } else if (name == "remove") {
+    const bool isNew = name == "create";
+    expect(picture.contains(id) != isNew, "an object made twice, or an unknown one");
+    auto& shown = picture[id];
+    if (isNew) {
+        shown.type = command.at("type").as_string();
+        shown.parent = optional(command, "parent");
+        expect(shown.parent == 0 || picture.contains(shown.parent), "no parent");
+    }
+    if (name == "data") return data(command, shown);
+    if (name == "remove") {
         picture.erase(id);
-        std::erase_if(picture, [this](const auto& one) {
+        const auto isOrphan = [this](const auto& one) {
             return one.second.parent != 0 && !picture.contains(one.second.parent);
-        });
-        // Once more for what was in those; there are three levels.
-        std::erase_if(picture, [this](const auto& one) {
-            return one.second.parent != 0 && !picture.contains(one.second.parent);
-        });
+        };
+        while (std::erase_if(picture, isOrphan) > 0) continue;
+        return;
     }
-}
-
-void Follower::create(const json::object& command) {
-    Shown made;
-    made.type = command.at("type").as_string();
-    if (command.contains("parent")) made.parent = command.at("parent").to_number<std::uint64_t>();
-    expect(made.parent == 0 || picture.contains(made.parent), "no parent");
+    static const std::set<std::string_view> kOthers{"seq", "cmd", "id", "type", "parent"};
     for (const auto& [key, value] : command) {
-        if (key == "seq" || key == "cmd" || key == "id" || key == "type" || key == "parent") {
-            continue;
-        }
-        made.properties[key] = value;
+        if (kOthers.contains(key)) continue;
+        shown.properties.erase(key);
+        if (!value.is_null()) shown.properties[key] = value;
     }
-    const auto id = command.at("id").to_number<std::uint64_t>();
-    expect(picture.emplace(id, std::move(made)).second, "an object made twice");
 }
 
-void Follower::data(const json::object& command) {
+void Follower::data(const json::object& command, Shown& shown) {
     kiro::web::binary::DataID id;
     expect(kiro::web::binary::DataID::construct_from_string(
                std::string(command.at("data").as_string()), id) &&
-               blocks.contains(id.value()),
+               fBlocks.contains(id.value()),
            "no block");
     const auto count = command.at("count").to_number<std::size_t>();
-    auto& shown = picture[command.at("id").to_number<std::uint64_t>()];
     const auto first = command.at("first").to_number<std::uint64_t>();
     if (first == 0) {
         shown.columns.clear();
-        const auto* const base = command.if_contains("base");
-        shown.given = base == nullptr ? 0 : base->to_number<std::uint64_t>();
+        shown.given = optional(command, "base");
     }
     expect(first == 0 || first == shown.given, "elements were left out");
     shown.given += count;
-    const auto& block = blocks[id.value()];
-    const char* from = block.data() + 8;
-    std::size_t keep = 1'000'000;
-    if (const auto* set = shown.properties.if_contains("keep"))
-        keep = set->to_number<std::size_t>();
-    std::string wider = "f64";
+    const auto& block = fBlocks[id.value()];
+    const char* from = block.data() + sizeof id.value();
+    const auto keep = optional(shown.properties, "keep", 1'000'000);
     for (const auto& column : command.at("columns").as_array()) {
         const std::string type(column.at(1).as_string());
-        expect(type == wider || type != "f64", "a wide column behind a narrow one");
-        wider = type;
         auto& values = shown.columns[std::string(column.at(0).as_string())];
         from = type == "f64"   ? read<double>(from, count, values)
                : type == "f32" ? read<float>(from, count, values)
                                : read<std::uint8_t>(from, count, values);
-        if (values.size() > keep) {
+        if (values.size() > keep)
             values.erase(values.begin(), values.end() - static_cast<std::ptrdiff_t>(keep));
-        }
     }
     expect(from == block.data() + block.size(), "a block of another size");
     const auto* const regular = shown.properties.if_contains("regular");
@@ -191,71 +127,85 @@ void Follower::data(const json::object& command) {
 void Follower::block(std::string_view bytes) {
     std::uint64_t id = 0;
     std::memcpy(&id, bytes.data(), sizeof id);
-    blocks[id].assign(bytes.begin(), bytes.end());
+    fBlocks[id] = bytes;
 }
 
-Page::Page(const kirofigures::Channels& channels) : fImpl(std::make_shared<Impl>(channels)) {
-    fImpl->end = std::make_unique<ClientEnd>(channels.blocks, [impl = fImpl.get()](Delivery block) {
+Page::Page(const kirofigures::Channels& channels) : fChannels(channels), fService(makeService()) {
+    fEnd = std::make_unique<ClientEnd>(channels.blocks, [this](Delivery block) {
         const auto& bytes = block.block();
         {
-            const std::lock_guard lock(impl->mutex);
-            impl->follower.block({bytes.data(), bytes.size()});
+            const std::lock_guard lock(fMutex);
+            fFollower.block({bytes.data(), bytes.size()});
         }
         block.deliver();
     });
-    fImpl->subscription =
-        fImpl->service
-            ->subscribe(channels.commands,
-                        [this](const JsonMessage& message) {
-                            const auto command = json::parse({message.json, message.length});
-                            fImpl->take(*this, command.as_object());
-                        })
-            .get();
+    const auto hear = [this](const JsonMessage& message) {
+        take(json::parse({message.json, message.length}).as_object());
+    };
+    fSubscription = fService->subscribe(channels.commands, hear).get();
 }
 
 Page::~Page() {
-    fImpl->subscription.reset();
+    fSubscription.reset();
     kirohost::waitForDelivery();  // a call of the handler that has begun
 }
 
-void Page::announce() {
-    fImpl->publish(fImpl->channels.ready, R"({"binaryChannelStatus": 1, "useFastBinary": 1})");
-    fImpl->publish(fImpl->channels.newView, "{}");
+void Page::take(const json::object& command) {
+    Answer answer = outcome("painted");
+    {
+        const std::lock_guard lock(fMutex);
+        if (command.at("cmd").as_string() != "sendACT") return fFollower.command(command);
+        fFrames.push_back(fFollower.current);
+        fFrames.back().picture = fFollower.picture;
+        fFrames.back().token = command.at("ACT").as_string();
+        fFrames.back().returnChannel = command.at("returnChannel").as_string();
+        if (!fAnswers.empty()) {
+            answer = std::move(fAnswers.front());
+            fAnswers.pop_front();
+        }
+    }
+    answer(*this, last());
 }
 
-void Page::comeBack() { fImpl->publish(fImpl->channels.reconnect, "{}"); }
+void Page::publish(const std::string& channel, const std::string& text) {
+    fService->publish(channel, {channel, text.data(), text.size()});
+}
 
-void Page::say(const json::object& event) { sayText(json::serialize(event)); }
+void Page::announce() {
+    publish(fChannels.ready, R"({"binaryChannelStatus": 1, "useFastBinary": 1})");
+    publish(fChannels.newView, "{}");
+}
 
-void Page::sayText(const std::string& event) { fImpl->publish(fImpl->channels.events, event); }
-
-void Page::end(const Frame& frame, const std::string& outcome, const std::string& error) {
-    json::object event{{"event", "frame"},
-                       {"frame", frame.number},
-                       {"attempt", frame.attempt},
-                       {"outcome", outcome}};
-    if (!error.empty()) event["error"] = error;
-    say(event);
-    returnToken(frame);
+void Page::report(const Frame& frame, const std::string& outcome, const std::string& error) {
+    say(json::serialize(json::object{{"event", "frame"},
+                                     {"frame", frame.number},
+                                     {"attempt", frame.attempt},
+                                     {"outcome", outcome},
+                                     {"error", error}}));
 }
 
 void Page::returnToken(const Frame& frame) {
-    fImpl->publish(frame.returnChannel, json::serialize(json::object{{"ACT", frame.token}}));
+    publish(frame.returnChannel, json::serialize(json::object{{"ACT", frame.token}}));
+}
+
+void Page::end(const Frame& frame, const std::string& outcome, const std::string& error) {
+    report(frame, outcome, error);
+    returnToken(frame);
 }
 
 void Page::next(Answer answer) {
-    const std::lock_guard lock(fImpl->mutex);
-    fImpl->answers.push_back(std::move(answer));
+    const std::lock_guard lock(fMutex);
+    fAnswers.push_back(std::move(answer));
 }
 
 std::vector<Frame> Page::frames() const {
-    const std::lock_guard lock(fImpl->mutex);
-    return fImpl->frames;
+    const std::lock_guard lock(fMutex);
+    return fFrames;
 }
 
 std::vector<std::string> Page::faults() const {
-    const std::lock_guard lock(fImpl->mutex);
-    return fImpl->follower.faults;
+    const std::lock_guard lock(fMutex);
+    return fFollower.faults;
 }
 
 std::vector<std::string> linesOf(const Picture& picture) {

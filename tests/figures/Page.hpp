@@ -2,14 +2,18 @@
 
 #include <boost/json/object.hpp>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "kirofigures/Window.hpp"
+#include "relay/binary/experimental/ClientEnd.hpp"
+#include "relay/message_service/MessageService.hpp"
 
 namespace figures_test {
 
@@ -40,7 +44,8 @@ struct Frame {
 };
 
 /// Follows commands and blocks by the vocabulary's rules, a recording's snapshots included.
-struct Follower {
+class Follower {
+  public:
     void command(const boost::json::object& command);
     void block(std::string_view bytes);
 
@@ -50,13 +55,11 @@ struct Follower {
     std::vector<std::string> faults;
 
   private:
-    void create(const boost::json::object& command);
-    void data(const boost::json::object& command);
+    void data(const boost::json::object& command, Shown& shown);
     void expect(bool holds, const std::string& rule) {
         if (!holds) faults.push_back(rule);
     }
-
-    std::map<std::uint64_t, std::vector<char>> blocks;
+    std::map<std::uint64_t, std::string> fBlocks;
 };
 
 /// A page in this process: it follows the commands by the vocabulary's rules and answers each token
@@ -75,12 +78,13 @@ class Page {
     /// A new view, which knows nothing.
     void announce();
     /// The view is back, and knows what it knew.
-    void comeBack();
-    void say(const boost::json::object& event);
-    void sayText(const std::string& event);
-    /// Says what became of the frame and returns its token.
-    void end(const Frame& frame, const std::string& outcome, const std::string& error = {});
+    void comeBack() { publish(fChannels.reconnect, "{}"); }
+    void say(const std::string& event) { publish(fChannels.events, event); }
+    /// Says what became of the frame.
+    void report(const Frame& frame, const std::string& outcome, const std::string& error = {});
     void returnToken(const Frame& frame);
+    /// Does both.
+    void end(const Frame& frame, const std::string& outcome, const std::string& error = {});
 
     /// What is done at the next token for which nothing else is said; then at the one after. When
     /// there is nothing, the frame is painted.
@@ -92,8 +96,18 @@ class Page {
     [[nodiscard]] std::vector<std::string> faults() const;
 
   private:
-    struct Impl;
-    std::shared_ptr<Impl> fImpl;
+    void take(const boost::json::object& command);
+    void publish(const std::string& channel, const std::string& text);
+
+    const kirofigures::Channels fChannels;
+    const std::shared_ptr<relay::message_service::MessageService> fService;
+    mutable std::mutex fMutex;  // guards what follows
+    Follower fFollower;
+    std::vector<Frame> fFrames;
+    std::deque<Answer> fAnswers;
+
+    std::unique_ptr<relay::binary::experimental::ClientEnd> fEnd;
+    std::shared_ptr<relay::message_service::Subscription> fSubscription;
 };
 
 /// An answer that only says this.

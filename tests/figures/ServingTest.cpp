@@ -19,36 +19,33 @@ using testing::HasSubstr;
 
 class TokenFile : public testing::Test {
   protected:
-    TokenFile() : fFile(testing::TempDir() + "kirofigures_token") {
-        std::filesystem::remove(fFile);
-    }
+    TokenFile() { std::filesystem::remove(fFile); }
     ~TokenFile() override { std::filesystem::remove(fFile); }
+    [[nodiscard]] std::string token() const { return detail::tokenFrom(fFile); }
 
-    const std::string fFile;
+    const std::string fFile = testing::TempDir() + "kirofigures_token";
 };
 
 TEST_F(TokenFile, IsMadeOnceForItsOwnerAndReadFromThenOn) {
-    const auto token = detail::tokenFrom(fFile);
-    EXPECT_EQ(token.size(), 64U);
-    struct stat known {};
-    ASSERT_EQ(stat(fFile.c_str(), &known), 0);
-    EXPECT_EQ(known.st_mode & 0777U, 0600U);
-    EXPECT_EQ(detail::tokenFrom(fFile), token);
+    const auto first = token();
+    EXPECT_EQ(first.size(), 64U);
+    const auto others = std::filesystem::perms::all ^ std::filesystem::perms::owner_read ^
+                        std::filesystem::perms::owner_write;
+    EXPECT_EQ(std::filesystem::status(fFile).permissions() & others, std::filesystem::perms::none);
+    EXPECT_EQ(token(), first);
     std::filesystem::remove(fFile);
-    EXPECT_NE(detail::tokenFrom(fFile), token);
+    EXPECT_NE(token(), first);
 }
 
 TEST_F(TokenFile, IsRefusedWhenOthersMayReadItOrItHoldsSomethingElse) {
-    static_cast<void>(detail::tokenFrom(fFile));
+    const auto refusal = [this] { return refusalOf([this] { static_cast<void>(token()); }); };
+    static_cast<void>(token());
     chmod(fFile.c_str(), 0640);
-    EXPECT_THAT(refusalOf([this] { static_cast<void>(detail::tokenFrom(fFile)); }),
-                HasSubstr("others may read " + fFile));
+    EXPECT_THAT(refusal(), HasSubstr("others may read " + fFile));
     chmod(fFile.c_str(), 0600);
-    for (const char* text :
-         {"", "short", "G123456789012345678901234567890123456789012345678901234567890123"}) {
+    for (const auto& text : {std::string(), std::string("short"), std::string(64, 'G')}) {
         std::ofstream(fFile, std::ios::trunc) << text;
-        EXPECT_THAT(refusalOf([this] { static_cast<void>(detail::tokenFrom(fFile)); }),
-                    HasSubstr(fFile + " holds no token"));
+        EXPECT_THAT(refusal(), HasSubstr(fFile + " holds no token"));
     }
     EXPECT_THROW(static_cast<void>(detail::tokenFrom("/no/such/folder/file")), std::system_error);
 }

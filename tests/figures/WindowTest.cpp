@@ -4,21 +4,18 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
-#include <stdexcept>
-#include <vector>
+#include <functional>
+#include <memory>
 
 #include "Fixture.hpp"
-#include "graphics_util/getContextQCRID.hpp"
 #include "kirohost/Controls.hpp"
-#include "qvm/detail/taskRouterAccess.hpp"
-#include "taskrouter/TaskRouter.hpp"
 
 namespace figures_test {
 namespace {
 
 using namespace kirofigures;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 class Outcomes : public WindowTest {
@@ -35,36 +32,25 @@ TEST_F(Outcomes, AreWhatThePageSays) {
         EXPECT_EQ(drawn.reason, said == std::string("failed") ? "why" : "");
         EXPECT_EQ(drawn.frame, fPage.last().number);
     }
-}
-
-TEST_F(Outcomes, AreNeverPaintedForWhatNobodySaidOrSaidOfAnotherFrame) {
+    // Nobody says anything, or of another frame.
     fPage.next([](Page& page, const Frame& frame) { page.returnToken(frame); });
     EXPECT_EQ(drawn(), Outcome::kFailed);
-    fPage.next([](Page& page, const Frame& frame) {
-        page.say({{"event", "frame"},
-                  {"frame", frame.number},
-                  {"attempt", frame.attempt + 1},
-                  {"outcome", "painted"}});
-        page.returnToken(frame);
+    fPage.next([](Page& page, Frame frame) {
+        ++frame.attempt;
+        page.end(frame, "painted");
     });
     EXPECT_EQ(drawn(), Outcome::kFailed);
 }
 
 TEST_F(Outcomes, AreThoseOfThePageThatShowsMost) {
     fNumPages = [] { return 2; };
-    const auto say = [](Page& page, const Frame& frame, const char* what) {
-        page.say({{"event", "frame"},
-                  {"frame", frame.number},
-                  {"attempt", frame.attempt},
-                  {"outcome", what},
-                  {"error", "why"}});
-    };
-    const std::pair<const char*, const char*> rows[]{
-        {"painted", "painted"}, {"failed", "failed"}, {"hidden", "paused"}};
-    for (const auto& [other, expected] : rows) {
-        fPage.next([&say, other = other](Page& page, const Frame& frame) {
-            page.end(frame, other == std::string("hidden") ? "paused" : "hidden");
-            say(page, frame, other);
+    const std::array<const char*, 3> rows[]{{"hidden", "painted", "painted"},
+                                            {"hidden", "failed", "failed"},
+                                            {"paused", "hidden", "paused"}};
+    for (const auto& [one, other, expected] : rows) {
+        fPage.next([one = one, other = other](Page& page, const Frame& frame) {
+            page.end(frame, one);
+            page.report(frame, other, "why");
         });
         EXPECT_STREQ(nameOf(drawn()), expected);
     }
@@ -97,14 +83,10 @@ TEST_F(Outcomes, SayThatNobodyLooksAndSendNothingThen) {
     EXPECT_EQ(drawn(), Outcome::kPainted);
     fPage.next([this](Page&, const Frame&) { fIsPageGone = true; });
     EXPECT_EQ(drawn(), Outcome::kNoPage);
-    auto& line = axes().line("l").append(1, 2);
     EXPECT_EQ(drawn(), Outcome::kNoPage);
-    EXPECT_EQ(fPage.frames().size(), 2U);
     fIsPageGone = false;
-    line.append(2, 3);
     EXPECT_EQ(drawn(), Outcome::kPainted);
-    EXPECT_TRUE(fPage.last().isWhole);
-    EXPECT_EQ(fPage.last().number, 3U);
+    EXPECT_EQ(sent(), "0/1 whole, 1/1, 3/1 whole");
 }
 
 TEST_F(Outcomes, SayThatTheWindowWasClosed) {
@@ -117,91 +99,41 @@ TEST_F(Outcomes, SayThatTheWindowWasClosed) {
     fWindow->wait();  // returns
 }
 
-class NoPage : public WindowTest {
-  protected:
-    static WindowOptions impatient() {
-        auto options = quiet();
-        options.waitsForPage = false;
-        return options;
-    }
-    NoPage() : WindowTest(impatient()) {}
-};
-
-TEST_F(NoPage, IsAnOutcomeAndALaterPageGetsEverything) {
-    axes().line("l").append(1, 2);
-    EXPECT_EQ(drawn(), Outcome::kNoPage);
-    fPage.announce();
-    kirohost::waitForDelivery();
-    EXPECT_EQ(drawn(), Outcome::kPainted);
-    EXPECT_EQ(fPage.last().picture.size(), 3U);
-}
-
-TEST_F(WindowTest, TheFirstDrawWaitsForAPage) {
-    // The task runs when something waits, and not before.
-    const taskrouter::RunOptions options{taskrouter::WhenToDequeue::kWhenIdle, ""};
-    qvm::detail::getTaskRouterAndSinks(graphics_util::getContextQCRID(), options)
-        .router->enqueueWithFuture(
-            taskrouter::PackagedTaskIIP<void>({[this] { fPage.announce(); }}, "test"), options,
-            qvm::detail::createID());
-    EXPECT_EQ(drawn(), Outcome::kPainted);
-}
-
 TEST_F(Outcomes, APageThatComesBetweenTwoDrawsGetsEverything) {
-    auto& line = axes().line("l").append(1, 2);
+    axes().line("l").append(1, 2);
     EXPECT_EQ(drawn(), Outcome::kPainted);
-    EXPECT_TRUE(fPage.last().isWhole);
-    line.append(2, 3);
-    EXPECT_EQ(drawn(), Outcome::kPainted);
-    EXPECT_FALSE(fPage.last().isWhole);
     for (const auto come : {&Page::announce, &Page::comeBack}) {
+        EXPECT_EQ(drawn(), Outcome::kPainted);
         const auto before = linesOf(fPage.last().picture);
         (fPage.*come)();
         kirohost::waitForDelivery();
         EXPECT_EQ(drawn(), Outcome::kPainted);
-        EXPECT_TRUE(fPage.last().isWhole);
         EXPECT_EQ(linesOf(fPage.last().picture), before);
-        EXPECT_EQ(drawn(), Outcome::kPainted);
-        EXPECT_FALSE(fPage.last().isWhole);
     }
+    EXPECT_EQ(sent(), "0/1 whole, 1/1, 2/1 whole, 3/1, 4/1 whole");
 }
 
 TEST_F(Outcomes, APageThatComesDuringTheWaitGetsTheFrameAgain) {
     axes().line("l").append(1, 2);
     EXPECT_EQ(drawn(), Outcome::kPainted);
     fPage.next([](Page& page, const Frame&) { page.announce(); });
-    const Drawn drawn = fWindow->draw();
-    EXPECT_EQ(drawn.outcome, Outcome::kPainted);
-    EXPECT_EQ(drawn.frame, 1U);
-    const Frame again = fPage.last();
-    EXPECT_EQ(again.number, 1U);
-    EXPECT_EQ(again.attempt, 2U);
-    EXPECT_TRUE(again.isWhole);
-    EXPECT_EQ(again.picture.size(), 3U);
-}
-
-TEST_F(Outcomes, APageThatComesWhileTheEngineWaitsGetsEverything) {
-    axes().line("l").append(1, 2);
-    EXPECT_EQ(drawn(), Outcome::kPainted);
+    EXPECT_EQ(fWindow->draw().frame, 1U);
+    EXPECT_EQ(fPage.last().picture.size(), 3U);
+    // Also while the engine waits.
     fPage.next([this](Page& page, const Frame& frame) {
         page.end(frame, "painted");
         fWindow->close();
     });
     fPage.announce();
     fWindow->wait();
-    ASSERT_EQ(fPage.frames().size(), 2U);
-    EXPECT_TRUE(fPage.last().isWhole);
-    EXPECT_EQ(fPage.last().number, 0U);
-    EXPECT_EQ(fPage.last().attempt, 2U);
+    EXPECT_EQ(sent(), "0/1 whole, 1/1, 1/2 whole, 1/3 whole");
 }
 
 class TwoUnderWay : public WindowTest {
   protected:
-    static WindowOptions two() {
-        auto options = quiet();
-        options.underWay = 2;
-        return options;
+    TwoUnderWay() : WindowTest(quiet([](auto& options) { options.underWay = 2; })) {
+        fPage.announce();
     }
-    TwoUnderWay() : WindowTest(two()) { fPage.announce(); }
     void draw(Outcome outcome, std::uint64_t frame) {
         const Drawn drawn = fWindow->draw();
         EXPECT_STREQ(nameOf(drawn.outcome), nameOf(outcome)) << drawn.reason;
@@ -237,41 +169,36 @@ TEST_F(TwoUnderWay, BothAreSentAgainWhenAPageComes) {
     draw(Outcome::kPainted, 0);
     draw(Outcome::kPainted, 1);
     kirohost::waitForDelivery();
-    const auto frames = fPage.frames();
-    ASSERT_EQ(frames.size(), 5U);
-    std::vector<std::string> sent;
-    for (const auto& frame : frames) {
-        sent.push_back(std::to_string(frame.number) + '/' + std::to_string(frame.attempt) +
-                       (frame.isWhole ? " whole" : ""));
+    EXPECT_EQ(sent(), "0/1 whole, 1/1, 0/2 whole, 1/2, 2/1");
+    EXPECT_EQ(fPage.frames()[2].picture.at(3).columns.at("x").size(), 2U);
+}
+
+class Windows : public WindowTest {};
+
+TEST_F(Windows, DoNotWaitForAPageIfTheProgramWantsThat) {
+    Window window(quiet([](auto& options) { options.waitsForPage = false; }));
+    EXPECT_EQ(window.draw().outcome, Outcome::kNoPage);
+}
+
+TEST_F(Windows, HaveChannelsOfTheirOwnWhileTheyLive) {
+    EXPECT_EQ(fWindow->channels().commands, "/figures/commands");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(Window(quiet()).channels().commands, "/figures/2/commands");
     }
-    EXPECT_THAT(sent, ElementsAre("0/1 whole", "1/1", "0/2 whole", "1/2", "2/1"));
-    EXPECT_EQ(frames[2].picture.at(3).columns.at("x").size(), 2U);
 }
 
-TEST(Windows, HaveChannelsOfTheirOwnWhileTheyLive) {
-    WindowOptions options;
-    options.serves = options.handlesSignals = false;
-    const auto first = std::make_unique<Window>(options);
-    auto second = std::make_unique<Window>(options);
-    EXPECT_EQ(first->channels().commands, "/figures/commands");
-    EXPECT_EQ(second->channels().commands, "/figures/2/commands");
-    second.reset();
-    EXPECT_EQ(Window(options).channels().commands, "/figures/2/commands");
-}
-
-TEST(Windows, RefuseOptionsThatCannotBeMeant) {
-    const auto refusal = [](auto change) {
-        WindowOptions options;
-        options.serves = options.handlesSignals = false;
-        change(options);
-        return refusalOf([&options] { Window window(options); });
-    };
-    EXPECT_THAT(refusal([](auto& o) { o.underWay = 3; }), HasSubstr("underWay"));
-    EXPECT_THAT(refusal([](auto& o) { o.underWay = 0; }), HasSubstr("underWay"));
-    EXPECT_THAT(refusal([](auto& o) { o.timeout = o.timeout.zero(); }), HasSubstr("timeout"));
-    EXPECT_THAT(refusal([](auto& o) { o.timeout *= std::nan(""); }), HasSubstr("timeout"));
-    EXPECT_THAT(refusal([](auto& o) { o.pages = 0; }), HasSubstr("pages"));
-    EXPECT_THAT(refusal([](auto& o) { o.title = "\xff"; }), HasSubstr("title"));
+TEST_F(Windows, RefuseOptionsThatCannotBeMeant) {
+    const std::pair<const char*, std::function<void(WindowOptions&)>> cases[]{
+        {"underWay", [](auto& options) { options.underWay = 3; }},
+        {"underWay", [](auto& options) { options.underWay = 0; }},
+        {"timeout", [](auto& options) { options.timeout = options.timeout.zero(); }},
+        {"timeout", [](auto& options) { options.timeout *= std::nan(""); }},
+        {"pages", [](auto& options) { options.pages = 0; }},
+        {"title", [](auto& options) { options.title = "\xff"; }}};
+    for (const auto& [what, change] : cases) {
+        EXPECT_THAT(refusalOf([&change = change] { Window window(quiet(change)); }),
+                    HasSubstr(what));
+    }
 }
 
 // In processes of their own, where no thread is older than the window.
@@ -282,61 +209,59 @@ class Signals : public testing::Test {
         // Whoever runs the tests may have them ignored.
         for (const int signal : {SIGINT, SIGTERM}) std::signal(signal, SIG_DFL);
     }
-    static WindowOptions options() {
+    static void get(int signal) { kill(getpid(), signal); }
+    static void dieOf(int signal) {
+        get(signal);
+        pause();
+    }
+
+    WindowOptions fOptions = [] {
         WindowOptions options;
         options.serves = false;
         return options;
-    }
+    }();
 };
 
-TEST_F(Signals, CloseTheWindowOnce) {
-    EXPECT_EXIT(
-        {
-            {
-                Window window(options());
-                kill(getpid(), SIGTERM);
-                const bool isInterrupted = window.draw().outcome == Outcome::kInterrupted;
-                if (window.isOpen() || !isInterrupted) _exit(1);
-            }
-            kill(getpid(), SIGTERM);  // as before the window
-            pause();
-        },
-        testing::KilledBySignal(SIGTERM), "");
-    EXPECT_EXIT(
-        {
-            Window window(options());
-            kill(getpid(), SIGINT);
-            window.draw();
-            kill(getpid(), SIGINT);
-            pause();
-        },
-        testing::KilledBySignal(SIGINT), "");
+TEST_F(Signals, CloseTheWindowOnceIfTheProgramWantsThat) {
+    const std::pair<int, std::function<void()>> cases[]{
+        {SIGTERM,
+         [this] {
+             auto window = std::make_unique<Window>(fOptions);
+             get(SIGTERM);
+             if (window->draw().outcome != Outcome::kInterrupted || window->isOpen()) _exit(1);
+             window.reset();
+             dieOf(SIGTERM);  // as before the window
+         }},
+        {SIGINT,
+         [this] {
+             Window window(fOptions);
+             get(SIGINT);
+             window.draw();
+             dieOf(SIGINT);
+         }},
+        {SIGINT,
+         [this] {
+             fOptions.handlesSignals = false;
+             Window window(fOptions);
+             dieOf(SIGINT);
+         }},
+    };
+    for (const auto& [signal, program] : cases) {
+        EXPECT_EXIT(program(), testing::KilledBySignal(signal), "");
+    }
 }
 
 TEST_F(Signals, StayIgnoredWhenTheProcessWasStartedSo) {
-    EXPECT_EXIT(
-        {
-            std::signal(SIGINT, SIG_IGN);
-            Window window(options());
-            kill(getpid(), SIGINT);
-            const bool isOpen = window.isOpen();
-            kill(getpid(), SIGTERM);
-            window.draw();
-            _exit(isOpen && !window.isOpen() ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
-TEST_F(Signals, AreLeftAloneWhenTheProgramWantsThem) {
-    EXPECT_EXIT(
-        {
-            auto own = options();
-            own.handlesSignals = false;
-            Window window(own);
-            kill(getpid(), SIGINT);
-            pause();
-        },
-        testing::KilledBySignal(SIGINT), "");
+    std::signal(SIGINT, SIG_IGN);
+    const auto program = [this] {
+        Window window(fOptions);
+        get(SIGINT);
+        const bool isOpen = window.isOpen();
+        get(SIGTERM);
+        window.draw();
+        _exit(isOpen && !window.isOpen() ? 0 : 1);
+    };
+    EXPECT_EXIT(program(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -10,33 +10,35 @@ using namespace kirofigures;
 
 namespace {
 
-void tellWhatIsDone(Window& window, Axes& axes) {
-    axes.onPick([](const Pick& pick) {
-        std::cout << "pick " << pick.x << ' ' << pick.y << ' '
-                  << (pick.series == nullptr ? 0 : pick.series->id()) << ' ' << pick.index
-                  << std::endl;
+/// Words in a line.
+template <typename... Words>
+void tell(const char* what, const Words&... words) {
+    std::cout << what;
+    ((std::cout << ' ' << words), ...);
+    std::cout << std::endl;
+}
+
+std::uint64_t idOf(const Object* object) { return object == nullptr ? 0 : object->id(); }
+
+void tellWhatIsDone(Window& window, Axes& upper, Axes& lower) {
+    upper.onLimits([](const View& view) {
+        tell("limits", view.x.low, view.x.high, view.y.low, view.y.high, view.width,
+             std::to_string(std::lround(view.height)) + (view.home ? " home" : ""));
     });
-    axes.onLimits([](const View& view) {
-        std::cout << "limits " << view.x.low << ' ' << view.x.high << ' ' << view.y.low << ' '
-                  << view.y.high << ' ' << view.width << ' ' << view.height
-                  << (view.home ? " home" : "") << std::endl;
-    });
-    window.onKey([](const Key& key) {
-        std::cout << "key " << key.key << ' ' << (key.axes == nullptr ? 0 : key.axes->id())
-                  << std::endl;
-    });
+    lower.onPick([](const Pick& pick) { tell("lower", pick.index, pick.series != nullptr); });
+    window.onKey([](const Key& key) { tell("key", key.key, idOf(key.axes)); });
 }
 
 void addControls(Figure& figure) {
-    figure.button("Press").onChange([](Button&) { std::cout << "button" << std::endl; });
+    figure.button("Press").onChange([](Button&) { tell("button"); });
     figure.slider("Gain", 0, 10, 5).step(0.5).onChange([](Slider& slider) {
-        std::cout << "slider " << slider.value() << std::endl;
+        tell("slider", slider.value());
     });
     figure.number("Count", 3).limits(1, 9).onChange([](Number& number) {
-        std::cout << "number " << number.value() << std::endl;
+        tell("number", number.value());
     });
     figure.choice("Kind", {"first", "second", "third"}).onChange([](Choice& choice) {
-        std::cout << "choice " << choice.value() << std::endl;
+        tell("choice", choice.value());
     });
 }
 
@@ -53,10 +55,7 @@ std::function<void()> addLive(Window& window) {
     Axes& lower = figure.axes("lower").linkX(1);
     lower.y().limits(0, 100);
     Scatter& points = lower.scatter("points");
-    tellWhatIsDone(window, upper);
-    lower.onPick([](const Pick& pick) {
-        std::cout << "lower " << pick.index << ' ' << (pick.series != nullptr) << std::endl;
-    });
+    tellWhatIsDone(window, upper, lower);
     return [&wave, &level, &points, step = 0]() mutable {
         const double time = step * 0.25;
         wave.append(time, step % 9 == 4 ? std::nan("") : std::sin(time));

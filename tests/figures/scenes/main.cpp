@@ -1,16 +1,15 @@
 // scenes NAME [TIMEOUT [UNDER_WAY]]: draws a scene for tests of the page. It prints a line for each
 // frame that was asked for, and obeys lines on standard input: "draw", "step COUNT" (and draw),
 // "stream" (step and draw until the next line), "quit".
+#include <poll.h>
+#include <unistd.h>
+
 #include <functional>
 #include <iostream>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <optional>
-#include <queue>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "Scenes.hpp"
 
@@ -22,39 +21,25 @@ using kirofigures::Outcome;
 using kirofigures::Window;
 using Step = std::function<void()>;
 
-Step stepsOf(const std::string& name, Window& window) {
-    const std::map<std::string, Step (*)(Window&)> scenes = {
-        {"kinds", [](Window& w) -> Step { return scenes::addKinds(w), [] {}; }},
-        {"cases", [](Window& w) -> Step { return scenes::addCases(w), [] {}; }},
-        {"labels", [](Window& w) -> Step { return scenes::addLabels(w), [] {}; }},
-        {"live", [](Window& w) -> Step { return scenes::addLive(w); }},
-    };
-    return scenes.at(name)(window);
+/// A scene that stands.
+template <void (*add)(Window&)>
+Step still(Window& window) {
+    add(window);
+    return [] {};
 }
 
-/// Lines of standard input, which another thread reads.
-class Lines {
-  public:
-    std::optional<std::string> next() {
-        const std::lock_guard lock(fMutex);
-        if (fLines.empty()) return {};
-        std::string line = fLines.front();
-        fLines.pop();
-        return line;
-    }
-    void read() {
-        for (std::string line; std::getline(std::cin, line);) add(line);
-        add("quit");
-    }
+const std::map<std::string, Step (*)(Window&)> kScenes{{"kinds", still<scenes::addKinds>},
+                                                       {"cases", still<scenes::addCases>},
+                                                       {"labels", still<scenes::addLabels>},
+                                                       {"live", scenes::addLive}};
 
-  private:
-    void add(const std::string& line) {
-        const std::lock_guard lock(fMutex);
-        fLines.push(line);
-    }
-    std::mutex fMutex;
-    std::queue<std::string> fLines;
-};
+/// A line of standard input, if there is one; its end is "quit".
+std::optional<std::string> nextLine() {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    if (std::cin.rdbuf()->in_avail() <= 0 && poll(&input, 1, 0) <= 0) return {};
+    std::string line;
+    return std::getline(std::cin, line) ? line : "quit";
+}
 
 class Engine {
   public:
@@ -106,21 +91,15 @@ class Engine {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    std::ios::sync_with_stdio(false);
     kirofigures::WindowOptions options;
-    options.title = "Scenes";
     options.opensBrowser = false;
     if (argc > 2) options.timeout = std::chrono::duration<double>(std::stod(argv[2]));
     if (argc > 3) options.underWay = std::stoi(argv[3]);
     Window window(options);
-    Engine engine(window, stepsOf(argc > 1 ? argv[1] : "kinds", window));
-    const auto lines = std::make_shared<Lines>();
-    // It ends with the input, or with the process.
-    std::thread([lines] { lines->read(); }).detach();
+    Engine engine(window, kScenes.at(argv[1])(window));
     while (window.isOpen()) {
-        const auto line = lines->next();
-        if (line)
-            engine.obey(*line);
-        else
-            engine.goOn();
+        const auto line = nextLine();
+        line ? engine.obey(*line) : engine.goOn();
     }
 }
