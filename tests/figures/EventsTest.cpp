@@ -50,7 +50,8 @@ TEST_F(EventsTest, ReachTheirCallbacksOnTheEnginesThread) {
                          (pick.series == &line ? " of " + std::to_string(pick.index) : ""));
     });
     axes().onLimits([&](const View& view) {
-        fCalls.push_back("limits " + std::to_string(view.y.high) + (view.home ? " home" : ""));
+        const auto high = view.y2 ? view.y2->high : view.y.high;
+        fCalls.push_back("limits " + std::to_string(high) + (view.home ? " home" : ""));
     });
     fWindow->onKey([&](const Key& key) {
         fCalls.push_back(key.key + (key.axes == &axes() ? " in axes" : ""));
@@ -62,6 +63,7 @@ TEST_F(EventsTest, ReachTheirCallbacksOnTheEnginesThread) {
     pick(3, line.id(), 2);
     fPage.say(
         R"({"event":"limits","axes":3,"x":[0,1],"y":[-1,2],"width":3,"height":4,"home":true})");
+    fPage.say(R"({"event":"limits","axes":3,"x":[0,1],"y":[0,1],"y2":[0,9],"width":3,"height":4})");
     fPage.say(R"({"event":"key","key":"a","axes":3})");
     fPage.say(R"({"event":"key","key":"b","axes":null})");
     // Of what is not there, or not in there.
@@ -73,7 +75,7 @@ TEST_F(EventsTest, ReachTheirCallbacksOnTheEnginesThread) {
     fPage.say(R"({"event":"key","key":"c","axes":99})");
     handleAll();
     EXPECT_THAT(fCalls, ElementsAre("pick 1.500000", "pick 3.000000 of 2", "limits 2.000000 home",
-                                    "a in axes", "b"));
+                                    "limits 9.000000", "a in axes", "b"));
 }
 
 // A page counts from the last set, the engine from its own; the oldest go meanwhile.
