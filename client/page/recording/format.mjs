@@ -37,11 +37,11 @@ export function crcOf(bytes, crc = 0) {
     return ~rest >>> 0;
 }
 
-const SMALLEST = 1024;
+const SMALLEST = 64;
 
 /** Numbers and texts behind one another, little-endian. */
 export class Encoder {
-    #bytes = new Uint8Array(SMALLEST);
+    #bytes = new Uint8Array();
     #view = new DataView(this.#bytes.buffer);
     length = 0;
 
@@ -52,27 +52,31 @@ export class Encoder {
     /** Its room is kept, unless it is more than that. @param {number} most bytes */
     clear(most) {
         this.length = 0;
-        if (this.#bytes.length > most) this.#take(new Uint8Array(SMALLEST));
+        if (this.#bytes.length > most) this.#take(new Uint8Array());
     }
 
     /** @param {number} value */
     u8(value) {
-        this.#view.setUint8(this.#grow(1), value);
+        const at = this.#grow(1);
+        this.#view.setUint8(at, value);
         return this;
     }
     /** @param {number} value */
     u16(value) {
-        this.#view.setUint16(this.#grow(2), value, true);
+        const at = this.#grow(2);
+        this.#view.setUint16(at, value, true);
         return this;
     }
     /** @param {number} value */
     u32(value) {
-        this.#view.setUint32(this.#grow(4), value, true);
+        const at = this.#grow(4);
+        this.#view.setUint32(at, value, true);
         return this;
     }
     /** @param {number | bigint} value */
     u64(value) {
-        this.#view.setBigUint64(this.#grow(8), BigInt(value), true);
+        const at = this.#grow(8);
+        this.#view.setBigUint64(at, BigInt(value), true);
         return this;
     }
     /** @param {Uint8Array} bytes */
@@ -100,13 +104,13 @@ export class Encoder {
         const at = this.length;
         this.length += size;
         if (this.length > this.#bytes.length) {
-            const larger = new Uint8Array(Math.max(this.length, 2 * this.#bytes.length));
+            const larger = new Uint8Array(Math.max(SMALLEST, this.length, 2 * this.#bytes.length));
             larger.set(this.#bytes.subarray(0, at));
             this.#take(larger);
         }
         return at;
     }
-    /** @param {Uint8Array} bytes */
+    /** @param {Uint8Array<ArrayBuffer>} bytes */
     #take(bytes) {
         this.#bytes = bytes;
         this.#view = new DataView(bytes.buffer);
