@@ -102,12 +102,13 @@ export class Encoder {
     /** @param {number} size @returns {number} where so many bytes more have room */
     #grow(size) {
         const at = this.length;
-        this.length += size;
-        if (this.length > this.#bytes.length) {
-            const larger = new Uint8Array(Math.max(SMALLEST, this.length, 2 * this.#bytes.length));
+        const end = at + size;
+        if (end > this.#bytes.length) {
+            const larger = new Uint8Array(Math.max(SMALLEST, end, 2 * this.#bytes.length));
             larger.set(this.#bytes.subarray(0, at));
             this.#take(larger);
         }
+        this.length = end;
         return at;
     }
     /** @param {Uint8Array<ArrayBuffer>} bytes */

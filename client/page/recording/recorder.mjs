@@ -23,7 +23,11 @@ const SNAPSHOT_BYTES = 16 * 1024 * 1024;
 
 const MIB = 1024 * 1024;
 const NUMBERS = new Map(CHANNELS.map(({ topic }, i) => [topic, i + 1]));
-const utf8 = new TextEncoder();
+
+/** @param {Record<string, any>} message */
+function encoded(message) {
+    return new TextEncoder().encode(textOf(message));
+}
 
 /** A block's identifier, from how commands name it. @param {string} name */
 function identifierOf(name) {
@@ -54,7 +58,7 @@ export class Recorder {
     begin(title, scene, sequence) {
         this.#sequence = sequence;
         this.connection({ event: "begin", vocabulary: VOCABULARY, title });
-        if (sequence > 0) this.#addSnapshot(scene);
+        if (sequence > 0) this.#attempt(() => this.#addSnapshot(scene));
     }
 
     /** Of the file, so far. */
@@ -63,21 +67,8 @@ export class Recorder {
     }
 
     /** @param {Frame} frame whose commands were carried out @param {Scene} scene with them */
-    frame({ number, attempt, isWhole, commands }, scene) {
-        let bytes = 0;
-        for (const [command, data] of commands) {
-            if (data) bytes += this.#add("blocks", [identifierOf(command.data), data]);
-            bytes += this.#addText("commands", command);
-            this.#sequence = Number(command.seq);
-        }
-        // What came outside of all frames is not one.
-        if (number >= 0) {
-            const kind = isWhole ? "whole" : "changes";
-            this.#addText("frames", { frame: number, attempt, kind, bytes, seq: this.#sequence });
-        }
-        this.#bytesSince += bytes;
-        if (isWhole) this.#hasAll(bytes);
-        else if (number >= 0 && this.#isSnapshotDue()) this.#addSnapshot(scene);
+    frame(frame, scene) {
+        this.#attempt(() => this.#addFrame(frame, scene));
     }
 
     /** A frame is over. @param {Frame} frame @param {string} outcome @param {number} sent when it
@@ -115,6 +106,34 @@ export class Recorder {
         if (writer) this.#surroundings.ended(writer.end(), reason);
     }
 
+    /** What goes wrong here ends the recording, and costs no frame. @param {() => void} call */
+    #attempt(call) {
+        try {
+            call();
+        } catch (thrown) {
+            this.end(String(thrown));
+        }
+    }
+
+    /** @param {Frame} frame @param {Scene} scene */
+    #addFrame({ number, attempt, isWhole, commands }, scene) {
+        let bytes = 0;
+        for (const [command, data] of commands) {
+            if (data) bytes += this.#add("blocks", [identifierOf(command.data), data]);
+            bytes += this.#add("commands", [encoded(command)]);
+            this.#sequence = Number(command.seq);
+        }
+        // What came outside of all frames is not one.
+        if (number >= 0) {
+            const kind = isWhole ? "whole" : "changes";
+            const mark = { frame: number, attempt, kind, bytes, seq: this.#sequence };
+            this.#add("frames", [encoded(mark)]);
+        }
+        this.#bytesSince += bytes;
+        if (isWhole) this.#hasAll(bytes);
+        else if (number >= 0 && this.#isSnapshotDue()) this.#addSnapshot(scene);
+    }
+
     #isSnapshotDue() {
         // Never more than what it spares, so that a file is at most twice what has travelled.
         const isLate = this.#surroundings.now() - this.#wholeTime >= SNAPSHOT_PERIOD;
@@ -135,9 +154,9 @@ export class Recorder {
         this.#bytesSince = 0;
     }
 
-    /** @param {string} topic @param {Record<string, any>} message @returns {number} bytes */
+    /** @param {string} topic @param {Record<string, any>} message */
     #addText(topic, message) {
-        return this.#writer ? this.#add(topic, [utf8.encode(textOf(message))]) : 0;
+        this.#attempt(() => this.#add(topic, [encoded(message)]));
     }
 
     /** @param {string} topic @param {Uint8Array[]} data @returns {number} bytes */

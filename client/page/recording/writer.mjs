@@ -44,7 +44,6 @@ export class Writer {
     #records = new Encoder();
     /** Times and offsets of its messages, by channel. @type {Map<number, [bigint, number][]>} */
     #index = new Map();
-
     /** Of its first and its last message. */
     #times = [0n, 0n];
 
@@ -70,17 +69,23 @@ export class Writer {
         const size = data.reduce((sum, { length }) => sum + length, 0);
         // A large one has its own, so that no chunk is much larger than what is in it.
         if (this.#index.size > 0 && this.#records.length + size > this.#chunkSize) this.#flush();
+        const at = this.#records.length;
+        const sequence = this.#counts[channel - 1];
+        try {
+            this.#records.record(OP.message, (out) => {
+                out.u16(channel).u32(sequence).u64(time).u64(time);
+                for (const piece of data) out.raw(piece);
+            });
+        } catch (thrown) {
+            // Without memory for it, the file stays good without it.
+            this.#records.length = at;
+            throw thrown;
+        }
+        this.#counts[channel - 1] = sequence + 1;
         this.#times = [this.#index.size > 0 ? this.#times[0] : time, time];
         const index = this.#index.get(channel) ?? [];
         this.#index.set(channel, index);
-        index.push([time, this.#records.length]);
-        this.#records.record(OP.message, (out) => {
-            out.u16(channel)
-                .u32(this.#counts[channel - 1]++)
-                .u64(time)
-                .u64(time);
-            for (const piece of data) out.raw(piece);
-        });
+        index.push([time, at]);
         if (this.#records.length >= this.#chunkSize) this.#flush();
     }
 
