@@ -32,7 +32,7 @@ export class Interaction {
     #worker;
     #colors;
     #say;
-    #pause;
+    #actions;
     /** @type {Map<AxesView, {figure: FigureView, crosshair: Crosshair, selection: KeySelection}>} */
     #known = new Map();
     /** Where somebody is: the crosshairs of linked axes follow without a word.
@@ -45,12 +45,13 @@ export class Interaction {
 
     /** @param {import("./worker_link.mjs").WorkerLink} worker
      * @param {import("./theme.mjs").Colors} colors
-     * @param {(text: string) => void} say to those who do not see it @param {() => void} pause */
-    constructor(worker, colors, say, pause) {
+     * @param {(text: string) => void} say to those who do not see it
+     * @param {{pause: () => void, record: () => void}} actions of the page */
+    constructor(worker, colors, say, actions) {
         this.#colors = colors;
         this.#worker = worker;
         this.#say = say;
-        this.#pause = pause;
+        this.#actions = actions;
         setInterval(() => this.#lookAgain(), LOOK_EVERY);
     }
 
@@ -128,7 +129,8 @@ export class Interaction {
         if (target instanceof Element && target.closest("input, select, button, textarea")) return;
         const meaning = meaningOf(event);
         if (meaning?.do === "help") showKeys();
-        else if (meaning?.do === "pause") this.#pause();
+        else if (meaning?.do === "pause") this.#actions.pause();
+        else if (meaning?.do === "record") this.#actions.record();
         else if (meaning?.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: null });
         } else return;

@@ -23,7 +23,7 @@ const BROWSERS =
  * @typedef {(
  *     | {do: "crosshair" | "move", x: number, y: number}
  *     | {do: "zoom", isCloser: boolean, x: boolean, y: boolean}
- *     | {do: "pick" | "mark" | "leave" | "pause" | "help"}
+ *     | {do: "pick" | "mark" | "leave" | "pause" | "record" | "help"}
  *     | {do: "action", action: string}
  *     | {do: "engine", key: string}
  *     | null
@@ -47,6 +47,7 @@ export function meaningOf({ key, shiftKey, ctrlKey, altKey, metaKey }) {
     }
     if (key === "Escape") return { do: "leave" };
     if (key === " ") return { do: "pause" };
+    if (key === "r") return { do: "record" };
     if (key === "?") return { do: "help" };
     const action = BY_KEY.get(ALIASES[key] ?? key);
     return action ? { do: "action", action } : { do: "engine", key };
@@ -63,6 +64,7 @@ const OTHERS = [
     ["Enter", "Pick what is at the crosshair"],
     ["Escape", "Forget the corner, put the crosshair away, close"],
     ["Space", "Pause, and live again"],
+    ["r", "Record what comes; again: end, and download the file"],
     ["?", "These keys"],
 ];
 

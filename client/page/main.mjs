@@ -7,6 +7,7 @@ import { FigureView } from "./figure_view.mjs";
 import { Interaction } from "./interaction.mjs";
 import { showKeys } from "./keys.mjs";
 import { gridOf } from "./layout.mjs";
+import { RecordButton } from "./recording/button.mjs";
 import { staleText } from "./stale.mjs";
 import { StatusBar } from "./status_bar.mjs";
 import { Colors } from "./theme.mjs";
@@ -65,11 +66,14 @@ class Page {
             (message) => this.#take(message),
             (error) => this.#report(error),
         );
-        this.interaction = new Interaction(
+        this.interaction = new Interaction(this.worker, this.#colors, (text) => this.#say(text), {
+            pause: () => this.pause(),
+            record: () => this.recording.press(),
+        });
+        this.recording = new RecordButton(
             this.worker,
-            this.#colors,
             (text) => this.#say(text),
-            () => this.pause(),
+            (error) => this.#report(error),
         );
         this.#makeActions();
         this.#listen();
@@ -99,7 +103,7 @@ class Page {
             { type: "button", "aria-label": "Keys", title: "Keys (?)", click: () => showKeys() },
             icon(HELP),
         );
-        this.status.part("actions").append(this.#pauseButton, help);
+        this.status.part("actions").append(this.#pauseButton, this.recording.element, help);
         this.#showPaused();
     }
 
@@ -150,6 +154,7 @@ class Page {
         else if (message.kind === "statistics") this.#takeStatistics(message);
         else if (message.kind === "state") this.#takeState(message);
         else if (message.kind === "hello") this.#takeHello(message);
+        else if (message.kind === "recorded") this.recording.ended(message.file, message.reason);
         else if (message.kind === "ask") void this.#answer(message);
         else if (message.kind === "error") this.#report(new Error(message.text));
     }
@@ -186,6 +191,7 @@ class Page {
     #takeStatistics(statistics) {
         this.statistics = statistics;
         this.status.showStatistics(statistics);
+        this.recording.showSize(statistics.recorded);
         for (const id of statistics.changed) this.figures.get(id)?.watch.heard(statistics.news);
     }
 

@@ -98,6 +98,7 @@
  *     | {kind: "table", id: number, axes: number[], rows: number}
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
+ *     | {kind: "record", most: number | null}
  *     | {kind: "report", text: string}
  *     | {kind: "retry"}
  *     | {kind: "close"}
@@ -112,6 +113,7 @@
  * - `painted`: what the `frame` with this stamp asked for is on the screen.
  * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
  * - `pick`, of the data, `key` and `control` go to the engine.
+ * - `record`: what comes from now on, in a file of at most so many bytes; null: no longer.
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
  *   one axes each row names its own.
@@ -139,7 +141,8 @@
  *     | {kind: "frame", stamp: number, frame: number, limits: Record<number, Limits>,
  *        colors: Record<number, Range>}
  *     | {kind: "statistics", frames: number, flush: number, bytes: number, frame: number,
- *        news: number, changed: number[], outcomes: Record<string, number>}
+ *        news: number, changed: number[], outcomes: Record<string, number>, recorded: number}
+ *     | {kind: "recorded", file: Blob, reason: string}
  *     | {kind: "error", text: string}
  *     | {kind: "probed", id: number, values: Probed[]}
  *     | {kind: "csv", id: number, text: string}
@@ -160,7 +163,8 @@
  *   microseconds from the engine's checkout of a token to its return, 0: none; bytes received
  *   altogether; the engine's number of the last frame; when something came last, as `Date.now()`
  *   says it, 0: nothing yet; the figures in which something is new since the last ones; how often
- *   each outcome was answered.
+ *   each outcome was answered; bytes of the recording, 0: there is none.
+ * - `recorded`: the recording has ended, as it was wanted, or why.
  * - An answer for axes that are not there is an empty one; for `picture` it is null.
  * - `unanswered`: why a question has no answer.
  * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.

@@ -4,6 +4,7 @@
 import { chosenAxes, makeAxesChoice } from "./axes_choice.mjs";
 import { make } from "./dom.mjs";
 import { fileName } from "./file_name.mjs";
+import { giveFile } from "./give_file.mjs";
 import { openDialog } from "./keys.mjs";
 import { FigureDrawing } from "./svg.mjs";
 
@@ -14,18 +15,6 @@ import { FigureDrawing } from "./svg.mjs";
 /** @typedef {{title: boolean, ground: boolean, scale: number}} How scale: pixels for a CSS pixel */
 
 const SCALES = [1, 2, 3, 4];
-/** Milliseconds for which a browser may still read a file that it was given. */
-const FILE_STAYS = 60000;
-
-/** @param {Blob} blob @param {string} name */
-function giveFile(blob, name) {
-    const href = URL.createObjectURL(blob);
-    const link = make("a", { href, download: name });
-    document.body.append(link);
-    link.click();
-    link.remove();
-    setTimeout(() => URL.revokeObjectURL(href), FILE_STAYS);
-}
 
 /** @param {FigureView} figure @param {(view: AxesView) => Promise<any>} ask
  * @returns {Promise<[AxesView, any][]>} what the worker says of each axes */

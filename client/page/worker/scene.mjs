@@ -91,6 +91,10 @@ export class Scene {
     find(id) {
         return this.#items.get(id);
     }
+    /** All objects, each behind the one that it stands in. */
+    get items() {
+        return [...this.#items.values()];
+    }
     /** All axes, in order. @returns {Item[]} */
     get axes() {
         return this.figures.flatMap((figure) => figure.childrenOf("axes"));

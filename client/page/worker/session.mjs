@@ -2,6 +2,7 @@
 
 import { Connection } from "../../protocol.mjs";
 import { VOCABULARY } from "../messages.mjs";
+import { Recorder } from "../recording/recorder.mjs";
 import { MainAccess } from "./access.mjs";
 import { LimitsEvents } from "./events.mjs";
 import { Flusher } from "./flusher.mjs";
@@ -49,6 +50,11 @@ export class Session {
     #connection = null;
     /** What the hello says. @type {Record<string, any>} */
     #channels = {};
+    /** The number of the last command that the scene has. */
+    #sequence = 0;
+    /** @type {Recorder | null} */
+    #recorder = null;
+    #isLive = false;
     #isHidden = false;
     #isPaused = false;
     /** Whether everything was asked for again, and nothing that builds on it was drawn since. */
@@ -135,6 +141,7 @@ export class Session {
         pick: ({ axes, x, y, near }) => this.#publish({ event: "pick", axes, x, y, ...near }),
         key: ({ key, axes }) => this.#publish({ event: "key", key, axes }),
         control: ({ id, value }) => this.#publish({ event: "control", id, value }),
+        record: ({ most }) => this.#record(most),
         report: ({ text }) => this.report(new Error(text)),
         retry: () => this.#connection?.retry(),
         close: () => {
@@ -147,11 +154,11 @@ export class Session {
 
     /** @param {string} address */
     #connect(address) {
-        const { post, options } = this.#surroundings;
+        const { options } = this.#surroundings;
         this.#connection = new Connection(
             address,
             {
-                onState: ({ name, reason }) => post({ kind: "state", name, reason }),
+                onState: (state) => this.#stateChanged(state),
                 onHello: (hello) => this.#begin(hello),
                 onReady: () => this.#sayReady(),
                 onText: (channel, text) => this.#text(channel, text),
@@ -170,13 +177,25 @@ export class Session {
                 ...options,
             },
         );
-        this.#statistics.begin(() => this.#connection?.received ?? 0);
+        this.#statistics.begin(() => ({
+            bytes: this.#connection?.received ?? 0,
+            recorded: this.#recorder?.bytes ?? 0,
+        }));
+    }
+
+    /** @param {import("../../line.mjs").State} state */
+    #stateChanged({ name, reason }) {
+        const isLive = name === "live";
+        if (this.#isLive && !isLive) this.#recorder?.connection({ event: "gone" });
+        this.#isLive = isLive;
+        this.#surroundings.post({ kind: "state", name, reason });
     }
 
     /** @param {import("../../protocol.mjs").Hello} hello */
     #begin({ kind, configuration }) {
         const isKnown = configuration.vocabulary === VOCABULARY;
         this.#surroundings.post({ kind: "hello", configuration, known: isKnown });
+        this.#recorder?.connection({ event: kind === "return" ? "return" : "new view" });
         if (kind === "return") return;
         this.#channels = isKnown ? configuration : {};
         this.#isAsked = false;
@@ -213,6 +232,7 @@ export class Session {
     /** @param {Record<string, any>} event */
     #publish(event) {
         const { events } = this.#channels;
+        if (event.event !== "frame") this.#recorder?.control(event);
         if (events) this.#connection?.publish(events, JSON.stringify(event));
     }
 
@@ -238,7 +258,9 @@ export class Session {
         for (const [command, data] of frame.commands) {
             if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
             attempt(command.cmd, () => this.#scene.apply(command, data));
+            this.#sequence = Number(command.seq);
         }
+        this.#recorder?.frame(frame, this.#scene);
         // A whole frame repeats what is known.
         if (!frame.isWhole) this.#statistics.countChanged(this.#scene.touched);
         this.#scene.touched.clear();
@@ -275,7 +297,8 @@ export class Session {
     }
 
     /** @param {Frame} frame @param {Outcome} outcome */
-    #answer({ number, attempt, isWhole, error, token }, outcome) {
+    #answer(frame, outcome) {
+        const { number, attempt, isWhole, error, token } = frame;
         if (!token) return;
         const { ACT, serverSendTS, returnChannel } = token.command;
         const text = outcome === "failed" ? { error: error?.message } : {};
@@ -283,6 +306,7 @@ export class Session {
         this.#publish({ event: "frame", frame: number, attempt, outcome, ...text });
         const reply = { ACT, serverSendTS, clientReceiveTS: token.received, clientSendTS };
         this.#connection?.publish(String(returnChannel), JSON.stringify(reply));
+        this.#recorder?.token(frame, outcome, clientSendTS);
         this.#statistics.countAnswer(outcome, clientSendTS - (serverSendTS || token.received));
         if (outcome === "failed") this.#askForAll();
         else if (!isWhole) this.#isAsked = false;
@@ -294,6 +318,22 @@ export class Session {
         const { newView } = this.#channels;
         if (newView && !this.#isAsked) this.#connection?.publish(newView, "{}");
         this.#isAsked = true;
+    }
+
+    /** Begins to, or ends. @param {number | null} most bytes */
+    #record(most) {
+        if (most === null) {
+            this.#recorder?.end();
+            return;
+        }
+        if (this.#recorder) return;
+        const { post, now } = this.#surroundings;
+        const ended = (/** @type {Blob} */ file, /** @type {string} */ reason) => {
+            this.#recorder = null;
+            post({ kind: "recorded", file, reason });
+        };
+        this.#recorder = new Recorder({ now, most, ended });
+        this.#recorder.begin(String(this.#channels.title ?? ""), this.#scene, this.#sequence);
     }
 
     /** @param {number} id of axes @returns {Record<string, any> | null} */
@@ -315,6 +355,7 @@ export class Session {
         // What fails in one frame fails in the next.
         if (message === this.#lastError.text && time < this.#lastError.time + SAME_ERROR) return;
         this.#lastError = { text: message, time };
+        this.#recorder?.error(message);
         this.#surroundings.post({ kind: "error", text: message });
         this.#connection?.reportError(error);
     }

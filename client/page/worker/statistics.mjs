@@ -23,9 +23,10 @@ export class Statistics {
         this.#post = post;
     }
 
-    /** @param {() => number} bytes received, altogether */
-    begin(bytes) {
-        this.#timer = setInterval(() => this.#tell(bytes()), PERIOD);
+    /** @param {() => {bytes: number, recorded: number}} sizes of what was received, altogether, and
+     * of the recording */
+    begin(sizes) {
+        this.#timer = setInterval(() => this.#tell(sizes()), PERIOD);
     }
     end() {
         clearInterval(this.#timer);
@@ -48,14 +49,14 @@ export class Statistics {
         this.#flushes.push(flush);
     }
 
-    /** @param {number} bytes */
-    #tell(bytes) {
+    /** @param {{bytes: number, recorded: number}} sizes */
+    #tell(sizes) {
         const flushes = this.#flushes.splice(0).sort((a, b) => a - b);
         this.#post({
             kind: "statistics",
             frames: this.#frames,
             flush: flushes[flushes.length >> 1] ?? 0,
-            bytes,
+            ...sizes,
             frame: this.#frame,
             news: this.#news,
             changed: [...this.#changed],

@@ -294,3 +294,45 @@ test("A vocabulary that is not known is not subscribed to", async () => {
     assert.equal((await other.peer.next("echo")).t, "echo");
     other.end();
 });
+
+test("What is recorded is what came and went, from the press of a button on", async () => {
+    await stage.show();
+    stage.tell({ kind: "record", most: 1e6 });
+    stage.say("beginFrame", { frame: 9, attempt: 1 });
+    stage.data(3, 2, { x: [2], y: [0.5] });
+    stage.act("t");
+    await stage.paint();
+    while ((await stage.published())[0] !== "/t");
+    stage.tell({ kind: "key", key: "k", axes: null });
+    stage.peer.socket.terminate();
+    stage.peer = await stage.gateway.peer();
+    await stage.peer.welcome({
+        blockChannels: ["/b"],
+        configuration: CONFIGURATION,
+        kind: "return",
+    });
+    await stage.settled();
+    stage.tell({ kind: "record", most: null });
+    const { file, reason } = await stage.heard("recorded");
+    assert.equal(reason, "");
+    const text = Buffer.from(await file.arrayBuffer()).toString("latin1");
+    // In this order.
+    const parts = [
+        /"event":"begin"/,
+        /"frame":8,"seq":5,"commands":\[{"seq":1,"cmd":"beginFrame"/,
+        /"frame":9,"attempt":1,"cmd":"beginFrame"/,
+        /"data":"5 0","first":2/,
+        /"frame":9,"attempt":1,"kind":"changes","bytes":\d+,"seq":7}/,
+        /"outcome":"painted","reason":"","serverSend":9,"clientReceive":1000000,"clientSend":1000000/,
+        /"event":"key","key":"k"/,
+        /"event":"gone"/,
+        /"event":"return"/,
+        /"error":"test/,
+    ];
+    let at = 0;
+    for (const part of parts) {
+        const found = text.slice(at).search(part);
+        assert.ok(found >= 0, String(part));
+        at += found;
+    }
+});
