@@ -1,5 +1,6 @@
 // What somebody does at the page, while an engine draws.
 import assert from "node:assert/strict";
+import { readFile } from "node:fs/promises";
 import { test } from "node:test";
 
 import { Reader } from "../../client/page/recording/reader.mjs";
