@@ -72,7 +72,7 @@ test("What the page gets is recorded, and downloaded", async () => {
     const download = page.waitForEvent("download");
     await button.click();
     const file = await download;
-    assert.match(file.suggestedFilename(), /^scenes-[\d-]{17}\.mcap$/);
+    assert.match(file.suggestedFilename(), /^figures-[\d-]{17}\.mcap$/);
     await page.locator('.record[aria-pressed="false"]').waitFor();
     const bytes = await readFile(await file.path());
     const reader = await Reader.open({
