@@ -12,8 +12,8 @@ export class Watch {
 
     /** Something in the figure is new. @param {number} at */
     heard(at) {
-        // What is over when nothing comes for a while is counted anew.
-        if (at - this.#last > 2 * PATIENCE) this.#regular = 0;
+        // What comes now and then is not due: it would be called stale again and again.
+        if (at - this.#last > PATIENCE) this.#regular = 0;
         ++this.#regular;
         this.#last = at;
     }

@@ -25,6 +25,12 @@ export class KeptPainter {
         this.#surface = new CanvasSurface(canvas);
     }
 
+    /** What is kept may be wrong. */
+    forget() {
+        this.#count = 0;
+        this.#series = [];
+    }
+
     /** Draws all of it anew. @param {Item} axes @param {Limits} limits @param {Size} size
      * @param {Look} look @returns {Error[]} why some series were not drawn */
     paint(axes, limits, size, look) {

@@ -111,7 +111,10 @@ export class Stage {
 
     /** All of it is to be drawn anew. */
     drawAll() {
-        for (const shown of this.#shown.values()) shown.isStale = true;
+        for (const shown of this.#shown.values()) {
+            shown.isStale = true;
+            shown.painter.forget();
+        }
     }
 
     /** @param {import("./scene.mjs").Item} series */

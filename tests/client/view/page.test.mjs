@@ -108,6 +108,8 @@ test("A figure is stale when its engine drew regularly and stops, or the connect
     assert.equal(watch.staleSince(9000, true, 5000), null, "the engine went on elsewhere");
     watch.heard(20000);
     assert.equal(watch.staleSince(30000, true, 20000), null, "once again is not regularly");
+    [33000, 36000, 39000, 42000].forEach((at) => watch.heard(at));
+    assert.equal(watch.staleSince(44500, true, 42000), null, "every 3 s is not soon");
 });
 
 test("A saved file says what it is, and when", () => {
