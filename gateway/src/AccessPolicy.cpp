@@ -44,7 +44,8 @@ constexpr std::size_t kMostCompressed = 4 * kMiB;
 std::string compressed(const Asset& asset) {
     const std::string_view type = asset.contentType;
     const bool isText = type.starts_with("text/") || type.starts_with("image/svg") ||
-                        type.find("json") != type.npos || type.find("script") != type.npos;
+                        type.find("json") != std::string_view::npos ||
+                        type.find("script") != std::string_view::npos;
     if (!isText || asset.body.size() > kMostCompressed) return {};
     auto gzip = gzipped(asset.body);
     return gzip.size() < asset.body.size() ? gzip : std::string();

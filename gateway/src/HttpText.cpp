@@ -62,7 +62,8 @@ std::vector<std::string_view> subprotocolsOf(const RequestMessage& message) {
 /// Whether an answer may be in gzip, which a weight of 0 forbids.
 bool takesGzip(const RequestMessage& message) {
     const auto isZero = [](beast::string_view weight) {
-        return weight.starts_with('0') && weight.find_first_not_of("0.") == weight.npos;
+        return weight.starts_with('0') &&
+               weight.find_first_not_of("0.") == beast::string_view::npos;
     };
     for (const auto field : valuesOf(message, http::field::accept_encoding)) {
         for (const auto& [name, parameters] :

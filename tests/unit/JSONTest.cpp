@@ -73,6 +73,7 @@ TEST(JSONPayload, writesEachTypeInItsOneEncoding) {
         {encoded(std::vector{Cookie(1), Cookie(-2)}), R"(["1","-2"])"},
         {encoded(binary::DataID(7, 9)), R"("7 9")"},
         {encoded(nested), R"({"n":1})"},
+        {encoded(std::vector<std::string>{"a", ""}), R"(["a",""])"},
         {encoded(std::vector<std::vector<std::string>>{{"a", "b"}, {}}), R"([["a","b"],[]])"},
         {encoded(std::vector<unsigned char>{0, 255}), "[0,255]"},
         {encoded(std::vector<unsigned>{4294967295U}), "[4294967295]"},
