@@ -135,7 +135,8 @@ std::string sealed(std::string file) {
     const auto covered = std::string_view(file).substr(begin, file.size() - 12 - begin);
     const auto* const bytes = reinterpret_cast<const Bytef*>(covered.data());
     const auto crc = static_cast<std::uint32_t>(crc32_z(0, bytes, covered.size()));
-    return with(std::move(file), file.size() - 12, crc);
+    const std::size_t place = file.size() - 12;
+    return with(std::move(file), place, crc);
 }
 
 /// The first thing that is found to be wrong.
