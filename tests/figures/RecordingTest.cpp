@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <boost/json/parse.hpp>
 #include <cstring>
@@ -54,7 +55,8 @@ class RecordingTest : public WindowTest {
         return follower;
     }
 
-    const std::string fFile = testing::TempDir() + "kirofigures_recording";
+    const std::string fFile =
+        testing::TempDir() + "kirofigures_recording_" + std::to_string(::getpid());
 
   private:
     static void follow(Follower& follower, const Said& one) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -23,7 +24,8 @@ class TokenFile : public testing::Test {
     ~TokenFile() override { std::filesystem::remove(fFile); }
     [[nodiscard]] std::string token() const { return detail::tokenFrom(fFile); }
 
-    const std::string fFile = testing::TempDir() + "kirofigures_token";
+    const std::string fFile =
+        testing::TempDir() + "kirofigures_token_" + std::to_string(::getpid());
 };
 
 TEST_F(TokenFile, IsMadeOnceForItsOwnerAndReadFromThenOn) {

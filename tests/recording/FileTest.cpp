@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <cstring>
@@ -277,7 +278,7 @@ TEST(FileSink, SaysWhereAndWhyItFails) {
               "/dev/full: cannot be written: No space left on device");
     EXPECT_EQ(failureOf([] { FileSource("/dev/null"); }),
               "/dev/null: cannot be read: Invalid argument");
-    const auto path = testing::TempDir() + "kirorecording_file";
+    const auto path = testing::TempDir() + "kirorecording_file_" + std::to_string(::getpid());
     FileSink sink(path);
     sink.write("abcd");
     sink.truncate(2);
