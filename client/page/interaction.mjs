@@ -128,11 +128,8 @@ export class Interaction {
         if (event.defaultPrevented || document.querySelector("dialog")) return;
         if (target instanceof Element && target.closest("input, select, button, textarea")) return;
         const meaning = meaningOf(event);
-        const isInAxes = target instanceof Element && target.closest(".chart") !== null;
         if (meaning?.do === "help") showKeys();
         else if (meaning?.do === "pause") event.repeat || this.#actions.pause();
-        // Who speaks to the browser must not begin a recording by a letter.
-        else if (meaning?.do === "record" && isInAxes) event.repeat || this.#actions.record();
         else if (meaning?.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: null });
         } else return;
@@ -171,6 +168,8 @@ export class Interaction {
         else if (meaning.do === "leave" && crosshair.isShown) crosshair.leave();
         else if (meaning.do === "leave") figure.element.classList.remove("full");
         else if (meaning.do === "action") this.act(figure, meaning.action, view);
+        // Only here: who speaks to the browser must not begin a recording by a letter.
+        else if (meaning.do === "record") event.repeat || this.#actions.record();
         else if (meaning.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: view.description.id });
         } else return;

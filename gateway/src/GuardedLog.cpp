@@ -15,18 +15,18 @@ constexpr double kLinesPerSecond = 5;
 }  // namespace
 
 void GuardedLog::write(std::string_view event, std::string_view detail, TimePoint now) noexcept {
-    std::size_t suppressed = 0;
+    std::size_t leftOut = 0;
     {
         annotated::Lock lock(fMutex);
         if (!mayWriteLocked(now)) return;
-        std::swap(suppressed, fSuppressed);
+        std::swap(leftOut, fLeftOut);
     }
     try {
-        writeLine(event, detail, suppressed);
+        writeLine(event, detail, leftOut);
     } catch (...) {
         // Those who log do so while something fails, on a thread that must go on.
         annotated::Lock lock(fMutex);
-        fSuppressed += suppressed + 1;
+        fLeftOut += leftOut + 1;
     }
 }
 
@@ -41,11 +41,10 @@ void GuardedLog::writeCaught(std::string_view event) noexcept {
     }
 }
 
-void GuardedLog::writeLine(std::string_view event, std::string_view detail,
-                           std::size_t suppressed) {
+void GuardedLog::writeLine(std::string_view event, std::string_view detail, std::size_t leftOut) {
     std::string line(event);
     if (!detail.empty()) line += ": " + escaped(detail);
-    if (suppressed > 0) line += " (" + std::to_string(suppressed) + " lines left out before)";
+    if (leftOut > 0) line += " (" + std::to_string(leftOut) + " lines left out before)";
     kiroutils::Logger::instance().log("gateway", line);
 }
 
@@ -54,7 +53,7 @@ bool GuardedLog::mayWriteLocked(TimePoint now) {
     fLast = now;
     fCredit = std::min(kBurst, fCredit + passed.count() * kLinesPerSecond);
     if (fCredit < 1) {
-        ++fSuppressed;
+        ++fLeftOut;
         return false;
     }
     fCredit -= 1;

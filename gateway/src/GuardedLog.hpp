@@ -30,13 +30,13 @@ class GuardedLog {
   private:
     static constexpr double kBurst = 20;  // lines
 
-    void writeLine(std::string_view event, std::string_view detail, std::size_t suppressed);
+    void writeLine(std::string_view event, std::string_view detail, std::size_t leftOut);
     [[nodiscard]] bool mayWriteLocked(TimePoint now) REQUIRES_LOCK(fMutex);
 
     annotated::Mutex fMutex;
     double fCredit GUARDED_BY(fMutex) = kBurst;
     TimePoint fLast GUARDED_BY(fMutex);
-    std::size_t fSuppressed GUARDED_BY(fMutex) = 0;
+    std::size_t fLeftOut GUARDED_BY(fMutex) = 0;
 };
 
 }  // namespace kirogateway

@@ -160,8 +160,7 @@ void Recorder::Impl::fail(std::string cause) noexcept {
 }
 
 void Recorder::Impl::stop() noexcept {
-    end({});
-    fChanged.notify_one();
+    fail({});
     if (fThread.joinable()) fThread.join();
 }
 

@@ -37,6 +37,9 @@ export function crcOf(bytes, crc = 0) {
     return ~rest >>> 0;
 }
 
+/** @param {Uint8Array[]} pieces @returns {number} bytes */
+export const sizeOf = (pieces) => pieces.reduce((sum, { length }) => sum + length, 0);
+
 const SMALLEST = 64;
 
 /** Numbers and texts behind one another, little-endian. */

@@ -2,7 +2,7 @@
 
 import { VOCABULARY } from "../messages.mjs";
 import { CHANNELS } from "./channels.mjs";
-import { Encoder } from "./format.mjs";
+import { Encoder, sizeOf } from "./format.mjs";
 import { textOf } from "./json.mjs";
 import { snapshotOf } from "./snapshot.mjs";
 import { Writer } from "./writer.mjs";
@@ -31,9 +31,6 @@ function encoded(message) {
     return new TextEncoder().encode(textOf(message));
 }
 
-/** @param {Uint8Array[]} pieces */
-const sizeOf = (pieces) => pieces.reduce((sum, { length }) => sum + length, 0);
-
 /** A block's identifier, from how commands name it. @param {string} name */
 function identifierOf(name) {
     const [low, high] = name.split(" ").map(Number);
@@ -52,7 +49,6 @@ export class Recorder {
     #wholeTime = 0;
     #wholeBytes = 0;
     #bytesSince = 0;
-    #isFirst = true;
 
     /** @param {Surroundings} surroundings */
     constructor(surroundings) {
@@ -64,7 +60,7 @@ export class Recorder {
     begin(title, scene, sequence) {
         this.#sequence = sequence;
         this.connection({ event: "begin", vocabulary: VOCABULARY, title });
-        if (sequence > 0) this.#attempt(() => this.#addSnapshot(scene));
+        if (sequence > 0) this.#attempt(() => this.#addSnapshot(scene, true));
     }
 
     /** Of the file, so far. */
@@ -110,11 +106,14 @@ export class Recorder {
         const writer = this.#writer;
         this.#writer = null;
         if (!writer) return;
+        let file;
         try {
-            this.#surroundings.ended(writer.end(), reason);
+            file = writer.end();
         } catch (thrown) {
-            this.#surroundings.ended(writer.whole, reason || String(thrown));
+            file = writer.whole;
+            reason ||= String(thrown);
         }
+        this.#surroundings.ended(file, reason);
     }
 
     /** What goes wrong here ends the recording, and costs no frame. @param {() => void} call */
@@ -142,7 +141,7 @@ export class Recorder {
         }
         this.#bytesSince += bytes;
         if (isWhole) this.#hasAll(bytes);
-        else if (number >= 0 && this.#isSnapshotDue()) this.#addSnapshot(scene);
+        else if (number >= 0 && this.#isSnapshotDue()) this.#addSnapshot(scene, false);
     }
 
     #isSnapshotDue() {
@@ -152,14 +151,12 @@ export class Recorder {
         return since >= this.#wholeBytes && (isLate || since >= SNAPSHOT_BYTES);
     }
 
-    /** @param {Scene} scene */
-    #addSnapshot(scene) {
+    /** @param {Scene} scene @param {boolean} isNeeded what follows means nothing without it */
+    #addSnapshot(scene, isNeeded) {
         const pieces = snapshotOf(scene, this.#sequence, () => ++this.#blocks);
         const bytes = sizeOf(pieces);
         this.#hasAll(bytes);
-        // Later ones are a help only.
-        if (bytes <= MOST_IN_ONE || this.#isFirst) this.#add("snapshots", pieces);
-        this.#isFirst = false;
+        if (isNeeded || bytes <= MOST_IN_ONE) this.#add("snapshots", pieces);
     }
 
     /** @param {number} bytes of all that there is */

@@ -1,6 +1,6 @@
 // All that the page has, as commands and blocks from which a reader can begin.
 
-import { Encoder } from "./format.mjs";
+import { Encoder, sizeOf } from "./format.mjs";
 import { textOf } from "./json.mjs";
 
 /** @typedef {import("../worker/scene.mjs").Item} Item */
@@ -69,8 +69,13 @@ export function snapshotOf(scene, sequence, nextBlock) {
         const [command, pieces] = elementsOf(item);
         const low = nextBlock();
         commands.push({ ...command, data: `${low} ${HIGH}` });
-        const size = pieces.reduce((sum, { length }) => sum + length, 8);
-        blocks.push(new Encoder().u64(size).u32(low).u32(HIGH).bytes, ...pieces);
+        blocks.push(
+            new Encoder()
+                .u64(8 + sizeOf(pieces))
+                .u32(low)
+                .u32(HIGH).bytes,
+            ...pieces,
+        );
     }
     const numbered = commands.map((command, i) => ({ seq: i + 1, ...command }));
     const text = new Encoder().text(textOf({ frame, seq: sequence, commands: numbered }));

@@ -1,6 +1,6 @@
 // Writes a recording into memory that the browser may put on disk.
 
-import { Encoder, MAGIC, OP, PROFILE, crcOf } from "./format.mjs";
+import { Encoder, MAGIC, OP, PROFILE, crcOf, sizeOf } from "./format.mjs";
 
 /** @typedef {{topic: string, encoding: string, schema: string}} Channel schema: JSON Schema */
 
@@ -66,7 +66,7 @@ export class Writer {
     /** @param {number} channel @param {bigint} time later than that of the message before
      * @param {Uint8Array[]} data pieces, which are copied */
     add(channel, time, data) {
-        const size = data.reduce((sum, { length }) => sum + length, 0);
+        const size = sizeOf(data);
         // A large one has its own, so that no chunk is much larger than what is in it.
         if (this.#index.size > 0 && this.#records.length + size > this.#chunkSize) this.#flush();
         const at = this.#records.length;
@@ -109,7 +109,7 @@ export class Writer {
     #put(...pieces) {
         const parts = pieces.map((bytes) => new Blob([/** @type {any} */ (bytes)]));
         this.#parts.push(...parts);
-        for (const { length } of pieces) this.#offset += length;
+        this.#offset += sizeOf(pieces);
     }
 
     /** @param {Encoder} out gets all schemas and channels */

@@ -108,8 +108,8 @@ export function scalesOf(axes, limits, { width, height }) {
     };
 }
 
-/** Draws the series that are visible, over what is there: all, or some in order. One that cannot be drawn does not hold up
- * the others. @param {Item} axes @param {Limits} limits @param {Size} size
+/** Draws the series that are visible, over what is there: all, or some in order. One that cannot be
+ * drawn does not hold up the others. @param {Item} axes @param {Limits} limits @param {Size} size
  * @param {{theme: Theme, hidden: Set<number>}} look
  * @param {Surface} surface @param {{from?: number, to?: number}} part
  * @returns {Error[]} why some were not drawn */
