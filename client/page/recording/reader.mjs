@@ -145,6 +145,14 @@ export class Reader {
         return at(info.offset, () => this.#messages(records, info));
     }
 
+    /** What is wrong with a message's content, as an error at its chunk. @param {number} chunk its
+     * number @param {unknown} thrown */
+    errorAt(chunk, thrown) {
+        if (thrown instanceof RecordingError) return thrown;
+        const what = thrown instanceof Error ? thrown.message : String(thrown);
+        return new RecordingError(this.chunks[chunk].offset, what);
+    }
+
     async #open() {
         await this.#readHeader();
         if (await this.#readIndex()) return;

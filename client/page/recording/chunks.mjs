@@ -1,0 +1,109 @@
+// The messages of a recording, found by going through them.
+
+/** @typedef {import("./reader.mjs").Message} Message */
+/** @typedef {import("./reader.mjs").Reader} Reader */
+
+/** Of a message: its chunk's number, and its own in it. @typedef {{chunk: number, index: number}} Place */
+
+const MOST = 64 * 1024 * 1024;
+const NS_PER_MS = 1e6;
+
+/** @type {Place} */
+export const BEGINNING = { chunk: 0, index: 0 };
+
+/** Whether one lies behind the other. @param {Place} one @param {Place} other */
+export function isBehind(one, other) {
+    return one.chunk > other.chunk || (one.chunk === other.chunk && one.index > other.index);
+}
+/** @param {Place} one @param {Place | null} other */
+export function isSamePlace(one, other) {
+    return one.chunk === other?.chunk && one.index === other.index;
+}
+/** @param {Place} place @param {1 | -1} step @returns {Place} which may lie outside the chunk */
+export function nextTo({ chunk, index }, step) {
+    return { chunk, index: index + step };
+}
+
+export class Chunks {
+    #most;
+    /** Those that were read last, by their numbers; the oldest first.
+     * @type {Map<number, Promise<Message[]>>} */
+    #kept = new Map();
+    #bytes = 0;
+    /** By channel. @type {Map<number, string>} */
+    #topics;
+
+    /** @param {Reader} reader @param {number} [most] bytes that are kept, or the last one */
+    constructor(reader, most = MOST) {
+        this.reader = reader;
+        this.#most = most;
+        this.#topics = new Map([...reader.channels].map(([id, { topic }]) => [id, topic]));
+        const times = reader.chunks.filter(({ last }) => last > 0n);
+        /** Of the first message, nanoseconds since 1970. */
+        this.begin = times[0]?.first ?? 0n;
+        /** Milliseconds from there to the last message. */
+        this.duration = Math.max(0, this.timeOf(times.at(-1)?.last ?? this.begin));
+    }
+
+    get count() {
+        return this.reader.chunks.length;
+    }
+    /** @param {Message} message @returns {string | undefined} */
+    topicOf({ channel }) {
+        return this.#topics.get(channel);
+    }
+    /** @param {bigint} time @returns {number} milliseconds since the beginning */
+    timeOf(time) {
+        return Number(time - this.begin) / NS_PER_MS;
+    }
+
+    /** Rejected with a `RecordingError`. @param {number} number @param {boolean} [isKept]
+     * @returns {Promise<Message[]>} whose data are the chunk's own memory: not to be changed */
+    read(number, isKept = true) {
+        const { chunks } = this.reader;
+        const known = this.#kept.get(number);
+        if (!isKept) return known ?? this.reader.read(chunks[number]);
+        this.#kept.delete(number);
+        this.#bytes += known ? 0 : chunks[number].size;
+        const messages = known ?? this.reader.read(chunks[number]);
+        this.#kept.set(number, messages);
+        for (const oldest of this.#kept.keys()) {
+            if (this.#bytes <= this.#most || oldest === number) break;
+            this.#kept.delete(oldest);
+            this.#bytes -= chunks[oldest].size;
+        }
+        return messages;
+    }
+
+    /** The first message from a place on, in this direction, that is wanted; null: there is none.
+     * Rejected with a `RecordingError` where a chunk is damaged on the way.
+     * @param {Place} from @param {1 | -1} step
+     * @param {(message: Message, place: Place) => boolean} isWanted
+     * @param {(chunk: number) => boolean} [isSkipped] it is known that there is none in it
+     * @returns {Promise<(Place & {message: Message}) | null>} */
+    async search(from, step, isWanted, isSkipped = () => false) {
+        for (let chunk = from.chunk; chunk >= 0 && chunk < this.count; chunk += step) {
+            if (isSkipped(chunk)) continue;
+            const messages = await this.read(chunk);
+            const last = messages.length - 1;
+            const isFirst = chunk === from.chunk;
+            let index = step > 0 ? 0 : last;
+            if (isFirst) index = step > 0 ? from.index : Math.min(from.index, last);
+            for (; index >= 0 && index <= last; index += step) {
+                const message = messages[index];
+                if (isWanted(message, { chunk, index })) return { chunk, index, message };
+            }
+        }
+        return null;
+    }
+
+    /** What is read out of a chunk's messages. What cannot be is an error at its offset.
+     * @template T @param {Place} place @param {() => T} call @returns {T} */
+    at({ chunk }, call) {
+        try {
+            return call();
+        } catch (thrown) {
+            throw this.reader.errorAt(chunk, thrown);
+        }
+    }
+}
