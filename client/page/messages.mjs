@@ -76,7 +76,7 @@
  * pixels from its upper left corner, except where they are said to be of the data.
  *
  * @typedef {(
- *     | {kind: "start", address: string, theme: Theme, hidden: boolean}
+ *     | {kind: "start", address: string | null, theme: Theme, hidden: boolean}
  *     | {kind: "told", id: number, value: string | boolean | null}
  *     | {kind: "link"}
  *     | {kind: "laid", stamp: number}
@@ -106,7 +106,7 @@
  *     | {kind: "close"}
  * )} ToWorker
  *
- * - `start` opens the connection, once. `told` answers `ask`; null: it could not be found out.
+ * - `start`, once, opens the connection; null: there is none. `told` answers `ask`; null: it could not be found out.
  *   `link`: a link was opened that may have brought another token.
  * - `canvas`: the worker draws into it, in its whole size. `gone`: nobody shows these axes any more.
  * - `view`: what somebody looks at, in values of the data; null: what the engine says. Axes that

@@ -1,15 +1,13 @@
 // Goes through a recording once, for what its time line shows.
 
 import { jsonOf } from "./following.mjs";
+import { MARK, STRETCHES } from "./marks.mjs";
 import { troubleOf } from "./player.mjs";
 import { RecordingError } from "./reader.mjs";
 
 /** @typedef {import("./chunks.mjs").Chunks} Chunks */
 /** @typedef {import("./reader.mjs").Message} Message */
 
-/** What there is in a stretch of the time line; bits. */
-export const MARK = { frame: 1, late: 2, error: 4, damage: 8 };
-export const STRETCHES = 1000;
 /** Frames whose token may still come. */
 const MOST_OPEN = 64;
 

@@ -95,7 +95,7 @@ export class Session {
         start: ({ address, theme, hidden }) => {
             this.stage.setTheme(theme);
             this.#isHidden = hidden;
-            this.#begin(() => this.#connect(address));
+            if (address !== null) this.#begin(() => this.#connect(address));
         },
         replay: ({ file }) => this.#begin(() => this.#replay(file)),
         player: ({ wish }) => {
@@ -154,6 +154,7 @@ export class Session {
         this.#source?.close();
         this.#recorder?.end();
         this.#forget();
+        this.stage.forget();
         this.#scene = new Scene();
         this.#sequence = 0;
         this.#statistics.begin(() => ({
