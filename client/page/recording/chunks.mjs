@@ -60,19 +60,28 @@ export class Chunks {
     /** Rejected with a `RecordingError`. @param {number} number @param {boolean} [isKept]
      * @returns {Promise<Message[]>} whose data are the chunk's own memory: not to be changed */
     read(number, isKept = true) {
-        const { chunks } = this.reader;
         const known = this.#kept.get(number);
-        if (!isKept) return known ?? this.reader.read(chunks[number]);
-        this.#kept.delete(number);
-        this.#bytes += known ? 0 : chunks[number].size;
-        const messages = known ?? this.reader.read(chunks[number]);
+        if (!isKept) return known ?? this.reader.read(this.reader.chunks[number]);
+        this.#forget(number);
+        const messages = known ?? this.reader.read(this.reader.chunks[number]);
         this.#kept.set(number, messages);
+        this.#bytes += this.#sizeOf(number);
         for (const oldest of this.#kept.keys()) {
             if (this.#bytes <= this.#most || oldest === number) break;
-            this.#kept.delete(oldest);
-            this.#bytes -= chunks[oldest].size;
+            this.#forget(oldest);
         }
+        // It may be that it could not be had, and can be later.
+        messages.catch(() => this.#kept.get(number) === messages && this.#forget(number));
         return messages;
+    }
+
+    /** @param {number} number */
+    #forget(number) {
+        if (this.#kept.delete(number)) this.#bytes -= this.#sizeOf(number);
+    }
+    /** @param {number} number */
+    #sizeOf(number) {
+        return this.reader.chunks[number].size;
     }
 
     /** The first message from a place on, in this direction, that is wanted; null: there is none.

@@ -3,6 +3,7 @@
 import { Scene } from "../worker/scene.mjs";
 import { BEGINNING, isBehind, isSamePlace, nextTo } from "./chunks.mjs";
 import { Following, commandsOf, jsonOf } from "./following.mjs";
+import { RecordingError } from "./reader.mjs";
 
 /** @typedef {import("./chunks.mjs").Chunks} Chunks */
 /** @typedef {import("./chunks.mjs").Place} Place */
@@ -35,6 +36,8 @@ import { Following, commandsOf, jsonOf } from "./following.mjs";
 const NEAR = 32 * 1024 * 1024;
 /** Milliseconds between two times that are told while no frame comes. */
 const TELL_EVERY = 100;
+/** The finest that timers can tell. */
+const TICK = 1;
 /** Messages between a frame and its token. */
 const TOKEN_REACH = 4096;
 const MOST_STEPS = 16;
@@ -115,7 +118,7 @@ export class Player {
         this.#isPlaying = true;
         this.#setClock();
         this.#ask(true, async () => {
-            const isOver = this.#shown && !(await this.#beside(1));
+            const isOver = !this.#shown || !(await this.#beside(1));
             const stop = isOver ? await this.#first() : null;
             return stop && { stop };
         });
@@ -199,7 +202,7 @@ export class Player {
         }
         this.#tell();
         const left = ((next ? this.#timeOf(next) : this.#chunks.duration) - time) / this.#speed;
-        this.#cancelTimer = after(() => this.#begin(), Math.min(left, TELL_EVERY));
+        this.#cancelTimer = after(() => this.#begin(), Math.min(Math.max(left, TICK), TELL_EVERY));
         return null;
     }
 
@@ -330,13 +333,13 @@ export class Player {
 
     // --- What frames show ---------------------------------------------------------------------
 
-    /** What brings the page from what is shown to this frame. @param {Stop} stop
+    /** What brings the page to this frame. @param {Stop} stop
      * @returns {Promise<Frame>} */
     async #frameAt(stop) {
         const mark = this.#isOf(stop.message, "frames") ? this.#json(stop) : { attempt: 1 };
         const head = { attempt: Number(mark.attempt), token: null, error: null };
-        if (this.#shown && this.#isNear(this.#shown, stop)) {
-            const commands = await this.#changes(this.#shown, stop);
+        const commands = await this.#changes(stop);
+        if (commands) {
             return { ...head, number: Number(mark.frame), isWhole: false, commands, scene: null };
         }
         const { scene, error } = await this.#sceneAt(stop);
@@ -351,13 +354,21 @@ export class Player {
         return between.reduce((sum, { size }) => sum + size, 0) <= this.#near;
     }
 
-    /** @param {Place} shown @param {Place} stop @returns {Promise<Frame["commands"]>} */
-    async #changes(shown, stop) {
+    /** What brings the page from what it shows to this frame; null: that is not near, or damaged.
+     * @param {Place} stop @returns {Promise<Frame["commands"] | null>} */
+    async #changes(stop) {
+        if (!this.#shown || !this.#isNear(this.#shown, stop)) return null;
         /** @type {Frame["commands"]} */
         const commands = [];
         const following = new Following((command, data) => commands.push([command, data]));
-        await this.#through(nextTo(shown, 1), stop, following);
-        return commands;
+        try {
+            await this.#through(nextTo(this.#shown, 1), stop, following);
+            return commands;
+        } catch (thrown) {
+            // Something whole may stand behind it.
+            if (thrown instanceof RecordingError) return null;
+            throw thrown;
+        }
     }
 
     /** @param {Place} from @param {Place} stop @param {Following} following
