@@ -39,12 +39,14 @@ class Run {
     #next = 3;
     #clock = 10e6;
     #commands = [];
+    #isBegun = false;
     constructor() {
         const ended = (file) => (this.file = file);
         this.recorder = new Recorder({ now: () => this.#clock, most: 1e9, ended });
     }
     /** Of what was shown before. */
     begin() {
+        this.#isBegun = true;
         this.recorder.begin("a run", this.scene, this.#sequence);
         if (this.#sequence > 0) this.#keep();
     }
@@ -63,7 +65,7 @@ class Run {
         draw();
         const commands = this.#commands.splice(0);
         const frame = { number, attempt: 1, isWhole, commands, error: null };
-        this.recorder.frame(frame, this.scene);
+        if (this.#isBegun) this.recorder.frame(frame, this.scene);
         this.#keep();
         return frame;
     }
@@ -244,7 +246,7 @@ test("It plays at the clock's pace, leaves out what the page has no time for, an
     const { player, given, moments } = stage;
     await stage.do(() => player.play(2));
     assert.equal(given.length, 1);
-    await stage.pass(500);
+    await stage.pass(510);
     assert.deepEqual([given.length, stage.moment.frame], [11, 10]);
     await stage.do(() => player.play(0.1));
     await stage.pass(2100);
