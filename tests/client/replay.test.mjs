@@ -80,12 +80,7 @@ class Run {
             const chance = random.below(12);
             if (chance === 0) this.#say("set", { id, name: String(random.next()) });
             else if (chance === 1 && this.#lines.delete(id)) this.#say("remove", { id });
-            else
-                this.data(
-                    id,
-                    random.values(chance === 2 ? 1500 : random.below(200), 0, 9),
-                    chance < 3,
-                );
+            else this.data(id, chance === 2 ? 1500 : random.below(200), chance < 3);
         }
     }
     create(properties) {
@@ -94,9 +89,10 @@ class Run {
         this.#lines.set(id, 0);
         return id;
     }
-    data(id, values, isSet = false) {
+    data(id, size, isSet) {
         const first = isSet ? 0 : this.#lines.get(id);
-        const { count, columns, data } = encode({ y: Float32Array.from(values) });
+        const values = Float32Array.from(this.random.values(size, 0, 9));
+        const { count, columns, data } = encode({ y: values });
         this.#lines.set(id, first + count);
         this.#say("data", { id, data: `${++this.#next} 1`, first, count, columns }, data);
     }
