@@ -5,7 +5,12 @@
 
 /** Of a message: its chunk's number, and its own in it. @typedef {{chunk: number, index: number}} Place */
 
+/** A chunk that is kept, and the bytes that it takes.
+ * @typedef {{messages: Promise<Message[]>, cost: number}} Kept */
+
 const MOST = 64 * 1024 * 1024;
+/** Bytes that a message takes besides its own. */
+const MESSAGE_COST = 300;
 const NS_PER_MS = 1e6;
 
 /** @type {Place} */
@@ -27,7 +32,7 @@ export function nextTo({ chunk, index }, step) {
 export class Chunks {
     #most;
     /** Those that were read last, by their numbers; the oldest first.
-     * @type {Map<number, Promise<Message[]>>} */
+     * @type {Map<number, Kept>} */
     #kept = new Map();
     #bytes = 0;
     /** By channel. @type {Map<number, string>} */
@@ -61,27 +66,47 @@ export class Chunks {
      * @returns {Promise<Message[]>} whose data are the chunk's own memory: not to be changed */
     read(number, isKept = true) {
         const known = this.#kept.get(number);
-        if (!isKept) return known ?? this.reader.read(this.reader.chunks[number]);
-        this.#forget(number);
-        const messages = known ?? this.reader.read(this.reader.chunks[number]);
-        this.#kept.set(number, messages);
-        this.#bytes += this.#sizeOf(number);
-        for (const oldest of this.#kept.keys()) {
-            if (this.#bytes <= this.#most || oldest === number) break;
-            this.#forget(oldest);
-        }
-        // It may be that it could not be had, and can be later.
-        messages.catch(() => this.#kept.get(number) === messages && this.#forget(number));
-        return messages;
+        if (!isKept) return known?.messages ?? this.#load(number);
+        const entry = known ?? { messages: this.#load(number), cost: 0 };
+        // The newest is the last.
+        this.#kept.delete(number);
+        this.#kept.set(number, entry);
+        if (!known) void this.#weigh(number, entry);
+        return entry.messages;
     }
 
     /** @param {number} number */
-    #forget(number) {
-        if (this.#kept.delete(number)) this.#bytes -= this.#sizeOf(number);
+    #load(number) {
+        return this.reader.read(this.reader.chunks[number]);
     }
-    /** @param {number} number */
-    #sizeOf(number) {
-        return this.reader.chunks[number].size;
+
+    /** @param {number} number @param {Kept} entry new */
+    async #weigh(number, entry) {
+        this.#cost(entry, this.reader.chunks[number].size);
+        try {
+            const { length } = await entry.messages;
+            if (this.#kept.get(number) === entry) this.#cost(entry, MESSAGE_COST * length);
+        } catch {
+            // It may be that it could not be had, and can be later.
+            this.#forget(number, entry);
+        }
+    }
+
+    /** @param {Kept} entry @param {number} bytes that it takes more */
+    #cost(entry, bytes) {
+        entry.cost += bytes;
+        this.#bytes += bytes;
+        for (const [number, oldest] of this.#kept) {
+            if (this.#bytes <= this.#most || this.#kept.size === 1) break;
+            this.#forget(number, oldest);
+        }
+    }
+
+    /** @param {number} number @param {Kept} entry */
+    #forget(number, entry) {
+        if (this.#kept.get(number) === entry) this.#kept.delete(number);
+        this.#bytes -= entry.cost;
+        entry.cost = 0;
     }
 
     /** The first message from a place on, in this direction, that is wanted; null: there is none.
