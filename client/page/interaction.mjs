@@ -128,10 +128,12 @@ export class Interaction {
         if (event.defaultPrevented || document.querySelector("dialog")) return;
         if (target instanceof Element && target.closest("input, select, button, textarea")) return;
         const meaning = meaningOf(event);
+        const isInAxes = target instanceof Element && target.closest(".chart") !== null;
         if (meaning?.do === "help") showKeys();
-        else if (meaning?.do === "pause") this.#actions.pause();
-        else if (meaning?.do === "record") this.#actions.record();
-        else if (meaning?.do === "open") this.#actions.open();
+        else if (meaning?.do === "pause") event.repeat || this.#actions.pause();
+        // Who speaks to the browser must not begin a recording by a letter.
+        else if (meaning?.do === "record" && isInAxes) event.repeat || this.#actions.record();
+        else if (meaning?.do === "open" && isInAxes) this.#actions.open();
         else if (meaning?.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: null });
         } else return;

@@ -108,7 +108,7 @@ export function showKeys() {
     const note = make(
         "p",
         {},
-        "They hold where a figure’s axes have the focus. Other keys go to an engine that listens to them.",
+        "They hold where a figure’s axes have the focus, those of a recording also on its time line. Other keys go to an engine that listens to them.",
     );
     dialog.append(
         note,

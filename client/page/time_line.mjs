@@ -127,6 +127,7 @@ export class TimeLine {
         this.#duration = duration;
         this.#slider.max = String(duration);
         this.element.hidden = false;
+        this.#slider.focus();
         this.#show();
     }
     close() {
@@ -171,11 +172,13 @@ export class TimeLine {
         const { target, key, ctrlKey, altKey, metaKey, defaultPrevented } = event;
         const isBusy = defaultPrevented || ctrlKey || altKey || metaKey;
         if (isBusy || !this.isShown || document.querySelector("dialog")) return;
-        const isTyped = target instanceof Element && target.closest("input, select, textarea");
-        if (isTyped && target !== this.#slider) return;
+        const at = target instanceof Element ? target : document.body;
+        if (at.closest("input, select, textarea") && at !== this.#slider) return;
         // A button is pressed by it.
-        if (key === " " && target instanceof Element && target.closest("button")) return;
-        if (key === " ") this.toggle();
+        const isSpace = key === " " && !at.closest("button");
+        // Who speaks to the browser must not change the time by a letter.
+        if (!isSpace && !at.closest(".chart, #time-line")) return;
+        if (isSpace) event.repeat || this.toggle();
         else if (key === ",") this.#step(-1);
         else if (key === ".") this.#step(1);
         else if (key === "<") this.#choose(-1);

@@ -165,11 +165,16 @@ Drawn Frames::over(Outcome outcome, std::string reason) {
 }
 
 Drawn Frames::nobodySees(std::uint64_t frame) {
+    const Outcome outcome = fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted;
+    bool wasSent = false;
+    for (const auto& flight : fFlights) {
+        fMeans.recording.over({flight.frame, flight.attempt}, outcome, {}, nullptr);
+        wasSent = wasSent || flight.frame == frame;
+    }
+    if (!wasSent) fMeans.recording.over({frame}, outcome, {}, nullptr);
     abandon();
     // A page that comes may hear what is sent before it has said that it is there.
     fArePagesCurrent = false;
-    const Outcome outcome = fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted;
-    fMeans.recording.over({frame}, outcome, {}, nullptr);
     return {outcome, frame, {}};
 }
 

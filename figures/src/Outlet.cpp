@@ -125,9 +125,12 @@ void Outlet::send(const char* command, JSONPayload&& payload) {
     payload.addDataToPayload("seq", static_cast<unsigned long>(fSequence + 1));
     // As the sender does, which leaves it as it is then: a tap gets the same text.
     payload.addDataToPayload("cmd", command);
-    if (fTap.isOpen()) fTap.command(payload.convertToString());
+    const bool isTapped = fTap.isOpen();
+    std::string text = isTapped ? payload.convertToString() : std::string();
     if (fSender != nullptr) fSender->sendCommand(command, std::move(payload));
     ++fSequence;
+    // What could not be sent is not recorded.
+    if (isTapped) fTap.command(std::move(text));
 }
 
 void Outlet::beginFrame(std::uint64_t frame, std::uint64_t attempt, bool isWhole) {
@@ -163,6 +166,7 @@ void Outlet::remove(std::uint64_t id) {
 }
 
 void Outlet::data(std::uint64_t id, const Delta& delta) {
+    if (fSender == nullptr && !fTap.isOpen()) return;
     Delta ordered = delta;
     std::ranges::stable_sort(ordered.parts, {}, &typeOf);
     const DataID block = BinaryDataPayload::createID();

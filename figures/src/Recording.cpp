@@ -1,5 +1,6 @@
 #include "Recording.hpp"
 
+#include <algorithm>
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include "kiro/web/RelayPubSub.hpp"
 #include "kirorecording/Recorder.hpp"
 #include "kirorecording/Run.hpp"
+#include "kirorecording/Writer.hpp"
 #include "kiroutils/Logger.hpp"
 #include "text/Escape.hpp"
 
@@ -103,10 +105,10 @@ void Recording::start(const std::string& path, std::size_t queueSize) {
     fRecorder = std::make_shared<Recorder>(std::make_unique<kirorecording::FileSink>(path),
                                            kirorecording::runChannels(), std::move(options));
     fIsGone = false;
-    fRecorder->add(numberOf(Topic::kConnections),
-                   json::serialize(json::object{
-                       {"event", "begin"}, {"vocabulary", kVocabulary}, {"title", fTitle}}));
     try {
+        fRecorder->add(numberOf(Topic::kConnections),
+                       json::serialize(json::object{
+                           {"event", "begin"}, {"vocabulary", kVocabulary}, {"title", fTitle}}));
         hear();
     } catch (...) {
         stop();
@@ -169,8 +171,21 @@ void Recording::begin(const FrameMark& mark) noexcept {
     fFrameBytes = 0;
 }
 
-void Recording::sent(const Scene& scene, const Outlet& outlet, Time now) {
+template <typename Operation>
+void Recording::attempt(const Operation& operation) noexcept {
     if (!isOpen()) return;
+    try {
+        operation();
+    } catch (...) {
+        fRecorder->fail("no memory");  // short enough to need none
+    }
+}
+
+void Recording::sent(const Scene& scene, const Outlet& outlet, Time now) noexcept {
+    attempt([&] { addFrame(scene, outlet, now); });
+}
+
+void Recording::addFrame(const Scene& scene, const Outlet& outlet, Time now) {
     const std::size_t bytes = fFrameBytes;
     fIsGone = false;
     fRecorder->add(numberOf(Topic::kFrames),
@@ -200,8 +215,9 @@ bool Recording::isSnapshotDue(Time now) const noexcept {
 
 void Recording::addSnapshot(const Scene& scene, const Outlet& outlet) {
     // Half of the queue is left for what travels, which matters more.
-    Gathering gathering(fRecorder->room() / 2);
+    Gathering gathering(std::min(fRecorder->room() / 2, kirorecording::Writer::kMostBytes));
     Outlet all({}, gathering);
+    all.engineListensToKeys = outlet.engineListensToKeys;
     all.beginFrame(fMark.frame, fMark.attempt, true);
     scene.sendSnapshot(all);
     auto message = gathering.message(fMark.frame, outlet.sequence());
@@ -211,12 +227,17 @@ void Recording::addSnapshot(const Scene& scene, const Outlet& outlet) {
 }
 
 void Recording::over(const FrameMark& mark, Outcome outcome, const std::string& reason,
-                     const kiro::ACTRequestor* requestor) {
-    if (!isOpen()) return;
+                     const kiro::ACTRequestor* requestor) noexcept {
+    attempt([&] { addToken(mark, outcome, reason, requestor); });
+}
+
+void Recording::addToken(const FrameMark& mark, Outcome outcome, const std::string& reason,
+                         const kiro::ACTRequestor* requestor) {
     if (outcome == Outcome::kNoPage) {
+        const bool wasGone = std::exchange(fIsGone, true);
         // Nobody keeps the engine's pace then: it may draw as fast as it can.
-        if (std::exchange(fIsGone, true)) return;
-        fRecorder->add(numberOf(Topic::kConnections), R"({"event":"gone"})");
+        if (wasGone && mark.attempt == 0) return;
+        if (!wasGone) fRecorder->add(numberOf(Topic::kConnections), R"({"event":"gone"})");
     }
     kiro::ACTRequestor::TimeStamps last;
     if (requestor != nullptr && requestor->hasTimeStamps()) {

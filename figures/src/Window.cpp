@@ -97,7 +97,7 @@ struct Window::Impl {
 
     [[nodiscard]] Frames::Means means();
     [[nodiscard]] Surroundings ownSurroundings();
-    void serve();
+    void showLink();
     /// Hands what pages have said to whoever wants it.
     void dispatch();
     void handle(const PickEvent& event) const;
@@ -150,9 +150,13 @@ Window::Impl::Impl(WindowOptions given, const Surroundings* others)
       outlet(sender, recording),
       surroundings(others == nullptr ? ownSurroundings() : *others),
       frames(means()) {
-    // First, so that a file that cannot be made is found before anybody is shown a link.
+    const bool isServed = options.serves && others == nullptr;
+    // A program whose port is taken leaves a recording as it is; one whose file cannot be made
+    // shows nobody a link.
+    if (isServed)
+        gateway = std::make_unique<kirogateway::Gateway>(gatewayOptions(options, channels));
     if (!options.recording.empty()) recording.start(options.recording, options.recordingQueue);
-    if (options.serves && others == nullptr) serve();
+    if (isServed) showLink();
 }
 
 Surroundings Window::Impl::ownSurroundings() {
@@ -183,8 +187,7 @@ Frames::Means Window::Impl::means() {
             options.waitsForPage};
 }
 
-void Window::Impl::serve() {
-    gateway = std::make_unique<kirogateway::Gateway>(gatewayOptions(options, channels));
+void Window::Impl::showLink() {
     if (options.printsLink) {
         std::puts(gateway->link().c_str());
         std::fflush(stdout);

@@ -162,6 +162,7 @@ bool Reader::readIndex() {
         fChannels.clear();
         fChunks.clear();
         fDefined = 0;
+        fIndexed = 0;
         return damaged(wrong.what);
     }
 }
@@ -179,8 +180,21 @@ void Reader::readSummary(std::string_view summary) {
             info.length < kChunkHead) {
             throw WrongRecord{"the index names a chunk that is not there"};
         }
+        countIndexes(info);
     }
     std::ranges::sort(fChunks, {}, &ChunkInfo::offset);
+    for (std::size_t i = 1; i < fChunks.size(); ++i) {
+        const auto& before = fChunks[i - 1];
+        if (fChunks[i].offset < before.offset + before.length) {
+            throw WrongRecord{"the index names chunks that lie in each other"};
+        }
+    }
+}
+
+void Reader::countIndexes(const ChunkInfo& info) {
+    constexpr std::size_t kNode = 64;
+    fIndexed += info.indexes.size() * kNode;
+    if (fIndexed > fLimits.index) throw WrongRecord{"there are too many message indexes"};
 }
 
 void Reader::define(std::uint8_t opcode, std::string_view content) {
@@ -268,6 +282,7 @@ void Reader::scanChunk(std::uint64_t offset, std::uint64_t length) {
                 define(record.opcode, record.content);
             }
         }
+        countIndexes(info);
     } catch (const WrongRecord& wrong) {
         fail(offset, wrong.what);
     }

@@ -38,6 +38,7 @@ class Recorder::Impl {
 
     void add(std::uint16_t channel, std::string&& data) noexcept;
     void addCopy(std::uint16_t channel, std::string_view data) noexcept;
+    void fail(std::string cause) noexcept;
     void stop() noexcept;
     [[nodiscard]] Status status() const;
     [[nodiscard]] bool isOn() const noexcept { return fIsOn; }
@@ -57,7 +58,7 @@ class Recorder::Impl {
         return fIsOn && (fQueue.empty() || fHeld < fWakeAt);
     }
     void waitLocked() REQUIRES_LOCK(fMutex);
-    void write(const std::vector<Item>& batch);
+    void write(std::vector<Item>& batch);
     void flushIfDue();
     /// Takes nothing more. The first cause is the one that counts; none: it was asked to end.
     void endLocked(std::string cause) noexcept REQUIRES_LOCK(fMutex);
@@ -143,13 +144,19 @@ bool Recorder::Impl::addLocked(Item item) {
 }
 
 void Recorder::Impl::endLocked(std::string cause) noexcept {
-    if (!fIsOn.exchange(false)) return;
-    fCause = std::move(cause);
+    fIsOn = false;
+    // What goes wrong after it was asked to end is a cause as well: something is missing.
+    if (fCause.empty()) fCause = std::move(cause);
 }
 
 void Recorder::Impl::end(std::string cause) noexcept {
     const annotated::Lock lock(fMutex);
     endLocked(std::move(cause));
+}
+
+void Recorder::Impl::fail(std::string cause) noexcept {
+    end(std::move(cause));
+    fChanged.notify_one();
 }
 
 void Recorder::Impl::stop() noexcept {
@@ -213,10 +220,12 @@ void Recorder::Impl::waitLocked() {
     native.release();
 }
 
-void Recorder::Impl::write(const std::vector<Item>& batch) {
-    for (const auto& item : batch) {
+void Recorder::Impl::write(std::vector<Item>& batch) {
+    for (auto& item : batch) {
         fWriter.write(item.channel, item.time, item.data);
-        fHeld -= item.size();
+        const std::size_t size = item.size();
+        item.data = std::string();
+        fHeld -= size;
     }
 }
 
@@ -225,7 +234,8 @@ void Recorder::Impl::flushIfDue() {
     if (since == 0) return;
     const auto now = fOptions.now();
     const auto age = static_cast<std::uint64_t>(fOptions.flushAfter.count());
-    if (now >= since && now - since >= age) fWriter.flush();
+    // Either way: a clock that was set back says nothing about an age.
+    if ((now > since ? now - since : since - now) >= age) fWriter.flush();
 }
 
 Recorder::Recorder(std::unique_ptr<Sink> sink, const std::vector<Channel>& channels,
@@ -245,6 +255,7 @@ void Recorder::addCopy(std::uint16_t channel, std::string_view data) noexcept {
 bool Recorder::isOn() const noexcept { return fImpl->isOn(); }
 std::size_t Recorder::room() const noexcept { return fImpl->room(); }
 Recorder::Status Recorder::status() const { return fImpl->status(); }
+void Recorder::fail(std::string cause) noexcept { fImpl->fail(std::move(cause)); }
 void Recorder::stop() noexcept { fImpl->stop(); }
 
 std::uint64_t RecorderOptions::systemNow() {

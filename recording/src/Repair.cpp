@@ -8,6 +8,8 @@ namespace kirorecording {
 
 Repaired repair(const Source& source, Sink& sink) {
     const Reader reader(source);
+    // Of others it does not know all that there may be.
+    if (!reader.isOurs()) throw FormatError(source.name(), 0, "not a recording of kiroweb");
     Writer writer(sink);
     std::map<std::uint16_t, std::uint16_t> numbers;
     for (const auto& [number, channel] : reader.channels()) numbers[number] = writer.add(channel);

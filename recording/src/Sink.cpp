@@ -1,6 +1,8 @@
 #include "kirorecording/Sink.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,9 +21,24 @@ constexpr int kMode = 0666;
 Sink::~Sink() = default;
 
 FileSink::FileSink(std::string path)
-    : fPath(std::move(path)),
-      fFile(::open(fPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMode)) {
+    : fPath(std::move(path)), fFile(::open(fPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kMode)) {
     if (fFile < 0) fail();
+    try {
+        begin();
+    } catch (...) {
+        ::close(fFile);
+        throw;
+    }
+}
+
+void FileSink::begin() const {
+    struct stat known {};
+    if (::fstat(fFile, &known) != 0) fail();
+    if (!S_ISREG(known.st_mode)) return;
+    if (::flock(fFile, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        throw std::system_error(EBUSY, std::generic_category(), fPath + ": somebody is writing it");
+    }
+    if (::ftruncate(fFile, 0) != 0) fail();
 }
 
 FileSink::~FileSink() {

@@ -1,7 +1,12 @@
 // kiroweb-record: says what is in a recording, and closes one that was not.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <boost/program_options.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <filesystem>
@@ -15,6 +20,7 @@
 
 #include "kirorecording/Reader.hpp"
 #include "kirorecording/Repair.hpp"
+#include "text/Escape.hpp"
 
 namespace {
 
@@ -140,25 +146,37 @@ Status info(const std::string& file) {
     } catch (const FormatError& error) {
         damage = error;
     }
-    std::string text = "channel                     messages           bytes\n";
+    std::string table = "channel                     messages           bytes\n";
     for (const auto& [number, channel] : reader.channels()) {
-        text += lineOf(channel.topic, counts[number].messages, counts[number].bytes);
+        table +=
+            lineOf(text::escaped(channel.topic), counts[number].messages, counts[number].bytes);
     }
-    if (last != 0) text += "from " + textOf(first) + "\nto   " + textOf(last) + '\n';
-    print(text);
+    if (last != 0) table += "from " + textOf(first) + "\nto   " + textOf(last) + '\n';
+    print(table);
     if (!damage) return kGood;
     std::fprintf(stderr, "kiroweb-record: %s\n", damage->what());
     return kNotGood;
+}
+
+/// A new file beside `target`.
+std::string makeDraft(const std::string& target) {
+    std::string path = target + ".XXXXXX";
+    const int file = ::mkostemp(path.data(), O_CLOEXEC);
+    if (file < 0) {
+        throw std::system_error(errno, std::generic_category(), target + ": cannot be written");
+    }
+    ::close(file);
+    return path;
 }
 
 Status repairFile(const std::string& file, const std::string& output) {
     const std::string target = output.empty() ? file : output;
     // Beside it, so that nothing is lost when this ends early, and nothing is read from what is
     // just being written.
-    const std::string part = target + ".part";
+    const FileSource source(file);
+    const std::string part = makeDraft(target);
     Repaired repaired;
     try {
-        const FileSource source(file);
         FileSink sink(part);
         repaired = repair(source, sink);
         if (!repaired.damage && output.empty()) {

@@ -66,6 +66,12 @@ test("What the page gets is recorded, and downloaded", async () => {
     const { scene, page } = await start();
     const button = page.getByRole("button", { name: "Record" });
     await page.keyboard.press("r");
+    assert.equal(
+        await button.getAttribute("aria-pressed"),
+        "false",
+        "where no axes have the focus",
+    );
+    await page.locator(".chart").first().press("r");
     await button.getByText(/^Record \d:\d\d · [\d.]+ KiB$/).waitFor();
     assert.equal(await button.getAttribute("aria-pressed"), "true");
     for (let i = 0; i < 3; ++i) await scene.draw("step 1");

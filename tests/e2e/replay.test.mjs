@@ -36,6 +36,7 @@ function draw(engine, i) {
 /** What is recorded of ten frames, and what was seen. */
 async function record(engine) {
     const { page } = engine;
+    await page.locator(".chart").first().focus();
     await page.keyboard.press("r");
     await page.locator('.record[aria-pressed="true"]').waitFor();
     const seen = [];

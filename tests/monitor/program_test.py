@@ -89,7 +89,12 @@ class Pages(Case):
     def test_a_port_that_is_taken(self):
         first = start("--no-browser")
         port = first.stdout.readline().split(":")[2].split("/")[0]
-        self.one_line(1, [f"--port {port}", "in use", "another"], "--no-browser", f"--port={port}")
+        with tempfile.NamedTemporaryFile() as kept:
+            kept.write(b"a recording")
+            kept.flush()
+            self.one_line(1, [f"--port {port}", "in use", "another"], "--no-browser", f"--port={port}",
+                          f"--record={kept.name}")
+            self.assertEqual(pathlib.Path(kept.name).read_bytes(), b"a recording")
         end(first, signal.SIGTERM)
 
     def test_a_signal(self):

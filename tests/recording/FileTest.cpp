@@ -160,9 +160,10 @@ TEST(HostileFile, IsRefusedBeforeItTakesMemory) {
     const auto gap = file.substr(0, chunks[1].offset) + file.substr(chunks[2].offset);
     const auto whole = sample(true);
     // In the index, where it names the second chunk.
-    std::uint64_t second = chunks[1].offset;
-    const std::size_t index =
-        whole.rfind(std::string(reinterpret_cast<const char*>(&second), sizeof second));
+    const auto placeOf = [&whole](std::uint64_t offset) {
+        return whole.rfind(std::string(reinterpret_cast<const char*>(&offset), sizeof offset));
+    };
+    const std::size_t index = placeOf(chunks[1].offset);
     const struct {
         const char* what;
         std::string file;
@@ -178,7 +179,8 @@ TEST(HostileFile, IsRefusedBeforeItTakesMemory) {
          file.substr(0, first) + file.substr(chunks[1].offset)},  // its channel was in the first
         {"the index names a chunk that is not there", sealed(with(whole, index, kHuge))},
         {"the index names a chunk that is not there", sealed(with(whole, index + 8, kHuge))},
-        {"no chunk is there", sealed(with(whole, index, first + 1))},
+        {"chunks that lie in each other", sealed(with(whole, index, first + 1))},
+        {"no chunk is there", sealed(with(whole, placeOf(chunks[2].offset), chunks[2].offset + 1))},
         {"the chunk is not as the index says", sealed(with(whole, index - 8, kHuge))},
     };
     EXPECT_EQ(complaintAbout(sealed(whole)), "");

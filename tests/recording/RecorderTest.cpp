@@ -177,6 +177,14 @@ TEST_F(RecorderTest, EndsWhenTheDiskIsFull) {
     EXPECT_EQ(recorder->status().bytes, fDisk.bytes().size());
 }
 
+TEST_F(RecorderTest, SaysWhatCouldNotBeWrittenWhenItWasStopped) {
+    const auto recorder = make(10'000);
+    fDisk.limit(10);
+    recorder->add(1, "x");
+    recorder->stop();
+    EXPECT_THAT(recorder->status().cause, testing::HasSubstr("No space left on device"));
+}
+
 TEST_F(RecorderTest, ThrowsWhenNotEvenTheBeginningCanBeWritten) {
     fDisk.limit(10);
     EXPECT_THROW(make(1000), std::system_error);

@@ -60,10 +60,14 @@ class Program(unittest.TestCase):
 
     def test_says_what_is_wrong_in_one_line(self):
         self.file.write_text("nothing of the kind")
+        foreign = self.folder / "foreign.mcap"
+        foreign.write_bytes(b"\x89MCAP0\r\n\x01" + (9).to_bytes(8, "little") + b"\x01\0\0\0x\0\0\0\0")
+        left = foreign.read_bytes()
         for status, words, *arguments in [
                 (1, "offset 0: this is no recording", "info", self.file),
                 (1, "offset 0: this is no recording", "repair", self.file),
                 (1, "nowhere: cannot be read: No such file", "info", "nowhere"),
+                (1, "not a recording of kiroweb", "repair", foreign),
                 (2, "see --help", "info"),
                 (2, "see --help", "mend", self.file),
                 (2, "--frobnicate", "info", self.file, "--frobnicate"),
@@ -73,7 +77,8 @@ class Program(unittest.TestCase):
                 self.assertEqual((got, out), (status, ""))
                 self.assertRegex(error, r"\Akiroweb-record: [^\n]*\n\Z")
                 self.assertIn(words, error)
-        self.assertEqual([path.name for path in self.folder.iterdir()], ["run.mcap"])
+        self.assertEqual(foreign.read_bytes(), left)
+        self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["foreign.mcap", "run.mcap"])
         with open("/dev/full", "w") as full:
             self.assertEqual(run("--help", stdout=full)[0], 3)
 

@@ -380,7 +380,7 @@ export class Reader {
             }
             // Each takes more memory than it has bytes.
             if (messages.length === this.#limits.messages)
-                throw new RangeError("too many messages");
+                {throw new RangeError("too many messages");}
             messages.push(message);
         }
         return messages;

@@ -22,12 +22,17 @@ const SNAPSHOT_PERIOD = 2e6;
 const SNAPSHOT_BYTES = 16 * 1024 * 1024;
 
 const MIB = 1024 * 1024;
+/** Bytes of a message: what is larger would be in a chunk that readers refuse. */
+const MOST_IN_ONE = 120 * MIB;
 const NUMBERS = new Map(CHANNELS.map(({ topic }, i) => [topic, i + 1]));
 
 /** @param {Record<string, any>} message */
 function encoded(message) {
     return new TextEncoder().encode(textOf(message));
 }
+
+/** @param {Uint8Array[]} pieces */
+const sizeOf = (pieces) => pieces.reduce((sum, { length }) => sum + length, 0);
 
 /** A block's identifier, from how commands name it. @param {string} name */
 function identifierOf(name) {
@@ -47,6 +52,7 @@ export class Recorder {
     #wholeTime = 0;
     #wholeBytes = 0;
     #bytesSince = 0;
+    #isFirst = true;
 
     /** @param {Surroundings} surroundings */
     constructor(surroundings) {
@@ -103,7 +109,12 @@ export class Recorder {
     end(reason = "") {
         const writer = this.#writer;
         this.#writer = null;
-        if (writer) this.#surroundings.ended(writer.end(), reason);
+        if (!writer) return;
+        try {
+            this.#surroundings.ended(writer.end(), reason);
+        } catch (thrown) {
+            this.#surroundings.ended(writer.whole, reason || String(thrown));
+        }
     }
 
     /** What goes wrong here ends the recording, and costs no frame. @param {() => void} call */
@@ -144,7 +155,11 @@ export class Recorder {
     /** @param {Scene} scene */
     #addSnapshot(scene) {
         const pieces = snapshotOf(scene, this.#sequence, () => ++this.#blocks);
-        this.#hasAll(this.#add("snapshots", pieces));
+        const bytes = sizeOf(pieces);
+        this.#hasAll(bytes);
+        // Later ones are a help only.
+        if (bytes <= MOST_IN_ONE || this.#isFirst) this.#add("snapshots", pieces);
+        this.#isFirst = false;
     }
 
     /** @param {number} bytes of all that there is */
@@ -163,7 +178,11 @@ export class Recorder {
     #add(topic, data) {
         if (!this.#writer) return 0;
         const { now, most } = this.#surroundings;
-        const bytes = data.reduce((sum, { length }) => sum + length, 0);
+        const bytes = sizeOf(data);
+        if (bytes > MOST_IN_ONE) {
+            this.end(`of ${topic} one has more than ${MOST_IN_ONE / MIB} MiB`);
+            return 0;
+        }
         if (this.#writer.size + bytes > most) {
             this.end(`it has the ${most / MIB} MiB that it may have`);
             return 0;

@@ -100,10 +100,16 @@ export class Writer {
         return new Blob(this.#parts, { type: "application/octet-stream" });
     }
 
-    /** @param {Uint8Array} bytes */
-    #put(bytes) {
-        this.#parts.push(new Blob([/** @type {Uint8Array<ArrayBuffer>} */ (bytes)]));
-        this.#offset += bytes.length;
+    /** What is in whole chunks, without an end: where memory for that is missing. */
+    get whole() {
+        return new Blob(this.#parts, { type: "application/octet-stream" });
+    }
+
+    /** All of them, or none. @param {Uint8Array[]} pieces */
+    #put(...pieces) {
+        const parts = pieces.map((bytes) => new Blob([/** @type {any} */ (bytes)]));
+        this.#parts.push(...parts);
+        for (const { length } of pieces) this.#offset += length;
     }
 
     /** @param {Encoder} out gets all schemas and channels */
@@ -122,29 +128,29 @@ export class Writer {
         const offset = this.#offset;
         const head = new Encoder().u8(OP.chunk).u64(CHUNK_HEAD + size);
         head.u64(first).u64(last).u64(size).u32(crcOf(bytes)).text("").u64(size);
-        this.#put(head.bytes);
-        this.#put(bytes);
-        const length = this.#offset - offset;
-        const [indexes, indexLength] = this.#putIndexes();
+        const length = head.length + size;
+        const [indexes, index] = this.#indexesAt(offset + length);
+        this.#put(head.bytes, bytes, index);
+        const indexLength = index.length;
         this.#chunks.push({ first, last, offset, length, indexes, indexLength, size });
         this.#records.clear(2 * this.#chunkSize);
         this.#index.clear();
         this.#times = [0n, 0n];
     }
 
-    /** @returns {[Map<number, number>, number]} where that of each channel is, and their length */
-    #putIndexes() {
+    /** @param {number} begin @returns {[Map<number, number>, Uint8Array]} where that of each channel
+     * is, and they */
+    #indexesAt(begin) {
         const out = new Encoder();
         const offsets = new Map();
         for (const [channel, index] of this.#index) {
-            offsets.set(channel, this.#offset + out.length);
+            offsets.set(channel, begin + out.length);
             out.record(OP.messageIndex, () => {
                 out.u16(channel).u32(2 * U64 * index.length);
                 for (const [time, offset] of index) out.u64(time).u64(offset);
             });
         }
-        this.#put(out.bytes);
-        return [offsets, out.length];
+        return [offsets, out.bytes];
     }
 
     #summary() {

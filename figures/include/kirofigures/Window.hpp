@@ -55,7 +55,7 @@ struct RecordingState {
     enum class Phase {
         kOff,  ///< there is none, or it was stopped
         kOn,
-        kEnded,  ///< by itself
+        kEnded,  ///< by itself, or something of it could not be written
     };
     Phase phase = Phase::kOff;
     std::string cause;        ///< why it has ended
@@ -116,7 +116,7 @@ class Window {
     [[nodiscard]] std::string link() const;
 
     /// Records what travels to the pages and what comes of it into a new file, as docs/recording.md
-    /// says, instead of a recording that is on. The next frame shows everything anew. A recording
+    /// says. A recording that is on ends first. The next frame shows everything anew. A recording
     /// costs the engine a copy of what it sends and, now and then, of all that pages have; it never
     /// waits for the disk: when too much waits or cannot be written it ends, which the host's log
     /// "recording" says in one line, and the file is good up to there. Frames that nobody looks at

@@ -29,7 +29,8 @@ class FormatError : public std::runtime_error {
 /// What a reader takes memory for, in bytes; what claims to be larger is refused before.
 struct Limits {
     std::uint64_t chunk = std::uint64_t{128} << 20U;  ///< compressed, and again uncompressed
-    std::uint64_t index = std::uint64_t{64} << 20U;   ///< the summary; schemas and channels
+    std::uint64_t index = std::uint64_t{64} << 20U;   ///< the summary; schemas and channels; what
+                                                      ///< is kept of message indexes
     std::size_t chunks = std::size_t{1} << 20U;       ///< how many
 };
 
@@ -81,6 +82,7 @@ class Reader {
     /// False, and no chunk is known, when there is no index that can be trusted.
     bool readIndex();
     void readSummary(std::string_view summary);
+    void countIndexes(const ChunkInfo& info);
     void scan();
     /// Returns where the next record begins; nothing behind the last one.
     std::optional<std::uint64_t> scanRecord(std::uint64_t offset);
@@ -99,6 +101,7 @@ class Reader {
     std::uint64_t fBegin = 0;  ///< of what follows the header
     std::map<std::uint16_t, std::shared_ptr<const Schema>> fSchemas;
     std::uint64_t fDefined = 0;  ///< bytes of schemas and channels
+    std::uint64_t fIndexed = 0;  ///< bytes that the chunks' message indexes take
     Channels fChannels;
     std::map<std::uint16_t, std::uint32_t> fSequences;  ///< of a scan: what comes next
     std::vector<ChunkInfo> fChunks;

@@ -38,7 +38,7 @@ class Recorder {
   public:
     struct Status {
         bool isOn = false;
-        std::string cause;        ///< why it has ended by itself; else empty
+        std::string cause;        ///< why something is missing; else empty
         std::uint64_t bytes = 0;  ///< of the file
     };
 
@@ -63,6 +63,9 @@ class Recorder {
     [[nodiscard]] std::size_t room() const noexcept;
     /// Any thread.
     [[nodiscard]] Status status() const;
+    /// Ends the recording for a cause of the caller's, which counts if it is the first one. What
+    /// waits is still written. Any thread.
+    void fail(std::string cause) noexcept;
     /// Writes what waits, closes the file and returns then. What comes later is dropped. One
     /// thread.
     void stop() noexcept;

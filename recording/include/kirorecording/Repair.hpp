@@ -16,8 +16,8 @@ struct Repaired {
 
 /// Writes everything from `source` up to its last whole chunk, or to the first one that is
 /// damaged, as a whole file: with index and end. What lies behind a damaged chunk is left out, for
-/// it means nothing without what is missing. Throws FormatError for what is no recording, and what
-/// source and sink throw.
+/// it means nothing without what is missing. Throws FormatError for what is no recording of a
+/// `Writer`, since it would lose what a `Writer` does not write, and what source and sink throw.
 Repaired repair(const Source& source, Sink& sink);
 
 }  // namespace kirorecording

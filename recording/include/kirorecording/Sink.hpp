@@ -31,6 +31,7 @@ class Sink {
 /// A file, made anew: what was there under its name is gone.
 class FileSink : public Sink {
   public:
+    /// Throws std::system_error, and leaves the file as it was, when another sink writes it.
     explicit FileSink(std::string path);
     ~FileSink() override;
 
@@ -38,6 +39,7 @@ class FileSink : public Sink {
     void doWrite(std::string_view bytes) override;
     void doTruncate(std::uint64_t size) override;
     void doClose() override;
+    void begin() const;
     [[noreturn]] void fail() const;
 
     const std::string fPath;

@@ -16,7 +16,10 @@ export class Proxy {
 
     static async start() {
         const proxy = new Proxy();
-        proxy.server = createServer((socket) => proxy.#accept(socket));
+        // A browser may go before it has said what it wants.
+        proxy.server = createServer((socket) => {
+            proxy.#accept(socket).catch(() => socket.destroy());
+        });
         proxy.server.listen(0, "127.0.0.1");
         await once(proxy.server, "listening");
         return proxy;
