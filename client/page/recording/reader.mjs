@@ -379,8 +379,9 @@ export class Reader {
                 throw new RangeError("a message does not fit its chunk");
             }
             // Each takes more memory than it has bytes.
-            if (messages.length === this.#limits.messages)
-                {throw new RangeError("too many messages");}
+            if (messages.length === this.#limits.messages) {
+                throw new RangeError("too many messages");
+            }
             messages.push(message);
         }
         return messages;
