@@ -1,6 +1,7 @@
 // A recording's time line: what is seen of it, and the buttons and keys that change that.
 
 import { icon, make } from "./dom.mjs";
+import { showKeys } from "./keys.mjs";
 import { MARK, STRETCHES } from "./recording/marks.mjs";
 
 /** @typedef {import("./messages.mjs").PlayerWish} PlayerWish */
@@ -183,6 +184,7 @@ export class TimeLine {
         else if (key === ".") this.#step(1);
         else if (key === "<") this.#choose(-1);
         else if (key === ">") this.#choose(1);
+        else if (key === "?") showKeys();
         else if (key === "e") this.#wish({ do: "trouble" });
         else if (key === "j") this.#seek(this.#time - LEAP);
         else if (key === "l") this.#seek(this.#time + LEAP);
