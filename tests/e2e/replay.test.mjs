@@ -132,3 +132,35 @@ test("A recording is dropped, looked into, and refused when it is none", async (
     assert.match(await page.textContent('[data-part="error"]'), /offset 0: this is no recording/);
     assert.equal(await page.locator("#time-line").isVisible(), false);
 });
+
+test("A page replays what is in its document, or beside it, and asks for no engine", async () => {
+    const engine = await start();
+    const { file } = await record(engine);
+    const bytes = await readFile(file);
+    const address = engine.page.url().replace(/#.*/, "");
+    const context = engine.page.context();
+    const inDocument = `<script type="text/plain" id="recording">${bytes.toString("base64")}</script>`;
+    await context.route("**/own.html", async (route) => {
+        const response = await route.fetch({ url: address });
+        const text = await response.text();
+        await route.fulfill({ response, body: text.replace("</body>", `${inDocument}</body>`) });
+    });
+    await context.route("**/run.mcap", (route) => {
+        const [, from, to] = /^bytes=(\d+)-(\d+)$/.exec(route.request().headers().range);
+        const range = `bytes ${from}-${to}/${bytes.length}`;
+        const body = bytes.subarray(Number(from), Number(to) + 1);
+        return route.fulfill({ status: 206, headers: { "Content-Range": range }, body });
+    });
+    for (const name of ["own.html", "#replay=run.mcap"]) {
+        const page = await context.newPage();
+        const sockets = [];
+        page.on("websocket", (socket) => sockets.push(socket.url()));
+        await page.goto(address + name);
+        await untilState(page, "replay");
+        await page.locator("#time-line").waitFor();
+        await page.keyboard.press("l");
+        await untilFrame(page, FRAMES);
+        assert.deepEqual(sockets, [], name);
+        await page.close();
+    }
+});
