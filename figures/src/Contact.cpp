@@ -43,6 +43,8 @@ struct Contact::State {
     void take(PageEvent&& event);
     /// Returns whether it is not the first of its frame.
     bool add(FrameReport&& report) REQUIRES_LOCK(mutex);
+    [[nodiscard]] Reports find(std::uint64_t frame, std::uint64_t attempt) const
+        REQUIRES_LOCK(mutex);
     void add(InputEvent&& event) REQUIRES_LOCK(mutex);
 
     const Waking waking;
@@ -80,6 +82,13 @@ bool Contact::State::add(FrameReport&& report) {
     return false;
 }
 
+Contact::Reports Contact::State::find(std::uint64_t frame, std::uint64_t attempt) const {
+    for (const auto& one : reports) {
+        if (one.best->frame == frame && one.best->attempt == attempt) return one;
+    }
+    return {};
+}
+
 void Contact::State::add(InputEvent&& event) {
     if (events.size() == kMostEvents) {
         const auto limits = std::ranges::find_if(
@@ -113,11 +122,7 @@ std::uint64_t Contact::arrivals() const noexcept { return fState->arrivals; }
 
 Contact::Reports Contact::reports(std::uint64_t frame, std::uint64_t attempt) const {
     const annotated::Lock lock(fState->mutex);
-    const auto& reports = fState->reports;
-    const auto found = std::ranges::find_if(reports, [frame, attempt](const Reports& one) {
-        return one.best->frame == frame && one.best->attempt == attempt;
-    });
-    return found == reports.end() ? Reports() : *found;
+    return fState->find(frame, attempt);
 }
 
 std::size_t Contact::numEvents() const {
