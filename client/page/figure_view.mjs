@@ -53,6 +53,11 @@ export class FigureView {
         this.element = make("section", attributes, bar, this.#controls.element, this.grid);
     }
 
+    /** @param {boolean} isWanted whether somebody may use the controls */
+    setUsable(isWanted) {
+        this.#controls.element.inert = !isWanted;
+    }
+
     /** Makes the elements what is described. @param {FigureDescription} description */
     describe(description) {
         this.description = description;

@@ -46,7 +46,7 @@ export class Interaction {
     /** @param {import("./worker_link.mjs").WorkerLink} worker
      * @param {import("./theme.mjs").Colors} colors
      * @param {(text: string) => void} say to those who do not see it
-     * @param {{pause: () => void, record: () => void}} actions of the page */
+     * @param {{pause: () => void, record: () => void, open: () => void}} actions of the page */
     constructor(worker, colors, say, actions) {
         this.#colors = colors;
         this.#worker = worker;
@@ -170,6 +170,7 @@ export class Interaction {
         else if (meaning.do === "action") this.act(figure, meaning.action, view);
         // Only here: who speaks to the browser must not begin a recording by a letter.
         else if (meaning.do === "record") event.repeat || this.#actions.record();
+        else if (meaning.do === "open") this.#actions.open();
         else if (meaning.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: view.description.id });
         } else return;

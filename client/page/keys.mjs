@@ -23,7 +23,7 @@ const BROWSERS =
  * @typedef {(
  *     | {do: "crosshair" | "move", x: number, y: number}
  *     | {do: "zoom", isCloser: boolean, x: boolean, y: boolean}
- *     | {do: "pick" | "mark" | "leave" | "pause" | "record" | "help"}
+ *     | {do: "pick" | "mark" | "leave" | "pause" | "record" | "open" | "help"}
  *     | {do: "action", action: string}
  *     | {do: "engine", key: string}
  *     | null
@@ -48,6 +48,7 @@ export function meaningOf({ key, shiftKey, ctrlKey, altKey, metaKey }) {
     if (key === "Escape") return { do: "leave" };
     if (key === " ") return { do: "pause" };
     if (key === "r") return { do: "record" };
+    if (key === "o") return { do: "open" };
     if (key === "?") return { do: "help" };
     const action = BY_KEY.get(ALIASES[key] ?? key);
     return action ? { do: "action", action } : { do: "engine", key };
@@ -65,7 +66,17 @@ const OTHERS = [
     ["Escape", "Forget the corner, put the crosshair away, close"],
     ["Space", "Pause, and live again"],
     ["r", "Record what comes; again: end, and download the file"],
+    ["o", "Open a recording"],
     ["?", "These keys"],
+];
+
+/** @type {[string, string][]} */
+const RECORDING = [
+    ["Space", "Play, and stop"],
+    [", and .", "The frame before, the next frame"],
+    ["j, l", "5 seconds back, and on"],
+    ["<, >", "Slower, faster"],
+    ["e", "The next error or late frame"],
 ];
 
 /** @type {[string, string][]} */
@@ -97,12 +108,13 @@ export function showKeys() {
     const note = make(
         "p",
         {},
-        "They hold where a figure’s axes have the focus. Other keys go to an engine that listens to them.",
+        "They hold where a figure’s axes have the focus, those of a recording also on its time line. Other keys go to an engine that listens to them.",
     );
     dialog.append(
         note,
         ...section("Keyboard", [...actions, ...OTHERS]),
         ...section("Pointer", POINTER),
+        ...section("Keyboard, with a recording", RECORDING),
     );
 }
 

@@ -8,16 +8,16 @@ import { Interaction } from "./interaction.mjs";
 import { showKeys } from "./keys.mjs";
 import { gridOf } from "./layout.mjs";
 import { RecordButton } from "./recording/button.mjs";
+import { chooseRecording, listenToDrops, ownRecording } from "./recording/opening.mjs";
 import { staleText } from "./stale.mjs";
 import { StatusBar } from "./status_bar.mjs";
 import { Colors } from "./theme.mjs";
+import { PAUSE, PLAY, TimeLine } from "./time_line.mjs";
 import { WorkerLink } from "./worker_link.mjs";
 
 /** @typedef {import("./axes_view.mjs").AxesView} AxesView */
 /** @typedef {import("./messages.mjs").ToMain} ToMain */
 
-const PAUSE = "M5.5 3v10M10.5 3v10";
-const PLAY = "M4.5 3v10l8-5Z";
 const HELP = "M5.8 6a2.2 2.2 0 1 1 3.4 1.9c-.8.5-1.2.9-1.2 1.9M8 12.2v.3";
 
 /** What says how the page is laid out; the rest may change with each frame.
@@ -57,6 +57,7 @@ class Page {
     #frameEnd = new MessageChannel();
     /** @type {number[]} */
     #painted = [];
+    #isReplay = false;
     #pauseButton = make("button", { type: "button", click: () => this.pause() });
 
     constructor() {
@@ -68,18 +69,27 @@ class Page {
         );
         this.interaction = new Interaction(this.worker, this.#colors, (text) => this.#say(text), {
             pause: () => this.pause(),
-            record: () => this.recording.press(),
+            record: () => {
+                if (!this.#isReplay) this.recording.press();
+            },
+            open: () => this.#choose(),
         });
         this.recording = new RecordButton(
             this.worker,
             (text) => this.#say(text),
             (error) => this.#report(error),
         );
+        this.timeLine = new TimeLine(
+            (wish) => this.worker.post({ kind: "player", wish }),
+            (text) => this.#say(text),
+        );
         this.#makeActions();
         this.#listen();
         const { hidden } = document;
-        const address = gatewayAddress();
+        const own = ownRecording(document, location);
+        const address = own === null ? gatewayAddress() : null;
         this.worker.post({ kind: "start", address, theme: this.#colors.theme(), hidden });
+        if (own !== null) this.open(own);
         const LOOK_AGAIN = 500;
         setInterval(() => this.#showStale(), LOOK_AGAIN);
     }
@@ -89,8 +99,25 @@ class Page {
         return this.statistics?.outcomes ?? { painted: 0, hidden: 0, paused: 0, failed: 0 };
     }
 
+    /** Shows a recording from now on. @param {Blob | string} file or its address */
+    open(file) {
+        if (this.#isPaused) this.pause();
+        this.#isReplay = true;
+        this.timeLine.close();
+        this.#pauseButton.hidden = true;
+        this.recording.element.hidden = true;
+        // What somebody looks at in figures that were here says nothing about those that come.
+        this.#show([]);
+        this.worker.post({ kind: "replay", file });
+    }
+
+    #choose() {
+        chooseRecording((file) => this.open(file));
+    }
+
     /** Pauses, or goes on. */
     pause() {
+        if (this.#isReplay) return;
         this.#isPaused = !this.#isPaused;
         this.worker.post({ kind: "pause", paused: this.#isPaused });
         this.#showPaused();
@@ -104,6 +131,13 @@ class Page {
             icon(HELP),
         );
         this.status.part("actions").append(this.#pauseButton, this.recording.element, help);
+        this.#root.after(this.timeLine.element);
+        const open = make(
+            "button",
+            { type: "button", click: () => this.#choose() },
+            "Open a recording",
+        );
+        this.#empty.append(" ", open);
         this.#showPaused();
     }
 
@@ -125,7 +159,10 @@ class Page {
             this.worker.post({ kind: "hidden", hidden: document.hidden });
             if (document.hidden) this.#paint();
         });
+        // Before the axes, which have a use for Space.
+        document.addEventListener("keydown", (event) => this.timeLine.key(event), true);
         document.addEventListener("keydown", (event) => this.interaction.pageKey(event));
+        listenToDrops((file) => this.open(file));
         this.#colors.whenChanged(() => {
             this.worker.post({ kind: "theme", theme: this.#colors.theme() });
             for (const view of this.#axes()) view.redraw();
@@ -155,6 +192,9 @@ class Page {
         else if (message.kind === "state") this.#takeState(message);
         else if (message.kind === "hello") this.#takeHello(message);
         else if (message.kind === "recorded") this.recording.ended(message.file, message.reason);
+        else if (message.kind === "recording") this.timeLine.open(message);
+        else if (message.kind === "moment") this.timeLine.moved(message);
+        else if (message.kind === "survey") this.timeLine.surveyed(message);
         else if (message.kind === "ask") void this.#answer(message);
         else if (message.kind === "error") this.#report(new Error(message.text));
     }
@@ -198,7 +238,7 @@ class Page {
     /** What goes wrong with a scene does not keep the worker from drawing it.
      * @param {Extract<ToMain, {kind: "scene"}>} scene */
     #takeScene({ stamp, keys, figures }) {
-        this.interaction.engineListens = keys;
+        this.interaction.engineListens = keys && !this.#isReplay;
         try {
             this.#show(figures);
         } finally {
@@ -218,6 +258,7 @@ class Page {
         for (const figure of figures) {
             const view = this.figures.get(figure.id) ?? this.#addFigure(figure);
             view.describe(figure);
+            view.setUsable(!this.#isReplay);
         }
         if (figures.length === 0) this.#root.replaceChildren(this.#empty);
         else this.#empty.remove();
@@ -350,7 +391,7 @@ class Page {
 
     #showStale() {
         const now = Date.now();
-        const last = this.#isPaused ? 0 : (this.statistics?.news ?? 0);
+        const last = this.#isPaused || this.#isReplay ? 0 : (this.statistics?.news ?? 0);
         for (const { element, stale, watch } of this.figures.values()) {
             const since = watch.staleSince(now, this.#isLive, last);
             element.classList.toggle("is-stale", since !== null);

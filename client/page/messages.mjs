@@ -76,7 +76,7 @@
  * pixels from its upper left corner, except where they are said to be of the data.
  *
  * @typedef {(
- *     | {kind: "start", address: string, theme: Theme, hidden: boolean}
+ *     | {kind: "start", address: string | null, theme: Theme, hidden: boolean}
  *     | {kind: "told", id: number, value: string | boolean | null}
  *     | {kind: "link"}
  *     | {kind: "laid", stamp: number}
@@ -99,12 +99,14 @@
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
  *     | {kind: "record", most: number | null}
+ *     | {kind: "replay", file: Blob | string}
+ *     | {kind: "player", wish: PlayerWish}
  *     | {kind: "report", text: string}
  *     | {kind: "retry"}
  *     | {kind: "close"}
  * )} ToWorker
  *
- * - `start` opens the connection, once. `told` answers `ask`; null: it could not be found out.
+ * - `start`, once, opens the connection; null: there is none. `told` answers `ask`; null: it could not be found out.
  *   `link`: a link was opened that may have brought another token.
  * - `canvas`: the worker draws into it, in its whole size. `gone`: nobody shows these axes any more.
  * - `view`: what somebody looks at, in values of the data; null: what the engine says. Axes that
@@ -114,9 +116,24 @@
  * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
  * - `pick`, of the data, `key` and `control` go to the engine.
  * - `record`: what comes from now on, in a file of at most so many bytes; null: no longer.
+ * - `replay`: this recording is shown from now on, in the place of everything else; a text: its
+ *   address. `player`: what is to be seen of it.
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
  *   one axes each row names its own.
+ */
+
+/**
+ * What a recording's player is to do. Times are milliseconds since its beginning. Speed: above 0;
+ * Infinity: each frame, as fast as it can be shown. "trouble": the next frame that was late, or failed,
+ * or with an error.
+ * @typedef {(
+ *     | {do: "play", speed: number}
+ *     | {do: "stop"}
+ *     | {do: "seek", time: number}
+ *     | {do: "step", by: 1 | -1}
+ *     | {do: "trouble"}
+ * )} PlayerWish
  */
 
 /** @typedef {{ground: string, text: string, dark: boolean}} Theme colours as "#rrggbb" */
@@ -143,6 +160,9 @@
  *     | {kind: "statistics", frames: number, flush: number, bytes: number, frame: number,
  *        news: number, changed: number[], outcomes: Record<string, number>, recorded: number}
  *     | {kind: "recorded", file: Blob, reason: string}
+ *     | {kind: "recording", begin: number, duration: number}
+ *     | {kind: "moment", time: number, frame: number, isPlaying: boolean, why: string}
+ *     | {kind: "survey", part: number, marks: Uint8Array}
  *     | {kind: "error", text: string}
  *     | {kind: "probed", id: number, values: Probed[]}
  *     | {kind: "csv", id: number, text: string}
@@ -165,6 +185,9 @@
  *   says it, 0: nothing yet; the figures in which something is new since the last ones; how often
  *   each outcome was answered; bytes of the recording, 0: there is none.
  * - `recorded`: the recording has ended, as it was wanted, or why.
+ * - `recording`: one is open; when it begins, milliseconds since 1970, and how many it lasts. `moment`:
+ *   what is seen of it, and why, if somebody asked for trouble. `survey`: how much of it was gone
+ *   through, of 1, and what is in each of the equal stretches of its time (`MARK`).
  * - An answer for axes that are not there is an empty one; for `picture` it is null.
  * - `unanswered`: why a question has no answer.
  * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.

@@ -7,6 +7,7 @@ const BYTES_PER_KIB = 1024;
 const NAMES = {
     connecting: "Connecting",
     live: "Live",
+    replay: "Recording",
     paused: "Paused",
     reconnecting: "Reconnecting",
     refused: "Refused",

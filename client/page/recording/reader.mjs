@@ -23,15 +23,15 @@ import { Decoder, MAGIC, OP, PROFILE, RECORD_HEAD, crcOf } from "./format.mjs";
  * @property {number} compressedSize
  * @property {Set<number>} channels of its messages */
 
-/** @typedef {{chunk: number, index: number, chunks: number}} Limits bytes of a chunk, compressed and
- * again uncompressed, and of the index; how many chunks */
+/** @typedef {{chunk: number, index: number, chunks: number, messages: number}} Limits bytes of a chunk,
+ * compressed and again uncompressed, and of the index; how many chunks, and messages in one */
 
 /** Makes so many bytes of others. Throws, or gives something else, where they are not those.
  * @typedef {(bytes: Uint8Array, size: number) => Uint8Array} Decompress */
 
 const MIB = 1024 * 1024;
 /** @type {Limits} */
-const LIMITS = { chunk: 128 * MIB, index: 64 * MIB, chunks: MIB };
+const LIMITS = { chunk: 128 * MIB, index: 64 * MIB, chunks: MIB, messages: MIB / 4 };
 const MOST_HEADER = 64 * 1024;
 /** Of a chunk's record, up to its compression; and what that may be called, with what follows. */
 const CHUNK_HEAD = RECORD_HEAD + 32;
@@ -143,6 +143,14 @@ export class Reader {
     async read(info) {
         const records = await this.#records(info);
         return at(info.offset, () => this.#messages(records, info));
+    }
+
+    /** What is wrong with a message's content, as an error at its chunk. @param {number} chunk its
+     * number @param {unknown} thrown */
+    errorAt(chunk, thrown) {
+        if (thrown instanceof RecordingError) return thrown;
+        const what = thrown instanceof Error ? thrown.message : String(thrown);
+        return new RecordingError(this.chunks[chunk].offset, what);
     }
 
     async #open() {
@@ -369,6 +377,10 @@ export class Reader {
             const { time, channel } = message;
             if (time < first || time > last || !this.channels.has(channel)) {
                 throw new RangeError("a message does not fit its chunk");
+            }
+            // Each takes more memory than it has bytes.
+            if (messages.length === this.#limits.messages) {
+                throw new RangeError("too many messages");
             }
             messages.push(message);
         }

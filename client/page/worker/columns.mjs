@@ -19,8 +19,7 @@
 
 const TYPES = { u8: Uint8Array, f32: Float32Array, f64: Float64Array };
 /** Elements whose extremes are known together. */
-const SHIFT = 8;
-const BLOCK = 1 << SHIFT;
+const BLOCK = 256;
 const SMALLEST = 1024;
 
 /** Elements of a block as they came. No copy where they are aligned.
@@ -36,10 +35,22 @@ export function elementsOf(type, data, offset, count) {
     return new Type(data.slice(offset, offset + size).buffer);
 }
 
-/** The type that keeps what both can say. @param {Elements} a @param {Elements} b */
-function widerOf(a, b) {
+/** The type that keeps what all can say. @param {Elements[]} all */
+function widerOf(...all) {
     const { u8, f32, f64 } = TYPES;
-    return [f64, f32, u8].find((Type) => a instanceof Type || b instanceof Type) ?? f64;
+    return [f64, f32, u8].find((Type) => all.some((one) => one instanceof Type)) ?? f64;
+}
+
+/** With as many elements before it, which disturb no order. @param {Elements} elements
+ * @param {number} gap @returns {Elements} */
+function behindGap(elements, gap) {
+    const moved = new (widerOf(elements))(gap + elements.length).fill(
+        elements[0] ?? -Infinity,
+        0,
+        gap,
+    );
+    moved.set(elements, gap);
+    return moved;
 }
 
 /** @implements {Places} */
@@ -48,7 +59,7 @@ export class Column {
     #elements;
     #offset = 0;
     #begin = 0;
-    #end;
+    #end = 0;
     /** Of each whole block, from the offset on. @type {number[]} */
     #lows = [];
     /** @type {number[]} */
@@ -60,10 +71,14 @@ export class Column {
     /** Whether somebody else reads what is there: it is not moved then. */
     #isShared = false;
 
-    /** @param {Elements} elements which are the column's from now on */
-    constructor(elements) {
-        this.#elements = elements;
-        this.#end = elements.length;
+    /** @param {Elements} elements which are the column's from now on
+     * @param {number} [first] the index of the first one */
+    constructor(elements, first = 0) {
+        const gap = first % BLOCK;
+        this.#elements = gap > 0 ? behindGap(elements, gap) : elements;
+        this.#offset = this.#summed = this.#ordered = first - gap;
+        this.#begin = first;
+        this.#end = first + elements.length;
     }
 
     get begin() {
@@ -132,7 +147,7 @@ export class Column {
             this.#elements.set(old.subarray(from, to));
             this.#isShared = false;
         }
-        const gone = (offset - this.#offset) >> SHIFT;
+        const gone = (offset - this.#offset) / BLOCK;
         this.#lows.splice(0, gone);
         this.#highs.splice(0, gone);
         this.#offset = offset;
@@ -154,7 +169,7 @@ export class Column {
         }
         this.#sum(last * BLOCK);
         this.#scan(from, first * BLOCK, least, found);
-        const shift = this.#offset >> SHIFT;
+        const shift = this.#offset / BLOCK;
         for (let block = first; block < last; ++block) {
             const low = this.#lows[block - shift];
             const high = this.#highs[block - shift];

@@ -193,9 +193,10 @@ export class Scene {
     }
 
     /** @param {Item} item @param {Record<string, any>} command @param {Uint8Array} data */
-    #setData(item, { first, count, columns }, data) {
+    #setData(item, { first, count, columns, base = 0 }, data) {
         if (!item.kind) return;
         const isSet = first === 0;
+        if (!Number.isSafeInteger(base) || base < 0) throw new TypeError(`${base} elements before`);
         if (!isSet && first !== item.given) {
             throw new RangeError(`element ${first} comes after ${item.given}`);
         }
@@ -203,9 +204,9 @@ export class Scene {
         if (isSet || Object.keys(item.columns).length === 0) {
             const known = Object.keys(item.columns).sort().join();
             item.columns = {};
-            for (const [name, elements] of added) item.columns[name] = new Column(elements);
+            for (const [name, elements] of added) item.columns[name] = new Column(elements, base);
             ++item.sets;
-            item.given = 0;
+            item.given = base;
             // With values for colours there may be a colour bar.
             if (Object.keys(item.columns).sort().join() !== known) this.isRestructured = true;
         } else {

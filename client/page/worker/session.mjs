@@ -1,15 +1,14 @@
-// The worker's middle: what comes from the engine and from the main thread meets here.
+// The worker's middle: what comes from the engine, or from a recording, and from the main thread meets
+// here.
 
-import { Connection } from "../../protocol.mjs";
-import { VOCABULARY } from "../messages.mjs";
 import { Recorder } from "../recording/recorder.mjs";
 import { MainAccess } from "./access.mjs";
 import { LimitsEvents } from "./events.mjs";
 import { Flusher } from "./flusher.mjs";
-import { Frames } from "./frames.mjs";
 import { gpuPoints } from "./gpu_points.mjs";
-import { Inbox } from "./inbox.mjs";
+import { Live } from "./live.mjs";
 import { answerQuery } from "./queries.mjs";
+import { Replay } from "./replay.mjs";
 import { Scene } from "./scene.mjs";
 import { Stage } from "./stage.mjs";
 import { Statistics } from "./statistics.mjs";
@@ -43,18 +42,13 @@ export class Session {
     #access;
     #statistics;
     #scene = new Scene();
-    #frames;
     #limitsEvents;
-    #inbox = new Inbox({ take: () => {}, report: () => {} });
-    /** @type {Connection | null} */
-    #connection = null;
-    /** What the hello says. @type {Record<string, any>} */
-    #channels = {};
+    /** @type {Live | Replay | null} */
+    #source = null;
     /** The number of the last command that the scene has. */
     #sequence = 0;
     /** @type {Recorder | null} */
     #recorder = null;
-    #isLive = false;
     #isHidden = false;
     #isPaused = false;
     /** Whether everything was asked for again, and nothing that builds on it was drawn since. */
@@ -64,7 +58,7 @@ export class Session {
     /** @param {Surroundings} surroundings */
     constructor(surroundings) {
         this.#surroundings = surroundings;
-        const { post, onFrame, afterPaint, now } = surroundings;
+        const { post, onFrame, afterPaint } = surroundings;
         this.#access = new MainAccess(post);
         this.stage = new Stage(post);
         this.#statistics = new Statistics(post);
@@ -78,7 +72,6 @@ export class Session {
             answer: (frame, outcome) => this.#answer(frame, outcome),
             counted: () => this.#statistics.countFrame(this.#scene.frame),
         });
-        this.#frames = new Frames((frame) => this.flusher.take(frame), now);
         this.#limitsEvents = new LimitsEvents(
             (event) => this.#publish(event),
             (axes) => this.#describeLimits(axes),
@@ -102,7 +95,11 @@ export class Session {
         start: ({ address, theme, hidden }) => {
             this.stage.setTheme(theme);
             this.#isHidden = hidden;
-            this.#connect(address);
+            if (address !== null) this.#begin(() => this.#connect(address));
+        },
+        replay: ({ file }) => this.#begin(() => this.#replay(file)),
+        player: ({ wish }) => {
+            if (this.#source instanceof Replay) this.#source.do(wish);
         },
         told: ({ id, value }) => this.#access.told(id, value),
         link: () => this.#access.linkOpened(),
@@ -143,106 +140,73 @@ export class Session {
         control: ({ id, value }) => this.#publish({ event: "control", id, value }),
         record: ({ most }) => this.#record(most),
         report: ({ text }) => this.report(new Error(text)),
-        retry: () => this.#connection?.retry(),
+        retry: () => this.#source?.retry(),
         close: () => {
             this.#statistics.end();
-            this.#connection?.close();
+            this.#source?.close();
         },
     };
 
-    // --- The connection -----------------------------------------------------------------------
+    // --- Where frames come from ---------------------------------------------------------------
+
+    /** Another source, from nothing on. @param {() => Live | Replay} open */
+    #begin(open) {
+        this.#source?.close();
+        this.#recorder?.end();
+        this.#forget();
+        this.stage.forget();
+        this.#scene = new Scene();
+        this.#sequence = 0;
+        this.#statistics.begin(() => ({
+            bytes: this.#source?.received ?? 0,
+            recorded: this.#recorder?.bytes ?? 0,
+        }));
+        this.#source = open();
+    }
+
+    /** Nothing that was under way means anything any more. */
+    #forget() {
+        this.#isAsked = false;
+        this.#limitsEvents.forget();
+        this.flusher.forget();
+    }
 
     /** @param {string} address */
     #connect(address) {
-        const { options } = this.#surroundings;
-        this.#connection = new Connection(
-            address,
-            {
-                onState: (state) => this.#stateChanged(state),
-                onHello: (hello) => this.#begin(hello),
-                onReady: () => this.#sayReady(),
-                onText: (channel, text) => this.#text(channel, text),
-                onBlock: (channel, block) => this.#block(channel, block),
-                onRefused: (what, channel, reason) =>
-                    this.report(new Error(`${what} ${channel}: ${reason}`)),
-                onFault: (error) => this.#fail(error),
+        const { post, now, options } = this.#surroundings;
+        return new Live(address, {
+            take: (frame) => this.flusher.take(frame),
+            changed: (event) => {
+                this.#recorder?.connection({ event });
+                if (event === "new view") this.#forget();
             },
-            {
-                client: "kirofigures page",
-                subscribe: ({ vocabulary, commands, blocks }) =>
-                    vocabulary === VOCABULARY ? [commands, blocks] : [],
-                announce: ({ vocabulary, newView }) =>
-                    vocabulary === VOCABULARY ? newView : undefined,
-                access: this.#access,
-                ...options,
-            },
-        );
-        this.#statistics.begin(() => ({
-            bytes: this.#connection?.received ?? 0,
-            recorded: this.#recorder?.bytes ?? 0,
-        }));
-    }
-
-    /** @param {import("../../line.mjs").State} state */
-    #stateChanged({ name, reason }) {
-        const isLive = name === "live";
-        if (this.#isLive && !isLive) this.#recorder?.connection({ event: "gone" });
-        this.#isLive = isLive;
-        this.#surroundings.post({ kind: "state", name, reason });
-    }
-
-    /** @param {import("../../protocol.mjs").Hello} hello */
-    #begin({ kind, configuration }) {
-        const isKnown = configuration.vocabulary === VOCABULARY;
-        this.#surroundings.post({ kind: "hello", configuration, known: isKnown });
-        this.#recorder?.connection({ event: kind === "return" ? "return" : "new view" });
-        if (kind === "return") return;
-        this.#channels = isKnown ? configuration : {};
-        this.#isAsked = false;
-        this.#limitsEvents.forget();
-        this.#frames.forget();
-        this.flusher.forget();
-        this.#inbox = new Inbox({
-            take: (command, data) => this.#frames.take(command, data),
-            report: (error) => this.#fail(error),
+            heard: () => this.#statistics.countNews(),
+            report: (error) => this.report(error),
+            post,
+            now,
+            access: this.#access,
+            options,
         });
     }
 
-    /** The engine may send: nothing of it is missed. */
-    #sayReady() {
-        const ready = { binaryChannelStatus: 1, useFastBinary: 1 };
-        const { ready: channel } = this.#channels;
-        if (channel) this.#connection?.publish(channel, JSON.stringify(ready));
-    }
-
-    /** @param {string} channel @param {string} text */
-    #text(channel, text) {
-        if (channel !== this.#channels.commands) return;
-        this.#statistics.countNews();
-        this.#inbox.text(text);
-    }
-
-    /** @param {string} channel @param {Uint8Array} block */
-    #block(channel, block) {
-        if (channel !== this.#channels.blocks) return;
-        this.#statistics.countNews();
-        this.#inbox.block(block);
+    /** @param {Blob | string} file */
+    #replay(file) {
+        const { post, now } = this.#surroundings;
+        return new Replay(file, {
+            take: (frame) => this.flusher.take(frame),
+            report: (error) => this.report(error),
+            post,
+            now,
+        });
     }
 
     /** @param {Record<string, any>} event */
     #publish(event) {
-        const { events } = this.#channels;
-        if (event.event !== "frame") this.#recorder?.control(event);
-        if (events) this.#connection?.publish(events, JSON.stringify(event));
+        this.#recorder?.control(event);
+        this.#source?.publish(event);
     }
 
     // --- Frames -------------------------------------------------------------------------------
-
-    /** Something of the frame that is coming cannot be drawn. @param {Error} error */
-    #fail(error) {
-        this.#frames.fail(error);
-        this.report(error);
-    }
 
     /** What cannot be carried out costs the frame, and holds nothing else up. @param {Frame} frame */
     #apply(frame) {
@@ -255,6 +219,7 @@ export class Session {
                 this.report(error);
             }
         };
+        if (frame.scene) this.#scene = frame.scene;
         for (const [command, data] of frame.commands) {
             if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
             attempt(command.cmd, () => this.#scene.apply(command, data));
@@ -298,16 +263,15 @@ export class Session {
 
     /** @param {Frame} frame @param {Outcome} outcome */
     #answer(frame, outcome) {
-        const { number, attempt, isWhole, error, token } = frame;
+        const { isWhole, token } = frame;
         if (!token) return;
-        const { ACT, serverSendTS, returnChannel } = token.command;
-        const text = outcome === "failed" ? { error: error?.message } : {};
-        const clientSendTS = this.#surroundings.now();
-        this.#publish({ event: "frame", frame: number, attempt, outcome, ...text });
-        const reply = { ACT, serverSendTS, clientReceiveTS: token.received, clientSendTS };
-        this.#connection?.publish(String(returnChannel), JSON.stringify(reply));
-        this.#recorder?.token(frame, outcome, clientSendTS);
-        this.#statistics.countAnswer(outcome, clientSendTS - (serverSendTS || token.received));
+        const sent = this.#surroundings.now();
+        this.#source?.answer(frame, outcome, sent);
+        this.#recorder?.token(frame, outcome, sent);
+        this.#statistics.countAnswer(
+            outcome,
+            sent - (token.command.serverSendTS || token.received),
+        );
         if (outcome === "failed") this.#askForAll();
         else if (!isWhole) this.#isAsked = false;
     }
@@ -315,8 +279,7 @@ export class Session {
     /** What failed may have left objects without what comes next builds on. Once: a frame that
      * always fails would be sent again and again. */
     #askForAll() {
-        const { newView } = this.#channels;
-        if (newView && !this.#isAsked) this.#connection?.publish(newView, "{}");
+        if (!this.#isAsked) this.#source?.askForAll();
         this.#isAsked = true;
     }
 
@@ -333,7 +296,7 @@ export class Session {
             post({ kind: "recorded", file, reason });
         };
         this.#recorder = new Recorder({ now, most, ended });
-        this.#recorder.begin(String(this.#channels.title ?? ""), this.#scene, this.#sequence);
+        this.#recorder.begin(this.#source?.title ?? "", this.#scene, this.#sequence);
     }
 
     /** @param {number} id of axes @returns {Record<string, any> | null} */
@@ -357,6 +320,6 @@ export class Session {
         this.#lastError = { text: message, time };
         this.#recorder?.error(message);
         this.#surroundings.post({ kind: "error", text: message });
-        this.#connection?.reportError(error);
+        this.#source?.reportError(error);
     }
 }

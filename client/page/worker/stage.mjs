@@ -57,6 +57,12 @@ export class Stage {
         this.drawAll();
     }
 
+    /** What somebody chose means nothing any more. */
+    forget() {
+        this.views.clear();
+        this.hidden.clear();
+    }
+
     /** @param {Theme} theme */
     setTheme(theme) {
         this.theme = theme;

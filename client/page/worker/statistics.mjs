@@ -26,6 +26,7 @@ export class Statistics {
     /** @param {() => {bytes: number, recorded: number}} sizes of what was received, altogether, and
      * of the recording */
     begin(sizes) {
+        clearInterval(this.#timer);
         this.#timer = setInterval(() => this.#tell(sizes()), PERIOD);
     }
     end() {

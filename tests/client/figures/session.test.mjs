@@ -90,6 +90,14 @@ class Stage {
         while (this.#frames.length === 0) await once(this.#news, "news");
         for (const call of this.#frames.splice(0)) call();
     }
+    /** Paints until the worker has said such a message. */
+    async painted(kind) {
+        while (!this.told.some((message) => message.kind === kind)) {
+            if (this.#frames.length > 0) await this.paint();
+            else await once(this.#news, "news");
+        }
+        return this.heard(kind);
+    }
     raw(text) {
         this.peer.batch(++this.#number, [["/c", text]]);
     }
@@ -335,4 +343,44 @@ test("What is recorded is what came and went, from the press of a button on", as
         assert.ok(found >= 0, String(part));
         at += found;
     }
+});
+
+test("A recording takes the engine's place, and shows what was shown", async () => {
+    await stage.show();
+    stage.tell({ kind: "record", most: 1e6 });
+    const shown = [stage.strokes()];
+    for (let i = 0; i < 3; ++i) {
+        stage.say("beginFrame", { frame: 9 + i, attempt: 1, keys: true });
+        stage.data(3, 2 + i, { x: [2 + i], y: [0.5 / (i + 1)] });
+        stage.act("t");
+        await stage.paint();
+        while ((await stage.published())[0] !== "/t");
+        shown.push(stage.strokes());
+    }
+    assert.equal(new Set(shown.map(String)).size, 4);
+    stage.tell({ kind: "record", most: null });
+    const { file } = await stage.heard("recorded");
+    // What somebody looked at says nothing about another run.
+    stage.tell({ kind: "view", axes: 2, x: [0, 1], y: null, y2: null });
+    stage.told = [];
+    stage.tell({ kind: "replay", file });
+    assert.equal((await stage.heard("hello")).configuration.title, "");
+    assert.equal(await stage.peer.closed, 1000);
+    const { duration } = await stage.heard("recording");
+    assert.ok(duration >= 0);
+    for (const strokes of shown) {
+        await stage.painted("moment");
+        assert.deepEqual(stage.strokes(), strokes);
+        stage.tell({ kind: "player", wish: { do: "step", by: 1 } });
+    }
+    stage.tell({ kind: "key", key: "k", axes: null });
+    stage.tell({ kind: "player", wish: { do: "seek", time: 0 } });
+    await stage.painted("moment");
+    assert.deepEqual(stage.strokes(), shown[0]);
+    assert.ok(stage.told.every(({ kind }) => kind !== "error"));
+    // One that is none ends the replay.
+    stage.told = [];
+    stage.tell({ kind: "replay", file: new Blob(["no recording"]) });
+    assert.match((await stage.heard("error")).text, /offset 0: this is no recording/);
+    assert.equal(stage.told.filter(({ kind }) => kind === "state").at(-1).name, "closed");
 });

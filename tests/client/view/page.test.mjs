@@ -8,6 +8,7 @@ import { gridOf, placeAxes } from "../../../client/page/layout.mjs";
 import * as navigation from "../../../client/page/navigation.mjs";
 import { Watch } from "../../../client/page/stale.mjs";
 import { captionOf } from "../../../client/page/table.mjs";
+import { pathOf, timeText } from "../../../client/page/time_line.mjs";
 import { WorkerLink } from "../../../client/page/worker_link.mjs";
 
 const { moved, zoomed, isSame, stretch, withEqualAspect, isShowable } = navigation;
@@ -162,4 +163,15 @@ test("A question ends with its answer, or with what went wrong in the worker", a
         ["no", "t", "over"],
     );
     assert.deepEqual(heard, ["ask", "over"]);
+});
+
+test("A time line says times in full, and marks what lies side by side as one", () => {
+    const times = [
+        [0, "0:00.000"],
+        [61_001.9, "1:01.001"],
+        [3_600_000, "1:00:00.000"],
+        [3_599_999, "59:59.999"],
+    ];
+    for (const [time, text] of times) assert.equal(timeText(time), text);
+    assert.equal(pathOf(Uint8Array.of(2, 1, 3, 2), 2, 0, 3), "M0 0h1v3H0ZM2 0h2v3H2Z");
 });

@@ -1,0 +1,88 @@
+// Follows a recording message by message, and makes commands with their data of it.
+
+import { readJson } from "../../wire.mjs";
+import { Decoder } from "./format.mjs";
+
+/** @typedef {import("../worker/inbox.mjs").Command} Command */
+/** @typedef {(command: Command, data: Uint8Array | null) => void} Take */
+
+/** Bytes of blocks that wait for their command. */
+const MOST_WAITING = 128 * 1024 * 1024;
+const ID_SIZE = 8;
+
+/** @param {Uint8Array} text @returns {any} */
+export function jsonOf(text) {
+    return readJson(new TextDecoder().decode(text));
+}
+
+/** How commands name a block. @param {Uint8Array} block */
+function nameOf(block) {
+    const id = new Decoder(block);
+    return `${id.u32()} ${id.u32()}`;
+}
+
+/** A snapshot's commands, with the data of their blocks. Throws for one that is none.
+ * @param {Uint8Array} message @returns {[Command, Uint8Array | null][]} */
+export function commandsOf(message) {
+    const rest = new Decoder(message);
+    const { commands } = readJson(rest.text());
+    /** @type {Map<string, Uint8Array>} */
+    const blocks = new Map();
+    while (!rest.isAtEnd) {
+        const block = rest.raw(rest.size());
+        blocks.set(nameOf(block), block.subarray(ID_SIZE));
+    }
+    if (!Array.isArray(commands)) throw new TypeError("a snapshot without commands");
+    return commands.map((command) => {
+        const data = command.cmd === "data" ? blocks.get(String(command.data)) : null;
+        if (data === undefined) throw new RangeError(`block ${command.data} is missing`);
+        return [command, data && data.slice()];
+    });
+}
+
+export class Following {
+    #take;
+    /** Without their identifiers. @type {Map<string, Uint8Array>} */
+    #blocks = new Map();
+    #waiting = 0;
+
+    /** @param {Take} take gets each command; the data are its own from then on */
+    constructor(take) {
+        this.#take = take;
+    }
+
+    /** Throws for what is none, or no block. @param {string | undefined} topic
+     * @param {Uint8Array} data */
+    follow(topic, data) {
+        if (topic === "blocks") this.#keep(data);
+        else if (topic === "commands") this.#hand(jsonOf(data));
+        else if (topic === "frames") this.#forget();
+    }
+
+    /** @param {Uint8Array} block */
+    #keep(block) {
+        this.#waiting += block.length;
+        if (this.#waiting > MOST_WAITING) throw new RangeError("too many blocks without a command");
+        this.#blocks.set(nameOf(block), block.subarray(ID_SIZE));
+    }
+
+    /** @param {Command} command */
+    #hand(command) {
+        if (command.cmd !== "data") {
+            this.#take(command, null);
+            return;
+        }
+        const name = String(command.data);
+        const data = this.#blocks.get(name);
+        if (!data) throw new RangeError(`block ${name} is missing`);
+        this.#blocks.delete(name);
+        this.#waiting -= data.length + ID_SIZE;
+        this.#take(command, data.slice());
+    }
+
+    /** All commands of a frame stand before its mark. */
+    #forget() {
+        this.#blocks.clear();
+        this.#waiting = 0;
+    }
+}
