@@ -6,7 +6,7 @@
 #include "ByteRange.hpp"
 #include "PageFiles.hpp"
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 namespace {
 
@@ -116,4 +116,4 @@ std::string Access::singleUseLink(TimePoint now) {
 
 std::string Access::commonFields() { return served::securityFields("'self'", "'none'"); }
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

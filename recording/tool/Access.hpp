@@ -12,7 +12,7 @@
 #include "secret/Secrets.hpp"
 #include "served/Http.hpp"
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 /// What is looked at of an HTTP request. The views are valid as long as what they were taken from.
 struct Request {
@@ -34,7 +34,7 @@ struct Answer {
     std::string_view body{};  ///< for a refusal, the reason
     std::string fields{};     ///< besides the common ones, each with its line end
     std::string_view type = served::kPlainText;
-    const Source* source = nullptr;
+    const kirorecording::Source* source = nullptr;
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
 };
@@ -72,4 +72,4 @@ class Access {
     secret::Secrets fSecrets;
 };
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

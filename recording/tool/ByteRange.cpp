@@ -4,7 +4,7 @@
 #include <charconv>
 #include <system_error>
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 namespace {
 
@@ -41,4 +41,4 @@ std::optional<ByteRange> byteRange(std::string_view field, std::uint64_t fileSiz
     return ByteRange{*first, isOpen || *last >= fileSize ? rest : *last - *first + 1};
 }
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 /// Bytes of a file.
 struct ByteRange {
@@ -17,4 +17,4 @@ struct ByteRange {
 [[nodiscard]] std::optional<ByteRange> byteRange(std::string_view field,
                                                  std::uint64_t fileSize) noexcept;
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

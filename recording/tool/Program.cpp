@@ -6,7 +6,7 @@
 #include <exception>
 #include <system_error>
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 namespace po = boost::program_options;
 
@@ -54,11 +54,10 @@ std::vector<std::string> wordsOf(const po::variables_map& given) {
                                     : given[kWords].as<std::vector<std::string>>();
 }
 
-int runProgram(const char* name, Status (*run)(int, const char* const*), int argc,
-               const char* const* argv) noexcept {
+int runProgram(const char* name, const std::function<Status()>& run) noexcept {
     programName = name;
     try {
-        return run(argc, argv);
+        return run();
     } catch (const WrongOption& error) {
         return say(kWrongOption, error);
     } catch (const NoOutput& error) {
@@ -68,4 +67,4 @@ int runProgram(const char* name, Status (*run)(int, const char* const*), int arg
     }
 }
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

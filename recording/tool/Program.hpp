@@ -2,14 +2,15 @@
 
 #include <boost/program_options/options_description.hpp>
 #include <boost/program_options/variables_map.hpp>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 /// What the programs for recordings have in common.
-namespace kirorecording::tool {
+namespace recording_tool {
 
-/// Exit statuses; --help says what they mean.
+/// Exit statuses; each program's --help says what they mean.
 enum Status { kGood = 0, kNotGood = 1, kWrongOption = 2, kNoOutput = 3 };
 
 struct WrongOption : std::runtime_error {
@@ -29,9 +30,8 @@ void complain(const std::string& text) noexcept;
     boost::program_options::options_description options, int argc, const char* const* argv);
 [[nodiscard]] std::vector<std::string> wordsOf(const boost::program_options::variables_map& given);
 
-/// The exit status of `run`; an exception is complained of. `name`: the program's, as it stands
-/// before each complaint.
-[[nodiscard]] int runProgram(const char* name, Status (*run)(int, const char* const*), int argc,
-                             const char* const* argv) noexcept;
+/// The program's status: what `run` returns, or what it throws stands for, which is complained of.
+/// `name` stands before each complaint.
+int runProgram(const char* name, const std::function<Status()>& run) noexcept;
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

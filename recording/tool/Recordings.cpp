@@ -8,7 +8,12 @@
 #include "Program.hpp"
 #include "kirorecording/Reader.hpp"
 
-namespace kirorecording::tool {
+namespace recording_tool {
+
+using kirorecording::FileSource;
+using kirorecording::FormatError;
+using kirorecording::Reader;
+using kirorecording::Source;
 
 namespace {
 
@@ -63,4 +68,4 @@ std::vector<Recording> openRecordings(const std::vector<std::string>& files) {
     return recordings;
 }
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

@@ -6,12 +6,12 @@
 
 #include "kirorecording/Source.hpp"
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 /// A file that is served. It was opened once: what takes its place later is not served.
 struct Recording {
     std::string name;  ///< in the address; letters, digits, "_", "-" and "." only, not first a "."
-    std::unique_ptr<const Source> source;
+    std::unique_ptr<const kirorecording::Source> source;
 };
 
 /// Opens and checks these files, and says where one is damaged. No two have the same name, and none
@@ -19,4 +19,4 @@ struct Recording {
 /// std::system_error for what cannot be read.
 [[nodiscard]] std::vector<Recording> openRecordings(const std::vector<std::string>& files);
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

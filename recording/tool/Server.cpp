@@ -24,7 +24,7 @@
 
 #include "Program.hpp"
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 namespace {
 
@@ -315,4 +315,4 @@ Server::~Server() = default;
 std::uint16_t Server::port() const { return fImpl->port(); }
 void Server::run(Access& access) { fImpl->run(access); }
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

@@ -5,7 +5,7 @@
 
 #include "Access.hpp"
 
-namespace kirorecording::tool {
+namespace recording_tool {
 
 /// An HTTP server on 127.0.0.1, in one thread. It keeps some connections, each for as long as
 /// something moves on it, and holds little of a file at a time.
@@ -28,4 +28,4 @@ class Server {
     const std::unique_ptr<Impl> fImpl;
 };
 
-}  // namespace kirorecording::tool
+}  // namespace recording_tool

@@ -23,7 +23,7 @@ namespace {
 
 namespace po = boost::program_options;
 using namespace kirorecording;
-using namespace kirorecording::tool;
+using namespace recording_tool;
 
 constexpr const char* kHelp =
     R"(kiroweb-record: says what is in a recording, and closes one that was not.
@@ -179,4 +179,6 @@ Status run(int argc, const char* const* argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) { return runProgram("kiroweb-record", run, argc, argv); }
+int main(int argc, char** argv) {
+    return runProgram("kiroweb-record", [&] { return run(argc, argv); });
+}

@@ -15,7 +15,7 @@
 namespace {
 
 namespace po = boost::program_options;
-using namespace kirorecording::tool;
+using namespace recording_tool;
 
 constexpr const char* kHelp =
     R"(kiroweb-replay: shows recordings in a browser.
@@ -92,4 +92,6 @@ Status run(int argc, const char* const* argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) { return runProgram("kiroweb-replay", run, argc, argv); }
+int main(int argc, char** argv) {
+    return runProgram("kiroweb-replay", [&] { return run(argc, argv); });
+}
