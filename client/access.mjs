@@ -86,11 +86,14 @@ export class TabAccess {
         return (await response.text()).trim();
     }
 
-    /** @param {string} hash of the link that was taken */
+    /** What else the link says stays, for a reload. @param {string} hash of the link that was taken */
     #cleanAddress(hash) {
         const { location, history } = this.#window;
         if (location.hash !== hash) return;
-        history.replaceState(history.state, "", location.pathname + location.search);
+        const rest = hash.slice(1).split("&");
+        const kept = rest.filter((one) => !/^(token|code)=/.test(one)).join("&");
+        const address = location.pathname + location.search + (kept && `#${kept}`);
+        history.replaceState(history.state, "", address);
     }
 
     /** @param {string} token */

@@ -1,6 +1,6 @@
-# cmake -DOUTPUT=FILE -DFILES=LIST -P embed_page.cmake: writes the source of
-# kirofigures::detail::pageAssets(), with the bytes of each file in it. As bytes, since a literal has
-# a largest length and a file may hold what ends it.
+# cmake -DOUTPUT=FILE -DFILES=LIST -P embed_page.cmake: writes the source of kiropage::files(),
+# with the bytes of each file in it. As bytes, since a literal has a largest length and a file may
+# hold what ends it.
 set(_html "text/html; charset=utf-8")
 set(_js "text/javascript; charset=utf-8")
 set(_css "text/css; charset=utf-8")
@@ -22,31 +22,28 @@ foreach(_file IN LISTS FILES)
     endif()
     file(READ ${_file} _bytes HEX)
     string(REGEX REPLACE "(..)" "0x\\1," _bytes "${_bytes}")
-    string(APPEND _arrays "constexpr unsigned char kFile${_number}[] = {${_bytes}};\n")
-    string(APPEND _assets "        {\"${_path}\", \"${_${_ending}}\", textOf(kFile${_number})},\n")
+    string(APPEND _arrays "constexpr unsigned char kBytes${_number}[] = {${_bytes}};\n")
+    string(APPEND _assets "    {\"${_path}\", \"${_${_ending}}\", textOf(kBytes${_number})},\n")
     math(EXPR _number "${_number} + 1")
 endforeach()
 file(WRITE ${OUTPUT} "// Written by embed_page.cmake.
-#include <span>
-#include <string>
+#include \"PageFiles.hpp\"
 
-#include \"Serving.hpp\"
-
-namespace kirofigures::detail {
+namespace kiropage {
 
 namespace {
 
-std::string textOf(std::span<const unsigned char> bytes) {
-    return {bytes.begin(), bytes.end()};
+std::string_view textOf(std::span<const unsigned char> bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 ${_arrays}
+const File kFiles[] = {
+${_assets}};
+
 }  // namespace
 
-std::vector<kirogateway::Asset> pageAssets() {
-    return {
-${_assets}    };
-}
+std::span<const File> files() noexcept { return kFiles; }
 
-}  // namespace kirofigures::detail
+}  // namespace kiropage
 ")

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/json.hpp>
 
+#include "PageFiles.hpp"
 #include "TokenFile.hpp"
 
 namespace kirofigures::detail {
@@ -46,7 +47,9 @@ kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels
     // A block that comes in pieces the page has to copy together. Most images are smaller than
     // this, a 32-bit one of 1024 x 1024 is just larger than what is usual.
     gateway.limits.pieceSize = gateway.limits.bytesUnderWay;
-    gateway.assets = pageAssets();
+    for (const auto& [path, type, body] : kiropage::files()) {
+        gateway.assets.push_back({std::string(path), std::string(type), std::string(body)});
+    }
     gateway.configuration = configuration(options, channels);
     gateway.mayPublish = {channels.ready,      channels.newView,    channels.events,
                           channels.returns[0], channels.returns[1], kErrorChannel};

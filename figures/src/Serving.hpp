@@ -19,7 +19,4 @@ inline constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSEr
 /// Why no token has come back, in a few words. `pages`: the gateway's diagnostics.
 [[nodiscard]] std::string lateCause(bool hasAnnounced, const std::string& pages);
 
-/// The page's files, which are part of the library.
-[[nodiscard]] std::vector<kirogateway::Asset> pageAssets();
-
 }  // namespace kirofigures::detail

@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Browser.hpp"
 #include "Contact.hpp"
 #include "Frames.hpp"
 #include "Place.hpp"
@@ -24,6 +23,7 @@
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
 #include "kirogateway/Gateway.hpp"
+#include "process/Browser.hpp"
 
 namespace kirofigures {
 
@@ -135,7 +135,7 @@ struct Window::Impl {
     bool hasNews = false;   ///< has come in a draw, too late for its frame
     /// After the frames, which it answers; it goes before everything that it delivers to.
     std::unique_ptr<kirogateway::Gateway> gateway;
-    Browser browser;
+    process::Browser browser;
 };
 
 Window::Impl::Impl(WindowOptions given, const Surroundings* others)

@@ -8,13 +8,11 @@
 namespace kirogateway {
 namespace {
 
+using served::isClean;
+
 /// A host is no secret: an ordinary comparison will do.
 bool isOneOf(std::string_view text, const std::vector<std::string>& allowed) {
     return std::ranges::find(allowed, text) != allowed.end();
-}
-
-bool isClean(std::string_view text) {
-    return !text.empty() && std::ranges::all_of(text, [](char c) { return c > 0x20 && c < 0x7f; });
 }
 
 std::vector<std::string> hostsOf(const Options& options, std::uint16_t port) {
@@ -155,15 +153,7 @@ std::string AccessPolicy::commonFields(std::string_view host) const {
     // Old browsers do not count ws: as 'self'.
     std::string connect = "'self'";
     if (!host.empty()) connect += (fIsSecure ? " wss://" : " ws://") + std::string(host);
-    return "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
-           "img-src 'self' data: blob:; font-src 'self'; connect-src " +
-           connect + "; base-uri 'none'; form-action 'none'; frame-ancestors " + fFrameAncestors +
-           "\r\n"
-           "Referrer-Policy: no-referrer\r\n"
-           "X-Content-Type-Options: nosniff\r\n"
-           "Cross-Origin-Resource-Policy: same-origin\r\n"
-           "Cross-Origin-Opener-Policy: same-origin\r\n"
-           "Cache-Control: no-store\r\n";
+    return served::securityFields(connect, fFrameAncestors);
 }
 
 }  // namespace kirogateway

@@ -9,22 +9,23 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Secrets.hpp"
 #include "kirogateway/Options.hpp"
+#include "secret/Secrets.hpp"
+#include "served/Http.hpp"
 
 namespace kirogateway {
 
+using secret::Secrets;
+using served::kMaxBody;
+using served::kPlainText;
+using served::kTokenPath;
+
 /// The path of the WebSocket.
 inline constexpr std::string_view kSocketPath = "/kiroweb";
-/// The path where a single-use code is exchanged for the token.
-inline constexpr std::string_view kTokenPath = "/kiroweb/token";
 /// The subprotocol that is spoken, and the start of the one that carries the token. A browser lets
 /// a page choose subprotocols, but no other field of an upgrade.
 inline constexpr std::string_view kSubprotocol = "kiroweb.v1";
 inline constexpr std::string_view kTokenOffer = "kiroweb.token.";
-inline constexpr std::string_view kPlainText = "text/plain; charset=utf-8";
-/// Bytes of the largest body that is read.
-inline constexpr std::size_t kMaxBody = 128;
 
 /// What the access policy looks at of an HTTP request. The views are valid as long as what they
 /// were taken from.

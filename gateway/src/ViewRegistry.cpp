@@ -7,11 +7,11 @@
 #include <utility>
 
 #include "Report.hpp"
-#include "Secrets.hpp"
 #include "WebSocketFrame.hpp"
 #include "kiroutils/Logger.hpp"
 #include "records/EventRecord.hpp"
 #include "secret/RandomHex.hpp"
+#include "secret/Secrets.hpp"
 #include "text/Escape.hpp"
 
 namespace kirogateway {
@@ -61,7 +61,7 @@ std::shared_ptr<const ViewRegistry::Views> ViewRegistry::views() const {
 std::shared_ptr<View> ViewRegistry::findView(std::string_view name) const {
     annotated::Lock lock(fMutex);
     for (const auto& view : fViews) {
-        if (isSecret(name, view->identity().name)) return view;
+        if (secret::isSecret(name, view->identity().name)) return view;
     }
     return nullptr;
 }

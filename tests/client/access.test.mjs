@@ -39,6 +39,9 @@ test("A link's token is kept for the tab, and leaves the address", async () => {
     const access = new TabAccess(tab);
     assert.equal(await access.token(), "a1b2");
     assert.equal(tab.location.href, "http://127.0.0.1:8765/page?x=1");
+    tab.open("/#a=1&token=a1b2&replay=x,y");
+    await access.token();
+    assert.equal(tab.location.hash, "#a=1&replay=x,y");
     tab.open("/page#chapter"); // reloaded; no link's fragment
     assert.equal(await new TabAccess(tab).token(), "a1b2");
     tab.open("/#token=a b"); // cannot be a token

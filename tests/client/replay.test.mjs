@@ -451,24 +451,42 @@ test("What was read last is kept, up to a bound", async () => {
     }
 });
 
-test("A server's file is read by parts, and one that comes whole is refused", async () => {
+test("A server's file is read by parts, with the token, and what is no part of it is refused", async () => {
     const asked = [];
+    /** At most four bytes at once. */
     const serve =
-        (status) =>
+        (change = {}) =>
         async (_, { headers }) => {
-            const [, from, to] = /^bytes=(\d+)-(\d+)$/.exec(headers.Range).map(Number);
-            asked.push([from, to]);
-            const body = Buffer.from("abcdefgh").subarray(from, to + 1);
-            const range = `bytes ${from}-${Math.min(to, 7)}/8`;
+            const { Range, Authorization } = headers;
+            const [, from, to] = /^bytes=(\d+)-(\d+)$/.exec(Range).map(Number);
+            asked.push([from, to, Authorization]);
+            const { status = 206, begin = from, most = 4, size = 8 } = change;
+            const end = Math.min(to + 1, from + most, 8);
+            const range = `bytes ${begin}-${end - 1}/${size}`;
+            const body = Buffer.from("abcdefgh").subarray(begin, end);
             return new Response(body, { status, headers: { "Content-Range": range } });
         };
-    const source = await sourceOfAddress("run.mcap", serve(206));
+    const source = await sourceOfAddress("run.mcap", async () => "t0", serve());
     assert.equal(source.size, 8);
-    assert.equal(Buffer.from(await source.read(2, 3)).toString(), "cde");
+    assert.equal(Buffer.from(await source.read(2, 6)).toString(), "cdefgh");
     assert.equal((await source.read(3, 0)).length, 0);
     assert.deepEqual(asked, [
-        [0, 0],
-        [2, 4],
+        [0, 0, "Bearer t0"],
+        [2, 7, "Bearer t0"],
+        [6, 7, "Bearer t0"],
     ]);
-    await assert.rejects(sourceOfAddress("run.mcap", serve(200)), /gives no part/);
+    const change = {};
+    const open = () => sourceOfAddress("run.mcap", async () => "", serve(change));
+    const changing = await open();
+    assert.deepEqual(asked.at(-1), [0, 0, undefined]);
+    for (const [wrong, message] of [
+        [{ status: 200 }, /gives no part of it \(200\)/],
+        [{ status: 403 }, /open the link that the program printed last/],
+        [{ begin: 0 }, /gives no part/],
+        [{ most: 0 }, /another part/],
+        [{ size: 9 }, /changed meanwhile/],
+    ]) {
+        Object.assign(change, { status: 206, begin: undefined, most: 4, size: 8 }, wrong);
+        await assert.rejects(changing.read(2, 3), message);
+    }
 });

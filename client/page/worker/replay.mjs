@@ -21,6 +21,7 @@ import { Survey } from "../recording/survey.mjs";
  * @property {(error: Error) => void} report
  * @property {(message: ToMain) => void} post to the main thread
  * @property {() => number} now microseconds since 1970
+ * @property {() => Promise<string>} token what lets the page in where its files are; empty: none
  */
 
 const US_PER_MS = 1000;
@@ -82,7 +83,7 @@ export class Replay {
     async #begin(file) {
         this.#state("replay", "");
         const source = await (typeof file === "string"
-            ? sourceOfAddress(file)
+            ? sourceOfAddress(file, this.#surroundings.token)
             : sourceOfBlob(file));
         const read = async (/** @type {number} */ offset, /** @type {number} */ length) => {
             this.received += length;

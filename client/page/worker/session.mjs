@@ -197,6 +197,7 @@ export class Session {
             report: (error) => this.report(error),
             post,
             now,
+            token: () => this.#access.token(),
         });
     }
 

@@ -5,19 +5,16 @@
 #include <algorithm>
 #include <boost/program_options.hpp>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <exception>
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
+#include "Program.hpp"
 #include "kirorecording/Reader.hpp"
 #include "kirorecording/Repair.hpp"
 #include "text/Escape.hpp"
@@ -26,9 +23,7 @@ namespace {
 
 namespace po = boost::program_options;
 using namespace kirorecording;
-
-/// Exit statuses; --help says what they mean.
-enum Status { kGood = 0, kNotGood = 1, kWrongOption = 2, kNoOutput = 3 };
+using namespace recording_tool;
 
 constexpr const char* kHelp =
     R"(kiroweb-record: says what is in a recording, and closes one that was not.
@@ -51,18 +46,6 @@ Exit status:
   3  standard output cannot be written
 )";
 
-struct WrongOption : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-struct NoOutput : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-void print(const std::string& text) {
-    if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) return;
-    throw NoOutput("standard output cannot be written: " + std::generic_category().message(errno));
-}
-
 struct Command {
     std::string name;
     std::string file;
@@ -70,25 +53,12 @@ struct Command {
     bool isHelp = false;
 };
 
-Command parse(int argc, const char* const* argv) {
-    namespace style = po::command_line_style;
+Command commandOf(int argc, const char* const* argv) {
     po::options_description options;
-    options.add_options()("help", "")("output,o", po::value<std::string>(), "")(
-        "words", po::value<std::vector<std::string>>(), "");
-    po::variables_map map;
-    try {
-        po::store(po::command_line_parser(argc, argv)
-                      .options(options)
-                      .positional(po::positional_options_description().add("words", -1))
-                      .style(style::unix_style & ~style::allow_guessing)
-                      .run(),
-                  map);
-    } catch (const po::error& error) {
-        throw WrongOption(std::string(error.what()) + "; see --help");
-    }
+    options.add_options()("help", "")("output,o", po::value<std::string>(), "");
+    const auto map = parse(options, argc, argv);
     if (map.count("help") != 0) return {{}, {}, {}, true};
-    const auto words = map.count("words") == 0 ? std::vector<std::string>()
-                                               : map["words"].as<std::vector<std::string>>();
+    const auto words = wordsOf(map);
     if (words.size() != 2 || (words[0] != "info" && words[0] != "repair")) {
         throw WrongOption("what is wanted is info or repair, and a file; see --help");
     }
@@ -154,7 +124,7 @@ Status info(const std::string& file) {
     if (last != 0) table += "from " + textOf(first) + "\nto   " + textOf(last) + '\n';
     print(table);
     if (!damage) return kGood;
-    std::fprintf(stderr, "kiroweb-record: %s\n", damage->what());
+    complain(damage->what());
     return kNotGood;
 }
 
@@ -199,7 +169,7 @@ Status repairFile(const std::string& file, const std::string& output) {
 }
 
 Status run(int argc, const char* const* argv) {
-    const Command command = parse(argc, argv);
+    const Command command = commandOf(argc, argv);
     if (command.isHelp) {
         print(kHelp);
         return kGood;
@@ -207,21 +177,8 @@ Status run(int argc, const char* const* argv) {
     return command.name == "info" ? info(command.file) : repairFile(command.file, command.output);
 }
 
-int say(Status status, const std::exception& error) {
-    std::fprintf(stderr, "kiroweb-record: %s\n", error.what());
-    return status;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const WrongOption& error) {
-        return say(kWrongOption, error);
-    } catch (const NoOutput& error) {
-        return say(kNoOutput, error);
-    } catch (const std::exception& error) {
-        return say(kNotGood, error);
-    }
+    return runProgram("kiroweb-record", [&] { return run(argc, argv); });
 }

@@ -1,0 +1,44 @@
+#include "ByteRange.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <system_error>
+
+namespace recording_tool {
+
+namespace {
+
+constexpr std::string_view kUnit = "bytes=";
+
+/// Digits only, of a number that 64 bits hold.
+std::optional<std::uint64_t> numberOf(std::string_view text) noexcept {
+    std::uint64_t number = 0;
+    const auto* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || rest != end) return std::nullopt;
+    return number;
+}
+
+}  // namespace
+
+std::optional<ByteRange> byteRange(std::string_view field, std::uint64_t fileSize) noexcept {
+    if (!field.starts_with(kUnit)) return std::nullopt;
+    field.remove_prefix(kUnit.size());
+    const auto dash = field.find('-');
+    if (dash == std::string_view::npos) return std::nullopt;
+    const auto first = numberOf(field.substr(0, dash));
+    const auto last = numberOf(field.substr(dash + 1));
+    const bool isOpen = dash + 1 == field.size();
+    if (dash == 0) {
+        if (!last) return std::nullopt;
+        const auto size = std::min(*last, fileSize);
+        return ByteRange{fileSize - size, size};
+    }
+    if (!first || (!isOpen && (!last || *last < *first))) return std::nullopt;
+    if (*first >= fileSize) return ByteRange{*first, 0};
+    // As a count, which cannot overflow since it lies within the file.
+    const auto rest = fileSize - *first;
+    return ByteRange{*first, isOpen || *last >= fileSize ? rest : *last - *first + 1};
+}
+
+}  // namespace recording_tool
