@@ -98,6 +98,7 @@
  *     | {kind: "table", id: number, axes: number[], rows: number}
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
+ *     | {kind: "latency", id: number}
  *     | {kind: "record", most: number | null}
  *     | {kind: "replay", file: Blob | string}
  *     | {kind: "player", wish: PlayerWish}
@@ -120,7 +121,7 @@
  *   address. `player`: what is to be seen of it.
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
- *   one axes each row names its own.
+ *   one axes each row names its own. `latency`: what is known of frames' ways.
  */
 
 /**
@@ -170,6 +171,8 @@
  *        total: number, step: number}
  *     | {kind: "vectors", id: number, width: number, height: number, svg: string}
  *     | {kind: "picture", id: number, bitmap: ImageBitmap | null}
+ *     | {kind: "latency", id: number, total: number,
+ *        columns: import("./latency.mjs").Columns}
  *     | {kind: "unanswered", id: number, text: string}
  * )} ToMain
  *
@@ -191,6 +194,8 @@
  * - An answer for axes that are not there is an empty one; for `picture` it is null.
  * - `unanswered`: why a question has no answer.
  * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.
+ * - `latency`: how many frames there were, and the stamps of the newest that were painted or late;
+ *   times are those of a recording, or of the page's clock.
  * - `vectors`: elements of SVG to be put into a group, in CSS pixels of the plotting area.
  */
 
