@@ -5,7 +5,7 @@
 // they differ; if none did, and both ways are known, they agree to within the fastest message. Where
 // they differ, or only one way is known, each way is counted from the fastest one seen: what is left
 // is by how much it took longer, whatever the clocks say. This is the packet delay variation of
-// RFC 5481, section 4.2.
+// RFC 5481, section 4.2. All pages' clocks are taken for one, and for one that does not drift.
 
 /** @typedef {"serverSend" | "clientReceive" | "clientPaint" | "clientSend" | "serverReceive"} Stamp */
 /** Of frames: times in milliseconds, stamps in microseconds since 1970, 0: there is none.
@@ -30,6 +30,9 @@ const PARTS = {
 };
 
 const US_PER_MS = 1000;
+/** Milliseconds to which browsers tell the time, at the worst: a message that comes before it was sent
+ * by less has taken no time that can be told. */
+const RESOLUTION = 1;
 
 /** @param {Columns} columns @param {Part} part @returns {Float64Array} milliseconds; not a number
  * where a stamp is missing */
@@ -41,13 +44,17 @@ function timesOf(columns, { from, to }) {
 
 /** @param {Float64Array} times @returns {number} not a number: there is none */
 function leastOf(times) {
-    return times.reduce((least, time) => (time >= least ? least : time), NaN);
+    return times.reduce((least, time) => (time < least || Number.isNaN(least) ? time : least), NaN);
 }
 
-/** @param {Float64Array} times @param {number} shift @returns {Float64Array} what cannot be, a time
- * below 0, is missing */
+/** Of a way between clocks. @param {Float64Array} times @param {number} shift */
 function shifted(times, shift) {
-    return times.map((time) => (time >= shift ? time - shift : NaN));
+    return times.map((time) => Math.max(time - shift, 0));
+}
+
+/** What cannot be, a time below 0, is missing. @param {Float64Array} times */
+function possible(times) {
+    return times.map((time) => (time >= 0 ? time : NaN));
 }
 
 /** By nearest rank: so many of the frames took at most as long. @param {Float64Array} times
@@ -62,8 +69,10 @@ export function summaryOf(times) {
 /** @param {number} to the least of the way there, in milliseconds @param {number} back of the way back
  * @returns {Clocks} */
 export function clocksOf(to, back) {
-    const isShifted = !(to >= 0 && back >= 0);
-    if (!isShifted) return { isShifted, to: 0, back: 0, within: Math.max(to, back) };
+    const isShifted = !(to >= -RESOLUTION && back >= -RESOLUTION);
+    if (!isShifted) {
+        return { isShifted, to: 0, back: 0, within: Math.max(Math.abs(to), Math.abs(back)) };
+    }
     return { isShifted, to: to || 0, back: back || 0, within: NaN };
 }
 
@@ -72,19 +81,19 @@ export function latencyOf(columns) {
     const to = timesOf(columns, PARTS.to);
     const back = timesOf(columns, PARTS.back);
     const clocks = clocksOf(leastOf(to), leastOf(back));
-    const part = (/** @type {Part} */ { name }, /** @type {Float64Array} */ all, shift = 0) => {
-        const times = shifted(all, shift);
+    const part = (/** @type {Part} */ { name }, /** @type {Float64Array} */ times) => {
         return { name, times, summary: summaryOf(times) };
     };
-    const own = [PARTS.queue, PARTS.painting].map((one) => part(one, timesOf(columns, one)));
+    const own = (/** @type {Part} */ one) => part(one, possible(timesOf(columns, one)));
+    const split = [own(PARTS.queue), own(PARTS.painting)];
     // Not every page says when it began to paint.
-    const isSplit = own.some(({ summary }) => summary.count > 0);
+    const isSplit = split.some(({ summary }) => summary.count > 0);
     const parts = [
-        part(PARTS.to, to, clocks.to),
-        ...(isSplit ? own : [part(PARTS.page, timesOf(columns, PARTS.page))]),
-        part(PARTS.back, back, clocks.back),
+        part(PARTS.to, shifted(to, clocks.to)),
+        ...(isSplit ? split : [own(PARTS.page)]),
+        part(PARTS.back, shifted(back, clocks.back)),
     ].filter(({ summary }) => summary.count > 0);
-    const whole = part(PARTS.whole, timesOf(columns, PARTS.whole));
+    const whole = own(PARTS.whole);
     return { time: columns.time, parts, whole, clocks, late: lateOf(columns) };
 }
 

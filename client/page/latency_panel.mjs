@@ -17,9 +17,15 @@ import { numberText } from "./ticks.mjs";
 const LOOK_AGAIN = 1000;
 const MS_PER_S = 1000;
 const HEADER = ["Milliseconds", "50 %", "90 %", "99 %", "largest", "frames"];
-/** Opacity of a part's area: two hexadecimal digits. */
-const AREA = "60";
+/** One for each frame that is shown: as wide as there is room, up to so many pixels. */
+const BARS = uPlot.paths.bars?.({ size: [1, 8, 1] });
 const ROOM_ABOVE = 1.05;
+/** Few frames may take far longer than all others: the picture ends at so many times what this part
+ * of those that it shows takes at most, and they go beyond it. */
+const USUAL = 95;
+const ROOM_FOR_UNUSUAL = 3;
+/** Of a late frame's line, in CSS pixels. */
+const DASH = 4;
 
 /** @param {number} milliseconds as finely as most browsers tell the time */
 const timeText = (milliseconds) => (Number.isNaN(milliseconds) ? "–" : milliseconds.toFixed(1));
@@ -27,7 +33,7 @@ const timeText = (milliseconds) => (Number.isNaN(milliseconds) ? "–" : millise
 const countText = (count) => count.toLocaleString("en");
 
 /** What has to be known to read the table. @param {Latency} latency @param {boolean} isReplay */
-export function notesOf({ parts, clocks, whole }, isReplay) {
+export function notesOf({ parts, clocks, whole, late }, isReplay) {
     const names = new Set(parts.map(({ name }) => name));
     const notes = [];
     if (!clocks.isShifted) {
@@ -44,6 +50,7 @@ export function notesOf({ parts, clocks, whole }, isReplay) {
     if (whole.summary.count === 0) {
         notes.push("The way back is in an engine’s recording; a page does not learn of it.");
     }
+    if (late.length > 0) notes.push("A dashed line: a frame that was late.");
     if (isReplay) notes.push("A click into the picture goes to that frame.");
     return notes.join(" ");
 }
@@ -58,6 +65,7 @@ export class LatencyPanel {
     #picture = make("div", { class: "picture" });
     #table = make("div", { class: "scroll", tabindex: 0 });
     #notes = make("p");
+    #beyond = make("p", { hidden: true }, "Some frames go beyond the picture: see the largest.");
     /** @type {uPlot | null} */
     #plot = null;
     /** What is shown; "total": of the worker's answer. @type {{latency: Latency, total: number} | null} */
@@ -81,7 +89,7 @@ export class LatencyPanel {
         this.#shown = null;
         const dialog = openDialog("Latency");
         dialog.classList.add("latency");
-        dialog.append(this.#picture, this.#table, this.#notes);
+        dialog.append(this.#picture, this.#beyond, this.#table, this.#notes);
         this.#dialog = dialog;
         this.#show();
         const timer = setInterval(() => void this.#look(), LOOK_AGAIN);
@@ -110,6 +118,7 @@ export class LatencyPanel {
         const isEmpty = !this.#shown || this.#shown.total === 0;
         this.#picture.hidden = isEmpty;
         this.#table.hidden = isEmpty;
+        this.#beyond.hidden = isEmpty;
         this.#notes.textContent = "No frame has been painted yet.";
         if (!this.#shown || isEmpty) return;
         const { latency, total } = this.#shown;
@@ -144,8 +153,11 @@ export class LatencyPanel {
         const secondsOf = (/** @type {number} */ at) =>
             (this.#isReplay ? at : at - newest) / MS_PER_S;
         const late = [...latency.late].map(secondsOf);
-        const options = { width, height, ...this.#options(sums.length, late) };
-        const plot = new uPlot(options, [time.map(secondsOf), ...sums], this.#picture);
+        const whole = sums.at(-1) ?? [];
+        const top = topOf(whole);
+        this.#beyond.hidden = whole.every((one) => one <= top);
+        const options = { width, height, ...this.#options(sums.length, top, late) };
+        const plot = new uPlot(options, [time.map(secondsOf), ...sums.reverse()], this.#picture);
         this.#picture.role = "img";
         this.#picture.ariaLabel = `What frames took, over the time; the slowest ones. ${late.length} late.`;
         if (this.#isReplay) {
@@ -157,9 +169,9 @@ export class LatencyPanel {
         this.#plot = plot;
     }
 
-    /** @param {number} count of parts @param {number[]} late seconds
+    /** @param {number} count of parts @param {number} top milliseconds @param {number[]} late seconds
      * @returns {Omit<uPlot.Options, "width" | "height">} */
-    #options(count, late) {
+    #options(count, top, late) {
         const colors = this.#colors;
         const parts = Array.from({ length: count }, (_, i) => this.#color(i));
         const axis = {
@@ -178,24 +190,27 @@ export class LatencyPanel {
         return {
             legend: { show: false },
             cursor: { show: false },
+            padding: [8, 8, 0, 0],
             scales: {
                 x: { time: false },
-                y: { range: (_, __, most) => [0, (most || 1) * ROOM_ABOVE] },
+                y: { range: () => [0, top * ROOM_ABOVE] },
             },
             axes: [
                 { ...axis, label: `Seconds ${of}`, size: 26 },
                 { ...axis, label: "Milliseconds", size: (_, texts) => widest(texts) },
             ],
-            series: [
-                {},
-                ...parts.map((stroke, i) => ({ stroke, fill: i ? undefined : stroke + AREA })),
-            ],
-            bands: parts
-                .slice(1)
-                .map((color, i) => ({ series: [i + 2, i + 1], fill: color + AREA })),
-            hooks: { draw: [(plot) => drawLate(plot, late, colors.get("busy"))] },
+            // The whole first, so that what is a part of it lies upon it.
+            series: [{}, ...parts.map((fill) => ({ fill, width: 0, paths: BARS })).reverse()],
+            hooks: { draw: [(plot) => drawLate(plot, late, colors.get("text"))] },
         };
     }
+}
+
+/** Where the picture of such times ends. @param {number[]} times */
+function topOf(times) {
+    const sorted = Float64Array.from(times).sort();
+    const usual = sorted[Math.floor((USUAL / 100) * sorted.length)] ?? 1;
+    return Math.min(sorted.at(-1) ?? 1, usual * ROOM_FOR_UNUSUAL) || 1;
 }
 
 /** A line for each pixel in which a frame was late. @param {uPlot} plot @param {number[]} late
@@ -203,7 +218,12 @@ export class LatencyPanel {
 function drawLate({ ctx, bbox, valToPos }, late, color) {
     const places = new Set(late.map((time) => Math.round(valToPos(time, "x", true))));
     ctx.fillStyle = color;
-    for (const left of places) ctx.fillRect(left, bbox.top, uPlot.pxRatio, bbox.height);
+    const dash = DASH * uPlot.pxRatio;
+    for (const left of places) {
+        for (let at = 0; at < bbox.height; at += 2 * dash) {
+            ctx.fillRect(left, bbox.top + at, uPlot.pxRatio, dash);
+        }
+    }
 }
 
 /** @param {string} caption @param {Row[]} rows */
