@@ -13,8 +13,9 @@ import { numberText } from "./ticks.mjs";
 /** @typedef {import("./latency.mjs").Summary} Summary */
 /** @typedef {{name: string, color: string | null, summary: Summary}} Row */
 
-/** Milliseconds between two looks at what has come. */
+/** Milliseconds between two looks at what has come, and how many times as long as a look takes. */
 const LOOK_AGAIN = 1000;
+const REST = 10;
 const MS_PER_S = 1000;
 const HEADER = ["Milliseconds", "50 %", "90 %", "99 %", "largest", "frames"];
 /** One for each frame that is shown: as wide as there is room, up to so many pixels. */
@@ -71,6 +72,8 @@ export class LatencyPanel {
     /** What is shown; "total": of the worker's answer. @type {{latency: Latency, total: number} | null} */
     #shown = null;
     #isReplay = false;
+    /** @type {ReturnType<typeof setTimeout> | undefined} */
+    #timer;
 
     /** @param {import("./worker_link.mjs").WorkerLink} worker
      * @param {import("./theme.mjs").Colors} colors
@@ -92,25 +95,30 @@ export class LatencyPanel {
         dialog.append(this.#picture, this.#beyond, this.#table, this.#notes);
         this.#dialog = dialog;
         this.#show();
-        const timer = setInterval(() => void this.#look(), LOOK_AGAIN);
         dialog.addEventListener("close", () => {
-            clearInterval(timer);
+            if (this.#dialog !== dialog) return;
+            clearTimeout(this.#timer);
             this.#plot?.destroy();
             this.#plot = null;
             this.#dialog = null;
         });
-        void this.#look();
+        void this.#look(dialog);
     }
     close() {
         this.#dialog?.close();
     }
 
-    async #look() {
-        const dialog = this.#dialog;
+    /** Now, and again while this dialog is open. @param {HTMLDialogElement} dialog */
+    async #look(dialog) {
         const { total, columns } = await this.#worker.ask({ kind: "latency" });
-        if (!dialog || this.#dialog !== dialog || total === this.#shown?.total) return;
-        this.#shown = { latency: latencyOf(columns), total };
-        this.#show();
+        if (this.#dialog !== dialog) return;
+        const begin = performance.now();
+        if (total !== this.#shown?.total) {
+            this.#shown = { latency: latencyOf(columns), total };
+            this.#show();
+        }
+        const rest = Math.max(REST * (performance.now() - begin), LOOK_AGAIN);
+        this.#timer = setTimeout(() => void this.#look(dialog), rest);
     }
 
     #show() {
