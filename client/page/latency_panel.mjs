@@ -17,7 +17,7 @@ import { numberText } from "./ticks.mjs";
 const LOOK_AGAIN = 1000;
 const REST = 10;
 const MS_PER_S = 1000;
-const HEADER = ["Milliseconds", "50 %", "90 %", "99 %", "largest", "frames"];
+const HEADER = ["ms", "50 %", "90 %", "99 %", "largest", "frames"];
 /** One for each frame that is shown: as wide as there is room, up to so many pixels. */
 const BARS = uPlot.paths.bars?.({ size: [1, 8, 1] });
 const ROOM_ABOVE = 1.05;
