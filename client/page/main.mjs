@@ -6,6 +6,7 @@ import { byId, icon, make } from "./dom.mjs";
 import { FigureView } from "./figure_view.mjs";
 import { Interaction } from "./interaction.mjs";
 import { showKeys } from "./keys.mjs";
+import { LatencyPanel } from "./latency_panel.mjs";
 import { gridOf } from "./layout.mjs";
 import { RecordButton } from "./recording/button.mjs";
 import { chooseRecording, listenToDrops, ownRecording } from "./recording/opening.mjs";
@@ -83,6 +84,9 @@ class Page {
             (wish) => this.worker.post({ kind: "player", wish }),
             (text) => this.#say(text),
         );
+        this.latency = new LatencyPanel(this.worker, this.#colors, (time) => {
+            this.worker.post({ kind: "player", wish: { do: "seek", time } });
+        });
         this.#makeActions();
         this.#listen();
         const { hidden } = document;
@@ -104,6 +108,7 @@ class Page {
         if (this.#isPaused) this.pause();
         this.#isReplay = true;
         this.timeLine.close();
+        this.latency.close();
         this.#pauseButton.hidden = true;
         this.recording.element.hidden = true;
         // What somebody looks at in figures that were here says nothing about those that come.
@@ -132,6 +137,9 @@ class Page {
         );
         this.status.part("actions").append(this.#pauseButton, this.recording.element, help);
         this.#root.after(this.timeLine.element);
+        this.status
+            .part("latency")
+            .addEventListener("click", () => this.latency.open(this.#isReplay));
         const open = make(
             "button",
             { type: "button", click: () => this.#choose() },

@@ -98,6 +98,7 @@
  *     | {kind: "table", id: number, axes: number[], rows: number}
  *     | {kind: "vectors", id: number, axes: number, limits: Limits}
  *     | {kind: "picture", id: number, axes: number, limits: Limits, ratio: number}
+ *     | {kind: "latency", id: number}
  *     | {kind: "record", most: number | null}
  *     | {kind: "replay", file: Blob | string}
  *     | {kind: "player", wish: PlayerWish}
@@ -121,6 +122,7 @@
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
  *   one axes each row names its own. Pictures have the limits for which the main thread has ticks.
+ *   `latency`: what is known of frames' ways.
  */
 
 /**
@@ -170,6 +172,8 @@
  *        total: number, step: number}
  *     | {kind: "vectors", id: number, width: number, height: number, svg: string}
  *     | {kind: "picture", id: number, bitmap: ImageBitmap | null}
+ *     | {kind: "latency", id: number, total: number,
+ *        columns: import("./latency.mjs").Columns}
  *     | {kind: "unanswered", id: number, text: string}
  * )} ToMain
  *
@@ -191,6 +195,8 @@
  * - An answer for axes that are not there is an empty one; for `picture` it is null.
  * - `unanswered`: why a question has no answer.
  * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.
+ * - `latency`: how many frames there were, and the stamps of the newest that were painted or late;
+ *   times are those of a recording, or of the page's clock.
  * - `vectors`: elements of SVG to be put into a group, in CSS pixels of the plotting area.
  */
 

@@ -128,7 +128,7 @@ Drawn Frames::awaitOldest() {
         });
         if (isAnswered) return answered(oldest);
         if (!fMeans.isOpen() || fMeans.surroundings.isPageGone()) return nobodySees(oldest.frame);
-        if (!isNewToPage()) return over(Outcome::kLate, fMeans.surroundings.lateCause());
+        if (!isNewToPage()) return over({0, 0, Outcome::kLate, fMeans.surroundings.lateCause()});
         send();
     }
 }
@@ -147,31 +147,32 @@ Contact::Reports Frames::reportsOf(const Flight& flight) {
 
 Drawn Frames::answered(const Flight& flight) {
     auto report = reportsOf(flight).best;
-    if (report) return over(report->outcome, std::move(report->error));
+    if (report) return over(std::move(*report));
     if (!flight.requestor->hasTimeStamps()) {
-        return over(Outcome::kLate, fMeans.surroundings.lateCause());
+        return over({0, 0, Outcome::kLate, fMeans.surroundings.lateCause()});
     }
-    return over(Outcome::kFailed, "the page does not say what became of the frame");
+    return over({0, 0, Outcome::kFailed, "the page does not say what became of the frame"});
 }
 
-Drawn Frames::over(Outcome outcome, std::string reason) {
+Drawn Frames::over(FrameReport report) {
     const Flight flight = fFlights.front();
     fFlights.pop_front();
     // The stamps of a token that is late may be written just now.
-    fMeans.recording.over({flight.frame, flight.attempt}, outcome, reason,
-                          outcome == Outcome::kLate ? nullptr : flight.requestor);
+    report.frame = flight.frame;
+    report.attempt = flight.attempt;
+    fMeans.recording.over(report, report.outcome == Outcome::kLate ? nullptr : flight.requestor);
     flight.requestor->discardAllTokens();
-    return {outcome, flight.frame, std::move(reason)};
+    return {report.outcome, flight.frame, std::move(report.error)};
 }
 
 Drawn Frames::nobodySees(std::uint64_t frame) {
     const Outcome outcome = fMeans.isOpen() ? Outcome::kNoPage : Outcome::kInterrupted;
     bool wasSent = false;
     for (const auto& flight : fFlights) {
-        fMeans.recording.over({flight.frame, flight.attempt}, outcome, {}, nullptr);
+        fMeans.recording.over({flight.frame, flight.attempt, outcome, {}}, nullptr);
         wasSent = wasSent || flight.frame == frame;
     }
-    if (!wasSent) fMeans.recording.over({frame}, outcome, {}, nullptr);
+    if (!wasSent) fMeans.recording.over({frame, 0, outcome, {}}, nullptr);
     abandon();
     // A page that comes may hear what is sent before it has said that it is there.
     fArePagesCurrent = false;

@@ -72,7 +72,8 @@ class Frames {
     void sendCommands(Flight& flight);
     /// Waits until the oldest flight is over.
     Drawn awaitOldest();
-    [[nodiscard]] Drawn over(Outcome outcome, std::string reason = {});
+    /// The oldest flight is. Its frame and attempt need not be said.
+    [[nodiscard]] Drawn over(FrameReport report);
     [[nodiscard]] Drawn answered(const Flight& flight);
     /// What pages have said of a frame whose token is back. The first page's word is the last one's
     /// unless nobody sees that page: then the others are waited for, for a moment.

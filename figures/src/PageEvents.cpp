@@ -67,6 +67,10 @@ PageEvent frameReport(const json::object& event) {
          {"paused", Outcome::kPaused},
          {"failed", Outcome::kFailed}}};
     FrameReport report{whole(field(event, "frame")), whole(field(event, "attempt")), {}, {}};
+    if (event.contains("clientPaint")) {
+        report.clientPaint = whole(field(event, "clientPaint"));
+        report.clientSend = whole(field(event, "clientSend"));
+    }
     const auto said = text(field(event, "outcome"));
     for (const auto& [name, outcome] : kOutcomes) {
         if (name != said) continue;

@@ -17,6 +17,10 @@ struct FrameReport {
     std::uint64_t attempt = 0;
     Outcome outcome = Outcome::kPainted;
     std::string error;
+    /// When the page began to paint it, and its token's stamp; microseconds since 1970, 0: not
+    /// said.
+    std::uint64_t clientPaint = 0;
+    std::uint64_t clientSend = 0;
 };
 
 struct PickEvent {

@@ -226,30 +226,31 @@ void Recording::addSnapshot(const Scene& scene, const Outlet& outlet) {
     fRecorder->add(numberOf(Topic::kSnapshots), std::move(message));
 }
 
-void Recording::over(const FrameMark& mark, Outcome outcome, const std::string& reason,
-                     const kiro::ACTRequestor* requestor) noexcept {
-    attempt([&] { addToken(mark, outcome, reason, requestor); });
+void Recording::over(const FrameReport& report, const kiro::ACTRequestor* requestor) noexcept {
+    attempt([&] { addToken(report, requestor); });
 }
 
-void Recording::addToken(const FrameMark& mark, Outcome outcome, const std::string& reason,
-                         const kiro::ACTRequestor* requestor) {
-    if (outcome == Outcome::kNoPage) {
+void Recording::addToken(const FrameReport& report, const kiro::ACTRequestor* requestor) {
+    if (report.outcome == Outcome::kNoPage) {
         const bool wasGone = std::exchange(fIsGone, true);
         // Nobody keeps the engine's pace then: it may draw as fast as it can.
-        if (wasGone && mark.attempt == 0) return;
+        if (wasGone && report.attempt == 0) return;
         if (!wasGone) fRecorder->add(numberOf(Topic::kConnections), R"({"event":"gone"})");
     }
     kiro::ACTRequestor::TimeStamps last;
     if (requestor != nullptr && requestor->hasTimeStamps()) {
         last = requestor->getTimeStampLog().back();
     }
+    // Another page may have shown more than the one whose token this is.
+    const bool isItsPage = report.clientSend == last.clientSend;
     fRecorder->add(numberOf(Topic::kTokens),
-                   json::serialize(json::object{{"frame", mark.frame},
-                                                {"attempt", mark.attempt},
-                                                {"outcome", nameOf(outcome)},
-                                                {"reason", reason},
+                   json::serialize(json::object{{"frame", report.frame},
+                                                {"attempt", report.attempt},
+                                                {"outcome", nameOf(report.outcome)},
+                                                {"reason", report.error},
                                                 {"serverSend", last.serverSend},
                                                 {"clientReceive", last.clientReceive},
+                                                {"clientPaint", isItsPage ? report.clientPaint : 0},
                                                 {"clientSend", last.clientSend},
                                                 {"serverReceive", last.serverReceive}}));
 }

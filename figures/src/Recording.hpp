@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Outlet.hpp"
+#include "PageEvents.hpp"
 #include "kirofigures/Window.hpp"
 
 namespace kiro {
@@ -60,16 +61,14 @@ class Recording final : public Tap {
     /// where a reader can begin.
     void sent(const Scene& scene, const Outlet& outlet, Time now) noexcept;
     /// A frame is over. `requestor` has the stamps of its token; null: nobody has.
-    void over(const FrameMark& mark, Outcome outcome, const std::string& reason,
-              const kiro::ACTRequestor* requestor) noexcept;
+    void over(const FrameReport& report, const kiro::ACTRequestor* requestor) noexcept;
 
   private:
     /// What goes wrong in `operation` ends the recording, and nothing else.
     template <typename Operation>
     void attempt(const Operation& operation) noexcept;
     void addFrame(const Scene& scene, const Outlet& outlet, Time now);
-    void addToken(const FrameMark& mark, Outcome outcome, const std::string& reason,
-                  const kiro::ACTRequestor* requestor);
+    void addToken(const FrameReport& report, const kiro::ACTRequestor* requestor);
     void hear();
     [[nodiscard]] bool isSnapshotDue(Time now) const noexcept;
     void addSnapshot(const Scene& scene, const Outlet& outlet);

@@ -52,10 +52,10 @@ constexpr std::array<Description, 8> kDescriptions{{
     "outcome": {"enum": ["painted", "hidden", "paused", "late", "no page", "failed", "interrupted"]},
     "reason": {"type": "string"},
     "serverSend": {"type": "integer"}, "clientReceive": {"type": "integer"},
-    "clientSend": {"type": "integer"}, "serverReceive": {"type": "integer"}
+    "clientPaint": {"type": "integer"}, "clientSend": {"type": "integer"}, "serverReceive": {"type": "integer"}
   },
   "required": ["frame", "attempt", "outcome", "reason",
-               "serverSend", "clientReceive", "clientSend", "serverReceive"]
+               "serverSend", "clientReceive", "clientPaint", "clientSend", "serverReceive"]
 })"},
     {"controls", "json", R"({
   "title": "event", "type": "object",

@@ -341,7 +341,7 @@ test("Frames, blocks and tokens are recorded in order; a snapshot follows when i
     recorder.frame(frame(2, [data(6)]), scene);
     recorder.frame(frame(3, [data(7)]), scene);
     const token = { command: { serverSendTS: 7 }, received: 8 };
-    recorder.token({ ...frame(3, []), token, error: new Error("why") }, "failed", 9);
+    recorder.token({ ...frame(3, []), token, begun: 9, error: new Error("why") }, "failed", 10);
     recorder.end();
     recorder.error("behind the end");
 
@@ -376,7 +376,8 @@ test("Frames, blocks and tokens are recorded in order; a snapshot follows when i
     assert.deepEqual(all("tokens"), [
         {
             ...{ frame: 3, attempt: 1, outcome: "failed", reason: "why" },
-            ...{ serverSend: 7, clientReceive: 8, clientSend: 9, serverReceive: 0 },
+            ...{ serverSend: 7, clientReceive: 8, clientPaint: 9, clientSend: 10 },
+            serverReceive: 0,
         },
     ]);
 });

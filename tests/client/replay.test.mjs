@@ -13,6 +13,7 @@ import { Recorder } from "../../client/page/recording/recorder.mjs";
 import { sourceOfAddress } from "../../client/page/recording/sources.mjs";
 import { Survey } from "../../client/page/recording/survey.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
+import { Latencies } from "../../client/page/worker/latencies.mjs";
 import { Scene } from "../../client/page/worker/scene.mjs";
 import { Random } from "./figures/support/random.mjs";
 import { encode } from "./figures/support/scenes.mjs";
@@ -70,7 +71,7 @@ class Run {
         return frame;
     }
     token(frame, outcome) {
-        this.recorder.token({ ...frame, token: { command: {}, received: 0 } }, outcome, 0);
+        this.recorder.token({ ...frame, token: { command: {}, received: 3 } }, outcome, 7);
     }
     /** Somewhat of everything. */
     draw() {
@@ -322,7 +323,8 @@ test("The next error, late or failed frame is found, and marked on the time line
     const { bytes } = await troubled();
     const stage = await Stage.open(bytes, { most: 0 });
     const { player, chunks, given } = stage;
-    const survey = new Survey(chunks);
+    const latencies = new Latencies(100);
+    const survey = new Survey(chunks, latencies);
     const found = [];
     for (const isSurveyed of [false, true]) {
         if (isSurveyed) {
@@ -356,6 +358,17 @@ test("The next error, late or failed frame is found, and marked on the time line
     assert.ok(marked(MARK.error).includes(first[2][2]));
     assert.equal(marked(MARK.frame).length, 40);
     assert.deepEqual(marked(MARK.damage), []);
+    const { time, clientReceive, clientSend } = latencies.copy();
+    const stretch = (time[10] / chunks.duration) * STRETCHES;
+    // Not the failed one, nor the last, which has no token.
+    assert.deepEqual([latencies.total, Math.floor(stretch)], [38, first[0][2]]);
+    assert.deepEqual(
+        [clientReceive, clientSend].map((one) => [one[9], one[10]]),
+        [
+            [3, 0],
+            [7, 0],
+        ],
+    );
 });
 
 test("Where a file is damaged it says so, and shows what is not", async () => {

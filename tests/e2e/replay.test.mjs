@@ -56,6 +56,17 @@ async function record(engine) {
     return { file: await (await download).path(), seen };
 }
 
+/** What the panel behind the flush figure says of painting. */
+async function latencies(page) {
+    await page.getByRole("button", { name: "latency" }).press("Enter");
+    await page.locator(".latency canvas").waitFor();
+    const row = await page.getByRole("row", { name: "Painting" }).textContent();
+    await page.keyboard.press("Escape");
+    await page.locator("dialog").waitFor({ state: "detached" });
+    assert.equal(await page.locator('[data-part="latency"]:focus').count(), 1);
+    return row;
+}
+
 /** Ends when this frame is seen. */
 async function untilFrame(page, number) {
     await page.waitForFunction(
@@ -108,6 +119,8 @@ test("A recording is dropped, looked into, and refused when it is none", async (
     const engine = await start();
     const { page } = engine;
     const { file } = await record(engine);
+    // Live, there was one before.
+    assert.match(await latencies(page), /^Painting(\d+\.\d){4}11$/);
     const drop = async (bytes) =>
         page.evaluate((text) => {
             const data = Uint8Array.from(atob(text), (one) => one.charCodeAt(0));
@@ -118,7 +131,7 @@ test("A recording is dropped, looked into, and refused when it is none", async (
     await drop(await readFile(file));
     await untilState(page, "replay");
     await page.locator("#time-line").waitFor();
-    await page.keyboard.press("l");
+    await page.keyboard.press("End");
     await untilFrame(page, FRAMES);
     assert.equal(await page.locator('[data-part="title"]').textContent(), "Laboratory");
     // What an engine would hear is not offered.
@@ -127,6 +140,7 @@ test("A recording is dropped, looked into, and refused when it is none", async (
     await page.keyboard.press("?");
     assert.match(await page.locator("dialog").textContent(), /next error or late frame/);
     await page.keyboard.press("Escape");
+    assert.match(await latencies(page), /^Painting(\d+\.\d){4}10$/);
     await drop(Buffer.from("nothing of the kind"));
     assert.match(await untilState(page, "closed"), /cannot be shown/);
     assert.match(await page.textContent('[data-part="error"]'), /offset 0: this is no recording/);

@@ -110,6 +110,7 @@ TEST_F(EventsTest, AreDroppedWhenTheyAreNone) {
           R"({"event":"frame","frame":-1,"attempt":1,"outcome":"painted"})",
           R"({"event":"frame","frame":0.5,"attempt":1,"outcome":"painted"})",
           R"({"event":"frame","frame":0,"attempt":1,"outcome":"late"})",
+          R"({"event":"frame","frame":0,"attempt":1,"outcome":"painted","clientPaint":1})",
           R"({"event":"pick","axes":2,"x":0})",
           R"({"event":"pick","axes":"2","x":0,"y":0})",
           R"({"event":"pick","axes":2,"x":1e999,"y":0})",

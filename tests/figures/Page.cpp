@@ -21,6 +21,10 @@ using relay::message_service::JsonMessage;
 
 namespace {
 
+// The stamps of each frame.
+constexpr std::uint64_t kPainting = 5;
+constexpr std::uint64_t kSent = 7;
+
 std::shared_ptr<relay::message_service::MessageService> makeService() {
     relay::getRelay();
     return relay::message_service::createMessageService("page", {}).get();
@@ -181,11 +185,14 @@ void Page::report(const Frame& frame, const std::string& outcome, const std::str
                                      {"frame", frame.number},
                                      {"attempt", frame.attempt},
                                      {"outcome", outcome},
-                                     {"error", error}}));
+                                     {"error", error},
+                                     {"clientPaint", kPainting},
+                                     {"clientSend", kSent}}));
 }
 
 void Page::returnToken(const Frame& frame) {
-    publish(frame.returnChannel, json::serialize(json::object{{"ACT", frame.token}}));
+    publish(frame.returnChannel,
+            json::serialize(json::object{{"ACT", frame.token}, {"clientSendTS", kSent}}));
 }
 
 void Page::end(const Frame& frame, const std::string& outcome, const std::string& error) {

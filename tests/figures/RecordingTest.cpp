@@ -145,20 +145,29 @@ TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {
     EXPECT_EQ(drawn(), Outcome::kFailed);
     fPage.next([this](Page&, const Frame&) { advance(std::chrono::seconds(11)); });
     EXPECT_EQ(drawn(), Outcome::kLate);
+    fPage.next([](Page& page, const Frame& frame) {
+        page.say(R"({"event":"frame","frame":2,"attempt":1,"outcome":"painted",)"
+                 R"("clientPaint":5,"clientSend":8})");  // with another page's token
+        page.returnToken(frame);
+    });
+    EXPECT_EQ(drawn(), Outcome::kPainted);
     fIsPageGone = true;
     EXPECT_EQ(drawn(), Outcome::kNoPage);
     EXPECT_EQ(drawn(), Outcome::kNoPage);
     const auto all = recorded();
     const auto tokens = of(Topic::kTokens, all);
-    ASSERT_EQ(tokens.size(), 3U);  // of those that nobody sees, the first one
+    ASSERT_EQ(tokens.size(), 4U);  // of those that nobody sees, the first one
     EXPECT_THAT(tokens[0],
                 HasSubstr(R"({"frame":0,"attempt":1,"outcome":"failed","reason":"no ink",)"));
     const auto stamps = boost::json::parse(tokens[0]).as_object();
     EXPECT_GE(stamps.at("serverReceive").as_int64(), stamps.at("serverSend").as_int64());
     EXPECT_GT(stamps.at("serverReceive").as_int64(), 0);
+    EXPECT_THAT(tokens[0], HasSubstr(R"("clientPaint":5,"clientSend":7,)"));
     EXPECT_EQ(tokens[1], R"({"frame":1,"attempt":1,"outcome":"late","reason":"the cause",)"
-                         R"("serverSend":0,"clientReceive":0,"clientSend":0,"serverReceive":0})");
-    EXPECT_THAT(tokens[2], HasSubstr(R"("frame":2,"attempt":0,"outcome":"no page")"));
+                         R"("serverSend":0,"clientReceive":0,"clientPaint":0,"clientSend":0,)"
+                         R"("serverReceive":0})");
+    EXPECT_THAT(tokens[2], HasSubstr(R"("clientPaint":0,"clientSend":7,)"));
+    EXPECT_THAT(tokens[3], HasSubstr(R"("frame":3,"attempt":0,"outcome":"no page")"));
     EXPECT_THAT(of(Topic::kConnections, all),
                 ElementsAre(R"({"event":"begin","vocabulary":"kirofigures/1","title":"Figures"})",
                             R"({"event":"gone"})"));

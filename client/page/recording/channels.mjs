@@ -63,6 +63,7 @@ export const CHANNELS = [
                 reason: TEXT,
                 serverSend: WHOLE,
                 clientReceive: WHOLE,
+                clientPaint: WHOLE,
                 clientSend: WHOLE,
                 serverReceive: WHOLE,
             },

@@ -1,6 +1,7 @@
 // Records what the page has, what it gets, and what becomes of it.
 
 import { VOCABULARY } from "../messages.mjs";
+import { stampsOf } from "../worker/frames.mjs";
 import { CHANNELS } from "./channels.mjs";
 import { Encoder, sizeOf } from "./format.mjs";
 import { textOf } from "./json.mjs";
@@ -75,17 +76,15 @@ export class Recorder {
 
     /** A frame is over. @param {Frame} frame @param {string} outcome @param {number} sent when it
      * was answered, microseconds since 1970 */
-    token({ number, attempt, token, error }, outcome, sent) {
+    token(frame, outcome, sent) {
+        const { number, attempt, error } = frame;
         const reason = outcome === "failed" ? (error?.message ?? "") : "";
         this.#addText("tokens", {
             frame: number,
             attempt,
             outcome,
             reason,
-            serverSend: token?.command.serverSendTS || 0,
-            clientReceive: token?.received ?? 0,
-            clientSend: sent,
-            serverReceive: 0,
+            ...stampsOf(frame, sent),
         });
     }
     /** @param {Record<string, any>} event that is published */

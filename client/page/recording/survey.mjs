@@ -1,5 +1,6 @@
 // Goes through a recording once, for what its time line shows.
 
+import { Latencies } from "../worker/latencies.mjs";
 import { jsonOf } from "./following.mjs";
 import { MARK, STRETCHES } from "./marks.mjs";
 import { troubleOf } from "./player.mjs";
@@ -17,13 +18,15 @@ export class Survey {
     #calm;
     /** When frames were that have no token yet. @type {Map<string, number>} */
     #open = new Map();
+    #latencies;
     marks = new Uint8Array(STRETCHES);
     /** How many chunks were gone through. */
     done = 0;
 
-    /** @param {Chunks} chunks */
-    constructor(chunks) {
+    /** @param {Chunks} chunks @param {Latencies} [latencies] that get those of its frames */
+    constructor(chunks, latencies = new Latencies(0)) {
         this.#chunks = chunks;
+        this.#latencies = latencies;
         this.#calm = new Uint8Array(chunks.count);
     }
 
@@ -65,10 +68,12 @@ export class Survey {
             this.#await(jsonOf(message.data), time);
         }
         if (topic !== "tokens") return this.#enterTrouble(topic, message, time);
-        const { frame, attempt } = jsonOf(message.data);
+        const token = jsonOf(message.data);
+        const { frame, attempt } = token;
         const name = `${frame} ${attempt}`;
         const begun = this.#open.get(name) ?? time;
         this.#open.delete(name);
+        this.#measure(token, begun);
         return this.#enterTrouble(topic, message, begun);
     }
 
@@ -78,6 +83,13 @@ export class Survey {
         const isLate = topic === "tokens" && jsonOf(data).outcome === "late";
         this.#mark(time, isLate ? MARK.late : MARK.error);
         return true;
+    }
+
+    /** @param {Record<string, any>} token @param {number} time */
+    #measure(token, time) {
+        const { outcome, clientSend } = token;
+        if (outcome === "painted" && clientSend > 0) this.#latencies.add(time, token);
+        else if (outcome === "late") this.#latencies.add(time, {});
     }
 
     /** @param {{frame: number, attempt: number}} mark @param {number} time */

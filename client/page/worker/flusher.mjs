@@ -9,8 +9,8 @@
  *   becomes the frame's error
  * @property {() => "hidden" | "paused" | null} unseen why nobody sees what is drawn
  * @property {() => boolean} isReady whether the axes are laid out: if not, `request` comes
- * @property {() => {stamp: number, errors: Error[]}} paint what has changed; stamp: what the main
- *   thread will confirm, 0: nothing
+ * @property {() => {stamp: number, errors: Error[], begun: number}} paint what has changed; stamp:
+ *   what the main thread will confirm, 0: nothing; begun: when, microseconds since 1970
  * @property {(call: () => void) => void} onFrame calls in the next animation frame
  * @property {(call: () => void) => void} afterPaint called in an animation frame; calls behind it
  * @property {(frame: Frame, outcome: Outcome) => void} answer for a frame with a token
@@ -102,8 +102,9 @@ export class Flusher {
         this.#isRequested = false;
         const { isReady, paint, unseen, afterPaint, counted } = this.#surroundings;
         if (unseen() === "hidden" || !isReady()) return;
-        const { stamp, errors } = paint();
+        const { stamp, errors, begun } = paint();
         const frames = this.#applied.splice(0);
+        for (const frame of frames) frame.begun = begun;
         if (frames.length > 0) {
             counted();
             const last = frames[frames.length - 1];

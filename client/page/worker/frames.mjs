@@ -12,6 +12,7 @@
  * @property {[Command, Uint8Array | null][]} commands
  * @property {Token | null} token
  * @property {Error | null} error the first
+ * @property {number} [begun] when it was begun to be painted, microseconds since 1970; else it was not
  */
 
 /**
@@ -22,6 +23,18 @@
 
 /** Milliseconds for which changes without a frame wait for more of them. */
 const PATIENCE = 50;
+
+/** What the page knows of a frame's way: microseconds since 1970, 0 where it does not know.
+ * @param {Frame} frame @param {number} sent when its token goes back */
+export function stampsOf({ token, begun }, sent) {
+    return {
+        serverSend: Number(token?.command.serverSendTS) || 0,
+        clientReceive: token?.received ?? 0,
+        clientPaint: begun ?? 0,
+        clientSend: sent,
+        serverReceive: 0,
+    };
+}
 
 export class Frames {
     #complete;

@@ -2,8 +2,9 @@
 
 import { Connection } from "../../protocol.mjs";
 import { VOCABULARY } from "../messages.mjs";
-import { Frames } from "./frames.mjs";
+import { Frames, stampsOf } from "./frames.mjs";
 import { Inbox } from "./inbox.mjs";
+import { Latencies, MOST_LIVE } from "./latencies.mjs";
 
 /** @typedef {import("./frames.mjs").Frame} Frame */
 /** @typedef {import("../messages.mjs").Outcome} Outcome */
@@ -14,6 +15,7 @@ import { Inbox } from "./inbox.mjs";
  * @typedef {object} Source
  * @property {string} title
  * @property {number} received bytes
+ * @property {import("./latencies.mjs").Latencies} latencies
  * @property {(frame: Frame, outcome: Outcome, sent: number) => void} answer sent: when, microseconds
  *   since 1970
  * @property {(event: Record<string, any>) => void} publish what somebody did
@@ -45,6 +47,7 @@ export class Live {
     /** What the hello says. @type {Record<string, any>} */
     #channels = {};
     #isLive = false;
+    latencies = new Latencies(MOST_LIVE);
 
     /** @param {string} address @param {Surroundings} surroundings */
     constructor(address, surroundings) {
@@ -83,12 +86,15 @@ export class Live {
     }
 
     /** @param {Frame} frame @param {Outcome} outcome @param {number} sent */
-    answer({ number, attempt, error, token }, outcome, sent) {
+    answer(frame, outcome, sent) {
+        const { number, attempt, error, token, begun } = frame;
         if (!token) return;
         const { ACT, serverSendTS, returnChannel } = token.command;
         const text = outcome === "failed" ? { error: error?.message } : {};
-        this.publish({ event: "frame", frame: number, attempt, outcome, ...text });
+        const stamps = begun ? { clientPaint: begun, clientSend: sent } : {};
+        this.publish({ event: "frame", frame: number, attempt, outcome, ...text, ...stamps });
         const reply = { ACT, serverSendTS, clientReceiveTS: token.received, clientSendTS: sent };
+        if (outcome === "painted") this.latencies.add(sent / 1000, stampsOf(frame, sent));
         this.#connection.publish(String(returnChannel), JSON.stringify(reply));
     }
     /** @param {Record<string, any>} event */

@@ -9,6 +9,7 @@ import { Player } from "../recording/player.mjs";
 import { Reader } from "../recording/reader.mjs";
 import { sourceOfAddress, sourceOfBlob } from "../recording/sources.mjs";
 import { Survey } from "../recording/survey.mjs";
+import { Latencies, MOST_RECORDED } from "./latencies.mjs";
 
 /** @typedef {import("./frames.mjs").Frame} Frame */
 /** @typedef {import("./live.mjs").Source} Source */
@@ -40,6 +41,7 @@ export class Replay {
     #isClosed = false;
     title = "";
     received = 0;
+    latencies = new Latencies(MOST_RECORDED);
 
     /** @param {Blob | string} file or its address @param {Surroundings} surroundings */
     constructor(file, surroundings) {
@@ -137,7 +139,7 @@ export class Replay {
 
     /** @param {Chunks} chunks @param {Player} player */
     async #survey(chunks, player) {
-        const survey = new Survey(chunks);
+        const survey = new Survey(chunks, this.latencies);
         player.isCalm = (chunk) => survey.isCalm(chunk);
         let told = -Infinity;
         const tell = () => {

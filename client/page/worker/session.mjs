@@ -6,6 +6,7 @@ import { MainAccess } from "./access.mjs";
 import { LimitsEvents } from "./events.mjs";
 import { Flusher } from "./flusher.mjs";
 import { gpuPoints } from "./gpu_points.mjs";
+import { Latencies } from "./latencies.mjs";
 import { Live } from "./live.mjs";
 import { answerQuery } from "./queries.mjs";
 import { Replay } from "./replay.mjs";
@@ -139,6 +140,7 @@ export class Session {
         key: ({ key, axes }) => this.#publish({ event: "key", key, axes }),
         control: ({ id, value }) => this.#publish({ event: "control", id, value }),
         record: ({ most }) => this.#record(most),
+        latency: ({ id }) => this.#tellLatency(id),
         report: ({ text }) => this.report(new Error(text)),
         retry: () => this.#source?.retry(),
         close: () => {
@@ -250,8 +252,17 @@ export class Session {
         this.#show();
     }
 
-    /** @returns {{stamp: number, errors: Error[]}} */
+    /** @param {number} id of the question */
+    #tellLatency(id) {
+        const latencies = this.#source?.latencies ?? new Latencies(0);
+        const columns = latencies.copy();
+        const moved = Object.values(columns).map(({ buffer }) => buffer);
+        this.#surroundings.post({ kind: "latency", id, total: latencies.total, columns }, moved);
+    }
+
+    /** @returns {{stamp: number, errors: Error[], begun: number}} */
     #paint() {
+        const begun = this.#surroundings.now();
         let painted;
         try {
             painted = this.stage.paint();
@@ -259,7 +270,7 @@ export class Session {
             painted = { stamp: 0, errors: [errorOf("paint", thrown)] };
         }
         painted.errors.forEach((error) => this.report(error));
-        return painted;
+        return { ...painted, begun };
     }
 
     /** @param {Frame} frame @param {Outcome} outcome */

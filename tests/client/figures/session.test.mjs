@@ -23,6 +23,7 @@ class Stage {
     told = [];
     canvases = new Map();
     isMainThere = true;
+    now = 1e6;
     #news = new EventEmitter();
     #frames = [];
     #number = 0;
@@ -37,7 +38,7 @@ class Stage {
                 this.#news.emit("news");
             },
             afterPaint: (call) => call(),
-            now: () => 1e6,
+            now: () => ++this.now,
             options: { WebSocket, backoff: { first: 0, soon: 0, most: 0 } },
         });
         this.tell({ kind: "start", address: this.gateway.url, theme: THEME, hidden: false });
@@ -179,10 +180,20 @@ test("A view is announced, and a frame drawn once it is complete and laid out, t
     const frame = await stage.heard("frame");
     assert.deepEqual([frame.frame, frame.limits[2].x], [8, [0, 1]]);
     stage.confirm(frame);
-    const event = { event: "frame", frame: 8, attempt: 2, outcome: "painted" };
-    assert.deepEqual(await stage.published(), ["/e", event]);
-    const stamps = { serverSendTS: 9, clientReceiveTS: 1e6, clientSendTS: 1e6 };
-    assert.deepEqual(await stage.published(), ["/t", { ACT: "token", ...stamps }]);
+    const [channel, event] = await stage.published();
+    const { clientPaint, clientSend, ...said } = event;
+    assert.deepEqual(said, { event: "frame", frame: 8, attempt: 2, outcome: "painted" });
+    const [, { clientReceiveTS, ...token }] = await stage.published();
+    assert.deepEqual(token, { ACT: "token", serverSendTS: 9, clientSendTS: clientSend });
+    assert.ok(1e6 < clientReceiveTS && clientReceiveTS < clientPaint && clientPaint < clientSend);
+    assert.equal(channel, "/e");
+    stage.tell({ kind: "latency", id: 5 });
+    const { total, columns } = await stage.heard("latency");
+    const stamps = Object.values(columns).map(([stamp]) => stamp);
+    assert.deepEqual(
+        [total, ...stamps],
+        [1, clientSend / 1000, 9, clientReceiveTS, clientPaint, clientSend, 0],
+    );
 });
 
 const UNREADABLE = '{"cmd":"binarydata","data":{"99 0":"!"}}';
@@ -331,7 +342,7 @@ test("What is recorded is what came and went, from the press of a button on", as
         /"frame":9,"attempt":1,"cmd":"beginFrame"/,
         /"data":"5 0","first":2/,
         /"frame":9,"attempt":1,"kind":"changes","bytes":\d+,"seq":7}/,
-        /"outcome":"painted","reason":"","serverSend":9,"clientReceive":1000000,"clientSend":1000000/,
+        /"outcome":"painted","reason":"","serverSend":9,"clientReceive":\d+,"clientPaint":\d{7},"clientSend":\d+/,
         /"event":"key","key":"k"/,
         /"event":"gone"/,
         /"event":"return"/,
