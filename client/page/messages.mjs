@@ -99,7 +99,7 @@
  *     | {kind: "vectors", id: number, axes: number}
  *     | {kind: "picture", id: number, axes: number, ratio: number}
  *     | {kind: "record", most: number | null}
- *     | {kind: "replay", file: Blob | string}
+ *     | {kind: "replay", file: Blob | string, at: Beginning}
  *     | {kind: "player", wish: PlayerWish}
  *     | {kind: "report", text: string}
  *     | {kind: "retry"}
@@ -122,6 +122,9 @@
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
  *   one axes each row names its own.
  */
+
+/** Where a recording is opened: at milliseconds since it began, or at the first frame with that
+ * number. @typedef {{time: number} | {frame: number}} Beginning */
 
 /**
  * What a recording's player is to do. Times are milliseconds since its beginning. Speed: above 0;

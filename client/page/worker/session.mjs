@@ -97,7 +97,7 @@ export class Session {
             this.#isHidden = hidden;
             if (address !== null) this.#begin(() => this.#connect(address));
         },
-        replay: ({ file }) => this.#begin(() => this.#replay(file)),
+        replay: ({ file, at }) => this.#begin(() => this.#replay(file, at)),
         player: ({ wish }) => {
             if (this.#source instanceof Replay) this.#source.do(wish);
         },
@@ -189,14 +189,15 @@ export class Session {
         });
     }
 
-    /** @param {Blob | string} file */
-    #replay(file) {
+    /** @param {Blob | string} file @param {import("../messages.mjs").Beginning} at */
+    #replay(file, at) {
         const { post, now } = this.#surroundings;
         return new Replay(file, {
             take: (frame) => this.flusher.take(frame),
             report: (error) => this.report(error),
             post,
             now,
+            at,
         });
     }
 
