@@ -1,5 +1,5 @@
-# cmake -DOUTPUT=FILE -DFILES=LIST -P embed_page.cmake: writes the source of
-# kirofigures::detail::pageAssets(), with the bytes of each file in it. As bytes, since a literal has
+# cmake -DOUTPUT=FILE -DFILES=LIST -DNAMESPACE=N -DTYPE=T -DHEADER=H -P embed_page.cmake: writes the
+# source of N::pageAssets(), which H declares: a vector of T with the bytes of each file in it. As bytes, since a literal has
 # a largest length and a file may hold what ends it.
 set(_html "text/html; charset=utf-8")
 set(_js "text/javascript; charset=utf-8")
@@ -30,9 +30,9 @@ file(WRITE ${OUTPUT} "// Written by embed_page.cmake.
 #include <span>
 #include <string>
 
-#include \"Serving.hpp\"
+#include \"${HEADER}\"
 
-namespace kirofigures::detail {
+namespace ${NAMESPACE} {
 
 namespace {
 
@@ -43,10 +43,10 @@ std::string textOf(std::span<const unsigned char> bytes) {
 ${_arrays}
 }  // namespace
 
-std::vector<kirogateway::Asset> pageAssets() {
+std::vector<${TYPE}> pageAssets() {
     return {
 ${_assets}    };
 }
 
-}  // namespace kirofigures::detail
+}  // namespace ${NAMESPACE}
 ")

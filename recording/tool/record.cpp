@@ -1,23 +1,15 @@
 // kiroweb-record: says what is in a recording, and closes one that was not.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <boost/program_options.hpp>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <exception>
-#include <filesystem>
 #include <map>
 #include <optional>
-#include <stdexcept>
 #include <string>
-#include <system_error>
-#include <utility>
 #include <vector>
 
+#include "Draft.hpp"
+#include "Program.hpp"
 #include "kirorecording/Reader.hpp"
 #include "kirorecording/Repair.hpp"
 #include "text/Escape.hpp"
@@ -27,8 +19,7 @@ namespace {
 namespace po = boost::program_options;
 using namespace kirorecording;
 
-/// Exit statuses; --help says what they mean.
-enum Status { kGood = 0, kNotGood = 1, kWrongOption = 2, kNoOutput = 3 };
+using namespace recording_tool;
 
 constexpr const char* kHelp =
     R"(kiroweb-record: says what is in a recording, and closes one that was not.
@@ -50,18 +41,6 @@ Exit status:
   2  a wrong option
   3  standard output cannot be written
 )";
-
-struct WrongOption : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-struct NoOutput : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-void print(const std::string& text) {
-    if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) return;
-    throw NoOutput("standard output cannot be written: " + std::generic_category().message(errno));
-}
 
 struct Command {
     std::string name;
@@ -158,39 +137,19 @@ Status info(const std::string& file) {
     return kNotGood;
 }
 
-/// A new file beside `target`.
-std::string makeDraft(const std::string& target) {
-    std::string path = target + ".XXXXXX";
-    const int file = ::mkostemp(path.data(), O_CLOEXEC);
-    if (file < 0) {
-        throw std::system_error(errno, std::generic_category(), target + ": cannot be written");
-    }
-    ::close(file);
-    return path;
-}
-
 Status repairFile(const std::string& file, const std::string& output) {
     const std::string target = output.empty() ? file : output;
     // Beside it, so that nothing is lost when this ends early, and nothing is read from what is
     // just being written.
     const FileSource source(file);
-    const std::string part = makeDraft(target);
-    Repaired repaired;
-    try {
-        FileSink sink(part);
-        repaired = repair(source, sink);
-        if (!repaired.damage && output.empty()) {
-            std::filesystem::remove(part);
-            print(file + ": is whole\n");
-            return kGood;
-        }
-        std::filesystem::permissions(part, std::filesystem::status(file).permissions());
-        std::filesystem::rename(part, target);
-    } catch (...) {
-        std::error_code ignored;
-        std::filesystem::remove(part, ignored);
-        throw;
+    Draft draft(target);
+    FileSink sink(draft.path());
+    const Repaired repaired = repair(source, sink);
+    if (!repaired.damage && output.empty()) {
+        print(file + ": is whole\n");
+        return kGood;
     }
+    draft.keep(file);
     std::string text = target + ": " + std::to_string(repaired.messages) + " messages";
     if (repaired.last != 0) text += ", up to " + textOf(repaired.last);
     if (repaired.damage) text += std::string("; left out from here on: ") + repaired.damage->what();
@@ -207,21 +166,8 @@ Status run(int argc, const char* const* argv) {
     return command.name == "info" ? info(command.file) : repairFile(command.file, command.output);
 }
 
-int say(Status status, const std::exception& error) {
-    std::fprintf(stderr, "kiroweb-record: %s\n", error.what());
-    return status;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const WrongOption& error) {
-        return say(kWrongOption, error);
-    } catch (const NoOutput& error) {
-        return say(kNoOutput, error);
-    } catch (const std::exception& error) {
-        return say(kNotGood, error);
-    }
+    return runProgram("kiroweb-record", [&] { return run(argc, argv); });
 }

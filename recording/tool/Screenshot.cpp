@@ -1,0 +1,7 @@
+#include "Screenshot.hpp"
+
+namespace recording_tool {
+std::string findBrowser() { return {}; }
+void takeScreenshot(const std::string&, const std::string&, const std::string&,
+                    const std::string&) {}
+}  // namespace recording_tool
