@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace recording_tool {
@@ -7,9 +8,10 @@ namespace recording_tool {
 /// The path of a Chromium on the PATH. Throws std::runtime_error when there is none.
 [[nodiscard]] std::string findBrowser();
 
-/// Makes a picture, a PNG file, of what a browser without a window shows of the page in that file,
-/// and `fragment` behind its name. Throws std::runtime_error when that does not succeed.
-void takeScreenshot(const std::string& browser, const std::string& page,
-                    const std::string& fragment, const std::string& picture);
+/// What a browser without a window shows of the page in that file at a frame: the bytes of a PNG
+/// file. `folder`, which is there, is for what the browser keeps. Throws std::runtime_error when it
+/// does not succeed within a minute.
+[[nodiscard]] std::string screenshotOf(const std::string& browser, const std::string& page,
+                                       std::uint64_t frame, const std::string& folder);
 
 }  // namespace recording_tool

@@ -240,11 +240,14 @@ Status makePicture(const Run& run, const Options& options) {
     const auto time = run.timeOf(options.png);
     const auto recording = cut(run, {time, time}, kMostInPage);
     // By its name a browser knows what it is.
-    Draft folder(options.output, Draft::Kind::kFolder);
-    const auto page = folder.path() + "/page.html";
+    const Draft folder(options.output, Draft::Kind::kFolder);
+    const auto page = std::filesystem::absolute(folder.path() + "/page.html").string();
     writePage(page, recording, time);
+    const auto picture = screenshotOf(browser, page, *options.png, folder.path());
     Draft draft(options.output);
-    takeScreenshot(browser, page, "#frame=" + std::to_string(*options.png), draft.path());
+    FileSink sink(draft.path());
+    sink.write(picture);
+    sink.close();
     draft.keep();
     print(options.output + ": frame " + std::to_string(*options.png) + '\n');
     return kGood;
