@@ -222,7 +222,7 @@ std::string plain(const std::string& text) {
 
 }  // namespace
 
-Scene sceneAt(const Run& run, std::uint64_t time) {
+Scene sceneAt(const Recording& run, std::uint64_t time) {
     Following following;
     const auto key = run.keyBefore(time);
     bool isFirst = true;

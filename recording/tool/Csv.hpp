@@ -5,14 +5,14 @@
 #include <utility>
 #include <vector>
 
-#include "Run.hpp"
+#include "Recording.hpp"
 #include "Scene.hpp"
 
 namespace recording_tool {
 
 /// What the figures show at `time`, which is that of a frame. Throws FormatError, also where the
 /// recording has nothing whole before.
-[[nodiscard]] Scene sceneAt(const Run& run, std::uint64_t time);
+[[nodiscard]] Scene sceneAt(const Recording& run, std::uint64_t time);
 
 /// A table of each series that has elements, in the order of creation: the name of a file, which is
 /// plain, and its text by RFC 4180. What is not a number is an empty cell; on an axis of time

@@ -72,7 +72,7 @@ class Output {
 };
 
 /// The first message of "connections".
-std::optional<std::string> introductionOf(const Run& run) {
+std::optional<std::string> introductionOf(const Recording& run) {
     std::optional<std::string> found;
     run.forEach({}, [&](const Entry& entry) {
         if (entry.topic == Topic::kConnections) found = std::string(entry.data);
@@ -108,7 +108,7 @@ std::size_t countThatFits(const std::vector<std::uint64_t>& sizes, std::uint64_t
     return 0;
 }
 
-Cut written(const Run& run, const Range& range, std::uint64_t most, std::size_t chosen,
+Cut written(const Recording& run, const Range& range, std::uint64_t most, std::size_t chosen,
             std::size_t count) {
     MemorySink sink(most);
     Output output(sink);
@@ -126,7 +126,7 @@ Cut written(const Run& run, const Range& range, std::uint64_t most, std::size_t 
 
 }  // namespace
 
-Cut cut(const Run& run, const Range& range, std::uint64_t most) {
+Cut cut(const Recording& run, const Range& range, std::uint64_t most) {
     MemorySink sink(most);
     Output output(sink);
     const auto introduction = introductionOf(run);
@@ -148,7 +148,7 @@ Cut cut(const Run& run, const Range& range, std::uint64_t most) {
     return {std::move(sink.bytes), output.begin(), frames, false};
 }
 
-Cut thinned(const Run& run, const Range& range, std::uint64_t most) {
+Cut thinned(const Recording& run, const Range& range, std::uint64_t most) {
     CountingSink nowhere;
     Output trial(nowhere);
     std::vector<std::uint64_t> sizes;

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "Run.hpp"
+#include "Recording.hpp"
 
 namespace recording_tool {
 
@@ -31,10 +31,10 @@ struct TooLarge : std::runtime_error {
 /// What was shown in a range, from where all is there that is shown at its beginning. What the
 /// recording says of itself comes first. Throws TooLarge beyond `most` bytes, std::runtime_error
 /// when no frame is in it.
-[[nodiscard]] Cut cut(const Run& run, const Range& range, std::uint64_t most);
+[[nodiscard]] Cut cut(const Recording& run, const Range& range, std::uint64_t most);
 
 /// The same of key frames alone, in at most `most` bytes: all of them, or as many as fit, evenly
 /// spread. Each is a whole frame in it. Throws as `cut` does.
-[[nodiscard]] Cut thinned(const Run& run, const Range& range, std::uint64_t most);
+[[nodiscard]] Cut thinned(const Recording& run, const Range& range, std::uint64_t most);
 
 }  // namespace recording_tool

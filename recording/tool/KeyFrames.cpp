@@ -35,7 +35,7 @@ KeyFrame keyFrameOf(std::string_view snapshot, std::uint64_t time) try {
     throw WrongText{wrong.what};
 }
 
-void forEachKeyFrame(const Run& run, std::uint64_t from, std::uint64_t to,
+void forEachKeyFrame(const Recording& run, std::uint64_t from, std::uint64_t to,
                      const std::function<void(const KeyFrame&)>& take) {
     KeyFrame next;
     std::size_t waiting = 0;

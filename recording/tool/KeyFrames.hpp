@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "Run.hpp"
+#include "Recording.hpp"
 
 namespace recording_tool {
 
@@ -22,7 +22,7 @@ struct KeyFrame {
 
 /// Calls for each whole frame and snapshot from the one on with which `from` can be shown, up to
 /// `to`. Throws FormatError.
-void forEachKeyFrame(const Run& run, std::uint64_t from, std::uint64_t to,
+void forEachKeyFrame(const Recording& run, std::uint64_t from, std::uint64_t to,
                      const std::function<void(const KeyFrame&)>& take);
 
 }  // namespace recording_tool

@@ -171,12 +171,12 @@ Options parse(int argc, const char* const* argv) {
 
 constexpr double kSecond = 1e9;  // nanoseconds
 
-std::uint64_t momentAt(const Run& run, double seconds) {
+std::uint64_t momentAt(const Recording& run, double seconds) {
     return run.begin() + static_cast<std::uint64_t>(std::llround(seconds * kSecond));
 }
 
 /// The recording as far as it goes into the page.
-Cut recordingFor(const Run& run, const Options& options, const Range& range) {
+Cut recordingFor(const Recording& run, const Options& options, const Range& range) {
     const auto most = options.most ? roomInFile(*options.most) : kMostInPage;
     try {
         return cut(run, range, most);
@@ -203,7 +203,7 @@ std::uint64_t writePage(const std::string& path, const Cut& recording, std::uint
     return std::filesystem::file_size(path);
 }
 
-Status makePage(const Run& run, const Options& options) {
+Status makePage(const Recording& run, const Options& options) {
     Range range;
     range.from = momentAt(run, options.from.value_or(0));
     if (options.to) range.to = momentAt(run, *options.to);
@@ -222,7 +222,7 @@ Status makePage(const Run& run, const Options& options) {
     return kGood;
 }
 
-Status makeTables(const Run& run, const Options& options) {
+Status makeTables(const Recording& run, const Options& options) {
     const auto tables = tablesOf(sceneAt(run, run.timeOf(options.frame)));
     Draft draft(*options.csv, Draft::Kind::kFolder);
     for (const auto& [name, text] : tables) {
@@ -235,7 +235,7 @@ Status makeTables(const Run& run, const Options& options) {
     return kGood;
 }
 
-Status makePicture(const Run& run, const Options& options) {
+Status makePicture(const Recording& run, const Options& options) {
     const auto browser = findBrowser();
     const auto time = run.timeOf(options.png);
     const auto recording = cut(run, {time, time}, kMostInPage);
@@ -260,7 +260,7 @@ Status run(int argc, const char* const* argv) {
         return kGood;
     }
     const FileSource source(options.file);
-    const Run recorded(source);
+    const Recording recorded(source);
     if (options.csv) return makeTables(recorded, options);
     return options.png ? makePicture(recorded, options) : makePage(recorded, options);
 }

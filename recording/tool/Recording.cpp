@@ -1,4 +1,4 @@
-#include "Run.hpp"
+#include "Recording.hpp"
 
 #include <algorithm>
 #include <array>
@@ -29,7 +29,7 @@ Mark markOf(std::string_view data) {
     return {countOf(demand(members, "frame")), textOf(demand(members, "kind")) == "whole"};
 }
 
-Run::Run(const Source& source) : fName(source.name()), fReader(source) {
+Recording::Recording(const Source& source) : fName(source.name()), fReader(source) {
     if (fReader.damage()) throw FormatError(*fReader.damage());
     if (!fReader.isOurs()) throw FormatError(fName, 0, "not a recording of kiroweb");
     for (const auto& chunk : fReader.chunks()) {
@@ -39,11 +39,11 @@ Run::Run(const Source& source) : fName(source.name()), fReader(source) {
     }
 }
 
-void Run::fail(std::size_t chunk, const std::string& what) const {
+void Recording::fail(std::size_t chunk, const std::string& what) const {
     throw FormatError(fName, fReader.chunks().at(chunk).offset, what);
 }
 
-void Run::forEach(const Place& from, const std::function<bool(const Entry&)>& take) const {
+void Recording::forEach(const Place& from, const std::function<bool(const Entry&)>& take) const {
     for (std::size_t number = from.chunk; number < fReader.chunks().size(); ++number) {
         auto chunk = fReader.read(number);
         try {
@@ -59,7 +59,7 @@ void Run::forEach(const Place& from, const std::function<bool(const Entry&)>& ta
     }
 }
 
-Place Run::keyBefore(std::uint64_t time) const {
+Place Recording::keyBefore(std::uint64_t time) const {
     Place key;
     Place next;  // behind the last mark
     forEach({}, [&](const Entry& entry) {
@@ -73,7 +73,7 @@ Place Run::keyBefore(std::uint64_t time) const {
     return key;
 }
 
-std::uint64_t Run::timeOf(std::optional<std::uint64_t> frame) const {
+std::uint64_t Recording::timeOf(std::optional<std::uint64_t> frame) const {
     std::optional<std::uint64_t> found;
     std::uint64_t lowest = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t highest = 0;

@@ -36,10 +36,10 @@ struct Mark {
 
 /// A recording of figures as a row of messages. Throws FormatError for a file that is damaged or
 /// none, and in `forEach` for what a message should not be.
-class Run {
+class Recording {
   public:
     /// REQUIRES: `source` outlives this.
-    explicit Run(const kirorecording::Source& source);
+    explicit Recording(const kirorecording::Source& source);
 
     /// Of the first message; 0 when there is none.
     [[nodiscard]] std::uint64_t begin() const noexcept { return fBegin; }
