@@ -30,7 +30,10 @@ Mark markOf(std::string_view data) {
 }
 
 Recording::Recording(const Source& source) : fName(source.name()), fReader(source) {
-    if (fReader.damage()) throw FormatError(*fReader.damage());
+    if (const auto& damage = fReader.damage()) {
+        throw std::runtime_error(damage->what() +
+                                 std::string("; kiroweb-record repair keeps what is before"));
+    }
     if (!fReader.isOurs()) throw FormatError(fName, 0, "not a recording of kiroweb");
     for (const auto& chunk : fReader.chunks()) {
         if (chunk.last == 0) continue;

@@ -34,8 +34,9 @@ struct Mark {
 /// Throws WrongText.
 [[nodiscard]] Mark markOf(std::string_view data);
 
-/// A recording of figures as a row of messages. Throws FormatError for a file that is damaged or
-/// none, and in `forEach` for what a message should not be.
+/// A recording of figures as a row of messages. Throws std::runtime_error for a file that was not
+/// closed, and FormatError for one that is damaged or none, and in `forEach` for what a message
+/// should not be.
 class Recording {
   public:
     /// REQUIRES: `source` outlives this.
