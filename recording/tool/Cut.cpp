@@ -15,6 +15,9 @@ using namespace kirorecording;
 
 namespace {
 
+/// What a chunk takes in the index, about.
+constexpr std::uint64_t kIndexed = 200;
+
 class MemorySink : public Sink {
   public:
     explicit MemorySink(std::uint64_t most) : fMost(most) {}
@@ -50,8 +53,8 @@ class Output {
     }
     /// What the recording says of itself, right before what comes at `time`.
     void introduce(const std::optional<std::string>& introduction, std::uint64_t time) {
-        if (introduction)
-            write(Topic::kConnections, std::max<std::uint64_t>(time, 2) - 1, *introduction);
+        if (!introduction) return;
+        write(Topic::kConnections, std::max<std::uint64_t>(time, 2) - 1, *introduction);
     }
     void write(const KeyFrame& key) {
         // No two messages have the same time, and none is later than the frame was.
@@ -96,16 +99,24 @@ bool isChosen(std::size_t index, std::size_t chosen, std::size_t count) {
     return nearest(guess) == index || nearest(guess + 1) == index;
 }
 
+std::uint64_t sizeOf(const std::vector<std::uint64_t>& sizes, std::size_t chosen) {
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+        if (isChosen(i, chosen, sizes.size())) sum += sizes[i];
+    }
+    return sum;
+}
+
 /// How many key frames fit, by their sizes. 0: not even one.
 std::size_t countThatFits(const std::vector<std::uint64_t>& sizes, std::uint64_t most) {
-    for (std::size_t chosen = sizes.size(); chosen > 0; --chosen) {
-        std::uint64_t sum = 0;
-        for (std::size_t i = 0; i < sizes.size(); ++i) {
-            if (isChosen(i, chosen, sizes.size())) sum += sizes[i];
-        }
-        if (sum <= most) return chosen;
+    std::size_t fits = 0;
+    std::size_t beyond = sizes.size() + 1;
+    // More of them are seldom smaller; what is found fits in any case.
+    while (beyond - fits > 1) {
+        const auto middle = (fits + beyond) / 2;
+        (sizeOf(sizes, middle) <= most ? fits : beyond) = middle;
     }
-    return 0;
+    return fits;
 }
 
 Cut written(const Recording& run, const Range& range, std::uint64_t most, std::size_t chosen,
@@ -155,7 +166,7 @@ Cut thinned(const Recording& run, const Range& range, std::uint64_t most) {
     forEachKeyFrame(run, range.from, range.to, [&](const KeyFrame& key) {
         const auto before = trial.size();
         trial.write(key);
-        sizes.push_back(trial.size() - before);
+        sizes.push_back(trial.size() - before + kIndexed);
     });
     if (sizes.empty()) failEmpty();
     // Beginning and index take something as well.

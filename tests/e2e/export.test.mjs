@@ -1,8 +1,12 @@
 // Recordings as single HTML files, opened from disk by a browser without a network.
 import assert from "node:assert/strict";
-import { readFile, rename } from "node:fs/promises";
+import { execFile } from "node:child_process";
+import { mkdtemp, readdir, readFile, rename, rm } from "node:fs/promises";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
 import { test } from "node:test";
 import { pathToFileURL } from "node:url";
+import { promisify } from "node:util";
 
 import { Engine } from "./support/engine.mjs";
 import { assertClean, untilState } from "./support/page.mjs";
@@ -11,11 +15,21 @@ import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
 const FRAMES = 4;
+const MB = 1e6;
+
+const exportOf = async (...words) => {
+    const { stdout } = await promisify(execFile)(process.env.KIROWEB_EXPORT, words.map(String));
+    // Of a page: how many frames, and how many bytes.
+    return stdout
+        .match(/: (\d+) frames, (\d+) bytes/)
+        ?.slice(1)
+        .map(Number);
+};
 
 /** The title, and of all axes each pixel. */
 async function seenOn(page) {
     await untilSettled(page);
-    return [await page.locator(".figure h2").textContent(), await pictures(page)];
+    return [await page.locator(".figure h2").allTextContents(), await pictures(page)];
 }
 
 /** A page that records what it is given; what was seen of each frame. */
@@ -75,7 +89,7 @@ async function untilFrame(page, number) {
 
 async function assertSeen(page, [title, axes]) {
     const [own, ownAxes] = await seenOn(page);
-    assert.equal(own, title);
+    assert.deepEqual(own, title);
     assert.deepEqual(ownAxes, axes);
 }
 
@@ -125,4 +139,59 @@ test("A single file opens at the frame that its address names", async () => {
     await untilFrame(alone, 3);
     await assertSeen(alone, seen[2]);
     await assertClean(alone);
+});
+
+/** Three seconds of the monitor, as a page saw them. */
+async function recordMonitor(file) {
+    const monitor = await stage.monitor("--frames=90", `--record=${file}`);
+    const page = await stage.page();
+    await page.goto(monitor.link);
+    await monitor.end({ frames: 90, drawn: 90 }, { asked: false });
+}
+
+test("kiroweb-export makes a page of a run, of a part of it, and within a size", async () => {
+    const folder = await mkdtemp(join(tmpdir(), "kiroweb-export-"));
+    stage.defer(() => rm(folder, { recursive: true }));
+    const [run, all, part, few, picture] = ["run.mcap", "a.html", "p.html", "f.html", "p.png"].map(
+        (name) => join(folder, name),
+    );
+    await recordMonitor(run);
+    const [frames, size] = await exportOf(run, "-o", all);
+    assert.equal(frames, 90);
+    // What the page and the first frame take is in it each of the twenty times.
+    assert.ok(20 * (size - 0.2 * MB) < 5 * MB, `${size} bytes for three seconds`);
+
+    // A part begins before its moment, with what that needs, and opens there.
+    const same = await open(all, "#frame=45");
+    await untilFrame(same, 45);
+    const [, seconds] = (await same.locator(".now").textContent()).match(/^0:([\d.]+) /);
+    const from = Number(seconds) + 0.001;
+    const [some] = await exportOf(run, "-o", part, `--from=${from}`, `--to=${from + 0.5}`);
+    assert.ok(some > 1 && some < 90, `${some} frames`);
+    const opened = await open(part);
+    await untilFrame(opened, 45);
+    await assertSeen(opened, await seenOn(same));
+    await assertClean(opened);
+
+    const most = size - 10_000;
+    const [kept, smaller] = await exportOf(run, "-o", few, `--most=${most}`);
+    assert.ok(kept < 90 && smaller <= most, `${kept} frames, ${smaller} bytes`);
+    const thinned = await open(few);
+    await untilFrame(thinned, 0);
+    await assertSeen(thinned, await seenOn(await open(all)));
+    await assertClean(thinned);
+
+    await exportOf(run, "-o", picture, "--png=42");
+    const png = await readFile(picture);
+    assert.deepEqual(
+        [png.toString("latin1", 1, 4), png.readUInt32BE(16), png.readUInt32BE(20)],
+        ["PNG", 1280, 800],
+    );
+    assert.deepEqual((await readdir(folder)).sort(), [
+        "a.html",
+        "f.html",
+        "p.html",
+        "p.png",
+        "run.mcap",
+    ]);
 });
