@@ -35,7 +35,7 @@ endif()
 # Needs neither gateway nor library.
 if(TARGET kiroweb_recording)
     install(TARGETS kiroweb_recording EXPORT kirowebrecordingTargets)
-    install(TARGETS kiroweb_record kiroweb_replay)
+    install(TARGETS kiroweb_record kiroweb_replay kiroweb_export)
     install(EXPORT kirowebrecordingTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
     install(DIRECTORY recording/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
             FILES_MATCHING PATTERN "*.hpp")

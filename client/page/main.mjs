@@ -4,12 +4,21 @@ import { gatewayAddress, tabAccess } from "../access.mjs";
 import { showColorBars } from "./color_bar.mjs";
 import { byId, icon, make } from "./dom.mjs";
 import { FigureView } from "./figure_view.mjs";
+import { fileName } from "./file_name.mjs";
+import { giveFile } from "./give_file.mjs";
 import { Interaction } from "./interaction.mjs";
 import { showKeys } from "./keys.mjs";
 import { LatencyPanel } from "./latency_panel.mjs";
 import { gridOf } from "./layout.mjs";
 import { RecordButton } from "./recording/button.mjs";
-import { chooseRecording, listenToDrops, ownRecording } from "./recording/opening.mjs";
+import {
+    chooseRecording,
+    listenToDrops,
+    ownMoment,
+    ownRecording,
+    wholeOf,
+} from "./recording/opening.mjs";
+import { SingleFile, workerAddress } from "./recording/single_file.mjs";
 import { staleText } from "./stale.mjs";
 import { StatusBar } from "./status_bar.mjs";
 import { Colors } from "./theme.mjs";
@@ -32,6 +41,8 @@ function shapeOf({ id, title, columns, controls, axes }) {
 }
 
 class Page {
+    // Before anything is changed.
+    #singleFile = new SingleFile(document);
     /** @type {Map<number, FigureView>} */
     figures = new Map();
     /** @type {string[]} the latest errors */
@@ -59,12 +70,14 @@ class Page {
     /** @type {number[]} */
     #painted = [];
     #isReplay = false;
+    /** What is replayed. @type {Blob | string} */
+    #file = "";
     #pauseButton = make("button", { type: "button", click: () => this.pause() });
 
     constructor() {
         this.status = new StatusBar(byId("status"), () => this.worker.post({ kind: "retry" }));
         this.worker = new WorkerLink(
-            "worker.js",
+            workerAddress(document),
             (message) => this.#take(message),
             (error) => this.#report(error),
         );
@@ -79,10 +92,12 @@ class Page {
             this.worker,
             (text) => this.#say(text),
             (error) => this.#report(error),
+            { begun: () => this.#singleFile.prepare(), save: (file) => this.#saveAsPage(file, 0) },
         );
         this.timeLine = new TimeLine(
             (wish) => this.worker.post({ kind: "player", wish }),
             (text) => this.#say(text),
+            (time) => void this.#saveAsPage(this.#file, time).catch((error) => this.#report(error)),
         );
         this.latency = new LatencyPanel(this.worker, this.#colors, (time) => {
             this.worker.post({ kind: "player", wish: { do: "seek", time } });
@@ -93,7 +108,7 @@ class Page {
         const own = ownRecording(document, location);
         const address = own === null ? gatewayAddress() : null;
         this.worker.post({ kind: "start", address, theme: this.#colors.theme(), hidden });
-        if (own !== null) this.open(own);
+        if (own !== null) this.open(own, ownMoment(document, location));
         const LOOK_AGAIN = 500;
         setInterval(() => this.#showStale(), LOOK_AGAIN);
     }
@@ -103,21 +118,32 @@ class Page {
         return this.statistics?.outcomes ?? { painted: 0, hidden: 0, paused: 0, failed: 0 };
     }
 
-    /** Shows a recording from now on. @param {Blob | string} file or its address */
-    open(file) {
+    /** Shows a recording from now on. @param {Blob | string} file or its address
+     * @param {import("./messages.mjs").Beginning} [at] */
+    open(file, at = { time: 0 }) {
         if (this.#isPaused) this.pause();
         this.#isReplay = true;
+        this.#file = file;
+        this.#singleFile.prepare();
         this.timeLine.close();
         this.latency.close();
         this.#pauseButton.hidden = true;
-        this.recording.element.hidden = true;
+        this.recording.hide();
         // What somebody looks at in figures that were here says nothing about those that come.
         this.#show([]);
-        this.worker.post({ kind: "replay", file });
+        this.worker.post({ kind: "replay", file, at });
     }
 
     #choose() {
         chooseRecording((file) => this.open(file));
+    }
+
+    /** @param {Blob | string} file @param {number} time milliseconds, where it is to be opened */
+    async #saveAsPage(file, time) {
+        const MS_PER_S = 1000;
+        const page = await this.#singleFile.of(await wholeOf(file), time / MS_PER_S);
+        giveFile(page, fileName(document.title, "", new Date(), "html"));
+        this.#say("Saved as HTML");
     }
 
     /** Pauses, or goes on. */
@@ -135,7 +161,9 @@ class Page {
             { type: "button", "aria-label": "Keys", title: "Keys (?)", click: () => showKeys() },
             icon(HELP),
         );
-        this.status.part("actions").append(this.#pauseButton, this.recording.element, help);
+        this.status
+            .part("actions")
+            .append(this.#pauseButton, this.recording.element, this.recording.saveElement, help);
         this.#root.after(this.timeLine.element);
         this.status
             .part("latency")

@@ -100,7 +100,7 @@
  *     | {kind: "picture", id: number, axes: number, limits: Limits, ratio: number}
  *     | {kind: "latency", id: number}
  *     | {kind: "record", most: number | null}
- *     | {kind: "replay", file: Blob | string}
+ *     | {kind: "replay", file: Blob | string, at: Beginning}
  *     | {kind: "player", wish: PlayerWish}
  *     | {kind: "report", text: string}
  *     | {kind: "retry"}
@@ -124,6 +124,9 @@
  *   one axes each row names its own. Pictures have the limits for which the main thread has ticks.
  *   `latency`: what is known of frames' ways.
  */
+
+/** Where a recording is opened: at milliseconds since it began, or at the first frame with that
+ * number. @typedef {{time: number} | {frame: number}} Beginning */
 
 /**
  * What a recording's player is to do. Times are milliseconds since its beginning. Speed: above 0;

@@ -13,6 +13,7 @@ export const PAUSE = "M5.5 3v10M10.5 3v10";
 const BACK = "M12 3v10L6 8ZM4 3v10";
 const ON = "M4 3v10l6-5ZM12 3v10";
 const TROUBLE = "M7 2.5v6.5M7 12v.5M10.5 4.5 14 8l-3.5 3.5";
+const SAVE = "M8 2.5v7M5 7l3 3 3-3M3 10.5v3h10v-3";
 const SPEEDS = [0.1, 0.25, 0.5, 1, 2, 5, 10, 100, Infinity];
 const NORMAL = SPEEDS.indexOf(1);
 /** Milliseconds that a key goes on or back. */
@@ -74,8 +75,9 @@ export class TimeLine {
     #speed = make("select", { "aria-label": "Speed", title: "Speed (<, >)" });
 
     /** @param {(wish: PlayerWish) => void} wish
-     * @param {(text: string) => void} say to those who do not see it */
-    constructor(wish, say) {
+     * @param {(text: string) => void} say to those who do not see it
+     * @param {(time: number) => void} save what is shown as one HTML file, which opens then */
+    constructor(wish, say, save) {
         this.#wish = wish;
         this.#say = say;
         SPEEDS.forEach((speed, i) => {
@@ -113,6 +115,16 @@ export class TimeLine {
             this.#now,
             this.#reading,
             this.#speed,
+            make(
+                "button",
+                {
+                    type: "button",
+                    "aria-label": "Save as HTML",
+                    title: "Save as HTML: page and recording in one file",
+                    click: () => save(this.#time),
+                },
+                icon(SAVE),
+            ),
         );
         this.#listen();
         this.#show();

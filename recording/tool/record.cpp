@@ -1,19 +1,13 @@
 // kiroweb-record: says what is in a recording, and closes one that was not.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <boost/program_options.hpp>
-#include <cerrno>
-#include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
+#include "Draft.hpp"
 #include "Program.hpp"
 #include "kirorecording/Reader.hpp"
 #include "kirorecording/Repair.hpp"
@@ -128,39 +122,19 @@ Status info(const std::string& file) {
     return kNotGood;
 }
 
-/// A new file beside `target`.
-std::string makeDraft(const std::string& target) {
-    std::string path = target + ".XXXXXX";
-    const int file = ::mkostemp(path.data(), O_CLOEXEC);
-    if (file < 0) {
-        throw std::system_error(errno, std::generic_category(), target + ": cannot be written");
-    }
-    ::close(file);
-    return path;
-}
-
 Status repairFile(const std::string& file, const std::string& output) {
     const std::string target = output.empty() ? file : output;
     // Beside it, so that nothing is lost when this ends early, and nothing is read from what is
     // just being written.
     const FileSource source(file);
-    const std::string part = makeDraft(target);
-    Repaired repaired;
-    try {
-        FileSink sink(part);
-        repaired = repair(source, sink);
-        if (!repaired.damage && output.empty()) {
-            std::filesystem::remove(part);
-            print(file + ": is whole\n");
-            return kGood;
-        }
-        std::filesystem::permissions(part, std::filesystem::status(file).permissions());
-        std::filesystem::rename(part, target);
-    } catch (...) {
-        std::error_code ignored;
-        std::filesystem::remove(part, ignored);
-        throw;
+    Draft draft(target);
+    FileSink sink(draft.path());
+    const Repaired repaired = repair(source, sink);
+    if (!repaired.damage && output.empty()) {
+        print(file + ": is whole\n");
+        return kGood;
     }
+    draft.keep(file);
     std::string text = target + ": " + std::to_string(repaired.messages) + " messages";
     if (repaired.last != 0) text += ", up to " + textOf(repaired.last);
     if (repaired.damage) text += std::string("; left out from here on: ") + repaired.damage->what();

@@ -23,6 +23,7 @@ import { Latencies, MOST_RECORDED } from "./latencies.mjs";
  * @property {(message: ToMain) => void} post to the main thread
  * @property {() => number} now microseconds since 1970
  * @property {() => Promise<string>} token what lets the page in where its files are; empty: none
+ * @property {import("../messages.mjs").Beginning} [at] where it is opened
  */
 
 const US_PER_MS = 1000;
@@ -96,8 +97,20 @@ export class Replay {
         if (damage) this.#surroundings.report(damage);
         const chunks = new Chunks(reader);
         await this.#readTitle(chunks);
+        const time = await this.#timeAsked(chunks);
         if (this.#isClosed) return;
-        this.#play(chunks);
+        this.#play(chunks, time);
+    }
+
+    /** Milliseconds since the beginning. @param {Chunks} chunks @returns {Promise<number>} */
+    async #timeAsked(chunks) {
+        const { at = { time: 0 }, report } = this.#surroundings;
+        if ("time" in at) return at.time;
+        const isIt = (/** @type {import("../recording/reader.mjs").Message} */ one) =>
+            chunks.topicOf(one) === "frames" && jsonOf(one.data).frame === at.frame;
+        const found = await chunks.search(BEGINNING, 1, isIt).catch(() => null);
+        if (!found) report(new Error(`the recording has no frame ${at.frame}`));
+        return found ? chunks.timeOf(found.message.time) : 0;
     }
 
     /** What the recording says of itself. @param {Chunks} chunks */
@@ -114,8 +127,8 @@ export class Replay {
         if (!known) throw new Error(`a recording of "${vocabulary}"`);
     }
 
-    /** @param {Chunks} chunks */
-    #play(chunks) {
+    /** @param {Chunks} chunks @param {number} time where it is opened */
+    #play(chunks, time) {
         const { take, report, post, now } = this.#surroundings;
         const player = new Player(chunks, {
             give: (frame) => {
@@ -133,7 +146,7 @@ export class Replay {
         const begin = Number(chunks.begin / NS_PER_MS);
         post({ kind: "recording", begin, duration: chunks.duration });
         this.#player = player;
-        player.seek(0);
+        player.seek(time);
         void this.#survey(chunks, player);
     }
 

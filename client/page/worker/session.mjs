@@ -98,7 +98,7 @@ export class Session {
             this.#isHidden = hidden;
             if (address !== null) this.#begin(() => this.#connect(address));
         },
-        replay: ({ file }) => this.#begin(() => this.#replay(file)),
+        replay: ({ file, at }) => this.#begin(() => this.#replay(file, at)),
         player: ({ wish }) => {
             if (this.#source instanceof Replay) this.#source.do(wish);
         },
@@ -191,8 +191,8 @@ export class Session {
         });
     }
 
-    /** @param {Blob | string} file */
-    #replay(file) {
+    /** @param {Blob | string} file @param {import("../messages.mjs").Beginning} at */
+    #replay(file, at) {
         const { post, now } = this.#surroundings;
         return new Replay(file, {
             take: (frame) => this.flusher.take(frame),
@@ -200,6 +200,7 @@ export class Session {
             post,
             now,
             token: () => this.#access.token(),
+            at,
         });
     }
 

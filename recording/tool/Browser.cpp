@@ -1,0 +1,166 @@
+#include "Browser.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace recording_tool {
+
+namespace json = boost::json;
+
+namespace {
+
+/// Where a browser looks for its pipes.
+constexpr int kHears = 3;
+constexpr int kSays = 4;
+
+[[noreturn]] void fail(int error, const std::string& what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+/// Ends of a pipe that are neither 3 nor 4: reading, writing.
+std::pair<int, int> makePipe() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail(errno, "no pipe to the browser");
+    for (int& end : ends) {
+        const int low = end;
+        end = ::fcntl(low, F_DUPFD_CLOEXEC, kSays + 1);
+        ::close(low);
+    }
+    return {ends[0], ends[1]};
+}
+
+}  // namespace
+
+Browser::Browser(const std::string& path, const std::string& folder, std::chrono::seconds patience)
+    : fDeadline(std::chrono::steady_clock::now() + patience) {
+    const auto [hears, in] = makePipe();
+    const auto [out, says] = makePipe();
+    fIn = in;
+    fOut = out;
+    try {
+        start(path, folder, hears, says);
+    } catch (...) {
+        for (const int end : {hears, in, out, says}) ::close(end);
+        throw;
+    }
+    ::close(hears);
+    ::close(says);
+}
+
+Browser::~Browser() {
+    // It ends when nobody speaks to it any more; what it has started belongs to its group.
+    ::close(fIn);
+    bool isOver = false;
+    std::array<char, 4096> rest{};
+    while (!isOver && untilReadable()) {
+        const auto count = ::read(fOut, rest.data(), rest.size());
+        isOver = count == 0 || (count < 0 && errno != EINTR);
+    }
+    ::close(fOut);
+    if (!isOver) ::kill(-fProcess, SIGKILL);
+    while (::waitpid(fProcess, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+void Browser::start(const std::string& path, const std::string& folder, int in, int out) {
+    std::vector<std::string> words{path,
+                                   "--headless",
+                                   "--disable-gpu",
+                                   "--hide-scrollbars",
+                                   "--no-first-run",
+                                   "--disable-background-networking",
+                                   "--disable-component-update",
+                                   "--remote-debugging-pipe",
+                                   "--user-data-dir=" + folder};
+    // Its sandbox wants a user who is not root. What it opens is our own page.
+    if (::geteuid() == 0) words.emplace_back("--no-sandbox");
+    std::vector<char*> arguments;
+    for (auto& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions{};
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in, kHears);
+    posix_spawn_file_actions_adddup2(&actions, out, kSays);
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_WRONLY, 0);
+    }
+    posix_spawnattr_t how{};
+    posix_spawnattr_init(&how);
+    posix_spawnattr_setflags(&how, POSIX_SPAWN_SETPGROUP);
+    const int error =
+        ::posix_spawn(&fProcess, path.c_str(), &actions, &how, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&how);
+    if (error != 0) fail(error, path + ": cannot be started");
+}
+
+json::object Browser::call(std::string_view method, json::object parameters,
+                           std::string_view session) {
+    json::object message{{"id", ++fNumber}, {"method", method}, {"params", std::move(parameters)}};
+    if (!session.empty()) message["sessionId"] = session;
+    send(json::serialize(message));
+    for (;;) {
+        auto answer = receive();
+        const auto* id = answer.if_contains("id");
+        if (id == nullptr || *id != fNumber) continue;
+        if (auto* result = answer.if_contains("result")) return std::move(result->as_object());
+        throw std::runtime_error("the browser refuses " + std::string(method));
+    }
+}
+
+void Browser::send(std::string_view text) {
+    std::string bytes(text);
+    bytes += '\0';
+    for (std::string_view rest = bytes; !rest.empty();) {
+        const auto count = ::write(fIn, rest.data(), rest.size());
+        if (count < 0 && errno != EINTR) throw std::runtime_error("the browser has ended");
+        if (count > 0) rest.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+json::object Browser::receive() {
+    constexpr std::size_t kMost = std::size_t{256} << 20U;
+    for (;;) {
+        const auto end = fRead.find('\0');
+        if (end != std::string::npos) {
+            const auto message = json::parse(fRead.substr(0, end));
+            fRead.erase(0, end + 1);
+            return message.as_object();
+        }
+        if (!untilReadable()) throw std::runtime_error("the browser does not answer");
+        std::array<char, 65536> bytes{};
+        const auto count = ::read(fOut, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0 || fRead.size() > kMost) throw std::runtime_error("the browser has ended");
+        fRead.append(bytes.data(), static_cast<std::size_t>(count));
+    }
+}
+
+bool Browser::untilReadable() const {
+    using std::chrono::milliseconds;
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<milliseconds>(fDeadline - std::chrono::steady_clock::now());
+        pollfd end{fOut, POLLIN, 0};
+        const int count =
+            ::poll(&end, 1, static_cast<int>(std::max<milliseconds::rep>(0, left.count())));
+        if (count >= 0 || errno != EINTR) return count > 0;
+    }
+}
+
+}  // namespace recording_tool
