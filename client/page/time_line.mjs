@@ -30,6 +30,9 @@ const LANES = [
     ["damage", MARK.damage, "Damaged", 0, 3],
 ];
 
+/** What each recording takes of the height, with the room below it. */
+const STRIP = 4;
+
 /** @param {number} milliseconds */
 export function timeText(milliseconds) {
     const whole = Math.floor(milliseconds);
@@ -61,7 +64,8 @@ const speedText = (speed) => (speed === Infinity ? "as fast as possible" : `${sp
 export class TimeLine {
     #wish;
     #say;
-    #begin = 0;
+    /** @type {import("./messages.mjs").RecordingSide[]} */
+    #sides = [];
     #duration = 0;
     #time = 0;
     #isPlaying = false;
@@ -82,7 +86,6 @@ export class TimeLine {
             this.#speed.append(make("option", { value: i }, speedText(speed)));
         });
         this.#speed.selectedIndex = NORMAL;
-        this.#marks.setAttribute("viewBox", `0 0 ${STRETCHES} 3`);
         this.#marks.setAttribute("preserveAspectRatio", "none");
         this.#marks.setAttribute("aria-hidden", "true");
         const button = (
@@ -122,9 +125,9 @@ export class TimeLine {
         return !this.element.hidden;
     }
 
-    /** @param {{begin: number, duration: number}} recording */
-    open({ begin, duration }) {
-        this.#begin = begin;
+    /** @param {Extract<ToMain, {kind: "recording"}>} recording */
+    open({ duration, sides }) {
+        this.#sides = sides;
         this.#duration = duration;
         this.#slider.max = String(duration);
         this.element.hidden = false;
@@ -139,28 +142,43 @@ export class TimeLine {
     }
 
     /** @param {Moment} moment */
-    moved({ time, frame, isPlaying, why }) {
+    moved({ time, frames, isPlaying, why }) {
         this.#time = time;
         this.#isPlaying = isPlaying;
-        this.#now.title = `Frame ${frame}, ${new Date(this.#begin + time).toLocaleString()}`;
+        const said = this.#sides.map(({ begin }, i) => {
+            const at = new Date(begin + time).toLocaleString();
+            return `${this.#nameOf(i)}Frame ${frames[i]}, ${at}`;
+        });
+        this.#now.title = said.join("\n");
         this.#show();
-        if (why) this.#say(`Frame ${frame} at ${timeText(time)}: ${why}`);
+        const frame = frames.length > 1 ? "" : `Frame ${frames[0]} `;
+        if (why) this.#say(`${frame}at ${timeText(time)}: ${why}`);
     }
 
-    /** @param {{part: number, marks: Uint8Array}} survey */
+    /** Those of each recording lie below those of the one before.
+     * @param {{part: number, marks: Uint8Array[]}} survey */
     surveyed({ part, marks }) {
         const PERCENT = 100;
         this.#reading.textContent = part < 1 ? `reading ${Math.floor(part * PERCENT)} %` : "";
-        const paths = LANES.map(([name, mark, text, top, height]) => {
-            const path = document.createElementNS(SVG, "path");
-            path.setAttribute("class", name);
-            path.setAttribute("d", pathOf(marks, mark, top, height));
-            const title = document.createElementNS(SVG, "title");
-            title.textContent = text;
-            path.append(title);
-            return path;
-        });
+        this.#marks.setAttribute("viewBox", `0 0 ${STRETCHES} ${STRIP * marks.length - 1}`);
+        this.#marks.style.setProperty("--strips", String(marks.length));
+        const paths = marks.flatMap((one, i) =>
+            LANES.map(([name, mark, text, top, height]) => {
+                const path = document.createElementNS(SVG, "path");
+                path.setAttribute("class", name);
+                path.setAttribute("d", pathOf(one, mark, top + STRIP * i, height));
+                const title = document.createElementNS(SVG, "title");
+                title.textContent = this.#nameOf(i) + text;
+                path.append(title);
+                return path;
+            }),
+        );
         this.#marks.replaceChildren(...paths);
+    }
+
+    /** Before what is said of it, where there is more than one. @param {number} side */
+    #nameOf(side) {
+        return this.#sides.length > 1 ? `${this.#sides[side].name}: ` : "";
     }
 
     /** Plays, or stops. */

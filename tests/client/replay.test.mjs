@@ -12,6 +12,7 @@ import { Reader, RecordingError } from "../../client/page/recording/reader.mjs";
 import { Recorder } from "../../client/page/recording/recorder.mjs";
 import { sourceOfAddress } from "../../client/page/recording/sources.mjs";
 import { Survey } from "../../client/page/recording/survey.mjs";
+import { Track } from "../../client/page/recording/track.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
 import { Scene } from "../../client/page/worker/scene.mjs";
 import { Random } from "./figures/support/random.mjs";
@@ -137,12 +138,15 @@ class Stage {
                 return () => stage.#timers.delete(timer);
             },
         };
-        stage.player = new Player(stage.chunks, surroundings, near);
+        stage.track = new Track(stage.chunks, { near });
+        stage.player = new Player([stage.track], surroundings);
         return stage;
     }
     #take(frame) {
         this.given.push(frame);
-        if (frame.scene) this.scene = frame.scene;
+        for (const { side, scene } of frame.scenes ?? []) {
+            this.scene = this.scene.withSide(side, scene);
+        }
         for (const [command, data] of frame.commands) {
             if (command.whole === true) this.scene = new Scene();
             this.scene.apply(command, data);
@@ -243,7 +247,7 @@ test("It plays at the clock's pace, leaves out what the page has no time for, an
     await stage.do(() => player.play(2));
     assert.equal(given.length, 1);
     await stage.pass(510);
-    assert.deepEqual([given.length, stage.moment.frame], [11, 10]);
+    assert.deepEqual([given.length, stage.moment.frames], [11, [10]]);
     await stage.do(() => player.play(0.1));
     await stage.pass(2100);
     assert.equal(given.length, 13);
@@ -327,13 +331,14 @@ test("The next error, late or failed frame is found, and marked on the time line
     for (const isSurveyed of [false, true]) {
         if (isSurveyed) {
             while (await survey.next());
-            player.isCalm = (chunk) => survey.isCalm(chunk);
+            stage.track.isCalm = (chunk) => survey.isCalm(chunk);
         }
         await stage.do(() => player.seek(0));
         stage.read = 0;
         for (let i = 0; i < 4; ++i) {
-            const { why, frame, time } = await stage.do(() => player.nextTrouble());
-            if (i < 3) found.push([frame, why, Math.floor((time / chunks.duration) * STRETCHES)]);
+            const { why, frames, time } = await stage.do(() => player.nextTrouble());
+            if (i < 3)
+                found.push([frames[0], why, Math.floor((time / chunks.duration) * STRETCHES)]);
         }
         // Behind the last one it stays.
         assert.equal(given.at(-1).number, 20);

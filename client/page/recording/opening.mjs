@@ -1,38 +1,60 @@
-// Which recording a page shows, and how somebody gives it one.
+// Which recordings a page shows, and how somebody gives it some.
 
 import { make } from "../dom.mjs";
+import { openDialog } from "../keys.mjs";
 
 const PLAIN = /^[\w-][\w.-]*$/;
 
-/** What the page is to begin with: a recording in its document, or one beside it that its address
- * names; null: an engine.
- * @param {Document} page @param {{hash: string}} location @returns {Blob | string | null} */
-export function ownRecording(page, { hash }) {
+/** What the page is to begin with: a recording in its document, or those beside it that its address
+ * names; none: an engine.
+ * @param {Document} page @param {{hash: string}} location @returns {(Blob | string)[]} */
+export function ownRecordings(page, { hash }) {
     const text = page.getElementById("recording")?.textContent;
-    if (text) return new Blob([Uint8Array.from(atob(text.trim()), (one) => one.charCodeAt(0))]);
-    const name = new URLSearchParams(hash.slice(1)).get("replay");
-    return name && PLAIN.test(name) ? new URL(name, page.baseURI).href : null;
+    if (text) return [new Blob([Uint8Array.from(atob(text.trim()), (one) => one.charCodeAt(0))])];
+    const names = new URLSearchParams(hash.slice(1)).get("replay")?.split(",") ?? [];
+    const isPlain = names.every((name) => PLAIN.test(name));
+    return isPlain ? names.map((name) => new URL(name, page.baseURI).href) : [];
 }
 
-/** Lets somebody choose a file. @param {(file: File) => void} open */
-export function chooseRecording(open) {
-    const input = make("input", { type: "file", accept: ".mcap" });
+/** Lets somebody choose files. @param {(files: File[]) => void} open */
+export function chooseRecordings(open) {
+    const input = make("input", { type: "file", accept: ".mcap", multiple: true });
     input.addEventListener("change", () => {
-        const [file] = input.files ?? [];
-        if (file) open(file);
+        if (input.files?.length) open([...input.files]);
     });
     input.click();
 }
 
-/** @param {(file: File) => void} open a file that was dropped onto the page */
+/** Asks whether a recording is shown beside the one that is there, or in its place. @param {File} file
+ * @param {Blob | string} shown @param {(files: (Blob | string)[]) => void} open */
+export function askPlace(file, shown, open) {
+    const dialog = openDialog("Open a recording");
+    const button = (/** @type {string} */ text, /** @type {(Blob | string)[]} */ files) =>
+        make(
+            "button",
+            {
+                type: "button",
+                click: () => {
+                    dialog.close();
+                    open(files);
+                },
+            },
+            text,
+        );
+    const choice = [button("Beside this one", [shown, file]), button("In its place", [file])];
+    dialog.append(make("p", {}, file.name), make("div", { class: "choice" }, ...choice));
+    choice[0].focus();
+}
+
+/** @param {(files: File[]) => void} open files that were dropped onto the page */
 export function listenToDrops(open) {
     document.addEventListener("dragover", (event) => {
         if (event.dataTransfer?.types.includes("Files")) event.preventDefault();
     });
     document.addEventListener("drop", (event) => {
-        const [file] = event.dataTransfer?.files ?? [];
-        if (!file) return;
+        const files = [...(event.dataTransfer?.files ?? [])];
+        if (files.length === 0) return;
         event.preventDefault();
-        open(file);
+        open(files);
     });
 }

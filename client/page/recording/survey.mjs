@@ -2,8 +2,8 @@
 
 import { jsonOf } from "./following.mjs";
 import { MARK, STRETCHES } from "./marks.mjs";
-import { troubleOf } from "./player.mjs";
 import { RecordingError } from "./reader.mjs";
+import { troubleOf } from "./track.mjs";
 
 /** @typedef {import("./chunks.mjs").Chunks} Chunks */
 /** @typedef {import("./reader.mjs").Message} Message */
@@ -13,6 +13,7 @@ const MOST_OPEN = 64;
 
 export class Survey {
     #chunks;
+    #duration;
     /** Of each chunk, whether it was gone through and nothing is to be looked at. */
     #calm;
     /** When frames were that have no token yet. @type {Map<string, number>} */
@@ -21,9 +22,10 @@ export class Survey {
     /** How many chunks were gone through. */
     done = 0;
 
-    /** @param {Chunks} chunks */
-    constructor(chunks) {
+    /** @param {Chunks} chunks @param {number} [duration] of the time line, milliseconds */
+    constructor(chunks, duration = chunks.duration) {
         this.#chunks = chunks;
+        this.#duration = duration;
         this.#calm = new Uint8Array(chunks.count);
     }
 
@@ -90,7 +92,7 @@ export class Survey {
 
     /** @param {number} time @param {number} mark */
     #mark(time, mark) {
-        const stretch = Math.floor((time / (this.#chunks.duration || 1)) * STRETCHES);
+        const stretch = Math.floor((time / (this.#duration || 1)) * STRETCHES);
         this.marks[Math.min(Math.max(stretch, 0), STRETCHES - 1)] |= mark;
     }
 }

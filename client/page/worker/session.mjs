@@ -97,7 +97,7 @@ export class Session {
             this.#isHidden = hidden;
             if (address !== null) this.#begin(() => this.#connect(address));
         },
-        replay: ({ file }) => this.#begin(() => this.#replay(file)),
+        replay: ({ files }) => this.#begin(() => this.#replay(files)),
         player: ({ wish }) => {
             if (this.#source instanceof Replay) this.#source.do(wish);
         },
@@ -189,10 +189,10 @@ export class Session {
         });
     }
 
-    /** @param {Blob | string} file */
-    #replay(file) {
+    /** @param {(Blob | string)[]} files */
+    #replay(files) {
         const { post, now } = this.#surroundings;
-        return new Replay(file, {
+        return new Replay(files, {
             take: (frame) => this.flusher.take(frame),
             report: (error) => this.report(error),
             post,
@@ -219,7 +219,9 @@ export class Session {
                 this.report(error);
             }
         };
-        if (frame.scene) this.#scene = frame.scene;
+        for (const { side, scene } of frame.scenes ?? []) {
+            this.#scene = this.#scene.withSide(side, scene);
+        }
         for (const [command, data] of frame.commands) {
             if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
             attempt(command.cmd, () => this.#scene.apply(command, data));
