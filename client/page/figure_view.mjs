@@ -56,7 +56,7 @@ export class FigureView {
 
     /** @param {boolean} isWanted whether somebody may use the controls */
     setUsable(isWanted) {
-        this.#controls.element.inert = !isWanted;
+        this.#controls.setUsable(isWanted);
     }
 
     /** Makes the elements what is described. @param {FigureDescription} description */
