@@ -337,8 +337,8 @@ test("The next error, late or failed frame is found, and marked on the time line
         stage.read = 0;
         for (let i = 0; i < 4; ++i) {
             const { why, frames, time } = await stage.do(() => player.nextTrouble());
-            if (i < 3)
-                found.push([frames[0], why, Math.floor((time / chunks.duration) * STRETCHES)]);
+            const at = Math.floor((time / chunks.duration) * STRETCHES);
+            if (i < 3) found.push([frames[0], why, at]);
         }
         // Behind the last one it stays.
         assert.equal(given.at(-1).number, 20);

@@ -208,7 +208,9 @@ for (const [name, run] of [
             await compare(frame);
         }
         await page.keyboard.press(".");
+        await untilFrame(page, frames[0] + 1);
         await page.keyboard.press(",");
+        await untilFrame(page, frames[0]);
         await compare(frames[0]);
         await page.getByLabel("Speed").selectOption("as fast as possible");
         await page.locator(".chart").first().focus();
@@ -268,7 +270,7 @@ test("A recording is dropped, looked into, and refused when it is none", async (
     await untilFrame(page, FRAMES);
     assert.equal(await page.locator('[data-part="title"]').textContent(), "Laboratory");
     // What an engine would hear is not offered.
-    assert.equal(await page.locator(".controls").isDisabled(), true);
+    assert.equal(await page.locator(".controls input").isDisabled(), true);
     assert.match(await page.locator(".controls").getAttribute("title"), /recording/);
     assert.equal(await page.locator(".record").isVisible(), false);
     await page.keyboard.press("?");

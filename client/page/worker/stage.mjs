@@ -18,6 +18,10 @@ import { Scene } from "./scene.mjs";
 /** Of axes that are shown.
  * @typedef {{painter: KeptPainter, isStale: boolean, drawn: string}} Shown */
 
+/** @param {import("./scene.mjs").Item} axes */
+const linkable = ({ id, properties }) =>
+    /** @type {import("../sides.mjs").Linkable} */ ({ id, ...properties });
+
 export class Stage {
     #post;
     #scene = new Scene();
@@ -196,10 +200,6 @@ export class Stage {
         return Object.fromEntries(colored.map((one) => [one.id, colorLimitsOf(one)]));
     }
 }
-
-/** @param {import("./scene.mjs").Item} axes */
-const linkable = ({ id, properties }) =>
-    /** @type {import("../sides.mjs").Linkable} */ ({ id, ...properties });
 
 /** @param {AreaSize} size @returns {import("./painter.mjs").Size} */
 export function canvasSize({ width, height, ratio }) {
