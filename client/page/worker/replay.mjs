@@ -134,7 +134,12 @@ export class Replay {
     async #titleOf(chunks) {
         if (chunks.count === 0) return "";
         const first = await chunks
-            .search(BEGINNING, 1, (one) => chunks.topicOf(one) === "connections")
+            .search(
+                BEGINNING,
+                1,
+                (one) => chunks.topicOf(one) === "connections",
+                (chunk) => chunk > 0,
+            )
             .catch(() => null);
         const { vocabulary, title = "" } = first ? jsonOf(first.message.data) : {};
         if ((vocabulary ?? VOCABULARY) !== VOCABULARY) {
