@@ -14,7 +14,8 @@ const require = createRequire(new URL("../../client/package.json", import.meta.u
 const { WebSocket } = require("ws");
 
 const DIST = new URL("../../client/dist/", import.meta.url);
-const BUILD = process.env.KIROWEB_BUILD ?? fileURLToPath(new URL("../../build/release", import.meta.url));
+const BUILD =
+    process.env.KIROWEB_BUILD ?? fileURLToPath(new URL("../../build/release", import.meta.url));
 const TYPES = { html: "text/html", js: "text/javascript", css: "text/css", svg: "image/svg+xml" };
 const isQuick = process.argv.includes("--quick");
 const SECONDS = isQuick ? 120 : 3600;
@@ -50,15 +51,22 @@ class Browser {
     #next = 0;
     static async start(folder, address) {
         const browser = new Browser();
-        const flags = ["--headless", "--disable-gpu", "--no-first-run", "--remote-debugging-port=0"];
+        const flags = [
+            "--headless",
+            "--disable-gpu",
+            "--no-first-run",
+            "--remote-debugging-port=0",
+        ];
         // The sandbox wants a user who is not root.
         if (process.getuid() === 0) flags.push("--no-sandbox");
-        const profile = join(folder, "profile");
+        const profile = await mkdtemp(join(folder, "profile-"));
         browser.process = spawn("chromium", [...flags, `--user-data-dir=${profile}`, address], {
             stdio: "ignore",
         });
         const port = await browser.#until(async () => {
-            const text = await readFile(join(profile, "DevToolsActivePort"), "utf8").catch(() => "");
+            const text = await readFile(join(profile, "DevToolsActivePort"), "utf8").catch(
+                () => "",
+            );
             return text.split("\n")[0];
         });
         const page = await browser.#until(async () => {
@@ -105,7 +113,7 @@ class Browser {
         return most;
     }
     async #isOwn(id) {
-        for (let at = Number(id); at > 1; ) {
+        for (let at = Number(id); at > 1;) {
             if (at === this.process.pid) return true;
             const status = await readFile(`/proc/${at}/status`, "utf8").catch(() => "");
             at = Number(/PPid:\s+(\d+)/.exec(status)?.[1] ?? 0);
@@ -123,7 +131,8 @@ class Browser {
 async function seek(time, frame, sides) {
     const slider = document.querySelector("#time-line input");
     const now = document.querySelector(".now");
-    const shown = () => [...now.title.matchAll(/Frame (\d+),/g)].map(([, number]) => Number(number));
+    const shown = () =>
+        [...now.title.matchAll(/Frame (\d+),/g)].map(([, number]) => Number(number));
     const begin = performance.now();
     slider.valueAsNumber = time;
     slider.dispatchEvent(new Event("input"));
@@ -157,7 +166,9 @@ function print(what, times, most) {
     const median = sorted[Math.floor(sorted.length / 2)];
     const [mid, last] = [median, sorted.at(-1)].map((time) => time.toFixed(1).padStart(8));
     const memory = (most / MEGABYTE).toFixed(0).padStart(6);
-    console.log(`${what.padEnd(32)} median ${mid} ms, most ${last} ms, page and worker ${memory} MB`);
+    console.log(
+        `${what.padEnd(32)} median ${mid} ms, most ${last} ms, page and worker ${memory} MB`,
+    );
 }
 
 /** Seeks while the page goes through the recordings, and again when it has. */

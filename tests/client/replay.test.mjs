@@ -14,6 +14,7 @@ import { sourceOfAddress } from "../../client/page/recording/sources.mjs";
 import { Survey } from "../../client/page/recording/survey.mjs";
 import { Track } from "../../client/page/recording/track.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
+import { SIDE, linkedView, ownNumber, sideOf } from "../../client/page/sides.mjs";
 import { Scene } from "../../client/page/worker/scene.mjs";
 import { Random } from "./figures/support/random.mjs";
 import { encode } from "./figures/support/scenes.mjs";
@@ -39,9 +40,12 @@ class Run {
     #lines = new Map();
     #next = 3;
     #clock = 10e6;
+    #pause;
     #commands = [];
     #isBegun = false;
-    constructor() {
+    /** @param {number} [pause] milliseconds between two frames */
+    constructor(pause = 100) {
+        this.#pause = pause * 1000;
         const ended = (file) => (this.file = file);
         this.recorder = new Recorder({ now: () => this.#clock, most: 1e9, ended });
     }
@@ -52,7 +56,7 @@ class Run {
         if (this.#sequence > 0) this.#keep();
     }
     frame(draw, isWhole = false) {
-        this.#clock += 1e5;
+        this.#clock += this.#pause;
         const number = this.shown.length;
         if (isWhole) {
             this.scene = new Scene();
@@ -114,33 +118,45 @@ class Stage {
     given = [];
     moments = [];
     errors = [];
+    tracks = [];
     now = 0;
     isAnswering = true;
     #timers = new Set();
     /** Bytes that were read. */
     read = 0;
-    static async open(bytes, { most, near } = {}) {
+    static async open(bytes, options = {}) {
         const stage = new Stage();
+        await stage.#add(bytes, options);
+        return stage;
+    }
+    /** Two beside each other. */
+    static async pair(...files) {
+        const stage = new Stage();
+        for (const [side, bytes] of files.entries()) {
+            await stage.#add(bytes, { side, name: `${side}.mcap` });
+        }
+        return stage;
+    }
+    async #add(bytes, { most, ...options }) {
         const read = async (offset, length) => {
-            stage.read += length;
+            this.read += length;
             return bytes.subarray(offset, offset + length);
         };
-        stage.reader = await Reader.open({ size: bytes.length, read });
-        stage.chunks = new Chunks(stage.reader, most);
-        const surroundings = {
-            give: (frame) => stage.#take(frame),
-            moved: (moment) => stage.moments.push(moment),
-            report: (error) => stage.errors.push(error),
-            now: () => stage.now,
+        this.reader = await Reader.open({ size: bytes.length, read });
+        this.chunks = new Chunks(this.reader, most);
+        this.track = new Track(this.chunks, options);
+        this.tracks.push(this.track);
+        this.player = new Player(this.tracks, {
+            give: (frame) => this.#take(frame),
+            moved: (moment) => this.moments.push(moment),
+            report: (error) => this.errors.push(error),
+            now: () => this.now,
             after: (call, wait) => {
-                const timer = { call, at: stage.now + wait };
-                stage.#timers.add(timer);
-                return () => stage.#timers.delete(timer);
+                const timer = { call, at: this.now + wait };
+                this.#timers.add(timer);
+                return () => this.#timers.delete(timer);
             },
-        };
-        stage.track = new Track(stage.chunks, { near });
-        stage.player = new Player([stage.track], surroundings);
-        return stage;
+        });
     }
     #take(frame) {
         this.given.push(frame);
@@ -192,8 +208,8 @@ async function rechunked(file, size) {
 }
 
 /** A run, and its file. */
-async function recorded(frames = 120) {
-    const run = new Run();
+async function recorded(frames = 120, pause = 100) {
+    const run = new Run(pause);
     run.frame(() => run.draw(), true);
     run.shown = [];
     run.begin();
@@ -393,6 +409,113 @@ test("Where a file is damaged it says so, and shows what is not", async () => {
     while (await survey.next());
     assert.ok(survey.marks.some((mark) => mark & MARK.damage));
     assert.ok(survey.marks.filter((mark) => mark & MARK.damage).length <= 2);
+});
+
+/** What a scene has on one side, with the numbers of its engine. */
+const sideContent = (scene, side) => {
+    const ofSide = ([id]) => sideOf(id) === side;
+    const own = ([id, type, parent, ...rest]) => [
+        ownNumber(id),
+        type,
+        parent && ownNumber(parent),
+        ...rest,
+    ];
+    return contentOf(scene).filter(ofSide).map(own);
+};
+
+test("Two recordings go on together, each as it was, and one that is over stays", async () => {
+    // Frames of one lie between those of the other.
+    const [long, short] = [await recorded(30), await recorded(12, 150)];
+    const stage = await Stage.pair(long.bytes, short.bytes);
+    const { player } = stage;
+    const check = (...frames) => {
+        [long, short].forEach(({ run }, side) => {
+            const content = sideContent(stage.scene, side);
+            assert.deepEqual(content, run.shown[frames[side]], `side ${side}, ${frames}`);
+        });
+        assert.deepEqual(stage.moment.frames, frames);
+    };
+    assert.equal(player.duration, Math.max(...stage.tracks.map(({ duration }) => duration)));
+    await stage.do(() => player.seek(0));
+    check(0, 0);
+    const walked = [[0, 0]];
+    const step = async (by) => {
+        await stage.do(() => player.step(by));
+        return stage.moment.frames;
+    };
+    // One at a time, in the order of time; the same way back.
+    let time = 0;
+    while (walked.length < 30 + 12 - 1) {
+        walked.push(await step(1));
+        check(...walked.at(-1));
+        assert.ok(stage.moment.time >= time);
+        ({ time } = stage.moment);
+    }
+    assert.deepEqual(
+        walked.slice(0, 6),
+        [
+            [0, 0],
+            [1, 0],
+            [1, 1],
+            [2, 1],
+            [3, 1],
+            [3, 2],
+        ].slice(0, 6),
+    );
+    assert.deepEqual(walked.at(-1), [29, 11]);
+    for (const frames of walked.slice(0, -1).reverse()) {
+        assert.deepEqual(await step(-1), frames);
+        check(...frames);
+    }
+    await stage.do(() => player.seek(1020));
+    check(10, 6);
+    await stage.do(() => player.play(1));
+    await stage.pass(500);
+    check(15, 10);
+    await stage.pass(10_000);
+    check(29, 11);
+    assert.equal(stage.moment.isPlaying, false);
+    await stage.do(() => player.play(Infinity));
+    check(29, 11);
+    assert.deepEqual(stage.errors, []);
+});
+
+test("Of two recordings the next trouble of either is found, and it is said whose it is", async () => {
+    const { bytes } = await troubled();
+    const { run, bytes: calm } = await recorded(60);
+    const stage = await Stage.pair(calm, bytes);
+    await stage.do((player) => player.seek(0));
+    const { why, frames, time } = await stage.do((player) => player.nextTrouble());
+    assert.deepEqual([why, frames[1]], ["1.mcap: late", 10]);
+    assert.deepEqual(sideContent(stage.scene, 0), run.shown[frames[0]]);
+    assert.ok(frames[0] > 5 && time > 0);
+    bytes[stage.reader.chunks.at(-1).offset + 100] ^= 4;
+    await stage.do((player) => player.seek(Infinity));
+    await stage.do((player) => player.seek(stage.chunks.duration));
+    assert.match(stage.errors[0].message, /^1\.mcap: offset \d+: /);
+});
+
+test("The same axes of two recordings are looked at together, but for dates", () => {
+    const axes = (id, members) => ({ id, linkX: null, x: null, y: null, y2: null, ...members });
+    const [log, time] = ["log", "time"].map((scale) => ({ scale }));
+    const view = { x: [1, 2], y: [3, 4], y2: null };
+    for (const [one, other, linked] of [
+        [axes(2), axes(3), null],
+        [axes(2, { linkX: 1 }), axes(3, { linkX: 1 }), ["x"]],
+        [axes(2, { linkX: 1, x: time }), axes(3, { linkX: 1, x: time }), ["x"]],
+        [axes(2), axes(SIDE + 2), ["x", "y", "y2"]],
+        [axes(SIDE + 2), axes(2), ["x", "y", "y2"]],
+        [axes(2), axes(SIDE + 3), null],
+        [axes(2, { linkX: 1 }), axes(SIDE + 3, { linkX: 1 }), ["x"]],
+        [axes(2, { x: time }), axes(SIDE + 2, { x: time }), ["y", "y2"]],
+        [axes(2), axes(SIDE + 2, { y: log }), ["x", "y2"]],
+    ]) {
+        const found = linkedView(one, other, view);
+        assert.deepEqual(found && Object.keys(found), linked, JSON.stringify([one, other]));
+    }
+    // Home is home.
+    const dated = [axes(2, { x: time }), axes(SIDE + 2, { x: time })];
+    assert.deepEqual(linkedView(...dated, { x: null }), { x: null });
 });
 
 /** A file of these messages: topic and content, text or bytes. */

@@ -318,3 +318,16 @@ test("A page replays what is in its document, or beside it, and asks for no engi
         await page.close();
     }
 });
+
+test("What others wrote is in the page with its licence", async () => {
+    const modules = new URL("../../client/node_modules/", import.meta.url);
+    for (const [name, one] of [
+        ["page.js", "uplot"],
+        ["page.css", "uplot"],
+        ["worker.js", "fzstd"],
+    ]) {
+        const text = await readFile(new URL(`../../client/dist/${name}`, import.meta.url), "utf8");
+        const licence = await readFile(new URL(`${one}/LICENSE`, modules), "utf8");
+        assert.ok(text.includes(licence.trim()), `${one} in ${name}`);
+    }
+});

@@ -245,7 +245,8 @@ export class Player {
         const found = await this.#ofEach((track) => track.beside(-1));
         const shownAt = this.#tracks.map((track) => (track.shown ? track.timeOf(track.shown) : 0));
         const times = shownAt.map((time, i) => (found[i] ? time : -Infinity));
-        const last = times.indexOf(Math.max(...times));
+        // Of two at the same time the one that came second when somebody stepped on.
+        const last = times.lastIndexOf(Math.max(...times));
         const stop = found[last];
         if (!stop) return null;
         shownAt[last] = this.#tracks[last].timeOf(stop);

@@ -16,6 +16,8 @@ import { RecordingError } from "./reader.mjs";
 
 /** Bytes of chunks that are gone through behind what is shown, before all is made anew. */
 export const NEAR = 32 * 1024 * 1024;
+/** As many are gone through also where something whole is nearer: the page draws less of it anew. */
+const CLOSE = 2 * 1024 * 1024;
 /** Messages between a frame and its token. */
 const TOKEN_REACH = 4096;
 
@@ -172,18 +174,21 @@ export class Track {
         return { ...head, number, isWhole: true, commands: [], scenes, error };
     }
 
-    /** @param {Place} shown @param {Place} stop */
-    #isNear(shown, stop) {
+    /** Whether what brings the page from what it shows to this frame is the shorter way there.
+     * @param {Place} shown @param {Place} stop */
+    async #isNear(shown, stop) {
         if (!isBehind(stop, shown)) return false;
         const between = this.#chunks.reader.chunks.slice(shown.chunk + 1, stop.chunk + 1);
-        return between.reduce((sum, { size }) => sum + size, 0) <= this.#near;
+        const bytes = between.reduce((sum, { size }) => sum + size, 0);
+        if (bytes > this.#near) return false;
+        return bytes <= CLOSE || !isBehind(await this.#keyOf(stop), shown);
     }
 
     /** What brings the page from what it shows to this frame; null: that is not near, or damaged, or
      * all is new on the way.
      * @param {Place} stop @returns {Promise<Frame["commands"] | null>} */
     async #changes(stop) {
-        if (!this.shown || !this.#isNear(this.shown, stop)) return null;
+        if (!this.shown || !(await this.#isNear(this.shown, stop))) return null;
         /** @type {Frame["commands"]} */
         const commands = [];
         const following = new Following((command, data) =>
