@@ -218,10 +218,11 @@ async function recorded(frames = 120, pause = 100) {
     return { run, bytes: await rechunked(run.file, 3000) };
 }
 
-for (const near of [undefined, 0]) {
-    test(`Whatever way a frame is reached, it shows what was shown (${near})`, async () => {
+for (const options of [{}, { most: 0, near: 0 }, { most: 0, close: 0 }]) {
+    const name = JSON.stringify(options);
+    test(`Whatever way a frame is reached, it shows what was shown (${name})`, async () => {
         const { run, bytes } = await recorded();
-        const stage = await Stage.open(bytes, { most: near, near });
+        const stage = await Stage.open(bytes, options);
         const { player, chunks } = stage;
         const times = [];
         await stage.do(() => player.seek(-5));
@@ -248,6 +249,12 @@ for (const near of [undefined, 0]) {
         stage.read = 0;
         await stage.do(() => player.seek(times.at(-60)));
         assert.ok(stage.read < bytes.length / 2, `${stage.read} of ${bytes.length}`);
+        if (options.close === 0) {
+            await stage.do(() => player.seek(0));
+            stage.read = 0;
+            await stage.do(() => player.seek(times.at(-2)));
+            assert.ok(stage.read < bytes.length / 2, `${stage.read} of ${bytes.length}, forwards`);
+        }
         // What stands before the first frame is one, too.
         await stage.do(() => player.seek(times[1]));
         await stage.do(() => player.step(-1));

@@ -16,7 +16,7 @@ import { RecordingError } from "./reader.mjs";
 
 /** Bytes of chunks that are gone through behind what is shown, before all is made anew. */
 export const NEAR = 32 * 1024 * 1024;
-/** As many are gone through also where something whole is nearer: the page draws less of it anew. */
+/** The same where something whole is nearer. */
 const CLOSE = 2 * 1024 * 1024;
 /** Messages between a frame and its token. */
 const TOKEN_REACH = 4096;
@@ -39,6 +39,7 @@ const isWhole = ({ cmd, whole }) => cmd === "beginFrame" && whole === true;
 export class Track {
     #chunks;
     #near;
+    #close;
     #side;
     /** What is shown. @type {Stop | null} */
     shown = null;
@@ -49,11 +50,13 @@ export class Track {
     isCalm = () => false;
 
     /** @param {Chunks} chunks
-     * @param {{name?: string, side?: number, near?: number}} [options] side: on which its objects
-     *   are shown; near: bytes that are gone through from what is shown on */
-    constructor(chunks, { name = "", side = 0, near = NEAR } = {}) {
+     * @param {{name?: string, side?: number, near?: number, close?: number}} [options] side: on which
+     *   its objects are shown; near: bytes that are gone through from what is shown on; close: the
+     *   same where something whole is nearer, so that the page draws less of it anew */
+    constructor(chunks, { name = "", side = 0, near = NEAR, close = CLOSE } = {}) {
         this.#chunks = chunks;
         this.#near = near;
+        this.#close = close;
         this.#side = side;
         this.name = name;
     }
@@ -181,7 +184,7 @@ export class Track {
         const between = this.#chunks.reader.chunks.slice(shown.chunk + 1, stop.chunk + 1);
         const bytes = between.reduce((sum, { size }) => sum + size, 0);
         if (bytes > this.#near) return false;
-        return bytes <= CLOSE || !isBehind(await this.#keyOf(stop), shown);
+        return bytes <= this.#close || !isBehind(await this.#keyOf(stop), shown);
     }
 
     /** What brings the page from what it shows to this frame; null: that is not near, or damaged, or
