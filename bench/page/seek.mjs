@@ -23,6 +23,7 @@ const SEEKS = isQuick ? 10 : 50;
 const FRAMES_PER_SECOND = 30;
 const MEGABYTE = 1e6;
 const KILOBYTES = 1024;
+const MS_PER_TICK = 10;
 
 /** Serves the page, and under any name of a recording this one. */
 async function serve(path) {
@@ -100,15 +101,19 @@ class Browser {
             return result.result.value;
         }
     }
-    /** Bytes that processes of pages, threads included, hold for themselves; the largest of them. */
-    async memory() {
-        let most = 0;
+    /** What the page's process, which its worker belongs to, holds for itself, in bytes, and how many
+     * milliseconds it has run. It is the largest of those that may show pages. */
+    async usage() {
+        let most = { memory: 0, processor: 0 };
         for (const id of (await readdir("/proc")).filter((name) => /^\d+$/.test(name))) {
             const command = await readFile(`/proc/${id}/cmdline`, "utf8").catch(() => "");
             if (!command.includes("--type=renderer")) continue;
             const parents = await readFile(`/proc/${id}/status`, "utf8").catch(() => "");
             const [, anonymous] = /RssAnon:\s+(\d+)/.exec(parents) ?? [0, 0];
-            if (await this.#isOwn(id)) most = Math.max(most, Number(anonymous) * KILOBYTES);
+            if (Number(anonymous) * KILOBYTES <= most.memory || !(await this.#isOwn(id))) continue;
+            const fields = (await readFile(`/proc/${id}/stat`, "utf8")).split(") ")[1].split(" ");
+            const ticks = Number(fields[11]) + Number(fields[12]);
+            most = { memory: Number(anonymous) * KILOBYTES, processor: ticks * MS_PER_TICK };
         }
         return most;
     }
@@ -161,7 +166,7 @@ async function untilOpen() {
 
 const isRead = () => document.querySelector(".reading").textContent === "";
 
-function print(what, times, most) {
+function print(what, times, most, processor) {
     const sorted = [...times].sort((a, b) => a - b);
     const median = sorted[Math.floor(sorted.length / 2)];
     const [mid, last] = [median, sorted.at(-1)].map((time) => time.toFixed(1).padStart(8));
@@ -181,18 +186,25 @@ async function measure(folder, origin, sides) {
         for (const phase of ["while it is read through", "later"]) {
             const times = [];
             let most = 0;
+            const before = await browser.usage();
             for (let i = 0; i < SEEKS; ++i) {
                 random = (random * 48271) % 2147483647;
                 const frame = random % (SECONDS * FRAMES_PER_SECOND);
                 const time = ((frame + 0.5) / FRAMES_PER_SECOND) * 1000;
                 times.push(await browser.evaluate(seek, time, frame, sides));
-                most = Math.max(most, await browser.memory());
+                most = Math.max(most, (await browser.usage()).memory);
             }
+            const { processor } = await browser.usage();
             while (!(await browser.evaluate(isRead))) {
-                most = Math.max(most, await browser.memory());
+                most = Math.max(most, (await browser.usage()).memory);
                 await new Promise((resolve) => setTimeout(resolve, 200));
             }
-            print(`${sides === 1 ? "one" : "two"}, ${phase}`, times, most);
+            print(
+                `${sides === 1 ? "one" : "two"}, ${phase}`,
+                times,
+                most,
+                processor - before.processor,
+            );
         }
     } finally {
         await browser.end();
