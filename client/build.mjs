@@ -1,5 +1,5 @@
 // Puts the page into dist/: one script for each of its threads, one style sheet, and what else a browser asks for.
-import { copyFile, mkdir, readFile, rm, writeFile } from "node:fs/promises";
+import { appendFile, copyFile, mkdir, readFile, rm, writeFile } from "node:fs/promises";
 import { fileURLToPath } from "node:url";
 
 import { build } from "esbuild";
@@ -8,25 +8,38 @@ const here = (/** @type {string} */ path) => fileURLToPath(new URL(path, import.
 
 await rm(here("dist"), { recursive: true, force: true });
 await mkdir(here("dist"), { recursive: true });
-await build({
+
+/** Bundles, with the licences of the packages that are in it as a comment at the end of each file.
+ * @param {import("esbuild").BuildOptions} options */
+async function bundle(options) {
+    const { metafile } = await build({
+        outdir: here("dist"),
+        absWorkingDir: here("."),
+        bundle: true,
+        minify: true,
+        metafile: true,
+        legalComments: "none",
+        logLevel: "warning",
+        ...options,
+    });
+    for (const [path, { inputs }] of Object.entries(metafile.outputs)) {
+        const names = Object.keys(inputs).map((input) => /^node_modules\/([^/]+)/.exec(input)?.[1]);
+        for (const name of new Set(names)) {
+            if (!name) continue;
+            const licence = await readFile(here(`node_modules/${name}/LICENSE`), "utf8");
+            await appendFile(here(path), `/*! ${name}\n\n${licence.trim()}\n*/\n`);
+        }
+    }
+}
+
+await bundle({
     entryPoints: {
         page: here("page/main.mjs"),
         worker: process.argv[2] ?? here("page/worker/worker.mjs"),
     },
-    outdir: here("dist"),
-    bundle: true,
-    minify: true,
-    legalComments: "none",
     target: "es2022",
-    logLevel: "warning",
 });
-await build({
-    entryPoints: { page: here("page/page.css") },
-    outdir: here("dist"),
-    bundle: true,
-    minify: true,
-    logLevel: "warning",
-});
+await bundle({ entryPoints: { page: here("page/page.css") } });
 
 /** No script or style may hold what ends the element that it is to stand in. @param {string} name */
 async function assertEmbeddable(name) {

@@ -25,7 +25,7 @@ export default [
         },
     },
     {
-        files: ["tests/**", "client/*.config.mjs", "client/build.mjs"],
+        files: ["tests/**", "bench/page/**", "client/*.config.mjs", "client/build.mjs"],
         languageOptions: { globals: { ...globals.node, kirowebPage: "readonly" } },
     },
 ];

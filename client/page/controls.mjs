@@ -133,7 +133,7 @@ class Entry {
 
 /** A figure's controls. */
 export class Controls {
-    element = make("div", { class: "controls", role: "group", "aria-label": "Controls" });
+    element = make("fieldset", { class: "controls", "aria-label": "Controls" });
     #onControl;
     #key = "";
     /** @type {Map<number, Entry>} */
@@ -142,6 +142,12 @@ export class Controls {
     /** @param {OnControl} onControl */
     constructor(onControl) {
         this.#onControl = onControl;
+    }
+
+    /** @param {boolean} isWanted whether somebody may use them */
+    setUsable(isWanted) {
+        this.element.disabled = !isWanted;
+        this.element.title = isWanted ? "" : "As they were: a recording has no engine to hear them";
     }
 
     /** @param {ControlDescription[]} controls */

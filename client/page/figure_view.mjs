@@ -6,6 +6,7 @@ import { make, setText } from "./dom.mjs";
 import { placeAxes } from "./layout.mjs";
 import { showLegend } from "./legend.mjs";
 import { Watch } from "./stale.mjs";
+import { ownNumber } from "./sides.mjs";
 import { makeToolbar } from "./toolbar.mjs";
 
 /** @typedef {import("./messages.mjs").FigureDescription} FigureDescription */
@@ -55,13 +56,13 @@ export class FigureView {
 
     /** @param {boolean} isWanted whether somebody may use the controls */
     setUsable(isWanted) {
-        this.#controls.element.inert = !isWanted;
+        this.#controls.setUsable(isWanted);
     }
 
     /** Makes the elements what is described. @param {FigureDescription} description */
     describe(description) {
         this.description = description;
-        setText(this.heading, description.title || `Figure ${description.id}`);
+        setText(this.heading, description.title || `Figure ${ownNumber(description.id)}`);
         this.heading.classList.toggle("unseen", description.title === "");
         this.#controls.show(description.controls);
         const ids = new Set(description.axes.map(({ id }) => id));

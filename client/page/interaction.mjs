@@ -8,6 +8,7 @@ import { meaningOf, showKeys } from "./keys.mjs";
 import { homeView } from "./navigation.mjs";
 import { showSave } from "./save.mjs";
 import { valueAt } from "./scale.mjs";
+import { linkedView } from "./sides.mjs";
 import { spokenName } from "./spoken.mjs";
 import { showTable } from "./table.mjs";
 
@@ -209,17 +210,17 @@ export class Interaction {
     /** Shows at once what is to be looked at, in all axes that are linked; the worker draws it.
      * @param {AxesView} view @param {Partial<View>} change */
     #look(view, change) {
-        const { linkX, id: axes } = view.description;
+        const { description } = view;
         view.look(change);
-        if (linkX !== null && change.x !== undefined) {
-            for (const other of this.#known.keys()) {
-                if (other !== view && other.description.linkX === linkX) {
-                    other.look({ x: change.x });
-                }
-            }
+        const figures = new Set([this.#known.get(view)?.figure]);
+        for (const [other, { figure }] of this.#known) {
+            const linked = linkedView(description, other.description, change);
+            if (!linked) continue;
+            other.look(linked);
+            figures.add(figure);
         }
-        this.#worker.post({ kind: "view", axes, ...view.view });
-        this.#known.get(view)?.figure.showHome();
+        this.#worker.post({ kind: "view", axes: description.id, ...view.view });
+        for (const figure of figures) figure?.showHome();
     }
 
     /** @param {AxesView} view @param {number} x @param {number | null} y @param {number} reach

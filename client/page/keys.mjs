@@ -66,7 +66,7 @@ const OTHERS = [
     ["Escape", "Forget the corner, put the crosshair away, close"],
     ["Space", "Pause, and live again"],
     ["r", "Record what comes; again: end, and download the file"],
-    ["o", "Open a recording"],
+    ["o", "Open a recording, or two beside each other"],
     ["?", "These keys"],
 ];
 

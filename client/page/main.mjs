@@ -9,16 +9,17 @@ import { giveFile } from "./give_file.mjs";
 import { Interaction } from "./interaction.mjs";
 import { showKeys } from "./keys.mjs";
 import { LatencyPanel } from "./latency_panel.mjs";
-import { gridOf } from "./layout.mjs";
+import { Places } from "./places.mjs";
 import { RecordButton } from "./recording/button.mjs";
 import {
-    chooseRecording,
+    askPlace,
+    chooseRecordings,
     listenToDrops,
     ownMoment,
-    ownRecording,
-    wholeOf,
+    ownRecordings,
 } from "./recording/opening.mjs";
 import { SingleFile, workerAddress } from "./recording/single_file.mjs";
+import { sourceOf } from "./recording/sources.mjs";
 import { staleText } from "./stale.mjs";
 import { StatusBar } from "./status_bar.mjs";
 import { Colors } from "./theme.mjs";
@@ -69,9 +70,9 @@ class Page {
     #frameEnd = new MessageChannel();
     /** @type {number[]} */
     #painted = [];
-    #isReplay = false;
-    /** What is replayed. @type {Blob | string} */
-    #file = "";
+    /** The recordings that are shown. @type {(Blob | string)[]} */
+    #files = [];
+    #places = new Places(this.#root);
     #pauseButton = make("button", { type: "button", click: () => this.pause() });
 
     constructor() {
@@ -97,7 +98,8 @@ class Page {
         this.timeLine = new TimeLine(
             (wish) => this.worker.post({ kind: "player", wish }),
             (text) => this.#say(text),
-            (time) => void this.#saveAsPage(this.#file, time).catch((error) => this.#report(error)),
+            (time) =>
+                void this.#saveAsPage(this.#files[0], time).catch((error) => this.#report(error)),
         );
         this.latency = new LatencyPanel(this.worker, this.#colors, (time) => {
             this.worker.post({ kind: "player", wish: { do: "seek", time } });
@@ -105,10 +107,10 @@ class Page {
         this.#makeActions();
         this.#listen();
         const { hidden } = document;
-        const own = ownRecording(document, location);
-        const address = own === null ? gatewayAddress() : null;
+        const own = ownRecordings(document, location);
+        const address = own.length === 0 ? gatewayAddress() : null;
         this.worker.post({ kind: "start", address, theme: this.#colors.theme(), hidden });
-        if (own !== null) this.open(own, ownMoment(document, location));
+        if (own.length > 0) this.open(own, ownMoment(document, location));
         const LOOK_AGAIN = 500;
         setInterval(() => this.#showStale(), LOOK_AGAIN);
     }
@@ -118,12 +120,15 @@ class Page {
         return this.statistics?.outcomes ?? { painted: 0, hidden: 0, paused: 0, failed: 0 };
     }
 
-    /** Shows a recording from now on. @param {Blob | string} file or its address
+    get #isReplay() {
+        return this.#files.length > 0;
+    }
+
+    /** Shows recordings from now on. @param {(Blob | string)[]} files or their addresses
      * @param {import("./messages.mjs").Beginning} [at] */
-    open(file, at = { time: 0 }) {
+    open(files, at = { time: 0 }) {
         if (this.#isPaused) this.pause();
-        this.#isReplay = true;
-        this.#file = file;
+        this.#files = files;
         this.#singleFile.prepare();
         this.timeLine.close();
         this.latency.close();
@@ -131,17 +136,32 @@ class Page {
         this.recording.hide();
         // What somebody looks at in figures that were here says nothing about those that come.
         this.#show([]);
-        this.worker.post({ kind: "replay", file, at });
+        this.#places.divide([]);
+        this.worker.post({ kind: "replay", files, at });
+    }
+
+    /** Files that somebody gives the page. @param {File[]} files */
+    #given(files) {
+        const isBeside = files.length === 1 && this.#files.length === 1;
+        if (isBeside) askPlace(files[0], this.#files[0], (all) => this.open(all));
+        else this.open(files);
     }
 
     #choose() {
-        chooseRecording((file) => this.open(file));
+        chooseRecordings((files) => this.#given(files));
+    }
+
+    /** @param {Extract<ToMain, {kind: "recording"}>} recording */
+    #begin(recording) {
+        this.#places.divide(recording.sides);
+        this.timeLine.open(recording);
     }
 
     /** @param {Blob | string} file @param {number} time milliseconds, where it is to be opened */
     async #saveAsPage(file, time) {
         const MS_PER_S = 1000;
-        const page = await this.#singleFile.of(await wholeOf(file), time / MS_PER_S);
+        const source = await sourceOf(file, async () => (await tabAccess?.token()) ?? "");
+        const page = await this.#singleFile.of(source, time / MS_PER_S);
         giveFile(page, fileName(document.title, "", new Date(), "html"));
         this.#say("Saved as HTML");
     }
@@ -198,7 +218,7 @@ class Page {
         // Before the axes, which have a use for Space.
         document.addEventListener("keydown", (event) => this.timeLine.key(event), true);
         document.addEventListener("keydown", (event) => this.interaction.pageKey(event));
-        listenToDrops((file) => this.open(file));
+        listenToDrops((files) => this.#given(files));
         this.#colors.whenChanged(() => {
             this.worker.post({ kind: "theme", theme: this.#colors.theme() });
             for (const view of this.#axes()) view.redraw();
@@ -228,11 +248,17 @@ class Page {
         else if (message.kind === "state") this.#takeState(message);
         else if (message.kind === "hello") this.#takeHello(message);
         else if (message.kind === "recorded") this.recording.ended(message.file, message.reason);
-        else if (message.kind === "recording") this.timeLine.open(message);
-        else if (message.kind === "moment") this.timeLine.moved(message);
+        else if (message.kind === "recording") this.#begin(message);
+        else if (message.kind === "moment") this.#moved(message);
         else if (message.kind === "survey") this.timeLine.surveyed(message);
         else if (message.kind === "ask") void this.#answer(message);
         else if (message.kind === "error") this.#report(new Error(message.text));
+    }
+
+    /** @param {Extract<ToMain, {kind: "moment"}>} moment */
+    #moved(moment) {
+        this.timeLine.moved(moment);
+        this.#places.moved(moment);
     }
 
     /** @param {Extract<ToMain, {kind: "state"}>} state */
@@ -296,7 +322,7 @@ class Page {
             view.describe(figure);
             view.setUsable(!this.#isReplay);
         }
-        if (figures.length === 0) this.#root.replaceChildren(this.#empty);
+        if (figures.length === 0) this.#root.append(this.#empty);
         else this.#empty.remove();
         const shape = JSON.stringify(figures.map(shapeOf));
         if (shape !== this.#shape) this.#layOut();
@@ -328,7 +354,7 @@ class Page {
             },
         );
         this.figures.set(description.id, view);
-        this.#root.append(view.element);
+        this.#places.add(view);
         return view;
     }
 
@@ -358,16 +384,7 @@ class Page {
     /** Fits all figures into the window. */
     #layOut() {
         if (this.figures.size === 0) return;
-        const { clientWidth: width, clientHeight: height } = this.#root;
-        const { columns } = gridOf(this.figures.size, { width, height });
-        this.#root.style.gridTemplateColumns = `repeat(${columns}, minmax(0, 1fr))`;
-        const views = [...this.figures.values()];
-        views.forEach((figure, i) => {
-            // The last one takes what is left of its row.
-            const span = i === views.length - 1 ? columns - (i % columns) : 1;
-            figure.element.style.gridColumn = `span ${span}`;
-        });
-        for (const figure of views) figure.place();
+        this.#places.layOut([...this.figures.values()]);
         this.#fit();
     }
 

@@ -65,6 +65,7 @@
 /**
  * @typedef {object} FigureDescription
  * @property {number} id
+ * @property {number} side with two recordings: on which it is shown, from the left; else 0
  * @property {string} title
  * @property {number} columns 0: chosen by the page
  * @property {ControlDescription[]} controls
@@ -100,7 +101,7 @@
  *     | {kind: "picture", id: number, axes: number, limits: Limits, ratio: number}
  *     | {kind: "latency", id: number}
  *     | {kind: "record", most: number | null}
- *     | {kind: "replay", file: Blob | string, at: Beginning}
+ *     | {kind: "replay", files: (Blob | string)[], at: Beginning}
  *     | {kind: "player", wish: PlayerWish}
  *     | {kind: "report", text: string}
  *     | {kind: "retry"}
@@ -117,8 +118,8 @@
  * - `probe`: what lies there. With `y: null` only x counts; `reach`: how far off it may lie.
  * - `pick`, of the data, `key` and `control` go to the engine.
  * - `record`: what comes from now on, in a file of at most so many bytes; null: no longer.
- * - `replay`: this recording is shown from now on, in the place of everything else; a text: its
- *   address. `player`: what is to be seen of it.
+ * - `replay`: this recording is shown from now on, in the place of everything else, or these two
+ *   beside each other; a text: its address. `player`: what is to be seen of it.
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
  *   one axes each row names its own. Pictures have the limits for which the main thread has ticks.
@@ -140,6 +141,9 @@
  *     | {do: "trouble"}
  * )} PlayerWish
  */
+
+/** A recording on its side, from the left. Begin: milliseconds since 1970; duration: milliseconds.
+ * @typedef {{name: string, begin: number, duration: number}} RecordingSide */
 
 /** @typedef {{ground: string, text: string, dark: boolean}} Theme colours as "#rrggbb" */
 
@@ -165,9 +169,9 @@
  *     | {kind: "statistics", frames: number, flush: number, bytes: number, frame: number,
  *        news: number, changed: number[], outcomes: Record<string, number>, recorded: number}
  *     | {kind: "recorded", file: Blob, reason: string}
- *     | {kind: "recording", begin: number, duration: number}
- *     | {kind: "moment", time: number, frame: number, isPlaying: boolean, why: string}
- *     | {kind: "survey", part: number, marks: Uint8Array}
+ *     | {kind: "recording", duration: number, sides: RecordingSide[]}
+ *     | {kind: "moment", time: number, frames: number[], isPlaying: boolean, why: string}
+ *     | {kind: "survey", part: number, marks: Uint8Array[]}
  *     | {kind: "error", text: string}
  *     | {kind: "probed", id: number, values: Probed[]}
  *     | {kind: "csv", id: number, text: string}
@@ -192,9 +196,10 @@
  *   says it, 0: nothing yet; the figures in which something is new since the last ones; how often
  *   each outcome was answered; bytes of the recording, 0: there is none.
  * - `recorded`: the recording has ended, as it was wanted, or why.
- * - `recording`: one is open; when it begins, milliseconds since 1970, and how many it lasts. `moment`:
- *   what is seen of it, and why, if somebody asked for trouble. `survey`: how much of it was gone
- *   through, of 1, and what is in each of the equal stretches of its time (`MARK`).
+ * - `recording`: one is open, or two; how many milliseconds the longer one lasts. `moment`: what is
+ *   seen of it, with the engine's number of each side's frame, and why, if somebody asked for trouble.
+ *   `survey`: how much was gone through, of 1, and for each side what is in each of the equal
+ *   stretches of that time (`MARK`).
  * - An answer for axes that are not there is an empty one; for `picture` it is null.
  * - `unanswered`: why a question has no answer.
  * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.

@@ -31,6 +31,9 @@ const LANES = [
     ["damage", MARK.damage, "Damaged", 0, 3],
 ];
 
+/** What each recording takes of the height, with the room below it. */
+const STRIP = 4;
+
 /** @param {number} milliseconds */
 export function timeText(milliseconds) {
     const whole = Math.floor(milliseconds);
@@ -62,7 +65,8 @@ const speedText = (speed) => (speed === Infinity ? "as fast as possible" : `${sp
 export class TimeLine {
     #wish;
     #say;
-    #begin = 0;
+    /** @type {import("./messages.mjs").RecordingSide[]} */
+    #sides = [];
     #duration = 0;
     #time = 0;
     #isPlaying = false;
@@ -72,6 +76,11 @@ export class TimeLine {
     #marks = document.createElementNS(SVG, "svg");
     #now = make("output", { class: "now" });
     #reading = make("span", { class: "reading" });
+    #save = make("button", {
+        type: "button",
+        "aria-label": "Save as HTML",
+        title: "Save as HTML: page and recording in one file",
+    });
     #speed = make("select", { "aria-label": "Speed", title: "Speed (<, >)" });
 
     /** @param {(wish: PlayerWish) => void} wish
@@ -84,7 +93,6 @@ export class TimeLine {
             this.#speed.append(make("option", { value: i }, speedText(speed)));
         });
         this.#speed.selectedIndex = NORMAL;
-        this.#marks.setAttribute("viewBox", `0 0 ${STRETCHES} 3`);
         this.#marks.setAttribute("preserveAspectRatio", "none");
         this.#marks.setAttribute("aria-hidden", "true");
         const button = (
@@ -115,17 +123,10 @@ export class TimeLine {
             this.#now,
             this.#reading,
             this.#speed,
-            make(
-                "button",
-                {
-                    type: "button",
-                    "aria-label": "Save as HTML",
-                    title: "Save as HTML: page and recording in one file",
-                    click: () => save(this.#time),
-                },
-                icon(SAVE),
-            ),
+            this.#save,
         );
+        this.#save.append(icon(SAVE));
+        this.#save.addEventListener("click", () => save(this.#time));
         this.#listen();
         this.#show();
     }
@@ -134,10 +135,12 @@ export class TimeLine {
         return !this.element.hidden;
     }
 
-    /** @param {{begin: number, duration: number}} recording */
-    open({ begin, duration }) {
-        this.#begin = begin;
+    /** @param {Extract<ToMain, {kind: "recording"}>} recording */
+    open({ duration, sides }) {
+        this.#sides = sides;
         this.#duration = duration;
+        // Such a file has one.
+        this.#save.hidden = sides.length > 1;
         this.#slider.max = String(duration);
         this.element.hidden = false;
         this.#slider.focus();
@@ -151,28 +154,43 @@ export class TimeLine {
     }
 
     /** @param {Moment} moment */
-    moved({ time, frame, isPlaying, why }) {
+    moved({ time, frames, isPlaying, why }) {
         this.#time = time;
         this.#isPlaying = isPlaying;
-        this.#now.title = `Frame ${frame}, ${new Date(this.#begin + time).toLocaleString()}`;
+        const said = this.#sides.map(({ begin }, i) => {
+            const at = new Date(begin + time).toLocaleString();
+            return `${this.#nameOf(i)}Frame ${frames[i]}, ${at}`;
+        });
+        this.#now.title = said.join("\n");
         this.#show();
-        if (why) this.#say(`Frame ${frame} at ${timeText(time)}: ${why}`);
+        const frame = frames.length > 1 ? "" : `Frame ${frames[0]} `;
+        if (why) this.#say(`${frame}at ${timeText(time)}: ${why}`);
     }
 
-    /** @param {{part: number, marks: Uint8Array}} survey */
+    /** Those of each recording lie below those of the one before.
+     * @param {{part: number, marks: Uint8Array[]}} survey */
     surveyed({ part, marks }) {
         const PERCENT = 100;
         this.#reading.textContent = part < 1 ? `reading ${Math.floor(part * PERCENT)} %` : "";
-        const paths = LANES.map(([name, mark, text, top, height]) => {
-            const path = document.createElementNS(SVG, "path");
-            path.setAttribute("class", name);
-            path.setAttribute("d", pathOf(marks, mark, top, height));
-            const title = document.createElementNS(SVG, "title");
-            title.textContent = text;
-            path.append(title);
-            return path;
-        });
+        this.#marks.setAttribute("viewBox", `0 0 ${STRETCHES} ${STRIP * marks.length - 1}`);
+        this.#marks.style.setProperty("--strips", String(marks.length));
+        const paths = marks.flatMap((one, i) =>
+            LANES.map(([name, mark, text, top, height]) => {
+                const path = document.createElementNS(SVG, "path");
+                path.setAttribute("class", name);
+                path.setAttribute("d", pathOf(one, mark, top + STRIP * i, height));
+                const title = document.createElementNS(SVG, "title");
+                title.textContent = this.#nameOf(i) + text;
+                path.append(title);
+                return path;
+            }),
+        );
         this.#marks.replaceChildren(...paths);
+    }
+
+    /** Before what is said of it, where there is more than one. @param {number} side */
+    #nameOf(side) {
+        return this.#sides.length > 1 ? `${this.#sides[side].name}: ` : "";
     }
 
     /** Plays, or stops. */

@@ -12,8 +12,10 @@ import { Reader, RecordingError } from "../../client/page/recording/reader.mjs";
 import { Recorder } from "../../client/page/recording/recorder.mjs";
 import { sourceOfAddress } from "../../client/page/recording/sources.mjs";
 import { Survey } from "../../client/page/recording/survey.mjs";
+import { Track } from "../../client/page/recording/track.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
 import { Latencies } from "../../client/page/worker/latencies.mjs";
+import { SIDE, linkedView, ownNumber, sideOf } from "../../client/page/sides.mjs";
 import { Scene } from "../../client/page/worker/scene.mjs";
 import { Random } from "./figures/support/random.mjs";
 import { encode } from "./figures/support/scenes.mjs";
@@ -39,9 +41,12 @@ class Run {
     #lines = new Map();
     #next = 3;
     #clock = 10e6;
+    #pause;
     #commands = [];
     #isBegun = false;
-    constructor() {
+    /** @param {number} [pause] milliseconds between two frames */
+    constructor(pause = 100) {
+        this.#pause = pause * 1000;
         const ended = (file) => (this.file = file);
         this.recorder = new Recorder({ now: () => this.#clock, most: 1e9, ended });
     }
@@ -52,7 +57,7 @@ class Run {
         if (this.#sequence > 0) this.#keep();
     }
     frame(draw, isWhole = false) {
-        this.#clock += 1e5;
+        this.#clock += this.#pause;
         const number = this.shown.length;
         if (isWhole) {
             this.scene = new Scene();
@@ -114,36 +119,51 @@ class Stage {
     given = [];
     moments = [];
     errors = [];
+    tracks = [];
     now = 0;
     isAnswering = true;
     #timers = new Set();
     /** Bytes that were read. */
     read = 0;
-    static async open(bytes, { most, near } = {}) {
+    static async open(bytes, options = {}) {
         const stage = new Stage();
+        await stage.#add(bytes, options);
+        return stage;
+    }
+    /** Two beside each other. */
+    static async pair(...files) {
+        const stage = new Stage();
+        for (const [side, bytes] of files.entries()) {
+            await stage.#add(bytes, { side, name: `${side}.mcap` });
+        }
+        return stage;
+    }
+    async #add(bytes, { most, ...options }) {
         const read = async (offset, length) => {
-            stage.read += length;
+            this.read += length;
             return bytes.subarray(offset, offset + length);
         };
-        stage.reader = await Reader.open({ size: bytes.length, read });
-        stage.chunks = new Chunks(stage.reader, most);
-        const surroundings = {
-            give: (frame) => stage.#take(frame),
-            moved: (moment) => stage.moments.push(moment),
-            report: (error) => stage.errors.push(error),
-            now: () => stage.now,
+        this.reader = await Reader.open({ size: bytes.length, read });
+        this.chunks = new Chunks(this.reader, most);
+        this.track = new Track(this.chunks, options);
+        this.tracks.push(this.track);
+        this.player = new Player(this.tracks, {
+            give: (frame) => this.#take(frame),
+            moved: (moment) => this.moments.push(moment),
+            report: (error) => this.errors.push(error),
+            now: () => this.now,
             after: (call, wait) => {
-                const timer = { call, at: stage.now + wait };
-                stage.#timers.add(timer);
-                return () => stage.#timers.delete(timer);
+                const timer = { call, at: this.now + wait };
+                this.#timers.add(timer);
+                return () => this.#timers.delete(timer);
             },
-        };
-        stage.player = new Player(stage.chunks, surroundings, near);
-        return stage;
+        });
     }
     #take(frame) {
         this.given.push(frame);
-        if (frame.scene) this.scene = frame.scene;
+        for (const { side, scene } of frame.scenes ?? []) {
+            this.scene = this.scene.withSide(side, scene);
+        }
         for (const [command, data] of frame.commands) {
             if (command.whole === true) this.scene = new Scene();
             this.scene.apply(command, data);
@@ -189,20 +209,21 @@ async function rechunked(file, size) {
 }
 
 /** A run, and its file. */
-async function recorded(frames = 120) {
-    const run = new Run();
+async function recorded(frames = 120, pause = 100, whole = 70) {
+    const run = new Run(pause);
     run.frame(() => run.draw(), true);
     run.shown = [];
     run.begin();
-    while (run.shown.length < frames) run.frame(() => run.draw(), run.shown.length === 70);
+    while (run.shown.length < frames) run.frame(() => run.draw(), run.shown.length === whole);
     run.recorder.end();
     return { run, bytes: await rechunked(run.file, 3000) };
 }
 
-for (const near of [undefined, 0]) {
-    test(`Whatever way a frame is reached, it shows what was shown (${near})`, async () => {
+for (const options of [{}, { most: 0, near: 0 }, { most: 0, close: 0 }]) {
+    const name = JSON.stringify(options);
+    test(`Whatever way a frame is reached, it shows what was shown (${name})`, async () => {
         const { run, bytes } = await recorded();
-        const stage = await Stage.open(bytes, { most: near, near });
+        const stage = await Stage.open(bytes, options);
         const { player, chunks } = stage;
         const times = [];
         await stage.do(() => player.seek(-5));
@@ -229,6 +250,12 @@ for (const near of [undefined, 0]) {
         stage.read = 0;
         await stage.do(() => player.seek(times.at(-60)));
         assert.ok(stage.read < bytes.length / 2, `${stage.read} of ${bytes.length}`);
+        if (options.close === 0) {
+            await stage.do(() => player.seek(0));
+            stage.read = 0;
+            await stage.do(() => player.seek(times.at(-2)));
+            assert.ok(stage.read < bytes.length / 2, `${stage.read} of ${bytes.length}, forwards`);
+        }
         // What stands before the first frame is one, too.
         await stage.do(() => player.seek(times[1]));
         await stage.do(() => player.step(-1));
@@ -244,7 +271,7 @@ test("It plays at the clock's pace, leaves out what the page has no time for, an
     await stage.do(() => player.play(2));
     assert.equal(given.length, 1);
     await stage.pass(510);
-    assert.deepEqual([given.length, stage.moment.frame], [11, 10]);
+    assert.deepEqual([given.length, stage.moment.frames], [11, [10]]);
     await stage.do(() => player.play(0.1));
     await stage.pass(2100);
     assert.equal(given.length, 13);
@@ -324,18 +351,19 @@ test("The next error, late or failed frame is found, and marked on the time line
     const stage = await Stage.open(bytes, { most: 0 });
     const { player, chunks, given } = stage;
     const latencies = new Latencies(100);
-    const survey = new Survey(chunks, latencies);
+    const survey = new Survey(chunks, chunks.duration, latencies);
     const found = [];
     for (const isSurveyed of [false, true]) {
         if (isSurveyed) {
             while (await survey.next());
-            player.isCalm = (chunk) => survey.isCalm(chunk);
+            stage.track.isCalm = (chunk) => survey.isCalm(chunk);
         }
         await stage.do(() => player.seek(0));
         stage.read = 0;
         for (let i = 0; i < 4; ++i) {
-            const { why, frame, time } = await stage.do(() => player.nextTrouble());
-            if (i < 3) found.push([frame, why, Math.floor((time / chunks.duration) * STRETCHES)]);
+            const { why, frames, time } = await stage.do(() => player.nextTrouble());
+            const at = Math.floor((time / chunks.duration) * STRETCHES);
+            if (i < 3) found.push([frames[0], why, at]);
         }
         // Behind the last one it stays.
         assert.equal(given.at(-1).number, 20);
@@ -401,6 +429,113 @@ test("Where a file is damaged it says so, and shows what is not", async () => {
     while (await survey.next());
     assert.ok(survey.marks.some((mark) => mark & MARK.damage));
     assert.ok(survey.marks.filter((mark) => mark & MARK.damage).length <= 2);
+});
+
+/** What a scene has on one side, with the numbers of its engine. */
+const sideContent = (scene, side) => {
+    const ofSide = ([id]) => sideOf(id) === side;
+    const own = ([id, type, parent, ...rest]) => [
+        ownNumber(id),
+        type,
+        parent && ownNumber(parent),
+        ...rest,
+    ];
+    return contentOf(scene).filter(ofSide).map(own);
+};
+
+test("Two recordings go on together, each as it was, and one that is over stays", async () => {
+    // Frames of one lie between those of the other.
+    const [long, short] = [await recorded(30, 100, 7), await recorded(12, 150)];
+    const stage = await Stage.pair(long.bytes, short.bytes);
+    const { player } = stage;
+    const check = (...frames) => {
+        [long, short].forEach(({ run }, side) => {
+            const content = sideContent(stage.scene, side);
+            assert.deepEqual(content, run.shown[frames[side]], `side ${side}, ${frames}`);
+        });
+        assert.deepEqual(stage.moment.frames, frames);
+    };
+    assert.equal(player.duration, Math.max(...stage.tracks.map(({ duration }) => duration)));
+    await stage.do(() => player.seek(0));
+    check(0, 0);
+    const walked = [[0, 0]];
+    const step = async (by) => {
+        await stage.do(() => player.step(by));
+        return stage.moment.frames;
+    };
+    // One at a time, in the order of time; the same way back.
+    let time = 0;
+    while (walked.length < 30 + 12 - 1) {
+        walked.push(await step(1));
+        check(...walked.at(-1));
+        assert.ok(stage.moment.time >= time);
+        ({ time } = stage.moment);
+    }
+    assert.deepEqual(walked.at(-1), [29, 11]);
+    for (const frames of walked.slice(0, -1).reverse()) {
+        assert.deepEqual(await step(-1), frames);
+        check(...frames);
+    }
+    await stage.do(() => player.seek(1020));
+    check(10, 6);
+    await stage.do(() => player.play(1));
+    await stage.pass(500);
+    check(15, 10);
+    await stage.pass(10_000);
+    check(29, 11);
+    assert.equal(stage.moment.isPlaying, false);
+    await stage.do(() => player.play(Infinity));
+    check(29, 11);
+    assert.deepEqual(stage.errors, []);
+
+    // One whose only frame is still to come is no step back.
+    const late = new Run(5000);
+    late.begin();
+    late.frame(() => late.draw(), true);
+    late.recorder.end();
+    const other = await Stage.pair(long.bytes, await rechunked(late.file, 3000));
+    await other.do((one) => one.seek(520));
+    assert.deepEqual(other.moment.frames, [5, 0]);
+    await other.do((one) => one.step(-1));
+    assert.deepEqual([other.moment.frames, Math.round(other.moment.time)], [[4, 0], 400]);
+});
+
+test("Of two recordings the next trouble of either is found, and it is said whose it is", async () => {
+    const { bytes } = await troubled();
+    const { run, bytes: calm } = await recorded(60);
+    const stage = await Stage.pair(calm, bytes);
+    await stage.do((player) => player.seek(0));
+    const { why, frames, time } = await stage.do((player) => player.nextTrouble());
+    assert.deepEqual([why, frames[1]], ["1.mcap: late", 10]);
+    assert.deepEqual(sideContent(stage.scene, 0), run.shown[frames[0]]);
+    assert.ok(frames[0] > 5 && time > 0);
+    bytes[stage.reader.chunks.at(-1).offset + 100] ^= 4;
+    await stage.do((player) => player.seek(Infinity));
+    await stage.do((player) => player.seek(stage.chunks.duration));
+    assert.match(stage.errors[0].message, /^1\.mcap: offset \d+: /);
+});
+
+test("The same axes of two recordings are looked at together, but for dates", () => {
+    const axes = (id, members) => ({ id, linkX: null, x: null, y: null, y2: null, ...members });
+    const [log, time] = ["log", "time"].map((scale) => ({ scale }));
+    const view = { x: [1, 2], y: [3, 4], y2: null };
+    for (const [one, other, linked] of [
+        [axes(2), axes(3), null],
+        [axes(2, { linkX: 1 }), axes(3, { linkX: 1 }), ["x"]],
+        [axes(2, { linkX: 1, x: time }), axes(3, { linkX: 1, x: time }), ["x"]],
+        [axes(2), axes(SIDE + 2), ["x", "y", "y2"]],
+        [axes(SIDE + 2), axes(2), ["x", "y", "y2"]],
+        [axes(2), axes(SIDE + 3), null],
+        [axes(2, { linkX: 1 }), axes(SIDE + 3, { linkX: 1 }), ["x"]],
+        [axes(2, { x: time }), axes(SIDE + 2, { x: time }), ["y", "y2"]],
+        [axes(2), axes(SIDE + 2, { y: log }), ["x", "y2"]],
+    ]) {
+        const found = linkedView(one, other, view);
+        assert.deepEqual(found && Object.keys(found), linked, JSON.stringify([one, other]));
+    }
+    // Home is home.
+    const dated = [axes(2, { x: time }), axes(SIDE + 2, { x: time })];
+    assert.deepEqual(linkedView(...dated, { x: null }), { x: null });
 });
 
 /** A file of these messages: topic and content, text or bytes. */

@@ -3,6 +3,7 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { SingleFile, blobOfBase64 } from "../../client/page/recording/single_file.mjs";
+import { sourceOfBlob } from "../../client/page/recording/sources.mjs";
 
 const PARTS = {
     "single.html": "<{{page.css}}|{{worker.js}}|{{at}}|{{recording}}|{{page.js}}>{{other}}",
@@ -10,12 +11,13 @@ const PARTS = {
     "worker.js": "work {{recording}}",
     "page.js": "$& {{at}}",
 };
+const ABC = sourceOfBlob(new Blob(["abc"]));
 /** Of a page that is no single file. */
 const document = { getElementById: () => null };
 
 test("What stands at the template's places is the page's parts, as they are", async () => {
     const file = new SingleFile(document, async (name) => new Response(PARTS[name]));
-    const page = await file.of(new Blob(["abc"]), 1.5);
+    const page = await file.of(ABC, 1.5);
     assert.equal(await page.text(), "<style|work {{recording}}|1.5|YWJj|$& {{at}}>{{other}}");
     assert.equal(page.type, "text/html");
 });
@@ -27,7 +29,7 @@ test("A recording of any size comes out of its text as it went in", async () => 
     );
     for (const size of [0, 1, 2, 3 * 1024 * 1024, 7 * 1024 * 1024 + 1]) {
         const bytes = Uint8Array.from({ length: size }, (_, i) => (i * i) >> 7);
-        const text = await (await file.of(new Blob([bytes]), 0)).text();
+        const text = await (await file.of(sourceOfBlob(new Blob([bytes])), 0)).text();
         const back = new Uint8Array(await blobOfBase64(text).arrayBuffer());
         assert.ok(Buffer.from(bytes).equals(back), `${size} bytes`);
     }
@@ -41,12 +43,12 @@ test("What is there once is kept, and what is missing is asked for again", async
         return new Response(PARTS[name], { status: isThere ? 200 : 404 });
     });
     file.prepare();
-    await assert.rejects(file.of(new Blob(["abc"]), 0), /cannot be saved: single.html: 404/);
+    await assert.rejects(file.of(ABC, 0), /cannot be saved: single.html: 404/);
     isThere = true;
     file.prepare();
-    await file.of(new Blob(["abc"]), 0);
+    await file.of(ABC, 0);
     isThere = false;
-    await file.of(new Blob(["abc"]), 0);
+    await file.of(ABC, 0);
     assert.equal(asked.length, 8);
     const large = /** @type {any} */ ({ size: 256 * 1024 * 1024 + 1 });
     await assert.rejects(file.of(large, 0), /larger than an HTML file can hold/);

@@ -8,7 +8,8 @@
 /** A chunk that is kept, and the bytes that it takes.
  * @typedef {{messages: Promise<Message[]>, cost: number}} Kept */
 
-const MOST = 64 * 1024 * 1024;
+/** Bytes that are kept of what was read last. */
+export const MOST_KEPT = 64 * 1024 * 1024;
 /** Bytes that a message takes besides its own. */
 const MESSAGE_COST = 300;
 const NS_PER_MS = 1e6;
@@ -39,7 +40,7 @@ export class Chunks {
     #topics;
 
     /** @param {Reader} reader @param {number} [most] bytes that are kept, or the last one */
-    constructor(reader, most = MOST) {
+    constructor(reader, most = MOST_KEPT) {
         this.reader = reader;
         this.#most = most;
         this.#topics = new Map([...reader.channels].map(([id, { topic }]) => [id, topic]));

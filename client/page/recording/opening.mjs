@@ -1,27 +1,28 @@
-// Which recording a page shows, and how somebody gives it one.
+// Which recordings a page shows, and how somebody gives it some.
 
 import { make } from "../dom.mjs";
+import { openDialog } from "../keys.mjs";
 import { blobOfBase64 } from "./single_file.mjs";
-import { sourceOfAddress } from "./sources.mjs";
 
 /** @typedef {import("../messages.mjs").Beginning} Beginning */
 
 const PLAIN = /^[\w-][\w.-]*$/;
 
-/** What the page is to begin with: a recording in its document, or one beside it that its address
- * names; null: an engine.
- * @param {Document} page @param {{hash: string}} location @returns {Blob | string | null} */
-export function ownRecording(page, { hash }) {
+/** What the page is to begin with: a recording in its document, or those beside it that its address
+ * names; none: an engine.
+ * @param {Document} page @param {{hash: string}} location @returns {(Blob | string)[]} */
+export function ownRecordings(page, { hash }) {
     const element = page.getElementById("recording");
     const text = element?.textContent;
     if (element && text) {
         const recording = blobOfBase64(text.trim());
         // Once is enough.
         element.textContent = "";
-        return recording;
+        return [recording];
     }
-    const name = new URLSearchParams(hash.slice(1)).get("replay");
-    return name && PLAIN.test(name) ? new URL(name, page.baseURI).href : null;
+    const names = new URLSearchParams(hash.slice(1)).get("replay")?.split(",") ?? [];
+    const isPlain = names.every((name) => PLAIN.test(name));
+    return isPlain ? names.map((name) => new URL(name, page.baseURI).href) : [];
 }
 
 /** Where it is opened: at a frame that the address names, or where its document says.
@@ -34,33 +35,45 @@ export function ownMoment(page, { hash }) {
     return { time: Number.isFinite(seconds) ? seconds * MS_PER_S : 0 };
 }
 
-/** All of it. @param {Blob | string} file or its address @returns {Promise<Blob>} */
-export async function wholeOf(file) {
-    if (file instanceof Blob) return file;
-    const source = await sourceOfAddress(file);
-    const bytes = /** @type {Uint8Array<ArrayBuffer>} */ (await source.read(0, source.size));
-    return new Blob([bytes]);
-}
-
-/** Lets somebody choose a file. @param {(file: File) => void} open */
-export function chooseRecording(open) {
-    const input = make("input", { type: "file", accept: ".mcap" });
+/** Lets somebody choose files. @param {(files: File[]) => void} open */
+export function chooseRecordings(open) {
+    const input = make("input", { type: "file", accept: ".mcap", multiple: true });
     input.addEventListener("change", () => {
-        const [file] = input.files ?? [];
-        if (file) open(file);
+        if (input.files?.length) open([...input.files]);
     });
     input.click();
 }
 
-/** @param {(file: File) => void} open a file that was dropped onto the page */
+/** Asks whether a recording is shown beside the one that is there, or in its place. @param {File} file
+ * @param {Blob | string} shown @param {(files: (Blob | string)[]) => void} open */
+export function askPlace(file, shown, open) {
+    const dialog = openDialog("Open a recording");
+    const button = (/** @type {string} */ text, /** @type {(Blob | string)[]} */ files) =>
+        make(
+            "button",
+            {
+                type: "button",
+                click: () => {
+                    dialog.close();
+                    open(files);
+                },
+            },
+            text,
+        );
+    const choice = [button("Beside this one", [shown, file]), button("In its place", [file])];
+    dialog.append(make("p", {}, file.name), make("div", { class: "choice" }, ...choice));
+    choice[0].focus();
+}
+
+/** @param {(files: File[]) => void} open files that were dropped onto the page */
 export function listenToDrops(open) {
     document.addEventListener("dragover", (event) => {
         if (event.dataTransfer?.types.includes("Files")) event.preventDefault();
     });
     document.addEventListener("drop", (event) => {
-        const [file] = event.dataTransfer?.files ?? [];
-        if (!file) return;
+        const files = [...(event.dataTransfer?.files ?? [])];
+        if (files.length === 0) return;
         event.preventDefault();
-        open(file);
+        open(files);
     });
 }

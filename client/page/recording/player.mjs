@@ -1,23 +1,18 @@
-// Plays a recording: finds what was shown at a moment, and gives it as frames.
+// Plays recordings on one time line: what was shown at a moment since their beginning is given as frames.
 
-import { Scene } from "../worker/scene.mjs";
-import { BEGINNING, isBehind, isSamePlace, nextTo } from "./chunks.mjs";
-import { Following, commandsOf, jsonOf } from "./following.mjs";
-import { RecordingError } from "./reader.mjs";
+import { isSamePlace } from "./chunks.mjs";
 
-/** @typedef {import("./chunks.mjs").Chunks} Chunks */
-/** @typedef {import("./chunks.mjs").Place} Place */
-/** @typedef {import("./reader.mjs").Message} Message */
+/** @typedef {import("./track.mjs").Track} Track */
+/** @typedef {import("./track.mjs").Stop} Stop */
 /** @typedef {import("../worker/frames.mjs").Frame} Frame */
 
-/** A frame, where its mark is. @typedef {Place & {message: Message}} Stop */
-/** Where to go: nowhere, or to a stop, at that time or another one behind it.
- * @typedef {{stop: Stop, time?: number, why?: string} | null} Goal */
+/** Where to go: nowhere, or to a stop of each track, at that time; null: that one stays where it is.
+ * @typedef {{stops: (Stop | null)[], time: number, why?: string} | null} Goal */
 
 /**
  * @typedef {object} Moment
  * @property {number} time milliseconds since the beginning
- * @property {number} frame the engine's number
+ * @property {number[]} frames the engine's number, of each track
  * @property {boolean} isPlaying
  * @property {string} why this one, where somebody asked for the next that is not as it should be
  */
@@ -32,33 +27,15 @@ import { RecordingError } from "./reader.mjs";
  *   returns keeps it from that
  */
 
-/** Bytes of chunks that are gone through behind what is shown, before all is made anew. */
-const NEAR = 32 * 1024 * 1024;
 /** Milliseconds between two times that are told while no frame comes. */
 const TELL_EVERY = 100;
 /** The finest that timers can tell. */
 const TICK = 1;
-/** Messages between a frame and its token. */
-const TOKEN_REACH = 4096;
 const MOST_STEPS = 16;
 
-/** Why a frame is to be looked at; null: it was as it should be.
- * @param {string | undefined} topic @param {Uint8Array} data @returns {string | null} */
-export function troubleOf(topic, data) {
-    if (topic === "errors") return String(jsonOf(data).error);
-    if (topic !== "tokens") return null;
-    const { outcome, reason } = jsonOf(data);
-    if (outcome !== "late" && outcome !== "failed") return null;
-    return reason ? `${outcome}: ${reason}` : String(outcome);
-}
-
 export class Player {
-    #chunks;
+    #tracks;
     #surroundings;
-    #near;
-    /** What is shown. @type {Stop | null} */
-    #shown = null;
-    #frame = 0;
     #time = 0;
     #why = "";
     /** How to find what was asked for. @type {{isStep: boolean, find: () => Promise<Goal>}[]} */
@@ -74,16 +51,14 @@ export class Player {
     /** @type {() => void} */
     #answered = () => {};
     #isClosed = false;
-    /** Of a chunk, whether it is known that nothing in it is to be looked at.
-     * @type {(chunk: number) => boolean} */
-    isCalm = () => false;
 
-    /** @param {Chunks} chunks @param {Surroundings} surroundings
-     * @param {number} [near] bytes that are gone through from what is shown on */
-    constructor(chunks, surroundings, near = NEAR) {
-        this.#chunks = chunks;
-        this.#near = near;
+    /** @param {Track[]} tracks which begin together, and end when the last one does
+     * @param {Surroundings} surroundings */
+    constructor(tracks, surroundings) {
+        this.#tracks = tracks;
         this.#surroundings = surroundings;
+        /** Milliseconds. */
+        this.duration = Math.max(...tracks.map(({ duration }) => duration));
     }
 
     /** Ends when nothing is being looked for or shown. */
@@ -93,23 +68,17 @@ export class Player {
 
     /** @param {number} time milliseconds since the beginning */
     seek(time) {
-        this.#ask(false, async () => {
-            const stop = await this.#at(time);
-            return stop && { stop, time: Math.min(Math.max(time, 0), this.#chunks.duration) };
-        });
+        this.#ask(false, () => this.#at(Math.min(Math.max(time, 0), this.duration)));
     }
     /** To the next frame or the one before; ends playing. @param {1 | -1} by */
     step(by) {
         this.stop();
-        this.#ask(true, async () => {
-            const stop = await this.#beside(by);
-            return stop && { stop };
-        });
+        this.#ask(true, () => (by > 0 ? this.#next() : this.#before()));
     }
     /** To the next frame that was late or failed, or with an error; ends playing. */
     nextTrouble() {
         this.stop();
-        this.#ask(true, () => this.#nextTrouble());
+        this.#ask(true, () => this.#trouble());
     }
     /** From here on; from the beginning, at the end. @param {number} speed above 0; Infinity: each
      * frame, as fast as it can be shown */
@@ -118,9 +87,8 @@ export class Player {
         this.#isPlaying = true;
         this.#setClock();
         this.#ask(true, async () => {
-            const isOver = !this.#shown || !(await this.#beside(1));
-            const stop = isOver ? await this.#first() : null;
-            return stop && { stop };
+            const isBegun = this.#tracks.some(({ shown }) => shown);
+            return isBegun && (await this.#next()) ? null : this.#at(0);
         });
         this.#tell();
     }
@@ -186,38 +154,40 @@ export class Player {
     /** What is to be shown now while it plays; null: later, or it is over.
      * @returns {Promise<Goal>} */
     async #due() {
-        const next = await this.#beside(1);
+        const next = await this.#next();
         const { now, after } = this.#surroundings;
-        if (this.#speed === Infinity && next) return { stop: next };
+        if (this.#speed === Infinity && next) return next;
         const passed = (now() - this.#clock.now) * this.#speed;
-        const time = Math.min(this.#clock.time + passed, this.#chunks.duration);
-        if (next && this.#timeOf(next) <= time) {
-            const stop = await this.#at(time);
-            return stop && { stop, time };
-        }
-        this.#time = this.#speed === Infinity ? this.#chunks.duration : time;
-        if (!next && this.#time >= this.#chunks.duration) {
+        const time = Math.min(this.#clock.time + passed, this.duration);
+        if (next && next.time <= time) return this.#at(time);
+        this.#time = this.#speed === Infinity ? this.duration : time;
+        if (!next && this.#time >= this.duration) {
             this.stop();
             return null;
         }
         this.#tell();
-        const left = ((next ? this.#timeOf(next) : this.#chunks.duration) - time) / this.#speed;
+        const left = ((next ? next.time : this.duration) - time) / this.#speed;
         this.#cancelTimer = after(() => this.#begin(), Math.min(Math.max(left, TICK), TELL_EVERY));
         return null;
     }
 
     /** @param {NonNullable<Goal>} goal */
-    async #goTo({ stop, time = this.#timeOf(stop), why = "" }) {
-        if (!isSamePlace(stop, this.#shown)) {
-            const frame = await this.#frameAt(stop);
+    async #goTo({ stops, time, why = "" }) {
+        const frames = await this.#ofEach((track, i) => {
+            const stop = stops[i];
+            return stop && !isSamePlace(stop, track.shown) ? track.frameAt(stop) : null;
+        });
+        if (frames.some((frame) => frame !== null)) {
             // What is being waited for is the screen.
             const answer = new Promise((/** @type {(value?: any) => void} */ answered) => {
                 this.#answered = answered;
             });
             if (this.#isClosed) return;
-            this.#shown = stop;
-            this.#frame = frame.number;
-            this.#surroundings.give(frame);
+            this.#tracks.forEach((track, i) => {
+                const frame = frames[i];
+                if (frame) Object.assign(track, { shown: stops[i], frame: frame.number });
+            });
+            this.#surroundings.give(together(frames.flatMap((frame) => frame ?? [])));
             await answer;
         }
         this.#time = time;
@@ -226,204 +196,87 @@ export class Player {
     }
 
     #tell() {
-        const isPlaying = this.#isPlaying;
         this.#surroundings.moved({
             time: this.#time,
-            frame: this.#frame,
-            isPlaying,
+            frames: this.#tracks.map(({ frame }) => frame),
+            isPlaying: this.#isPlaying,
             why: this.#why,
         });
     }
 
-    // --- Where frames are ---------------------------------------------------------------------
+    // --- Where tracks are ---------------------------------------------------------------------
 
-    /** @param {Stop} stop @returns {number} milliseconds since the beginning */
-    #timeOf({ message }) {
-        return this.#chunks.timeOf(message.time);
-    }
-    /** @param {Message} message @param {string[]} topics */
-    #isOf(message, ...topics) {
-        return topics.includes(String(this.#chunks.topicOf(message)));
+    /** One after the other. An error says whose it is, where there are others.
+     * @template T @param {(track: Track, i: number) => Promise<T> | null} call
+     * @returns {Promise<(T | null)[]>} */
+    async #ofEach(call) {
+        const results = [];
+        for (const [i, track] of this.#tracks.entries()) {
+            try {
+                results.push(await call(track, i));
+            } catch (thrown) {
+                if (this.#tracks.length < 2) throw thrown;
+                const { message } = /** @type {Error} */ (thrown);
+                throw new Error(`${track.name}: ${message}`, { cause: thrown });
+            }
+        }
+        return results;
     }
 
-    /** What a recording shows first: a page's own begins with a snapshot.
-     * @returns {Promise<Stop | null>} */
-    #first() {
-        return this.#chunks.search(BEGINNING, 1, (one) => this.#isOf(one, "frames", "snapshots"));
-    }
-
-    /** The last one that is there at this time, or the first of all. @param {number} time
-     * @returns {Promise<Stop | null>} */
+    /** One that is over keeps its last frame; one whose first is still to come shows that.
+     * @param {number} time @returns {Promise<Goal>} */
     async #at(time) {
-        const { chunks } = this.#chunks.reader;
-        let chunk = chunks.length - 1;
-        while (chunk > 0 && this.#chunks.timeOf(chunks[chunk].first) > time) --chunk;
-        const found = await this.#lastBefore(
-            { chunk, index: Infinity },
-            (message) => this.#chunks.timeOf(message.time) <= time,
-        );
-        return found ?? this.#first();
+        const stops = await this.#ofEach((track) => track.at(time));
+        return stops.some(Boolean) ? { stops, time } : null;
     }
 
-    /** @param {1 | -1} step @returns {Promise<Stop | null>} */
-    async #beside(step) {
-        if (!this.#shown) return this.#first();
-        const from = nextTo(this.#shown, step);
-        if (step < 0) return this.#lastBefore(from, () => true);
-        return this.#chunks.search(from, 1, (message) => this.#isOf(message, "frames"));
+    /** To the frame that comes first, of any track. @returns {Promise<Goal>} */
+    async #next() {
+        const found = await this.#ofEach((track) => track.beside(1));
+        const times = found.map((stop, i) => (stop ? this.#tracks[i].timeOf(stop) : Infinity));
+        const time = Math.min(...times);
+        if (time === Infinity) return null;
+        const first = times.indexOf(time);
+        return { stops: found.map((stop, i) => (i === first ? stop : null)), time };
     }
 
-    /** @param {Place} from @param {(message: Message) => boolean} isWanted
-     * @returns {Promise<Stop | null>} */
-    async #lastBefore(from, isWanted) {
-        /** @type {Stop | null} */
-        let first = null;
-        const mark = await this.#chunks.search(from, -1, (message, place) => {
-            if (!isWanted(message)) return false;
-            // Behind a frame's mark it shows nothing else.
-            if (this.#isOf(message, "snapshots")) first = { ...place, message };
-            return this.#isOf(message, "frames");
-        });
-        return mark ?? first;
+    /** Back from the frame that came last, of any track. @returns {Promise<Goal>} */
+    async #before() {
+        const found = await this.#ofEach((track) => track.beside(-1));
+        const shownAt = this.#tracks.map((track) => (track.shown ? track.timeOf(track.shown) : 0));
+        const times = shownAt.map((time, i) => (found[i] ? time : -Infinity));
+        // Of two at the same time the one that came second when somebody stepped on.
+        const last = times.lastIndexOf(Math.max(...times));
+        const stop = found[last];
+        if (!stop) return null;
+        shownAt[last] = this.#tracks[last].timeOf(stop);
+        // A frame that is still to come is shown, but it is not that late.
+        const time = Math.max(0, ...shownAt.filter((one) => one <= this.#time));
+        return { stops: found.map((one, i) => (i === last ? one : null)), time };
     }
 
     /** @returns {Promise<Goal>} */
-    async #nextTrouble() {
-        let from = this.#shown ? nextTo(this.#shown, 1) : BEGINNING;
-        for (;;) {
-            let why = "";
-            const found = await this.#chunks.search(
-                from,
-                1,
-                (message, place) => {
-                    const trouble = this.#chunks.at(place, () =>
-                        troubleOf(this.#chunks.topicOf(message), message.data),
-                    );
-                    why = trouble ?? "";
-                    return trouble !== null;
-                },
-                (chunk) => this.isCalm(chunk),
-            );
-            if (!found) return null;
-            const stop = await this.#frameOf(found);
-            if (stop && (!this.#shown || isBehind(stop, this.#shown))) return { stop, why };
-            from = nextTo(found, 1);
-        }
+    async #trouble() {
+        const found = await this.#ofEach((track) => track.nextTrouble());
+        const times = found.map((one, i) => (one ? this.#tracks[i].timeOf(one.stop) : Infinity));
+        const time = Math.min(...times);
+        if (time === Infinity) return null;
+        const first = times.indexOf(time);
+        const { stop, why } = /** @type {{stop: Stop, why: string}} */ (found[first]);
+        const stops = await this.#ofEach((track, i) => (i === first ? null : track.at(time)));
+        stops[first] = stop;
+        const { name } = this.#tracks[first];
+        return { stops, time, why: this.#tracks.length > 1 ? `${name}: ${why}` : why };
     }
+}
 
-    /** Whose token that is, or which was the last one when an error came. @param {Stop} trouble */
-    async #frameOf(trouble) {
-        const { message } = trouble;
-        if (this.#isOf(message, "errors")) return this.#lastBefore(trouble, () => true);
-        const token = this.#json(trouble);
-        let left = TOKEN_REACH;
-        const found = await this.#chunks.search(trouble, -1, (one, place) => {
-            if (--left === 0) return true;
-            if (!this.#isOf(one, "frames")) return false;
-            const { frame, attempt } = this.#json({ ...place, message: one });
-            return frame === token.frame && attempt === token.attempt;
-        });
-        return left > 0 ? found : null;
-    }
-
-    /** @param {Stop} stop @returns {any} */
-    #json(stop) {
-        return this.#chunks.at(stop, () => jsonOf(stop.message.data) ?? {});
-    }
-
-    // --- What frames show ---------------------------------------------------------------------
-
-    /** What brings the page to this frame. @param {Stop} stop
-     * @returns {Promise<Frame>} */
-    async #frameAt(stop) {
-        const mark = this.#isOf(stop.message, "frames") ? this.#json(stop) : { attempt: 1 };
-        const head = { attempt: Number(mark.attempt), token: null, error: null };
-        const commands = await this.#changes(stop);
-        if (commands) {
-            return { ...head, number: Number(mark.frame), isWhole: false, commands, scene: null };
-        }
-        const { scene, error } = await this.#sceneAt(stop);
-        const number = Number(mark.frame ?? scene.frame);
-        return { ...head, number, isWhole: true, commands: [], scene, error };
-    }
-
-    /** @param {Place} shown @param {Place} stop */
-    #isNear(shown, stop) {
-        if (!isBehind(stop, shown)) return false;
-        const between = this.#chunks.reader.chunks.slice(shown.chunk + 1, stop.chunk + 1);
-        return between.reduce((sum, { size }) => sum + size, 0) <= this.#near;
-    }
-
-    /** What brings the page from what it shows to this frame; null: that is not near, or damaged.
-     * @param {Place} stop @returns {Promise<Frame["commands"] | null>} */
-    async #changes(stop) {
-        if (!this.#shown || !this.#isNear(this.#shown, stop)) return null;
-        /** @type {Frame["commands"]} */
-        const commands = [];
-        const following = new Following((command, data) => commands.push([command, data]));
-        try {
-            await this.#through(nextTo(this.#shown, 1), stop, following);
-            return commands;
-        } catch (thrown) {
-            // Something whole may stand behind it.
-            if (thrown instanceof RecordingError) return null;
-            throw thrown;
-        }
-    }
-
-    /** @param {Place} from @param {Place} stop @param {Following} following
-     * @param {(message: Message) => void} [look] */
-    async #through(from, stop, following, look = () => {}) {
-        await this.#chunks.search(from, 1, (message, place) => {
-            this.#chunks.at(place, () => {
-                look(message);
-                following.follow(this.#chunks.topicOf(message), message.data);
-            });
-            return isSamePlace(place, stop);
-        });
-    }
-
-    /** All that is there with a frame, from the last moment on when a recording has all of it.
-     * @param {Place} stop @returns {Promise<{scene: Scene, error: Error | null}>} */
-    async #sceneAt(stop) {
-        /** @type {Scene | null} */
-        let scene = null;
-        /** @type {Error | null} */
-        let error = null;
-        const apply = (/** @type {any} */ command, /** @type {Uint8Array | null} */ data) => {
-            if (command.cmd === "beginFrame" && command.whole === true) scene = new Scene();
-            try {
-                scene?.apply(command, data);
-            } catch (thrown) {
-                // As live, what cannot be carried out holds nothing else up.
-                error ??= new Error(`${command.cmd}: ${/** @type {Error} */ (thrown).message}`);
-            }
-        };
-        const begin = (/** @type {Message} */ message) => {
-            if (scene || !this.#isOf(message, "snapshots")) return;
-            scene = new Scene();
-            for (const [command, data] of commandsOf(message.data)) apply(command, data);
-        };
-        await this.#through(await this.#keyOf(stop), stop, new Following(apply), begin);
-        const made = /** @type {Scene | null} */ (scene);
-        if (!made) throw this.#chunks.reader.errorAt(stop.chunk, "nothing whole is before this");
-        made.touched.clear();
-        return { scene: made, error };
-    }
-
-    /** From where everything is there: a snapshot, or the end of the frame before a whole one.
-     * @param {Place} stop @returns {Promise<Place>} */
-    async #keyOf(stop) {
-        const key = await this.#chunks.search(stop, -1, (message, place) => {
-            if (this.#isOf(message, "snapshots")) return true;
-            if (!this.#isOf(message, "frames")) return false;
-            return this.#json({ ...place, message }).kind === "whole";
-        });
-        if (!key) return BEGINNING;
-        if (this.#isOf(key.message, "snapshots")) return key;
-        const before = nextTo(key, -1);
-        return (
-            (await this.#chunks.search(before, -1, (one) => this.#isOf(one, "frames"))) ?? BEGINNING
-        );
-    }
+/** What several tracks show, as one frame. @param {Frame[]} frames at least one @returns {Frame} */
+function together(frames) {
+    return {
+        ...frames[0],
+        isWhole: frames.every(({ isWhole }) => isWhole),
+        commands: frames.flatMap(({ commands }) => commands),
+        scenes: frames.flatMap(({ scenes = [] }) => scenes),
+        error: frames.find(({ error }) => error)?.error ?? null,
+    };
 }

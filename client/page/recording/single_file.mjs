@@ -13,11 +13,11 @@ const MOST_ARGUMENTS = 0x2000;
 
 /** @typedef {Record<string, string | string[]>} Values */
 
-/** @param {Blob} blob @returns {Promise<string[]>} its Base64 */
-async function base64Of(blob) {
+/** @param {import("./sources.mjs").Source} source @returns {Promise<string[]>} its Base64 */
+async function base64Of({ size, read }) {
     const texts = [];
-    for (let from = 0; from < blob.size; from += PIECE) {
-        const bytes = new Uint8Array(await blob.slice(from, from + PIECE).arrayBuffer());
+    for (let from = 0; from < size; from += PIECE) {
+        const bytes = await read(from, Math.min(PIECE, size - from));
         let piece = "";
         for (let at = 0; at < bytes.length; at += MOST_ARGUMENTS) {
             piece += String.fromCharCode(...bytes.subarray(at, at + MOST_ARGUMENTS));
@@ -78,14 +78,15 @@ export class SingleFile {
         });
     }
 
-    /** @param {Blob} recording @param {number} at seconds since its beginning, where it is opened
+    /** @param {import("./sources.mjs").Source} source of the recording
+     * @param {number} at seconds since its beginning, where it is opened
      * @returns {Promise<Blob>} */
-    async of(recording, at) {
-        if (recording.size > MOST) {
+    async of(source, at) {
+        if (source.size > MOST) {
             throw new Error("the recording is larger than an HTML file can hold (256 MiB)");
         }
         const { template, values } = await this.#prepared();
-        const all = { ...values, at: String(at), recording: await base64Of(recording) };
+        const all = { ...values, at: String(at), recording: await base64Of(source) };
         const texts = template
             .split(PLACE)
             .flatMap((text, i) => (i % 2 === 0 ? text : (/** @type {Values} */ (all)[text] ?? "")));

@@ -55,3 +55,9 @@ export async function sourceOfAddress(address, token, get = fetch) {
         },
     };
 }
+
+/** @param {Blob | string} file or its address @param {() => Promise<string>} token
+ * @returns {Promise<Source>} */
+export async function sourceOf(file, token) {
+    return typeof file === "string" ? sourceOfAddress(file, token) : sourceOfBlob(file);
+}

@@ -3,8 +3,8 @@
 import { Latencies } from "../worker/latencies.mjs";
 import { jsonOf } from "./following.mjs";
 import { MARK, STRETCHES } from "./marks.mjs";
-import { troubleOf } from "./player.mjs";
 import { RecordingError } from "./reader.mjs";
+import { troubleOf } from "./track.mjs";
 
 /** @typedef {import("./chunks.mjs").Chunks} Chunks */
 /** @typedef {import("./reader.mjs").Message} Message */
@@ -14,6 +14,7 @@ const MOST_OPEN = 64;
 
 export class Survey {
     #chunks;
+    #duration;
     /** Of each chunk, whether it was gone through and nothing is to be looked at. */
     #calm;
     /** When frames were that have no token yet. @type {Map<string, number>} */
@@ -23,9 +24,11 @@ export class Survey {
     /** How many chunks were gone through. */
     done = 0;
 
-    /** @param {Chunks} chunks @param {Latencies} [latencies] that get those of its frames */
-    constructor(chunks, latencies = new Latencies(0)) {
+    /** @param {Chunks} chunks @param {number} [duration] of the time line, milliseconds
+     * @param {Latencies} [latencies] that get those of its frames */
+    constructor(chunks, duration = chunks.duration, latencies = new Latencies(0)) {
         this.#chunks = chunks;
+        this.#duration = duration;
         this.#latencies = latencies;
         this.#calm = new Uint8Array(chunks.count);
     }
@@ -102,7 +105,7 @@ export class Survey {
 
     /** @param {number} time @param {number} mark */
     #mark(time, mark) {
-        const stretch = Math.floor((time / (this.#chunks.duration || 1)) * STRETCHES);
+        const stretch = Math.floor((time / (this.#duration || 1)) * STRETCHES);
         this.marks[Math.min(Math.max(stretch, 0), STRETCHES - 1)] |= mark;
     }
 }

@@ -1,5 +1,6 @@
 // A scene without its data, for who lays it out.
 
+import { sideOf } from "../sides.mjs";
 import { hasSecond, isVisible } from "./limits.mjs";
 import { colorsOf } from "./painter.mjs";
 import { axisOf } from "./vocabulary.mjs";
@@ -13,6 +14,7 @@ import { axisOf } from "./vocabulary.mjs";
 export function describe(scene, look, limits) {
     return scene.figures.map((figure) => ({
         id: figure.id,
+        side: sideOf(figure.id),
         title: figure.properties.title,
         columns: figure.properties.columns,
         controls: figure.childrenOf("control").map(describeControl),

@@ -7,8 +7,8 @@
  * @property {number} number the engine's; -1: of what came outside of all frames
  * @property {number} attempt
  * @property {boolean} isWhole
- * @property {import("./scene.mjs").Scene | null} [scene] that the commands are to be carried out on;
- *   else on the one that is there
+ * @property {{side: number, scene: import("./scene.mjs").Scene}[]} [scenes] each in the place of what
+ *   is on that side, before the commands are carried out
  * @property {[Command, Uint8Array | null][]} commands
  * @property {Token | null} token
  * @property {Error | null} error the first

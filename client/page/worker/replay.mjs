@@ -1,14 +1,16 @@
-// Frames from a recording, in the place of an engine.
+// Frames from a recording, or from two of them, in the place of an engine.
 
 import { decompress } from "fzstd";
 
 import { VOCABULARY } from "../messages.mjs";
-import { BEGINNING, Chunks } from "../recording/chunks.mjs";
+import { MOST_SIDES } from "../sides.mjs";
+import { BEGINNING, Chunks, MOST_KEPT } from "../recording/chunks.mjs";
 import { jsonOf } from "../recording/following.mjs";
 import { Player } from "../recording/player.mjs";
 import { Reader } from "../recording/reader.mjs";
-import { sourceOfAddress, sourceOfBlob } from "../recording/sources.mjs";
+import { sourceOf } from "../recording/sources.mjs";
 import { Survey } from "../recording/survey.mjs";
+import { NEAR, Track } from "../recording/track.mjs";
 import { Latencies, MOST_RECORDED } from "./latencies.mjs";
 
 /** @typedef {import("./frames.mjs").Frame} Frame */
@@ -31,6 +33,12 @@ const NS_PER_MS = 1_000_000n;
 /** Milliseconds between two messages about the time line. */
 const TELL_EVERY = 200;
 
+/** What people call it. @param {Blob | string} file or its address */
+function nameOf(file) {
+    if (typeof file === "string") return decodeURIComponent(file.split("/").at(-1) ?? "");
+    return "name" in file ? String(file.name) : "";
+}
+
 /** @param {Uint8Array} packed @param {number} size */
 const zstd = (packed, size) => decompress(packed, new Uint8Array(size));
 
@@ -44,10 +52,11 @@ export class Replay {
     received = 0;
     latencies = new Latencies(MOST_RECORDED);
 
-    /** @param {Blob | string} file or its address @param {Surroundings} surroundings */
-    constructor(file, surroundings) {
+    /** @param {(Blob | string)[]} files or their addresses; the first one is on the left
+     * @param {Surroundings} surroundings */
+    constructor(files, surroundings) {
         this.#surroundings = surroundings;
-        this.#begin(file).catch((thrown) => {
+        this.#begin(files).catch((thrown) => {
             this.#state("closed", "this recording cannot be shown");
             surroundings.report(thrown);
         });
@@ -82,12 +91,38 @@ export class Replay {
         if (!this.#isClosed) this.#surroundings.post({ kind: "state", name, reason });
     }
 
-    /** @param {Blob | string} file */
-    async #begin(file) {
+    /** @param {(Blob | string)[]} files */
+    async #begin(files) {
         this.#state("replay", "");
-        const source = await (typeof file === "string"
-            ? sourceOfAddress(file, this.#surroundings.token)
-            : sourceOfBlob(file));
+        if (files.length > MOST_SIDES) {
+            throw new RangeError(`${MOST_SIDES} recordings can be shown at a time`);
+        }
+        const kept = MOST_KEPT / files.length;
+        const opened = [];
+        for (const file of files) {
+            try {
+                opened.push(await this.#open(file, kept));
+            } catch (thrown) {
+                if (files.length < 2) throw thrown;
+                const { message } = /** @type {Error} */ (thrown);
+                throw new Error(`${nameOf(file)}: ${message}`, { cause: thrown });
+            }
+        }
+        const time = await this.#timeAsked(opened[0].chunks);
+        if (this.#isClosed) return;
+        this.title = [...new Set(opened.map(({ title }) => title))].join(" | ");
+        const configuration = { vocabulary: VOCABULARY, title: this.title };
+        this.#surroundings.post({ kind: "hello", configuration, known: true });
+        this.#play(
+            opened.map(({ chunks }) => chunks),
+            files.map(nameOf),
+            time,
+        );
+    }
+
+    /** @param {Blob | string} file @param {number} kept bytes */
+    async #open(file, kept) {
+        const source = await sourceOf(file, this.#surroundings.token);
         const read = async (/** @type {number} */ offset, /** @type {number} */ length) => {
             this.received += length;
             return source.read(offset, length);
@@ -95,11 +130,8 @@ export class Replay {
         const reader = await Reader.open({ ...source, read }, { decompress: { zstd } });
         const { damage } = reader;
         if (damage) this.#surroundings.report(damage);
-        const chunks = new Chunks(reader);
-        await this.#readTitle(chunks);
-        const time = await this.#timeAsked(chunks);
-        if (this.#isClosed) return;
-        this.#play(chunks, time);
+        const chunks = new Chunks(reader, kept);
+        return { chunks, title: await this.#titleOf(chunks) };
     }
 
     /** Milliseconds since the beginning. @param {Chunks} chunks @returns {Promise<number>} */
@@ -114,23 +146,31 @@ export class Replay {
     }
 
     /** What the recording says of itself. @param {Chunks} chunks */
-    async #readTitle(chunks) {
-        if (chunks.count === 0) return;
+    async #titleOf(chunks) {
+        if (chunks.count === 0) return "";
         const first = await chunks
-            .search(BEGINNING, 1, (one) => chunks.topicOf(one) === "connections")
+            .search(
+                BEGINNING,
+                1,
+                (one) => chunks.topicOf(one) === "connections",
+                (chunk) => chunk > 0,
+            )
             .catch(() => null);
         const { vocabulary, title = "" } = first ? jsonOf(first.message.data) : {};
-        this.title = String(title);
-        const known = (vocabulary ?? VOCABULARY) === VOCABULARY;
-        const configuration = { vocabulary, title: this.title };
-        if (!this.#isClosed) this.#surroundings.post({ kind: "hello", configuration, known });
-        if (!known) throw new Error(`a recording of "${vocabulary}"`);
+        if ((vocabulary ?? VOCABULARY) !== VOCABULARY) {
+            throw new Error(`a recording of "${vocabulary}"`);
+        }
+        return String(title);
     }
 
-    /** @param {Chunks} chunks @param {number} time where it is opened */
-    #play(chunks, time) {
+    /** @param {Chunks[]} recordings @param {string[]} names @param {number} time where they are opened */
+    #play(recordings, names, time) {
         const { take, report, post, now } = this.#surroundings;
-        const player = new Player(chunks, {
+        const near = NEAR / recordings.length;
+        const tracks = recordings.map(
+            (chunks, side) => new Track(chunks, { name: names[side], side, near }),
+        );
+        const player = new Player(tracks, {
             give: (frame) => {
                 // What is measured is the page.
                 take({ ...frame, token: { command: { cmd: "sendACT" }, received: now() } });
@@ -143,29 +183,40 @@ export class Replay {
                 return () => clearTimeout(timer);
             },
         });
-        const begin = Number(chunks.begin / NS_PER_MS);
-        post({ kind: "recording", begin, duration: chunks.duration });
+        const sides = recordings.map((chunks, side) => ({
+            name: names[side],
+            begin: Number(chunks.begin / NS_PER_MS),
+            duration: chunks.duration,
+        }));
+        post({ kind: "recording", duration: player.duration, sides });
         this.#player = player;
         player.seek(time);
-        void this.#survey(chunks, player);
+        void this.#survey(recordings, tracks, player);
     }
 
-    /** @param {Chunks} chunks @param {Player} player */
-    async #survey(chunks, player) {
-        const survey = new Survey(chunks, this.latencies);
-        player.isCalm = (chunk) => survey.isCalm(chunk);
+    /** @param {Chunks[]} recordings @param {Track[]} tracks @param {Player} player */
+    async #survey(recordings, tracks, player) {
+        // Of two, what the first one's frames took.
+        const surveys = recordings.map(
+            (chunks, side) =>
+                new Survey(chunks, player.duration, side === 0 ? this.latencies : undefined),
+        );
+        tracks.forEach((track, side) => (track.isCalm = (chunk) => surveys[side].isCalm(chunk)));
+        const count = recordings.reduce((sum, chunks) => sum + chunks.count, 0);
         let told = -Infinity;
         const tell = () => {
-            const { done, marks } = survey;
-            const part = chunks.count > 0 ? done / chunks.count : 1;
-            this.#surroundings.post({ kind: "survey", part, marks: marks.slice() });
+            const done = surveys.reduce((sum, survey) => sum + survey.done, 0);
+            const marks = surveys.map((survey) => survey.marks.slice());
+            this.#surroundings.post({ kind: "survey", part: count > 0 ? done / count : 1, marks });
             told = this.#surroundings.now();
         };
         // What somebody waits for comes first.
         await player.settled();
-        while (!this.#isClosed && (await survey.next())) {
-            if (this.#surroundings.now() - told >= TELL_EVERY * US_PER_MS) tell();
-            await player.settled();
+        for (const survey of surveys) {
+            while (!this.#isClosed && (await survey.next())) {
+                if (this.#surroundings.now() - told >= TELL_EVERY * US_PER_MS) tell();
+                await player.settled();
+            }
         }
         if (!this.#isClosed) tell();
     }

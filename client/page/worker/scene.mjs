@@ -1,6 +1,7 @@
 // The objects that an engine has made, with their data. A command that cannot be carried out throws
 // and changes nothing.
 
+import { sideOf } from "../sides.mjs";
 import { Column, RegularColumn, elementsOf } from "./columns.mjs";
 import { TYPES, defaultsOf, readProperties } from "./vocabulary.mjs";
 
@@ -112,6 +113,19 @@ export class Scene {
         };
         copy.figures.forEach(enter);
         return copy;
+    }
+
+    /** What is here, but for what is on a side: that is another scene's. Both are not to be used any
+     * more. @param {number} side @param {Scene} other @returns {Scene} */
+    withSide(side, other) {
+        const scene = new Scene();
+        const isKept = (/** @type {Item} */ { id }) => sideOf(id) !== side;
+        const all = [...this.items.filter(isKept), ...other.items];
+        scene.#items = new Map(all.map((item) => [item.id, item]));
+        scene.figures = [...this.figures.filter(isKept), ...other.figures];
+        scene.figures.sort((one, two) => sideOf(one.id) - sideOf(two.id));
+        scene.frame = other.frame;
+        return scene;
     }
 
     /** @param {Record<string, any>} command @param {Uint8Array | null} data */

@@ -98,7 +98,7 @@ export class Session {
             this.#isHidden = hidden;
             if (address !== null) this.#begin(() => this.#connect(address));
         },
-        replay: ({ file, at }) => this.#begin(() => this.#replay(file, at)),
+        replay: ({ files, at }) => this.#begin(() => this.#replay(files, at)),
         player: ({ wish }) => {
             if (this.#source instanceof Replay) this.#source.do(wish);
         },
@@ -191,10 +191,10 @@ export class Session {
         });
     }
 
-    /** @param {Blob | string} file @param {import("../messages.mjs").Beginning} at */
-    #replay(file, at) {
+    /** @param {(Blob | string)[]} files @param {import("../messages.mjs").Beginning} at */
+    #replay(files, at) {
         const { post, now } = this.#surroundings;
-        return new Replay(file, {
+        return new Replay(files, {
             take: (frame) => this.flusher.take(frame),
             report: (error) => this.report(error),
             post,
@@ -223,7 +223,9 @@ export class Session {
                 this.report(error);
             }
         };
-        if (frame.scene) this.#scene = frame.scene;
+        for (const { side, scene } of frame.scenes ?? []) {
+            this.#scene = this.#scene.withSide(side, scene);
+        }
         for (const [command, data] of frame.commands) {
             if (command.cmd === "beginFrame" && command.whole === true) this.#scene = new Scene();
             attempt(command.cmd, () => this.#scene.apply(command, data));

@@ -1,5 +1,6 @@
 // What of a scene is shown, and how: canvases, views, colours; and its drawing.
 
+import { linkedView } from "../sides.mjs";
 import { colorLimitsOf } from "./color_maps.mjs";
 import { describe } from "./description.mjs";
 import { KeptPainter } from "./kept.mjs";
@@ -16,6 +17,10 @@ import { Scene } from "./scene.mjs";
 
 /** Of axes that are shown.
  * @typedef {{painter: KeptPainter, isStale: boolean, drawn: string}} Shown */
+
+/** @param {import("./scene.mjs").Item} axes */
+const linkable = ({ id, properties }) =>
+    /** @type {import("../sides.mjs").Linkable} */ ({ id, ...properties });
 
 export class Stage {
     #post;
@@ -79,18 +84,18 @@ export class Stage {
         this.#scene.isRestructured = true;
     }
 
-    /** Axes that are linked get the same x. @param {number} id @param {View} view
-     * @returns {number[]} the axes that are seen differently */
+    /** Axes that are linked get the same x, and those of the other side that are the same all of it.
+     * @param {number} id @param {View} view @returns {number[]} the axes that are seen differently */
     setView(id, view) {
         const axes = this.#scene.find(id);
         if (axes?.family !== "axes") return [];
-        const { linkX } = axes.properties;
-        const isLinked = (/** @type {import("./scene.mjs").Item} */ other) =>
-            other === axes || (linkX !== null && other.properties.linkX === linkX);
-        const ids = this.#scene.axes.filter(isLinked).map((other) => other.id);
-        for (const other of ids) {
-            const old = this.views.get(other) ?? { x: null, y: null, y2: null };
-            this.views.set(other, other === id ? view : { ...old, x: view.x });
+        const ids = [];
+        for (const other of this.#scene.axes) {
+            const old = this.views.get(other.id) ?? { x: null, y: null, y2: null };
+            const next = other === axes ? view : linkedView(linkable(axes), linkable(other), view);
+            if (!next) continue;
+            this.views.set(other.id, { ...old, ...next });
+            ids.push(other.id);
         }
         return ids;
     }

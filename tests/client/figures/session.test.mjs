@@ -374,7 +374,7 @@ test("A recording takes the engine's place, and shows what was shown", async () 
     // What somebody looked at says nothing about another run.
     stage.tell({ kind: "view", axes: 2, x: [0, 1], y: null, y2: null });
     stage.told = [];
-    stage.tell({ kind: "replay", file });
+    stage.tell({ kind: "replay", files: [file] });
     assert.equal((await stage.heard("hello")).configuration.title, "");
     assert.equal(await stage.peer.closed, 1000);
     const { duration } = await stage.heard("recording");
@@ -391,7 +391,7 @@ test("A recording takes the engine's place, and shows what was shown", async () 
     assert.ok(stage.told.every(({ kind }) => kind !== "error"));
     // One that is none ends the replay.
     stage.told = [];
-    stage.tell({ kind: "replay", file: new Blob(["no recording"]) });
+    stage.tell({ kind: "replay", files: [new Blob(["no recording"])] });
     assert.match((await stage.heard("error")).text, /offset 0: this is no recording/);
     assert.equal(stage.told.filter(({ kind }) => kind === "state").at(-1).name, "closed");
 });

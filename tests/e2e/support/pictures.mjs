@@ -41,6 +41,26 @@ export async function pictures(page) {
     return read.map((members) => new AxesPicture(members));
 }
 
+/** Of all axes of the page: their limits, and what tells one picture of them from another. */
+export function digests(page) {
+    return page.evaluate(async () => {
+        const views = [...kirowebPage.figures.values()].flatMap(({ axes }) => [...axes.values()]);
+        const digestOf = async ({ width, height }, image) => {
+            const copy = new OffscreenCanvas(width, height).getContext("2d");
+            copy.drawImage(image, 0, 0);
+            const { data } = copy.getImageData(0, 0, width, height);
+            return String(new Uint8Array(await crypto.subtle.digest("SHA-256", data)));
+        };
+        return Promise.all(
+            views.map(async ({ canvas, shown, plot }) => {
+                const { width, height } = canvas;
+                const all = [canvas, plot.ctx.canvas].map((one) => digestOf(one, one));
+                return [JSON.stringify(shown), width, height, ...(await Promise.all(all))];
+            }),
+        );
+    });
+}
+
 class AxesPicture {
     constructor({ base64, frame, ...members }) {
         Object.assign(this, members);

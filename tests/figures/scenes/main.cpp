@@ -1,6 +1,6 @@
 // scenes NAME [TIMEOUT [UNDER_WAY]]: draws a scene for tests of the page. It prints a line for each
 // frame that was asked for, and obeys lines on standard input: "draw", "step COUNT" (and draw),
-// "stream" (step and draw until the next line), "quit".
+// "stream" (step and draw until the next line), "record FILE", "quit".
 #include <poll.h>
 #include <unistd.h>
 
@@ -48,11 +48,14 @@ class Engine {
     void obey(const std::string& line) {
         std::istringstream words(line);
         std::string verb;
+        std::string file;
         int count = 0;
-        words >> verb >> count;
+        words >> verb;
+        verb == "record" ? words >> file : words >> count;
         fIsStreaming = verb == "stream";
         fSaid.clear();
         if (verb == "quit") fWindow.close();
+        if (verb == "record") fWindow.record(file);
         if (verb == "step") {
             for (int i = 0; i < count; ++i) fStep();
         }
