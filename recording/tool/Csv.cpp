@@ -11,6 +11,7 @@
 
 #include "Decoder.hpp"
 #include "KeyFrames.hpp"
+#include "Scene.hpp"
 
 namespace recording_tool {
 
@@ -220,27 +221,10 @@ std::string plain(const std::string& text) {
     return name;
 }
 
-}  // namespace
+using Tables = std::vector<std::pair<std::string, std::string>>;
 
-Scene sceneAt(const Recording& run, std::uint64_t time) {
-    Following following;
-    const auto key = run.keyBefore(time);
-    bool isFirst = true;
-    run.forEach(key, [&](const Entry& entry) {
-        if (entry.time > time) return false;
-        if (std::exchange(isFirst, false) && entry.topic == Topic::kSnapshots) {
-            following.begin(keyFrameOf(entry.data, entry.time));
-        } else {
-            following.follow(entry.topic, entry.data);
-        }
-        return true;
-    });
-    if (!following.isWhole()) run.fail(key.chunk, "nothing whole is before that frame");
-    return std::move(following.scene);
-}
-
-std::vector<std::pair<std::string, std::string>> tablesOf(const Scene& scene) {
-    std::vector<std::pair<std::string, std::string>> tables;
+Tables tablesOf(const Scene& scene) {
+    Tables tables;
     for (const auto& [id, object] : scene.objects()) {
         const auto axes = scene.objects().find(object.parent);
         if (object.columns.empty() || axes == scene.objects().end()) continue;
@@ -249,6 +233,31 @@ std::vector<std::pair<std::string, std::string>> tablesOf(const Scene& scene) {
         tables.emplace_back(number + '-' + name + ".csv", tableOf(object, axes->second));
     }
     return tables;
+}
+
+}  // namespace
+
+Tables tablesAt(const Recording& run, std::uint64_t time) {
+    Following following;
+    const auto key = run.keyBefore(time);
+    auto chunk = key.chunk;
+    bool isFirst = true;
+    run.forEach(key, [&](const Entry& entry) {
+        if (entry.time > time) return false;
+        chunk = entry.place.chunk;
+        if (std::exchange(isFirst, false) && entry.topic == Topic::kSnapshots) {
+            following.begin(keyFrameOf(entry.data, entry.time));
+        } else {
+            following.follow(entry.topic, entry.data);
+        }
+        return true;
+    });
+    if (!following.isWhole()) run.fail(key.chunk, "nothing whole is before that frame");
+    try {
+        return tablesOf(following.scene);
+    } catch (const WrongText& wrong) {
+        run.fail(chunk, std::string("of what is shown here: ") + wrong.what);
+    }
 }
 
 }  // namespace recording_tool

@@ -26,6 +26,8 @@ std::string waitFor(std::uint64_t frame) {
             if (page("[data-state=closed]")) return done(page(".error").textContent);
             if (!page(".now")?.title.startsWith("Frame )" +
            std::to_string(frame) + R"(,")) return setTimeout(look, 20);
+            // The outline of what has the focus is nothing of the figures.
+            document.activeElement?.blur();
             return requestAnimationFrame(() => requestAnimationFrame(() => done("")));
         };
         look();

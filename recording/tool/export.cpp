@@ -210,7 +210,7 @@ Status makePage(const Recording& run, const Options& options) {
 }
 
 Status makeTables(const Recording& run, const Options& options) {
-    const auto tables = tablesOf(sceneAt(run, run.timeOf(options.frame)));
+    const auto tables = tablesAt(run, run.timeOf(options.frame));
     Draft draft(*options.csv, Draft::Kind::kFolder);
     for (const auto& [name, text] : tables) {
         FileSink sink(draft.path() + '/' + name);

@@ -137,7 +137,7 @@ std::string tenFrames() {
 
 /// What a frame shows, as tables.
 std::vector<std::pair<std::string, std::string>> shown(const Recording& run, std::uint64_t frame) {
-    return tablesOf(sceneAt(run, run.timeOf(frame)));
+    return tablesAt(run, run.timeOf(frame));
 }
 
 /// The numbers of the frames in a recording, each of which shows what it does in `whole`.
@@ -306,6 +306,17 @@ TEST(Export, WhatCannotBeCarriedOutIsSaidWithItsOffset) {
          [](Film& film) { film.say(Topic::kCommands, R"({"cmd":"set})"); }},
         {"no object", [](Film& film) { film.say(Topic::kCommands, "nothing"); }},
         {"is to be a count", [](Film& film) { film.command(R"("cmd":"set","id":-1)"); }},
+        {"is to be two numbers",
+         [](Film& film) {
+             film.data(kXY, 0, 0, "");
+             film.command(R"("cmd":"set","id":3,"regular":[1])");
+         }},
+        {"rows or columns",
+         [](Film& film) {
+             film.command(R"("cmd":"remove","id":3)");
+             film.command(R"("cmd":"create","id":3,"type":"image","parent":2)");
+             film.data(R"([["z","u8"]])", 0, 1, "x");
+         }},
     };
     for (const auto& [what, draw] : cases) {
         SCOPED_TRACE(what);
