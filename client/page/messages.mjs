@@ -97,8 +97,8 @@
  *     | {kind: "control", id: number, value?: number}
  *     | {kind: "csv", id: number, axes: number[]}
  *     | {kind: "table", id: number, axes: number[], rows: number}
- *     | {kind: "vectors", id: number, axes: number}
- *     | {kind: "picture", id: number, axes: number, ratio: number}
+ *     | {kind: "vectors", id: number, axes: number, limits: Limits}
+ *     | {kind: "picture", id: number, axes: number, limits: Limits, ratio: number}
  *     | {kind: "record", most: number | null}
  *     | {kind: "replay", files: (Blob | string)[]}
  *     | {kind: "player", wish: PlayerWish}
@@ -121,7 +121,7 @@
  *   beside each other; a text: its address. `player`: what is to be seen of it.
  * - `report`: something went wrong in the main thread; the engine and those who look are told.
  * - `csv`, `table` (at most so many rows), `vectors` and `picture` are of what is seen. Of more than
- *   one axes each row names its own.
+ *   one axes each row names its own. Pictures have the limits for which the main thread has ticks.
  */
 
 /**

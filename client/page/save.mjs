@@ -16,24 +16,35 @@ import { FigureDrawing } from "./svg.mjs";
 
 const SCALES = [1, 2, 3, 4];
 
-/** @param {FigureView} figure @param {(view: AxesView) => Promise<any>} ask
+/** @param {FigureView} figure */
+const laidOut = ({ axes }) => [...axes.values()].filter((view) => view.isLaidOut);
+
+/** Asks with the limits that the drawing's ticks have, while more data come.
+ * @template {"vectors" | "picture"} Kind @param {WorkerLink} worker @param {FigureView} figure
+ * @param {Kind} kind @param {number} ratio of pixels to CSS pixels
  * @returns {Promise<[AxesView, any][]>} what the worker says of each axes */
-function askAll(figure, ask) {
-    const views = [...figure.axes.values()].filter((view) => view.isLaidOut);
+function askAll(worker, figure, kind, ratio) {
     return Promise.all(
-        views.map(async (view) => /** @type {[AxesView, any]} */ ([view, await ask(view)])),
+        laidOut(figure).map(async (view) => {
+            const { shown: limits, description } = view;
+            const answer = await worker.ask({ kind, axes: description.id, limits, ratio });
+            return /** @type {[AxesView, any]} */ ([view, answer]);
+        }),
     );
 }
+
+/** @param {AxesView} view what stands where its series will be */
+const placeOf = ({ description }) => `<!-- series of ${description.id} -->`;
 
 /** @param {WorkerLink} worker @param {FigureView} figure
  * @param {import("./theme.mjs").Colors} colors @param {How} how */
 async function svgOf(worker, figure, colors, how) {
-    const vectors = await askAll(figure, (view) =>
-        worker.ask({ kind: "vectors", axes: view.description.id }),
-    );
-    const series = new Map(vectors.map(([view, { svg }]) => [view, svg]));
     const drawing = new FigureDrawing(figure, colors, how.title);
-    return new Blob([drawing.svg({ ...how, scale: 1 }, series)], { type: "image/svg+xml" });
+    let svg = drawing.svg({ ...how, scale: 1 }, placeOf);
+    for (const [view, vectors] of await askAll(worker, figure, "vectors", 1)) {
+        svg = svg.replace(placeOf(view), () => vectors.svg);
+    }
+    return new Blob([svg], { type: "image/svg+xml" });
 }
 
 /** @param {Blob} svg @returns {Promise<HTMLImageElement>} */
@@ -49,18 +60,19 @@ async function imageOf(svg) {
  * @param {import("./theme.mjs").Colors} colors @param {How} how @returns {Promise<Blob>} */
 export async function pngOf(worker, figure, colors, how) {
     const { scale } = how;
-    const pictures = await askAll(figure, (view) =>
-        worker.ask({ kind: "picture", axes: view.description.id, ratio: scale }),
-    );
     const drawing = new FigureDrawing(figure, colors, how.title);
-    const frame = await imageOf(new Blob([drawing.svg(how)], { type: "image/svg+xml" }));
+    const svg = new Blob([drawing.svg(how)], { type: "image/svg+xml" });
+    const boxes = new Map(laidOut(figure).map((view) => [view, drawing.boxOf(view.plot.over)]));
+    const pictures = await askAll(worker, figure, "picture", scale);
+    const frame = await imageOf(svg);
     const canvas = new OffscreenCanvas(drawing.width * scale, drawing.height * scale);
     const context = /** @type {OffscreenCanvasRenderingContext2D} */ (canvas.getContext("2d"));
     context.drawImage(frame, 0, 0, canvas.width, canvas.height);
     for (const [view, { bitmap }] of pictures) {
         // Axes that went meanwhile.
-        if (!bitmap) continue;
-        const { left, top, width, height } = drawing.boxOf(view.plot.over);
+        const box = boxes.get(view);
+        if (!bitmap || !box) continue;
+        const { left, top, width, height } = box;
         context.drawImage(bitmap, left * scale, top * scale, width * scale, height * scale);
         bitmap.close();
     }

@@ -70,14 +70,14 @@ export class FigureDrawing {
     }
 
     /** @param {{ground: boolean, scale: number}} how scale: pixels for a CSS pixel
-     * @param {Map<AxesView, string>} [series] as SVG, in CSS pixels of the plotting area */
-    svg({ ground, scale }, series = new Map()) {
+     * @param {(view: AxesView) => string} [series] as SVG, in CSS pixels of the plotting area */
+    svg({ ground, scale }, series = () => "") {
         const { width, height } = this;
         const axes = [...this.#figure.axes.values()].filter((view) => view.isLaidOut);
         const all = [
             ground ? tag("rect", { width, height, fill: this.#colors.get("panel") }) : "",
             text(MARGIN, TITLE / 2, this.#title, { "font-size": 14, "font-weight": 600 }),
-            ...axes.map((view) => this.#axes(view, series.get(view) ?? "")),
+            ...axes.map((view) => this.#axes(view, series(view))),
         ];
         return tag(
             "svg",

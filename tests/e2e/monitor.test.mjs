@@ -31,8 +31,8 @@ test("A place picked by mouse or keyboard is named in the next frame", async () 
     /** The place that is named, once it is another one. */
     const picked = async (before) => {
         const handle = await page.waitForFunction(async (old) => {
-            const [axes] = [...kirowebPage.figures.values()][1].axes.keys();
-            const { svg } = await kirowebPage.worker.ask({ kind: "vectors", axes });
+            const [[axes, { shown: limits }]] = [...kirowebPage.figures.values()][1].axes;
+            const { svg } = await kirowebPage.worker.ask({ kind: "vectors", axes, limits });
             // Each text stands there twice, its rim first.
             const [, , named] = svg.match(/>(M [^<]*)</g);
             return named !== old && named;

@@ -84,21 +84,21 @@ function probe(stage, { axes, x, y, reach }) {
 }
 
 /** @param {Stage} stage @param {Extract<ToWorker, {kind: "vectors"}>} query @param {Post} post */
-async function answerVectors(stage, { id, axes }, post) {
+async function answerVectors(stage, { id, axes, limits }, post) {
     const seen = lookAt(stage, axes);
     const { width, height } = canvasSize({ width: 1, height: 1, ...seen?.size, ratio: 1 });
     const surface = new SvgSurface(width, height);
-    if (seen) paintAxes(seen.axes, seen.limits, { width, height, ratio: 1 }, stage, surface);
+    if (seen) paintAxes(seen.axes, limits, { width, height, ratio: 1 }, stage, surface);
     post({ kind: "vectors", id, width, height, svg: await surface.finish() });
 }
 
 /** @param {Stage} stage @param {Extract<ToWorker, {kind: "picture"}>} query @param {Post} post */
-function answerPicture(stage, { id, axes, ratio }, post) {
+function answerPicture(stage, { id, axes, limits, ratio }, post) {
     const seen = lookAt(stage, axes);
     if (!seen) return post({ kind: "picture", id, bitmap: null });
     const size = canvasSize({ ...seen.size, ratio });
     const surface = new CanvasSurface(new OffscreenCanvas(size.width, size.height));
-    paintAxes(seen.axes, seen.limits, size, stage, surface);
+    paintAxes(seen.axes, limits, size, stage, surface);
     const bitmap = surface.take();
     return post({ kind: "picture", id, bitmap }, [bitmap]);
 }
