@@ -171,8 +171,9 @@ function print(what, times, most, processor) {
     const median = sorted[Math.floor(sorted.length / 2)];
     const [mid, last] = [median, sorted.at(-1)].map((time) => time.toFixed(1).padStart(8));
     const memory = (most / MEGABYTE).toFixed(0).padStart(6);
+    const ran = (processor / times.length).toFixed(0).padStart(4);
     console.log(
-        `${what.padEnd(32)} median ${mid} ms, most ${last} ms, page and worker ${memory} MB`,
+        `${what.padEnd(28)} median ${mid} ms, most ${last} ms, processor ${ran} ms each, ${memory} MB`,
     );
 }
 

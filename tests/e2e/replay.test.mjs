@@ -273,11 +273,17 @@ test("Two recordings are shown beside each other, at the same time since their b
     assert.match(await page.textContent('[data-part="error"]'), /2 recordings can be shown/);
 });
 
-test("A recording is dropped, looked into, and refused when it is none", async () => {
-    const { page, bytes } = await record(await start());
+test("A recording is chosen, looked into, and refused when it is none", async () => {
+    const engine = await start();
+    const file = { name: "run.mcap", mimeType: "application/octet-stream", buffer: Buffer.alloc(0) };
+    engine.page.on("filechooser", (chooser) => chooser.setFiles(file));
+    const { page, bytes } = await record(engine);
     // Live, there was one before.
     assert.match(await latencies(page), /^Painting(\d+\.\d){4}11$/);
-    await replay(page, ["run.mcap", bytes]);
+    file.buffer = bytes;
+    await page.locator(".chart").first().focus();
+    await page.keyboard.press("o");
+    await untilState(page, "replay");
     await page.locator("#time-line .frame").waitFor();
     await seek(page, Infinity);
     await untilFrame(page, FRAMES);
