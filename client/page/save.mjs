@@ -34,7 +34,7 @@ function askAll(worker, figure, kind, ratio) {
 }
 
 /** @param {AxesView} view what stands where its series will be */
-const placeOf = ({ description }) => `<!-- series of ${description.id} -->`;
+const placeOf = ({ description }) => `<desc>series of ${description.id}</desc>`;
 
 /** @param {WorkerLink} worker @param {FigureView} figure
  * @param {import("./theme.mjs").Colors} colors @param {How} how */
