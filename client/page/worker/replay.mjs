@@ -95,7 +95,7 @@ export class Replay {
     async #begin(files) {
         this.#state("replay", "");
         if (files.length > MOST_SIDES) {
-            throw new RangeError(`${MOST_SIDES} recordings can be shown at a time`);
+            throw new RangeError(`at most ${MOST_SIDES} recordings can be shown at a time`);
         }
         const kept = MOST_KEPT / files.length;
         const opened = [];
