@@ -2,6 +2,7 @@
 #include <boost/program_options.hpp>
 #include <charconv>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <optional>
@@ -255,5 +256,7 @@ Status run(int argc, const char* const* argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A browser that ends early is an error like others.
+    std::signal(SIGPIPE, SIG_IGN);
     return runProgram("kiroweb-export", [&] { return run(argc, argv); });
 }

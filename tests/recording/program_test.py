@@ -122,9 +122,16 @@ class Program(unittest.TestCase):
                     name: value for name, value in os.environ.items() if name != "PATH"}})
                 self.assertEqual((status, said), (1, ""))
                 self.assertRegex(error, rf"\Akiroweb-export: [^\n]*{words}\n\Z")
+        programs = self.folder / "bin"
+        programs.mkdir()
+        (programs / "chromium").write_text("#!/bin/sh\nexit 1\n")
+        (programs / "chromium").chmod(0o755)
+        status, said, error = self.export(self.file, "-o", out, "--png=3", env={**os.environ, "PATH": str(programs)})
+        self.assertEqual((status, said), (1, ""))
+        self.assertRegex(error, r"\Akiroweb-export: (the browser has ended|.*built without the page[^\n]*)\n\Z")
         self.assertEqual(out.read_text(), "as it was")
         self.assertEqual(sorted(path.name for path in self.folder.iterdir()),
-                         sorted([*kept, "damaged.mcap", "cut.mcap", "out.html"]))
+                         sorted(["bin", *kept, "damaged.mcap", "cut.mcap", "out.html"]))
 
     def test_an_export_says_which_option_is_wrong(self):
         for words, *arguments in [
