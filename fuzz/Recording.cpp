@@ -8,44 +8,29 @@
 #include <vector>
 
 #include "Fuzz.hpp"
-#include "kirorecording/Reader.hpp"
+#include "Memory.hpp"
 #include "kirorecording/Repair.hpp"
-#include "kirorecording/Writer.hpp"
 
 namespace {
 
 using fuzz::require;
 using namespace kirorecording;
-
-class MemorySink : public Sink {
-  public:
-    std::string bytes;
-
-  private:
-    void doWrite(std::string_view more) override { bytes += more; }
-    void doTruncate(std::uint64_t size) override { bytes.resize(size); }
-    void doClose() override {}
-};
+using recording_test::MemorySink;
 
 /// Memory beyond these would be a fault that the fuzzer's own limit finds.
 constexpr Limits kLimits{std::uint64_t{1} << 20U, std::uint64_t{1} << 16U, 1000};
 
-/// All that can be read, as one text.
-std::vector<std::string> read(std::string_view file) {
-    std::vector<std::string> messages;
+using Messages = std::vector<recording_test::Said>;
+
+/// All that can be read.
+Messages read(std::string_view file) {
+    Messages messages;
     try {
         const MemorySource source(file);
         const Reader reader(source, kLimits);
         if (reader.damage())
             require(reader.damage()->offset() <= file.size(), "damage lies within");
-        for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
-            auto chunk = reader.read(i);
-            while (const auto message = chunk.next()) {
-                messages.push_back(reader.channels().at(message->channel).topic + ' ' +
-                                   std::to_string(message->time) + ' ' +
-                                   std::string(message->data));
-            }
-        }
+        recording_test::readInto(messages, reader);
     } catch (const FormatError& error) {
         require(error.offset() <= file.size(), "an error lies within");
     }

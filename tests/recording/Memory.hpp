@@ -1,7 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -38,13 +37,11 @@ struct Said {
     std::uint64_t time = 0;
     std::string data;
 
-    bool operator==(const Said& other) const {
-        return topic == other.topic && time == other.time && data == other.data;
-    }
+    bool operator==(const Said&) const = default;
 };
 
-inline std::vector<Said> messagesOf(const kirorecording::Reader& reader) {
-    std::vector<Said> said;
+/// Adds all messages that can be read, also when that fails in their midst.
+inline void readInto(std::vector<Said>& said, const kirorecording::Reader& reader) {
     for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
         auto chunk = reader.read(i);
         while (const auto message = chunk.next()) {
@@ -52,6 +49,11 @@ inline std::vector<Said> messagesOf(const kirorecording::Reader& reader) {
                             std::string(message->data)});
         }
     }
+}
+
+inline std::vector<Said> messagesOf(const kirorecording::Reader& reader) {
+    std::vector<Said> said;
+    readInto(said, reader);
     return said;
 }
 
