@@ -1,12 +1,7 @@
 #include "AccessPolicy.hpp"
 
-#include <gtest/gtest.h>
-
 #include <boost/beast/http/parser.hpp>
 #include <span>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "GatewayFixture.hpp"
 #include "HttpText.hpp"

@@ -1,16 +1,11 @@
 // What becomes of the gateway, its pages and strangers when memory runs out on its thread, at each
 // place in turn, and when whoever reads its log throws.
-#include <gtest/gtest.h>
 #include <openssl/crypto.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <functional>
 #include <new>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <thread>
 
 #include "Certificate.hpp"
 #include "FailingNew.hpp"

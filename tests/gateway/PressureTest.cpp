@@ -1,12 +1,6 @@
 // Bounds: on each page, and on the sum of all of them.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <latch>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "GatewayFixture.hpp"
 #include "kirohost/Controls.hpp"

@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <latch>
-#include <thread>
-
 #include "GatewayFixture.hpp"
 #include "kirohost/Controls.hpp"
 

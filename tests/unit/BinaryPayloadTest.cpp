@@ -1,22 +1,12 @@
 #include "kiro/web/binary/BinaryDataPayload.hpp"
 
-#include <gmock/gmock.h>
-
 #include <limits>
 #include <locale>
-#include <memory>
-#include <stdexcept>
-#include <thread>
-#include <type_traits>
 
 #include "Binary.hpp"
 #include "CHeap.hpp"
-#include "Captures.hpp"
 #include "FailingNew.hpp"
 #include "Fixture.hpp"
-#include "graphics_util/getContextQCRID.hpp"
-#include "kiro/web/JSONPayload.hpp"
-#include "kiro/web/PubSubFactory.hpp"
 
 namespace {
 

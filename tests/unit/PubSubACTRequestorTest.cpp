@@ -1,16 +1,7 @@
 #include "kiro/web/PubSubACTRequestor.hpp"
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <thread>
-#include <type_traits>
-
-#include "Captures.hpp"
 #include "Fixture.hpp"
-#include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/ExportCommandSender.hpp"
-#include "kiro/web/JSONPayload.hpp"
 #include "kiroutils/Logger.hpp"
 
 namespace {

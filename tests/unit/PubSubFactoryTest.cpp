@@ -1,17 +1,10 @@
 #include "kiro/web/PubSubFactory.hpp"
 
-#include <gtest/gtest.h>
-
 #include <future>
 #include <latch>
-#include <memory>
 #include <set>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "Binary.hpp"
-#include "Captures.hpp"
 #include "Fixture.hpp"
 #include "kiro/web/FakePubSub.hpp"
 #include "kiro/web/RelayPubSub.hpp"

@@ -2,25 +2,12 @@
 
 #include "RelayFuture.hpp"
 
-#include <gmock/gmock.h>
-
 #include <algorithm>
-#include <functional>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "CHeap.hpp"
-#include "Captures.hpp"
 #include "Fixture.hpp"
-#include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kiro/web/StringPayload.hpp"
-#include "kiro/web/Subscriber.hpp"
 #include "kiroutils/Logger.hpp"
 #include "relay/message_service/MessageService.hpp"
 
