@@ -22,11 +22,6 @@ void reply(const std::string& text) {
     fuzz::endpoint()->publish(kChannel, payload);
 }
 
-std::uint64_t stampIn(const std::string& text, const char* key) {
-    unsigned long stamp = 0;
-    return JSONObject(text).getValue(key, stamp) ? stamp : 0;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -47,11 +42,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (isPending && isRight) {
             isPending = false;
             require(requestor.getTimeStampLog().size() == 1, "a returned token is logged");
-            const auto stamps = requestor.getTimeStampLog().front();
-            require(stamps.serverSend == stampIn(text, "serverSendTS"), "the server's stamp");
-            require(stamps.clientReceive == stampIn(text, "clientReceiveTS"), "its receipt");
-            require(stamps.clientSend == stampIn(text, "clientSendTS"), "its answer");
-            require(stamps.serverReceive != 0, "the return is stamped here");
         }
         require(requestor.isACTPending() == isPending, "the right token empties, a forged one not");
     }

@@ -103,22 +103,6 @@ TEST_F(PressureTest, SaysWhatCanNeverBeSent) {
     }
 }
 
-TEST_F(PressureTest, SendsMuchToAPageThatReads) {
-    fOptions.limits.queueSize = 1000000;
-    start();
-    auto page = join();
-    std::vector<Block> blocks;
-    for (int i = 0; i < 4; ++i) blocks.push_back(sendBlock(25000000));
-    publish("/fig/1", std::string(30000000, 'x'));
-    for (unsigned i = 1; i <= 4; ++i) {
-        for (std::size_t size = 0; size < 25000000;) size += page.readBinary().size() - 16;
-        answer(page, i, true);
-    }
-    EXPECT_EQ(page.readRecords(1).at(0).text.size(), 30000000U);
-    for (auto& block : blocks) EXPECT_TRUE(block.get().delivered);
-    settle(page);
-}
-
 TEST_F(PressureTest, ClosesAPageThatTakesNothing) {
     fOptions.limits.queue = std::chrono::milliseconds(100);
     auto& logger = kiroutils::Logger::instance();

@@ -224,6 +224,7 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
                 R"(","/d","/e","/d"])");
     EXPECT_EQ(channels("subscribed"), (Channels{"/bin", "/c", "/d"}));
     EXPECT_EQ(channels("refused"), (Channels{"/e", longName}));
+    EXPECT_TRUE(back->view().hears("/d"));
     page = join(R"(,"resume":false)");
     back = join(returnOf(page->view(), 0));
     EXPECT_EQ(hello("kind"), "\"further\"");
