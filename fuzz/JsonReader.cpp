@@ -6,7 +6,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Fuzz.hpp"
 #include "kiro/web/JSONObject.hpp"

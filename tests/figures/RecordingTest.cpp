@@ -3,7 +3,6 @@
 #include <boost/json/parse.hpp>
 #include <cstring>
 #include <filesystem>
-#include <map>
 
 #include "Fixture.hpp"
 #include "Memory.hpp"
