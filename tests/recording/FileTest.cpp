@@ -21,31 +21,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
 
-const Channel kText{"text", "json",
-                    std::make_shared<const Schema>(Schema{"Text", "jsonschema", "{}"})};
-const Channel kBytes{"bytes", "raw"};
-
-/// Three chunks of two messages each, and a time that goes back within one.
-const std::vector<Said> kSaid{{"text", 10, "{}"},          {"bytes", 12, {"\0\xff", 2}},
-                              {"bytes", 30, "x"},          {"text", 20, R"({"a":1})"},
-                              {"text", 40, std::string()}, {"bytes", 41, std::string(40, 'y')}};
-
-/// A file of those messages.
-std::string sample(bool compresses, bool isClosed = true) {
-    MemorySink sink;
-    Writer writer(sink, {compresses});
-    const std::uint16_t text = writer.add(kText);
-    const std::uint16_t bytes = writer.add(kBytes);
-    for (std::size_t i = 0; i < kSaid.size(); ++i) {
-        const auto& said = kSaid[i];
-        writer.write(said.topic == "text" ? text : bytes, said.time, said.data);
-        if (i % 2 == 1) writer.flush();
-    }
-    if (isClosed) writer.close();
-    EXPECT_EQ(writer.size(), sink.bytes.size());
-    return std::move(sink.bytes);
-}
-
 class File : public testing::TestWithParam<bool> {};
 INSTANTIATE_TEST_SUITE_P(Compressed, File, testing::Bool());
 
@@ -201,7 +176,7 @@ TEST_P(File, IsRepairedUpToItsLastWholeChunk) {
 TEST(Writer, EndsAChunkBehindTheMessageThatFillsIt) {
     MemorySink sink;
     Writer writer(sink, {false, 100});
-    const auto channel = writer.add(kBytes);
+    const auto channel = writer.add({"bytes", "raw"});
     for (const std::size_t size : {60U, 60U, 500U, 1U})
         writer.write(channel, 1, std::string(size, 'z'));
     EXPECT_EQ(writer.waitsSince(), 1U);
@@ -219,7 +194,7 @@ TEST(Writer, LeavesAGoodFileOnAFullDisk) {
         MemorySink sink;
         sink.room = room;
         Writer writer(sink, {false, 1});
-        const auto channel = writer.add(kBytes);
+        const auto channel = writer.add({"bytes", "raw"});
         std::uint64_t written = 0;
         const auto fill = [&] {
             for (; written < 9; ++written) writer.write(channel, written, message);
