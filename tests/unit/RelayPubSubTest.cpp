@@ -59,7 +59,7 @@ struct ScriptedRelay : testing::Test {
     kirohost::Scope replacement = kirohost::replaceMessageService([this](const std::string&) {
         return relay::makeReadyFuture<std::shared_ptr<service::MessageService>>(fake);
     });
-    const Recorder recorder;
+    Recorder recorder;
 };
 
 TEST_F(ScriptedRelay, theFirstSubscriberOfAChannelOwnsTheTransportsSubscription) {
