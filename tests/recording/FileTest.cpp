@@ -129,6 +129,8 @@ TEST(HostileFile, IsRefusedBeforeItTakesMemory) {
         {"messages are missing before this chunk", gap},
         {"a message does not fit its chunk",
          file.substr(0, first) + file.substr(chunks[1].offset)},  // its channel was in the first
+        {"the index's checksum is wrong", with(whole, index, kHuge)},
+        {"the footer is damaged", with(whole, whole.size() - 37, 'x')},
         {"the index names a chunk that is not there", sealed(with(whole, index, kHuge))},
         {"the index names a chunk that is not there", sealed(with(whole, index + 8, kHuge))},
         {"chunks that lie in each other", sealed(with(whole, index, first + 1))},
