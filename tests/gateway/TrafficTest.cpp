@@ -41,11 +41,13 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
         EXPECT_NE(page.readControl("refused").find('"' + std::string(refused) + '"'),
                   std::string::npos);
     }
+    publish("/fig/1", "still");
+    EXPECT_EQ(page.readRecords(1), (Records{{3, "/fig/1", "still", false}}));
     page.sendText(R"({"t":"unsubscribe","channels":["/fig/*"]})");
     settle(page);
     publish("/fig/1", "not any more");
     publish("/log", "now");
-    EXPECT_EQ(page.readRecords(1), (Records{{3, "/log", "now", false}}));
+    EXPECT_EQ(page.readRecords(1), (Records{{4, "/log", "now", false}}));
     EXPECT_EQ(fGateway->statistics().refusals, 4U);
 }
 
