@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "kiro/web/FakePubSub.hpp"
 #include "kiro/web/PubSubFactory.hpp"

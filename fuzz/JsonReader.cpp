@@ -2,11 +2,10 @@
 // groups digits.
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <locale>
 #include <set>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "Fuzz.hpp"
 #include "kiro/web/JSONObject.hpp"
@@ -54,9 +53,7 @@ void checkNumbers(const JSONObject& object, const std::string& key) {
     const bool isDouble = read(object, key, wide, 2.0);
     const bool isBool = read(object, key, truth, false);
 
-    using Limits = std::numeric_limits<int>;
-    require(isInt == (isLong && signedLong >= Limits::min() && signedLong <= Limits::max()),
-            "int reads what fits");
+    require(isInt == (isLong && std::in_range<int>(signedLong)), "int reads what fits");
     require(!isInt || small == signedLong, "int and long agree");
     require(!isLong || isUnsigned == (signedLong >= 0), "unsigned reads what is not negative");
     require(!(isLong || isUnsigned) || (isDouble && isBool), "a whole number is a number");
@@ -66,28 +63,17 @@ void checkTexts(const JSONObject& object, const std::string& key) {
     std::string text = "before";
     require(read(object, key, text, std::string("other")), "every field has a text");
 
-    std::vector<std::string> texts;  // which a failure may change
-    if (object.getValue(key, texts)) {
-        require(text.starts_with('[') && text.ends_with(']'), "a list of texts is an array");
-    }
     float narrow = 1;
     double wide = 1;
     require(read(object, key, narrow, 2.0F) == read(object, key, wide, 2.0), "both or none");
     require(std::isnan(wide) || narrow == static_cast<float>(wide), "a float is a double's");
     Cookie handle(1);
     read(object, key, handle, Cookie(2));
-    Cookie again(3);
-    const JSONObject written(R"({"k":")" + std::to_string(handle.value()) + R"("})");
-    require(written.getValue("k", again) && again == handle, "a handle is read as it is written");
-
     DataID id(1);
     DataID expected;
     const bool isID = read(object, key, id, DataID(2));
     require(isID == DataID::construct_from_string(text, expected), "an identifier is its text's");
     require(!isID || id == expected, "an identifier's value is its text's");
-    DataID back(~expected.value());
-    require(DataID::construct_from_string(expected.convert_to_string(), back) && back == expected,
-            "an identifier is read as it is written");
 }
 
 void check(const JSONObject& object) {

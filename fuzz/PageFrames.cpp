@@ -46,8 +46,9 @@ void readText(std::string_view text) {
     try {
         const std::size_t cut =
             text.empty() ? 0 : static_cast<unsigned char>(text[0]) % text.size();
-        for (const auto& message : messagesOf(text, cut)) check(message);
-        require(messagesOf(text, 0).size() == messagesOf(text, cut).size(), "a cut is not seen");
+        const auto messages = messagesOf(text, cut);
+        for (const auto& message : messages) check(message);
+        require(messagesOf(text, 0).size() == messages.size(), "a cut is not seen");
     } catch (const std::runtime_error& error) {
         const std::string_view reason = error.what();
         require(!reason.empty() && reason.size() < 100, "the reason fits into a close frame");

@@ -8,44 +8,29 @@
 #include <vector>
 
 #include "Fuzz.hpp"
-#include "kirorecording/Reader.hpp"
+#include "Memory.hpp"
 #include "kirorecording/Repair.hpp"
-#include "kirorecording/Writer.hpp"
 
 namespace {
 
 using fuzz::require;
 using namespace kirorecording;
-
-class MemorySink : public Sink {
-  public:
-    std::string bytes;
-
-  private:
-    void doWrite(std::string_view more) override { bytes += more; }
-    void doTruncate(std::uint64_t size) override { bytes.resize(size); }
-    void doClose() override {}
-};
+using namespace recording_test;
 
 /// Memory beyond these would be a fault that the fuzzer's own limit finds.
 constexpr Limits kLimits{std::uint64_t{1} << 20U, std::uint64_t{1} << 16U, 1000};
 
-/// All that can be read, as one text.
-std::vector<std::string> read(std::string_view file) {
-    std::vector<std::string> messages;
+using Messages = std::vector<Said>;
+
+/// All that can be read.
+Messages read(std::string_view file) {
+    Messages messages;
     try {
         const MemorySource source(file);
         const Reader reader(source, kLimits);
         if (reader.damage())
             require(reader.damage()->offset() <= file.size(), "damage lies within");
-        for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
-            auto chunk = reader.read(i);
-            while (const auto message = chunk.next()) {
-                messages.push_back(reader.channels().at(message->channel).topic + ' ' +
-                                   std::to_string(message->time) + ' ' +
-                                   std::string(message->data));
-            }
-        }
+        readInto(messages, reader);
     } catch (const FormatError& error) {
         require(error.offset() <= file.size(), "an error lies within");
     }
@@ -64,18 +49,6 @@ void repairIt(std::string_view file) {
     require(!Reader(repaired).damage(), "what is repaired is whole");
 }
 
-std::string sample(bool compresses, bool isClosed) {
-    MemorySink sink;
-    Writer writer(sink, {compresses, 60});
-    const auto first = writer.add({"first", "raw"});
-    const auto second = writer.add({"second", "raw"});
-    for (std::uint64_t i = 1; i < 9; ++i) {
-        writer.write(i % 3 == 0 ? second : first, i, std::string(5 * i, 'x'));
-    }
-    isClosed ? writer.close() : writer.flush();
-    return sink.bytes;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -89,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     auto file = sample(kind % 2 == 0, kind < 2);
     const auto written = read(file);
-    require(written.size() == 8, "what was written is read");
+    require(written == kSaid, "what was written is read");
     while (input.remaining_bytes() > 0) {
         const auto place = input.ConsumeIntegralInRange<std::size_t>(0, file.size() - 1);
         if (input.ConsumeIntegral<std::uint8_t>() == 0) {

@@ -17,25 +17,16 @@
 namespace {
 
 using fuzz::require;
-using kiro::web::BootstrappingCommandSender;
 using kiro::web::JSONObject;
-using support::DataID;
 using Numbers = std::vector<unsigned long>;
-
-/// A payload takes its texts to be UTF-8 and passes them on unchanged; these are.
-std::string consumeASCII(FuzzedDataProvider& input, std::size_t maxLength) {
-    auto text = input.ConsumeRandomLengthString(maxLength);
-    for (auto& character : text) character = static_cast<char>(character & 0x7F);
-    return text;
-}
 
 /// The number of a message: of a command, or of the block that it carries as text.
 unsigned long numberOf(const JSONObject& message) {
     unsigned long number = 0;
     if (message.getValue("number", number)) return number;
     const auto names = message.getObject("data").getNames();
-    DataID id;
-    require(names.size() == 1 && DataID::construct_from_string(names.front(), id),
+    support::DataID id;
+    require(names.size() == 1 && support::DataID::construct_from_string(names.front(), id),
             "a message is a command or one block");
     return id.value();
 }
@@ -44,16 +35,7 @@ unsigned long numberOf(const JSONObject& message) {
 class Run {
   public:
     explicit Run(FuzzedDataProvider& input)
-        : fName(input.ConsumeRandomLengthString(32)),
-          fSender(std::in_place, fName, consumeASCII(input, 8)) {
-        // Every third block is refused, and takes the way over the message service.
-        const auto deliver = [client = fClient](support::DataBuffer&& block) {
-            const auto number = static_cast<unsigned char>(block.data()[0]);
-            if (number % 3 != 0) client->add(number);
-            return support::answer(number % 3 != 0);
-        };
-        kiro::web::binary::test::RegisterBinaryDataSenderCreationFunction(
-            [deliver](const auto&) { return std::make_shared<support::ScriptedSender>(deliver); });
+        : fName(input.ConsumeRandomLengthString(32)), fSender(std::in_place, fName) {
         fSubscriber =
             subscribe(fuzz::endpoint(), fName,
                       [client = fClient, name = fName](const auto& channel, const auto& payload) {
@@ -64,10 +46,10 @@ class Run {
     }
 
     void step(FuzzedDataProvider& input) {
-        switch (input.ConsumeIntegralInRange(0, 6)) {
+        switch (input.ConsumeIntegralInRange(0, 5)) {
             case 0:
             case 1:
-                sendCommand(consumeASCII(input, 16));
+                sendCommand();
                 break;
             case 2:
                 fSender->sendBinaryData(support::payloadOf({fNext}));
@@ -82,14 +64,9 @@ class Run {
             case 4:
                 announce(input.ConsumeRandomLengthString(64));
                 break;
-            case 5:
-                fSender->setEnable(input.ConsumeBool());
-                break;
             default:
-                // The name is set before a client can announce itself.
-                if (!fIsReady) fSender->setBinaryChannelName(input.ConsumeRandomLengthString(4));
+                fSender->setEnable(input.ConsumeBool());
         }
-        require(fSender->queryCommandSenderReadyStatus() == fIsReady, "ready once announced");
         require(fIsReady || fClient->size() == 0, "nothing goes out before");
     }
 
@@ -100,16 +77,16 @@ class Run {
             return require(arrived.empty(), "a backlog that nobody asked for is dropped");
         require(inOrder() == fInOrder, "each once, in order");
         fInOrder.insert(fInOrder.end(), fAnyOrder.begin(), fAnyOrder.end());
-        std::sort(arrived.begin(), arrived.end());
-        std::sort(fInOrder.begin(), fInOrder.end());
+        std::ranges::sort(arrived);
+        std::ranges::sort(fInOrder);
         require(arrived == fInOrder, "everything that was accepted, each once");
     }
 
   private:
-    void sendCommand(const std::string& command) {
+    void sendCommand() {
         kiro::web::JSONPayload payload;
         payload.addDataToPayload("number", fNext);
-        fSender->sendCommand(command, std::move(payload));
+        fSender->sendCommand("c", std::move(payload));
         if (fSender->isEnabled()) accept(fInOrder);
     }
 
@@ -124,7 +101,7 @@ class Run {
     [[nodiscard]] Numbers inOrder() const {
         auto numbers = fClient->all();
         std::erase_if(numbers, [this](unsigned long number) {
-            return std::binary_search(fAnyOrder.begin(), fAnyOrder.end(), number);
+            return std::ranges::binary_search(fAnyOrder, number);
         });
         return numbers;
     }
@@ -133,20 +110,13 @@ class Run {
         kiro::web::StringPayload payload(text);
         fuzz::endpoint()->publish(fName + "/channelReady", payload);
         fIsReady = true;
-        const auto says = [object = JSONObject(text)](const char* key) {
-            int value = 0;
-            return object.getValue(key, value) && value == 1;
-        };
-        require(fSender->queryUsingBinary() == says("binaryChannelStatus") &&
-                    fSender->queryUsingFastBinary() == says("useFastBinary"),
-                "what the announcement says");
     }
 
     const std::string fName;
     const std::shared_ptr<support::Collector<unsigned long>> fClient =
         std::make_shared<support::Collector<unsigned long>>();
     std::unique_ptr<kiro::web::Subscriber> fSubscriber;
-    std::optional<BootstrappingCommandSender> fSender;
+    std::optional<kiro::web::BootstrappingCommandSender> fSender;
     bool fIsReady = false;
     unsigned long fNext = 4;  ///< identifiers below have a meaning of their own
     Numbers fInOrder;
@@ -159,8 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::endpoint();
     FuzzedDataProvider input(data, size);
     Run run(input);
-    // No more, so that a number is one byte.
-    for (int i = 0; i < 250 && input.remaining_bytes() > 0; ++i) run.step(input);
+    while (input.remaining_bytes() > 0) run.step(input);
     run.finish();
     return 0;
 }

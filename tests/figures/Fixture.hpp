@@ -1,16 +1,19 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "Page.hpp"
 #include "Surroundings.hpp"
 #include "kirofigures/Window.hpp"
+#include "kirohost/Controls.hpp"
 
 namespace figures_test {
 

@@ -1,18 +1,13 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <array>
 #include <boost/json/array.hpp>
 #include <boost/json/serialize.hpp>
 #include <limits>
 #include <span>
-#include <vector>
 
 #include "Column.hpp"
 #include "Fixture.hpp"
 #include "Store.hpp"
 #include "Text.hpp"
-#include "kirohost/Controls.hpp"
 
 namespace figures_test {
 namespace {
@@ -52,8 +47,8 @@ class SeriesTest : public WindowTest {
     boost::json::object properties(const Object& object) {
         return frame().picture.at(object.id()).properties;
     }
-    /// After a reload the page must know what it knew.
-    void expectThatALatePageIsTold() {
+    /// After a reload the page must know what it knew; looked at behind each test.
+    ~SeriesTest() override {
         const auto before = linesOf(frame().picture);
         fPage.announce();
         kirohost::waitForDelivery();
@@ -80,7 +75,6 @@ TEST_F(SeriesTest, OnlyChangesTravel) {
                                     testing::StartsWith("create ")));
     first.remove();
     EXPECT_THAT(sent(), ElementsAre("remove"));
-    expectThatALatePageIsTold();
 }
 
 TEST_F(SeriesTest, APropertyCanBeGivenBack) {
@@ -108,7 +102,6 @@ TEST_F(SeriesTest, TakesNumbersOfBothPrecisionsFromAnyRange) {
     EXPECT_TRUE(frame().picture.at(line.id()).columns.empty());
     line.append(1, 2);
     EXPECT_THAT(column(line, "x"), ElementsAre(1));
-    expectThatALatePageIsTold();
 }
 
 TEST(Precision, IsHalvedWhereNobodySeesIt) {
@@ -151,7 +144,8 @@ TEST_F(SeriesTest, TimeStampsKeepTheirDigitsAndARegularXCostsNone) {
     EXPECT_THAT(column(line, "y"), ElementsAre(3, 4, 5, 6));
     EXPECT_EQ(properties(line).at("regular"), (boost::json::array{10.0, 0.5}));
     // A late page counts from the first one that it gets.
-    expectThatALatePageIsTold();
+    fPage.announce();
+    kirohost::waitForDelivery();
     EXPECT_EQ(properties(line).at("regular"), (boost::json::array{11.0, 0.5}));
     line.set(1, 2);
     EXPECT_FALSE(properties(line).contains("regular"));
@@ -172,7 +166,6 @@ TEST_F(SeriesTest, OnlyTheNewestAreKept) {
     line.append(16, 6);
     EXPECT_THAT(column(line, "y"), ElementsAre(5, 6));
     EXPECT_EQ(line.size(), 2U);
-    expectThatALatePageIsTold();
 }
 
 TEST_F(SeriesTest, WhatIsOlderThanAStretchGoes) {
@@ -186,7 +179,6 @@ TEST_F(SeriesTest, WhatIsOlderThanAStretchGoes) {
     line.append(2.75, 6);
     EXPECT_THAT(column(line, "y"), ElementsAre(3, 3, 4, 4, 5, 5, 6));
     EXPECT_THAT(column(regular, "y"), ElementsAre(3, 4, 5));
-    expectThatALatePageIsTold();
 }
 
 // A bound that costs a move of everything for each element would make long runs slow.

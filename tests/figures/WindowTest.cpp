@@ -1,16 +1,11 @@
 #include "kirofigures/Window.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
 #include <csignal>
-#include <functional>
-#include <memory>
 
 #include "Fixture.hpp"
-#include "kirohost/Controls.hpp"
 
 namespace figures_test {
 namespace {
@@ -249,11 +244,8 @@ TEST_F(Signals, CloseTheWindowOnceIfTheProgramWantsThat) {
     for (const auto& [signal, program] : cases) {
         EXPECT_EXIT(program(), testing::KilledBySignal(signal), "");
     }
-}
-
-TEST_F(Signals, StayIgnoredWhenTheProcessWasStartedSo) {
-    std::signal(SIGINT, SIG_IGN);
-    const auto program = [this] {
+    std::signal(SIGINT, SIG_IGN);  // it stays so
+    const auto ignoring = [this] {
         Window window(fOptions);
         get(SIGINT);
         const bool isOpen = window.isOpen();
@@ -261,7 +253,7 @@ TEST_F(Signals, StayIgnoredWhenTheProcessWasStartedSo) {
         window.draw();
         _exit(isOpen && !window.isOpen() ? 0 : 1);
     };
-    EXPECT_EXIT(program(), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(ignoring(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

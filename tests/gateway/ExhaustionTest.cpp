@@ -1,16 +1,11 @@
 // What becomes of the gateway, its pages and strangers when memory runs out on its thread, at each
 // place in turn, and when whoever reads its log throws.
-#include <gtest/gtest.h>
 #include <openssl/crypto.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <functional>
 #include <new>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <thread>
 
 #include "Certificate.hpp"
 #include "FailingNew.hpp"
@@ -72,7 +67,7 @@ class ExhaustionTest : public GatewayTest {
 
         settle(*fGood);
         while (viewCount() > 1) std::this_thread::yield();
-        EXPECT_LT(held(), 20000U) << "what was held for the others is given back";
+        EXPECT_LT(held(), 50000U) << "what was held for the others is given back";
         fGateway.reset();
     }
     void arm() { fPoint.arm(fStep); }
@@ -138,12 +133,11 @@ class ExhaustionTest : public GatewayTest {
     /// The page that was there all the time has missed nothing, or knows that it has to return.
     void checkGoodPage() {
         publish("/fig/9", "mark");
-        auto records = fGood->readRecords(1);
-        while (!records.empty() && records.back().text != "mark") {
-            for (const auto& record : records) EXPECT_EQ(record.number, ++fLast);
+        std::vector<gatewaytest::Record> records;
+        do {
             records = fGood->readRecords(1);
-        }
-        for (const auto& record : records) EXPECT_EQ(record.number, ++fLast);
+            for (const auto& record : records) EXPECT_EQ(record.number, ++fLast);
+        } while (!records.empty() && records.back().text != "mark");
         if (records.empty()) joinGood();
         fGood->sendText(R"({"t":"ack","last":)" + std::to_string(fLast) + "}");
     }

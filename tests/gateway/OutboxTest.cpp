@@ -200,6 +200,8 @@ TEST_F(OutboxTest, DropsLateBlocksButNotInTheMiddleOfAFrame) {
     static_cast<void>(write());
     auto pieces = addBlock(150);
     writePart(fOutbox->pending()[0].size() + 100);  // the first piece
+    answer(2, true);
+    EXPECT_FALSE(pieces.isReady()) << "it cannot have what is being written";
     fNow += std::chrono::seconds(1);
     auto young = addBlock(50);
     fOutbox->dropBlocksBefore(fNow, fLeft);

@@ -85,10 +85,16 @@ Frame Peer::readFrame() {
     return frame;
 }
 
+template <typename Wanted>
+Frame Peer::readUntil(const Wanted& isWanted) {
+    auto frame = readFrame();
+    while (!frame.isEnd() && !isWanted(frame)) frame = readFrame();
+    return frame;
+}
+
 std::string Peer::readControl(std::string_view what) {
     const auto start = "{\"t\":\"" + std::string(what) + "\"";
-    auto frame = readFrame();
-    while (!frame.isEnd() && !frame.payload.starts_with(start)) frame = readFrame();
+    const auto frame = readUntil([&](const Frame& one) { return one.payload.starts_with(start); });
     return frame.isEnd() ? std::string() : frame.payload;
 }
 
@@ -104,17 +110,16 @@ std::vector<Record> Peer::readRecords(std::size_t count) {
 }
 
 std::string Peer::readBinary() {
-    auto frame = readFrame();
-    while (!frame.isEnd() && frame.opcode != 2) frame = readFrame();
+    const auto frame = readUntil([](const Frame& one) { return one.opcode == 2; });
     return frame.isEnd() ? std::string() : frame.payload;
 }
 
 unsigned Peer::readClose() {
-    auto frame = readFrame();
-    while (!frame.isEnd()) frame = readFrame();
-    if (frame.payload.size() < 2) return 0;
-    return static_cast<unsigned>(static_cast<unsigned char>(frame.payload[0])) << 8U |
-           static_cast<unsigned char>(frame.payload[1]);
+    const auto code = readUntil([](const Frame&) { return false; }).payload;
+    const auto byte = [&code](std::size_t i) {
+        return unsigned{static_cast<unsigned char>(code[i])};
+    };
+    return code.size() < 2 ? 0 : byte(0) << 8U | byte(1);
 }
 
 std::string Peer::readAll() {

@@ -58,6 +58,8 @@ class Peer {
     using Socket = boost::asio::ip::tcp::socket;
 
     bool receive();
+    template <typename Wanted>
+    Frame readUntil(const Wanted& isWanted);
 
     std::unique_ptr<Socket> fSocket;
     std::unique_ptr<boost::asio::ssl::stream<Socket&>> fTls;  ///< over the socket, or none

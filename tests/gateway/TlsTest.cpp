@@ -1,6 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <string>
 #include <system_error>
 
 #include "Certificate.hpp"

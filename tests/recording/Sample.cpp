@@ -1,6 +1,5 @@
 // kiroweb_recording_sample FILE [plain]: writes a small run, compressed or not, for whoever reads
 // it with other tools.
-#include <cstring>
 #include <string>
 
 #include "kirorecording/Run.hpp"

@@ -1,7 +1,7 @@
 #include "Captures.hpp"
 
+#include <map>
 #include <mutex>
-#include <set>
 
 #include "process/Immortal.hpp"
 
@@ -14,26 +14,25 @@ constexpr int kUsualLevel = 4;
 
 constexpr const char* kWarnings = "warnings";
 
-/// What the captures in force declare. Immortal: a service's thread may log while the process
-/// exits.
+/// How often the captures in force declare each name. Immortal: a service's thread may log while
+/// the process exits.
 struct Declared {
+    void add(const std::string& name, int more) {
+        const std::lock_guard lock(mutex);
+        counts[name] += more;
+    }
+    [[nodiscard]] bool contains(const std::string& name) {
+        const std::lock_guard lock(mutex);
+        return counts[name] > 0;
+    }
     std::mutex mutex;
-    std::multiset<std::string> names;
+    std::map<std::string, int> counts;
 };
 Immortal<Declared> declared;
 
 kirohost::Scope declare(const std::string& name) {
-    const std::lock_guard lock(declared->mutex);
-    declared->names.insert(name);
-    return kirohost::Scope([name] {
-        const std::lock_guard ending(declared->mutex);
-        declared->names.erase(declared->names.find(name));
-    });
-}
-
-bool isDeclared(const std::string& name) {
-    const std::lock_guard lock(declared->mutex);
-    return declared->names.contains(name);
+    declared->add(name, 1);
+    return kirohost::Scope([name] { declared->add(name, -1); });
 }
 
 bool meansTrouble(const kirohost::LogRecord& record) {
@@ -62,11 +61,11 @@ int runAllTests(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     const auto warnings = kirohost::observeWarnings([](const kirohost::Warning& warning) {
-        if (isDeclared(kWarnings)) return;
+        if (declared->contains(kWarnings)) return;
         ADD_FAILURE() << "unexpected warning: " << textOf(warning);
     });
     const auto log = kirohost::observeLog([](const kirohost::LogRecord& record) {
-        if (!meansTrouble(record) || isDeclared(record.logger)) return;
+        if (!meansTrouble(record) || declared->contains(record.logger)) return;
         ADD_FAILURE() << "unexpected record of " << record.logger << ": " << record.text;
     });
     return RUN_ALL_TESTS();

@@ -7,14 +7,11 @@
 
 namespace {
 
-/// Of each thread; 0: none will fail. A plain number: `operator new` must not allocate to look at
-/// it.
-constinit thread_local std::size_t untilFailure = 0;
+/// A plain pointer: `operator new` must not allocate to look at it.
 constinit thread_local support::FailPoint* failPoint = nullptr;
 
 void* allocate(std::size_t size) noexcept {
     if (failPoint != nullptr && failPoint->fails()) return nullptr;
-    if (untilFailure != 0 && --untilFailure == 0) return nullptr;
     return std::malloc(size != 0 ? size : 1);
 }
 
@@ -33,15 +30,17 @@ namespace support {
 
 Outcome failingNew(std::size_t n, const std::function<void()>& call) {
     Outcome outcome;
-    const auto end = [&outcome] { outcome.failed = std::exchange(untilFailure, 0) == 0; };
-    untilFailure = n;
+    FailPoint point;
+    point.arm(n);
+    auto* const before = std::exchange(failPoint, &point);
     try {
         call();
-        end();
+        outcome.failed = point.disarm();
     } catch (const std::exception& error) {
-        end();
+        outcome.failed = point.disarm();
         outcome.error = error.what();
     }
+    failPoint = before;
     return outcome;
 }
 

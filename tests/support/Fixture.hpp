@@ -1,15 +1,23 @@
 #pragma once
 
+#include <gmock/gmock.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
-#include "Collector.hpp"
+#include "Captures.hpp"
+#include "graphics_util/getContextQCRID.hpp"
+#include "kiro/web/JSONPayload.hpp"
+#include "kiro/web/PubSubFactory.hpp"
 #include "kiro/web/PubSubInterface.hpp"
-#include "kirohost/Controls.hpp"
+#include "kiro/web/Subscriber.hpp"
 
 namespace support {
 

@@ -1,22 +1,12 @@
 #include "kiro/web/binary/BinaryDataPayload.hpp"
 
-#include <gmock/gmock.h>
-
 #include <limits>
 #include <locale>
-#include <memory>
-#include <stdexcept>
-#include <thread>
-#include <type_traits>
 
 #include "Binary.hpp"
 #include "CHeap.hpp"
-#include "Captures.hpp"
 #include "FailingNew.hpp"
 #include "Fixture.hpp"
-#include "graphics_util/getContextQCRID.hpp"
-#include "kiro/web/JSONPayload.hpp"
-#include "kiro/web/PubSubFactory.hpp"
 
 namespace {
 
@@ -100,13 +90,9 @@ TEST(BinaryDataPayload, ConvertsItsBlocksToOneMessageAndHandsThemOver) {
     EXPECT_EQ(convert(payload), "{}");
     add(payload, 9, "");
     add(payload, 8, "foobar");
-    add(payload, 7, "\xFB\xFF\xBE\xFF");     // a slash is an ordinary character of a JSON text
-    add(payload, 6, std::string(300, 'a'));  // longer than a line of an encoder that breaks lines
-    std::string aLine;
-    for (int i = 0; i < 100; ++i) aLine += "YWFh";
+    add(payload, 7, "\xFB\xFF\xBE\xFF");  // a slash is an ordinary character of a JSON text
     EXPECT_EQ(convert(payload), R"({"cmd":"binarydata","data":{"9 0":"","8 0":"Zm9vYmFy",)"
-                                R"("7 0":"+/++/w==","6 0":")" +
-                                    aLine + "\"}}");
+                                R"("7 0":"+/++/w=="}})");
     EXPECT_TRUE(payload.isEmpty());
     EXPECT_EQ(convert(payload), "{}");
 }

@@ -1,13 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <stdexcept>
-
 #include "Binary.hpp"
 #include "CHeap.hpp"
-#include "Captures.hpp"
 #include "Fixture.hpp"
-#include "graphics_util/getContextQCRID.hpp"
 #include "kiro/web/binary/BinaryDataReceiver.hpp"
 #include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
 

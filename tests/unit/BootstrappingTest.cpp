@@ -1,23 +1,14 @@
 #include "kiro/web/BootstrappingCommandSender.hpp"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <future>
 #include <latch>
-#include <stdexcept>
 #include <system_error>
-#include <thread>
-#include <type_traits>
 
 #include "Binary.hpp"
-#include "Captures.hpp"
 #include "FailingThreads.hpp"
 #include "Fixture.hpp"
-#include "kiro/web/JSONPayload.hpp"
-#include "kiro/web/PubSubFactory.hpp"
 
 namespace {
 

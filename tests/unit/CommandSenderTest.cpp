@@ -1,13 +1,8 @@
 #include "kiro/web/CommandSenderInterface.hpp"
 
-#include <gtest/gtest.h>
-
-#include <type_traits>
-
 #include "Binary.hpp"
 #include "Fixture.hpp"
 #include "kiro/web/ExportCommandSender.hpp"
-#include "kiro/web/JSONPayload.hpp"
 
 namespace {
 

@@ -3,14 +3,8 @@
 #include "kiro/web/WebBlockingOperation.hpp"
 #include "kiro/web/WebTerminatingCondition.hpp"
 
-#include <gmock/gmock.h>
-
-#include <memory>
-
-#include "Captures.hpp"
 #include "Fixture.hpp"
 #include "component_Quarn/catalog_graphics.hpp"
-#include "kiro/web/Subscriber.hpp"
 
 namespace kiro::web {
 namespace {

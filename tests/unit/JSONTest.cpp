@@ -3,21 +3,14 @@
 #include "kiro/web/JSONObject.hpp"
 #include "kiro/web/StringPayload.hpp"
 
-#include <gmock/gmock.h>
 #include <boost/system/system_error.hpp>
-
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <optional>
-#include <stdexcept>
-#include <string>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
-#include "kiro/web/binary/DataID.hpp"
+#include "Fixture.hpp"
+#include "kiro/web/binary/BinaryDataPayload.hpp"
 #include "ui_objects/Cookie.hpp"
 #include "ui_objects/FontTypes.hpp"
 #include "ui_objects/UTF16String.hpp"
@@ -238,6 +231,17 @@ TEST(JSONObject, sharesItsDataWithCopiesAndOwnsWhatItTakesOutOfAnother) {
     EXPECT_TRUE(nested.getValue("n", text));
     EXPECT_EQ(text, "[1]");
 }
+
+#if defined(KIROWEB_CHECKED)
+TEST(PreconditionsDeathTest, StopTheProgramWhereTheyAreBroken) {
+    JSONPayload payload;
+    binary::BinaryDataPayload blocks;
+    const char* const nothing = nullptr;
+    EXPECT_DEATH(payload.addDataToPayload("k", nothing), "broken precondition: value");
+    EXPECT_DEATH(blocks.addDataToPayloadInternal(nothing, 1), "broken precondition: data");
+    EXPECT_DEATH((void)subscribe(nullptr, "c", {}), "broken precondition: pubsub");
+}
+#endif
 
 }  // namespace
 }  // namespace kiro::web

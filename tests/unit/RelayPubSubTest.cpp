@@ -2,22 +2,10 @@
 
 #include "RelayFuture.hpp"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <functional>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
+#include <algorithm>
 
 #include "CHeap.hpp"
-#include "Captures.hpp"
 #include "Fixture.hpp"
-#include "graphics_util/getContextQCRID.hpp"
-#include "kiro/web/ConnectionStatus.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kiro/web/StringPayload.hpp"
 #include "kiroutils/Logger.hpp"
@@ -31,27 +19,37 @@ using support::Lines;
 using support::publishOn;
 using support::Recorder;
 
+static_assert(std::is_nothrow_destructible_v<Subscriber>);
+
 /// A message service in the test's hands, which answers what `answer` says.
 class ScriptedService : public service::MessageService {
   public:
     using Subscribed = relay::Future<std::shared_ptr<service::Subscription>>;
 
-    Lines log;
+    /// "+channel", "-channel" of a subscription, "channel=text" of a message.
+    std::shared_ptr<Lines> log = std::make_shared<Lines>();
     std::vector<service::Handler> handlers;
-    std::function<Subscribed()> answer = [] {
-        return relay::makeReadyFuture(std::make_shared<service::Subscription>());
+    std::function<Subscribed(std::shared_ptr<service::Subscription>)> answer = [](auto given) {
+        return relay::makeReadyFuture(std::move(given));
     };
+    /// Has the first handler hear `text`.
+    void say(const std::string& channel, const std::string& text) const {
+        handlers.front()({channel, text.data(), text.size()});
+    }
 
   protected:
     relay::Future<service::Published> doPublish(const std::string& channel,
                                                 const service::JsonMessage& message) override {
-        log.push_back(channel + "=" + std::string(message.json, message.length));
+        log->push_back(channel + "=" + std::string(message.json, message.length));
         return {};  // nobody may wait for it
     }
     Subscribed doSubscribe(const std::string& channel, service::Handler handler) override {
-        log.push_back("+" + channel);
+        log->push_back("+" + channel);
         handlers.push_back(std::move(handler));
-        return answer();
+        return answer({new service::Subscription, [log = log, channel](auto* subscription) {
+                           log->push_back("-" + channel);
+                           delete subscription;
+                       }});
     }
 };
 
@@ -61,32 +59,38 @@ struct ScriptedRelay : testing::Test {
     kirohost::Scope replacement = kirohost::replaceMessageService([this](const std::string&) {
         return relay::makeReadyFuture<std::shared_ptr<service::MessageService>>(fake);
     });
+    Recorder recorder;
 };
 
-TEST(RelayPubSub, endsSafelyWithMessagesInFlight) {
-    std::atomic<bool> stop = false;
-    const auto source = std::make_shared<RelayPubSub>();
-    std::jthread publisher([&stop, source] {
-        while (!stop) {
-            publishOn(*source, "/newView", "{}");
-            publishOn(*source, "/reconnect", "{}");
-            kirohost::waitForDelivery();
-        }
-    });
-    for (int round = 0; round < 50; ++round) {
-        auto status = std::make_shared<ConnectionStatus>("/reconnect", "/newView");
-        const Recorder heard;
-        const auto listener = status->createNewViewListener([] {});
-        const auto reconnected = status->createReconnectSubscriber(heard.callback());
-        auto endpoint = std::make_shared<RelayPubSub>();
-        auto own = subscribe(endpoint, "/newView", heard.callback());
-        heard.awaitSize(1);
-        // Each order of destruction has its turn.
-        if (round % 2 == 0) endpoint.reset();
-        if (round % 3 == 0) status.reset();
-        own.reset();
-    }
-    stop = true;
+TEST_F(ScriptedRelay, theFirstSubscriberOfAChannelOwnsTheTransportsSubscription) {
+    const auto endpoint = std::make_shared<RelayPubSub>();
+    auto first = subscribe(endpoint, "c", recorder.callback());
+    auto second = subscribe(endpoint, "c", recorder.callback());
+    EXPECT_EQ(*fake->log, Lines{"+c"});
+    fake->say("c", "twice");
+    EXPECT_EQ(recorder.messagesOn("c"), (Lines{"twice", "twice"}));
+    first.reset();
+    auto third = subscribe(endpoint, "c", recorder.callback());
+    EXPECT_EQ(fake->handlers.size(), 1U) << "the second one still listens";
+    second.reset();
+    third.reset();
+    const auto fourth = subscribe(endpoint, "c", recorder.callback());
+    EXPECT_EQ(*fake->log, (Lines{"+c", "-c", "+c"}));
+}
+
+TEST_F(ScriptedRelay, theTransportNeitherKeepsTheEndpointNorReachesItOrADetachedListener) {
+    auto endpoint = std::make_shared<RelayPubSub>();
+    auto subscriber = subscribe(endpoint, "c", recorder.callback());
+    const auto detached = subscribe(endpoint, "c", recorder.callback());
+    for (int i = 0; i < 2; ++i) detached->destroyEventListener();
+    fake->say("c", "heard once");
+    const std::weak_ptr<RelayPubSub> weak = endpoint;
+    endpoint.reset();
+    EXPECT_TRUE(weak.expired());
+    fake->say("c", "late");
+    subscriber.reset();
+    EXPECT_EQ(*fake->log, (Lines{"+c", "-c"}));
+    EXPECT_EQ(recorder.lines(), Lines{"c heard once"});
 }
 
 TEST_F(ScriptedRelay, publishesNothingWhenTheTextCannotBeCopied) {
@@ -101,25 +105,24 @@ TEST_F(ScriptedRelay, publishesNothingWhenTheTextCannotBeCopied) {
     replaceAllocate(nullptr);
     EXPECT_EQ(asked, 5U);
     publishOn(*endpoint, "c", "");
-    EXPECT_EQ(fake->log, Lines{"c="});
+    EXPECT_EQ(*fake->log, Lines{"c="});
 }
 
 TEST_F(ScriptedRelay, aFailedSubscriptionLeavesNothingRegistered) {
     const auto endpoint = std::make_shared<RelayPubSub>();
-    const Recorder recorder;
     const auto attempt = [&] { return subscribe(endpoint, "c", recorder.callback()); };
     const auto succeeding = fake->answer;
-    fake->answer = []() -> ScriptedService::Subscribed { throw std::domain_error("service"); };
+    fake->answer = [](auto) -> ScriptedService::Subscribed { throw std::domain_error("service"); };
     EXPECT_THROW((void)attempt(), std::domain_error);
-    fake->answer = [] { return ScriptedService::Subscribed(); };
+    fake->answer = [](auto) { return ScriptedService::Subscribed(); };
     EXPECT_THROW((void)attempt(), std::runtime_error);
-    fake->answer = [] {  // its promise is destroyed unset
+    fake->answer = [](auto) {  // its promise is destroyed unset
         return relay::Promise<std::shared_ptr<service::Subscription>>().getFuture();
     };
     EXPECT_THROW((void)attempt(), std::future_error);
     fake->answer = succeeding;
     const auto subscriber = attempt();
-    EXPECT_EQ(fake->log.size(), 4U) << "asked afresh each time";
+    EXPECT_EQ(std::ranges::count(*fake->log, "+c"), 4) << "asked afresh each time";
     endpoint->handlePublishCallback("c", StringPayload("heard once"));
     EXPECT_EQ(recorder.all().size(), 1U);
 }
@@ -127,7 +130,6 @@ TEST_F(ScriptedRelay, aFailedSubscriptionLeavesNothingRegistered) {
 TEST_F(ScriptedRelay, aMessageWithoutTextAndAServiceThatIsNotThereAreFailedAssertions) {
     const support::AssertionCapture assertions;
     const auto endpoint = std::make_shared<RelayPubSub>();
-    const Recorder recorder;
     const auto subscriber = subscribe(endpoint, "c", recorder.callback());
     const std::string channel = "c";
     fake->handlers.front()({channel, nullptr, 0});
