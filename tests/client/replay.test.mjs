@@ -15,18 +15,8 @@ import { Survey } from "../../client/page/recording/survey.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
 import { Scene } from "../../client/page/worker/scene.mjs";
 import { Random } from "./figures/support/random.mjs";
-import { encode } from "./figures/support/scenes.mjs";
-
-/** What a scene has, by values. */
-const contentOf = (scene) =>
-    scene.items.map(({ id, type, parent, properties, columns, given }) => {
-        const kept = Object.entries(columns).map(([name, column]) => {
-            const { elements, offset, begin, end } = column;
-            const values = [...elements.subarray(begin - offset, end - offset)];
-            return [name, elements.constructor.name, begin, values, column.isSorted];
-        });
-        return [id, type, parent?.id, { ...properties }, kept.sort(), given];
-    });
+import { contentOf, encode } from "./figures/support/scenes.mjs";
+import { bytesOf, messagesOf, open, sourceOf } from "./support/recordings.mjs";
 
 /** An engine that draws by chance, and a page's recorder that is told of it. */
 class Run {
@@ -120,11 +110,7 @@ class Stage {
     read = 0;
     static async open(bytes, { most, near } = {}) {
         const stage = new Stage();
-        const read = async (offset, length) => {
-            stage.read += length;
-            return bytes.subarray(offset, offset + length);
-        };
-        stage.reader = await Reader.open({ size: bytes.length, read });
+        stage.reader = await Reader.open(sourceOf(bytes, (length) => (stage.read += length)));
         stage.chunks = new Chunks(stage.reader, most);
         const surroundings = {
             give: (frame) => stage.#take(frame),
@@ -175,16 +161,11 @@ class Stage {
 
 /** Its messages in chunks of this size. */
 async function rechunked(file, size) {
-    const bytes = new Uint8Array(await file.arrayBuffer());
-    const read = async (offset, length) => bytes.subarray(offset, offset + length);
-    const reader = await Reader.open({ size: bytes.length, read });
     const writer = new Writer(CHANNELS, size);
-    for (const chunk of reader.chunks) {
-        for (const { channel, time, data } of await reader.read(chunk)) {
-            writer.add(channel, time, [data]);
-        }
+    for (const { channel, time, data } of await messagesOf(await open(await bytesOf(file)))) {
+        writer.add(channel, time, [data]);
     }
-    return new Uint8Array(await writer.end().arrayBuffer());
+    return bytesOf(writer.end());
 }
 
 /** A run, and its file. */
@@ -398,7 +379,7 @@ async function fileOf(messages) {
         const data = typeof content === "string" ? Buffer.from(content) : content;
         writer.add(number, BigInt(i + 1), [data]);
     });
-    return new Uint8Array(await writer.end().arrayBuffer());
+    return bytesOf(writer.end());
 }
 
 test("What is no run shows nothing, and says why", async () => {

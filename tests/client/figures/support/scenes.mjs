@@ -51,6 +51,17 @@ export class Builder {
     }
 }
 
+/** What a scene has, by values. */
+export const contentOf = (scene) =>
+    scene.items.map(({ id, type, parent, properties, columns, given }) => {
+        const kept = Object.entries(columns).map(([name, column]) => {
+            const { elements, offset, begin, end } = column;
+            const values = [...elements.subarray(begin - offset, end - offset)];
+            return [name, elements.constructor.name, begin, values];
+        });
+        return [id, type, parent?.id, { ...properties }, kept.sort(), given];
+    });
+
 export const THEME = { ground: "#ffffff", text: "#222222", dark: false };
 
 /** How a scene is looked at. */
