@@ -41,8 +41,12 @@ class Stage {
             options: { WebSocket, backoff: { first: 0, soon: 0, most: 0 } },
         });
         this.tell({ kind: "start", address: this.gateway.url, theme: THEME, hidden: false });
+        await this.meet({ configuration });
+    }
+    /** The page's next connection. */
+    async meet(welcome) {
         this.peer = await this.gateway.peer();
-        await this.peer.welcome({ blockChannels: ["/b"], configuration });
+        await this.peer.welcome({ blockChannels: ["/b"], ...welcome });
     }
     end() {
         this.tell({ kind: "close" });
@@ -57,7 +61,7 @@ class Stage {
         if (message.kind === "ask") this.tell({ kind: "told", id: message.id, value: "secret" });
         if (message.kind === "scene" && this.isMainThere) this.layOut(message);
         if (message.kind === "frame" && this.isMainThere) {
-            queueMicrotask(() => this.confirm(message));
+            queueMicrotask(() => this.tell({ ...message, kind: "painted" }));
         }
     }
     layOut({ stamp, figures }) {
@@ -68,9 +72,6 @@ class Stage {
             this.tell({ kind: "canvas", axes: id, canvas, width: 100, height: 50, ratio: 2 });
         }
         this.tell({ kind: "laid", stamp });
-    }
-    confirm({ stamp }) {
-        this.tell({ kind: "painted", stamp });
     }
     /** Ends when the worker has said such a message, which it has not been asked for before. */
     async heard(kind) {
@@ -110,10 +111,16 @@ class Stage {
         this.peer.piece(block, ++this.#number, [block, 0, 0, 0, 0, 0, 0, 0, ...data]);
         this.say("data", { id, data: `${block} 0`, first, count, columns });
     }
+    /** The frame that has begun is complete. */
     act(token) {
-        this.raw(
-            JSON.stringify({ cmd: "sendACT", ACT: token, returnChannel: "/t", serverSendTS: 9 }),
-        );
+        const command = { cmd: "sendACT", ACT: token, returnChannel: "/t", serverSendTS: 9 };
+        this.raw(JSON.stringify(command));
+    }
+    /** A frame of what `draw` says. */
+    frame(draw, members) {
+        this.say("beginFrame", { frame: 9, attempt: 1, ...members });
+        draw();
+        this.act("t");
     }
     /** A whole frame with figure 1, axes 2 and a line 3 from (0, 0) to (1, 1). */
     whole(token) {
@@ -129,12 +136,22 @@ class Stage {
         const { channel, text } = await this.peer.next("publish");
         return [channel, JSON.parse(text)];
     }
+    /** What the page published until a token went back, that last. */
+    async answers() {
+        const all = [];
+        do all.push(await this.published());
+        while (all.at(-1)[0] !== "/t");
+        return all;
+    }
     /** Until the line is on the screen. */
     async show() {
         for (const channel of ["/n", "/r"]) assert.equal((await this.published())[0], channel);
         this.whole("first");
         await this.paint();
-        for (const channel of ["/e", "/t"]) assert.equal((await this.published())[0], channel);
+        assert.deepEqual(
+            (await this.answers()).map(([channel]) => channel),
+            ["/e", "/t"],
+        );
         this.told = [];
     }
     strokes() {
@@ -162,27 +179,21 @@ test("A view is announced, and a frame drawn once it is complete and laid out, t
     stage.whole("token");
     const scene = await stage.heard("scene");
     await stage.paint();
-    assert.deepEqual(
-        stage.told.filter(({ kind }) => kind === "frame"),
-        [],
-    );
+    assert.ok(stage.told.every(({ kind }) => kind !== "frame"));
     const [{ axes }] = scene.figures;
-    assert.equal(scene.keys, true);
-    assert.deepEqual(axes[0].limits, { x: [0, 1], y: [0, 1], y2: null });
-    assert.deepEqual(
-        [axes[0].picks, axes[0].legend, axes[0].series[0].color],
-        [true, false, "#0068ad"],
-    );
+    const { limits, picks, legend, series } = axes[0];
+    assert.deepEqual(limits, { x: [0, 1], y: [0, 1], y2: null });
+    assert.deepEqual([scene.keys, picks, legend, series[0].color], [true, true, false, "#0068ad"]);
     stage.layOut(scene);
     await stage.paint();
     assert.deepEqual(stage.strokes(), [LINE]);
     const frame = await stage.heard("frame");
     assert.deepEqual([frame.frame, frame.limits[2].x], [8, [0, 1]]);
-    stage.confirm(frame);
+    stage.tell({ ...frame, kind: "painted" });
     const event = { event: "frame", frame: 8, attempt: 2, outcome: "painted" };
-    assert.deepEqual(await stage.published(), ["/e", event]);
     const stamps = { serverSendTS: 9, clientReceiveTS: 1e6, clientSendTS: 1e6 };
-    assert.deepEqual(await stage.published(), ["/t", { ACT: "token", ...stamps }]);
+    const token = ["/t", { ACT: "token", ...stamps }];
+    assert.deepEqual(await stage.answers(), [["/e", event], token]);
 });
 
 const UNREADABLE = '{"cmd":"binarydata","data":{"99 0":"!"}}';
@@ -201,13 +212,12 @@ test("What cannot be read, carried out or drawn costs its frame, and is asked fo
     await stage.show();
     const told = [];
     for (const [cause, reason] of FAULTS) {
-        stage.say("beginFrame", { frame: 9, attempt: 1 });
-        cause();
-        stage.say("set", { id: 3, name: String(reason) });
-        stage.act("t");
+        stage.frame(() => {
+            cause();
+            stage.say("set", { id: 3, name: String(reason) });
+        });
         await stage.paint();
-        do told.push(await stage.published());
-        while (told.at(-1)[0] !== "/t");
+        told.push(...(await stage.answers()));
         const [channel, { event, frame, outcome, error }] = told.at(-2);
         assert.deepEqual([channel, event, frame, outcome], ["/e", "frame", 9, "failed"]);
         assert.match(error, reason);
@@ -234,10 +244,8 @@ test("A picture that is paused stays, while the data are taken in; live shows wh
     await stage.show();
     stage.tell({ kind: "pause", paused: true });
     await stage.paint();
-    stage.say("beginFrame", { frame: 9, attempt: 1 });
-    stage.data(3, 2, { x: [2], y: [0.5] });
-    stage.act("t");
-    assert.equal((await stage.published())[1].outcome, "paused");
+    stage.frame(() => stage.data(3, 2, { x: [2], y: [0.5] }));
+    assert.equal((await stage.answers())[0][1].outcome, "paused");
     stage.tell({ kind: "view", axes: 2, x: [0, 2], y: null, y2: null });
     await stage.paint();
     assert.deepEqual(stage.strokes(), ["M0,100 L100,0"]);
@@ -248,32 +256,33 @@ test("A picture that is paused stays, while the data are taken in; live shows wh
 
 test("Somebody's doings reach the engine", async () => {
     await stage.show();
-    stage.tell({ kind: "pick", axes: 2, x: 0.5, y: 1, near: { series: 3, index: 1 } });
-    stage.tell({ kind: "key", key: "k", axes: null });
-    stage.tell({ kind: "control", id: 7 });
-    stage.tell({ kind: "view", axes: 2, x: [0, 2], y: null, y2: null });
-    const pick = { event: "pick", axes: 2, x: 0.5, y: 1, series: 3, index: 1 };
-    assert.deepEqual(await stage.published(), ["/e", pick]);
-    assert.deepEqual((await stage.published())[1], { event: "key", key: "k", axes: null });
-    assert.deepEqual((await stage.published())[1], { event: "control", id: 7 });
-    const seen = { x: [0, 2], y: [0, 1], width: 100, height: 50 };
-    assert.deepEqual((await stage.published())[1], { event: "limits", axes: 2, ...seen });
+    stage.frame(() => stage.say("set", { id: 2, y2: { limits: [3, 4] } }));
+    await stage.paint();
+    await stage.answers();
+    const limits = { event: "limits", axes: 2, y: [0, 1], y2: [5, 6], width: 100, height: 50 };
+    for (const [message, event] of [
+        [
+            { kind: "pick", axes: 2, x: 0.5, y: 1, near: { series: 3, index: 1 } },
+            { event: "pick", axes: 2, x: 0.5, y: 1, series: 3, index: 1 },
+        ],
+        [
+            { kind: "key", key: "k", axes: null },
+            { event: "key", key: "k", axes: null },
+        ],
+        [
+            { kind: "control", id: 7 },
+            { event: "control", id: 7 },
+        ],
+        [
+            { kind: "view", axes: 2, x: [0, 2], y: null, y2: [5, 6] },
+            { ...limits, x: [0, 2] },
+        ],
+    ]) {
+        stage.tell(message);
+        assert.deepEqual(await stage.published(), ["/e", event]);
+    }
     await stage.paint();
     assert.deepEqual(stage.strokes(), ["M0,100 L100,0"]);
-    stage.say("beginFrame", { frame: 9, attempt: 1 });
-    stage.say("set", { id: 2, y2: { limits: [3, 4] } });
-    stage.act("t");
-    await stage.paint();
-    stage.tell({ kind: "view", axes: 2, x: null, y: null, y2: [5, 6] });
-    let event = {};
-    while (event.event !== "limits") [, event] = await stage.published();
-    assert.deepEqual(
-        [event.x, event.y2],
-        [
-            [0, 1],
-            [5, 6],
-        ],
-    );
 });
 
 test("The legend hides a series, until it is gone; a theme changes colours", async () => {
@@ -306,19 +315,12 @@ test("A vocabulary that is not known is not subscribed to", async () => {
 test("What is recorded is what came and went, from the press of a button on", async () => {
     await stage.show();
     stage.tell({ kind: "record", most: 1e6 });
-    stage.say("beginFrame", { frame: 9, attempt: 1 });
-    stage.data(3, 2, { x: [2], y: [0.5] });
-    stage.act("t");
+    stage.frame(() => stage.data(3, 2, { x: [2], y: [0.5] }));
     await stage.paint();
-    while ((await stage.published())[0] !== "/t");
+    await stage.answers();
     stage.tell({ kind: "key", key: "k", axes: null });
     stage.peer.socket.terminate();
-    stage.peer = await stage.gateway.peer();
-    await stage.peer.welcome({
-        blockChannels: ["/b"],
-        configuration: CONFIGURATION,
-        kind: "return",
-    });
+    await stage.meet({ configuration: CONFIGURATION, kind: "return" });
     await stage.settled();
     stage.tell({ kind: "record", most: null });
     const { file, reason } = await stage.heard("recorded");
@@ -350,11 +352,10 @@ test("A recording takes the engine's place, and shows what was shown", async () 
     stage.tell({ kind: "record", most: 1e6 });
     const shown = [stage.strokes()];
     for (let i = 0; i < 3; ++i) {
-        stage.say("beginFrame", { frame: 9 + i, attempt: 1, keys: true });
-        stage.data(3, 2 + i, { x: [2 + i], y: [0.5 / (i + 1)] });
-        stage.act("t");
+        const draw = () => stage.data(3, 2 + i, { x: [2 + i], y: [0.5 / (i + 1)] });
+        stage.frame(draw, { frame: 9 + i, keys: true });
         await stage.paint();
-        while ((await stage.published())[0] !== "/t");
+        await stage.answers();
         shown.push(stage.strokes());
     }
     assert.equal(new Set(shown.map(String)).size, 4);
