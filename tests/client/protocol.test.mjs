@@ -46,8 +46,7 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
     peer.piece(12, 6, []);
     peer.piece(13, 7, [66]);
     peer.piece(11, 8, [7]); // of the withdrawn one nothing is left
-    // Channel 258, transfer 65537.
-    peer.socket.send(Buffer.from([1, 1, 2, 1, 1, 0, 1, 0, 9, ...Array(7).fill(0), 5]));
+    peer.piece(65537, 9, [5], true, 258);
     peer.piece(14, 3, [1], false);
     peer.piece(14, 10, []); // less than it said
     await fixture.settled(peer, 11);
