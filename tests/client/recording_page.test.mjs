@@ -258,7 +258,7 @@ const headOf = (snapshot) => readJson(new Decoder(snapshot).text());
 const frame = (number, commands, isWhole = false) => ({ number, attempt: 1, isWhole, commands });
 
 /** A recorder that has begun, with what may be set of its clock, and its ends. */
-function record(scene, { title = "", sequence = 0, most = 1e6 } = {}) {
+function recording(scene, { title = "", sequence = 0, most = 1e6 } = {}) {
     const made = { clock: 10e6, ends: [] };
     const ended = (...end) => made.ends.push(end);
     made.recorder = new Recorder({ now: () => made.clock, most, ended });
@@ -278,7 +278,7 @@ test("A recording begins with all that there is, as commands that make it again"
     const { scene } = builder;
     scene.apply({ cmd: "beginFrame", frame: 5, keys: true }, null);
 
-    const { recorder, ends } = record(scene, { title: "a title", sequence: 17 });
+    const { recorder, ends } = recording(scene, { title: "a title", sequence: 17 });
     recorder.end();
     const [[, begin], [topic, data], ...more] = await topicsOf(ends[0][0]);
     assert.deepEqual(begin, { event: "begin", vocabulary: "kirofigures/1", title: "a title" });
@@ -295,7 +295,7 @@ test("A recording begins with all that there is, as commands that make it again"
 
 test("Frames, blocks and tokens are recorded in order; a snapshot follows when it pays", async () => {
     const { scene } = new Builder();
-    const made = record(scene);
+    const made = recording(scene);
     const { recorder } = made;
     const block = Uint8Array.from({ length: 300 }, (_, i) => i);
     const whole = [{ cmd: "beginFrame", seq: 1, whole: true }, null];
@@ -341,9 +341,9 @@ test("Frames, blocks and tokens are recorded in order; a snapshot follows when i
 
 test("A recording that has its size, or meets what cannot be recorded, ends once, and is whole up to there", async () => {
     const most = 20_000;
-    const full = record(new Scene(), { most });
+    const full = recording(new Scene(), { most });
     for (let i = 0; i < 1000; ++i) full.recorder.error("x".repeat(100));
-    const odd = record(new Scene());
+    const odd = recording(new Scene());
     odd.recorder.frame(frame(0, [[{ cmd: "data", seq: 1 }, new Uint8Array(1)]]), new Scene());
     odd.recorder.error("behind the end");
     for (const [{ recorder, ends }, why, least, many] of [

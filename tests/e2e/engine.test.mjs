@@ -62,7 +62,7 @@ test("What is done reaches the engine's callbacks", async () => {
 
 test("Everything is within reach of the tab key, and named", async () => {
     const { page } = await start();
-    const reached = new Set();
+    const reached = [];
     for (;;) {
         await page.keyboard.press("Tab");
         const name = await page.evaluate(() => {
@@ -71,33 +71,15 @@ test("Everything is within reach of the tab key, and named", async () => {
             const label = one.ariaLabel ?? one.labels?.[0]?.textContent ?? one.textContent;
             return label.trim().split(". ")[0];
         });
-        if (name === null || reached.has(name)) break;
-        reached.add(name);
-    }
-    const wanted = "Pause,Record,Keys,Zoom in,Press,Gain,Count,Kind,wave,level,upper,lower";
-    for (const name of wanted.split(",")) {
-        assert.ok([...reached].some((one) => one.includes(name)), `${name} of ${[...reached]}`);
-    }
-    assert.ok(!reached.has(""));
-});
         if (name === null || (reached.length > 1 && name === reached[0])) break;
         reached.push(name);
     }
-    const wanted = [
-        "Pause",
-        "Record",
-        "Keys",
-        "Zoom in",
-        "Press",
-        /^Gain/,
-        "Count",
-        /^Kind/,
-        "wave",
-        "level",
-    ];
-    for (const name of [...wanted, "upper", "lower"]) {
-        const isThere = reached.some((one) => (name.test ? name.test(one) : one.includes(name)));
-        assert.ok(isThere, `${name} of ${reached}`);
+    const wanted = "Pause,Record,Keys,Zoom in,Press,Gain,Count,Kind,wave,level,upper,lower";
+    for (const name of wanted.split(",")) {
+        assert.ok(
+            reached.some((one) => one.includes(name)),
+            `${name} of ${reached}`,
+        );
     }
-    assert.ok(!reached.includes(""), String(reached));
+    assert.ok(!reached.includes(""));
 });

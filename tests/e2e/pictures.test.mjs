@@ -12,10 +12,10 @@ const channels = (color) => [1, 3, 5].map((at) => parseInt(color.slice(at, at + 
 const isNear = (a, b) => a.every((part, i) => Math.abs(part - b[i]) <= 12);
 
 /** No data without pixels, no pixel without data, and all of them of the series' colour. */
-function checkSeries(picture, data) {
+async function checkSeries(page, picture, data) {
     const { width, height, description } = picture;
     const place = picture.placer(data.y2 ? "y2" : "y");
-    const { allowed, required } = masksOf(data, { ...picture, place });
+    const { allowed, required } = await masksOf(page, data, { ...picture, place });
     const color = channels(description.series[0].color);
     const isColored = data.kind === "image" || data.kind === "colored";
     const drawn = [...picture.all()];
@@ -100,7 +100,7 @@ for (const deviceScaleFactor of RATIOS) {
                 for (const picture of await pictures(page)) {
                     const told = data.get(picture.description.id);
                     if (told.kind === "text") checkText(picture);
-                    else checkSeries(picture, told);
+                    else await checkSeries(page, picture, told);
                     checkTicks(picture);
                     data.delete(picture.description.id);
                 }

@@ -23,7 +23,7 @@ function drawOne(type, members, columns, { axes = UNITS, ...how } = {}) {
     return paint(builder, how);
 }
 
-const level = (count, y) => ({ x: range(count, (i) => i / 100), y: range(count, () => y) });
+const flat = (count, y) => ({ x: range(count, (i) => i / 100), y: range(count, () => y) });
 const LOG = { x: { scale: "log", limits: [1, 100] }, y: UNITS.y };
 const ERRORS = { x: [2], y: [5], minus: [NaN], plus: [1] };
 const BACK = { x: [1, 1.01, 1.02, 3, 3.01], y: [1, 1, 1, 1, 1] };
@@ -67,7 +67,7 @@ test("A span ends at the axes, and a text has a rim", () => {
 });
 
 test("What is dense, or winds, is filled by columns, with its true extremes", () => {
-    const spike = level(1000, 4);
+    const spike = flat(1000, 4);
     spike.y[505] = 9;
     spike.y[506] = NaN;
     const expected = range(100, (i) => {
@@ -77,8 +77,8 @@ test("What is dense, or winds, is filled by columns, with its true extremes", ()
     assert.deepEqual(drawOne("line", {}, spike).drawn.map(rectOf), expected);
     const winds = { x: range(90, (i) => i / 9), y: range(90, (i) => 10 * (i % 2)) };
     assert.ok(drawOne("line", {}, winds).drawn.every(({ kind }) => kind === "fillRect"));
-    const { x, y: low } = level(1000, 4);
-    const { y: high } = level(1000, 6);
+    const { x, y: low } = flat(1000, 4);
+    const { y: high } = flat(1000, 6);
     low[505] = 1;
     high[303] = NaN;
     const band = drawOne("band", {}, { x, low, high }).drawn.map(rectOf);
@@ -89,7 +89,7 @@ test("What is dense, or winds, is filled by columns, with its true extremes", ()
             [30, 40, 1, 20],
         ],
     );
-    const area = drawOne("area", { width: 0 }, level(1000, 4));
+    const area = drawOne("area", { width: 0 }, flat(1000, 4));
     assert.deepEqual(rectOf(area.drawn[20]), [20, 60, 1, 40]);
 });
 

@@ -135,8 +135,6 @@ beforeEach(async () => {
 });
 afterEach(() => stage.end());
 
-const LINE = "M0,100 L200,0";
-
 test("A view is announced, and a frame drawn once it is complete and laid out, then answered", async () => {
     const { engine } = stage;
     assert.ok(engine.peer.offered.includes("kiroweb.token.secret"));
