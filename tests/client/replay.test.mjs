@@ -255,10 +255,7 @@ test("It plays at the clock's pace, leaves out what the page has no time for, an
     given.length = 0;
     moments.length = 0;
     await stage.do(() => player.play(Infinity));
-    assert.deepEqual(
-        given.map(({ number }) => number),
-        Array.from({ length: 21 }, (_, i) => i),
-    );
+    assert.ok(given.length === 21 && given.every(({ number }, i) => number === i));
     assert.equal(stage.moment.isPlaying, false);
 });
 
@@ -321,14 +318,8 @@ test("The next error, late or failed frame is found, and marked on the time line
         found.push(stage.read);
     }
     const [first, second] = [found.slice(0, 4), found.slice(4)];
-    assert.deepEqual(
-        first.slice(0, 3).map(([frame, why]) => [frame, why]),
-        [
-            [10, "late"],
-            [15, "a script error"],
-            [20, "failed: why"],
-        ],
-    );
+    const told = first.slice(0, 3).map(([frame, why]) => `${frame} ${why}`);
+    assert.deepEqual(told, ["10 late", "15 a script error", "20 failed: why"]);
     assert.deepEqual(first.slice(0, 3), second.slice(0, 3));
     assert.ok(second[3] < first[3] / 2, "what is calm is not read again");
     const marked = (mark) => [...survey.marks.keys()].filter((i) => survey.marks[i] & mark);
@@ -367,8 +358,8 @@ test("Where a file is damaged it says so, and shows what is not", async () => {
     assert.deepEqual(contentOf(stage.scene), run.shown.at(-1));
     const survey = new Survey(stage.chunks);
     while (await survey.next());
-    assert.ok(survey.marks.some((mark) => mark & MARK.damage));
-    assert.ok(survey.marks.filter((mark) => mark & MARK.damage).length <= 2);
+    const damaged = survey.marks.filter((mark) => mark & MARK.damage).length;
+    assert.ok(damaged === 1 || damaged === 2, `${damaged} stretches`);
 });
 
 /** A file of these messages: topic and content, text or bytes. */
@@ -416,10 +407,7 @@ test("What is no run shows nothing, and says why", async () => {
 
 test("What was read last is kept, up to a bound", async () => {
     const { bytes } = await recorded(40);
-    for (const [most, isKept] of [
-        [0, false],
-        [1e6, true],
-    ]) {
+    for (const most of [0, 1e6]) {
         const { chunks, ...stage } = await Stage.open(bytes, { most });
         assert.ok(chunks.count > 3);
         for (let i = 0; i < 3; ++i) await chunks.read(i);
@@ -427,7 +415,7 @@ test("What was read last is kept, up to a bound", async () => {
         assert.equal(chunks.read(0), first, "the last one always is");
         assert.equal((await first) === (await chunks.read(0, false)), true);
         await chunks.read(1);
-        assert.equal((await chunks.read(0, false)) === (await first), isKept);
+        assert.equal((await chunks.read(0, false)) === (await first), most > 0);
         assert.equal(stage.errors.length, 0);
     }
 });
@@ -437,19 +425,16 @@ test("A server's file is read by parts, and one that comes whole is refused", as
     const serve =
         (status) =>
         async (_, { headers }) => {
+            asked.push(headers.Range);
             const [, from, to] = /^bytes=(\d+)-(\d+)$/.exec(headers.Range).map(Number);
-            asked.push([from, to]);
-            const body = Buffer.from("abcdefgh").subarray(from, to + 1);
             const range = `bytes ${from}-${Math.min(to, 7)}/8`;
+            const body = Buffer.from("abcdefgh").subarray(from, to + 1);
             return new Response(body, { status, headers: { "Content-Range": range } });
         };
     const source = await sourceOfAddress("run.mcap", serve(206));
     assert.equal(source.size, 8);
     assert.equal(Buffer.from(await source.read(2, 3)).toString(), "cde");
     assert.equal((await source.read(3, 0)).length, 0);
-    assert.deepEqual(asked, [
-        [0, 0],
-        [2, 4],
-    ]);
+    assert.deepEqual(asked, ["bytes=0-0", "bytes=2-4"]);
     await assert.rejects(sourceOfAddress("run.mcap", serve(200)), /gives no part/);
 });

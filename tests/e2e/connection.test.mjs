@@ -101,15 +101,4 @@ test("The browser that is opened is a program of its own, and gets no more than 
     stage.defer(() => program.kill());
     assert.match(await said, /#code=[0-9a-f]+\n[^]*SigBlk:\t0+\n/);
     assert.doesNotMatch(await said, /([3-9]|\d\d) -> socket/);
-    // The link is good for one browser, which needs it no more.
-    const [link] = (await said).split("\n");
-    const page = await stage.page();
-    await page.goto(link);
-    await untilState(page, "live");
-    await page.reload();
-    await untilState(page, "live");
-    const other = await stage.page();
-    await other.goto(link);
-    assert.match(await untilState(other, "refused"), /open the link that the program printed/);
-    assert.equal(new URL(other.url()).hash, "");
 });

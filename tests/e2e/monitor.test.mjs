@@ -5,7 +5,6 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { test } from "node:test";
 
-import { assertClean } from "./support/page.mjs";
 import { shownValues } from "./support/scene.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -20,33 +19,6 @@ test("A thousand flushes are drawn, and what was drawn last stays", async () => 
     const values = await shownValues(page);
     assert.equal(values.trimEnd().split("\r\n").at(-1).split(",")[1], String((12_000 - 1) / 360));
     assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
-});
-
-test("A place picked by mouse or keyboard is named in the next frame", async () => {
-    const monitor = await stage.monitor();
-    const page = await stage.page({ colorScheme: "light" });
-    await page.goto(monitor.link);
-    await page.waitForFunction(() => globalThis.kirowebPage?.statistics?.outcomes.painted >= 5);
-    const map = page.locator(".chart").nth(1);
-    /** The place that is named, once it is another one. */
-    const picked = async (before) => {
-        const handle = await page.waitForFunction(async (old) => {
-            const [axes] = [...kirowebPage.figures.values()][1].axes.keys();
-            const { svg } = await kirowebPage.worker.ask({ kind: "vectors", axes });
-            // Each text stands there twice, its rim first.
-            const [, , named] = svg.match(/>(M [^<]*)</g);
-            return named !== old && named;
-        }, before);
-        return handle.jsonValue();
-    };
-    await map.click({ position: { x: 300, y: 150 } });
-    const clicked = await picked();
-    for (let i = 0; i < 20; ++i) await map.press("Shift+ArrowLeft");
-    for (let i = 0; i < 20; ++i) await map.press("ArrowLeft");
-    await map.press("Enter");
-    await picked(clicked);
-    await assertClean(page);
-    await monitor.end();
 });
 
 test("A page that does not answer is named as the cause, and its latency told", async () => {

@@ -83,10 +83,7 @@ for (const deviceScaleFactor of [1, 2]) {
             await lost;
         });
         // Nothing new is drawn: what the GPU may have failed to is drawn again.
-        assert.equal(
-            await engine.frame(() => engine.say("set", { id: 1, title: "Lost" })),
-            "painted",
-        );
+        await engine.frame(() => engine.say("set", { id: 1, title: "Lost" }));
         assert.deepEqual(await drawnBy(), [false, true]);
         const [byStamps] = await pictures(page);
         const differences = byGpu.pixels.map((part, i) => Math.abs(part - byStamps.pixels[i]));

@@ -34,10 +34,8 @@ function holdTimers(t) {
 test("What is between a frame's beginning and its token is one frame; other changes wait 50 ms", (t) => {
     const pass = holdTimers(t);
     const complete = [];
-    const frames = new Frames(
-        (frame) => complete.push(frame),
-        () => 7,
-    );
+    const take = (frame) => complete.push(frame);
+    const frames = new Frames(take, () => 7);
     /** Of each frame its number, commands, token and error. */
     const expect = (...expected) => {
         const seen = complete.splice(0).map(({ number, commands, token, error }) => {
@@ -46,32 +44,32 @@ test("What is between a frame's beginning and its token is one frame; other chan
         });
         assert.deepEqual(seen, expected);
     };
-    const take = (cmd, members) => frames.take({ cmd, ...members }, null);
-    const begin = (frame) => take("beginFrame", { frame, attempt: 1 });
+    const say = (cmd, members) => frames.take({ cmd, ...members }, null);
+    const begin = (frame) => say("beginFrame", { frame, attempt: 1 });
     begin(3);
-    take("set");
+    say("set");
     pass(1000);
     expect();
     frames.fail(new Error("first"));
     frames.fail(new Error("second"));
-    take("sendACT", { ACT: "a" });
+    say("sendACT", { ACT: "a" });
     expect("3 beginFrame,set a first");
-    take("set");
-    take("data");
+    say("set");
+    say("data");
     pass(49);
     expect();
     pass(1);
     expect("-1 set,data");
     // The next frame begins before the time is over; and a frame whose token does not come.
-    take("set");
+    say("set");
     begin(4);
     begin(5);
     pass(1000);
     expect("-1 set", "4 beginFrame");
-    take("sendACT", { ACT: "b" });
-    take("sendACT", { ACT: "c" });
+    say("sendACT", { ACT: "b" });
+    say("sendACT", { ACT: "c" });
     expect("5 beginFrame b", "-1  c");
-    take("set");
+    say("set");
     frames.forget();
     pass(1000);
     expect();
@@ -194,46 +192,48 @@ test("A command waits for its block with all behind it; a whole frame begins ane
         report: (error) => errors.push(error.message),
     });
     let seq = 0;
-    const say = (cmd, members) => inbox.text(JSON.stringify({ seq: ++seq, ...members, cmd }));
     const expect = (...expected) => assert.deepEqual(told.splice(0), expected);
+    const say = (cmd, members) => inbox.text(JSON.stringify({ seq: ++seq, ...members, cmd }));
+    const whole = () => say("beginFrame", { whole: true });
+    const data = (...blocks) => blocks.forEach((low) => say("data", { data: `${low} 0` }));
     const act = () => inbox.text('{"cmd":"sendACT"}');
-    const block = (id) => Uint8Array.of(id, 0, 0, 0, 0, 0, 0, 0, 9, 9);
+    const block = (id) => inbox.block(Uint8Array.of(id, 0, 0, 0, 0, 0, 0, 0, 9, 9));
+    const text = (name, base64) =>
+        inbox.text(`{"cmd":"binarydata","data":{"${name}":"${base64}"}}`);
     say("set");
     act();
     expect();
-    say("beginFrame", { whole: true });
-    say("data", { data: "4 0" });
+    whole();
+    data(4);
     act();
     expect("beginFrame");
-    inbox.text('{"cmd":"binarydata","data":{"4 0":"AQL/"}}');
+    text("4 0", "AQL/");
     expect("data 3", "sendACT");
     // Given back by another page it comes again; it is not kept.
-    inbox.text('{"cmd":"binarydata","data":{"4 0":"AQL/"}}');
-    inbox.block(block(5));
-    say("data", { data: "5 0" });
-    say("data", { data: "4 0" });
+    text("4 0", "AQL/");
+    block(5);
+    data(5, 4);
     expect("data 2");
-    inbox.block(block(8));
-    say("beginFrame", { whole: true });
-    inbox.block(block(7));
-    say("data", { data: "7 0" });
+    block(8);
+    whole();
+    block(7);
+    data(7);
     expect("beginFrame", "data 2");
     assert.deepEqual(errors, []);
-    inbox.text('{"cmd":"binarydata","data":{"2 0":"\\u0008"}}');
-    say("data", { data: "8 0" });
-    say("data", { data: "9 0" });
+    text("2 0", "\\u0008");
+    data(8, 9);
     say("set", { seq: 99 });
     expect();
     // What cannot be read may have been the block that is waited for: nothing waits any more.
-    inbox.text('{"cmd":"binarydata","data":{"9 0":"!"}}');
+    text("9 0", "!");
     expect("set");
-    for (const text of ["{oops", "5", '{"cmd":"binarydata","data":null}']) inbox.text(text);
-    say("beginFrame", { whole: true });
-    say("data", { data: "6 0" });
+    for (const odd of ["{oops", "5", '{"cmd":"binarydata","data":null}']) inbox.text(odd);
+    whole();
+    data(6);
     act();
     expect("beginFrame");
     assert.throws(() => inbox.block(Uint8Array.of(1)), RangeError);
-    const expected =
+    const reasons =
         /no memory.*;block 8 0 is lost;.*"9 0":"!".*;block 9 0 is lost;command 99 came instead.*;.*JSON.*;.*not a command.*;.*null/;
-    assert.match(errors.join(";"), expected);
+    assert.match(errors.join(";"), reasons);
 });
