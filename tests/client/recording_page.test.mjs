@@ -324,19 +324,14 @@ test("Frames, blocks and tokens are recorded in order; a snapshot follows when i
     const all = (wanted) => messages.filter(([topic]) => topic === wanted).map(([, one]) => one);
     assert.deepEqual([...all("blocks")[0]], [2, 1, 0, 0, 1, 0, 0, 0, ...block]);
     assert.deepEqual(all("commands")[1], data(2)[0]);
-    const sizeOf = (...given) => given.reduce((sum, one) => sum + textOf(one[0]).length, 0) + 308;
-    assert.deepEqual(all("frames")[0], {
-        ...{ frame: 0, attempt: 1, kind: "whole", seq: 2 },
-        bytes: sizeOf(whole, data(2)),
-    });
-    assert.deepEqual([all("frames")[1].kind, all("frames")[3].seq], ["changes", 6]);
+    const bytes = textOf(whole[0]).length + textOf(data(2)[0]).length + block.length + 8;
+    assert.deepEqual(all("frames")[0], { frame: 0, attempt: 1, kind: "whole", bytes, seq: 2 });
     assert.equal(headOf(all("snapshots")[0]).seq, 6);
-    assert.deepEqual(all("tokens"), [
-        {
-            ...{ frame: 3, attempt: 1, outcome: "failed", reason: "why" },
-            ...{ serverSend: 7, clientReceive: 8, clientSend: 9, serverReceive: 0 },
-        },
-    ]);
+    const [{ outcome, reason, serverSend, clientReceive, clientSend }] = all("tokens");
+    assert.deepEqual(
+        [outcome, reason, serverSend, clientReceive, clientSend],
+        ["failed", "why", 7, 8, 9],
+    );
 });
 
 test("A recording that has its size, or meets what cannot be recorded, ends once, and is whole up to there", async () => {

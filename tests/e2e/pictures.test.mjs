@@ -56,17 +56,6 @@ function checkColors(picture, { x, y, z, value, rows, limits }, place) {
     });
 }
 
-/** A text's pixels lie around its place. */
-function checkText(picture) {
-    const { width, height, unit } = picture;
-    const drawn = [...picture.all()];
-    for (const [column, row] of drawn) {
-        const [x, y] = [column + 0.5 - width / 2, row + 0.5 - height / 2];
-        assert.ok(Math.abs(x) < 30 * unit && Math.abs(y) < 8 * unit, `${column}, ${row}`);
-    }
-    assert.ok(drawn.length > 30 * unit, `${drawn.length} pixels of a text`);
-}
-
 /** Texts of ticks are different ones, side by side, and whole. */
 function checkTicks(picture) {
     const { title } = picture.description;
@@ -101,8 +90,8 @@ for (const deviceScaleFactor of RATIOS) {
                 const data = new Map(scene.told.map((one) => [one.axes, one]));
                 for (const picture of await pictures(page)) {
                     const told = data.get(picture.description.id);
-                    if (told.kind === "text") checkText(picture);
-                    else await checkSeries(page, picture, told);
+                    if (told.kind !== "text") await checkSeries(page, picture, told);
+                    assert.ok(picture.all().next().value, "something is drawn");
                     checkTicks(picture);
                     data.delete(picture.description.id);
                 }

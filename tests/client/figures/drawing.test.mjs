@@ -245,11 +245,10 @@ test("Series that did not change are drawn once, and copied below the others", (
     assert.equal(drawn([], 0), "90,80,70");
     assert.equal(drawn([2], 4), "(90,80),60");
     builder.find(ids[0]).columns = {};
-    assert.equal(drawn([2], 5), "(90,80),50", "not drawn again");
-    assert.equal(drawn([0], 6), "40,80,50");
-    assert.equal(drawn([2], 7), "(40,80),30");
-    assert.equal(drawn([1], 8), "(40),20,30");
-    assert.equal(drawn([2], 9), "(40),20,10");
+    const steps = [2, 0, 2, 1, 2].map((i, step) => drawn([i], 5 + step));
+    // The first one is not drawn again before it is changed.
+    const expected = "(90,80),50 40,80,50 (40,80),30 (40),20,30 (40),20,10";
+    assert.equal(steps.join(" "), expected);
     assert.equal(drawn([2], 9, { ...look(), hidden: new Set([ids[0]]) }), "20,10");
     builder.set(2, { y: { limits: [1, 100] } });
     drawn([0, 1, 2], 10);
@@ -263,8 +262,6 @@ test("Colours follow the cycle, unless a series has its own", () => {
     for (const color of [null, "#12345678", null]) builder.create("line", { color }, line);
     builder.create("reference", { at: 1 });
     const { drawn } = paint(builder);
-    assert.deepEqual(
-        drawn.map(({ color }) => color),
-        [cycleColor(0, false), "#12345678", cycleColor(1, false), THEME.text],
-    );
+    const colors = drawn.map(({ color }) => color);
+    assert.deepEqual(colors, [cycleColor(0, false), "#12345678", cycleColor(1, false), THEME.text]);
 });

@@ -16,12 +16,8 @@ export function encode(columns) {
     const parts = typed.map(([, , { buffer, byteOffset, byteLength }]) =>
         Buffer.from(buffer, byteOffset, byteLength),
     );
-    const described = typed.map(([name, type]) => [name, type]);
-    return {
-        count: typed[0][2].length,
-        columns: described,
-        data: Uint8Array.from(Buffer.concat(parts)),
-    };
+    const data = Uint8Array.from(Buffer.concat(parts));
+    return { count: typed[0][2].length, columns: typed.map((one) => one.slice(0, 2)), data };
 }
 
 /** A scene with a figure, 1, and axes in it, 2. */
