@@ -46,10 +46,8 @@ test("What is done reaches the engine's callbacks", async () => {
         await count.press("Enter");
     }
     await scene.line(/^number/);
-    assert.deepEqual(
-        scene.lines.filter((line) => line.startsWith("number")),
-        ["number 7"],
-    );
+    const numbers = scene.lines.filter((line) => line.startsWith("number"));
+    assert.deepEqual(numbers, ["number 7"]);
     await assertClean(page);
     const other = await stage.page();
     await other.goto(scene.link);
@@ -76,10 +74,8 @@ test("Everything is within reach of the tab key, and named", async () => {
     }
     const wanted = "Pause,Record,Keys,Zoom in,Press,Gain,Count,Kind,wave,level,upper,lower";
     for (const name of wanted.split(",")) {
-        assert.ok(
-            reached.some((one) => one.includes(name)),
-            `${name} of ${reached}`,
-        );
+        const isThere = reached.some((one) => one.includes(name));
+        assert.ok(isThere, `${name} of ${reached}`);
     }
     assert.ok(!reached.includes(""));
 });

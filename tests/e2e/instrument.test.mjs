@@ -112,42 +112,24 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
     await page.locator("#said", { hasText: /time 7 s; fall 7 m; flight 51 m/ }).waitFor();
     await page.keyboard.press("Escape");
     await page.locator(".tip").first().waitFor({ state: "hidden" });
-    const isShown = async (across, up) => {
+    // A range from the middle; first one that is forgotten, then one along x, and one along both.
+    const [right, down] = ["Right", "Down"].map((way) => Array(10).fill(`Arrow${way}`));
+    for (const [keys, across, up] of [
+        ["x", [1, 9], [0, 100]],
+        ["Shift+x", [0, 10], [0, 100]],
+        ["y", [0, 10], [10, 90]],
+        [`0,Shift+Enter,${right},Escape,Escape`, [0, 10], [0, 100]],
+        [`Shift+Enter,${right},Shift+Enter`, [5, 7], [0, 100]],
+        [`Shift+Enter,${down},ArrowLeft,Shift+Enter`, [6.36, 6.4], [30, 50]],
+        ["0", [0, 10], [0, 100]],
+    ]) {
+        for (const key of keys.split(",")) await page.keyboard.press(key);
         await engine.untilShown(2, "x", across);
         await engine.untilShown(2, "y", up);
-    };
-    // A range from the middle; first one that is forgotten, then one along x, and one along both.
-    const right = Array(10).fill("ArrowRight");
-    const down = Array(10).fill("ArrowDown");
-    for (const [keys, ...limits] of [
-        [["x"], [1, 9], [0, 100]],
-        [["Shift+x"], [0, 10], [0, 100]],
-        [["y"], [0, 10], [10, 90]],
-        [
-            ["0", "Shift+Enter", ...right, "Escape", "Escape"],
-            [0, 10],
-            [0, 100],
-        ],
-        [
-            ["Shift+Enter", ...right, "Shift+Enter"],
-            [5, 7],
-            [0, 100],
-        ],
-        [
-            ["Shift+Enter", ...down, "ArrowLeft", "Shift+Enter"],
-            [6.36, 6.4],
-            [30, 50],
-        ],
-        [["0"], [0, 10], [0, 100]],
-    ]) {
-        for (const key of keys) await page.keyboard.press(key);
-        await isShown(...limits);
     }
     const name = await page.locator(".chart").first().getAttribute("aria-label");
-    assert.match(
-        name,
-        /^A parabola <b>\. line fall, line flight\. x, time in s, from 0 to 10\. y, way/,
-    );
+    const said = /^A parabola <b>\. line fall, line flight\. x, time in s, from 0 to 10\. y, way/;
+    assert.match(name, said);
     await assertClean(page);
 });
 

@@ -49,9 +49,8 @@ test("Of a line the element that is nearest along x is found, of points the near
             return [{ series, index, values }];
         };
         const found = probe(builder, x, y).map(({ px, py, ...one }) => {
-            assert.ok(
-                Math.abs(px - one.values.x * 10) + Math.abs(py - 100 + one.values.y * 10) < 1e-9,
-            );
+            const { x: at, y: up } = one.values;
+            assert.ok(Math.abs(px - at * 10) + Math.abs(py - 100 + up * 10) < 1e-9);
             return one;
         });
         assert.deepEqual(found, [...nearest(3, line, true), ...nearest(4, points, false)]);

@@ -168,11 +168,12 @@ test("A view is announced, and a frame drawn once it is complete and laid out, t
 });
 
 const UNREADABLE = '{"cmd":"binarydata","data":{"99 0":"!"}}';
-const BROKEN = {
-    set() {
-        throw new Error("a broken canvas");
-    },
-};
+const breakCanvas = () =>
+    Object.defineProperty(stage.canvases.get(2), "width", {
+        set() {
+            throw new Error("a broken canvas");
+        },
+    });
 
 test("What cannot be read, carried out or drawn costs its frame, and is asked for again once", async () => {
     await stage.show();
@@ -181,10 +182,7 @@ test("What cannot be read, carried out or drawn costs its frame, and is asked fo
     for (const [cause, reason] of [
         [() => engine.say("set", { id: 3, width: "wide" }), /set: "width" is not a size/],
         [() => engine.say("data", { id: 3, data: "99 0" }) ?? engine.raw(UNREADABLE), /"99 0":"!"/],
-        [
-            () => Object.defineProperty(stage.canvases.get(2), "width", BROKEN),
-            /paint: a broken canvas/,
-        ],
+        [breakCanvas, /paint: a broken canvas/],
     ]) {
         const more = () => engine.say("set", { id: 3, name: String(reason) });
         told.push(...(await stage.frame(() => [cause(), more()])));
@@ -299,10 +297,8 @@ test("A recording has what came and went, takes the engine's place, and shows wh
     assert.equal(reason, "");
     const text = Buffer.from(await file.arrayBuffer()).toString("latin1");
     const places = RECORDED.map((part) => text.search(part));
-    assert.ok(
-        places.every((at, i) => at > (places[i - 1] ?? -1)),
-        String(places),
-    );
+    const isInOrder = places.every((at, i) => at > (places[i - 1] ?? -1));
+    assert.ok(isInOrder, String(places));
     // What somebody looked at says nothing about another run.
     stage.tell({ kind: "view", axes: 2, x: [0, 1], y: null, y2: null });
     stage.told = [];

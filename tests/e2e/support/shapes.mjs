@@ -16,14 +16,10 @@ const path = (places, half) => stretches(places).map((points) => ({ points, half
 /** Of two rows of places, from the one to the other and back. */
 const between = (row, other) => [[...row, ...other.reverse()]];
 
-const rectangle = ([x0, y0], [x1, y1]) => [
-    [
-        [x0, y0],
-        [x1, y0],
-        [x1, y1],
-        [x0, y1],
-    ],
-];
+const rectangle = ([x0, y0], [x1, y1]) => {
+    const [top, bottom] = [y0, y1].map((y) => [x0, x1].map((x) => [x, y]));
+    return between(top, bottom);
+};
 
 /** @param {number} at 0: a step is at the first of two places, 1: at the second */
 function stepped(places, at) {
