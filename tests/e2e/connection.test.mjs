@@ -39,27 +39,21 @@ test("Every page sees everything, reloaded or not; the engine goes on with those
     await scene.answer(/no page/);
     await first.goBack();
     await scene.stream();
+    // One that is hidden answers without painting, and paints when it is shown.
+    const hide = (hidden) =>
+        first.evaluate((value) => {
+            Object.defineProperty(document, "hidden", { value, configurable: true });
+            document.dispatchEvent(new Event("visibilitychange"));
+        }, hidden);
+    await hide(true);
+    await scene.stream("hidden");
+    await scene.draw("step 1", "hidden");
+    await hide(false);
+    await scene.draw("step 1");
     scene.tell("quit");
     assert.match(await untilState(first, "reconnecting"), /gateway stopped|no connection/);
     await first.locator(".is-stale .stale", { hasText: /^No news since \d+:/ }).waitFor();
     assert.equal(await scene.exited, 0);
-});
-
-test("A hidden page answers without painting, and paints when it is shown", async () => {
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.link);
-    const hide = (hidden) =>
-        page.evaluate((value) => {
-            Object.defineProperty(document, "hidden", { value, configurable: true });
-            document.dispatchEvent(new Event("visibilitychange"));
-        }, hidden);
-    await scene.stream();
-    await hide(true);
-    await scene.answer(/^frame \d+ hidden$/);
-    await scene.draw("step 1", "hidden");
-    await hide(false);
-    await scene.draw("step 1");
 });
 
 test("A page whose connection was lost returns to its view, and nothing is missing", async () => {
