@@ -3,7 +3,7 @@ import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { join, resolve } from "node:path";
 import { after, test } from "node:test";
 import { fileURLToPath, pathToFileURL } from "node:url";
 
@@ -13,7 +13,7 @@ import { ScriptedGateway } from "./support/scripted_gateway.mjs";
 
 const ROOT = fileURLToPath(new URL("../../", import.meta.url));
 const CLIENT = join(ROOT, "client");
-const read = (path) => readFileSync(join(ROOT, path), "utf8");
+const read = (path) => readFileSync(resolve(ROOT, path), "utf8");
 const exampleIn = (text) => /```js\n([^]*?)```/.exec(text)[1];
 
 const folder = mkdtempSync(join(tmpdir(), "kiroweb-"));
@@ -27,10 +27,9 @@ function compile(...options) {
 test("The declarations are those of the source", () => {
     const made = join(folder, "declarations");
     compile("-p", join(CLIENT, "tsconfig.declarations.json"), "--outDir", made);
-    const readAll = (path) =>
-        readdirSync(path).map((name) => [name, readFileSync(join(path, name), "utf8")]);
-    const [kept, fresh] = [join(CLIENT, "declarations"), made].map(readAll).map(Object.fromEntries);
-    assert.deepEqual(kept, fresh, 'run "npm run declarations" in client/');
+    const readAll = (path) => readdirSync(path).map((name) => [name, read(join(path, name))]);
+    const hint = 'run "npm run declarations" in client/';
+    assert.deepEqual(readAll(join(CLIENT, "declarations")), readAll(made), hint);
 });
 
 test("The example is one, its types are right, and it shows what the engine sends, and answers", async (t) => {
@@ -66,14 +65,13 @@ test("The example is one, its types are right, and it shows what the engine send
     const configuration = { commands: "/commands", newView: "/newView", ready: "/ready" };
     await peer.welcome({ configuration });
     assert.deepEqual((await peer.next("subscribe")).channels, ["/commands"]);
-    assert.equal((await peer.next("publish")).channel, "/newView");
-    assert.equal((await peer.next("publish")).channel, "/ready");
+    for (const name of ["/newView", "/ready"]) {
+        assert.equal((await peer.next("publish")).channel, name);
+    }
     const token = JSON.stringify({ cmd: "sendACT", ACT: "7", returnChannel: "/drawn" });
     const line = '{"cmd":"line","x":NaN}';
-    peer.batch(
-        1,
-        [line, token].map((text) => ["/commands", text]),
-    );
+    const records = [line, token].map((text) => ["/commands", text]);
+    peer.batch(1, records);
     const answer = await peer.next("publish");
     assert.deepEqual([answer.channel, JSON.parse(answer.text)], ["/drawn", { ACT: "7" }]);
     assert.deepEqual(shown, [line]);
@@ -81,13 +79,12 @@ test("The example is one, its types are right, and it shows what the engine send
 
 test("Gateway, module and document agree on the close codes", () => {
     const [declared] = /enum class CloseCode[^]*?};/.exec(read("gateway/src/PageMessages.hpp"));
-    const inGateway = {};
-    for (const [, first, rest, number] of declared.matchAll(/\bk([A-Z])(\w*) = (\d+)/g)) {
-        inGateway[first.toLowerCase() + rest] = Number(number);
-    }
+    const members = declared.matchAll(/\bk([A-Z])(\w*) = (\d+)/g);
+    const inGateway = Object.fromEntries(
+        [...members].map(([, first, rest, code]) => [first.toLowerCase() + rest, Number(code)]),
+    );
     const isShared = ([name, code]) => code >= 4000 || inGateway[name];
     assert.deepEqual(inGateway, Object.fromEntries(Object.entries(CLOSE_CODES).filter(isShared)));
-
     const meanings = { yes: "return", afresh: "afresh", no: "refused" };
     const inDocument = {};
     const closing = /\n## Closing\n([^]*?)\n## /.exec(read("docs/protocol.md"))[1];

@@ -1,4 +1,5 @@
-// Recordings that the page makes, and its reader of all recordings.
+// Recordings that the engine and the page write, read by the page and by a program that knows nothing
+// of them but the format.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
@@ -7,6 +8,8 @@ import { join } from "node:path";
 import { after, test } from "node:test";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
+import { commandsOf } from "../../client/page/recording/following.mjs";
+import { Decoder } from "../../client/page/recording/format.mjs";
 import { textOf } from "../../client/page/recording/json.mjs";
 import { Reader, RecordingError } from "../../client/page/recording/reader.mjs";
 import { Recorder } from "../../client/page/recording/recorder.mjs";
@@ -14,33 +17,14 @@ import { Writer } from "../../client/page/recording/writer.mjs";
 import { Scene } from "../../client/page/worker/scene.mjs";
 import { readJson } from "../../client/wire.mjs";
 import { Random } from "./figures/support/random.mjs";
-import { Builder } from "./figures/support/scenes.mjs";
-import { fzstd, mcap } from "./support/packages.mjs";
+import { Builder, contentOf } from "./figures/support/scenes.mjs";
+import { mcap } from "./support/packages.mjs";
+import { bytesOf, messagesOf, open, sourceOf, zstd } from "./support/recordings.mjs";
 
 const folder = mkdtempSync(join(tmpdir(), "recording-"));
 after(() => rmSync(folder, { recursive: true }));
 
 const EPOCH = 1_700_000_000_000_000_000n;
-const zstd = (bytes, size) => fzstd().decompress(bytes, new Uint8Array(size));
-
-/** A source that keeps the largest size it was asked for. */
-function sourceOf(bytes) {
-    const source = {
-        size: bytes.length,
-        largest: 0,
-        read: async (offset, length) => {
-            source.largest = Math.max(source.largest, length);
-            return bytes.subarray(offset, offset + length);
-        },
-    };
-    return source;
-}
-
-const open = (bytes, options) => Reader.open(sourceOf(bytes), { decompress: { zstd }, ...options });
-
-async function bytesOf(blob) {
-    return new Uint8Array(await blob.arrayBuffer());
-}
 
 /** A file by the page's writer with messages of these sizes, in turn in each channel. */
 async function write(sizes, chunkSize, channels = CHANNELS) {
@@ -55,11 +39,12 @@ async function write(sizes, chunkSize, channels = CHANNELS) {
 }
 
 /** The file of the engine's own writer. */
-function engines(...options) {
+function enginesFile(...options) {
     const file = join(folder, ["run", ...options, "mcap"].join("."));
     execFileSync(process.env.KIROWEB_RECORDING_SAMPLE, [file, ...options]);
-    return Uint8Array.from(readFileSync(file));
+    return file;
 }
+const engines = (...options) => Uint8Array.from(readFileSync(enginesFile(...options)));
 
 /** As plain values. */
 const plain = ({ channel, channelId, sequence, time, logTime, data }) => [
@@ -68,14 +53,9 @@ const plain = ({ channel, channelId, sequence, time, logTime, data }) => [
     time ?? logTime,
     [...data],
 ];
+const allOf = async (reader) => (await messagesOf(reader)).map(plain);
 
-async function allOf(reader) {
-    const messages = [];
-    for (const chunk of reader.chunks) messages.push(...(await reader.read(chunk)));
-    return messages.map(plain);
-}
-
-/** What another program finds, by the index and then by going through. */
+/** What another program finds, by the index and then by going through: the same. */
 async function foundByOthers(bytes) {
     const { McapIndexedReader, McapStreamReader } = mcap();
     const decompressHandlers = { zstd: (packed, size) => zstd(packed, Number(size)) };
@@ -94,31 +74,39 @@ async function foundByOthers(bytes) {
     }
     assert.ok(stream.done());
     assert.deepEqual(seen, messages);
-    return { indexed, messages };
-}
 
-test("Others read what the page writes, and the page what it and the engine write", async () => {
-    const sizes = Array.from({ length: 60 }, (_, i) => (i === 33 ? 9000 : i * 7));
-    const page = await write(sizes, 2000);
-    const { indexed } = await foundByOthers(page);
     const { statistics, chunkIndexes, header } = indexed;
     assert.equal(header.profile, "kiroweb");
+    assert.ok([...indexed.schemasById.values()].every((one) => one.encoding === "jsonschema"));
+    const counted = new Map();
+    for (const [channel] of messages) counted.set(channel, (counted.get(channel) ?? 0n) + 1n);
+    const { channelMessageCounts, messageStartTime, messageEndTime, messageCount } = statistics;
+    assert.deepEqual([...channelMessageCounts].sort(), [...counted].sort());
+    const times = [messages[0][2], messages.at(-1)[2]];
     assert.deepEqual(
-        [statistics.messageStartTime, statistics.messageEndTime, statistics.chunkCount],
-        [EPOCH, EPOCH + 59n, chunkIndexes.length],
+        [messageStartTime, messageEndTime, messageCount],
+        [...times, BigInt(messages.length)],
     );
-    assert.deepEqual(
-        [...statistics.channelMessageCounts.values()],
-        [8n, 8n, 8n, 8n, 7n, 7n, 7n, 7n],
-    );
-    // The large one has its own, and no other is much larger than wanted.
+    assert.equal(statistics.chunkCount, chunkIndexes.length);
+    assert.ok(chunkIndexes.length > 2);
+    return { chunkIndexes, messages };
+}
+
+test("Others read what the page and the engine write, and so does the page", async () => {
+    const sizes = Array.from({ length: 60 }, (_, i) => (i === 33 ? 9000 : i * 7));
+    const page = await write(sizes, 2000);
+    // The large one has its own chunk, and no other is much larger than wanted.
+    const { chunkIndexes } = await foundByOthers(page);
     const large = chunkIndexes.filter((chunk) => chunk.uncompressedSize > 6000n);
-    assert.deepEqual(
-        large.map((chunk) => [chunk.messageStartTime, chunk.messageEndTime]),
-        [[EPOCH + 33n, EPOCH + 33n]],
-    );
-    for (const bytes of [page, engines(), engines("plain")]) {
+    const times = large.map((chunk) => [chunk.messageStartTime, chunk.messageEndTime]);
+    assert.deepEqual(times.flat(), [EPOCH + 33n, EPOCH + 33n]);
+    for (const [bytes, count] of [
+        [page, 60],
+        [engines(), 300],
+        [engines("plain"), 300],
+    ]) {
         const { messages } = await foundByOthers(bytes);
+        assert.equal(messages.length, count);
         const reader = await open(bytes);
         assert.equal(reader.damage, null);
         assert.deepEqual(await allOf(reader), messages);
@@ -126,23 +114,37 @@ test("Others read what the page writes, and the page what it and the engine writ
         const scanned = await open(bytes.subarray(0, -1));
         assert.match(scanned.damage.message, /^offset \d+: there is no index$/);
         assert.deepEqual(await allOf(scanned), messages);
-        const described = [...reader.channels].map(([id, { topic, encoding, schema }]) => [
-            id,
-            topic,
-            encoding,
-            JSON.parse(reader.schemas.get(schema)),
+        const described = [...reader.channels].map(([id, { topic, encoding, schema }]) => {
+            return [id, topic, encoding, JSON.parse(reader.schemas.get(schema))];
+        });
+        const wanted = CHANNELS.map(({ topic, encoding, schema }, i) => {
+            return [i + 1, topic, encoding, JSON.parse(schema)];
+        });
+        assert.deepEqual(described, wanted);
+        if (bytes === page) continue;
+        const last = messages
+            .slice(-3)
+            .map(([channel, ...rest]) => [CHANNELS[channel - 1].topic, ...rest]);
+        const text = (object) => [...Buffer.from(textOf(object))];
+        assert.deepEqual(last, [
+            ["blocks", 99, EPOCH + 298n, [4, 0, 0, 0, 0, 0, 0, 0, 99, 0x79, 0x7a]],
+            ["commands", 99, EPOCH + 299n, text({ frame: 99, seq: 99, cmd: "beginFrame" })],
+            ["frames", 99, EPOCH + 300n, text({ frame: 99 })],
         ]);
-        assert.deepEqual(
-            described,
-            CHANNELS.map(({ topic, encoding, schema }, i) => [
-                i + 1,
-                topic,
-                encoding,
-                JSON.parse(schema),
-            ]),
-        );
     }
     assert.equal((await open(await bytesOf(new Writer(CHANNELS).end()))).damage, null);
+});
+
+test("The program in the documentation reads it", () => {
+    const client = new URL("../../client/", import.meta.url);
+    const page = readFileSync(new URL("../docs/recording.md", client), "utf8");
+    const [, program] = page.match(/```js\n(.*?)```/s);
+    assert.ok(program.trim().split("\n").length <= 10);
+    const options = ["--input-type=module", "-e", program, enginesFile()];
+    const out = execFileSync(process.execPath, options, { cwd: client, encoding: "utf8" });
+    const lines = out.trim().split("\n");
+    assert.equal(lines.length, 100);
+    assert.match(lines[99], /frame: 99/);
 });
 
 /** Whatever is read is right, in its order; what is not read is said to be damaged. */
@@ -212,32 +214,25 @@ test("A file without an index and with a gap is read up to there", async () => {
 test("No more memory is asked for than the limits allow", async () => {
     const bytes = await write([10, 20], 1000);
     const [{ offset }] = (await open(bytes)).chunks;
-    const cut = bytes.slice(0, -1);
-    const LENGTH_AT = 1;
-    const FIRST_AT = 9;
-    const SIZE_AT = 9 + 16;
-    for (const [at, value, reason] of [
-        [LENGTH_AT, 2n ** 40n, /ends within a record/],
-        [LENGTH_AT, 2n ** 63n, /beyond all files/],
-        [FIRST_AT, 2n ** 63n, /does not fit its chunk/],
-        [SIZE_AT, 2n ** 40n, /larger than 5000 bytes/],
+    const [LENGTH_AT, FIRST_AT, SIZE_AT] = [1, 9, 9 + 16];
+    for (const [at, value, limits, reason] of [
+        [LENGTH_AT, 2n ** 40n, {}, /ends within a record/],
+        [LENGTH_AT, 2n ** 63n, {}, /beyond all files/],
+        [FIRST_AT, 2n ** 63n, {}, /does not fit its chunk/],
+        [SIZE_AT, 2n ** 40n, { chunk: 5000 }, /larger than 5000 bytes/],
+        [null, 0n, { index: 100 }, /too much about channels/],
+        [null, 0n, { chunks: 0 }, /too many chunks/],
+        [null, 0n, { chunk: 100 }, /larger than 100 bytes/],
     ]) {
-        const hostile = cut.slice();
-        new DataView(hostile.buffer).setBigUint64(offset + at, value, true);
-        const source = sourceOf(hostile);
-        const { damage } = await Reader.open(source, { limits: { chunk: 5000 } });
-        assert.match(damage.message, reason);
-        assert.equal(damage.offset, offset);
-        assert.ok(source.largest <= bytes.length);
-    }
-    for (const [limits, reason] of [
-        [{ index: 100 }, /too much about channels/],
-        [{ chunks: 0 }, /too many chunks/],
-        [{ chunk: 100 }, /larger than 100 bytes/],
-    ]) {
-        const reader = await open(bytes, { limits });
+        const hostile = at === null ? bytes : bytes.slice(0, -1);
+        if (at !== null) new DataView(hostile.buffer).setBigUint64(offset + at, value, true);
+        let most = 0;
+        const source = sourceOf(hostile, (length) => (most = Math.max(most, length)));
+        const reader = await Reader.open(source, { limits });
         const met = reader.damage ?? (await reader.read(reader.chunks[0]).catch((error) => error));
         assert.match(met.message, reason);
+        if (at !== null) assert.equal(met.offset, offset);
+        assert.ok(most <= bytes.length);
     }
 });
 
@@ -245,47 +240,28 @@ test("No more memory is asked for than the limits allow", async () => {
 async function topicsOf(file) {
     const reader = await open(await bytesOf(file));
     assert.equal(reader.damage, null);
-    const messages = [];
     let last = 0n;
-    for (const chunk of reader.chunks) {
-        for (const { channel, time, data } of await reader.read(chunk)) {
-            assert.ok(time > last);
-            last = time;
-            const { topic, encoding } = reader.channels.get(channel);
-            const isText = encoding === "json";
-            messages.push([topic, isText ? readJson(new TextDecoder().decode(data)) : data]);
-        }
-    }
-    return messages;
+    return (await messagesOf(reader)).map(({ channel, time, data }) => {
+        assert.ok(time > last);
+        last = time;
+        const { topic, encoding } = reader.channels.get(channel);
+        return [topic, encoding === "json" ? readJson(new TextDecoder().decode(data)) : data];
+    });
 }
 
-/** A snapshot's message, taken apart. */
-function readSnapshot(data) {
-    const view = new DataView(data.buffer, data.byteOffset, data.length);
-    let at = 4 + view.getUint32(0, true);
-    const text = readJson(new TextDecoder().decode(data.subarray(4, at)));
-    const blocks = new Map();
-    while (at < data.length) {
-        const begin = at + 8;
-        const end = begin + Number(view.getBigUint64(at, true));
-        const name = `${view.getUint32(begin, true)} ${view.getUint32(begin + 4, true)}`;
-        blocks.set(name, data.slice(begin + 8, end));
-        at = end;
-    }
-    return { ...text, blocks };
-}
+/** What a snapshot says of itself. */
+const headOf = (snapshot) => readJson(new Decoder(snapshot).text());
 
 const frame = (number, commands, isWhole = false) => ({ number, attempt: 1, isWhole, commands });
 
-/** What a scene has, and how many elements of each object are gone. */
-const contentOf = (scene) =>
-    scene.items.map(({ id, type, parent, properties, columns, given }) => {
-        const kept = Object.entries(columns).map(([name, { elements, offset, begin, end }]) => {
-            const values = elements.subarray(begin - offset, end - offset);
-            return [name, values.constructor.name, [...values]];
-        });
-        return [id, type, parent?.id, properties, kept.sort(), given];
-    });
+/** A recorder that has begun, with what may be set of its clock, and its ends. */
+function recording(scene, { title = "", sequence = 0, most = 1e6 } = {}) {
+    const made = { clock: 10e6, ends: [] };
+    const ended = (...end) => made.ends.push(end);
+    made.recorder = new Recorder({ now: () => made.clock, most, ended });
+    made.recorder.begin(title, scene, sequence);
+    return made;
+}
 
 test("A recording begins with all that there is, as commands that make it again", async () => {
     const builder = new Builder({ x: { limits: [1, 2], label: "t" }, title: "ä" });
@@ -299,44 +275,35 @@ test("A recording begins with all that there is, as commands that make it again"
     const { scene } = builder;
     scene.apply({ cmd: "beginFrame", frame: 5, keys: true }, null);
 
-    let file;
-    const recorder = new Recorder({ now: () => 1, most: 1e6, ended: (blob) => (file = blob) });
-    recorder.begin("a title", scene, 17);
+    const { recorder, ends } = recording(scene, { title: "a title", sequence: 17 });
     recorder.end();
-    const [[, begin], [topic, data], ...more] = await topicsOf(file);
+    const [[, begin], [topic, data], ...more] = await topicsOf(ends[0][0]);
     assert.deepEqual(begin, { event: "begin", vocabulary: "kirofigures/1", title: "a title" });
     assert.deepEqual([topic, more], ["snapshots", []]);
-    const { frame: number, seq, commands, blocks } = readSnapshot(data);
+    const { frame: number, seq, commands } = headOf(data);
     assert.deepEqual([number, seq], [5, 17]);
-    assert.deepEqual(
-        commands.map((command) => command.seq),
-        commands.map((_, i) => i + 1),
-    );
+    assert.ok(commands.every((command, i) => command.seq === i + 1));
     const again = new Scene();
-    for (const command of commands) {
-        again.apply(command, blocks.get(command.data) ?? null);
-    }
+    for (const command of commandsOf(data)) again.apply(...command);
     assert.deepEqual(contentOf(again), contentOf(scene));
     assert.deepEqual([again.frame, again.keys], [5, true]);
-    assert.equal(contentOf(again)[2][5], 6);
+    assert.equal(again.find(line).given, 6);
 });
 
 test("Frames, blocks and tokens are recorded in order; a snapshot follows when it pays", async () => {
-    let file;
-    let clock = 10e6;
-    const recorder = new Recorder({ now: () => clock, most: 1e6, ended: (blob) => (file = blob) });
     const { scene } = new Builder();
-    recorder.begin("", scene, 0);
+    const made = recording(scene);
+    const { recorder } = made;
     const block = Uint8Array.from({ length: 300 }, (_, i) => i);
     const whole = [{ cmd: "beginFrame", seq: 1, whole: true }, null];
     const data = (seq) => [{ cmd: "data", seq, id: 3, data: "258 1", at: NaN }, block];
     recorder.frame(frame(0, [whole, data(2)], true), scene);
     // Not: before there was as much as everything is, soon after, outside of a frame.
-    clock += 2e6;
+    made.clock += 2e6;
     recorder.frame(frame(1, [[{ cmd: "remove", seq: 3 }, null]]), scene);
-    clock -= 1;
+    made.clock -= 1;
     recorder.frame(frame(1, [data(4)]), scene);
-    clock += 1;
+    made.clock += 1;
     recorder.frame(frame(-1, [data(5)]), scene);
     recorder.frame(frame(2, [data(6)]), scene);
     recorder.frame(frame(3, [data(7)]), scene);
@@ -345,65 +312,40 @@ test("Frames, blocks and tokens are recorded in order; a snapshot follows when i
     recorder.end();
     recorder.error("behind the end");
 
-    const messages = await topicsOf(file);
-    const pair = ["blocks", "commands"];
-    assert.deepEqual(
-        messages.map(([topic]) => topic),
-        [
-            ...[
-                "connections",
-                "commands",
-                ...pair,
-                "frames",
-                "commands",
-                "frames",
-                ...pair,
-                "frames",
-            ],
-            ...[...pair, ...pair, "frames", "snapshots", ...pair, "frames", "tokens"],
-        ],
-    );
+    const messages = await topicsOf(made.ends[0][0]);
+    const order = [
+        "connections commands blocks commands frames commands frames blocks commands frames",
+        "blocks commands blocks commands frames snapshots blocks commands frames tokens",
+    ];
+    assert.equal(messages.map(([topic]) => topic).join(" "), order.join(" "));
     const all = (wanted) => messages.filter(([topic]) => topic === wanted).map(([, one]) => one);
     assert.deepEqual([...all("blocks")[0]], [2, 1, 0, 0, 1, 0, 0, 0, ...block]);
     assert.deepEqual(all("commands")[1], data(2)[0]);
-    const sizeOf = (...given) => given.reduce((sum, one) => sum + textOf(one[0]).length, 0) + 308;
-    assert.deepEqual(all("frames")[0], {
-        ...{ frame: 0, attempt: 1, kind: "whole", seq: 2 },
-        bytes: sizeOf(whole, data(2)),
-    });
-    assert.deepEqual([all("frames")[1].kind, all("frames")[3].seq], ["changes", 6]);
-    assert.equal(readSnapshot(all("snapshots")[0]).seq, 6);
-    assert.deepEqual(all("tokens"), [
-        {
-            ...{ frame: 3, attempt: 1, outcome: "failed", reason: "why" },
-            ...{ serverSend: 7, clientReceive: 8, clientPaint: 9, clientSend: 10 },
-            serverReceive: 0,
-        },
-    ]);
+    const bytes = textOf(whole[0]).length + textOf(data(2)[0]).length + block.length + 8;
+    assert.deepEqual(all("frames")[0], { frame: 0, attempt: 1, kind: "whole", bytes, seq: 2 });
+    assert.equal(headOf(all("snapshots")[0]).seq, 6);
+    const [answer] = all("tokens");
+    const { outcome, reason, serverSend, clientReceive, clientPaint, clientSend } = answer;
+    const times = [serverSend, clientReceive, clientPaint, clientSend];
+    assert.deepEqual([outcome, reason, ...times], ["failed", "why", 7, 8, 9, 10]);
 });
 
-test("A recording that has its size ends, once, and is whole up to there", async () => {
-    const ends = [];
+test("A recording that has its size, or meets what cannot be recorded, ends once, and is whole up to there", async () => {
     const most = 20_000;
-    const recorder = new Recorder({ now: () => 1, most, ended: (...end) => ends.push(end) });
-    recorder.begin("", new Scene(), 0);
-    for (let i = 0; i < 1000; ++i) recorder.error("x".repeat(100));
-    recorder.end();
-    assert.equal(ends.length, 1);
-    const [[file, reason]] = ends;
-    assert.match(reason, /MiB/);
-    const messages = await topicsOf(file);
-    assert.ok(messages.length > 100);
-    assert.ok(messages.length * 141 < most);
-});
-
-test("What cannot be recorded ends the recording, and nothing else", async () => {
-    const ends = [];
-    const recorder = new Recorder({ now: () => 1, most: 1e6, ended: (...end) => ends.push(end) });
-    recorder.begin("", new Scene(), 0);
-    recorder.frame(frame(0, [[{ cmd: "data", seq: 1 }, new Uint8Array(1)]]), new Scene());
-    recorder.error("behind the end");
-    const [[file, reason], ...more] = ends;
-    assert.match(reason, /Error/);
-    assert.deepEqual([(await topicsOf(file)).length, more], [1, []]);
+    const full = recording(new Scene(), { most });
+    for (let i = 0; i < 1000; ++i) full.recorder.error("x".repeat(100));
+    const odd = recording(new Scene());
+    odd.recorder.frame(frame(0, [[{ cmd: "data", seq: 1 }, new Uint8Array(1)]]), new Scene());
+    odd.recorder.error("behind the end");
+    for (const [{ recorder, ends }, why, least, many] of [
+        [full, /MiB/, 100, most / 141],
+        [odd, /Error/, 1, 1],
+    ]) {
+        recorder.end();
+        const [[file, reason], ...more] = ends;
+        assert.match(reason, why);
+        const { length } = await topicsOf(file);
+        assert.ok(length >= least && length <= many, `${length} messages`);
+        assert.deepEqual(more, []);
+    }
 });

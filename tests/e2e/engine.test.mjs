@@ -1,9 +1,7 @@
 // What somebody does at the page, while an engine draws.
 import assert from "node:assert/strict";
-import { readFile } from "node:fs/promises";
 import { test } from "node:test";
 
-import { Reader } from "../../client/page/recording/reader.mjs";
 import { assertClean } from "./support/page.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -48,10 +46,8 @@ test("What is done reaches the engine's callbacks", async () => {
         await count.press("Enter");
     }
     await scene.line(/^number/);
-    assert.deepEqual(
-        scene.lines.filter((line) => line.startsWith("number")),
-        ["number 7"],
-    );
+    const numbers = scene.lines.filter((line) => line.startsWith("number"));
+    assert.deepEqual(numbers, ["number 7"]);
     await assertClean(page);
     const other = await stage.page();
     await other.goto(scene.link);
@@ -60,46 +56,6 @@ test("What is done reaches the engine's callbacks", async () => {
     await scene.line(/^slider 6$/);
     await scene.draw("step 1");
     await other.waitForFunction(() => document.querySelector("[type=range]").value === "6");
-});
-
-test("What the page gets is recorded, and downloaded", async () => {
-    const { scene, page } = await start();
-    const button = page.getByRole("button", { name: "Record" });
-    await page.keyboard.press("r");
-    assert.equal(
-        await button.getAttribute("aria-pressed"),
-        "false",
-        "where no axes have the focus",
-    );
-    await page.locator(".chart").first().press("r");
-    await button.getByText(/^Record \d:\d\d · [\d.]+ KiB$/).waitFor();
-    assert.equal(await button.getAttribute("aria-pressed"), "true");
-    for (let i = 0; i < 3; ++i) await scene.draw("step 1");
-    const download = page.waitForEvent("download");
-    await button.click();
-    const file = await download;
-    assert.match(file.suggestedFilename(), /^figures-[\d-]{17}\.mcap$/);
-    await page.locator('.record[aria-pressed="false"]').waitFor();
-    const bytes = await readFile(await file.path());
-    const reader = await Reader.open({
-        size: bytes.length,
-        read: async (offset, length) => bytes.subarray(offset, offset + length),
-    });
-    assert.equal(reader.damage, null);
-    const messages = (await Promise.all(reader.chunks.map((chunk) => reader.read(chunk)))).flat();
-    const of = (topic) => messages.filter(({ channel }) => channel === reader.find(topic));
-    const read = (topic) => of(topic).map(({ data }) => JSON.parse(Buffer.from(data)));
-    assert.ok(of("snapshots")[0].time < of("frames")[0].time);
-    assert.equal(read("frames").length, 3);
-    assert.deepEqual(
-        read("tokens").map(({ frame, outcome }) => [frame, outcome]),
-        read("frames").map(({ frame }) => [frame, "painted"]),
-    );
-    const [token] = read("tokens");
-    assert.ok(token.serverSend > 0 && token.clientSend >= token.clientReceive);
-    assert.equal(of("blocks").length, read("commands").filter(({ cmd }) => cmd === "data").length);
-    assert.ok(of("blocks").length >= 3);
-    await assertClean(page);
 });
 
 test("Everything is within reach of the tab key, and named", async () => {
@@ -116,21 +72,10 @@ test("Everything is within reach of the tab key, and named", async () => {
         if (name === null || (reached.length > 1 && name === reached[0])) break;
         reached.push(name);
     }
-    const wanted = [
-        "Pause",
-        "Record",
-        "Keys",
-        "Zoom in",
-        "Press",
-        /^Gain/,
-        "Count",
-        /^Kind/,
-        "wave",
-        "level",
-    ];
-    for (const name of [...wanted, "upper", "lower"]) {
-        const isThere = reached.some((one) => (name.test ? name.test(one) : one.includes(name)));
+    const wanted = "Pause,Record,Keys,Zoom in,Press,Gain,Count,Kind,wave,level,upper,lower";
+    for (const name of wanted.split(",")) {
+        const isThere = reached.some((one) => one.includes(name));
         assert.ok(isThere, `${name} of ${reached}`);
     }
-    assert.ok(!reached.includes(""), String(reached));
+    assert.ok(!reached.includes(""));
 });

@@ -12,10 +12,10 @@ const channels = (color) => [1, 3, 5].map((at) => parseInt(color.slice(at, at + 
 const isNear = (a, b) => a.every((part, i) => Math.abs(part - b[i]) <= 12);
 
 /** No data without pixels, no pixel without data, and all of them of the series' colour. */
-function checkSeries(picture, data) {
+async function checkSeries(page, picture, data) {
     const { width, height, description } = picture;
     const place = picture.placer(data.y2 ? "y2" : "y");
-    const { allowed, required } = masksOf(data, { ...picture, place });
+    const { allowed, required } = await masksOf(page, data, { ...picture, place });
     const color = channels(description.series[0].color);
     const isColored = data.kind === "image" || data.kind === "colored";
     const drawn = [...picture.all()];
@@ -41,27 +41,19 @@ const gray = (value, [low, high]) =>
 /** The middle of each cell, or point, has the colour of its value. */
 function checkColors(picture, { x, y, z, value, rows, limits }, place) {
     const columns = z ? z.length / rows[0] : 0;
-    const cells = (z ?? value).map((one, i) => {
-        const middle = z
+    const within = ([low, high], share) => low + (high - low) * share;
+    const middleOf = (i) =>
+        z
             ? [
-                  x[0] + ((x[1] - x[0]) * ((i % columns) + 0.5)) / columns,
-                  y[0] + ((y[1] - y[0]) * (Math.floor(i / columns) + 0.5)) / rows[0],
+                  within(x, ((i % columns) + 0.5) / columns),
+                  within(y, (Math.floor(i / columns) + 0.5) / rows[0]),
               ]
             : [x[i], y[i]];
-        return [gray(one, limits), picture.at(...place(...middle).map(Math.floor))];
+    (z ?? value).forEach((one, i) => {
+        const wanted = gray(one, limits);
+        const found = picture.at(...place(...middleOf(i)).map(Math.floor));
+        assert.ok(isNear(wanted, found), `${wanted}: ${found}`);
     });
-    for (const [wanted, found] of cells) assert.ok(isNear(wanted, found), `${wanted}: ${found}`);
-}
-
-/** A text's pixels lie around its place. */
-function checkText(picture) {
-    const { width, height, unit } = picture;
-    const drawn = [...picture.all()];
-    for (const [column, row] of drawn) {
-        const [x, y] = [column + 0.5 - width / 2, row + 0.5 - height / 2];
-        assert.ok(Math.abs(x) < 30 * unit && Math.abs(y) < 8 * unit, `${column}, ${row}`);
-    }
-    assert.ok(drawn.length > 30 * unit, `${drawn.length} pixels of a text`);
 }
 
 /** Texts of ticks are different ones, side by side, and whole. */
@@ -71,9 +63,8 @@ function checkTicks(picture) {
         picture.ticks[which].ticks.map(({ text }) => text).filter((text) => text !== ""),
     );
     for (const texts of [across, up]) {
-        assert.ok(texts.length >= 2, `${title}: ${texts}`);
         const isSame = texts.some((text, i) => text === texts[i - 1]);
-        assert.ok(!isSame, `${title}: ${texts}`);
+        assert.ok(texts.length >= 2 && !isSame, `${title}: ${texts}`);
     }
     const { count, isClipped } = picture.textsBelow();
     assert.equal(count, across.length, `${title}: ${across}`);
@@ -99,8 +90,8 @@ for (const deviceScaleFactor of RATIOS) {
                 const data = new Map(scene.told.map((one) => [one.axes, one]));
                 for (const picture of await pictures(page)) {
                     const told = data.get(picture.description.id);
-                    if (told.kind === "text") checkText(picture);
-                    else checkSeries(picture, told);
+                    if (told.kind !== "text") await checkSeries(page, picture, told);
+                    assert.ok(picture.all().next().value, "something is drawn");
                     checkTicks(picture);
                     data.delete(picture.description.id);
                 }
@@ -138,21 +129,18 @@ for (const colorScheme of SCHEMES) {
             const room = document.documentElement.clientWidth;
             return {
                 ground,
-                room: [document.documentElement.scrollWidth, room],
                 texts: texts.map((element) => {
-                    const box = element.getBoundingClientRect();
+                    const { width, left, right, bottom } = element.getBoundingClientRect();
                     const frame = element.parentElement.getBoundingClientRect();
+                    const isAcross =
+                        left >= Math.max(0, frame.left - 1) && right <= frame.right + 1;
                     const isWhole =
-                        box.width > 0 &&
-                        box.left >= Math.max(0, frame.left - 1) &&
-                        box.right <= Math.min(room, frame.right + 1) &&
-                        box.bottom <= frame.bottom + 1;
+                        width > 0 && isAcross && right <= room && bottom <= frame.bottom + 1;
                     const color = channelsOf(getComputedStyle(element).color);
                     return { text: element.textContent, isWhole, color };
                 }),
             };
         });
-        assert.equal(...seen.room);
         const whole = seen.texts.filter(({ isWhole }) => isWhole).map(({ text }) => text);
         for (const unit of ["(kg m s⁻²)", "(mPa)", "series 0", "series 7"]) {
             assert.ok(whole.includes(unit), `${unit} of ${whole}`);

@@ -14,7 +14,7 @@ const stage = new Stage(["--enable-unsafe-swiftshader"]);
 async function withGpu(page) {
     const [worker] = page.workers();
     await worker.evaluate(() => {
-        const gpu = (globalThis.gpu = { drawn: 0, stamped: 0, gl: null });
+        const gpu = (globalThis.gpu = { drawn: 0, gl: null });
         const get = OffscreenCanvas.prototype.getContext;
         OffscreenCanvas.prototype.getContext = function (kind, how) {
             const gl = get.call(this, kind, how);
@@ -29,12 +29,6 @@ async function withGpu(page) {
             };
             gpu.gl = gl;
             return gl;
-        };
-        const { prototype } = OffscreenCanvasRenderingContext2D;
-        const put = prototype.putImageData;
-        prototype.putImageData = function (...all) {
-            ++gpu.stamped;
-            put.apply(this, all);
         };
     });
     return worker;
@@ -70,9 +64,8 @@ for (const deviceScaleFactor of [1, 2]) {
         }, true);
         assert.equal(first, "painted");
         assert.equal(await engine.frame(() => draw(engine)), "painted");
-        const drawnBy = () =>
-            worker.evaluate(() => [globalThis.gpu.drawn >= 3, globalThis.gpu.stamped >= 3]);
-        assert.deepEqual(await drawnBy(), [true, false]);
+        const drawn = () => worker.evaluate(() => globalThis.gpu.drawn);
+        assert.ok((await drawn()) >= 3);
         const [byGpu] = await pictures(page);
         await worker.evaluate(async () => {
             const { gpu } = globalThis;
@@ -83,11 +76,8 @@ for (const deviceScaleFactor of [1, 2]) {
             await lost;
         });
         // Nothing new is drawn: what the GPU may have failed to is drawn again.
-        assert.equal(
-            await engine.frame(() => engine.say("set", { id: 1, title: "Lost" })),
-            "painted",
-        );
-        assert.deepEqual(await drawnBy(), [false, true]);
+        await engine.frame(() => engine.say("set", { id: 1, title: "Lost" }));
+        assert.equal(await drawn(), 0);
         const [byStamps] = await pictures(page);
         const differences = byGpu.pixels.map((part, i) => Math.abs(part - byStamps.pixels[i]));
         const mean = differences.reduce((sum, one) => sum + one, 0) / differences.length;

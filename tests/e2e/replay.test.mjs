@@ -275,7 +275,11 @@ test("Two recordings are shown beside each other, at the same time since their b
 
 test("A recording is chosen, looked into, and refused when it is none", async () => {
     const engine = await start();
-    const file = { name: "run.mcap", mimeType: "application/octet-stream", buffer: Buffer.alloc(0) };
+    const file = {
+        name: "run.mcap",
+        mimeType: "application/octet-stream",
+        buffer: Buffer.alloc(0),
+    };
     engine.page.on("filechooser", (chooser) => chooser.setFiles(file));
     const { page, bytes } = await record(engine);
     // Live, there was one before.

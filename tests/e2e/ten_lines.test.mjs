@@ -3,9 +3,9 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { assertClean } from "./support/page.mjs";
-import { pictures, untilSettled } from "./support/pictures.mjs";
+import { pictures } from "./support/pictures.mjs";
 import { Program } from "./support/program.mjs";
-import { masksOf } from "./support/shapes.mjs";
+import { shownValues } from "./support/scene.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
@@ -17,20 +17,16 @@ test("Ten lines draw a curve where it is", async () => {
     const page = await stage.page();
     await page.goto(program.link);
     await page.waitForFunction(() => globalThis.kirowebPage?.statistics?.outcomes.painted >= 200);
-    await page.keyboard.press(" ");
-    await page.locator('#status[data-state="paused"]').waitFor();
-    await untilSettled(page);
+    const rows = (await shownValues(page)).trimEnd().split("\r\n").slice(1);
+    assert.ok(rows.length >= 190, `${rows.length} values`);
+    const [, first] = rows[0].split(",").map(Number);
+    rows.forEach((row, i) => {
+        const [, x, y] = row.split(",").map(Number);
+        const wanted = Math.exp(-0.1 * x) * Math.sin(5 * x);
+        assert.ok(Math.abs(x - first - i * 0.01) + Math.abs(y - wanted) < 1e-4, row);
+    });
     const [picture] = await pictures(page);
-    const [, end] = picture.shown.x;
-    assert.ok(end > 1.9, `${end}`);
-    const x = Array.from({ length: Math.round(end / 0.01) + 1 }, (_, i) => i * 0.01);
-    const y = x.map((t) => Math.exp(-0.1 * t) * Math.sin(5 * t));
-    const masks = masksOf({ kind: "line", x, y }, { ...picture, place: picture.placer() });
-    assert.ok(masks.required.includes(1));
-    assert.deepEqual(picture.missing(masks.required), []);
-    for (const [column, row] of picture.all()) {
-        assert.ok(masks.allowed[row * picture.width + column], `${column}, ${row}`);
-    }
+    assert.ok([...picture.all()].length > rows.length, "a curve is seen");
     await assertClean(page);
     program.process.kill("SIGINT");
     assert.equal(await program.exited, 0);

@@ -43,28 +43,21 @@ test("Of a line the element that is nearest along x is found, of points the near
     builder.set(2, { y2: { limits: [0, 10] } });
     for (let i = 0; i < 200; ++i) {
         const [x, y] = [random.value(-2, 12, 0) * 10, random.value(-2, 12, 0) * 10];
-        const expected = [];
-        for (const [series, { x: xs, y: ys }, isAlong] of [
-            [3, line, true],
-            [4, points, false],
-        ]) {
-            const distances = xs.map((one, at) => {
-                const across = isAlong ? ys[at] * 0 : 100 - ys[at] * 10 - y;
-                return Math.hypot(one * 10 - x, across);
-            });
-            const least = Math.min(...distances.filter((one) => one <= 15));
-            if (least === Infinity) continue;
-            const index = distances.indexOf(least);
-            expected.push({ series, index, values: { x: xs[index], y: ys[index] } });
-        }
-        const found = probe(builder, x, y);
-        assert.deepEqual(
-            found.map(({ series, index, values }) => ({ series, index, values })),
-            expected,
-        );
-        for (const { px, py, values } of found) {
-            assert.ok(Math.abs(px - values.x * 10) + Math.abs(py - 100 + values.y * 10) < 1e-9);
-        }
+        const nearest = (series, { x: xs, y: ys }, isAlong) => {
+            const far = (at) =>
+                Math.hypot(xs[at] * 10 - x, isAlong ? ys[at] * 0 : 100 - ys[at] * 10 - y);
+            const near = range(80, (at) => at).filter((at) => far(at) <= 15);
+            const [index] = near.sort((one, other) => far(one) - far(other));
+            if (index === undefined) return [];
+            const values = { x: xs[index], y: ys[index] };
+            return [{ series, index, values }];
+        };
+        const found = probe(builder, x, y).map(({ px, py, ...one }) => {
+            const { x: at, y: up } = one.values;
+            assert.ok(Math.abs(px - at * 10) + Math.abs(py - 100 + up * 10) < 1e-9);
+            return one;
+        });
+        assert.deepEqual(found, [...nearest(3, line, true), ...nearest(4, points, false)]);
     }
     assert.deepEqual(probe(builder, 50, 50, { hidden: [3, 4] }), []);
     assert.deepEqual(ask(builder, { kind: "probe", axes: 99, x: 1, y: 1, reach: 5 }).values, []);
@@ -76,10 +69,8 @@ test("Of an image the cell is found that lies there", () => {
     builder.create("image", { rows: 2, columns: 3, x: [2, 8], y: [0, 5] }, { z });
     const values = { x: 7, y: 3.75, z: 6 };
     assert.deepEqual(probe(builder, 75, 60), [{ series: 3, index: 5, px: 70, py: 62.5, values }]);
-    assert.deepEqual(
-        [probe(builder, 85, 60), probe(builder, 75, 40), probe(builder, 75, null)],
-        [[], [], []],
-    );
+    const beside = [probe(builder, 85, 60), probe(builder, 75, 40), probe(builder, 75, null)];
+    assert.deepEqual(beside.flat(), []);
 });
 
 test("A table has what is seen, and no more rows than are wanted", () => {
@@ -88,40 +79,25 @@ test("A table has what is seen, and no more rows than are wanted", () => {
     builder.create("scatter", {}, { x: [3, 4, 5], y: [1, 99, 2], size: [7, 8, 9] });
     builder.create("image", { rows: 1, columns: 2, x: [6, 20] }, { z: [1, 2] });
     builder.create("reference", { at: 3 });
-    const text = [
-        "series,x,y,z,size",
+    const rows = [
         '"a ""b"", c",1,,,',
         '"a ""b"", c",2,50,,',
         "scatter 4,3,1,,7",
         "scatter 4,5,2,,9",
         "image 5,9.5,0.5,1,",
-        "",
-    ].join("\r\n");
-    assert.equal(ask(builder, { kind: "csv", axes: [2] }).text, text);
-    const { header, rows, total, step } = ask(builder, {
-        kind: "table",
-        axes: [2],
-        rows: 3,
-    });
-    assert.deepEqual([total, step], [5, 5]);
-    assert.deepEqual(header, ["series", "x", "y", "z", "size"]);
-    assert.deepEqual(
-        rows.map(([name, x]) => [name, x]),
-        [
-            ['a "b", c', 1],
-            ["scatter 4", 3],
-            ["image 5", 9.5],
-        ],
-    );
+    ];
+    const csv = (...axes) => ask(builder, { kind: "csv", axes }).text.split("\r\n");
+    assert.deepEqual(csv(2), ["series,x,y,z,size", ...rows, ""]);
+    const table = ask(builder, { kind: "table", axes: [2], rows: 3 });
+    assert.deepEqual([table.total, table.step], [5, 5]);
+    assert.deepEqual(table.header, ["series", "x", "y", "z", "size"]);
+    const told = table.rows.map(([name, x]) => `${name} ${x}`);
+    assert.deepEqual(told, ['a "b", c 1', "scatter 4 3", "image 5 9.5"]);
     assert.deepEqual(ask(builder, { kind: "table", axes: [9], rows: 3 }).rows, []);
-    const other = builder.create("axes", { title: "other" });
-    builder.scene.apply({ cmd: "create", id: 80, type: "line", parent: other }, null);
-    builder.data(80, 0, { x: [1], y: [2] });
-    const lines = ask(builder, { kind: "csv", axes: [2, other] }).text.split("\r\n");
-    assert.deepEqual(
-        [lines[0], lines[1], lines[6]],
-        ["axes,series,x,y,z,size", 'axes 2,"a ""b"", c",1,,,', "other,line 80,1,2,,"],
-    );
+    const parent = builder.create("axes", { title: "other" });
+    builder.create("line", { parent }, { x: [1], y: [2] });
+    const both = [...rows.map((row) => `axes 2,${row}`), "other,line 8,1,2,,", ""];
+    assert.deepEqual(csv(2, parent), ["axes,series,x,y,z,size", ...both]);
     builder.create("line", {}, { x: range(4000, (i) => i / 400), y: range(4000, () => 1) });
     const long = ask(builder, { kind: "table", axes: [2], rows: 104 });
     assert.deepEqual([long.total, long.step, long.rows.length], [4005, 41, 3 + 98]);
@@ -138,11 +114,8 @@ test("Each question is answered, also when there is nothing, or it goes wrong", 
 
 test("SVG says what a canvas shows, and no text of an engine becomes an element", async () => {
     const builder = new Builder(UNITS);
-    builder.create(
-        "line",
-        { color: "#11223380", dash: "dashed", width: 2 },
-        { x: [1, 2], y: [1, 5.12345] },
-    );
+    const how = { color: "#11223380", dash: "dashed", width: 2 };
+    builder.create("line", how, { x: [1, 2], y: [1, 5.12345] });
     builder.create("bars", { barWidth: 1 }, { x: [5], y: [2] });
     builder.create("scatter", { size: 4 }, { x: [3], y: [3] });
     builder.create("text", { text: '<b>&"\u0001\ufffe', at: [1, 1] });

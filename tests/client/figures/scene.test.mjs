@@ -2,22 +2,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
-import { Builder, encode } from "./support/scenes.mjs";
-
-/** What can be seen of a scene. */
-function contentOf(scene) {
-    const seen = (item) => ({
-        id: item.id,
-        properties: { ...item.properties },
-        given: item.given,
-        columns: Object.entries(item.columns).map(([name, column]) => [
-            name,
-            [...column.elements.slice(column.begin - column.offset, column.end - column.offset)],
-        ]),
-        children: item.children.map(seen),
-    });
-    return JSON.stringify(scene.figures.map(seen));
-}
+import { Builder, contentOf, encode } from "./support/scenes.mjs";
 
 /** Axes, 2, and in them a line, 3, of two elements. */
 function start() {
@@ -66,7 +51,7 @@ test("A command that cannot be carried out says why and changes nothing", () => 
         const { scene } = start();
         const before = contentOf(scene);
         assert.throws(() => scene.apply(refused, refused.data ?? null), reason);
-        assert.equal(contentOf(scene), before, reason.source);
+        assert.deepEqual(contentOf(scene), before, reason.source);
     }
 });
 
@@ -76,13 +61,8 @@ test("Objects are made, changed and removed with all in them", () => {
     const { name, width, unheard } = builder.find(3).properties;
     assert.deepEqual([name, width, unheard], ["n", 1.5, undefined]);
     builder.set(2, { x: { label: "t", scale: "time" } });
-    assert.deepEqual(builder.find(2).properties.x, {
-        label: "t",
-        unit: "",
-        scale: "time",
-        limits: null,
-        ticks: null,
-    });
+    const { x } = builder.find(2).properties;
+    assert.deepEqual(x, { label: "t", unit: "", scale: "time", limits: null, ticks: null });
     builder.scene.changed.clear();
     builder.scene.isRestructured = false;
     builder.data(3, 2, { x: [5], y: [6] });
@@ -111,6 +91,6 @@ test("What somebody else looks at stays as it was", () => {
     builder.data(3, 2, { x: [5], y: [6] });
     builder.set(3, { name: "other" });
     builder.create("text", { text: "t" });
-    assert.equal(contentOf(copy), before);
+    assert.deepEqual(contentOf(copy), before);
     assert.equal(copy.find(3).parent, copy.find(2));
 });

@@ -60,10 +60,15 @@ class Peer {
     batch(number, records) {
         this.socket.send(number + records.map(([c, text]) => `\x1e${c}\x1f${text}`).join(""));
     }
-    /** A block or a piece of one; its numbers are small. */
-    piece(transfer, number, data, last = true) {
-        const header = [1, last ? 1 : 0, 1, 0, transfer, 0, 0, 0, number, ...Array(7).fill(0)];
-        this.socket.send(Buffer.from([...header, ...data]));
+    /** A block or a piece of one. */
+    piece(transfer, number, data, last = true, channel = 1) {
+        const header = Buffer.alloc(16);
+        header.writeUInt8(1);
+        header.writeUInt8(last ? 1 : 0, 1);
+        header.writeUInt16LE(channel, 2);
+        header.writeUInt32LE(transfer, 4);
+        header.writeUInt32LE(number, 8);
+        this.socket.send(Buffer.concat([header, Buffer.from(data)]));
     }
 }
 

@@ -111,12 +111,11 @@ class AxesPicture {
     textsBelow() {
         const { frame, area, unit } = this;
         const [FROM, TO, ROOM] = [7, 21, 8].map((pixels) => pixels * unit);
-        const rows = Array.from(
-            { length: TO - FROM },
-            (_, i) => Math.floor(area.bottom) + FROM + i,
-        );
+        const top = Math.floor(area.bottom) + FROM;
+        const rows = Array.from({ length: TO - FROM }, (_, i) => top + i);
+        const isInk = (column, row) => frame.pixels[(row * frame.width + column) * 4 + 3] > 40;
         const hasInk = Array.from({ length: frame.width }, (_, column) =>
-            rows.some((row) => frame.pixels[(row * frame.width + column) * 4 + 3] > 40),
+            rows.some((row) => isInk(column, row)),
         );
         const inked = [...hasInk.keys()].filter((column) => hasInk[column]);
         const count = inked.filter((column, i) => !(column - inked[i - 1] <= ROOM)).length;

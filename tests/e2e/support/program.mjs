@@ -4,7 +4,7 @@ import { once } from "node:events";
 import { createInterface } from "node:readline";
 
 export class Program {
-    #lines = [];
+    lines = [];
     #waiting = [];
     /** The number of lines when it was last told something. */
     #mark = 0;
@@ -19,12 +19,11 @@ export class Program {
             createInterface({ input: stream }).on("line", (line) => program.#hear(line));
         }
         program.link = await program.line(/^https?:/);
-        program.origin = new URL(program.link).origin;
         return program;
     }
     /** The first line, past or future, that matches. */
     line(pattern, from = 0) {
-        const found = this.#lines.slice(from).find((line) => pattern.test(line));
+        const found = this.lines.slice(from).find((line) => pattern.test(line));
         if (found !== undefined) return Promise.resolve(found);
         return new Promise((resolve, reject) => {
             this.#waiting.push({ pattern, resolve });
@@ -39,21 +38,18 @@ export class Program {
     }
     /** Tells it a line. */
     tell(line) {
-        this.#mark = this.#lines.length;
+        this.#mark = this.lines.length;
         this.process.stdin.write(`${line}\n`);
     }
-    get lines() {
-        return this.#lines;
-    }
     get said() {
-        return this.#lines.join("\n");
+        return this.lines.join("\n");
     }
     kill() {
         this.process.kill("SIGKILL");
         return this.exited;
     }
     #hear(line) {
-        this.#lines.push(line);
+        this.lines.push(line);
         this.#waiting = this.#waiting.filter(
             ({ pattern, resolve }) => !pattern.test(line) || resolve(line),
         );

@@ -17,19 +17,16 @@ export class Proxy {
     static async start() {
         const proxy = new Proxy();
         // A browser may go before it has said what it wants.
-        proxy.server = createServer((socket) => {
-            proxy.#accept(socket).catch(() => socket.destroy());
-        });
+        const end = (socket) => () => socket.destroy();
+        proxy.server = createServer((socket) => proxy.#accept(socket).catch(end(socket)));
         proxy.server.listen(0, "127.0.0.1");
         await once(proxy.server, "listening");
         return proxy;
     }
     /** For a browser context. */
     get settings() {
-        return {
-            server: `socks5://127.0.0.1:${this.server.address().port}`,
-            bypass: "<-loopback>",
-        };
+        const { port } = this.server.address();
+        return { server: `socks5://127.0.0.1:${port}`, bypass: "<-loopback>" };
     }
     /** Ends all connections, and any new one until `mend`. */
     cut() {
@@ -64,14 +61,8 @@ export class Proxy {
     }
     #forward(from, to) {
         this.#sockets.add(from);
-        from.on("data", (data) => {
-            if (this.delay > 0) setTimeout(() => to.write(data), this.delay);
-            else to.write(data);
-        });
-        from.on("close", () => {
-            this.#sockets.delete(from);
-            to.destroy();
-        });
+        from.on("data", (data) => setTimeout(() => to.write(data), this.delay));
+        from.on("close", () => this.#sockets.delete(from) && to.destroy());
         if (!this.#isStalled) from.resume();
     }
 }

@@ -27,32 +27,22 @@ export class Scene extends Program {
     }
 }
 
-/** What the upper axes of the scene "live" show after so many steps, by the scene's own rule. */
-export function liveValues(steps) {
+/** Asserts that values, as CSV, are what the upper axes of the scene "live" show after so many steps by
+ * the scene's own rule, as far as 32-bit numbers can tell. */
+export function assertLive(csv, steps) {
     const first = Math.max(0, steps - 41);
-    const indices = Array.from({ length: steps - first }, (_, i) => first + i);
-    const wave = indices.map((i) => [i * 0.25, i % 9 === 4 ? NaN : Math.sin(i * 0.25)]);
-    return { 'wave, "quoted"': wave, level: indices.map((i) => [i * 0.25, 0.5]) };
-}
-
-/** Values by RFC 4180, by series; what is empty is NaN. */
-export function parseValues(csv) {
-    const [header, ...rows] = csv.trimEnd().split("\r\n");
+    const places = Array.from({ length: steps - first }, (_, i) => first + i);
+    const wave = (i) => (i % 9 === 4 ? NaN : Math.sin(i * 0.25));
+    const rows = (name, value) => places.map((i) => [name, i * 0.25, value(i)]);
+    const wanted = [...rows('"wave, ""quoted"""', wave), ...rows("level", () => 0.5)];
+    const [header, ...lines] = csv.trimEnd().split("\r\n");
     assert.equal(header, "series,x,y");
-    const all = {};
-    for (const row of rows) {
-        const [, quoted, plain, x, y] = row.match(/^(?:"((?:[^"]|"")*)"|([^,]*)),([^,]*),([^,]*)$/);
-        const name = quoted?.replaceAll('""', '"') ?? plain;
-        (all[name] ??= []).push([x, y].map((cell) => (cell === "" ? NaN : Number(cell))));
-    }
-    return all;
-}
-
-/** Both have the same values, as far as 32-bit numbers can tell. */
-export function assertValues(csv, wanted) {
-    const rounded = (all) =>
-        Object.entries(all).map(([name, rows]) => [name, rows.map((row) => row.map(Math.fround))]);
-    assert.deepEqual(rounded(parseValues(csv)), rounded(wanted));
+    const told = lines.map((line) => {
+        const [, name, x, y] = /^(.*),(.*),(.*)$/.exec(line);
+        return [name, Number(x), y === "" ? NaN : Number(y)];
+    });
+    const rounded = (all) => all.map(([name, ...values]) => [name, ...values.map(Math.fround)]);
+    assert.deepEqual(rounded(told), rounded(wanted));
 }
 
 /** The values that the page shows in the first axes of a figure. */

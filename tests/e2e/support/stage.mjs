@@ -2,7 +2,7 @@
 import { after, afterEach, before } from "node:test";
 
 import { playwright } from "../../client/support/packages.mjs";
-import { Monitor } from "./monitor.mjs";
+import { Program } from "./program.mjs";
 import { Scene } from "./scene.mjs";
 
 const FLAGS = [
@@ -60,8 +60,10 @@ export class Stage {
         this.defer(() => scene.kill());
         return scene;
     }
+    /** The monitor, without a browser of its own. */
     async monitor(...options) {
-        const monitor = await Monitor.start(...options);
+        const { KIROWEB_MONITOR } = process.env;
+        const monitor = await Program.run(KIROWEB_MONITOR, ["--no-browser", ...options]);
         this.defer(() => monitor.kill());
         return monitor;
     }

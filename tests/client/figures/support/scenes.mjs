@@ -16,12 +16,8 @@ export function encode(columns) {
     const parts = typed.map(([, , { buffer, byteOffset, byteLength }]) =>
         Buffer.from(buffer, byteOffset, byteLength),
     );
-    const described = typed.map(([name, type]) => [name, type]);
-    return {
-        count: typed[0][2].length,
-        columns: described,
-        data: Uint8Array.from(Buffer.concat(parts)),
-    };
+    const data = Uint8Array.from(Buffer.concat(parts));
+    return { count: typed[0][2].length, columns: typed.map((one) => one.slice(0, 2)), data };
 }
 
 /** A scene with a figure, 1, and axes in it, 2. */
@@ -51,6 +47,17 @@ export class Builder {
     }
 }
 
+/** What a scene has, by values. */
+export const contentOf = (scene) =>
+    scene.items.map(({ id, type, parent, properties, columns, given }) => {
+        const kept = Object.entries(columns).map(([name, column]) => {
+            const { elements, offset, begin, end } = column;
+            const values = [...elements.subarray(begin - offset, end - offset)];
+            return [name, elements.constructor.name, begin, values];
+        });
+        return [id, type, parent?.id, { ...properties }, kept.sort(), given];
+    });
+
 export const THEME = { ground: "#ffffff", text: "#222222", dark: false };
 
 /** How a scene is looked at. */
@@ -58,9 +65,7 @@ export function look({ views = [], hidden = [], sizes = [] } = {}) {
     return { views: new Map(views), hidden: new Set(hidden), sizes: new Map(sizes), theme: THEME };
 }
 
-/** A 2d context that writes down what is drawn: "fillRect", "stroke", "fill", "fillText" and
- * "strokeText", with
- * the path and the style. */
+/** A 2d context that writes down what is drawn, with the path and the style. */
 export class Recorder {
     drawn = [];
     #path = [];
@@ -68,39 +73,32 @@ export class Recorder {
     beginPath() {
         this.#path = [];
     }
-    moveTo(x, y) {
-        this.#path.push(["M", x, y]);
+    #go(...step) {
+        this.#path.push(step);
     }
-    lineTo(x, y) {
-        this.#path.push(["L", x, y]);
-    }
-    closePath() {
-        this.#path.push(["Z"]);
-    }
-    arc(x, y, radius) {
-        this.#path.push(["O", x, y, radius]);
-    }
+    moveTo = (x, y) => this.#go("M", x, y);
+    lineTo = (x, y) => this.#go("L", x, y);
+    closePath = () => this.#go("Z");
+    arc = (x, y, radius) => this.#go("O", x, y, radius);
     setLineDash(dash) {
         this.#dash = dash;
     }
-    fill(rule) {
-        this.drawn.push({ kind: "fill", path: this.#path, color: this.fillStyle, rule });
+    #draw(kind, members) {
+        const isLine = kind.startsWith("stroke");
+        const line = isLine && { width: this.lineWidth };
+        this.drawn.push({
+            kind,
+            ...members,
+            color: isLine ? this.strokeStyle : this.fillStyle,
+            ...line,
+        });
     }
-    stroke() {
-        const { strokeStyle: color, lineWidth: width } = this;
-        this.drawn.push({ kind: "stroke", path: this.#path, color, width, dash: this.#dash });
-    }
-    fillRect(...rect) {
-        this.drawn.push({ kind: "fillRect", rect, color: this.fillStyle });
-    }
-    strokeText(text, x, y) {
-        const { strokeStyle: color, lineWidth: width } = this;
-        this.drawn.push({ kind: "strokeText", text, x, y, color, width });
-    }
-    fillText(text, x, y) {
-        const { fillStyle: color, textAlign: anchor, font } = this;
-        this.drawn.push({ kind: "fillText", text, x, y, color, anchor, font });
-    }
+    fill = (rule) => this.#draw("fill", { path: this.#path, rule });
+    stroke = () => this.#draw("stroke", { path: this.#path, dash: this.#dash });
+    fillRect = (...rect) => this.#draw("fillRect", { rect });
+    strokeText = (text, x, y) => this.#draw("strokeText", { text, x, y });
+    fillText = (text, x, y) =>
+        this.#draw("fillText", { text, x, y, anchor: this.textAlign, font: this.font });
 }
 
 /** A canvas that writes down what is drawn, and what is copied; empty when it gets its size. */
