@@ -121,7 +121,7 @@ class Program(unittest.TestCase):
                 status, said, error = self.export(*arguments, env={"PATH": "", **{
                     name: value for name, value in os.environ.items() if name != "PATH"}})
                 self.assertEqual((status, said), (1, ""))
-                self.assertRegex(error, rf"\Akiroweb-export: [^\n]*{words}\n\Z")
+                self.assertRegex(error, rf"\Akiroweb-export: [^\n]*(?:{words})\n\Z")
         programs = self.folder / "bin"
         programs.mkdir()
         (programs / "chromium").write_text("#!/bin/sh\nexit 1\n")
