@@ -64,7 +64,7 @@ test("A recorded run is shown, moved in, and shown again by who reloads", async 
 test("Nothing is shown without the token, nor to another's page with it", async () => {
     const program = await start();
     const page = await stage.page();
-    await page.goto(`${program.origin}/#replay=run.mcap`);
+    await page.goto(`${new URL(program.link).origin}/#replay=run.mcap`);
     assert.match(await untilState(page, "closed"), /cannot be shown/);
     assert.match(await page.textContent('[data-part="error"]'), /open the link/);
     assert.equal(await page.locator("#time-line").isVisible(), false);
@@ -86,7 +86,7 @@ test("Nothing is shown without the token, nor to another's page with it", async 
             ];
             return (await Promise.allSettled(tries)).map(({ status }) => status);
         },
-        [`${program.origin}/run.mcap`, `Bearer ${token}`],
+        [`${new URL(program.link).origin}/run.mcap`, `Bearer ${token}`],
     );
     assert.deepEqual(attempts, ["rejected", "rejected", "rejected"]);
 });
