@@ -5,8 +5,13 @@
 function(kiroweb_embed_page result)
     set(_dist ${PROJECT_SOURCE_DIR}/client/dist)
     file(GLOB _files CONFIGURE_DEPENDS ${_dist}/*.html ${_dist}/*.js ${_dist}/*.css ${_dist}/*.svg)
-    if(NOT ${_dist}/index.html IN_LIST _files)
-        message(WARNING "client/dist has no page: programs will serve a notice. "
+    foreach(_name index.html single.html page.js worker.js page.css)
+        if(NOT ${_dist}/${_name} IN_LIST _files)
+            set(_missing ${_name})
+        endif()
+    endforeach()
+    if(_missing)
+        message(WARNING "client/dist has no ${_missing}: programs will serve a notice. "
                         "\"npm ci && npm run build\" in client/ makes the page.")
         set(_files ${PROJECT_SOURCE_DIR}/client/no_page/index.html)
     endif()

@@ -1,6 +1,7 @@
 #include "kirorecording/Source.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,6 +49,12 @@ FileSource::FileSource(const std::string& path) : Source(path), fFile(opened(pat
 }
 
 FileSource::~FileSource() { ::close(fFile); }
+
+bool FileSource::isBeingWritten() const noexcept {
+    if (::flock(fFile, LOCK_SH | LOCK_NB) != 0) return errno == EWOULDBLOCK;
+    ::flock(fFile, LOCK_UN);
+    return false;
+}
 
 void FileSource::doRead(std::uint64_t offset, char* to, std::size_t size) const {
     while (size > 0) {

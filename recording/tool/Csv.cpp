@@ -21,6 +21,8 @@ namespace {
 
 /// Bytes of blocks that wait for their command.
 constexpr std::size_t kMostWaiting = std::size_t{128} << 20U;
+/// What each block takes besides its bytes.
+constexpr std::size_t kBlockCost = 128;
 
 /// Makes commands with their data of messages.
 class Following {
@@ -44,7 +46,7 @@ class Following {
         Decoder rest(block);
         const auto low = rest.number<std::uint32_t>();
         const auto name = std::to_string(low) + ' ' + std::to_string(rest.number<std::uint32_t>());
-        fWaiting += block.size();
+        fWaiting += block.size() + kBlockCost;
         if (fWaiting > kMostWaiting) throw WrongText{"too many blocks without a command"};
         fBlocks.insert_or_assign(name, std::string(rest.rest()));
     }

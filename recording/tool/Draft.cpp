@@ -26,16 +26,28 @@ mode_t masked(mode_t mode) {
     return mode & ~mask;
 }
 
+/// Where what has that name lies: behind symbolic links, and without a "/" at its end.
+std::string placeOf(const std::string& name) {
+    auto place = std::filesystem::weakly_canonical(name);
+    if (!place.has_filename()) place = place.parent_path();
+    return place.string();
+}
+
 }  // namespace
 
 Draft::Draft(std::string target, Kind kind)
-    : fTarget(std::move(target)), fKind(kind), fPath(fTarget + ".XXXXXX") {
+    : fName(std::move(target)), fKind(kind), fTarget(placeOf(fName)), fPath(fTarget + ".XXXXXX") {
     if (kind == Kind::kFolder) {
-        if (::mkdtemp(fPath.data()) == nullptr) fail(fTarget);
+        if (::mkdtemp(fPath.data()) == nullptr) fail(fName);
         return;
     }
+    struct stat known {};
+    if (::stat(fTarget.c_str(), &known) == 0 && !S_ISREG(known.st_mode)) {
+        errno = S_ISDIR(known.st_mode) ? EISDIR : EINVAL;
+        fail(fName);
+    }
     const int file = ::mkostemp(fPath.data(), O_CLOEXEC);
-    if (file < 0) fail(fTarget);
+    if (file < 0) fail(fName);
     ::close(file);
 }
 
@@ -52,8 +64,8 @@ void Draft::keep(const std::string& like) {
     if (!like.empty() && ::stat(like.c_str(), &known) != 0) fail(like);
     const mode_t mode =
         like.empty() ? masked(fKind == Kind::kFile ? kFile : kFolder) : known.st_mode & kFolder;
-    if (::chmod(fPath.c_str(), mode) != 0) fail(fTarget);
-    if (std::rename(fPath.c_str(), fTarget.c_str()) != 0) fail(fTarget);
+    if (::chmod(fPath.c_str(), mode) != 0) fail(fName);
+    if (std::rename(fPath.c_str(), fTarget.c_str()) != 0) fail(fName);
     fPath.clear();
 }
 

@@ -10,7 +10,8 @@ class Draft {
   public:
     enum class Kind { kFile, kFolder };
 
-    /// Throws std::system_error. Only its owner may look into it; `keep` lets others.
+    /// Throws std::system_error, also where what is there is no file. A symbolic link's target is
+    /// meant. Only its owner may look into it; `keep` lets others.
     explicit Draft(std::string target, Kind kind = Kind::kFile);
     Draft(const Draft&) = delete;
     Draft& operator=(const Draft&) = delete;
@@ -23,8 +24,9 @@ class Draft {
     void keep(const std::string& like = {});
 
   private:
-    const std::string fTarget;
+    const std::string fName;  ///< as it was given, for messages
     const Kind fKind;
+    std::string fTarget;
     std::string fPath;  ///< empty: it is kept
 };
 

@@ -9,6 +9,8 @@ namespace recording_tool {
 
 namespace {
 
+/// A recording's largest arrays are the commands of a snapshot: some for each object.
+constexpr std::size_t kMostElements = 2'000'000;
 constexpr std::string_view kSpace = " \t\r\n";
 
 std::string_view trimmed(std::string_view text) {
@@ -76,6 +78,8 @@ std::vector<std::string_view> elementsOf(std::string_view array) {
     for (std::size_t at = 0; at < text.size();) {
         const auto end = endOfValue(text, at, ',');
         elements.push_back(trimmed(text.substr(at, end - at)));
+        if (elements.back().empty()) throw WrongText{"an element is missing"};
+        if (elements.size() > kMostElements) throw WrongText{"too many elements"};
         at = end + 1;
     }
     return elements;

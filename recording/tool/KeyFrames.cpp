@@ -11,6 +11,8 @@ namespace {
 
 /// Bytes of a frame that is under way: a file may have commands without an end.
 constexpr std::size_t kMostWaiting = std::size_t{128} << 20U;
+/// What each message takes besides its bytes.
+constexpr std::size_t kPartCost = 64;
 
 }  // namespace
 
@@ -45,7 +47,7 @@ void forEachKeyFrame(const Recording& run, std::uint64_t from, std::uint64_t to,
         const bool isMark = entry.topic == Topic::kFrames;
         if (!isMark && entry.topic != Topic::kCommands && entry.topic != Topic::kBlocks)
             return true;
-        waiting += entry.data.size();
+        waiting += entry.data.size() + kPartCost;
         if (waiting > kMostWaiting) throw WrongText{"a frame without an end"};
         next.parts.emplace_back(entry.topic, entry.data);
         if (!isMark) return true;

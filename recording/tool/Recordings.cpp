@@ -47,12 +47,13 @@ std::string freeName(const std::string& file, const std::vector<Recording>& reco
     return name;
 }
 
-void check(const Source& source) {
+void check(const FileSource& source) {
     const Reader reader(source);
     if (!reader.isOurs()) throw FormatError(source.name(), 0, "not a recording of kiroweb");
     if (const auto& damage = reader.damage()) {
-        complain(std::string(damage->what()) + "; it is shown up to there, and \"kiroweb-record " +
-                 "repair\" closes it");
+        complain(std::string(damage->what()) + "; it is shown up to there, " +
+                 (source.isBeingWritten() ? "as it is still being written"
+                                          : "and \"kiroweb-record repair\" closes it"));
     }
 }
 

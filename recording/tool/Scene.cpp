@@ -12,6 +12,7 @@ namespace {
 constexpr std::uint64_t kKeep = 1'000'000;
 /// In all columns: 512 MiB.
 constexpr std::uint64_t kMostNumbers = std::uint64_t{64} << 20U;
+constexpr std::size_t kMostObjects = 1'000'000;
 
 /// Columns by name, as a block has them.
 struct Elements {
@@ -136,6 +137,7 @@ void Scene::create(const Members& command) {
     }
     setProperties(object, command);
     const auto id = countOf(demand(command, "id"));
+    if (fObjects.size() >= kMostObjects) throw WrongText{"more objects than there is room for"};
     if (!fObjects.emplace(id, std::move(object)).second) throw WrongText{"an object that there is"};
 }
 

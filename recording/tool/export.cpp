@@ -247,6 +247,10 @@ Status run(int argc, const char* const* argv) {
         print(kHelp);
         return kGood;
     }
+    std::error_code none;
+    if (std::filesystem::equivalent(options.file, options.output, none)) {
+        throw WrongOption(options.output + " is the recording itself");
+    }
     const FileSource source(options.file);
     const Recording recorded(source);
     if (options.csv) return makeTables(recorded, options);

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -127,6 +128,9 @@ Status repairFile(const std::string& file, const std::string& output) {
     // Beside it, so that nothing is lost when this ends early, and nothing is read from what is
     // just being written.
     const FileSource source(file);
+    if (output.empty() && source.isBeingWritten()) {
+        throw std::runtime_error(file + ": somebody is writing it; -o makes another file of it");
+    }
     Draft draft(target);
     FileSink sink(draft.path());
     const Repaired repaired = repair(source, sink);

@@ -45,7 +45,7 @@ class WatchTest : public testing::Test {
                      10s};
     ErrorLines fErrors{[this](std::string line) { fSaid.push_back(std::move(line)); },
                        [this] { return fNow; }};
-    const Lines kNothing;
+    const Lines kNothing{};
     const Lines kStalled{"client stalled: connected, but without an answer for 3 s"};
 };
 

@@ -10,8 +10,16 @@ import { Decoder } from "./format.mjs";
 const MOST_WAITING = 128 * 1024 * 1024;
 const ID_SIZE = 8;
 
+/** Values in one text, which each take some dozens of bytes. */
+const MOST_VALUES = 2_000_000;
+const BEGINNINGS = [..."{[,"].map((one) => one.charCodeAt(0));
+
 /** @param {Uint8Array} text @returns {any} */
 export function jsonOf(text) {
+    if (text.length > MOST_VALUES) {
+        const values = text.reduce((sum, one) => sum + Number(BEGINNINGS.includes(one)), 0);
+        if (values > MOST_VALUES) throw new RangeError("too many values in a text");
+    }
     return readJson(new TextDecoder().decode(text));
 }
 
@@ -25,7 +33,7 @@ function nameOf(block) {
  * @param {Uint8Array} message @returns {[Command, Uint8Array | null][]} */
 export function commandsOf(message) {
     const rest = new Decoder(message);
-    const { commands } = readJson(rest.text());
+    const { commands } = jsonOf(rest.raw(rest.u32()));
     /** @type {Map<string, Uint8Array>} */
     const blocks = new Map();
     while (!rest.isAtEnd) {

@@ -34,6 +34,9 @@ class FileSource : public Source {
     explicit FileSource(const std::string& path);
     ~FileSource() override;
 
+    /// Whether a FileSink has it open, of this process or another one.
+    [[nodiscard]] bool isBeingWritten() const noexcept;
+
   private:
     [[nodiscard]] std::uint64_t doSize() const noexcept override { return fSize; }
     void doRead(std::uint64_t offset, char* to, std::size_t size) const override;
