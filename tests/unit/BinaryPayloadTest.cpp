@@ -18,10 +18,6 @@ using testing::ThrowsMessage;
 
 const char* const kChannel = "/figure/2";
 
-static_assert(std::is_nothrow_move_constructible_v<BinaryDataPayload>);
-static_assert(!std::is_copy_constructible_v<BinaryDataPayload>);
-static_assert(std::is_nothrow_destructible_v<BinaryDataPayload>);
-
 void add(BinaryDataPayload& payload, std::uint64_t id, const std::string& data) {
     payload.addDataToPayloadInternalWithID(data.data(), data.size(), DataID(id));
 }

@@ -18,15 +18,6 @@
 namespace kiro::web {
 namespace {
 
-static_assert(std::is_nothrow_destructible_v<JSONPayload>);
-static_assert(std::is_nothrow_move_constructible_v<JSONPayload>);
-static_assert(!std::is_copy_constructible_v<JSONPayload>);
-static_assert(std::is_nothrow_destructible_v<StringPayload>);
-static_assert(std::has_virtual_destructor_v<PayloadInterface>);
-
-static_assert(std::is_nothrow_destructible_v<JSONObject>);
-static_assert(std::is_copy_constructible_v<JSONObject>);
-
 using ui_objects::Cookie;
 using ui_objects::UTF16String;
 
@@ -231,17 +222,6 @@ TEST(JSONObject, sharesItsDataWithCopiesAndOwnsWhatItTakesOutOfAnother) {
     EXPECT_TRUE(nested.getValue("n", text));
     EXPECT_EQ(text, "[1]");
 }
-
-#if defined(KIROWEB_CHECKED)
-TEST(PreconditionsDeathTest, StopTheProgramWhereTheyAreBroken) {
-    JSONPayload payload;
-    binary::BinaryDataPayload blocks;
-    const char* const nothing = nullptr;
-    EXPECT_DEATH(payload.addDataToPayload("k", nothing), "broken precondition: value");
-    EXPECT_DEATH(blocks.addDataToPayloadInternal(nothing, 1), "broken precondition: data");
-    EXPECT_DEATH((void)subscribe(nullptr, "c", {}), "broken precondition: pubsub");
-}
-#endif
 
 }  // namespace
 }  // namespace kiro::web

@@ -19,8 +19,6 @@ using support::Lines;
 using support::publishOn;
 using support::Recorder;
 
-static_assert(std::is_nothrow_destructible_v<Subscriber>);
-
 /// A message service in the test's hands, which answers what `answer` says.
 class ScriptedService : public service::MessageService {
   public:
