@@ -77,11 +77,3 @@ TEST(Options, ATokenOfOnesOwnStandsInTheLinkAndWhatCannotBeHadIsNamed) {
     EXPECT_TRUE(text.starts_with("cannot listen on 127.0.0.1:" + std::to_string(first.port())));
     EXPECT_THROW(static_cast<void>(loadAsset("/", "/nowhere.html")), std::runtime_error);
 }
-
-TEST(ClientAssets, AreTheModulesAsTheyAre) {
-    EXPECT_FALSE(clientAssets().empty());
-    for (const auto& asset : clientAssets()) {
-        const auto file = asset.name.substr(asset.name.rfind('/'));
-        EXPECT_EQ(asset.body, loadAsset("/", KIROWEB_CLIENT_DIR + file).body) << file;
-    }
-}

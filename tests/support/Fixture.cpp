@@ -34,12 +34,6 @@ kiro::web::PubSubInterface::CallbackType Recorder::callback() const {
     };
 }
 
-Lines Recorder::lines() const {
-    Lines lines;
-    for (const auto& message : all()) lines.push_back(message.channel + " " + message.text);
-    return lines;
-}
-
 Lines Recorder::messagesOn(const std::string& channel) const {
     Lines texts;
     for (const auto& message : all()) {

@@ -40,8 +40,6 @@ class Recorder {
     [[nodiscard]] kiro::web::PubSubInterface::CallbackType callback() const;
 
     [[nodiscard]] std::vector<Message> all() const { return fMessages->all(); }
-    /// "channel text" of each message.
-    [[nodiscard]] Lines lines() const;
     [[nodiscard]] Lines messagesOn(const std::string& channel) const;
     void awaitSize(std::size_t count) const { fMessages->awaitSize(count); }
     void clear() { fMessages->clear(); }

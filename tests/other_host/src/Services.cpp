@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <stdexcept>
 #include <utility>
 
 #include "bedrock/core/diag/assertion.hpp"
@@ -14,14 +13,8 @@
 #include "other/Controls.hpp"
 #include "qvm/messages.hpp"
 
-using other::hasFault;
 using other::observers;
 using other::settings;
-
-bool other::hasFault(std::string_view name) {
-    static const char* const chosen = std::getenv("OTHER_HOST_FAULT");
-    return chosen != nullptr && name == chosen;
-}
 
 // Never destroyed: threads may ask until the process ends.
 other::Settings& other::settings = *new other::Settings;
@@ -79,8 +72,7 @@ diagnostic_record::diagnostic_record(std::unique_ptr<Impl> impl) noexcept
     : fImpl(std::move(impl)) {}
 diagnostic_record::diagnostic_record(diagnostic_record&&) noexcept = default;
 diagnostic_record::~diagnostic_record() {
-    const bool isWritten = fImpl != nullptr && !hasFault("diagnostics-never-written");
-    if (isWritten && observers.diagnostic) observers.diagnostic(fImpl->logger, fImpl->text);
+    if (fImpl != nullptr && observers.diagnostic) observers.diagnostic(fImpl->logger, fImpl->text);
 }
 diagnostic_record& diagnostic_record::operator<<(std::string_view text) {
     fImpl->text += text;
@@ -98,7 +90,7 @@ basic_diagnostic_logger::basic_diagnostic_logger(std::string name)
     : fImpl(new Impl{std::move(name)}) {}
 basic_diagnostic_logger::~basic_diagnostic_logger() = default;
 bool basic_diagnostic_logger::enabled(int level) const noexcept {
-    return level <= observers.diagnosticLevel || hasFault("diagnostics-always-on");
+    return level <= observers.diagnosticLevel;
 }
 diagnostic_record basic_diagnostic_logger::record(int /*level*/) const {
     using Record = diagnostic_record::Impl;
@@ -114,7 +106,6 @@ std::string bedrock::core::messageText(const MessageId& id, const std::vector<st
 }
 
 void qxWarningMsgId(const bedrock::core::MessageId& id, const std::vector<std::string>&) {
-    if (hasFault("warnings-throw")) throw std::runtime_error(id.key);
     if (observers.warning) observers.warning(id.component, id.key);
 }
 
@@ -125,40 +116,28 @@ void qxErrMsgId(const bedrock::core::MessageId& id, const std::vector<std::strin
 /// It goes on afterwards, as a host may.
 void bedrock::core::diag::assertionFailed(const char* condition, const char* source, int line,
                                           const char* function) {
-    if (!observers.showsAssertions || hasFault("assertions-are-ignored")) return;
+    if (!observers.showsAssertions) return;
     std::fprintf(stderr, "%s in %s:%d, %s\n", condition, source, line, function);
 }
 
 void bedrock::core::diag::terminate(const char* condition, const char* source, int line,
                                     const char* function) {
     assertionFailed(condition, source, line, function);
-    if (hasFault("terminate-does-not-end")) throw std::runtime_error(condition);
     std::_Exit(3);
 }
 
-std::int64_t GraphicsState::kiroGetDrawnowTimeout() {
-    return hasFault("setting-timeout") ? 60 : settings.drawnowTimeout;
-}
-bool GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled() {
-    return settings.drawnowLogging && !hasFault("setting-logging");
-}
-bool GraphicsState::isAtOstrel() { return settings.atOstrel && !hasFault("setting-ostrel"); }
+std::int64_t GraphicsState::kiroGetDrawnowTimeout() { return settings.drawnowTimeout; }
+bool GraphicsState::kiroIsDrawnowTimeoutLoggingEnabled() { return settings.drawnowLogging; }
+bool GraphicsState::isAtOstrel() { return settings.atOstrel; }
 void GraphicsState::kiroInvokeDrawnowTimeoutCallback() {
-    if (settings.drawnowHook && !hasFault("setting-hook")) settings.drawnowHook();
+    if (settings.drawnowHook) settings.drawnowHook();
 }
 
-bool kiro::web::usingBinaryChannelForCommands() {
-    return hasFault("setting-commands") ? settings.fallback : settings.commandsOverBinary;
-}
-bool kiro::web::usingBinaryChannelFallback() {
-    return settings.fallback || hasFault("setting-fallback");
-}
-bool kiro::web::warnAboutBinaryChannelFallback() {
-    return settings.warnAboutFallback && !hasFault("setting-warn");
-}
+bool kiro::web::usingBinaryChannelForCommands() { return settings.commandsOverBinary; }
+bool kiro::web::usingBinaryChannelFallback() { return settings.fallback; }
+bool kiro::web::warnAboutBinaryChannelFallback() { return settings.warnAboutFallback; }
 
 boost::signals2::connection bedrock::memmgr::leaks::registerListenerForSnapshotEvent(
     std::function<void()> listener) {
-    if (hasFault("snapshot-not-connected")) return {};
     return observers.snapshot.connect(listener);
 }

@@ -49,20 +49,4 @@ TEST_F(AnyHost, DrawsAndFlushesAFigureOnThePage) {
                                       {});
 }
 
-TEST_F(AnyHost, GivesBlocksBackAndWakesAWaitWhenThePageHasGone) {
-    fOptions.onLastPageGone = {};  // so that an empty task wakes the wait
-    start();
-    auto page = join();
-    auto delivered = sendBlock(9);
-    answer(page, 1, true);
-    EXPECT_TRUE(delivered.get().delivered);
-    auto open = sendBlock(9);
-    page.sendFrame(8, "\x03\xe8");
-    const auto result = open.get();
-    EXPECT_FALSE(result.delivered);
-    EXPECT_EQ(support::bytesOf(result.buffer), std::string(9, 'b'));
-    WebBlockingOperation::waitOrThrow("gone", [this] { return fGateway->lastPageGone(); }, nullptr,
-                                      {});
-}
-
 }  // namespace

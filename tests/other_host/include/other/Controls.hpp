@@ -36,8 +36,4 @@ void adoptSignalThread();
 /// "/*" at the end of `pattern` stands for whatever follows.
 bool matches(std::string_view pattern, std::string_view name);
 
-/// Whether the environment's OTHER_HOST_FAULT asks for this fault: what a host may get wrong, to
-/// see that the conformance suite finds it. faults.sh lists them beside the tests that fail.
-bool hasFault(std::string_view name);
-
 }  // namespace other
