@@ -10,8 +10,8 @@
 
 #include "bedrock/usm/thisthread.hpp"
 #include "graphics_util/getContextQCRID.hpp"
+#include "kirohost/Controls.hpp"
 #include "kiroutils/KiroBlockingOperation.hpp"
-#include "other/Controls.hpp"
 #include "qvm/detail/taskRouterAccess.hpp"
 #include "qvm/messages.hpp"
 #include "taskrouter/TaskRouter.hpp"
@@ -70,7 +70,7 @@ qvm::detail::TaskRouterAndSinks qvm::detail::getTaskRouterAndSinks(
 qnutil::contextmgr::QcrID graphics_util::getContextQCRID() { return kMainContext; }
 
 bool utIsSignalThread() { return signalThread == std::this_thread::get_id(); }
-void other::adoptSignalThread() { signalThread = std::this_thread::get_id(); }
+void kirohost::adoptSignalThread() { signalThread = std::this_thread::get_id(); }
 
 void* bedrock::usm::thisthread::detail::findOrInsert(
     std::type_index type, const std::function<std::shared_ptr<void>()>& make) {

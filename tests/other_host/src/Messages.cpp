@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "other/Controls.hpp"
+#include "Channels.hpp"
 #include "relay/Relay.hpp"
 #include "relay/message_service/MessageService.hpp"
 

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 #include <vector>
 
-#include "other/Controls.hpp"
+#include "Channels.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 
