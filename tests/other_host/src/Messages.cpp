@@ -34,7 +34,6 @@ struct Member final : Subscription {
 struct Message {
     std::string channel;
     Publication::Text text;
-    bool hasText;
     std::shared_ptr<const void> ticket;
 };
 
@@ -46,9 +45,9 @@ class Bus final : public Relay {
         return bus;
     }
 
-    void publish(const Publication& published, bool hasText, std::shared_ptr<const void> ticket,
+    void publish(const Publication& published, std::shared_ptr<const void> ticket,
                  const Transport* except) {
-        Message message{published.channel(), published.shared(), hasText, std::move(ticket)};
+        Message message{published.channel(), published.shared(), std::move(ticket)};
         const std::lock_guard lock(fMutex);
         fQueue.push_back(std::move(message));
         fQueued.notify_all();
@@ -88,8 +87,7 @@ class Bus final : public Relay {
             if (!member || !other::matches(member->channel, message.channel)) continue;
             if (!served.insert(member->service).second) continue;
             try {
-                member->handler({message.channel, message.hasText ? message.text->data() : nullptr,
-                                 message.text->size()});
+                member->handler({message.channel, message.text->data(), message.text->size()});
             } catch (...) {  // nobody to tell
             }
         }
@@ -108,7 +106,7 @@ class Link final : public TransportLink {
     ~Link() override { Bus::instance().detach(fTransport); }
     void deliver(const std::string& channel, Publication::Text text,
                  std::shared_ptr<const void> ticket) override {
-        Bus::instance().publish({channel, *text, text}, true, std::move(ticket), fTransport.get());
+        Bus::instance().publish({channel, *text, text}, std::move(ticket), fTransport.get());
     }
 
   private:
@@ -123,9 +121,8 @@ std::unique_ptr<TransportLink> Bus::attach(std::shared_ptr<Transport> transport)
 
 class Service final : public MessageService {
     Future<Published> doPublish(const std::string& channel, const JsonMessage& message) override {
-        const bool hasText = message.json != nullptr;
-        const std::string_view text = hasText ? std::string_view(message.json, message.length) : "";
-        Bus::instance().publish({channel, text}, hasText, nullptr, nullptr);
+        const std::string_view text(message.json, message.length);
+        Bus::instance().publish({channel, text}, nullptr, nullptr);
         return makeReadyFuture(Published{});
     }
     Future<std::shared_ptr<Subscription>> doSubscribe(const std::string& channel,

@@ -28,7 +28,6 @@ DataBuffer copyOf(const DataBuffer& block) {
 /// A stream's end or a client's.
 struct End {
     const std::string channel;
-    const bool returnOnFail = false;
     const ClientEnd::BlockHandler handler;  ///< a client's only
     ReceiveCallback receive;                ///< a stream's only, guarded by the exchange's mutex
 };
@@ -42,8 +41,7 @@ struct Sending {
 
     void answer(bool delivered) {
         if (isAnswered.exchange(true)) return;
-        const bool givesBack = !delivered && stream->returnOnFail;
-        promise.setValue({delivered, givesBack ? copyOf(block) : DataBuffer()});
+        promise.setValue({delivered, delivered ? DataBuffer() : copyOf(block)});
     }
 };
 
@@ -106,8 +104,7 @@ namespace {
 
 class Stream final : public BinaryStream {
   public:
-    Stream(const std::string& channel, bool returnOnFail)
-        : fPlace(End{channel, returnOnFail, nullptr, nullptr}) {}
+    explicit Stream(const std::string& channel) : fPlace(End{channel, nullptr, nullptr}) {}
 
   private:
     Future<SendResult> doSend(DataBuffer&& block) override {
@@ -136,10 +133,10 @@ class Stream final : public BinaryStream {
 
 }  // namespace
 
+/// Each gives back what failed: nobody wants another.
 std::shared_ptr<BinaryStream> createBinaryStream(const std::string& channel,
-                                                 const StreamOptions& options) {
-    const auto option = options.find("returnOnFail");
-    return std::make_shared<Stream>(channel, option != options.end() && option->second == "true");
+                                                 const StreamOptions& /*returnOnFail*/) {
+    return std::make_shared<Stream>(channel);
 }
 
 struct ClientEnd::Impl {
@@ -147,7 +144,7 @@ struct ClientEnd::Impl {
 };
 
 ClientEnd::ClientEnd(std::string channel, BlockHandler handler)
-    : fImpl(new Impl{Place(End{std::move(channel), false, std::move(handler), nullptr})}) {}
+    : fImpl(new Impl{Place(End{std::move(channel), std::move(handler), nullptr})}) {}
 ClientEnd::~ClientEnd() = default;
 
 void ClientEnd::send(const std::string& channel, const DataBuffer& block) {
