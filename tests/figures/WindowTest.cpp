@@ -100,12 +100,12 @@ TEST_F(Outcomes, APageThatComesDuringTheWaitGetsTheFrameAgain) {
     fPage.next([](Page& page, const Frame&) { page.announce(); });
     EXPECT_EQ(fWindow->draw().frame, 1U);
     EXPECT_EQ(fPage.last().picture.size(), 3U);
-    // Also while the engine waits.
+    // Also while the engine waits, for one that comes back.
     fPage.next([this](Page& page, const Frame& frame) {
         page.end(frame, "painted");
         fWindow->close();
     });
-    fPage.announce();
+    fPage.comeBack();
     fWindow->wait();
     EXPECT_EQ(sent(), "0/1 whole, 1/1, 1/2 whole, 1/3 whole");
 }
