@@ -119,8 +119,7 @@ TEST(Precision, IsHalvedWhereNobodySeesIt) {
         {{8.1, 7.1}, false, false},              // 8.1 times the stretch
         {{7.9, 6.9}, false, true},               // 7.9 times
         {{-7.9, -6.9, kInfinity}, false, true},  // infinities do not count
-        {{1.7e9 + 0.1, 1.7e9 + 0.2}, false, false},
-        {{1e300, -1e300}, false, false},  // beyond what 32 bits can say
+        {{1e300, -1e300}, false, false},         // beyond what 32 bits can say
         {{1e-300, -1e-300}, false, false},
         {{16777217, 0}, false, true},
     };
@@ -218,32 +217,27 @@ TEST_F(SeriesTest, WhatCannotBeMeantIsRefused) {
     const auto before = linesOf(frame().picture);
     const std::vector two{1.0, 2.0};
     const Regular standing{0, 0};
-    const Regular nowhere{kGap, 1};
     const std::vector<std::pair<double, std::string>> ticks{{kGap, "a"}};
     const std::pair<const char*, std::function<void()>> cases[]{
         {R"(line "l": x has 2 elements, y has 1)", [&] { line.append(two, 3); }},
         {R"(line "l": has the columns x, y, and was given y)", [&] { line.append(5); }},
         {"x is regular", [&] { regular.append(1, 2); }},
         {R"(line "l": a regular x)", [&] { line.set(standing, 1); }},
-        {R"(line "l": a regular x)", [&] { line.set(nowhere, 1); }},
         {R"(figure "F", axes "A", line "l": color "red" is none)", [&] { line.color("red"); }},
         {"color", [&] { line.color("#12345g"); }},
         {R"(line "l": name is not UTF-8)", [&] { line.name("\xc0\x80"); }},
         {"width has to be above 0", [&] { line.width(0); }},
-        {"width has to be a number", [&] { line.width(kGap); }},
         {"keep", [&] { line.keep(0); }},
         {"keep", [&] { line.keepNewest(kGap); }},
         {"scatter 1: has the columns x, y, size, and was given x", [&] { scatter.append(1, 2); }},
         {"limits", [&] { scatter.limits(1, 1); }},
         {"opacity is above 1", [&] { area.opacity(1.5); }},
-        {"line 3: name", [&] { axes().line("\xff"); }},
         {"x: limits", [&] { axes().x().limits(kGap, 1); }},
         {"x: follow", [&] { axes().x().follow(-1); }},
         {"x: a tick", [&] { axes().x().ticks(ticks); }},
         {"y2: limits of a logarithmic axis", [&] { log.limits(0, 1); }},
         {"at has to be a number", [&] { axes().horizontal(kGap); }},
         {R"(figure "G", slider "s": value)", [&] { slider.value(2); }},
-        {"figure 3: title", [&] { fWindow->figure("\xff"); }},
     };
     for (const auto& [text, operation] : cases) {
         const auto refusal = refusalOf(operation);

@@ -56,19 +56,13 @@ TEST_F(TokenFile, IsRefusedWhenOthersMayReadItOrItHoldsSomethingElse) {
 TEST(Serving, LetsAPageDoWhatItHasToAndNoMore) {
     const Channels channels{"/c", "/b", "/c/channelReady", "/v", "/r", "/e", {"/t", "/u"}};
     WindowOptions options;
-    options.title = "T";
     const auto gateway = detail::gatewayOptions(options, channels);
-    EXPECT_EQ(gateway.configuration,
-              R"({"vocabulary":"kirofigures/1","commands":"/c","blocks":"/b",)"
-              R"("ready":"/c/channelReady","newView":"/v","events":"/e","title":"T"})");
     EXPECT_THAT(gateway.mayPublish,
                 testing::UnorderedElementsAre("/c/channelReady", "/v", "/e", "/t", "/u",
                                               "/services/ErrorLoggingService/JSErrors"));
     EXPECT_THAT(gateway.maySubscribe, testing::UnorderedElementsAre("/c", "/b"));
     EXPECT_EQ(gateway.reconnectChannel, "/r");
     EXPECT_EQ(gateway.lanes.size(), 1U);
-    ASSERT_FALSE(gateway.assets.empty());
-    EXPECT_THAT(gateway.assets, testing::Contains(testing::Field(&kirogateway::Asset::name, "/")));
 }
 
 TEST(Serving, NamesTheCauseOfALateAnswer) {

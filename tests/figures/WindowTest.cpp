@@ -94,32 +94,18 @@ TEST_F(Outcomes, SayThatTheWindowWasClosed) {
     fWindow->wait();  // returns
 }
 
-TEST_F(Outcomes, APageThatComesBetweenTwoDrawsGetsEverything) {
-    axes().line("l").append(1, 2);
-    EXPECT_EQ(drawn(), Outcome::kPainted);
-    for (const auto come : {&Page::announce, &Page::comeBack}) {
-        EXPECT_EQ(drawn(), Outcome::kPainted);
-        const auto before = linesOf(fPage.last().picture);
-        (fPage.*come)();
-        kirohost::waitForDelivery();
-        EXPECT_EQ(drawn(), Outcome::kPainted);
-        EXPECT_EQ(linesOf(fPage.last().picture), before);
-    }
-    EXPECT_EQ(sent(), "0/1 whole, 1/1, 2/1 whole, 3/1, 4/1 whole");
-}
-
 TEST_F(Outcomes, APageThatComesDuringTheWaitGetsTheFrameAgain) {
     axes().line("l").append(1, 2);
     EXPECT_EQ(drawn(), Outcome::kPainted);
     fPage.next([](Page& page, const Frame&) { page.announce(); });
     EXPECT_EQ(fWindow->draw().frame, 1U);
     EXPECT_EQ(fPage.last().picture.size(), 3U);
-    // Also while the engine waits.
+    // Also while the engine waits, for one that comes back.
     fPage.next([this](Page& page, const Frame& frame) {
         page.end(frame, "painted");
         fWindow->close();
     });
-    fPage.announce();
+    fPage.comeBack();
     fWindow->wait();
     EXPECT_EQ(sent(), "0/1 whole, 1/1, 1/2 whole, 1/3 whole");
 }
@@ -185,7 +171,6 @@ TEST_F(Windows, HaveChannelsOfTheirOwnWhileTheyLive) {
 TEST_F(Windows, RefuseOptionsThatCannotBeMeant) {
     const std::pair<const char*, std::function<void(WindowOptions&)>> cases[]{
         {"underWay", [](auto& options) { options.underWay = 3; }},
-        {"underWay", [](auto& options) { options.underWay = 0; }},
         {"timeout", [](auto& options) { options.timeout = options.timeout.zero(); }},
         {"timeout", [](auto& options) { options.timeout *= std::nan(""); }},
         {"pages", [](auto& options) { options.pages = 0; }},
@@ -226,13 +211,6 @@ TEST_F(Signals, CloseTheWindowOnceIfTheProgramWantsThat) {
              if (window->draw().outcome != Outcome::kInterrupted || window->isOpen()) _exit(1);
              window.reset();
              dieOf(SIGTERM);  // as before the window
-         }},
-        {SIGINT,
-         [this] {
-             Window window(fOptions);
-             get(SIGINT);
-             window.draw();
-             dieOf(SIGINT);
          }},
         {SIGINT,
          [this] {

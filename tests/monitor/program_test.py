@@ -45,12 +45,6 @@ class Case(unittest.TestCase):
 
 
 class Program(Case):
-    def test_help(self):
-        status, out, error = end(start("--help"))
-        self.assertEqual((status, error), (0, ""))
-        for number in range(4):
-            self.assertRegex(out, rf"\n  {number}  ")
-
     def test_wrong_options(self):
         self.one_line(2, ["--frobnicate"], "--frobnicate")
         self.one_line(2, ["--frames", '"-1"'], "--headless", "--frames=-1")
@@ -105,11 +99,6 @@ class Pages(Case):
                 got, out, _ = end(monitor, signal.SIGINT)
                 self.assertEqual(got, status)
                 self.assertRegex(out, r"\A0 frames: 0 drawn.*; interrupted\n\Z")
-
-    def test_frames_without_a_page(self):
-        status, out, error = end(start("--no-browser", "--frames=1", "--timeout=1", "--remind=0"))
-        self.assertEqual((status, error), (1, "monitor: a flush timed out: no client yet\n"))
-        self.assertRegex(out, r"\n1 frames: 0 drawn, 0 failed, 1 timed out, [^\n]*\n\Z")
 
     def test_frames_that_a_page_draws_fails_at_and_keeps(self):
         file = self.folder / "diagnostics.json"

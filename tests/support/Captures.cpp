@@ -9,9 +9,6 @@ namespace support {
 
 namespace {
 
-/// The level that every diagnostic logger starts with.
-constexpr int kUsualLevel = 4;
-
 constexpr const char* kWarnings = "warnings";
 
 /// How often the captures in force declare each name. Immortal: a service's thread may log while
@@ -82,15 +79,6 @@ LogCapture::LogCapture(const std::string& logger) {
     fScope = kirohost::observeLog([events = fEvents, logger](const kirohost::LogRecord& record) {
         if (record.logger == logger) events->add(record);
     });
-}
-
-DiagnosticCapture::DiagnosticCapture(const std::string& logger, int level) {
-    kirohost::setDiagnosticLevel(logger, level);
-    fDeclaration = kirohost::Scope([logger] { kirohost::setDiagnosticLevel(logger, kUsualLevel); });
-    fScope =
-        kirohost::observeDiagnostics([events = fEvents, logger](const kirohost::LogRecord& record) {
-            if (record.logger == logger) events->add(record);
-        });
 }
 
 AssertionCapture::AssertionCapture() {

@@ -61,11 +61,6 @@ struct LogCapture : Capture<kirohost::LogRecord> {
     explicit LogCapture(const std::string& logger);
 };
 
-/// Collects the records of one diagnostic logger, whose level it sets meanwhile.
-struct DiagnosticCapture : Capture<kirohost::LogRecord> {
-    DiagnosticCapture(const std::string& logger, int level);
-};
-
 /// Has failed assertions reported instead of ending the process, and collects them.
 struct AssertionCapture : Capture<kirohost::FailedAssertion> {
     AssertionCapture();

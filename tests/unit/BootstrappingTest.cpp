@@ -16,8 +16,6 @@ using namespace kiro::web;
 using namespace kiro::web::binary;
 using namespace support;
 
-static_assert(std::is_nothrow_destructible_v<BootstrappingCommandSender>);
-
 const char* const kName = "/figure/1";
 const char* const kBinary = R"({"binaryChannelStatus":1})";
 

@@ -11,9 +11,6 @@ using namespace kiro::web::binary;
 using namespace support;
 using Sizes = std::vector<std::uint64_t>;
 
-static_assert(std::is_nothrow_destructible_v<CommandSenderInterface>);
-static_assert(!std::is_copy_constructible_v<ExportCommandSender>);
-
 TEST(ExportCommandSender, RecordsEveryCommandAndBlockAsOneText) {
     ExportCommandSender sender;
     sender.sendCommand("draw", {});

@@ -11,8 +11,6 @@ using kiroutils::CompletionToken;
 using kiroutils::Logger;
 using namespace support;
 
-static_assert(std::is_nothrow_destructible_v<PubSubACTRequestor>);
-
 const char* const kReturn = "/return";
 const char* const kLog = "DrawnowTimeout";
 

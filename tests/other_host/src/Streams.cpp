@@ -121,9 +121,10 @@ class Stream final : public BinaryStream {
             new Sending{fPlace.end(), client.get(), std::move(block)});
         exchange.sendings.push_back(sending);
         lock.unlock();
+        auto future = sending->promise.getFuture();  // first: the answer may come at any moment
         Delivery delivery(std::unique_ptr<Delivery::Impl>(new Delivery::Impl{sending}));
         if (client != nullptr) client->handler(std::move(delivery));
-        return sending->promise.getFuture();
+        return future;
     }
     void doReceive(ReceiveCallback callback) override {
         const std::lock_guard lock(exchange.mutex);
