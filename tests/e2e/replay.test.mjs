@@ -1,16 +1,17 @@
 // Recordings in Chromium: what the page shows of them, and how somebody moves in them.
 import assert from "node:assert/strict";
-import { readFile, rm } from "node:fs/promises";
+import { readFile, rename, rm } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { test } from "node:test";
+import { pathToFileURL } from "node:url";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
 import { Reader } from "../../client/page/recording/reader.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
 import { fzstd } from "../client/support/packages.mjs";
 import { Engine } from "./support/engine.mjs";
-import { assertClean, untilState } from "./support/page.mjs";
+import { assertClean, untilFrame, untilReplay, untilState } from "./support/page.mjs";
 import { digests, untilSettled } from "./support/pictures.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -23,12 +24,20 @@ async function start() {
     await engine.frame(() => {
         engine.create(1, "figure", 0, { title: "A run" });
         // How much room numbers have depends on those before, too: they stay.
-        engine.create(2, "axes", 1, { x: { label: "time" }, y: { limits: [-10, 10] } });
+        engine.create(2, "axes", 1, {
+            x: { label: "time" },
+            y: { limits: [-10, 10] },
+        });
         engine.create(3, "line", 2, { name: "a wave" });
         engine.create(4, "scatter", 2, { name: "places", limits: [0, 20] });
         engine.create(5, "axes", 1, { y: { limits: [0, 20] } });
         engine.create(6, "bars", 5);
-        engine.create(7, "slider", 1, { label: "Gain", low: 0, high: 1, value: 0.5 });
+        engine.create(7, "slider", 1, {
+            label: "Gain",
+            low: 0,
+            high: 1,
+            value: 0.5,
+        });
     }, true);
     return engine;
 }
@@ -46,8 +55,19 @@ async function seenOn(page) {
     return [await page.locator(".figure h2").allTextContents(), await digests(page)];
 }
 
+/** A file that the page gives when it is asked for it. */
+async function downloaded(page, ask, ending = "") {
+    const download = page.waitForEvent("download");
+    await ask(page);
+    const path = await (await download).path();
+    // By its name a browser knows what it is.
+    await rename(path, path + ending);
+    return path + ending;
+}
+const saveAsPage = (page) => page.getByRole("button", { name: "Save as HTML" }).click();
+
 /** What is recorded of ten frames by their page, and what was seen of each. */
-async function record(engine) {
+async function record(engine, end = (page) => page.keyboard.press("r"), ending = "") {
     const { page } = engine;
     await page.locator(".chart").first().focus();
     await page.keyboard.press("r");
@@ -57,9 +77,8 @@ async function record(engine) {
         assert.equal(await engine.frame(() => draw(engine, i)), "painted");
         seen.set(i + 1, await seenOn(page));
     }
-    const download = page.waitForEvent("download");
-    await page.keyboard.press("r");
-    return { page, bytes: await readFile(await (await download).path()), seen };
+    const path = await downloaded(page, end, ending);
+    return { page, path, bytes: await readFile(path), seen };
 }
 
 /** What the panel behind the flush figure says of painting. */
@@ -73,15 +92,9 @@ async function latencies(page) {
     return row;
 }
 
-/** A name for a program's recording. */
-function newFile(name) {
-    const path = join(tmpdir(), `kiroweb-${process.pid}-${name}.mcap`);
-    stage.defer(() => rm(path, { force: true }));
-    return path;
-}
-
 async function recordWindow() {
-    const path = newFile("window");
+    const path = join(tmpdir(), `kiroweb-${process.pid}.mcap`);
+    stage.defer(() => rm(path, { force: true }));
     const scene = await stage.scene("live");
     const page = await stage.page();
     await page.goto(scene.link);
@@ -99,29 +112,6 @@ async function recordWindow() {
     return { page, bytes: await readFile(path), seen };
 }
 
-/** The program stands still for each picture. */
-async function recordMonitor() {
-    const path = newFile("monitor");
-    const monitor = await stage.monitor("--record", path);
-    const page = await stage.page();
-    await page.goto(monitor.link);
-    await untilState(page, "live");
-    const seen = new Map();
-    const painted = () => page.evaluate(() => kirowebPage.statistics?.frames ?? 0);
-    while (seen.size < FRAMES) {
-        monitor.process.kill("SIGCONT");
-        while ((await painted()) === 0);
-        monitor.process.kill("SIGSTOP");
-        await page.waitForFunction(() => kirowebPage.statistics.frames === 0);
-        const number = await page.evaluate(() => kirowebPage.statistics.frame);
-        seen.set(number, await seenOn(page));
-    }
-    monitor.process.kill("SIGCONT");
-    monitor.process.kill("SIGINT");
-    await monitor.exited;
-    return { page, bytes: await readFile(path), seen };
-}
-
 /** When each frame is, in milliseconds since the beginning, and how often everything is there. */
 async function contentOf(bytes) {
     const read = async (offset, length) => bytes.subarray(offset, offset + length);
@@ -134,7 +124,12 @@ async function contentOf(bytes) {
         JSON.parse(Buffer.from(one.data)).frame,
         timeOf(one),
     ]);
-    return { times: new Map(numbered), snapshots: of("snapshots").length, all, reader };
+    return {
+        times: new Map(numbered),
+        snapshots: of("snapshots").length,
+        all,
+        reader,
+    };
 }
 
 /** The recording up to a frame. */
@@ -165,11 +160,7 @@ async function drop(page, ...files) {
 /** Shows recordings, with figures as large as they were live. */
 async function replay(page, ...files) {
     await drop(page, ...files);
-    await untilState(page, "replay");
-    const line = page.locator("#time-line");
-    await line.waitFor();
-    const { height } = await line.boundingBox();
-    await page.setViewportSize({ width: 1280, height: 800 + height });
+    await untilReplay(page);
 }
 
 const seek = (page, time) =>
@@ -179,33 +170,20 @@ const seek = (page, time) =>
         slider.dispatchEvent(new Event("input"));
     }, time);
 
-/** Ends when these frames are seen. */
-async function untilFrame(page, ...numbers) {
-    await page.waitForFunction(
-        (wanted) => {
-            const told = document.querySelector(".now").title.matchAll(/Frame (\d+),/g);
-            return String([...told].map(([, frame]) => frame)) === wanted;
-        },
-        String(numbers),
-        { timeout: 20_000 },
-    );
+async function assertSeen(page, [titles, axes], what) {
+    const [own, ownAxes] = await seenOn(page);
+    assert.deepEqual(own, titles);
+    ownAxes.forEach((one, k) => assert.deepEqual(one, axes[k], `axes ${k} of ${what}`));
 }
 
 for (const [name, run] of [
     ["the page", async () => record(await start())],
     ["a window", recordWindow],
-    ["the monitor", recordMonitor],
 ]) {
     test(`What is seen of a recording of ${name} was seen live, pixel for pixel`, async () => {
         const { page, bytes, seen } = await run();
         const { times } = await contentOf(bytes);
         await replay(page, ["run.mcap", bytes]);
-        const compare = async (frame) => {
-            const [titles, axes] = await seenOn(page);
-            const [wanted, before] = seen.get(frame);
-            assert.deepEqual(titles, wanted);
-            axes.forEach((one, k) => assert.deepEqual(one, before[k], `axes ${k} of ${frame}`));
-        };
         const frames = [...seen.keys()];
         const show = async (frame) => {
             await seek(page, times.get(frame) + 0.001);
@@ -216,13 +194,12 @@ for (const [name, run] of [
         // Forwards, by changes, and back, by what is whole.
         for (const frame of [...frames, ...[...frames].reverse()]) {
             await show(frame);
-            await compare(frame);
+            await assertSeen(page, seen.get(frame), frame);
         }
         await page.keyboard.press(".");
         await untilFrame(page, frames[0] + 1);
         await page.keyboard.press(",");
         await untilFrame(page, frames[0]);
-        await compare(frames[0]);
         await page.getByLabel("Speed").selectOption("as fast as possible");
         await page.locator(".chart").first().focus();
         await page.keyboard.press("Space");
@@ -308,39 +285,50 @@ test("A recording is chosen, looked into, and refused when it is none", async ()
     assert.equal(await page.locator("#time-line").isVisible(), false);
 });
 
-test("A page replays what is in its document, or beside it, and asks for no engine", async () => {
+/** A single file, as a double click opens it; what it asked for. */
+async function open(path, moment = "") {
+    const page = await stage.page({ offline: true });
+    page.requests = [];
+    page.on("request", (request) => page.requests.push(request.url().replace(/^blob:.*/, "blob:")));
+    await page.goto(pathToFileURL(path).href + moment);
+    await untilReplay(page);
+    return page;
+}
+
+test("What a page recorded is one file, which needs no network and shows what was seen", async () => {
     const engine = await start();
-    const { bytes } = await record(engine);
-    const address = engine.page.url().replace(/#.*/, "");
-    const context = engine.page.context();
-    const inDocument = `<script type="text/plain" id="recording">${bytes.toString("base64")}</script>`;
-    await context.route("**/own.html", async (route) => {
-        const response = await route.fetch({ url: address });
-        const text = await response.text();
-        await route.fulfill({ response, body: text.replace("</body>", `${inDocument}</body>`) });
+    // Also when the program is gone meanwhile.
+    const end = (page) => engine.stop().then(() => saveAsPage(page));
+    const { path: saved, seen } = await record(engine, end, ".html");
+    const alone = await open(saved, "#frame=3");
+    await untilFrame(alone, 3);
+    await assertSeen(alone, seen.get(3), "a single file");
+    await alone.keyboard.press(".");
+    await untilFrame(alone, 4);
+    // Saved again it is the same, but for where it opens.
+    const again = await downloaded(alone, saveAsPage, ".html");
+    const own = pathToFileURL(saved).href;
+    assert.deepEqual([...new Set(alone.requests)], [own, "blob:"]);
+    await assertClean(alone);
+    const copy = await open(again);
+    await untilFrame(copy, 4);
+    await assertSeen(copy, seen.get(4), "its copy");
+    const recordings = [saved, again].map(async (path) => {
+        const text = await readFile(path, "utf8");
+        return text.match(/id="recording" data-at="[\d.]*">([^<]+)/)[1];
     });
-    await context.route("**/*.mcap", (route) => {
-        const [, from, to] = /^bytes=(\d+)-(\d+)$/.exec(route.request().headers().range);
-        const range = `bytes ${from}-${to}/${bytes.length}`;
-        const body = bytes.subarray(Number(from), Number(to) + 1);
-        return route.fulfill({ status: 206, headers: { "Content-Range": range }, body });
+    assert.equal(...(await Promise.all(recordings)));
+    // Whatever runs in it, the policy lets nothing out.
+    const refused = await copy.evaluate(async () => {
+        const violated = new Promise((resolve) =>
+            document.addEventListener("securitypolicyviolation", resolve, {
+                once: true,
+            }),
+        );
+        fetch("https://example.invalid/").catch(() => {});
+        return (await violated).effectiveDirective;
     });
-    for (const [name, count] of [
-        ["own.html", 1],
-        ["#replay=run.mcap", 1],
-        ["#replay=run.mcap,other.mcap", 2],
-    ]) {
-        const page = await context.newPage();
-        const sockets = [];
-        page.on("websocket", (socket) => sockets.push(socket.url()));
-        await page.goto(address + name);
-        await untilState(page, "replay");
-        await page.locator("#time-line .frame").first().waitFor();
-        await seek(page, Infinity);
-        await untilFrame(page, ...Array(count).fill(FRAMES));
-        assert.deepEqual(sockets, [], name);
-        await page.close();
-    }
+    assert.equal(refused, "connect-src");
 });
 
 test("What others wrote is in the page with its licence", async () => {
