@@ -13,18 +13,21 @@ import { pictures, untilSettled } from "./support/pictures.mjs";
 import { Program } from "./support/program.mjs";
 import { Stage } from "./support/stage.mjs";
 
-const { KIROWEB_EXPORT, KIROWEB_MONITOR, KIROWEB_REPLAY } = process.env;
+const { KIROWEB_EXPORT, KIROWEB_REPLAY } = process.env;
 const stage = new Stage();
 const FRAMES = 90;
 const MB = 1e6;
 const call = promisify(execFile);
 
-/** Three seconds of the monitor. */
+/** Three seconds of the monitor, as a page saw them. */
 const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
 const run = join(folder, "run.mcap");
 after(() => rm(folder, { recursive: true }));
 before(async () => {
-    await call(KIROWEB_MONITOR, ["--headless", `--frames=${FRAMES}`, `--record=${run}`]);
+    const monitor = await stage.monitor(`--frames=${FRAMES}`, `--record=${run}`);
+    const page = await stage.page();
+    await page.goto(monitor.link);
+    assert.equal(await monitor.exited, 0);
 });
 
 test("Recorded runs are shown beside each other, and again to who reloads, without an engine", async () => {

@@ -1,15 +1,13 @@
 // Recordings in Chromium: what the page shows of them, and how somebody moves in them.
 import assert from "node:assert/strict";
-import { readFile, rename, rm } from "node:fs/promises";
-import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { readFile, rename } from "node:fs/promises";
 import { test } from "node:test";
 import { pathToFileURL } from "node:url";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
 import { Reader } from "../../client/page/recording/reader.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
-import { fzstd } from "../client/support/packages.mjs";
+import { messagesOf, sourceOf } from "../client/support/recordings.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean, untilFrame, untilReplay, untilState } from "./support/page.mjs";
 import { digests, untilSettled } from "./support/pictures.mjs";
@@ -92,55 +90,22 @@ async function latencies(page) {
     return row;
 }
 
-async function recordWindow() {
-    const path = join(tmpdir(), `kiroweb-${process.pid}.mcap`);
-    stage.defer(() => rm(path, { force: true }));
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.link);
-    await untilState(page, "live");
-    scene.tell(`record ${path}`);
-    const seen = new Map();
-    // Also from what a program writes down of all there is.
-    const isEnough = async () => (await contentOf(await readFile(path))).snapshots > 1;
-    while (seen.size < FRAMES || !(await isEnough())) {
-        await scene.draw("step 7");
-        seen.set(Number((await scene.answer(/^frame /)).split(" ")[1]), await seenOn(page));
-    }
-    scene.tell("quit");
-    await scene.exited;
-    return { page, bytes: await readFile(path), seen };
-}
-
-/** When each frame is, in milliseconds since the beginning, and how often everything is there. */
+/** Its messages, and when each frame is, in milliseconds since the beginning. */
 async function contentOf(bytes) {
-    const read = async (offset, length) => bytes.subarray(offset, offset + length);
-    const zstd = (packed, size) => fzstd().decompress(packed, new Uint8Array(size));
-    const reader = await Reader.open({ size: bytes.length, read }, { decompress: { zstd } });
-    const all = (await Promise.all(reader.chunks.map((chunk) => reader.read(chunk)))).flat();
-    const of = (topic) => all.filter(({ channel }) => channel === reader.find(topic));
-    const timeOf = ({ time }) => Number(time - all[0].time) / 1e6;
-    const numbered = of("frames").map((one) => [
-        JSON.parse(Buffer.from(one.data)).frame,
-        timeOf(one),
-    ]);
-    return {
-        times: new Map(numbered),
-        snapshots: of("snapshots").length,
-        all,
-        reader,
-    };
+    const reader = await Reader.open(sourceOf(bytes));
+    const all = await messagesOf(reader);
+    const isMark = ({ channel }) => channel === reader.find("frames");
+    const numbered = all.filter(isMark).map(({ data, time }) => {
+        return [JSON.parse(Buffer.from(data)).frame, Number(time - all[0].time) / 1e6];
+    });
+    return { times: new Map(numbered), all, isMark };
 }
 
 /** The recording up to a frame. */
-async function firstOf(bytes, frames) {
-    const { all, reader } = await contentOf(bytes);
+async function firstOf({ all, isMark }, frames) {
     const writer = new Writer(CHANNELS);
-    let left = frames;
-    for (const { channel, time, data } of all) {
-        if (left > 0) writer.add(channel, time, [data]);
-        if (channel === reader.find("frames")) --left;
-    }
+    const end = all.indexOf(all.filter(isMark)[frames - 1]);
+    for (const { channel, time, data } of all.slice(0, end + 1)) writer.add(channel, time, [data]);
     return Buffer.from(await writer.end().arrayBuffer());
 }
 
@@ -176,63 +141,57 @@ async function assertSeen(page, [titles, axes], what) {
     ownAxes.forEach((one, k) => assert.deepEqual(one, axes[k], `axes ${k} of ${what}`));
 }
 
-for (const [name, run] of [
-    ["the page", async () => record(await start())],
-    ["a window", recordWindow],
-]) {
-    test(`What is seen of a recording of ${name} was seen live, pixel for pixel`, async () => {
-        const { page, bytes, seen } = await run();
-        const { times } = await contentOf(bytes);
-        await replay(page, ["run.mcap", bytes]);
-        const frames = [...seen.keys()];
-        const show = async (frame) => {
-            await seek(page, times.get(frame) + 0.001);
-            await untilFrame(page, frame);
-        };
-        // In the new size.
-        await show(frames[1]);
-        // Forwards, by changes, and back, by what is whole.
-        for (const frame of [...frames, ...[...frames].reverse()]) {
-            await show(frame);
-            await assertSeen(page, seen.get(frame), frame);
-        }
-        await page.keyboard.press(".");
-        await untilFrame(page, frames[0] + 1);
-        await page.keyboard.press(",");
-        await untilFrame(page, frames[0]);
-        await page.getByLabel("Speed").selectOption("as fast as possible");
-        await page.locator(".chart").first().focus();
-        await page.keyboard.press("Space");
-        await untilFrame(page, [...times.keys()].at(-1));
-        await page.getByRole("button", { name: "Play" }).waitFor();
-        assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
-    });
-}
+test("What is seen of a recording was seen live, pixel for pixel", async () => {
+    const { page, bytes, seen } = await record(await start());
+    const { times } = await contentOf(bytes);
+    await replay(page, ["run.mcap", bytes]);
+    const frames = [...seen.keys()];
+    const show = async (frame) => {
+        await seek(page, times.get(frame) + 0.001);
+        await untilFrame(page, frame);
+    };
+    // In the new size.
+    await show(frames[1]);
+    // Forwards, by changes, and back, by what is whole.
+    for (const frame of [...frames, ...[...frames].reverse()]) {
+        await show(frame);
+        await assertSeen(page, seen.get(frame), frame);
+    }
+    await page.keyboard.press(".");
+    await untilFrame(page, frames[1]);
+    await page.keyboard.press(",");
+    await untilFrame(page, frames[0]);
+    await page.getByLabel("Speed").selectOption("as fast as possible");
+    await page.locator(".chart").first().focus();
+    await page.keyboard.press("Space");
+    await untilFrame(page, FRAMES);
+    await page.getByRole("button", { name: "Play" }).waitFor();
+    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
+});
 
 test("Two recordings are shown beside each other, at the same time since their beginning", async () => {
     const engine = await start();
     const { page, bytes } = await record(engine);
     // Of the other run only what was before its last two frames.
     const long = await contentOf(bytes);
-    const short = await firstOf(bytes, FRAMES - 2);
+    const short = await firstOf(long, FRAMES - 2);
     await replay(page, ["long.mcap", bytes]);
     await drop(page, ["short.mcap", short]);
     await page.getByRole("button", { name: "Beside this one" }).click();
     const sides = page.locator(".sides > section");
-    const titles = () => page.locator(".sides .figure h2").allTextContents();
     await sides.nth(1).waitFor();
     assert.match((await sides.locator("> h2").allTextContents()).join(), /long.mcap.*short.mcap/);
-    for (const frame of [5, FRAMES, 3]) {
+    for (const frame of [5, FRAMES]) {
         await seek(page, long.times.get(frame) + 0.001);
         const other = Math.min(frame, FRAMES - 2);
         await untilFrame(page, frame, other);
-        assert.deepEqual(
-            await titles(),
-            [frame, other].map((one) => `Frame ${one - 1}`),
-        );
+        const wanted = [frame, other].map((one) => `Frame ${one - 1}`);
+        assert.deepEqual(await page.locator(".sides .figure h2").allTextContents(), wanted);
         const isOver = /over/.test(await sides.nth(1).locator("> h2").textContent());
         assert.equal(isOver, other < frame);
     }
+    await seek(page, long.times.get(3) + 0.001);
+    await untilFrame(page, 3, 3);
     // What is the same in both is the same picture, and is looked at together.
     const [one, , two] = await digests(page);
     assert.deepEqual(one, two);

@@ -21,7 +21,9 @@ export async function untilReplay(page) {
     const line = page.locator("#time-line");
     await line.waitFor();
     const { height } = await line.boundingBox();
-    await page.setViewportSize({ width: 1280, height: 800 + height });
+    await page.setViewportSize({ width: 1280, height: 800 + Math.round(height) });
+    const twice = (call) => requestAnimationFrame(() => requestAnimationFrame(call));
+    await page.evaluate(`new Promise(${twice})`);
 }
 
 /** Ends when these frames are seen, one of each recording. */
