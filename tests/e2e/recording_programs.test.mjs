@@ -4,7 +4,7 @@ import { execFile } from "node:child_process";
 import { mkdtemp, readFile, rm } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
-import { after, before, test } from "node:test";
+import { test } from "node:test";
 import { pathToFileURL } from "node:url";
 import { promisify } from "node:util";
 
@@ -19,18 +19,20 @@ const FRAMES = 90;
 const MB = 1e6;
 const call = promisify(execFile);
 
-/** Three seconds of the monitor, as a page saw them. */
-const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
-const run = join(folder, "run.mcap");
-after(() => rm(folder, { recursive: true }));
-before(async () => {
+/** The file of three seconds of the monitor, as a page saw them. */
+async function record() {
+    const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
+    stage.defer(() => rm(folder, { recursive: true }));
+    const run = join(folder, "run.mcap");
     const monitor = await stage.monitor(`--frames=${FRAMES}`, `--record=${run}`);
     const page = await stage.page();
     await page.goto(monitor.link);
     assert.equal(await monitor.exited, 0);
-});
+    return run;
+}
 
 test("Recorded runs are shown beside each other, and again to who reloads, without an engine", async () => {
+    const run = await record();
     const program = await Program.run(KIROWEB_REPLAY, ["--no-browser", run, run]);
     stage.defer(() => program.kill());
     const page = await stage.page();
@@ -52,6 +54,7 @@ test("Recorded runs are shown beside each other, and again to who reloads, witho
 });
 
 test("kiroweb-export makes a page of a run, of a part of it, and within a size", async () => {
+    const run = await record();
     const [all, part, few, picture] = ["a.html", "p.html", "f.html", "p.png"].map(
         (name) => `${run}.${name}`,
     );
