@@ -9,7 +9,6 @@ import { pathToFileURL } from "node:url";
 import { promisify } from "node:util";
 
 import { assertClean, untilFrame, untilReplay } from "./support/page.mjs";
-import { pictures, untilSettled } from "./support/pictures.mjs";
 import { Program } from "./support/program.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -68,11 +67,6 @@ test("kiroweb-export makes a page of a run, of a part of it, and within a size",
         await untilReplay(page);
         return page;
     };
-    /** The title, and of all axes each pixel. */
-    const seenOn = async (page) => {
-        await untilSettled(page);
-        return [await page.locator(".figure h2").allTextContents(), await pictures(page)];
-    };
     const [frames, size] = await exported(all);
     assert.equal(frames, FRAMES);
     // What the page and the first frame take is in it each of the twenty times.
@@ -87,7 +81,6 @@ test("kiroweb-export makes a page of a run, of a part of it, and within a size",
     assert.ok(some > 1 && some < FRAMES, `${some} frames`);
     const opened = await open(part);
     await untilFrame(opened, 45);
-    assert.deepEqual(await seenOn(opened), await seenOn(same));
     await assertClean(opened);
 
     const most = size - 10_000;
