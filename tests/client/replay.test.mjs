@@ -277,7 +277,7 @@ test("It plays at the clock's pace, leaves out what the page has no time for, an
     // Of the moments that somebody scrubs over the last one is gone to; each step counts.
     given.length = 0;
     await stage.do(() => {
-        for (let time = 0; time < 2000; time += 100) player.seek(time);
+        for (let to = 0; to < 2000; to += 100) player.seek(to);
     });
     assert.ok(given.length <= 2);
     assert.deepEqual([stage.moment.time, given.at(-1).number], [1900, 18]);

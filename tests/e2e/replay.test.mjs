@@ -211,16 +211,10 @@ test("Two recordings are shown beside each other, at the same time since their b
 
 test("A recording is chosen, looked into, and refused when it is none", async () => {
     const engine = await start();
-    const file = {
-        name: "run.mcap",
-        mimeType: "application/octet-stream",
-        buffer: Buffer.alloc(0),
-    };
-    engine.page.on("filechooser", (chooser) => chooser.setFiles(file));
-    const { page, bytes } = await record(engine);
+    const { page, path } = await record(engine);
+    page.on("filechooser", (chooser) => chooser.setFiles(path));
     // Live, there was one before.
     assert.match(await latencies(page), /^Painting(\d+\.\d){4}11$/);
-    file.buffer = bytes;
     await page.locator(".chart").first().focus();
     await page.keyboard.press("o");
     await untilState(page, "replay");
