@@ -186,7 +186,7 @@ test("Two recordings are shown beside each other, at the same time since their b
         const other = Math.min(frame, FRAMES - 2);
         await untilFrame(page, frame, other);
         const wanted = [frame, other].map((one) => `Frame ${one - 1}`);
-        assert.deepEqual(await page.locator(".sides .figure h2").allTextContents(), wanted);
+        assert.deepEqual(await sides.locator(".figure h2").allTextContents(), wanted);
         const isOver = /over/.test(await sides.nth(1).locator("> h2").textContent());
         assert.equal(isOver, other < frame);
     }
