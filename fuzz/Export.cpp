@@ -7,24 +7,15 @@
 #include "Csv.hpp"
 #include "Cut.hpp"
 #include "Fuzz.hpp"
+#include "Memory.hpp"
 #include "kirorecording/Run.hpp"
-#include "kirorecording/Writer.hpp"
 
 namespace {
 
 using fuzz::require;
 using namespace kirorecording;
 using namespace recording_tool;
-
-class MemorySink : public Sink {
-  public:
-    std::string bytes;
-
-  private:
-    void doWrite(std::string_view more) override { bytes += more; }
-    void doTruncate(std::uint64_t size) override { bytes.resize(size); }
-    void doClose() override {}
-};
+using recording_test::MemorySink;
 
 /// Each string is a message: a byte for the channel, and the content.
 std::string fileOf(FuzzedDataProvider& input) {

@@ -26,76 +26,43 @@ const TWO = [
 ];
 const without = (...gone) =>
     TWO.map((frame) => frame.map((stamp, k) => (gone.includes(STAMPS[k]) ? null : stamp)));
-const QUEUE = { "Page’s queue": [3, 1] };
-const PAINTING = { Painting: [7, 4] };
-const PAGE = { "In the page": [10, 5] };
-const AS_IT_IS = { "Engine to page": [2, 5], ...QUEUE, ...PAINTING, "Way back": [1, 4] };
-const FROM_FASTEST = { "Engine to page": [0, 3], ...QUEUE, ...PAINTING, "Way back": [0, 3] };
+const SPLIT = "Page’s queue 3,1; Painting 7,4";
+const WAYS = `Engine to page 2,5; ${SPLIT}; Way back 1,4`;
+const FROM_FASTEST = `Engine to page 0,3; ${SPLIT}; Way back 0,3`;
 
-/** What there is, the clocks, and what is found; "within": null where times are counted from the
- * fastest. */
-const CASES = {
-    "clocks that agree": [[TWO], AS_IT_IS, 2],
-    "a page whose clock is coarse": [
-        [TWO, 1e9, 1e9 - 2.5],
-        { "Engine to page": [0, 2.5], ...QUEUE, ...PAINTING, "Way back": [3.5, 6.5] },
-        3.5,
-    ],
-    "a page that is ahead, so that answers come before they go": [
-        [TWO, 1e9, 1e9 + 2.5],
-        FROM_FASTEST,
-        null,
-    ],
-    "a page that is far behind": [
-        [[TWO[1], TWO[0]], 5e9, 1e9],
-        { "Engine to page": [3, 0], "Page’s queue": [1, 3], Painting: [4, 7], "Way back": [3, 0] },
-        null,
-    ],
-    "what a page knows": [
-        [without("serverReceive"), 1e9, 7e9],
-        { "Engine to page": [0, 3], ...QUEUE, ...PAINTING },
-        null,
-    ],
-    "an engine that does not stamp": [
-        [without("serverSend", "serverReceive")],
-        { ...QUEUE, ...PAINTING },
-        null,
-    ],
-    "nothing of painting": [
-        [without("clientPaint")],
-        { "Engine to page": [2, 5], ...PAGE, "Way back": [1, 4] },
-        2,
-    ],
-    "some stamps missing": [
+/** What there is, the clocks, what is found, and within what the clocks agree; null: times are
+ * counted from the fastest. */
+const CASES = [
+    [[TWO], WAYS, 2],
+    // A page whose clock is coarse, one that is ahead, so that answers come before they go, and one
+    // that is far behind.
+    [[TWO, 1e9, 1e9 - 2.5], `Engine to page 0,2.5; ${SPLIT}; Way back 3.5,6.5`, 3.5],
+    [[TWO, 1e9, 1e9 + 2.5], FROM_FASTEST, null],
+    [[TWO, 5e9, 1e9], FROM_FASTEST, null],
+    // What a page knows, an engine that does not stamp, and nothing of painting.
+    [[without("serverReceive"), 1e9, 7e9], `Engine to page 0,3; ${SPLIT}`, null],
+    [[without("serverSend", "serverReceive")], SPLIT, null],
+    [[without("clientPaint")], "Engine to page 2,5; In the page 10,5; Way back 1,4", 2],
+    // Some stamps are missing, and those of one clock are in the wrong order.
+    [
         [[TWO[0], [20, 25, null, 30, null]]],
-        {
-            "Engine to page": [2, 5],
-            "Page’s queue": [3, NaN],
-            Painting: [7, NaN],
-            "Way back": [1, NaN],
-        },
+        "Engine to page 2,5; Page’s queue 3,NaN; Painting 7,NaN; Way back 1,NaN",
         2,
     ],
-    "stamps of one clock in the wrong order": [
+    [
         [[TWO[0], [20, 25, 31, 30, 34]]],
-        {
-            "Engine to page": [2, 5],
-            "Page’s queue": [3, 6],
-            Painting: [7, NaN],
-            "Way back": [1, 4],
-        },
+        "Engine to page 2,5; Page’s queue 3,6; Painting 7,NaN; Way back 1,4",
         2,
     ],
-    "no frame": [[[]], {}, null],
-};
+    [[[]], "", null],
+];
 
 test("Each part's times are those of its stamps, whatever the clocks of the two sides say", () => {
-    for (const [what, [given, parts, within]] of Object.entries(CASES)) {
-        const found = latencyOf(columnsOf(...given));
-        const named = found.parts.map(({ name, times }) => [name, [...times]]);
-        assert.deepEqual(Object.fromEntries(named), parts, what);
-        assert.equal(found.clocks.isShifted, within === null, what);
-        if (within !== null) assert.equal(found.clocks.within, within, what);
+    for (const [given, wanted, within] of CASES) {
+        const { parts, clocks } = latencyOf(columnsOf(...given));
+        const found = parts.map(({ name, times }) => `${name} ${times}`).join("; ");
+        assert.deepEqual([found, clocks.isShifted], [wanted, within === null]);
+        assert.equal(clocks.within, within ?? NaN, wanted);
     }
     assert.deepEqual([...latencyOf(columnsOf(TWO, 1e9, 9e9)).whole.times], [13, 14]);
     const { late, parts } = latencyOf(columnsOf([TWO[0], LATE, TWO[1]]));

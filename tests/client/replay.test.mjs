@@ -115,16 +115,11 @@ class Stage {
     #timers = new Set();
     /** Bytes that were read. */
     read = 0;
-    static async open(bytes, options = {}) {
+    /** Of one recording, or of several beside each other. */
+    static async open(files, options = {}) {
         const stage = new Stage();
-        await stage.#add(bytes, options);
-        return stage;
-    }
-    /** Two beside each other. */
-    static async pair(...files) {
-        const stage = new Stage();
-        for (const [side, bytes] of files.entries()) {
-            await stage.#add(bytes, { side, name: `${side}.mcap` });
+        for (const [side, bytes] of [files].flat().entries()) {
+            await stage.#add(bytes, { side, name: `${side}.mcap`, ...options });
         }
         return stage;
     }
@@ -244,7 +239,7 @@ for (const options of [{}, { most: 0, near: 0 }, { most: 0, close: 0 }]) {
     });
 }
 
-test("It plays at the clock's pace, leaves out what the page has no time for, and ends", async () => {
+test("It plays at the clock's pace, leaves out what the page has no time for, and goes where it is told", async () => {
     // A frame each 100 ms.
     const { run, bytes } = await recorded(21);
     const stage = await Stage.open(bytes);
@@ -279,6 +274,17 @@ test("It plays at the clock's pace, leaves out what the page has no time for, an
     assert.equal(stage.moment.time, stage.chunks.duration);
     assert.deepEqual(contentOf(stage.scene), run.shown.at(-1));
 
+    // Of the moments that somebody scrubs over the last one is gone to; each step counts.
+    given.length = 0;
+    await stage.do(() => {
+        for (let to = 0; to < 2000; to += 100) player.seek(to);
+    });
+    assert.ok(given.length <= 2);
+    assert.deepEqual([stage.moment.time, given.at(-1).number], [1900, 18]);
+    await stage.do(() => [-1, -1, 1, -1].forEach((by) => player.step(by)));
+    assert.equal(given.at(-1).number, 16);
+    await stage.do(() => player.seek(Infinity));
+
     // From the beginning again; each frame.
     given.length = 0;
     moments.length = 0;
@@ -287,25 +293,13 @@ test("It plays at the clock's pace, leaves out what the page has no time for, an
     assert.equal(stage.moment.isPlaying, false);
 });
 
-test("Of the moments that somebody scrubs over the last one is gone to; each step counts", async () => {
-    const { run, bytes } = await recorded(30);
-    const stage = await Stage.open(bytes);
-    const { player, given } = stage;
-    await stage.do(() => {
-        for (let time = 0; time < 2000; time += 100) player.seek(time);
-    });
-    assert.ok(given.length <= 2);
-    assert.equal(stage.moment.time, 1900);
-    const { number } = given.at(-1);
-    await stage.do(() => {
-        player.step(1);
-        player.step(1);
-        player.step(1);
-        player.step(-1);
-    });
-    assert.deepEqual(contentOf(stage.scene), run.shown[given.at(-1).number]);
-    assert.equal(given.at(-1).number, number + 2);
-});
+/** What a scene has on one side, with the numbers of its engine. */
+const sideContent = (scene, side) =>
+    contentOf(scene)
+        .filter(([id]) => sideOf(id) === side)
+        .map(([id, type, parent, ...rest]) => {
+            return [ownNumber(id), type, parent && ownNumber(parent), ...rest];
+        });
 
 /** A run with a late frame, an error and a failed frame, and where they are. */
 async function troubled() {
@@ -362,13 +356,24 @@ test("The next error, late or failed frame is found, and marked on the time line
     const stretch = (time[10] / chunks.duration) * STRETCHES;
     // Not the failed one, nor the last, which has no token.
     assert.deepEqual([latencies.total, Math.floor(stretch)], [38, first[0][2]]);
-    assert.deepEqual(
-        [clientReceive, clientSend].map((one) => [one[9], one[10]]),
-        [
-            [3, 0],
-            [7, 0],
-        ],
-    );
+    const stamps = [9, 10].map((i) => [clientReceive[i], clientSend[i]]);
+    assert.deepEqual(stamps, [
+        [3, 7],
+        [0, 0],
+    ]);
+
+    // Of two recordings it is said whose it is.
+    const { run, bytes: calm } = await recorded(60);
+    const pair = await Stage.open([calm, bytes]);
+    await pair.do((one) => one.seek(0));
+    const { why, frames } = await pair.do((one) => one.nextTrouble());
+    assert.deepEqual([why, frames[1]], ["1.mcap: late", 10]);
+    assert.deepEqual(sideContent(pair.scene, 0), run.shown[frames[0]]);
+    assert.ok(frames[0] > 5);
+    bytes[pair.reader.chunks.at(-1).offset + 100] ^= 4;
+    await pair.do((one) => one.seek(Infinity));
+    await pair.do((one) => one.seek(pair.chunks.duration));
+    assert.match(pair.errors[0].message, /^1\.mcap: offset \d+: /);
 });
 
 test("Where a file is damaged it says so, and shows what is not", async () => {
@@ -403,22 +408,10 @@ test("Where a file is damaged it says so, and shows what is not", async () => {
     assert.ok(damaged === 1 || damaged === 2, `${damaged} stretches`);
 });
 
-/** What a scene has on one side, with the numbers of its engine. */
-const sideContent = (scene, side) => {
-    const ofSide = ([id]) => sideOf(id) === side;
-    const own = ([id, type, parent, ...rest]) => [
-        ownNumber(id),
-        type,
-        parent && ownNumber(parent),
-        ...rest,
-    ];
-    return contentOf(scene).filter(ofSide).map(own);
-};
-
 test("Two recordings go on together, each as it was, and one that is over stays", async () => {
     // Frames of one lie between those of the other.
     const [long, short] = [await recorded(30, 100, 7), await recorded(12, 150)];
-    const stage = await Stage.pair(long.bytes, short.bytes);
+    const stage = await Stage.open([long.bytes, short.bytes]);
     const { player } = stage;
     const check = (...frames) => {
         [long, short].forEach(({ run }, side) => {
@@ -431,21 +424,19 @@ test("Two recordings go on together, each as it was, and one that is over stays"
     await stage.do(() => player.seek(0));
     check(0, 0);
     const walked = [[0, 0]];
-    const step = async (by) => {
-        await stage.do(() => player.step(by));
-        return stage.moment.frames;
-    };
+    const step = (by) => stage.do(() => player.step(by));
     // One at a time, in the order of time; the same way back.
     let time = 0;
     while (walked.length < 30 + 12 - 1) {
-        walked.push(await step(1));
-        check(...walked.at(-1));
-        assert.ok(stage.moment.time >= time);
-        ({ time } = stage.moment);
+        const moment = await step(1);
+        walked.push(moment.frames);
+        check(...moment.frames);
+        assert.ok(moment.time >= time);
+        ({ time } = moment);
     }
     assert.deepEqual(walked.at(-1), [29, 11]);
     for (const frames of walked.slice(0, -1).reverse()) {
-        assert.deepEqual(await step(-1), frames);
+        await step(-1);
         check(...frames);
     }
     await stage.do(() => player.seek(1020));
@@ -465,26 +456,11 @@ test("Two recordings go on together, each as it was, and one that is over stays"
     late.begin();
     late.frame(() => late.draw(), true);
     late.recorder.end();
-    const other = await Stage.pair(long.bytes, await rechunked(late.file, 3000));
+    const other = await Stage.open([long.bytes, await rechunked(late.file, 3000)]);
     await other.do((one) => one.seek(520));
     assert.deepEqual(other.moment.frames, [5, 0]);
     await other.do((one) => one.step(-1));
     assert.deepEqual([other.moment.frames, Math.round(other.moment.time)], [[4, 0], 400]);
-});
-
-test("Of two recordings the next trouble of either is found, and it is said whose it is", async () => {
-    const { bytes } = await troubled();
-    const { run, bytes: calm } = await recorded(60);
-    const stage = await Stage.pair(calm, bytes);
-    await stage.do((player) => player.seek(0));
-    const { why, frames, time } = await stage.do((player) => player.nextTrouble());
-    assert.deepEqual([why, frames[1]], ["1.mcap: late", 10]);
-    assert.deepEqual(sideContent(stage.scene, 0), run.shown[frames[0]]);
-    assert.ok(frames[0] > 5 && time > 0);
-    bytes[stage.reader.chunks.at(-1).offset + 100] ^= 4;
-    await stage.do((player) => player.seek(Infinity));
-    await stage.do((player) => player.seek(stage.chunks.duration));
-    assert.match(stage.errors[0].message, /^1\.mcap: offset \d+: /);
 });
 
 test("The same axes of two recordings are looked at together, but for dates", () => {

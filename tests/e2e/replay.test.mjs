@@ -1,16 +1,18 @@
 // Recordings in Chromium: what the page shows of them, and how somebody moves in them.
 import assert from "node:assert/strict";
-import { readFile, rm } from "node:fs/promises";
+import { readFile, rename, rm } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { test } from "node:test";
+import { pathToFileURL } from "node:url";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
 import { Reader } from "../../client/page/recording/reader.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
 import { fzstd } from "../client/support/packages.mjs";
+import { messagesOf, sourceOf } from "../client/support/recordings.mjs";
 import { Engine } from "./support/engine.mjs";
-import { assertClean, untilState } from "./support/page.mjs";
+import { assertClean, untilFrame, untilReplay, untilState } from "./support/page.mjs";
 import { digests, untilSettled } from "./support/pictures.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -23,12 +25,20 @@ async function start() {
     await engine.frame(() => {
         engine.create(1, "figure", 0, { title: "A run" });
         // How much room numbers have depends on those before, too: they stay.
-        engine.create(2, "axes", 1, { x: { label: "time" }, y: { limits: [-10, 10] } });
+        engine.create(2, "axes", 1, {
+            x: { label: "time" },
+            y: { limits: [-10, 10] },
+        });
         engine.create(3, "line", 2, { name: "a wave" });
         engine.create(4, "scatter", 2, { name: "places", limits: [0, 20] });
         engine.create(5, "axes", 1, { y: { limits: [0, 20] } });
         engine.create(6, "bars", 5);
-        engine.create(7, "slider", 1, { label: "Gain", low: 0, high: 1, value: 0.5 });
+        engine.create(7, "slider", 1, {
+            label: "Gain",
+            low: 0,
+            high: 1,
+            value: 0.5,
+        });
     }, true);
     return engine;
 }
@@ -46,8 +56,19 @@ async function seenOn(page) {
     return [await page.locator(".figure h2").allTextContents(), await digests(page)];
 }
 
+/** A file that the page gives when it is asked for it. */
+async function downloaded(page, ask, ending = "") {
+    const download = page.waitForEvent("download");
+    await ask(page);
+    const path = await (await download).path();
+    // By its name a browser knows what it is.
+    await rename(path, path + ending);
+    return path + ending;
+}
+const saveAsPage = (page) => page.getByRole("button", { name: "Save as HTML" }).click();
+
 /** What is recorded of ten frames by their page, and what was seen of each. */
-async function record(engine) {
+async function record(engine, end = (page) => page.keyboard.press("r"), ending = "") {
     const { page } = engine;
     await page.locator(".chart").first().focus();
     await page.keyboard.press("r");
@@ -57,9 +78,28 @@ async function record(engine) {
         assert.equal(await engine.frame(() => draw(engine, i)), "painted");
         seen.set(i + 1, await seenOn(page));
     }
-    const download = page.waitForEvent("download");
-    await page.keyboard.press("r");
-    return { page, bytes: await readFile(await (await download).path()), seen };
+    const path = await downloaded(page, end, ending);
+    return { page, path, bytes: await readFile(path), seen };
+}
+
+/** The same of a program's recording, and of how it writes down all there is. */
+async function recordWindow() {
+    const path = join(tmpdir(), `kiroweb-${process.pid}.mcap`);
+    stage.defer(() => rm(path, { force: true }));
+    const scene = await stage.scene("live");
+    const page = await stage.page();
+    await page.goto(scene.link);
+    await untilState(page, "live");
+    scene.tell(`record ${path}`);
+    const seen = new Map();
+    const isEnough = async () => (await contentOf(await readFile(path))).snapshots > 1;
+    while (seen.size < FRAMES || !(await isEnough())) {
+        await scene.draw("step 7");
+        seen.set(Number((await scene.answer(/^frame /)).split(" ")[1]), await seenOn(page));
+    }
+    scene.tell("quit");
+    await scene.exited;
+    return { page, bytes: await readFile(path), seen };
 }
 
 /** What the panel behind the flush figure says of painting. */
@@ -73,79 +113,25 @@ async function latencies(page) {
     return row;
 }
 
-/** A name for a program's recording. */
-function newFile(name) {
-    const path = join(tmpdir(), `kiroweb-${process.pid}-${name}.mcap`);
-    stage.defer(() => rm(path, { force: true }));
-    return path;
-}
-
-async function recordWindow() {
-    const path = newFile("window");
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.link);
-    await untilState(page, "live");
-    scene.tell(`record ${path}`);
-    const seen = new Map();
-    // Also from what a program writes down of all there is.
-    const isEnough = async () => (await contentOf(await readFile(path))).snapshots > 1;
-    while (seen.size < FRAMES || !(await isEnough())) {
-        await scene.draw("step 7");
-        seen.set(Number((await scene.answer(/^frame /)).split(" ")[1]), await seenOn(page));
-    }
-    scene.tell("quit");
-    await scene.exited;
-    return { page, bytes: await readFile(path), seen };
-}
-
-/** The program stands still for each picture. */
-async function recordMonitor() {
-    const path = newFile("monitor");
-    const monitor = await stage.monitor("--record", path);
-    const page = await stage.page();
-    await page.goto(monitor.link);
-    await untilState(page, "live");
-    const seen = new Map();
-    const painted = () => page.evaluate(() => kirowebPage.statistics?.frames ?? 0);
-    while (seen.size < FRAMES) {
-        monitor.process.kill("SIGCONT");
-        while ((await painted()) === 0);
-        monitor.process.kill("SIGSTOP");
-        await page.waitForFunction(() => kirowebPage.statistics.frames === 0);
-        const number = await page.evaluate(() => kirowebPage.statistics.frame);
-        seen.set(number, await seenOn(page));
-    }
-    monitor.process.kill("SIGCONT");
-    monitor.process.kill("SIGINT");
-    await monitor.exited;
-    return { page, bytes: await readFile(path), seen };
-}
-
-/** When each frame is, in milliseconds since the beginning, and how often everything is there. */
+/** Its messages, and when each frame is, in milliseconds since the beginning. */
 async function contentOf(bytes) {
-    const read = async (offset, length) => bytes.subarray(offset, offset + length);
     const zstd = (packed, size) => fzstd().decompress(packed, new Uint8Array(size));
-    const reader = await Reader.open({ size: bytes.length, read }, { decompress: { zstd } });
-    const all = (await Promise.all(reader.chunks.map((chunk) => reader.read(chunk)))).flat();
-    const of = (topic) => all.filter(({ channel }) => channel === reader.find(topic));
-    const timeOf = ({ time }) => Number(time - all[0].time) / 1e6;
-    const numbered = of("frames").map((one) => [
-        JSON.parse(Buffer.from(one.data)).frame,
-        timeOf(one),
-    ]);
-    return { times: new Map(numbered), snapshots: of("snapshots").length, all, reader };
+    const reader = await Reader.open(sourceOf(bytes), { decompress: { zstd } });
+    const all = await messagesOf(reader);
+    const isMark = ({ channel }) => channel === reader.find("frames");
+    const numbered = all.filter(isMark).map(({ data, time }) => {
+        return [JSON.parse(Buffer.from(data)).frame, Number(time - all[0].time) / 1e6];
+    });
+    const isSnapshot = ({ channel }) => channel === reader.find("snapshots");
+    const snapshots = all.filter(isSnapshot).length;
+    return { times: new Map(numbered), snapshots, all, isMark };
 }
 
 /** The recording up to a frame. */
-async function firstOf(bytes, frames) {
-    const { all, reader } = await contentOf(bytes);
+async function firstOf({ all, isMark }, frames) {
     const writer = new Writer(CHANNELS);
-    let left = frames;
-    for (const { channel, time, data } of all) {
-        if (left > 0) writer.add(channel, time, [data]);
-        if (channel === reader.find("frames")) --left;
-    }
+    const end = all.indexOf(all.filter(isMark)[frames - 1]);
+    for (const { channel, time, data } of all.slice(0, end + 1)) writer.add(channel, time, [data]);
     return Buffer.from(await writer.end().arrayBuffer());
 }
 
@@ -165,11 +151,7 @@ async function drop(page, ...files) {
 /** Shows recordings, with figures as large as they were live. */
 async function replay(page, ...files) {
     await drop(page, ...files);
-    await untilState(page, "replay");
-    const line = page.locator("#time-line");
-    await line.waitFor();
-    const { height } = await line.boundingBox();
-    await page.setViewportSize({ width: 1280, height: 800 + height });
+    await untilReplay(page);
 }
 
 const seek = (page, time) =>
@@ -179,56 +161,46 @@ const seek = (page, time) =>
         slider.dispatchEvent(new Event("input"));
     }, time);
 
-/** Ends when these frames are seen. */
-async function untilFrame(page, ...numbers) {
-    await page.waitForFunction(
-        (wanted) => {
-            const told = document.querySelector(".now").title.matchAll(/Frame (\d+),/g);
-            return String([...told].map(([, frame]) => frame)) === wanted;
-        },
-        String(numbers),
-        { timeout: 20_000 },
-    );
+async function assertSeen(page, [titles, axes], what) {
+    const [own, ownAxes] = await seenOn(page);
+    assert.deepEqual(own, titles);
+    ownAxes.forEach((one, k) => assert.deepEqual(one, axes[k], `axes ${k} of ${what}`));
+}
+
+async function compare(page, bytes, seen) {
+    const { times } = await contentOf(bytes);
+    await replay(page, ["run.mcap", bytes]);
+    const frames = [...seen.keys()];
+    const show = async (frame) => {
+        await seek(page, times.get(frame) + 0.001);
+        await untilFrame(page, frame);
+    };
+    // In the new size.
+    await show(frames[1]);
+    // Forwards, by changes, and back, by what is whole.
+    for (const frame of [...frames, ...[...frames].reverse()]) {
+        await show(frame);
+        await assertSeen(page, seen.get(frame), frame);
+    }
+    await page.keyboard.press(".");
+    await untilFrame(page, frames[1]);
+    await page.keyboard.press(",");
+    await untilFrame(page, frames[0]);
+    await page.getByLabel("Speed").selectOption("as fast as possible");
+    await page.locator(".chart").first().focus();
+    await page.keyboard.press("Space");
+    await untilFrame(page, frames.at(-1));
+    await page.getByRole("button", { name: "Play" }).waitFor();
+    assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
 }
 
 for (const [name, run] of [
     ["the page", async () => record(await start())],
     ["a window", recordWindow],
-    ["the monitor", recordMonitor],
 ]) {
     test(`What is seen of a recording of ${name} was seen live, pixel for pixel`, async () => {
         const { page, bytes, seen } = await run();
-        const { times } = await contentOf(bytes);
-        await replay(page, ["run.mcap", bytes]);
-        const compare = async (frame) => {
-            const [titles, axes] = await seenOn(page);
-            const [wanted, before] = seen.get(frame);
-            assert.deepEqual(titles, wanted);
-            axes.forEach((one, k) => assert.deepEqual(one, before[k], `axes ${k} of ${frame}`));
-        };
-        const frames = [...seen.keys()];
-        const show = async (frame) => {
-            await seek(page, times.get(frame) + 0.001);
-            await untilFrame(page, frame);
-        };
-        // In the new size.
-        await show(frames[1]);
-        // Forwards, by changes, and back, by what is whole.
-        for (const frame of [...frames, ...[...frames].reverse()]) {
-            await show(frame);
-            await compare(frame);
-        }
-        await page.keyboard.press(".");
-        await untilFrame(page, frames[0] + 1);
-        await page.keyboard.press(",");
-        await untilFrame(page, frames[0]);
-        await compare(frames[0]);
-        await page.getByLabel("Speed").selectOption("as fast as possible");
-        await page.locator(".chart").first().focus();
-        await page.keyboard.press("Space");
-        await untilFrame(page, [...times.keys()].at(-1));
-        await page.getByRole("button", { name: "Play" }).waitFor();
-        assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
+        await compare(page, bytes, seen);
     });
 }
 
@@ -237,25 +209,24 @@ test("Two recordings are shown beside each other, at the same time since their b
     const { page, bytes } = await record(engine);
     // Of the other run only what was before its last two frames.
     const long = await contentOf(bytes);
-    const short = await firstOf(bytes, FRAMES - 2);
+    const short = await firstOf(long, FRAMES - 2);
     await replay(page, ["long.mcap", bytes]);
     await drop(page, ["short.mcap", short]);
     await page.getByRole("button", { name: "Beside this one" }).click();
     const sides = page.locator(".sides > section");
-    const titles = () => page.locator(".sides .figure h2").allTextContents();
     await sides.nth(1).waitFor();
     assert.match((await sides.locator("> h2").allTextContents()).join(), /long.mcap.*short.mcap/);
-    for (const frame of [5, FRAMES, 3]) {
+    for (const frame of [5, FRAMES]) {
         await seek(page, long.times.get(frame) + 0.001);
         const other = Math.min(frame, FRAMES - 2);
         await untilFrame(page, frame, other);
-        assert.deepEqual(
-            await titles(),
-            [frame, other].map((one) => `Frame ${one - 1}`),
-        );
+        const wanted = [frame, other].map((one) => `Frame ${one - 1}`);
+        assert.deepEqual(await sides.locator(".figure h2").allTextContents(), wanted);
         const isOver = /over/.test(await sides.nth(1).locator("> h2").textContent());
         assert.equal(isOver, other < frame);
     }
+    await seek(page, long.times.get(3) + 0.001);
+    await untilFrame(page, 3, 3);
     // What is the same in both is the same picture, and is looked at together.
     const [one, , two] = await digests(page);
     assert.deepEqual(one, two);
@@ -275,16 +246,10 @@ test("Two recordings are shown beside each other, at the same time since their b
 
 test("A recording is chosen, looked into, and refused when it is none", async () => {
     const engine = await start();
-    const file = {
-        name: "run.mcap",
-        mimeType: "application/octet-stream",
-        buffer: Buffer.alloc(0),
-    };
-    engine.page.on("filechooser", (chooser) => chooser.setFiles(file));
-    const { page, bytes } = await record(engine);
+    const { page, path } = await record(engine);
+    page.on("filechooser", (chooser) => chooser.setFiles(path));
     // Live, there was one before.
     assert.match(await latencies(page), /^Painting(\d+\.\d){4}11$/);
-    file.buffer = bytes;
     await page.locator(".chart").first().focus();
     await page.keyboard.press("o");
     await untilState(page, "replay");
@@ -308,39 +273,50 @@ test("A recording is chosen, looked into, and refused when it is none", async ()
     assert.equal(await page.locator("#time-line").isVisible(), false);
 });
 
-test("A page replays what is in its document, or beside it, and asks for no engine", async () => {
+/** A single file, as a double click opens it; what it asked for. */
+async function open(path, moment = "") {
+    const page = await stage.page({ offline: true });
+    page.requests = [];
+    page.on("request", (request) => page.requests.push(request.url().replace(/^blob:.*/, "blob:")));
+    await page.goto(pathToFileURL(path).href + moment);
+    await untilReplay(page);
+    return page;
+}
+
+test("What a page recorded is one file, which needs no network and shows what was seen", async () => {
     const engine = await start();
-    const { bytes } = await record(engine);
-    const address = engine.page.url().replace(/#.*/, "");
-    const context = engine.page.context();
-    const inDocument = `<script type="text/plain" id="recording">${bytes.toString("base64")}</script>`;
-    await context.route("**/own.html", async (route) => {
-        const response = await route.fetch({ url: address });
-        const text = await response.text();
-        await route.fulfill({ response, body: text.replace("</body>", `${inDocument}</body>`) });
+    // Also when the program is gone meanwhile.
+    const end = (page) => engine.stop().then(() => saveAsPage(page));
+    const { path: saved, seen } = await record(engine, end, ".html");
+    const alone = await open(saved, "#frame=3");
+    await untilFrame(alone, 3);
+    await assertSeen(alone, seen.get(3), "a single file");
+    await alone.keyboard.press(".");
+    await untilFrame(alone, 4);
+    // Saved again it is the same, but for where it opens.
+    const again = await downloaded(alone, saveAsPage, ".html");
+    const own = pathToFileURL(saved).href;
+    assert.deepEqual([...new Set(alone.requests)], [own, "blob:"]);
+    await assertClean(alone);
+    const copy = await open(again);
+    await untilFrame(copy, 4);
+    await assertSeen(copy, seen.get(4), "its copy");
+    const recordings = [saved, again].map(async (path) => {
+        const text = await readFile(path, "utf8");
+        return text.match(/id="recording" data-at="[\d.]*">([^<]+)/)[1];
     });
-    await context.route("**/*.mcap", (route) => {
-        const [, from, to] = /^bytes=(\d+)-(\d+)$/.exec(route.request().headers().range);
-        const range = `bytes ${from}-${to}/${bytes.length}`;
-        const body = bytes.subarray(Number(from), Number(to) + 1);
-        return route.fulfill({ status: 206, headers: { "Content-Range": range }, body });
+    assert.equal(...(await Promise.all(recordings)));
+    // Whatever runs in it, the policy lets nothing out.
+    const refused = await copy.evaluate(async () => {
+        const violated = new Promise((resolve) =>
+            document.addEventListener("securitypolicyviolation", resolve, {
+                once: true,
+            }),
+        );
+        fetch("https://example.invalid/").catch(() => {});
+        return (await violated).effectiveDirective;
     });
-    for (const [name, count] of [
-        ["own.html", 1],
-        ["#replay=run.mcap", 1],
-        ["#replay=run.mcap,other.mcap", 2],
-    ]) {
-        const page = await context.newPage();
-        const sockets = [];
-        page.on("websocket", (socket) => sockets.push(socket.url()));
-        await page.goto(address + name);
-        await untilState(page, "replay");
-        await page.locator("#time-line .frame").first().waitFor();
-        await seek(page, Infinity);
-        await untilFrame(page, ...Array(count).fill(FRAMES));
-        assert.deepEqual(sockets, [], name);
-        await page.close();
-    }
+    assert.equal(refused, "connect-src");
 });
 
 test("What others wrote is in the page with its licence", async () => {

@@ -76,40 +76,14 @@ class RecordingTest : public WindowTest {
     }
 };
 
-TEST_F(RecordingTest, HoldsWhatThePageGotAndBeginsWithEverything) {
-    auto& line = axes().line().append({1, 2}, {3, 4});
-    EXPECT_EQ(drawn(), Outcome::kPainted);
-    fWindow->record(fFile);
-    EXPECT_EQ(fWindow->recording().phase, Phase::kOn);
-    EXPECT_EQ(drawn(), Outcome::kPainted);
-    line.append({5}, {6});
-    EXPECT_EQ(drawn(), Outcome::kPainted);
-    const auto all = recorded();
-    const auto follower = followed(all);
-    EXPECT_THAT(follower.faults, ElementsAre());
-    EXPECT_EQ(linesOf(follower.picture), linesOf(fPage.last().picture));
-    EXPECT_GT(fWindow->recording().bytes, 1000U);
-
-    const auto marks = of(Topic::kFrames, all);
-    ASSERT_EQ(marks.size(), 2U);
-    EXPECT_THAT(marks[0], HasSubstr(R"({"frame":1,"attempt":1,"kind":"whole","bytes":)"));
-    EXPECT_THAT(marks[1], HasSubstr(R"({"frame":2,"attempt":1,"kind":"changes","bytes":)"));
-    std::size_t bytes = 0;
-    for (const auto& one : all) {
-        bytes += one.topic == "commands" || one.topic == "blocks" ? one.data.size() : 0;
-    }
-    for (const auto& mark : marks) {
-        bytes -= boost::json::parse(mark).at("bytes").to_number<std::size_t>();
-    }
-    EXPECT_EQ(bytes, 0U);
-}
-
-TEST_F(RecordingTest, CanBeReadFromEachOfItsSnapshots) {
-    fWindow->record(fFile);
+TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
     auto& kept = axes().line().keep(5);
     auto& regular = axes().line().keep(3);
     regular.set(Regular{10, 0.5}, {1, 2});
-    std::vector<std::vector<std::string>> pictures;
+    EXPECT_EQ(drawn(), Outcome::kPainted);
+    fWindow->record(fFile);
+    EXPECT_EQ(fWindow->recording().phase, Phase::kOn);
+    std::vector<std::vector<std::string>> pictures{linesOf(fPage.last().picture)};
     for (int i = 0; i < 12; ++i) {
         kept.append({1.0 * i, i + 0.5}, {2.0 * i, 7.0});
         regular.append(std::vector<double>{1.0 * i});
@@ -119,19 +93,34 @@ TEST_F(RecordingTest, CanBeReadFromEachOfItsSnapshots) {
         advance(std::chrono::seconds(1));
     }
     const auto all = recorded();
+    EXPECT_GT(fWindow->recording().bytes, 1000U);
     std::size_t snapshots = 0;
+    std::size_t bytes = 0;
     for (std::size_t i = 0; i < all.size(); ++i) {
-        if (all[i].topic != nameOf(Topic::kSnapshots)) continue;
-        ++snapshots;
+        const auto& [topic, time, data] = all[i];
+        bytes += topic == "commands" || topic == "blocks" ? data.size() : 0;
+        const bool isSnapshot = topic == nameOf(Topic::kSnapshots);
+        if (i > 0 && !isSnapshot) continue;
         const auto follower = followed(all, i);
         EXPECT_THAT(follower.faults, ElementsAre());
         EXPECT_EQ(linesOf(follower.picture), pictures.back());
+        if (!isSnapshot) continue;
+        ++snapshots;
         // And by itself, as it was then.
         const auto alone = followed({all[i]});
         EXPECT_EQ(linesOf(alone.picture), pictures.at(alone.current.number));
     }
     EXPECT_GT(snapshots, 1U);
     EXPECT_LT(snapshots, 6U);  // each takes less room than what it spares
+
+    const auto marks = of(Topic::kFrames, all);
+    ASSERT_EQ(marks.size(), 12U);
+    EXPECT_THAT(marks[0], HasSubstr(R"({"frame":1,"attempt":1,"kind":"whole","bytes":)"));
+    EXPECT_THAT(marks[1], HasSubstr(R"({"frame":2,"attempt":1,"kind":"changes","bytes":)"));
+    for (const auto& mark : marks) {
+        bytes -= boost::json::parse(mark).at("bytes").to_number<std::size_t>();
+    }
+    EXPECT_EQ(bytes, 0U);
 }
 
 TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {

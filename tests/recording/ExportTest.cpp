@@ -16,6 +16,7 @@ namespace {
 
 using namespace kirorecording;
 using namespace recording_tool;
+using namespace std::string_literals;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -85,6 +86,7 @@ constexpr const char* kXY = R"([["x","f64"],["y","f64"]])";
 constexpr const char* kFigure = R"("cmd":"create","id":1,"type":"figure")";
 constexpr const char* kAxes = R"("cmd":"create","id":2,"type":"axes","parent":1)";
 
+constexpr const char* kImage = R"("cmd":"create","id":3,"type":"image","parent":2)";
 constexpr const char* kLine = R"("cmd":"create","id":3,"type":"line","parent":2,"name":"A wave")";
 
 void makeLine(Film& film, const std::string& axes = "", const std::string& line = "") {
@@ -132,6 +134,17 @@ std::string tenFrames() {
         film.say(Topic::kTokens, "{}");
         if (n % 4 == 0 && n > 0) film.say(Topic::kSnapshots, snapshotOf(n));
     }
+    return film.end();
+}
+
+using Draw = std::function<void(Film&)>;
+
+/// A file with a frame that has a line, and what is drawn.
+std::string oneFrame(const Draw& draw, const std::string& axes = "", const std::string& line = "") {
+    Film film;
+    makeLine(film, axes, line);
+    draw(film);
+    film.mark(0, true);
     return film.end();
 }
 
@@ -205,8 +218,9 @@ TEST(Export, TablesHaveWhatAFrameShows) {
         const char* what;
         std::string axes;
         std::string line;
-        std::function<void(Film&)> draw;
+        Draw draw;
         std::string table;
+        std::string name = "1-a-wave.csv";
     };
     const double inf = std::numeric_limits<double>::infinity();
     const std::vector<Case> cases{
@@ -247,84 +261,65 @@ TEST(Export, TablesHaveWhatAFrameShows) {
              film.command(R"("cmd":"set","id":3,"keep":null,"limits":[NaN,Infinity])");
          },
          "x,y\r\n2,4\r\n"},
+        {"an image's pixels; what is removed is gone, and what has no elements has no table", "",
+         "",
+         [](Film& film) {
+             film.data(kXY, 0, 1, bytesOf<double>({1, 2}));
+             film.command(R"("cmd":"remove","id":2)");
+             film.command(kAxes);
+             film.command(kImage + R"(,"rows":2,"columns":2,"x":[0,4])"s);
+             film.data(R"([["z","u8"]])", 0, 4, "\x01\x02\x03\x04");
+             film.command(R"("cmd":"create","id":4,"type":"line","parent":2,"name":"empty")");
+         },
+         "x,y,z\r\n1,0.5,1\r\n3,0.5,2\r\n1,1.5,3\r\n3,1.5,4\r\n", "1-image-3.csv"},
     };
-    for (const auto& [what, axes, line, draw, table] : cases) {
-        SCOPED_TRACE(what);
-        Film film;
-        makeLine(film, axes, line);
-        draw(film);
-        film.mark(0, true);
-        const auto bytes = film.end();
+    for (const auto& [what, axes, line, draw, table, name] : cases) {
+        const auto bytes = oneFrame(draw, axes, line);
         const MemorySource source(bytes);
-        EXPECT_THAT(shown(Recording(source), 0), ElementsAre(Pair("1-a-wave.csv", table)));
+        EXPECT_THAT(shown(Recording(source), 0), ElementsAre(Pair(name, table))) << what;
     }
 }
 
-TEST(Export, AnImageIsATableOfItsPixelsAndWhatIsRemovedIsGone) {
-    Film film;
-    makeLine(film);
-    film.data(kXY, 0, 1, bytesOf<double>({1, 2}));
-    film.command(R"("cmd":"remove","id":2)");
-    film.command(kAxes);
-    film.command(
-        R"("cmd":"create","id":3,"type":"image","parent":2,"rows":2,"columns":2,"x":[0,4])");
-    film.data(R"([["z","u8"]])", 0, 4, "\x01\x02\x03\x04");
-    film.command(R"("cmd":"create","id":4,"type":"line","parent":2,"name":"without elements")");
-    film.mark(0, true);
-    const auto bytes = film.end();
-    const MemorySource source(bytes);
-    EXPECT_THAT(shown(Recording(source), 0),
-                ElementsAre(Pair("1-image-3.csv",
-                                 "x,y,z\r\n1,0.5,1\r\n3,0.5,2\r\n1,1.5,3\r\n3,1.5,4\r\n")));
-}
-
 TEST(Export, WhatCannotBeCarriedOutIsSaidWithItsOffset) {
-    using Draw = std::function<void(Film&)>;
+    const auto said = [](const std::string& command) -> Draw {
+        return [=](Film& film) { film.say(Topic::kCommands, command); };
+    };
+    const auto command = [said](const std::string& members) {
+        return said("{\"seq\":1," + members + "}");
+    };
+    const auto data = [](const char* columns, int first, int count, std::size_t size) -> Draw {
+        return [=](Film& film) { film.data(columns, first, count, std::string(size, 'x')); };
+    };
     const std::vector<std::pair<const char*, Draw>> cases{
-        {"an object that there is not", [](Film& film) { film.command(R"("cmd":"set","id":7)"); }},
-        {"in one that there is not",
-         [](Film& film) { film.command(R"("cmd":"create","id":9,"type":"x","parent":8)"); }},
-        {"an object that there is", [](Film& film) { film.command(kFigure); }},
+        {"an object that there is not", command(R"("cmd":"set","id":7)")},
+        {"in one that there is not", command(R"("cmd":"create","id":9,"type":"x","parent":8)")},
+        {"an object that there is", command(kFigure)},
         {"a block is missing",
-         [](Film& film) {
-             film.command(R"("cmd":"data","id":3,"data":"5 5","first":0,"count":0,"columns":[])");
-         }},
-        {"too short", [](Film& film) { film.data(kXY, 0, 2, "12345678"); }},
-        {"too short", [](Film& film) { film.data(kXY, 0, 2, std::string(31, 'x')); }},
-        {"too long", [](Film& film) { film.data(kXY, 0, 1, std::string(17, 'x')); }},
-        {"do not follow", [](Film& film) { film.data(kXY, 5, 1, std::string(16, 'x')); }},
-        {"other columns",
-         [](Film& film) {
-             film.data(kXY, 0, 1, std::string(16, 'x'));
-             film.data(R"([["x","f64"],["z","f64"]])", 1, 1, std::string(16, 'x'));
-         }},
-        {"a column of no type",
-         [](Film& film) { film.data(R"([["x","f63"]])", 0, 1, std::string(8, 'x')); }},
-        {"a bracket without an end",
-         [](Film& film) { film.say(Topic::kCommands, R"({"cmd":"set","id":3,"a":[})"); }},
-        {"a text without an end",
-         [](Film& film) { film.say(Topic::kCommands, R"({"cmd":"set})"); }},
-        {"no object", [](Film& film) { film.say(Topic::kCommands, "nothing"); }},
-        {"is to be a count", [](Film& film) { film.command(R"("cmd":"set","id":-1)"); }},
-        {"is to be two numbers",
-         [](Film& film) {
-             film.data(kXY, 0, 0, "");
-             film.command(R"("cmd":"set","id":3,"regular":[1])");
-         }},
+         command(R"("cmd":"data","id":3,"data":"5 5","first":0,"count":0,"columns":[])")},
+        {"too short", data(kXY, 0, 2, 8)},
+        {"too short", data(kXY, 0, 2, 31)},
+        {"too long", data(kXY, 0, 1, 17)},
+        {"do not follow", data(kXY, 5, 1, 16)},
+        {"other columns", data(R"([["x","f64"],["z","f64"]])", 1, 1, 16)},
+        {"a column of no type", data(R"([["x","f63"]])", 0, 1, 8)},
+        {"a bracket without an end", said(R"({"cmd":"set","id":3,"a":[})")},
+        {"a text without an end", said(R"({"cmd":"set})")},
+        {"no object", said("nothing")},
+        {"is to be a count", command(R"("cmd":"set","id":-1)")},
+        {"is to be two numbers", command(R"("cmd":"set","id":3,"regular":[1])")},
         {"rows or columns",
          [](Film& film) {
              film.command(R"("cmd":"remove","id":3)");
-             film.command(R"("cmd":"create","id":3,"type":"image","parent":2)");
+             film.command(kImage);
              film.data(R"([["z","u8"]])", 0, 1, "x");
          }},
     };
     for (const auto& [what, draw] : cases) {
         SCOPED_TRACE(what);
-        Film film;
-        makeLine(film);
-        draw(film);
-        film.mark(0, true);
-        const auto bytes = film.end();
+        const auto bytes = oneFrame([data, &draw = draw](Film& film) {
+            data(kXY, 0, 1, 16)(film);
+            draw(film);
+        });
         const MemorySource source(bytes);
         try {
             (void)shown(Recording(source), 0);

