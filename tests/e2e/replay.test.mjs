@@ -7,10 +7,8 @@ import { test } from "node:test";
 import { pathToFileURL } from "node:url";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
-import { Reader } from "../../client/page/recording/reader.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
-import { fzstd } from "../client/support/packages.mjs";
-import { messagesOf, sourceOf } from "../client/support/recordings.mjs";
+import { messagesOf, open } from "../client/support/recordings.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean, untilFrame, untilReplay, untilState } from "./support/page.mjs";
 import { digests, untilSettled } from "./support/pictures.mjs";
@@ -115,8 +113,7 @@ async function latencies(page) {
 
 /** Its messages, and when each frame is, in milliseconds since the beginning. */
 async function contentOf(bytes) {
-    const zstd = (packed, size) => fzstd().decompress(packed, new Uint8Array(size));
-    const reader = await Reader.open(sourceOf(bytes), { decompress: { zstd } });
+    const reader = await open(bytes);
     const all = await messagesOf(reader);
     const isMark = ({ channel }) => channel === reader.find("frames");
     const numbered = all.filter(isMark).map(({ data, time }) => {
