@@ -8,7 +8,7 @@ import { pathToFileURL } from "node:url";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
 import { Writer } from "../../client/page/recording/writer.mjs";
-import { messagesOf, open } from "../client/support/recordings.mjs";
+import { messagesOf, open as openRecording } from "../client/support/recordings.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean, untilFrame, untilReplay, untilState } from "./support/page.mjs";
 import { digests, untilSettled } from "./support/pictures.mjs";
@@ -113,7 +113,7 @@ async function latencies(page) {
 
 /** Its messages, and when each frame is, in milliseconds since the beginning. */
 async function contentOf(bytes) {
-    const reader = await open(bytes);
+    const reader = await openRecording(bytes);
     const all = await messagesOf(reader);
     const isMark = ({ channel }) => channel === reader.find("frames");
     const numbered = all.filter(isMark).map(({ data, time }) => {
