@@ -1,8 +1,6 @@
 // Recordings in Chromium: what the page shows of them, and how somebody moves in them.
 import assert from "node:assert/strict";
-import { readFile, rename, rm } from "node:fs/promises";
-import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { readFile, rename } from "node:fs/promises";
 import { test } from "node:test";
 import { pathToFileURL } from "node:url";
 
@@ -80,26 +78,6 @@ async function record(engine, end = (page) => page.keyboard.press("r"), ending =
     return { page, path, bytes: await readFile(path), seen };
 }
 
-/** The same of a program's recording, and of how it writes down all there is. */
-async function recordWindow() {
-    const path = join(tmpdir(), `kiroweb-${process.pid}.mcap`);
-    stage.defer(() => rm(path, { force: true }));
-    const scene = await stage.scene("live");
-    const page = await stage.page();
-    await page.goto(scene.link);
-    await untilState(page, "live");
-    scene.tell(`record ${path}`);
-    const seen = new Map();
-    const isEnough = async () => (await contentOf(await readFile(path))).snapshots > 1;
-    while (seen.size < FRAMES || !(await isEnough())) {
-        await scene.draw("step 7");
-        seen.set(Number((await scene.answer(/^frame /)).split(" ")[1]), await seenOn(page));
-    }
-    scene.tell("quit");
-    await scene.exited;
-    return { page, bytes: await readFile(path), seen };
-}
-
 /** What the panel behind the flush figure says of painting. */
 async function latencies(page) {
     await page.getByRole("button", { name: "latency" }).press("Enter");
@@ -119,9 +97,7 @@ async function contentOf(bytes) {
     const numbered = all.filter(isMark).map(({ data, time }) => {
         return [JSON.parse(Buffer.from(data)).frame, Number(time - all[0].time) / 1e6];
     });
-    const isSnapshot = ({ channel }) => channel === reader.find("snapshots");
-    const snapshots = all.filter(isSnapshot).length;
-    return { times: new Map(numbered), snapshots, all, isMark };
+    return { times: new Map(numbered), all, isMark };
 }
 
 /** The recording up to a frame. */
@@ -164,7 +140,8 @@ async function assertSeen(page, [titles, axes], what) {
     ownAxes.forEach((one, k) => assert.deepEqual(one, axes[k], `axes ${k} of ${what}`));
 }
 
-async function compare(page, bytes, seen) {
+test("What is seen of a recording was seen live, pixel for pixel", async () => {
+    const { page, bytes, seen } = await record(await start());
     const { times } = await contentOf(bytes);
     await replay(page, ["run.mcap", bytes]);
     const frames = [...seen.keys()];
@@ -189,17 +166,7 @@ async function compare(page, bytes, seen) {
     await untilFrame(page, frames.at(-1));
     await page.getByRole("button", { name: "Play" }).waitFor();
     assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
-}
-
-for (const [name, run] of [
-    ["the page", async () => record(await start())],
-    ["a window", recordWindow],
-]) {
-    test(`What is seen of a recording of ${name} was seen live, pixel for pixel`, async () => {
-        const { page, bytes, seen } = await run();
-        await compare(page, bytes, seen);
-    });
-}
+});
 
 test("Two recordings are shown beside each other, at the same time since their beginning", async () => {
     const engine = await start();
