@@ -8,7 +8,8 @@
 #include <array>
 #include <csignal>
 #include <string>
-#include <string_view>
+
+#include "Environment.hpp"
 
 namespace process {
 
@@ -43,7 +44,9 @@ class Browser {
     /// Opens `link` in the user's browser if there is a graphical session. Everybody on this
     /// machine can read the arguments of a program: what the link brings should be good once only.
     void open(const std::string& link) {
-        if (!isInEnvironment("DISPLAY=") && !isInEnvironment("WAYLAND_DISPLAY=")) return;
+        if (environmentText("DISPLAY").empty() && environmentText("WAYLAND_DISPLAY").empty()) {
+            return;
+        }
         std::string program = "xdg-open";
         std::string argument = link;
         const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};
@@ -63,15 +66,6 @@ class Browser {
     Browser& operator=(const Browser&) = delete;
 
   private:
-    /// Whether that variable is there and has a text. `assignment` is its name and "=".
-    static bool isInEnvironment(std::string_view assignment) {
-        for (char** entry = environ; *entry != nullptr; ++entry) {
-            const std::string_view text(*entry);
-            if (text.starts_with(assignment)) return text.size() > assignment.size();
-        }
-        return false;
-    }
-
     pid_t fOpener = 0;
 };
 

@@ -32,52 +32,57 @@ constexpr int kSays = 4;
     throw std::system_error(error, std::generic_category(), what);
 }
 
-/// Ends of a pipe that are neither 3 nor 4: reading, writing.
-std::pair<int, int> makePipe() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail(errno, "no pipe to the browser");
-    for (int& end : ends) {
-        const int low = end;
-        end = ::fcntl(low, F_DUPFD_CLOEXEC, kSays + 1);
-        ::close(low);
-    }
-    return {ends[0], ends[1]};
+void closeEnd(int& end) noexcept {
+    if (end >= 0) ::close(end);
+    end = -1;
 }
 
 }  // namespace
 
+Pipe::Pipe() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail(errno, "no pipe to the browser");
+    // Not where the browser looks for its own.
+    fReading = ::fcntl(ends[0], F_DUPFD_CLOEXEC, kSays + 1);
+    fWriting = ::fcntl(ends[1], F_DUPFD_CLOEXEC, kSays + 1);
+    const int error = errno;
+    for (const int end : ends) ::close(end);
+    if (fReading >= 0 && fWriting >= 0) return;
+    closeReading();
+    closeWriting();
+    fail(error, "no pipe to the browser");
+}
+
+Pipe::~Pipe() {
+    closeReading();
+    closeWriting();
+}
+
+void Pipe::closeReading() noexcept { closeEnd(fReading); }
+void Pipe::closeWriting() noexcept { closeEnd(fWriting); }
+
 Browser::Browser(const std::string& path, const std::string& folder, std::chrono::seconds patience)
     : fDeadline(std::chrono::steady_clock::now() + patience) {
-    const auto [hears, in] = makePipe();
-    const auto [out, says] = makePipe();
-    fIn = in;
-    fOut = out;
-    try {
-        start(path, folder, hears, says);
-    } catch (...) {
-        for (const int end : {hears, in, out, says}) ::close(end);
-        throw;
-    }
-    ::close(hears);
-    ::close(says);
+    start(path, folder);
+    fHears.closeReading();
+    fSays.closeWriting();
 }
 
 Browser::~Browser() {
     // It ends when nobody speaks to it any more; what it has started belongs to its group.
-    ::close(fIn);
+    fHears.closeWriting();
     bool isOver = false;
     std::array<char, 4096> rest{};
     while (!isOver && untilReadable()) {
-        const auto count = ::read(fOut, rest.data(), rest.size());
+        const auto count = ::read(fSays.reading(), rest.data(), rest.size());
         isOver = count == 0 || (count < 0 && errno != EINTR);
     }
-    ::close(fOut);
     if (!isOver) ::kill(-fProcess, SIGKILL);
     while (::waitpid(fProcess, nullptr, 0) < 0 && errno == EINTR) {
     }
 }
 
-void Browser::start(const std::string& path, const std::string& folder, int in, int out) {
+void Browser::start(const std::string& path, const std::string& folder) {
     std::vector<std::string> words{path,
                                    "--headless",
                                    "--disable-gpu",
@@ -90,12 +95,13 @@ void Browser::start(const std::string& path, const std::string& folder, int in, 
     // Its sandbox wants a user who is not root. What it opens is our own page.
     if (::geteuid() == 0) words.emplace_back("--no-sandbox");
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (auto& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     posix_spawn_file_actions_t actions{};
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in, kHears);
-    posix_spawn_file_actions_adddup2(&actions, out, kSays);
+    posix_spawn_file_actions_adddup2(&actions, fHears.reading(), kHears);
+    posix_spawn_file_actions_adddup2(&actions, fSays.writing(), kSays);
     for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
         posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_WRONLY, 0);
     }
@@ -123,11 +129,11 @@ json::object Browser::call(std::string_view method, json::object parameters,
     }
 }
 
-void Browser::send(std::string_view text) {
+void Browser::send(std::string_view text) const {
     std::string bytes(text);
     bytes += '\0';
     for (std::string_view rest = bytes; !rest.empty();) {
-        const auto count = ::write(fIn, rest.data(), rest.size());
+        const auto count = ::write(fHears.writing(), rest.data(), rest.size());
         if (count < 0 && errno != EINTR) throw std::runtime_error("the browser has ended");
         if (count > 0) rest.remove_prefix(static_cast<std::size_t>(count));
     }
@@ -144,7 +150,7 @@ json::object Browser::receive() {
         }
         if (!untilReadable()) throw std::runtime_error("the browser does not answer");
         std::array<char, 65536> bytes{};
-        const auto count = ::read(fOut, bytes.data(), bytes.size());
+        const auto count = ::read(fSays.reading(), bytes.data(), bytes.size());
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0 || fRead.size() > kMost) throw std::runtime_error("the browser has ended");
         fRead.append(bytes.data(), static_cast<std::size_t>(count));
@@ -156,7 +162,7 @@ bool Browser::untilReadable() const {
     for (;;) {
         const auto left =
             std::chrono::duration_cast<milliseconds>(fDeadline - std::chrono::steady_clock::now());
-        pollfd end{fOut, POLLIN, 0};
+        pollfd end{fSays.reading(), POLLIN, 0};
         const int count =
             ::poll(&end, 1, static_cast<int>(std::max<milliseconds::rep>(0, left.count())));
         if (count >= 0 || errno != EINTR) return count > 0;

@@ -9,6 +9,25 @@
 
 namespace recording_tool {
 
+/// Both ends of a pipe, as long as nobody closes one of them.
+class Pipe {
+  public:
+    /// Throws std::system_error.
+    Pipe();
+    ~Pipe();
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    [[nodiscard]] int reading() const noexcept { return fReading; }
+    [[nodiscard]] int writing() const noexcept { return fWriting; }
+    void closeReading() noexcept;
+    void closeWriting() noexcept;
+
+  private:
+    int fReading = -1;
+    int fWriting = -1;
+};
+
 /// A Chromium without a window, which is told what to do over pipes. One thread.
 class Browser {
   public:
@@ -25,16 +44,16 @@ class Browser {
                              std::string_view session = {});
 
   private:
-    void start(const std::string& path, const std::string& folder, int in, int out);
-    void send(std::string_view text);
+    void start(const std::string& path, const std::string& folder);
+    void send(std::string_view text) const;
     /// The next message.
     boost::json::object receive();
     /// Waits until something can be read; false at the deadline.
     bool untilReadable() const;
 
     const std::chrono::steady_clock::time_point fDeadline;
-    int fIn = -1;   ///< what it hears
-    int fOut = -1;  ///< what it says
+    Pipe fHears;
+    Pipe fSays;
     pid_t fProcess = -1;
     int fNumber = 0;
     std::string fRead;

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <functional>
 #include <optional>
+#include <utility>
 
 #include "Decoder.hpp"
 #include "KeyFrames.hpp"
@@ -156,9 +157,10 @@ void addPixels(const Object& image, bool isTimeX, bool isTimeY, std::vector<Colu
                                          isTimeX, false);
                      }});
     table.push_back({"y", [=](std::size_t i) {
+                         const auto row = i / across;
                          return cellText(
-                             middle(y, static_cast<double>(i / across), static_cast<double>(up)),
-                             isTimeY, false);
+                             middle(y, static_cast<double>(row), static_cast<double>(up)), isTimeY,
+                             false);
                      }});
 }
 
@@ -231,8 +233,9 @@ Tables tablesOf(const Scene& scene) {
         const auto axes = scene.objects().find(object.parent);
         if (object.columns.empty() || axes == scene.objects().end()) continue;
         const auto name = plain(textIn(object, "name", object.type + ' ' + std::to_string(id)));
-        const auto number = std::to_string(tables.size() + 1);
-        tables.emplace_back(number + '-' + name + ".csv", tableOf(object, axes->second));
+        auto file = std::to_string(tables.size() + 1);
+        file.append("-").append(name).append(".csv");
+        tables.emplace_back(std::move(file), tableOf(object, axes->second));
     }
     return tables;
 }

@@ -13,7 +13,6 @@ namespace recording_tool {
 using kirorecording::FileSource;
 using kirorecording::FormatError;
 using kirorecording::Reader;
-using kirorecording::Source;
 
 namespace {
 

@@ -4,13 +4,13 @@
 #include <Poco/URI.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
 
 #include "Browser.hpp"
+#include "process/Environment.hpp"
 
 namespace recording_tool {
 
@@ -72,8 +72,7 @@ std::string pictureFrom(Browser& browser, const std::string& page, std::uint64_t
 }  // namespace
 
 std::string findBrowser() {
-    const char* const all = std::getenv("PATH");
-    std::istringstream folders(all == nullptr ? "" : all);
+    std::istringstream folders(std::string(process::environmentText("PATH")));
     for (std::string folder; std::getline(folders, folder, ':');) {
         for (const char* name : {"chromium", "chromium-browser", "google-chrome", "chrome"}) {
             const auto path = std::filesystem::path(folder) / name;
