@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "process/Browser.hpp"
+
 namespace recording_tool {
 
 namespace json = boost::json;
@@ -105,13 +107,10 @@ void Browser::start(const std::string& path, const std::string& folder) {
     for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
         posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_WRONLY, 0);
     }
-    posix_spawnattr_t how{};
-    posix_spawnattr_init(&how);
-    posix_spawnattr_setflags(&how, POSIX_SPAWN_SETPGROUP);
-    const int error =
-        ::posix_spawn(&fProcess, path.c_str(), &actions, &how, arguments.data(), environ);
+    const process::Separately separately;
+    const int error = ::posix_spawn(&fProcess, path.c_str(), &actions, separately.get(),
+                                    arguments.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&how);
     if (error != 0) fail(error, path + ": cannot be started");
 }
 

@@ -1,7 +1,6 @@
 #include "Recording.hpp"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 #include <stdexcept>
 
@@ -10,19 +9,6 @@
 namespace recording_tool {
 
 using namespace kirorecording;
-
-namespace {
-
-std::optional<Topic> topicOf(const Reader& reader, std::uint16_t channel) {
-    const auto& name = reader.channels().at(channel).topic;
-    for (auto topic = Topic::kCommands; topic <= Topic::kConnections;
-         topic = static_cast<Topic>(static_cast<std::uint16_t>(topic) + 1)) {
-        if (name == nameOf(topic)) return topic;
-    }
-    return std::nullopt;
-}
-
-}  // namespace
 
 Mark markOf(std::string_view data) {
     const auto members = membersOf(data);
@@ -35,6 +21,12 @@ Recording::Recording(const Source& source) : fName(source.name()), fReader(sourc
                                  std::string("; kiroweb-record repair keeps what is before"));
     }
     if (!fReader.isOurs()) throw FormatError(fName, 0, "not a recording of kiroweb");
+    for (auto topic = Topic::kCommands; topic <= Topic::kConnections;
+         topic = static_cast<Topic>(static_cast<std::uint16_t>(topic) + 1)) {
+        for (const auto& [number, channel] : fReader.channels()) {
+            if (channel.topic == nameOf(topic)) fTopics.emplace(number, topic);
+        }
+    }
     for (const auto& chunk : fReader.chunks()) {
         if (chunk.last == 0) continue;
         if (fBegin == 0) fBegin = chunk.first;
@@ -52,9 +44,9 @@ void Recording::forEach(const Place& from, const std::function<bool(const Entry&
         try {
             for (std::size_t index = 0; const auto message = chunk.next(); ++index) {
                 if (number == from.chunk && index < from.index) continue;
-                const auto topic = topicOf(fReader, message->channel);
-                if (!topic) continue;
-                if (!take({{number, index}, *topic, message->time, message->data})) return;
+                const auto topic = fTopics.find(message->channel);
+                if (topic == fTopics.end()) continue;
+                if (!take({{number, index}, topic->second, message->time, message->data})) return;
             }
         } catch (const WrongText& wrong) {
             fail(number, std::string("in this chunk: ") + wrong.what);

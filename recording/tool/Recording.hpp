@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,6 +61,7 @@ class Recording {
   private:
     const std::string fName;
     const kirorecording::Reader fReader;
+    std::map<std::uint16_t, kirorecording::Topic> fTopics;  ///< by channel
     std::uint64_t fBegin = 0;
     std::uint64_t fEnd = 0;
 };

@@ -138,19 +138,22 @@ void Scene::create(const Members& command) {
     setProperties(object, command);
     const auto id = countOf(demand(command, "id"));
     if (fObjects.size() >= kMostObjects) throw WrongText{"more objects than there is room for"};
+    const auto parent = object.parent;
     if (!fObjects.emplace(id, std::move(object)).second) throw WrongText{"an object that there is"};
+    if (parent != 0) fObjects.at(parent).children.insert(id);
 }
 
 void Scene::remove(std::uint64_t id) {
+    const auto parent = fObjects.at(id).parent;
+    if (parent != 0) fObjects.at(parent).children.erase(id);
     std::vector<std::uint64_t> gone{id};
     while (!gone.empty()) {
-        const auto parent = gone.back();
+        const auto found = fObjects.find(gone.back());
         gone.pop_back();
-        fNumbers -= numbersOf(fObjects.at(parent));
-        fObjects.erase(parent);
-        for (const auto& [child, object] : fObjects) {
-            if (object.parent == parent) gone.push_back(child);
-        }
+        const auto& object = found->second;
+        fNumbers -= numbersOf(object);
+        gone.insert(gone.end(), object.children.begin(), object.children.end());
+        fObjects.erase(found);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -15,6 +16,7 @@ namespace recording_tool {
 struct Object {
     std::string type;
     std::uint64_t parent = 0;  ///< 0: none
+    std::set<std::uint64_t> children;
     /// As JSON texts; one that is null is not there.
     std::map<std::string, std::string, std::less<>> properties;
     /// All of the same length.

@@ -4,16 +4,10 @@ import { icon, make } from "../dom.mjs";
 import { fileName } from "../file_name.mjs";
 import { giveFile } from "../give_file.mjs";
 import { sizeText } from "../status_bar.mjs";
+import { timeText } from "../time_line.mjs";
 
 const CIRCLE = "M8 3.5a4.5 4.5 0 1 0 0 9 4.5 4.5 0 0 0 0-9Z";
 const MOST = 512 * 1024 * 1024;
-
-/** @param {number} milliseconds */
-function timeText(milliseconds) {
-    const seconds = Math.floor(milliseconds / 1000);
-    const rest = String(seconds % 60).padStart(2, "0");
-    return `${Math.floor(seconds / 60)}:${rest}`;
-}
 
 export class RecordButton {
     #worker;
@@ -92,7 +86,7 @@ export class RecordButton {
     /** @param {number} bytes of the recording, so far */
     showSize(bytes) {
         if (!this.#isOn) return;
-        const time = timeText(performance.now() - this.#since);
+        const [time] = timeText(performance.now() - this.#since).split(".");
         this.#label.textContent = `Record ${time} · ${sizeText(bytes)}`;
     }
 
