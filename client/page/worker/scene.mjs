@@ -9,6 +9,8 @@ import { TYPES, defaultsOf, readProperties } from "./vocabulary.mjs";
 /** @typedef {import("./columns.mjs").Places} Places */
 /** @typedef {import("./vocabulary.mjs").Type} Type */
 
+/** So that nobody who makes objects takes all memory. */
+const MOST_OBJECTS = 100_000;
 const SIZES = { u8: 1, f32: 4, f64: 8 };
 
 /** An object. */
@@ -164,6 +166,7 @@ export class Scene {
     #create({ id, type, parent: parentId, ...members }) {
         if (!Number.isSafeInteger(id) || id < 1) throw new TypeError(`${id} is no object's number`);
         if (this.#items.has(id)) throw new RangeError(`there is an object ${id} already`);
+        if (this.#items.size >= MOST_OBJECTS) throw new RangeError("too many objects");
         const kind = Object.hasOwn(TYPES, type) ? TYPES[type] : null;
         const parent = parentId === undefined ? null : this.#demand(parentId);
         const isStray = parent?.kind === null;

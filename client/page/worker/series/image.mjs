@@ -56,35 +56,56 @@ function cellsOf(scale, [low, high], count, size) {
  * @param {Cells} columns of the picture */
 function meansOf(values, across, { begins, ends }) {
     const sums = new Float64Array(across);
-    const counts = new Int32Array(across);
     const isPlain = begins.every((begin, i) => ends[i] - begin <= 1);
 
-    /** Of the rows from `top` to below `bottom`. What is missing for the most part is NaN.
+    const addUp = (/** @type {number} */ top, /** @type {number} */ bottom) => {
+        // The first two at once: that saves a pass over the sums.
+        let at = top * across;
+        if (bottom - top === 1) {
+            for (let cell = 0; cell < across; ++cell, ++at) sums[cell] = values[at];
+            return;
+        }
+        for (let cell = 0; cell < across; ++cell, ++at) {
+            sums[cell] = values[at] + values[at + across];
+        }
+        for (at += across; at < bottom * across;) {
+            for (let cell = 0; cell < across; ++cell, ++at) sums[cell] += values[at];
+        }
+    };
+    /** Without what is missing. What is missing for the most part is NaN.
+     * @param {number} begin @param {number} end @param {number} top @param {number} bottom */
+    const meanOfRest = (begin, end, top, bottom) => {
+        let sum = 0;
+        let count = 0;
+        for (let row = top; row < bottom; ++row) {
+            for (let at = row * across + begin; at < row * across + end; ++at) {
+                const value = values[at];
+                if (value - value !== 0) continue;
+                sum += value;
+                ++count;
+            }
+        }
+        return 2 * count >= (end - begin) * (bottom - top) ? sum / count : NaN;
+    };
+
+    /** Of the rows from `top` to below `bottom`.
      * @param {number} top @param {number} bottom @param {Float64Array} line by columns */
     return (top, bottom, line) => {
         if (isPlain && bottom - top === 1) {
             for (let i = 0; i < line.length; ++i) line[i] = values[top * across + begins[i]];
             return;
         }
-        sums.fill(0);
-        counts.fill(0);
-        for (let at = top * across; at < bottom * across;) {
-            for (let cell = 0; cell < across; ++cell, ++at) {
-                const value = values[at];
-                if (value - value !== 0) continue;
-                sums[cell] += value;
-                ++counts[cell];
-            }
-        }
+        addUp(top, bottom);
         for (let i = 0; i < line.length; ++i) {
-            let sum = 0;
-            let count = 0;
-            for (let cell = begins[i]; cell < ends[i]; ++cell) {
-                sum += sums[cell];
-                count += counts[cell];
-            }
-            const all = (ends[i] - begins[i]) * (bottom - top);
-            line[i] = 2 * count >= all ? sum / count : NaN;
+            const begin = begins[i];
+            const end = ends[i];
+            let sum = sums[begin];
+            for (let cell = begin + 1; cell < end; ++cell) sum += sums[cell];
+            // One value that is missing makes the sum NaN.
+            line[i] =
+                sum - sum === 0
+                    ? sum / ((end - begin) * (bottom - top))
+                    : meanOfRest(begin, end, top, bottom);
         }
     };
 }
