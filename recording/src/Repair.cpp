@@ -18,6 +18,10 @@ Repaired repair(const Source& source, Sink& sink) {
         for (std::size_t i = 0; i < reader.chunks().size(); ++i) {
             auto chunk = reader.read(i);
             while (const auto message = chunk.next()) {
+                if (message->data.size() > Writer::kMostBytes) {
+                    throw FormatError(source.name(), reader.chunks()[i].offset,
+                                      "a message that is larger than 120 MiB");
+                }
                 writer.write(numbers.at(message->channel), message->time, message->data);
                 ++repaired.messages;
                 repaired.last = message->time;

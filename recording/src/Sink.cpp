@@ -20,8 +20,9 @@ constexpr int kMode = 0666;
 
 Sink::~Sink() = default;
 
-FileSink::FileSink(std::string path)
-    : fPath(std::move(path)), fFile(::open(fPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kMode)) {
+FileSink::FileSink(const std::string& path, std::string name)
+    : fName(name.empty() ? path : std::move(name)),
+      fFile(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kMode)) {
     if (fFile < 0) fail();
     try {
         begin();
@@ -36,7 +37,7 @@ void FileSink::begin() const {
     if (::fstat(fFile, &known) != 0) fail();
     if (!S_ISREG(known.st_mode)) return;
     if (::flock(fFile, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        throw std::system_error(EBUSY, std::generic_category(), fPath + ": somebody is writing it");
+        throw std::system_error(EBUSY, std::generic_category(), fName + ": somebody is writing it");
     }
     if (::ftruncate(fFile, 0) != 0) fail();
 }
@@ -46,7 +47,7 @@ FileSink::~FileSink() {
 }
 
 void FileSink::fail() const {
-    throw std::system_error(errno, std::generic_category(), fPath + ": cannot be written");
+    throw std::system_error(errno, std::generic_category(), fName + ": cannot be written");
 }
 
 void FileSink::doWrite(std::string_view bytes) {

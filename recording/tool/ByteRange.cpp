@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 #include <system_error>
 
 namespace recording_tool {
@@ -10,13 +11,13 @@ namespace {
 
 constexpr std::string_view kUnit = "bytes=";
 
-/// Digits only, of a number that 64 bits hold.
+/// Digits only; a number that is larger than any file is the largest that there is.
 std::optional<std::uint64_t> numberOf(std::string_view text) noexcept {
     std::uint64_t number = 0;
     const auto* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || rest != end) return std::nullopt;
-    return number;
+    if (rest != end || error == std::errc::invalid_argument) return std::nullopt;
+    return error == std::errc() ? number : std::numeric_limits<std::uint64_t>::max();
 }
 
 }  // namespace

@@ -200,11 +200,30 @@ std::string tableOf(const Object& series, const Object& axes) {
     return csv;
 }
 
+/// A copy without characters that show nothing but change how others are shown: a file's name must
+/// not look like another one.
+std::string visible(std::string_view text) {
+    // Marks and embeddings of direction, joiners, the byte order mark, in UTF-8.
+    static constexpr std::array<std::pair<std::string_view, std::string_view>, 4> kRanges{
+        {{"\u200B", "\u200F"}, {"\u2028", "\u202E"}, {"\u2060", "\u206F"}, {"\uFEFF", "\uFEFF"}}};
+    constexpr std::size_t kSize = 3;
+    std::string rest;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto one = text.substr(i, kSize);
+        const bool isHidden = std::ranges::any_of(kRanges, [one](const auto& range) {
+            return one >= range.first && one <= range.second;
+        });
+        if (!isHidden) rest += text[i];
+        i += isHidden ? kSize : 1;
+    }
+    return rest;
+}
+
 /// For a file's name: letters and digits, and what is not ASCII.
 std::string plain(const std::string& text) {
     constexpr std::size_t kLongest = 60;
     std::string name;
-    for (const char one : text) {
+    for (const char one : visible(text)) {
         const auto byte = static_cast<unsigned char>(one);
         const bool isLetter =
             (one >= 'a' && one <= 'z') || (one >= '0' && one <= '9') || byte >= 0x80;

@@ -85,7 +85,9 @@ std::optional<std::string> introductionOf(const Recording& run) {
     return found;
 }
 
-[[noreturn]] void failEmpty() { throw std::runtime_error("no frame was shown in that time"); }
+[[noreturn]] void failEmpty(const Recording& run) {
+    throw std::runtime_error(run.name() + ": no frame was shown in that time");
+}
 
 /// Of `count` key frames `chosen`, evenly spread, the first and the last among them.
 bool isChosen(std::size_t index, std::size_t chosen, std::size_t count) {
@@ -154,7 +156,7 @@ Cut cut(const Recording& run, const Range& range, std::uint64_t most) {
         output.write(entry.topic, entry.time, entry.data);
         return true;
     });
-    if (frames == 0 && !isSnapshot) failEmpty();
+    if (frames == 0 && !isSnapshot) failEmpty(run);
     output.close();
     return {std::move(sink.bytes), output.begin(), frames, false};
 }
@@ -168,7 +170,7 @@ Cut thinned(const Recording& run, const Range& range, std::uint64_t most) {
         trial.write(key);
         sizes.push_back(trial.size() - before + kIndexed);
     });
-    if (sizes.empty()) failEmpty();
+    if (sizes.empty()) failEmpty(run);
     // Beginning and index take something as well.
     for (auto chosen = countThatFits(sizes, most); chosen > 0; --chosen) {
         try {

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -15,8 +17,18 @@ namespace recording_tool {
 
 namespace {
 
+/// The drafts that there are. Whoever holds the lock neither adds one nor keeps one.
+std::mutex mutex;
+std::set<const std::string*> paths;
+
 [[noreturn]] void fail(const std::string& target) {
     throw std::system_error(errno, std::generic_category(), target + ": cannot be written");
+}
+
+void remove(const std::string& path) noexcept {
+    if (path.empty()) return;
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
 }
 
 /// Which of these permissions the user's new files have.
@@ -37,7 +49,18 @@ std::string placeOf(const std::string& name) {
 
 Draft::Draft(std::string target, Kind kind)
     : fName(std::move(target)), fKind(kind), fTarget(placeOf(fName)), fPath(fTarget + ".XXXXXX") {
-    if (kind == Kind::kFolder) {
+    const std::lock_guard lock(mutex);
+    const auto place = paths.insert(&fPath).first;
+    try {
+        make();
+    } catch (...) {
+        paths.erase(place);
+        throw;
+    }
+}
+
+void Draft::make() {
+    if (fKind == Kind::kFolder) {
         if (::mkdtemp(fPath.data()) == nullptr) fail(fName);
         return;
     }
@@ -52,9 +75,14 @@ Draft::Draft(std::string target, Kind kind)
 }
 
 Draft::~Draft() {
-    if (fPath.empty()) return;
-    std::error_code ignored;
-    std::filesystem::remove_all(fPath, ignored);
+    const std::lock_guard lock(mutex);
+    paths.erase(&fPath);
+    remove(fPath);
+}
+
+void Draft::abandonAll() noexcept {
+    const std::lock_guard lock(mutex);
+    for (const auto* path : paths) remove(*path);
 }
 
 void Draft::keep(const std::string& like) {
@@ -65,6 +93,7 @@ void Draft::keep(const std::string& like) {
     const mode_t mode =
         like.empty() ? masked(fKind == Kind::kFile ? kFile : kFolder) : known.st_mode & kFolder;
     if (::chmod(fPath.c_str(), mode) != 0) fail(fName);
+    const std::lock_guard lock(mutex);
     if (std::rename(fPath.c_str(), fTarget.c_str()) != 0) fail(fName);
     fPath.clear();
 }

@@ -23,7 +23,12 @@ class Draft {
     /// std::system_error.
     void keep(const std::string& like = {});
 
+    /// Removes all that there are; none is kept any more. Any thread, since the program is to end.
+    static void abandonAll() noexcept;
+
   private:
+    void make();
+
     const std::string fName;  ///< as it was given, for messages
     const Kind fKind;
     std::string fTarget;

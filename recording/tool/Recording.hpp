@@ -43,6 +43,8 @@ class Recording {
     /// REQUIRES: `source` outlives this.
     explicit Recording(const kirorecording::Source& source);
 
+    /// The file's.
+    [[nodiscard]] const std::string& name() const noexcept { return fName; }
     /// Of the first message; 0 when there is none.
     [[nodiscard]] std::uint64_t begin() const noexcept { return fBegin; }
     /// Of the last one.

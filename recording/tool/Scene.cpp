@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint64_t kKeep = 1'000'000;
 /// In all columns: 512 MiB.
 constexpr std::uint64_t kMostNumbers = std::uint64_t{64} << 20U;
-constexpr std::size_t kMostObjects = 1'000'000;
+constexpr std::size_t kMostObjects = 100'000;  // as in the page
 
 /// Columns by name, as a block has them.
 struct Elements {

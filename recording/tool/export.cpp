@@ -12,6 +12,7 @@
 #include "Csv.hpp"
 #include "Cut.hpp"
 #include "Draft.hpp"
+#include "Interruption.hpp"
 #include "Program.hpp"
 #include "Screenshot.hpp"
 #include "SingleFile.hpp"
@@ -183,8 +184,10 @@ Cut recordingFor(const Recording& run, const Options& options, const Range& rang
     }
 }
 
-std::uint64_t writePage(const std::string& path, const Cut& recording, std::uint64_t from) {
-    FileSink sink(path);
+/// `name`: what errors call it.
+std::uint64_t writePage(const std::string& path, const std::string& name, const Cut& recording,
+                        std::uint64_t from) {
+    FileSink sink(path, name);
     const auto at = from > recording.begin ? from - recording.begin : 0;
     writeSingleFile(sink, recording.bytes, static_cast<double>(at) / kSecond);
     sink.close();
@@ -202,7 +205,8 @@ Status makePage(const Recording& run, const Options& options) {
     }
     const auto recording = recordingFor(run, options, range);
     Draft draft(options.output);
-    const auto size = writePage(draft.path(), recording, options.from ? range.from : 0);
+    const auto size =
+        writePage(draft.path(), options.output, recording, options.from ? range.from : 0);
     draft.keep();
     print(options.output + ": " + std::to_string(recording.frames) + " frames, " +
           std::to_string(size) + " bytes" + (recording.isThinned ? ", key frames alone" : "") +
@@ -214,7 +218,7 @@ Status makeTables(const Recording& run, const Options& options) {
     const auto tables = tablesAt(run, run.timeOf(options.frame));
     Draft draft(*options.csv, Draft::Kind::kFolder);
     for (const auto& [name, text] : tables) {
-        FileSink sink(draft.path() + '/' + name);
+        FileSink sink(draft.path() + '/' + name, *options.csv + '/' + name);
         sink.write(text);
         sink.close();
     }
@@ -226,14 +230,14 @@ Status makeTables(const Recording& run, const Options& options) {
 Status makePicture(const Recording& run, const Options& options) {
     const auto browser = findBrowser();
     const auto time = run.timeOf(options.png);
-    const auto recording = cut(run, {time, time}, kMostInPage);
+    const auto recording = recordingFor(run, options, {time, time});
     // By its name a browser knows what it is.
     const Draft folder(options.output, Draft::Kind::kFolder);
     const auto page = std::filesystem::absolute(folder.path() + "/page.html").string();
-    writePage(page, recording, time);
+    writePage(page, page, recording, time);
     const auto picture = screenshotOf(browser, page, *options.png, folder.path());
     Draft draft(options.output);
-    FileSink sink(draft.path());
+    FileSink sink(draft.path(), options.output);
     sink.write(picture);
     sink.close();
     draft.keep();
@@ -262,5 +266,8 @@ Status run(int argc, const char* const* argv) {
 int main(int argc, char** argv) {
     // A browser that ends early is an error like others.
     std::signal(SIGPIPE, SIG_IGN);
-    return runProgram("kiroweb-export", [&] { return run(argc, argv); });
+    return runProgram("kiroweb-export", [&] {
+        const Interruption interruption;
+        return run(argc, argv);
+    });
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Draft.hpp"
+#include "Interruption.hpp"
 #include "Program.hpp"
 #include "kirorecording/Reader.hpp"
 #include "kirorecording/Repair.hpp"
@@ -132,7 +133,7 @@ Status repairFile(const std::string& file, const std::string& output) {
         throw std::runtime_error(file + ": somebody is writing it; -o makes another file of it");
     }
     Draft draft(target);
-    FileSink sink(draft.path());
+    FileSink sink(draft.path(), target);
     const Repaired repaired = repair(source, sink);
     if (!repaired.damage && output.empty()) {
         print(file + ": is whole\n");
@@ -158,5 +159,8 @@ Status run(int argc, const char* const* argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return runProgram("kiroweb-record", [&] { return run(argc, argv); });
+    return runProgram("kiroweb-record", [&] {
+        const Interruption interruption;
+        return run(argc, argv);
+    });
 }

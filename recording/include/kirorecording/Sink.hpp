@@ -31,8 +31,9 @@ class Sink {
 /// A file, made anew: what was there under its name is gone.
 class FileSink : public Sink {
   public:
-    /// Throws std::system_error, and leaves the file as it was, when another sink writes it.
-    explicit FileSink(std::string path);
+    /// `name`: what errors call the file, its path when empty. Throws std::system_error, and leaves
+    /// the file as it was, when another sink writes it.
+    explicit FileSink(const std::string& path, std::string name = {});
     ~FileSink() override;
 
   private:
@@ -42,7 +43,7 @@ class FileSink : public Sink {
     void begin() const;
     [[noreturn]] void fail() const;
 
-    const std::string fPath;
+    const std::string fName;
     int fFile;
 };
 

@@ -1,0 +1,44 @@
+#include "Interruption.hpp"
+
+#include <csignal>
+
+#include "Draft.hpp"
+
+namespace recording_tool {
+
+namespace {
+
+sigset_t theSignals() noexcept {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+    return signals;
+}
+
+}  // namespace
+
+Interruption::Interruption() {
+    const auto signals = theSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    fThread = std::thread([this] { await(); });
+}
+
+Interruption::~Interruption() {
+    fIsOver = true;
+    pthread_kill(fThread.native_handle(), SIGTERM);
+    fThread.join();
+}
+
+void Interruption::await() noexcept {
+    const auto signals = theSignals();
+    int number = 0;
+    sigwait(&signals, &number);
+    if (fIsOver) return;
+    Draft::abandonAll();
+    // Whoever waits for the program learns that it was a signal.
+    std::signal(number, SIG_DFL);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    std::raise(number);
+}
+
+}  // namespace recording_tool
