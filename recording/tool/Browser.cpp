@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <cerrno>
@@ -29,6 +30,9 @@ namespace {
 /// Where a browser looks for its pipes.
 constexpr int kHears = 3;
 constexpr int kSays = 4;
+
+/// The one that runs; 0: none.
+std::atomic<pid_t> running{0};
 
 [[noreturn]] void fail(int error, const std::string& what) {
     throw std::system_error(error, std::generic_category(), what);
@@ -82,6 +86,15 @@ Browser::~Browser() {
     if (!isOver) ::kill(-fProcess, SIGKILL);
     while (::waitpid(fProcess, nullptr, 0) < 0 && errno == EINTR) {
     }
+    running = 0;
+}
+
+void Browser::killAny() noexcept {
+    const pid_t process = running;
+    if (process == 0) return;
+    ::kill(-process, SIGKILL);
+    siginfo_t ended{};
+    ::waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOWAIT);
 }
 
 void Browser::start(const std::string& path, const std::string& folder) {
@@ -112,6 +125,7 @@ void Browser::start(const std::string& path, const std::string& folder) {
                                     arguments.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) fail(error, path + ": cannot be started");
+    running = fProcess;
 }
 
 json::object Browser::call(std::string_view method, json::object parameters,

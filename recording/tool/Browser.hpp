@@ -43,6 +43,10 @@ class Browser {
     boost::json::object call(std::string_view method, boost::json::object parameters,
                              std::string_view session = {});
 
+    /// Ends the one that runs, if any, with all that it has started. Any thread, since the program
+    /// is to end.
+    static void killAny() noexcept;
+
   private:
     void start(const std::string& path, const std::string& folder);
     void send(std::string_view text) const;

@@ -27,8 +27,13 @@ std::set<const std::string*> paths;
 
 void remove(const std::string& path) noexcept {
     if (path.empty()) return;
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
+    // A browser that was killed may still be making files in it.
+    constexpr int kTries = 100;
+    std::error_code error;
+    for (int i = 0; i < kTries; ++i) {
+        std::filesystem::remove_all(path, error);
+        if (!error) return;
+    }
 }
 
 /// Which of these permissions the user's new files have.

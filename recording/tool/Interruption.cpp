@@ -2,6 +2,7 @@
 
 #include <csignal>
 
+#include "Browser.hpp"
 #include "Draft.hpp"
 
 namespace recording_tool {
@@ -34,6 +35,7 @@ void Interruption::await() noexcept {
     int number = 0;
     sigwait(&signals, &number);
     if (fIsOver) return;
+    Browser::killAny();
     Draft::abandonAll();
     // Whoever waits for the program learns that it was a signal.
     std::signal(number, SIG_DFL);

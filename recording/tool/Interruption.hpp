@@ -5,9 +5,9 @@
 
 namespace recording_tool {
 
-/// While there is one, a program that is asked to end (SIGINT, SIGTERM, SIGHUP) removes its drafts
-/// first. Made before any other thread, which all leave these signals to it. What a browser wrote
-/// for a picture goes with them; the browser ends when its pipe does.
+/// While there is one, a program that is asked to end (SIGINT, SIGTERM, SIGHUP) ends its
+/// browser and removes its drafts first. Made before any other thread, which all leave these
+/// signals to it.
 class Interruption {
   public:
     /// Throws std::system_error when there is no thread left.

@@ -115,7 +115,8 @@ class Replay(unittest.TestCase):
         size = len(self.bytes)
         peer = self.connect()  # one for all that is good
         for asked, first, last in [("0-0", 0, 0), (f"5-{size * 2}", 5, size - 1), (f"{size - 1}-", size - 1, size - 1),
-                                   ("-7", size - 7, size - 1), (f"-{size + 1}", 0, size - 1)]:
+                                   ("-7", size - 7, size - 1), (f"-{size + 1}", 0, size - 1),
+                                   (f"0-{1 << 64}", 0, size - 1)]:
             for method in ("GET", "HEAD"):
                 with self.subTest(asked, method=method):
                     self.send(peer, Range=f"bytes={asked}", method=method)
@@ -123,11 +124,11 @@ class Replay(unittest.TestCase):
                     self.assertEqual((status, fields["Content-Range"]), (206, f"bytes {first}-{last}/{size}"))
                     self.assertEqual(int(fields["Content-Length"]), last - first + 1)
                     self.assertEqual(body, self.bytes[first:last + 1] if method == "GET" else b"")
-        for asked in (f"bytes={size}-", f"bytes={size}-{size}", "bytes=-0"):
+        for asked in (f"bytes={size}-", f"bytes={size}-{size}", "bytes=-0", f"bytes={1 << 64}-"):
             status, fields, _ = self.ask(Range=asked)
             self.assertEqual((status, fields["Content-Range"]), (416, f"bytes */{size}"))
         for asked in (None, "", "0-9", "bytes=", "bytes=-", "bytes=9-0", "bytes=0-1,3-4", "bytes=0-1-2", "bytes=+1-2",
-                      "bytes= 0-1", "bytes=0x0-1", f"bytes=0-{1 << 64}", f"bytes={1 << 64}-", "bytes=--1", "lines=0-1",
+                      "bytes= 0-1", "bytes=0x0-1", "bytes=--1", "lines=0-1",
                       "bytes=0-1\r\nRange: bytes=2-3"):
             with self.subTest(asked):
                 self.assertEqual(self.ask(Range=asked)[0], 400)
