@@ -1,5 +1,6 @@
 #include "kiro/web/JSONPayload.hpp"
 
+#include <algorithm>
 #include <array>
 #include <boost/json.hpp>
 #include <charconv>
@@ -19,8 +20,18 @@
 
 namespace kiro::web {
 
+namespace {
+
+/// Copies and destruction of an object go into it level by level, on the stack.
+constexpr unsigned kMostLevels = 500;
+/// Of a text, at most: Boost.JSON's own bound.
+constexpr unsigned kLevelsOfText = 32;
+
+}  // namespace
+
 struct JSONPayload::Impl {
     boost::json::object fObject;
+    unsigned fLevels = 1;  ///< of objects within each other, at most
 };
 
 namespace {
@@ -87,6 +98,7 @@ JSONPayload::JSONPayload(const std::string& json) : fImpl(std::make_unique<Impl>
     auto* object = value.if_object();
     if (object == nullptr) throw std::invalid_argument("not an object");
     fImpl->fObject = std::move(*object);
+    fImpl->fLevels = kLevelsOfText;
 }
 
 JSONPayload::JSONPayload(JSONPayload&& other) noexcept = default;
@@ -117,7 +129,11 @@ void JSONPayload::addDataToPayload(const std::string& key, const T& value) {
     } else if constexpr (std::is_same_v<T, FontAngleType>) {
         appendName(object, key, nameOf(value, kFontAngles));
     } else if constexpr (std::is_same_v<T, JSONPayload>) {
+        if (object.contains(key)) return;
+        const auto levels = value.fImpl->fLevels + 1;
+        if (levels > kMostLevels) throw std::length_error("payloads nested too deep");
         append(object, key, std::as_const(value.fImpl->fObject));
+        fImpl->fLevels = std::max(fImpl->fLevels, levels);
     } else {
         append(object, key, encodeElement(value));
     }
@@ -139,6 +155,7 @@ void JSONPayload::takeFields(JSONPayload&& other) {
         while (object.size() > before) object.erase(std::prev(object.end()));
         throw;
     }
+    fImpl->fLevels = std::max(fImpl->fLevels, other.fImpl->fLevels);
 }
 
 bool JSONPayload::isEmpty() const { return fImpl->fObject.empty(); }

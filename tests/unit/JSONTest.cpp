@@ -114,6 +114,24 @@ TEST(JSONPayload, keepsTheFirstValueOfAKeyTheOrderOfAdditionAndDeepCopies) {
     EXPECT_FALSE(taken.isEmpty());
 }
 
+TEST(JSONPayload, isNested500LevelsDeepAndNoDeeper) {
+    // A text counts as 32, whatever it holds.
+    auto payload = std::make_unique<JSONPayload>("{\"k\":1}");
+    const auto nest = [&payload] {
+        auto outer = std::make_unique<JSONPayload>();
+        outer->addDataToPayload("k", *payload);
+        payload = std::move(outer);
+    };
+    for (int level = 32; level < 500; ++level) nest();
+    const auto text = payload->convertToString();
+    JSONPayload flat;
+    flat.addDataToPayload("there", 1);
+    EXPECT_NO_THROW(flat.addDataToPayload("there", *payload));
+    EXPECT_THROW(flat.addDataToPayload("k", *payload), std::length_error);
+    EXPECT_EQ(flat.convertToString(), "{\"there\":1}");
+    EXPECT_EQ(text.size(), 7U + 468U * 6U);
+}
+
 TEST(JSONPayload, isMadeFromTheTextOfAnObjectOnly) {
     JSONPayload payload(R"( {"k" : 1, "b":[true,null], "k":2} )");
     payload.addDataToPayload("c", 3);

@@ -61,7 +61,8 @@ class KIROWEB_EXPORT JSONPayload : public PayloadInterface {
 
     /// Appends the field `key`. The first value given for a key is kept: when the key is there
     /// already, nothing happens, whatever the type. On an exception the payload is unchanged; a
-    /// key longer than Boost.JSON allows throws its length error.
+    /// key longer than Boost.JSON allows throws its length error, a 501st level of payloads
+    /// within each other `std::length_error` (one made from a text counts as 32).
     ///
     /// | type | written as |
     /// |---|---|
