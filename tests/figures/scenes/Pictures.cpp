@@ -157,7 +157,8 @@ void addCases(Window& window) {
         .set(Regular{0, 0.001}, y);
 
     const Values powers = values(30, [](int i) { return std::pow(10, i * 0.25 - 3); });
-    const Values cubes = values(30, [&](int i) { return i == 12 ? -1 : std::pow(powers[i], 3); });
+    const Values cubes = values(
+        30, [&](int i) { return i == 12 ? -1 : std::pow(powers[static_cast<std::size_t>(i)], 3); });
     Axes& log = addLine(figure, "log", powers, cubes);
     log.x().scale(Scale::kLog);
     log.y().scale(Scale::kLog);
