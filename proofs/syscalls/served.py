@@ -1,6 +1,7 @@
 """A program that serves figures, the pages that visit it, and what proofs about them have in common."""
 
 import argparse
+import http.client
 import os
 import pathlib
 import random
@@ -19,7 +20,7 @@ import page  # noqa: E402
 PATIENCE = 5.0  # seconds; what takes longer hangs
 socket.setdefaulttimeout(PATIENCE)
 # What a page raises that was cut off, refused or kept waiting, or got what it could not read.
-FAILURES = (OSError, ValueError, LookupError, TypeError, AssertionError)
+FAILURES = (OSError, ValueError, LookupError, TypeError, AssertionError, http.client.HTTPException)
 
 
 class Failure(Exception):
@@ -44,6 +45,9 @@ class Visitor(page.Page):
         self.draw(frames)
 
     def receive(self, message):
+        if message == b"":
+            self.stream.write(b"\x8a\x80\0\0\0\0")  # it was a ping
+            return self.stream.flush()
         if isinstance(message, bytes):
             assert message[:2] == b"\1\1", f"closed: {message[2:]}"
             self.count(int.from_bytes(message[8:16], "little"), 1)
@@ -86,7 +90,10 @@ class Program:
         """The first line of its output; empty when it has ended without."""
         if not select.select([self.process.stdout], [], [], 2 * PATIENCE)[0]:
             raise Hang("it says nothing")
-        return self.process.stdout.readline().decode().strip()
+        line = self.process.stdout.readline().decode().strip()
+        if not line:
+            self.process.wait(PATIENCE)
+        return line
 
     def end(self, ask=signal.SIGTERM):
         """Its status, output and errors."""
