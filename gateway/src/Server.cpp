@@ -9,6 +9,7 @@
 
 #include "Endpoint.hpp"
 #include "checked/Require.hpp"
+#include "process/Thread.hpp"
 
 namespace kirogateway {
 namespace {
@@ -55,7 +56,7 @@ Server::Server(SessionServices services, std::shared_ptr<Wakeup> wakeup)
 
 void Server::start(std::unique_ptr<AccessPolicy> access) {
     fShared.access = std::move(access);
-    fThread = std::thread([this] { run(); });
+    fThread = process::makeThread("the gateway", [this] { run(); });
 }
 
 // --- The thread --------------------------------------------------------------------------------
