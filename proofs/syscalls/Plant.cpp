@@ -146,12 +146,6 @@ bool trap(const char* numbers) {
            ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-/// The function of this name in the C library.
-template <typename Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
 [[gnu::constructor]] void begin() {
     constexpr int kCannot = 77;
     const int file = ::open(std::getenv("KIROWEB_PLANT_FILE"), O_RDWR | O_CLOEXEC);
@@ -168,21 +162,11 @@ Function* next(const char* name) {
 
 }  // namespace
 
-#pragma GCC visibility push(default)
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* options,
-                              void* (*function)(void*), void* argument) noexcept {
-    static auto* const create = next<decltype(pthread_create)>("pthread_create");
+extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread,
+                                                             const pthread_attr_t* options,
+                                                             void* (*function)(void*),
+                                                             void* argument) noexcept {
+    static auto* const create =
+        reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
     return isIt(kThread, {-1}) ? plan->error.load() : create(thread, options, function, argument);
-}
-
-/// No handler may block the trap.
-extern "C" int sigaction(int signal, const struct sigaction* now,
-                         struct sigaction* before) noexcept {
-    static auto* const set =
-        next<int(int, const struct sigaction*, struct sigaction*)>("sigaction");
-    if (now == nullptr) return set(signal, now, before);
-    auto changed = *now;
-    ::sigdelset(&changed.sa_mask, SIGSYS);
-    return set(signal, &changed, before);
 }
