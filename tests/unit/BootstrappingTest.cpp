@@ -187,7 +187,8 @@ TEST_F(Bootstrapping, KeepsItsQueueWhenThePublishThreadCannotBeMade) {
     send("a");
     withoutThreads([] {
         EXPECT_THAT([] { announce(R"({"useFastBinary":1})"); },
-                    ThrowsMessage<std::system_error>(StartsWith("no thread for the backlog: ")));
+                    testing::ThrowsMessage<std::system_error>(
+                        testing::StartsWith("no thread for the backlog: ")));
     });
     EXPECT_FALSE(sender->queryCommandSenderReadyStatus() || sender->queryUsingFastBinary());
     send("b");
