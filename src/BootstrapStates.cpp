@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "BootstrappingStateMachine.hpp"
+#include "process/Thread.hpp"
 
 namespace kiro::web {
 
@@ -47,7 +48,8 @@ void StateMachine::PublishQueueState::start(Queue& queue, Sender sender, std::st
     // Shared until the thread runs: a thread that cannot be made would take the queue with it.
     const auto handedOver = std::make_shared<Queue>(std::move(queue));
     try {
-        fPublishThread = std::thread(
+        fPublishThread = process::makeThread(
+            "the backlog",
             [this, handedOver, sender = std::move(sender), channel = std::move(channel)]() mutable {
                 publishThread(std::move(*handedOver), std::move(sender), std::move(channel));
             });

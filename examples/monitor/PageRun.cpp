@@ -26,6 +26,7 @@
 #include "kirofigures/Window.hpp"
 #include "kirogateway/Gateway.hpp"
 #include "kirohost/Controls.hpp"
+#include "process/Thread.hpp"
 
 namespace monitor {
 
@@ -106,16 +107,17 @@ void repeatLink(const kirofigures::Window& window) {
 class Ticking {
   public:
     explicit Ticking(std::function<void()> tick)
-        : fThread([tick = std::move(tick)](const std::stop_token& stop) {
-              constexpr std::chrono::milliseconds kPeriod{100};
-              std::mutex mutex;
-              std::condition_variable_any stopped;
-              std::unique_lock lock(mutex);
-              while (!stop.stop_requested()) {
-                  tick();
-                  stopped.wait_for(lock, stop, kPeriod, [] { return false; });
-              }
-          }) {}
+        : fThread(process::makeThread<std::jthread>(
+              "looking at the pages", [tick = std::move(tick)](const std::stop_token& stop) {
+                  constexpr std::chrono::milliseconds kPeriod{100};
+                  std::mutex mutex;
+                  std::condition_variable_any stopped;
+                  std::unique_lock lock(mutex);
+                  while (!stop.stop_requested()) {
+                      tick();
+                      stopped.wait_for(lock, stop, kPeriod, [] { return false; });
+                  }
+              })) {}
 
   private:
     std::jthread fThread;

@@ -4,6 +4,7 @@
 
 #include "annotated/Mutex.hpp"
 #include "process/Immortal.hpp"
+#include "process/Thread.hpp"
 
 namespace kirofigures::detail {
 
@@ -42,7 +43,7 @@ Signals::Signals() {
     if (fOne == 0) return;
     pthread_sigmask(SIG_BLOCK, &fSet, &fBefore);
     try {
-        fThread = std::thread([this] { listen(); });
+        fThread = process::makeThread("signals", [this] { listen(); });
     } catch (const std::system_error&) {
         pthread_sigmask(SIG_SETMASK, &fBefore, nullptr);
         throw;

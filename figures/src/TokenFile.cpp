@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 #include "secret/RandomHex.hpp"
@@ -38,6 +39,25 @@ class Descriptor {
     const int fNumber;
 };
 
+template <typename Call>
+ssize_t againIfInterrupted(const Call& call) {
+    for (;;) {
+        const ssize_t result = call();
+        if (result >= 0 || errno != EINTR) return result;
+    }
+}
+
+/// Otherwise `errno` says why. A disk that becomes full takes what has room, and refuses the rest.
+bool writeAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto written =
+            againIfInterrupted([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
+        if (written < 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
 /// A file beside `file` that holds a new token and that nobody else knows; gone with this.
 class Draft {
   public:
@@ -46,9 +66,7 @@ class Draft {
         // Readable for the owner only.
         const Descriptor made(::mkostemp(fPath.data(), O_CLOEXEC));
         if (made.get() < 0) fail("tokenFile: " + file + " cannot be made");
-        if (::write(made.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size())) {
-            return;
-        }
+        if (writeAll(made.get(), line)) return;
         const int error = errno;
         ::unlink(fPath.c_str());
         errno = error;
@@ -70,9 +88,13 @@ std::string read(const Descriptor& descriptor, const std::string& file) {
         throw std::invalid_argument("tokenFile: others may read " + file + "; chmod 600 ends that");
     }
     std::string text(kDigits + 2, '\0');
-    const auto size = ::read(descriptor.get(), text.data(), text.size());
-    if (size < 0) fail("tokenFile: " + file + " cannot be read");
-    text.resize(static_cast<std::size_t>(size));
+    std::size_t size = 0;
+    for (ssize_t got = 1; got != 0 && size < text.size(); size += static_cast<std::size_t>(got)) {
+        got = againIfInterrupted(
+            [&] { return ::read(descriptor.get(), text.data() + size, text.size() - size); });
+        if (got < 0) fail("tokenFile: " + file + " cannot be read");
+    }
+    text.resize(size);
     if (text.ends_with('\n')) text.pop_back();
     const bool isToken = text.size() == kDigits && std::ranges::all_of(text, [](char c) {
                              return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');

@@ -9,6 +9,7 @@
 
 #include "Endpoint.hpp"
 #include "checked/Require.hpp"
+#include "process/Thread.hpp"
 
 namespace kirogateway {
 namespace {
@@ -39,6 +40,16 @@ int duplicateOf(int descriptor) {
     return duplicate;
 }
 
+/// All that is timed waits for a timer of the reactor, which does not look whether the kernel took
+/// it on: one that was lost would leave time-outs and stopping to wait for ever.
+void requireTimer(asio::io_context& context) {
+    asio::steady_timer timer(context, milliseconds(0));
+    timer.async_wait([](const error_code&) {});
+    if (context.run_one_for(std::chrono::seconds(1)) > 0) return;
+    throw std::system_error(std::make_error_code(std::errc::not_enough_memory),
+                            "the gateway's timer does not run");
+}
+
 }  // namespace
 
 Server::Server(SessionServices services, std::shared_ptr<Wakeup> wakeup)
@@ -47,6 +58,7 @@ Server::Server(SessionServices services, std::shared_ptr<Wakeup> wakeup)
       fBell(fContext, duplicateOf(fShared.wakeup->descriptor())),
       fTick(fContext),
       fRetry(fContext) {
+    requireTimer(fContext);
     const auto& options = fShared.services.context->options;
     fPeriod = periodOf(options.limits);
     fShared.tls = tlsOf(options);
@@ -55,7 +67,7 @@ Server::Server(SessionServices services, std::shared_ptr<Wakeup> wakeup)
 
 void Server::start(std::unique_ptr<AccessPolicy> access) {
     fShared.access = std::move(access);
-    fThread = std::thread([this] { run(); });
+    fThread = process::makeThread("the gateway", [this] { run(); });
 }
 
 // --- The thread --------------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include "checked/Require.hpp"
 #include "kirohost/Controls.hpp"
 #include "process/Immortal.hpp"
+#include "process/Thread.hpp"
 
 namespace relay {
 namespace {
@@ -151,7 +152,7 @@ void Bus::unsubscribe(const Subscriber& subscriber) noexcept {
 // --- Delivery ----------------------------------------------------------------------------------
 
 void Bus::startThreadLocked() {
-    std::thread([this] { runDelivery(); }).detach();
+    process::makeThread("messages", [this] { runDelivery(); }).detach();
     fIsStarted = true;
 }
 

@@ -10,6 +10,7 @@
 
 #include "annotated/Mutex.hpp"
 #include "checked/Require.hpp"
+#include "process/Thread.hpp"
 
 namespace kirorecording {
 
@@ -96,7 +97,7 @@ Recorder::Impl::Impl(std::unique_ptr<Sink> sink, const std::vector<Channel>& cha
     // At once, so that a disk without room is found here, and every file names its channels.
     fWriter.flush();
     fBytes.store(fWriter.size());
-    fThread = std::thread([this] { run(); });
+    fThread = process::makeThread("the recording", [this] { run(); });
 }
 
 void Recorder::Impl::add(std::uint16_t channel, std::string&& data) noexcept {

@@ -1,11 +1,12 @@
 #include "Server.hpp"
 
 #include <fcntl.h>
+#include <sys/signalfd.h>
 
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/signal_set.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -14,6 +15,7 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <cerrno>
 #include <csignal>
 #include <exception>
 #include <list>
@@ -239,13 +241,27 @@ bool isIgnored(int signal) {
     return sigaction(signal, nullptr, &known) == 0 && known.sa_handler == SIG_IGN;
 }
 
+/// A descriptor to read when the program is asked to end. Not Boost's, which does not look whether
+/// the kernel took its own one on, and would then never hear of it.
+int makeSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        if (!isIgnored(signal)) sigaddset(&signals, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const int descriptor = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
+    return descriptor;
+}
+
 }  // namespace
 
 class Server::Impl {
   public:
     explicit Impl(std::uint16_t port);
 
-    [[nodiscard]] std::uint16_t port() const { return fAcceptor.local_endpoint().port(); }
+    [[nodiscard]] std::uint16_t port() const noexcept { return fPort; }
     void run(Access& access);
 
   private:
@@ -254,15 +270,14 @@ class Server::Impl {
 
     std::optional<Context> fContext;  // before what may still hold connections
     asio::io_context fIo{1};
-    asio::signal_set fSignals{fIo};
+    asio::posix::stream_descriptor fSignals{fIo};
     tcp::acceptor fAcceptor{fIo};
     asio::steady_timer fRest{fIo};
+    std::uint16_t fPort = 0;
 };
 
 Server::Impl::Impl(std::uint16_t port) {
-    for (const int signal : {SIGINT, SIGTERM}) {
-        if (!isIgnored(signal)) fSignals.add(signal);
-    }
+    fSignals.assign(makeSignals());
     const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), port);
     try {
         fAcceptor.open(endpoint.protocol());
@@ -271,6 +286,7 @@ Server::Impl::Impl(std::uint16_t port) {
         fAcceptor.set_option(tcp::acceptor::reuse_address(true));
         fAcceptor.bind(endpoint);
         fAcceptor.listen();
+        fPort = fAcceptor.local_endpoint().port();
     } catch (const boost::system::system_error& error) {
         throw std::system_error(error.code(), "port " + std::to_string(port));
     }
@@ -299,7 +315,8 @@ void Server::Impl::onAccepted(ErrorCode error, tcp::socket socket) {
 
 void Server::Impl::run(Access& access) {
     fContext.emplace(Context{access});
-    fSignals.async_wait([this](ErrorCode, int) { fIo.stop(); });
+    fSignals.async_wait(asio::posix::stream_descriptor::wait_read,
+                        [this](ErrorCode) { fIo.stop(); });
     accept();
     while (!fIo.stopped()) {
         try {
@@ -310,7 +327,11 @@ void Server::Impl::run(Access& access) {
     }
 }
 
-Server::Server(std::uint16_t port) : fImpl(std::make_unique<Impl>(port)) {}
+Server::Server(std::uint16_t port) try : fImpl(std::make_unique<Impl>(port)) {
+} catch (const boost::system::system_error& error) {
+    // Without the place within Boost.
+    throw std::system_error(error.code(), "the server cannot start");
+}
 Server::~Server() = default;
 std::uint16_t Server::port() const { return fImpl->port(); }
 void Server::run(Access& access) { fImpl->run(access); }

@@ -1,8 +1,10 @@
 #include "Serving.hpp"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -51,6 +53,16 @@ TEST_F(TokenFile, IsRefusedWhenOthersMayReadItOrItHoldsSomethingElse) {
         EXPECT_THAT(refusal(), HasSubstr(fFile + " holds no token"));
     }
     EXPECT_THROW(static_cast<void>(detail::tokenFrom("/no/such/folder/file")), std::system_error);
+    // A disk that becomes full in the middle of it.
+    std::filesystem::remove(fFile);
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit usual{};
+    getrlimit(RLIMIT_FSIZE, &usual);
+    const rlimit small{9, usual.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_THAT([this] { static_cast<void>(token()); },
+                testing::ThrowsMessage<std::system_error>(HasSubstr("be written: File too large")));
+    setrlimit(RLIMIT_FSIZE, &usual);
 }
 
 TEST(Serving, LetsAPageDoWhatItHasToAndNoMore) {

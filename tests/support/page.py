@@ -60,7 +60,8 @@ class Page:
         self.objects, self.blocks, self.waiting = {}, {}, []
         self.knows = False  # what the figures are: what comes before the first whole frame is others'
         say(self.stream, {"t": "hello", "version": 1})
-        self.names = json.loads(hear(self.stream))["configuration"]
+        hello = json.loads(hear(self.stream))
+        self.names, self.view = hello["configuration"], hello["view"]
         assert self.names["vocabulary"] == "kirofigures/1", self.names
         channels = [self.names["commands"], self.names["blocks"]]
         say(self.stream, [{"t": "subscribe", "channels": channels}, {"t": "echo", "id": 1}])

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <fstream>
-#include <iterator>
 #include <limits>
+#include <sstream>
 #include <system_error>
 
 #include "engine/CsvReader.hpp"
@@ -20,7 +20,10 @@ EcgRecording readEcg(const std::filesystem::path& file) {
     if (!stream)
         throw DataError(file.string() + ": cannot be opened: " +
                         std::generic_category().message(errno) + "; see --data");
-    const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
+    std::ostringstream content;
+    content << stream.rdbuf();
+    if (content.bad()) throw DataError(file.string() + ": cannot be read");
+    const std::string bytes = content.str();
     if (bytes.empty() || bytes.size() % 2 != 0) {
         throw DataError(file.string() + ": does not hold a whole number of 16-bit samples");
     }
