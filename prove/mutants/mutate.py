@@ -90,10 +90,12 @@ class Source:
         if kind in UNMUTABLE or kind.is_attribute() or \
                 kind.is_declaration() and re.search(r"\bconst(expr|eval|init)\b", before):
             return
+        if kind.is_declaration():  # what stands before the name are arguments of templates
+            children = [child for child in children if child.extent.end.offset > cursor.location.offset]
         if kind == K.COMPOUND_STMT:
             self.statements(children)
         elif kind in CONTROLLED:
-            self.controlled(cursor, children)
+            children = self.controlled(cursor, children)
         elif kind in (K.CASE_STMT, K.DEFAULT_STMT, K.DO_STMT):
             children = children[:1] if kind == K.DO_STMT else children[-1:]
             self.statements(children)
@@ -111,19 +113,22 @@ class Source:
         for value in {"true", "false"} - {self.raw(condition)}:
             self.replace(condition, value)
 
-    def controlled(self, cursor: Cursor, children: list[Cursor]) -> None:
-        """A condition that is always true or never, and the statements without braces."""
+    def controlled(self, cursor: Cursor, children: list[Cursor]) -> list[Cursor]:
+        """Conditions that are always true or never, and statements without braces; where to go on."""
         opening = self.code.find("(", cursor.extent.start.offset)
         closing = self.closing(opening)
-        self.statements([child for child in children if child.extent.start.offset > closing])
+        bodies = [child for child in children if child.extent.start.offset > closing]
+        self.statements(bodies)
+        if "constexpr" in self.code[cursor.extent.start.offset:opening]:
+            return bodies
         head = [child for child in children if child.extent.start.offset < closing]
         if cursor.kind == K.FOR_STMT:  # what stands between the semicolons
             parts = [i for i in range(opening, closing) if self.code[i] == ";"]
             head = [child for child in head if parts[0] < child.extent.start.offset < parts[1]]
         if cursor.kind != K.CXX_FOR_RANGE_STMT and head and head[-1].kind.is_expression() and \
-                "constexpr" not in self.code[cursor.extent.start.offset:opening] and \
                 all(child.kind != K.VAR_DECL for child in head):
             self.constant(head[-1])
+        return children
 
     def statements(self, children: list[Cursor]) -> None:
         """Each may be dropped, and change places with the next."""
