@@ -162,9 +162,9 @@ class Source:
             left, right = children[0].extent, children[-1].extent
             operator = self.code[left.end.offset:right.start.offset].strip()
             result = cursor.type.get_canonical().spelling
-            # Places have a difference, but no sum.
-            if operator == "-" and re.search(r"time_point|iterator|\*$",
-                                             children[-1].type.get_canonical().spelling):
+            # Places have a difference, but no sum; a time has multiples, but divides no number.
+            impossible = {"-": r"time_point|iterator|\*$", "*": "duration"}.get(operator, "^$")
+            if re.search(impossible, children[-1].type.get_canonical().spelling):
                 return
             if (left.start.offset, right.end.offset) == (start, end) and operator in OPERATORS and \
                     "basic_string" not in result and not (operator in ("<<", ">>") and "::" in result):
