@@ -22,9 +22,8 @@ inline State state;
 __attribute__((constructor(101))) static void begin() {
     if (state.begun) return;
     state.begun = true;
-    if (const char* number = getenv("KIROWEB_MUTANT")) {
-        state.active = static_cast<unsigned>(atoi(number));
-    }
+    const char* number = getenv("KIROWEB_MUTANT");
+    state.active = static_cast<unsigned>(number ? atoi(number) : 0);
     const char* path = getenv("KIROWEB_MUTANT_REACH");
     const int file = path ? open(path, O_RDWR | O_CLOEXEC) : -1;
     struct stat found {};

@@ -25,6 +25,9 @@ class Mutant(NamedTuple):
     def change(self) -> str:
         return f"`{self.old}` -> `{self.new}`" if self.new else f"`{self.old}` dropped"
 
+    def place(self) -> str:
+        return f"{self.file}:{self.line}: {self.change()}"
+
 
 OPERATORS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||",
              "||": "&&", "+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "&": "|", "|": "&",
@@ -41,10 +44,6 @@ def on_one_line(text: str) -> str:
     """The text without comments and line breaks; literals stay as they are."""
     text = TOKEN.sub(lambda match: " " if match[0].startswith("/") else match[0], text)
     return re.sub(r"\s*\n\s*", " ", text).strip()
-
-
-def is_bool(cursor: Cursor) -> bool:
-    return cursor.type.get_canonical().kind == TypeKind.BOOL
 
 
 class Source:
@@ -101,8 +100,8 @@ class Source:
             self.statements(children)
         elif kind == K.CONDITIONAL_OPERATOR and children:
             self.constant(children[0])
-        elif kind == K.RETURN_STMT and children and is_bool(children[0]):
-            if self.raw(children[0]) not in ("true", "false"):
+        elif kind == K.RETURN_STMT and children and self.raw(children[0]) not in ("true", "false"):
+            if children[0].type.get_canonical().kind == TypeKind.BOOL:
                 self.replace(children[0], f"!({self.raw(children[0])})")
         elif kind.is_expression():
             self.expression(cursor, kind, children)
