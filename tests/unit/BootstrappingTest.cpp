@@ -142,7 +142,7 @@ TEST_F(Bootstrapping, SendsDirectlyAsTheLastAnnouncementSays) {
     sendBlock(5);
     sendBlockAsync(6);
     stream->blocks.awaitSize(2);
-    announce();
+    announce(R"({"binaryChannelStatus":2})");  // only the number 1 says yes
     sendBlock(7);
     EXPECT_EQ(received(), (Lines{command("a"), fallback("4 0"), fallback("7 0")}));
     EXPECT_EQ(stream->blocks.all(), (Lines{blockBytes(5), blockBytes(6)}));
@@ -253,6 +253,8 @@ TEST_F(Bootstrapping, MakesABinarySenderForEachNewChannelName) {
     EXPECT_THROW(sender->setBinaryChannelName("/b3"), std::runtime_error);
     binary::test::RegisterBinaryDataSenderCreationFunction(working);
     sendBlock(5);  // with the former sender
+    sender->setBinaryChannelName("/b3");
+    EXPECT_EQ(channels.back(), "/b3") << "may be named again";
     for (const bool allowed : {true, false}) {
         const ScopedSettings settings(
             [allowed](auto& changed) { changed.binaryChannelForCommands = allowed; });
