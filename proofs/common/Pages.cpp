@@ -250,7 +250,7 @@ class Page {
             forget();
             lose(kRetry);
         } else {
-            stall(how < 75);
+            stall(how < 71);
         }
     }
 
