@@ -421,6 +421,9 @@ View::Due View::look(TimePoint now, PageBlocks& left) noexcept {
         fFailure = fPace.look(load, now);
         if (fFailure != nullptr) return Due::kFail;
         if (fConnection->isReadingHeld()) heard(now);  // it may well have said something
+        // In the middle of a long frame a page gets no ping, and may have nothing to say.
+        if (fTakenInFrame != 0 && load.taken != fTakenInFrame) heard(now);
+        fTakenInFrame = fOutbox.isWithinFrame() ? load.taken : 0;
         const auto silence = now - fLastSign.load();
         if (silence > kSilencesUntilLost * fLimits.ping) return Due::kSilent;
         const bool isQuiet = silence > fLimits.ping;

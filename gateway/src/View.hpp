@@ -214,6 +214,8 @@ class View {
     bool fIsDirect GUARDED_BY(fMutex) = false;
     TimePoint fLostAt GUARDED_BY(fMutex);
     bool fIsPinged GUARDED_BY(fMutex) = false;
+    /// What the socket had taken at the last look, if that was in the middle of a frame; else 0.
+    std::uint64_t fTakenInFrame GUARDED_BY(fMutex) = 0;
     bool fIsWritingLater GUARDED_BY(fMutex) = false;  ///< the gateway's thread does, or will
     bool fIsTailLater GUARDED_BY(fMutex) = false;     ///< the connection will call `writeTail`
     TimePoint fLookedAt GUARDED_BY(fMutex);           ///< at the burst whose tail that is

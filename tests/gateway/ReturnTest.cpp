@@ -309,6 +309,12 @@ TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
     pass(seconds(100));
     page->fIsHeld = false;
     EXPECT_EQ(page->fEnd, "");
+    publish(page, "a long text");
+    for (int i = 0; i < 9; ++i) {  // the page takes it a byte at a time, and has nothing to say
+        page->read(1);
+        pass(seconds(5));
+    }
+    EXPECT_EQ(page->fEnd, "");
     pass(seconds(31));
     EXPECT_EQ(page->fEnd, "4004 no sign of life");
     page = join(R"(,"resume":false)");

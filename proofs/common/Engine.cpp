@@ -1,0 +1,144 @@
+// The engine of a load: publishes numbered texts and blocks at a steady pace. Its argument is a
+// JSON object with its settings; each command on its input is answered by a line of JSON.
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/json.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "Buffers.hpp"
+#include "Content.hpp"
+#include "kirogateway/Gateway.hpp"
+#include "relay/Relay.hpp"
+#include "relay/binary/experimental/BinaryStream.hpp"
+#include "relay/message_service/MessageService.hpp"
+
+namespace {
+
+using kirogateway::Limits;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+const std::map<std::string_view, milliseconds Limits::*> kTimes{
+    {"queue", &Limits::queue}, {"block", &Limits::block},       {"ping", &Limits::ping},
+    {"gone", &Limits::gone},   {"comeback", &Limits::comeback}, {"close", &Limits::close}};
+
+kirogateway::Options optionsOf(const boost::json::object& settings) {
+    kirogateway::Options options;
+    options.maySubscribe = {"/load/*"};
+    options.onLastPageGone = [] {};
+    options.address = settings.at("address").as_string();
+    options.port = settings.at("port").to_number<std::uint16_t>();
+    for (const auto& host : settings.at("hosts").as_array()) {
+        options.extraHosts.emplace_back(host.as_string());
+        options.extraOrigins.push_back("http://" + options.extraHosts.back());
+    }
+    auto& limits = options.limits;
+    for (const auto& [name, time] : settings.at("milliseconds").as_object()) {
+        limits.*kTimes.at(name) = milliseconds(time.to_number<int>());
+    }
+    limits.queueSize = settings.at("queueSize").to_number<std::size_t>();
+    limits.pieceSize = 16 * kirogateway::kKiB;
+    limits.connections = 250;  // those that are just closing, too
+    limits.unauthenticatedConnections = 100;
+    return options;
+}
+
+struct Outcomes {
+    std::atomic<std::uint64_t> delivered = 0;
+    std::atomic<std::uint64_t> givenBack = 0;
+};
+
+class Engine {
+  public:
+    explicit Engine(const boost::json::object& settings)
+        : fTextEvery(std::chrono::seconds(1) / settings.at("texts").to_number<double>()),
+          fBlockEvery(std::chrono::seconds(1) / settings.at("blocks").to_number<double>()),
+          fGateway(optionsOf(settings)) {}
+
+    /// Until the input ends.
+    void run() {
+        std::cout << boost::json::object{{"link", fGateway.link()}} << std::endl;
+        for (std::string command; std::cin;) {
+            pollfd input{STDIN_FILENO, POLLIN, 0};
+            ::poll(&input, 1, fIsPublishing ? 1 : -1);
+            publishDue();
+            if (input.revents != 0 && std::getline(std::cin, command)) obey(command);
+        }
+    }
+
+  private:
+    static constexpr milliseconds kMostLate{100};
+    using Time = std::chrono::time_point<steady_clock, std::chrono::duration<double, std::nano>>;
+
+    void obey(const std::string& command) {
+        if (command == "go") fNextText = fNextBlock = steady_clock::now();
+        if (command == "go" || command == "rest") fIsPublishing = command == "go";
+        std::cout << boost::json::object{{"texts", fText.number},
+                                         {"blocks", fBlock.number},
+                                         {"delivered", fOutcomes->delivered.load()},
+                                         {"givenBack", fOutcomes->givenBack.load()},
+                                         {"gateway", boost::json::parse(fGateway.diagnostics())}}
+                  << std::endl;
+    }
+
+    void publishDue() {
+        const auto now = steady_clock::now();
+        // What a machine that is too slow does not get done is left out.
+        fNextText = std::max<Time>(fNextText, now - kMostLate);
+        fNextBlock = std::max<Time>(fNextBlock, now - kMostLate);
+        for (; fIsPublishing && fNextText <= now; fNextText += fTextEvery) publishText();
+        for (; fIsPublishing && fNextBlock <= now; fNextBlock += fBlockEvery) sendBlock();
+    }
+
+    static std::uint64_t stamp() {
+        return static_cast<std::uint64_t>(steady_clock::now().time_since_epoch().count());
+    }
+
+    void publishText() {
+        fText = {fText.number + 1, fText.number, stamp()};
+        const auto text = load::textOf(fText);
+        fService->publish(load::kTexts, {load::kTexts, text.data(), text.size()});
+    }
+
+    void sendBlock() {
+        using Result = relay::binary::experimental::SendResult;
+        fBlock = {fBlock.number + 1, fText.number, stamp()};
+        fStream->send(support::bufferOf(load::blockOf(fBlock)))
+            .then([outcomes = fOutcomes](relay::Future<Result>&& future) {
+                ++(future.get().delivered ? outcomes->delivered : outcomes->givenBack);
+            });
+    }
+
+    const std::chrono::duration<double, std::nano> fTextEvery;
+    const std::chrono::duration<double, std::nano> fBlockEvery;
+    const std::shared_ptr<relay::message_service::MessageService> fService =
+        relay::message_service::createMessageService("load", {}).get();
+    const std::shared_ptr<relay::binary::experimental::BinaryStream> fStream =
+        relay::binary::experimental::createBinaryStream(load::kBlocks, {});
+    const std::shared_ptr<Outcomes> fOutcomes = std::make_shared<Outcomes>();
+    kirogateway::Gateway fGateway;
+
+    bool fIsPublishing = false;
+    Time fNextText;
+    Time fNextBlock;
+    load::Message fText;   ///< the last one
+    load::Message fBlock;  ///< the last one
+};
+
+}  // namespace
+
+int main(int /*count*/, char** arguments) try {
+    relay::getRelay();
+    Engine(boost::json::parse(arguments[1]).as_object()).run();
+} catch (const std::exception& error) {
+    std::cerr << "engine: " << error.what() << '\n';
+    return EXIT_FAILURE;
+}

@@ -1,0 +1,89 @@
+"""A proxy as bad as networks have them: it cuts connections, delays and chops what goes through, and forgets
+connections without a word. Its argument is a JSON object; "wild" and "calm" on its input are answered."""
+
+import asyncio
+import json
+import random
+import sys
+
+settings = json.loads(sys.argv[1])
+chance = random.Random(settings["seed"])
+is_wild = False
+
+
+class Passage:
+    """One connection of a page and the one to the gateway."""
+
+    def __init__(self, page, gateway):
+        self.ends = [page[1].transport, gateway[1].transport]
+        self.is_open = asyncio.Event()
+        self.is_open.set()
+        self.piece = 65536
+        self.pumps = [asyncio.create_task(self.pump(page[0], gateway[1])),
+                      asyncio.create_task(self.pump(gateway[0], page[1]))]
+
+    async def pump(self, source, sink):
+        while data := await source.read(self.piece):
+            await self.is_open.wait()
+            sink.write(data)
+            await sink.drain()
+
+    async def suffer(self):
+        while True:
+            await asyncio.sleep(chance.uniform(0.2, 1.5))
+            if not is_wild:
+                continue
+            match chance.randrange(5):
+                case 0:  # cut
+                    return
+                case 1:  # half-open: one end is gone, the other one hears nothing
+                    chance.choice(self.ends).abort()
+                    self.is_open.clear()
+                    return await asyncio.sleep(4)
+                case 2:  # forgotten: both ends hear nothing
+                    self.is_open.clear()
+                    return await asyncio.sleep(4)
+                case 3:
+                    self.is_open.clear()
+                    await asyncio.sleep(chance.uniform(0.05, 0.6))
+                    self.is_open.set()
+                case 4:
+                    self.piece = chance.choice([1000, 5000, 65536])
+
+    async def run(self):
+        suffering = asyncio.create_task(self.suffer())
+        await asyncio.wait([suffering, *self.pumps], return_when=asyncio.FIRST_COMPLETED)
+        while suffering.done() is False and not self.is_open.is_set():
+            await asyncio.sleep(0.1)  # what was forgotten stays so, whoever has gone
+        for task in (suffering, *self.pumps):
+            task.cancel()
+        for end in self.ends:
+            end.abort()
+
+
+async def serve(*page):
+    try:
+        await Passage(page, await asyncio.open_connection("127.0.0.1", settings["to"])).run()
+    except OSError:
+        page[1].transport.abort()
+
+
+def obey():
+    global is_wild
+    command = sys.stdin.readline()
+    if not command:
+        asyncio.get_running_loop().stop()
+    is_wild = command == "wild\n"
+    print("{}", flush=True)
+
+
+async def start():
+    await asyncio.start_server(serve, *settings["listen"])
+    asyncio.get_running_loop().add_reader(sys.stdin, obey)
+
+
+loop = asyncio.new_event_loop()
+loop.set_exception_handler(lambda *_: None)  # of connections that were cut
+loop.run_until_complete(start())
+print("{}", flush=True)
+loop.run_forever()
