@@ -20,6 +20,12 @@
 /// For a function that leaves out a lock on purpose; a comment beside it says why that is safe.
 #define NO_THREAD_SAFETY_ANALYSIS ANNOTATED_ATTRIBUTE(no_thread_safety_analysis)
 
+/// What a thread does before it takes a lock and after it has let go: nothing. A build that looks
+/// for races defines it otherwise.
+#if !defined(KIROWEB_LOCK_BOUNDARY)
+#define KIROWEB_LOCK_BOUNDARY() static_cast<void>(0)
+#endif
+
 namespace annotated {
 
 class ANNOTATED_ATTRIBUTE(capability("mutex")) Mutex {
@@ -28,11 +34,13 @@ class ANNOTATED_ATTRIBUTE(capability("mutex")) Mutex {
     explicit Mutex(Rank rank = Rank::kLeaf) noexcept : fRank(rank) {}
     void lock() ANNOTATED_ATTRIBUTE(acquire_capability()) {
         HeldRanks::ofThisThread().push(fRank);
+        KIROWEB_LOCK_BOUNDARY();
         fMutex.lock();
     }
     void unlock() ANNOTATED_ATTRIBUTE(release_capability()) {
         fMutex.unlock();
         HeldRanks::ofThisThread().pop(fRank);
+        KIROWEB_LOCK_BOUNDARY();
     }
 #else
     explicit Mutex(Rank /*rank*/ = Rank::kLeaf) noexcept {}
