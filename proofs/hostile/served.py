@@ -16,7 +16,7 @@ PROFILES = {
                     "pieceSize": 1000, "lostViews": 1000, "close": 60_000},
     # Everything ends soon, and few get in.
     "brief": {"request": 400, "hello": 400, "queue": 500, "block": 400, "ping": 1000, "gone": 100,
-              "comeback": 800, "close": 2000, "code": 400, "connections": 12,
+              "comeback": 800, "close": 10_000, "code": 400, "connections": 12,
               "unauthenticatedConnections": 4, "queueSize": 100_000, "headerSize": 2048},
 }
 OF_A_CHANNEL = ("heard", "block", "sent", "listening")
