@@ -79,9 +79,7 @@ Admission AccessPolicy::decide(const Request& request, TimePoint now) {
     // The host first: a name that is not ours was made to point here by somebody else.
     if (auto refusal = refuseHost(request)) return *refusal;
     if (request.isEncoded) return {400, "a Transfer-Encoding is not expected"};
-    if (!request.target.starts_with('/') || !isClean(request.target)) {
-        return {400, "malformed target"};
-    }
+    if (!isClean(request.target)) return {400, "malformed target"};
     if (request.target == kTokenPath) return decideExchange(request, now);
     if (request.bodySize > 0) return {400, "a body is not expected"};
     if (request.method != "GET" && request.method != "HEAD") {

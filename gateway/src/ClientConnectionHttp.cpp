@@ -43,7 +43,10 @@ void ClientConnection::onRequest(ErrorCode error) {
         return answer(*refusal, nullptr);
     }
     const auto request = requestOf(fParser->get());
-    const auto admission = fContext.access->decide(request, steady_clock::now());
+    auto admission = fContext.access->decide(request, steady_clock::now());
+    // They would be lost, or only their first part: a client has to wait for the answer.
+    if (admission.status == 101 && fBuffer.size() > 0)
+        admission = {400, "frames before the answer"};
     if (admission.status >= 400) {
         // Nothing else of the request: its target or its fields may hold a secret.
         peerLog().write("refused a request, " + std::string(admission.reason),

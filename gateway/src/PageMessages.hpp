@@ -88,6 +88,7 @@ struct BlockHeader {
 /// Why a connection is closed; the numbers stand in docs/protocol.md.
 enum class CloseCode : std::uint16_t {
     kStopped = 1001,
+    kInvalidText = 1007,
     kBadMessage = 4000,
     kNoHello = 4001,
     kVersion = 4002,

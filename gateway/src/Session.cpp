@@ -27,6 +27,12 @@ Session::Session(const SessionServices& services, ViewRegistry::Arrival arrival)
 void Session::text(std::string_view bytes, bool isLast, TimePoint now) {
     heard(now);
     if (fIsOver) return;
+    fCharacter.read(bytes);
+    // Whoever reads the frames does not look at the end of a text whose last frame is empty.
+    if (isLast && std::exchange(fCharacter, {}).isWithin()) {
+        fServices.context->peerLog.write("a text that ends within a character", {});
+        return close(wire::CloseCode::kInvalidText, {});
+    }
     try {
         fReader.read(bytes, isLast, [this, now](wire::PageMessage&& message) {
             handle(std::move(message), now);
@@ -117,8 +123,9 @@ void Session::takeBlock(std::string_view frame) {
         throw wire::BadMessage("no such block channel");
     }
     const auto& channel = fOwnChannels[header->channel - 1];
-    if (fServices.inbound.publishBlock(channel, frame.substr(wire::BlockHeader::kSize))) return;
-    refuse("block", channel, "not allowed");
+    const auto block = frame.substr(wire::BlockHeader::kSize);
+    if (channel && fServices.inbound.publishBlock(*channel, block)) return;
+    refuse("block", channel.value_or(std::string()), "not allowed");
 }
 
 void Session::heard(TimePoint now) noexcept {

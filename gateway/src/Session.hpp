@@ -3,10 +3,12 @@
 #include <array>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "Budget.hpp"
+#include "CharacterEnd.hpp"
 #include "Connection.hpp"
 #include "Context.hpp"
 #include "FrameReader.hpp"
@@ -80,10 +82,11 @@ class Session {
     ViewRegistry::Arrival fArrival;
     std::shared_ptr<View> fView;
     bool fIsOver = false;
-    std::array<std::string, kOwnChannels> fOwnChannels;
+    std::array<std::optional<std::string>, kOwnChannels> fOwnChannels;  ///< those named
     FrameReader fReader;
-    std::string fBlock;  ///< a binary message that is not whole yet
-    Charge fHeld;        ///< for what has come of a message
+    CharacterEnd fCharacter;  ///< of the text that comes
+    std::string fBlock;       ///< a binary message that is not whole yet
+    Charge fHeld;             ///< for what has come of a message
 };
 
 }  // namespace kirogateway

@@ -79,6 +79,7 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
         {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", "400"},
         {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", "403"},
         {"GET /../../etc/passwd" + end, "404"},
+        {"GET http://" + fAccess.host() + "/" + end, "404"},
         {"GET /?reload=1" + end, "200"},
         {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", "400"},
         {"DELETE /" + end, "405"},
@@ -226,6 +227,7 @@ TEST_F(GatewayTest, AccessOverAConnection) {
     const Row table[] = {
         {head + code, "403"},
         {upgradeRequest(fAccess, code), "403"},
+        {upgradeRequest(fAccess, fToken), "400"},  // its answer was not waited for
         {"GET / HTTP/1.1\r\nHost: a\x1b[2J\r\n\r\n", "400"},
         {"GET /" + std::string(4096, 'x') + " HTTP/1.1\r\n" + host + "\r\n", "431"},
     };

@@ -55,6 +55,24 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
     settle(good);
 }
 
+TEST_F(HostileTest, ATextThatEndsWithinACharacterIsInvalid) {
+    start();
+    for (const bool hasView : {false, true}) {
+        auto peer = hasView ? join() : connect();
+        peer.send("\x01\x82\0\0\0\0\"\xe2"s + "\0\x81\0\0\0\0\x82"s + "\x80\x80mask"s);
+        EXPECT_EQ(peer.readClose(), 1007U);
+    }
+}
+
+TEST_F(HostileTest, ABlockOnAChannelWithoutANameGoesNowhere) {
+    fOptions.mayPublish = {""};
+    start();
+    auto page = join();
+    page.sendFrame(2, "\1\1\1" + std::string(13, '\0'));
+    EXPECT_NE(page.readControl("refused").find(R"("what":"block","channel":"")"),
+              std::string::npos);
+}
+
 TEST_F(HostileTest, SilentPeersAreNotWaitedForForEver) {
     using kirogateway::Limits;
     const auto startWith = [this](auto limit) {
