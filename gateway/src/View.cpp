@@ -218,7 +218,10 @@ View::Rest View::detachBetweenFrames(TimePoint now, Fate fate) noexcept {
     }
     try {
         rest.isCut = size > kMostRest;
-        if (!rest.isCut) rest.bytes = fOutbox.restOfFrame();
+        if (!rest.isCut) {
+            rest.bytes = fOutbox.restOfFrame();
+            fOutbox.written(rest.bytes.size());  // its page may have it all when it comes back
+        }
     } catch (...) {
         rest.isCut = true;
     }
