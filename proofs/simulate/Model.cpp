@@ -290,7 +290,8 @@ void Model::excuseEnd(ViewModel& view, bool isTick) {
 void Model::excuseSlow(ViewModel& view) {
     const auto& peer = *view.peer;
     const std::string_view reason = peer.closeReason;
-    std::size_t most = 0;  // that can be held for it
+    std::size_t most =
+        2 * options.limits.batchSize;  // that can be held for it, room for more included
     const auto add = [&most](const Item* item) {
         if (item != nullptr) most += 2 * item->content.size() + item->channel.size() + 500;
     };
