@@ -1,9 +1,9 @@
 #include "Fanout.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
 
+#include "Clock.hpp"
 #include "TextEncoding.hpp"
 
 namespace kirogateway {
@@ -155,7 +155,7 @@ Charge Fanout::chargeFor(std::string_view channel, std::size_t block) noexcept {
 View::Part Fanout::offerTo(View& view, std::string_view channel, std::size_t lane,
                            const std::shared_ptr<Transfer>& transfer) noexcept {
     for (bool isRoomMade = false;;) {
-        const auto now = std::chrono::steady_clock::now();
+        const auto now = timeNow();
         const auto part = view.offer(channel, lane, transfer, now, isRoomMade);
         if (part == View::Part::kNoMemory) {
             isRoomMade = fViews->makeRoom(kPlace);

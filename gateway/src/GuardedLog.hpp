@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
+#include "Clock.hpp"
 #include "annotated/Mutex.hpp"
 #include "text/Escape.hpp"
 
@@ -21,8 +22,7 @@ class GuardedLog {
     /// Writes a line, unless there were too many; `detail` comes from outside and is escaped.
     /// A line that cannot be written, for lack of memory or because an observer of the log throws,
     /// counts as left out.
-    void write(std::string_view event, std::string_view detail,
-               TimePoint now = std::chrono::steady_clock::now()) noexcept;
+    void write(std::string_view event, std::string_view detail, TimePoint now = timeNow()) noexcept;
     /// As `write`, with the text of the exception that is being handled as the detail.
     /// REQUIRES: called in a handler.
     void writeCaught(std::string_view event) noexcept;

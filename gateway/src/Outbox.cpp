@@ -406,7 +406,8 @@ void Outbox::finishNumbered(const Writing& writing) noexcept {
         fKept += entry.block->size;
     }
     fKept += ownSize(entry) + sharedSize(entry);
-    fWrittenUpTo = entry.number + entry.count - 1;
+    // What is written again, after a return, is not all that the page has been sent.
+    fWrittenUpTo = std::max(fWrittenUpTo, entry.number + entry.count - 1);
     ++fUnwritten;
     if (!fKeeps) fAcknowledged = fWrittenUpTo;
     popAcknowledged();

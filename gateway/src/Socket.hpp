@@ -1,12 +1,7 @@
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/uio.h>
-
-#include <algorithm>
 #include <array>
 #include <boost/asio/ip/tcp.hpp>
-#include <cerrno>
 #include <cstddef>
 #include <string_view>
 #include <utility>
@@ -32,37 +27,14 @@ class Socket {
 
     /// How many of `bytes`, of each stretch `most`, the socket took without blocking; 0: it is
     /// full; -1: it is broken, which whoever reads from it learns too. Any thread, one at a time.
-    [[nodiscard]] std::ptrdiff_t write(const Bytes& bytes, std::size_t most) noexcept {
-        std::array<iovec, kStretches> vectors{};
-        std::size_t count = 0;
-        for (const auto stretch : bytes) {
-            if (stretch.empty()) continue;
-            vectors[count++] = vectorOf(stretch.substr(0, most));
-            if (stretch.size() > most) break;
-        }
-        msghdr message{};
-        message.msg_iov = vectors.data();
-        message.msg_iovlen = count;
-        for (;;) {
-            const auto sent =
-                ::sendmsg(fSocket.native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (sent >= 0) return sent;
-            if (errno == EINTR) continue;
-            return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
-        }
-    }
+    [[nodiscard]] std::ptrdiff_t write(const Bytes& bytes, std::size_t most) noexcept;
 
     /// No more is written.
-    void shutdownWriting() noexcept { ::shutdown(fSocket.native_handle(), SHUT_WR); }
+    void shutdownWriting() noexcept;
     /// Ends the connection; what was waited for on it comes back with an error.
-    void shutdown() noexcept { ::shutdown(fSocket.native_handle(), SHUT_RDWR); }
+    void shutdown() noexcept;
 
   private:
-    static iovec vectorOf(std::string_view bytes) noexcept {
-        // sendmsg does not write to it. NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
-        return {const_cast<char*>(bytes.data()), bytes.size()};
-    }
-
     boost::asio::ip::tcp::socket fSocket;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Clock.hpp"
 #include "WebSocketFrame.hpp"
 #include "checked/Require.hpp"
 
@@ -50,7 +51,7 @@ Outbox::Added View::publish(const Text& text, bool isRoomMade) noexcept {
     if (fFailure != nullptr || state() == State::kOver) return Outbox::Added::kNever;
     try {
         // To ask the clock takes longer than to copy a text; in a burst the last look is recent.
-        const auto now = fIsTailLater ? fLookedAt : std::chrono::steady_clock::now();
+        const auto now = fIsTailLater ? fLookedAt : timeNow();
         const auto added = fOutbox.addText(text, isRoomMade);
         if (added == Outbox::Added::kYes) pushLocked(now);
         noteHeldLocked();
@@ -217,7 +218,10 @@ View::Rest View::detachBetweenFrames(TimePoint now, Fate fate) noexcept {
     }
     try {
         rest.isCut = size > kMostRest;
-        if (!rest.isCut) rest.bytes = fOutbox.restOfFrame();
+        if (!rest.isCut) {
+            rest.bytes = fOutbox.restOfFrame();
+            fOutbox.written(rest.bytes.size());  // its page may have it all when it comes back
+        }
     } catch (...) {
         rest.isCut = true;
     }

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "Clock.hpp"
 #include "Report.hpp"
 #include "WebSocketFrame.hpp"
 #include "kiroutils/Logger.hpp"
@@ -224,7 +225,7 @@ std::shared_ptr<View> ViewRegistry::oldestLost() const noexcept {
 
 void ViewRegistry::left(const std::shared_ptr<View>& view, const Connection& connection) noexcept {
     if (view->connection() != &connection) return;
-    view->detach(std::chrono::steady_clock::now(), View::Fate::kEnds);
+    view->detach(timeNow(), View::Fate::kEnds);
     fContext->log.write("page left", view->identity().client);
     end(view, "the page closed it");
 }
@@ -235,7 +236,7 @@ void ViewRegistry::dismiss(const std::shared_ptr<View>& view, wire::CloseCode co
     std::string reason;
     tellIfPossible([&] { reason = reasonText(code, why); });
     auto* const connection = view->connection();
-    auto rest = view->detachBetweenFrames(std::chrono::steady_clock::now(), View::Fate::kEnds);
+    auto rest = view->detachBetweenFrames(timeNow(), View::Fate::kEnds);
     ++fContext->counters->disconnected;
     recordDisconnect(*view, reason);
     end(view, reason);
@@ -279,7 +280,7 @@ void ViewRegistry::shut() noexcept {
         views.swap(fViews);
         refreshLocked();
     }
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = timeNow();
     for (const auto& view : views) {
         PageBlocks left;
         auto* const connection = view->connection();

@@ -193,6 +193,16 @@ TEST_F(OutboxTest, TrustsNoPageAboutWhatItHas) {
     EXPECT_TRUE(block.get().delivered);  // its answer was lost
     fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 1, true);
     EXPECT_EQ(textsOf(write()), (Texts{"{}", "3 b", "4 c"}));
+    fOutbox->detach();
+    fOutbox->resume(2, {}, fLeft);
+    fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 1, true);
+    for (int i = 0; i < 2; ++i) {
+        std::size_t size = 0;
+        for (const auto stretch : fOutbox->pending()) size += stretch.size();
+        fOutbox->written(size);
+    }
+    fOutbox->detach();
+    EXPECT_TRUE(fOutbox->canResume(4)) << "it was sent before";
 }
 
 TEST_F(OutboxTest, DropsLateBlocksButNotInTheMiddleOfAFrame) {
