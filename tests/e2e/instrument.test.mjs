@@ -209,11 +209,10 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
         await page.getByRole("button", { name: "Save" }).first().click();
         await page.locator(`[value=${format}]`).check();
         await page.getByLabel("Scale").selectOption(scale);
-        const download = page.waitForEvent("download");
-        await page.locator(".save button").click();
-        const file = await download;
-        assert.match(file.suggestedFilename(), new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
-        return readFile(await stage.browser.fileOf(file));
+        const button = page.locator(".save button");
+        const { name, path } = await stage.browser.download(page, () => button.click());
+        assert.match(name, new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
+        return readFile(path);
     };
     const { width } = await page.locator(".grid").first().boundingBox();
     const widthOf = (png) => png.readUInt32BE(16);

@@ -54,9 +54,7 @@ async function seenOn(page) {
 
 /** A file that the page gives when it is asked for it. */
 async function downloaded(page, ask, ending = "") {
-    const download = page.waitForEvent("download");
-    await ask(page);
-    const path = await stage.browser.fileOf(await download);
+    const { path } = await stage.browser.download(page, () => ask(page));
     // By its name a browser knows what it is.
     await rename(path, path + ending);
     return path + ending;

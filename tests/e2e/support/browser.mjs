@@ -1,10 +1,11 @@
 // The browser of tests, both through playwright-core: Debian's Chromium over its DevTools, or its
 // Firefox over WebDriver BiDi where the environment's KIROWEB_BROWSER is "firefox".
 import assert from "node:assert/strict";
+import { once } from "node:events";
 import { readFileSync, readdirSync } from "node:fs";
 import { mkdtemp, rename, rm } from "node:fs/promises";
 import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { basename, join } from "node:path";
 
 import { playwright } from "../../client/support/packages.mjs";
 
@@ -25,11 +26,12 @@ function* processesBelow(pid) {
 }
 
 /** The processes of a browser in which pages run, also those that wait for pages. */
-function pageProcesses(browser, isOfPages) {
+function pageProcesses(browser, title) {
     const { pid } = insideOf(browser).options.browserProcess.process;
-    return [...processesBelow(pid)].filter((one) =>
-        isOfPages(readFileSync(`/proc/${one}/cmdline`, "latin1").split("\0")),
-    );
+    const isOfPages = (one) => title.test(readFileSync(`/proc/${one}/cmdline`, "latin1"));
+    const pids = [...processesBelow(pid)].filter(isOfPages);
+    assert.notEqual(pids.length, 0, "no process of pages is known");
+    return pids;
 }
 
 class Chromium {
@@ -57,10 +59,13 @@ class Chromium {
         return this.browser.newContext(options);
     }
     pageProcesses() {
-        return pageProcesses(this.browser, (words) => words.includes("--type=renderer"));
+        return pageProcesses(this.browser, /--type=renderer\b/);
     }
-    fileOf(download) {
-        return download.path();
+    async download(page, ask) {
+        const download = page.waitForEvent("download");
+        await ask();
+        const file = await download;
+        return { name: file.suggestedFilename(), path: await file.path() };
     }
     async touch(page, type, touchPoints) {
         this.fingers ??= await page.context().newCDPSession(page);
@@ -69,7 +74,7 @@ class Chromium {
 }
 
 /** A proxy that nobody is: what Firefox would say to the world is said to no one. */
-const NOBODY = { host: "127.0.0.1", port: 9 };
+const NOBODY = { server: "socks5://127.0.0.1:9" };
 
 const moveTo = ({ x, y }) => ({ type: "pointerMove", x, y });
 
@@ -85,11 +90,9 @@ function act(page, name, pointerType, actions) {
 
 class Firefox {
     static PREFERENCES = {
-        ...{ "network.proxy.type": 1, "network.proxy.no_proxies_on": "127.0.0.1" },
-        ...{ "network.proxy.http": NOBODY.host, "network.proxy.http_port": NOBODY.port },
-        ...{ "network.proxy.ssl": NOBODY.host, "network.proxy.ssl_port": NOBODY.port },
-        // A test's own proxy is between the browser and this machine.
-        "network.proxy.allow_hijacking_localhost": true,
+        "network.proxy.type": 1,
+        "network.proxy.socks_version": 5,
+        "network.proxy.socks_remote_dns": true,
         // What would be said, besides what playwright-core leaves out.
         "app.normandy.enabled": false,
         "browser.region.network.url": "",
@@ -115,16 +118,15 @@ class Firefox {
 
     async launch() {
         this.folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
-        await this.#browser("light");
+        await this.#browser();
     }
     async close() {
         for (const browser of this.#browsers.values()) await browser.close();
         await rm(this.folder, { recursive: true });
     }
-    async context({ colorScheme = "light", offline = false, ...options }) {
-        const browser = await this.#browser(colorScheme);
-        const proxy = { server: `socks5://${NOBODY.host}:${NOBODY.port}` };
-        const context = await browser.newContext({ ...(offline && { proxy }), ...options });
+    async context({ colorScheme, proxy, offline = false, ...options }) {
+        const browser = await this.#browser(colorScheme, offline ? NOBODY : proxy);
+        const context = await browser.newContext(options);
         // Clicks make a double one if they are asked for at once, which playwright-core does not.
         context.on("page", (page) => {
             page.mouse.dblclick = (x, y) => {
@@ -135,15 +137,17 @@ class Firefox {
         return context;
     }
     pageProcesses() {
-        const isOfPages = (words) => words.filter(Boolean).at(-1) === "tab";
-        return [...this.#browsers.values()].flatMap((one) => pageProcesses(one, isOfPages));
+        return [...this.#browsers.values()].flatMap((one) => pageProcesses(one, /\btab\0*$/));
     }
-    async fileOf(download) {
-        assert.equal(await download.failure(), null);
+    async download(page, ask) {
+        const ended = once(insideOf(page).delegate._session, "browsingContext.downloadEnd");
+        await ask();
+        const [{ status, filepath }] = await ended;
+        assert.equal(status, "complete");
         // The next one may have the same name.
         const path = join(this.folder, `${(this.#downloads += 1)}`);
-        await rename(join(this.folder, download.suggestedFilename()), path);
-        return path;
+        await rename(filepath, path);
+        return { name: basename(filepath), path };
     }
     async touch(page, type, touchPoints) {
         const verbs = {
@@ -154,21 +158,28 @@ class Firefox {
         if (type !== "touchEnd") this.fingers = touchPoints;
         await act(page, "finger", "touch", this.fingers.map(verbs[type]));
     }
-    /** What a scheme is depends on the browser's settings: one browser for each. */
-    async #browser(scheme) {
-        if (!this.#browsers.has(scheme)) {
+    /** Colours and the proxy are the browser's settings: one browser for each. Without a proxy it
+     * reaches this machine, and nothing else. */
+    async #browser(scheme = "light", proxy = undefined) {
+        const { hostname, port, href } = new URL((proxy ?? NOBODY).server);
+        const key = `${scheme} ${proxy && href}`;
+        if (!this.#browsers.has(key)) {
             const browser = await playwright().firefox.launch({
                 channel: "moz-firefox", // by BiDi
                 executablePath: "/usr/bin/firefox-esr",
                 firefoxUserPrefs: {
                     ...Firefox.PREFERENCES,
+                    "network.proxy.socks": hostname,
+                    "network.proxy.socks_port": Number(port),
+                    "network.proxy.no_proxies_on": proxy ? "" : "127.0.0.1",
+                    "network.proxy.allow_hijacking_localhost": Boolean(proxy),
                     "browser.download.dir": this.folder,
                     "layout.css.prefers-color-scheme.content-override": scheme === "dark" ? 0 : 1,
                 },
             });
-            this.#browsers.set(scheme, browser);
+            this.#browsers.set(key, browser);
         }
-        return this.#browsers.get(scheme);
+        return this.#browsers.get(key);
     }
 }
 
