@@ -20,7 +20,7 @@ function random(below) {
     state ^= state << 13;
     state ^= state >>> 17;
     state ^= state << 5;
-    return (state >>> 0) % below;
+    return Math.floor(((state >>> 0) / 2 ** 32) * below);
 }
 
 /** Draws so long until the page has this many frames more. */

@@ -3,7 +3,7 @@
 import assert from "node:assert/strict";
 import { once } from "node:events";
 import { readFileSync, readdirSync } from "node:fs";
-import { mkdtemp, rename, rm } from "node:fs/promises";
+import { mkdtemp, rename, rm, writeFile } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { basename, join } from "node:path";
 
@@ -118,11 +118,15 @@ class Firefox {
 
     async launch() {
         this.folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
+        // playwright-core wants a browser that ends when a process of its pages does.
+        this.program = join(this.folder, "firefox");
+        const script = 'unset MOZ_CRASHREPORTER_SHUTDOWN\nexec /usr/bin/firefox-esr "$@"\n';
+        await writeFile(this.program, `#!/bin/sh\n${script}`, { mode: 0o755 });
         await this.#browser();
     }
     async close() {
         for (const browser of this.#browsers.values()) await browser.close();
-        await rm(this.folder, { recursive: true });
+        if (this.folder) await rm(this.folder, { recursive: true });
     }
     async context({ colorScheme, proxy, offline = false, ...options }) {
         const browser = await this.#browser(colorScheme, offline ? NOBODY : proxy);
@@ -166,7 +170,7 @@ class Firefox {
         if (!this.#browsers.has(key)) {
             const browser = await playwright().firefox.launch({
                 channel: "moz-firefox", // by BiDi
-                executablePath: "/usr/bin/firefox-esr",
+                executablePath: this.program,
                 firefoxUserPrefs: {
                     ...Firefox.PREFERENCES,
                     "network.proxy.socks": hostname,
