@@ -3,6 +3,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { only } from "./support/browser.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean } from "./support/page.mjs";
 import { pictures } from "./support/pictures.mjs";
@@ -48,8 +49,9 @@ function draw(engine) {
 }
 
 const viewport = { width: 640, height: 480 };
+const how = only("chromium", "a test can change what the page's worker sees");
 for (const deviceScaleFactor of [1, 2]) {
-    test(`What WebGL draws the stamps draw too, once its context is lost, ${deviceScaleFactor} x`, async () => {
+    test(`What WebGL draws the stamps draw too, once its context is lost, ${deviceScaleFactor} x`, how, async () => {
         const engine = await Engine.open(stage, { viewport, deviceScaleFactor });
         const { page } = engine;
         const worker = await withGpu(page);

@@ -11,6 +11,9 @@ import { playwright } from "../../client/support/packages.mjs";
 
 export const NAME = process.env.KIROWEB_BROWSER || "chromium";
 
+/** For a test of what one browser offers: skips it in others, and says why. */
+export const only = (name, why) => (NAME === name ? {} : { skip: `${name} only: ${why}` });
+
 /** What playwright-core itself works with, for what its interface has no words for. */
 const insideOf = (object) => object._connection.toImpl(object);
 
