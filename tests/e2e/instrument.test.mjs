@@ -1,4 +1,4 @@
-// The page as an instrument: what somebody does with figures, in Chromium.
+// The page as an instrument: what somebody does with figures.
 import assert from "node:assert/strict";
 import { readFile } from "node:fs/promises";
 import { test } from "node:test";
@@ -209,11 +209,10 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
         await page.getByRole("button", { name: "Save" }).first().click();
         await page.locator(`[value=${format}]`).check();
         await page.getByLabel("Scale").selectOption(scale);
-        const download = page.waitForEvent("download");
-        await page.locator(".save button").click();
-        const file = await download;
-        assert.match(file.suggestedFilename(), new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
-        return readFile(await file.path());
+        const button = page.locator(".save button");
+        const { name, path } = await stage.browser.download(page, () => button.click());
+        assert.match(name, new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
+        return readFile(path);
     };
     const { width } = await page.locator(".grid").first().boundingBox();
     const widthOf = (png) => png.readUInt32BE(16);
@@ -242,11 +241,10 @@ test("On a phone everything is within reach, by fingers as well", async () => {
         all.filter((one) => one.offsetWidth > 0 && Math.min(one.offsetWidth, one.offsetHeight) < 24)
             .length;
     assert.equal(await page.locator("button, input, select").evaluateAll(small), 0);
-    const fingers = await page.context().newCDPSession(page);
     const touch = async (type, ...places) => {
         const points = await Promise.all(places.map((at) => place(0, at, 0.5)));
         const touchPoints = points.map(([left, top], id) => ({ x: left, y: top, id }));
-        await fingers.send("Input.dispatchTouchEvent", { type, touchPoints });
+        await stage.browser.touch(page, type, touchPoints);
     };
     await touch("touchStart", 0.4, 0.6);
     for (const part of [0.05, 0.1, 0.2]) await touch("touchMove", 0.4 - part, 0.6 + part);

@@ -31,10 +31,10 @@ test("A page that does not answer is named as the cause, and its latency told", 
     const page = await stage.page();
     await page.goto(monitor.link);
     await page.waitForFunction(() => globalThis.kirowebPage?.statistics?.outcomes.painted >= 5);
-    const wake = await stage.freeze(page);
+    const wake = stage.freeze();
     await monitor.line(/timed out: client stalled/);
     await monitor.line(/monitor: client stalled: connected/);
-    await wake();
+    wake();
     await monitor.line(/client answers again/);
     const { cause, latency } = JSON.parse(await readFile(file, "utf8"));
     assert.equal(cause, "client stalled");

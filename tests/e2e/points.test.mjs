@@ -3,6 +3,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { only } from "./support/browser.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean } from "./support/page.mjs";
 import { pictures } from "./support/pictures.mjs";
@@ -48,42 +49,49 @@ function draw(engine) {
 }
 
 const viewport = { width: 640, height: 480 };
+const how = only("chromium", "a test can change what the page's worker sees");
 for (const deviceScaleFactor of [1, 2]) {
-    test(`What WebGL draws the stamps draw too, once its context is lost, ${deviceScaleFactor} x`, async () => {
-        const engine = await Engine.open(stage, { viewport, deviceScaleFactor });
-        const { page } = engine;
-        const worker = await withGpu(page);
-        const first = await engine.frame(() => {
-            engine.create(1, "figure", 0, { title: "Points" });
-            const y = { limits: [-1, 7] };
-            engine.create(2, "axes", 1, { x: { limits: [0, 10] }, y });
-            engine.create(3, "scatter", 2, { color: "#d0000080", size: 7 });
-            engine.create(4, "scatter", 2, { color: "#0000d0" });
-            engine.create(5, "scatter", 2, { colorMap: "turbo" });
-            draw(engine);
-        }, true);
-        assert.equal(first, "painted");
-        assert.equal(await engine.frame(() => draw(engine)), "painted");
-        const drawn = () => worker.evaluate(() => globalThis.gpu.drawn);
-        assert.ok((await drawn()) >= 3);
-        const [byGpu] = await pictures(page);
-        await worker.evaluate(async () => {
-            const { gpu } = globalThis;
-            gpu.drawn = 0;
-            const { canvas } = gpu.gl;
-            const lost = new Promise((done) => canvas.addEventListener("webglcontextlost", done));
-            gpu.gl.getExtension("WEBGL_lose_context").loseContext();
-            await lost;
-        });
-        // Nothing new is drawn: what the GPU may have failed to is drawn again.
-        await engine.frame(() => engine.say("set", { id: 1, title: "Lost" }));
-        assert.equal(await drawn(), 0);
-        const [byStamps] = await pictures(page);
-        const differences = byGpu.pixels.map((part, i) => Math.abs(part - byStamps.pixels[i]));
-        const mean = differences.reduce((sum, one) => sum + one, 0) / differences.length;
-        const greatest = differences.reduce((most, one) => Math.max(most, one), 0);
-        // A level of a stamp's opacity, here and there.
-        assert.ok(mean < 0.1 && greatest <= 32, `mean ${mean}, greatest ${greatest}`);
-        await assertClean(page);
-    });
+    test(
+        `What WebGL draws the stamps draw too, once its context is lost, ${deviceScaleFactor} x`,
+        how,
+        async () => {
+            const engine = await Engine.open(stage, { viewport, deviceScaleFactor });
+            const { page } = engine;
+            const worker = await withGpu(page);
+            const first = await engine.frame(() => {
+                engine.create(1, "figure", 0, { title: "Points" });
+                const y = { limits: [-1, 7] };
+                engine.create(2, "axes", 1, { x: { limits: [0, 10] }, y });
+                engine.create(3, "scatter", 2, { color: "#d0000080", size: 7 });
+                engine.create(4, "scatter", 2, { color: "#0000d0" });
+                engine.create(5, "scatter", 2, { colorMap: "turbo" });
+                draw(engine);
+            }, true);
+            assert.equal(first, "painted");
+            assert.equal(await engine.frame(() => draw(engine)), "painted");
+            const drawn = () => worker.evaluate(() => globalThis.gpu.drawn);
+            assert.ok((await drawn()) >= 3);
+            const [byGpu] = await pictures(page);
+            await worker.evaluate(async () => {
+                const { gpu } = globalThis;
+                gpu.drawn = 0;
+                const { canvas } = gpu.gl;
+                const lost = new Promise((done) =>
+                    canvas.addEventListener("webglcontextlost", done),
+                );
+                gpu.gl.getExtension("WEBGL_lose_context").loseContext();
+                await lost;
+            });
+            // Nothing new is drawn: what the GPU may have failed to is drawn again.
+            await engine.frame(() => engine.say("set", { id: 1, title: "Lost" }));
+            assert.equal(await drawn(), 0);
+            const [byStamps] = await pictures(page);
+            const differences = byGpu.pixels.map((part, i) => Math.abs(part - byStamps.pixels[i]));
+            const mean = differences.reduce((sum, one) => sum + one, 0) / differences.length;
+            const greatest = differences.reduce((most, one) => Math.max(most, one), 0);
+            // A level of a stamp's opacity, here and there.
+            assert.ok(mean < 0.1 && greatest <= 32, `mean ${mean}, greatest ${greatest}`);
+            await assertClean(page);
+        },
+    );
 }

@@ -1,4 +1,4 @@
-// Recordings in Chromium: what the page shows of them, and how somebody moves in them.
+// Recordings: what the page shows of them, and how somebody moves in them.
 import assert from "node:assert/strict";
 import { readFile, rename } from "node:fs/promises";
 import { test } from "node:test";
@@ -54,9 +54,7 @@ async function seenOn(page) {
 
 /** A file that the page gives when it is asked for it. */
 async function downloaded(page, ask, ending = "") {
-    const download = page.waitForEvent("download");
-    await ask(page);
-    const path = await (await download).path();
+    const { path } = await stage.browser.download(page, () => ask(page));
     // By its name a browser knows what it is.
     await rename(path, path + ending);
     return path + ending;

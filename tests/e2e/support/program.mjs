@@ -33,8 +33,8 @@ export class Program {
         });
     }
     /** The same of lines since it was last told something. */
-    answer(pattern) {
-        return this.line(pattern, this.#mark);
+    answer(pattern, from = this.#mark) {
+        return this.line(pattern, from);
     }
     /** Tells it a line. */
     tell(line) {

@@ -14,14 +14,22 @@ export class Scene extends Program {
             JSON.parse(line.slice(5), (_, value) => (value === null ? NaN : value)),
         );
     }
-    /** Has it do something that ends with a frame; what became of that. */
+    #isStreaming = false;
+    /** Has it do something that ends with a frame of this outcome; the frame's number. */
     async draw(what = "draw", outcome = "painted") {
         this.tell(what);
-        const line = await this.answer(/^frame /);
-        assert.equal(line.replace(/^frame \d+ /, ""), outcome);
+        // Frames from before are not this one.
+        if (this.#isStreaming) await this.answer(/^stream over$/);
+        const from = this.#isStreaming ? this.lines.lastIndexOf("stream over") : undefined;
+        this.#isStreaming = false;
+        const line = await this.answer(/^frame /, from);
+        const [, frame, became] = line.match(/^frame (\d+) (.*)$/);
+        assert.equal(became, outcome);
+        return Number(frame);
     }
     /** Has it draw one frame after the other, and ends when one had this outcome. */
     async stream(outcome = "painted") {
+        this.#isStreaming = true;
         this.tell("stream");
         await this.answer(new RegExp(`^frame \\d+ ${outcome}$`));
     }

@@ -1,36 +1,18 @@
-// Debian's Chromium, driven by playwright-core, and what tests put before it.
+// What tests put before a browser.
 import { after, afterEach, before } from "node:test";
 
-import { playwright } from "../../client/support/packages.mjs";
+import { Browser } from "./browser.mjs";
 import { Program } from "./program.mjs";
 import { Scene } from "./scene.mjs";
-
-const FLAGS = [
-    "--headless",
-    "--disable-gpu",
-    "--disable-quic",
-    "--no-first-run",
-    "--disable-background-networking",
-    "--disable-component-update",
-    "--disable-sync",
-];
 
 /** One browser for a file of tests; what a test asks for goes with it. */
 export class Stage {
     #cleanUps = [];
-    /** @param {string[]} flags of the browser's, besides those that all tests want */
+    browser = new Browser();
+    /** @param {string[]} flags of Chromium's, besides those that all tests want */
     constructor(flags = []) {
-        // The sandbox wants a user who is not root. A missing browser is an error.
-        const chromiumSandbox = process.getuid() !== 0;
-        const executablePath = "/usr/bin/chromium";
-        before(async () => {
-            this.browser = await playwright().chromium.launch({
-                executablePath,
-                args: [...FLAGS, ...flags],
-                chromiumSandbox,
-            });
-        });
-        after(() => this.browser?.close());
+        before(() => this.browser.launch(flags));
+        after(() => this.browser.close());
         afterEach(async () => {
             for (const cleanUp of this.#cleanUps.splice(0).reverse()) await cleanUp();
         });
@@ -41,7 +23,7 @@ export class Stage {
     }
     /** A page in a window of its own, which keeps what it complains of. */
     async page(options = {}) {
-        const context = await this.browser.newContext({
+        const context = await this.browser.context({
             viewport: { width: 1280, height: 800 },
             ...options,
         });
@@ -67,20 +49,13 @@ export class Stage {
         this.defer(() => monitor.kill());
         return monitor;
     }
-    /** Holds the worker of a page, which has the connection; wakes it when the result is called. */
-    async freeze(page) {
-        const session = await page.context().newCDPSession(page);
-        const attached = new Promise((resolve) => session.on("Target.attachedToTarget", resolve));
-        const how = { autoAttach: true, waitForDebuggerOnStart: false, flatten: false };
-        await session.send("Target.setAutoAttach", how);
-        const { sessionId } = await attached;
-        let id = 0;
-        const debug = (verb) => {
-            const message = JSON.stringify({ id: ++id, method: `Debugger.${verb}` });
-            return session.send("Target.sendMessageToTarget", { sessionId, message });
-        };
-        await debug("enable");
-        await debug("pause");
-        return () => debug("disable");
+    /** Stops the processes of pages; they go on when the result is called. */
+    freeze() {
+        const pids = this.browser.pageProcesses();
+        const send = (signal) => pids.forEach((pid) => process.kill(pid, signal));
+        send("SIGSTOP");
+        const wake = () => send("SIGCONT");
+        this.defer(wake);
+        return wake;
     }
 }

@@ -1,6 +1,6 @@
 // scenes NAME [TIMEOUT [UNDER_WAY]]: draws a scene for tests of the page. It prints a line for each
 // frame that was asked for, and obeys lines on standard input: "draw", "step COUNT" (and draw),
-// "stream" (step and draw until the next line), "record FILE", "quit".
+// "stream" (step and draw until the next line, which "stream over" answers), "record FILE", "quit".
 #include <poll.h>
 #include <unistd.h>
 
@@ -52,6 +52,7 @@ class Engine {
         int count = 0;
         words >> verb;
         verb == "record" ? words >> file : words >> count;
+        if (fIsStreaming) std::cout << "stream over" << std::endl;
         fIsStreaming = verb == "stream";
         fSaid.clear();
         if (verb == "quit") fWindow.close();
