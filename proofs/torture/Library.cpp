@@ -246,8 +246,7 @@ void addBlocks(Scenarios& all) {
         "stream: make, send, end", kBadAlloc | kOutOfMemory,
         {[](Stream& s) { BinaryStreamLifeCycle::initBinaryStream(s.channel); },
          [](Stream& s) { s.sender = createBinaryDataSender(s.channel); },
-         [](Stream& s) { s.sent = s.sender->send(block()); },
-         [](Stream& s) { s.sender.reset(); },
+         [](Stream& s) { s.sent = s.sender->send(block()); }, [](Stream& s) { s.sender.reset(); },
          [](Stream& s) { BinaryStreamLifeCycle::destroyBinaryStream(s.channel); }}));
     // Without the memory for a block there is a notice in its place, and a warning if there can be.
     a(scenario<Stream>("stream: build and send", kBadAlloc | kOutOfMemory,

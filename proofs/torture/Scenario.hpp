@@ -59,6 +59,9 @@ Scenario scenario(std::string name, unsigned promises, std::vector<void (*)(Fixt
 
 /// Whether, before long, no more blocks are there than `before`.
 bool isGivenBack(long before);
+/// Runs `attempt` again while it loses blocks, three times at most: what is kept for good once is
+/// no leak. Returns what it answered.
+bool expectNoLeak(const std::function<bool()>& attempt);
 
 void addLibrary(Scenarios& all);
 void addFigures(Scenarios& all);

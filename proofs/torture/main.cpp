@@ -74,15 +74,7 @@ class Operations {
         // What is made on first use, and kept, is made before.
         for (int i = 0; i < 2 && !fIsWarm; ++i) run({});
         fIsWarm = true;
-        for (int i = 0; i < 3; ++i) {  // what is kept after a failure is no leak, either
-            const auto before = liveBlocks();
-            const bool hasFailed = run(failure);
-            kirohost::waitForDelivery();
-            kirohost::runPendingTasks();
-            if (isGivenBack(before)) return hasFailed;
-        }
-        finding("leak: blocks are lost each time");
-        return true;
+        return expectNoLeak([&] { return run(failure); });
     }
 
   private:
@@ -156,6 +148,20 @@ bool isGivenBack(long before) {
         if (steady_clock::now() >= end) return false;
         std::this_thread::yield();
     }
+    return true;
+}
+
+bool expectNoLeak(const std::function<bool()>& attempt) {
+    long lost = 0;
+    for (int i = 0; i < 3; ++i) {
+        const auto before = liveBlocks();
+        const bool hasFailed = attempt();
+        kirohost::waitForDelivery();
+        kirohost::runPendingTasks();
+        if (isGivenBack(before)) return hasFailed;
+        lost = liveBlocks() - before;
+    }
+    finding("leak: " + std::to_string(lost) + " blocks each time");
     return true;
 }
 
