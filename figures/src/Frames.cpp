@@ -186,8 +186,13 @@ Drawn Frames::nobodySees(std::uint64_t frame) {
     return {outcome, frame, {}};
 }
 
-void Frames::abandon() {
-    for (const auto& flight : fFlights) flight.requestor->discardAllTokens();
+void Frames::abandon() noexcept {
+    for (const auto& flight : fFlights) {
+        try {
+            flight.requestor->discardAllTokens();
+        } catch (...) {  // it has, and could not write so into its log
+        }
+    }
     fFlights.clear();
 }
 

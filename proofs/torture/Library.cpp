@@ -171,6 +171,8 @@ struct Talk {
     static void say(Talk& talk) {
         StringPayload payload(kLong);
         talk.endpoint->publish("/" + kLong, payload);
+        const Spared spared;
+        kirohost::waitForDelivery();
     }
     static void leave(Talk& talk) { talk.subscriber.reset(); }
     std::string state() const {
