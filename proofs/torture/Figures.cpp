@@ -1,4 +1,5 @@
 // What a program draws with, and a page in this process that follows it.
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -73,7 +74,7 @@ struct Stage {
         return picture;
     }
 
-    const std::string file = "/tmp/torture." + std::to_string(::getpid()) + ".mcap";
+    const std::string file = testing::TempDir() + "torture." + std::to_string(::getpid()) + ".mcap";
     std::unique_ptr<Window> window;
     std::unique_ptr<figures_test::Page> page;
     Axes* axes = nullptr;

@@ -1,4 +1,5 @@
 // Recordings: written, read, repaired, exported.
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -24,7 +25,7 @@ using namespace kirorecording;
 using recording_test::MemorySink;
 using recording_test::Said;
 
-const std::string kFile = "/tmp/torture." + std::to_string(::getpid());
+const std::string kFile = testing::TempDir() + "torture." + std::to_string(::getpid());
 
 /// Whether `bytes` are a whole file whose messages are the first of `wanted`; how many they are.
 std::string beginningOf(const std::string& bytes, const std::vector<Said>& wanted) {
