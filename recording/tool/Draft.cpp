@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -53,8 +54,12 @@ Draft::Draft(std::string target, Kind kind)
 
 Draft::~Draft() {
     if (fPath.empty()) return;
-    std::error_code ignored;
-    std::filesystem::remove_all(fPath, ignored);
+    try {
+        std::error_code ignored;
+        std::filesystem::remove_all(fPath, ignored);
+    } catch (const std::bad_alloc&) {
+        std::remove(fPath.c_str());  // takes none; a folder that is not empty stays
+    }
 }
 
 void Draft::keep(const std::string& like) {
