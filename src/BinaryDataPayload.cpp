@@ -11,6 +11,7 @@
 #include "BinaryEntry.hpp"
 #include "Block.hpp"
 #include "BlockFallback.hpp"
+#include "CHeap.hpp"
 #include "bedrock/log/basic_diagnostic_logger.hpp"
 #include "encoding/Base64.hpp"
 #include "graphics_state/webSwitches.hpp"
@@ -91,7 +92,7 @@ class BinaryDataPayload::Impl {
                 throw;
             }
         } catch (const std::bad_alloc&) {
-            throw std::runtime_error("Out of memory!");
+            throwOutOfMemory();
         }
     }
 
@@ -183,9 +184,9 @@ void BinaryDataPayload::convertToJSONPayload(JSONPayload& out) const {
     try {
         fImpl->convertToJSONPayload(out);
     } catch (const std::bad_alloc&) {
-        throw std::runtime_error("Out of memory!");
+        throwOutOfMemory();
     } catch (const std::length_error&) {
-        throw std::runtime_error("Out of memory!");
+        throwOutOfMemory();
     }
 }
 

@@ -33,7 +33,7 @@ std::string_view dataOf(const relay::common::DataBuffer& block) {
 relay::common::DataBuffer buildBlock(DataID id, const char* data, std::size_t length) {
     KIROWEB_REQUIRE(data != nullptr || length == 0);
     if (length > std::numeric_limits<std::size_t>::max() - kBlockHeaderSize) {
-        throw std::runtime_error("Out of memory!");
+        throwOutOfMemory();
     }
     const std::size_t size = kBlockHeaderSize + length;
     auto bytes = allocateBytes(size);

@@ -34,7 +34,7 @@ StateMachine::BootstrapState* StateMachine::QueueState::channelReady(ChannelInfo
     return next.release();
 }
 
-std::string StateMachine::QueueState::stateName() const { return "QueueState"; }
+const char* StateMachine::QueueState::stateName() const { return "QueueState"; }
 
 bool StateMachine::QueueState::isPublishState() const { return false; }
 
@@ -97,7 +97,7 @@ StateMachine::BootstrapState* StateMachine::PublishQueueState::channelReady(
     return this;
 }
 
-std::string StateMachine::PublishQueueState::stateName() const { return "PublishQueueState"; }
+const char* StateMachine::PublishQueueState::stateName() const { return "PublishQueueState"; }
 
 // --- Publishing directly -----------------------------------------------------------------------
 
@@ -128,6 +128,6 @@ StateMachine::BootstrapState* StateMachine::PublishDirectState::channelReady(
     return this;
 }
 
-std::string StateMachine::PublishDirectState::stateName() const { return "PublishDirectState"; }
+const char* StateMachine::PublishDirectState::stateName() const { return "PublishDirectState"; }
 
 }  // namespace kiro::web

@@ -17,10 +17,7 @@ StateMachine::StateMachine(const std::string& name) : fName(name) {
 }
 
 StateMachine::~StateMachine() {
-    try {
-        log("Destroyed");
-    } catch (...) {  // a destructor has nobody to tell
-    }
+    log("Destroyed");
     {
         const annotated::Lock lock(fMutex);
         fAsyncTaskCache.clear();
@@ -97,14 +94,17 @@ void StateMachine::removeFinishedAsyncTasksFromCache() {
 void StateMachine::setBootstrapState(BootstrapState* next) {
     if (next == nullptr || next == fCurrentState.get()) return;
     auto owned = std::unique_ptr<BootstrapState>(next);
-    log("setBootstrapState " + owned->stateName());
+    log("setBootstrapState ", owned->stateName());
     fCurrentState = std::move(owned);
     fReadyStatus = fCurrentState->isPublishState();
 }
 
-void StateMachine::log(const std::string& text) const {
-    kiroutils::Logger::instance().log("commandsender",
-                                      "BootstrappingCommandSender(" + fName + "): " + text);
+void StateMachine::log(const char* event, const char* more) const noexcept {
+    try {
+        kiroutils::Logger::instance().log(
+            "commandsender", "BootstrappingCommandSender(" + fName + "): " + event + more);
+    } catch (...) {  // what was sent stays sent, and its sender must not think otherwise
+    }
 }
 
 }  // namespace kiro::web

@@ -87,7 +87,7 @@ class BootstrappingCommandSender::Impl::StateMachine {
     /// "stay".
     void setBootstrapState(BootstrapState* next) REQUIRES_LOCK(fMutex);
     void execute(std::shared_ptr<PayloadSenderTask> task) EXCLUDES_LOCK(fMutex);
-    void log(const std::string& text) const;
+    void log(const char* event, const char* more = "") const noexcept;
 
     std::promise<void> fGone;
     std::atomic<bool> fReadyStatus = false;
@@ -119,7 +119,7 @@ class BootstrappingCommandSender::Impl::StateMachine::BootstrapState {
                                     std::string& channel) = 0;
     virtual BootstrapState* channelReady(ChannelInfo info, Sender& sender,
                                          const std::string& channel) = 0;
-    [[nodiscard]] virtual std::string stateName() const = 0;
+    [[nodiscard]] virtual const char* stateName() const = 0;
     [[nodiscard]] virtual bool isPublishState() const;
 };
 
@@ -132,7 +132,7 @@ class BootstrappingCommandSender::Impl::StateMachine::QueueState : public Bootst
                             std::string& channel) override;
     BootstrapState* channelReady(ChannelInfo info, Sender& sender,
                                  const std::string& channel) override;
-    [[nodiscard]] std::string stateName() const override;
+    [[nodiscard]] const char* stateName() const override;
     [[nodiscard]] bool isPublishState() const override;
 
   private:
@@ -158,7 +158,7 @@ class BootstrappingCommandSender::Impl::StateMachine::PublishQueueState : public
                             std::string& channel) override;
     BootstrapState* channelReady(ChannelInfo info, Sender& sender,
                                  const std::string& channel) override;
-    [[nodiscard]] std::string stateName() const override;
+    [[nodiscard]] const char* stateName() const override;
 
   private:
     void publishThread(Queue queue, Sender sender, std::string channel);
@@ -180,7 +180,7 @@ class BootstrappingCommandSender::Impl::StateMachine::PublishDirectState : publi
                             std::string& channel) override;
     BootstrapState* channelReady(ChannelInfo info, Sender& sender,
                                  const std::string& channel) override;
-    [[nodiscard]] std::string stateName() const override;
+    [[nodiscard]] const char* stateName() const override;
 
   private:
     ChannelInfo fChannelInfo;

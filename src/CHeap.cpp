@@ -17,12 +17,17 @@ Allocation& allocation() {
     return *immortal;
 }
 
+/// Made while there is memory: what is thrown is a copy, which shares its text.
+Immortal<std::runtime_error> outOfMemory("Out of memory!");
+
 }  // namespace
+
+void throwOutOfMemory() { throw *outOfMemory; }
 
 CHeapBytes allocateBytes(std::size_t size) {
     // Of no bytes malloc may return null, which is not a failure.
     void* bytes = allocation()(std::max<std::size_t>(size, 1));
-    if (bytes == nullptr) throw std::runtime_error("Out of memory!");
+    if (bytes == nullptr) throwOutOfMemory();
     return CHeapBytes(static_cast<char*>(bytes));
 }
 

@@ -13,7 +13,10 @@ struct CHeapFree {
 /// Bytes from `std::malloc`, which the host's buffers free with `std::free`.
 using CHeapBytes = std::unique_ptr<char, CHeapFree>;
 
-/// `size` bytes, never null. Throws `std::runtime_error` ("Out of memory!"). Any thread.
+/// Throws `std::runtime_error` ("Out of memory!"), which takes no memory itself. Any thread.
+[[noreturn]] void throwOutOfMemory();
+
+/// `size` bytes, never null. Throws as above. Any thread.
 CHeapBytes allocateBytes(std::size_t size);
 
 /// Has `allocateBytes` ask `allocate` instead of `std::malloc`; null restores that. For tests.

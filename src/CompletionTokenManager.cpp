@@ -42,15 +42,16 @@ void Manager::returnToken(const CompletionToken& token) {
     const annotated::Lock tokenLock(fTokenMutex);
     if (fCurrentToken.isDefaultToken() || !(token == fCurrentToken)) return;
     const annotated::Lock timeStampLock(fTimeStampMutex);
-    if (fTimeStampLoggingEnabled) recordTimeStampsLocked(token);
     bedrock::json::Object eventData;
     eventData.emplace("Token Id", token.convertToString());
     bedrock::json::Object event;
     event.emplace(records::kEvent, "return ACT");
     event.emplace(records::kEventData, std::move(eventData));
     fEventCallback(std::move(event));
-    fCurrentToken = CompletionToken();
+    // While the token is still out, so that nobody is left waiting where there is no memory for it.
     wakeUpQVM();
+    if (fTimeStampLoggingEnabled) recordTimeStampsLocked(token);
+    fCurrentToken = CompletionToken();
 }
 
 void Manager::recordTimeStampsLocked(const CompletionToken& token) {

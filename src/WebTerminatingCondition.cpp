@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "component_Quarn/catalog_graphics.hpp"
@@ -54,13 +55,18 @@ WebTerminatingCondition::WebTerminatingCondition(const std::string& name,
 WebTerminatingCondition::~WebTerminatingCondition() = default;
 
 bool WebTerminatingCondition::doThrowIfError() {
+    const auto raise = [this](std::atomic<bool>& marker, const char* what, const auto& key) {
+        if (!marker.exchange(false)) return;
+        try {
+            respondToError(what, key);
+        } catch (const std::bad_alloc&) {
+            marker = true;  // nobody has heard of it
+            throw;
+        }
+    };
     // A reconnection goes first and leaves a new view for the next look.
-    if (fImpl->fMarkers->reconnect.exchange(false)) {
-        respondToError("reconnect", catalog::key_reconnect());
-    }
-    if (fImpl->fMarkers->newView.exchange(false)) {
-        respondToError("new view", catalog::key_newView());
-    }
+    raise(fImpl->fMarkers->reconnect, "reconnect", catalog::key_reconnect());
+    raise(fImpl->fMarkers->newView, "new view", catalog::key_newView());
     return false;
 }
 

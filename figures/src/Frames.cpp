@@ -38,15 +38,22 @@ void Frames::waitUntil(const std::function<bool()>& condition) {
 
 Drawn Frames::draw() {
     if (std::exchange(fIsRepeating, false)) abandon();
-    const std::uint64_t frame = fNext++;
+    const std::uint64_t frame = fNext;
     if (frame == 0 && fMeans.waitsForPage) {
         waitUntil([this] { return hasPage() || !fMeans.isOpen(); });
     }
+    ++fNext;
     if (!fMeans.isOpen() || !hasPage()) return nobodySees(frame);
     fFlights.push_back({frame, &nextRequestor()});
     send();
     if (fFlights.size() < fMeans.requestors.size()) return {Outcome::kUnderWay, frame, {}};
-    return awaitOldest();
+    try {
+        return awaitOldest();
+    } catch (...) {
+        // Else the next draw would be told of this frame, and each one of the frame before it.
+        abandon();
+        throw;
+    }
 }
 
 bool Frames::isRepeatDue() const { return fNext > 0 && isNewToPage() && hasPage(); }
@@ -179,8 +186,13 @@ Drawn Frames::nobodySees(std::uint64_t frame) {
     return {outcome, frame, {}};
 }
 
-void Frames::abandon() {
-    for (const auto& flight : fFlights) flight.requestor->discardAllTokens();
+void Frames::abandon() noexcept {
+    for (const auto& flight : fFlights) {
+        try {
+            flight.requestor->discardAllTokens();
+        } catch (...) {  // it has, and could not write so into its log
+        }
+    }
     fFlights.clear();
 }
 

@@ -81,7 +81,7 @@ class Frames {
     /// Gives all flights up, for no page is there or the window is closed.
     Drawn nobodySees(std::uint64_t frame);
     /// Gives all flights up. What they have sent is on its way all the same.
-    void abandon();
+    void abandon() noexcept;
 
     const Means fMeans;
     std::deque<Flight> fFlights;

@@ -49,11 +49,8 @@ std::string Store::complaint(const Inputs& inputs, bool isSet,
 }
 
 void Store::append(const Inputs& inputs) {
-    if (isFresh()) {
-        start(inputs);
-        if (!hasX(inputs)) fRegular = Regular{};
-    }
-    take(inputs);
+    if (!isFresh()) return take(inputs);
+    set(inputs, hasX(inputs) ? std::nullopt : std::optional(Regular{}));
 }
 
 void Store::set(const Inputs& inputs, const std::optional<Regular>& x) {

@@ -102,7 +102,7 @@ struct Window::Impl {
     void dispatch();
     void handle(const PickEvent& event) const;
     void handle(const LimitsEvent& event) const;
-    void handle(const KeyEvent& event) const;
+    void handle(KeyEvent&& event) const;
     void handle(const ControlEvent& event) const;
     template <typename Kind>
     [[nodiscard]] Kind* find(std::uint64_t id) const {
@@ -214,8 +214,8 @@ void Window::Impl::dispatch() {
     // Not more than were there: a page may say something faster than it is handled. What a
     // callback throws leaves the rest for later.
     for (std::size_t left = contact.numEvents(); left > 0; --left) {
-        const auto event = contact.takeEvent();
-        if (event) std::visit([this](const auto& what) { handle(what); }, *event);
+        auto event = contact.takeEvent();
+        if (event) std::visit([this](auto&& what) { handle(std::move(what)); }, *event);
     }
 }
 
@@ -244,11 +244,11 @@ void Window::Impl::handle(const LimitsEvent& event) const {
     if (callback) callback(event.view);
 }
 
-void Window::Impl::handle(const KeyEvent& event) const {
+void Window::Impl::handle(KeyEvent&& event) const {
     const auto* const axes = find<Axes>(event.axes);
     if (event.axes != 0 && axes == nullptr) return;
     const auto callback = onKey;
-    if (callback) callback({event.key, axes});
+    if (callback) callback({std::move(event.key), axes});
 }
 
 void Window::Impl::handle(const ControlEvent& event) const {

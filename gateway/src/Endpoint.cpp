@@ -1,7 +1,10 @@
 #include "Endpoint.hpp"
 
 #include <fcntl.h>
+#include <openssl/ssl.h>
 
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -57,7 +60,12 @@ tcp::acceptor listenOn(asio::io_context& context, const Options& options) {
 
 std::unique_ptr<asio::ssl::context> tlsOf(const Options& options) {
     if (options.certificateFile.empty()) return nullptr;
-    auto tls = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_server);
+    // Asio would go on without one where OpenSSL has not even the memory to say why there is none.
+    std::unique_ptr<SSL_CTX, decltype(&::SSL_CTX_free)> made(::SSL_CTX_new(::TLS_server_method()),
+                                                             &::SSL_CTX_free);
+    if (made == nullptr) throw std::bad_alloc();
+    auto tls = std::make_unique<asio::ssl::context>(made.get());
+    static_cast<void>(made.release());  // `tls` has it
     tls->set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1 |
                      asio::ssl::context::no_compression);
     // OpenSSL would ask for the passphrase of a key on the terminal.

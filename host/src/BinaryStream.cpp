@@ -114,7 +114,7 @@ class StreamCore {
 /// client end may all answer; the first one does.
 struct Sending {
     Sending(std::shared_ptr<StreamCore> theStream, const std::shared_ptr<Client>& theClient,
-            DataBuffer&& theBlock) noexcept
+            DataBuffer&& theBlock)
         : stream(std::move(theStream)), client(theClient), block(std::move(theBlock)) {}
 
     /// Completes the future unless it has been answered; gives the block back or frees it.

@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <new>
 
@@ -32,7 +33,10 @@ std::string compressed(std::string_view bytes) {
 bool decompress(std::string_view bytes, std::size_t size, std::string& into) {
     into.resize(size);
     // Never beyond the room that it is given, whatever the frame says of itself.
-    return ZSTD_decompress(into.data(), size, bytes.data(), bytes.size()) == size;
+    const auto got = ZSTD_decompress(into.data(), size, bytes.data(), bytes.size());
+    // That says nothing about the bytes.
+    if (ZSTD_getErrorCode(got) == ZSTD_error_memory_allocation) throw std::bad_alloc();
+    return got == size;
 }
 
 }  // namespace kirorecording

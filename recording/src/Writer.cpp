@@ -91,6 +91,8 @@ void Writer::flush() {
     info.compression = fOptions.compresses ? kZstd : std::string_view();
     info.compressedSize = body.size();
     info.size = fChunk.records.size();
+    // What can fail comes before the chunk counts as whole.
+    for (const auto& [channel, index] : fChunk.indexes) fMessages.try_emplace(channel, 0);
     std::string head;
     Encoder(head, op::kChunk)
         .number(info.first)

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <new>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -29,10 +30,14 @@ void remove(const std::string& path) noexcept {
     if (path.empty()) return;
     // A browser that was killed may still be making files in it.
     constexpr int kTries = 100;
-    std::error_code error;
-    for (int i = 0; i < kTries; ++i) {
-        std::filesystem::remove_all(path, error);
-        if (!error) return;
+    try {
+        std::error_code error;
+        for (int i = 0; i < kTries; ++i) {
+            std::filesystem::remove_all(path, error);
+            if (!error) return;
+        }
+    } catch (const std::bad_alloc&) {
+        std::remove(path.c_str());  // takes none; a folder that is not empty stays
     }
 }
 

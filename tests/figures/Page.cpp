@@ -134,13 +134,13 @@ void Follower::block(std::string_view bytes) {
     fBlocks[id] = bytes;
 }
 
-Page::Page(const kirofigures::Channels& channels) : fChannels(channels), fService(makeService()) {
+Page::Page(const kirofigures::Channels& channels, Aside aside)
+    : fChannels(channels), fAside(std::move(aside)), fService(makeService()) {
     fEnd = std::make_unique<ClientEnd>(channels.blocks, [this](Delivery block) {
-        const auto& bytes = block.block();
-        {
+        fAside([this, &bytes = block.block()] {
             const std::lock_guard lock(fMutex);
             fFollower.block({bytes.data(), bytes.size()});
-        }
+        });
         block.deliver();
     });
     const auto hear = [this](const JsonMessage& message) {

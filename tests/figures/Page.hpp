@@ -69,8 +69,12 @@ class Page {
     /// What is done when a token has come, on the message service's thread.
     using Answer = std::function<void(Page&, const Frame&)>;
 
+    /// Runs what the page does with a block, on the engine's thread.
+    using Aside = std::function<void(const std::function<void()>&)>;
+
     /// Hears from now on.
-    explicit Page(const kirofigures::Channels& channels);
+    explicit Page(
+        const kirofigures::Channels& channels, Aside aside = [](const auto& take) { take(); });
     ~Page();
     Page(const Page&) = delete;
     Page& operator=(const Page&) = delete;
@@ -100,6 +104,7 @@ class Page {
     void publish(const std::string& channel, const std::string& text);
 
     const kirofigures::Channels fChannels;
+    const Aside fAside;
     const std::shared_ptr<relay::message_service::MessageService> fService;
     mutable std::mutex fMutex;  // guards what follows
     Follower fFollower;

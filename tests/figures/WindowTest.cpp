@@ -74,6 +74,15 @@ TEST_F(Outcomes, SayThatAFrameIsLateAndWhyAndGoOn) {
     EXPECT_EQ(this->drawn(), Outcome::kHidden);
 }
 
+TEST_F(Outcomes, AreOfTheirOwnFrameBehindADrawThatThrew) {
+    fNumPages = []() -> std::size_t { throw std::bad_alloc(); };
+    fPage.next(outcome("hidden"));  // so that it is asked how many pages there are
+    EXPECT_THROW(fWindow->draw(), std::bad_alloc);
+    const Drawn drawn = fWindow->draw();
+    EXPECT_EQ(drawn.frame, 1U);
+    EXPECT_EQ(drawn.outcome, Outcome::kPainted);
+}
+
 TEST_F(Outcomes, SayThatNobodyLooksAndSendNothingThen) {
     EXPECT_EQ(drawn(), Outcome::kPainted);
     fPage.next([this](Page&, const Frame&) { fIsPageGone = true; });

@@ -1,6 +1,8 @@
+#include <stdexcept>
 #include <tuple>
 
 #include "GatewayFixture.hpp"
+#include "kirohost/Controls.hpp"
 
 using gatewaytest::GatewayTest;
 using gatewaytest::Peer;
@@ -152,4 +154,22 @@ TEST_F(HostileTest, HalfOpenAndStubbornPeersDoNoHarm) {
         if (others.size() < 3) continue;
         EXPECT_TRUE(Peer(fAccess).readHead().starts_with("HTTP/1.1 503"));
     }
+}
+
+TEST_F(HostileTest, GoesOnWhenWhoReadsTheLogThrows) {
+    const auto throwing = kirohost::observeLog(
+        [](const kirohost::LogRecord&) { throw std::runtime_error("no lines, please"); });
+    fOptions.onLastPageGone = [] { throw 7; };
+    start();
+    Peer(fAccess).send("nonsense\r\n\r\n");
+    auto bad = join();
+    bad.sendText("nonsense");
+    EXPECT_EQ(bad.readClose(), 4000U);
+    join().cut();
+    auto page = join();
+    publish("/fig/1", "a");
+    EXPECT_EQ(page.readRecords(1).size(), 1U);
+    settle(page);
+    fGateway.reset();
+    EXPECT_EQ(page.readClose(), 1001U);
 }

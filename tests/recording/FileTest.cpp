@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "FailingNew.hpp"
 #include "Memory.hpp"
 #include "kirorecording/Repair.hpp"
 
@@ -206,6 +207,25 @@ TEST(Writer, LeavesAGoodFileOnAFullDisk) {
         EXPECT_EQ(messagesOf(reader).size(), written);
     }
     EXPECT_EQ(wholeOrNot.size(), 2U);
+}
+
+TEST(Writer, LeavesAGoodFileWhereverMemoryRunsOut) {
+    const auto failures = support::failEachNew([](std::size_t n) {
+        MemorySink sink;
+        Writer writer(sink, {false});
+        const auto channel = writer.add({"bytes", "raw"});
+        const auto outcome = support::failingNew(n, [&] {
+            writer.write(channel, 1, "x");
+            writer.flush();
+        });
+        writer.closeEarly();
+        const MemorySource source(sink.bytes);
+        const Reader reader(source);
+        EXPECT_FALSE(reader.damage()) << "allocation " << n;
+        EXPECT_EQ(messagesOf(reader).size(), reader.chunks().size()) << "allocation " << n;
+        return outcome.failed;
+    });
+    EXPECT_GT(failures, 5U);
 }
 
 TEST(FileSink, SaysWhereAndWhyItFails) {

@@ -3,15 +3,20 @@
 #include <cstdlib>
 #include <exception>
 #include <new>
-#include <utility>
 
 namespace {
 
-/// A plain pointer: `operator new` must not allocate to look at it.
-constinit thread_local support::FailPoint* failPoint = nullptr;
+/// The thread's allocation that fails, from its next one, which is 1; 0: none.
+constinit thread_local std::size_t left = 0;
+constinit thread_local bool hasFailed = false;
+
+bool fails() noexcept {
+    if (left == 0 || --left != 0) return false;
+    return hasFailed = true;
+}
 
 void* allocate(std::size_t size) noexcept {
-    if (failPoint != nullptr && failPoint->fails()) return nullptr;
+    if (fails()) return nullptr;
     return std::malloc(size != 0 ? size : 1);
 }
 
@@ -30,43 +35,17 @@ namespace support {
 
 Outcome failingNew(std::size_t n, const std::function<void()>& call) {
     Outcome outcome;
-    FailPoint point;
-    point.arm(n);
-    auto* const before = std::exchange(failPoint, &point);
+    hasFailed = false;
+    left = n;
     try {
         call();
-        outcome.failed = point.disarm();
+        left = 0;
     } catch (const std::exception& error) {
-        outcome.failed = point.disarm();
+        left = 0;
         outcome.error = error.what();
     }
-    failPoint = before;
+    outcome.failed = hasFailed;
     return outcome;
-}
-
-void FailPoint::adopt() noexcept { failPoint = this; }
-
-void FailPoint::arm(std::size_t n, bool andAllBehind) noexcept {
-    fHasFailed = false;
-    fAllBehind = andAllBehind;
-    fUntil = n;
-}
-
-bool FailPoint::disarm() noexcept {
-    fUntil = 0;
-    return fHasFailed;
-}
-
-bool FailPoint::fails() noexcept {
-    auto until = fUntil.load();
-    // The test may disarm it meanwhile.
-    while (until != 0) {
-        const auto next = until == 1 && fAllBehind ? 1 : until - 1;
-        if (!fUntil.compare_exchange_weak(until, next)) continue;
-        if (until == 1) fHasFailed = true;
-        return until == 1;
-    }
-    return false;
 }
 
 std::size_t failEachNew(const std::function<bool(std::size_t)>& attempt) {
