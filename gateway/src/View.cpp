@@ -171,6 +171,7 @@ void View::attach(Connection& connection, std::shared_ptr<Socket> socket, bool i
     fIsWritingLater = false;
     fIsTailLater = false;
     fIsPinged = false;
+    fTakenInFrame = 0;
     fState = State::kConnected;
     fPace.restart(now);
     fOutbox.begin(std::move(greeting.hello), greeting.channelsNamed, fAbilities.mayReturn);

@@ -182,7 +182,12 @@ void Model::end(ViewModel& view) {
 void Model::beforeTick() {
     const auto& limits = options.limits;
     for (auto& view : views) {
-        if (view.where == Where::kConnected && view.peer->isHeld) view.heardAt = now;
+        if (view.where != Where::kConnected) continue;
+        const auto& peer = *view.peer;
+        if (peer.isHeld) view.heardAt = now;
+        // Of who takes a long frame, behind which no ping goes out, nothing has to be heard.
+        if (view.takenWithin != 0 && peer.written != view.takenWithin) view.heardAt = now;
+        view.takenWithin = peer.isWithinFrame() ? peer.written : 0;
     }
     for (auto* item : open) {
         for (auto& [view, part] : item->parts) {

@@ -67,6 +67,7 @@ struct ViewModel {
     Where where = Where::kConnected;
     TimePoint lostAt;
     TimePoint heardAt;
+    std::uint64_t takenWithin = 0;  ///< bytes, at the last tick, if a frame had begun; else 0
     TimePoint goneAt = TimePoint::min();
     std::map<std::string, bool> subscriptions;  ///< and whether that is certain
     std::vector<std::deque<Expected>> lanes;    ///< what has no number yet

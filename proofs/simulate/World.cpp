@@ -369,6 +369,7 @@ void World::bindView(Peer& peer) {
         bound.peer = &peer;
         bound.where = Where::kConnected;
         bound.heardAt = now;
+        bound.takenWithin = 0;
         peer.tookAt = now;
         bound.mayReturn = peer.mayReturn;
         bound.maxBlock = peer.maxBlock;
