@@ -4,6 +4,7 @@
 
 #include "Browser.hpp"
 #include "Draft.hpp"
+#include "process/Thread.hpp"
 
 namespace recording_tool {
 
@@ -21,7 +22,7 @@ sigset_t theSignals() noexcept {
 Interruption::Interruption() {
     const auto signals = theSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    fThread = std::thread([this] { await(); });
+    fThread = process::makeThread("signals", [this] { await(); });
 }
 
 Interruption::~Interruption() {
