@@ -241,6 +241,10 @@ void View::retire(PageBlocks& left) noexcept {
     fState = State::kOver;
     fOutbox.clear(left);
     fHeld = 0;
+}
+
+void View::blocksLeft() noexcept {
+    annotated::Lock lock(fMutex);
     fContext->memory->removeEnding(std::exchange(fEnding, 0));
 }
 

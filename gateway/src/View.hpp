@@ -163,6 +163,9 @@ class View {
     [[nodiscard]] Due look(TimePoint now, PageBlocks& left) noexcept;
     /// The view is over: nothing is queued any more, nor kept. REQUIRES: detached.
     void retire(PageBlocks& left) noexcept;
+    /// The blocks that `retire` handed over have been told: their bytes no longer count as those
+    /// that will be given back soon. Before that somebody else would end for them.
+    void blocksLeft() noexcept;
 
     struct Report {
         State state = State::kConnected;

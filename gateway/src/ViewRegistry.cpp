@@ -256,6 +256,7 @@ void ViewRegistry::end(const std::shared_ptr<View>& view, std::string_view why) 
         rememberLocked(view->identity().name, why);
     }
     leaveAll(left);
+    view->blocksLeft();
     recount();
 }
 
@@ -287,6 +288,7 @@ void ViewRegistry::shut() noexcept {
         auto rest = view->detachBetweenFrames(now, View::Fate::kEnds);
         view->retire(left);
         leaveAll(left);
+        view->blocksLeft();
         if (connection == nullptr) continue;
         ++fContext->counters->disconnected;
         rest.isCut ? connection->cut()

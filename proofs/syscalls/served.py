@@ -17,7 +17,7 @@ BIN = ROOT / "build/release/bin"
 sys.path.insert(0, str(ROOT / "tests/support"))
 import page  # noqa: E402
 
-PATIENCE = 5.0  # seconds; what takes longer hangs
+PATIENCE = 15.0  # seconds; what takes longer hangs
 socket.setdefaulttimeout(PATIENCE)
 # What a page raises that was cut off, refused or kept waiting, or got what it could not read.
 FAILURES = (OSError, ValueError, LookupError, TypeError, AssertionError, http.client.HTTPException)
