@@ -22,7 +22,7 @@ Immortal<std::runtime_error> outOfMemory("Out of memory!");
 
 }  // namespace
 
-void throwOutOfMemory() { throw *outOfMemory; }
+void throwOutOfMemory() { throw std::runtime_error(*outOfMemory); }
 
 CHeapBytes allocateBytes(std::size_t size) {
     // Of no bytes malloc may return null, which is not a failure.

@@ -215,7 +215,7 @@ void Window::Impl::dispatch() {
     // callback throws leaves the rest for later.
     for (std::size_t left = contact.numEvents(); left > 0; --left) {
         auto event = contact.takeEvent();
-        if (event) std::visit([this](auto&& what) { handle(std::move(what)); }, *event);
+        if (event) std::visit([this](auto& what) { handle(std::move(what)); }, *event);
     }
 }
 

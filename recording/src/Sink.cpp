@@ -20,8 +20,8 @@ constexpr int kMode = 0666;
 
 Sink::~Sink() = default;
 
-FileSink::FileSink(const std::string& path, std::string name)
-    : fName(name.empty() ? path : std::move(name)),
+FileSink::FileSink(const std::string& path, const std::string& name)
+    : fName(name.empty() ? path : name),
       fFile(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kMode)) {
     if (fFile < 0) fail();
     try {

@@ -1,5 +1,7 @@
 #include "Interruption.hpp"
 
+#include <unistd.h>
+
 #include <csignal>
 
 #include "Browser.hpp"
@@ -27,7 +29,7 @@ Interruption::Interruption() {
 
 Interruption::~Interruption() {
     fIsOver = true;
-    pthread_kill(fThread.native_handle(), SIGTERM);
+    pthread_kill(fThread.native_handle(), SIGHUP);
     fThread.join();
 }
 
@@ -41,7 +43,7 @@ void Interruption::await() noexcept {
     // Whoever waits for the program learns that it was a signal.
     std::signal(number, SIG_DFL);
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    std::raise(number);
+    ::kill(::getpid(), number);
 }
 
 }  // namespace recording_tool

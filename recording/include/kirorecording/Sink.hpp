@@ -33,7 +33,7 @@ class FileSink : public Sink {
   public:
     /// `name`: what errors call the file, its path when empty. Throws std::system_error, and leaves
     /// the file as it was, when another sink writes it.
-    explicit FileSink(const std::string& path, std::string name = {});
+    explicit FileSink(const std::string& path, const std::string& name = {});
     ~FileSink() override;
 
   private:
