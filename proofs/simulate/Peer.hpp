@@ -58,6 +58,8 @@ struct Peer {
     void accept(std::string_view bytes);
     /// Whether part of a frame has come.
     [[nodiscard]] bool isWithinFrame() const { return !partial.empty(); }
+    /// The number up to which everything has come, or was there when it returned.
+    [[nodiscard]] std::uint64_t upTo() const { return next == 0 ? greeting.last : next - 1; }
 
     Model& model;
     const std::size_t index;
@@ -99,7 +101,6 @@ struct Peer {
     std::function<void(Peer&)> bind;
 
   private:
-    [[nodiscard]] std::uint64_t upTo() const { return next == 0 ? greeting.last : next - 1; }
     void onFrame(unsigned opcode, std::string_view payload);
     void onBatch(std::string_view payload);
     void onBlock(std::string_view payload, Arrived& arrived);
