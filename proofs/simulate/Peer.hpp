@@ -91,6 +91,8 @@ struct Peer {
     bool mayReturn = true;
     std::uint64_t maxBlock = UINT64_MAX;
     bool isControlVague = false;  ///< which answers are due is not certain
+    /// What it said of its subscriptions before the hello came that makes them certain.
+    std::vector<std::function<void()>> behindHello;
     bool isGreeted = false;
     std::uint64_t next = 0;  ///< the number of the next message, 0: any up to `greeting.last` + 1
     std::set<std::uint64_t> withdrawn;

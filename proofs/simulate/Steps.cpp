@@ -292,23 +292,21 @@ void World::subscribe(Peer& peer) {
         peer, R"({"t":"subscribe","channels":)" + listed(std::array{name}) + "}",
         [this, &peer, name] {
             if (peer.view == nullptr) return;
-            auto& names = peer.view->subscriptions;
-            if (peer.greeting.isVague && !peer.isGreeted) {
-                peer.isControlVague = true;
-                names.emplace(name, false);
-                return;
-            }
-            const bool fits = names.contains(name) || names.size() < options.limits.subscriptions;
-            if (model->mayHear(name) && fits) {
-                names.emplace(name, true);
-            } else {
-                peer.expectedControls.push_back("refused subscribe " + name);
-            }
+            const auto add = [this, &peer, name] {
+                auto& names = peer.view->subscriptions;
+                const bool fits =
+                    names.contains(name) || names.size() < options.limits.subscriptions;
+                if (model->mayHear(name) && fits) return names[name] = true;
+                if (!peer.isControlVague)
+                    peer.expectedControls.push_back("refused subscribe " + name);
+                return false;
+            };
+            if (!peer.greeting.isVague || peer.isGreeted) return void(add());
+            peer.isControlVague = true;
+            peer.view->subscriptions.emplace(name, false);
+            peer.behindHello.emplace_back(add);
         },
-        [this, &peer, name] {
-            if (peer.view != nullptr && model->mayHear(name))
-                peer.view->subscriptions[name] = false;
-        });
+        [this, &peer, name] { doubt(peer, name); });
 }
 
 void World::unsubscribe(Peer& peer) {
@@ -316,12 +314,20 @@ void World::unsubscribe(Peer& peer) {
     say(
         peer, R"({"t":"unsubscribe","channels":)" + listed(std::array{name}) + "}",
         [&peer, name] {
-            if (peer.view != nullptr) peer.view->subscriptions.erase(name);
+            if (peer.view == nullptr) return;
+            const auto remove = [&peer, name] { peer.view->subscriptions.erase(name); };
+            remove();
+            if (!peer.isGreeted) peer.behindHello.emplace_back(remove);
         },
-        [this, &peer, name] {
-            if (peer.view != nullptr && model->mayHear(name))
-                peer.view->subscriptions[name] = false;
-        });
+        [this, &peer, name] { doubt(peer, name); });
+}
+
+/// Whether the view has subscribed to `name` is not known.
+void World::doubt(Peer& peer, const std::string& name) {
+    if (peer.view == nullptr || !model->mayHear(name)) return;
+    const auto blur = [&peer, name] { peer.view->subscriptions[name] = false; };
+    blur();
+    if (!peer.isGreeted) peer.behindHello.emplace_back(blur);
 }
 
 void World::publishFrom(Peer& peer) {

@@ -145,6 +145,7 @@ struct World final : relay::TransportLink {
              std::function<void()> isLost = {});
     void subscribe(Peer& peer);
     void unsubscribe(Peer& peer);
+    void doubt(Peer& peer, const std::string& name);
     void publishFrom(Peer& peer);
     void sendBlock(Peer& peer);
     void returnTo(Page& page, std::uint64_t last);
