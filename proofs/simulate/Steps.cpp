@@ -207,8 +207,12 @@ void World::greet(Peer& peer, const Wish& wish) {
         }
         return nullptr;
     };
-    const auto acknowledged = std::make_shared<std::uint64_t>(0);
-    const auto takesEffect = [this, &peer, wish, old, acknowledged] {
+    struct Before {
+        std::uint64_t acknowledged = 0;
+        std::map<std::string, bool> subscriptions;
+    };
+    const auto before = std::make_shared<Before>();
+    const auto takesEffect = [this, &peer, wish, old, before] {
         auto* view = old();
         auto& greeting = peer.greeting;
         greeting.isReturn = view != nullptr && model->canReturn(*view, wish.last);
@@ -219,7 +223,7 @@ void World::greet(Peer& peer, const Wish& wish) {
         std::map<std::string, bool> names;
         if (greeting.isReturn) {
             greeting.last = wish.last;
-            *acknowledged = view->acknowledged;
+            *before = {view->acknowledged, view->subscriptions};
             names = view->subscriptions;
             model->resume(*view, wish.last, wish.refused);
         }
@@ -237,13 +241,15 @@ void World::greet(Peer& peer, const Wish& wish) {
         for (const auto& [name, isCertain] : names) greeting.subscribed.insert(name);
         if (greeting.isReturn) view->subscriptions = names;
     };
-    say(peer, {}, takesEffect, [this, &peer, old, acknowledged] {
+    say(peer, {}, takesEffect, [this, &peer, old, before] {
         auto* view = old();
         if (view == nullptr || peer.view != nullptr || !peer.greeting.isReturn) return;
-        // Nothing has happened, or everything.
-        view->acknowledged = *acknowledged;
-        for (auto& [name, isCertain] : view->subscriptions) isCertain = false;
+        // Nothing has happened, or everything, unless it still has its old connection.
+        view->acknowledged = before->acknowledged;
         model->blur(*view);
+        const bool isUntouched = view->where == Where::kConnected && !view->peer->isEnded;
+        if (isUntouched) view->subscriptions = before->subscriptions;
+        for (auto& [name, isCertain] : view->subscriptions) isCertain = isCertain && isUntouched;
     });
 }
 
