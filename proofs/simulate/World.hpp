@@ -47,6 +47,8 @@ class Conn final : public kirogateway::Connection,
     void pong();
     /// The socket takes bytes, if the view waits for that.
     void writable();
+    /// Whether a text that waits, and that nothing holds up, is about to be written.
+    [[nodiscard]] bool isHeeded() const;
     void tail();
     void checkTime();
     /// Whether nothing waits for it any more.
