@@ -304,7 +304,8 @@ void Model::excuseSlow(ViewModel& view) {
         for (const auto& expected : lane) add(expected.item);
     }
     for (const auto& [number, item] : view.numbered) {
-        if (number > view.acknowledged) add(item);
+        // After a return all behind "last" comes again, even what is acknowledged before it does.
+        if (number > std::min(view.acknowledged, peer.upTo())) add(item);
     }
     for (const auto* item : open) add(item->parts.contains(&view) ? item : nullptr);
     const auto controls = 400 * peer.expectedControls.size();

@@ -249,6 +249,7 @@ void Peer::onHello(std::string_view payload) {
     } else {
         view->subscriptions.clear();
         for (const auto& name : subscribed) view->subscriptions[name] = true;
+        for (const auto& change : behindHello) change();
     }
     for (const auto& name : hello.at("blockChannels").as_array()) {
         blockChannels.emplace_back(name.as_string());

@@ -58,6 +58,8 @@ struct Peer {
     void accept(std::string_view bytes);
     /// Whether part of a frame has come.
     [[nodiscard]] bool isWithinFrame() const { return !partial.empty(); }
+    /// The number up to which everything has come, or was there when it returned.
+    [[nodiscard]] std::uint64_t upTo() const { return next == 0 ? greeting.last : next - 1; }
 
     Model& model;
     const std::size_t index;
@@ -89,6 +91,8 @@ struct Peer {
     bool mayReturn = true;
     std::uint64_t maxBlock = UINT64_MAX;
     bool isControlVague = false;  ///< which answers are due is not certain
+    /// What it said of its subscriptions before the hello came that makes them certain.
+    std::vector<std::function<void()>> behindHello;
     bool isGreeted = false;
     std::uint64_t next = 0;  ///< the number of the next message, 0: any up to `greeting.last` + 1
     std::set<std::uint64_t> withdrawn;
@@ -99,7 +103,6 @@ struct Peer {
     std::function<void(Peer&)> bind;
 
   private:
-    [[nodiscard]] std::uint64_t upTo() const { return next == 0 ? greeting.last : next - 1; }
     void onFrame(unsigned opcode, std::string_view payload);
     void onBatch(std::string_view payload);
     void onBlock(std::string_view payload, Arrived& arrived);

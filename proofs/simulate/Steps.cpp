@@ -207,8 +207,12 @@ void World::greet(Peer& peer, const Wish& wish) {
         }
         return nullptr;
     };
-    const auto acknowledged = std::make_shared<std::uint64_t>(0);
-    const auto takesEffect = [this, &peer, wish, old, acknowledged] {
+    struct Before {
+        std::uint64_t acknowledged = 0;
+        std::map<std::string, bool> subscriptions;
+    };
+    const auto before = std::make_shared<Before>();
+    const auto takesEffect = [this, &peer, wish, old, before] {
         auto* view = old();
         auto& greeting = peer.greeting;
         greeting.isReturn = view != nullptr && model->canReturn(*view, wish.last);
@@ -219,7 +223,7 @@ void World::greet(Peer& peer, const Wish& wish) {
         std::map<std::string, bool> names;
         if (greeting.isReturn) {
             greeting.last = wish.last;
-            *acknowledged = view->acknowledged;
+            *before = {view->acknowledged, view->subscriptions};
             names = view->subscriptions;
             model->resume(*view, wish.last, wish.refused);
         }
@@ -237,13 +241,15 @@ void World::greet(Peer& peer, const Wish& wish) {
         for (const auto& [name, isCertain] : names) greeting.subscribed.insert(name);
         if (greeting.isReturn) view->subscriptions = names;
     };
-    say(peer, {}, takesEffect, [this, &peer, old, acknowledged] {
+    say(peer, {}, takesEffect, [this, &peer, old, before] {
         auto* view = old();
         if (view == nullptr || peer.view != nullptr || !peer.greeting.isReturn) return;
-        // Nothing has happened, or everything.
-        view->acknowledged = *acknowledged;
-        for (auto& [name, isCertain] : view->subscriptions) isCertain = false;
+        // Nothing has happened, or everything, unless it still has its old connection.
+        view->acknowledged = before->acknowledged;
         model->blur(*view);
+        const bool isUntouched = view->where == Where::kConnected && !view->peer->isEnded;
+        if (isUntouched) view->subscriptions = before->subscriptions;
+        for (auto& [name, isCertain] : view->subscriptions) isCertain = isCertain && isUntouched;
     });
 }
 
@@ -292,23 +298,21 @@ void World::subscribe(Peer& peer) {
         peer, R"({"t":"subscribe","channels":)" + listed(std::array{name}) + "}",
         [this, &peer, name] {
             if (peer.view == nullptr) return;
-            auto& names = peer.view->subscriptions;
-            if (peer.greeting.isVague && !peer.isGreeted) {
-                peer.isControlVague = true;
-                names.emplace(name, false);
-                return;
-            }
-            const bool fits = names.contains(name) || names.size() < options.limits.subscriptions;
-            if (model->mayHear(name) && fits) {
-                names.emplace(name, true);
-            } else {
-                peer.expectedControls.push_back("refused subscribe " + name);
-            }
+            const auto add = [this, &peer, name] {
+                auto& names = peer.view->subscriptions;
+                const bool fits =
+                    names.contains(name) || names.size() < options.limits.subscriptions;
+                if (model->mayHear(name) && fits) return names[name] = true;
+                if (!peer.isControlVague)
+                    peer.expectedControls.push_back("refused subscribe " + name);
+                return false;
+            };
+            if (!peer.greeting.isVague || peer.isGreeted) return void(add());
+            peer.isControlVague = true;
+            peer.view->subscriptions.emplace(name, false);
+            peer.behindHello.emplace_back(add);
         },
-        [this, &peer, name] {
-            if (peer.view != nullptr && model->mayHear(name))
-                peer.view->subscriptions[name] = false;
-        });
+        [this, &peer, name] { doubt(peer, name); });
 }
 
 void World::unsubscribe(Peer& peer) {
@@ -316,12 +320,20 @@ void World::unsubscribe(Peer& peer) {
     say(
         peer, R"({"t":"unsubscribe","channels":)" + listed(std::array{name}) + "}",
         [&peer, name] {
-            if (peer.view != nullptr) peer.view->subscriptions.erase(name);
+            if (peer.view == nullptr) return;
+            const auto remove = [&peer, name] { peer.view->subscriptions.erase(name); };
+            remove();
+            if (!peer.isGreeted) peer.behindHello.emplace_back(remove);
         },
-        [this, &peer, name] {
-            if (peer.view != nullptr && model->mayHear(name))
-                peer.view->subscriptions[name] = false;
-        });
+        [this, &peer, name] { doubt(peer, name); });
+}
+
+/// Whether the view has subscribed to `name` is not known.
+void World::doubt(Peer& peer, const std::string& name) {
+    if (peer.view == nullptr || !model->mayHear(name)) return;
+    const auto blur = [&peer, name] { peer.view->subscriptions[name] = false; };
+    blur();
+    if (!peer.isGreeted) peer.behindHello.emplace_back(blur);
 }
 
 void World::publishFrom(Peer& peer) {

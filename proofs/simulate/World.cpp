@@ -184,6 +184,15 @@ void Conn::writable() {
     fWorld.isWriting = false;
 }
 
+bool Conn::isHeeded() const {
+    const auto* view = fSession->viewHere();
+    const bool isOver = view == nullptr || view->failure() != nullptr || fPeer.isEnded;
+    if (isOver || fPeer.isBroken || fPeer.view == nullptr || fWaitsWritable || fTailAt) return true;
+    return std::ranges::none_of(fPeer.view->lanes, [](const auto& lane) {
+        return !lane.empty() && !lane.front().isOptional && !lane.front().item->isBlock;
+    });
+}
+
 void Conn::pump() {
     auto* view = fIsClosing ? nullptr : fSession->viewHere();
     while (view != nullptr && fSession->viewHere() == view) {
@@ -400,6 +409,9 @@ void World::look(bool isTick) {
 
 void World::serveAll() {
     asGateway(*this, [this] { wakeup->serveAll(); });
+    for (const auto& conn : conns) {
+        model->expect(conn == nullptr || conn->isHeeded(), "a text waits for nothing");
+    }
     for (std::size_t i = 0; i < conns.size(); ++i) {
         const auto conn = conns[i];
         if (conn == nullptr) continue;

@@ -47,6 +47,8 @@ class Conn final : public kirogateway::Connection,
     void pong();
     /// The socket takes bytes, if the view waits for that.
     void writable();
+    /// Whether a text that waits, and that nothing holds up, is about to be written.
+    [[nodiscard]] bool isHeeded() const;
     void tail();
     void checkTime();
     /// Whether nothing waits for it any more.
@@ -145,6 +147,7 @@ struct World final : relay::TransportLink {
              std::function<void()> isLost = {});
     void subscribe(Peer& peer);
     void unsubscribe(Peer& peer);
+    void doubt(Peer& peer, const std::string& name);
     void publishFrom(Peer& peer);
     void sendBlock(Peer& peer);
     void returnTo(Page& page, std::uint64_t last);
