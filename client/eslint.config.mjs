@@ -25,7 +25,13 @@ export default [
         },
     },
     {
-        files: ["tests/**", "proofs/**", "bench/page/**", "client/*.config.mjs", "client/build.mjs"],
+        files: [
+            "tests/**",
+            "proofs/**",
+            "bench/page/**",
+            "client/*.config.mjs",
+            "client/build.mjs",
+        ],
         languageOptions: { globals: { ...globals.node, kirowebPage: "readonly" } },
     },
 ];
