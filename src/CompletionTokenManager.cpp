@@ -42,16 +42,21 @@ void Manager::returnToken(const CompletionToken& token) {
     const annotated::Lock tokenLock(fTokenMutex);
     if (fCurrentToken.isDefaultToken() || !(token == fCurrentToken)) return;
     const annotated::Lock timeStampLock(fTimeStampMutex);
+    if (fTimeStampLoggingEnabled) recordTimeStampsLocked(token);
     bedrock::json::Object eventData;
     eventData.emplace("Token Id", token.convertToString());
     bedrock::json::Object event;
     event.emplace(records::kEvent, "return ACT");
     event.emplace(records::kEventData, std::move(eventData));
     fEventCallback(std::move(event));
-    // While the token is still out, so that nobody is left waiting where there is no memory for it.
-    wakeUpQVM();
-    if (fTimeStampLoggingEnabled) recordTimeStampsLocked(token);
-    fCurrentToken = CompletionToken();
+    auto returned = std::exchange(fCurrentToken, CompletionToken());
+    try {
+        wakeUpQVM();
+    } catch (...) {
+        // Nobody would look whether it is back.
+        fCurrentToken = std::move(returned);
+        throw;
+    }
 }
 
 void Manager::recordTimeStampsLocked(const CompletionToken& token) {
