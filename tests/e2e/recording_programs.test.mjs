@@ -37,7 +37,9 @@ test("Recorded runs are shown beside each other, and again to who reloads, witho
     const page = await stage.page();
     const sockets = [];
     page.on("websocket", (socket) => sockets.push(socket.url()));
-    page.on("request", ({ url }) => /kiroweb$/.test(url()) && sockets.push(url())); // Firefox's way
+    page.on("request", (request) => {
+        if (request.url().startsWith("ws")) sockets.push(request.url()); // Firefox's way
+    });
     await page.goto(program.link);
     await untilReplay(page);
     await untilFrame(page, 0, 0);
