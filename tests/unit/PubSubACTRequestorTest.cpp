@@ -205,6 +205,11 @@ TEST_F(PubSubRequestor, WritesAndReadsTimeStampsWhileTheyAreLogged) {
     EXPECT_EQ(stamps.clientReceive, 1000U);
     EXPECT_EQ(stamps.clientSend, 0U) << "not a stamp";
     EXPECT_GT(stamps.serverReceive, 1U) << "ours";
+    EXPECT_TRUE(requestor->hasTimeStamps());
+    requestor->clearTimeStampLog();
+    EXPECT_FALSE(requestor->hasTimeStamps());
+    requestor->setAnnotation("frame 7");
+    EXPECT_EQ(requestor->getAnnotation(), "frame 7");
 }
 
 TEST_F(PubSubRequestor, DropsRepliesThatAreMalformedForgedOrStale) {
