@@ -84,9 +84,9 @@ Browser::~Browser() {
         isOver = count == 0 || (count < 0 && errno != EINTR);
     }
     if (!isOver) ::kill(-fProcess, SIGKILL);
+    running = 0;  // before its number may be somebody else's
     while (::waitpid(fProcess, nullptr, 0) < 0 && errno == EINTR) {
     }
-    running = 0;
 }
 
 void Browser::killAny() noexcept {
