@@ -1,0 +1,115 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Cluster.hpp"
+
+namespace kirolink {
+
+/// What an engine says of its session when a gateway joins it. As in `kirogateway::Options`.
+struct Description {
+    std::string configuration = "{}";
+    std::vector<std::string> mayPublish;
+    std::vector<std::string> maySubscribe;
+    std::vector<std::string> blockChannels;
+    std::vector<std::vector<std::string>> lanes;
+    std::string tokenHash;      ///< SHA-256 of what lets a page in, 64 small hexadecimal digits
+    std::uint64_t views = 0;    ///< that the session has had, over all its gateways
+    std::size_t pieceSize = 0;  ///< as `kirogateway::Limits::pieceSize`; 0: as usual
+};
+
+/// What became of a block at one gateway.
+enum class BlockOutcome : std::uint8_t { kDelivered, kRefused, kNobody };
+
+/// Answers a block of an engine's once; destroyed without an answer it counts as refused. Any
+/// thread.
+class BlockTicket {
+  public:
+    BlockTicket() = default;
+    BlockTicket(const BlockTicket&) = delete;
+    BlockTicket& operator=(const BlockTicket&) = delete;
+    virtual ~BlockTicket() = default;
+    virtual void answer(BlockOutcome outcome) noexcept = 0;
+};
+
+/// Who is given what an engine sends: the pages of one gateway. Calls come one at a time, on
+/// threads of the cluster's or on the one that calls `tick`; they do not block.
+class Follower {
+  public:
+    Follower() = default;
+    Follower(const Follower&) = delete;
+    Follower& operator=(const Follower&) = delete;
+    virtual ~Follower() = default;
+
+    /// The gateway has joined; what comes from now on is without a gap. Called again when the
+    /// session begins anew, with another engine or because the gateway was dropped: views of before
+    /// are over.
+    virtual void joined(const Description& session) noexcept = 0;
+    virtual void text(const std::string& channel, std::string_view text) noexcept = 0;
+    /// `block` with its header.
+    virtual void block(const std::string& channel, std::shared_ptr<const std::string> block,
+                       std::unique_ptr<BlockTicket> ticket) noexcept = 0;
+    /// Nothing has been heard of the engine for a second; `since`: when it was last heard.
+    virtual void silent(std::chrono::steady_clock::time_point since) noexcept = 0;
+    /// It is heard again, and goes on without a gap.
+    virtual void heard() noexcept = 0;
+    /// The session is over for this gateway: `why` in a few words ("the engine is gone"). Views are
+    /// over. The gateway's end tries to join again.
+    virtual void left(std::string_view why) noexcept = 0;
+};
+
+/// The gateway's end of one session's link: joins, asks for what is missing, keeps what pages say
+/// until the engine has it. Any thread.
+class GatewayEnd {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+    struct Identity {
+        std::string session;
+        std::string gateway;  ///< one that no other gateway has, of letters and digits
+        std::string address;  ///< where a browser finds the session: "https://host:port/s/NAME"
+    };
+    struct Statistics {
+        std::uint64_t framesReceived = 0;
+        std::uint64_t bytesReceived = 0;
+        std::uint64_t gaps = 0;     ///< times that something was missing
+        std::uint64_t resends = 0;  ///< frames that came because they were asked for
+        std::uint64_t framesSent = 0;
+        std::uint64_t bytesSent = 0;
+        std::uint64_t refusals = 0;  ///< frames that could not be read
+        std::size_t waiting = 0;     ///< bytes that the engine has not said that it has
+        std::chrono::microseconds clockOffset{0};       ///< engine's wall clock minus this one's
+        std::chrono::microseconds clockUncertainty{0};  ///< half the shortest round trip
+        bool isJoined = false;
+    };
+
+    /// Begins to join. REQUIRES: `cluster` and `follower` outlive it.
+    GatewayEnd(Cluster& cluster, Identity identity, Follower& follower);
+    ~GatewayEnd();
+    GatewayEnd(const GatewayEnd&) = delete;
+    GatewayEnd& operator=(const GatewayEnd&) = delete;
+
+    /// What a page published; in order, and kept until the engine has it. Throws std::bad_alloc
+    /// and, when too much waits, std::length_error; nothing is sent then.
+    void publish(std::string_view channel, std::string_view text);
+    void sendBlock(std::string_view channel, std::string_view block);
+    enum class ViewKind : std::uint8_t { kNew, kReturn };
+    /// A view has come or come back. The engine's end says which of the session it is.
+    void announce(ViewKind kind, std::string_view client);
+    /// How many pages are there now; none after some: the last one has gone.
+    void pages(std::size_t count) noexcept;
+    /// To be called about every 50 ms: beats, time limits, what was asked for and did not come.
+    void tick(TimePoint now) noexcept;
+    [[nodiscard]] Statistics statistics() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> fImpl;
+};
+
+}  // namespace kirolink
