@@ -588,8 +588,8 @@ void World::drain() {
 
 void World::runOut() {
     const auto& limits = options.limits;
-    // Nobody reads any more, so that sockets take a little and no more. While one takes a long frame
-    // its page counts as heard, for as long as that lasts.
+    // Nobody reads any more, so that sockets take a little and no more. While one takes a long
+    // frame its page counts as heard, for as long as that lasts.
     for (auto& peer : peers) peer.capacity = peer.written - peer.read + 65536;
     const auto all = 4 * limits.ping + limits.comeback + limits.close + limits.hello + limits.block;
     advance(all + milliseconds(1000), all / 60);
