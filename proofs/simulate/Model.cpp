@@ -147,6 +147,11 @@ void Model::lookAtDrained(ViewModel& view) {
 
 // --- Coming and going --------------------------------------------------------------------------
 
+ViewModel* Model::viewNamed(std::string_view name) {
+    const auto found = std::ranges::find(views, name, &ViewModel::name);
+    return name.empty() || found == views.end() ? nullptr : &*found;
+}
+
 bool Model::canReturn(const ViewModel& view, std::uint64_t last) const {
     const auto there = view.view.lock();
     return view.where != Where::kOver && view.mayReturn && there != nullptr &&

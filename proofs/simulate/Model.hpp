@@ -100,6 +100,8 @@ class Model {
     Item* takeText(ViewModel& view, std::string_view channel, std::string_view content,
                    bool isPlain);
     static void settle(ViewModel& view, Item& item, Item::Part part);
+    /// Null when there is none.
+    [[nodiscard]] ViewModel* viewNamed(std::string_view name);
     [[nodiscard]] bool canReturn(const ViewModel& view, std::uint64_t last) const;
     void resume(ViewModel& view, std::uint64_t last, const std::vector<std::uint64_t>& refused);
 
