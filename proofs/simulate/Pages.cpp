@@ -122,6 +122,7 @@ void World::reckonHello(Peer& peer, const Wish& wish, Before& before) {
         greeting.last = wish.last;
         before = {view->acknowledged, view->subscriptions};
         names = view->subscriptions;
+        if (view->peer != nullptr) view->peer->isReplaced = true;
         model->resume(*view, wish.last, wish.refused);
     }
     for (const auto& [name, isCertain] : names) {
@@ -144,7 +145,10 @@ void World::doubtReturn(ViewModel& view, const Before& before) {
     view.acknowledged = before.acknowledged;
     model->blur(view);
     const bool isUntouched = view.where == Where::kConnected && !view.peer->isEnded;
-    if (isUntouched) view.subscriptions = before.subscriptions;
+    if (isUntouched) {
+        view.subscriptions = before.subscriptions;
+        view.peer->isReplaced = false;
+    }
     for (auto& [name, isCertain] : view.subscriptions) isCertain = isCertain && isUntouched;
 }
 

@@ -246,7 +246,7 @@ void Peer::onHello(std::string_view payload) {
         model.expect(subscribed == greeting.subscribed, "other subscriptions than asked for");
         model.expect(textsOf<std::multiset<std::string>>(hello.at("refused")) == greeting.refused,
                      "other refusals than due");
-    } else {
+    } else if (!isReplaced) {
         view->subscriptions.clear();
         for (const auto& name : subscribed) view->subscriptions[name] = true;
         for (const auto& change : behindHello) change();

@@ -94,6 +94,8 @@ struct Peer {
     /// What it said of its subscriptions before the hello came that makes them certain.
     std::vector<std::function<void()>> behindHello;
     bool isGreeted = false;
+    /// Its page has returned elsewhere: what the rest of its hello says of subscriptions is old.
+    bool isReplaced = false;
     std::uint64_t next = 0;  ///< the number of the next message, 0: any up to `greeting.last` + 1
     std::set<std::uint64_t> withdrawn;
     std::map<std::uint32_t, std::size_t> sent;  ///< bytes of each block
