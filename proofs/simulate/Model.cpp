@@ -244,6 +244,16 @@ void Model::look(bool isTick) {
     std::erase_if(open, [](const Item* item) { return item->completions > 0; });
 }
 
+std::size_t Model::endingBytes() const {
+    std::size_t bytes = 0;
+    for (const auto* item : open) {
+        const bool isEnding = std::ranges::any_of(
+            item->parts, [](const auto& entry) { return entry.first->hasFailed; });
+        if (isEnding) bytes += item->content.size();
+    }
+    return bytes;
+}
+
 void Model::lookAt(ViewModel& view, State state, bool isTick) {
     const auto name = "view " + std::to_string(view.index);
     if (state == State::kConnected) {

@@ -118,6 +118,8 @@ class Model {
     /// Time is about to be looked at.
     void beforeTick();
     void afterTick();
+    /// Of blocks that a failed view holds until its end: others may come in their place already.
+    [[nodiscard]] std::size_t endingBytes() const;
     /// Compares: after each step.
     void look(bool isTick);
 

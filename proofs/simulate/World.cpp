@@ -398,7 +398,7 @@ void World::look(bool isTick) {
     model->expect(views->lastPageGone() == model->isLastGone, "lastPageGone is wrong");
     const auto more = timesGone - model->timesGone;  // one that begins anew ends its view first
     model->expect(more <= model->badReturns, "onLastPageGone was called at the wrong time");
-    std::size_t slack = 400000;
+    const auto slack = 400000 + model->endingBytes();
     if (isTick) {
         model->afterTick();
         model->expect(!context->lostMemory->isExceeded(),
