@@ -13,6 +13,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BIN = ROOT / "build/release/bin"
@@ -43,12 +44,18 @@ class Visitor(page.Page):
     """A page that counts: no message may be missing or come twice."""
 
     def __init__(self, link, frames=1):
-        self.due = None
+        self.due, self.end = None, time.monotonic() + PATIENCE
         super().__init__(link)
         self.draw(frames)
 
+    def take(self):
+        self.end = time.monotonic() + PATIENCE
+        return super().take()
+
     def receive(self, message):
         if message == b"":
+            if time.monotonic() > self.end:  # a socket that gets pings is never silent for long
+                raise TimeoutError("nothing comes but pings")
             self.stream.write(b"\x8a\x80\0\0\0\0")  # it was a ping
             return self.stream.flush()
         if isinstance(message, bytes):
