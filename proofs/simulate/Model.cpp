@@ -188,11 +188,13 @@ void Model::beforeTick() {
     const auto& limits = options.limits;
     for (auto& view : views) {
         if (view.where != Where::kConnected) continue;
-        const auto& peer = *view.peer;
+        auto& peer = *view.peer;
         if (peer.isHeld) view.heardAt = now;
         // Of who takes a long frame, behind which no ping goes out, nothing has to be heard.
         if (view.takenWithin != 0 && peer.written != view.takenWithin) view.heardAt = now;
         view.takenWithin = peer.isWithinFrame() ? peer.written : 0;
+        if (view.isPerhapsWithin) view.perhapsHeardAt = now;
+        peer.wasWithinFrame = peer.isWithinFrame();
     }
     for (auto* item : open) {
         for (auto& [view, part] : item->parts) {
@@ -213,7 +215,9 @@ void Model::afterTick() {
     for (auto& view : views) {
         const auto lost = now - view.lostAt;
         if (view.where == Where::kConnected) {
-            expect(now - view.heardAt <= 3 * limits.ping, "a silent page is still connected");
+            const auto heardAt = std::max(view.heardAt, view.perhapsHeardAt);
+            expect(now - heardAt <= 3 * limits.ping, "a silent page is still connected");
+            view.isPerhapsWithin = view.takenWithin == 0 && view.peer->wasWithinFrame;
         } else if (view.where != Where::kOver) {
             ++away;
             expect(lost <= limits.comeback, "a lost view is kept for too long");

@@ -68,6 +68,10 @@ struct ViewModel {
     TimePoint lostAt;
     TimePoint heardAt;
     std::uint64_t takenWithin = 0;  ///< bytes, at the last tick, if a frame had begun; else 0
+    /// In the last tick a frame may have begun before the view was looked at: an engine publishes
+    /// what it likes when another view's block comes back.
+    bool isPerhapsWithin = false;
+    TimePoint perhapsHeardAt;
     TimePoint goneAt = TimePoint::min();
     std::map<std::string, bool> subscriptions;  ///< and whether that is certain
     std::vector<std::deque<Expected>> lanes;    ///< what has no number yet

@@ -68,6 +68,7 @@ void Peer::accept(std::string_view bytes) {
         onFrame(byte(0) & 0xfU, rest.substr(head, size));
     }
     partial.erase(0, at);
+    wasWithinFrame = wasWithinFrame || isWithinFrame();
 }
 
 void Peer::onFrame(unsigned opcode, std::string_view payload) {

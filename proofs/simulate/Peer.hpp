@@ -80,6 +80,7 @@ struct Peer {
 
     // To the page.
     std::string partial;
+    bool wasWithinFrame = false;  ///< at the last tick, or while it lasted
     std::uint64_t written = 0;
     std::uint64_t read = 0;
     std::deque<Arrived> inbox;

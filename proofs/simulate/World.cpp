@@ -379,6 +379,7 @@ void World::bindView(Peer& peer) {
         bound.where = Where::kConnected;
         bound.heardAt = now;
         bound.takenWithin = 0;
+        bound.isPerhapsWithin = false;
         peer.tookAt = now;
         bound.mayReturn = peer.mayReturn;
         bound.maxBlock = peer.maxBlock;
