@@ -111,7 +111,7 @@ struct Peer {
     void onBlock(std::string_view payload, Arrived& arrived);
     void onControl(std::string_view payload, Arrived& arrived);
     void onHello(std::string_view payload);
-    void onWithdrawn(std::uint32_t transfer, std::uint64_t number);
+    void onWithdrawn(std::uint32_t transfer, std::uint64_t count);
     /// Returns what has this number already, null: it is new.
     Item* number(std::uint64_t number);
     void countUnderWay(Item& begun) const;
