@@ -41,9 +41,9 @@ class OutboxTest : public testing::Test {
     Future addBlock(std::size_t size, std::size_t lane = 0, Added expected = Added::kYes) {
         auto future = fStream->send(support::bufferOf(std::string(size, 'b')));
         const auto transfer =
-            std::make_shared<Transfer>(*std::move(fDelivery), fCounters, Charge());
+            std::make_shared<HostTransfer>(*std::move(fDelivery), fCounters);
         transfer->join();
-        transfer->close(true);
+        transfer->close(Transfer::Outcome::kDelivered);
         EXPECT_EQ(fOutbox->addBlock(lane, "/bin", transfer, fNow), expected);
         return future;
     }
