@@ -29,7 +29,8 @@ struct Gate {
     }
     Options options;
     std::shared_ptr<Secrets> secrets = std::make_shared<Secrets>(std::chrono::seconds(60), kToken);
-    AccessPolicy policy{options, 8080, {std::make_shared<const AssetTable>(options.assets), secrets}};
+    AccessPolicy policy{
+        options, 8080, {std::make_shared<const AssetTable>(options.assets), secrets}};
 };
 
 std::string replaced(std::string text, std::string_view what, std::string_view instead) {

@@ -103,9 +103,7 @@ class ClientConnection final : public ServedConnection,
     /// Ends the connection, on which nothing is waited for any more.
     void operationLost() noexcept;
 
-    [[nodiscard]] const Limits& limits() const noexcept {
-        return fSite->context->options.limits;
-    }
+    [[nodiscard]] const Limits& limits() const noexcept { return fSite->context->options.limits; }
     [[nodiscard]] GuardedLog& peerLog() const noexcept { return fSite->context->peerLog; }
     [[nodiscard]] Wire& wire() { return fStream.next_layer(); }
     [[nodiscard]] boost::asio::ip::tcp::socket& socket() { return fSocket->native(); }

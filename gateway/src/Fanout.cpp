@@ -168,8 +168,8 @@ View::Part Fanout::offerTo(View& view, std::string_view channel, std::size_t lan
     }
 }
 
-void Fanout::offer(const std::string& channel,
-                   const std::shared_ptr<Transfer>& transfer) noexcept try {
+void Fanout::offer(const std::string& channel, const std::shared_ptr<Transfer>& transfer) noexcept
+    try {
     const auto views = fViews->views();
     const auto hears = [&channel](const auto& view) { return view->hears(channel); };
     if (!isPlain(channel) || std::ranges::none_of(*views, hears)) {

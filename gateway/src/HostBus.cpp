@@ -28,8 +28,8 @@ void HostBus::announce(wire::ViewKind kind, const View::Identity& view) {
     const auto& channel =
         kind == wire::ViewKind::kReturn ? options.reconnectChannel : options.newViewChannel;
     if (channel.empty()) return;
-    auto text = std::make_shared<const std::string>(
-        wire::announcementText(kind, view.count, view.client));
+    auto text =
+        std::make_shared<const std::string>(wire::announcementText(kind, view.count, view.client));
     fLink.deliver(channel, std::move(text), nullptr);
 }
 
