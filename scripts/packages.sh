@@ -7,7 +7,7 @@ build_packages=(
     g++ cmake ninja-build
     libboost1.81-dev libboost-json1.81-dev libboost-thread1.81-dev libboost-log1.81-dev
     libboost-program-options1.81-dev
-    libpoco-dev libssl-dev libzstd-dev zlib1g-dev
+    libnats-dev libpoco-dev libssl-dev libzstd-dev zlib1g-dev
 )
 check_packages=(
     libgtest-dev libgmock-dev libbenchmark-dev pkg-config
