@@ -37,7 +37,7 @@ constexpr auto kBetweenRounds = 100ms;
 constexpr auto kAfterRefusal = 1s;
 /// A connection that did not hold for so long is not made again at once.
 constexpr auto kShort = 1s;
-constexpr auto kLongestWait = 200ms;
+constexpr auto kLongestWait = 100ms;
 /// Different lines of complaints, and of why no node can be used; further ones are dropped.
 constexpr std::size_t kMostComplaints = 64;
 constexpr std::size_t kMostReasons = 8;
@@ -124,6 +124,7 @@ class NatsCluster final : public Cluster {
     void deliver(Heard& heard);
     void call(Heard& heard, std::string_view subject, std::string_view bytes);
     void end(const std::shared_ptr<Heard>& heard) noexcept;
+    void waitForCallLocked() REQUIRES_LOCK(fMutex);
     void say(const std::string& line) noexcept;
     void sayComplaint(const std::string& line);
     void sayReason(const std::string& why);
@@ -198,17 +199,23 @@ std::unique_ptr<Cluster::Subscription> NatsCluster::subscribe(const std::string&
 }
 
 void NatsCluster::end(const std::shared_ptr<Heard>& heard) noexcept {
+    const bool isWithin = std::this_thread::get_id() == fThread.get_id();
     Listener last;
     {
-        std::unique_lock lock(fMutex.native());
+        annotated::Lock lock(fMutex);
         heard->isEnded = true;
         fHasEnded = true;
-        const bool isWithin = std::this_thread::get_id() == fThread.get_id();
-        if (!isWithin) fCallEnded.wait(lock, [&heard] { return !heard->isCalling; });
+        while (heard->isCalling && !isWithin) waitForCallLocked();
         // Within its own call it goes with the subscription, after the call.
         if (!heard->isCalling) last = std::exchange(heard->listener, nullptr);
     }
     fWakeup.wake();
+}
+
+void NatsCluster::waitForCallLocked() {
+    std::unique_lock native(fMutex.native(), std::adopt_lock);
+    fCallEnded.wait(native);
+    native.release();
 }
 
 bool NatsCluster::isStopping() {
@@ -266,9 +273,11 @@ void NatsCluster::connect(const std::string& server) {
     for (const auto& heard : fHeard) heard->source = fLine->subscribe(heard->subject);
     fConnectedSince = Clock::now();
     fReasons.clear();
+    {
+        annotated::Lock lock(fMutex);
+        fIsConnected = true;
+    }
     say("connected to the cluster's node " + server);
-    annotated::Lock lock(fMutex);
-    fIsConnected = true;
 }
 
 void NatsCluster::lose(const std::string& why) noexcept {
@@ -295,7 +304,7 @@ void NatsCluster::sendTheRest() noexcept {
     try {
         if (!fLine) return;
         passMessages();
-        fLine->attend(fWakeup.descriptor(), 0ms);
+        fLine->write();
     } catch (const std::exception&) {
         // Lost, as it may be.
     }
@@ -332,6 +341,7 @@ void NatsCluster::takeSubscriptions() {
 
 void NatsCluster::attend() {
     passMessages();
+    fLine->write();
     auto patience = std::chrono::milliseconds(kLongestWait);
     {
         annotated::Lock lock(fMutex);
@@ -435,7 +445,9 @@ void requireRight(const NatsOptions& options) {
         }
     }
     try {
-        if (!options.credentialsFile.empty()) readCredentials(options.credentialsFile);
+        if (!options.credentialsFile.empty()) {
+            static_cast<void>(readCredentials(options.credentialsFile));
+        }
     } catch (const std::runtime_error& error) {
         throw std::invalid_argument(error.what());
     }

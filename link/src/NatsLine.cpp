@@ -242,9 +242,12 @@ void NatsLine::publish(const std::string& subject, std::string_view bytes) {
 
 bool NatsLine::hasRoom() const { return natsConnection_Buffered(fConnection.get()) < kBufferSize; }
 
-void NatsLine::attend(int wakeup, std::chrono::milliseconds patience) {
-    // What was published just now goes out without asking first whether it can.
+void NatsLine::write() {
+    // Without asking first whether it can: mostly it can.
     if (fWrites) natsConnection_ProcessWriteEvent(fConnection.get());
+}
+
+void NatsLine::attend(int wakeup, std::chrono::milliseconds patience) {
     const short events = fWrites ? POLLIN | POLLOUT : POLLIN;
     std::array<pollfd, 2> ready{{{fSocket, events, 0}, {wakeup, POLLIN, 0}}};
     if (fSocket >= 0) poll(ready.data(), ready.size(), static_cast<int>(patience.count()));

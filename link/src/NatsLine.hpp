@@ -51,6 +51,7 @@ class NatsLine {
     void publish(const std::string& subject, std::string_view bytes);
     /// Whether more should be given to `publish`: little of it has not been written yet.
     [[nodiscard]] bool hasRoom() const;
+    void write();
     /// Reads and writes what can be, after waiting for that up to `patience`, or until `wakeup`, a
     /// descriptor, is readable.
     void attend(int wakeup, std::chrono::milliseconds patience);
