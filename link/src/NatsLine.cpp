@@ -37,30 +37,29 @@ constexpr std::size_t kMostComplaints = 16;
 constexpr int kMostPendingMessages = 64 * 1024;
 constexpr int kMostPendingBytes = 64 * 1024 * 1024;
 
-/// libnats may call its handlers after the connection was destroyed: they are given a number, under
-/// which there is nothing any more then.
+/// libnats may call its handlers after the connection was destroyed: they are given an address, and
+/// look here whether it still stands for something. A later line may have it then, which costs no
+/// more than a strange line in a log.
 template <typename T>
 class Registry {
   public:
-    std::uintptr_t add(const std::shared_ptr<T>& object) {
+    void add(const std::shared_ptr<T>& object) {
         annotated::Lock lock(fMutex);
-        fObjects.emplace(++fLast, object);
-        return fLast;
+        fObjects.emplace(object.get(), object);
     }
-    void remove(std::uintptr_t id) noexcept {
+    void remove(const void* address) noexcept {
         annotated::Lock lock(fMutex);
-        fObjects.erase(id);
+        fObjects.erase(address);
     }
-    std::shared_ptr<T> find(std::uintptr_t id) {
+    std::shared_ptr<T> find(const void* address) {
         annotated::Lock lock(fMutex);
-        const auto found = fObjects.find(id);
+        const auto found = fObjects.find(address);
         return found == fObjects.end() ? nullptr : found->second;
     }
 
   private:
     annotated::Mutex fMutex;
-    std::uintptr_t fLast GUARDED_BY(fMutex) = 0;
-    std::map<std::uintptr_t, std::shared_ptr<T>> fObjects GUARDED_BY(fMutex);
+    std::map<const void*, std::shared_ptr<T>> fObjects GUARDED_BY(fMutex);
 };
 
 template <typename T>
@@ -130,15 +129,15 @@ void NatsLine::Destroy::operator()(natsSubscription* subscription) const noexcep
 NatsLine::NatsLine(const NatsOptions& options, const std::string& server)
     : fSilence(options.silence),
       fComplaints(std::make_shared<Complaints>()),
-      fComplaintsId(registry<Complaints>().add(fComplaints)),
       fLiveness(options.silence, std::chrono::steady_clock::now()) {
+    registry<Complaints>().add(fComplaints);
     try {
         const auto prepared = makeOptions(options, server);
         natsConnection* connection = nullptr;
         require(natsConnection_Connect(&connection, prepared.get()));
         fConnection.reset(connection);
     } catch (...) {
-        registry<Complaints>().remove(fComplaintsId);
+        registry<Complaints>().remove(fComplaints.get());
         throw;
     }
     fLiveness.heard(std::chrono::steady_clock::now());
@@ -146,7 +145,7 @@ NatsLine::NatsLine(const NatsOptions& options, const std::string& server)
 
 NatsLine::~NatsLine() {
     fConnection.reset();
-    registry<Complaints>().remove(fComplaintsId);
+    registry<Complaints>().remove(fComplaints.get());
 }
 
 NatsLine::Owned<natsOptions> NatsLine::makeOptions(const NatsOptions& options,
@@ -183,14 +182,14 @@ NatsLine::Owned<natsOptions> NatsLine::makeOptions(const NatsOptions& options,
     require(natsOptions_SetPingInterval(raw, std::max<std::int64_t>(1, fSilence.count() * 2 / 5)));
     require(natsOptions_SetMaxPingsOut(raw, 1'000'000));
     require(natsOptions_SetEventLoop(raw, this, attached, reads, writes, detached));
-    require(natsOptions_SetErrorHandler(raw, complained, reinterpret_cast<void*>(fComplaintsId)));
+    require(natsOptions_SetErrorHandler(raw, complained, fComplaints.get()));
     return made;
 }
 
 void NatsLine::complained(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
-                          natsStatus status, void* id) {
+                          natsStatus status, void* address) {
     try {
-        const auto complaints = registry<Complaints>().find(reinterpret_cast<std::uintptr_t>(id));
+        const auto complaints = registry<Complaints>().find(address);
         if (complaints == nullptr) return;
         annotated::Lock lock(complaints->mutex);
         if (complaints->texts.size() == kMostComplaints) return;

@@ -64,7 +64,7 @@ class NatsLine {
     [[nodiscard]] Owned<natsOptions> makeOptions(const NatsOptions& options,
                                                  const std::string& server);
     void requireAlive(std::chrono::steady_clock::time_point now);
-    static void complained(natsConnection*, natsSubscription*, natsStatus status, void* id);
+    static void complained(natsConnection*, natsSubscription*, natsStatus status, void* address);
     static natsStatus attached(void** own, void* line, natsConnection*, natsSock socket);
     static natsStatus reads(void* line, bool add);
     static natsStatus writes(void* line, bool add);
@@ -74,8 +74,7 @@ class NatsLine {
     int fSocket = -1;
     std::atomic<bool> fWrites{false};  ///< libnats has something to write; its pings come from a
                                        ///< thread of its own
-    std::shared_ptr<Complaints> fComplaints;
-    std::uintptr_t fComplaintsId;
+    const std::shared_ptr<Complaints> fComplaints;
     Owned<natsConnection> fConnection;
     Liveness fLiveness;
 };

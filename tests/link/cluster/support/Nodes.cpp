@@ -32,6 +32,7 @@ std::string freePort() {
 
 pid_t spawn(std::vector<std::string> arguments) {
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (auto& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     pid_t process = 0;
