@@ -85,7 +85,7 @@ void Nodes::start(std::size_t node) {
     const auto folder = fFolder + "/node-" + std::to_string(node + 1);
     // Its files name each other within their folder. It is not to be left over.
     fNodes.at(node).process = spawn({"env", "--chdir=" + folder, "setpriv", "--pdeathsig", "KILL",
-                                     "nats-server", "-c", "node.conf", "-l", "log"});
+                                     KIROWEB_NATS_SERVER, "-c", "node.conf", "-l", "log"});
 }
 
 void Nodes::kill(std::size_t node) {
