@@ -89,6 +89,11 @@ export class Line {
         this.#setState("live", reason);
     }
 
+    /** Something is to be said of the connection while it is there. @param {string} reason */
+    note(reason) {
+        if (this.#isLive) this.#setState("live", reason);
+    }
+
     /** @param {string | Uint8Array} frame */
     send(frame) {
         this.#attempt?.socket?.send(frame);

@@ -12,6 +12,11 @@ target_compile_options(kiroweb_flags INTERFACE
     $<$<BOOL:${KIROWEB_WARNINGS_AS_ERRORS}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>)
 target_include_directories(kiroweb_flags INTERFACE ${PROJECT_SOURCE_DIR}/common)
+# As the host's headers have it, whichever header of Boost.Thread comes first.
+target_compile_definitions(kiroweb_flags INTERFACE BOOST_THREAD_VERSION=4)
+# Where several sources are compiled as one, a type of a source's own is as private as it was.
+target_compile_options(kiroweb_flags INTERFACE
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wno-subobject-linkage>)
 # Preconditions and the order of locks are checked where a wrong call should stop at once.
 target_compile_definitions(kiroweb_flags INTERFACE
     $<$<OR:$<CONFIG:Debug>,$<BOOL:${KIROWEB_SANITIZE}>>:KIROWEB_CHECKED>)

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "process/WriteAll.hpp"
 #include "secret/RandomHex.hpp"
 
 namespace kirofigures::detail {
@@ -39,25 +40,6 @@ class Descriptor {
     const int fNumber;
 };
 
-template <typename Call>
-ssize_t againIfInterrupted(const Call& call) {
-    for (;;) {
-        const ssize_t result = call();
-        if (result >= 0 || errno != EINTR) return result;
-    }
-}
-
-/// Otherwise `errno` says why. A disk that becomes full takes what has room, and refuses the rest.
-bool writeAll(int descriptor, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const auto written =
-            againIfInterrupted([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
-        if (written < 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 /// A file beside `file` that holds a new token and that nobody else knows; gone with this.
 class Draft {
   public:
@@ -66,7 +48,7 @@ class Draft {
         // Readable for the owner only.
         const Descriptor made(::mkostemp(fPath.data(), O_CLOEXEC));
         if (made.get() < 0) fail("tokenFile: " + file + " cannot be made");
-        if (writeAll(made.get(), line)) return;
+        if (process::writeAll(made.get(), line)) return;
         const int error = errno;
         ::unlink(fPath.c_str());
         errno = error;
@@ -90,7 +72,7 @@ std::string read(const Descriptor& descriptor, const std::string& file) {
     std::string text(kDigits + 2, '\0');
     std::size_t size = 0;
     for (ssize_t got = 1; got != 0 && size < text.size(); size += static_cast<std::size_t>(got)) {
-        got = againIfInterrupted(
+        got = process::againIfInterrupted(
             [&] { return ::read(descriptor.get(), text.data() + size, text.size() - size); });
         if (got < 0) fail("tokenFile: " + file + " cannot be read");
     }

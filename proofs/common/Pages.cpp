@@ -281,8 +281,7 @@ class Page {
         if (end == std::string_view::npos) return false;
         if (!left.starts_with("HTTP/1.1 101")) {
             // The session's engine is not there, or its gateway has only just begun.
-            const bool mayBe = is("mayEnd") && left.find("\r\nRetry-After:") < end;
-            if (!mayBe) found(fIn);
+            if (!is("mayEnd")) found(fIn);
             lose(kRetry);
             return false;
         }

@@ -9,6 +9,8 @@
 #include <system_error>
 #include <utility>
 
+#include "process/WriteAll.hpp"
+
 namespace kirorecording {
 
 namespace {
@@ -51,14 +53,7 @@ void FileSink::fail() const {
 }
 
 void FileSink::doWrite(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const auto written = ::write(fFile, bytes.data(), bytes.size());
-        if (written >= 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno != EINTR) {
-            fail();
-        }
-    }
+    if (!process::writeAll(fFile, bytes)) fail();
 }
 
 void FileSink::doTruncate(std::uint64_t size) {

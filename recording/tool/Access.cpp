@@ -33,7 +33,7 @@ std::optional<Answer> pageAnswer(std::string_view target) {
 
 }  // namespace
 
-Access::Access(std::span<const Recording> recordings, std::uint16_t port)
+Access::Access(std::span<const ServedFile> recordings, std::uint16_t port)
     : fRecordings(recordings), fHosts(hostsOf(port)), fSecrets(kCodeLife) {}
 
 Answer Access::decide(const Request& request, TimePoint now) {
@@ -85,7 +85,7 @@ Answer Access::serveRecording(const Request& request) const {
     if (!token.starts_with(kBearer) || !fSecrets.isToken(token.substr(kBearer.size()))) {
         return {403, "not without the token of the link\n"};
     }
-    const auto found = std::ranges::find(fRecordings, request.target.substr(1), &Recording::name);
+    const auto found = std::ranges::find(fRecordings, request.target.substr(1), &ServedFile::name);
     if (found == fRecordings.end()) return {404, "no such recording\n"};
     const auto whole = found->source->size();
     const auto range = byteRange(request.range.value_or(""), whole);

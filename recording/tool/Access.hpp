@@ -49,7 +49,7 @@ class Access {
     static constexpr std::uint64_t kMostAtOnce = std::uint64_t{8} << 20U;
 
     /// REQUIRES: `recordings` outlive this.
-    Access(std::span<const Recording> recordings, std::uint16_t port);
+    Access(std::span<const ServedFile> recordings, std::uint16_t port);
 
     [[nodiscard]] Answer decide(const Request& request, TimePoint now);
 
@@ -67,7 +67,7 @@ class Access {
     [[nodiscard]] Answer serveRecording(const Request& request) const;
     [[nodiscard]] std::string linkWith(const std::string& secret) const;
 
-    const std::span<const Recording> fRecordings;
+    const std::span<const ServedFile> fRecordings;
     std::vector<std::string> fHosts;
     secret::Secrets fSecrets;
 };

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "process/Browser.hpp"
+#include "process/WriteAll.hpp"
 
 namespace recording_tool {
 
@@ -145,10 +146,8 @@ json::object Browser::call(std::string_view method, json::object parameters,
 void Browser::send(std::string_view text) const {
     std::string bytes(text);
     bytes += '\0';
-    for (std::string_view rest = bytes; !rest.empty();) {
-        const auto count = ::write(fHears.writing(), rest.data(), rest.size());
-        if (count < 0 && errno != EINTR) throw std::runtime_error("the browser has ended");
-        if (count > 0) rest.remove_prefix(static_cast<std::size_t>(count));
+    if (!process::writeAll(fHears.writing(), bytes)) {
+        throw std::runtime_error("the browser has ended");
     }
 }
 

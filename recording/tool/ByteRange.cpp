@@ -12,7 +12,7 @@ namespace {
 constexpr std::string_view kUnit = "bytes=";
 
 /// Digits only; a number that is larger than any file is the largest that there is.
-std::optional<std::uint64_t> numberOf(std::string_view text) noexcept {
+std::optional<std::uint64_t> digitsOf(std::string_view text) noexcept {
     std::uint64_t number = 0;
     const auto* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
@@ -27,8 +27,8 @@ std::optional<ByteRange> byteRange(std::string_view field, std::uint64_t fileSiz
     field.remove_prefix(kUnit.size());
     const auto dash = field.find('-');
     if (dash == std::string_view::npos) return std::nullopt;
-    const auto first = numberOf(field.substr(0, dash));
-    const auto last = numberOf(field.substr(dash + 1));
+    const auto first = digitsOf(field.substr(0, dash));
+    const auto last = digitsOf(field.substr(dash + 1));
     const bool isOpen = dash + 1 == field.size();
     if (dash == 0) {
         if (!last) return std::nullopt;

@@ -30,13 +30,13 @@ std::string plainName(const std::filesystem::path& file) {
     return name;
 }
 
-bool isTaken(const std::string& name, const std::vector<Recording>& recordings) {
-    return std::ranges::find(recordings, name, &Recording::name) != recordings.end() ||
+bool isTaken(const std::string& name, const std::vector<ServedFile>& recordings) {
+    return std::ranges::find(recordings, name, &ServedFile::name) != recordings.end() ||
            std::ranges::find(kiropage::files(), '/' + name, &kiropage::File::path) !=
                kiropage::files().end();
 }
 
-std::string freeName(const std::string& file, const std::vector<Recording>& recordings) {
+std::string freeName(const std::string& file, const std::vector<ServedFile>& recordings) {
     const std::string plain = plainName(file);
     const std::size_t ending = std::min(plain.rfind('.'), plain.size());
     std::string name = plain;
@@ -58,8 +58,8 @@ void check(const FileSource& source) {
 
 }  // namespace
 
-std::vector<Recording> openRecordings(const std::vector<std::string>& files) {
-    std::vector<Recording> recordings;
+std::vector<ServedFile> openRecordings(const std::vector<std::string>& files) {
+    std::vector<ServedFile> recordings;
     for (const auto& file : files) {
         auto source = std::make_unique<const FileSource>(file);
         check(*source);

@@ -16,7 +16,7 @@ namespace {
 constexpr std::string_view kOpen = "{{";
 constexpr std::string_view kClose = "}}";
 /// Bytes that are encoded at a time: without padding between them.
-constexpr std::size_t kPiece = std::size_t{3} << 20U;
+constexpr std::size_t kPieceInBase64 = std::size_t{3} << 20U;
 
 /// What goes to the file: texts, and at its place the recording.
 struct Parts {
@@ -74,8 +74,8 @@ std::uint64_t roomInFile(std::uint64_t most) {
 void writeSingleFile(kirorecording::Sink& sink, std::string_view recording, double at) {
     const auto [before, after] = partsOf(at);
     sink.write(before);
-    for (std::size_t from = 0; from < recording.size(); from += kPiece) {
-        sink.write(encoding::encodeBase64(recording.substr(from, kPiece)));
+    for (std::size_t from = 0; from < recording.size(); from += kPieceInBase64) {
+        sink.write(encoding::encodeBase64(recording.substr(from, kPieceInBase64)));
     }
     sink.write(after);
 }

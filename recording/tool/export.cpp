@@ -208,9 +208,11 @@ Status makePage(const Recording& run, const Options& options) {
     const auto size =
         writePage(draft.path(), options.output, recording, options.from ? range.from : 0);
     draft.keep();
-    print(options.output + ": " + std::to_string(recording.frames) + " frames, " +
-          std::to_string(size) + " bytes" + (recording.isThinned ? ", key frames alone" : "") +
-          '\n');
+    // What stood on the screen all the time may be a snapshot alone.
+    const auto frames =
+        recording.frames == 0 ? "a snapshot" : std::to_string(recording.frames) + " frames";
+    print(options.output + ": " + frames + ", " + std::to_string(size) + " bytes" +
+          (recording.isThinned ? ", key frames alone" : "") + '\n');
     return kGood;
 }
 

@@ -128,6 +128,19 @@ test("A lost connection is made again, and goes on behind the last message and w
     assert.equal(heard.of("text", "refused", "block", "fault").join(" "), told);
 });
 
+test("That the engine is silent stands in the state until it is heard again", async () => {
+    const { heard } = fixture;
+    const peer = await fixture.connect();
+    peer.control({ t: "engine", state: "silent", milliseconds: 2600 });
+    peer.control({ t: "engine", state: "heard" });
+    await fixture.settled(peer, 1);
+    const told = heard.of("state").slice(-3);
+    assert.deepEqual(
+        told.map(([, name, reason]) => `${name} ${reason}`),
+        ["live ", "live engine silent for 3 s", "live "],
+    );
+});
+
 test("A close says whether to come back, to begin afresh, or to give up", async () => {
     const { heard } = fixture;
     let peer = await fixture.connect();

@@ -65,7 +65,7 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
     for (const auto& [options, begin] : table) {
         const auto text = failureOf(options);
         EXPECT_TRUE(text.starts_with(begin)) << text;
-        EXPECT_THROW(static_cast<void>(checked(options)), std::invalid_argument);
+        EXPECT_THROW(static_cast<void>(kirogateway::checked(options)), std::invalid_argument);
     }
 }
 

@@ -9,7 +9,7 @@
 namespace {
 
 constinit thread_local bool failing = false;
-constinit std::atomic<std::size_t> joined = 0;
+constinit std::atomic<std::size_t> joinedCount = 0;
 
 /// The function of this name that would have been called without this file: a sanitizer's, or the
 /// C library's.
@@ -31,7 +31,7 @@ extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread,
 extern "C" [[gnu::visibility("default")]] int pthread_join(pthread_t thread, void** result) {
     static auto* const join = next<decltype(pthread_join)>("pthread_join");
     const int error = join(thread, result);
-    if (error == 0) ++joined;
+    if (error == 0) ++joinedCount;
     return error;
 }
 
@@ -43,6 +43,6 @@ void withoutThreads(const std::function<void()>& call) {
     failing = false;
 }
 
-std::size_t joinedThreads() { return joined; }
+std::size_t joinedThreads() { return joinedCount; }
 
 }  // namespace support

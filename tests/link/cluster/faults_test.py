@@ -55,7 +55,7 @@ class Cluster:
         self.files("session", "alpha", "beta")
         self.files("gateway", "one", "two")
         for name in ("one", "two"):
-            self.write(f"gateway-{name}", "gateway.conf", name=name, address="127.0.0.1",
+            self.write(f"gateway-{name}", "gateway.conf", name=name, address="127.0.0.1", tls="off",
                        port=self.ports[f"gateway-{name}"], order=(2, 3, 1))
 
     def files(self, *arguments: str) -> None:
