@@ -9,27 +9,16 @@
 
 #include "Context.hpp"
 #include "HostBus.hpp"
+#include "Interpreter.hpp"
 #include "OptionsCheck.hpp"
 #include "Server.hpp"
 #include "annotated/Mutex.hpp"
-#include "graphics_util/getContextQCRID.hpp"
-#include "qvm/detail/taskRouterAccess.hpp"
-#include "taskrouter/TaskRouter.hpp"
 
 namespace kirogateway {
 namespace {
 
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::Delivery;
-
-/// Queues an empty task, so that a wait on the interpreter thread looks at its condition.
-void wakeInterpreter(qnutil::contextmgr::QcrID context) {
-    const taskrouter::RunOptions options{taskrouter::WhenToDequeue::kWhenIdle, ""};
-    const auto router = qvm::detail::getTaskRouterAndSinks(context, options).router;
-    if (router == nullptr) return;
-    router->enqueueWithFuture(taskrouter::PackagedTaskIIP<void>({[] {}}, "kirogateway::Gateway"),
-                              options, qvm::detail::createID());
-}
 
 }  // namespace
 
@@ -47,7 +36,7 @@ struct Gateway::Impl {
     [[nodiscard]] std::function<void()> lastPageGone() const {
         const auto& own = context->options.onLastPageGone;
         if (own) return own;
-        return [interpreter = graphics_util::getContextQCRID()] { wakeInterpreter(interpreter); };
+        return interpreterWaking("kirogateway::Gateway");
     }
 
     const std::shared_ptr<const AssetTable> assets;

@@ -50,31 +50,46 @@ void DownStream::text(std::string_view channel, std::string_view text) noexcept 
 }
 
 DownStream::Offered DownStream::block(std::string_view channel, std::string_view block,
-                                      std::unique_ptr<BlockWait>& wait) noexcept {
+                                      std::unique_ptr<BlockWait> wait) noexcept {
+    const auto offered = take(channel, block, wait);
+    offered == Offered::kTaken ? fWake() : wait->finished(false);
+    return offered;
+}
+
+DownStream::Offered DownStream::take(std::string_view channel, std::string_view block,
+                                     std::unique_ptr<BlockWait>& wait) noexcept {
     if (!fHasReaders.load(std::memory_order_relaxed) || !canBeNamed(channel)) {
         return Offered::kNobody;
     }
+    const annotated::Lock lock(fMutex);
+    if (fReaders.empty()) return Offered::kNobody;
+    if (block.size() > fMost / 2) return Offered::kRefused;
+    try {
+        Block added{0, nullptr, {}};
+        for (const auto& position : fReaders) added.readers.push_back(position.reader);
+        fBlocks.reserve(fBlocks.size() + 1);
+        closeBatchLocked();
+        appendPiecesLocked(true, channel, block);
+        added.number = fLog.next() - 1;
+        added.wait = std::move(wait);
+        fBlocks.push_back(std::move(added));
+    } catch (...) {
+        // There may be a part of it on the way.
+        loseAllLocked(kNoMemory);
+        return Offered::kRefused;
+    }
+    return Offered::kTaken;
+}
+
+void DownStream::close() noexcept {
+    std::vector<Block> blocks;
     {
         const annotated::Lock lock(fMutex);
-        if (fReaders.empty()) return Offered::kNobody;
-        if (block.size() > fMost / 2) return Offered::kRefused;
-        try {
-            Block added{0, nullptr, {}};
-            for (const auto& position : fReaders) added.readers.push_back(position.reader);
-            fBlocks.reserve(fBlocks.size() + 1);
-            closeBatchLocked();
-            appendPiecesLocked(true, channel, block);
-            added.number = fLog.next() - 1;
-            added.wait = std::move(wait);
-            fBlocks.push_back(std::move(added));
-        } catch (...) {
-            // There may be a part of it on the way.
-            loseAllLocked(kNoMemory);
-            return Offered::kRefused;
-        }
+        fReaders.clear();
+        releaseLocked();
+        blocks.swap(fBlocks);
     }
-    fWake();
-    return Offered::kTaken;
+    for (auto& block : blocks) block.wait->finished(false);
 }
 
 void DownStream::closeBatchLocked() {

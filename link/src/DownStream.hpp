@@ -38,14 +38,18 @@ class DownStream {
     /// If there is no memory for it, no reader goes on as if there had been nothing: all are lost.
     void text(std::string_view channel, std::string_view text) noexcept;
     enum class Offered : std::uint8_t { kTaken, kNobody, kRefused };
-    /// Takes `wait` over if it is taken. kRefused: it is too large, or there is no memory.
+    /// `wait` is told what becomes of the block, within this call if it is not taken. kRefused: it
+    /// is too large, or there is no memory.
     Offered block(std::string_view channel, std::string_view block,
-                  std::unique_ptr<BlockWait>& wait) noexcept;
+                  std::unique_ptr<BlockWait> wait) noexcept;
+    /// Nothing is taken any more, and what was not told to the sending thread is given back.
+    void close() noexcept;
     [[nodiscard]] std::size_t bytes() const noexcept;
 
     // --- The sending thread ---------------------------------------------------------------------
 
-    /// Returns the number of the first frame that the reader gets. Throws std::bad_alloc.
+    /// Returns the number of the first frame that the reader gets. REQUIRES: not closed. Throws
+    /// std::bad_alloc.
     std::uint64_t join(Reader reader);
     void leave(Reader reader) noexcept;
     /// The reader has everything below `next`. Returns false if that cannot be.
@@ -81,6 +85,8 @@ class DownStream {
         std::uint64_t has = 0;  ///< everything below
     };
 
+    Offered take(std::string_view channel, std::string_view block,
+                 std::unique_ptr<BlockWait>& wait) noexcept;
     [[nodiscard]] frame::Header headerLocked() const noexcept REQUIRES_LOCK(fMutex) {
         return {fEpoch, 0, fLog.next()};
     }

@@ -61,7 +61,8 @@ EngineEnd::EngineEnd(Cluster& cluster, Settings settings, EngineHost& host,
       fDownSubject(subjects::down(fSettings.session)),
       fBeatSubject(subjects::beat(fSettings.session)),
       fMayPublish(fSettings.description.mayPublish.begin(), fSettings.description.mayPublish.end()),
-      fStream(fEpoch, fSettings.memory, fSettings.description.maySubscribe, wake),
+      fStream(std::make_shared<DownStream>(fEpoch, fSettings.memory,
+                                           fSettings.description.maySubscribe, wake)),
       fWaits([this](BlockEnd how) { blockEnded(how); }) {
     KIROWEB_REQUIRE(subjects::isName(fSettings.session));
     const auto listener = [this, wake](std::string_view subject, std::string_view bytes) {
@@ -70,29 +71,18 @@ EngineEnd::EngineEnd(Cluster& cluster, Settings settings, EngineHost& host,
     fSubscription = fCluster.subscribe(subjects::from(fSettings.session, "*"), listener);
 }
 
-EngineEnd::~EngineEnd() {
+EngineEnd::~EngineEnd() { stop(); }
+
+void EngineEnd::stop() noexcept {
+    if (fSubscription == nullptr) return;
     fSubscription.reset();
     try {
         auto end = writeFrame({fEpoch, 0, 0}, frame::End());
         fCluster.publish(fBeatSubject, std::make_shared<const std::string>(std::move(end)));
     } catch (...) {  // gateways will see by themselves that it is gone
     }
-    for (auto& block : fStream.takeBlocks()) block.wait->finished(false);
+    fStream->close();
     fWaits.clear();
-}
-
-void EngineEnd::block(std::string_view channel, std::string_view block,
-                      std::unique_ptr<BlockWait> wait) noexcept {
-    switch (fStream.block(channel, block, wait)) {
-        case DownStream::Offered::kTaken:
-            return;
-        case DownStream::Offered::kNobody:
-            break;
-        case DownStream::Offered::kRefused:
-            fHost.note("a block was given back, there is no room for it", channel);
-            break;
-    }
-    wait->finished(false);
 }
 
 void EngineEnd::blockEnded(BlockEnd how) {
@@ -118,7 +108,7 @@ TimePoint EngineEnd::step(TimePoint now) noexcept {
     auto sendAgain = TimePoint::max();
     try {
         stepOnce(now);
-        sendAgain = fStream.send(fCluster, fDownSubject, now);
+        sendAgain = fStream->send(fCluster, fDownSubject, now);
     } catch (...) {
         fHost.note("the link has no memory", {});
         sendAgain = now + kCheck;
@@ -131,7 +121,7 @@ void EngineEnd::stepOnce(TimePoint now) {
         for (const auto& [name, gateway] : fGateways) gateway->lastHeard = now;
     }
     // Before what has come: that may be an answer to one of these.
-    for (auto& block : fStream.takeBlocks()) {
+    for (auto& block : fStream->takeBlocks()) {
         std::erase_if(block.readers, [this](std::uint64_t reader) {
             return std::ranges::none_of(fGateways, [reader](const auto& entry) {
                 return entry.second->incarnation == reader && !entry.second->isSilent;
@@ -139,7 +129,7 @@ void EngineEnd::stepOnce(TimePoint now) {
         });
         fWaits.add(block.number, std::move(block.wait), block.readers, now);
     }
-    for (const auto& lost : fStream.takeLost()) {
+    for (const auto& lost : fStream->takeLost()) {
         const auto at = std::ranges::find_if(fGateways, [&lost](const auto& entry) {
             return entry.second->incarnation == lost.reader;
         });
@@ -148,7 +138,7 @@ void EngineEnd::stepOnce(TimePoint now) {
     for (const auto& letter : fInbox.take()) handle(letter, now);
     if (now >= fNextBeat) {
         fNextBeat = now + kBeat;
-        auto beat = writeFrame({fEpoch, 0, fStream.sentBelow()}, frame::Beat());
+        auto beat = writeFrame({fEpoch, 0, fStream->sentBelow()}, frame::Beat());
         fCluster.publish(fBeatSubject, std::make_shared<const std::string>(std::move(beat)));
     }
     if (now < fNextCheck) return;
@@ -163,7 +153,7 @@ void EngineEnd::check(TimePoint now) {
         const auto silence = now - gateway->lastHeard;
         if (silence > kSilenceIsEnd) {
             over.emplace_back(name, "nothing was heard of it for 10 s");
-        } else if (fStream.isBehind(gateway->incarnation, now, kSilenceIsEnd)) {
+        } else if (fStream->isBehind(gateway->incarnation, now, kSilenceIsEnd)) {
             over.emplace_back(name, "it is 10 s behind");
         } else if (silence > kSilenceIsGone && !gateway->isSilent) {
             gateway->isSilent = true;
@@ -184,15 +174,14 @@ void EngineEnd::report(TimePoint now) {
     auto counts = fCounts;
     counts.gateways = fGateways.size();
     counts.views = fViews;
-    counts.framesSent = fStream.framesSent();
-    counts.bytesSent = fStream.bytesSent();
-    counts.waiting = fStream.bytes();
+    counts.framesSent = fStream->framesSent();
+    counts.bytesSent = fStream->bytesSent();
+    counts.waiting = fStream->bytes();
     std::vector<GatewayReport> gateways;
-    const auto sent = fStream.sentBelow();
+    const auto sent = fStream->sentBelow();
     for (const auto& [name, gateway] : fGateways) {
         gateways.push_back(
-            {name, gateway->address, gateway->pages, sent - std::min(gateway->has, sent),
-             gateway->isSilent,
+            {name, gateway->address, gateway->pages, sent, gateway->has, gateway->isSilent,
              std::chrono::duration_cast<std::chrono::milliseconds>(now - gateway->lastHeard),
              gateway->clockOffset, gateway->clockUncertainty});
     }
@@ -225,7 +214,7 @@ void EngineEnd::hello(const std::string& name, const frame::Header& header,
     auto gateway = std::make_unique<Gateway>(name, std::string(hello.address), header.incarnation);
     gateway->lastHeard = now;
     auto& added = *fGateways.emplace(name, std::move(gateway)).first->second;
-    added.first = added.has = fStream.join(added.incarnation);
+    added.first = added.has = fStream->join(added.incarnation);
     welcome(added);
     fNextCheck = now;  // it is reported at once
     fHost.note("a gateway has joined", name);
@@ -244,7 +233,7 @@ void EngineEnd::drop(const std::string& name, std::string_view why) {
     const auto gateway = std::move(at->second);
     fGateways.erase(at);
     ++fCounts.dropped;
-    fStream.leave(gateway->incarnation);
+    fStream->leave(gateway->incarnation);
     fHost.note("a gateway was dropped", name + ": " + std::string(why));
     send(name, {fEpoch, gateway->incarnation, 0}, frame::Dropped{why});
     fWaits.gone(gateway->incarnation);
@@ -319,7 +308,7 @@ void EngineEnd::handleKnown(Gateway& gateway, const Frame& frame, const Inbox::L
 
 void EngineEnd::presence(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter) {
     const auto& said = std::get<frame::Presence>(frame.body);
-    if (!fStream.acknowledged(gateway.incarnation, said.has)) {
+    if (!fStream->acknowledged(gateway.incarnation, said.has)) {
         ++fCounts.refusals;
         return;
     }
@@ -333,15 +322,15 @@ void EngineEnd::presence(Gateway& gateway, const Frame& frame, const Inbox::Lett
 }
 
 void EngineEnd::ask(Gateway& gateway, const Frame& frame, TimePoint now) {
-    if (!fStream.acknowledged(gateway.incarnation, frame.header.number)) {
+    if (!fStream->acknowledged(gateway.incarnation, frame.header.number)) {
         ++fCounts.refusals;
         return;
     }
     gateway.has = std::max(gateway.has, frame.header.number);
     gateway.resends.asked(frame.header.number, now);
-    fCounts.resends += fStream.sendAgain(std::get<frame::Ask>(frame.body), gateway.resends,
-                                         fCluster, subjects::to(fSettings.session, gateway.name),
-                                         {fEpoch, gateway.incarnation, 0});
+    fCounts.resends += fStream->sendAgain(std::get<frame::Ask>(frame.body), gateway.resends,
+                                          fCluster, subjects::to(fSettings.session, gateway.name),
+                                          {fEpoch, gateway.incarnation, 0});
 }
 
 void EngineEnd::numbered(Gateway& gateway, const Frame& frame, std::string_view bytes) {

@@ -18,6 +18,7 @@
 #include "Inbox.hpp"
 #include "NumberedReceiver.hpp"
 #include "annotated/Mutex.hpp"
+#include "kirolink/Statistics.hpp"
 
 namespace kirolink {
 
@@ -55,34 +56,19 @@ class EngineEnd {
     static constexpr std::size_t kMostUndelivered = std::size_t{16} << 20U;
     static constexpr std::size_t kMostGateways = 256;
 
+    using Statistics = kirolink::Statistics;
+
     struct Settings {
         std::string session;
         Description description;  ///< its `views` are counted here
         std::size_t memory = std::size_t{256} << 20U;
     };
-    struct Statistics {
-        std::size_t gateways = 0;
-        std::size_t pages = 0;
-        std::uint64_t views = 0;
-        std::uint64_t framesSent = 0;
-        std::uint64_t bytesSent = 0;
-        std::uint64_t resends = 0;
-        std::uint64_t textsReceived = 0;
-        std::uint64_t blocksReceived = 0;
-        std::uint64_t blocksDelivered = 0;
-        std::uint64_t blocksRefused = 0;  ///< given back, as the two that follow
-        std::uint64_t blocksNobody = 0;
-        std::uint64_t blocksGone = 0;
-        std::uint64_t gaps = 0;      ///< times that something of a gateway's was missing
-        std::uint64_t refusals = 0;  ///< frames that could not be read, or not be meant
-        std::uint64_t dropped = 0;   ///< gateways
-        std::size_t waiting = 0;     ///< bytes that are kept
-    };
     struct GatewayReport {
         std::string name;
         std::string address;
         std::size_t pages = 0;
-        std::uint64_t framesBehind = 0;
+        std::uint64_t sent = 0;  ///< everything below this number has been
+        std::uint64_t has = 0;   ///< and this is what the gateway has said that it has
         bool isSilent = false;
         std::chrono::milliseconds silence{0};
         std::chrono::microseconds clockOffset{0};  ///< engine's wall clock minus the gateway's
@@ -93,19 +79,15 @@ class EngineEnd {
     /// Throws as `Cluster::subscribe`. REQUIRES: `cluster` and `host` outlive it.
     EngineEnd(Cluster& cluster, Settings settings, EngineHost& host, std::function<void()> wake,
               Surroundings surroundings = Surroundings::real());
-    /// Says that the session is over. Blocks that wait are given back.
+    /// As `stop`.
     ~EngineEnd();
     EngineEnd(const EngineEnd&) = delete;
     EngineEnd& operator=(const EngineEnd&) = delete;
 
     // --- Any thread -----------------------------------------------------------------------------
 
-    void text(std::string_view channel, std::string_view text) noexcept {
-        fStream.text(channel, text);
-    }
-    /// A block with its header. `wait` is told what becomes of it, perhaps within this call.
-    void block(std::string_view channel, std::string_view block,
-               std::unique_ptr<BlockWait> wait) noexcept;
+    /// Where the engine's texts and blocks go. It may outlive this; nothing is taken then.
+    [[nodiscard]] const std::shared_ptr<DownStream>& down() const noexcept { return fStream; }
     /// Whether a gateway that is there had a page, and none has any more.
     [[nodiscard]] bool lastPageGone() const noexcept { return fLastPageGone; }
     [[nodiscard]] Statistics statistics() const;
@@ -115,6 +97,9 @@ class EngineEnd {
 
     /// Does what is to be done; returns when to call again at the latest.
     TimePoint step(TimePoint now) noexcept;
+    /// Says that the session is over, and gives back all blocks that wait. Nothing is to be done
+    /// afterwards; a second call does nothing.
+    void stop() noexcept;
 
   private:
     struct Gateway;
@@ -151,7 +136,7 @@ class EngineEnd {
     const std::string fDownSubject;
     const std::string fBeatSubject;
     const std::vector<ChannelPattern> fMayPublish;
-    DownStream fStream;
+    const std::shared_ptr<DownStream> fStream;
     Inbox fInbox;
     std::atomic<bool> fLastPageGone{false};
 

@@ -375,6 +375,22 @@ std::string writeFrame(const Header& header, const Body& body) {
     return bytes;
 }
 
+bool canBeSent(const Description& session) noexcept {
+    constexpr std::size_t kRest = 1024;  // of the frame
+    std::size_t size = kRest + session.configuration.size();
+    const auto add = [&size](const std::vector<std::string>& names) {
+        size += 2;
+        for (const auto& name : names) size += 2 + name.size();
+        return names.size() <= kMaxNames && std::ranges::all_of(names, [](const auto& name) {
+                   return name.size() <= kMaxChannel;
+               });
+    };
+    const bool isShort = add(session.mayPublish) && add(session.maySubscribe) &&
+                         add(session.blockChannels) && session.lanes.size() <= kMaxNames &&
+                         std::ranges::all_of(session.lanes, add);
+    return isShort && size <= kMaxFrame && session.pieceSize < kEndOfNumbers;
+}
+
 std::string_view textOf(const Texts::Record& record, std::string& space) {
     if (!record.isBase64) return record.text;
     space.clear();

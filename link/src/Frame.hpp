@@ -138,6 +138,9 @@ struct Frame {
 /// Throws std::bad_alloc. REQUIRES: what it says is within the bounds.
 [[nodiscard]] std::string writeFrame(const frame::Header& header, const frame::Body& body);
 
+/// Whether that goes into a welcome.
+[[nodiscard]] bool canBeSent(const Description& session) noexcept;
+
 /// The text of a record; `space` holds it when it had to be decoded.
 [[nodiscard]] std::string_view textOf(const frame::Texts::Record& record, std::string& space);
 

@@ -47,7 +47,7 @@ TEST_F(Ends, CarryTextsAndBlocksOfAllSizesInOrder) {
     for (const auto& text : {std::string("one"), std::string(), odd, std::string(65'000, '\x80'),
                              std::string(kBatchSize, 'x'), std::string(2 * kMiB, 'y')}) {
         for (const char* channel : {"/c/a", "/c/b"}) {
-            engine().end->text(channel, text);
+            engine().end->down()->text(channel, text);
             engine().send(channel, text);
             said.push_back(std::string(channel) + " " + text);
             said.push_back("block " + said.back());
@@ -55,7 +55,7 @@ TEST_F(Ends, CarryTextsAndBlocksOfAllSizesInOrder) {
             gateway("g").end->sendBlock("/page/b", text);
         }
     }
-    engine().end->text("/other", "nobody can hear that");
+    engine().end->down()->text("/other", "nobody can hear that");
     gateway("g").end->publish("/c/a", "a page may not say that");
     gateway("g").end->sendBlock("/c/a", "nor that");
     world.run(500ms);
@@ -70,14 +70,14 @@ TEST_F(Ends, CarryTextsAndBlocksOfAllSizesInOrder) {
 
 TEST_F(Ends, KeepNothingWhenNobodyIsThereAndWhenEverybodyHasIt) {
     world.start();
-    engine().end->text("/c/a", "unheard");
+    engine().end->down()->text("/c/a", "unheard");
     EXPECT_EQ(engine().send("/c/b", "block"), 0U);
     EXPECT_EQ(engine().ends[0], "given back");
     world.run(100ms);
     EXPECT_EQ(statistics().framesSent, 0U);
     world.add("g");
     world.run(500ms);
-    engine().end->text("/c/a", "heard");
+    engine().end->down()->text("/c/a", "heard");
     world.run(1s);
     EXPECT_THAT(gateway("g").got, ElementsAre("/c/a heard"));
     EXPECT_EQ(statistics().waiting, 0U);
@@ -98,16 +98,16 @@ TEST_F(Ends, SendAtOnceAndGatherWhatFollows) {
     const auto step = [&](std::chrono::microseconds after) {
         return engine().end->step(now + after) - now;
     };
-    engine().end->text("/c/a", "1");
+    engine().end->down()->text("/c/a", "1");
     step(0us);
     EXPECT_THAT(texts, ElementsAre(1U));
-    engine().end->text("/c/a", "2");
-    engine().end->text("/c/a", "3");
+    engine().end->down()->text("/c/a", "2");
+    engine().end->down()->text("/c/a", "3");
     EXPECT_EQ(step(400us), 1ms);
     EXPECT_EQ(texts.size(), 1U);
     step(1ms);
     EXPECT_THAT(texts, ElementsAre(1U, 2U));
-    for (int i = 0; i < 20; ++i) engine().end->text("/c/a", std::string(4096, 'x'));
+    for (int i = 0; i < 20; ++i) engine().end->down()->text("/c/a", std::string(4096, 'x'));
     step(1100us);
     EXPECT_THAT(texts, ElementsAre(1U, 2U, 15U));  // what is full does not wait
 }
@@ -250,7 +250,7 @@ TEST_F(Ends, DropWhoHoldsUpMoreThanIsKept) {
     join({"a", "b"}, settings);
     world.network.cut("b");
     for (int i = 0; i < 20; ++i) {
-        engine().end->text("/c/a", std::string(500'000, static_cast<char>('a' + i)));
+        engine().end->down()->text("/c/a", std::string(500'000, static_cast<char>('a' + i)));
         world.run(20ms);
         EXPECT_LE(engine().end->statistics().waiting, 4 * kMiB);
     }
@@ -290,10 +290,10 @@ class OddGateway {
 
 TEST_F(Ends, DropWhoIsThereButDoesNotGetOn) {
     join({"g"});
-    engine().end->text("/c/a", "1");
+    engine().end->down()->text("/c/a", "1");
     world.run(50ms);
     OddGateway odd(world);
-    engine().end->text("/c/a", "2");
+    engine().end->down()->text("/c/a", "2");
     int count = 0;
     const auto live = [&] {
         if (++count % 20 == 0) odd.say(frame::Presence{2, 0, 0, 0});
@@ -309,7 +309,7 @@ TEST_F(Ends, DropWhoIsThereButDoesNotGetOn) {
 TEST_F(Ends, SendAgainOnlySoMuchAtATime) {
     world.start();
     OddGateway odd(world);
-    for (int i = 0; i < 24; ++i) engine().end->text("/c/a", std::string(500'000, 'x'));
+    for (int i = 0; i < 24; ++i) engine().end->down()->text("/c/a", std::string(500'000, 'x'));
     world.run(50ms);
     const auto askFor = [&](std::uint64_t has) {
         odd.bytesGot = 0;

@@ -78,10 +78,10 @@ class Storm {
     std::string label() {
         return "e" + std::to_string(fEngines) + "#" + std::to_string(++fSaid) + " ";
     }
-    void speak() { fWorld.engine->end->text("/c/a", label()); }
+    void speak() { fWorld.engine->end->down()->text("/c/a", label()); }
     void sayLarge() {
         const auto size = fWorld.network.random(1 << 20U);
-        fWorld.engine->end->text("/c/l", label() + std::string(size, '\xff'));
+        fWorld.engine->end->down()->text("/c/l", label() + std::string(size, '\xff'));
     }
     void publish(TestGateway& gateway) {
         if (fPublished[gateway.name].first != gateway.joins) {

@@ -192,7 +192,7 @@ void TestEngine::note(std::string_view event, std::string_view detail) noexcept 
 
 std::size_t TestEngine::send(const std::string& channel, const std::string& block) {
     ends.emplace_back();
-    end->block(channel, block, std::make_unique<Wait>(ends, ends.size() - 1));
+    end->down()->block(channel, block, std::make_unique<Wait>(ends, ends.size() - 1));
     return ends.size() - 1;
 }
 
