@@ -40,8 +40,11 @@ void guarded(const std::string& session, const char* what, const Call& call) noe
 
 }  // namespace
 
-EngineSession::EngineSession(const Common& common, std::string name, TimePoint now)
-    : fCommon(common), fName(std::move(name)), fPrefix("/s/" + fName), fIdleSince(now) {}
+EngineSession::EngineSession(const Common& common, std::string name)
+    : fCommon(common),
+      fName(std::move(name)),
+      fPrefix("/s/" + fName),
+      fIdleSince(common.surroundings.now()) {}
 
 std::shared_ptr<Site> EngineSession::begin() {
     KIROWEB_REQUIRE(fEnd == nullptr);
@@ -50,8 +53,8 @@ std::shared_ptr<Site> EngineSession::begin() {
     // Pages come when it has joined, and that is told to the gateway's thread, which is this one.
     fEnd = std::make_unique<kirolink::GatewayEnd>(
         fCommon.cluster,
-        kirolink::GatewayEnd::Identity{fName, fCommon.name, fCommon.address + fPrefix + "/"},
-        *this);
+        kirolink::GatewayEnd::Identity{fName, fCommon.name, fCommon.address + fPrefix + "/"}, *this,
+        fCommon.surroundings);
     fBus.connect(*fEnd);
     return site;
 }
@@ -93,7 +96,7 @@ void EngineSession::replace(std::shared_ptr<Site> site, const std::string& why) 
 }
 
 bool EngineSession::end(Sites& sites, std::string_view why) noexcept {
-    if (fBus.pagesThere() > 0) return false;
+    if (fHasEnded || fBus.pagesThere() > 0) return false;
     fHasEnded = true;
     sites.remove(fPrefix, why);
     return true;
@@ -120,9 +123,9 @@ void EngineSession::text(const std::string& channel, std::string_view text) noex
 void EngineSession::block(const std::string& channel, std::shared_ptr<const std::string> block,
                           std::unique_ptr<kirolink::BlockTicket> ticket) noexcept {
     guarded(fName, "no memory for a block", [&] {
-        fFollowed->fanout->offer(channel,
-                                 std::make_shared<LinkTransfer>(
-                                     std::move(block), std::move(ticket), fCommon.counters));
+        fFollowed->fanout->offer(
+            channel,
+            std::make_shared<LinkTransfer>(std::move(block), std::move(ticket), fCommon.counters));
     });
 }
 

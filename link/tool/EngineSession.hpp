@@ -25,6 +25,7 @@ struct Common {
     std::vector<std::string> others;  ///< origins of the other gateways
     std::string name;                 ///< this gateway's
     std::string address;              ///< "https://HOST:PORT"
+    kirolink::Surroundings surroundings;
 };
 
 /// One engine that is followed: its end of the link, and the site of its pages, which is another
@@ -34,7 +35,7 @@ class EngineSession final : public kirolink::Follower,
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    EngineSession(const Common& common, std::string name, TimePoint now);
+    EngineSession(const Common& common, std::string name);
 
     /// Begins to join. Throws as `kirolink::GatewayEnd`. REQUIRES: called once, on the gateway's
     /// thread. Returns the site with which it begins, to which nobody is let in.
@@ -62,7 +63,7 @@ class EngineSession final : public kirolink::Follower,
 
     // --- The gateway's thread ---
 
-    /// Takes the site away, unless a page has come. Returns whether it did so.
+    /// Takes the site away, once, unless a page has come. Returns whether it did so.
     bool end(kirogateway::Sites& sites, std::string_view why) noexcept;
 
     // --- As a follower ---

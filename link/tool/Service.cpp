@@ -4,7 +4,6 @@
 #include <iterator>
 #include <utility>
 
-#include "Clock.hpp"
 #include "Log.hpp"
 #include "OptionsCheck.hpp"
 #include "PageFiles.hpp"
@@ -64,7 +63,8 @@ void LinkTotals::add(const kirolink::GatewayEnd::Statistics& statistics) noexcep
     refusals += statistics.refusals;
 }
 
-Service::Service(const Settings& settings, kirolink::Cluster& cluster)
+Service::Service(const Settings& settings, kirolink::Cluster& cluster,
+                 kirolink::Surroundings surroundings)
     : fMostSessions(settings.sessions),
       fCluster(cluster),
       fContext(std::make_shared<kirogateway::Context>(optionsOf(settings))),
@@ -73,19 +73,18 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster)
     const auto root = std::make_shared<Site>(std::string(), fContext, fWakeup, [] {});
     root->access = std::make_unique<kirogateway::AccessPolicy>(
         fContext->options, fServer.port(),
-        kirogateway::Entrance{std::make_shared<const kirogateway::AssetTable>(
-                                  std::vector<kirogateway::Asset>()),
-                              nullptr});
+        kirogateway::Entrance{
+            std::make_shared<const kirogateway::AssetTable>(std::vector<kirogateway::Asset>()),
+            nullptr});
     const auto address =
         settings.publicAddress.empty() ? root->access->address() : settings.publicAddress;
-    fCommon = std::make_unique<Common>(
-        Common{cluster, fServer, fWakeup,
-               std::make_shared<const kirogateway::AssetTable>(pageFiles()), fContext->counters,
-               fContext->options, settings.others, settings.name, address});
-    fBeats = cluster.subscribe(kirolink::subjects::beat("*"),
-                               [this](std::string_view subject, std::string_view) {
-                                   beat(subject);
-                               });
+    fCommon = std::make_unique<Common>(Common{
+        cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
+        fContext->counters, fContext->options, settings.others, settings.name, address,
+        std::move(surroundings)});
+    fBeats =
+        cluster.subscribe(kirolink::subjects::beat("*"),
+                          [this](std::string_view subject, std::string_view) { beat(subject); });
     fServer.start(Sites(root, [this](std::string_view prefix) { return follow(prefix); }));
 }
 
@@ -107,7 +106,7 @@ void Service::beat(std::string_view subject) {
     const auto rest = subject.substr(subject.find('.') + 1);
     const auto name = rest.substr(0, rest.find('.'));
     if (!kirolink::subjects::isName(name)) return;
-    const auto now = kirogateway::timeNow();
+    const auto now = fCommon->surroundings.now();
     const annotated::Lock lock(fMutex);
     if (const auto known = fHeard.find(name); known != fHeard.end()) {
         known->second = now;
@@ -119,20 +118,17 @@ void Service::beat(std::string_view subject) {
 bool Service::isHeard(std::string_view name) const {
     const annotated::Lock lock(fMutex);
     const auto found = fHeard.find(name);
-    return found != fHeard.end() && kirogateway::timeNow() - found->second < kSilenceIsEnd;
+    return found != fHeard.end() && fCommon->surroundings.now() - found->second < kSilenceIsEnd;
 }
 
 std::shared_ptr<Site> Service::follow(std::string_view prefix) {
     const std::string name(prefix.substr(kPrefix.size()));
     if (!isHeard(name)) return nullptr;
-    {
-        const annotated::Lock lock(fMutex);
-        if (fSessions.size() >= fMostSessions) {
-            fContext->peerLog.write("too many sessions are followed", name);
-            return nullptr;
-        }
+    if (sessions().size() >= fMostSessions) {
+        fContext->peerLog.write("too many sessions are followed", name);
+        return nullptr;
     }
-    const auto session = std::make_shared<EngineSession>(*fCommon, name, kirogateway::timeNow());
+    const auto session = std::make_shared<EngineSession>(*fCommon, name);
     auto site = session->begin();
     const annotated::Lock lock(fMutex);
     fSessions.emplace(name, session);
@@ -145,21 +141,21 @@ void Service::endIdle(const std::shared_ptr<EngineSession>& session) {
     fServer.post([this, session](Sites& sites) {
         if (!session->end(sites, "nobody looks")) return;
         logLine("session left", session->name(), "no page for a minute");
-        forget(session->name());
+        forget(*session);
     });
 }
 
-void Service::forget(const std::string& name) noexcept {
+void Service::forget(const EngineSession& session) noexcept {
+    const auto last = session.report(TimePoint()).link;
     Sessions::node_type gone;  // its end is waited for with no lock held
     const annotated::Lock lock(fMutex);
-    gone = fSessions.extract(name);
-    if (!gone.empty()) fPast.add(gone.mapped()->report(TimePoint()).link);
+    gone = fSessions.extract(session.name());
+    fPast.add(last);
 }
 
 void Service::forgetSilent(TimePoint now) {
     const annotated::Lock lock(fMutex);
-    std::erase_if(fHeard,
-                  [now](const auto& heard) { return now - heard.second >= kSilenceIsEnd; });
+    std::erase_if(fHeard, [now](const auto& heard) { return now - heard.second >= kSilenceIsEnd; });
 }
 
 // --- Time --------------------------------------------------------------------------------------

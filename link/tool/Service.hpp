@@ -34,11 +34,11 @@ struct ServiceReport {
     std::size_t followed = 0;
     std::size_t joined = 0;
     std::size_t pages = 0;
-    std::size_t held = 0;              ///< bytes that wait for pages
-    std::size_t heldOfOne = 0;         ///< for those of the session with most
-    std::size_t waiting = 0;           ///< bytes that engines have not said that they have
-    std::chrono::milliseconds silence{0};         ///< the longest of an engine's
-    std::chrono::microseconds clockOffset{0};     ///< the largest, either way
+    std::size_t held = 0;                      ///< bytes that wait for pages
+    std::size_t heldOfOne = 0;                 ///< for those of the session with most
+    std::size_t waiting = 0;                   ///< bytes that engines have not said that they have
+    std::chrono::milliseconds silence{0};      ///< the longest of an engine's
+    std::chrono::microseconds clockOffset{0};  ///< the largest, either way
     std::chrono::microseconds clockUncertainty{0};
     LinkTotals link;
     kirogateway::Statistics traffic;  ///< with pages
@@ -51,7 +51,8 @@ class Service {
 
     /// Listens, and serves pages. Throws as `kirogateway::Gateway` and as the cluster.
     /// REQUIRES: `cluster` outlives it.
-    Service(const Settings& settings, kirolink::Cluster& cluster);
+    Service(const Settings& settings, kirolink::Cluster& cluster,
+            kirolink::Surroundings surroundings = kirolink::Surroundings::real());
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
     /// As `stop`.
@@ -62,6 +63,7 @@ class Service {
 
     /// Where browsers find it, "https://HOST:PORT".
     [[nodiscard]] const std::string& address() const noexcept { return fCommon->address; }
+    [[nodiscard]] std::uint16_t port() const noexcept { return fServer.port(); }
 
     // --- One thread ---
 
@@ -77,7 +79,7 @@ class Service {
     /// The gateway's thread.
     [[nodiscard]] std::shared_ptr<kirogateway::Site> follow(std::string_view prefix);
     void endIdle(const std::shared_ptr<EngineSession>& session);
-    void forget(const std::string& name) noexcept;
+    void forget(const EngineSession& session) noexcept;
     [[nodiscard]] std::vector<std::shared_ptr<EngineSession>> sessions() const;
     void forgetSilent(TimePoint now);
 

@@ -19,9 +19,9 @@ namespace {
 namespace po = boost::program_options;
 
 constexpr const char* kKeys[] = {
-    "name",        "address",        "port",        "tls",      "certificate", "key",    "public",
-    "gateways",    "servers",        "credentials", "ca",       "cluster-tls", "sessions", "pages",
-    "memory",      "status-address", "status-port",
+    "name",     "address",        "port",        "tls", "certificate", "key",      "public",
+    "gateways", "servers",        "credentials", "ca",  "cluster-tls", "sessions", "pages",
+    "memory",   "status-address", "status-port",
 };
 
 constexpr const char* kHelp =
@@ -125,8 +125,9 @@ void readTls(const Values& values, Settings& settings) {
             if (values.has(key)) values.refuse(key, "it is not used, since tls = off");
         }
         if (boost::asio::ip::make_address(settings.address).is_loopback()) return;
-        values.refuse("tls", "pages and their token would go in the clear; that is for a loopback "
-                             "address only");
+        values.refuse("tls",
+                      "pages and their token would go in the clear; that is for a loopback "
+                      "address only");
     }
     settings.certificateFile = values.text("certificate");
     settings.keyFile = values.text("key");
@@ -185,8 +186,7 @@ Settings readSettings(std::istream& lines, const std::string& source) {
     settings.pages = values.number("pages", 1, kMost, settings.pages);
     settings.memory = values.number("memory", 1, kMost, settings.memory >> 20U) << 20U;
     settings.statusAddress = numericAddress(values, "status-address");
-    settings.statusPort =
-        static_cast<std::uint16_t>(values.number("status-port", 0, kMostPort, 0));
+    settings.statusPort = static_cast<std::uint16_t>(values.number("status-port", 0, kMostPort, 0));
     return settings;
 }
 

@@ -31,8 +31,8 @@ struct Settings {
     std::string statusAddress = "127.0.0.1";
     std::uint16_t statusPort = 0;  ///< 0: one that is free
 
-    std::size_t sessions = 100;  ///< followed at a time
-    std::size_t pages = 1000;    ///< connected at a time, over all sessions
+    std::size_t sessions = 100;                     ///< followed at a time
+    std::size_t pages = 1000;                       ///< connected at a time, over all sessions
     std::size_t memory = std::size_t{1024} << 20U;  ///< bytes that may wait for one session's pages
 };
 

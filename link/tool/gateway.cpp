@@ -106,6 +106,8 @@ void serve(const Settings& settings) {
 }
 
 int run(int argc, char** argv) {
+    // Whoever reads the log may go away.
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     const auto given = parse(argc, argv);
     if (given.count("help") != 0) {
         std::printf("%s%s%s", kHelp, settingsHelp(), kStatuses);
