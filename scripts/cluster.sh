@@ -81,13 +81,16 @@ begin_nodes() {
 }
 
 begin_gateways() {
-    local name number=6 servers
+    local name number=6 servers others
     servers=$(paste -sd, "$folder/servers")
     for name in one two; do
+        others=${ports[13 - number]} # to which pages go when they lose this one
         cat >"$folder/gateway-$name/gateway.conf" <<EOF
 name = $name
 address = 127.0.0.1
 port = ${ports[number]}
+tls = off
+gateways = http://127.0.0.1:$others
 servers = $servers
 credentials = $folder/gateway-$name/credentials
 ca = $folder/gateway-$name/ca.pem

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "Budget.hpp"
 #include "Counters.hpp"
@@ -9,13 +11,17 @@
 
 namespace kirogateway {
 
-/// What the parts of one gateway share. Any thread.
+/// What the parts of one site share. Any thread.
 struct Context {
-    explicit Context(Options theOptions)
+    /// Lines of the log begin with `whose`. Several sites may have the same counters.
+    explicit Context(Options theOptions, const std::string& whose = {},
+                     std::shared_ptr<Counters> theCounters = std::make_shared<Counters>())
         : options(std::move(theOptions)),
-          counters(std::make_shared<Counters>()),
+          counters(std::move(theCounters)),
           memory(std::make_shared<Budget>(options.limits.memory)),
-          lostMemory(std::make_shared<Budget>(options.limits.lostMemory)) {}
+          lostMemory(std::make_shared<Budget>(options.limits.lostMemory)),
+          log(whose),
+          peerLog(whose) {}
 
     const Options options;
     const std::shared_ptr<Counters> counters;

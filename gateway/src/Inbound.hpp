@@ -31,7 +31,9 @@ class Inbound {
     /// Tells of a view; what is thrown is logged.
     void announce(wire::ViewKind kind, const View::Identity& view) noexcept;
     /// Tells how many pages are there.
-    void pages(std::size_t count) noexcept { fBus->pages(count); }
+    void pages(std::size_t count) noexcept {
+        if (fBus != nullptr) fBus->pages(count);  // a site that lets nobody in may have none
+    }
 
   private:
     const std::shared_ptr<Context> fContext;

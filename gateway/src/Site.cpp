@@ -24,7 +24,7 @@ Sites::Sites(std::shared_ptr<Site> root, Finder finder)
 std::shared_ptr<Site> Sites::find(std::string_view target) {
     const auto prefix = sitePrefix(target);
     if (prefix.empty() || (fNamed.empty() && !fFinder)) return fRoot;
-    if (const auto known = fNamed.find(prefix); known != fNamed.end()) return known->second;
+    if (auto known = at(prefix)) return known;
     auto made = fFinder ? fFinder(prefix) : nullptr;
     if (made == nullptr) return fRoot;
     KIROWEB_REQUIRE(made->prefix == prefix && made->access != nullptr);
@@ -44,6 +44,11 @@ void Sites::remove(std::string_view prefix, std::string_view why) noexcept {
     const auto site = std::move(found->second);
     fNamed.erase(found);
     site->views->shut(why);
+}
+
+std::shared_ptr<Site> Sites::at(std::string_view prefix) const noexcept {
+    const auto found = fNamed.find(prefix);
+    return found == fNamed.end() ? nullptr : found->second;
 }
 
 bool Sites::areViewsEmpty() const {

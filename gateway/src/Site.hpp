@@ -52,6 +52,8 @@ class Sites {
     /// their pages. Throws std::bad_alloc; nothing has happened then.
     void put(std::shared_ptr<Site> site, std::string_view why);
     void remove(std::string_view prefix, std::string_view why) noexcept;
+    /// The site that has `prefix` now, if there is one.
+    [[nodiscard]] std::shared_ptr<Site> at(std::string_view prefix) const noexcept;
     [[nodiscard]] bool areViewsEmpty() const;
     void tick(TimePoint now) noexcept;
     void shut() noexcept;

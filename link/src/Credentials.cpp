@@ -13,7 +13,7 @@
 namespace kirolink {
 namespace {
 
-constexpr std::size_t kMostBytes = 64 * 1024;
+constexpr std::size_t kMostBytes = 64UL * 1024;
 
 class File {
   public:

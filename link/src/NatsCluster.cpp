@@ -52,15 +52,15 @@ class Wakeup {
     Wakeup(const Wakeup&) = delete;
     Wakeup& operator=(const Wakeup&) = delete;
 
-    void wake() noexcept {
+    void wake() const noexcept {
         // It can only fail when there are very many that have not been heard yet.
         static_cast<void>(eventfd_write(fDescriptor, 1));
     }
-    void clear() noexcept {
+    void clear() const noexcept {
         eventfd_t count = 0;
         static_cast<void>(eventfd_read(fDescriptor, &count));
     }
-    void wait(std::chrono::milliseconds patience) noexcept {
+    void wait(std::chrono::milliseconds patience) const noexcept {
         pollfd waiting{fDescriptor, POLLIN, 0};
         poll(&waiting, 1, static_cast<int>(patience.count()));
         clear();
@@ -74,6 +74,9 @@ class Wakeup {
 /// One subscription. `isEnded` and `isCalling` belong to the cluster's mutex; the rest is for the
 /// cluster's thread, but for the listener, which goes when no call is under way any more.
 struct Heard {
+    Heard(std::string name, Cluster::Listener to)
+        : subject(std::move(name)), listener(std::move(to)) {}
+
     const std::string subject;
     Cluster::Listener listener;
     NatsLine::Owned<natsSubscription> source;
@@ -188,7 +191,7 @@ bool NatsCluster::publish(const std::string& subject, Bytes bytes) noexcept {
 
 std::unique_ptr<Cluster::Subscription> NatsCluster::subscribe(const std::string& subject,
                                                               Listener listener) {
-    auto heard = std::shared_ptr<Heard>(new Heard{subject, std::move(listener), {}});
+    auto heard = std::make_shared<Heard>(subject, std::move(listener));
     auto subscription = std::make_unique<OneSubscription>(*this, heard);
     {
         annotated::Lock lock(fMutex);
@@ -355,7 +358,7 @@ void NatsCluster::attend() {
         fIsAsleep = false;
     }
     fWakeup.clear();
-    for (std::size_t i = 0; i < fHeard.size(); ++i) deliver(*fHeard[i]);
+    for (const auto& heard : fHeard) deliver(*heard);
     for (const auto& complaint : fLine->takeComplaints()) sayComplaint(complaint);
 }
 

@@ -16,6 +16,7 @@
 #include "Credentials.hpp"
 #include "annotated/Mutex.hpp"
 #include "process/Immortal.hpp"
+#include "process/Thread.hpp"
 #include "text/Escape.hpp"
 
 namespace kirolink {
@@ -37,30 +38,29 @@ constexpr std::size_t kMostComplaints = 16;
 constexpr int kMostPendingMessages = 64 * 1024;
 constexpr int kMostPendingBytes = 64 * 1024 * 1024;
 
-/// libnats may call its handlers after the connection was destroyed: they are given a number, under
-/// which there is nothing any more then.
+/// libnats may call its handlers after the connection was destroyed: they are given an address, and
+/// look here whether it still stands for something. A later line may have it then, which costs no
+/// more than a strange line in a log.
 template <typename T>
 class Registry {
   public:
-    std::uintptr_t add(const std::shared_ptr<T>& object) {
+    void add(const std::shared_ptr<T>& object) {
         annotated::Lock lock(fMutex);
-        fObjects.emplace(++fLast, object);
-        return fLast;
+        fObjects.emplace(object.get(), object);
     }
-    void remove(std::uintptr_t id) noexcept {
+    void remove(const void* address) noexcept {
         annotated::Lock lock(fMutex);
-        fObjects.erase(id);
+        fObjects.erase(address);
     }
-    std::shared_ptr<T> find(std::uintptr_t id) {
+    std::shared_ptr<T> find(const void* address) {
         annotated::Lock lock(fMutex);
-        const auto found = fObjects.find(id);
+        const auto found = fObjects.find(address);
         return found == fObjects.end() ? nullptr : found->second;
     }
 
   private:
     annotated::Mutex fMutex;
-    std::uintptr_t fLast GUARDED_BY(fMutex) = 0;
-    std::map<std::uintptr_t, std::shared_ptr<T>> fObjects GUARDED_BY(fMutex);
+    std::map<const void*, std::shared_ptr<T>> fObjects GUARDED_BY(fMutex);
 };
 
 template <typename T>
@@ -102,10 +102,8 @@ Sent sentThrough(int socket) {
     struct tcp_info info {};
     socklen_t size = sizeof info;
     int waiting = 0;
-    if (getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0 ||
-        ioctl(socket, SIOCOUTQ, &waiting) != 0) {
-        throw LineError("the connection is lost", false);
-    }
+    getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size);
+    ioctl(socket, SIOCOUTQ, &waiting);
     return {info.tcpi_bytes_acked, static_cast<std::uint64_t>(waiting)};
 }
 
@@ -128,25 +126,30 @@ void NatsLine::Destroy::operator()(natsSubscription* subscription) const noexcep
 }
 
 NatsLine::NatsLine(const NatsOptions& options, const std::string& server)
-    : fSilence(options.silence),
-      fComplaints(std::make_shared<Complaints>()),
-      fComplaintsId(registry<Complaints>().add(fComplaints)),
+    : fComplaints(std::make_shared<Complaints>()),
       fLiveness(options.silence, std::chrono::steady_clock::now()) {
+    registry<Complaints>().add(fComplaints);
     try {
         const auto prepared = makeOptions(options, server);
         natsConnection* connection = nullptr;
         require(natsConnection_Connect(&connection, prepared.get()));
         fConnection.reset(connection);
+        fWatch = process::makeThread("watching a node", [this] { watch(); });
     } catch (...) {
-        registry<Complaints>().remove(fComplaintsId);
+        registry<Complaints>().remove(fComplaints.get());
         throw;
     }
-    fLiveness.heard(std::chrono::steady_clock::now());
 }
 
 NatsLine::~NatsLine() {
+    {
+        annotated::Lock lock(fMutex);
+        fIsOver = true;
+    }
+    fChanged.notify_all();
+    fWatch.join();
     fConnection.reset();
-    registry<Complaints>().remove(fComplaintsId);
+    registry<Complaints>().remove(fComplaints.get());
 }
 
 NatsLine::Owned<natsOptions> NatsLine::makeOptions(const NatsOptions& options,
@@ -179,18 +182,18 @@ NatsLine::Owned<natsOptions> NatsLine::makeOptions(const NatsOptions& options,
     require(natsOptions_SetSendAsap(raw, true));
     require(natsOptions_SetIOBufSize(raw, kBufferSize));
     require(natsOptions_SetMaxPendingMsgs(raw, kMostPendingMessages));
-    // It only asks; what counts as an answer is looked at here.
-    require(natsOptions_SetPingInterval(raw, std::max<std::int64_t>(1, fSilence.count() * 2 / 5)));
-    require(natsOptions_SetMaxPingsOut(raw, 1'000'000));
+    // The node is asked from here; libnats would do so for all lines on one thread, which a line
+    // that waits holds up.
+    require(natsOptions_SetPingInterval(raw, 0));
     require(natsOptions_SetEventLoop(raw, this, attached, reads, writes, detached));
-    require(natsOptions_SetErrorHandler(raw, complained, reinterpret_cast<void*>(fComplaintsId)));
+    require(natsOptions_SetErrorHandler(raw, complained, fComplaints.get()));
     return made;
 }
 
 void NatsLine::complained(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
-                          natsStatus status, void* id) {
+                          natsStatus status, void* address) {
     try {
-        const auto complaints = registry<Complaints>().find(reinterpret_cast<std::uintptr_t>(id));
+        const auto complaints = registry<Complaints>().find(address);
         if (complaints == nullptr) return;
         annotated::Lock lock(complaints->mutex);
         if (complaints->texts.size() == kMostComplaints) return;
@@ -203,7 +206,11 @@ void NatsLine::complained(natsConnection* /*connection*/, natsSubscription* /*su
 natsStatus NatsLine::attached(void** own, void* line, natsConnection* /*connection*/,
                               natsSock socket) {
     *own = line;
-    static_cast<NatsLine*>(line)->fSocket = socket;
+    auto& self = *static_cast<NatsLine*>(line);
+    self.fSocket = socket;
+    annotated::Lock lock(self.fMutex);
+    self.fWatched = socket;
+    self.fLiveness.heard(std::chrono::steady_clock::now());
     return NATS_OK;
 }
 
@@ -215,7 +222,10 @@ natsStatus NatsLine::writes(void* line, bool add) {
 }
 
 natsStatus NatsLine::detached(void* line) {
-    static_cast<NatsLine*>(line)->fSocket = -1;
+    auto& self = *static_cast<NatsLine*>(line);
+    self.fSocket = -1;
+    annotated::Lock lock(self.fMutex);
+    self.fWatched = -1;
     return NATS_OK;
 }
 
@@ -252,29 +262,64 @@ void NatsLine::attend(int wakeup, std::chrono::milliseconds patience) {
     std::array<pollfd, 2> ready{{{fSocket, events, 0}, {wakeup, POLLIN, 0}}};
     if (fSocket >= 0) poll(ready.data(), ready.size(), static_cast<int>(patience.count()));
     const auto now = std::chrono::steady_clock::now();
-    if ((ready[0].revents & POLLOUT) != 0) natsConnection_ProcessWriteEvent(fConnection.get());
+    if ((ready[0].revents & POLLOUT) != 0) write();
     if ((ready[0].revents & ~POLLOUT) != 0) {
         natsConnection_ProcessReadEvent(fConnection.get());
+        annotated::Lock lock(fMutex);
         fLiveness.heard(now);
     }
-    if (natsConnection_IsClosed(fConnection.get())) {
-        const char* text = nullptr;
-        const auto status = natsConnection_GetLastError(fConnection.get(), &text);
-        // The text may be an older one, of something that was not permitted.
-        const bool refused = status == NATS_CONNECTION_AUTH_FAILED;
-        throw LineError(refused ? text::escaped(text) : natsStatus_GetText(status), refused);
-    }
-    requireAlive(now);
+    requireOpen();
+    ask(now);
 }
 
-void NatsLine::requireAlive(std::chrono::steady_clock::time_point now) {
-    if (!fLiveness.isQuiet(now)) return;
-    const auto sent = sentThrough(fSocket);
-    const auto buffered = std::max(0, natsConnection_Buffered(fConnection.get()));
-    if (fLiveness.isLost(now, sent.arrived, sent.waiting + static_cast<std::uint64_t>(buffered))) {
-        throw LineError("it has been silent for " + std::to_string(fSilence.count()) + " ms",
-                        false);
+void NatsLine::requireOpen() {
+    if (!natsConnection_IsClosed(fConnection.get())) return;
+    {
+        annotated::Lock lock(fMutex);
+        if (fIsLost) throw LineError("it hangs", false);
     }
+    const char* text = nullptr;
+    const auto status = natsConnection_GetLastError(fConnection.get(), &text);
+    // The text may be an older one, of something that was not permitted.
+    const bool refused = status == NATS_CONNECTION_AUTH_FAILED;
+    throw LineError(refused ? text::escaped(text) : natsStatus_GetText(status), refused);
+}
+
+void NatsLine::ask(std::chrono::steady_clock::time_point now) {
+    {
+        annotated::Lock lock(fMutex);
+        if (!fLiveness.mustAsk(now)) return;
+    }
+    // Sends a ping, and gives up at once to wait for the answer: that is read here.
+    natsConnection_FlushTimeout(fConnection.get(), 1);
+    write();
+    annotated::Lock lock(fMutex);
+    if (fWatched < 0 || fWrites) return;
+    const auto sent = sentThrough(fWatched);
+    fLiveness.asked(sent.arrived + sent.waiting);
+}
+
+void NatsLine::watch() {
+    constexpr std::chrono::milliseconds kPeriod{100};
+    annotated::Lock lock(fMutex);
+    while (!fIsOver && !fIsLost) {
+        // Ends a write that waits as well.
+        fIsLost = isLostLocked();
+        if (fIsLost) shutdown(fWatched, SHUT_RDWR);
+        std::unique_lock native(fMutex.native(), std::adopt_lock);
+        fChanged.wait_for(native, kPeriod);
+        native.release();
+    }
+}
+
+bool NatsLine::isLostLocked() {
+    if (fWatched < 0) return false;
+    const auto now = std::chrono::steady_clock::now();
+    int unread = 0;
+    // While the line's thread waits to write it does not read.
+    if (ioctl(fWatched, FIONREAD, &unread) == 0 && unread > 0) fLiveness.heard(now);
+    const auto sent = sentThrough(fWatched);
+    return fLiveness.isLost(now, sent.arrived, sent.waiting);
 }
 
 std::vector<std::string> NatsLine::takeComplaints() {

@@ -4,15 +4,18 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "Liveness.hpp"
 #include "NatsCluster.hpp"
+#include "annotated/Mutex.hpp"
 
 namespace kirolink {
 
@@ -27,7 +30,8 @@ struct LineError : std::runtime_error {
 [[nodiscard]] std::string hostOf(const std::string& server);
 
 /// The connection to one node. All of it happens on the thread that calls it: libnats reads and
-/// writes when it is told to. One thread.
+/// writes when it is told to. But it waits until all is written, for as long as that takes, so a
+/// thread beside it looks whether the node hangs, and ends the connection then. One thread.
 class NatsLine {
   public:
     struct Destroy {
@@ -63,21 +67,28 @@ class NatsLine {
 
     [[nodiscard]] Owned<natsOptions> makeOptions(const NatsOptions& options,
                                                  const std::string& server);
-    void requireAlive(std::chrono::steady_clock::time_point now);
-    static void complained(natsConnection*, natsSubscription*, natsStatus status, void* id);
+    void ask(std::chrono::steady_clock::time_point now);
+    void requireOpen();
+    void watch();
+    [[nodiscard]] bool isLostLocked() REQUIRES_LOCK(fMutex);
+    static void complained(natsConnection*, natsSubscription*, natsStatus status, void* address);
     static natsStatus attached(void** own, void* line, natsConnection*, natsSock socket);
     static natsStatus reads(void* line, bool add);
     static natsStatus writes(void* line, bool add);
     static natsStatus detached(void* line);
 
-    const std::chrono::milliseconds fSilence;
-    int fSocket = -1;
-    std::atomic<bool> fWrites{false};  ///< libnats has something to write; its pings come from a
-                                       ///< thread of its own
-    std::shared_ptr<Complaints> fComplaints;
-    std::uintptr_t fComplaintsId;
+    int fSocket = -1;                  ///< as `fWatched`
+    std::atomic<bool> fWrites{false};  ///< libnats has something to write
+    const std::shared_ptr<Complaints> fComplaints;
     Owned<natsConnection> fConnection;
-    Liveness fLiveness;
+
+    annotated::Mutex fMutex;
+    std::condition_variable fChanged;
+    Liveness fLiveness GUARDED_BY(fMutex);
+    int fWatched GUARDED_BY(fMutex) = -1;  ///< the socket, until libnats closes it
+    bool fIsLost GUARDED_BY(fMutex) = false;
+    bool fIsOver GUARDED_BY(fMutex) = false;
+    std::thread fWatch;
 };
 
 }  // namespace kirolink

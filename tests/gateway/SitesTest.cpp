@@ -203,7 +203,7 @@ TEST_F(SitesTest, EndTheirViewsBeforeTheyGo) {
     start();
     auto site = open("/s/a");
     auto page = join("/s/a");
-    fServer->post([](Sites& sites) { sites.find("/s/a/")->views->tell(R"({"t":"x"})"); });
+    fServer->post([](Sites& sites) { sites.at("/s/a")->views->tell(R"({"t":"x"})"); });
     EXPECT_EQ(page.readControl("x"), R"({"t":"x"})");
 
     support::Collector<Transfer::Outcome> outcomes;

@@ -7,50 +7,52 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// What a connection looks like at a time, and whether it is lost by then.
+/// What a connection looks like at a time, what is done then, and whether it is lost by then.
 struct Look {
+    enum Deed { kNone, kHear, kAsk };
     std::chrono::milliseconds at;
+    Deed deed;
     std::uint64_t arrived;
     std::uint64_t waiting;
-    bool isHeard;
     bool isLost;
 };
 
 TEST(LivenessTest, tellsANodeThatHangsFromALineThatIsSlow) {
     const std::vector<std::pair<std::string, std::vector<Look>>> cases{
         {"it hangs, and its machine takes what is sent",
-         {{900ms, 10, 0, false, false},
-          {1000ms, 20, 0, false, false},
-          {1900ms, 30, 0, false, false},
-          {2000ms, 40, 0, false, true}}},
+         {{500ms, Look::kAsk, 20, 0, false},
+          {1000ms, Look::kNone, 5000, 0, false},
+          {1400ms, Look::kNone, 9000, 0, false},
+          {1500ms, Look::kNone, 9900, 0, true}}},
         {"it hangs, and nothing is taken any more",
-         {{1000ms, 10, 500, false, false},
-          {1500ms, 30, 900, false, false},
-          {2400ms, 30, 900, false, false},
-          {2500ms, 30, 900, false, true}}},
+         {{500ms, Look::kAsk, 10, 500, false},
+          {1000ms, Look::kNone, 30, 900, false},
+          {2400ms, Look::kNone, 30, 900, false},
+          {2500ms, Look::kNone, 30, 900, true}}},
         {"the question itself takes seconds to arrive",
-         {{1000ms, 10, 500, false, false},
-          {1900ms, 100, 500, false, false},
-          {2800ms, 200, 500, false, false},
-          {3700ms, 509, 100, false, false},
-          {4600ms, 510, 200, false, false},
-          {5500ms, 600, 200, false, false},
-          {5600ms, 610, 200, false, true}}},
+         {{500ms, Look::kAsk, 10, 500, false},
+          {1900ms, Look::kNone, 200, 310, false},
+          {3300ms, Look::kNone, 300, 210, false},
+          {4300ms, Look::kNone, 510, 90, false},
+          {5200ms, Look::kNone, 590, 90, false},
+          {5300ms, Look::kNone, 600, 90, true}}},
         {"it answers late, each time",
-         {{1000ms, 10, 0, false, false},
-          {1900ms, 10, 0, true, false},
-          {2900ms, 10, 0, false, false},
-          {3800ms, 10, 0, true, false},
-          {4800ms, 10, 0, false, false}}},
+         {{500ms, Look::kAsk, 10, 0, false},
+          {1400ms, Look::kHear, 10, 0, false},
+          {1900ms, Look::kAsk, 10, 0, false},
+          {2800ms, Look::kHear, 10, 0, false},
+          {5000ms, Look::kNone, 10, 0, false}}},
     };
     for (const auto& [name, looks] : cases) {
         const Liveness::TimePoint begin{};
         Liveness liveness(2000ms, begin);
         for (const auto& look : looks) {
-            if (look.isHeard) liveness.heard(begin + look.at);
-            const bool isLost = liveness.isQuiet(begin + look.at) &&
-                                liveness.isLost(begin + look.at, look.arrived, look.waiting);
-            EXPECT_EQ(isLost, look.isLost) << name << ", " << look.at.count() << " ms";
+            const auto now = begin + look.at;
+            if (look.deed == Look::kHear) liveness.heard(now);
+            EXPECT_EQ(liveness.mustAsk(now), look.deed == Look::kAsk || look.at == 5000ms) << name;
+            if (look.deed == Look::kAsk) liveness.asked(look.arrived + look.waiting);
+            EXPECT_EQ(liveness.isLost(now, look.arrived, look.waiting), look.isLost)
+                << name << ", " << look.at.count() << " ms";
         }
     }
 }

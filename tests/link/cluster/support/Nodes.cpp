@@ -32,6 +32,7 @@ std::string freePort() {
 
 pid_t spawn(std::vector<std::string> arguments) {
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (auto& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     pid_t process = 0;
@@ -84,7 +85,7 @@ void Nodes::start(std::size_t node) {
     const auto folder = fFolder + "/node-" + std::to_string(node + 1);
     // Its files name each other within their folder. It is not to be left over.
     fNodes.at(node).process = spawn({"env", "--chdir=" + folder, "setpriv", "--pdeathsig", "KILL",
-                                     "nats-server", "-c", "node.conf", "-l", "log"});
+                                     KIROWEB_NATS_SERVER, "-c", "node.conf", "-l", "log"});
 }
 
 void Nodes::kill(std::size_t node) {
