@@ -11,7 +11,7 @@ inline constexpr std::chrono::milliseconds kSilenceIsGone{
     1000};  ///< counts as gone for those who wait
 inline constexpr std::chrono::milliseconds kSilenceIsEnd{10000};  ///< is over
 /// So much is acknowledged without a beat.
-inline constexpr std::size_t kAcknowledged = std::size_t{1} << 20U;
+inline constexpr std::size_t kAcknowledged = std::size_t{256} << 10U;
 
 /// Sees when the caller itself stood still: it cannot say then that others were silent.
 class Steps {

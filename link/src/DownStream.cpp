@@ -52,7 +52,12 @@ void DownStream::text(std::string_view channel, std::string_view text) noexcept 
 DownStream::Offered DownStream::block(std::string_view channel, std::string_view block,
                                       std::unique_ptr<BlockWait> wait) noexcept {
     const auto offered = take(channel, block, wait);
-    offered == Offered::kTaken ? fWake() : wait->finished(false);
+    if (offered == Offered::kTaken) {
+        fWake();
+    } else {
+        ++(offered == Offered::kNobody ? fBlocksNobody : fBlocksRefused);
+        wait->finished(false);
+    }
     return offered;
 }
 
@@ -160,14 +165,23 @@ const DownStream::Position* DownStream::findLocked(Reader reader) const noexcept
     return at == fReaders.end() ? nullptr : &*at;
 }
 
-bool DownStream::acknowledged(Reader reader, std::uint64_t next) noexcept {
+bool DownStream::acknowledged(Reader reader, std::uint64_t next, TimePoint now) noexcept {
     const annotated::Lock lock(fMutex);
     if (next > fLog.sentBelow()) return false;
     const auto at = std::ranges::find(fReaders, reader, &Position::reader);
     if (at == fReaders.end() || next <= at->has) return true;
+    const auto before = foremostLocked();
     at->has = next;
+    const auto sentAt = fLog.sentAt(next - 1);
+    if (next > before && sentAt) {
+        fWindow.acknowledged(fLog.bytesBelow(next) - fLog.bytesBelow(before), now - *sentAt, now);
+    }
     releaseLocked();
     return true;
+}
+
+std::uint64_t DownStream::foremostLocked() const noexcept {
+    return std::ranges::max_element(fReaders, {}, &Position::has)->has;
 }
 
 bool DownStream::isBehind(Reader reader, TimePoint now,
@@ -198,20 +212,30 @@ std::uint64_t DownStream::sentBelow() const noexcept {
 
 // --- Sending ------------------------------------------------------------------------------------
 
-std::pair<std::uint64_t, Cluster::Bytes> DownStream::nextToSend(TimePoint now) {
+DownStream::Next DownStream::nextToSend(TimePoint now) {
     const annotated::Lock lock(fMutex);
-    if (fLog.unsent() == nullptr && now - fLastSent >= kGather) closeBatchLocked();
-    return {fLog.sentBelow(), fLog.unsent()};
+    if (fReaders.empty()) return {nullptr, 0, TimePoint::max()};
+    if (fLog.unsent() == nullptr) {
+        if (fBatch.isEmpty()) return {nullptr, 0, TimePoint::max()};
+        if (now - fLastSent < kGather) return {nullptr, 0, fLastSent + kGather};
+        closeBatchLocked();
+        // It may have been too much for the last reader.
+        if (fReaders.empty()) return {nullptr, 0, TimePoint::max()};
+    }
+    const auto number = fLog.sentBelow();
+    const auto underWay =
+        fLog.bytesBelow(number) - fLog.bytesBelow(std::min(number, foremostLocked()));
+    auto frame = fLog.unsent();
+    // An acknowledgement leads back to here.
+    if (!fWindow.mayGo(underWay, frame->size())) return {nullptr, 0, TimePoint::max()};
+    return {std::move(frame), number, {}};
 }
 
 DownStream::TimePoint DownStream::send(Cluster& cluster, const std::string& subject,
                                        TimePoint now) {
     for (;;) {
-        const auto [number, frame] = nextToSend(now);
-        if (frame == nullptr) {
-            const annotated::Lock lock(fMutex);
-            return fBatch.isEmpty() ? TimePoint::max() : fLastSent + kGather;
-        }
+        const auto [frame, number, again] = nextToSend(now);
+        if (frame == nullptr) return again;
         if (!cluster.publish(subject, frame)) return now + kTryAgain;
         fLastSent = now;
         fFramesSent += 1;

@@ -8,11 +8,11 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "BlockWaits.hpp"
 #include "NumberedLog.hpp"
+#include "SendWindow.hpp"
 #include "annotated/Mutex.hpp"
 #include "text/ChannelPattern.hpp"
 
@@ -45,6 +45,11 @@ class DownStream {
     /// Nothing is taken any more, and what was not told to the sending thread is given back.
     void close() noexcept;
     [[nodiscard]] std::size_t bytes() const noexcept;
+    [[nodiscard]] std::uint64_t framesSent() const noexcept { return fFramesSent; }
+    [[nodiscard]] std::uint64_t bytesSent() const noexcept { return fBytesSent; }
+    /// Blocks that were not taken.
+    [[nodiscard]] std::uint64_t blocksNobody() const noexcept { return fBlocksNobody; }
+    [[nodiscard]] std::uint64_t blocksRefused() const noexcept { return fBlocksRefused; }
 
     // --- The sending thread ---------------------------------------------------------------------
 
@@ -53,7 +58,7 @@ class DownStream {
     std::uint64_t join(Reader reader);
     void leave(Reader reader) noexcept;
     /// The reader has everything below `next`. Returns false if that cannot be.
-    bool acknowledged(Reader reader, std::uint64_t next) noexcept;
+    bool acknowledged(Reader reader, std::uint64_t next, TimePoint now) noexcept;
     /// Whether the reader has not had for longer than `time` something that was sent to it.
     [[nodiscard]] bool isBehind(Reader reader, TimePoint now,
                                 std::chrono::milliseconds time) const noexcept;
@@ -76,8 +81,6 @@ class DownStream {
     /// See `kirolink::sendAgain`.
     std::size_t sendAgain(const frame::Ask& ask, Resends& resends, Cluster& cluster,
                           const std::string& subject, const frame::Header& header);
-    [[nodiscard]] std::uint64_t framesSent() const noexcept { return fFramesSent; }
-    [[nodiscard]] std::uint64_t bytesSent() const noexcept { return fBytesSent; }
 
   private:
     struct Position {
@@ -90,8 +93,14 @@ class DownStream {
     [[nodiscard]] frame::Header headerLocked() const noexcept REQUIRES_LOCK(fMutex) {
         return {fEpoch, 0, fLog.next()};
     }
-    /// The frame that goes next and its number; null: none.
-    [[nodiscard]] std::pair<std::uint64_t, Cluster::Bytes> nextToSend(TimePoint now);
+    struct Next {
+        Cluster::Bytes frame;      ///< null: none
+        std::uint64_t number = 0;  ///< the frame's
+        TimePoint again{};         ///< when there may be one
+    };
+    [[nodiscard]] Next nextToSend(TimePoint now);
+    /// Everything below has come to somebody.
+    [[nodiscard]] std::uint64_t foremostLocked() const noexcept REQUIRES_LOCK(fMutex);
     void closeBatchLocked() REQUIRES_LOCK(fMutex);
     void appendLocked(std::string frame) REQUIRES_LOCK(fMutex);
     void appendPiecesLocked(bool isBlock, std::string_view channel, std::string_view whole)
@@ -108,11 +117,14 @@ class DownStream {
     std::atomic<bool> fHasReaders{false};
     std::atomic<std::uint64_t> fFramesSent{0};
     std::atomic<std::uint64_t> fBytesSent{0};
+    std::atomic<std::uint64_t> fBlocksNobody{0};
+    std::atomic<std::uint64_t> fBlocksRefused{0};
     TimePoint fLastSent{};  ///< the sending thread's
 
     mutable annotated::Mutex fMutex{annotated::Rank::kLinkSend};
     BatchWriter fBatch GUARDED_BY(fMutex);
     NumberedLog fLog GUARDED_BY(fMutex);
+    SendWindow fWindow GUARDED_BY(fMutex);
     std::vector<Position> fReaders GUARDED_BY(fMutex);
     std::vector<Lost> fLost GUARDED_BY(fMutex);  ///< has room for all readers
     std::vector<Block> fBlocks GUARDED_BY(fMutex);

@@ -142,7 +142,7 @@ void EngineEnd::stepOnce(TimePoint now) {
         fCluster.publish(fBeatSubject, std::make_shared<const std::string>(std::move(beat)));
     }
     if (now < fNextCheck) return;
-    fNextCheck = now + kCheck;
+    fNextCheck = fGateways.empty() ? TimePoint::max() : now + kCheck;
     check(now);
     report(now);
 }
@@ -174,9 +174,6 @@ void EngineEnd::report(TimePoint now) {
     auto counts = fCounts;
     counts.gateways = fGateways.size();
     counts.views = fViews;
-    counts.framesSent = fStream->framesSent();
-    counts.bytesSent = fStream->bytesSent();
-    counts.waiting = fStream->bytes();
     std::vector<GatewayReport> gateways;
     const auto sent = fStream->sentBelow();
     for (const auto& [name, gateway] : fGateways) {
@@ -191,8 +188,13 @@ void EngineEnd::report(TimePoint now) {
 }
 
 EngineEnd::Statistics EngineEnd::statistics() const {
-    const annotated::Lock lock(fReportMutex);
-    return fReported;
+    auto counts = reported();
+    counts.framesSent = fStream->framesSent();
+    counts.bytesSent = fStream->bytesSent();
+    counts.blocksNobody += fStream->blocksNobody();
+    counts.blocksRefused += fStream->blocksRefused();
+    counts.waiting = fStream->bytes();
+    return counts;
 }
 
 std::vector<EngineEnd::GatewayReport> EngineEnd::gateways() const {
@@ -210,7 +212,9 @@ void EngineEnd::hello(const std::string& name, const frame::Header& header,
         return welcome(*at->second);
     }
     if (at != fGateways.end()) drop(name, "it has begun anew");
-    if (fGateways.size() == kMostGateways) return;
+    if (fGateways.size() == kMostGateways) {
+        return fHost.note("there are too many gateways for a further one", name);
+    }
     auto gateway = std::make_unique<Gateway>(name, std::string(hello.address), header.incarnation);
     gateway->lastHeard = now;
     auto& added = *fGateways.emplace(name, std::move(gateway)).first->second;
@@ -287,7 +291,7 @@ void EngineEnd::handle(const Inbox::Letter& letter, TimePoint now) {
 void EngineEnd::handleKnown(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter,
                             TimePoint now) {
     std::visit(Overloaded{
-                   [&](const frame::Presence&) { presence(gateway, frame, letter); },
+                   [&](const frame::Presence&) { presence(gateway, frame, letter, now); },
                    [&](const frame::Ask&) { ask(gateway, frame, now); },
                    [&](const frame::Resent&) { gateway.receiver.resent(); },
                    [&](const frame::Leave&) { drop(letter.gateway, "it has left"); },
@@ -306,9 +310,10 @@ void EngineEnd::handleKnown(Gateway& gateway, const Frame& frame, const Inbox::L
     gateway.gapsCounted = gateway.receiver.gaps();
 }
 
-void EngineEnd::presence(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter) {
+void EngineEnd::presence(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter,
+                         TimePoint now) {
     const auto& said = std::get<frame::Presence>(frame.body);
-    if (!fStream->acknowledged(gateway.incarnation, said.has)) {
+    if (!fStream->acknowledged(gateway.incarnation, said.has, now)) {
         ++fCounts.refusals;
         return;
     }
@@ -322,7 +327,7 @@ void EngineEnd::presence(Gateway& gateway, const Frame& frame, const Inbox::Lett
 }
 
 void EngineEnd::ask(Gateway& gateway, const Frame& frame, TimePoint now) {
-    if (!fStream->acknowledged(gateway.incarnation, frame.header.number)) {
+    if (!fStream->acknowledged(gateway.incarnation, frame.header.number, now)) {
         ++fCounts.refusals;
         return;
     }

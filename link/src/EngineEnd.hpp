@@ -112,7 +112,7 @@ class EngineEnd {
     void welcome(const Gateway& gateway);
     void handleKnown(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter,
                      TimePoint now);
-    void presence(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter);
+    void presence(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter, TimePoint now);
     void ask(Gateway& gateway, const Frame& frame, TimePoint now);
     void numbered(Gateway& gateway, const Frame& frame, std::string_view bytes);
     void take(Gateway& gateway, const frame::Body& body);
@@ -127,6 +127,10 @@ class EngineEnd {
     void send(const std::string& gateway, const frame::Header& header, const frame::Body& body);
     void blockEnded(BlockEnd how);
     void report(TimePoint now);
+    [[nodiscard]] Statistics reported() const {
+        const annotated::Lock lock(fReportMutex);
+        return fReported;
+    }
 
     Cluster& fCluster;
     const Settings fSettings;

@@ -119,8 +119,9 @@ bool readRecord(std::string_view bytes, Texts& texts) {
     }
     record.isBase64 = record.text.starts_with(kUnitSeparator);
     if (record.isBase64) record.text.remove_prefix(1);
-    if (record.text.find(kUnitSeparator) != std::string_view::npos) return false;
-    if (record.isBase64 && !decodeBase64(record.text, nullptr)) return false;
+    const bool isRight =
+        record.isBase64 ? decodeBase64(record.text, nullptr) : kirogateway::isPlain(record.text);
+    if (!isRight) return false;
     texts.records.push_back(record);
     return true;
 }

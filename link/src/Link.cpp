@@ -163,7 +163,7 @@ NatsOptions natsOptions(const Options& options, std::shared_ptr<kirogateway::Con
     nats.credentialsFile = options.credentials;
     nats.caFile = options.caFile;
     nats.isPlainAllowed = options.isPlainAllowed;
-    nats.name = "session-" + options.session;
+    nats.name = "kiroweb engine " + options.session;
     nats.inboxPrefix = "_INBOX.session-" + options.session;
     nats.log = [context = std::move(context)](std::string_view line) {
         context->log.write(line, {});

@@ -10,8 +10,14 @@ namespace kirolink {
 
 void NumberedLog::append(std::string frame) {
     const auto size = frame.size();
-    fEntries.push_back({std::make_shared<const std::string>(std::move(frame)), {}});
+    fEntries.push_back({std::make_shared<const std::string>(std::move(frame)), fEnd + size, {}});
     fBytes += size;
+    fEnd += size;
+}
+
+std::uint64_t NumberedLog::bytesBelow(std::uint64_t number) const noexcept {
+    if (number <= fFirst) return fEnd - fBytes;
+    return number >= next() ? fEnd : fEntries[number - fFirst - 1].end;
 }
 
 Cluster::Bytes NumberedLog::find(std::uint64_t number) const noexcept {
@@ -41,6 +47,7 @@ void NumberedLog::reset() noexcept {
     fEntries.clear();
     fFirst = fUnsent = 1;
     fBytes = 0;
+    fEnd = 0;
 }
 
 void Resends::asked(std::uint64_t has, TimePoint now) noexcept {

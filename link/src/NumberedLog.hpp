@@ -23,6 +23,8 @@ class NumberedLog {
     [[nodiscard]] std::uint64_t next() const noexcept { return fFirst + fEntries.size(); }
     /// Of all that is kept.
     [[nodiscard]] std::size_t bytes() const noexcept { return fBytes; }
+    /// Of all frames below `number`, kept or not.
+    [[nodiscard]] std::uint64_t bytesBelow(std::uint64_t number) const noexcept;
     /// Takes a frame, which has the number `next()`. Throws std::bad_alloc; it is not there then.
     void append(std::string frame);
     /// The frame of this number; null when it is not kept.
@@ -43,13 +45,15 @@ class NumberedLog {
   private:
     struct Entry {
         Cluster::Bytes frame;
-        TimePoint sentAt;
+        std::uint64_t end = 0;  ///< bytes of all frames up to this one
+        TimePoint sentAt{};
     };
 
     std::deque<Entry> fEntries;
     std::uint64_t fFirst = 1;   ///< the number of the first entry
     std::uint64_t fUnsent = 1;  ///< the number of the oldest one that was not sent
     std::size_t fBytes = 0;
+    std::uint64_t fEnd = 0;  ///< bytes of all frames there have been
 };
 
 /// What has been sent again to one peer of what it asked for: so much at a time that the line stays

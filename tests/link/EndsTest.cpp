@@ -73,6 +73,7 @@ TEST_F(Ends, KeepNothingWhenNobodyIsThereAndWhenEverybodyHasIt) {
     engine().end->down()->text("/c/a", "unheard");
     EXPECT_EQ(engine().send("/c/b", "block"), 0U);
     EXPECT_EQ(engine().ends[0], "given back");
+    EXPECT_EQ(statistics().blocksNobody, 1U);
     world.run(100ms);
     EXPECT_EQ(statistics().framesSent, 0U);
     world.add("g");
@@ -307,10 +308,10 @@ TEST_F(Ends, DropWhoIsThereButDoesNotGetOn) {
 }
 
 TEST_F(Ends, SendAgainOnlySoMuchAtATime) {
-    world.start();
+    join({"g"});
     OddGateway odd(world);
     for (int i = 0; i < 24; ++i) engine().end->down()->text("/c/a", std::string(500'000, 'x'));
-    world.run(50ms);
+    world.run(500ms);
     const auto askFor = [&](std::uint64_t has) {
         odd.bytesGot = 0;
         for (int i = 0; i < 20; ++i) odd.say(frame::Ask{{{has, kEndOfNumbers - 1}}}, has);
@@ -326,6 +327,23 @@ TEST_F(Ends, SendAgainOnlySoMuchAtATime) {
     odd.say(frame::Ask(), 26);
     world.run(100ms);
     EXPECT_EQ(statistics().refusals, 1U);  // it cannot have more than there is
+}
+
+TEST_F(Ends, SendNoMoreThanASlowLineCarries) {
+    // An engine behind a line of 100 kB/s: beats have to get through, and nobody is dropped.
+    join({"g"});
+    world.network.bytesPerSecond = 100'000;
+    std::size_t said = 0;
+    world.run(60s, [&] {
+        if (++said % 20 == 0) engine().send("/c/b", std::string(40'000, 'x'));
+    });
+    EXPECT_THAT(gateway("g").events, ElementsAre("joined"));
+    EXPECT_EQ(statistics().dropped, 0U);
+    EXPECT_LE(world.network.mostUnderWay, 1'000'000U);
+    EXPECT_GE(gateway("g").got.size() * 40'000, 60U * 100'000 * 7 / 10);  // of what it gives
+    world.network.bytesPerSecond = 0;
+    world.run(5s);
+    EXPECT_EQ(gateway("g").got.size(), said / 20);
 }
 
 TEST_F(Ends, CountPagesOverAllGateways) {

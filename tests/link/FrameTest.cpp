@@ -125,6 +125,7 @@ TEST(Frames, ThatAreMalformedAreRefused) {
         {"a separator within a text", header(3,
                                              "\x1e/a\x1f"
                                              "a\x1f")},
+        {"a text that is not UTF-8", header(3, "\x1e/a\x1f\xff")},
         {"a channel that is not UTF-8", header(3, "\x1e\xff\x1f")},
         {"Base64 with a hole", header(3,
                                       "\x1e/a\x1f\x1f"
@@ -168,6 +169,40 @@ TEST(Frames, ThatAreMalformedAreRefused) {
         {"a long reason", header(13, std::string(257, 'x'))},
     };
     for (const auto& [what, bytes] : cases) EXPECT_FALSE(readFrame(bytes)) << what;
+}
+
+/// The bytes of the block that begins with "```NAME" in the document.
+std::string documented(const std::string& name) {
+    std::ifstream document(KIROWEB_LINK_DOCUMENT);
+    std::string line;
+    while (std::getline(document, line) && line != "```" + name) {
+    }
+    std::string bytes;
+    while (std::getline(document, line) && line != "```") {
+        const auto end = line.find("   ");  // a remark follows
+        std::istringstream digits(line.substr(0, end));
+        for (std::string byte; digits >> byte;) {
+            if (byte.size() != 2) break;
+            bytes += static_cast<char>(std::stoul(byte, nullptr, 16));
+        }
+    }
+    return bytes;
+}
+
+TEST(Frames, HaveTheBytesOfTheDocument) {
+    constexpr std::uint64_t kEpoch = 0x0102030405060708;
+    using frame::Ask;
+    EXPECT_EQ(writeFrame({0, 10, 0}, frame::Hello{"https://g/s/run-7"}), documented("hello"));
+    BatchWriter batch;
+    batch.add("/fig", R"({"a":1})");
+    batch.add("/fig", "[]");
+    batch.add("/log", "\xff");
+    EXPECT_EQ(batch.take({kEpoch, 0, 42}), documented("texts"));
+    EXPECT_EQ(writeFrame({kEpoch, 0, 43}, frame::Piece{true, "/fig", 5, 0, "\1\2\3\4\5"}),
+              documented("piece"));
+    EXPECT_EQ(writeFrame({kEpoch, 10, 42}, Ask{{{42, 42}}}), documented("ask"));
+    EXPECT_EQ(writeFrame({kEpoch, 10, 1}, frame::Outcome{43, BlockOutcome::kDelivered}),
+              documented("outcome"));
 }
 
 TEST(Pieces, HaveToFollowEachOther) {

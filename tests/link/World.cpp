@@ -83,11 +83,23 @@ void Network::publish(const std::string& from, const std::string& subject,
                       const Cluster::Bytes& bytes) {
     if (onMessage) onMessage(subject, *bytes);
     if (fCut.contains(from)) return;
+    auto base = now;
+    if (bytesPerSecond > 0 && from == "engine") {
+        const std::chrono::duration<double> takes(static_cast<double>(bytes->size()) /
+                                                  static_cast<double>(bytesPerSecond));
+        fLineFree =
+            std::max(fLineFree, now) + std::chrono::duration_cast<TimePoint::duration>(takes);
+        base = fLineFree;
+        const std::chrono::duration<double> queue = fLineFree - now;
+        mostUnderWay =
+            std::max(mostUnderWay,
+                     static_cast<std::size_t>(queue.count() * static_cast<double>(bytesPerSecond)));
+    }
     const int copies = chance() < weather.doubled ? 2 : 1;
     for (int copy = 0; copy < copies; ++copy) {
         if (chance() < weather.lost) continue;
         const milliseconds delay(random(static_cast<std::uint64_t>(weather.delay.count()) + 1));
-        fUnderWay.emplace(now + delay, Message{from, subject, bytes});
+        fUnderWay.emplace(base + delay, Message{from, subject, bytes});
     }
 }
 

@@ -49,6 +49,8 @@ class Network {
 
     TimePoint now{std::chrono::hours(1)};
     Weather weather;
+    std::size_t bytesPerSecond = 0;  ///< of the engine's line; 0: as many as there are
+    std::size_t mostUnderWay = 0;    ///< bytes that waited for it
     /// Sees each message that is published, before the weather does.
     std::function<void(const std::string& subject, const std::string& bytes)> onMessage;
 
@@ -65,6 +67,7 @@ class Network {
     std::set<std::string> fCut;
     std::multimap<TimePoint, Message> fUnderWay;
     std::set<Line*> fLines;
+    TimePoint fLineFree{};
 };
 
 /// Surroundings with the network's time; its wall clock is that and `ahead`.
