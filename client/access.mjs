@@ -1,7 +1,6 @@
 // How a page gets in: with a token, which its link brought and its tab keeps.
 
 const KEY = "kiroweb.token";
-const EXCHANGE = "/kiroweb/token";
 const PATIENCE = 5000;
 /** What can be offered as a subprotocol. */
 const SPEAKABLE = /^[\w.~-]+$/;
@@ -15,10 +14,16 @@ const SPEAKABLE = /^[\w.~-]+$/;
  * @property {(call: () => void) => void} [whenLinkOpened] calls whenever there may be a new token
  */
 
+/** What every address of a page's gateway begins with: where one server has many sessions, each has
+ * a prefix, `/s/NAME`. @param {string} [pathname] the page's */
+function prefixOf(pathname = "") {
+    return /^\/s\/[\w-]{1,64}(?=\/)/.exec(pathname)?.[0] ?? "";
+}
+
 /** The address of the gateway that served this page.
- * @param {{protocol: string, host: string}} [location] @returns {string} */
-export function gatewayAddress({ protocol, host } = globalThis.location) {
-    return `${protocol === "https:" ? "wss:" : "ws:"}//${host}/kiroweb`;
+ * @param {{protocol: string, host: string, pathname?: string}} [location] @returns {string} */
+export function gatewayAddress({ protocol, host, pathname } = globalThis.location) {
+    return `${protocol === "https:" ? "wss:" : "ws:"}//${host}${prefixOf(pathname)}/kiroweb`;
 }
 
 /** What a link's fragment gives: `#token=...`, or `#code=...`, which is good for one exchange.
@@ -29,7 +34,8 @@ function readFragment(hash) {
 }
 
 /** The access of a browser's tab. Reload, return and duplicate have what the link brought, since
- * `sessionStorage` goes with the tab; unlike a cookie it is not sent to the host's other ports.
+ * `sessionStorage` goes with the tab; unlike a cookie it is not sent to the host's other ports. Each
+ * session of a server has a token of its own.
  * @implements {Access} */
 export class TabAccess {
     #window;
@@ -51,10 +57,12 @@ export class TabAccess {
         return this.#asked;
     }
 
+    /** A server that has not reached the program yet asks for patience. */
     async isServed() {
         const signal = AbortSignal.timeout(PATIENCE);
         const how = { method: "HEAD", cache: "no-store", signal };
-        return (await this.#window.fetch("/", how)).ok;
+        const { ok, headers } = await this.#window.fetch(`${this.#prefix()}/`, how);
+        return ok && !headers.has("Retry-After");
     }
 
     /** A link that is opened where the page is already changes the fragment and loads nothing.
@@ -80,7 +88,7 @@ export class TabAccess {
     async #exchange(code) {
         const signal = AbortSignal.timeout(PATIENCE);
         const how = { method: "POST", body: code, cache: "no-store", signal };
-        const response = await this.#window.fetch(EXCHANGE, how);
+        const response = await this.#window.fetch(`${this.#prefix()}/kiroweb/token`, how);
         if (response.status === 403) return null;
         if (!response.ok) throw new Error(`the program answered ${response.status}`);
         return (await response.text()).trim();
@@ -96,11 +104,15 @@ export class TabAccess {
         history.replaceState(history.state, "", address);
     }
 
+    #prefix() {
+        return prefixOf(this.#window.location.pathname);
+    }
+
     /** @param {string} token */
     #keep(token) {
         this.#token = token;
         try {
-            this.#window.sessionStorage.setItem(KEY, token);
+            this.#window.sessionStorage.setItem(KEY + this.#prefix(), token);
         } catch {
             // Kept here alone.
         }
@@ -108,7 +120,7 @@ export class TabAccess {
 
     #kept() {
         try {
-            return this.#window.sessionStorage.getItem(KEY) ?? this.#token;
+            return this.#window.sessionStorage.getItem(KEY + this.#prefix()) ?? this.#token;
         } catch {
             return this.#token;
         }

@@ -37,6 +37,7 @@ const HELLO_NAMES_BYTES = 64 * 1024;
  * @property {string[]} subscribed
  * @property {string[]} refused
  * @property {string} [ended]
+ * @property {string[]} [gateways] addresses of others that lead to the same engine
  * @property {Record<string, number>} limits
  * @property {Record<string, any>} configuration
  */
@@ -96,6 +97,12 @@ const DEFAULTS = {
 };
 
 /** @typedef {import("./outgoing.mjs").Encoded} Encoded */
+
+/** What a gateway that is not in the engine's process says of the engine; empty: all is well.
+ * @param {{state?: string, milliseconds?: number}} message */
+function engineText({ state, milliseconds = 0 }) {
+    return state === "silent" ? `engine silent for ${Math.round(milliseconds / 1000)} s` : "";
+}
 
 /**
  * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
@@ -348,6 +355,8 @@ export class Connection {
                 return this.#handlers.onRefused?.(message.what, message.channel, message.reason);
             case "echo":
                 return this.#echoed(message.id);
+            case "engine":
+                return this.#line.note(engineText(message));
             default:
                 return undefined;
         }
@@ -368,6 +377,7 @@ export class Connection {
         this.#blockChannels = [...hello.blockChannels];
         this.#assembly.clear();
         const { returnMilliseconds = 0 } = hello.limits;
+        this.#line.alsoAt(hello.gateways ?? []);
         this.#line.welcomed(hello.ended ? `begun afresh: ${hello.ended}` : "", returnMilliseconds);
         this.#configure(hello.configuration);
         this.#correctSubscriptions(hello);

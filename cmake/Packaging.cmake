@@ -41,7 +41,15 @@ if(TARGET kiroweb_recording)
             FILES_MATCHING PATTERN "*.hpp")
 endif()
 
-# A component as well, above the gateway and the recording.
+# The way to gateways on other machines.
+if(TARGET kiroweb_link)
+    install(TARGETS kiroweb_link kiroweb_link_core EXPORT kiroweblinkTargets)
+    install(EXPORT kiroweblinkTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
+    install(DIRECTORY link/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+            FILES_MATCHING PATTERN "*.hpp")
+endif()
+
+# A component as well, above the gateway, the link and the recording.
 if(TARGET kiroweb_figures)
     install(TARGETS kiroweb_figures EXPORT kirowebfiguresTargets)
     install(EXPORT kirowebfiguresTargets NAMESPACE kiroweb:: DESTINATION ${_cmake_dir})
@@ -74,6 +82,9 @@ if(NOT KIROWEB_HOST_TARGET)
 endif()
 if(TARGET kiroweb_gateway)
     list(APPEND _pc_modules kirowebgateway)
+endif()
+if(TARGET kiroweb_link)
+    list(APPEND _pc_modules kiroweblink)
 endif()
 if(TARGET kiroweb_recording)
     list(APPEND _pc_modules kirowebrecording)

@@ -3,6 +3,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -27,8 +28,9 @@ struct Gate {
                           {"/a.js", "text/javascript", std::string(9999, 'x')}};
     }
     Options options;
-    Secrets secrets{std::chrono::seconds(60), kToken};
-    AccessPolicy policy{options, 8080, secrets};
+    std::shared_ptr<Secrets> secrets = std::make_shared<Secrets>(std::chrono::seconds(60), kToken);
+    AccessPolicy policy{
+        options, 8080, {std::make_shared<const AssetTable>(options.assets), secrets}};
 };
 
 std::string replaced(std::string text, std::string_view what, std::string_view instead) {
@@ -86,7 +88,7 @@ void checkRange(std::string_view field, std::uint64_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static Gate gate;
-    const auto code = gate.secrets.makeCode(kNow);
+    const auto code = gate.secrets->makeCode(kNow);
     const auto text = replaced(replaced(std::string(data, data + size), "$T", kToken), "$C", code);
     const auto answer = answerTo(gate, text, text.size() / 2);
     if (!answer.empty()) check(answer, text, code);

@@ -7,9 +7,11 @@ build_packages=(
     g++ cmake ninja-build
     libboost1.81-dev libboost-json1.81-dev libboost-thread1.81-dev libboost-log1.81-dev
     libboost-program-options1.81-dev
-    libpoco-dev libssl-dev libzstd-dev zlib1g-dev
+    libnats-dev libpoco-dev libssl-dev libzstd-dev zlib1g-dev
 )
+cluster_packages=(nats-server openssl)
 check_packages=(
+    "${cluster_packages[@]}"
     libgtest-dev libgmock-dev libbenchmark-dev pkg-config
     clang-14 libclang-rt-14-dev clang-tidy-14 clang-format-14
     python3 shellcheck chromium chromium-sandbox
@@ -31,6 +33,9 @@ install_missing() {
     "${apt_get[@]}" update
     # Never at the price of something that is installed already.
     "${apt_get[@]}" install --no-install-recommends --no-remove "${missing[@]}"
+    # Debian has a node begin at once that asks nobody who he is; the ones here begin by themselves.
+    [[ " ${missing[*]} " != *" nats-server "* ]] ||
+        "${as_root[@]}" systemctl disable --now nats-server || true
 }
 
 # install_page: Node.js, what the page is made of and tested with, as its lock file says, and the page.

@@ -1,27 +1,22 @@
-/**
- * @typedef {object} Access
- * @property {() => Promise<string>} token empty: there is none. Rejected, it is asked for again
- *   with the next attempt
- * @property {() => Promise<boolean>} isServed asked when no connection comes about: whether the
- *   program is there, so that it is the token that it does not accept
- * @property {(call: () => void) => void} [whenLinkOpened] calls whenever there may be a new token
- */
 /** The address of the gateway that served this page.
- * @param {{protocol: string, host: string}} [location] @returns {string} */
-export function gatewayAddress({ protocol, host }?: {
+ * @param {{protocol: string, host: string, pathname?: string}} [location] @returns {string} */
+export function gatewayAddress({ protocol, host, pathname }?: {
     protocol: string;
     host: string;
+    pathname?: string;
 }): string;
 /** A token that is known, for a client that is no page. @param {string} token @returns {Access} */
 export function knownToken(token: string): Access;
 /** The access of a browser's tab. Reload, return and duplicate have what the link brought, since
- * `sessionStorage` goes with the tab; unlike a cookie it is not sent to the host's other ports.
+ * `sessionStorage` goes with the tab; unlike a cookie it is not sent to the host's other ports. Each
+ * session of a server has a token of its own.
  * @implements {Access} */
 export class TabAccess implements Access {
     /** @param {any} [window] */
     constructor(window?: any);
     /** A code is exchanged once, however many ask. */
     token(): Promise<string>;
+    /** A server that has not reached the program yet asks for patience. */
     isServed(): Promise<any>;
     /** A link that is opened where the page is already changes the fragment and loads nothing.
      * @param {() => void} call */

@@ -2,7 +2,6 @@ export { CLOSE_CODES } from "./close_codes.mjs";
 export { readJson } from "./wire.mjs";
 /** Where script errors go. */
 export const ERROR_CHANNEL: "/services/ErrorLoggingService/JSErrors";
-/** @typedef {import("./outgoing.mjs").Encoded} Encoded */
 /**
  * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
  * sends, and answers:
@@ -73,6 +72,7 @@ export class Connection {
     close(): void;
     #private;
 }
+export type Encoded = import("./outgoing.mjs").Encoded;
 export type State = import("./line.mjs").State;
 /**
  * the gateway's
@@ -88,6 +88,10 @@ export type Hello = {
     subscribed: string[];
     refused: string[];
     ended?: string | undefined;
+    /**
+     * addresses of others that lead to the same engine
+     */
+    gateways?: string[] | undefined;
     limits: Record<string, number>;
     configuration: Record<string, any>;
 };
@@ -187,5 +191,4 @@ export type Options = {
      */
     blockSize?: number | undefined;
 };
-export type Encoded = import("./outgoing.mjs").Encoded;
 export { gatewayAddress, tabAccess } from "./access.mjs";

@@ -16,10 +16,12 @@ enum class Rank : unsigned char {
     kTokenTimes,   ///< the token's time stamps
     kOnce,         ///< something made once, the recorder among them
     kFactory,      ///< what makes the process-wide endpoint
+    kLinkReceive,  ///< a gateway's end of a link: what comes, one after the other
     kPublish,      ///< the message service's order of publishing
     kViews,        ///< the gateway's list of views
     kView,         ///< one view of the gateway
     kBus,          ///< the message service's queue and subscriptions
+    kLinkSend,     ///< what an end of a link sends: its numbers and its log
     kLeaf,         ///< everything else: nothing is locked while it is held
 };
 

@@ -24,6 +24,12 @@ namespace secret {
     return result == 0;
 }
 
+/// A token of which only a digest is known, and how that is made of what is offered.
+struct HashedToken {
+    std::string hash;
+    std::string (*digest)(std::string_view given);
+};
+
 /// What lets a page in: the token of the link, and the single-use codes. Any thread.
 class Secrets {
   public:
@@ -32,7 +38,10 @@ class Secrets {
     /// Codes are good for `codeLife`. Without a token there is a new one.
     explicit Secrets(std::chrono::milliseconds codeLife, std::string token = {})
         : fCodeLife(codeLife), fToken(token.empty() ? randomHex(kBytes) : std::move(token)) {}
+    /// There are no codes then: nobody here could give the token for one.
+    explicit Secrets(HashedToken token) : fToken(std::move(token.hash)), fDigest(token.digest) {}
 
+    /// REQUIRES: it is known.
     [[nodiscard]] const std::string& token() const noexcept { return fToken; }
     /// Returns a code that is good for one use. There are at most 16: a further one ends the
     /// oldest.
@@ -44,8 +53,9 @@ class Secrets {
         return code;
     }
 
-    [[nodiscard]] bool isToken(std::string_view given) const noexcept {
-        return isSecret(given, fToken);
+    /// Throws what making a digest throws.
+    [[nodiscard]] bool isToken(std::string_view given) const {
+        return fDigest == nullptr ? isSecret(given, fToken) : isSecret(fDigest(given), fToken);
     }
     /// Returns whether `given` is a code that is good, and ends it.
     [[nodiscard]] bool useCode(std::string_view given, TimePoint now) {
@@ -65,8 +75,9 @@ class Secrets {
     /// The oldest code goes when there are more: nobody opens that many browsers within a minute.
     static constexpr std::size_t kMaxCodes = 16;
 
-    const std::chrono::milliseconds fCodeLife;
-    const std::string fToken;
+    const std::chrono::milliseconds fCodeLife{0};
+    const std::string fToken;  ///< or its digest
+    std::string (*const fDigest)(std::string_view given) = nullptr;
     annotated::Mutex fMutex;
     std::vector<Code> fCodes GUARDED_BY(fMutex);
 };

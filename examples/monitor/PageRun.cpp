@@ -26,6 +26,7 @@
 #include "kirofigures/Window.hpp"
 #include "kirogateway/Gateway.hpp"
 #include "kirohost/Controls.hpp"
+#include "process/Environment.hpp"
 #include "process/Thread.hpp"
 
 namespace monitor {
@@ -96,6 +97,7 @@ std::unique_ptr<kiro::web::Subscriber> sayErrors(const std::shared_ptr<ErrorLine
 }
 
 void repeatLink(const kirofigures::Window& window) {
+    if (window.link().empty()) return say("no gateway serves the page yet");
     say("nobody has come yet; the link once more:");
     try {
         print(window.link() + '\n');
@@ -128,7 +130,8 @@ class Ticking {
 kirofigures::WindowOptions windowOptions(const Options& options) {
     kirofigures::WindowOptions window;
     window.title = "Monitor";
-    window.printsLink = false;  // who prints it finds out whether that works
+    // Who prints it finds out whether that works; those of gateways elsewhere come by and by.
+    window.printsLink = !process::environmentText("KIROWEB_LINK").empty();
     // The host's time-out comes first.
     constexpr std::chrono::hours kYear(24 * 365);
     window.timeout = kYear;
@@ -150,13 +153,12 @@ bool runForPages(const Options& options) {
     const History history;
     const kirohost::Scope log = sayWhatIsLogged();
     const auto window = openWindow(options);
-    const auto& gateway = *window->gateway();
-    print(window->link() + '\n');
+    if (window->gateway() != nullptr) print(window->link() + '\n');
 
     const auto errors = std::make_shared<ErrorLines>();
     const auto reports = sayErrors(errors);
-    PageWatch pages({.ask = [&gateway] { return gateway.statistics(); },
-                     .isGone = [&gateway] { return gateway.lastPageGone(); },
+    PageWatch pages({.ask = [&window] { return window->statistics(); },
+                     .isGone = [&window] { return window->isClientGone(); },
                      .say = &say,
                      .repeatLink = [&window] { repeatLink(*window); }},
                     options.remind);
@@ -168,7 +170,7 @@ bool runForPages(const Options& options) {
     hooks.waiting = [&pages](bool waits) { pages.waiting(waits); };
     hooks.timedOut = [&](const std::string& cause, const std::deque<engine::Latency>& latest) {
         const auto now = std::chrono::system_clock::now();
-        sayTimeout(options, {started, now, cause, gateway.diagnostics(), latest}, history);
+        sayTimeout(options, {started, now, cause, window->diagnostics(), latest}, history);
     };
     engine::Engine engine(*window, data, std::move(hooks));
     const auto result =

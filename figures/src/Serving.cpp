@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/json.hpp>
+#include <cstdio>
 
 #include "PageFiles.hpp"
 #include "TokenFile.hpp"
@@ -31,6 +32,22 @@ bool lagsBehind(const json::value& page) {
            page.at("nextMessage").to_number<std::uint64_t>();
 }
 
+/// What the page needs to do its work, in the options of a gateway or a link.
+template <typename Options>
+void setTraffic(Options& to, const WindowOptions& options, const Channels& channels) {
+    if (!options.tokenFile.empty()) to.token = tokenFrom(options.tokenFile);
+    to.configuration = configuration(options, channels);
+    to.mayPublish = {channels.ready,      channels.newView,    channels.events,
+                     channels.returns[0], channels.returns[1], kErrorChannel};
+    to.maySubscribe = {channels.commands, channels.blocks};
+    to.blockChannels = {channels.blocks};
+    // A command must not overtake the blocks that it names.
+    to.lanes = {{channels.commands, channels.blocks}};
+    // A page announces a new view itself, once it hears the commands. After a return it heard
+    // everything, but what it answered meanwhile may be lost: the frame is sent again.
+    to.reconnectChannel = channels.reconnect;
+}
+
 }  // namespace
 
 kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels& channels) {
@@ -42,7 +59,6 @@ kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels
     gateway.extraHosts = options.extraHosts;
     gateway.extraOrigins = options.extraOrigins;
     gateway.frameAncestors = options.frameAncestors;
-    if (!options.tokenFile.empty()) gateway.token = tokenFrom(options.tokenFile);
     gateway.limits.connections = options.pages + gateway.limits.unauthenticatedConnections;
     // A block that comes in pieces the page has to copy together. Most images are smaller than
     // this, a 32-bit one of 1024 x 1024 is just larger than what is usual.
@@ -50,17 +66,22 @@ kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels
     for (const auto& [path, type, body] : kiropage::files()) {
         gateway.assets.push_back({std::string(path), std::string(type), std::string(body)});
     }
-    gateway.configuration = configuration(options, channels);
-    gateway.mayPublish = {channels.ready,      channels.newView,    channels.events,
-                          channels.returns[0], channels.returns[1], kErrorChannel};
-    gateway.maySubscribe = {channels.commands, channels.blocks};
-    gateway.blockChannels = {channels.blocks};
-    // A command must not overtake the blocks that it names.
-    gateway.lanes = {{channels.commands, channels.blocks}};
-    // A page announces a new view itself, once it hears the commands. After a return it heard
-    // everything, but what it answered meanwhile may be lost: the frame is sent again.
-    gateway.reconnectChannel = channels.reconnect;
+    setTraffic(gateway, options, channels);
     return gateway;
+}
+
+kirolink::Options linkOptions(const WindowOptions& options, const Channels& channels,
+                              const std::string& file) {
+    auto link = kirolink::loadOptions(file);
+    setTraffic(link, options, channels);
+    link.pieceSize = kirogateway::Limits().bytesUnderWay;
+    if (options.printsLink) {
+        link.onGateway = [](const std::string& address) {
+            std::puts(address.c_str());
+            std::fflush(stdout);
+        };
+    }
+    return link;
 }
 
 std::string lateCause(bool hasAnnounced, const std::string& pages) {

@@ -4,6 +4,7 @@
 
 #include "kirofigures/Window.hpp"
 #include "kirogateway/Options.hpp"
+#include "kirolink/Options.hpp"
 
 namespace kirofigures::detail {
 
@@ -16,7 +17,13 @@ inline constexpr const char* kErrorChannel = "/services/ErrorLoggingService/JSEr
 [[nodiscard]] kirogateway::Options gatewayOptions(const WindowOptions& options,
                                                   const Channels& channels);
 
-/// Why no token has come back, in a few words. `pages`: the gateway's diagnostics.
+/// The options of a link to other machines, which `file` leads to: prints a link for each gateway
+/// that serves the page, if that is wanted. Throws as the constructor of `Window` does.
+[[nodiscard]] kirolink::Options linkOptions(const WindowOptions& options, const Channels& channels,
+                                            const std::string& file);
+
+/// Why no token has come back, in a few words. `pages`: the diagnostics of the gateway, or of the
+/// link, which has gateways in their place.
 [[nodiscard]] std::string lateCause(bool hasAnnounced, const std::string& pages);
 
 }  // namespace kirofigures::detail

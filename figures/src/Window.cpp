@@ -13,16 +13,17 @@
 #include "Place.hpp"
 #include "Recording.hpp"
 #include "Scene.hpp"
+#include "Served.hpp"
 #include "Serving.hpp"
 #include "Signals.hpp"
 #include "Surroundings.hpp"
 #include "Text.hpp"
 #include "Waking.hpp"
+#include "checked/Require.hpp"
 #include "kiro/web/BootstrappingCommandSender.hpp"
 #include "kiro/web/ConnectionStatus.hpp"
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
-#include "kirogateway/Gateway.hpp"
 #include "process/Browser.hpp"
 
 namespace kirofigures {
@@ -134,7 +135,7 @@ struct Window::Impl {
     bool isInside = false;  ///< in draw or wait
     bool hasNews = false;   ///< has come in a draw, too late for its frame
     /// After the frames, which it answers; it goes before everything that it delivers to.
-    std::unique_ptr<kirogateway::Gateway> gateway;
+    std::unique_ptr<Served> served;
     process::Browser browser;
 };
 
@@ -153,8 +154,7 @@ Window::Impl::Impl(WindowOptions given, const Surroundings* others)
     const bool isServed = options.serves && others == nullptr;
     // A program whose port is taken leaves a recording as it is; one whose file cannot be made
     // shows nobody a link.
-    if (isServed)
-        gateway = std::make_unique<kirogateway::Gateway>(gatewayOptions(options, channels));
+    if (isServed) served = std::make_unique<Served>(options, channels);
     if (!options.recording.empty()) recording.start(options.recording, options.recordingQueue);
     if (isServed) showLink();
 }
@@ -162,10 +162,10 @@ Window::Impl::Impl(WindowOptions given, const Surroundings* others)
 Surroundings Window::Impl::ownSurroundings() {
     Surroundings own;
     if (!options.serves) return own;
-    own.isPageGone = [this] { return gateway != nullptr && gateway->lastPageGone(); };
-    own.numPages = [this] { return gateway->statistics().pages; };
+    own.isPageGone = [this] { return served != nullptr && served->isLastPageGone(); };
+    own.numPages = [this] { return served->statistics().pages; };
     own.lateCause = [this] {
-        return lateCause(sender->queryCommandSenderReadyStatus(), gateway->diagnostics());
+        return lateCause(sender->queryCommandSenderReadyStatus(), served->diagnostics());
     };
     return own;
 }
@@ -188,6 +188,9 @@ Frames::Means Window::Impl::means() {
 }
 
 void Window::Impl::showLink() {
+    auto* const gateway = served->gateway();
+    // Gateways elsewhere come later, and their links with them.
+    if (gateway == nullptr) return;
     if (options.printsLink) {
         std::puts(gateway->link().c_str());
         std::fflush(stdout);
@@ -312,7 +315,7 @@ void Window::close() noexcept {
 }
 
 std::string Window::link() const {
-    return fImpl->gateway == nullptr ? std::string() : fImpl->gateway->link();
+    return fImpl->served == nullptr ? std::string() : fImpl->served->link();
 }
 
 void Window::record(const std::string& path) {
@@ -341,7 +344,25 @@ const std::shared_ptr<kiro::web::ConnectionStatus>& Window::status() const noexc
 
 const Channels& Window::channels() const noexcept { return fImpl->channels; }
 
-const kirogateway::Gateway* Window::gateway() const noexcept { return fImpl->gateway.get(); }
+const kirogateway::Gateway* Window::gateway() const noexcept {
+    return fImpl->served == nullptr ? nullptr : fImpl->served->gateway();
+}
+
+bool Window::isServed() const noexcept { return fImpl->served != nullptr; }
+
+kirogateway::Statistics Window::statistics() const {
+    KIROWEB_REQUIRE(isServed());
+    return fImpl->served->statistics();
+}
+
+std::string Window::diagnostics() const {
+    KIROWEB_REQUIRE(isServed());
+    return fImpl->served->diagnostics();
+}
+
+bool Window::isClientGone() const noexcept {
+    return fImpl->served != nullptr && fImpl->served->isLastPageGone();
+}
 
 const char* nameOf(Outcome outcome) noexcept {
     static constexpr std::array<const char*, 8> kNames{

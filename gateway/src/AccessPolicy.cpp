@@ -1,8 +1,8 @@
 #include "AccessPolicy.hpp"
 
 #include <algorithm>
+#include <utility>
 
-#include "Gzip.hpp"
 #include "checked/Require.hpp"
 
 namespace kirogateway {
@@ -35,22 +35,14 @@ std::vector<std::string> hostsOf(const Options& options, std::uint16_t port) {
     return hosts;
 }
 
-/// Bytes of all assets that are compressed: some 35 ms for each MiB of scripts, before the program
-/// goes on. What is beyond goes out as it is.
-constexpr std::size_t kMostCompressed = 4 * kMiB;
-
-/// Empty when it gains nothing; pictures and fonts are compressed as they are. Takes of `room`, the
-/// bytes that may still be compressed.
-std::string compressed(const Asset& asset, std::size_t& room) {
-    const std::string_view type = asset.contentType;
-    const bool isText = type.starts_with("text/") || type.starts_with("image/svg") ||
-                        type.find("json") != std::string_view::npos ||
-                        type.find("script") != std::string_view::npos;
-    if (!isText || asset.body.size() > room) return {};
-    room -= asset.body.size();
-    auto gzip = gzipped(asset.body);
-    return gzip.size() < asset.body.size() ? gzip : std::string();
+Admission notYet() {
+    Admission admission{503, "the engine has not been reached yet"};
+    admission.comesLater = true;
+    return admission;
 }
+
+/// "wss://plot.example:8443" of "https://plot.example:8443".
+std::string socketOf(const std::string& origin) { return "ws" + origin.substr(4); }
 
 }  // namespace
 
@@ -59,8 +51,8 @@ bool awaitsBody(const Request& request) noexcept {
            request.bodySize > 0 && request.bodySize <= kMaxBody;
 }
 
-AccessPolicy::AccessPolicy(const Options& options, std::uint16_t port, Secrets& secrets)
-    : fSecrets(secrets),
+AccessPolicy::AccessPolicy(const Options& options, std::uint16_t port, Entrance entrance)
+    : fEntrance(std::move(entrance)),
       fIsSecure(!options.certificateFile.empty()),
       fHosts(hostsOf(options, port)),
       fFrameAncestors(options.frameAncestors.empty() ? "'none'" : "") {
@@ -69,9 +61,9 @@ AccessPolicy::AccessPolicy(const Options& options, std::uint16_t port, Secrets& 
     for (const auto& host : fHosts) fOrigins.push_back(scheme + host);
     fOrigins.insert(fOrigins.end(), options.extraOrigins.begin(), options.extraOrigins.end());
     for (const auto& origin : options.frameAncestors) fFrameAncestors += origin + ' ';
-    std::size_t room = kMostCompressed;
-    for (const auto& asset : options.assets) {
-        fAssets.try_emplace(asset.name, Served{&asset, compressed(asset, room)});
+    for (const auto& origin : fEntrance.others) {
+        fOrigins.push_back(origin);
+        fSockets += ' ' + socketOf(origin);
     }
 }
 
@@ -90,12 +82,14 @@ Admission AccessPolicy::decide(const Request& request, TimePoint now) {
 }
 
 Admission AccessPolicy::serve(const Request& request) const {
-    const auto found = fAssets.find(request.target.substr(0, request.target.find('?')));
-    if (found == fAssets.end()) return {404, "no such asset"};
-    const auto& [asset, gzip] = found->second;
-    const bool isGzip = request.takesGzip && !gzip.empty();
-    const std::string_view body = isGzip ? gzip : asset->body;
-    return {200, {}, body, asset->contentType, {}, isGzip, !gzip.empty()};
+    const auto path = request.target.substr(0, request.target.find('?'));
+    const auto found = fEntrance.assets->find(path, request.takesGzip);
+    if (!found) return {404, "no such asset"};
+    Admission admission{200, {}, found->body, found->contentType};
+    admission.isGzip = found->isGzip;
+    admission.variesByEncoding = found->variesByEncoding;
+    admission.comesLater = fEntrance.secrets == nullptr;
+    return admission;
 }
 
 std::optional<Admission> AccessPolicy::refuseHost(const Request& request) const {
@@ -122,13 +116,14 @@ std::optional<Admission> AccessPolicy::refuseToken(const Request& request) const
         token = offer.substr(kTokenOffer.size());
     }
     if (!token) return Admission{403, "no token"};
-    if (!fSecrets.isToken(*token)) return Admission{403, "wrong token"};
+    if (!fEntrance.secrets->isToken(*token)) return Admission{403, "wrong token"};
     return std::nullopt;
 }
 
 Admission AccessPolicy::decideUpgrade(const Request& request) const {
     if (request.method != "GET" || !request.isUpgrade) return {400, "not a WebSocket upgrade"};
     if (auto refusal = refuseOrigin(request)) return *refusal;
+    if (fEntrance.secrets == nullptr) return notYet();
     if (auto refusal = refuseToken(request)) return *refusal;
     if (std::ranges::find(request.subprotocols, kSubprotocol) == request.subprotocols.end()) {
         return {400, "subprotocol kiroweb.v1 not offered"};
@@ -141,16 +136,18 @@ Admission AccessPolicy::decideExchange(const Request& request, TimePoint now) {
     if (request.method != "POST") return {405, "method not allowed", {}, kPlainText, "POST"};
     if (request.bodySize > kMaxBody) return {413, "body too large"};
     if (auto refusal = refuseOrigin(request)) return *refusal;
+    if (fEntrance.secrets == nullptr) return notYet();
     if (request.bodySize == 0) return {400, "a code is expected"};
     KIROWEB_REQUIRE(request.body.size() == request.bodySize);
-    if (!fSecrets.useCode(request.body, now)) return {403, "wrong or used code"};
-    return {200, {}, fSecrets.token()};
+    auto& secrets = *fEntrance.secrets;
+    if (!secrets.useCode(request.body, now)) return {403, "wrong or used code"};
+    return {200, {}, secrets.token()};
 }
 
 std::string AccessPolicy::commonFields(std::string_view host) const {
     // Old browsers do not count ws: as 'self'.
     std::string connect = "'self'";
-    if (!host.empty()) connect += (fIsSecure ? " wss://" : " ws://") + std::string(host);
+    if (!host.empty()) connect += (fIsSecure ? " wss://" : " ws://") + std::string(host) + fSockets;
     return served::securityFields(connect, fFrameAncestors);
 }
 

@@ -3,12 +3,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
+#include "AssetTable.hpp"
 #include "kirogateway/Options.hpp"
 #include "secret/Secrets.hpp"
 #include "served/Http.hpp"
@@ -31,7 +32,7 @@ inline constexpr std::string_view kTokenOffer = "kiroweb.token.";
 /// were taken from.
 struct Request {
     std::string_view method;
-    std::string_view target;
+    std::string_view target;                     ///< what follows the prefix of its site
     std::vector<std::string_view> hosts;         ///< every Host field
     std::vector<std::string_view> origins;       ///< every Origin field
     std::vector<std::string_view> subprotocols;  ///< those offered, over all fields
@@ -57,6 +58,15 @@ struct Admission {
     std::string_view allowedMethods{};  ///< for 405
     bool isGzip = false;                ///< the body is
     bool variesByEncoding = false;      ///< another client may be answered in another encoding
+    bool comesLater = false;            ///< nobody gets in yet: to be asked again a second later
+};
+
+/// What the pages of one site get in with, and what they get.
+struct Entrance {
+    std::shared_ptr<const AssetTable> assets;
+    std::shared_ptr<Secrets> secrets;  ///< null: nobody gets in yet
+    /// Origins of other servers of the same pages, which may come from there and go there.
+    std::vector<std::string> others{};
 };
 
 /// Decides who gets in and what is served. Knows neither sockets nor a parser. Any thread.
@@ -64,9 +74,7 @@ class AccessPolicy {
   public:
     using TimePoint = Secrets::TimePoint;
 
-    /// Compresses the assets that gain by it.
-    /// REQUIRES: `options` and `secrets` outlive the policy.
-    AccessPolicy(const Options& options, std::uint16_t port, Secrets& secrets);
+    AccessPolicy(const Options& options, std::uint16_t port, Entrance entrance);
 
     /// Decides on `request`, and uses up the code that it exchanges.
     /// REQUIRES: its body has been read, if it awaits one.
@@ -79,10 +87,6 @@ class AccessPolicy {
     [[nodiscard]] std::string commonFields(std::string_view host) const;
 
   private:
-    struct Served {
-        const Asset* asset;
-        std::string gzip;  ///< the body; empty when it gains nothing
-    };
     [[nodiscard]] std::optional<Admission> refuseHost(const Request& request) const;
     [[nodiscard]] std::optional<Admission> refuseOrigin(const Request& request) const;
     [[nodiscard]] std::optional<Admission> refuseToken(const Request& request) const;
@@ -90,13 +94,13 @@ class AccessPolicy {
     [[nodiscard]] Admission decideUpgrade(const Request& request) const;
     [[nodiscard]] Admission decideExchange(const Request& request, TimePoint now);
 
-    Secrets& fSecrets;
+    const Entrance fEntrance;
     const bool fIsSecure;
     std::string fAddress;
     std::vector<std::string> fHosts;
     std::string fFrameAncestors;  ///< as they stand in the header
     std::vector<std::string> fOrigins;
-    std::unordered_map<std::string_view, Served> fAssets;
+    std::string fSockets;  ///< of the other servers, as they stand in the header
 };
 
 }  // namespace kirogateway

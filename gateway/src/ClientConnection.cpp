@@ -26,12 +26,13 @@ constexpr std::size_t kPiece = 16UL * 1024;
 
 ClientConnection::ClientConnection(tcp::socket socket, ServerContext& context)
     : fContext(context),
+      fSite(context.sites->find({})),
       fSocket(std::make_shared<Socket>(std::move(socket))),
       fStream(fSocket, context.tls.get()),
       fTimer(fStream.get_executor()),
       fRest(fStream.get_executor()),
       fDeadline(steady_clock::now() + limits().request),
-      fReadPace(context.services.context->options.limits.readRate),
+      fReadPace(limits().readRate),
       fPlace(context.connections.insert(context.connections.end(), this)) {}
 
 ClientConnection::~ClientConnection() {
@@ -213,7 +214,7 @@ void ClientConnection::drop() noexcept {
 
 void ClientConnection::operationLost() noexcept {
     if (fIsGivenUp) return;
-    fContext.services.context->log.write("a connection was given up", "an operation was lost");
+    fSite->context->log.write("a connection was given up", "an operation was lost");
     drop();
 }
 

@@ -96,22 +96,20 @@ class ClientConnection final : public ServedConnection,
         try {
             call();
         } catch (...) {
-            fContext.services.context->log.writeCaught("a connection was given up");
+            fSite->context->log.writeCaught("a connection was given up");
             drop();
         }
     }
     /// Ends the connection, on which nothing is waited for any more.
     void operationLost() noexcept;
 
-    [[nodiscard]] const Limits& limits() const noexcept {
-        return fContext.services.context->options.limits;
-    }
-    [[nodiscard]] GuardedLog& peerLog() const noexcept {
-        return fContext.services.context->peerLog;
-    }
+    [[nodiscard]] const Limits& limits() const noexcept { return fSite->context->options.limits; }
+    [[nodiscard]] GuardedLog& peerLog() const noexcept { return fSite->context->peerLog; }
     [[nodiscard]] Wire& wire() { return fStream.next_layer(); }
     [[nodiscard]] boost::asio::ip::tcp::socket& socket() { return fSocket->native(); }
 
+    /// The request that was read, for the site that its target names.
+    [[nodiscard]] ::kirogateway::Request requestOfSite();
     void readRequest();
     void onHeader(ErrorCode error);
     void onRequest(ErrorCode error);
@@ -133,6 +131,7 @@ class ClientConnection final : public ServedConnection,
     void discard();
 
     ServerContext& fContext;
+    std::shared_ptr<Site> fSite;  ///< the root until there is a request
     const std::shared_ptr<Socket> fSocket;
     boost::beast::websocket::stream<Wire, false> fStream;
     boost::asio::steady_timer fTimer;

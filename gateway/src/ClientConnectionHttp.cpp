@@ -27,8 +27,15 @@ void ClientConnection::readRequest() {
                             }));
 }
 
+::kirogateway::Request ClientConnection::requestOfSite() {
+    auto request = requestOf(fParser->get());
+    fSite = fContext.sites->find(request.target);
+    request.target.remove_prefix(fSite->prefix.size());
+    return request;
+}
+
 void ClientConnection::onHeader(ErrorCode error) {
-    if (error || !awaitsBody(requestOf(fParser->get()))) return onRequest(error);
+    if (error || !awaitsBody(requestOfSite())) return onRequest(error);
     http::async_read(wire(), fBuffer, *fParser,
                      handler([](ClientConnection& self, ErrorCode failed, std::size_t) {
                          self.onRequest(failed);
@@ -42,8 +49,8 @@ void ClientConnection::onRequest(ErrorCode error) {
         peerLog().write("malformed request", error.message());
         return answer(*refusal, nullptr);
     }
-    const auto request = requestOf(fParser->get());
-    auto admission = fContext.access->decide(request, steady_clock::now());
+    const auto request = requestOfSite();
+    auto admission = fSite->access->decide(request, steady_clock::now());
     // They would be lost, or only their first part: a client has to wait for the answer.
     if (admission.status == 101 && fBuffer.size() > 0)
         admission = {400, "frames before the answer"};
@@ -58,7 +65,7 @@ void ClientConnection::onRequest(ErrorCode error) {
 
 void ClientConnection::answer(const Admission& admission, const ::kirogateway::Request* request) {
     const bool keepAlive = keepsAlive(admission, request);
-    fOut = responseText(admission, request, *fContext.access);
+    fOut = responseText(admission, request, *fSite->access);
     fDeadline = steady_clock::now() + limits().request;  // to take it
     wire().write(asio::buffer(fOut),
                  writeHandler([keepAlive](ClientConnection& self) { self.onAnswered(keepAlive); }));
@@ -73,7 +80,7 @@ void ClientConnection::onAnswered(bool keepAlive) {
 
 void ClientConnection::upgrade() {
     const auto request = requestOf(fParser->get());
-    fOut = responseText({101}, &request, *fContext.access);
+    fOut = responseText({101}, &request, *fSite->access);
     wire().redirect({});  // Beast's answer names Beast
     fStream.read_message_max(limits().messageSize);
     fStream.auto_fragment(false);
@@ -90,7 +97,8 @@ void ClientConnection::beginSession() {
     fParser.reset();
     fBuffer.consume(fBuffer.size());
     fBuffer.shrink_to_fit();
-    fSession.emplace(fContext.services, ViewRegistry::Arrival{*this, fSocket, !wire().isTls()});
+    fReadPace = ReadPace(limits().readRate);
+    fSession.emplace(fSite->services, ViewRegistry::Arrival{*this, fSocket, !wire().isTls()});
     fDeadline = steady_clock::now() + limits().hello;
     wire().write(asio::buffer(fOut), writeHandler([](ClientConnection& self) {
                      self.fOut = {};

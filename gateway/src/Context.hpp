@@ -1,6 +1,9 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "Budget.hpp"
 #include "Counters.hpp"
@@ -9,15 +12,23 @@
 
 namespace kirogateway {
 
-/// What the parts of one gateway share. Any thread.
+/// What the parts of one site share. Any thread.
 struct Context {
-    explicit Context(Options theOptions)
+    /// Lines of the log begin with `whose`. Several sites may have the same counters. `theOthers`:
+    /// addresses of the WebSockets of other servers that lead to the same engine.
+    explicit Context(Options theOptions, const std::string& whose = {},
+                     std::shared_ptr<Counters> theCounters = std::make_shared<Counters>(),
+                     std::vector<std::string> theOthers = {})
         : options(std::move(theOptions)),
-          counters(std::make_shared<Counters>()),
+          others(std::move(theOthers)),
+          counters(std::move(theCounters)),
           memory(std::make_shared<Budget>(options.limits.memory)),
-          lostMemory(std::make_shared<Budget>(options.limits.lostMemory)) {}
+          lostMemory(std::make_shared<Budget>(options.limits.lostMemory)),
+          log(whose),
+          peerLog(whose) {}
 
     const Options options;
+    const std::vector<std::string> others;
     const std::shared_ptr<Counters> counters;
     const std::shared_ptr<Budget> memory;      ///< of all that waits
     const std::shared_ptr<Budget> lostMemory;  ///< of what is kept for views without a connection

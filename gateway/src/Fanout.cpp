@@ -168,28 +168,35 @@ View::Part Fanout::offerTo(View& view, std::string_view channel, std::size_t lan
     }
 }
 
-void Fanout::offer(relay::binary::experimental::Delivery delivery) noexcept try {
+void Fanout::offer(const std::string& channel, const std::shared_ptr<Transfer>& transfer) noexcept
+    try {
     const auto views = fViews->views();
-    const std::string channel = delivery.channel();
-    const auto size = delivery.block().size();
-    bool isHeard = isPlain(channel);
-    isHeard = isHeard &&
-              std::ranges::any_of(*views, [&](const auto& view) { return view->hears(channel); });
-    auto charge = isHeard ? chargeFor(channel, size) : Charge();
-    isHeard = isHeard && charge.bytes() == size;
-    const auto transfer =
-        std::make_shared<Transfer>(std::move(delivery), fContext->counters, std::move(charge));
+    const auto hears = [&channel](const auto& view) { return view->hears(channel); };
+    if (!isPlain(channel) || std::ranges::none_of(*views, hears)) {
+        return transfer->close(Transfer::Outcome::kNobody);
+    }
+    const auto size = transfer->bytes().size();
+    auto charge = chargeFor(channel, size);
+    if (charge.bytes() != size) return transfer->close(Transfer::Outcome::kRefused);
+    transfer->charge(std::move(charge));
     bool anybodyJoined = false;
     bool anybodyRefused = false;
     const auto lane = laneOf(channel);
-    if (isHeard) {
-        for (const auto& view : *views) {
-            const auto part = offerTo(*view, channel, lane, transfer);
-            anybodyJoined = anybodyJoined || part == View::Part::kJoined;
-            anybodyRefused = anybodyRefused || part == View::Part::kRefused;
-        }
+    for (const auto& view : *views) {
+        const auto part = offerTo(*view, channel, lane, transfer);
+        anybodyJoined = anybodyJoined || part == View::Part::kJoined;
+        anybodyRefused = anybodyRefused || part == View::Part::kRefused;
     }
-    transfer->close(anybodyJoined && !anybodyRefused);
+    using Outcome = Transfer::Outcome;
+    transfer->close(anybodyRefused  ? Outcome::kRefused
+                    : anybodyJoined ? Outcome::kDelivered
+                                    : Outcome::kNobody);
+} catch (...) {  // no memory: the transfer gives the block back as it goes
+}
+
+void Fanout::offer(relay::binary::experimental::Delivery delivery) noexcept try {
+    const std::string channel = delivery.channel();
+    offer(channel, std::make_shared<HostTransfer>(std::move(delivery), fContext->counters));
 } catch (...) {  // no memory: the delivery gives the block back as it goes
 }
 

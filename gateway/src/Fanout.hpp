@@ -15,14 +15,18 @@
 
 namespace kirogateway {
 
-/// The way from the process to the pages: hands what is published to every view that hears it.
-/// Publishing threads.
+/// The way from the engine to the pages: hands what is published to every view that hears it. The
+/// host hands it over, or what follows an engine on another machine. Publishing threads.
 class Fanout final : public relay::Transport {
   public:
     Fanout(std::shared_ptr<Context> context, std::shared_ptr<ViewRegistry> views);
 
+    /// REQUIRES: calls come one at a time.
     void messagePublished(const relay::Publication& message) override;
-    /// Engine code (the block's completion) may be called from here.
+    /// Lets every view take part that hears `channel`. Who waits for the block may be told from
+    /// here.
+    void offer(const std::string& channel, const std::shared_ptr<Transfer>& transfer) noexcept;
+    /// As above, for a block of this process.
     void offer(relay::binary::experimental::Delivery delivery) noexcept;
 
   private:
@@ -54,7 +58,7 @@ class Fanout final : public relay::Transport {
     const std::shared_ptr<ViewRegistry> fViews;
     std::vector<ChannelList> fLanes;  ///< constant after construction
 
-    // Guarded by the relay's publish lock, which is held whenever a message is handed over.
+    // Guarded by whoever hands messages over, one at a time: the relay under its publish lock.
     std::unordered_map<std::string, Route, Hash, std::equal_to<>> fRoutes;
     std::uint64_t fRoutesVersion = 0;
     const std::string* fLastChannel = nullptr;  ///< a key of `fRoutes`

@@ -2,20 +2,17 @@
 
 #include <boost/system/system_error.hpp>
 #include <chrono>
+#include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "Context.hpp"
-#include "Fanout.hpp"
-#include "Inbound.hpp"
+#include "HostBus.hpp"
+#include "Interpreter.hpp"
 #include "OptionsCheck.hpp"
 #include "Server.hpp"
-#include "ViewRegistry.hpp"
 #include "annotated/Mutex.hpp"
-#include "graphics_util/getContextQCRID.hpp"
-#include "qvm/detail/taskRouterAccess.hpp"
-#include "taskrouter/TaskRouter.hpp"
 
 namespace kirogateway {
 namespace {
@@ -23,59 +20,52 @@ namespace {
 using relay::binary::experimental::ClientEnd;
 using relay::binary::experimental::Delivery;
 
-/// Queues an empty task, so that a wait on the interpreter thread looks at its condition.
-void wakeInterpreter(qnutil::contextmgr::QcrID context) {
-    const taskrouter::RunOptions options{taskrouter::WhenToDequeue::kWhenIdle, ""};
-    const auto router = qvm::detail::getTaskRouterAndSinks(context, options).router;
-    if (router == nullptr) return;
-    router->enqueueWithFuture(taskrouter::PackagedTaskIIP<void>({[] {}}, "kirogateway::Gateway"),
-                              options, qvm::detail::createID());
-}
-
 }  // namespace
 
 struct Gateway::Impl {
     explicit Impl(Options options)
-        : context(std::make_shared<Context>(std::move(options))),
+        : assets(std::make_shared<const AssetTable>(std::exchange(options.assets, {}))),
+          context(std::make_shared<Context>(std::move(options))),
           wakeup(std::make_shared<Wakeup>()),
-          inbound(context),
-          views(std::make_shared<ViewRegistry>(context, wakeup, inbound, lastPageGone())),
-          fanout(std::make_shared<Fanout>(context, views)),
-          secrets(context->options.limits.code, context->options.token),
-          server({context, views, inbound}, wakeup) {}
+          site(std::make_shared<Site>(std::string(), context, wakeup, lastPageGone())),
+          secrets(std::make_shared<Secrets>(context->options.limits.code, context->options.token)),
+          server(context, wakeup) {}
 
     void start();
     void stop() noexcept;
     [[nodiscard]] std::function<void()> lastPageGone() const {
         const auto& own = context->options.onLastPageGone;
         if (own) return own;
-        return [interpreter = graphics_util::getContextQCRID()] { wakeInterpreter(interpreter); };
+        return interpreterWaking("kirogateway::Gateway");
     }
 
+    const std::shared_ptr<const AssetTable> assets;
     const std::shared_ptr<Context> context;
     const std::shared_ptr<Wakeup> wakeup;
-    Inbound inbound;
-    const std::shared_ptr<ViewRegistry> views;
-    const std::shared_ptr<Fanout> fanout;
-    Secrets secrets;
+    const std::shared_ptr<Site> site;  ///< the only one
+    const std::shared_ptr<Secrets> secrets;
     std::string address;
     Server server;
     std::vector<std::unique_ptr<ClientEnd>> ends;
     std::unique_ptr<relay::TransportLink> link;
+    std::optional<HostBus> bus;
     annotated::Mutex mutex{annotated::Rank::kGatewayStop};  ///< two may stop at once
 };
 
 void Gateway::Impl::start() {
-    auto access = std::make_unique<AccessPolicy>(context->options, server.port(), secrets);
-    address = access->address();
-    for (const auto& channel : context->options.blockChannels) {
+    const auto& options = context->options;
+    site->access =
+        std::make_unique<AccessPolicy>(options, server.port(), Entrance{assets, secrets});
+    address = site->access->address();
+    for (const auto& channel : options.blockChannels) {
         // The end's handler may still run when this gateway is gone.
         ends.push_back(std::make_unique<ClientEnd>(
-            channel, [to = fanout](Delivery delivery) { to->offer(std::move(delivery)); }));
+            channel, [to = site->fanout](Delivery delivery) { to->offer(std::move(delivery)); }));
     }
-    link = relay::getRelay().attach(fanout);
-    inbound.connect(*link, ends.empty() ? nullptr : ends.front().get());
-    server.start(std::move(access));
+    link = relay::getRelay().attach(site->fanout);
+    bus.emplace(*link, ends.empty() ? nullptr : ends.front().get(), context);
+    site->inbound.connect(*bus);
+    server.start(Sites(site));
 }
 
 void Gateway::Impl::stop() noexcept {
@@ -99,18 +89,18 @@ void Gateway::stop() noexcept { fImpl->stop(); }
 
 std::uint16_t Gateway::port() const noexcept { return fImpl->server.port(); }
 
-std::string Gateway::link() const { return fImpl->address + "/#token=" + fImpl->secrets.token(); }
+std::string Gateway::link() const { return fImpl->address + "/#token=" + fImpl->secrets->token(); }
 
 std::string Gateway::singleUseLink() {
-    return fImpl->address + "/#code=" + fImpl->secrets.makeCode(std::chrono::steady_clock::now());
+    return fImpl->address + "/#code=" + fImpl->secrets->makeCode(std::chrono::steady_clock::now());
 }
 
-bool Gateway::lastPageGone() const noexcept { return fImpl->views->lastPageGone(); }
+bool Gateway::lastPageGone() const noexcept { return fImpl->site->views->lastPageGone(); }
 
-Statistics Gateway::statistics() const { return fImpl->views->statistics(); }
+Statistics Gateway::statistics() const { return fImpl->site->views->statistics(); }
 
 std::string Gateway::diagnostics() const {
-    return fImpl->views->diagnostics(std::chrono::steady_clock::now());
+    return fImpl->site->views->diagnostics(std::chrono::steady_clock::now());
 }
 
 }  // namespace kirogateway

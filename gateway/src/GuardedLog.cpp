@@ -42,7 +42,8 @@ void GuardedLog::writeCaught(std::string_view event) noexcept {
 }
 
 void GuardedLog::writeLine(std::string_view event, std::string_view detail, std::size_t leftOut) {
-    std::string line(event);
+    std::string line = fWhose;
+    line += event;
     if (!detail.empty()) line += ": " + escaped(detail);
     if (leftOut > 0) line += " (" + std::to_string(leftOut) + " lines left out before)";
     kiroutils::Logger::instance().log("gateway", line);

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "Clock.hpp"
 #include "annotated/Mutex.hpp"
@@ -19,6 +21,9 @@ class GuardedLog {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
+    /// Each line begins with `whose`.
+    explicit GuardedLog(std::string whose = {}) : fWhose(std::move(whose)) {}
+
     /// Writes a line, unless there were too many; `detail` comes from outside and is escaped.
     /// A line that cannot be written, for lack of memory or because an observer of the log throws,
     /// counts as left out.
@@ -33,6 +38,7 @@ class GuardedLog {
     void writeLine(std::string_view event, std::string_view detail, std::size_t leftOut);
     [[nodiscard]] bool mayWriteLocked(TimePoint now) REQUIRES_LOCK(fMutex);
 
+    const std::string fWhose;
     annotated::Mutex fMutex;
     double fCredit GUARDED_BY(fMutex) = kBurst;
     TimePoint fLast GUARDED_BY(fMutex);

@@ -4,10 +4,10 @@
 #include <boost/asio/ssl/context.hpp>
 #include <list>
 #include <memory>
+#include <optional>
 
-#include "AccessPolicy.hpp"
 #include "Connection.hpp"
-#include "Session.hpp"
+#include "Site.hpp"
 #include "Wakeup.hpp"
 
 namespace kirogateway {
@@ -27,9 +27,9 @@ class ServedConnection : public Connection {
 
 /// What connections share. It outlives them.
 struct ServerContext {
-    SessionServices services;
+    std::shared_ptr<Context> context;  ///< the root's
     std::shared_ptr<Wakeup> wakeup;
-    std::unique_ptr<AccessPolicy> access;
+    std::optional<Sites> sites;                      ///< there when connections are
     std::unique_ptr<boost::asio::ssl::context> tls;  ///< empty: none
     std::list<ServedConnection*> connections;        ///< oldest first
 };

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <cerrno>
 #include <system_error>
 
@@ -52,22 +53,28 @@ void requireTimer(asio::io_context& context) {
 
 }  // namespace
 
-Server::Server(SessionServices services, std::shared_ptr<Wakeup> wakeup)
-    : fShared{std::move(services), std::move(wakeup), nullptr, nullptr, {}},
-      fAcceptor(listenOn(fContext, fShared.services.context->options)),
+Server::Server(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup)
+    : fShared{std::move(context), std::move(wakeup), std::nullopt, nullptr, {}},
+      fAcceptor(listenOn(fContext, fShared.context->options)),
       fBell(fContext, duplicateOf(fShared.wakeup->descriptor())),
       fTick(fContext),
       fRetry(fContext) {
     requireTimer(fContext);
-    const auto& options = fShared.services.context->options;
+    const auto& options = fShared.context->options;
     fPeriod = periodOf(options.limits);
     fShared.tls = tlsOf(options);
     fPort = fAcceptor.local_endpoint().port();
 }
 
-void Server::start(std::unique_ptr<AccessPolicy> access) {
-    fShared.access = std::move(access);
+void Server::start(Sites sites) {
+    fShared.sites.emplace(std::move(sites));
     fThread = process::makeThread("the gateway", [this] { run(); });
+}
+
+void Server::post(std::function<void(Sites&)> call) {
+    asio::post(fContext, [this, call = std::move(call)] {
+        if (!fIsStopping) call(*fShared.sites);
+    });
 }
 
 // --- The thread --------------------------------------------------------------------------------
@@ -107,7 +114,7 @@ void Server::runOnce() {
 void Server::arm() {
     if (!fIsListening) awaitBell();
     if (!fIsAccepting && !fIsStopping) accept();
-    const bool isIdle = fShared.connections.empty() && fShared.services.views->isEmpty();
+    const bool isIdle = fShared.connections.empty() && fShared.sites->areViewsEmpty();
     if (!fIsTicking && (!isIdle || fIsStopping)) awaitTick();
 }
 
@@ -141,10 +148,10 @@ void Server::onAccepted(const error_code& error, tcp::socket socket) {
 void Server::admit(tcp::socket socket) {
     static constexpr std::string_view kFull =
         "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    const auto& limits = fShared.services.context->options.limits;
+    const auto& limits = fShared.context->options.limits;
     error_code ignored;
     if (fShared.connections.size() >= limits.connections) {
-        fShared.services.context->peerLog.write("too many connections", {});
+        fShared.context->peerLog.write("too many connections", {});
         socket.non_blocking(true, ignored);
         socket.write_some(asio::buffer(kFull), ignored);
         return;
@@ -157,7 +164,7 @@ void Server::admit(tcp::socket socket) {
 
 void Server::evictOldest() noexcept {
     // To refuse the newest would let a few silent connections keep everybody out.
-    const auto limit = fShared.services.context->options.limits.unauthenticatedConnections;
+    const auto limit = fShared.context->options.limits.unauthenticatedConnections;
     std::size_t count = 0;
     ServedConnection* oldest = nullptr;
     for (auto* connection : fShared.connections) {
@@ -166,7 +173,7 @@ void Server::evictOldest() noexcept {
         ++count;
     }
     if (count < limit) return;
-    fShared.services.context->peerLog.write("too many connections that have not upgraded", {});
+    fShared.context->peerLog.write("too many connections that have not upgraded", {});
     oldest->drop();
 }
 
@@ -182,7 +189,7 @@ void Server::awaitTick() {
 
 void Server::tick() noexcept {
     const auto now = steady_clock::now();
-    fShared.services.views->tick(now);
+    fShared.sites->tick(now);
     // One that is looked at may take itself off the list, but no other.
     for (auto at = fShared.connections.begin(); at != fShared.connections.end();) {
         auto* const connection = *at++;
@@ -206,7 +213,7 @@ void Server::beginStop() noexcept {
     error_code ignored;
     fAcceptor.close(ignored);
     dropConnections(false);
-    fShared.services.views->shut();
+    fShared.sites->shut();
     // Looks at the time more often now, since the end waits for it.
     fPeriod = kStoppingPeriod;
     fTick.cancel(ignored);

@@ -7,6 +7,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -19,8 +20,9 @@ namespace kirogateway {
 /// it arms again what was lost, as soon as there is memory.
 class Server {
   public:
-    /// Listens. Throws as `Gateway` does. REQUIRES: what `services` refer to outlives the server.
-    Server(SessionServices services, std::shared_ptr<Wakeup> wakeup);
+    /// Listens. Throws as `Gateway` does. `context`: of the root, whose limits hold for connections
+    /// until their sites are known, and for how many there are.
+    Server(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup);
     ~Server() { stop(); }
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -28,9 +30,14 @@ class Server {
     [[nodiscard]] std::uint16_t port() const noexcept { return fPort; }
 
     /// Begins to accept, on a thread of its own. Throws std::system_error.
-    void start(std::unique_ptr<AccessPolicy> access);
+    /// REQUIRES: the bus of each site outlives the server's thread.
+    void start(Sites sites);
     /// Closes what is open and ends the thread. REQUIRES: not on that thread.
     void stop() noexcept;
+
+    /// Has `call` called with the sites, on the gateway's thread; what it throws is logged. Dropped
+    /// silently once the server stops. Any thread. Throws std::bad_alloc.
+    void post(std::function<void(Sites&)> call);
 
   private:
     using TimePoint = std::chrono::steady_clock::time_point;
@@ -73,7 +80,7 @@ class Server {
     void tick() noexcept;
     void beginStop() noexcept;
     void dropConnections(bool authenticatedToo) noexcept;
-    [[nodiscard]] GuardedLog& log() noexcept { return fShared.services.context->log; }
+    [[nodiscard]] GuardedLog& log() noexcept { return fShared.context->log; }
 
     ServerContext fShared;  ///< outlives the connections, which are in the context's handlers
     boost::asio::io_context fContext{1};

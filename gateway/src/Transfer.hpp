@@ -18,23 +18,25 @@ namespace kirogateway {
 
 /// One block on its way to all pages that take part. It is delivered when every one of them has
 /// left saying that it has it, and given back if one left without, or none took part. It counts
-/// once, however many pages take part. Any thread.
+/// once, however many pages take part. Who waits for the answer is told by a derived class. Any
+/// thread.
 class Transfer {
   public:
-    Transfer(relay::binary::experimental::Delivery delivery, std::shared_ptr<Counters> counters,
-             Charge charge) noexcept
-        : fDelivery(std::move(delivery)),
-          fCounters(std::move(counters)),
-          fCharge(std::move(charge)) {}
+    enum class Outcome : std::uint8_t {
+        kDelivered,
+        kRefused,  ///< one page did not take it, or left without it
+        kNobody,   ///< there was no page to take it
+    };
+
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
-    ~Transfer() = default;
+    virtual ~Transfer() = default;
 
     /// The block, header included. REQUIRES: called by somebody who joined and has not left.
-    [[nodiscard]] std::string_view bytes() const noexcept {
-        const auto& block = fDelivery.block();
-        return {block.data(), block.size()};
-    }
+    [[nodiscard]] std::string_view bytes() const noexcept { return fBytes; }
+
+    /// Counts what it takes. REQUIRES: called before `close`.
+    void charge(Charge charge) noexcept { fCharge = std::move(charge); }
 
     /// REQUIRES: called before `close`.
     void join() noexcept {
@@ -45,35 +47,57 @@ class Transfer {
     /// A page that joined is done with the block and touches its bytes no more. The last one
     /// completes the engine's future on this thread, which may publish.
     /// REQUIRES: no lock of the gateway's held.
-    void leave(bool hasBlock) noexcept { step(hasBlock); }
+    void leave(bool hasBlock) noexcept { step(hasBlock ? Outcome::kDelivered : Outcome::kRefused); }
 
-    /// Nobody joins any more. REQUIRES: called once; no lock of the gateway's held.
-    void close(bool anybodyJoined) noexcept { step(anybodyJoined); }
+    /// Nobody joins any more. `outcome`: what it is if all who joined leave with the block;
+    /// kNobody: nobody has joined. REQUIRES: called once; no lock of the gateway's held.
+    void close(Outcome outcome) noexcept { step(outcome); }
+
+  protected:
+    /// REQUIRES: `bytes` stay valid until `finish` is called.
+    Transfer(std::string_view bytes, std::shared_ptr<Counters> counters) noexcept
+        : fBytes(bytes), fCounters(std::move(counters)) {}
 
   private:
-    void step(bool hasBlock) noexcept {
-        if (!hasBlock) fIsWhole = false;
+    /// Called once, by the last one who leaves. What it throws is no more than a lack of memory,
+    /// and then the derived class answers as it goes.
+    virtual void finish(Outcome outcome) = 0;
+
+    void step(Outcome outcome) noexcept {
+        if (outcome != Outcome::kDelivered) fOutcome = outcome;
         const auto before = fUnfinished.fetch_sub(1);
         KIROWEB_REQUIRE(before > 0);
         if (before != 1) return;
         fCharge = {};  // before an engine is told, which may send the next one at once
+        const Outcome last = fOutcome;
+        ++(last == Outcome::kDelivered ? fCounters->blocksDelivered : fCounters->blocksGivenBack);
         try {
-            if (fIsWhole) {
-                ++fCounters->blocksDelivered;
-                fDelivery.deliver();
-            } else {
-                ++fCounters->blocksGivenBack;
-                fDelivery.fail();
-            }
-        } catch (...) {  // no memory for the answer: the delivery gives the block back as it goes
+            finish(last);
+        } catch (...) {
         }
     }
 
-    relay::binary::experimental::Delivery fDelivery;
+    const std::string_view fBytes;
     const std::shared_ptr<Counters> fCounters;
     Charge fCharge;
     std::atomic<std::size_t> fUnfinished{1};  ///< the pages, and whoever lets them join
-    std::atomic<bool> fIsWhole{true};
+    std::atomic<Outcome> fOutcome{Outcome::kDelivered};
+};
+
+/// A block of this process.
+class HostTransfer final : public Transfer {
+  public:
+    HostTransfer(relay::binary::experimental::Delivery delivery,
+                 std::shared_ptr<Counters> counters) noexcept
+        : Transfer({delivery.block().data(), delivery.block().size()}, std::move(counters)),
+          fDelivery(std::move(delivery)) {}
+
+  private:
+    void finish(Outcome outcome) override {
+        outcome == Outcome::kDelivered ? fDelivery.deliver() : fDelivery.fail();
+    }
+
+    relay::binary::experimental::Delivery fDelivery;
 };
 
 struct OutboxEntry;

@@ -43,13 +43,15 @@ void tellIfPossible(const Call& call) noexcept {
 }  // namespace
 
 ViewRegistry::ViewRegistry(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup,
-                           Inbound& inbound, std::function<void()> lastPageGone)
+                           Inbound& inbound, std::function<void()> lastPageGone,
+                           std::uint64_t before)
     : fContext(std::move(context)),
       fWakeup(std::move(wakeup)),
       fInbound(inbound),
       fOnLastPageGone(std::move(lastPageGone)),
       fMaySubscribe(fContext->options.maySubscribe),
       fLanes(fContext->options.lanes.size() + 1),
+      fViewCount(before),
       fSnapshot(std::make_shared<const Views>()) {}
 
 std::shared_ptr<const ViewRegistry::Views> ViewRegistry::views() const {
@@ -88,6 +90,7 @@ ViewRegistry::Prepared ViewRegistry::prepare(const wire::Hello& hello, wire::Wel
         if (!isAdded) welcome.refused.push_back(channel);
     }
     welcome.subscribed = subscriptions.channels();
+    welcome.others = fContext->others;
     Prepared prepared;
     prepared.greeting.channelsNamed = welcome.blockChannels.size();
     prepared.greeting.hello.push_back(
@@ -131,8 +134,7 @@ std::shared_ptr<View> ViewRegistry::resume(const wire::Hello& hello, Arrival& ar
     view->write();
     // It has returned, whoever hears of it.
     fContext->log.write("page returned", view->identity().client);
-    fInbound.announce(fContext->options.reconnectChannel, wire::ViewKind::kReturn,
-                      view->identity());
+    fInbound.announce(wire::ViewKind::kReturn, view->identity());
     return view;
 }
 
@@ -165,7 +167,7 @@ std::shared_ptr<View> ViewRegistry::begin(const wire::Hello& hello, Arrival& arr
     view->write();
     // It is there, whoever hears of it.
     fContext->log.write("page connected", view->identity().client);
-    fInbound.announce(fContext->options.newViewChannel, kind, view->identity());
+    fInbound.announce(kind, view->identity());
     return view;
 }
 
@@ -273,7 +275,12 @@ void ViewRegistry::recordDisconnect(const View& view, std::string_view why) noex
     });
 }
 
-void ViewRegistry::shut() noexcept {
+void ViewRegistry::tell(std::string_view control) {
+    const auto all = views();
+    for (const auto& view : *all) view->sendControl(control);
+}
+
+void ViewRegistry::shut(std::string_view why) noexcept {
     fIsShut = true;
     Views views;
     {
@@ -293,9 +300,9 @@ void ViewRegistry::shut() noexcept {
         ++fContext->counters->disconnected;
         rest.isCut ? connection->cut()
                    : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kStopped),
-                                       "gateway stopped", std::move(rest.bytes));
+                                       why.substr(0, kMaxReason), std::move(rest.bytes));
     }
-    if (!views.empty()) fContext->log.write("gateway stopped", {});
+    if (!views.empty()) fContext->log.write(why, {});
     recount();
 }
 
@@ -405,11 +412,14 @@ void ViewRegistry::rememberLocked(const std::string& name, std::string_view why)
 }
 
 void ViewRegistry::recount() noexcept {
-    bool isThere = false;
+    std::size_t count = 0;
     {
         annotated::Lock lock(fMutex);
-        isThere = std::ranges::any_of(fViews, [](const auto& view) { return view->isThere(); });
+        const auto isThere = [](const auto& view) { return view->isThere(); };
+        count = static_cast<std::size_t>(std::ranges::count_if(fViews, isThere));
     }
+    const bool isThere = count > 0;
+    fInbound.pages(count);
     fAnyWasThere = fAnyWasThere || isThere;
     const bool isGone = fAnyWasThere && !isThere;
     if (fLastPageGone.exchange(isGone) || !isGone) return;

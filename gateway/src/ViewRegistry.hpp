@@ -29,9 +29,10 @@ class ViewRegistry {
     using TimePoint = std::chrono::steady_clock::time_point;
     using Views = std::vector<std::shared_ptr<View>>;
 
-    /// `lastPageGone` is called on the gateway's thread; what it throws is logged.
+    /// `lastPageGone` is called on the gateway's thread; what it throws is logged. So many views
+    /// were there `before`, of which this registry knows nothing else.
     ViewRegistry(std::shared_ptr<Context> context, std::shared_ptr<Wakeup> wakeup, Inbound& inbound,
-                 std::function<void()> lastPageGone);
+                 std::function<void()> lastPageGone, std::uint64_t before = 0);
 
     // --- Any thread ---
 
@@ -77,8 +78,10 @@ class ViewRegistry {
     void unsubscribe(View& view, std::string_view channel);
     /// Ends what has lasted too long.
     void tick(TimePoint now) noexcept;
-    /// Ends all views.
-    void shut() noexcept;
+    /// Sends all pages that are connected a control text. Throws std::bad_alloc.
+    void tell(std::string_view control);
+    /// Ends all views, for good. `why` is said to their pages.
+    void shut(std::string_view why = "gateway stopped") noexcept;
 
   private:
     struct Ended {
@@ -124,7 +127,7 @@ class ViewRegistry {
 
     std::atomic<bool> fLastPageGone{false};
     std::atomic<std::uint64_t> fVersion{0};
-    std::atomic<std::uint64_t> fViewCount{0};
+    std::atomic<std::uint64_t> fViewCount;
     bool fIsShut = false;       ///< the gateway's thread's
     bool fAnyWasThere = false;  ///< the gateway's thread's
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Cluster.hpp"
+#include "Surroundings.hpp"
 
 namespace kirolink {
 
@@ -89,18 +90,21 @@ class GatewayEnd {
     };
 
     /// Begins to join. REQUIRES: `cluster` and `follower` outlive it.
-    GatewayEnd(Cluster& cluster, Identity identity, Follower& follower);
+    GatewayEnd(Cluster& cluster, Identity identity, Follower& follower,
+               Surroundings surroundings = Surroundings::real());
     ~GatewayEnd();
     GatewayEnd(const GatewayEnd&) = delete;
     GatewayEnd& operator=(const GatewayEnd&) = delete;
 
     /// What a page published; in order, and kept until the engine has it. Throws std::bad_alloc
-    /// and, when too much waits, std::length_error; nothing is sent then.
+    /// and, when too much waits, std::length_error; nothing is sent then. While the gateway has not
+    /// joined there are no views, and nothing is sent either. As the two that follow.
     void publish(std::string_view channel, std::string_view text);
     void sendBlock(std::string_view channel, std::string_view block);
     enum class ViewKind : std::uint8_t { kNew, kReturn };
-    /// A view has come or come back. The engine's end says which of the session it is.
-    void announce(ViewKind kind, std::string_view client);
+    /// A view has come or come back. The engine's end says which of the session it is. `view`: the
+    /// gateway's own number of it, by which the engine's end knows it again when it comes back.
+    void announce(ViewKind kind, std::string_view client, std::uint64_t view = 0);
     /// How many pages are there now; none after some: the last one has gone.
     void pages(std::size_t count) noexcept;
     /// To be called about every 50 ms: beats, time limits, what was asked for and did not come.

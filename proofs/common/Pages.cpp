@@ -184,9 +184,10 @@ class Page {
     }
 
     void upgrade() {
-        const std::string link(fSettings.at("link").as_string());  // http://HOST/#token=TOKEN
+        const std::string link(fSettings.at("link").as_string());  // http://HOST/S/#token=TOKEN
         const auto host = link.substr(7, link.find('/', 7) - 7);
-        fOut = "GET /kiroweb HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
+        const auto path = link.substr(7 + host.size(), link.find('#') - 7 - host.size());
+        fOut = "GET " + path + "kiroweb HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
                "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
                "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
                "Sec-WebSocket-Protocol: kiroweb.v1, kiroweb.token." +
@@ -278,7 +279,12 @@ class Page {
     bool isUpgraded(std::string_view& left) {
         const auto end = left.find("\r\n\r\n");
         if (end == std::string_view::npos) return false;
-        if (!left.starts_with("HTTP/1.1 101")) found(fIn);
+        if (!left.starts_with("HTTP/1.1 101")) {
+            // The session's engine is not there, or its gateway has only just begun.
+            if (!is("mayEnd")) found(fIn);
+            lose(kRetry);
+            return false;
+        }
         left.remove_prefix(end + 4);
         boost::json::object hello{{"t", "hello"}, {"version", 1}, {"client", fName}};
         hello["subscribe"] = {load::kTexts, load::kBlocks};
@@ -317,8 +323,9 @@ class Page {
     void closed(std::string_view payload) {
         const auto code = readBigEndian(payload.substr(0, 2));
         const bool isSilent = code == 4004;
+        const bool isEnd = code == 1001 && is("mayEnd");
         const bool mayBe = fNow < fForgiven || is(isSilent ? "mayLose" : "mayBeSlow");
-        if (!mayBe || (!isSilent && code != 4003)) {
+        if (!isEnd && (!mayBe || (!isSilent && code != 4003))) {
             found("closed, " + std::to_string(code) + std::string(payload.substr(2)));
         }
         ++fTally.counts["cut off"];
@@ -331,6 +338,10 @@ class Page {
         const auto& kind = said.at("t").as_string();
         if (kind == "hello") return greeted(said);
         if (kind == "channel") return;
+        if (kind == "engine") {
+            ++fTally.counts["engine " + std::string(said.at("state").as_string())];
+            return;
+        }
         if (kind != "withdrawn") return found(std::string(text));
         ++fTally.counts["withdrawn"];
         fPieces.erase(said.at("transfer").to_number<std::uint64_t>());
@@ -354,7 +365,7 @@ class Page {
             ++fTally.counts["returns"];
             if (away > time("gone") || is("mayBeSlow")) fAwayUntil = fNow;
         } else {
-            const bool mayBe = fNow < fForgiven || is("mayBeSlow");
+            const bool mayBe = fNow < fForgiven || is("mayBeSlow") || is("mayEnd");
             if (!fView.empty() && !mayBe && away < limit("returnMilliseconds")) {
                 found("its view has ended: " + serialize(hello));
             }

@@ -74,12 +74,18 @@ class Program:
                                         preexec_fn=None if is_measured else go_last,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.answers: queue.Queue = queue.Queue()
+        self.log: list[str] = []
         threading.Thread(target=self.read, daemon=True).start()
 
     def read(self) -> None:
         for line in self.process.stdout:
             said = json.loads(line)
-            found(said["finding"]) if "finding" in said else self.answers.put(said)
+            if "finding" in said:
+                found(said["finding"])
+            elif "log" in said:
+                self.log.append(said["log"])
+            else:
+                self.answers.put(said)
         self.answers.put(None)
 
     def say(self, command: str) -> None:
@@ -102,7 +108,8 @@ class Program:
 
 
 def engine(**settings) -> tuple[Program, str]:
-    defaults = {"address": "127.0.0.1", "port": 0, "hosts": [], "queueSize": 64 << 20}
+    defaults = {"address": "127.0.0.1", "port": 0, "hosts": [], "queueSize": 64 << 20,
+                "linkFile": "", "token": ""}
     program = Program([str(PROGRAMS / "kiroweb_prove_engine")], defaults | settings)
     return program, program.answer()["link"]
 
@@ -110,7 +117,7 @@ def engine(**settings) -> tuple[Program, str]:
 def pages(link: str, inside=(), **settings) -> Program:
     """`inside` is the beginning of a command that runs another one elsewhere."""
     host, port = link.split("/")[2].split(":")
-    defaults = {"link": link, "address": host, "port": int(port), "mayLose": False,
+    defaults = {"link": link, "address": host, "port": int(port), "mayLose": False, "mayEnd": False,
                 "mayBeSlow": False, "isWild": False, "silence": 60_000, "gone": 1000}
     return Program([*inside, str(PROGRAMS / "kiroweb_prove_pages")], defaults | settings)
 

@@ -292,7 +292,8 @@ World::World(std::uint64_t theSeed, bool isToldOne)
     end = std::make_unique<ClientEnd>("/*", [this](Delivery delivery) {
         asGateway(*this, [&] { fanout->offer(std::move(delivery)); });
     });
-    inbound->connect(*this, end.get());
+    bus.emplace(*this, end.get(), context);
+    inbound->connect(*bus);
     for (const char* channel : {"/a/1", "/a/2", "/b", "/c/x", "/in/block", "/no"}) {
         streams.push_back(createBinaryStream(channel, {{"returnOnFail", "true"}}));
     }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Fanout.hpp"
+#include "HostBus.hpp"
 #include "Memory.hpp"
 #include "Model.hpp"
 #include "Peer.hpp"
@@ -193,6 +194,7 @@ struct World final : relay::TransportLink {
 
     std::shared_ptr<kirogateway::Context> context;
     std::shared_ptr<kirogateway::Wakeup> wakeup;
+    std::optional<kirogateway::HostBus> bus;
     std::optional<kirogateway::Inbound> inbound;
     std::shared_ptr<kirogateway::ViewRegistry> views;
     std::shared_ptr<kirogateway::Fanout> fanout;

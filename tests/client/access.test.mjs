@@ -2,7 +2,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
-import { TabAccess } from "../../client/access.mjs";
+import { gatewayAddress, TabAccess } from "../../client/access.mjs";
 import { Fixture } from "./support/page.mjs";
 
 const fixture = new Fixture();
@@ -55,6 +55,35 @@ test("A code is exchanged once, and asked about again only when nobody answered"
     for (const why of [/no network/, /503/]) await assert.rejects(access.token(), why);
     assert.deepEqual(await Promise.all([access.token(), access.token()]), ["a1b2", "a1b2"]);
     assert.deepEqual(tab.asked, Array(3).fill(["POST", "/kiroweb/token", "c0de"]));
+});
+
+test("Each session of a server has its own address and token", async () => {
+    const tab = new Tab("/s/run-1/#token=one", [
+        ["two"],
+        [null],
+        [null, { headers: { "Retry-After": "1" } }],
+    ]);
+    const access = new TabAccess(tab);
+    assert.equal(gatewayAddress(tab.location), "ws://127.0.0.1:8765/s/run-1/kiroweb");
+    assert.equal(await access.token(), "one");
+    tab.open("/s/run_2/x/#code=c0de");
+    assert.equal(gatewayAddress(tab.location), "ws://127.0.0.1:8765/s/run_2/kiroweb");
+    assert.equal(await access.token(), "two");
+    assert.deepEqual([await access.isServed(), await access.isServed()], [true, false]);
+    const page = "/s/run_2/";
+    assert.deepEqual(
+        tab.asked.map(([, path]) => path),
+        [`${page}kiroweb/token`, page, page],
+    );
+    for (const [path, token] of [
+        ["/s/run-1/", "one"],
+        ["/s/", ""],
+        ["/t/run-1/", ""],
+    ]) {
+        tab.open(path);
+        assert.equal(await new TabAccess(tab).token(), token, path);
+    }
+    assert.equal(gatewayAddress({ protocol: "https:", host: "a" }), "wss://a/kiroweb");
 });
 
 test("A page without a token, or with a wrong one, says what to do, and takes the link that is opened then", async () => {

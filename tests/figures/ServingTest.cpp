@@ -77,6 +77,36 @@ TEST(Serving, LetsAPageDoWhatItHasToAndNoMore) {
     EXPECT_EQ(gateway.lanes.size(), 1U);
 }
 
+TEST(Serving, LeadsToGatewaysElsewhere) {
+    const Channels channels{"/c", "/b", "/c/channelReady", "/v", "/r", "/e", {"/t", "/u"}};
+    const auto file = testing::TempDir() + "kirofigures_link_" + std::to_string(::getpid());
+    std::ofstream(file) << "servers = a:4222\nsession = run-7\n";
+    WindowOptions options;
+    options.handlesSignals = options.opensBrowser = false;
+    const auto gateway = detail::gatewayOptions(options, channels);
+    auto link = detail::linkOptions(options, channels, file);
+    EXPECT_EQ(link.session, "run-7");
+    EXPECT_EQ(link.configuration, gateway.configuration);
+    EXPECT_EQ(link.mayPublish, gateway.mayPublish);
+    EXPECT_EQ(link.maySubscribe, gateway.maySubscribe);
+    EXPECT_EQ(link.blockChannels, gateway.blockChannels);
+    EXPECT_EQ(link.lanes, gateway.lanes);
+    EXPECT_EQ(link.reconnectChannel, "/r");
+    EXPECT_EQ(link.pieceSize, gateway.limits.pieceSize);
+    EXPECT_TRUE(link.onGateway != nullptr);
+    options.printsLink = false;
+    EXPECT_TRUE(detail::linkOptions(options, channels, file).onGateway == nullptr);
+    // By the option and by the environment; such a cluster needs an authority's file.
+    options.link = file;
+    EXPECT_THAT(refusalOf([&] { Window{options}; }), HasSubstr("a CA's file is missing"));
+    options.link.clear();
+    setenv("KIROWEB_LINK", "/no/such/file", 1);
+    EXPECT_THAT([&] { Window{options}; },
+                testing::ThrowsMessage<std::runtime_error>(HasSubstr("/no/such/file")));
+    unsetenv("KIROWEB_LINK");
+    std::filesystem::remove(file);
+}
+
 TEST(Serving, NamesTheCauseOfALateAnswer) {
     const std::string lost = R"({"state": "lost", "acknowledged": 1, "nextMessage": 2})";
     const std::string current = R"({"state": "connected", "acknowledged": 4, "nextMessage": 5})";

@@ -35,7 +35,7 @@ class AccessTest : public testing::Test {
     }
     /// What goes out when `text` comes in.
     std::string answerTo(const std::string& text, Secrets::TimePoint now = kStart) {
-        if (!fPolicy) fPolicy.emplace(fOptions, fAccess.port, fSecrets);
+        if (!fPolicy) fPolicy.emplace(fOptions, fAccess.port, entrance());
         boost::beast::http::request_parser<boost::beast::http::string_body> parser;
         parser.body_limit(boost::none);
         boost::system::error_code error;
@@ -60,9 +60,12 @@ class AccessTest : public testing::Test {
 
     gatewaytest::Access fAccess{8080};
     Options fOptions;
-    Secrets fSecrets{std::chrono::seconds(60)};
+    [[nodiscard]] Entrance entrance() const {
+        return {std::make_shared<const AssetTable>(fOptions.assets), fSecrets};
+    }
+    const std::shared_ptr<Secrets> fSecrets = std::make_shared<Secrets>(std::chrono::seconds(60));
     std::optional<AccessPolicy> fPolicy;
-    const std::string fUpgrade = upgradeRequest(fAccess, fSecrets.token());
+    const std::string fUpgrade = upgradeRequest(fAccess, fSecrets->token());
 };
 
 }  // namespace
@@ -133,16 +136,16 @@ TEST_F(AccessTest, TextsAreCompressedForWhoTakesThem) {
 }
 
 TEST_F(AccessTest, LinksNameAHostThatCanBeReached) {
-    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://127.0.0.1:8080");
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, entrance()).address(), "http://127.0.0.1:8080");
     fOptions.address = "0.0.0.0";
-    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://plot.example");
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, entrance()).address(), "http://plot.example");
     fOptions.extraHosts.clear();
-    EXPECT_EQ(AccessPolicy(fOptions, 8080, fSecrets).address(), "http://0.0.0.0:8080");
+    EXPECT_EQ(AccessPolicy(fOptions, 8080, entrance()).address(), "http://0.0.0.0:8080");
 }
 
 TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
     const auto origin = "Origin: " + fAccess.origin();
-    const auto token = fSecrets.token();
+    const auto token = fSecrets->token();
     const auto offers = "kiroweb.v1, kiroweb.token." + token;
     const auto with = [this](std::string_view what, const std::string& instead) {
         return replaced(fUpgrade, what, instead);
@@ -178,10 +181,10 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
 }
 
 TEST_F(AccessTest, ACodeIsExchangedOnce) {
-    const auto code = fSecrets.makeCode(kStart);
+    const auto code = fSecrets->makeCode(kStart);
     const auto good = exchange(code);
     const Row refused[] = {
-        {exchange(fSecrets.token()), "403"},
+        {exchange(fSecrets->token()), "403"},
         {exchange(std::string(129, '0')), "413"},
         {exchange({}), "400"},
         {replaced(good, "Origin", "X-Origin"), "403"},
@@ -192,17 +195,17 @@ TEST_F(AccessTest, ACodeIsExchangedOnce) {
     expectStatuses(refused);
     const auto answer = answerTo(good);
     EXPECT_EQ(statusOf(answer), "200") << "none of the above has used it up";
-    EXPECT_TRUE(answer.ends_with("\r\n\r\n" + fSecrets.token()));
+    EXPECT_TRUE(answer.ends_with("\r\n\r\n" + fSecrets->token()));
     EXPECT_EQ(statusOf(answerTo(good)), "403") << "used";
 
     const auto life = std::chrono::seconds(60);
-    const auto inTime = exchange(fSecrets.makeCode(kStart));
-    const auto late = exchange(fSecrets.makeCode(kStart));
+    const auto inTime = exchange(fSecrets->makeCode(kStart));
+    const auto late = exchange(fSecrets->makeCode(kStart));
     EXPECT_EQ(statusOf(answerTo(inTime, kStart + life)), "200");
     EXPECT_EQ(statusOf(answerTo(late, kStart + life + std::chrono::milliseconds(1))), "403");
 
-    const auto oldest = exchange(fSecrets.makeCode(kStart));
-    for (int i = 0; i < 16; ++i) static_cast<void>(fSecrets.makeCode(kStart));
+    const auto oldest = exchange(fSecrets->makeCode(kStart));
+    for (int i = 0; i < 16; ++i) static_cast<void>(fSecrets->makeCode(kStart));
     EXPECT_EQ(statusOf(answerTo(oldest)), "403") << "there are too many";
 }
 

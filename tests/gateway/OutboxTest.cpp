@@ -40,10 +40,9 @@ class OutboxTest : public testing::Test {
     /// Adds a block that one page has joined; answers what becomes of it.
     Future addBlock(std::size_t size, std::size_t lane = 0, Added expected = Added::kYes) {
         auto future = fStream->send(support::bufferOf(std::string(size, 'b')));
-        const auto transfer =
-            std::make_shared<Transfer>(*std::move(fDelivery), fCounters, Charge());
+        const auto transfer = std::make_shared<HostTransfer>(*std::move(fDelivery), fCounters);
         transfer->join();
-        transfer->close(true);
+        transfer->close(Transfer::Outcome::kDelivered);
         EXPECT_EQ(fOutbox->addBlock(lane, "/bin", transfer, fNow), expected);
         return future;
     }

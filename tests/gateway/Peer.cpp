@@ -139,8 +139,10 @@ void Peer::closeWriting() const {
     fSocket->shutdown(Socket::shutdown_send, ignored);
 }
 
-std::string upgradeRequest(const Access& access, std::string_view token) {
-    return "GET /kiroweb HTTP/1.1\r\nHost: " + access.host() + "\r\nOrigin: " + access.origin() +
+std::string upgradeRequest(const Access& access, std::string_view token,
+                           const std::string& prefix) {
+    return "GET " + prefix + "/kiroweb HTTP/1.1\r\nHost: " + access.host() +
+           "\r\nOrigin: " + access.origin() +
            "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
            "Sec-WebSocket-Protocol: kiroweb.v1, kiroweb.token." +

@@ -67,8 +67,9 @@ class Peer {
     std::deque<Frame> fFrames;
 };
 
-/// A well-formed upgrade that offers the token.
-std::string upgradeRequest(const Access& access, std::string_view token);
+/// A well-formed upgrade that offers the token, on the site of `prefix`.
+std::string upgradeRequest(const Access& access, std::string_view token,
+                           const std::string& prefix = {});
 /// What stands behind "#token=" or "#code=" in `link`.
 std::string secretOf(std::string_view link);
 

@@ -24,6 +24,18 @@ using std::chrono::seconds;
 
 namespace {
 
+/// An engine that hears nothing of what pages say.
+struct DeafBus final : Bus, relay::TransportLink {
+    relay::TransportLink& texts() noexcept override { return *this; }
+    void deliver(const std::string&, relay::Publication::Text,
+                 std::shared_ptr<const void>) override {}
+    bool send(const std::string&, std::string_view) override { return false; }
+    void announce(wire::ViewKind, const View::Identity&) override {}
+    void pages(std::size_t count) noexcept override { pagesThere = count; }
+
+    std::size_t pagesThere = 0;
+};
+
 /// A page whose frames are collected, and handed to its session, by the test.
 class ModelPage final : public Connection {
   public:
@@ -88,6 +100,7 @@ class ReturnTest : public testing::Test {
     void start() {
         fContext = std::make_shared<Context>(fOptions);
         fInbound.emplace(fContext);
+        fInbound->connect(fBus);
         fViews = std::make_shared<ViewRegistry>(fContext, fWakeup, *fInbound, [this] { ++fGone; });
         fServices.emplace(SessionServices{fContext, fViews, *fInbound});
     }
@@ -123,9 +136,10 @@ class ReturnTest : public testing::Test {
     Part offer(View& view, std::size_t size) {
         fBlock = fStream->send(support::bufferOf(std::string(size, 'b')));
         const auto transfer =
-            std::make_shared<Transfer>(*std::move(fDelivery), fContext->counters, Charge());
+            std::make_shared<HostTransfer>(*std::move(fDelivery), fContext->counters);
         const auto part = view.offer("/bin", 0, transfer, fNow, false);
-        transfer->close(part == Part::kJoined);
+        transfer->close(part == Part::kJoined ? Transfer::Outcome::kDelivered
+                                              : Transfer::Outcome::kRefused);
         return part;
     }
     void answer(const Page& page, int transfer) {
@@ -136,6 +150,7 @@ class ReturnTest : public testing::Test {
     Connection::TimePoint fNow{std::chrono::hours(1)};
     std::shared_ptr<Context> fContext;
     std::shared_ptr<Wakeup> fWakeup = std::make_shared<Wakeup>();
+    DeafBus fBus;
     std::optional<Inbound> fInbound;
     std::shared_ptr<ViewRegistry> fViews;
     std::optional<SessionServices> fServices;

@@ -10,7 +10,6 @@
 #include "kiro/web/PubSubACTRequestor.hpp"
 #include "kiro/web/Subscriber.hpp"
 #include "kirofigures/Window.hpp"
-#include "kirogateway/Gateway.hpp"
 
 namespace monitor::engine {
 
@@ -104,8 +103,7 @@ bool Engine::isWithoutClient(const Pace& pace) {
 }
 
 bool Engine::isClientThere() const {
-    const auto* const gateway = fWindow.gateway();
-    return gateway == nullptr || (hasAnnounced() && !gateway->lastPageGone());
+    return !fWindow.isServed() || (hasAnnounced() && !fWindow.isClientGone());
 }
 
 bool Engine::hasAnnounced() const { return fWindow.sender()->queryCommandSenderReadyStatus(); }

@@ -30,6 +30,12 @@ struct WindowOptions {
     /// has to be the same, too. Made when it is not there, and readable for its owner only. Empty:
     /// each start has a link of its own.
     std::string tokenFile;
+    /// A file that leads to a NATS cluster: gateways on other machines serve the page then, instead
+    /// of one in this process. Lines "servers = HOST:PORT, ...", "session = NAME", "credentials =
+    /// FILE", "ca = FILE"; `tokenFile` holds here as well, and what stands above does not. For each
+    /// gateway that serves the page a link is printed; no browser is opened. Empty: the file that
+    /// the environment variable KIROWEB_LINK names, if it is there.
+    std::string link;
     /// Off: nothing is served. For a program that has a gateway, or a client, of its own.
     bool serves = true;
 

@@ -19,7 +19,8 @@ class PubSubACTRequestor;
 
 namespace kirogateway {
 class Gateway;
-}
+struct Statistics;
+}  // namespace kirogateway
 
 namespace kirofigures {
 
@@ -82,7 +83,7 @@ class Window {
   public:
     /// Serves the page, prints its link and opens a browser, unless `options` say otherwise.
     /// Throws std::invalid_argument for options that cannot be meant, std::system_error when the
-    /// address or a file cannot be had.
+    /// address or a file cannot be had, std::runtime_error when the file for a link cannot be read.
     /// REQUIRES: with `handlesSignals`, no thread that the program has made before takes signals.
     explicit Window(WindowOptions options = {});
     ~Window();
@@ -112,7 +113,8 @@ class Window {
     /// Any thread. The figures stay until the window is destroyed.
     void close() noexcept;
 
-    /// The page's address, which lets its holder in; empty when nothing is served.
+    /// The page's address, which lets its holder in; empty when nothing is served, or when no
+    /// gateway of a link serves it yet.
     [[nodiscard]] std::string link() const;
 
     /// Records what travels to the pages and what comes of it into a new file, as docs/recording.md
@@ -135,7 +137,17 @@ class Window {
     [[nodiscard]] kiro::web::PubSubACTRequestor& requestor() const noexcept;
     [[nodiscard]] const std::shared_ptr<kiro::web::ConnectionStatus>& status() const noexcept;
     [[nodiscard]] const Channels& channels() const noexcept;
-    /// Null when nothing is served.
+    /// Whether the page is served at all: by the gateway below, or by gateways elsewhere. Any
+    /// thread, as the three that follow.
+    [[nodiscard]] bool isServed() const noexcept;
+    /// Whether pages were there and none is any more.
+    [[nodiscard]] bool isClientGone() const noexcept;
+    /// What went over the gateway, or, as far as that is known here, over gateways elsewhere.
+    /// REQUIRES: the page is served.
+    [[nodiscard]] kirogateway::Statistics statistics() const;
+    /// A JSON object for a diagnostic bundle. REQUIRES: the page is served.
+    [[nodiscard]] std::string diagnostics() const;
+    /// Null when nothing is served, or gateways elsewhere serve the page.
     [[nodiscard]] const kirogateway::Gateway* gateway() const noexcept;
 
   private:

@@ -1,0 +1,85 @@
+#include "Site.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "checked/Require.hpp"
+
+namespace kirogateway {
+
+Site::Site(std::string thePrefix, std::shared_ptr<Context> theContext,
+           const std::shared_ptr<Wakeup>& wakeup, std::function<void()> lastPageGone,
+           std::uint64_t viewsBefore)
+    : prefix(std::move(thePrefix)),
+      context(std::move(theContext)),
+      inbound(context),
+      views(std::make_shared<ViewRegistry>(context, wakeup, inbound, std::move(lastPageGone),
+                                           viewsBefore)),
+      fanout(std::make_shared<Fanout>(context, views)),
+      services{context, views, inbound} {}
+
+Sites::Sites(std::shared_ptr<Site> root, Finder finder)
+    : fRoot(std::move(root)), fFinder(std::move(finder)) {}
+
+std::shared_ptr<Site> Sites::find(std::string_view target) {
+    const auto prefix = sitePrefix(target);
+    if (prefix.empty() || (fNamed.empty() && !fFinder)) return fRoot;
+    if (auto known = at(prefix)) return known;
+    auto made = fFinder ? fFinder(prefix) : nullptr;
+    if (made == nullptr) return fRoot;
+    KIROWEB_REQUIRE(made->prefix == prefix && made->access != nullptr);
+    return fNamed.emplace(made->prefix, std::move(made)).first->second;
+}
+
+void Sites::put(std::shared_ptr<Site> site, std::string_view why) {
+    KIROWEB_REQUIRE(!site->prefix.empty() && site->access != nullptr);
+    auto& place = fNamed[site->prefix];
+    const auto before = std::exchange(place, std::move(site));
+    if (before != nullptr) before->views->shut(why);
+}
+
+void Sites::remove(std::string_view prefix, std::string_view why) noexcept {
+    const auto found = fNamed.find(prefix);
+    if (found == fNamed.end()) return;
+    const auto site = std::move(found->second);
+    fNamed.erase(found);
+    site->views->shut(why);
+}
+
+std::shared_ptr<Site> Sites::at(std::string_view prefix) const noexcept {
+    const auto found = fNamed.find(prefix);
+    return found == fNamed.end() ? nullptr : found->second;
+}
+
+bool Sites::areViewsEmpty() const {
+    const auto isEmpty = [](const auto& named) { return named.second->views->isEmpty(); };
+    return fRoot->views->isEmpty() && std::ranges::all_of(fNamed, isEmpty);
+}
+
+void Sites::tick(TimePoint now) noexcept {
+    fRoot->views->tick(now);
+    for (const auto& [prefix, site] : fNamed) site->views->tick(now);
+}
+
+void Sites::shut() noexcept {
+    fRoot->views->shut();
+    for (const auto& [prefix, site] : fNamed) site->views->shut();
+}
+
+std::string_view sitePrefix(std::string_view target) noexcept {
+    constexpr std::string_view kSites = "/s/";
+    constexpr std::size_t kMostOfName = 64;
+    if (!target.starts_with(kSites)) return {};
+    const auto end = target.find('/', kSites.size());
+    if (end == std::string_view::npos) return {};
+    const auto name = target.substr(kSites.size(), end - kSites.size());
+    const auto isOfName = [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               c == '-' || c == '_';
+    };
+    const bool isName =
+        !name.empty() && name.size() <= kMostOfName && std::ranges::all_of(name, isOfName);
+    return isName ? target.substr(0, end) : std::string_view();
+}
+
+}  // namespace kirogateway

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "AccessPolicy.hpp"
+#include "Fanout.hpp"
+#include "Session.hpp"
+#include "Wakeup.hpp"
+
+namespace kirogateway {
+
+/// What is served below one prefix of the address: the pages of one engine. Connections share it,
+/// so that it goes with the last of them.
+class Site {
+  public:
+    /// `viewsBefore`, `lastPageGone`: see `ViewRegistry`.
+    Site(std::string thePrefix, std::shared_ptr<Context> theContext,
+         const std::shared_ptr<Wakeup>& wakeup, std::function<void()> lastPageGone,
+         std::uint64_t viewsBefore = 0);
+    Site(const Site&) = delete;
+    Site& operator=(const Site&) = delete;
+    ~Site() = default;
+
+    const std::string prefix;  ///< of the targets that are its own: "/s/NAME"; or empty
+    const std::shared_ptr<Context> context;
+    Inbound inbound;
+    const std::shared_ptr<ViewRegistry> views;
+    const std::shared_ptr<Fanout> fanout;
+    const SessionServices services;
+    std::unique_ptr<AccessPolicy> access;  ///< there when the site is served
+};
+
+/// The sites of one server. The gateway's thread.
+class Sites {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+    /// Returns a site for a prefix that has none, or nothing. It may throw.
+    using Finder = std::function<std::shared_ptr<Site>(std::string_view prefix)>;
+
+    /// `root` is what belongs to no other site.
+    explicit Sites(std::shared_ptr<Site> root, Finder finder = {});
+
+    /// Whose a request for `target` is.
+    [[nodiscard]] std::shared_ptr<Site> find(std::string_view target);
+
+    /// Puts a site in the place of the one that had its prefix, whose views end. `why` is said to
+    /// their pages. Throws std::bad_alloc; nothing has happened then.
+    void put(std::shared_ptr<Site> site, std::string_view why);
+    void remove(std::string_view prefix, std::string_view why) noexcept;
+    /// The site that has `prefix` now, if there is one.
+    [[nodiscard]] std::shared_ptr<Site> at(std::string_view prefix) const noexcept;
+    [[nodiscard]] bool areViewsEmpty() const;
+    void tick(TimePoint now) noexcept;
+    void shut() noexcept;
+
+  private:
+    const std::shared_ptr<Site> fRoot;
+    const Finder fFinder;
+    std::map<std::string, std::shared_ptr<Site>, std::less<>> fNamed;
+};
+
+/// "/s/NAME" of "/s/NAME/..."; empty for another target. A name is 1 to 64 of [A-Za-z0-9_-].
+[[nodiscard]] std::string_view sitePrefix(std::string_view target) noexcept;
+
+}  // namespace kirogateway

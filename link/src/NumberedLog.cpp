@@ -1,0 +1,82 @@
+#include "NumberedLog.hpp"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "checked/Require.hpp"
+
+namespace kirolink {
+
+void NumberedLog::append(std::string frame) {
+    const auto size = frame.size();
+    fEntries.push_back({std::make_shared<const std::string>(std::move(frame)), fEnd + size, {}});
+    fBytes += size;
+    fEnd += size;
+}
+
+std::uint64_t NumberedLog::bytesBelow(std::uint64_t number) const noexcept {
+    if (number <= fFirst) return fEnd - fBytes;
+    return number >= next() ? fEnd : fEntries[number - fFirst - 1].end;
+}
+
+Cluster::Bytes NumberedLog::find(std::uint64_t number) const noexcept {
+    return number < fFirst || number >= next() ? nullptr : fEntries[number - fFirst].frame;
+}
+
+void NumberedLog::sent(TimePoint now) noexcept {
+    KIROWEB_REQUIRE(fUnsent < next());
+    fEntries[fUnsent - fFirst].sentAt = now;
+    ++fUnsent;
+}
+
+std::optional<NumberedLog::TimePoint> NumberedLog::sentAt(std::uint64_t number) const noexcept {
+    if (number < fFirst || number >= fUnsent) return {};
+    return fEntries[number - fFirst].sentAt;
+}
+
+void NumberedLog::release(std::uint64_t number) noexcept {
+    for (; fFirst < number && !fEntries.empty(); ++fFirst) {
+        fBytes -= fEntries.front().frame->size();
+        fEntries.pop_front();
+    }
+    fUnsent = std::max(fUnsent, fFirst);
+}
+
+void NumberedLog::reset() noexcept {
+    fEntries.clear();
+    fFirst = fUnsent = 1;
+    fBytes = 0;
+    fEnd = 0;
+}
+
+void Resends::asked(std::uint64_t has, TimePoint now) noexcept {
+    if (has <= fHas && now - fSince < kLost) return;
+    fHas = has;
+    fSince = now;
+    fBytes = 0;
+}
+
+std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, Resends& resends,
+                      Cluster& cluster, const std::string& subject, frame::Header header) {
+    std::size_t count = 0;
+    header.number = 0;
+    for (const auto& range : ask.ranges) {
+        // A peer may name what is long gone, or never was.
+        const auto end = std::min(range.last + 1, log.sentBelow());
+        auto number = std::max(range.first, log.first());
+        for (; number < end && resends.mayGo(); ++number) {
+            const auto bytes = log.find(number);
+            if (!cluster.publish(subject, bytes)) return count;
+            resends.went(bytes->size());
+            header.number = number + 1;
+            ++count;
+        }
+    }
+    if (count == 0) return 0;
+    const auto end = std::make_shared<const std::string>(writeFrame(header, frame::Resent{}));
+    static_cast<void>(cluster.publish(subject, end));
+    return count;
+}
+
+}  // namespace kirolink

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace kirolink {
+
+/// How much may be under way to those who get on best. What is handed to the cluster cannot be
+/// taken back, and beats wait behind it: on a slow line it must not be more than that line carries
+/// in about a second. Not synchronised.
+class SendWindow {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+    static constexpr std::uint64_t kLeast = std::uint64_t{256} << 10U;
+    static constexpr std::uint64_t kFirst = std::uint64_t{512} << 10U;
+    static constexpr std::uint64_t kMost = std::uint64_t{64} << 20U;
+
+    [[nodiscard]] bool mayGo(std::uint64_t underWay, std::size_t size) const noexcept {
+        return underWay == 0 || underWay + size <= fSize;
+    }
+    /// So many bytes have been acknowledged, the last of which were sent `age` ago.
+    void acknowledged(std::uint64_t bytes, std::chrono::nanoseconds age, TimePoint now) noexcept {
+        if (age < kQuick) {
+            fSize = std::min(fSize + bytes, kMost);
+        } else if (age > kSlow && now - fLastCut > kSlow) {
+            fSize = std::max(fSize / 2, kLeast);
+            fLastCut = now;
+        }
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds kQuick{500};
+    static constexpr std::chrono::milliseconds kSlow{1000};
+
+    std::uint64_t fSize = kFirst;
+    TimePoint fLastCut{};
+};
+
+}  // namespace kirolink

@@ -1,0 +1,191 @@
+#include "EngineSession.hpp"
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "Log.hpp"
+#include "OptionsCheck.hpp"
+#include "checked/Require.hpp"
+#include "secret/Sha256.hpp"
+
+namespace link_tool {
+namespace {
+
+using kirogateway::Site;
+using kirogateway::Sites;
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+
+constexpr std::chrono::seconds kTellAgain{1};
+
+bool isHash(std::string_view text) {
+    constexpr std::size_t kDigits = 64;
+    const auto isDigit = [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); };
+    return text.size() == kDigits && std::ranges::all_of(text, isDigit);
+}
+
+/// Runs `call` on a thread that must not be thrown at.
+template <typename Call>
+void guarded(const std::string& session, const char* what, const Call& call) noexcept {
+    try {
+        call();
+    } catch (const std::exception& error) {
+        logLine(what, session, error.what());
+    } catch (...) {
+        logLine(what, session);
+    }
+}
+
+}  // namespace
+
+EngineSession::EngineSession(const Common& common, std::string name)
+    : fCommon(common),
+      fName(std::move(name)),
+      fPrefix("/s/" + fName),
+      fIdleSince(common.surroundings.now()) {}
+
+std::shared_ptr<Site> EngineSession::begin() {
+    KIROWEB_REQUIRE(fEnd == nullptr);
+    auto site = makeSite(fCommon.options, nullptr, 0);
+    fFollowed = site;
+    // Pages come when it has joined, and that is told to the gateway's thread, which is this one.
+    fEnd = std::make_unique<kirolink::GatewayEnd>(
+        fCommon.cluster,
+        kirolink::GatewayEnd::Identity{fName, fCommon.name, fCommon.address + fPrefix + "/"}, *this,
+        fCommon.surroundings);
+    fBus.connect(*fEnd);
+    return site;
+}
+
+// --- Sites -------------------------------------------------------------------------------------
+
+kirogateway::Options EngineSession::optionsOf(const kirolink::Description& session) const {
+    auto options = fCommon.options;
+    options.configuration = session.configuration;
+    options.mayPublish = session.mayPublish;
+    options.maySubscribe = session.maySubscribe;
+    options.blockChannels = session.blockChannels;
+    options.lanes = session.lanes;
+    if (session.pieceSize > 0) options.limits.pieceSize = session.pieceSize;
+    if (!isHash(session.tokenHash)) throw std::invalid_argument("its token's hash is none");
+    return kirogateway::checked(std::move(options));
+}
+
+std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
+                                              std::shared_ptr<kirogateway::Secrets> secrets,
+                                              std::uint64_t views) {
+    std::vector<std::string> sockets;  // "wss://HOST:PORT/s/NAME/kiroweb" of "https://HOST:PORT"
+    for (const auto& other : fCommon.others) {
+        sockets.push_back("ws" + other.substr(4) + fPrefix + std::string(kirogateway::kSocketPath));
+    }
+    auto context = std::make_shared<kirogateway::Context>(
+        std::move(options), "session " + fName + ": ", fCommon.counters, std::move(sockets));
+    auto site = std::make_shared<Site>(
+        fPrefix, context, fCommon.wakeup, [] {}, views);
+    site->access = std::make_unique<kirogateway::AccessPolicy>(
+        context->options, fCommon.server.port(),
+        kirogateway::Entrance{fCommon.assets, std::move(secrets), fCommon.others});
+    site->inbound.connect(fBus);
+    const annotated::Lock lock(fMutex);
+    fSite = site;
+    return site;
+}
+
+void EngineSession::replace(std::shared_ptr<Site> site, const std::string& why) {
+    fCommon.server.post([self = shared_from_this(), site = std::move(site), why](Sites& sites) {
+        if (!self->fHasEnded) sites.put(site, why);
+    });
+}
+
+bool EngineSession::end(Sites& sites, std::string_view why) noexcept {
+    if (fHasEnded || fBus.pagesThere() > 0) return false;
+    fHasEnded = true;
+    sites.remove(fPrefix, why);
+    return true;
+}
+
+// --- What the engine does ----------------------------------------------------------------------
+
+void EngineSession::joined(const kirolink::Description& session) noexcept {
+    guarded(fName, "a session cannot be served", [&] {
+        auto options = optionsOf(session);
+        auto secrets = std::make_shared<kirogateway::Secrets>(
+            secret::HashedToken{session.tokenHash, secret::sha256Hex});
+        fFollowed = makeSite(std::move(options), std::move(secrets), session.views);
+        fSilentSince = TimePoint{};
+        replace(fFollowed, "the engine has begun anew");
+        logLine("session joined", fName);
+    });
+}
+
+void EngineSession::text(const std::string& channel, std::string_view text) noexcept {
+    fFollowed->fanout->messagePublished(relay::Publication(channel, text));
+}
+
+void EngineSession::block(const std::string& channel, std::shared_ptr<const std::string> block,
+                          std::unique_ptr<kirolink::BlockTicket> ticket) noexcept {
+    guarded(fName, "no memory for a block", [&] {
+        fFollowed->fanout->offer(
+            channel,
+            std::make_shared<LinkTransfer>(std::move(block), std::move(ticket), fCommon.counters));
+    });
+}
+
+void EngineSession::silent(TimePoint since) noexcept {
+    fSilentSince = since;
+    logLine("engine silent", fName);
+}
+
+void EngineSession::heard() noexcept {
+    fSilentSince = TimePoint{};
+    logLine("engine heard again", fName);
+    guarded(fName, "pages could not be told",
+            [this] { tellPages(R"({"t":"engine","state":"heard"})"); });
+}
+
+void EngineSession::left(std::string_view why) noexcept {
+    fSilentSince = TimePoint{};
+    logLine("session left", fName, why);
+    guarded(fName, "a session could not be left", [&] {
+        fFollowed = makeSite(fCommon.options, nullptr, 0);
+        replace(fFollowed, std::string(why));
+    });
+}
+
+void EngineSession::tellPages(const std::string& control) {
+    fCommon.server.post([prefix = fPrefix, control](Sites& sites) {
+        if (const auto site = sites.at(prefix)) site->views->tell(control);
+    });
+}
+
+// --- Time --------------------------------------------------------------------------------------
+
+void EngineSession::tick(TimePoint now) {
+    fEnd->tick(now);
+    fBus.letGo();
+    const TimePoint since = fSilentSince;
+    if (since == TimePoint{} || now < fNextTelling) return;
+    fNextTelling = now + kTellAgain;
+    const auto silence = duration_cast<milliseconds>(now - since).count();
+    tellPages(R"({"t":"engine","state":"silent","milliseconds":)" + std::to_string(silence) + "}");
+}
+
+milliseconds EngineSession::idle(TimePoint now) noexcept {
+    if (fBus.pagesThere() > 0) fIdleSince = now;
+    return duration_cast<milliseconds>(now - fIdleSince);
+}
+
+EngineSession::Report EngineSession::report(TimePoint now) const {
+    Report report;
+    report.link = fEnd->statistics();
+    report.pages = fBus.pagesThere();
+    const TimePoint since = fSilentSince;
+    if (since != TimePoint{}) report.silence = duration_cast<milliseconds>(now - since);
+    const annotated::Lock lock(fMutex);
+    report.held = fSite->context->memory->used();
+    return report;
+}
+
+}  // namespace link_tool

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "GatewayEnd.hpp"
+#include "LinkBus.hpp"
+#include "Server.hpp"
+#include "annotated/Mutex.hpp"
+
+namespace link_tool {
+
+/// What all sessions share. It outlives them.
+struct Common {
+    kirolink::Cluster& cluster;
+    kirogateway::Server& server;
+    std::shared_ptr<kirogateway::Wakeup> wakeup;
+    std::shared_ptr<const kirogateway::AssetTable> assets;
+    std::shared_ptr<kirogateway::Counters> counters;
+    kirogateway::Options options;     ///< of each session, unless its engine says otherwise
+    std::vector<std::string> others;  ///< origins of the other gateways
+    std::string name;                 ///< this gateway's
+    std::string address;              ///< "https://HOST:PORT"
+    kirolink::Surroundings surroundings;
+};
+
+/// One engine that is followed: its end of the link, and the site of its pages, which is another
+/// one each time that the gateway joins.
+class EngineSession final : public kirolink::Follower,
+                            public std::enable_shared_from_this<EngineSession> {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    EngineSession(const Common& common, std::string name);
+
+    /// Begins to join. Throws as `kirolink::GatewayEnd`. REQUIRES: called once, on the gateway's
+    /// thread. Returns the site with which it begins, to which nobody is let in.
+    [[nodiscard]] std::shared_ptr<kirogateway::Site> begin();
+
+    [[nodiscard]] const std::string& name() const noexcept { return fName; }
+    [[nodiscard]] const std::string& prefix() const noexcept { return fPrefix; }
+
+    // --- One thread, not the gateway's ---
+
+    /// To be called about every 50 ms.
+    void tick(TimePoint now);
+    /// Since when there has been no page.
+    [[nodiscard]] std::chrono::milliseconds idle(TimePoint now) noexcept;
+
+    // --- Any thread ---
+
+    struct Report {
+        kirolink::GatewayEnd::Statistics link;
+        std::size_t pages = 0;
+        std::size_t held = 0;                  ///< bytes that wait for pages
+        std::chrono::milliseconds silence{0};  ///< of an engine that has been joined
+    };
+    [[nodiscard]] Report report(TimePoint now) const;
+
+    /// Follows the engine no more. REQUIRES: the gateway's thread is over, and nobody ticks.
+    void stop() noexcept { fEnd.reset(); }
+
+    // --- The gateway's thread ---
+
+    /// Takes the site away, once, unless a page has come. Returns whether it did so.
+    bool end(kirogateway::Sites& sites, std::string_view why) noexcept;
+
+    // --- As a follower ---
+
+    void joined(const kirolink::Description& session) noexcept override;
+    void text(const std::string& channel, std::string_view text) noexcept override;
+    void block(const std::string& channel, std::shared_ptr<const std::string> block,
+               std::unique_ptr<kirolink::BlockTicket> ticket) noexcept override;
+    void silent(TimePoint since) noexcept override;
+    void heard() noexcept override;
+    void left(std::string_view why) noexcept override;
+
+  private:
+    using Site = kirogateway::Site;
+
+    [[nodiscard]] kirogateway::Options optionsOf(const kirolink::Description& session) const;
+    /// Without `secrets` nobody is let in.
+    [[nodiscard]] std::shared_ptr<Site> makeSite(kirogateway::Options options,
+                                                 std::shared_ptr<kirogateway::Secrets> secrets,
+                                                 std::uint64_t views);
+    /// Has pages get `site`, and those of the one before it end.
+    void replace(std::shared_ptr<Site> site, const std::string& why);
+    void tellPages(const std::string& control);
+
+    const Common& fCommon;
+    const std::string fName;
+    const std::string fPrefix;
+    LinkBus fBus;
+    std::atomic<TimePoint> fSilentSince{TimePoint{}};  ///< none: it is heard
+    TimePoint fNextTelling;                            ///< of the one that ticks
+    TimePoint fIdleSince;                              ///< as well
+    bool fHasEnded = false;                            ///< the gateway's thread's
+
+    mutable annotated::Mutex fMutex;
+    std::shared_ptr<Site> fSite GUARDED_BY(fMutex);  ///< the newest
+    std::shared_ptr<Site> fFollowed;                 ///< the same, of the thread that follows
+
+    std::unique_ptr<kirolink::GatewayEnd> fEnd;
+};
+
+}  // namespace link_tool

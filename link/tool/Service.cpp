@@ -1,0 +1,218 @@
+#include "Service.hpp"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "Log.hpp"
+#include "OptionsCheck.hpp"
+#include "PageFiles.hpp"
+#include "Subjects.hpp"
+
+namespace link_tool {
+namespace {
+
+using kirogateway::Site;
+using kirogateway::Sites;
+
+/// An engine that was not heard for so long is not there.
+constexpr std::chrono::seconds kSilenceIsEnd{10};
+/// A session without a page is followed no more after so long.
+constexpr std::chrono::seconds kIdle{60};
+constexpr std::chrono::seconds kLook{1};
+/// More than a cluster is meant to have: names that somebody makes up must not fill memory.
+constexpr std::size_t kMostHeard = 20000;
+constexpr std::size_t kUnauthenticated = 64;
+constexpr std::string_view kPrefix = "/s/";
+
+std::string hostOf(const std::string& address) { return address.substr(address.find("//") + 2); }
+
+kirogateway::Options optionsOf(const Settings& settings) {
+    kirogateway::Options options;
+    options.address = settings.address;
+    options.port = settings.port;
+    options.certificateFile = settings.certificateFile;
+    options.keyFile = settings.keyFile;
+    if (!settings.publicAddress.empty()) {
+        options.extraHosts = {hostOf(settings.publicAddress)};
+        options.extraOrigins = {settings.publicAddress};
+    }
+    options.limits.connections = settings.pages + kUnauthenticated;
+    options.limits.unauthenticatedConnections = kUnauthenticated;
+    options.limits.memory = settings.memory;
+    return kirogateway::checked(std::move(options));
+}
+
+std::vector<kirogateway::Asset> pageFiles() {
+    std::vector<kirogateway::Asset> assets;
+    for (const auto& [path, type, body] : kiropage::files()) {
+        assets.push_back({std::string(path), std::string(type), std::string(body)});
+    }
+    return assets;
+}
+
+}  // namespace
+
+void LinkTotals::add(const kirolink::GatewayEnd::Statistics& statistics) noexcept {
+    framesReceived += statistics.framesReceived;
+    bytesReceived += statistics.bytesReceived;
+    framesSent += statistics.framesSent;
+    bytesSent += statistics.bytesSent;
+    gaps += statistics.gaps;
+    resends += statistics.resends;
+    refusals += statistics.refusals;
+}
+
+Service::Service(const Settings& settings, kirolink::Cluster& cluster,
+                 kirolink::Surroundings surroundings)
+    : fMostSessions(settings.sessions),
+      fCluster(cluster),
+      fContext(std::make_shared<kirogateway::Context>(optionsOf(settings))),
+      fWakeup(std::make_shared<kirogateway::Wakeup>()),
+      fServer(fContext, fWakeup) {
+    const auto root = std::make_shared<Site>(std::string(), fContext, fWakeup, [] {});
+    root->access = std::make_unique<kirogateway::AccessPolicy>(
+        fContext->options, fServer.port(),
+        kirogateway::Entrance{
+            std::make_shared<const kirogateway::AssetTable>(std::vector<kirogateway::Asset>()),
+            nullptr});
+    const auto address =
+        settings.publicAddress.empty() ? root->access->address() : settings.publicAddress;
+    fCommon = std::make_unique<Common>(Common{
+        cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
+        fContext->counters, fContext->options, settings.others, settings.name, address,
+        std::move(surroundings)});
+    fBeats =
+        cluster.subscribe(kirolink::subjects::beat("*"),
+                          [this](std::string_view subject, std::string_view) { beat(subject); });
+    fServer.start(Sites(root, [this](std::string_view prefix) { return follow(prefix); }));
+}
+
+Service::~Service() { stop(); }
+
+void Service::stop() noexcept {
+    fBeats.reset();
+    fServer.stop();
+    Sessions sessions;
+    {
+        const annotated::Lock lock(fMutex);
+        sessions.swap(fSessions);
+    }
+    // What was posted in vain may keep them for longer.
+    for (const auto& [name, session] : sessions) session->stop();
+}
+
+// --- Sessions come -----------------------------------------------------------------------------
+
+void Service::beat(std::string_view subject) {
+    const auto rest = subject.substr(subject.find('.') + 1);
+    const auto name = rest.substr(0, rest.find('.'));
+    if (!kirolink::subjects::isName(name)) return;
+    const auto now = fCommon->surroundings.now();
+    const annotated::Lock lock(fMutex);
+    if (const auto known = fHeard.find(name); known != fHeard.end()) {
+        known->second = now;
+    } else if (fHeard.size() < kMostHeard) {
+        fHeard.emplace(name, now);
+    }
+}
+
+bool Service::isHeard(std::string_view name) const {
+    const annotated::Lock lock(fMutex);
+    const auto found = fHeard.find(name);
+    return found != fHeard.end() && fCommon->surroundings.now() - found->second < kSilenceIsEnd;
+}
+
+std::shared_ptr<Site> Service::follow(std::string_view prefix) {
+    const std::string name(prefix.substr(kPrefix.size()));
+    if (!isHeard(name)) return nullptr;
+    if (sessions().size() >= fMostSessions) {
+        fContext->peerLog.write("too many sessions are followed", name);
+        return nullptr;
+    }
+    const auto session = std::make_shared<EngineSession>(*fCommon, name);
+    auto site = session->begin();
+    const annotated::Lock lock(fMutex);
+    fSessions.emplace(name, session);
+    return site;
+}
+
+// --- Sessions go -------------------------------------------------------------------------------
+
+void Service::endIdle(const std::shared_ptr<EngineSession>& session) {
+    fServer.post([this, session](Sites& sites) {
+        if (!session->end(sites, "nobody looks")) return;
+        logLine("session left", session->name(), "no page for a minute");
+        forget(*session);
+    });
+}
+
+void Service::forget(const EngineSession& session) noexcept {
+    const auto last = session.report(TimePoint()).link;
+    Sessions::node_type gone;  // its end is waited for with no lock held
+    const annotated::Lock lock(fMutex);
+    gone = fSessions.extract(session.name());
+    fPast.add(last);
+}
+
+void Service::forgetSilent(TimePoint now) {
+    const annotated::Lock lock(fMutex);
+    std::erase_if(fHeard, [now](const auto& heard) { return now - heard.second >= kSilenceIsEnd; });
+}
+
+// --- Time --------------------------------------------------------------------------------------
+
+std::vector<std::shared_ptr<EngineSession>> Service::sessions() const {
+    std::vector<std::shared_ptr<EngineSession>> sessions;
+    const annotated::Lock lock(fMutex);
+    sessions.reserve(fSessions.size());
+    for (const auto& [name, session] : fSessions) sessions.push_back(session);
+    return sessions;
+}
+
+void Service::tick(TimePoint now) noexcept {
+    try {
+        const auto all = sessions();
+        for (const auto& session : all) session->tick(now);
+        if (now < fNextLook) return;
+        fNextLook = now + kLook;
+        forgetSilent(now);
+        for (const auto& session : all) {
+            if (session->idle(now) >= kIdle) endIdle(session);
+        }
+    } catch (...) {
+        fContext->log.writeCaught("the sessions' time");
+    }
+}
+
+ServiceReport Service::report(TimePoint now) const {
+    ServiceReport all;
+    all.isConnected = fCluster.isConnected();
+    for (const auto& session : sessions()) {
+        const auto one = session->report(now);
+        ++all.followed;
+        if (one.link.isJoined) ++all.joined;
+        all.pages += one.pages;
+        all.held += one.held;
+        all.heldOfOne = std::max(all.heldOfOne, one.held);
+        all.waiting += one.link.waiting;
+        all.silence = std::max(all.silence, one.silence);
+        all.clockOffset = std::max(all.clockOffset, std::chrono::abs(one.link.clockOffset));
+        all.clockUncertainty = std::max(all.clockUncertainty, one.link.clockUncertainty);
+        all.link.add(one.link);
+    }
+    for (const auto& figure : kirogateway::kFigures) {
+        all.traffic.*figure.shown = *fContext->counters.*figure.counted;
+    }
+    const annotated::Lock lock(fMutex);
+    all.known = fHeard.size();
+    const auto past = fPast;
+    for (const auto total :
+         {&LinkTotals::framesReceived, &LinkTotals::bytesReceived, &LinkTotals::framesSent,
+          &LinkTotals::bytesSent, &LinkTotals::gaps, &LinkTotals::resends, &LinkTotals::refusals}) {
+        all.link.*total += past.*total;
+    }
+    return all;
+}
+
+}  // namespace link_tool

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "EngineSession.hpp"
+#include "Settings.hpp"
+
+namespace link_tool {
+
+/// What a session's link has carried, over all sessions that were followed.
+struct LinkTotals {
+    std::uint64_t framesReceived = 0;
+    std::uint64_t bytesReceived = 0;
+    std::uint64_t framesSent = 0;
+    std::uint64_t bytesSent = 0;
+    std::uint64_t gaps = 0;
+    std::uint64_t resends = 0;
+    std::uint64_t refusals = 0;
+
+    void add(const kirolink::GatewayEnd::Statistics& statistics) noexcept;
+};
+
+/// How the program does.
+struct ServiceReport {
+    bool isConnected = false;  ///< to the cluster
+    std::size_t known = 0;     ///< sessions whose engines are heard
+    std::size_t followed = 0;
+    std::size_t joined = 0;
+    std::size_t pages = 0;
+    std::size_t held = 0;                      ///< bytes that wait for pages
+    std::size_t heldOfOne = 0;                 ///< for those of the session with most
+    std::size_t waiting = 0;                   ///< bytes that engines have not said that they have
+    std::chrono::milliseconds silence{0};      ///< the longest of an engine's
+    std::chrono::microseconds clockOffset{0};  ///< the largest, either way
+    std::chrono::microseconds clockUncertainty{0};
+    LinkTotals link;
+    kirogateway::Statistics traffic;  ///< with pages
+};
+
+/// The gateway: a server whose sites are the sessions that the cluster has and a page asks for.
+class Service {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    /// Listens, and serves pages. Throws as `kirogateway::Gateway` and as the cluster.
+    /// REQUIRES: `cluster` outlives it.
+    Service(const Settings& settings, kirolink::Cluster& cluster,
+            kirolink::Surroundings surroundings = kirolink::Surroundings::real());
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+    /// As `stop`.
+    ~Service();
+
+    /// Closes pages so that they go to another gateway, and follows nobody any more.
+    void stop() noexcept;
+
+    /// Where browsers find it, "https://HOST:PORT".
+    [[nodiscard]] const std::string& address() const noexcept { return fCommon->address; }
+    [[nodiscard]] std::uint16_t port() const noexcept { return fServer.port(); }
+
+    // --- One thread ---
+
+    /// To be called about every 50 ms.
+    void tick(TimePoint now) noexcept;
+    [[nodiscard]] ServiceReport report(TimePoint now) const;
+
+  private:
+    using Sessions = std::map<std::string, std::shared_ptr<EngineSession>, std::less<>>;
+
+    void beat(std::string_view subject);
+    [[nodiscard]] bool isHeard(std::string_view name) const;
+    /// The gateway's thread.
+    [[nodiscard]] std::shared_ptr<kirogateway::Site> follow(std::string_view prefix);
+    void endIdle(const std::shared_ptr<EngineSession>& session);
+    void forget(const EngineSession& session) noexcept;
+    [[nodiscard]] std::vector<std::shared_ptr<EngineSession>> sessions() const;
+    void forgetSilent(TimePoint now);
+
+    const std::size_t fMostSessions;
+    kirolink::Cluster& fCluster;
+    const std::shared_ptr<kirogateway::Context> fContext;
+    const std::shared_ptr<kirogateway::Wakeup> fWakeup;
+    kirogateway::Server fServer;
+    std::unique_ptr<Common> fCommon;
+    TimePoint fNextLook;
+
+    mutable annotated::Mutex fMutex;
+    Sessions fSessions GUARDED_BY(fMutex);
+    /// When the engine of a session was heard last.
+    std::map<std::string, TimePoint, std::less<>> fHeard GUARDED_BY(fMutex);
+    LinkTotals fPast GUARDED_BY(fMutex);  ///< of sessions that are not followed any more
+
+    std::unique_ptr<kirolink::Cluster::Subscription> fBeats;
+};
+
+}  // namespace link_tool

@@ -1,0 +1,463 @@
+// What each end does about the other: joining, blocks, silence, bounds, views and clocks.
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+
+#include "Frame.hpp"
+#include "World.hpp"
+
+namespace link_test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr std::size_t kMiB = std::size_t{1} << 20U;
+
+class Ends : public testing::Test {
+  protected:
+    /// An engine and gateways that have joined.
+    void join(const std::vector<std::string>& names,
+              EngineEnd::Settings settings = TestEngine::usual()) {
+        world.start(std::move(settings));
+        for (const auto& name : names) world.add(name);
+        world.run(500ms);
+        for (const auto& name : names) ASSERT_TRUE(gateway(name).isJoined);
+    }
+    TestGateway& gateway(const std::string& name) { return *world.gateways.at(name); }
+    TestEngine& engine() { return *world.engine; }
+    EngineEnd::Statistics statistics() { return engine().end->statistics(); }
+
+    World world;
+};
+
+TEST_F(Ends, CarryTextsAndBlocksOfAllSizesInOrder) {
+    auto settings = TestEngine::usual();
+    settings.description.configuration = R"({"a":1})";
+    settings.description.lanes = {{"/c/a", "/c/b"}, {}};
+    join({"g"}, settings);
+    EXPECT_EQ(gateway("g").session.configuration, R"({"a":1})");
+    EXPECT_EQ(gateway("g").session.lanes, settings.description.lanes);
+    EXPECT_THAT(engine().links, ElementsAre("https://g:1/s/s"));
+
+    std::vector<std::string> said;
+    const std::string odd("\x1e\x1f\0\xff", 4);
+    for (const auto& text : {std::string("one"), std::string(), odd, std::string(65'000, '\x80'),
+                             std::string(kBatchSize, 'x'), std::string(2 * kMiB, 'y')}) {
+        for (const char* channel : {"/c/a", "/c/b"}) {
+            engine().end->down()->text(channel, text);
+            engine().send(channel, text);
+            said.push_back(std::string(channel) + " " + text);
+            said.push_back("block " + said.back());
+            gateway("g").end->publish("/up", text);
+            gateway("g").end->sendBlock("/page/b", text);
+        }
+    }
+    engine().end->down()->text("/other", "nobody can hear that");
+    gateway("g").end->publish("/c/a", "a page may not say that");
+    gateway("g").end->sendBlock("/c/a", "nor that");
+    world.run(500ms);
+    EXPECT_TRUE(gateway("g").got == said);
+    ASSERT_EQ(engine().got.size(), said.size());
+    for (std::size_t i = 0; i < said.size(); ++i) {
+        const auto text = said[i].substr(said[i].find("/c/") + 5);
+        EXPECT_TRUE(engine().got[i] == (i % 2 == 0 ? "/up " : "block /page/b ") + text) << i;
+    }
+    EXPECT_EQ(statistics().refusals, 2U);
+}
+
+TEST_F(Ends, KeepNothingWhenNobodyIsThereAndWhenEverybodyHasIt) {
+    world.start();
+    engine().end->down()->text("/c/a", "unheard");
+    EXPECT_EQ(engine().send("/c/b", "block"), 0U);
+    EXPECT_EQ(engine().ends[0], "given back");
+    EXPECT_EQ(statistics().blocksNobody, 1U);
+    world.run(100ms);
+    EXPECT_EQ(statistics().framesSent, 0U);
+    world.add("g");
+    world.run(500ms);
+    engine().end->down()->text("/c/a", "heard");
+    world.run(1s);
+    EXPECT_THAT(gateway("g").got, ElementsAre("/c/a heard"));
+    EXPECT_EQ(statistics().waiting, 0U);
+    gateway("g").end->publish("/up", std::string(kMiB, 'x'));
+    world.run(1s);
+    EXPECT_EQ(gateway("g").end->statistics().waiting, 0U);
+}
+
+TEST_F(Ends, SendAtOnceAndGatherWhatFollows) {
+    join({"g"});
+    std::vector<std::size_t> texts;
+    world.network.onMessage = [&](const std::string&, const std::string& bytes) {
+        const auto frame = readFrame(bytes);
+        const auto* batch = std::get_if<frame::Texts>(&frame->body);
+        if (batch != nullptr) texts.push_back(batch->records.size());
+    };
+    const auto now = world.network.now;
+    const auto step = [&](std::chrono::microseconds after) {
+        return engine().end->step(now + after) - now;
+    };
+    engine().end->down()->text("/c/a", "1");
+    step(0us);
+    EXPECT_THAT(texts, ElementsAre(1U));
+    engine().end->down()->text("/c/a", "2");
+    engine().end->down()->text("/c/a", "3");
+    EXPECT_EQ(step(400us), 1ms);
+    EXPECT_EQ(texts.size(), 1U);
+    step(1ms);
+    EXPECT_THAT(texts, ElementsAre(1U, 2U));
+    for (int i = 0; i < 20; ++i) engine().end->down()->text("/c/a", std::string(4096, 'x'));
+    step(1100us);
+    EXPECT_THAT(texts, ElementsAre(1U, 2U, 15U));  // what is full does not wait
+}
+
+struct BlockCase {
+    const char* first;  ///< what the one gateway does: delivered, refused, nobody, goes, silent
+    const char* second;
+    const char* end;
+    std::uint64_t EngineEnd::Statistics::*counted;
+};
+
+class Blocks : public Ends, public testing::WithParamInterface<BlockCase> {
+  protected:
+    void act(const std::string& name, const std::string& what) {
+        auto& tickets = gateway(name).tickets;
+        if (what == "goes") {
+            world.gateways.erase(name);
+        } else if (what == "silent") {
+            world.network.cut(name);
+        } else if (what == "refused") {
+            tickets.clear();
+        } else {
+            const bool isNobody = what == "nobody";
+            tickets.at(0)->answer(isNobody ? BlockOutcome::kNobody : BlockOutcome::kDelivered);
+        }
+    }
+};
+
+TEST_P(Blocks, AreDeliveredWhenAllThatAreThereHaveThem) {
+    join({"a", "b"});
+    engine().send("/c/b", "block");
+    world.run(50ms);
+    world.add("late");  // has nothing to do with it
+    world.run(350ms);
+    act("a", GetParam().first);
+    world.run(900ms);
+    EXPECT_EQ(engine().ends[0], "");
+    act("b", GetParam().second);
+    world.run(1100ms);
+    EXPECT_EQ(engine().ends[0], GetParam().end);
+    EXPECT_EQ(statistics().*GetParam().counted, 1U);
+}
+
+constexpr auto kDelivered = &EngineEnd::Statistics::blocksDelivered;
+constexpr auto kRefused = &EngineEnd::Statistics::blocksRefused;
+constexpr auto kNobody = &EngineEnd::Statistics::blocksNobody;
+constexpr auto kGone = &EngineEnd::Statistics::blocksGone;
+INSTANTIATE_TEST_SUITE_P(Outcomes, Blocks,
+                         testing::Values(BlockCase{"delivered", "delivered", "delivered",
+                                                   kDelivered},
+                                         BlockCase{"nobody", "delivered", "delivered", kDelivered},
+                                         BlockCase{"nobody", "nobody", "given back", kNobody},
+                                         BlockCase{"refused", "delivered", "given back", kRefused},
+                                         BlockCase{"delivered", "silent", "given back", kGone},
+                                         BlockCase{"goes", "delivered", "given back", kGone},
+                                         BlockCase{"goes", "refused", "given back", kRefused}));
+
+TEST_F(Ends, EndABlockThatAGatewayNeverAnswers) {
+    join({"g"});
+    engine().send("/c/b", "block");
+    world.run(59s);
+    EXPECT_EQ(engine().ends[0], "");
+    world.run(2s);
+    EXPECT_EQ(engine().ends[0], "given back");
+    gateway("g").tickets.at(0)->answer(BlockOutcome::kDelivered);
+    world.run(1s);
+    EXPECT_EQ(statistics().blocksDelivered, 0U);
+}
+
+TEST_F(Ends, NoticeSilenceAfterASecondAndPartAfterTen) {
+    join({"g"});
+    gateway("g").end->pages(1);
+    world.run(100ms);
+    EXPECT_FALSE(engine().end->lastPageGone());
+    world.network.cut("g");
+    engine().send("/c/b", "block");
+    world.run(900ms);
+    EXPECT_EQ(engine().ends[0], "");
+    world.run(500ms);
+    EXPECT_EQ(engine().ends[0], "given back");
+    EXPECT_TRUE(engine().end->lastPageGone());
+    EXPECT_EQ(engine().timesGone, 1);
+    EXPECT_THAT(gateway("g").events, ElementsAre("joined", "silent"));
+    engine().send("/c/b", "another");  // nobody is there who could have it
+    world.run(100ms);
+    EXPECT_EQ(engine().ends[1], "given back");
+    world.network.mend("g");
+    world.run(500ms);
+    EXPECT_FALSE(engine().end->lastPageGone());
+    EXPECT_THAT(gateway("g").events, ElementsAre("joined", "silent", "heard"));
+    EXPECT_THAT(gateway("g").got, ElementsAre("block /c/b block", "block /c/b another"));
+    world.network.cut("g");
+    world.run(11s);
+    EXPECT_EQ(gateway("g").events.back(), "left: the engine is gone");
+    EXPECT_EQ(statistics().gateways, 0U);
+    EXPECT_THAT(engine().notes.back(), HasSubstr("nothing was heard of it for 10 s"));
+    world.network.mend("g");
+    world.run(500ms);
+    EXPECT_EQ(gateway("g").joins, 2);
+}
+
+TEST_F(Ends, DoNotTakeTheirOwnPauseForSilence) {
+    join({"g"});
+    gateway("g").end->pages(1);
+    world.run(400ms);
+    world.network.now += 5s;  // the machine was asleep
+    world.run(400ms);
+    EXPECT_THAT(gateway("g").events, ElementsAre("joined"));
+    EXPECT_EQ(engine().timesGone, 0);
+}
+
+TEST_F(Ends, SayGoodbye) {
+    join({"a", "b"});
+    world.gateways.erase("a");
+    world.run(50ms);
+    EXPECT_EQ(statistics().gateways, 1U);
+    world.engine.reset();
+    world.run(50ms);
+    EXPECT_EQ(gateway("b").events.back(), "left: the engine is gone");
+}
+
+TEST_F(Ends, FollowANewEngineWhenTheOldOneIsSilent) {
+    join({"g"});
+    TestEngine other(world.network);
+    for (int i = 0; i < 5; ++i) {
+        other.end->step(world.network.now);
+        world.run(400ms);
+    }
+    EXPECT_THAT(gateway("g").events, ElementsAre("joined"));
+    world.kill();
+    world.start();
+    world.run(1700ms);
+    EXPECT_THAT(gateway("g").events,
+                ElementsAre("joined", "silent", "left: another engine has taken over", "joined"));
+}
+
+TEST_F(Ends, DropWhoHoldsUpMoreThanIsKept) {
+    auto settings = TestEngine::usual();
+    settings.memory = 4 * kMiB;
+    join({"a", "b"}, settings);
+    world.network.cut("b");
+    for (int i = 0; i < 20; ++i) {
+        engine().end->down()->text("/c/a", std::string(500'000, static_cast<char>('a' + i)));
+        world.run(20ms);
+        EXPECT_LE(engine().end->statistics().waiting, 4 * kMiB);
+    }
+    EXPECT_EQ(gateway("a").got.size(), 20U);
+    EXPECT_EQ(statistics().dropped, 1U);
+    world.network.mend("b");
+    world.run(1s);
+    EXPECT_THAT(gateway("b").events, testing::Contains("left: it is not known"));
+    EXPECT_EQ(gateway("b").joins, 2);
+    EXPECT_EQ(gateway("a").joins, 1);
+    EXPECT_EQ(engine().send("/c/b", std::string(3 * kMiB, 'x')), 0U);
+    EXPECT_EQ(engine().ends[0], "given back");  // it could never be kept
+}
+
+/// A gateway that says what a test wants.
+class OddGateway {
+  public:
+    explicit OddGateway(World& world) : fWorld(world) {
+        world.network.onMessage = [this](const std::string& subject, const std::string& bytes) {
+            if (subject.ends_with("beat")) fEpoch = readFrame(bytes)->header.epoch;
+            if (subject.ends_with("to.odd")) bytesGot += bytes.size();
+        };
+        say(frame::Hello{"http://odd"});
+        world.run(400ms);
+    }
+    void say(const frame::Body& body, std::uint64_t number = 1) {
+        const bool isHello = std::holds_alternative<frame::Hello>(body);
+        fWorld.network.inject("kiroweb.s.from.odd",
+                              writeFrame({isHello ? 0 : fEpoch, 7, number}, body));
+    }
+    std::size_t bytesGot = 0;
+
+  private:
+    World& fWorld;
+    std::uint64_t fEpoch = 0;
+};
+
+TEST_F(Ends, DropWhoIsThereButDoesNotGetOn) {
+    join({"g"});
+    engine().end->down()->text("/c/a", "1");
+    world.run(50ms);
+    OddGateway odd(world);
+    engine().end->down()->text("/c/a", "2");
+    int count = 0;
+    const auto live = [&] {
+        if (++count % 20 == 0) odd.say(frame::Presence{2, 0, 0, 0});
+    };
+    world.run(9s, live);
+    EXPECT_EQ(statistics().gateways, 2U);
+    world.run(2s, live);
+    EXPECT_EQ(statistics().gateways, 1U);
+    EXPECT_THAT(engine().notes, testing::Contains(HasSubstr("odd: it is 10 s behind")));
+    EXPECT_THAT(gateway("g").got, ElementsAre("/c/a 1", "/c/a 2"));
+}
+
+TEST_F(Ends, SendAgainOnlySoMuchAtATime) {
+    join({"g"});
+    OddGateway odd(world);
+    for (int i = 0; i < 24; ++i) engine().end->down()->text("/c/a", std::string(500'000, 'x'));
+    world.run(500ms);
+    const auto askFor = [&](std::uint64_t has) {
+        odd.bytesGot = 0;
+        for (int i = 0; i < 20; ++i) odd.say(frame::Ask{{{has, kEndOfNumbers - 1}}}, has);
+        world.run(500ms);
+        return odd.bytesGot;
+    };
+    EXPECT_NEAR(static_cast<double>(askFor(1)), 4.5e6, 0.1e6);
+    EXPECT_LT(askFor(1), 5'000U);
+    EXPECT_NEAR(static_cast<double>(askFor(10)), 4.5e6, 0.1e6);  // it gets on
+    world.run(2s);
+    EXPECT_NEAR(static_cast<double>(askFor(10)), 4.5e6, 0.1e6);  // it was lost
+    EXPECT_EQ(statistics().resends, 27U);
+    odd.say(frame::Ask(), 26);
+    world.run(100ms);
+    EXPECT_EQ(statistics().refusals, 1U);  // it cannot have more than there is
+}
+
+TEST_F(Ends, SendNoMoreThanASlowLineCarries) {
+    // An engine behind a line of 100 kB/s: beats have to get through, and nobody is dropped.
+    join({"g"});
+    world.network.bytesPerSecond = 100'000;
+    std::size_t said = 0;
+    world.run(60s, [&] {
+        if (++said % 20 == 0) engine().send("/c/b", std::string(40'000, 'x'));
+    });
+    EXPECT_THAT(gateway("g").events, ElementsAre("joined"));
+    EXPECT_EQ(statistics().dropped, 0U);
+    EXPECT_LE(world.network.mostUnderWay, 1'000'000U);
+    EXPECT_GE(gateway("g").got.size() * 40'000, 60U * 100'000 * 7 / 10);  // of what it gives
+    world.network.bytesPerSecond = 0;
+    world.run(5s);
+    EXPECT_EQ(gateway("g").got.size(), said / 20);
+}
+
+TEST_F(Ends, CountPagesOverAllGateways) {
+    join({"a", "b"});
+    EXPECT_FALSE(engine().end->lastPageGone());  // there was none yet
+    gateway("a").end->pages(2);
+    gateway("b").end->pages(1);
+    world.run(100ms);
+    EXPECT_EQ(statistics().pages, 3U);
+    gateway("a").end->pages(0);
+    world.run(100ms);
+    EXPECT_FALSE(engine().end->lastPageGone());
+    gateway("b").end->pages(0);
+    world.run(100ms);
+    EXPECT_TRUE(engine().end->lastPageGone());
+    gateway("a").end->pages(1);
+    world.run(100ms);
+    EXPECT_FALSE(engine().end->lastPageGone());
+    world.gateways.erase("a");
+    world.run(100ms);
+    EXPECT_TRUE(engine().end->lastPageGone());
+    EXPECT_EQ(engine().timesGone, 2);
+    // A gateway that joins anew has its pages with it.
+    gateway("b").end->pages(4);
+    world.kill();
+    world.start();
+    world.run(2s);
+    EXPECT_EQ(statistics().pages, 4U);
+}
+
+TEST_F(Ends, NumberViewsOverAllGateways) {
+    join({"a", "b"});
+    using Kind = GatewayEnd::ViewKind;
+    gateway("a").end->announce(Kind::kNew, "Anna", 1);
+    world.run(50ms);
+    gateway("b").end->announce(Kind::kNew, "Ben\xff", 1);
+    world.run(50ms);
+    gateway("a").end->announce(Kind::kReturn, "Anna", 1);
+    gateway("b").end->announce(Kind::kReturn, "Ben", 1);
+    gateway("b").end->announce(Kind::kReturn, "who?", 9);
+    world.run(50ms);
+    EXPECT_THAT(engine().views,
+                testing::UnorderedElementsAre("first 1 Anna", "further 2 Ben\\xff", "return 1 Anna",
+                                              "return 2 Ben", "return 0 who?"));
+    auto& late = world.add("late");
+    world.run(500ms);
+    EXPECT_EQ(late.session.views, 2U);
+}
+
+TEST_F(Ends, MeasureTheDifferenceOfTheirClocks) {
+    world.network.weather.delay = 20ms;
+    world.start();
+    world.add("early", 90min);
+    world.add("late", -3s);
+    world.run(6s);
+    for (const auto& [name, ahead] : {std::pair("early", 5'400'000'000L), {"late", -3'000'000L}}) {
+        const auto known = gateway(name).end->statistics();
+        const auto uncertainty = known.clockUncertainty.count();
+        EXPECT_NEAR(static_cast<double>(known.clockOffset.count()), static_cast<double>(-ahead),
+                    static_cast<double>(uncertainty));
+        EXPECT_LE(uncertainty, 15'000);
+    }
+    const auto reports = engine().end->gateways();
+    ASSERT_EQ(reports.size(), 2U);
+    EXPECT_EQ(reports[0].clockOffset, gateway("early").end->statistics().clockOffset);
+}
+
+TEST_F(Ends, BoundWhatPagesSay) {
+    join({"g"});
+    auto& end = *gateway("g").end;
+    const std::string large(10 * kMiB, 'x');
+    // The engine's process does not get on with it.
+    engine().keepsTickets = true;
+    for (int i = 0; i < 4; ++i) end.publish("/up", large);
+    world.run(500ms);
+    EXPECT_EQ(engine().got.size(), 2U);  // the second one is beyond the bound
+    std::size_t said = 4;
+    const auto sayOn = [&] {
+        for (; said < 20; ++said) end.publish("/up", large);
+    };
+    EXPECT_THROW(sayOn(), std::length_error);
+    EXPECT_LE(end.statistics().waiting, 64 * kMiB);
+    engine().keepsTickets = false;
+    engine().tickets.clear();
+    world.run(8s);
+    EXPECT_EQ(engine().got.size(), said);
+    EXPECT_EQ(end.statistics().waiting, 0U);
+    EXPECT_EQ(gateway("g").joins, 1);
+}
+
+TEST_F(Ends, IgnoreWhatIsNotForThem) {
+    join({"g"});
+    const auto before = statistics();
+    const std::string own = "kiroweb.s.to.g";
+    for (const auto& [subject, body] : std::vector<std::pair<std::string, frame::Body>>{
+             {own, frame::Dropped{"forged"}},
+             {own, frame::Welcome{TestEngine::usual().description}},
+             {"kiroweb.s.beat", frame::End()},
+             {"kiroweb.s.beat", frame::Beat()},
+             {"kiroweb.s.down", frame::Texts{{{"/c/a", "forged"}}}},
+             {"kiroweb.s.from.g", frame::Leave()},
+             {"kiroweb.s.from.g", frame::Pages{5}}}) {
+        world.network.inject(subject, writeFrame({99, 98, 1}, body));
+    }
+    world.network.inject(own, "no frame");
+    world.network.inject("kiroweb.s.from.g", std::string(2 * kMiB, 'K'));
+    world.network.inject("kiroweb.s.from.g", writeFrame({0, 1, 0}, frame::Beat()));
+    world.run(500ms);
+    EXPECT_THAT(gateway("g").events, ElementsAre("joined"));
+    EXPECT_THAT(gateway("g").got, IsEmpty());
+    EXPECT_EQ(gateway("g").end->statistics().refusals, 1U);
+    EXPECT_EQ(statistics().refusals, before.refusals + 1);
+    EXPECT_EQ(statistics().pages, 0U);
+}
+
+}  // namespace
+}  // namespace link_test

@@ -1,0 +1,259 @@
+"""An engine, two gateways and three nodes, each a process of its own, with pages that check all that they
+get. Nodes, gateways and the engine are ended and hung while it streams."""
+
+import contextlib
+import os
+import pathlib
+import secrets
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+sys.dont_write_bytecode = True
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+sys.path.insert(0, str(ROOT / "proofs/common"))
+import load  # noqa: E402
+
+load.PROGRAMS = pathlib.Path(os.environ["KIROWEB_PROGRAMS"])
+os.environ["PATH"] += ":/usr/sbin"
+TEXTS, BLOCKS = 5000, 20  # a second
+SLOWNESS = float(os.environ.get("KIROWEB_SLOWNESS", "1"))  # of programs that are sanitized
+PATIENCE = 20 * SLOWNESS  # seconds; only what has failed takes as long
+PAGES = 3  # of each gateway
+
+
+def free_ports(count: int) -> list[int]:
+    with contextlib.ExitStack() as held:
+        bound = [held.enter_context(socket.socket()) for _ in range(count)]
+        for each in bound:
+            each.bind(("127.0.0.1", 0))
+        return [each.getsockname()[1] for each in bound]
+
+
+def until(what, text: str):
+    """Looks again and again until it is so, and returns how many seconds that took."""
+    began = time.monotonic()
+    while not what():
+        if time.monotonic() > began + PATIENCE:
+            raise AssertionError(f"in vain: {text}")
+        time.sleep(0.02)
+    return time.monotonic() - began
+
+
+class Cluster:
+    """Three nodes and two gateways, with their files and logs in a folder."""
+
+    def __init__(self, folder: str):
+        self.folder, self.running = pathlib.Path(folder), {}
+        ports = free_ports(8)
+        self.ports = {"node-1": ports[0], "node-2": ports[1], "node-3": ports[2],
+                      "gateway-one": ports[3], "gateway-two": ports[4]}
+        self.files("nodes", *(f"127.0.0.1:{ports[i]}:{ports[i + 5]}" for i in range(3)))
+        self.files("session", "alpha", "beta")
+        self.files("gateway", "one", "two")
+        for name in ("one", "two"):
+            self.write(f"gateway-{name}", "gateway.conf", (2, 3, 1), name=name, tls="off",
+                       port=self.ports[f"gateway-{name}"])
+
+    def files(self, *arguments: str) -> None:
+        subprocess.run([ROOT / "deploy/cluster-files", self.folder, *arguments], check=True)
+
+    def write(self, user: str, file: str, order: tuple, credentials="", **settings) -> pathlib.Path:
+        settings |= {"servers": ",".join(f"127.0.0.1:{self.ports[f'node-{i}']}" for i in order),
+                     "credentials": self.folder / (credentials or user) / "credentials",
+                     "ca": self.folder / user / "ca.pem"}
+        written = self.folder / user / file
+        written.write_text("".join(f"{key} = {value}\n" for key, value in settings.items()))
+        return written
+
+    def start(self, *names: str) -> None:
+        for name in names:
+            folder = self.folder / name
+            command = (["nats-server", "-c", "node.conf"] if name.startswith("node") else
+                       [load.PROGRAMS / "kiroweb-gateway", folder / "gateway.conf"])
+            with open(folder / "log", "ab") as log:
+                self.running[name] = subprocess.Popen(
+                    ["setpriv", "--pdeathsig", "KILL", *command], cwd=folder, stdout=log, stderr=log)
+
+    def kill(self, *names: str) -> None:
+        for name in names:
+            process = self.running.pop(name)
+            process.kill()
+            process.wait()
+
+    def signal(self, name: str, number: int) -> None:
+        self.running[name].send_signal(number)
+
+    def log(self, name: str) -> str:
+        return (self.folder / name / "log").read_text()
+
+
+class Faults(unittest.TestCase):
+    """What is the same for all: everything runs and streams. Each test harms something, and all that the
+    engine published afterwards has to come, in order and once."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory(prefix="kiroweb-faults-")
+        cls.cluster = Cluster(cls.folder.name)
+        cls.token = secrets.token_hex(32)
+        cls.addClassCleanup(cls.folder.cleanup)
+        cls.addClassCleanup(lambda: cls.cluster.kill(*cls.cluster.running))
+
+    def setUp(self):
+        load.findings.clear()
+        missing = [name for name in self.cluster.ports if name not in self.cluster.running]
+        self.cluster.start(*missing)
+        self.engine = self.start_engine()
+        self.pages = {name: self.start_pages(name) for name in ("one", "two")}
+
+    def start_engine(self, session="alpha", credentials="") -> load.Program:
+        file = self.cluster.write(f"session-{session}", "link.conf", (1, 2, 3), credentials=credentials,
+                                  session=session)
+        engine, _ = load.engine(texts=TEXTS, blocks=BLOCKS, milliseconds={}, linkFile=str(file),
+                                token=self.token)
+        self.addCleanup(engine.process.wait)
+        self.addCleanup(engine.process.kill)
+        return engine
+
+    def start_pages(self, gateway: str) -> load.Program:
+        port = self.cluster.ports[f"gateway-{gateway}"]
+        pages = load.pages(f"http://127.0.0.1:{port}/s/alpha/#token={self.token}", name=gateway,
+                           pages=PAGES, seed=1, mayLose=True,
+                           mayEnd=True)
+        self.addCleanup(pages.process.wait)
+        self.addCleanup(pages.process.kill)
+        return pages
+
+    def begin(self) -> None:
+        self.settle()
+        self.before = self.losses()
+        self.engine.ask("go")
+        self.streams()
+
+    def settle(self) -> None:
+        """Until all pages are there, and the engine knows."""
+        for pages in self.pages.values():
+            pages.ask("settle")
+        until(lambda: self.engine.ask("report")["gateway"]["pages"] == 2 * PAGES, "all pages are known")
+
+    def streams(self, *gateways: str) -> None:
+        """Until pages have what is published from now on, for half a second."""
+        wanted = self.engine.ask("report")["texts"] + TEXTS // 2
+        until(lambda: self.engine.ask("report")["texts"] >= wanted, "the engine publishes")
+        for name in gateways or self.pages:
+            self.pages[name].ask(f"until {wanted}")
+
+    def phase(self, name: str) -> None:
+        for pages in self.pages.values():
+            pages.ask(f"phase {name}")
+
+    def rest(self, *gateways: str) -> dict:
+        """Ends the stream: each page has to have all of it. Returns what the engine says."""
+        last = self.engine.ask("rest")
+        for name in gateways or self.pages:
+            self.pages[name].ask(f"until {last['texts']}")
+        until(lambda: (now := self.engine.ask("report"))["delivered"] + now["givenBack"] == now["blocks"],
+              "blocks are answered")
+        self.assertEqual(load.findings, [])
+        return self.engine.ask("report")
+
+    def losses(self) -> list[dict]:
+        """How often pages have lost something by now, of each gateway."""
+        kinds = ("connections lost", "cut off", "returns")
+        counts = [pages.ask("phase after")["counts"] for pages in self.pages.values()]
+        return [{kind: each.get(kind, 0) for kind in kinds} for each in counts]
+
+    def undisturbed(self) -> None:
+        """Nobody has lost a connection or a view, or been told that a frame did not arrive."""
+        self.assertEqual(self.rest()["givenBack"], 0)
+        self.assertEqual(self.losses(), self.before)
+
+    def slowest(self, phase: str, gateway: str) -> float:
+        """Seconds from the engine to a page, of the text that took longest."""
+        delays = self.pages[gateway].ask("phase after")["delays"][phase]
+        return max(delay for delay, _ in delays) / 100_000
+
+    def test_any_node_may_die_and_come_back(self):
+        self.begin()
+        for node in ("node-1", "node-2"):  # the engine's, and the gateways'
+            self.phase(node)
+            self.cluster.kill(node)
+            self.streams()
+            self.cluster.start(node)
+            self.streams()
+            for gateway in self.pages:
+                self.assertLess(self.slowest(node, gateway), 0.5 * SLOWNESS, node)
+        self.undisturbed()
+
+    def test_two_of_three_nodes_may_die(self):
+        self.begin()
+        self.cluster.kill("node-1", "node-2")
+        self.streams()
+        self.cluster.start("node-1", "node-2")
+        self.streams()
+        self.undisturbed()
+
+    def test_a_node_that_hangs_is_left(self):
+        self.begin()
+        for node in ("node-1", "node-2"):
+            self.phase(node)
+            self.cluster.signal(node, signal.SIGSTOP)
+            self.streams()
+            self.cluster.signal(node, signal.SIGCONT)
+            self.streams()
+            for gateway in self.pages:
+                self.assertLess(self.slowest(node, gateway), 3 * SLOWNESS, node)
+        # After a second a gateway counts as gone, so blocks may have been given back.
+        self.rest()
+        self.assertEqual(self.losses(), self.before)
+
+    def test_a_gateway_may_die(self):
+        self.begin()
+        self.phase("gateway-one")
+        self.cluster.kill("gateway-one")
+        self.streams("two")
+        self.assertLess(self.slowest("gateway-one", "two"), 0.5 * SLOWNESS)
+        self.cluster.start("gateway-one")
+        self.settle()
+        self.streams()
+        self.rest()
+
+    def test_a_new_engine_goes_on_when_one_has_died(self):
+        self.begin()
+        self.engine.process.kill()
+        told = lambda: all(pages.ask("phase gone")["counts"].get("engine silent", 0) >= PAGES
+                           for pages in self.pages.values())
+        self.assertLess(until(told, "the pages are told"), 2 * SLOWNESS)
+        self.engine = self.start_engine()
+        self.settle()
+        self.engine.ask("go")
+        self.streams()
+        self.rest()
+
+    def test_all_may_come_before_the_cluster(self):
+        self.cluster.kill("node-1", "node-2", "node-3")
+        engine = self.start_engine("beta")
+        until(lambda: any("trying on" in line and str(self.cluster.ports["node-1"]) in line
+                          for line in engine.log), "the addresses are named")
+        self.cluster.start("node-1", "node-2", "node-3")
+        self.begin()
+        self.rest()
+
+    def test_nobody_takes_part_in_a_session_with_the_credentials_of_another(self):
+        self.begin()
+        impostor = self.start_engine(credentials="session-beta")
+        until(lambda: any("Permissions Violation" in line for line in impostor.log), "it is refused")
+        impostor.ask("go")
+        self.streams()
+        self.assertEqual(impostor.ask("rest")["delivered"], 0)
+        self.assertIn("session-beta", self.cluster.log("node-1"))
+        self.undisturbed()
+
+
+if __name__ == "__main__":
+    unittest.main(warnings="ignore")  # programs that were killed leave their pipes to the collector

@@ -1,0 +1,357 @@
+// The gateway's program without its process: a cluster within this one, an engine's end of a link
+// on its other side, pages on raw loopback sockets, and a time that is set.
+#include "Service.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <boost/json.hpp>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "BlockWaits.hpp"
+#include "EngineEnd.hpp"
+#include "LocalCluster.hpp"
+#include "Peer.hpp"
+#include "Status.hpp"
+#include "secret/Sha256.hpp"
+
+using namespace kirolink;
+using namespace link_tool;
+using gatewaytest::Peer;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+namespace {
+
+const std::string kToken(32, 't');
+
+struct Unheeded final : BlockWait {
+    void finished(bool) noexcept override {}
+};
+
+/// An engine elsewhere, which notes what it hears.
+struct Engine final : EngineHost {
+    Engine(Cluster& cluster, const std::string& session, const Surroundings& surroundings)
+        : end(
+              cluster, settingsOf(session), *this, [] {}, surroundings) {}
+
+    static EngineEnd::Settings settingsOf(const std::string& session) {
+        EngineEnd::Settings settings;
+        settings.session = session;
+        settings.description.configuration = R"({"title":"wind"})";
+        settings.description.maySubscribe = {"/fig/*"};
+        settings.description.mayPublish = {"/up"};
+        settings.description.blockChannels = {"/*"};
+        settings.description.tokenHash = secret::sha256Hex(kToken);
+        return settings;
+    }
+    void text(const std::string& channel, std::string text, std::shared_ptr<const void>) override {
+        heard.push_back(channel + " " + text);
+    }
+    void block(const std::string& channel, std::string_view block) override {
+        heard.push_back(channel + " block " + std::string(block));
+    }
+    void view(View kind, std::uint64_t count, std::string_view client) override {
+        const char* const kinds[] = {"first", "further", "return"};
+        heard.push_back(kinds[static_cast<std::size_t>(kind)] + (" " + std::to_string(count)) +
+                        " " + std::string(client));
+    }
+    void gatewayJoined(const std::string& address) override { heard.push_back(address); }
+    void lastPageGone() override { heard.emplace_back("last page gone"); }
+    void note(std::string_view, std::string_view) noexcept override {}
+
+    void offer(const std::string& channel, const std::string& block) {
+        static_cast<void>(end.down()->block(channel, block, std::make_unique<Unheeded>()));
+    }
+    std::vector<std::string> take() { return std::exchange(heard, {}); }
+
+    std::vector<std::string> heard;
+    EngineEnd end;
+};
+
+class ServiceTest : public testing::Test {
+  protected:
+    ServiceTest() {
+        fSettings.name = "east";
+        fSettings.port = 0;
+        fSettings.sessions = 2;
+        fSettings.others = {"http://west.example:9"};
+        fService = std::make_unique<Service>(fSettings, fCluster, surroundings());
+        fAccess.port = fService->port();
+    }
+
+    Surroundings surroundings() {
+        auto surroundings = Surroundings::real();
+        surroundings.now = [this] { return fNow.load(); };
+        surroundings.random = [this] { return ++fRandom; };
+        return surroundings;
+    }
+    Engine& begin(const std::string& session) {
+        auto& engine = fEngines[session];
+        engine = nullptr;
+        engine = std::make_unique<Engine>(fCluster, session, surroundings());
+        run(milliseconds(500));
+        return *engine;
+    }
+    /// Everybody does what is due, and hears what is said.
+    void run(milliseconds time) {
+        constexpr milliseconds kStep{50};
+        for (auto passed = milliseconds(0); passed <= time; passed += kStep) {
+            fCluster.deliver();
+            for (const auto& [name, engine] : fEngines) {
+                if (engine != nullptr && !fIsHung) engine->end.step(fNow);
+            }
+            fCluster.deliver();
+            fNow = fNow.load() + kStep;
+            fService->tick(fNow);
+        }
+    }
+    std::string get(const std::string& target) {
+        Peer peer(fAccess);
+        peer.send("GET " + target + " HTTP/1.1\r\nHost: " + fAccess.host() + "\r\n\r\n");
+        return peer.readHead();
+    }
+    std::string upgrade(Peer& peer, const std::string& session, std::string_view token = kToken) {
+        peer.send(gatewaytest::upgradeRequest(fAccess, token, "/s/" + session));
+        return peer.readHead();
+    }
+    Peer join(const std::string& session) {
+        Peer peer(fAccess);
+        EXPECT_TRUE(hasStatus(upgrade(peer, session), "101")) << session;
+        peer.sendText(R"({"t":"hello","version":1,"client":"c","subscribe":["/fig/1"]})");
+        fHello = boost::json::parse(peer.readControl("hello")).as_object();
+        settle(peer);  // it is announced behind the hello
+        return peer;
+    }
+    /// The session's engine is there, and followed.
+    Engine& follow(const std::string& session) {
+        auto& engine = begin(session);
+        static_cast<void>(get("/s/" + session + "/"));
+        run(milliseconds(500));
+        return engine;
+    }
+    /// What the peer said has been acted upon, and has reached the engine.
+    void settle(Peer& peer) {
+        peer.sendText(R"({"t":"echo","id":1})");
+        EXPECT_EQ(peer.readControl("echo"), R"({"t":"echo","id":1})");
+        run(milliseconds(100));
+    }
+    static bool hasStatus(const std::string& head, const std::string& status) {
+        return head.starts_with("HTTP/1.1 " + status);
+    }
+    ServiceReport report() { return fService->report(fNow); }
+
+    std::atomic<std::chrono::steady_clock::time_point> fNow{
+        std::chrono::steady_clock::time_point(std::chrono::hours(1))};
+    std::atomic<std::uint64_t> fRandom{1};
+    link_test::LocalCluster fCluster;
+    std::map<std::string, std::unique_ptr<Engine>> fEngines;
+    bool fIsHung = false;  ///< all engines are
+    Settings fSettings;
+    gatewaytest::Access fAccess;
+    std::unique_ptr<Service> fService;
+    boost::json::object fHello;
+};
+
+using Heard = std::vector<std::string>;
+
+}  // namespace
+
+TEST_F(ServiceTest, FollowsASessionOnceAPageAsksForIt) {
+    EXPECT_TRUE(hasStatus(get("/s/wind/"), "404"));
+    auto& engine = begin("wind");
+    EXPECT_EQ(report().followed, 0U);
+    const auto early = get("/s/wind/");
+    EXPECT_TRUE(hasStatus(early, "200") && early.find("Retry-After") != std::string::npos) << early;
+    Peer waiting(fAccess);
+    EXPECT_TRUE(hasStatus(upgrade(waiting, "wind"), "503"));
+    run(milliseconds(500));
+    EXPECT_EQ(engine.take(), Heard{fService->address() + "/s/wind/"});
+    Peer stranger(fAccess);
+    EXPECT_TRUE(hasStatus(upgrade(stranger, "wind", std::string(32, 'x')), "403"));
+    auto page = join("wind");
+    EXPECT_EQ(fHello["kind"].as_string(), "first");
+    EXPECT_EQ(boost::json::serialize(fHello["configuration"]), R"({"title":"wind"})");
+    auto second = join("wind");
+    EXPECT_EQ(fHello["kind"].as_string(), "further");
+    EXPECT_EQ(engine.take(), (Heard{"first 1 c", "further 2 c"}));
+    EXPECT_TRUE(hasStatus(get("/s/sea/"), "404"));
+    follow("sea");
+    begin("sky");
+    EXPECT_TRUE(hasStatus(get("/s/sky/"), "404")) << "two may be followed";
+    const auto now = report();
+    EXPECT_EQ(std::vector({now.known, now.followed, now.joined, now.pages}),
+              (std::vector<std::size_t>{3, 2, 2, 2}));
+}
+
+TEST_F(ServiceTest, LetsPagesGoBetweenGateways) {
+    follow("wind");
+    const auto page = join("wind");
+    EXPECT_EQ(boost::json::serialize(fHello["gateways"]),
+              R"(["ws://west.example:9/s/wind/kiroweb"])");
+    const auto head = get("/s/wind/");
+    EXPECT_NE(head.find(" ws://west.example:9;"), std::string::npos) << head;
+    auto request = gatewaytest::upgradeRequest(fAccess, kToken, "/s/wind");
+    const auto origin = fAccess.origin();
+    request.replace(request.find(origin), origin.size(), "http://west.example:9");
+    Peer comer(fAccess);
+    comer.send(request);
+    EXPECT_TRUE(hasStatus(comer.readHead(), "101"));
+}
+
+TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
+    auto& engine = follow("wind");
+    auto page = join("wind");
+    auto other = join("wind");
+    engine.take();
+    engine.end.down()->text("/fig/1", "down");
+    run(milliseconds(100));
+    for (auto* peer : {&page, &other}) EXPECT_EQ(peer->readRecords(1).at(0).text, "down");
+    page.sendText(R"([{"t":"publish","channel":"/up","text":"up"},)"
+                  R"({"t":"channel","number":1,"name":"/up"}])");
+    page.sendFrame(2, std::string("\1\1\1", 3) + std::string(13, '\0') + "bytes");
+    settle(page);
+    EXPECT_EQ(engine.take(), (Heard{"/up up", "/up block bytes"}));
+
+    // Of a block each page says whether it has it.
+    for (const char* isOk : {"true", "false"}) {
+        const auto before = engine.end.statistics();
+        engine.offer("/fig/1", "12345678");
+        run(milliseconds(100));
+        const std::string number = isOk == std::string("true") ? "1" : "2";
+        for (auto* peer : {&page, &other}) {
+            EXPECT_EQ(peer->readBinary().substr(16), "12345678");
+            peer->sendText(R"({"t":"block","transfer":)" + number + R"(,"ok":)" + isOk + "}");
+            settle(*peer);
+        }
+        const auto after = engine.end.statistics();
+        EXPECT_EQ(after.blocksDelivered - before.blocksDelivered, number == "1" ? 1U : 0U);
+        EXPECT_EQ(after.blocksRefused - before.blocksRefused, number == "1" ? 0U : 1U);
+    }
+    engine.offer("/fig/2", "12345678");
+    run(milliseconds(100));
+    EXPECT_EQ(engine.end.statistics().blocksNobody, 1U);
+}
+
+TEST_F(ServiceTest, TellsPagesOfTheirEngine) {
+    follow("wind");
+    auto page = join("wind");
+    fIsHung = true;
+    run(milliseconds(1600));
+    const auto silent = boost::json::parse(page.readControl("engine"));
+    EXPECT_EQ(silent.at("state").as_string(), "silent");
+    EXPECT_GE(silent.at("milliseconds").as_int64(), 1000);
+    fIsHung = false;
+    run(milliseconds(400));
+    auto told = page.readControl("engine");
+    while (told.find("silent") != std::string::npos) told = page.readControl("engine");
+    EXPECT_EQ(told, R"({"t":"engine","state":"heard"})");
+
+    fEngines["wind"] = nullptr;
+    run(seconds(11));
+    auto end = page.readFrame();
+    while (!end.isEnd()) end = page.readFrame();
+    EXPECT_EQ(end.payload,
+              "\x03\xe9"
+              "the engine is gone");
+    Peer early(fAccess);
+    EXPECT_TRUE(hasStatus(upgrade(early, "wind"), "503"));
+    auto& engine = begin("wind");
+    const auto next = join("wind");
+    EXPECT_EQ(fHello["kind"].as_string(), "first");
+    EXPECT_EQ(engine.take().back(), "first 1 c");
+}
+
+TEST_F(ServiceTest, LeavesASessionThatNobodyLooksAt) {
+    auto& engine = follow("wind");
+    auto page = join("wind");
+    page.sendText(R"({"t":"publish","channel":"/up","text":"up"})");
+    settle(page);
+    engine.take();
+    run(seconds(70));
+    EXPECT_EQ(report().followed, 1U);
+    page.sendFrame(8, "\x03\xe8");
+    EXPECT_EQ(page.readClose(), 1000U);
+    EXPECT_EQ(page.readAll(), "") << "it has left by the connection's end";
+    run(seconds(5));
+    EXPECT_EQ(engine.take(), Heard{"last page gone"});
+    const auto before = report();
+    run(seconds(62));
+    EXPECT_TRUE(hasStatus(get("/elsewhere"), "404")) << "the gateway's thread has done its part";
+    EXPECT_EQ(report().followed, 0U);
+    const auto frames = report().link.framesReceived;
+    EXPECT_GE(frames, before.link.framesReceived) << "totals never sink";
+    EXPECT_LT(frames, 2 * before.link.framesReceived) << "nor count twice";
+}
+
+TEST_F(ServiceTest, ClosesPagesWhenItStops) {
+    follow("wind");
+    auto page = join("wind");
+    fService->stop();
+    EXPECT_EQ(page.readClose(), 1001U);
+}
+
+TEST_F(ServiceTest, MeasuresWithoutNamingAnybody) {
+    auto& engine = follow("wind");
+    auto page = join("wind");
+    engine.end.down()->text("/fig/1", "secret");
+    run(milliseconds(100));
+    static_cast<void>(page.readRecords(1));
+    fCluster.isThere = false;
+    const auto text = metricsText(report());
+    const auto has = [&text](std::string_view part) {
+        return text.find(part) != std::string::npos;
+    };
+    for (const char* line :
+         {"\nkiroweb_gateway_pages 1\n", "\nkiroweb_gateway_sessions_joined 1\n",
+          "\nkiroweb_gateway_texts_sent_total 1\n", "\nkiroweb_gateway_connected 0\n",
+          "# TYPE kiroweb_gateway_link_gaps_total counter\n"}) {
+        EXPECT_TRUE(has(line)) << line << text;
+    }
+    for (const auto& secret : {std::string("wind"), std::string("fig"), std::string("secret"),
+                               std::string("east"), kToken, secret::sha256Hex(kToken)}) {
+        EXPECT_FALSE(has(secret)) << secret;
+    }
+}
+
+TEST_F(ServiceTest, HoldsPagesBackWhileTheEngineTakesNothing) {
+    follow("wind");
+    struct : Follower {
+        void joined(const Description&) noexcept override {}
+        void text(const std::string&, std::string_view) noexcept override {}
+        void block(const std::string&, std::shared_ptr<const std::string>,
+                   std::unique_ptr<BlockTicket>) noexcept override {}
+        void silent(std::chrono::steady_clock::time_point) noexcept override {}
+        void heard() noexcept override {}
+        void left(std::string_view) noexcept override {}
+    } follower;
+    GatewayEnd end(fCluster, {"wind", "west", "http://west/"}, follower, surroundings());
+    LinkBus bus;
+    bus.connect(end);
+    const auto step = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            run(milliseconds(50));
+            end.tick(fNow);
+        }
+    };
+    step(20);
+    ASSERT_TRUE(end.statistics().isJoined);
+    const auto said = [&](std::size_t size) {
+        auto ticket = std::make_shared<int>();
+        const std::weak_ptr<int> seen = ticket;
+        bus.deliver("/up", std::make_shared<const std::string>(size, 'x'), std::move(ticket));
+        bus.letGo();
+        return seen;
+    };
+    EXPECT_TRUE(said(1000).expired());
+    const auto held = said(std::size_t{2} << 20U);
+    EXPECT_FALSE(held.expired());
+    step(20);
+    bus.letGo();
+    EXPECT_TRUE(held.expired());
+}
