@@ -218,6 +218,14 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
     settle(page);
     EXPECT_EQ(engine.take(), (Heard{"/up up", "/up block bytes"}));
 
+    // So much that the page is not read from until the engine has some of it.
+    constexpr std::size_t kMany = 160;
+    const auto text =
+        R"({"t":"publish","channel":"/up","text":")" + std::string(20000, 'x') + "\"}";
+    for (std::size_t i = 0; i < kMany; ++i) page.sendText(text);
+    while (engine.heard.size() < kMany) run(milliseconds(50));
+    engine.take();
+
     // Of a block each page says whether it has it.
     for (const char* isOk : {"true", "false"}) {
         const auto before = engine.end.statistics();
