@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -223,6 +224,7 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
     const auto text =
         R"({"t":"publish","channel":"/up","text":")" + std::string(20000, 'x') + "\"}";
     for (std::size_t i = 0; i < kMany; ++i) page.sendText(text);
+    while (report().waiting < std::size_t{110} * 20000) std::this_thread::yield();
     while (engine.heard.size() < kMany) run(milliseconds(50));
     engine.take();
 
