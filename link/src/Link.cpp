@@ -1,8 +1,5 @@
 #include "kirolink/Link.hpp"
 
-#include <openssl/evp.h>
-
-#include <array>
 #include <atomic>
 #include <boost/json.hpp>
 #include <condition_variable>
@@ -25,6 +22,7 @@
 #include "relay/Relay.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 #include "secret/RandomHex.hpp"
+#include "secret/Sha256.hpp"
 
 namespace kirolink {
 namespace {
@@ -102,21 +100,6 @@ void offer(DownStream& down, Delivery delivery) {
     static_cast<void>(down.block(channel, bytes, std::move(wait)));
 }
 
-std::string hashOf(const std::string& token) {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
-    unsigned size = 0;
-    if (EVP_Digest(token.data(), token.size(), bytes.data(), &size, EVP_sha256(), nullptr) != 1) {
-        throw std::bad_alloc();
-    }
-    std::string text;
-    for (unsigned i = 0; i < size; ++i) {
-        constexpr std::string_view kDigits = "0123456789abcdef";
-        text += kDigits[bytes[i] >> 4U];
-        text += kDigits[bytes[i] & 0xfU];
-    }
-    return text;
-}
-
 /// What the gateway's own checks and parts look at.
 kirogateway::Options gatewayOptions(const Options& options) {
     kirogateway::Options gateway;
@@ -148,7 +131,7 @@ EngineEnd::Settings settingsOf(const Options& options, const std::string& token)
     description.maySubscribe = options.maySubscribe;
     description.blockChannels = options.blockChannels;
     description.lanes = options.lanes;
-    description.tokenHash = hashOf(token);
+    description.tokenHash = secret::sha256Hex(token);
     description.pieceSize = options.pieceSize;
     if (!canBeSent(description)) {
         throw std::invalid_argument(
@@ -226,7 +209,7 @@ class Process final : public EngineHost {
     /// REQUIRES: before any other call; `bus` outlives them.
     void connect(HostBus& bus) noexcept { fBus = &bus; }
     [[nodiscard]] std::string linkOf(const std::string& address) const {
-        return address + "/#token=" + fToken;
+        return address + (address.ends_with('/') ? "#token=" : "/#token=") + fToken;
     }
 
     void text(const std::string& channel, std::string text,
