@@ -4,7 +4,6 @@
 #include <boost/json.hpp>
 #include <condition_variable>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -146,7 +145,7 @@ NatsOptions natsOptions(const Options& options, std::shared_ptr<kirogateway::Con
     nats.credentialsFile = options.credentials;
     nats.caFile = options.caFile;
     nats.isPlainAllowed = options.isPlainAllowed;
-    nats.name = "kiroweb engine " + options.session;
+    nats.name = "session-" + options.session;
     nats.inboxPrefix = "_INBOX.session-" + options.session;
     nats.log = [context = std::move(context)](std::string_view line) {
         context->log.write(line, {});
@@ -225,10 +224,7 @@ class Process final : public EngineHost {
         static constexpr Kind kKinds[] = {Kind::kFirst, Kind::kFurther, Kind::kReturn};
         fBus->announce(kKinds[static_cast<std::size_t>(kind)], {{}, count, std::string(client)});
     }
-    void gatewayJoined(const std::string& address) override {
-        // One that comes and goes is told once; and so that nobody fills memory, some only.
-        static constexpr std::size_t kMostAddresses = 1024;
-        if (fAddresses.size() == kMostAddresses || !fAddresses.insert(address).second) return;
+    void gatewayFound(const std::string& address) override {
         call([&] {
             if (fOnGateway) fOnGateway(linkOf(address));
         });
@@ -253,7 +249,6 @@ class Process final : public EngineHost {
     const std::function<void()> fOnLastPageGone;
     const std::shared_ptr<kirogateway::Context> fContext;
     HostBus* fBus = nullptr;
-    std::set<std::string> fAddresses;
 };
 
 }  // namespace
@@ -324,8 +319,8 @@ const std::string& Link::session() const noexcept { return fImpl->session; }
 
 std::vector<std::string> Link::links() const {
     std::vector<std::string> links;
-    for (const auto& gateway : fImpl->end.gateways()) {
-        links.push_back(fImpl->process.linkOf(gateway.address));
+    for (const auto& address : fImpl->end.addresses()) {
+        links.push_back(fImpl->process.linkOf(address));
     }
     return links;
 }

@@ -11,11 +11,14 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Buffers.hpp"
 #include "Content.hpp"
 #include "kirogateway/Gateway.hpp"
+#include "kirohost/Controls.hpp"
+#include "kirolink/Link.hpp"
 #include "relay/Relay.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 #include "relay/message_service/MessageService.hpp"
@@ -29,6 +32,9 @@ using std::chrono::steady_clock;
 const std::map<std::string_view, milliseconds Limits::*> kTimes{
     {"queue", &Limits::queue}, {"block", &Limits::block},       {"ping", &Limits::ping},
     {"gone", &Limits::gone},   {"comeback", &Limits::comeback}, {"close", &Limits::close}};
+
+/// Writes a line whole; the log has threads of its own.
+void say(const boost::json::object& what) { std::cout << serialize(what) + '\n' << std::flush; }
 
 kirogateway::Options optionsOf(const boost::json::object& settings) {
     kirogateway::Options options;
@@ -51,6 +57,34 @@ kirogateway::Options optionsOf(const boost::json::object& settings) {
     return options;
 }
 
+kirolink::Options linkOptionsOf(const boost::json::object& settings) {
+    auto options = kirolink::loadOptions(std::string(settings.at("linkFile").as_string()));
+    options.maySubscribe = {"/load/*"};
+    options.token = settings.at("token").as_string();
+    options.onLastPageGone = [] {};
+    return options;
+}
+
+/// Where its pages are: at a gateway in this process, or at those that a link leads to.
+class Way {
+  public:
+    explicit Way(const boost::json::object& settings) {
+        if (settings.at("linkFile").as_string().empty()) {
+            fGateway.emplace(optionsOf(settings));
+        } else {
+            fLink.emplace(linkOptionsOf(settings));
+        }
+    }
+    [[nodiscard]] std::string link() const { return fGateway ? fGateway->link() : ""; }
+    [[nodiscard]] std::string diagnostics() const {
+        return fGateway ? fGateway->diagnostics() : fLink->diagnostics();
+    }
+
+  private:
+    std::optional<kirogateway::Gateway> fGateway;
+    std::optional<kirolink::Link> fLink;
+};
+
 struct Outcomes {
     std::atomic<std::uint64_t> delivered = 0;
     std::atomic<std::uint64_t> givenBack = 0;
@@ -61,11 +95,11 @@ class Engine {
     explicit Engine(const boost::json::object& settings)
         : fTextEvery(std::chrono::seconds(1) / settings.at("texts").to_number<double>()),
           fBlockEvery(std::chrono::seconds(1) / settings.at("blocks").to_number<double>()),
-          fGateway(optionsOf(settings)) {}
+          fWay(settings) {}
 
     /// Until the input ends.
     void run() {
-        std::cout << boost::json::object{{"link", fGateway.link()}} << std::endl;
+        say({{"link", fWay.link()}});
         for (std::string command; std::cin;) {
             pollfd input{STDIN_FILENO, POLLIN, 0};
             ::poll(&input, 1, fIsPublishing ? 1 : -1);
@@ -81,12 +115,11 @@ class Engine {
     void obey(const std::string& command) {
         if (command == "go") fNextText = fNextBlock = steady_clock::now();
         if (command == "go" || command == "rest") fIsPublishing = command == "go";
-        std::cout << boost::json::object{{"texts", fText.number},
-                                         {"blocks", fBlock.number},
-                                         {"delivered", fOutcomes->delivered.load()},
-                                         {"givenBack", fOutcomes->givenBack.load()},
-                                         {"gateway", boost::json::parse(fGateway.diagnostics())}}
-                  << std::endl;
+        say({{"texts", fText.number},
+             {"blocks", fBlock.number},
+             {"delivered", fOutcomes->delivered.load()},
+             {"givenBack", fOutcomes->givenBack.load()},
+             {"gateway", boost::json::parse(fWay.diagnostics())}});
     }
 
     void publishDue() {
@@ -124,7 +157,7 @@ class Engine {
     const std::shared_ptr<relay::binary::experimental::BinaryStream> fStream =
         relay::binary::experimental::createBinaryStream(load::kBlocks, {});
     const std::shared_ptr<Outcomes> fOutcomes = std::make_shared<Outcomes>();
-    kirogateway::Gateway fGateway;
+    Way fWay;
 
     bool fIsPublishing = false;
     Time fNextText;
@@ -137,6 +170,9 @@ class Engine {
 
 int main(int /*count*/, char** arguments) try {
     relay::getRelay();
+    const auto log = kirohost::observeLog([](const kirohost::LogRecord& record) {
+        say({{"log", record.text}});
+    });
     Engine(boost::json::parse(arguments[1]).as_object()).run();
 } catch (const std::exception& error) {
     std::cerr << "engine: " << error.what() << '\n';

@@ -108,7 +108,8 @@ class Program:
 
 
 def engine(**settings) -> tuple[Program, str]:
-    defaults = {"address": "127.0.0.1", "port": 0, "hosts": [], "queueSize": 64 << 20}
+    defaults = {"address": "127.0.0.1", "port": 0, "hosts": [], "queueSize": 64 << 20,
+                "linkFile": "", "token": ""}
     program = Program([str(PROGRAMS / "kiroweb_prove_engine")], defaults | settings)
     return program, program.answer()["link"]
 

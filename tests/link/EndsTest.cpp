@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "Frame.hpp"
+#include "Offers.hpp"
 #include "World.hpp"
 
 namespace link_test {
@@ -432,6 +433,36 @@ TEST_F(Ends, BoundWhatPagesSay) {
     EXPECT_EQ(engine().got.size(), said);
     EXPECT_EQ(end.statistics().waiting, 0U);
     EXPECT_EQ(gateway("g").joins, 1);
+}
+
+TEST_F(Ends, OfferToServeAPageOnceForEachEngine) {
+    const auto cluster = world.network.connect("g");
+    Offers offers(*cluster, "g", [](const auto& session) { return "https://g/s/" + session; });
+    int beats = 0;
+    const auto hear = [&](std::string_view, std::string_view bytes) {
+        EXPECT_TRUE(offers.beat("s", bytes, world.network.now));
+        ++beats;
+    };
+    const auto listening = cluster->subscribe("kiroweb.s.beat", hear);
+    int offered = 0;
+    world.network.onMessage = [&](const std::string& subject, const std::string&) {
+        offered += subject == "kiroweb.s.from.g" ? 1 : 0;
+    };
+    world.start();
+    world.run(59s);
+    EXPECT_GT(beats, 100);
+    EXPECT_EQ(offered, 1);
+    EXPECT_THAT(engine().links, ElementsAre("https://g/s/s"));
+    EXPECT_THAT(engine().end->addresses(), ElementsAre("https://g/s/s"));
+    world.run(2s);
+    EXPECT_EQ(offered, 2);
+    EXPECT_EQ(engine().links.size(), 1U);
+    world.kill();
+    world.start();
+    world.run(1s);
+    EXPECT_EQ(offered, 3);
+    EXPECT_THAT(engine().links, ElementsAre("https://g/s/s"));
+    EXPECT_FALSE(offers.beat("s", "no frame", world.network.now));
 }
 
 TEST_F(Ends, IgnoreWhatIsNotForThem) {

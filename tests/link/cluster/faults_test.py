@@ -21,7 +21,8 @@ import load  # noqa: E402
 load.PROGRAMS = pathlib.Path(os.environ["KIROWEB_PROGRAMS"])
 os.environ["PATH"] += ":/usr/sbin"
 TEXTS, BLOCKS = 5000, 20  # a second
-PATIENCE = 20  # seconds; only what has failed takes as long
+SLOWNESS = float(os.environ.get("KIROWEB_SLOWNESS", "1"))  # of programs that are sanitized
+PATIENCE = 20 * SLOWNESS  # seconds; only what has failed takes as long
 PAGES = 3  # of each gateway
 
 
@@ -55,19 +56,19 @@ class Cluster:
         self.files("session", "alpha", "beta")
         self.files("gateway", "one", "two")
         for name in ("one", "two"):
-            self.write(f"gateway-{name}", "gateway.conf", name=name, address="127.0.0.1", tls="off",
-                       port=self.ports[f"gateway-{name}"], order=(2, 3, 1))
+            self.write(f"gateway-{name}", "gateway.conf", (2, 3, 1), name=name, tls="off",
+                       port=self.ports[f"gateway-{name}"])
 
     def files(self, *arguments: str) -> None:
         subprocess.run([ROOT / "deploy/cluster-files", self.folder, *arguments], check=True)
 
-    def write(self, user: str, name: str, order: tuple, credentials="", **settings) -> pathlib.Path:
+    def write(self, user: str, file: str, order: tuple, credentials="", **settings) -> pathlib.Path:
         settings |= {"servers": ",".join(f"127.0.0.1:{self.ports[f'node-{i}']}" for i in order),
                      "credentials": self.folder / (credentials or user) / "credentials",
                      "ca": self.folder / user / "ca.pem"}
-        file = self.folder / user / name
-        file.write_text("".join(f"{key} = {value}\n" for key, value in settings.items()))
-        return file
+        written = self.folder / user / file
+        written.write_text("".join(f"{key} = {value}\n" for key, value in settings.items()))
+        return written
 
     def start(self, *names: str) -> None:
         for name in names:
@@ -129,16 +130,23 @@ class Faults(unittest.TestCase):
         return pages
 
     def begin(self) -> None:
-        for pages in self.pages.values():
-            pages.ask("settle")
+        self.settle()
+        self.before = self.losses()
         self.engine.ask("go")
         self.streams()
 
+    def settle(self) -> None:
+        """Until all pages are there, and the engine knows."""
+        for pages in self.pages.values():
+            pages.ask("settle")
+        until(lambda: self.engine.ask("report")["gateway"]["pages"] == 2 * PAGES, "all pages are known")
+
     def streams(self, *gateways: str) -> None:
-        """Until what is published now is there."""
-        last = self.engine.ask("report")["texts"]
+        """Until pages have what is published from now on, for half a second."""
+        wanted = self.engine.ask("report")["texts"] + TEXTS // 2
+        until(lambda: self.engine.ask("report")["texts"] >= wanted, "the engine publishes")
         for name in gateways or self.pages:
-            self.pages[name].ask(f"until {last + 1}")
+            self.pages[name].ask(f"until {wanted}")
 
     def phase(self, name: str) -> None:
         for pages in self.pages.values():
@@ -154,17 +162,21 @@ class Faults(unittest.TestCase):
         self.assertEqual(load.findings, [])
         return self.engine.ask("report")
 
+    def losses(self) -> list[dict]:
+        """How often pages have lost something by now, of each gateway."""
+        kinds = ("connections lost", "cut off", "returns")
+        counts = [pages.ask("phase after")["counts"] for pages in self.pages.values()]
+        return [{kind: each.get(kind, 0) for kind in kinds} for each in counts]
+
     def undisturbed(self) -> None:
         """Nobody has lost a connection or a view, or been told that a frame did not arrive."""
         self.assertEqual(self.rest()["givenBack"], 0)
-        for pages in self.pages.values():
-            counts = pages.ask("phase after")["counts"]
-            self.assertFalse({"connections lost", "cut off", "returns"} & counts.keys(), counts)
+        self.assertEqual(self.losses(), self.before)
 
     def slowest(self, phase: str, gateway: str) -> float:
         """Seconds from the engine to a page, of the text that took longest."""
-        delays = self.pages[gateway].ask("phase after")["delays"].get(phase, {})
-        return max(map(int, delays), default=0) / 100_000
+        delays = self.pages[gateway].ask("phase after")["delays"][phase]
+        return max(delay for delay, _ in delays) / 100_000
 
     def test_any_node_may_die_and_come_back(self):
         self.begin()
@@ -175,7 +187,7 @@ class Faults(unittest.TestCase):
             self.cluster.start(node)
             self.streams()
             for gateway in self.pages:
-                self.assertLess(self.slowest(node, gateway), 0.5, node)
+                self.assertLess(self.slowest(node, gateway), 0.5 * SLOWNESS, node)
         self.undisturbed()
 
     def test_two_of_three_nodes_may_die(self):
@@ -195,17 +207,19 @@ class Faults(unittest.TestCase):
             self.cluster.signal(node, signal.SIGCONT)
             self.streams()
             for gateway in self.pages:
-                self.assertLess(self.slowest(node, gateway), 3, node)
-        self.undisturbed()
+                self.assertLess(self.slowest(node, gateway), 3 * SLOWNESS, node)
+        # After a second a gateway counts as gone, so blocks may have been given back.
+        self.rest()
+        self.assertEqual(self.losses(), self.before)
 
     def test_a_gateway_may_die(self):
         self.begin()
         self.phase("gateway-one")
         self.cluster.kill("gateway-one")
         self.streams("two")
-        self.assertLess(self.slowest("gateway-one", "two"), 0.5)
+        self.assertLess(self.slowest("gateway-one", "two"), 0.5 * SLOWNESS)
         self.cluster.start("gateway-one")
-        self.pages["one"].ask("settle")
+        self.settle()
         self.streams()
         self.rest()
 
@@ -214,10 +228,9 @@ class Faults(unittest.TestCase):
         self.engine.process.kill()
         told = lambda: all(pages.ask("phase gone")["counts"].get("engine silent", 0) >= PAGES
                            for pages in self.pages.values())
-        self.assertLess(until(told, "the pages are told"), 2)
+        self.assertLess(until(told, "the pages are told"), 2 * SLOWNESS)
         self.engine = self.start_engine()
-        for pages in self.pages.values():
-            self.assertEqual(pages.ask("settle")["counts"].get("engine heard", 0), 0)
+        self.settle()
         self.engine.ask("go")
         self.streams()
         self.rest()
@@ -243,4 +256,4 @@ class Faults(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    unittest.main(warnings="ignore")  # programs that were killed leave their pipes to the collector
