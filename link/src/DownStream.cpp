@@ -7,7 +7,7 @@ namespace kirolink {
 namespace {
 
 constexpr std::chrono::milliseconds kTryAgain{2};
-constexpr const char* kNoMemory = "no memory for a message";
+constexpr const char* kNoRoom = "no memory for a message";
 constexpr const char* kTooSlow = "it holds up more than the engine keeps";
 
 }  // namespace
@@ -34,14 +34,14 @@ void DownStream::text(std::string_view channel, std::string_view text) noexcept 
         const bool wasEmpty = fBatch.isEmpty();
         try {
             const bool isLarge = channel.size() + text.size() > kBatchSize;
-            if (isLarge || !fBatch.fits(channel, text)) closeBatchLocked();
+            if (!fBatch.fits(channel, text)) closeBatchLocked();
             if (isLarge) {
                 appendPiecesLocked(false, channel, text);
             } else if (!fReaders.empty()) {
                 fBatch.add(channel, text);
             }
         } catch (...) {
-            loseAllLocked(kNoMemory);
+            loseAllLocked(kNoRoom);
         }
         // A batch that was there already has its time.
         hasWork = wasEmpty || fLog.next() != before;
@@ -80,7 +80,7 @@ DownStream::Offered DownStream::take(std::string_view channel, std::string_view 
         fBlocks.push_back(std::move(added));
     } catch (...) {
         // There may be a part of it on the way.
-        loseAllLocked(kNoMemory);
+        loseAllLocked(kNoRoom);
         return Offered::kRefused;
     }
     return Offered::kTaken;
@@ -174,7 +174,9 @@ bool DownStream::acknowledged(Reader reader, std::uint64_t next, TimePoint now) 
     at->has = next;
     const auto sentAt = fLog.sentAt(next - 1);
     if (next > before && sentAt) {
-        fWindow.acknowledged(fLog.bytesBelow(next) - fLog.bytesBelow(before), now - *sentAt, now);
+        const auto from = fLog.bytesBelow(before);
+        fWindow.acknowledged(fLog.bytesBelow(next) - from, now - *sentAt,
+                             fLog.bytesBelow(fLog.sentBelow()) - from, now);
     }
     releaseLocked();
     return true;
