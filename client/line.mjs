@@ -42,7 +42,8 @@ const WRONG_TOKEN =
 
 /** Connects at once, and again and again until it is refused or closed. */
 export class Line {
-    #url;
+    /** Where the program is found; the first is where the next attempt goes. @type {string[]} */
+    #urls;
     #settings;
     #events;
     /** @type {State} */
@@ -61,7 +62,7 @@ export class Line {
 
     /** @param {string} url @param {Settings} settings @param {Events} events */
     constructor(url, settings, events) {
-        this.#url = url;
+        this.#urls = [url];
         this.#settings = settings;
         this.#events = events;
         this.#backoff = new Backoff(settings.backoff, settings.random);
@@ -87,6 +88,11 @@ export class Line {
         this.#isLive = true;
         this.#watchForSilence();
         this.#setState("live", reason);
+    }
+
+    /** Other addresses of the same program, for when this one is lost. @param {string[]} urls */
+    alsoAt(urls) {
+        this.#urls = [...new Set([this.#urls[0], ...urls])];
     }
 
     /** Something is to be said of the connection while it is there. @param {string} reason */
@@ -139,7 +145,7 @@ export class Line {
     /** @param {{socket: any, opened: boolean}} attempt @param {string[]} protocols */
     #open(attempt, protocols) {
         const { WebSocket, socketOptions } = this.#settings;
-        const socket = new WebSocket(this.#url, protocols, socketOptions);
+        const socket = new WebSocket(this.#urls[0], protocols, socketOptions);
         attempt.socket = socket;
         socket.binaryType = "arraybuffer";
         // A socket that was let go of has nothing to say any more.
@@ -166,6 +172,7 @@ export class Line {
     async #closed(opened, code, reason) {
         const next = nextAttempt(code);
         this.#detach(next);
+        if (!opened || code === CLOSE_CODES.stopped) this.#moveOn();
         const why = reason || (opened ? `connection lost (${code})` : "no connection");
         if (next === "refused") return this.#refuse(why);
         this.#setState("reconnecting", why);
@@ -196,6 +203,7 @@ export class Line {
     /** Gives the connection up without waiting for its end. The gateway may come to hear of it, and
      * before it hears of the return. @param {string} reason */
     #abandon(reason) {
+        if (!this.#attempt?.opened) this.#moveOn();
         const socket = this.#detach("return");
         this.#setState("reconnecting", reason);
         socket?.close(CLOSE_CODES.givenUp);
@@ -211,6 +219,12 @@ export class Line {
         this.#clearTimers();
         this.#events.lost(next);
         return socket;
+    }
+
+    /** Nobody is there, or not for long: the next attempt goes elsewhere, if there is an elsewhere. */
+    #moveOn() {
+        const [here, ...others] = this.#urls;
+        this.#urls = [...others, here];
     }
 
     #connectLater() {

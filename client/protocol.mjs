@@ -37,6 +37,7 @@ const HELLO_NAMES_BYTES = 64 * 1024;
  * @property {string[]} subscribed
  * @property {string[]} refused
  * @property {string} [ended]
+ * @property {string[]} [gateways] addresses of others that lead to the same engine
  * @property {Record<string, number>} limits
  * @property {Record<string, any>} configuration
  */
@@ -376,6 +377,7 @@ export class Connection {
         this.#blockChannels = [...hello.blockChannels];
         this.#assembly.clear();
         const { returnMilliseconds = 0 } = hello.limits;
+        this.#line.alsoAt(hello.gateways ?? []);
         this.#line.welcomed(hello.ended ? `begun afresh: ${hello.ended}` : "", returnMilliseconds);
         this.#configure(hello.configuration);
         this.#correctSubscriptions(hello);

@@ -32,6 +32,8 @@ export class Line {
     /** The gateway has said hello. @param {string} reason for the state
      * @param {number} keptFor milliseconds for which it keeps a view */
     welcomed(reason: string, keptFor: number): void;
+    /** Other addresses of the same program, for when this one is lost. @param {string[]} urls */
+    alsoAt(urls: string[]): void;
     /** Something is to be said of the connection while it is there. @param {string} reason */
     note(reason: string): void;
     /** @param {string | Uint8Array} frame */

@@ -88,6 +88,10 @@ export type Hello = {
     subscribed: string[];
     refused: string[];
     ended?: string | undefined;
+    /**
+     * addresses of others that lead to the same engine
+     */
+    gateways?: string[] | undefined;
     limits: Record<string, number>;
     configuration: Record<string, any>;
 };

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Budget.hpp"
 #include "Counters.hpp"
@@ -13,10 +14,13 @@ namespace kirogateway {
 
 /// What the parts of one site share. Any thread.
 struct Context {
-    /// Lines of the log begin with `whose`. Several sites may have the same counters.
+    /// Lines of the log begin with `whose`. Several sites may have the same counters. `theOthers`:
+    /// addresses of the WebSockets of other servers that lead to the same engine.
     explicit Context(Options theOptions, const std::string& whose = {},
-                     std::shared_ptr<Counters> theCounters = std::make_shared<Counters>())
+                     std::shared_ptr<Counters> theCounters = std::make_shared<Counters>(),
+                     std::vector<std::string> theOthers = {})
         : options(std::move(theOptions)),
+          others(std::move(theOthers)),
           counters(std::move(theCounters)),
           memory(std::make_shared<Budget>(options.limits.memory)),
           lostMemory(std::make_shared<Budget>(options.limits.lostMemory)),
@@ -24,6 +28,7 @@ struct Context {
           peerLog(whose) {}
 
     const Options options;
+    const std::vector<std::string> others;
     const std::shared_ptr<Counters> counters;
     const std::shared_ptr<Budget> memory;      ///< of all that waits
     const std::shared_ptr<Budget> lostMemory;  ///< of what is kept for views without a connection

@@ -91,6 +91,7 @@ std::string helloText(const Welcome& welcome, const Options& options) {
                        {"limits", limitsOf(options.limits)},
                        {"configuration", json::parse(options.configuration)}};
     if (!welcome.ended.empty()) hello["ended"] = welcome.ended;
+    if (!welcome.others.empty()) hello["gateways"] = arrayOf(welcome.others);
     return json::serialize(hello);
 }
 

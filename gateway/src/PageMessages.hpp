@@ -109,7 +109,8 @@ struct Welcome {
     std::vector<std::string> blockChannels;
     std::vector<std::string> subscribed;
     std::vector<std::string> refused;
-    std::string ended;  ///< why the view asked for is over, if it is known
+    std::string ended;                  ///< why the view asked for is over, if it is known
+    std::vector<std::string> others{};  ///< where else the engine is reached
 };
 
 /// The texts of control frames.

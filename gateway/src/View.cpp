@@ -427,8 +427,10 @@ View::Due View::look(TimePoint now, PageBlocks& left) noexcept {
         fOutbox.dropBlocksBefore(now - fLimits.block, left);
         auto load = fOutbox.load();
         load.isOffered = !isEmpty(fOutbox.pending());  // else the gateway itself holds it back
-        fFailure = fPace.look(load, now);
-        if (fFailure != nullptr) return Due::kFail;
+        if (const char* why = fPace.look(load, now)) {
+            failLocked(why);  // while its blocks are told, nobody may look for room with it
+            return Due::kFail;
+        }
         if (fConnection->isReadingHeld()) heard(now);  // it may well have said something
         // In the middle of a long frame a page gets no ping, and may have nothing to say.
         if (fTakenInFrame != 0 && load.taken != fTakenInFrame) heard(now);

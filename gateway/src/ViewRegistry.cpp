@@ -90,6 +90,7 @@ ViewRegistry::Prepared ViewRegistry::prepare(const wire::Hello& hello, wire::Wel
         if (!isAdded) welcome.refused.push_back(channel);
     }
     welcome.subscribed = subscriptions.channels();
+    welcome.others = fContext->others;
     Prepared prepared;
     prepared.greeting.channelsNamed = welcome.blockChannels.size();
     prepared.greeting.hello.push_back(

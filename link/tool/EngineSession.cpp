@@ -76,8 +76,12 @@ kirogateway::Options EngineSession::optionsOf(const kirolink::Description& sessi
 std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
                                               std::shared_ptr<kirogateway::Secrets> secrets,
                                               std::uint64_t views) {
+    std::vector<std::string> sockets;  // "wss://HOST:PORT/s/NAME/kiroweb" of "https://HOST:PORT"
+    for (const auto& other : fCommon.others) {
+        sockets.push_back("ws" + other.substr(4) + fPrefix + std::string(kirogateway::kSocketPath));
+    }
     auto context = std::make_shared<kirogateway::Context>(
-        std::move(options), "session " + fName + ": ", fCommon.counters);
+        std::move(options), "session " + fName + ": ", fCommon.counters, std::move(sockets));
     auto site = std::make_shared<Site>(
         fPrefix, context, fCommon.wakeup, [] {}, views);
     site->access = std::make_unique<kirogateway::AccessPolicy>(

@@ -61,6 +61,9 @@ class EngineSession final : public kirolink::Follower,
     };
     [[nodiscard]] Report report(TimePoint now) const;
 
+    /// Follows the engine no more. REQUIRES: the gateway's thread is over, and nobody ticks.
+    void stop() noexcept { fEnd.reset(); }
+
     // --- The gateway's thread ---
 
     /// Takes the site away, once, unless a page has come. Returns whether it did so.

@@ -98,6 +98,8 @@ void Service::stop() noexcept {
         const annotated::Lock lock(fMutex);
         sessions.swap(fSessions);
     }
+    // What was posted in vain may keep them for longer.
+    for (const auto& [name, session] : sessions) session->stop();
 }
 
 // --- Sessions come -----------------------------------------------------------------------------

@@ -5,7 +5,6 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
-#include <cinttypes>
 #include <cstdio>
 #include <utility>
 
@@ -35,6 +34,73 @@ double seconds(std::chrono::microseconds time) {
     return std::chrono::duration<double>(time).count();
 }
 
+/// What is measured, and how it is taken from a report.
+template <typename Value>
+struct Metric {
+    const char* name;
+    const char* help;
+    Value (*value)(const ServiceReport& all);
+};
+
+constexpr Metric<double> kGauges[] = {
+    {"connected", "Whether the cluster is connected",
+     [](const ServiceReport& all) { return all.isConnected ? 1.0 : 0.0; }},
+    {"sessions_known", "Sessions whose engines are heard",
+     [](const ServiceReport& all) { return static_cast<double>(all.known); }},
+    {"sessions_followed", "Sessions that a page asked for",
+     [](const ServiceReport& all) { return static_cast<double>(all.followed); }},
+    {"sessions_joined", "Sessions whose engines are followed without a gap",
+     [](const ServiceReport& all) { return static_cast<double>(all.joined); }},
+    {"pages", "Pages that are there",
+     [](const ServiceReport& all) { return static_cast<double>(all.pages); }},
+    {"held_bytes", "Bytes that wait for pages",
+     [](const ServiceReport& all) { return static_cast<double>(all.held); }},
+    {"held_bytes_most", "Bytes that wait for the pages of one session, the most",
+     [](const ServiceReport& all) { return static_cast<double>(all.heldOfOne); }},
+    {"unacknowledged_bytes", "Bytes that engines have not said that they have",
+     [](const ServiceReport& all) { return static_cast<double>(all.waiting); }},
+    {"engine_silence_seconds", "How long an engine has been silent, the longest",
+     [](const ServiceReport& all) { return seconds(all.silence); }},
+    {"clock_offset_seconds", "How far an engine's clock is off this one, the largest",
+     [](const ServiceReport& all) { return seconds(all.clockOffset); }},
+    {"clock_uncertainty_seconds", "How uncertain that is, the largest",
+     [](const ServiceReport& all) { return seconds(all.clockUncertainty); }},
+};
+
+constexpr Metric<std::uint64_t> kCounters[] = {
+    {"link_frames_received_total", "Frames from engines",
+     [](const ServiceReport& all) { return all.link.framesReceived; }},
+    {"link_bytes_received_total", "Bytes from engines",
+     [](const ServiceReport& all) { return all.link.bytesReceived; }},
+    {"link_frames_sent_total", "Frames to engines",
+     [](const ServiceReport& all) { return all.link.framesSent; }},
+    {"link_bytes_sent_total", "Bytes to engines",
+     [](const ServiceReport& all) { return all.link.bytesSent; }},
+    {"link_gaps_total", "Times that something of an engine's was missing",
+     [](const ServiceReport& all) { return all.link.gaps; }},
+    {"link_resends_total", "Frames that came again because they were missing",
+     [](const ServiceReport& all) { return all.link.resends; }},
+    {"link_refusals_total", "Frames that could not be read",
+     [](const ServiceReport& all) { return all.link.refusals; }},
+    {"views_total", "Views that began", [](const ServiceReport& all) { return all.traffic.views; }},
+    {"returns_total", "Views that went on after a lost connection",
+     [](const ServiceReport& all) { return all.traffic.returns; }},
+    {"texts_sent_total", "Texts queued for pages",
+     [](const ServiceReport& all) { return all.traffic.textsSent; }},
+    {"blocks_delivered_total", "Blocks that all pages have",
+     [](const ServiceReport& all) { return all.traffic.blocksDelivered; }},
+    {"blocks_given_back_total", "Blocks that not all pages have",
+     [](const ServiceReport& all) { return all.traffic.blocksGivenBack; }},
+    {"texts_received_total", "Texts from pages",
+     [](const ServiceReport& all) { return all.traffic.textsReceived; }},
+    {"blocks_received_total", "Blocks from pages",
+     [](const ServiceReport& all) { return all.traffic.blocksReceived; }},
+    {"refusals_total", "Requests of pages that were refused",
+     [](const ServiceReport& all) { return all.traffic.refusals; }},
+    {"disconnected_total", "Pages closed by the gateway",
+     [](const ServiceReport& all) { return all.traffic.disconnected; }},
+};
+
 kirogateway::Options optionsOf(const std::string& address, std::uint16_t port) {
     kirogateway::Options options;
     options.address = address;
@@ -45,57 +111,11 @@ kirogateway::Options optionsOf(const std::string& address, std::uint16_t port) {
 }  // namespace
 
 std::string metricsText(const ServiceReport& report) {
-    const auto& link = report.link;
-    const auto& traffic = report.traffic;
-    const struct {
-        const char* name;
-        const char* help;
-        double value;
-    } gauges[] = {
-        {"connected", "Whether the cluster is connected", report.isConnected ? 1.0 : 0.0},
-        {"sessions_known", "Sessions whose engines are heard", double(report.known)},
-        {"sessions_followed", "Sessions that a page asked for", double(report.followed)},
-        {"sessions_joined", "Sessions whose engines are followed without a gap",
-         double(report.joined)},
-        {"pages", "Pages that are there", double(report.pages)},
-        {"held_bytes", "Bytes that wait for pages", double(report.held)},
-        {"held_bytes_most", "Bytes that wait for the pages of one session, the most",
-         double(report.heldOfOne)},
-        {"unacknowledged_bytes", "Bytes that engines have not said that they have",
-         double(report.waiting)},
-        {"engine_silence_seconds", "How long an engine has been silent, the longest",
-         seconds(report.silence)},
-        {"clock_offset_seconds", "How far an engine's clock is off this one, the largest",
-         seconds(report.clockOffset)},
-        {"clock_uncertainty_seconds", "How uncertain that is, the largest",
-         seconds(report.clockUncertainty)},
-    };
-    const struct {
-        const char* name;
-        const char* help;
-        std::uint64_t value;
-    } counters[] = {
-        {"link_frames_received_total", "Frames from engines", link.framesReceived},
-        {"link_bytes_received_total", "Bytes from engines", link.bytesReceived},
-        {"link_frames_sent_total", "Frames to engines", link.framesSent},
-        {"link_bytes_sent_total", "Bytes to engines", link.bytesSent},
-        {"link_gaps_total", "Times that something of an engine's was missing", link.gaps},
-        {"link_resends_total", "Frames that came again because they were missing", link.resends},
-        {"link_refusals_total", "Frames that could not be read", link.refusals},
-        {"views_total", "Views that began", traffic.views},
-        {"returns_total", "Views that went on after a lost connection", traffic.returns},
-        {"texts_sent_total", "Texts queued for pages", traffic.textsSent},
-        {"blocks_delivered_total", "Blocks that all pages have", traffic.blocksDelivered},
-        {"blocks_given_back_total", "Blocks that not all pages have", traffic.blocksGivenBack},
-        {"texts_received_total", "Texts from pages", traffic.textsReceived},
-        {"blocks_received_total", "Blocks from pages", traffic.blocksReceived},
-        {"refusals_total", "Requests of pages that were refused", traffic.refusals},
-        {"disconnected_total", "Pages closed by the gateway", traffic.disconnected},
-    };
     std::string text;
-    for (const auto& [name, help, value] : gauges) metric(text, name, "gauge", help, value);
-    for (const auto& [name, help, value] : counters) {
-        metric(text, name, "counter", help, static_cast<double>(value));
+    for (const auto& [name, help, value] : kGauges)
+        metric(text, name, "gauge", help, value(report));
+    for (const auto& [name, help, value] : kCounters) {
+        metric(text, name, "counter", help, static_cast<double>(value(report)));
     }
     return text;
 }

@@ -147,6 +147,11 @@ void Model::lookAtDrained(ViewModel& view) {
 
 // --- Coming and going --------------------------------------------------------------------------
 
+ViewModel* Model::viewNamed(std::string_view name) {
+    const auto found = std::ranges::find(views, name, &ViewModel::name);
+    return name.empty() || found == views.end() ? nullptr : &*found;
+}
+
 bool Model::canReturn(const ViewModel& view, std::uint64_t last) const {
     const auto there = view.view.lock();
     return view.where != Where::kOver && view.mayReturn && there != nullptr &&
@@ -183,11 +188,13 @@ void Model::beforeTick() {
     const auto& limits = options.limits;
     for (auto& view : views) {
         if (view.where != Where::kConnected) continue;
-        const auto& peer = *view.peer;
+        auto& peer = *view.peer;
         if (peer.isHeld) view.heardAt = now;
         // Of who takes a long frame, behind which no ping goes out, nothing has to be heard.
         if (view.takenWithin != 0 && peer.written != view.takenWithin) view.heardAt = now;
         view.takenWithin = peer.isWithinFrame() ? peer.written : 0;
+        if (view.isPerhapsWithin) view.perhapsHeardAt = now;
+        peer.wasWithinFrame = peer.isWithinFrame();
     }
     for (auto* item : open) {
         for (auto& [view, part] : item->parts) {
@@ -208,7 +215,9 @@ void Model::afterTick() {
     for (auto& view : views) {
         const auto lost = now - view.lostAt;
         if (view.where == Where::kConnected) {
-            expect(now - view.heardAt <= 3 * limits.ping, "a silent page is still connected");
+            const auto heardAt = std::max(view.heardAt, view.perhapsHeardAt);
+            expect(now - heardAt <= 3 * limits.ping, "a silent page is still connected");
+            view.isPerhapsWithin = view.takenWithin == 0 && view.peer->wasWithinFrame;
         } else if (view.where != Where::kOver) {
             ++away;
             expect(lost <= limits.comeback, "a lost view is kept for too long");
@@ -237,6 +246,16 @@ void Model::look(bool isTick) {
     isLastGone = isGone;
     for (auto* item : open) lookAtBlock(*item);
     std::erase_if(open, [](const Item* item) { return item->completions > 0; });
+}
+
+std::size_t Model::endingBytes() const {
+    std::size_t bytes = 0;
+    for (const auto* item : open) {
+        const bool isEnding = std::ranges::any_of(
+            item->parts, [](const auto& entry) { return entry.first->hasFailed; });
+        if (isEnding) bytes += item->content.size();
+    }
+    return bytes;
 }
 
 void Model::lookAt(ViewModel& view, State state, bool isTick) {

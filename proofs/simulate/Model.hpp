@@ -68,6 +68,10 @@ struct ViewModel {
     TimePoint lostAt;
     TimePoint heardAt;
     std::uint64_t takenWithin = 0;  ///< bytes, at the last tick, if a frame had begun; else 0
+    /// In the last tick a frame may have begun before the view was looked at: an engine publishes
+    /// what it likes when another view's block comes back.
+    bool isPerhapsWithin = false;
+    TimePoint perhapsHeardAt;
     TimePoint goneAt = TimePoint::min();
     std::map<std::string, bool> subscriptions;  ///< and whether that is certain
     std::vector<std::deque<Expected>> lanes;    ///< what has no number yet
@@ -100,6 +104,8 @@ class Model {
     Item* takeText(ViewModel& view, std::string_view channel, std::string_view content,
                    bool isPlain);
     static void settle(ViewModel& view, Item& item, Item::Part part);
+    /// Null when there is none.
+    [[nodiscard]] ViewModel* viewNamed(std::string_view name);
     [[nodiscard]] bool canReturn(const ViewModel& view, std::uint64_t last) const;
     void resume(ViewModel& view, std::uint64_t last, const std::vector<std::uint64_t>& refused);
 
@@ -116,6 +122,8 @@ class Model {
     /// Time is about to be looked at.
     void beforeTick();
     void afterTick();
+    /// Of blocks that a failed view holds until its end: others may come in their place already.
+    [[nodiscard]] std::size_t endingBytes() const;
     /// Compares: after each step.
     void look(bool isTick);
 

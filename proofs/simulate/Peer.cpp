@@ -68,6 +68,7 @@ void Peer::accept(std::string_view bytes) {
         onFrame(byte(0) & 0xfU, rest.substr(head, size));
     }
     partial.erase(0, at);
+    wasWithinFrame = wasWithinFrame || isWithinFrame();
 }
 
 void Peer::onFrame(unsigned opcode, std::string_view payload) {
@@ -246,7 +247,7 @@ void Peer::onHello(std::string_view payload) {
         model.expect(subscribed == greeting.subscribed, "other subscriptions than asked for");
         model.expect(textsOf<std::multiset<std::string>>(hello.at("refused")) == greeting.refused,
                      "other refusals than due");
-    } else {
+    } else if (!isReplaced) {
         view->subscriptions.clear();
         for (const auto& name : subscribed) view->subscriptions[name] = true;
         for (const auto& change : behindHello) change();

@@ -80,6 +80,7 @@ struct Peer {
 
     // To the page.
     std::string partial;
+    bool wasWithinFrame = false;  ///< at the last tick, or while it lasted
     std::uint64_t written = 0;
     std::uint64_t read = 0;
     std::deque<Arrived> inbox;
@@ -94,6 +95,8 @@ struct Peer {
     /// What it said of its subscriptions before the hello came that makes them certain.
     std::vector<std::function<void()>> behindHello;
     bool isGreeted = false;
+    /// Its page has returned elsewhere: what the rest of its hello says of subscriptions is old.
+    bool isReplaced = false;
     std::uint64_t next = 0;  ///< the number of the next message, 0: any up to `greeting.last` + 1
     std::set<std::uint64_t> withdrawn;
     std::map<std::uint32_t, std::size_t> sent;  ///< bytes of each block
@@ -108,7 +111,7 @@ struct Peer {
     void onBlock(std::string_view payload, Arrived& arrived);
     void onControl(std::string_view payload, Arrived& arrived);
     void onHello(std::string_view payload);
-    void onWithdrawn(std::uint32_t transfer, std::uint64_t number);
+    void onWithdrawn(std::uint32_t transfer, std::uint64_t count);
     /// Returns what has this number already, null: it is new.
     Item* number(std::uint64_t number);
     void countUnderWay(Item& begun) const;

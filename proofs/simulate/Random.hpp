@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -34,6 +35,10 @@ class Random {
     template <typename Value>
     Value pick(std::initializer_list<Value> values) noexcept {
         return *std::next(values.begin(), static_cast<std::ptrdiff_t>(below(values.size())));
+    }
+    template <typename Value, std::size_t kSize>
+    const Value& from(const std::array<Value, kSize>& values) noexcept {
+        return values[below(kSize)];
     }
 
   private:

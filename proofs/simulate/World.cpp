@@ -380,6 +380,7 @@ void World::bindView(Peer& peer) {
         bound.where = Where::kConnected;
         bound.heardAt = now;
         bound.takenWithin = 0;
+        bound.isPerhapsWithin = false;
         peer.tookAt = now;
         bound.mayReturn = peer.mayReturn;
         bound.maxBlock = peer.maxBlock;
@@ -399,7 +400,7 @@ void World::look(bool isTick) {
     model->expect(views->lastPageGone() == model->isLastGone, "lastPageGone is wrong");
     const auto more = timesGone - model->timesGone;  // one that begins anew ends its view first
     model->expect(more <= model->badReturns, "onLastPageGone was called at the wrong time");
-    std::size_t slack = 400000;
+    const auto slack = 400000 + model->endingBytes();
     if (isTick) {
         model->afterTick();
         model->expect(!context->lostMemory->isExceeded(),

@@ -113,7 +113,7 @@ struct World final : relay::TransportLink {
     std::ptrdiff_t write(const kirogateway::Socket& socket, const kirogateway::Socket::Bytes& bytes,
                          std::size_t most);
 
-    // --- Steps (Steps.cpp) ---
+    // --- Steps (Steps.cpp, of pages Pages.cpp) ---
     void step();
     void publishTexts();
     void publishText(std::string channel, std::size_t size, unsigned kind);
@@ -144,6 +144,13 @@ struct World final : relay::TransportLink {
     };
     void connect(Page& page, const Wish& wish);
     void greet(Peer& peer, const Wish& wish);
+    /// Of a view, before its page returned.
+    struct Before {
+        std::uint64_t acknowledged = 0;
+        std::map<std::string, bool> subscriptions;
+    };
+    void reckonHello(Peer& peer, const Wish& wish, Before& before);
+    void doubtReturn(ViewModel& view, const Before& before);
     void say(Peer& peer, std::string text, std::function<void()> takesEffect = {},
              std::function<void()> isLost = {});
     void subscribe(Peer& peer);

@@ -1,4 +1,5 @@
 // An engine that keeps its token in a file and records: Engine TOKENFILE RECORDING.
+#include <chrono>
 #include <cstdio>
 #include <stdexcept>
 
@@ -17,7 +18,9 @@ int main(int /*argc*/, char** argv) {
         auto& line = window.figure("Engine").axes().line("samples");
         for (double t = 0; window.isOpen(); ++t) {
             line.append(t, t);
-            if (window.draw().outcome == kirofigures::Outcome::kNoPage) window.wait();
+            if (window.draw().outcome != kirofigures::Outcome::kNoPage) continue;
+            // A page that comes meanwhile gets what was drawn, which ends no longer wait.
+            window.wait(std::chrono::duration<double>(0.1));
         }
         return 0;
     } catch (const std::exception& error) {

@@ -1,6 +1,7 @@
 """A program that serves figures, the pages that visit it, and what proofs about them have in common."""
 
 import argparse
+import contextlib
 import http.client
 import os
 import pathlib
@@ -11,6 +12,8 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BIN = ROOT / "build/release/bin"
@@ -18,6 +21,7 @@ sys.path.insert(0, str(ROOT / "tests/support"))
 import page  # noqa: E402
 
 PATIENCE = 15.0  # seconds; what takes longer hangs
+LIFE = 8 * PATIENCE  # of a program, unless it is allowed more: with it ends whatever waits for it
 socket.setdefaulttimeout(PATIENCE)
 # What a page raises that was cut off, refused or kept waiting, or got what it could not read.
 FAILURES = (OSError, ValueError, LookupError, TypeError, AssertionError, http.client.HTTPException)
@@ -40,12 +44,18 @@ class Visitor(page.Page):
     """A page that counts: no message may be missing or come twice."""
 
     def __init__(self, link, frames=1):
-        self.due = None
+        self.due, self.end = None, time.monotonic() + PATIENCE
         super().__init__(link)
         self.draw(frames)
 
+    def take(self):
+        self.end = time.monotonic() + PATIENCE
+        return super().take()
+
     def receive(self, message):
         if message == b"":
+            if time.monotonic() > self.end:  # a socket that gets pings is never silent for long
+                raise TimeoutError("nothing comes but pings")
             self.stream.write(b"\x8a\x80\0\0\0\0")  # it was a ping
             return self.stream.flush()
         if isinstance(message, bytes):
@@ -77,13 +87,29 @@ class Program:
         self.log = tempfile.TemporaryFile()
         self.process = subprocess.Popen(
             command, stdout=subprocess.PIPE, stderr=self.log, env={**os.environ, **environment}, **how)
+        self.is_overdue, self.watch = False, None
+        self.allow()
+
+    def allow(self):
+        """It may live for this long from now on."""
+        if self.watch:
+            self.watch.cancel()
+        self.watch = threading.Timer(LIFE, self.give_up)
+        self.watch.daemon = True
+        self.watch.start()
+
+    def give_up(self):
+        self.is_overdue = True
+        self.process.kill()
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
+        self.watch.cancel()
         self.process.kill()
-        self.process.communicate()
+        with contextlib.suppress(subprocess.TimeoutExpired):  # others may hold its output open
+            self.process.communicate(timeout=PATIENCE)
         self.log.close()
 
     def link(self):
@@ -103,6 +129,8 @@ class Program:
             out = self.process.communicate(timeout=2 * PATIENCE)[0]
         except subprocess.TimeoutExpired:
             raise Hang("it does not end") from None
+        if self.is_overdue:
+            raise Hang(f"it was not over after {LIFE:g} s")
         self.log.seek(0)
         return self.process.returncode, out.decode(errors="replace"), self.log.read().decode(errors="replace")
 
@@ -126,6 +154,14 @@ class Arguments(argparse.ArgumentParser):
         if given.minutes is not None and not given.minutes > 0:
             self.error("--minutes: not above 0")
         return given
+
+
+def carry_out(command, **how):
+    """Runs what ends by itself; returns what came of it."""
+    try:
+        return subprocess.run(command, timeout=2 * PATIENCE, **how)
+    except subprocess.TimeoutExpired:
+        raise Hang(f"{command[0]} does not end") from None
 
 
 def build(targets):

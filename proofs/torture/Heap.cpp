@@ -6,6 +6,13 @@
 #include <new>
 #include <utility>
 
+// The one compiler defines it, the other has to be asked.
+#ifdef __has_feature
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__ 1  // NOLINT(bugprone-reserved-identifier)
+#endif
+#endif
+
 #ifdef __SANITIZE_ADDRESS__
 #define KIROWEB_REAL(function) __interceptor_##function
 #else
@@ -67,6 +74,9 @@ void* failed() noexcept {
 
 }  // namespace
 
+// For shared libraries as well: what one of them allocates, another may free.
+#pragma GCC visibility push(default)
+
 extern "C" {
 
 void* malloc(std::size_t size) { return fails() ? failed() : counted(KIROWEB_REAL(malloc)(size)); }
@@ -106,6 +116,8 @@ void operator delete(void* block) noexcept { free(block); }
 void operator delete(void* block, std::size_t) noexcept { free(block); }
 void operator delete[](void* block) noexcept { free(block); }
 void operator delete[](void* block, std::size_t) noexcept { free(block); }
+
+#pragma GCC visibility pop
 
 namespace torture {
 

@@ -153,16 +153,17 @@ bool isGivenBack(long before) {
 
 bool expectNoLeak(const std::function<bool()>& attempt) {
     long lost = 0;
+    bool hasFailed = false;
     for (int i = 0; i < 3; ++i) {
         const auto before = liveBlocks();
-        const bool hasFailed = attempt();
+        hasFailed = attempt();
         kirohost::waitForDelivery();
         kirohost::runPendingTasks();
         if (isGivenBack(before)) return hasFailed;
         lost = liveBlocks() - before;
     }
     finding("leak: " + std::to_string(lost) + " blocks each time");
-    return true;
+    return hasFailed;
 }
 
 }  // namespace torture

@@ -5,6 +5,7 @@ import { test } from "node:test";
 import { Acknowledgement } from "../../client/acknowledgement.mjs";
 import { Backoff } from "../../client/backoff.mjs";
 import { Fixture } from "./support/page.mjs";
+import { ScriptedGateway } from "./support/scripted_gateway.mjs";
 
 const fixture = new Fixture();
 
@@ -139,6 +140,29 @@ test("That the engine is silent stands in the state until it is heard again", as
         told.map(([, name, reason]) => `${name} ${reason}`),
         ["live ", "live engine silent for 3 s", "live "],
     );
+});
+
+test("A page whose gateway is lost, or stops, goes to another one with its token", async () => {
+    const { gateway, heard } = fixture;
+    const other = await ScriptedGateway.start();
+    try {
+        const gateways = [gateway.url, other.url];
+        const options = { token: "good" };
+        let peer = await fixture.connect(options, { gateways });
+        peer.socket.terminate();
+        peer = await fixture.peer({ kind: "return", gateways });
+        assert.equal(peer.hello.view, "v1", "to the same one first");
+        gateway.stop();
+        let elsewhere = await other.peer();
+        await elsewhere.welcome({ kind: "further", gateways });
+        assert.deepEqual(elsewhere.offered, ["kiroweb.v1", "kiroweb.token.good"]);
+        elsewhere.socket.close(1001, "gateway stopped"); // nobody is at the first one
+        elsewhere = await other.peer();
+        await elsewhere.welcome({ kind: "further" });
+        await heard.until("ready", "further");
+    } finally {
+        other.stop();
+    }
 });
 
 test("A close says whether to come back, to begin afresh, or to give up", async () => {

@@ -341,6 +341,20 @@ TEST_F(ReturnTest, SilenceIsWhatNobodyHeard) {
     EXPECT_EQ(page->view().state(), View::State::kOver);
 }
 
+TEST_F(ReturnTest, APageThatTakesNothingHasFailedBeforeItsBlocksAreTold) {
+    fOptions.limits.queue = fOptions.limits.block = seconds(1);
+    start();
+    auto page = join();
+    publish(page, "text");
+    EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    pass(seconds(0));
+    std::optional<std::size_t> held;  // what the next publisher would make room with, for ever
+    static_cast<void>(fBlock.then([&](auto&&) { held = page->view().heldBytes(); }));
+    pass(seconds(2));
+    EXPECT_EQ(held, 0U);
+    EXPECT_EQ(page->fEnd, "4003 too slow: it took nothing for too long");
+}
+
 TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {
     fOptions.limits.blocksUnderWay = 1;
     start();

@@ -65,8 +65,8 @@ class Page:
         assert self.names["vocabulary"] == "kirofigures/1", self.names
         channels = [self.names["commands"], self.names["blocks"]]
         say(self.stream, [{"t": "subscribe", "channels": channels}, {"t": "echo", "id": 1}])
-        while '"echo"' not in hear(self.stream):
-            pass
+        while isinstance(message := hear(self.stream), bytes) or '"echo"' not in message:
+            self.receive(message)  # what was published meanwhile
         self.publish("ready", {"binaryChannelStatus": 1, "useFastBinary": 1})
         self.publish("newView", {})
 
@@ -93,7 +93,8 @@ class Page:
         while True:
             while self.waiting:
                 command = self.waiting[0]
-                if "data" in command and command["data"] not in self.blocks:
+                # The block of a frame that began before may have been sent before this page came.
+                if self.knows and "data" in command and command["data"] not in self.blocks:
                     break
                 self.waiting.pop(0)
                 self.knows |= command.get("whole", False)

@@ -114,6 +114,8 @@ class Firefox {
         "toolkit.telemetry.server": "",
         // Downloads go where the test looks for them.
         "browser.download.folderList": 2,
+        // Its panel would open some time later, and take the keys that are meant for the page.
+        "browser.download.alwaysOpenPanel": false,
         "dom.w3c_touch_events.enabled": 1,
     };
     #browsers = new Map();

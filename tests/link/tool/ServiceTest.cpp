@@ -30,6 +30,10 @@ namespace {
 
 const std::string kToken(32, 't');
 
+struct Unheeded final : BlockWait {
+    void finished(bool) noexcept override {}
+};
+
 /// An engine elsewhere, which notes what it hears.
 struct Engine final : EngineHost {
     Engine(Cluster& cluster, const std::string& session, const Surroundings& surroundings)
@@ -61,14 +65,13 @@ struct Engine final : EngineHost {
     void lastPageGone() override { heard.emplace_back("last page gone"); }
     void note(std::string_view, std::string_view) noexcept override {}
 
+    void offer(const std::string& channel, const std::string& block) {
+        static_cast<void>(end.down()->block(channel, block, std::make_unique<Unheeded>()));
+    }
     std::vector<std::string> take() { return std::exchange(heard, {}); }
 
     std::vector<std::string> heard;
     EngineEnd end;
-};
-
-struct Unheeded final : BlockWait {
-    void finished(bool) noexcept override {}
 };
 
 class ServiceTest : public testing::Test {
@@ -77,6 +80,7 @@ class ServiceTest : public testing::Test {
         fSettings.name = "east";
         fSettings.port = 0;
         fSettings.sessions = 2;
+        fSettings.others = {"http://west.example:9"};
         fService = std::make_unique<Service>(fSettings, fCluster, surroundings());
         fAccess.port = fService->port();
     }
@@ -119,7 +123,7 @@ class ServiceTest : public testing::Test {
     Peer join(const std::string& session) {
         Peer peer(fAccess);
         EXPECT_TRUE(hasStatus(upgrade(peer, session), "101")) << session;
-        peer.sendText(R"({"t":"hello","version":1,"client":"c","subscribe":["/fig/*"]})");
+        peer.sendText(R"({"t":"hello","version":1,"client":"c","subscribe":["/fig/1"]})");
         fHello = boost::json::parse(peer.readControl("hello")).as_object();
         settle(peer);  // it is announced behind the hello
         return peer;
@@ -185,12 +189,27 @@ TEST_F(ServiceTest, FollowsASessionOnceAPageAsksForIt) {
               (std::vector<std::size_t>{3, 2, 2, 2}));
 }
 
+TEST_F(ServiceTest, LetsPagesGoBetweenGateways) {
+    follow("wind");
+    const auto page = join("wind");
+    EXPECT_EQ(boost::json::serialize(fHello["gateways"]),
+              R"(["ws://west.example:9/s/wind/kiroweb"])");
+    const auto head = get("/s/wind/");
+    EXPECT_NE(head.find(" ws://west.example:9;"), std::string::npos) << head;
+    auto request = gatewaytest::upgradeRequest(fAccess, kToken, "/s/wind");
+    const auto origin = fAccess.origin();
+    request.replace(request.find(origin), origin.size(), "http://west.example:9");
+    Peer comer(fAccess);
+    comer.send(request);
+    EXPECT_TRUE(hasStatus(comer.readHead(), "101"));
+}
+
 TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
     auto& engine = follow("wind");
     auto page = join("wind");
     auto other = join("wind");
     engine.take();
-    engine.end.text("/fig/1", "down");
+    engine.end.down()->text("/fig/1", "down");
     run(milliseconds(100));
     for (auto* peer : {&page, &other}) EXPECT_EQ(peer->readRecords(1).at(0).text, "down");
     page.sendText(R"([{"t":"publish","channel":"/up","text":"up"},)"
@@ -202,7 +221,7 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
     // Of a block each page says whether it has it.
     for (const char* isOk : {"true", "false"}) {
         const auto before = engine.end.statistics();
-        engine.end.block("/fig/1", "12345678", std::make_unique<Unheeded>());
+        engine.offer("/fig/1", "12345678");
         run(milliseconds(100));
         const std::string number = isOk == std::string("true") ? "1" : "2";
         for (auto* peer : {&page, &other}) {
@@ -214,7 +233,7 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
         EXPECT_EQ(after.blocksDelivered - before.blocksDelivered, number == "1" ? 1U : 0U);
         EXPECT_EQ(after.blocksRefused - before.blocksRefused, number == "1" ? 0U : 1U);
     }
-    engine.end.block("/elsewhere", "12345678", std::make_unique<Unheeded>());
+    engine.offer("/fig/2", "12345678");
     run(milliseconds(100));
     EXPECT_EQ(engine.end.statistics().blocksNobody, 1U);
 }
@@ -280,7 +299,7 @@ TEST_F(ServiceTest, ClosesPagesWhenItStops) {
 TEST_F(ServiceTest, MeasuresWithoutNamingAnybody) {
     auto& engine = follow("wind");
     auto page = join("wind");
-    engine.end.text("/fig/secret", "down");
+    engine.end.down()->text("/fig/1", "secret");
     run(milliseconds(100));
     static_cast<void>(page.readRecords(1));
     fCluster.isThere = false;
@@ -294,8 +313,8 @@ TEST_F(ServiceTest, MeasuresWithoutNamingAnybody) {
           "# TYPE kiroweb_gateway_link_gaps_total counter\n"}) {
         EXPECT_TRUE(has(line)) << line << text;
     }
-    for (const auto& secret : {std::string("wind"), std::string("secret"), std::string("east"),
-                               kToken, secret::sha256Hex(kToken)}) {
+    for (const auto& secret : {std::string("wind"), std::string("fig"), std::string("secret"),
+                               std::string("east"), kToken, secret::sha256Hex(kToken)}) {
         EXPECT_FALSE(has(secret)) << secret;
     }
 }
