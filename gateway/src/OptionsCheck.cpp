@@ -59,7 +59,7 @@ static_assert(sizeof(Limits) == std::size(kSizes) * sizeof(std::size_t) +
               "a limit is not checked");
 
 /// What is added to the time of day must not overflow it.
-constexpr milliseconds kLongest = std::chrono::hours(24 * 366);
+constexpr milliseconds kLongestTime = std::chrono::hours(24 * 366);
 /// The parser of requests counts a header's bytes in 32 bits.
 constexpr std::size_t kLargestHeader = 0xffff'ffff;
 /// Each view that ends looks through the others.
@@ -75,7 +75,7 @@ void checkLimits(const Limits& limits) {
     }
     for (const auto& [name, member] : kTimes) {
         const auto value = limits.*member;
-        if (value.count() > 0 && value <= kLongest) continue;
+        if (value.count() > 0 && value <= kLongestTime) continue;
         refuse("limits."s + name + " is " + std::to_string(value.count()) +
                " ms: it has to be from 1 ms to a year");
     }

@@ -34,7 +34,7 @@ void DownStream::text(std::string_view channel, std::string_view text) noexcept 
         const bool wasEmpty = fBatch.isEmpty();
         try {
             const bool isLarge = channel.size() + text.size() > kBatchSize;
-            if (isLarge || !fBatch.fits(channel, text)) closeBatchLocked();
+            if (!fBatch.fits(channel, text)) closeBatchLocked();
             if (isLarge) {
                 appendPiecesLocked(false, channel, text);
             } else if (!fReaders.empty()) {
@@ -174,7 +174,9 @@ bool DownStream::acknowledged(Reader reader, std::uint64_t next, TimePoint now) 
     at->has = next;
     const auto sentAt = fLog.sentAt(next - 1);
     if (next > before && sentAt) {
-        fWindow.acknowledged(fLog.bytesBelow(next) - fLog.bytesBelow(before), now - *sentAt, now);
+        const auto from = fLog.bytesBelow(before);
+        fWindow.acknowledged(fLog.bytesBelow(next) - from, now - *sentAt,
+                             fLog.bytesBelow(fLog.sentBelow()) - from, now);
     }
     releaseLocked();
     return true;

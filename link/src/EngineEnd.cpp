@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "Offers.hpp"
 #include "Overloaded.hpp"
 #include "Subjects.hpp"
 #include "TextEncoding.hpp"
@@ -17,6 +18,8 @@ using TimePoint = EngineEnd::TimePoint;
 using std::chrono::microseconds;
 
 constexpr std::chrono::milliseconds kCheck{50};
+/// Two offers may be lost.
+constexpr auto kOfferLasts = 3 * Offers::kAgain;
 /// What a page may send in pieces: a gateway keeps no more.
 constexpr std::size_t kMostWhole = std::size_t{64} << 20U;
 /// Views of one gateway's that are known again when they come back: more than it keeps.
@@ -182,9 +185,15 @@ void EngineEnd::report(TimePoint now) {
              std::chrono::duration_cast<std::chrono::milliseconds>(now - gateway->lastHeard),
              gateway->clockOffset, gateway->clockUncertainty});
     }
+    std::erase_if(fFound, [this, now](const auto& entry) {
+        return now - entry.second.when > kOfferLasts && !fGateways.contains(entry.first);
+    });
+    std::vector<std::string> addresses;
+    for (const auto& [name, one] : fFound) addresses.push_back(one.address);
     const annotated::Lock lock(fReportMutex);
     fReported = counts;
     fReportedGateways.swap(gateways);
+    fReportedAddresses.swap(addresses);
 }
 
 EngineEnd::Statistics EngineEnd::statistics() const {
@@ -200,6 +209,11 @@ EngineEnd::Statistics EngineEnd::statistics() const {
 std::vector<EngineEnd::GatewayReport> EngineEnd::gateways() const {
     const annotated::Lock lock(fReportMutex);
     return fReportedGateways;
+}
+
+std::vector<std::string> EngineEnd::addresses() const {
+    const annotated::Lock lock(fReportMutex);
+    return fReportedAddresses;
 }
 
 // --- Gateways come and go -----------------------------------------------------------------------
@@ -220,9 +234,19 @@ void EngineEnd::hello(const std::string& name, const frame::Header& header,
     auto& added = *fGateways.emplace(name, std::move(gateway)).first->second;
     added.first = added.has = fStream->join(added.incarnation);
     welcome(added);
-    fNextCheck = now;  // it is reported at once
     fHost.note("a gateway has joined", name);
-    fHost.gatewayJoined(added.address);
+    found(name, hello.address, now);
+}
+
+void EngineEnd::found(const std::string& name, std::string_view address, TimePoint now) {
+    // So that nobody fills memory.
+    static constexpr std::size_t kMostTold = 1024;
+    fNextCheck = now;  // it is reported at once
+    if (fFound.size() < kMostGateways || fFound.contains(name)) {
+        fFound[name] = {std::string(address), now};
+    }
+    if (fTold.size() == kMostTold || fTold.contains(address)) return;
+    fHost.gatewayFound(*fTold.emplace(address).first);
 }
 
 void EngineEnd::welcome(const Gateway& gateway) {
@@ -269,6 +293,9 @@ void EngineEnd::handle(const Inbox::Letter& letter, TimePoint now) {
         return hello(letter.gateway, header, *said, now);
     }
     if (header.epoch != fEpoch) return;  // for another engine of the session
+    if (const auto* said = std::get_if<frame::Offer>(&frame->body)) {
+        return found(letter.gateway, said->address, now);
+    }
     const auto at = fGateways.find(letter.gateway);
     if (at == fGateways.end() || at->second->incarnation != header.incarnation) {
         return send(letter.gateway, {fEpoch, header.incarnation, 0},

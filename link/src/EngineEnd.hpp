@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,8 +41,9 @@ class EngineHost {
     virtual void block(const std::string& channel, std::string_view block) = 0;
     /// `count`: which view of the session it is, 0 if that is not known.
     virtual void view(View kind, std::uint64_t count, std::string_view client) = 0;
-    /// A gateway has joined that serves the session's page at this address.
-    virtual void gatewayJoined(const std::string& address) = 0;
+    /// A gateway serves the session's page at this address, or will when somebody asks for it
+    /// there. Called once for each address.
+    virtual void gatewayFound(const std::string& address) = 0;
     virtual void lastPageGone() = 0;
     /// Something to be told in a log; `detail` comes from outside.
     virtual void note(std::string_view event, std::string_view detail) noexcept = 0;
@@ -92,6 +94,8 @@ class EngineEnd {
     [[nodiscard]] bool lastPageGone() const noexcept { return fLastPageGone; }
     [[nodiscard]] Statistics statistics() const;
     [[nodiscard]] std::vector<GatewayReport> gateways() const;
+    /// Where the session's page can be had: from gateways that have joined or offer to.
+    [[nodiscard]] std::vector<std::string> addresses() const;
 
     // --- One thread -----------------------------------------------------------------------------
 
@@ -110,6 +114,7 @@ class EngineEnd {
     void hello(const std::string& name, const frame::Header& header, const frame::Hello& hello,
                TimePoint now);
     void welcome(const Gateway& gateway);
+    void found(const std::string& name, std::string_view address, TimePoint now);
     void handleKnown(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter,
                      TimePoint now);
     void presence(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter, TimePoint now);
@@ -146,6 +151,12 @@ class EngineEnd {
 
     // The stepping thread's.
     Gateways fGateways;
+    struct Found {
+        std::string address;
+        TimePoint when{};
+    };
+    std::map<std::string, Found, std::less<>> fFound;  ///< by the names of gateways
+    std::set<std::string, std::less<>> fTold;          ///< addresses
     BlockWaits fWaits;
     Statistics fCounts;
     Steps fSteps;
@@ -157,6 +168,7 @@ class EngineEnd {
     mutable annotated::Mutex fReportMutex;
     Statistics fReported GUARDED_BY(fReportMutex);
     std::vector<GatewayReport> fReportedGateways GUARDED_BY(fReportMutex);
+    std::vector<std::string> fReportedAddresses GUARDED_BY(fReportMutex);
 
     std::unique_ptr<Cluster::Subscription> fSubscription;
 };

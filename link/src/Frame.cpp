@@ -168,13 +168,16 @@ void read(Reader& reader, Outcome& outcome) {
 
 void read(Reader& reader, Pages& pages) { pages.count = reader.count(); }
 
-void read(Reader& reader, Hello& hello) {
-    hello.address = reader.rest(kMaxAddress);
+std::string_view readAddress(Reader& reader) {
+    const auto address = reader.rest(kMaxAddress);
     // It is shown to people, in a terminal among other places.
-    const auto& address = hello.address;
     reader.require(address.starts_with("http://") || address.starts_with("https://"));
     reader.require(std::ranges::all_of(address, [](char c) { return c > ' ' && c < '\x7f'; }));
+    return address;
 }
+
+void read(Reader& reader, Hello& hello) { hello.address = readAddress(reader); }
+void read(Reader& reader, Offer& offer) { offer.address = readAddress(reader); }
 
 void read(Reader& reader, Presence& presence) {
     presence.has = reader.count();
@@ -300,6 +303,7 @@ void write(std::string& to, const Outcome& outcome) {
 }
 void write(std::string& to, const Pages& pages) { put(to, pages.count, 8); }
 void write(std::string& to, const Hello& hello) { to += hello.address; }
+void write(std::string& to, const Offer& offer) { to += offer.address; }
 void write(std::string& to, const Presence& presence) {
     put(to, presence.has, 8);
     putTime(to, presence.sentAt);

@@ -83,6 +83,10 @@ struct Pages {
 struct Hello {
     std::string_view address;
 };
+/// A gateway that has not joined would serve the session at this address.
+struct Offer {
+    std::string_view address;
+};
 /// The gateway lives; `number`: that of its next numbered frame.
 struct Presence {
     std::uint64_t has = 0;         ///< it has every frame of the engine's below this one
@@ -124,7 +128,7 @@ struct Ask {
 struct Resent {};
 
 using Body = std::variant<Beat, End, Texts, Piece, Announce, Outcome, Pages, Hello, Presence, Leave,
-                          Welcome, Answer, Dropped, Ask, Resent>;
+                          Welcome, Answer, Dropped, Ask, Resent, Offer>;
 
 }  // namespace frame
 

@@ -200,7 +200,6 @@ void Machine::welcome(const frame::Header& header, const Description& session) {
     fIsSilent = false;
     fEpoch = header.epoch;
     fReceiver = NumberedReceiver(header.number);
-    fAssembly.clear();
     fClocks = {};
     fUnacknowledged = 0;
     fLastHeard = fNextBeat = fSurroundings.now();

@@ -1,13 +1,9 @@
 #include "kirolink/Link.hpp"
 
-#include <openssl/evp.h>
-
-#include <array>
 #include <atomic>
 #include <boost/json.hpp>
 #include <condition_variable>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -25,6 +21,7 @@
 #include "relay/Relay.hpp"
 #include "relay/binary/experimental/ClientEnd.hpp"
 #include "secret/RandomHex.hpp"
+#include "secret/Sha256.hpp"
 
 namespace kirolink {
 namespace {
@@ -102,21 +99,6 @@ void offer(DownStream& down, Delivery delivery) {
     static_cast<void>(down.block(channel, bytes, std::move(wait)));
 }
 
-std::string hashOf(const std::string& token) {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
-    unsigned size = 0;
-    if (EVP_Digest(token.data(), token.size(), bytes.data(), &size, EVP_sha256(), nullptr) != 1) {
-        throw std::bad_alloc();
-    }
-    std::string text;
-    for (unsigned i = 0; i < size; ++i) {
-        constexpr std::string_view kDigits = "0123456789abcdef";
-        text += kDigits[bytes[i] >> 4U];
-        text += kDigits[bytes[i] & 0xfU];
-    }
-    return text;
-}
-
 /// What the gateway's own checks and parts look at.
 kirogateway::Options gatewayOptions(const Options& options) {
     kirogateway::Options gateway;
@@ -148,7 +130,7 @@ EngineEnd::Settings settingsOf(const Options& options, const std::string& token)
     description.maySubscribe = options.maySubscribe;
     description.blockChannels = options.blockChannels;
     description.lanes = options.lanes;
-    description.tokenHash = hashOf(token);
+    description.tokenHash = secret::sha256Hex(token);
     description.pieceSize = options.pieceSize;
     if (!canBeSent(description)) {
         throw std::invalid_argument(
@@ -163,7 +145,7 @@ NatsOptions natsOptions(const Options& options, std::shared_ptr<kirogateway::Con
     nats.credentialsFile = options.credentials;
     nats.caFile = options.caFile;
     nats.isPlainAllowed = options.isPlainAllowed;
-    nats.name = "kiroweb engine " + options.session;
+    nats.name = "session-" + options.session;
     nats.inboxPrefix = "_INBOX.session-" + options.session;
     nats.log = [context = std::move(context)](std::string_view line) {
         context->log.write(line, {});
@@ -226,7 +208,7 @@ class Process final : public EngineHost {
     /// REQUIRES: before any other call; `bus` outlives them.
     void connect(HostBus& bus) noexcept { fBus = &bus; }
     [[nodiscard]] std::string linkOf(const std::string& address) const {
-        return address + "/#token=" + fToken;
+        return address + (address.ends_with('/') ? "#token=" : "/#token=") + fToken;
     }
 
     void text(const std::string& channel, std::string text,
@@ -242,10 +224,7 @@ class Process final : public EngineHost {
         static constexpr Kind kKinds[] = {Kind::kFirst, Kind::kFurther, Kind::kReturn};
         fBus->announce(kKinds[static_cast<std::size_t>(kind)], {{}, count, std::string(client)});
     }
-    void gatewayJoined(const std::string& address) override {
-        // One that comes and goes is told once; and so that nobody fills memory, some only.
-        static constexpr std::size_t kMostAddresses = 1024;
-        if (fAddresses.size() == kMostAddresses || !fAddresses.insert(address).second) return;
+    void gatewayFound(const std::string& address) override {
         call([&] {
             if (fOnGateway) fOnGateway(linkOf(address));
         });
@@ -270,7 +249,6 @@ class Process final : public EngineHost {
     const std::function<void()> fOnLastPageGone;
     const std::shared_ptr<kirogateway::Context> fContext;
     HostBus* fBus = nullptr;
-    std::set<std::string> fAddresses;
 };
 
 }  // namespace
@@ -341,8 +319,8 @@ const std::string& Link::session() const noexcept { return fImpl->session; }
 
 std::vector<std::string> Link::links() const {
     std::vector<std::string> links;
-    for (const auto& gateway : fImpl->end.gateways()) {
-        links.push_back(fImpl->process.linkOf(gateway.address));
+    for (const auto& address : fImpl->end.addresses()) {
+        links.push_back(fImpl->process.linkOf(address));
     }
     return links;
 }

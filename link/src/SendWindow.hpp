@@ -20,12 +20,13 @@ class SendWindow {
     [[nodiscard]] bool mayGo(std::uint64_t underWay, std::size_t size) const noexcept {
         return underWay == 0 || underWay + size <= fSize;
     }
-    /// So many bytes have been acknowledged, the last of which were sent `age` ago.
-    void acknowledged(std::uint64_t bytes, std::chrono::nanoseconds age, TimePoint now) noexcept {
+    /// So many bytes of those under way have been acknowledged, the last of them sent `age` ago.
+    void acknowledged(std::uint64_t bytes, std::chrono::nanoseconds age, std::uint64_t underWay,
+                      TimePoint now) noexcept {
         if (age < kQuick) {
             fSize = std::min(fSize + bytes, kMost);
         } else if (age > kSlow && now - fLastCut > kSlow) {
-            fSize = std::max(fSize / 2, kLeast);
+            fSize = std::max(std::min(fSize, underWay) / 2, kLeast);
             fLastCut = now;
         }
     }

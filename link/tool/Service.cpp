@@ -82,9 +82,12 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
         cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
         fContext->counters, fContext->options, settings.others, settings.name, address,
         std::move(surroundings)});
-    fBeats =
-        cluster.subscribe(kirolink::subjects::beat("*"),
-                          [this](std::string_view subject, std::string_view) { beat(subject); });
+    fOffers.emplace(cluster, settings.name, [address](const std::string& session) {
+        return address + std::string(kPrefix) + session + "/";
+    });
+    fBeats = cluster.subscribe(
+        kirolink::subjects::beat("*"),
+        [this](std::string_view subject, std::string_view bytes) { beat(subject, bytes); });
     fServer.start(Sites(root, [this](std::string_view prefix) { return follow(prefix); }));
 }
 
@@ -104,11 +107,12 @@ void Service::stop() noexcept {
 
 // --- Sessions come -----------------------------------------------------------------------------
 
-void Service::beat(std::string_view subject) {
+void Service::beat(std::string_view subject, std::string_view bytes) {
     const auto rest = subject.substr(subject.find('.') + 1);
     const auto name = rest.substr(0, rest.find('.'));
     if (!kirolink::subjects::isName(name)) return;
     const auto now = fCommon->surroundings.now();
+    if (!fOffers->beat(std::string(name), bytes, now)) return;
     const annotated::Lock lock(fMutex);
     if (const auto known = fHeard.find(name); known != fHeard.end()) {
         known->second = now;

@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "EngineSession.hpp"
+#include "Offers.hpp"
 #include "Settings.hpp"
 
 namespace link_tool {
@@ -74,7 +76,7 @@ class Service {
   private:
     using Sessions = std::map<std::string, std::shared_ptr<EngineSession>, std::less<>>;
 
-    void beat(std::string_view subject);
+    void beat(std::string_view subject, std::string_view bytes);
     [[nodiscard]] bool isHeard(std::string_view name) const;
     /// The gateway's thread.
     [[nodiscard]] std::shared_ptr<kirogateway::Site> follow(std::string_view prefix);
@@ -97,6 +99,7 @@ class Service {
     std::map<std::string, TimePoint, std::less<>> fHeard GUARDED_BY(fMutex);
     LinkTotals fPast GUARDED_BY(fMutex);  ///< of sessions that are not followed any more
 
+    std::optional<kirolink::Offers> fOffers;  ///< the beats' thread's
     std::unique_ptr<kirolink::Cluster::Subscription> fBeats;
 };
 

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "Frame.hpp"
+#include "Offers.hpp"
 #include "World.hpp"
 
 namespace link_test {
@@ -83,6 +84,8 @@ TEST_F(Ends, KeepNothingWhenNobodyIsThereAndWhenEverybodyHasIt) {
     EXPECT_THAT(gateway("g").got, ElementsAre("/c/a heard"));
     EXPECT_EQ(statistics().waiting, 0U);
     gateway("g").end->publish("/up", std::string(kMiB, 'x'));
+    world.run(10ms);
+    EXPECT_LT(gateway("g").end->statistics().waiting, kMiB);  // no beat has come yet
     world.run(1s);
     EXPECT_EQ(gateway("g").end->statistics().waiting, 0U);
 }
@@ -231,18 +234,39 @@ TEST_F(Ends, SayGoodbye) {
 }
 
 TEST_F(Ends, FollowANewEngineWhenTheOldOneIsSilent) {
-    join({"g"});
     TestEngine other(world.network);
+    world.start();
+    world.add("g");  // which both of them welcome
     for (int i = 0; i < 5; ++i) {
-        other.end->step(world.network.now);
         world.run(400ms);
+        other.end->step(world.network.now);
     }
     EXPECT_THAT(gateway("g").events, ElementsAre("joined"));
+    gateway("g").end->publish("/up", "to one of them");
+    world.run(400ms);
+    other.end->step(world.network.now);
+    EXPECT_EQ(engine().got.size(), 1U);
+    EXPECT_THAT(other.got, IsEmpty());
     world.kill();
     world.start();
     world.run(1700ms);
     EXPECT_THAT(gateway("g").events,
                 ElementsAre("joined", "silent", "left: another engine has taken over", "joined"));
+}
+
+TEST_F(Ends, TakeAGatewayThatBeginsAnewForAnotherOne) {
+    join({"g"});
+    engine().send("/c/b", "block");
+    world.run(100ms);
+    world.network.cut("g");
+    world.gateways.clear();  // killed
+    world.network.mend("g");
+    world.add("g");
+    world.run(400ms);
+    EXPECT_TRUE(gateway("g").isJoined);
+    EXPECT_EQ(engine().ends[0], "given back");
+    EXPECT_EQ(statistics().gateways, 1U);
+    EXPECT_EQ(engine().links.size(), 1U);
 }
 
 TEST_F(Ends, DropWhoHoldsUpMoreThanIsKept) {
@@ -264,6 +288,10 @@ TEST_F(Ends, DropWhoHoldsUpMoreThanIsKept) {
     EXPECT_EQ(gateway("a").joins, 1);
     EXPECT_EQ(engine().send("/c/b", std::string(3 * kMiB, 'x')), 0U);
     EXPECT_EQ(engine().ends[0], "given back");  // it could never be kept
+    engine().end->down()->text("/c/a", std::string(6 * kMiB, 'x'));
+    EXPECT_EQ(statistics().waiting, 0U);  // not even in parts
+    world.run(1s);
+    EXPECT_EQ(gateway("a").joins, 2);
 }
 
 /// A gateway that says what a test wants.
@@ -330,8 +358,11 @@ TEST_F(Ends, SendAgainOnlySoMuchAtATime) {
 }
 
 TEST_F(Ends, SendNoMoreThanASlowLineCarries) {
-    // An engine behind a line of 100 kB/s: beats have to get through, and nobody is dropped.
+    // An engine behind a line that comes down to 100 kB/s: beats get through, nobody is dropped.
     join({"g"});
+    engine().end->down()->text("/c/a", std::string(30 * kMiB, 'x'));
+    world.run(2s);
+    EXPECT_EQ(std::exchange(gateway("g").got, {}).size(), 1U);
     world.network.bytesPerSecond = 100'000;
     std::size_t said = 0;
     world.run(60s, [&] {
@@ -394,17 +425,17 @@ TEST_F(Ends, NumberViewsOverAllGateways) {
 }
 
 TEST_F(Ends, MeasureTheDifferenceOfTheirClocks) {
-    world.network.weather.delay = 20ms;
+    world.network.weather.delay = 400ms;  // answers overtake each other, and presences
     world.start();
     world.add("early", 90min);
     world.add("late", -3s);
-    world.run(6s);
+    world.run(20s);
     for (const auto& [name, ahead] : {std::pair("early", 5'400'000'000L), {"late", -3'000'000L}}) {
         const auto known = gateway(name).end->statistics();
         const auto uncertainty = known.clockUncertainty.count();
         EXPECT_NEAR(static_cast<double>(known.clockOffset.count()), static_cast<double>(-ahead),
                     static_cast<double>(uncertainty));
-        EXPECT_LE(uncertainty, 15'000);
+        EXPECT_LE(uncertainty, 300'000);
     }
     const auto reports = engine().end->gateways();
     ASSERT_EQ(reports.size(), 2U);
@@ -434,7 +465,43 @@ TEST_F(Ends, BoundWhatPagesSay) {
     EXPECT_EQ(gateway("g").joins, 1);
 }
 
+TEST_F(Ends, OfferToServeAPageOnceForEachEngine) {
+    const auto cluster = world.network.connect("g");
+    Offers offers(*cluster, "g", [](const auto& session) { return "https://g/s/" + session; });
+    int beats = 0;
+    const auto hear = [&](std::string_view, std::string_view bytes) {
+        EXPECT_TRUE(offers.beat("s", bytes, world.network.now));
+        ++beats;
+    };
+    const auto listening = cluster->subscribe("kiroweb.s.beat", hear);
+    int offered = 0;
+    world.network.onMessage = [&](const std::string& subject, const std::string&) {
+        offered += subject == "kiroweb.s.from.g" ? 1 : 0;
+    };
+    world.start();
+    world.run(59s);
+    EXPECT_GT(beats, 100);
+    EXPECT_EQ(offered, 1);
+    EXPECT_THAT(engine().links, ElementsAre("https://g/s/s"));
+    EXPECT_THAT(engine().end->addresses(), ElementsAre("https://g/s/s"));
+    world.run(2s);
+    EXPECT_EQ(offered, 2);
+    EXPECT_EQ(engine().links.size(), 1U);
+    world.kill();
+    world.start();
+    world.run(1s);
+    EXPECT_EQ(offered, 3);
+    EXPECT_THAT(engine().links, ElementsAre("https://g/s/s"));
+    EXPECT_FALSE(offers.beat("s", "no frame", world.network.now));
+}
+
 TEST_F(Ends, IgnoreWhatIsNotForThem) {
+    auto& early = world.add("early");
+    world.network.inject("kiroweb.s.to.early",
+                         writeFrame({99, 98, 1}, frame::Welcome{TestEngine::usual().description}));
+    world.run(100ms);
+    EXPECT_FALSE(early.isJoined);
+    world.gateways.clear();
     join({"g"});
     const auto before = statistics();
     const std::string own = "kiroweb.s.to.g";

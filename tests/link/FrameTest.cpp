@@ -47,6 +47,7 @@ TEST(Frames, AreReadAsTheyWereWritten) {
         frame::Dropped{"why"},
         frame::Ask{{{1, 1}, {3, 9}}},
         frame::Resent(),
+        frame::Offer{"http://host/s/x/"},
     };
     for (const auto& body : bodies) {
         const auto bytes = writeFrame({1, ~0ULL, 1000}, body);
@@ -115,7 +116,7 @@ TEST(Frames, ThatAreMalformedAreRefused) {
         {"other magic", changed(header(1, ""), 0, 'X')},
         {"another version", changed(header(1, ""), 2, '\x02')},
         {"no type", header(0, "")},
-        {"unknown type", header(16, "")},
+        {"unknown type", header(17, "")},
         {"a number that is too large", changed(header(1, ""), 26, '\x20')},
         {"more than there should be", header(1, "x")},
         {"too large a frame", header(3, "\x1e/a\x1f" + std::string(kMaxFrame, 'x'))},
@@ -154,6 +155,7 @@ TEST(Frames, ThatAreMalformedAreRefused) {
         {"an unknown outcome", header(6, number(1) + "\x03")},
         {"an address that is none", header(8, "javascript:1")},
         {"an address with an escape", header(8, "http://a\x1b[2J")},
+        {"an offer of no address", header(16, "")},
         {"a long address", header(8, "http://" + std::string(1024, 'a'))},
         {"a time beyond all", header(9, number(1) + number(1ULL << 60U) + number(0) + number(0))},
         {"half a presence", header(9, number(1))},

@@ -110,7 +110,7 @@ class TestEngine final : public EngineHost {
               std::shared_ptr<const void> ticket) override;
     void block(const std::string& channel, std::string_view block) override;
     void view(View kind, std::uint64_t count, std::string_view client) override;
-    void gatewayJoined(const std::string& address) override { links.push_back(address); }
+    void gatewayFound(const std::string& address) override { links.push_back(address); }
     void lastPageGone() override { ++timesGone; }
     void note(std::string_view event, std::string_view detail) noexcept override;
 

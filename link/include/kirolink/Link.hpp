@@ -34,7 +34,7 @@ class KIROLINK_EXPORT Link {
     void stop() noexcept;
 
     [[nodiscard]] const std::string& session() const noexcept;
-    /// A link for each gateway that serves the session now, see `Options::onGateway`.
+    /// A link for each gateway that serves the session or would, see `Options::onGateway`.
     [[nodiscard]] std::vector<std::string> links() const;
     /// Whether a page was there and none is any more, at all gateways that are heard. Costs one
     /// atomic load.

@@ -1,0 +1,37 @@
+#include "Offers.hpp"
+
+#include <memory>
+#include <utility>
+
+#include "Frame.hpp"
+#include "Subjects.hpp"
+
+namespace kirolink {
+namespace {
+
+/// When there are more they are forgotten, and told once more.
+constexpr std::size_t kMostSessions = 65'536;
+
+}  // namespace
+
+Offers::Offers(Cluster& cluster, std::string gateway,
+               std::function<std::string(const std::string& session)> addressOf)
+    : fCluster(cluster), fGateway(std::move(gateway)), fAddressOf(std::move(addressOf)) {}
+
+bool Offers::beat(const std::string& session, std::string_view bytes, TimePoint now) {
+    const auto frame = readFrame(bytes);
+    if (!frame || !subjects::isName(session)) return false;
+    if (std::holds_alternative<frame::End>(frame->body)) fTold.erase(session);
+    if (!std::holds_alternative<frame::Beat>(frame->body)) return false;
+    if (fTold.size() >= kMostSessions && !fTold.contains(session)) fTold.clear();
+    auto& told = fTold[session];
+    const auto epoch = frame->header.epoch;
+    if (told.epoch == epoch && now - told.when < kAgain) return true;
+    told = {epoch, now};
+    auto offer = writeFrame({epoch, 0, 0}, frame::Offer{fAddressOf(session)});
+    static_cast<void>(fCluster.publish(subjects::from(session, fGateway),
+                                       std::make_shared<const std::string>(std::move(offer))));
+    return true;
+}
+
+}  // namespace kirolink
