@@ -29,7 +29,7 @@ end_all() {
     rm -rf "$folder"
 }
 trap end_all EXIT
-trap 'is_over=1; kill -INT "${monitor:-}" 2>/dev/null || true' INT TERM HUP
+trap 'is_over=1; kill "${monitor:-}" 2>/dev/null || true' INT TERM HUP
 
 fail() {
     echo "cluster: $*" >&2
