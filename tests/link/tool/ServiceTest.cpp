@@ -62,7 +62,7 @@ struct Engine final : EngineHost {
         heard.push_back(kinds[static_cast<std::size_t>(kind)] + (" " + std::to_string(count)) +
                         " " + std::string(client));
     }
-    void gatewayJoined(const std::string& address) override { heard.push_back(address); }
+    void gatewayFound(const std::string& address) override { heard.push_back(address); }
     void lastPageGone() override { heard.emplace_back("last page gone"); }
     void note(std::string_view, std::string_view) noexcept override {}
 
