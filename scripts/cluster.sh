@@ -101,12 +101,6 @@ EOF
 }
 
 begin_monitor() {
-    cat >"$folder/session-monitor/link.conf" <<EOF
-servers = $(paste -sd, "$folder/servers")
-session = monitor
-credentials = $folder/session-monitor/credentials
-ca = $folder/session-monitor/ca.pem
-EOF
     KIROWEB_LINK=$folder/session-monitor/link.conf \
         setsid setpriv --pdeathsig TERM "$programs/monitor" "$@" &
     monitor=$!
