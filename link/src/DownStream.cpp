@@ -7,7 +7,7 @@ namespace kirolink {
 namespace {
 
 constexpr std::chrono::milliseconds kTryAgain{2};
-constexpr const char* kNoMemory = "no memory for a message";
+constexpr const char* kNoRoom = "no memory for a message";
 constexpr const char* kTooSlow = "it holds up more than the engine keeps";
 
 }  // namespace
@@ -41,7 +41,7 @@ void DownStream::text(std::string_view channel, std::string_view text) noexcept 
                 fBatch.add(channel, text);
             }
         } catch (...) {
-            loseAllLocked(kNoMemory);
+            loseAllLocked(kNoRoom);
         }
         // A batch that was there already has its time.
         hasWork = wasEmpty || fLog.next() != before;
@@ -80,7 +80,7 @@ DownStream::Offered DownStream::take(std::string_view channel, std::string_view 
         fBlocks.push_back(std::move(added));
     } catch (...) {
         // There may be a part of it on the way.
-        loseAllLocked(kNoMemory);
+        loseAllLocked(kNoRoom);
         return Offered::kRefused;
     }
     return Offered::kTaken;

@@ -21,11 +21,11 @@ constexpr std::chrono::milliseconds kCheck{50};
 /// Two offers may be lost.
 constexpr auto kOfferLasts = 3 * Offers::kAgain;
 /// What a page may send in pieces: a gateway keeps no more.
-constexpr std::size_t kMostWhole = std::size_t{64} << 20U;
+constexpr std::size_t kMostOfPages = std::size_t{64} << 20U;
 /// Views of one gateway's that are known again when they come back: more than it keeps.
 constexpr std::size_t kMostViews = 16UL * 1024;
 /// What a text counts beside its bytes.
-constexpr std::size_t kPlace = 256;
+constexpr std::size_t kTextPlace = 256;
 
 }  // namespace
 
@@ -39,7 +39,7 @@ struct EngineEnd::Gateway {
     const std::uint64_t incarnation;
     std::uint64_t first = 0;  ///< the number of the first frame that it gets
     NumberedReceiver receiver;
-    Assembly assembly{kMostWhole};
+    Assembly assembly{kMostOfPages};
     Resends resends;
     TimePoint lastHeard;
     bool isSilent = false;
@@ -435,7 +435,7 @@ void EngineEnd::deliverText(Gateway& gateway, const std::string& channel, std::s
         ++fCounts.refusals;
         return;
     }
-    const auto size = text.size() + kPlace;
+    const auto size = text.size() + kTextPlace;
     *gateway.undelivered += size;
     const auto give = [undelivered = gateway.undelivered, size](const void*) {
         *undelivered -= size;

@@ -21,7 +21,7 @@ using TimePoint = GatewayEnd::TimePoint;
 using std::chrono::microseconds;
 
 /// What an engine may send in pieces.
-constexpr std::size_t kMostWhole = std::size_t{1} << 30U;
+constexpr std::size_t kMostOfEngine = std::size_t{1} << 30U;
 
 class Ticket final : public BlockTicket {
   public:
@@ -119,7 +119,7 @@ class Machine {
     std::uint64_t fEpoch = 0;
     std::uint64_t fIncarnation;
     NumberedReceiver fReceiver;
-    Assembly fAssembly{kMostWhole};
+    Assembly fAssembly{kMostOfEngine};
     Clocks fClocks;
     Steps fSteps;
     microseconds fLastStamp{0};  ///< of the presence that was sent last

@@ -33,7 +33,7 @@ constexpr std::int64_t kConnectMilliseconds = 2000;
 /// So many bytes are read at once, and as many may wait within libnats to be written: beyond, they
 /// stay in the queue, which has a bound.
 constexpr int kBufferSize = 256 * 1024;
-constexpr std::size_t kMostComplaints = 16;
+constexpr std::size_t kMostTexts = 16;
 /// What is not fetched is lost then, which is a gap like any other.
 constexpr int kMostPendingMessages = 64 * 1024;
 constexpr int kMostPendingBytes = 64 * 1024 * 1024;
@@ -196,7 +196,7 @@ void NatsLine::complained(natsConnection* /*connection*/, natsSubscription* /*su
         const auto complaints = registry<Complaints>().find(address);
         if (complaints == nullptr) return;
         annotated::Lock lock(complaints->mutex);
-        if (complaints->texts.size() == kMostComplaints) return;
+        if (complaints->texts.size() == kMostTexts) return;
         complaints->texts.push_back(statusText(status));
     } catch (const std::bad_alloc&) {
         // A line of the log less.
@@ -244,7 +244,7 @@ void NatsLine::publish(const std::string& subject, std::string_view bytes) {
     if (status != NATS_MAX_PAYLOAD && status != NATS_INVALID_SUBJECT) return require(status);
     // The line is as good as before; only this message does not go.
     annotated::Lock lock(fComplaints->mutex);
-    if (fComplaints->texts.size() < kMostComplaints) {
+    if (fComplaints->texts.size() < kMostTexts) {
         fComplaints->texts.push_back("cannot send on " + text::escaped(subject) + ": " +
                                      natsStatus_GetText(status));
     }

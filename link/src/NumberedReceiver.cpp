@@ -6,7 +6,7 @@
 namespace kirolink {
 namespace {
 
-constexpr std::size_t kPlace = 128;  // that an entry takes, about
+constexpr std::size_t kEntryPlace = 128;  // that an entry takes, about
 
 }  // namespace
 
@@ -19,7 +19,7 @@ bool NumberedReceiver::arrived(std::uint64_t number, std::string_view bytes) {
     }
     if (number < fNext) return false;
     fEnd = std::max(fEnd, number + 1);
-    const auto size = bytes.size() + kPlace;
+    const auto size = bytes.size() + kEntryPlace;
     if (fHeldBytes + size > kMostHeld) return false;
     if (fHeld.try_emplace(number, bytes).second) fHeldBytes += size;
     return false;
@@ -29,7 +29,7 @@ std::optional<std::string> NumberedReceiver::takeHeld() {
     const auto first = fHeld.begin();
     if (first == fHeld.end() || first->first != fNext) return {};
     auto bytes = std::move(first->second);
-    fHeldBytes -= bytes.size() + kPlace;
+    fHeldBytes -= bytes.size() + kEntryPlace;
     fHeld.erase(first);
     ++fNext;
     return bytes;

@@ -19,6 +19,8 @@ constexpr std::size_t kMiB = std::size_t{1} << 20U;
 
 class Ends : public testing::Test {
   protected:
+    /// What a test listens with is gone by then.
+    ~Ends() override { world.network.onMessage = {}; }
     /// An engine and gateways that have joined.
     void join(const std::vector<std::string>& names,
               EngineEnd::Settings settings = TestEngine::usual()) {
