@@ -112,7 +112,7 @@ bool isOrigin(const std::string& text) {
 constexpr const char* kOrigin = "it has to be https://HOST:PORT in small letters, without a path";
 
 std::string numericAddress(const Values& values, const char* key) {
-    const auto address = values.text(key, "127.0.0.1");
+    auto address = values.text(key, "127.0.0.1");
     boost::system::error_code error;
     static_cast<void>(boost::asio::ip::make_address(address, error));
     if (error) values.refuse(key, "it has to be numeric, such as 127.0.0.1 or ::1");

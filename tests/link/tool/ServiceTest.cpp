@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -217,6 +218,15 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
     page.sendFrame(2, std::string("\1\1\1", 3) + std::string(13, '\0') + "bytes");
     settle(page);
     EXPECT_EQ(engine.take(), (Heard{"/up up", "/up block bytes"}));
+
+    // So much that the page is not read from until the engine has some of it.
+    constexpr std::size_t kMany = 160;
+    const auto text =
+        R"({"t":"publish","channel":"/up","text":")" + std::string(20000, 'x') + "\"}";
+    for (std::size_t i = 0; i < kMany; ++i) page.sendText(text);
+    while (report().waiting < std::size_t{110} * 20000) std::this_thread::yield();
+    while (engine.heard.size() < kMany) run(milliseconds(50));
+    engine.take();
 
     // Of a block each page says whether it has it.
     for (const char* isOk : {"true", "false"}) {
