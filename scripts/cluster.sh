@@ -47,10 +47,11 @@ free_ports() {
 
 # requires_alive: none has ended while all of them begin.
 requires_alive() {
-    local pid
+    local pid status=0
     for pid in "${!names[@]}"; do
-        kill -0 "$pid" 2>/dev/null ||
-            fail "${names[$pid]} has ended at once: $(tail -n 3 "$folder/${names[$pid]}.log")"
+        ! kill -0 "$pid" 2>/dev/null || continue
+        wait "$pid" || status=$?
+        fail "${names[$pid]} has ended at once ($status): $(tail -n 3 "$folder/${names[$pid]}.log")"
     done
 }
 
@@ -101,12 +102,6 @@ EOF
 }
 
 begin_monitor() {
-    cat >"$folder/session-monitor/link.conf" <<EOF
-servers = $(paste -sd, "$folder/servers")
-session = monitor
-credentials = $folder/session-monitor/credentials
-ca = $folder/session-monitor/ca.pem
-EOF
     KIROWEB_LINK=$folder/session-monitor/link.conf \
         setsid setpriv --pdeathsig TERM "$programs/monitor" "$@" &
     monitor=$!

@@ -163,7 +163,7 @@ NatsLine::Owned<natsOptions> NatsLine::makeOptions(const NatsOptions& options,
     if (isSecure) {
         require(natsOptions_SetSecure(raw, true));
         require(natsOptions_LoadCATrustedCertificates(raw, options.caFile.c_str()));
-        require(natsOptions_SetExpectedHostname(raw, hostOf(server).c_str()));
+        // That it is for the host in the address is asked by libnats itself.
     }
     if (!options.credentialsFile.empty()) {
         const auto who = readCredentials(options.credentialsFile);

@@ -258,6 +258,7 @@ TEST_F(NatsClusterTest, endsASubscriptionBetweenTwoCalls) {
         held.reset();
         return isOver;
     });
+    EXPECT_EQ(ending.wait_for(50ms), std::future_status::timeout);
     leave.set_value();
     EXPECT_TRUE(ending.get());
     engine.cluster->publish("kiroweb.alpha.down", bytesOf("twice"));

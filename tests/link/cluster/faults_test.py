@@ -160,6 +160,8 @@ class Faults(unittest.TestCase):
         until(lambda: (now := self.engine.ask("report"))["delivered"] + now["givenBack"] == now["blocks"],
               "blocks are answered")
         self.assertEqual(load.findings, [])
+        ended = [name for name, process in self.cluster.running.items() if process.poll() is not None]
+        self.assertEqual(ended, [], "by themselves")
         return self.engine.ask("report")
 
     def losses(self) -> list[dict]:
