@@ -44,7 +44,8 @@ struct Options {
     /// Empty: an empty interpreter task is queued, so that a wait looks at its condition.
     std::function<void()> onLastPageGone;
     /// Called with a link for each address at which a gateway serves the session, or will when
-    /// somebody opens it, on the link's thread: "ADDRESS/#token=TOKEN". Not to be logged. It must not destroy the link.
+    /// somebody opens it, on the link's thread: "ADDRESS/#token=TOKEN". Not to be logged. It must
+    /// not destroy the link.
     std::function<void(const std::string& link)> onGateway;
 };
 
