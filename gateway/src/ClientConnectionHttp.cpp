@@ -29,7 +29,7 @@ void ClientConnection::readRequest() {
 
 ::kirogateway::Request ClientConnection::requestOfSite() {
     auto request = requestOf(fParser->get());
-    fSite = fContext.sites->find(request.target);
+    fSite = fContext.sites->find(request);
     request.target.remove_prefix(fSite->prefix.size());
     return request;
 }

@@ -109,6 +109,7 @@ bool EngineSession::end(Sites& sites, std::string_view why) noexcept {
 // --- What the engine does ----------------------------------------------------------------------
 
 void EngineSession::joined(const kirolink::Description& session) noexcept {
+    bool isServed = false;
     guarded(fName, "a session cannot be served", [&] {
         auto options = optionsOf(session);
         auto secrets = std::make_shared<kirogateway::Secrets>(
@@ -116,8 +117,10 @@ void EngineSession::joined(const kirolink::Description& session) noexcept {
         fFollowed = makeSite(std::move(options), std::move(secrets), session.views);
         fSilentSince = TimePoint{};
         replace(fFollowed, "the engine has begun anew");
+        isServed = true;
         logLine("session joined", fName);
     });
+    fHasFailed = !isServed;
 }
 
 void EngineSession::text(const std::string& channel, std::string_view text) noexcept {
@@ -165,16 +168,29 @@ void EngineSession::tellPages(const std::string& control) {
 void EngineSession::tick(TimePoint now) {
     fEnd->tick(now);
     fBus.letGo();
-    const TimePoint since = fSilentSince;
-    if (since == TimePoint{} || now < fNextTelling) return;
+    if (fSilentSince.load() == TimePoint{} || now < fNextTelling) return;
     fNextTelling = now + kTellAgain;
-    const auto silence = duration_cast<milliseconds>(now - since).count();
-    tellPages(R"({"t":"engine","state":"silent","milliseconds":)" + std::to_string(silence) + "}");
+    tellSilence(now);
 }
 
-milliseconds EngineSession::idle(TimePoint now) noexcept {
-    if (fBus.pagesThere() > 0) fIdleSince = now;
-    return duration_cast<milliseconds>(now - fIdleSince);
+void EngineSession::tellSilence(TimePoint now) {
+    fCommon.server.post([self = shared_from_this(), now](Sites& sites) {
+        const TimePoint since = self->fSilentSince;
+        const auto site = sites.at(self->fPrefix);
+        if (since == TimePoint{} || site == nullptr) return;
+        const auto silence = duration_cast<milliseconds>(now - since).count();
+        site->views->tell(R"({"t":"engine","state":"silent","milliseconds":)" +
+                          std::to_string(silence) + "}");
+    });
+}
+
+void EngineSession::look(TimePoint now) noexcept {
+    if (hasPages()) fIdleSince = now;
+}
+
+std::shared_ptr<Site> EngineSession::site() const noexcept {
+    const annotated::Lock lock(fMutex);
+    return fSite;
 }
 
 EngineSession::Report EngineSession::report(TimePoint now) const {

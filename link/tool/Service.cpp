@@ -88,7 +88,8 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
     fBeats = cluster.subscribe(
         kirolink::subjects::beat("*"),
         [this](std::string_view subject, std::string_view bytes) { beat(subject, bytes); });
-    fServer.start(Sites(root, [this](std::string_view prefix) { return follow(prefix); }));
+    fServer.start(Sites(
+        root, [this](Sites& sites, std::string_view prefix) { return follow(sites, prefix); }));
 }
 
 Service::~Service() { stop(); }
@@ -127,27 +128,52 @@ bool Service::isHeard(std::string_view name) const {
     return found != fHeard.end() && fCommon->surroundings.now() - found->second < kSilenceIsEnd;
 }
 
-std::shared_ptr<Site> Service::follow(std::string_view prefix) {
+std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view prefix) {
     const std::string name(prefix.substr(kPrefix.size()));
     if (!isHeard(name)) return nullptr;
-    if (sessions().size() >= fMostSessions) {
+    {
+        // There may have been no memory to note its site.
+        const annotated::Lock lock(fMutex);
+        const auto known = fSessions.find(name);
+        if (known != fSessions.end()) return known->second->site();
+    }
+    if (!makeRoom(sites)) {
         fContext->peerLog.write("too many sessions are followed", name);
         return nullptr;
     }
-    const auto session = std::make_shared<EngineSession>(*fCommon, name);
-    auto site = session->begin();
+    // Once it has begun nothing may fail.
+    Sessions one;
+    const auto at = one.emplace(name, std::make_shared<EngineSession>(*fCommon, name)).first;
+    auto site = at->second->begin();
     const annotated::Lock lock(fMutex);
-    fSessions.emplace(name, session);
+    fSessions.merge(one);
     return site;
 }
 
 // --- Sessions go -------------------------------------------------------------------------------
 
-void Service::endIdle(const std::shared_ptr<EngineSession>& session) {
-    fServer.post([this, session](Sites& sites) {
-        if (!session->end(sites, "nobody looks")) return;
-        logLine("session left", session->name(), "no page for a minute");
-        forget(*session);
+bool Service::makeRoom(Sites& sites) {
+    // Whoever knows names could fill all places otherwise, without being let in anywhere.
+    const auto all = sessions();
+    if (all.size() < fMostSessions) return true;
+    std::shared_ptr<EngineSession> longest;
+    for (const auto& session : all) {
+        if (session->hasPages()) continue;
+        if (longest == nullptr || session->idleSince() < longest->idleSince()) longest = session;
+    }
+    return longest != nullptr && end(sites, *longest, "another one is asked for");
+}
+
+bool Service::end(Sites& sites, EngineSession& session, std::string_view why) noexcept {
+    if (!session.end(sites, "nobody looks")) return false;
+    logLine("session left", session.name(), why);
+    forget(session);
+    return true;
+}
+
+void Service::endLater(const std::shared_ptr<EngineSession>& session, std::string why) {
+    fServer.post([this, session, why = std::move(why)](Sites& sites) {
+        static_cast<void>(end(sites, *session, why));
     });
 }
 
@@ -182,7 +208,12 @@ void Service::tick(TimePoint now) noexcept {
         fNextLook = now + kLook;
         forgetSilent(now);
         for (const auto& session : all) {
-            if (session->idle(now) >= kIdle) endIdle(session);
+            session->look(now);
+            if (session->hasFailed()) {
+                endLater(session, "it cannot be served");  // a page that asks has it tried again
+            } else if (now - session->idleSince() >= kIdle) {
+                endLater(session, "no page for a minute");
+            }
         }
     } catch (...) {
         fContext->log.writeCaught("the sessions' time");

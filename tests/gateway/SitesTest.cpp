@@ -1,6 +1,7 @@
 // Several sites on one server: engines that know nothing of each other, each with its own pages.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/json.hpp>
 #include <map>
 #include <memory>
@@ -68,10 +69,12 @@ class SitesTest : public testing::Test {
         fServer = std::make_unique<Server>(context, fWakeup);
         fAccess.port = fServer->port();
         auto root = makeSite("", nullptr);
-        fServer->start(Sites(root, [this](std::string_view prefix) -> std::shared_ptr<Site> {
-            if (prefix != "/s/a" && prefix != "/s/b") return nullptr;
-            return makeSite(std::string(prefix), nullptr);
-        }));
+        fServer->start(
+            Sites(root, [this](Sites&, std::string_view prefix) -> std::shared_ptr<Site> {
+                ++fMade;
+                if (prefix != "/s/a" && prefix != "/s/b") return nullptr;
+                return makeSite(std::string(prefix), nullptr);
+            }));
     }
     /// One that lets pages in with `secrets`, or nobody yet.
     std::shared_ptr<Site> makeSite(const std::string& prefix, std::shared_ptr<Secrets> secrets,
@@ -125,6 +128,7 @@ class SitesTest : public testing::Test {
     std::map<std::string, NotedBus> fBuses;
     gatewaytest::Access fAccess;
     std::unique_ptr<Server> fServer;
+    std::atomic<int> fMade{0};  ///< sites that were asked for
 };
 
 bool hasStatus(const std::string& head, const std::string& status) {
@@ -188,6 +192,13 @@ TEST_F(SitesTest, ServeTheirPageBeforeTheEngineIsReached) {
     open("/s/a");
     EXPECT_EQ(get("/s/a/").find(later), std::string::npos);
     join("/s/a");
+}
+
+TEST_F(SitesTest, AreNotMadeForAForeignHost) {
+    start();
+    const auto head = ask("GET /s/a/ HTTP/1.1\r\nHost: elsewhere.example\r\n\r\n").readHead();
+    EXPECT_TRUE(hasStatus(head, "403")) << head;
+    EXPECT_EQ(fMade, 0);
 }
 
 TEST_F(SitesTest, HaveSoManyConnectionsTogether) {

@@ -184,10 +184,13 @@ TEST_F(ServiceTest, FollowsASessionOnceAPageAsksForIt) {
     EXPECT_TRUE(hasStatus(get("/s/sea/"), "404"));
     follow("sea");
     begin("sky");
-    EXPECT_TRUE(hasStatus(get("/s/sky/"), "404")) << "two may be followed";
+    EXPECT_TRUE(hasStatus(get("/s/sky/"), "200")) << "in place of the one that has no page";
+    run(milliseconds(500));
+    const auto third = join("sky");
+    EXPECT_TRUE(hasStatus(get("/s/sea/"), "404")) << "two may be followed";
     const auto now = report();
     EXPECT_EQ(std::vector({now.known, now.followed, now.joined, now.pages}),
-              (std::vector<std::size_t>{3, 2, 2, 2}));
+              (std::vector<std::size_t>{3, 2, 2, 3}));
 }
 
 TEST_F(ServiceTest, LetsPagesGoBetweenGateways) {
@@ -304,6 +307,17 @@ TEST_F(ServiceTest, ClosesPagesWhenItStops) {
     auto page = join("wind");
     fService->stop();
     EXPECT_EQ(page.readClose(), 1001U);
+}
+
+TEST(StatusServer, MayGoBeforeItsConnections) {
+    namespace asio = boost::asio;
+    asio::io_context context;
+    auto server =
+        std::make_unique<StatusServer>(context, "127.0.0.1", 0, [] { return ServiceReport(); });
+    asio::ip::tcp::socket client(context);
+    client.connect({asio::ip::address_v4::loopback(), server->port()});
+    EXPECT_EQ(context.run_one(), 1U) << "it is accepted, and has said nothing";
+    server.reset();
 }
 
 TEST_F(ServiceTest, MeasuresWithoutNamingAnybody) {
