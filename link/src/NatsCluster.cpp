@@ -117,6 +117,8 @@ class NatsCluster final : public Cluster {
     bool connectToAny();
     void connect(const std::string& server);
     void lose(const std::string& why) noexcept;
+    /// The next node is the one to be tried.
+    void leaveLine() noexcept;
     void waitToTryAgain();
     void sendTheRest() noexcept;
     void attend();
@@ -264,8 +266,7 @@ bool NatsCluster::connectToAny() {
             fIsRefused = fIsRefused || lineError == nullptr || lineError->isRefused;
             why += (why.empty() ? "" : "; ") + server + ": " + error.what();
         }
-        fLine.reset();
-        fServer = (fServer + 1) % fOptions.servers.size();
+        leaveLine();
     }
     if (!isStopping()) sayReason(why);
     return false;
@@ -298,6 +299,10 @@ void NatsCluster::lose(const std::string& why) noexcept {
     } catch (const std::bad_alloc&) {
         // A line of the log less.
     }
+    leaveLine();
+}
+
+void NatsCluster::leaveLine() noexcept {
     for (const auto& heard : fHeard) heard->source.reset();
     fLine.reset();
     fServer = (fServer + 1) % fOptions.servers.size();
@@ -325,20 +330,21 @@ void NatsCluster::waitToTryAgain() {
 
 void NatsCluster::takeSubscriptions() {
     std::vector<std::shared_ptr<Heard>> ended;
-    std::vector<std::shared_ptr<Heard>> added;
     {
         annotated::Lock lock(fMutex);
-        added.swap(fNew);
-        const auto isOver = [](const auto& heard) { return heard->isEnded; };
-        if (std::exchange(fHasEnded, false)) {
+        // All of them first: when the line breaks with one of them, the next line has the others.
+        fHeard.insert(fHeard.end(), fNew.begin(), fNew.end());
+        fNew.clear();
+        if (fHasEnded) {
+            const auto isOver = [](const auto& heard) { return heard->isEnded; };
             std::copy_if(fHeard.begin(), fHeard.end(), std::back_inserter(ended), isOver);
             std::erase_if(fHeard, isOver);
-            std::erase_if(added, isOver);
+            fHasEnded = false;
         }
     }
-    for (auto& heard : added) {
-        if (fLine) heard->source = fLine->subscribe(heard->subject);
-        fHeard.push_back(std::move(heard));
+    if (!fLine) return;
+    for (const auto& heard : fHeard) {
+        if (heard->source == nullptr) heard->source = fLine->subscribe(heard->subject);
     }
 }
 
