@@ -38,6 +38,8 @@ constexpr auto kAfterRefusal = 1s;
 /// A connection that did not hold for so long is not made again at once.
 constexpr auto kShort = 1s;
 constexpr auto kLongestWait = 100ms;
+/// So long what waits still goes out when the cluster is left.
+constexpr auto kForTheRest = 1s;
 /// Different lines of complaints, and of why no node can be used; further ones are dropped.
 constexpr std::size_t kMostComplaints = 64;
 constexpr std::size_t kMostReasons = 8;
@@ -125,6 +127,8 @@ class NatsCluster final : public Cluster {
     void takeSubscriptions();
     void passMessages();
     [[nodiscard]] std::optional<Message> nextMessage();
+    [[nodiscard]] bool hasMessages();
+    void forgetNew();
     [[nodiscard]] bool isStopping();
     void deliver(Heard& heard);
     void call(Heard& heard, std::string_view subject, std::string_view bytes);
@@ -248,6 +252,7 @@ void NatsCluster::run() noexcept {
     sendTheRest();
     lose({});
     fHeard.clear();
+    forgetNew();
     nats_ReleaseThreadMemory();
 }
 
@@ -311,8 +316,12 @@ void NatsCluster::leaveLine() noexcept {
 void NatsCluster::sendTheRest() noexcept {
     try {
         if (!fLine) return;
-        passMessages();
-        fLine->write();
+        // A line has room for a part of it at a time.
+        const auto end = Clock::now() + kForTheRest;
+        do {
+            passMessages();
+            fLine->write();
+        } while (hasMessages() && Clock::now() < end);
     } catch (const std::exception&) {
         // Lost, as it may be.
     }
@@ -346,6 +355,17 @@ void NatsCluster::takeSubscriptions() {
     for (const auto& heard : fHeard) {
         if (heard->source == nullptr) heard->source = fLine->subscribe(heard->subject);
     }
+}
+
+void NatsCluster::forgetNew() {
+    // Those that came and went while a node was tried.
+    annotated::Lock lock(fMutex);
+    fNew.clear();
+}
+
+bool NatsCluster::hasMessages() {
+    annotated::Lock lock(fMutex);
+    return !fQueue.empty();
 }
 
 void NatsCluster::attend() {
