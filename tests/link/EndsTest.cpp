@@ -450,19 +450,30 @@ TEST_F(Ends, BoundWhatPagesSay) {
     const std::string large(10 * kMiB, 'x');
     // The engine's process does not get on with it.
     engine().keepsTickets = true;
-    for (int i = 0; i < 4; ++i) end.publish("/up", large);
+    for (int i = 0; i < 3; ++i) end.publish("/up", large);
     world.run(500ms);
     EXPECT_EQ(engine().got.size(), 2U);  // the second one is beyond the bound
-    std::size_t said = 4;
+    std::size_t said = 3;
     const auto sayOn = [&] {
         for (; said < 20; ++said) end.publish("/up", large);
     };
+    EXPECT_TRUE(end.hasRoomForPages());
     EXPECT_THROW(sayOn(), std::length_error);
-    EXPECT_LE(end.statistics().waiting, 64 * kMiB);
+    EXPECT_FALSE(end.hasRoomForPages());
+    EXPECT_LE(end.statistics().waiting, 32 * kMiB);
+    const std::string block(500'000, 'x');
+    const auto fill = [&] {
+        for (int i = 0; i < 100; ++i) end.sendBlock("/page/b", block);
+    };
+    EXPECT_THROW(fill(), std::length_error);
+    end.pages(1);  // for which there is room
+    end.announce(GatewayEnd::ViewKind::kNew, "late", 1);
     engine().keepsTickets = false;
     engine().tickets.clear();
     world.run(8s);
-    EXPECT_EQ(engine().got.size(), said);
+    EXPECT_GT(engine().got.size(), said);
+    EXPECT_EQ(engine().views.size(), 1U);
+    EXPECT_EQ(statistics().pages, 1U);
     EXPECT_EQ(end.statistics().waiting, 0U);
     EXPECT_EQ(gateway("g").joins, 1);
 }
