@@ -248,9 +248,11 @@ DownStream::TimePoint DownStream::send(Cluster& cluster, const std::string& subj
     }
 }
 
-std::size_t DownStream::sendAgain(const frame::Ask& ask, Resends& resends, Cluster& cluster,
-                                  const std::string& subject, const frame::Header& header) {
+std::size_t DownStream::sendAgain(const frame::Header& header, const frame::Ask& ask,
+                                  Resends& resends, Cluster& cluster, const std::string& subject,
+                                  TimePoint now) {
     const annotated::Lock lock(fMutex);
+    resends.asked(fLog, header.number, now);
     return kirolink::sendAgain(fLog, ask, resends, cluster, subject, header);
 }
 

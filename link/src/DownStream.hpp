@@ -78,9 +78,9 @@ class DownStream {
     [[nodiscard]] std::uint64_t sentBelow() const noexcept;
     /// Sends what is to be sent; returns when to call again. Throws std::bad_alloc.
     TimePoint send(Cluster& cluster, const std::string& subject, TimePoint now);
-    /// See `kirolink::sendAgain`.
-    std::size_t sendAgain(const frame::Ask& ask, Resends& resends, Cluster& cluster,
-                          const std::string& subject, const frame::Header& header);
+    /// See `kirolink::sendAgain`; `header` is that of the question.
+    std::size_t sendAgain(const frame::Header& header, const frame::Ask& ask, Resends& resends,
+                          Cluster& cluster, const std::string& subject, TimePoint now);
 
   private:
     struct Position {

@@ -259,7 +259,7 @@ TEST_F(Ends, FollowANewEngineWhenTheOldOneIsSilent) {
 TEST_F(Ends, TakeAGatewayThatBeginsAnewForAnotherOne) {
     join({"g"});
     engine().send("/c/b", "block");
-    world.run(100ms);
+    world.run(1s);
     world.network.cut("g");
     world.gateways.clear();  // killed
     world.network.mend("g");
@@ -302,7 +302,10 @@ class OddGateway {
     explicit OddGateway(World& world) : fWorld(world) {
         world.network.onMessage = [this](const std::string& subject, const std::string& bytes) {
             if (subject.ends_with("beat")) fEpoch = readFrame(bytes)->header.epoch;
-            if (subject.ends_with("to.odd")) bytesGot += bytes.size();
+            if (!subject.ends_with("to.odd")) return;
+            bytesGot += bytes.size();
+            ++framesGot;
+            fWorld.network.now += takes;
         };
         say(frame::Hello{"http://odd"});
         world.run(400ms);
@@ -313,6 +316,8 @@ class OddGateway {
                               writeFrame({isHello ? 0 : fEpoch, 7, number}, body));
     }
     std::size_t bytesGot = 0;
+    std::size_t framesGot = 0;
+    milliseconds takes{0};  ///< to say something to it
 
   private:
     World& fWorld;
@@ -353,10 +358,30 @@ TEST_F(Ends, SendAgainOnlySoMuchAtATime) {
     EXPECT_NEAR(static_cast<double>(askFor(10)), 4.5e6, 0.1e6);  // it gets on
     world.run(2s);
     EXPECT_NEAR(static_cast<double>(askFor(10)), 4.5e6, 0.1e6);  // it was lost
-    EXPECT_EQ(statistics().resends, 27U);
+    EXPECT_NEAR(static_cast<double>(askFor(11)), 0.5e6, 0.1e6);  // so much has arrived
+    EXPECT_EQ(statistics().resends, 28U);
     odd.say(frame::Ask(), 26);
     world.run(100ms);
     EXPECT_EQ(statistics().refusals, 1U);  // it cannot have more than there is
+}
+
+TEST_F(Ends, AreNotHeldUpByOneGateway) {
+    join({"g"});
+    OddGateway odd(world);
+    EXPECT_EQ(odd.framesGot, 1U);
+    world.run(4s, [&] { odd.say(frame::Hello{"http://odd"}); });
+    EXPECT_EQ(odd.framesGot, 3U);  // after a second, and two
+    for (const char* address : {"http://1", "http://2"}) odd.say(frame::Offer{address});
+    world.run(50ms);
+    EXPECT_THAT(engine().links, ElementsAre("https://g:1/s/s", "http://odd"));
+    odd.framesGot = 0;
+    odd.takes = 4ms;
+    for (int i = 0; i < 20; ++i) odd.say(frame::Presence{1, 0, 0, 0});
+    world.network.now += 5ms;
+    world.network.deliver();
+    const auto now = world.network.now;
+    EXPECT_EQ(engine().end->step(now), now);  // there is more
+    EXPECT_EQ(odd.framesGot, 3U);
 }
 
 TEST_F(Ends, SendNoMoreThanASlowLineCarries) {
