@@ -186,6 +186,11 @@ std::uint64_t DownStream::foremostLocked() const noexcept {
     return std::ranges::max_element(fReaders, {}, &Position::has)->has;
 }
 
+bool DownStream::isReader(Reader reader) const noexcept {
+    const annotated::Lock lock(fMutex);
+    return findLocked(reader) != nullptr;
+}
+
 bool DownStream::isBehind(Reader reader, TimePoint now,
                           std::chrono::milliseconds time) const noexcept {
     const annotated::Lock lock(fMutex);

@@ -59,6 +59,7 @@ class DownStream {
     void leave(Reader reader) noexcept;
     /// The reader has everything below `next`. Returns false if that cannot be.
     bool acknowledged(Reader reader, std::uint64_t next, TimePoint now) noexcept;
+    [[nodiscard]] bool isReader(Reader reader) const noexcept;
     /// Whether the reader has not had for longer than `time` something that was sent to it.
     [[nodiscard]] bool isBehind(Reader reader, TimePoint now,
                                 std::chrono::milliseconds time) const noexcept;

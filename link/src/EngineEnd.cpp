@@ -167,12 +167,15 @@ void EngineEnd::check(TimePoint now) {
         const auto silence = now - gateway->lastHeard;
         if (silence > kSilenceIsEnd) {
             over.emplace_back(name, "nothing was heard of it for 10 s");
+        } else if (!fStream->isReader(gateway->incarnation)) {
+            // There was no memory to join it, or to drop it.
+            over.emplace_back(name, "it gets nothing any more");
         } else if (fStream->isBehind(gateway->incarnation, now, kSilenceIsEnd)) {
             over.emplace_back(name, "it is 10 s behind");
         } else if (silence > kSilenceIsGone && !gateway->isSilent) {
             gateway->isSilent = true;
             fHost.note("nothing is heard of a gateway", name);
-            fWaits.gone(gateway->incarnation);
+            fWaits.gone(gateway->incarnation, gateway->pages > 0);
             countPages();
         }
     }
@@ -282,10 +285,11 @@ void EngineEnd::drop(const std::string& name, std::string_view why) {
     fGateways.erase(at);
     ++fCounts.dropped;
     fStream->leave(gateway->incarnation);
+    // First what nobody else does when there is no memory for the rest.
+    fWaits.gone(gateway->incarnation, gateway->pages > 0);
+    countPages();
     fHost.note("a gateway was dropped", name + ": " + std::string(why));
     send(name, {fEpoch, gateway->incarnation, 0}, frame::Dropped{why});
-    fWaits.gone(gateway->incarnation);
-    countPages();
 }
 
 void EngineEnd::countPages() {

@@ -119,7 +119,8 @@ TEST_F(Ends, SendAtOnceAndGatherWhatFollows) {
 }
 
 struct BlockCase {
-    const char* first;  ///< what the one gateway does: delivered, refused, nobody, goes, silent
+    const char* first;  ///< what the one gateway does: delivered, refused, nobody, goes, silent;
+                        ///< or "leaves", where no gateway says that it has pages
     const char* second;
     const char* end;
     std::uint64_t EngineEnd::Statistics::*counted;
@@ -129,7 +130,7 @@ class Blocks : public Ends, public testing::WithParamInterface<BlockCase> {
   protected:
     void act(const std::string& name, const std::string& what) {
         auto& tickets = gateway(name).tickets;
-        if (what == "goes") {
+        if (what == "goes" || what == "leaves") {
             world.gateways.erase(name);
         } else if (what == "silent") {
             world.network.cut(name);
@@ -144,6 +145,10 @@ class Blocks : public Ends, public testing::WithParamInterface<BlockCase> {
 
 TEST_P(Blocks, AreDeliveredWhenAllThatAreThereHaveThem) {
     join({"a", "b"});
+    for (const char* name : {"a", "b"}) {
+        gateway(name).end->pages(GetParam().first == std::string("leaves") ? 0 : 1);
+    }
+    world.run(50ms);
     engine().send("/c/b", "block");
     world.run(50ms);
     world.add("late");  // has nothing to do with it
@@ -169,7 +174,9 @@ INSTANTIATE_TEST_SUITE_P(Outcomes, Blocks,
                                          BlockCase{"refused", "delivered", "given back", kRefused},
                                          BlockCase{"delivered", "silent", "given back", kGone},
                                          BlockCase{"goes", "delivered", "given back", kGone},
-                                         BlockCase{"goes", "refused", "given back", kRefused}));
+                                         BlockCase{"goes", "refused", "given back", kRefused},
+                                         BlockCase{"leaves", "delivered", "delivered", kDelivered},
+                                         BlockCase{"leaves", "leaves", "given back", kNobody}));
 
 TEST_F(Ends, EndABlockThatAGatewayNeverAnswers) {
     join({"g"});
