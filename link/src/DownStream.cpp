@@ -186,6 +186,11 @@ std::uint64_t DownStream::foremostLocked() const noexcept {
     return std::ranges::max_element(fReaders, {}, &Position::has)->has;
 }
 
+bool DownStream::isReader(Reader reader) const noexcept {
+    const annotated::Lock lock(fMutex);
+    return findLocked(reader) != nullptr;
+}
+
 bool DownStream::isBehind(Reader reader, TimePoint now,
                           std::chrono::milliseconds time) const noexcept {
     const annotated::Lock lock(fMutex);
@@ -248,9 +253,11 @@ DownStream::TimePoint DownStream::send(Cluster& cluster, const std::string& subj
     }
 }
 
-std::size_t DownStream::sendAgain(const frame::Ask& ask, Resends& resends, Cluster& cluster,
-                                  const std::string& subject, const frame::Header& header) {
+std::size_t DownStream::sendAgain(const frame::Header& header, const frame::Ask& ask,
+                                  Resends& resends, Cluster& cluster, const std::string& subject,
+                                  TimePoint now) {
     const annotated::Lock lock(fMutex);
+    resends.asked(fLog, header.number, now);
     return kirolink::sendAgain(fLog, ask, resends, cluster, subject, header);
 }
 

@@ -406,6 +406,8 @@ void GatewayEnd::sendBlock(std::string_view channel, std::string_view block) {
     fImpl->up->sendBlock(channel, block);
 }
 
+bool GatewayEnd::hasRoomForPages() const noexcept { return fImpl->up->hasRoomForPages(); }
+
 void GatewayEnd::announce(ViewKind kind, std::string_view client, std::uint64_t view) {
     fImpl->up->announce(kind, client, view);
 }

@@ -97,10 +97,13 @@ class GatewayEnd {
     GatewayEnd& operator=(const GatewayEnd&) = delete;
 
     /// What a page published; in order, and kept until the engine has it. Throws std::bad_alloc
-    /// and, when too much waits, std::length_error; nothing is sent then. While the gateway has not
-    /// joined there are no views, and nothing is sent either. As the two that follow.
+    /// and, when too much waits of it, std::length_error; nothing is sent then. While the gateway
+    /// has not joined there are no views, and nothing is sent either. As the two that follow.
     void publish(std::string_view channel, std::string_view text);
     void sendBlock(std::string_view channel, std::string_view block);
+    /// False: what waits takes half of the room that there is for what pages say, so they should
+    /// not be read on.
+    [[nodiscard]] bool hasRoomForPages() const noexcept;
     enum class ViewKind : std::uint8_t { kNew, kReturn };
     /// A view has come or come back. The engine's end says which of the session it is. `view`: the
     /// gateway's own number of it, by which the engine's end knows it again when it comes back.

@@ -119,7 +119,8 @@ TEST_F(Ends, SendAtOnceAndGatherWhatFollows) {
 }
 
 struct BlockCase {
-    const char* first;  ///< what the one gateway does: delivered, refused, nobody, goes, silent
+    const char* first;  ///< what the one gateway does: delivered, refused, nobody, goes, silent;
+                        ///< or "leaves", where no gateway says that it has pages
     const char* second;
     const char* end;
     std::uint64_t EngineEnd::Statistics::*counted;
@@ -129,7 +130,7 @@ class Blocks : public Ends, public testing::WithParamInterface<BlockCase> {
   protected:
     void act(const std::string& name, const std::string& what) {
         auto& tickets = gateway(name).tickets;
-        if (what == "goes") {
+        if (what == "goes" || what == "leaves") {
             world.gateways.erase(name);
         } else if (what == "silent") {
             world.network.cut(name);
@@ -144,6 +145,10 @@ class Blocks : public Ends, public testing::WithParamInterface<BlockCase> {
 
 TEST_P(Blocks, AreDeliveredWhenAllThatAreThereHaveThem) {
     join({"a", "b"});
+    for (const char* name : {"a", "b"}) {
+        gateway(name).end->pages(GetParam().first == std::string("leaves") ? 0 : 1);
+    }
+    world.run(50ms);
     engine().send("/c/b", "block");
     world.run(50ms);
     world.add("late");  // has nothing to do with it
@@ -169,7 +174,9 @@ INSTANTIATE_TEST_SUITE_P(Outcomes, Blocks,
                                          BlockCase{"refused", "delivered", "given back", kRefused},
                                          BlockCase{"delivered", "silent", "given back", kGone},
                                          BlockCase{"goes", "delivered", "given back", kGone},
-                                         BlockCase{"goes", "refused", "given back", kRefused}));
+                                         BlockCase{"goes", "refused", "given back", kRefused},
+                                         BlockCase{"leaves", "delivered", "delivered", kDelivered},
+                                         BlockCase{"leaves", "leaves", "given back", kNobody}));
 
 TEST_F(Ends, EndABlockThatAGatewayNeverAnswers) {
     join({"g"});
@@ -259,7 +266,7 @@ TEST_F(Ends, FollowANewEngineWhenTheOldOneIsSilent) {
 TEST_F(Ends, TakeAGatewayThatBeginsAnewForAnotherOne) {
     join({"g"});
     engine().send("/c/b", "block");
-    world.run(100ms);
+    world.run(1s);
     world.network.cut("g");
     world.gateways.clear();  // killed
     world.network.mend("g");
@@ -302,7 +309,10 @@ class OddGateway {
     explicit OddGateway(World& world) : fWorld(world) {
         world.network.onMessage = [this](const std::string& subject, const std::string& bytes) {
             if (subject.ends_with("beat")) fEpoch = readFrame(bytes)->header.epoch;
-            if (subject.ends_with("to.odd")) bytesGot += bytes.size();
+            if (!subject.ends_with("to.odd")) return;
+            bytesGot += bytes.size();
+            ++framesGot;
+            fWorld.network.now += takes;
         };
         say(frame::Hello{"http://odd"});
         world.run(400ms);
@@ -313,6 +323,8 @@ class OddGateway {
                               writeFrame({isHello ? 0 : fEpoch, 7, number}, body));
     }
     std::size_t bytesGot = 0;
+    std::size_t framesGot = 0;
+    milliseconds takes{0};  ///< to say something to it
 
   private:
     World& fWorld;
@@ -353,10 +365,30 @@ TEST_F(Ends, SendAgainOnlySoMuchAtATime) {
     EXPECT_NEAR(static_cast<double>(askFor(10)), 4.5e6, 0.1e6);  // it gets on
     world.run(2s);
     EXPECT_NEAR(static_cast<double>(askFor(10)), 4.5e6, 0.1e6);  // it was lost
-    EXPECT_EQ(statistics().resends, 27U);
+    EXPECT_NEAR(static_cast<double>(askFor(11)), 0.5e6, 0.1e6);  // so much has arrived
+    EXPECT_EQ(statistics().resends, 28U);
     odd.say(frame::Ask(), 26);
     world.run(100ms);
     EXPECT_EQ(statistics().refusals, 1U);  // it cannot have more than there is
+}
+
+TEST_F(Ends, AreNotHeldUpByOneGateway) {
+    join({"g"});
+    OddGateway odd(world);
+    EXPECT_EQ(odd.framesGot, 1U);
+    world.run(4s, [&] { odd.say(frame::Hello{"http://odd"}); });
+    EXPECT_EQ(odd.framesGot, 3U);  // after a second, and two
+    for (const char* address : {"http://1", "http://2"}) odd.say(frame::Offer{address});
+    world.run(50ms);
+    EXPECT_THAT(engine().links, ElementsAre("https://g:1/s/s", "http://odd"));
+    odd.framesGot = 0;
+    odd.takes = 4ms;
+    for (int i = 0; i < 20; ++i) odd.say(frame::Presence{1, 0, 0, 0});
+    world.network.now += 5ms;
+    world.network.deliver();
+    const auto now = world.network.now;
+    EXPECT_EQ(engine().end->step(now), now);  // there is more
+    EXPECT_EQ(odd.framesGot, 3U);
 }
 
 TEST_F(Ends, SendNoMoreThanASlowLineCarries) {
@@ -450,19 +482,30 @@ TEST_F(Ends, BoundWhatPagesSay) {
     const std::string large(10 * kMiB, 'x');
     // The engine's process does not get on with it.
     engine().keepsTickets = true;
-    for (int i = 0; i < 4; ++i) end.publish("/up", large);
+    for (int i = 0; i < 3; ++i) end.publish("/up", large);
     world.run(500ms);
     EXPECT_EQ(engine().got.size(), 2U);  // the second one is beyond the bound
-    std::size_t said = 4;
+    std::size_t said = 3;
     const auto sayOn = [&] {
         for (; said < 20; ++said) end.publish("/up", large);
     };
+    EXPECT_TRUE(end.hasRoomForPages());
     EXPECT_THROW(sayOn(), std::length_error);
-    EXPECT_LE(end.statistics().waiting, 64 * kMiB);
+    EXPECT_FALSE(end.hasRoomForPages());
+    EXPECT_LE(end.statistics().waiting, 32 * kMiB);
+    const std::string block(500'000, 'x');
+    const auto fill = [&] {
+        for (int i = 0; i < 100; ++i) end.sendBlock("/page/b", block);
+    };
+    EXPECT_THROW(fill(), std::length_error);
+    end.pages(1);  // for which there is room
+    end.announce(GatewayEnd::ViewKind::kNew, "late", 1);
     engine().keepsTickets = false;
     engine().tickets.clear();
     world.run(8s);
-    EXPECT_EQ(engine().got.size(), said);
+    EXPECT_GT(engine().got.size(), said);
+    EXPECT_EQ(engine().views.size(), 1U);
+    EXPECT_EQ(statistics().pages, 1U);
     EXPECT_EQ(end.statistics().waiting, 0U);
     EXPECT_EQ(gateway("g").joins, 1);
 }
