@@ -13,6 +13,7 @@
 #include "UpStream.hpp"
 #include "annotated/Mutex.hpp"
 #include "checked/Require.hpp"
+#include "text/Escape.hpp"
 
 namespace kirolink {
 namespace {
@@ -22,6 +23,9 @@ using std::chrono::microseconds;
 
 /// What an engine may send in pieces.
 constexpr std::size_t kMostOfEngine = std::size_t{1} << 30U;
+/// Bytes of what an engine gives as a reason, before escaping, which makes four of one: a browser
+/// takes 123.
+constexpr std::size_t kMostShown = 28;
 
 class Ticket final : public BlockTicket {
   public:
@@ -93,6 +97,7 @@ class Machine {
     void question();
     void heard() noexcept;
     void leave(std::string_view why) noexcept;
+    void sendHello();
     void sendPresence();
     /// Tells the engine what is there, and what is missing.
     void acknowledge(frame::Ask ask);
@@ -114,6 +119,7 @@ class Machine {
     const std::shared_ptr<UpStream> fUp;
     Counts& fCounts;
 
+    bool fHasSaidHello = false;  ///< of this incarnation
     bool fIsJoined = false;
     bool fIsSilent = false;
     std::uint64_t fEpoch = 0;
@@ -164,7 +170,8 @@ void Machine::handle(std::string_view bytes, bool isOwn) {
                        if (ours()) answered(header, answer);
                    },
                    [&](const frame::Dropped& dropped) {
-                       if (ours()) leave(dropped.reason);
+                       // It is shown to people, and goes to browsers.
+                       if (ours()) leave(text::escaped(dropped.reason, kMostShown));
                    },
                    [&](const frame::Ask& ask) {
                        if (ours()) asked(header, ask);
@@ -195,7 +202,8 @@ void Machine::beat(const frame::Header& header) {
 }
 
 void Machine::welcome(const frame::Header& header, const Description& session) {
-    if (fIsJoined || header.incarnation != fIncarnation) return;
+    // The next incarnation can be foreseen, so an engine could welcome without having been asked.
+    if (fIsJoined || !fHasSaidHello || header.incarnation != fIncarnation) return;
     fIsJoined = true;
     fIsSilent = false;
     fEpoch = header.epoch;
@@ -289,6 +297,11 @@ void Machine::send(const frame::Header& header, const frame::Body& body) {
     static_cast<void>(fCluster.publish(fSubject, std::move(bytes)));  // it is said again
 }
 
+void Machine::sendHello() {
+    fHasSaidHello = true;
+    send({0, fIncarnation, 0}, frame::Hello{fAddress});
+}
+
 void Machine::sendPresence() {
     fLastStamp = fSurroundings.wall();
     fUnacknowledged = 0;
@@ -329,7 +342,7 @@ void Machine::step(TimePoint now) {
     }
     if (now >= fNextBeat) {
         fNextBeat = now + kBeat;
-        fIsJoined ? sendPresence() : send({0, fIncarnation, 0}, frame::Hello{fAddress});
+        fIsJoined ? sendPresence() : sendHello();
     }
     if (!fIsJoined) return;
     fUp->retry();
@@ -341,7 +354,9 @@ void Machine::leave(std::string_view why) noexcept {
     fUp->close();
     fAssembly.clear();
     ++fIncarnation;  // the engine tells this joining from the next
-    fNextBeat = {};
+    // Not at once: a session costs, and it is the engine that says when one ends.
+    fHasSaidHello = false;
+    fNextBeat = fSurroundings.now() + kBeat;
     fCounts.change([](Statistics& all) { all.isJoined = false; });
     fFollower.left(why);
 }

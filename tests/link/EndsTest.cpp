@@ -540,6 +540,36 @@ TEST_F(Ends, OfferToServeAPageOnceForEachEngine) {
     EXPECT_FALSE(offers.beat("s", "no frame", world.network.now));
 }
 
+TEST_F(Ends, AreNotDrivenByAHostileEngine) {
+    auto& gateway = world.add("g");
+    const auto cluster = world.network.connect("hostile");
+    std::uint64_t incarnation = 0;
+    const auto hear = [&](std::string_view, std::string_view bytes) {
+        incarnation = readFrame(bytes)->header.incarnation;
+    };
+    const auto listening = cluster->subscribe("kiroweb.s.from.g", hear);
+    world.run(50ms);
+    const auto say = [&](std::uint64_t which, const frame::Body& body) {
+        world.network.inject("kiroweb.s.to.g", writeFrame({9, which, 1}, body));
+        world.network.deliver();
+    };
+    for (std::uint64_t i = incarnation; i < incarnation + 10; ++i) {
+        say(i, frame::Welcome{TestEngine::usual().description});
+        say(i, frame::Dropped{"\xff\n" + std::string(100, 'x')});
+    }
+    world.run(200ms);
+    EXPECT_EQ(gateway.joins, 1);
+    EXPECT_EQ(gateway.events.back(), "left: \\xff\\x0a" + std::string(26, 'x') + "...");
+    Offers offers(*cluster, "g", [](const auto&) { return "http://g"; });
+    int offered = 0;
+    world.network.onMessage = [&](const std::string&, const std::string&) { ++offered; };
+    for (std::uint64_t epoch = 1; epoch < 10; ++epoch) {
+        EXPECT_TRUE(offers.beat("s", writeFrame({epoch, 0, 1}, frame::Beat()), world.network.now));
+        offers.beat("s", writeFrame({epoch, 0, 1}, frame::End()), world.network.now);
+    }
+    EXPECT_EQ(offered, 1);
+}
+
 TEST_F(Ends, IgnoreWhatIsNotForThem) {
     auto& early = world.add("early");
     world.network.inject("kiroweb.s.to.early",
