@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 
+#include "Clocks.hpp"
 #include "Frame.hpp"
 #include "Offers.hpp"
 #include "World.hpp"
@@ -471,6 +472,11 @@ TEST_F(Ends, MeasureTheDifferenceOfTheirClocks) {
                     static_cast<double>(uncertainty));
         EXPECT_LE(uncertainty, 300'000);
     }
+    Clocks clocks;
+    clocks.add(0us, std::chrono::microseconds((1LL << 53) - 1),
+               std::chrono::microseconds(1 - (1LL << 53)), 1us);  // it has left before it came
+    clocks.add(0us, 0us, 0us, 61s);
+    EXPECT_EQ(clocks.lastRoundTrip(), 0us);
     const auto reports = engine().end->gateways();
     ASSERT_EQ(reports.size(), 2U);
     EXPECT_EQ(reports[0].clockOffset, gateway("early").end->statistics().clockOffset);
