@@ -21,8 +21,6 @@ namespace {
 using TimePoint = GatewayEnd::TimePoint;
 using std::chrono::microseconds;
 
-/// What an engine may send in pieces.
-constexpr std::size_t kMostOfEngine = std::size_t{1} << 30U;
 /// Bytes of what an engine gives as a reason, before escaping, which makes four of one: a browser
 /// takes 123.
 constexpr std::size_t kMostShown = 28;
@@ -68,7 +66,8 @@ class Counts {
 class Machine {
   public:
     Machine(Cluster& cluster, GatewayEnd::Identity identity, Follower& follower,
-            Surroundings surroundings, std::shared_ptr<UpStream> up, Counts& counts)
+            Surroundings surroundings, const GatewayEnd::Settings& settings,
+            std::shared_ptr<UpStream> up, Counts& counts)
         : fCluster(cluster),
           fFollower(follower),
           fSurroundings(std::move(surroundings)),
@@ -76,7 +75,8 @@ class Machine {
           fAddress(std::move(identity.address)),
           fUp(std::move(up)),
           fCounts(counts),
-          fIncarnation(fSurroundings.random()) {}
+          fIncarnation(fSurroundings.random()),
+          fAssembly(settings.largest) {}
 
     /// `isOwn`: it came to this gateway alone.
     void received(std::string_view bytes, bool isOwn) noexcept;
@@ -125,7 +125,7 @@ class Machine {
     std::uint64_t fEpoch = 0;
     std::uint64_t fIncarnation;
     NumberedReceiver fReceiver;
-    Assembly fAssembly{kMostOfEngine};
+    Assembly fAssembly;
     Clocks fClocks;
     Steps fSteps;
     microseconds fLastStamp{0};  ///< of the presence that was sent last
@@ -374,10 +374,12 @@ void Machine::end() noexcept {
 // --- The end as a whole -------------------------------------------------------------------------
 
 struct GatewayEnd::Impl {
-    Impl(Cluster& cluster, Identity identity, Follower& follower, Surroundings surroundings)
+    Impl(Cluster& cluster, Identity identity, Follower& follower, Surroundings surroundings,
+         const Settings& settings)
         : up(std::make_shared<UpStream>(cluster,
                                         subjects::from(identity.session, identity.gateway))),
-          machine(cluster, std::move(identity), follower, std::move(surroundings), up, counts) {}
+          machine(cluster, std::move(identity), follower, std::move(surroundings), settings, up,
+                  counts) {}
 
     void listen(Cluster& cluster, const std::string& subject, bool isOwn) {
         subscriptions.push_back(
@@ -396,11 +398,16 @@ struct GatewayEnd::Impl {
 };
 
 GatewayEnd::GatewayEnd(Cluster& cluster, Identity identity, Follower& follower,
-                       Surroundings surroundings) {
+                       Surroundings surroundings)
+    : GatewayEnd(cluster, std::move(identity), follower, std::move(surroundings), Settings()) {}
+
+GatewayEnd::GatewayEnd(Cluster& cluster, Identity identity, Follower& follower,
+                       Surroundings surroundings, const Settings& settings) {
     KIROWEB_REQUIRE(subjects::isName(identity.session) && subjects::isName(identity.gateway));
     const auto session = identity.session;
     const auto own = subjects::to(session, identity.gateway);
-    fImpl = std::make_unique<Impl>(cluster, std::move(identity), follower, std::move(surroundings));
+    fImpl = std::make_unique<Impl>(cluster, std::move(identity), follower, std::move(surroundings),
+                                   settings);
     fImpl->listen(cluster, own, true);
     fImpl->listen(cluster, subjects::down(session), false);
     fImpl->listen(cluster, subjects::beat(session), false);
