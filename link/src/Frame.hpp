@@ -39,7 +39,7 @@ struct Header {
 
 /// The engine lives; `number`: that of the next numbered frame.
 struct Beat {};
-/// The session is over.
+/// The session is over; `number`: as a beat's.
 struct End {};
 
 // --- Numbered, either way -----------------------------------------------------------------------

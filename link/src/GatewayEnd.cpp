@@ -24,6 +24,7 @@ using std::chrono::microseconds;
 /// Bytes of what an engine gives as a reason, before escaping, which makes four of one: a browser
 /// takes 123.
 constexpr std::size_t kMostShown = 28;
+constexpr const char* kGone = "the engine is gone";
 
 class Ticket final : public BlockTicket {
   public:
@@ -87,6 +88,9 @@ class Machine {
   private:
     void handle(std::string_view bytes, bool isOwn);
     void beat(const frame::Header& header);
+    /// The engine says that it has, and that all was below `number`.
+    void ended(std::uint64_t number);
+    void leaveWhenComplete() noexcept;
     void welcome(const frame::Header& header, const Description& session);
     void answered(const frame::Header& header, const frame::Answer& answer);
     void asked(const frame::Header& header, const frame::Ask& ask);
@@ -122,6 +126,8 @@ class Machine {
     bool fHasSaidHello = false;  ///< of this incarnation
     bool fIsJoined = false;
     bool fIsSilent = false;
+    std::optional<TimePoint>
+        fEndsAt;  ///< the engine has ended; when the session does at the latest
     std::uint64_t fEpoch = 0;
     std::uint64_t fIncarnation;
     NumberedReceiver fReceiver;
@@ -163,7 +169,7 @@ void Machine::handle(std::string_view bytes, bool isOwn) {
     std::visit(Overloaded{
                    [&](const frame::Beat&) { beat(header); },
                    [&](const frame::End&) {
-                       if (fIsJoined && header.epoch == fEpoch) leave("the engine is gone");
+                       if (fIsJoined && header.epoch == fEpoch) ended(header.number);
                    },
                    [&](const frame::Welcome& said) { welcome(header, said.session); },
                    [&](const frame::Answer& answer) {
@@ -199,6 +205,17 @@ void Machine::beat(const frame::Header& header) {
     heard();
     fReceiver.expect(header.number);
     question();
+}
+
+void Machine::ended(std::uint64_t number) {
+    fReceiver.expect(number);
+    if (!fEndsAt) fEndsAt = fSurroundings.now() + kSilenceIsGone;
+    leaveWhenComplete();
+}
+
+void Machine::leaveWhenComplete() noexcept {
+    // What was said before the end may come behind it, on another subject.
+    if (fEndsAt && (fReceiver.isComplete() || fSurroundings.now() >= *fEndsAt)) leave(kGone);
 }
 
 void Machine::welcome(const frame::Header& header, const Description& session) {
@@ -252,6 +269,7 @@ void Machine::numbered(const Frame& frame, std::string_view bytes, bool isOwn) {
             take(readFrame(*held)->body, ++number);
         }
     }
+    if (fIsJoined) leaveWhenComplete();
     if (!fIsJoined) return;
     fUnacknowledged += bytes.size();
     if (fUnacknowledged >= kAcknowledged) acknowledge({});
@@ -335,7 +353,8 @@ void Machine::tick(TimePoint now) noexcept {
 void Machine::step(TimePoint now) {
     if (fSteps.paused(now)) fLastHeard = std::max(fLastHeard, now);
     if (fIsJoined && fUp->isBroken()) leave("no memory for what pages say");
-    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) leave("the engine is gone");
+    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) leave(kGone);
+    if (fIsJoined) leaveWhenComplete();
     if (fIsJoined && !fIsSilent && now - fLastHeard > kSilenceIsGone) {
         fIsSilent = true;
         fFollower.silent(fLastHeard);
@@ -353,6 +372,7 @@ void Machine::leave(std::string_view why) noexcept {
     if (!std::exchange(fIsJoined, false)) return;
     fUp->close();
     fAssembly.clear();
+    fEndsAt.reset();
     ++fIncarnation;  // the engine tells this joining from the next
     // Not at once: a session costs, and it is the engine that says when one ends.
     fHasSaidHello = false;

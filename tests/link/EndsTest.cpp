@@ -238,8 +238,23 @@ TEST_F(Ends, SayGoodbye) {
     world.gateways.erase("a");
     world.run(50ms);
     EXPECT_EQ(statistics().gateways, 1U);
+    engine().end->down()->text("/c/a", "a last word");
+    world.engine->end->step(world.network.now);
+    engine().end->down()->text("/c/a", "and another one");
+    std::string late;
+    world.network.onMessage = [&](const std::string& subject, const std::string& bytes) {
+        if (!subject.ends_with("down")) return;
+        late = bytes;  // which the end overtakes
+        world.network.cut("engine");
+        world.network.onMessage = [&](const auto&, const auto&) { world.network.mend("engine"); };
+    };
     world.engine.reset();
+    world.network.onMessage = {};
+    world.run(500ms);
+    EXPECT_TRUE(gateway("b").isJoined);
+    world.network.inject("kiroweb.s.down", late);
     world.run(50ms);
+    EXPECT_THAT(gateway("b").got, ElementsAre("/c/a a last word", "/c/a and another one"));
     EXPECT_EQ(gateway("b").events.back(), "left: the engine is gone");
 }
 
