@@ -8,6 +8,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kTryAgain{2};
 constexpr const char* kNoRoom = "no memory for a message";
+constexpr const char* kTooLarge = "a text is larger than a gateway takes";
 constexpr const char* kTooSlow = "it holds up more than the engine keeps";
 
 }  // namespace
@@ -35,7 +36,9 @@ void DownStream::text(std::string_view channel, std::string_view text) noexcept 
         try {
             const bool isLarge = channel.size() + text.size() > kBatchSize;
             if (!fBatch.fits(channel, text)) closeBatchLocked();
-            if (isLarge) {
+            if (text.size() > GatewayEnd::kLargest) {
+                loseAllLocked(kTooLarge);
+            } else if (isLarge) {
                 appendPiecesLocked(false, channel, text);
             } else if (!fReaders.empty()) {
                 fBatch.add(channel, text);
@@ -68,7 +71,7 @@ DownStream::Offered DownStream::take(std::string_view channel, std::string_view 
     }
     const annotated::Lock lock(fMutex);
     if (fReaders.empty()) return Offered::kNobody;
-    if (block.size() > fMost / 2) return Offered::kRefused;
+    if (block.size() > std::min(fMost / 2, GatewayEnd::kLargest)) return Offered::kRefused;
     try {
         Block added{0, nullptr, {}};
         for (const auto& position : fReaders) added.readers.push_back(position.reader);

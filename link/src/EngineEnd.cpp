@@ -85,7 +85,9 @@ void EngineEnd::stop() noexcept {
     if (fSubscription == nullptr) return;
     fSubscription.reset();
     try {
-        auto end = writeFrame({fEpoch, 0, 0}, frame::End());
+        // What was gathered does not wait for more, and the end says what there was.
+        fStream->send(fCluster, fDownSubject, fSurroundings.now() + DownStream::kGather);
+        auto end = writeFrame({fEpoch, 0, fStream->sentBelow()}, frame::End());
         fCluster.publish(fBeatSubject, std::make_shared<const std::string>(std::move(end)));
     } catch (...) {  // gateways will see by themselves that it is gone
     }

@@ -75,6 +75,13 @@ class GatewayEnd {
         std::string gateway;  ///< one that no other gateway has, of letters and digits
         std::string address;  ///< where a browser finds the session: "https://host:port/s/NAME"
     };
+    /// What engines can rely on.
+    static constexpr std::size_t kLargest = std::size_t{256} << 20U;
+    struct Settings {
+        /// Bytes that a text or block of the engine's may have. So many may be held of one that
+        /// has not come in full.
+        std::size_t largest = kLargest;
+    };
     struct Statistics {
         std::uint64_t framesReceived = 0;
         std::uint64_t bytesReceived = 0;
@@ -92,6 +99,8 @@ class GatewayEnd {
     /// Begins to join. REQUIRES: `cluster` and `follower` outlive it.
     GatewayEnd(Cluster& cluster, Identity identity, Follower& follower,
                Surroundings surroundings = Surroundings::real());
+    GatewayEnd(Cluster& cluster, Identity identity, Follower& follower, Surroundings surroundings,
+               const Settings& settings);
     ~GatewayEnd();
     GatewayEnd(const GatewayEnd&) = delete;
     GatewayEnd& operator=(const GatewayEnd&) = delete;

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 
+#include "Clocks.hpp"
 #include "Frame.hpp"
 #include "Offers.hpp"
 #include "World.hpp"
@@ -237,8 +238,23 @@ TEST_F(Ends, SayGoodbye) {
     world.gateways.erase("a");
     world.run(50ms);
     EXPECT_EQ(statistics().gateways, 1U);
+    engine().end->down()->text("/c/a", "a last word");
+    world.engine->end->step(world.network.now);
+    engine().end->down()->text("/c/a", "and another one");
+    std::string late;
+    world.network.onMessage = [&](const std::string& subject, const std::string& bytes) {
+        if (!subject.ends_with("down")) return;
+        late = bytes;  // which the end overtakes
+        world.network.cut("engine");
+        world.network.onMessage = [&](const auto&, const auto&) { world.network.mend("engine"); };
+    };
     world.engine.reset();
+    world.network.onMessage = {};
+    world.run(500ms);
+    EXPECT_TRUE(gateway("b").isJoined);
+    world.network.inject("kiroweb.s.down", late);
     world.run(50ms);
+    EXPECT_THAT(gateway("b").got, ElementsAre("/c/a a last word", "/c/a and another one"));
     EXPECT_EQ(gateway("b").events.back(), "left: the engine is gone");
 }
 
@@ -471,6 +487,11 @@ TEST_F(Ends, MeasureTheDifferenceOfTheirClocks) {
                     static_cast<double>(uncertainty));
         EXPECT_LE(uncertainty, 300'000);
     }
+    Clocks clocks;
+    clocks.add(0us, std::chrono::microseconds((1LL << 53) - 1),
+               std::chrono::microseconds(1 - (1LL << 53)), 1us);  // it has left before it came
+    clocks.add(0us, 0us, 0us, 61s);
+    EXPECT_EQ(clocks.lastRoundTrip(), 0us);
     const auto reports = engine().end->gateways();
     ASSERT_EQ(reports.size(), 2U);
     EXPECT_EQ(reports[0].clockOffset, gateway("early").end->statistics().clockOffset);
@@ -538,6 +559,36 @@ TEST_F(Ends, OfferToServeAPageOnceForEachEngine) {
     EXPECT_EQ(offered, 3);
     EXPECT_THAT(engine().links, ElementsAre("https://g/s/s"));
     EXPECT_FALSE(offers.beat("s", "no frame", world.network.now));
+}
+
+TEST_F(Ends, AreNotDrivenByAHostileEngine) {
+    auto& gateway = world.add("g");
+    const auto cluster = world.network.connect("hostile");
+    std::uint64_t incarnation = 0;
+    const auto hear = [&](std::string_view, std::string_view bytes) {
+        incarnation = readFrame(bytes)->header.incarnation;
+    };
+    const auto listening = cluster->subscribe("kiroweb.s.from.g", hear);
+    world.run(50ms);
+    const auto say = [&](std::uint64_t which, const frame::Body& body) {
+        world.network.inject("kiroweb.s.to.g", writeFrame({9, which, 1}, body));
+        world.network.deliver();
+    };
+    for (std::uint64_t i = incarnation; i < incarnation + 10; ++i) {
+        say(i, frame::Welcome{TestEngine::usual().description});
+        say(i, frame::Dropped{"\xff\n" + std::string(100, 'x')});
+    }
+    world.run(200ms);
+    EXPECT_EQ(gateway.joins, 1);
+    EXPECT_EQ(gateway.events.back(), "left: \\xff\\x0a" + std::string(26, 'x') + "...");
+    Offers offers(*cluster, "g", [](const auto&) { return "http://g"; });
+    int offered = 0;
+    world.network.onMessage = [&](const std::string&, const std::string&) { ++offered; };
+    for (std::uint64_t epoch = 1; epoch < 10; ++epoch) {
+        EXPECT_TRUE(offers.beat("s", writeFrame({epoch, 0, 1}, frame::Beat()), world.network.now));
+        offers.beat("s", writeFrame({epoch, 0, 1}, frame::End()), world.network.now);
+    }
+    EXPECT_EQ(offered, 1);
 }
 
 TEST_F(Ends, IgnoreWhatIsNotForThem) {
