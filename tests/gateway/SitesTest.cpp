@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "Collector.hpp"
@@ -24,6 +25,7 @@ class NotedBus final : public Bus, public relay::TransportLink {
     relay::TransportLink& texts() noexcept override { return *this; }
     void deliver(const std::string& channel, relay::Publication::Text text,
                  std::shared_ptr<const void>) override {
+        fIsFull = *text == "the last for now";
         fEvents.add(channel + " " + *text);
     }
     bool send(const std::string& channel, std::string_view block) override {
@@ -36,7 +38,14 @@ class NotedBus final : public Bus, public relay::TransportLink {
     void pages(std::size_t count) noexcept override {
         fEvents.add("pages " + std::to_string(count));
     }
+    bool hasRoom() const noexcept override {
+        ++fAsked;
+        return !fIsFull;
+    }
     std::string take() { return fEvents.take(); }
+
+    std::atomic<bool> fIsFull{false};
+    mutable std::atomic<int> fAsked{0};
 
   private:
     support::Collector<std::string> fEvents;
@@ -199,6 +208,24 @@ TEST_F(SitesTest, AreNotMadeForAForeignHost) {
     const auto head = ask("GET /s/a/ HTTP/1.1\r\nHost: elsewhere.example\r\n\r\n").readHead();
     EXPECT_TRUE(hasStatus(head, "403")) << head;
     EXPECT_EQ(fMade, 0);
+}
+
+TEST_F(SitesTest, ReadNoMoreWhileTheEngineTakesNothing) {
+    start();
+    open("/s/a");
+    auto page = join("/s/a");
+    auto& bus = fBuses["/s/a"];
+    for (const char* text : {"the last for now", "more"}) {
+        page.sendText(R"({"t":"publish","channel":"/up","text":")" + std::string(text) + "\"}");
+    }
+    for (const char* told : {"pages 1", "first 1", "/up the last for now"}) {
+        EXPECT_EQ(bus.take(), told);
+    }
+    const int asked = bus.fAsked;
+    while (bus.fAsked < asked + 3) std::this_thread::yield();
+    EXPECT_TRUE(bus.fIsFull) << "nothing came after the last";
+    bus.fIsFull = false;
+    EXPECT_EQ(bus.take(), "/up more");
 }
 
 TEST_F(SitesTest, HaveSoManyConnectionsTogether) {
