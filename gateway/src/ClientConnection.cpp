@@ -36,7 +36,10 @@ ClientConnection::ClientConnection(tcp::socket socket, ServerContext& context)
       fPlace(context.connections.insert(context.connections.end(), this)) {}
 
 ClientConnection::~ClientConnection() {
-    if (fSession) fSession->ended(false, steady_clock::now());
+    if (fSession) {
+        fSession->ended(false, steady_clock::now());
+        --fSite->connections;
+    }
     fContext.connections.erase(fPlace);
 }
 

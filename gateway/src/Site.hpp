@@ -33,6 +33,7 @@ class Site {
     const std::shared_ptr<Fanout> fanout;
     const SessionServices services;
     std::unique_ptr<AccessPolicy> access;  ///< there when the site is served
+    std::size_t connections = 0;           ///< that have upgraded; the gateway's thread
 };
 
 /// The sites of one server. The gateway's thread.

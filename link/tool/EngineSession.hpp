@@ -22,6 +22,7 @@ struct Common {
     std::shared_ptr<const kirogateway::AssetTable> assets;
     std::shared_ptr<kirogateway::Counters> counters;
     kirogateway::Options options;     ///< of each session, unless its engine says otherwise
+    std::size_t pages = 0;            ///< of one session that may be connected
     std::vector<std::string> others;  ///< origins of the other gateways
     std::string name;                 ///< this gateway's
     std::string address;              ///< "https://HOST:PORT"
@@ -60,6 +61,10 @@ class EngineSession final : public kirolink::Follower,
     [[nodiscard]] bool hasFailed() const noexcept { return fHasFailed; }
     /// The newest one.
     [[nodiscard]] std::shared_ptr<kirogateway::Site> site() const noexcept;
+    /// Bytes that wait for its pages.
+    [[nodiscard]] std::size_t held() const noexcept { return site()->context->memory->used(); }
+    /// Ends pages, those for which most waits first, until no more than `bytes` wait.
+    void holdAtMost(std::size_t bytes);
     struct Report {
         kirolink::GatewayEnd::Statistics link;
         std::size_t pages = 0;
@@ -104,6 +109,7 @@ class EngineSession final : public kirolink::Follower,
     const Common& fCommon;
     const std::string fName;
     const std::string fPrefix;
+    kirogateway::GuardedLog fLog;
     LinkBus fBus;
     std::atomic<TimePoint> fSilentSince{TimePoint{}};  ///< none: it is heard
     std::atomic<TimePoint> fIdleSince;

@@ -96,7 +96,11 @@ class Service {
     [[nodiscard]] std::vector<std::shared_ptr<EngineSession>> sessions() const;
     void forgetSilent(TimePoint now);
 
+    /// Has the session with most give so much up that all together hold no more than they may.
+    void boundMemory(const std::vector<std::shared_ptr<EngineSession>>& all) const;
+
     const std::size_t fMostSessions;
+    const std::size_t fMostMemory;
     kirolink::Cluster& fCluster;
     const std::shared_ptr<kirogateway::Context> fContext;
     const std::shared_ptr<kirogateway::Wakeup> fWakeup;

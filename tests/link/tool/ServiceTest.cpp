@@ -82,6 +82,11 @@ class ServiceTest : public testing::Test {
         fSettings.port = 0;
         fSettings.sessions = 2;
         fSettings.others = {"http://west.example:9"};
+        start();
+    }
+
+    void start() {
+        fService = nullptr;
         fService = std::make_unique<Service>(fSettings, fCluster, surroundings());
         fAccess.port = fService->port();
     }
@@ -249,6 +254,23 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
     engine.offer("/fig/2", "12345678");
     run(milliseconds(100));
     EXPECT_EQ(engine.end.statistics().blocksNobody, 1U);
+}
+
+TEST_F(ServiceTest, HoldsNoMoreForAllSessionsThanItMay) {
+    fSettings.allMemory = std::size_t{1} << 20U;
+    start();
+    auto& sea = follow("sea");
+    auto& wind = follow("wind");
+    auto page = join("sea");
+    const auto deaf = join("wind");
+    const std::string text(std::size_t{1} << 20U, 'x');
+    while (report().pages > 1) {
+        wind.end.down()->text("/fig/1", text);
+        run(milliseconds(50));
+    }
+    sea.end.down()->text("/fig/1", "calm");
+    run(milliseconds(100));
+    EXPECT_EQ(page.readRecords(1).at(0).text, "calm");
 }
 
 TEST_F(ServiceTest, TellsPagesOfTheirEngine) {
