@@ -391,6 +391,11 @@ void EngineEnd::ask(Gateway& gateway, const Frame& frame, TimePoint now) {
 }
 
 void EngineEnd::numbered(Gateway& gateway, const Frame& frame, std::string_view bytes) {
+    // At once, also behind texts that nobody fetches: what would fetch them may wait for a block.
+    // Pages come in order, so that what the last one said is there before it is gone.
+    if (const auto* outcome = std::get_if<frame::Outcome>(&frame.body)) {
+        fWaits.answered(gateway.incarnation, outcome->block, outcome->outcome);
+    }
     // As if it had been lost: it will come again when there is room.
     if (*gateway.undelivered > kMostUndelivered) return;
     if (gateway.receiver.arrived(frame.header.number, bytes)) {
@@ -420,8 +425,6 @@ void EngineEnd::take(Gateway& gateway, const frame::Body& body) {
         takePiece(gateway, *piece);
     } else if (const auto* said = std::get_if<frame::Announce>(&body)) {
         announce(gateway, *said);
-    } else if (const auto* outcome = std::get_if<frame::Outcome>(&body)) {
-        fWaits.answered(gateway.incarnation, outcome->block, outcome->outcome);
     } else if (const auto* pages = std::get_if<frame::Pages>(&body)) {
         gateway.pages = pages->count;
         countPages();

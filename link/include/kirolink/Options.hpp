@@ -28,7 +28,7 @@ struct Options {
     std::vector<std::string> mayPublish;
     std::vector<std::string> maySubscribe;
     std::vector<std::string> blockChannels{"/*"};
-    std::vector<std::vector<std::string>> lanes;
+    std::vector<std::vector<std::string>> lanes;  ///< at most 32
     std::string newViewChannel;
     std::string reconnectChannel;
     /// What lets a page in, so that links stay over restarts: at least 32 letters and digits that
