@@ -30,6 +30,7 @@ using std::chrono::seconds;
 namespace {
 
 const std::string kToken(32, 't');
+const std::string kConfiguration = R"({"title":"wind"})";
 
 struct Unheeded final : BlockWait {
     void finished(bool) noexcept override {}
@@ -37,14 +38,16 @@ struct Unheeded final : BlockWait {
 
 /// An engine elsewhere, which notes what it hears.
 struct Engine final : EngineHost {
-    Engine(Cluster& cluster, const std::string& session, const Surroundings& surroundings)
+    Engine(Cluster& cluster, const std::string& session, const std::string& configuration,
+           const Surroundings& surroundings)
         : end(
-              cluster, settingsOf(session), *this, [] {}, surroundings) {}
+              cluster, settingsOf(session, configuration), *this, [] {}, surroundings) {}
 
-    static EngineEnd::Settings settingsOf(const std::string& session) {
+    static EngineEnd::Settings settingsOf(const std::string& session,
+                                          const std::string& configuration) {
         EngineEnd::Settings settings;
         settings.session = session;
-        settings.description.configuration = R"({"title":"wind"})";
+        settings.description.configuration = configuration;
         settings.description.maySubscribe = {"/fig/*"};
         settings.description.mayPublish = {"/up"};
         settings.description.blockChannels = {"/*"};
@@ -97,10 +100,10 @@ class ServiceTest : public testing::Test {
         surroundings.random = [this] { return ++fRandom; };
         return surroundings;
     }
-    Engine& begin(const std::string& session) {
+    Engine& begin(const std::string& session, const std::string& configuration = kConfiguration) {
         auto& engine = fEngines[session];
         engine = nullptr;
-        engine = std::make_unique<Engine>(fCluster, session, surroundings());
+        engine = std::make_unique<Engine>(fCluster, session, configuration, surroundings());
         run(milliseconds(500));
         return *engine;
     }
@@ -135,8 +138,8 @@ class ServiceTest : public testing::Test {
         return peer;
     }
     /// The session's engine is there, and followed.
-    Engine& follow(const std::string& session) {
-        auto& engine = begin(session);
+    Engine& follow(const std::string& session, const std::string& configuration = kConfiguration) {
+        auto& engine = begin(session, configuration);
         static_cast<void>(get("/s/" + session + "/"));
         run(milliseconds(500));
         return engine;
@@ -271,6 +274,31 @@ TEST_F(ServiceTest, HoldsNoMoreForAllSessionsThanItMay) {
     sea.end.down()->text("/fig/1", "calm");
     run(milliseconds(100));
     EXPECT_EQ(page.readRecords(1).at(0).text, "calm");
+}
+
+TEST_F(ServiceTest, GivesEachSessionItsShareOfPages) {
+    fSettings.sessionPages = 1;
+    start();
+    for (const char* session : {"wind", "sea"}) follow(session);
+    auto page = join("wind");
+    const auto other = join("sea");
+    const auto next = [this] {
+        Peer peer(fAccess);
+        return upgrade(peer, "wind");
+    };
+    EXPECT_TRUE(hasStatus(next(), "503"));
+    page.cut();
+    while (!hasStatus(next(), "101")) {
+    }
+}
+
+TEST_F(ServiceTest, LetsGoOfASessionThatItCannotServe) {
+    follow("wind", "[]");
+    run(seconds(2));
+    EXPECT_TRUE(hasStatus(get("/elsewhere"), "404")) << "the gateway's thread has done its part";
+    EXPECT_EQ(report().followed, 0U);
+    follow("wind");
+    join("wind");
 }
 
 TEST_F(ServiceTest, TellsPagesOfTheirEngine) {
