@@ -9,6 +9,9 @@ const TOKEN_PREFIX = "kiroweb.token.";
 /** So many failures in a row, with the program there, mean that it does not want the page. A single
  * one may be chance: a network that came back a moment too late for the attempt. */
 const TURNED_AWAY = 2;
+/** So many failures in a row at one address, and the next attempt goes elsewhere. A single one may be
+ * chance here, too, and elsewhere the view is another one. */
+const NOBODY_THERE = 2;
 const NO_TOKEN = "this tab has no token: open the link that the program printed";
 const WRONG_TOKEN =
     "the program does not accept this tab's token: open the link that the program printed last";
@@ -42,8 +45,12 @@ const WRONG_TOKEN =
 
 /** Connects at once, and again and again until it is refused or closed. */
 export class Line {
+    /** Where the page itself came from, which is where `Access.isServed` asks. */
+    #own;
     /** Where the program is found; the first is where the next attempt goes. @type {string[]} */
     #urls;
+    /** Attempts in a row that failed there. */
+    #failed = 0;
     #settings;
     #events;
     /** @type {State} */
@@ -53,7 +60,7 @@ export class Line {
     #attempt = null;
     #isLive = false;
     #backoff;
-    /** Attempts in a row that failed although the program is there. */
+    /** Attempts in a row at the page's own address that failed although the program is there. */
     #turnedAway = 0;
     /** Milliseconds for which a lost connection can be returned to. */
     #keptFor = 0;
@@ -62,6 +69,7 @@ export class Line {
 
     /** @param {string} url @param {Settings} settings @param {Events} events */
     constructor(url, settings, events) {
+        this.#own = url;
         this.#urls = [url];
         this.#settings = settings;
         this.#events = events;
@@ -83,6 +91,7 @@ export class Line {
     welcomed(reason, keptFor) {
         this.#backoff.reset();
         this.#turnedAway = 0;
+        this.#failed = 0;
         this.#keptFor = keptFor;
         this.#clearTimers();
         this.#isLive = true;
@@ -92,7 +101,7 @@ export class Line {
 
     /** Other addresses of the same program, for when this one is lost. @param {string[]} urls */
     alsoAt(urls) {
-        this.#urls = [...new Set([this.#urls[0], ...urls])];
+        this.#urls = [...new Set([this.#urls[0], ...urls, this.#own])];
     }
 
     /** Something is to be said of the connection while it is there. @param {string} reason */
@@ -171,12 +180,17 @@ export class Line {
     /** @param {boolean} opened @param {number} code @param {string} reason */
     async #closed(opened, code, reason) {
         const next = nextAttempt(code);
+        // What another address does not take says nothing about the token.
+        const isTelling = !opened && this.#urls[0] === this.#own;
         this.#detach(next);
-        if (!opened || code === CLOSE_CODES.stopped) this.#moveOn();
+        if (code === CLOSE_CODES.stopped) this.#moveOn();
+        else if (!opened) this.#failedHere();
         const why = reason || (opened ? `connection lost (${code})` : "no connection");
         if (next === "refused") return this.#refuse(why);
         this.#setState("reconnecting", why);
-        const isServed = !opened && (await this.#isServed());
+        if (opened) this.#turnedAway = 0;
+        if (!isTelling) return this.#connectLater();
+        const isServed = await this.#isServed();
         // The program was asked meanwhile; somebody else may have connected or closed.
         if (this.#attempt || this.#state.name !== "reconnecting") return undefined;
         this.#turnedAway = isServed ? this.#turnedAway + 1 : 0;
@@ -203,7 +217,7 @@ export class Line {
     /** Gives the connection up without waiting for its end. The gateway may come to hear of it, and
      * before it hears of the return. @param {string} reason */
     #abandon(reason) {
-        if (!this.#attempt?.opened) this.#moveOn();
+        if (!this.#attempt?.opened) this.#failedHere();
         const socket = this.#detach("return");
         this.#setState("reconnecting", reason);
         socket?.close(CLOSE_CODES.givenUp);
@@ -221,8 +235,13 @@ export class Line {
         return socket;
     }
 
+    #failedHere() {
+        if (++this.#failed >= NOBODY_THERE) this.#moveOn();
+    }
+
     /** Nobody is there, or not for long: the next attempt goes elsewhere, if there is an elsewhere. */
     #moveOn() {
+        this.#failed = 0;
         const [here, ...others] = this.#urls;
         this.#urls = [...others, here];
     }

@@ -80,6 +80,9 @@ class AccessPolicy {
     /// REQUIRES: its body has been read, if it awaits one.
     [[nodiscard]] Admission decide(const Request& request, TimePoint now);
 
+    /// Whether `request` has one Host, and that is one of ours.
+    [[nodiscard]] bool isForUs(const Request& request) const { return !refuseHost(request); }
+
     /// "http://127.0.0.1:8080", as it stands in links.
     [[nodiscard]] const std::string& address() const noexcept { return fAddress; }
     /// The header fields that every answer but 101 carries, each with its line end. `host` is one

@@ -26,6 +26,8 @@ class Bus {
     [[nodiscard]] virtual bool send(const std::string& channel, std::string_view block) = 0;
     /// A view has come, or has come back. What is thrown is logged.
     virtual void announce(wire::ViewKind kind, const View::Identity& view) = 0;
+    /// Whether pages may say more: false while too much of what they said has not been taken.
+    [[nodiscard]] virtual bool hasRoom() const noexcept { return true; }
     /// So many pages are there now.
     virtual void pages(std::size_t count) noexcept = 0;
 };

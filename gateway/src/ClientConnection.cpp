@@ -26,7 +26,7 @@ constexpr std::size_t kPiece = 16UL * 1024;
 
 ClientConnection::ClientConnection(tcp::socket socket, ServerContext& context)
     : fContext(context),
-      fSite(context.sites->find({})),
+      fSite(context.sites->root()),
       fSocket(std::make_shared<Socket>(std::move(socket))),
       fStream(fSocket, context.tls.get()),
       fTimer(fStream.get_executor()),
@@ -36,7 +36,10 @@ ClientConnection::ClientConnection(tcp::socket socket, ServerContext& context)
       fPlace(context.connections.insert(context.connections.end(), this)) {}
 
 ClientConnection::~ClientConnection() {
-    if (fSession) fSession->ended(false, steady_clock::now());
+    if (fSession) {
+        fSession->ended(false, steady_clock::now());
+        --fSite->connections;
+    }
     fContext.connections.erase(fPlace);
 }
 

@@ -29,7 +29,7 @@ void ClientConnection::readRequest() {
 
 ::kirogateway::Request ClientConnection::requestOfSite() {
     auto request = requestOf(fParser->get());
-    fSite = fContext.sites->find(request.target);
+    fSite = fContext.sites->find(request);
     request.target.remove_prefix(fSite->prefix.size());
     return request;
 }
@@ -54,6 +54,11 @@ void ClientConnection::onRequest(ErrorCode error) {
     // They would be lost, or only their first part: a client has to wait for the answer.
     if (admission.status == 101 && fBuffer.size() > 0)
         admission = {400, "frames before the answer"};
+    // The server's limit is for all sites together.
+    if (admission.status == 101 && fSite->connections >= limits().connections) {
+        admission = {503, "too many pages of one session"};
+        admission.comesLater = true;
+    }
     if (admission.status >= 400) {
         // Nothing else of the request: its target or its fields may hold a secret.
         peerLog().write("refused a request, " + std::string(admission.reason),
@@ -98,6 +103,7 @@ void ClientConnection::beginSession() {
     fBuffer.consume(fBuffer.size());
     fBuffer.shrink_to_fit();
     fReadPace = ReadPace(limits().readRate);
+    ++fSite->connections;
     fSession.emplace(fSite->services, ViewRegistry::Arrival{*this, fSocket, !wire().isTls()});
     fDeadline = steady_clock::now() + limits().hello;
     wire().write(asio::buffer(fOut), writeHandler([](ClientConnection& self) {

@@ -28,6 +28,7 @@ class Inbound {
     [[nodiscard]] bool publish(View& view, wire::Publish&& message);
     /// As `publish`, for a block.
     [[nodiscard]] bool publishBlock(const std::string& channel, std::string_view block);
+    [[nodiscard]] bool hasRoom() const noexcept { return fBus == nullptr || fBus->hasRoom(); }
     /// Tells of a view; what is thrown is logged.
     void announce(wire::ViewKind kind, const View::Identity& view) noexcept;
     /// Tells how many pages are there.

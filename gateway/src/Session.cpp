@@ -138,7 +138,7 @@ Session::Reading Session::mayRead() noexcept {
     // Those for whom most is held make room for those who have something to say.
     if (memory->isExceeded() && !fServices.views->makeRoom(0)) return Reading::kLater;
     if (viewHere() == nullptr) return Reading::kNow;
-    if (fView->hasManyAnswersWaiting()) return Reading::kLater;
+    if (fView->hasManyAnswersWaiting() || !fServices.inbound.hasRoom()) return Reading::kLater;
     if (!fView->backlog()->isFull()) return Reading::kNow;
     fView->backlog()->setReader(&fArrival.connection);
     return Reading::kWhenTold;

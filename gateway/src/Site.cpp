@@ -21,11 +21,13 @@ Site::Site(std::string thePrefix, std::shared_ptr<Context> theContext,
 Sites::Sites(std::shared_ptr<Site> root, Finder finder)
     : fRoot(std::move(root)), fFinder(std::move(finder)) {}
 
-std::shared_ptr<Site> Sites::find(std::string_view target) {
-    const auto prefix = sitePrefix(target);
+std::shared_ptr<Site> Sites::find(const Request& request) {
+    const auto prefix = sitePrefix(request.target);
     if (prefix.empty() || (fNamed.empty() && !fFinder)) return fRoot;
     if (auto known = at(prefix)) return known;
-    auto made = fFinder ? fFinder(prefix) : nullptr;
+    // The host first: a page from elsewhere must not have sites made.
+    if (!fFinder || !fRoot->access->isForUs(request)) return fRoot;
+    auto made = fFinder(*this, prefix);
     if (made == nullptr) return fRoot;
     KIROWEB_REQUIRE(made->prefix == prefix && made->access != nullptr);
     return fNamed.emplace(made->prefix, std::move(made)).first->second;

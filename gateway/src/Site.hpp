@@ -33,20 +33,23 @@ class Site {
     const std::shared_ptr<Fanout> fanout;
     const SessionServices services;
     std::unique_ptr<AccessPolicy> access;  ///< there when the site is served
+    std::size_t connections = 0;           ///< that have upgraded; the gateway's thread
 };
 
 /// The sites of one server. The gateway's thread.
 class Sites {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
-    /// Returns a site for a prefix that has none, or nothing. It may throw.
-    using Finder = std::function<std::shared_ptr<Site>(std::string_view prefix)>;
+    /// Returns a site for a prefix that has none, or nothing. It may take others away to make room.
+    /// It may throw.
+    using Finder = std::function<std::shared_ptr<Site>(Sites& sites, std::string_view prefix)>;
 
     /// `root` is what belongs to no other site.
     explicit Sites(std::shared_ptr<Site> root, Finder finder = {});
 
-    /// Whose a request for `target` is.
-    [[nodiscard]] std::shared_ptr<Site> find(std::string_view target);
+    [[nodiscard]] const std::shared_ptr<Site>& root() const noexcept { return fRoot; }
+    /// Whose a request is.
+    [[nodiscard]] std::shared_ptr<Site> find(const Request& request);
 
     /// Puts a site in the place of the one that had its prefix, whose views end. `why` is said to
     /// their pages. Throws std::bad_alloc; nothing has happened then.

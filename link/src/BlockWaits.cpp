@@ -21,9 +21,10 @@ void BlockWaits::answered(std::uint64_t reader, std::uint64_t number, BlockOutco
     settle(at);
 }
 
-void BlockWaits::gone(std::uint64_t reader) {
+void BlockWaits::gone(std::uint64_t reader, bool hadPages) {
     for (auto at = fWaits.begin(); at != fWaits.end();) {
-        if (std::erase(at->second.readers, reader) > 0) at->second.isGone = true;
+        auto& entry = at->second;
+        if (std::erase(entry.readers, reader) > 0) entry.isGone = entry.isGone || hadPages;
         at = settle(at);
     }
 }

@@ -28,7 +28,7 @@ enum class BlockEnd : std::uint8_t {
     kDelivered,  ///< every gateway that was there has it at its pages, or has none; and one has it
     kRefused,    ///< by a page
     kNobody,     ///< no gateway has a page that hears it
-    kGone,       ///< a gateway that was there has gone, or has not answered in time
+    kGone,       ///< a gateway with pages has gone, or one has not answered in time
 };
 
 /// The blocks that gateways have not answered yet. Not synchronised; `finished` and `onEnd` are
@@ -45,8 +45,8 @@ class BlockWaits {
     void add(std::uint64_t number, std::unique_ptr<BlockWait> wait,
              const std::vector<std::uint64_t>& readers, TimePoint now);
     void answered(std::uint64_t reader, std::uint64_t number, BlockOutcome outcome);
-    /// That one does not answer any more.
-    void gone(std::uint64_t reader);
+    /// That one does not answer any more. Without a page it is as if it had not been there.
+    void gone(std::uint64_t reader, bool hadPages);
     /// Ends what has waited for too long.
     void expire(TimePoint now);
     /// Ends all: gone.

@@ -16,9 +16,10 @@ class Clocks {
     /// A message left at `sent` and came there at `receivedThere`; the answer left there at
     /// `sentThere` and has come at `received`, each by the clock of its place.
     void add(Time sent, Time receivedThere, Time sentThere, Time received) noexcept {
-        const auto roundTrip = (received - sent) - (sentThere - receivedThere);
-        // A clock that was set meanwhile says nothing.
-        if (roundTrip < Time::zero()) return;
+        const auto thereFor = sentThere - receivedThere;
+        const auto roundTrip = (received - sent) - thereFor;
+        // A clock that was set meanwhile says nothing, and the other one may say anything.
+        if (thereFor < Time::zero() || roundTrip < Time::zero() || roundTrip > kLongest) return;
         fLast = roundTrip;
         fSamples[fCount++ % kSamples] = {roundTrip,
                                          ((receivedThere - sent) + (sentThere - received)) / 2};
@@ -30,6 +31,7 @@ class Clocks {
 
   private:
     static constexpr std::size_t kSamples = 16;
+    static constexpr std::chrono::minutes kLongest{1};
     struct Sample {
         Time roundTrip{0};
         Time offset{0};

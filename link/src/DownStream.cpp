@@ -8,6 +8,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kTryAgain{2};
 constexpr const char* kNoRoom = "no memory for a message";
+constexpr const char* kTooLarge = "a text is larger than a gateway takes";
 constexpr const char* kTooSlow = "it holds up more than the engine keeps";
 
 }  // namespace
@@ -35,7 +36,9 @@ void DownStream::text(std::string_view channel, std::string_view text) noexcept 
         try {
             const bool isLarge = channel.size() + text.size() > kBatchSize;
             if (!fBatch.fits(channel, text)) closeBatchLocked();
-            if (isLarge) {
+            if (text.size() > GatewayEnd::kLargest) {
+                loseAllLocked(kTooLarge);
+            } else if (isLarge) {
                 appendPiecesLocked(false, channel, text);
             } else if (!fReaders.empty()) {
                 fBatch.add(channel, text);
@@ -68,7 +71,7 @@ DownStream::Offered DownStream::take(std::string_view channel, std::string_view 
     }
     const annotated::Lock lock(fMutex);
     if (fReaders.empty()) return Offered::kNobody;
-    if (block.size() > fMost / 2) return Offered::kRefused;
+    if (block.size() > std::min(fMost / 2, GatewayEnd::kLargest)) return Offered::kRefused;
     try {
         Block added{0, nullptr, {}};
         for (const auto& position : fReaders) added.readers.push_back(position.reader);
@@ -186,6 +189,11 @@ std::uint64_t DownStream::foremostLocked() const noexcept {
     return std::ranges::max_element(fReaders, {}, &Position::has)->has;
 }
 
+bool DownStream::isReader(Reader reader) const noexcept {
+    const annotated::Lock lock(fMutex);
+    return findLocked(reader) != nullptr;
+}
+
 bool DownStream::isBehind(Reader reader, TimePoint now,
                           std::chrono::milliseconds time) const noexcept {
     const annotated::Lock lock(fMutex);
@@ -248,9 +256,11 @@ DownStream::TimePoint DownStream::send(Cluster& cluster, const std::string& subj
     }
 }
 
-std::size_t DownStream::sendAgain(const frame::Ask& ask, Resends& resends, Cluster& cluster,
-                                  const std::string& subject, const frame::Header& header) {
+std::size_t DownStream::sendAgain(const frame::Header& header, const frame::Ask& ask,
+                                  Resends& resends, Cluster& cluster, const std::string& subject,
+                                  TimePoint now) {
     const annotated::Lock lock(fMutex);
+    resends.asked(fLog, header.number, now);
     return kirolink::sendAgain(fLog, ask, resends, cluster, subject, header);
 }
 

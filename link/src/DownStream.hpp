@@ -59,6 +59,7 @@ class DownStream {
     void leave(Reader reader) noexcept;
     /// The reader has everything below `next`. Returns false if that cannot be.
     bool acknowledged(Reader reader, std::uint64_t next, TimePoint now) noexcept;
+    [[nodiscard]] bool isReader(Reader reader) const noexcept;
     /// Whether the reader has not had for longer than `time` something that was sent to it.
     [[nodiscard]] bool isBehind(Reader reader, TimePoint now,
                                 std::chrono::milliseconds time) const noexcept;
@@ -78,9 +79,9 @@ class DownStream {
     [[nodiscard]] std::uint64_t sentBelow() const noexcept;
     /// Sends what is to be sent; returns when to call again. Throws std::bad_alloc.
     TimePoint send(Cluster& cluster, const std::string& subject, TimePoint now);
-    /// See `kirolink::sendAgain`.
-    std::size_t sendAgain(const frame::Ask& ask, Resends& resends, Cluster& cluster,
-                          const std::string& subject, const frame::Header& header);
+    /// See `kirolink::sendAgain`; `header` is that of the question.
+    std::size_t sendAgain(const frame::Header& header, const frame::Ask& ask, Resends& resends,
+                          Cluster& cluster, const std::string& subject, TimePoint now);
 
   private:
     struct Position {

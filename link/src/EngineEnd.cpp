@@ -18,6 +18,11 @@ using TimePoint = EngineEnd::TimePoint;
 using std::chrono::microseconds;
 
 constexpr std::chrono::milliseconds kCheck{50};
+/// So long letters may hold up beats, and what is sent.
+constexpr std::chrono::milliseconds kLetters{10};
+/// Until a gateway is welcomed again; then twice as long each time. A hello is short, and a welcome
+/// may be long.
+constexpr std::chrono::milliseconds kWelcomeAgain{1000};
 /// Two offers may be lost.
 constexpr auto kOfferLasts = 3 * Offers::kAgain;
 /// What a page may send in pieces: a gateway keeps no more.
@@ -80,7 +85,9 @@ void EngineEnd::stop() noexcept {
     if (fSubscription == nullptr) return;
     fSubscription.reset();
     try {
-        auto end = writeFrame({fEpoch, 0, 0}, frame::End());
+        // What was gathered does not wait for more, and the end says what there was.
+        fStream->send(fCluster, fDownSubject, fSurroundings.now() + DownStream::kGather);
+        auto end = writeFrame({fEpoch, 0, fStream->sentBelow()}, frame::End());
         fCluster.publish(fBeatSubject, std::make_shared<const std::string>(std::move(end)));
     } catch (...) {  // gateways will see by themselves that it is gone
     }
@@ -116,6 +123,7 @@ TimePoint EngineEnd::step(TimePoint now) noexcept {
         fHost.note("the link has no memory", {});
         sendAgain = now + kCheck;
     }
+    if (!fInbox.isEmpty()) return now;
     return std::min({sendAgain, fNextBeat, fNextCheck});
 }
 
@@ -138,14 +146,19 @@ void EngineEnd::stepOnce(TimePoint now) {
         });
         if (at != fGateways.end()) drop(std::string(at->first), lost.why);
     }
-    for (const auto& letter : fInbox.take()) handle(letter, now);
+    const auto end = fSurroundings.now() + kLetters;
+    while (const auto letter = fInbox.take()) {
+        handle(*letter, now);
+        if (fSurroundings.now() >= end) break;
+    }
     if (now >= fNextBeat) {
         fNextBeat = now + kBeat;
         auto beat = writeFrame({fEpoch, 0, fStream->sentBelow()}, frame::Beat());
         fCluster.publish(fBeatSubject, std::make_shared<const std::string>(std::move(beat)));
     }
     if (now < fNextCheck) return;
-    fNextCheck = fGateways.empty() ? TimePoint::max() : now + kCheck;
+    // Offers become old also where nobody is.
+    fNextCheck = now + (fGateways.empty() ? kBeat : kCheck);
     check(now);
     report(now);
 }
@@ -156,12 +169,15 @@ void EngineEnd::check(TimePoint now) {
         const auto silence = now - gateway->lastHeard;
         if (silence > kSilenceIsEnd) {
             over.emplace_back(name, "nothing was heard of it for 10 s");
+        } else if (!fStream->isReader(gateway->incarnation)) {
+            // There was no memory to join it, or to drop it.
+            over.emplace_back(name, "it gets nothing any more");
         } else if (fStream->isBehind(gateway->incarnation, now, kSilenceIsEnd)) {
             over.emplace_back(name, "it is 10 s behind");
         } else if (silence > kSilenceIsGone && !gateway->isSilent) {
             gateway->isSilent = true;
             fHost.note("nothing is heard of a gateway", name);
-            fWaits.gone(gateway->incarnation);
+            fWaits.gone(gateway->incarnation, gateway->pages > 0);
             countPages();
         }
     }
@@ -187,6 +203,9 @@ void EngineEnd::report(TimePoint now) {
     }
     std::erase_if(fFound, [this, now](const auto& entry) {
         return now - entry.second.when > kOfferLasts && !fGateways.contains(entry.first);
+    });
+    std::erase_if(fPaces, [this, now](const auto& entry) {
+        return now >= entry.second.next && !fGateways.contains(entry.first);
     });
     std::vector<std::string> addresses;
     for (const auto& [name, one] : fFound) addresses.push_back(one.address);
@@ -222,9 +241,12 @@ void EngineEnd::hello(const std::string& name, const frame::Header& header,
                       const frame::Hello& hello, TimePoint now) {
     const auto at = fGateways.find(name);
     // The welcome may have been lost.
-    if (at != fGateways.end() && at->second->incarnation == header.incarnation) {
-        return welcome(*at->second);
-    }
+    const bool isAgain = at != fGateways.end() && at->second->incarnation == header.incarnation;
+    auto& pace = fPaces[name];
+    if (now < pace.next) return;
+    pace.patience = isAgain ? 2 * pace.patience : kWelcomeAgain;
+    pace.next = now + pace.patience;
+    if (isAgain) return welcome(*at->second);
     if (at != fGateways.end()) drop(name, "it has begun anew");
     if (fGateways.size() == kMostGateways) {
         return fHost.note("there are too many gateways for a further one", name);
@@ -239,14 +261,17 @@ void EngineEnd::hello(const std::string& name, const frame::Header& header,
 }
 
 void EngineEnd::found(const std::string& name, std::string_view address, TimePoint now) {
-    // So that nobody fills memory.
+    // So that nobody fills memory, and what is told is not one gateway's.
     static constexpr std::size_t kMostTold = 1024;
     fNextCheck = now;  // it is reported at once
     if (fFound.size() < kMostGateways || fFound.contains(name)) {
         fFound[name] = {std::string(address), now};
     }
-    if (fTold.size() == kMostTold || fTold.contains(address)) return;
-    fHost.gatewayFound(*fTold.emplace(address).first);
+    if (fTold.size() == kMostTold || fTold.contains(name)) return;
+    const bool isNew =
+        std::ranges::none_of(fTold, [address](const auto& told) { return told.second == address; });
+    const auto& told = fTold.emplace(name, address).first->second;
+    if (isNew) fHost.gatewayFound(told);
 }
 
 void EngineEnd::welcome(const Gateway& gateway) {
@@ -262,10 +287,11 @@ void EngineEnd::drop(const std::string& name, std::string_view why) {
     fGateways.erase(at);
     ++fCounts.dropped;
     fStream->leave(gateway->incarnation);
+    // First what nobody else does when there is no memory for the rest.
+    fWaits.gone(gateway->incarnation, gateway->pages > 0);
+    countPages();
     fHost.note("a gateway was dropped", name + ": " + std::string(why));
     send(name, {fEpoch, gateway->incarnation, 0}, frame::Dropped{why});
-    fWaits.gone(gateway->incarnation);
-    countPages();
 }
 
 void EngineEnd::countPages() {
@@ -359,13 +385,17 @@ void EngineEnd::ask(Gateway& gateway, const Frame& frame, TimePoint now) {
         return;
     }
     gateway.has = std::max(gateway.has, frame.header.number);
-    gateway.resends.asked(frame.header.number, now);
-    fCounts.resends += fStream->sendAgain(std::get<frame::Ask>(frame.body), gateway.resends,
-                                          fCluster, subjects::to(fSettings.session, gateway.name),
-                                          {fEpoch, gateway.incarnation, 0});
+    fCounts.resends +=
+        fStream->sendAgain(frame.header, std::get<frame::Ask>(frame.body), gateway.resends,
+                           fCluster, subjects::to(fSettings.session, gateway.name), now);
 }
 
 void EngineEnd::numbered(Gateway& gateway, const Frame& frame, std::string_view bytes) {
+    // At once, also behind texts that nobody fetches: what would fetch them may wait for a block.
+    // Pages come in order, so that what the last one said is there before it is gone.
+    if (const auto* outcome = std::get_if<frame::Outcome>(&frame.body)) {
+        fWaits.answered(gateway.incarnation, outcome->block, outcome->outcome);
+    }
     // As if it had been lost: it will come again when there is room.
     if (*gateway.undelivered > kMostUndelivered) return;
     if (gateway.receiver.arrived(frame.header.number, bytes)) {
@@ -395,8 +425,6 @@ void EngineEnd::take(Gateway& gateway, const frame::Body& body) {
         takePiece(gateway, *piece);
     } else if (const auto* said = std::get_if<frame::Announce>(&body)) {
         announce(gateway, *said);
-    } else if (const auto* outcome = std::get_if<frame::Outcome>(&body)) {
-        fWaits.answered(gateway.incarnation, outcome->block, outcome->outcome);
     } else if (const auto* pages = std::get_if<frame::Pages>(&body)) {
         gateway.pages = pages->count;
         countPages();

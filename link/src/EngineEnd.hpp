@@ -7,7 +7,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,7 +41,7 @@ class EngineHost {
     /// `count`: which view of the session it is, 0 if that is not known.
     virtual void view(View kind, std::uint64_t count, std::string_view client) = 0;
     /// A gateway serves the session's page at this address, or will when somebody asks for it
-    /// there. Called once for each address.
+    /// there. Called once for each address, and for the first one of each gateway only.
     virtual void gatewayFound(const std::string& address) = 0;
     virtual void lastPageGone() = 0;
     /// Something to be told in a log; `detail` comes from outside.
@@ -155,8 +154,13 @@ class EngineEnd {
         std::string address;
         TimePoint when{};
     };
-    std::map<std::string, Found, std::less<>> fFound;  ///< by the names of gateways
-    std::set<std::string, std::less<>> fTold;          ///< addresses
+    std::map<std::string, Found, std::less<>> fFound;       ///< by the names of gateways
+    std::map<std::string, std::string, std::less<>> fTold;  ///< the first address of each gateway
+    struct Pace {
+        TimePoint next{};  ///< when it may be welcomed again
+        std::chrono::milliseconds patience{0};
+    };
+    std::map<std::string, Pace, std::less<>> fPaces;  ///< by the names of gateways
     BlockWaits fWaits;
     Statistics fCounts;
     Steps fSteps;

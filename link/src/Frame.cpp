@@ -16,7 +16,7 @@ using kirogateway::kUnitSeparator;
 
 constexpr std::string_view kMagic = "KL\x01";  // the last byte is the version
 constexpr std::size_t kHeaderSize = 28;
-constexpr std::size_t kMaxNames = 4096;  // in a list of channels, and lanes
+constexpr std::size_t kMaxNames = 4096;  // in a list of channels
 constexpr std::size_t kHashSize = 64;
 /// Nobody's clock is further from 1970, in microseconds; sums and differences stay far from the
 /// end of the numbers.
@@ -207,7 +207,7 @@ void read(Reader& reader, Welcome& welcome) {
     session.maySubscribe = readNames(reader);
     session.blockChannels = readNames(reader);
     auto lanes = reader.number(2);
-    reader.require(lanes <= kMaxNames);
+    reader.require(lanes <= kMaxLanes);
     for (; reader.isGood() && lanes > 0; --lanes) session.lanes.push_back(readNames(reader));
 }
 
@@ -391,7 +391,7 @@ bool canBeSent(const Description& session) noexcept {
                });
     };
     const bool isShort = add(session.mayPublish) && add(session.maySubscribe) &&
-                         add(session.blockChannels) && session.lanes.size() <= kMaxNames &&
+                         add(session.blockChannels) && session.lanes.size() <= kMaxLanes &&
                          std::ranges::all_of(session.lanes, add);
     return isShort && size <= kMaxFrame && session.pieceSize < kEndOfNumbers;
 }

@@ -22,6 +22,7 @@ inline constexpr std::size_t kMaxChannel = 32UL * 1024;  ///< bytes of a channel
 inline constexpr std::size_t kMaxAddress = 1024;
 inline constexpr std::size_t kMaxClient = 256;
 inline constexpr std::size_t kMaxReason = 256;
+inline constexpr std::size_t kMaxLanes = 32;  ///< each view at a gateway has all of them
 inline constexpr std::size_t kMaxRanges = 64;
 /// Numbers stay below this, so that they can be counted with.
 inline constexpr std::uint64_t kEndOfNumbers = std::uint64_t{1} << 53U;
@@ -38,7 +39,7 @@ struct Header {
 
 /// The engine lives; `number`: that of the next numbered frame.
 struct Beat {};
-/// The session is over.
+/// The session is over; `number`: as a beat's.
 struct End {};
 
 // --- Numbered, either way -----------------------------------------------------------------------

@@ -13,6 +13,7 @@
 #include "UpStream.hpp"
 #include "annotated/Mutex.hpp"
 #include "checked/Require.hpp"
+#include "text/Escape.hpp"
 
 namespace kirolink {
 namespace {
@@ -20,8 +21,10 @@ namespace {
 using TimePoint = GatewayEnd::TimePoint;
 using std::chrono::microseconds;
 
-/// What an engine may send in pieces.
-constexpr std::size_t kMostOfEngine = std::size_t{1} << 30U;
+/// Bytes of what an engine gives as a reason, before escaping, which makes four of one: a browser
+/// takes 123.
+constexpr std::size_t kMostShown = 28;
+constexpr const char* kGone = "the engine is gone";
 
 class Ticket final : public BlockTicket {
   public:
@@ -64,7 +67,8 @@ class Counts {
 class Machine {
   public:
     Machine(Cluster& cluster, GatewayEnd::Identity identity, Follower& follower,
-            Surroundings surroundings, std::shared_ptr<UpStream> up, Counts& counts)
+            Surroundings surroundings, const GatewayEnd::Settings& settings,
+            std::shared_ptr<UpStream> up, Counts& counts)
         : fCluster(cluster),
           fFollower(follower),
           fSurroundings(std::move(surroundings)),
@@ -72,7 +76,8 @@ class Machine {
           fAddress(std::move(identity.address)),
           fUp(std::move(up)),
           fCounts(counts),
-          fIncarnation(fSurroundings.random()) {}
+          fIncarnation(fSurroundings.random()),
+          fAssembly(settings.largest) {}
 
     /// `isOwn`: it came to this gateway alone.
     void received(std::string_view bytes, bool isOwn) noexcept;
@@ -83,6 +88,9 @@ class Machine {
   private:
     void handle(std::string_view bytes, bool isOwn);
     void beat(const frame::Header& header);
+    /// The engine says that it has, and that all was below `number`.
+    void ended(std::uint64_t number);
+    void leaveWhenComplete() noexcept;
     void welcome(const frame::Header& header, const Description& session);
     void answered(const frame::Header& header, const frame::Answer& answer);
     void asked(const frame::Header& header, const frame::Ask& ask);
@@ -93,6 +101,7 @@ class Machine {
     void question();
     void heard() noexcept;
     void leave(std::string_view why) noexcept;
+    void sendHello();
     void sendPresence();
     /// Tells the engine what is there, and what is missing.
     void acknowledge(frame::Ask ask);
@@ -114,12 +123,15 @@ class Machine {
     const std::shared_ptr<UpStream> fUp;
     Counts& fCounts;
 
+    bool fHasSaidHello = false;  ///< of this incarnation
     bool fIsJoined = false;
     bool fIsSilent = false;
+    std::optional<TimePoint>
+        fEndsAt;  ///< the engine has ended; when the session does at the latest
     std::uint64_t fEpoch = 0;
     std::uint64_t fIncarnation;
     NumberedReceiver fReceiver;
-    Assembly fAssembly{kMostOfEngine};
+    Assembly fAssembly;
     Clocks fClocks;
     Steps fSteps;
     microseconds fLastStamp{0};  ///< of the presence that was sent last
@@ -157,14 +169,15 @@ void Machine::handle(std::string_view bytes, bool isOwn) {
     std::visit(Overloaded{
                    [&](const frame::Beat&) { beat(header); },
                    [&](const frame::End&) {
-                       if (fIsJoined && header.epoch == fEpoch) leave("the engine is gone");
+                       if (fIsJoined && header.epoch == fEpoch) ended(header.number);
                    },
                    [&](const frame::Welcome& said) { welcome(header, said.session); },
                    [&](const frame::Answer& answer) {
                        if (ours()) answered(header, answer);
                    },
                    [&](const frame::Dropped& dropped) {
-                       if (ours()) leave(dropped.reason);
+                       // It is shown to people, and goes to browsers.
+                       if (ours()) leave(text::escaped(dropped.reason, kMostShown));
                    },
                    [&](const frame::Ask& ask) {
                        if (ours()) asked(header, ask);
@@ -194,8 +207,20 @@ void Machine::beat(const frame::Header& header) {
     question();
 }
 
+void Machine::ended(std::uint64_t number) {
+    fReceiver.expect(number);
+    if (!fEndsAt) fEndsAt = fSurroundings.now() + kSilenceIsGone;
+    leaveWhenComplete();
+}
+
+void Machine::leaveWhenComplete() noexcept {
+    // What was said before the end may come behind it, on another subject.
+    if (fEndsAt && (fReceiver.isComplete() || fSurroundings.now() >= *fEndsAt)) leave(kGone);
+}
+
 void Machine::welcome(const frame::Header& header, const Description& session) {
-    if (fIsJoined || header.incarnation != fIncarnation) return;
+    // The next incarnation can be foreseen, so an engine could welcome without having been asked.
+    if (fIsJoined || !fHasSaidHello || header.incarnation != fIncarnation) return;
     fIsJoined = true;
     fIsSilent = false;
     fEpoch = header.epoch;
@@ -244,6 +269,7 @@ void Machine::numbered(const Frame& frame, std::string_view bytes, bool isOwn) {
             take(readFrame(*held)->body, ++number);
         }
     }
+    if (fIsJoined) leaveWhenComplete();
     if (!fIsJoined) return;
     fUnacknowledged += bytes.size();
     if (fUnacknowledged >= kAcknowledged) acknowledge({});
@@ -289,6 +315,11 @@ void Machine::send(const frame::Header& header, const frame::Body& body) {
     static_cast<void>(fCluster.publish(fSubject, std::move(bytes)));  // it is said again
 }
 
+void Machine::sendHello() {
+    fHasSaidHello = true;
+    send({0, fIncarnation, 0}, frame::Hello{fAddress});
+}
+
 void Machine::sendPresence() {
     fLastStamp = fSurroundings.wall();
     fUnacknowledged = 0;
@@ -322,14 +353,15 @@ void Machine::tick(TimePoint now) noexcept {
 void Machine::step(TimePoint now) {
     if (fSteps.paused(now)) fLastHeard = std::max(fLastHeard, now);
     if (fIsJoined && fUp->isBroken()) leave("no memory for what pages say");
-    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) leave("the engine is gone");
+    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) leave(kGone);
+    if (fIsJoined) leaveWhenComplete();
     if (fIsJoined && !fIsSilent && now - fLastHeard > kSilenceIsGone) {
         fIsSilent = true;
         fFollower.silent(fLastHeard);
     }
     if (now >= fNextBeat) {
         fNextBeat = now + kBeat;
-        fIsJoined ? sendPresence() : send({0, fIncarnation, 0}, frame::Hello{fAddress});
+        fIsJoined ? sendPresence() : sendHello();
     }
     if (!fIsJoined) return;
     fUp->retry();
@@ -340,8 +372,11 @@ void Machine::leave(std::string_view why) noexcept {
     if (!std::exchange(fIsJoined, false)) return;
     fUp->close();
     fAssembly.clear();
+    fEndsAt.reset();
     ++fIncarnation;  // the engine tells this joining from the next
-    fNextBeat = {};
+    // Not at once: a session costs, and it is the engine that says when one ends.
+    fHasSaidHello = false;
+    fNextBeat = fSurroundings.now() + kBeat;
     fCounts.change([](Statistics& all) { all.isJoined = false; });
     fFollower.left(why);
 }
@@ -359,10 +394,12 @@ void Machine::end() noexcept {
 // --- The end as a whole -------------------------------------------------------------------------
 
 struct GatewayEnd::Impl {
-    Impl(Cluster& cluster, Identity identity, Follower& follower, Surroundings surroundings)
+    Impl(Cluster& cluster, Identity identity, Follower& follower, Surroundings surroundings,
+         const Settings& settings)
         : up(std::make_shared<UpStream>(cluster,
                                         subjects::from(identity.session, identity.gateway))),
-          machine(cluster, std::move(identity), follower, std::move(surroundings), up, counts) {}
+          machine(cluster, std::move(identity), follower, std::move(surroundings), settings, up,
+                  counts) {}
 
     void listen(Cluster& cluster, const std::string& subject, bool isOwn) {
         subscriptions.push_back(
@@ -381,11 +418,16 @@ struct GatewayEnd::Impl {
 };
 
 GatewayEnd::GatewayEnd(Cluster& cluster, Identity identity, Follower& follower,
-                       Surroundings surroundings) {
+                       Surroundings surroundings)
+    : GatewayEnd(cluster, std::move(identity), follower, std::move(surroundings), Settings()) {}
+
+GatewayEnd::GatewayEnd(Cluster& cluster, Identity identity, Follower& follower,
+                       Surroundings surroundings, const Settings& settings) {
     KIROWEB_REQUIRE(subjects::isName(identity.session) && subjects::isName(identity.gateway));
     const auto session = identity.session;
     const auto own = subjects::to(session, identity.gateway);
-    fImpl = std::make_unique<Impl>(cluster, std::move(identity), follower, std::move(surroundings));
+    fImpl = std::make_unique<Impl>(cluster, std::move(identity), follower, std::move(surroundings),
+                                   settings);
     fImpl->listen(cluster, own, true);
     fImpl->listen(cluster, subjects::down(session), false);
     fImpl->listen(cluster, subjects::beat(session), false);
@@ -405,6 +447,8 @@ void GatewayEnd::publish(std::string_view channel, std::string_view text) {
 void GatewayEnd::sendBlock(std::string_view channel, std::string_view block) {
     fImpl->up->sendBlock(channel, block);
 }
+
+bool GatewayEnd::hasRoomForPages() const noexcept { return fImpl->up->hasRoomForPages(); }
 
 void GatewayEnd::announce(ViewKind kind, std::string_view client, std::uint64_t view) {
     fImpl->up->announce(kind, client, view);

@@ -75,6 +75,13 @@ class GatewayEnd {
         std::string gateway;  ///< one that no other gateway has, of letters and digits
         std::string address;  ///< where a browser finds the session: "https://host:port/s/NAME"
     };
+    /// What engines can rely on.
+    static constexpr std::size_t kLargest = std::size_t{256} << 20U;
+    struct Settings {
+        /// Bytes that a text or block of the engine's may have. So many may be held of one that
+        /// has not come in full.
+        std::size_t largest = kLargest;
+    };
     struct Statistics {
         std::uint64_t framesReceived = 0;
         std::uint64_t bytesReceived = 0;
@@ -92,15 +99,20 @@ class GatewayEnd {
     /// Begins to join. REQUIRES: `cluster` and `follower` outlive it.
     GatewayEnd(Cluster& cluster, Identity identity, Follower& follower,
                Surroundings surroundings = Surroundings::real());
+    GatewayEnd(Cluster& cluster, Identity identity, Follower& follower, Surroundings surroundings,
+               const Settings& settings);
     ~GatewayEnd();
     GatewayEnd(const GatewayEnd&) = delete;
     GatewayEnd& operator=(const GatewayEnd&) = delete;
 
     /// What a page published; in order, and kept until the engine has it. Throws std::bad_alloc
-    /// and, when too much waits, std::length_error; nothing is sent then. While the gateway has not
-    /// joined there are no views, and nothing is sent either. As the two that follow.
+    /// and, when too much waits of it, std::length_error; nothing is sent then. While the gateway
+    /// has not joined there are no views, and nothing is sent either. As the two that follow.
     void publish(std::string_view channel, std::string_view text);
     void sendBlock(std::string_view channel, std::string_view block);
+    /// False: what waits takes half of the room that there is for what pages say, so they should
+    /// not be read on.
+    [[nodiscard]] bool hasRoomForPages() const noexcept;
     enum class ViewKind : std::uint8_t { kNew, kReturn };
     /// A view has come or come back. The engine's end says which of the session it is. `view`: the
     /// gateway's own number of it, by which the engine's end knows it again when it comes back.

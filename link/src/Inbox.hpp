@@ -3,10 +3,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "annotated/Mutex.hpp"
 
@@ -17,6 +19,8 @@ namespace kirolink {
 class Inbox {
   public:
     static constexpr std::size_t kMost = std::size_t{64} << 20U;
+    /// Of one gateway's, so that it leaves room for the others.
+    static constexpr std::size_t kMostOfOne = kMost / 4;
 
     struct Letter {
         std::string gateway;
@@ -29,18 +33,35 @@ class Inbox {
     bool put(std::string_view gateway, std::string_view bytes, std::chrono::microseconds at) {
         const annotated::Lock lock(fMutex);
         const auto size = bytes.size() + kPlace;
-        if (fBytes + size > kMost) {
+        const auto known = fOf.find(gateway);
+        const auto before = known == fOf.end() ? 0 : known->second;
+        if (fBytes + size > kMost || before + size > kMostOfOne) {
             ++fLost;
             return false;
         }
-        fLetters.push_back({std::string(gateway), std::string(bytes), at});
+        Letter letter{std::string(gateway), std::string(bytes), at};
+        auto& ofIt = fOf[letter.gateway];
+        fLetters.push_back(std::move(letter));
+        ofIt += size;
         fBytes += size;
         return fLetters.size() == 1;
     }
-    [[nodiscard]] std::vector<Letter> take() noexcept {
+    /// The oldest one, if there is one.
+    [[nodiscard]] std::optional<Letter> take() noexcept {
         const annotated::Lock lock(fMutex);
-        fBytes = 0;
-        return std::exchange(fLetters, {});
+        if (fLetters.empty()) return {};
+        auto letter = std::move(fLetters.front());
+        fLetters.pop_front();
+        const auto size = letter.bytes.size() + kPlace;
+        fBytes -= size;
+        const auto of = fOf.find(letter.gateway);
+        of->second -= size;
+        if (of->second == 0) fOf.erase(of);
+        return letter;
+    }
+    [[nodiscard]] bool isEmpty() const noexcept {
+        const annotated::Lock lock(fMutex);
+        return fLetters.empty();
     }
     [[nodiscard]] std::uint64_t lost() const noexcept {
         const annotated::Lock lock(fMutex);
@@ -51,8 +72,9 @@ class Inbox {
     static constexpr std::size_t kPlace = 256;  // that a letter takes besides
 
     mutable annotated::Mutex fMutex;
-    std::vector<Letter> fLetters GUARDED_BY(fMutex);
+    std::deque<Letter> fLetters GUARDED_BY(fMutex);
     std::size_t fBytes GUARDED_BY(fMutex) = 0;
+    std::map<std::string, std::size_t, std::less<>> fOf GUARDED_BY(fMutex);  ///< of each gateway's
     std::uint64_t fLost GUARDED_BY(fMutex) = 0;
 };
 

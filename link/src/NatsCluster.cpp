@@ -38,6 +38,8 @@ constexpr auto kAfterRefusal = 1s;
 /// A connection that did not hold for so long is not made again at once.
 constexpr auto kShort = 1s;
 constexpr auto kLongestWait = 100ms;
+/// So long what waits still goes out when the cluster is left.
+constexpr auto kForTheRest = 1s;
 /// Different lines of complaints, and of why no node can be used; further ones are dropped.
 constexpr std::size_t kMostComplaints = 64;
 constexpr std::size_t kMostReasons = 8;
@@ -117,12 +119,16 @@ class NatsCluster final : public Cluster {
     bool connectToAny();
     void connect(const std::string& server);
     void lose(const std::string& why) noexcept;
+    /// The next node is the one to be tried.
+    void leaveLine() noexcept;
     void waitToTryAgain();
     void sendTheRest() noexcept;
     void attend();
     void takeSubscriptions();
     void passMessages();
     [[nodiscard]] std::optional<Message> nextMessage();
+    [[nodiscard]] bool hasMessages();
+    void forgetNew();
     [[nodiscard]] bool isStopping();
     void deliver(Heard& heard);
     void call(Heard& heard, std::string_view subject, std::string_view bytes);
@@ -246,6 +252,7 @@ void NatsCluster::run() noexcept {
     sendTheRest();
     lose({});
     fHeard.clear();
+    forgetNew();
     nats_ReleaseThreadMemory();
 }
 
@@ -264,8 +271,7 @@ bool NatsCluster::connectToAny() {
             fIsRefused = fIsRefused || lineError == nullptr || lineError->isRefused;
             why += (why.empty() ? "" : "; ") + server + ": " + error.what();
         }
-        fLine.reset();
-        fServer = (fServer + 1) % fOptions.servers.size();
+        leaveLine();
     }
     if (!isStopping()) sayReason(why);
     return false;
@@ -298,6 +304,10 @@ void NatsCluster::lose(const std::string& why) noexcept {
     } catch (const std::bad_alloc&) {
         // A line of the log less.
     }
+    leaveLine();
+}
+
+void NatsCluster::leaveLine() noexcept {
     for (const auto& heard : fHeard) heard->source.reset();
     fLine.reset();
     fServer = (fServer + 1) % fOptions.servers.size();
@@ -306,8 +316,12 @@ void NatsCluster::lose(const std::string& why) noexcept {
 void NatsCluster::sendTheRest() noexcept {
     try {
         if (!fLine) return;
-        passMessages();
-        fLine->write();
+        // A line has room for a part of it at a time.
+        const auto end = Clock::now() + kForTheRest;
+        do {
+            passMessages();
+            fLine->write();
+        } while (hasMessages() && Clock::now() < end);
     } catch (const std::exception&) {
         // Lost, as it may be.
     }
@@ -325,21 +339,33 @@ void NatsCluster::waitToTryAgain() {
 
 void NatsCluster::takeSubscriptions() {
     std::vector<std::shared_ptr<Heard>> ended;
-    std::vector<std::shared_ptr<Heard>> added;
     {
         annotated::Lock lock(fMutex);
-        added.swap(fNew);
-        const auto isOver = [](const auto& heard) { return heard->isEnded; };
-        if (std::exchange(fHasEnded, false)) {
+        // All of them first: when the line breaks with one of them, the next line has the others.
+        fHeard.insert(fHeard.end(), fNew.begin(), fNew.end());
+        fNew.clear();
+        if (fHasEnded) {
+            const auto isOver = [](const auto& heard) { return heard->isEnded; };
             std::copy_if(fHeard.begin(), fHeard.end(), std::back_inserter(ended), isOver);
             std::erase_if(fHeard, isOver);
-            std::erase_if(added, isOver);
+            fHasEnded = false;
         }
     }
-    for (auto& heard : added) {
-        if (fLine) heard->source = fLine->subscribe(heard->subject);
-        fHeard.push_back(std::move(heard));
+    if (!fLine) return;
+    for (const auto& heard : fHeard) {
+        if (heard->source == nullptr) heard->source = fLine->subscribe(heard->subject);
     }
+}
+
+void NatsCluster::forgetNew() {
+    // Those that came and went while a node was tried.
+    annotated::Lock lock(fMutex);
+    fNew.clear();
+}
+
+bool NatsCluster::hasMessages() {
+    annotated::Lock lock(fMutex);
+    return !fQueue.empty();
 }
 
 void NatsCluster::attend() {

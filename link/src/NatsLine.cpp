@@ -136,6 +136,7 @@ NatsLine::NatsLine(const NatsOptions& options, const std::string& server)
         fConnection.reset(connection);
         fWatch = process::makeThread("watching a node", [this] { watch(); });
     } catch (...) {
+        fConnection.reset();  // it says so to members that go before it
         registry<Complaints>().remove(fComplaints.get());
         throw;
     }
@@ -163,7 +164,8 @@ NatsLine::Owned<natsOptions> NatsLine::makeOptions(const NatsOptions& options,
     if (isSecure) {
         require(natsOptions_SetSecure(raw, true));
         require(natsOptions_LoadCATrustedCertificates(raw, options.caFile.c_str()));
-        // That it is for the host in the address is asked by libnats itself.
+        // Not every build of libnats asks by itself whether it is for this host.
+        require(natsOptions_SetExpectedHostname(raw, hostOf(server).c_str()));
     }
     if (!options.credentialsFile.empty()) {
         const auto who = readCredentials(options.credentialsFile);

@@ -50,11 +50,19 @@ void NumberedLog::reset() noexcept {
     fEnd = 0;
 }
 
-void Resends::asked(std::uint64_t has, TimePoint now) noexcept {
-    if (has <= fHas && now - fSince < kLost) return;
-    fHas = has;
+void Resends::asked(const NumberedLog& log, std::uint64_t has, TimePoint now) noexcept {
+    if (has > fHas) {
+        const auto end = log.bytesBelow(has);
+        // What was lost and went twice is still counted when all of it has arrived.
+        fBytes = has >= fEnd ? 0 : fBytes - std::min(fBytes, end - fHasEnd);
+        fHas = has;
+        fHasEnd = end;
+    } else if (now - fSince >= kLost) {
+        fBytes = 0;
+    } else {
+        return;
+    }
     fSince = now;
-    fBytes = 0;
 }
 
 std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, Resends& resends,
@@ -68,7 +76,7 @@ std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, Resends& re
         for (; number < end && resends.mayGo(); ++number) {
             const auto bytes = log.find(number);
             if (!cluster.publish(subject, bytes)) return count;
-            resends.went(bytes->size());
+            resends.went(number, bytes->size());
             header.number = number + 1;
             ++count;
         }

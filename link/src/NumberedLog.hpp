@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -65,15 +66,20 @@ class Resends {
     /// What has not led to an acknowledgement by then is taken for lost.
     static constexpr std::chrono::seconds kLost{2};
 
-    /// To be called for each question; `has`: everything below it is there.
-    void asked(std::uint64_t has, TimePoint now) noexcept;
+    /// To be called for each question; `has`: everything below it is there of what `log` has.
+    void asked(const NumberedLog& log, std::uint64_t has, TimePoint now) noexcept;
     /// Whether a further frame may go.
     [[nodiscard]] bool mayGo() const noexcept { return fBytes < kMostUnderWay; }
-    void went(std::size_t bytes) noexcept { fBytes += bytes; }
+    void went(std::uint64_t number, std::size_t bytes) noexcept {
+        fBytes += bytes;
+        fEnd = std::max(fEnd, number + 1);
+    }
 
   private:
-    std::size_t fBytes = 0;
-    std::uint64_t fHas = 0;
+    std::uint64_t fBytes = 0;   ///< that are under way, as far as is known
+    std::uint64_t fEnd = 0;     ///< what has gone is below
+    std::uint64_t fHas = 0;     ///< as it was said last
+    std::uint64_t fHasEnd = 0;  ///< bytes of all frames below that one
     TimePoint fSince{};
 };
 

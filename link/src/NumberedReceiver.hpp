@@ -43,8 +43,10 @@ class NumberedReceiver {
     /// How often something has been missing.
     [[nodiscard]] std::uint64_t gaps() const noexcept { return fGaps; }
 
-  private:
+    /// Nothing is known to be missing.
     [[nodiscard]] bool isComplete() const noexcept { return fNext == fEnd; }
+
+  private:
     [[nodiscard]] frame::Ask missing() const;
 
     std::uint64_t fNext;

@@ -11,6 +11,9 @@ namespace {
 
 /// When there are more they are forgotten, and told once more.
 constexpr std::size_t kMostSessions = 65'536;
+constexpr std::size_t kBeatSize = 28;
+/// Until there may be a new engine.
+constexpr std::chrono::seconds kAtOnce{1};
 
 }  // namespace
 
@@ -19,14 +22,14 @@ Offers::Offers(Cluster& cluster, std::string gateway,
     : fCluster(cluster), fGateway(std::move(gateway)), fAddressOf(std::move(addressOf)) {}
 
 bool Offers::beat(const std::string& session, std::string_view bytes, TimePoint now) {
+    // Anything of up to 1 MiB may come there, and would be read as what it says that it is.
+    if (bytes.size() > kBeatSize || !subjects::isName(session)) return false;
     const auto frame = readFrame(bytes);
-    if (!frame || !subjects::isName(session)) return false;
-    if (std::holds_alternative<frame::End>(frame->body)) fTold.erase(session);
-    if (!std::holds_alternative<frame::Beat>(frame->body)) return false;
+    if (!frame || !std::holds_alternative<frame::Beat>(frame->body)) return false;
     if (fTold.size() >= kMostSessions && !fTold.contains(session)) fTold.clear();
     auto& told = fTold[session];
     const auto epoch = frame->header.epoch;
-    if (told.epoch == epoch && now - told.when < kAgain) return true;
+    if (now - told.when < (told.epoch == epoch ? kAgain : kAtOnce)) return true;
     told = {epoch, now};
     auto offer = writeFrame({epoch, 0, 0}, frame::Offer{fAddressOf(session)});
     static_cast<void>(fCluster.publish(subjects::from(session, fGateway),

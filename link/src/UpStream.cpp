@@ -4,6 +4,11 @@
 #include <utility>
 
 namespace kirolink {
+namespace {
+
+constexpr std::size_t kFramePlace = 128;  // that a frame takes besides, about
+
+}  // namespace
 
 void UpStream::open(std::uint64_t epoch, std::uint64_t incarnation) noexcept {
     const annotated::Lock lock(fMutex);
@@ -34,19 +39,19 @@ void UpStream::publish(std::string_view channel, std::string_view text) {
     const annotated::Lock lock(fMutex);
     if (!fIsOpen || !canBeNamed(channel)) return;
     if (channel.size() + text.size() > kBatchSize) {
-        return sendLocked(piecesLocked(false, channel, text));
+        return sendLocked(piecesLocked(false, channel, text), kMostOfPages);
     }
     BatchWriter batch;
     batch.add(channel, text);
     std::vector<std::string> frames;
     frames.push_back(batch.take(headerLocked()));
-    sendLocked(std::move(frames));
+    sendLocked(std::move(frames), kMostOfPages);
 }
 
 void UpStream::sendBlock(std::string_view channel, std::string_view block) {
     const annotated::Lock lock(fMutex);
     if (!fIsOpen || !canBeNamed(channel)) return;
-    sendLocked(piecesLocked(true, channel, block));
+    sendLocked(piecesLocked(true, channel, block), kMostOfPages);
 }
 
 void UpStream::announce(GatewayEnd::ViewKind kind, std::string_view client, std::uint64_t view) {
@@ -65,6 +70,15 @@ void UpStream::answer(std::uint64_t incarnation, std::uint64_t block,
     if (incarnation == fIncarnation) sendSurelyLocked(frame::Outcome{block, outcome});
 }
 
+bool UpStream::hasRoomForPages() const noexcept {
+    const annotated::Lock lock(fMutex);
+    return waitingLocked() < kMostOfPages / 2;
+}
+
+std::size_t UpStream::waitingLocked() const noexcept {
+    return fLog.bytes() + (fLog.next() - fLog.first()) * kFramePlace;
+}
+
 std::vector<std::string> UpStream::piecesLocked(bool isBlock, std::string_view channel,
                                                 std::string_view whole) const {
     std::vector<std::string> frames;
@@ -81,7 +95,7 @@ std::vector<std::string> UpStream::piecesLocked(bool isBlock, std::string_view c
 void UpStream::sendLocked(const frame::Body& body) {
     std::vector<std::string> frames;
     frames.push_back(writeFrame(headerLocked(), body));
-    sendLocked(std::move(frames));
+    sendLocked(std::move(frames), kMost);
 }
 
 void UpStream::sendSurelyLocked(const frame::Body& body) noexcept {
@@ -93,10 +107,10 @@ void UpStream::sendSurelyLocked(const frame::Body& body) noexcept {
     }
 }
 
-void UpStream::sendLocked(std::vector<std::string> frames) {
-    std::size_t size = 0;
-    for (const auto& frame : frames) size += frame.size();
-    if (fLog.bytes() + size > kMost) throw std::length_error("too much waits for the engine");
+void UpStream::sendLocked(std::vector<std::string> frames, std::size_t most) {
+    auto size = waitingLocked();
+    for (const auto& frame : frames) size += frame.size() + kFramePlace;
+    if (size > most) throw std::length_error("too much waits for the engine");
     const auto before = fLog.next();
     try {
         for (auto& frame : frames) fLog.append(std::move(frame));
@@ -140,7 +154,7 @@ bool UpStream::acknowledged(std::uint64_t next) noexcept {
 void UpStream::sendAgain(const frame::Ask& ask, NumberedLog::TimePoint now) {
     const annotated::Lock lock(fMutex);
     if (!fIsOpen) return;
-    fResends.asked(fLog.first(), now);
+    fResends.asked(fLog, fLog.first(), now);
     static_cast<void>(
         kirolink::sendAgain(fLog, ask, fResends, *fCluster, fSubject, {fEpoch, fIncarnation, 0}));
 }

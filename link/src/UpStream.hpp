@@ -16,7 +16,10 @@ namespace kirolink {
 /// sent at once. Any thread.
 class UpStream {
   public:
+    /// Bytes that may wait, with what each frame takes besides. What pages say may be the half: the
+    /// rest is for what the engine has to know.
     static constexpr std::size_t kMost = std::size_t{64} << 20U;
+    static constexpr std::size_t kMostOfPages = kMost / 2;
 
     /// REQUIRES: `cluster` lives until `detach`.
     UpStream(Cluster& cluster, std::string subject)
@@ -34,6 +37,7 @@ class UpStream {
     void sendBlock(std::string_view channel, std::string_view block);
     void announce(GatewayEnd::ViewKind kind, std::string_view client, std::uint64_t view);
     void pages(std::size_t count) noexcept;
+    [[nodiscard]] bool hasRoomForPages() const noexcept;
     /// What became of a block that came while the gateway had joined as `incarnation`.
     void answer(std::uint64_t incarnation, std::uint64_t block, BlockOutcome outcome) noexcept;
 
@@ -62,11 +66,13 @@ class UpStream {
     [[nodiscard]] std::vector<std::string> piecesLocked(bool isBlock, std::string_view channel,
                                                         std::string_view whole) const
         REQUIRES_LOCK(fMutex);
-    void sendLocked(std::vector<std::string> frames) REQUIRES_LOCK(fMutex);
+    /// REQUIRES: `most` is one of the bounds. Throws std::length_error.
+    void sendLocked(std::vector<std::string> frames, std::size_t most) REQUIRES_LOCK(fMutex);
     void sendLocked(const frame::Body& body) REQUIRES_LOCK(fMutex);
     /// As the one before; what cannot be sent breaks the stream.
     void sendSurelyLocked(const frame::Body& body) noexcept REQUIRES_LOCK(fMutex);
     void flushLocked() noexcept REQUIRES_LOCK(fMutex);
+    [[nodiscard]] std::size_t waitingLocked() const noexcept REQUIRES_LOCK(fMutex);
 
     mutable annotated::Mutex fMutex{annotated::Rank::kLinkSend};
     Cluster* fCluster GUARDED_BY(fMutex);

@@ -1,11 +1,9 @@
 #include "EngineSession.hpp"
 
 #include <algorithm>
-#include <exception>
 #include <stdexcept>
 #include <utility>
 
-#include "Log.hpp"
 #include "OptionsCheck.hpp"
 #include "checked/Require.hpp"
 #include "secret/Sha256.hpp"
@@ -28,13 +26,11 @@ bool isHash(std::string_view text) {
 
 /// Runs `call` on a thread that must not be thrown at.
 template <typename Call>
-void guarded(const std::string& session, const char* what, const Call& call) noexcept {
+void guarded(kirogateway::GuardedLog& log, const char* what, const Call& call) noexcept {
     try {
         call();
-    } catch (const std::exception& error) {
-        logLine(what, session, error.what());
     } catch (...) {
-        logLine(what, session);
+        log.writeCaught(what);
     }
 }
 
@@ -44,6 +40,7 @@ EngineSession::EngineSession(const Common& common, std::string name)
     : fCommon(common),
       fName(std::move(name)),
       fPrefix("/s/" + fName),
+      fLog("session " + fName + ": "),
       fIdleSince(common.surroundings.now()) {}
 
 std::shared_ptr<Site> EngineSession::begin() {
@@ -68,6 +65,7 @@ kirogateway::Options EngineSession::optionsOf(const kirolink::Description& sessi
     options.maySubscribe = session.maySubscribe;
     options.blockChannels = session.blockChannels;
     options.lanes = session.lanes;
+    options.limits.connections = fCommon.pages;
     if (session.pieceSize > 0) options.limits.pieceSize = session.pieceSize;
     if (!isHash(session.tokenHash)) throw std::invalid_argument("its token's hash is none");
     return kirogateway::checked(std::move(options));
@@ -109,15 +107,18 @@ bool EngineSession::end(Sites& sites, std::string_view why) noexcept {
 // --- What the engine does ----------------------------------------------------------------------
 
 void EngineSession::joined(const kirolink::Description& session) noexcept {
-    guarded(fName, "a session cannot be served", [&] {
+    bool isServed = false;
+    guarded(fLog, "a session cannot be served", [&] {
         auto options = optionsOf(session);
         auto secrets = std::make_shared<kirogateway::Secrets>(
             secret::HashedToken{session.tokenHash, secret::sha256Hex});
         fFollowed = makeSite(std::move(options), std::move(secrets), session.views);
         fSilentSince = TimePoint{};
         replace(fFollowed, "the engine has begun anew");
-        logLine("session joined", fName);
+        isServed = true;
+        fLog.write("joined", {});
     });
+    fHasFailed = !isServed;
 }
 
 void EngineSession::text(const std::string& channel, std::string_view text) noexcept {
@@ -126,7 +127,7 @@ void EngineSession::text(const std::string& channel, std::string_view text) noex
 
 void EngineSession::block(const std::string& channel, std::shared_ptr<const std::string> block,
                           std::unique_ptr<kirolink::BlockTicket> ticket) noexcept {
-    guarded(fName, "no memory for a block", [&] {
+    guarded(fLog, "no memory for a block", [&] {
         fFollowed->fanout->offer(
             channel,
             std::make_shared<LinkTransfer>(std::move(block), std::move(ticket), fCommon.counters));
@@ -135,20 +136,20 @@ void EngineSession::block(const std::string& channel, std::shared_ptr<const std:
 
 void EngineSession::silent(TimePoint since) noexcept {
     fSilentSince = since;
-    logLine("engine silent", fName);
+    fLog.write("engine silent", {});
 }
 
 void EngineSession::heard() noexcept {
     fSilentSince = TimePoint{};
-    logLine("engine heard again", fName);
-    guarded(fName, "pages could not be told",
+    fLog.write("engine heard again", {});
+    guarded(fLog, "pages could not be told",
             [this] { tellPages(R"({"t":"engine","state":"heard"})"); });
 }
 
 void EngineSession::left(std::string_view why) noexcept {
     fSilentSince = TimePoint{};
-    logLine("session left", fName, why);
-    guarded(fName, "a session could not be left", [&] {
+    fLog.write("left", why);
+    guarded(fLog, "a session could not be left", [&] {
         fFollowed = makeSite(fCommon.options, nullptr, 0);
         replace(fFollowed, std::string(why));
     });
@@ -165,16 +166,38 @@ void EngineSession::tellPages(const std::string& control) {
 void EngineSession::tick(TimePoint now) {
     fEnd->tick(now);
     fBus.letGo();
-    const TimePoint since = fSilentSince;
-    if (since == TimePoint{} || now < fNextTelling) return;
+    if (fSilentSince.load() == TimePoint{} || now < fNextTelling) return;
     fNextTelling = now + kTellAgain;
-    const auto silence = duration_cast<milliseconds>(now - since).count();
-    tellPages(R"({"t":"engine","state":"silent","milliseconds":)" + std::to_string(silence) + "}");
+    tellSilence(now);
 }
 
-milliseconds EngineSession::idle(TimePoint now) noexcept {
-    if (fBus.pagesThere() > 0) fIdleSince = now;
-    return duration_cast<milliseconds>(now - fIdleSince);
+void EngineSession::tellSilence(TimePoint now) {
+    fCommon.server.post([self = shared_from_this(), now](Sites& sites) {
+        const TimePoint since = self->fSilentSince;
+        const auto site = sites.at(self->fPrefix);
+        if (since == TimePoint{} || site == nullptr) return;
+        const auto silence = duration_cast<milliseconds>(now - since).count();
+        site->views->tell(R"({"t":"engine","state":"silent","milliseconds":)" +
+                          std::to_string(silence) + "}");
+    });
+}
+
+void EngineSession::look(TimePoint now) noexcept {
+    if (hasPages()) fIdleSince = now;
+}
+
+void EngineSession::holdAtMost(std::size_t bytes) {
+    fCommon.server.post([prefix = fPrefix, bytes](Sites& sites) {
+        const auto site = sites.at(prefix);
+        if (site == nullptr) return;
+        const auto limit = site->context->memory->limit();
+        static_cast<void>(site->views->makeRoom(limit - std::min(limit, bytes)));
+    });
+}
+
+std::shared_ptr<Site> EngineSession::site() const noexcept {
+    const annotated::Lock lock(fMutex);
+    return fSite;
 }
 
 EngineSession::Report EngineSession::report(TimePoint now) const {
@@ -183,8 +206,7 @@ EngineSession::Report EngineSession::report(TimePoint now) const {
     report.pages = fBus.pagesThere();
     const TimePoint since = fSilentSince;
     if (since != TimePoint{}) report.silence = duration_cast<milliseconds>(now - since);
-    const annotated::Lock lock(fMutex);
-    report.held = fSite->context->memory->used();
+    report.held = held();
     return report;
 }
 

@@ -22,6 +22,7 @@ struct Common {
     std::shared_ptr<const kirogateway::AssetTable> assets;
     std::shared_ptr<kirogateway::Counters> counters;
     kirogateway::Options options;     ///< of each session, unless its engine says otherwise
+    std::size_t pages = 0;            ///< of one session that may be connected
     std::vector<std::string> others;  ///< origins of the other gateways
     std::string name;                 ///< this gateway's
     std::string address;              ///< "https://HOST:PORT"
@@ -48,11 +49,22 @@ class EngineSession final : public kirolink::Follower,
 
     /// To be called about every 50 ms.
     void tick(TimePoint now);
-    /// Since when there has been no page.
-    [[nodiscard]] std::chrono::milliseconds idle(TimePoint now) noexcept;
+    /// To be called about every second: sees whether pages are there.
+    void look(TimePoint now) noexcept;
 
     // --- Any thread ---
 
+    [[nodiscard]] bool hasPages() const noexcept { return fBus.pagesThere() > 0; }
+    /// When a page was seen last, or it began.
+    [[nodiscard]] TimePoint idleSince() const noexcept { return fIdleSince; }
+    /// It has joined, and could not serve what it was told of.
+    [[nodiscard]] bool hasFailed() const noexcept { return fHasFailed; }
+    /// The newest one.
+    [[nodiscard]] std::shared_ptr<kirogateway::Site> site() const noexcept;
+    /// Bytes that wait for its pages.
+    [[nodiscard]] std::size_t held() const noexcept { return site()->context->memory->used(); }
+    /// Ends pages, those for which most waits first, until no more than `bytes` wait.
+    void holdAtMost(std::size_t bytes);
     struct Report {
         kirolink::GatewayEnd::Statistics link;
         std::size_t pages = 0;
@@ -89,16 +101,21 @@ class EngineSession final : public kirolink::Follower,
                                                  std::uint64_t views);
     /// Has pages get `site`, and those of the one before it end.
     void replace(std::shared_ptr<Site> site, const std::string& why);
+    /// Whether it is silent is looked at on the gateway's thread, where it comes behind what was
+    /// told before: an engine that is heard meanwhile is not called silent.
+    void tellSilence(TimePoint now);
     void tellPages(const std::string& control);
 
     const Common& fCommon;
     const std::string fName;
     const std::string fPrefix;
+    kirogateway::GuardedLog fLog;
     LinkBus fBus;
     std::atomic<TimePoint> fSilentSince{TimePoint{}};  ///< none: it is heard
-    TimePoint fNextTelling;                            ///< of the one that ticks
-    TimePoint fIdleSince;                              ///< as well
-    bool fHasEnded = false;                            ///< the gateway's thread's
+    std::atomic<TimePoint> fIdleSince;
+    std::atomic<bool> fHasFailed{false};
+    TimePoint fNextTelling;  ///< of the one that ticks
+    bool fHasEnded = false;  ///< the gateway's thread's
 
     mutable annotated::Mutex fMutex;
     std::shared_ptr<Site> fSite GUARDED_BY(fMutex);  ///< the newest

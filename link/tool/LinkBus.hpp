@@ -29,6 +29,7 @@ class LinkBus final : public kirogateway::Bus, public relay::TransportLink {
     void deliver(const std::string& channel, relay::Publication::Text text,
                  std::shared_ptr<const void> ticket) override;
     [[nodiscard]] bool send(const std::string& channel, std::string_view block) override;
+    [[nodiscard]] bool hasRoom() const noexcept override { return fEnd->hasRoomForPages(); }
     void announce(kirogateway::wire::ViewKind kind,
                   const kirogateway::View::Identity& view) override;
     void pages(std::size_t count) noexcept override;

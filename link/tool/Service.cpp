@@ -22,7 +22,10 @@ constexpr std::chrono::seconds kIdle{60};
 constexpr std::chrono::seconds kLook{1};
 /// More than a cluster is meant to have: names that somebody makes up must not fill memory.
 constexpr std::size_t kMostHeard = 20000;
-constexpr std::size_t kUnauthenticated = 64;
+/// Bytes; a beat is smaller. What is larger need not be read to be refused.
+constexpr std::size_t kMostOfBeat = 64;
+constexpr std::size_t kFewest = 64;
+constexpr std::size_t kMostLostViews = 10000;
 constexpr std::string_view kPrefix = "/s/";
 
 std::string hostOf(const std::string& address) { return address.substr(address.find("//") + 2); }
@@ -37,8 +40,12 @@ kirogateway::Options optionsOf(const Settings& settings) {
         options.extraHosts = {hostOf(settings.publicAddress)};
         options.extraOrigins = {settings.publicAddress};
     }
-    options.limits.connections = settings.pages + kUnauthenticated;
-    options.limits.unauthenticatedConnections = kUnauthenticated;
+    // The pages of a gateway that has died come all at once, and lost views are as many when the
+    // network was away.
+    const auto atOnce = std::max(settings.pages, kFewest);
+    options.limits.connections = settings.pages + atOnce;
+    options.limits.unauthenticatedConnections = atOnce;
+    options.limits.lostViews = std::min(atOnce, kMostLostViews);
     options.limits.memory = settings.memory;
     return kirogateway::checked(std::move(options));
 }
@@ -66,6 +73,7 @@ void LinkTotals::add(const kirolink::GatewayEnd::Statistics& statistics) noexcep
 Service::Service(const Settings& settings, kirolink::Cluster& cluster,
                  kirolink::Surroundings surroundings)
     : fMostSessions(settings.sessions),
+      fMostMemory(settings.allMemory),
       fCluster(cluster),
       fContext(std::make_shared<kirogateway::Context>(optionsOf(settings))),
       fWakeup(std::make_shared<kirogateway::Wakeup>()),
@@ -80,15 +88,16 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
         settings.publicAddress.empty() ? root->access->address() : settings.publicAddress;
     fCommon = std::make_unique<Common>(Common{
         cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
-        fContext->counters, fContext->options, settings.others, settings.name, address,
-        std::move(surroundings)});
+        fContext->counters, fContext->options, settings.pagesOfOne(), settings.others,
+        settings.name, address, std::move(surroundings)});
     fOffers.emplace(cluster, settings.name, [address](const std::string& session) {
         return address + std::string(kPrefix) + session + "/";
     });
     fBeats = cluster.subscribe(
         kirolink::subjects::beat("*"),
         [this](std::string_view subject, std::string_view bytes) { beat(subject, bytes); });
-    fServer.start(Sites(root, [this](std::string_view prefix) { return follow(prefix); }));
+    fServer.start(Sites(
+        root, [this](Sites& sites, std::string_view prefix) { return follow(sites, prefix); }));
 }
 
 Service::~Service() { stop(); }
@@ -108,6 +117,7 @@ void Service::stop() noexcept {
 // --- Sessions come -----------------------------------------------------------------------------
 
 void Service::beat(std::string_view subject, std::string_view bytes) {
+    if (bytes.size() > kMostOfBeat) return;
     const auto rest = subject.substr(subject.find('.') + 1);
     const auto name = rest.substr(0, rest.find('.'));
     if (!kirolink::subjects::isName(name)) return;
@@ -127,27 +137,52 @@ bool Service::isHeard(std::string_view name) const {
     return found != fHeard.end() && fCommon->surroundings.now() - found->second < kSilenceIsEnd;
 }
 
-std::shared_ptr<Site> Service::follow(std::string_view prefix) {
+std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view prefix) {
     const std::string name(prefix.substr(kPrefix.size()));
     if (!isHeard(name)) return nullptr;
-    if (sessions().size() >= fMostSessions) {
+    {
+        // There may have been no memory to note its site.
+        const annotated::Lock lock(fMutex);
+        const auto known = fSessions.find(name);
+        if (known != fSessions.end()) return known->second->site();
+    }
+    if (!makeRoom(sites)) {
         fContext->peerLog.write("too many sessions are followed", name);
         return nullptr;
     }
-    const auto session = std::make_shared<EngineSession>(*fCommon, name);
-    auto site = session->begin();
+    // Once it has begun nothing may fail.
+    Sessions one;
+    const auto at = one.emplace(name, std::make_shared<EngineSession>(*fCommon, name)).first;
+    auto site = at->second->begin();
     const annotated::Lock lock(fMutex);
-    fSessions.emplace(name, session);
+    fSessions.merge(one);
     return site;
 }
 
 // --- Sessions go -------------------------------------------------------------------------------
 
-void Service::endIdle(const std::shared_ptr<EngineSession>& session) {
-    fServer.post([this, session](Sites& sites) {
-        if (!session->end(sites, "nobody looks")) return;
-        logLine("session left", session->name(), "no page for a minute");
-        forget(*session);
+bool Service::makeRoom(Sites& sites) {
+    // Whoever knows names could fill all places otherwise, without being let in anywhere.
+    const auto all = sessions();
+    if (all.size() < fMostSessions) return true;
+    std::shared_ptr<EngineSession> longest;
+    for (const auto& session : all) {
+        if (session->hasPages()) continue;
+        if (longest == nullptr || session->idleSince() < longest->idleSince()) longest = session;
+    }
+    return longest != nullptr && end(sites, *longest, "another one is asked for");
+}
+
+bool Service::end(Sites& sites, EngineSession& session, std::string_view why) noexcept {
+    if (!session.end(sites, "nobody looks")) return false;
+    logLine("session left", session.name(), why);
+    forget(session);
+    return true;
+}
+
+void Service::endLater(const std::shared_ptr<EngineSession>& session, std::string why) {
+    fServer.post([this, session, why = std::move(why)](Sites& sites) {
+        static_cast<void>(end(sites, *session, why));
     });
 }
 
@@ -174,15 +209,35 @@ std::vector<std::shared_ptr<EngineSession>> Service::sessions() const {
     return sessions;
 }
 
+void Service::boundMemory(const std::vector<std::shared_ptr<EngineSession>>& all) const {
+    std::size_t held = 0;
+    std::size_t most = 0;
+    EngineSession* largest = nullptr;
+    for (const auto& session : all) {
+        const auto one = session->held();
+        held += one;
+        if (one <= most) continue;
+        most = one;
+        largest = session.get();
+    }
+    if (held > fMostMemory) largest->holdAtMost(most - std::min(most, held - fMostMemory));
+}
+
 void Service::tick(TimePoint now) noexcept {
     try {
         const auto all = sessions();
         for (const auto& session : all) session->tick(now);
+        boundMemory(all);
         if (now < fNextLook) return;
         fNextLook = now + kLook;
         forgetSilent(now);
         for (const auto& session : all) {
-            if (session->idle(now) >= kIdle) endIdle(session);
+            session->look(now);
+            if (session->hasFailed()) {
+                endLater(session, "it cannot be served");  // a page that asks has it tried again
+            } else if (now - session->idleSince() >= kIdle) {
+                endLater(session, "no page for a minute");
+            }
         }
     } catch (...) {
         fContext->log.writeCaught("the sessions' time");

@@ -78,14 +78,29 @@ class Service {
 
     void beat(std::string_view subject, std::string_view bytes);
     [[nodiscard]] bool isHeard(std::string_view name) const;
-    /// The gateway's thread.
-    [[nodiscard]] std::shared_ptr<kirogateway::Site> follow(std::string_view prefix);
-    void endIdle(const std::shared_ptr<EngineSession>& session);
+
+    // --- The gateway's thread ---
+
+    [[nodiscard]] std::shared_ptr<kirogateway::Site> follow(kirogateway::Sites& sites,
+                                                            std::string_view prefix);
+    /// Ends the session that has had no page for longest. Returns whether there was one.
+    [[nodiscard]] bool makeRoom(kirogateway::Sites& sites);
+    /// Returns whether it has been ended.
+    bool end(kirogateway::Sites& sites, EngineSession& session, std::string_view why) noexcept;
+
+    // --- Any thread ---
+
+    /// Ends a session a moment later, if it has no page then.
+    void endLater(const std::shared_ptr<EngineSession>& session, std::string why);
     void forget(const EngineSession& session) noexcept;
     [[nodiscard]] std::vector<std::shared_ptr<EngineSession>> sessions() const;
     void forgetSilent(TimePoint now);
 
+    /// Has the session with most give so much up that all together hold no more than they may.
+    void boundMemory(const std::vector<std::shared_ptr<EngineSession>>& all) const;
+
     const std::size_t fMostSessions;
+    const std::size_t fMostMemory;
     kirolink::Cluster& fCluster;
     const std::shared_ptr<kirogateway::Context> fContext;
     const std::shared_ptr<kirogateway::Wakeup> fWakeup;

@@ -19,9 +19,11 @@ namespace {
 namespace po = boost::program_options;
 
 constexpr const char* kKeys[] = {
-    "name",     "address",        "port",        "tls", "certificate", "key",      "public",
-    "gateways", "servers",        "credentials", "ca",  "cluster-tls", "sessions", "pages",
-    "memory",   "status-address", "status-port",
+    "name",        "address",       "port",       "tls",
+    "certificate", "key",           "public",     "gateways",
+    "servers",     "credentials",   "ca",         "cluster-tls",
+    "sessions",    "pages",         "memory",     "status-address",
+    "status-port", "session-pages", "all-memory",
 };
 
 constexpr const char* kHelp =
@@ -40,7 +42,10 @@ constexpr const char* kHelp =
                   lose this one
   sessions        how many are followed at a time (100)
   pages           how many are connected at a time (1000)
+  session-pages   how many of one session (half of pages)
   memory          MiB that may wait for the pages of one session (1024)
+  all-memory      MiB that may wait for the pages of all sessions (4096); beyond it pages of the
+                  session with most have to go
   status-address  numeric address for /healthz and /metrics (127.0.0.1)
   status-port     port for them (a free one)
 )";
@@ -184,7 +189,9 @@ Settings readSettings(std::istream& lines, const std::string& source) {
     readCluster(values, settings);
     settings.sessions = values.number("sessions", 1, kMost, settings.sessions);
     settings.pages = values.number("pages", 1, kMost, settings.pages);
+    settings.sessionPages = values.number("session-pages", 1, kMost, 0);
     settings.memory = values.number("memory", 1, kMost, settings.memory >> 20U) << 20U;
+    settings.allMemory = values.number("all-memory", 1, kMost, settings.allMemory >> 20U) << 20U;
     settings.statusAddress = numericAddress(values, "status-address");
     settings.statusPort = static_cast<std::uint16_t>(values.number("status-port", 0, kMostPort, 0));
     return settings;

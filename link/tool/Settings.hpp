@@ -33,7 +33,13 @@ struct Settings {
 
     std::size_t sessions = 100;                     ///< followed at a time
     std::size_t pages = 1000;                       ///< connected at a time, over all sessions
+    std::size_t sessionPages = 0;                   ///< of one session; 0: half of `pages`
     std::size_t memory = std::size_t{1024} << 20U;  ///< bytes that may wait for one session's pages
+    std::size_t allMemory = std::size_t{4096} << 20U;  ///< the same over all sessions
+
+    [[nodiscard]] std::size_t pagesOfOne() const noexcept {
+        return sessionPages > 0 ? sessionPages : (pages + 1) / 2;
+    }
 };
 
 /// Reads lines "key = value"; "#" begins a comment. `source` names them in complaints. Throws

@@ -123,13 +123,13 @@ std::string metricsText(const ServiceReport& report) {
 /// One connection, for one request.
 class StatusServer::Connection : public std::enable_shared_from_this<Connection> {
   public:
-    Connection(tcp::socket socket, StatusServer& server)
-        : fStream(std::move(socket)), fServer(server) {
-        ++fServer.fConnections;
+    Connection(tcp::socket socket, std::shared_ptr<Shared> shared)
+        : fStream(std::move(socket)), fShared(std::move(shared)) {
+        ++fShared->connections;
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    ~Connection() { --fServer.fConnections; }
+    ~Connection() { --fShared->connections; }
 
     void start() {
         fStream.expires_after(kPatience);
@@ -151,9 +151,9 @@ class StatusServer::Connection : public std::enable_shared_from_this<Connection>
         if (!isRead) {
             say(http::status::method_not_allowed, "GET or HEAD\n");
         } else if (target == "/metrics") {
-            say(http::status::ok, metricsText(fServer.fReport()));
+            say(http::status::ok, metricsText(fShared->report()));
         } else if (target == "/healthz") {
-            const bool isWell = fServer.fReport().isConnected;
+            const bool isWell = fShared->report().isConnected;
             isWell ? say(http::status::ok, "well\n")
                    : say(http::status::service_unavailable, "not connected to the cluster\n");
         } else {
@@ -173,7 +173,7 @@ class StatusServer::Connection : public std::enable_shared_from_this<Connection>
     }
 
     beast::tcp_stream fStream;
-    StatusServer& fServer;
+    const std::shared_ptr<Shared> fShared;
     beast::flat_buffer fBuffer{8192};
     http::request<http::string_body> fRequest;
     http::response<http::string_body> fResponse;
@@ -182,20 +182,26 @@ class StatusServer::Connection : public std::enable_shared_from_this<Connection>
 StatusServer::StatusServer(boost::asio::io_context& context, const std::string& address,
                            std::uint16_t port, std::function<ServiceReport()> report)
     : fAcceptor(kirogateway::listenOn(context, optionsOf(address, port))),
-      fReport(std::move(report)) {
+      fShared(std::make_shared<Shared>(Shared{std::move(report)})) {
     accept();
+}
+
+void StatusServer::tick() {
+    if (!fIsAccepting) accept();
 }
 
 void StatusServer::accept() {
     fAcceptor.async_accept([this](beast::error_code error, tcp::socket socket) {
-        if (error == boost::asio::error::operation_aborted) return;
+        fIsAccepting = false;
+        if (error) return;  // out of descriptors, most likely: to try at once would be to spin
         // One too many is closed unanswered.
-        if (!error && fConnections < kMostConnections) {
+        if (fShared->connections < kMostConnections) {
             kirogateway::closeOnExec(socket.native_handle());
-            std::make_shared<Connection>(std::move(socket), *this)->start();
+            std::make_shared<Connection>(std::move(socket), fShared)->start();
         }
         accept();
     });
+    fIsAccepting = true;
 }
 
 }  // namespace link_tool

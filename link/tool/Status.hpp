@@ -24,15 +24,22 @@ class StatusServer {
     StatusServer(boost::asio::io_context& context, const std::string& address, std::uint16_t port,
                  std::function<ServiceReport()> report);
     [[nodiscard]] std::uint16_t port() const { return fAcceptor.local_endpoint().port(); }
+    /// To be called about every 50 ms: accepts again when that failed. Throws std::bad_alloc.
+    void tick();
 
   private:
     class Connection;
+    /// What connections use. A context destroys theirs when this server may be gone.
+    struct Shared {
+        const std::function<ServiceReport()> report;
+        std::size_t connections = 0;
+    };
 
     void accept();
 
     boost::asio::ip::tcp::acceptor fAcceptor;
-    const std::function<ServiceReport()> fReport;
-    std::size_t fConnections = 0;
+    const std::shared_ptr<Shared> fShared;
+    bool fIsAccepting = false;
 };
 
 }  // namespace link_tool

@@ -1,13 +1,11 @@
 // kiroweb-gateway: serves the pages of engines on other machines.
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <boost/program_options.hpp>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -87,20 +85,19 @@ void serve(const Settings& settings) {
     logLine("serving", {}, service.address());
     logLine("status", {}, "http://" + host + ":" + std::to_string(status.port()));
 
-    asio::steady_timer timer(context);
-    const std::function<void()> tick = [&] {
-        service.tick(steady_clock::now());
-        timer.expires_after(kTick);
-        timer.async_wait([&tick](const boost::system::error_code& error) {
-            if (!error) tick();
-        });
-    };
-    tick();
     signals.async_wait([&context](const boost::system::error_code&, int signal) {
         logLine("stopping", {}, signal == SIGTERM ? "SIGTERM" : "SIGINT");
         context.stop();
     });
-    context.run();
+    while (!context.stopped()) {
+        service.tick(steady_clock::now());
+        try {
+            context.run_for(kTick);
+            status.tick();
+        } catch (const std::exception& error) {
+            logLine("the status was not told", {}, error.what());
+        }
+    }
     service.stop();
     logLine("stopped");
 }

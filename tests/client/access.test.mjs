@@ -101,3 +101,14 @@ test("A page without a token, or with a wrong one, says what to do, and takes th
     socket.terminate();
     assert.deepEqual((await gateway.peer()).offered, offered);
 });
+
+test("Addresses elsewhere at which nobody is say nothing about the token", async () => {
+    const { heard } = fixture;
+    const access = { token: async () => "good", isServed: async () => true };
+    const gateways = [1, 2].map((port) => `ws://127.0.0.1:${port}/kiroweb`);
+    const { socket } = await fixture.connect({ access }, { gateways });
+    socket.close(1001, "gateway stopped");
+    const refused = heard.until("state", "refused").then(() => "refused");
+    const peer = await Promise.race([fixture.gateway.peer(), refused]);
+    assert.notEqual(peer, "refused");
+});

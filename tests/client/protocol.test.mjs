@@ -150,6 +150,8 @@ test("A page whose gateway is lost, or stops, goes to another one with its token
         const options = { token: "good" };
         let peer = await fixture.connect(options, { gateways });
         peer.socket.terminate();
+        let attempts = 0;
+        gateway.refuses = () => ++attempts === 1; // a short outage
         peer = await fixture.peer({ kind: "return", gateways });
         assert.equal(peer.hello.view, "v1", "to the same one first");
         gateway.stop();

@@ -1,10 +1,12 @@
 // Several sites on one server: engines that know nothing of each other, each with its own pages.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/json.hpp>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "Collector.hpp"
@@ -23,6 +25,7 @@ class NotedBus final : public Bus, public relay::TransportLink {
     relay::TransportLink& texts() noexcept override { return *this; }
     void deliver(const std::string& channel, relay::Publication::Text text,
                  std::shared_ptr<const void>) override {
+        fIsFull = *text == "the last for now";
         fEvents.add(channel + " " + *text);
     }
     bool send(const std::string& channel, std::string_view block) override {
@@ -35,7 +38,14 @@ class NotedBus final : public Bus, public relay::TransportLink {
     void pages(std::size_t count) noexcept override {
         fEvents.add("pages " + std::to_string(count));
     }
+    bool hasRoom() const noexcept override {
+        ++fAsked;
+        return !fIsFull;
+    }
     std::string take() { return fEvents.take(); }
+
+    std::atomic<bool> fIsFull{false};
+    mutable std::atomic<int> fAsked{0};
 
   private:
     support::Collector<std::string> fEvents;
@@ -68,10 +78,12 @@ class SitesTest : public testing::Test {
         fServer = std::make_unique<Server>(context, fWakeup);
         fAccess.port = fServer->port();
         auto root = makeSite("", nullptr);
-        fServer->start(Sites(root, [this](std::string_view prefix) -> std::shared_ptr<Site> {
-            if (prefix != "/s/a" && prefix != "/s/b") return nullptr;
-            return makeSite(std::string(prefix), nullptr);
-        }));
+        fServer->start(
+            Sites(root, [this](Sites&, std::string_view prefix) -> std::shared_ptr<Site> {
+                ++fMade;
+                if (prefix != "/s/a" && prefix != "/s/b") return nullptr;
+                return makeSite(std::string(prefix), nullptr);
+            }));
     }
     /// One that lets pages in with `secrets`, or nobody yet.
     std::shared_ptr<Site> makeSite(const std::string& prefix, std::shared_ptr<Secrets> secrets,
@@ -125,6 +137,7 @@ class SitesTest : public testing::Test {
     std::map<std::string, NotedBus> fBuses;
     gatewaytest::Access fAccess;
     std::unique_ptr<Server> fServer;
+    std::atomic<int> fMade{0};  ///< sites that were asked for
 };
 
 bool hasStatus(const std::string& head, const std::string& status) {
@@ -188,6 +201,31 @@ TEST_F(SitesTest, ServeTheirPageBeforeTheEngineIsReached) {
     open("/s/a");
     EXPECT_EQ(get("/s/a/").find(later), std::string::npos);
     join("/s/a");
+}
+
+TEST_F(SitesTest, AreNotMadeForAForeignHost) {
+    start();
+    const auto head = ask("GET /s/a/ HTTP/1.1\r\nHost: elsewhere.example\r\n\r\n").readHead();
+    EXPECT_TRUE(hasStatus(head, "403")) << head;
+    EXPECT_EQ(fMade, 0);
+}
+
+TEST_F(SitesTest, ReadNoMoreWhileTheEngineTakesNothing) {
+    start();
+    open("/s/a");
+    auto page = join("/s/a");
+    auto& bus = fBuses["/s/a"];
+    for (const char* text : {"the last for now", "more"}) {
+        page.sendText(R"({"t":"publish","channel":"/up","text":")" + std::string(text) + "\"}");
+    }
+    for (const char* told : {"pages 1", "first 1", "/up the last for now"}) {
+        EXPECT_EQ(bus.take(), told);
+    }
+    const int asked = bus.fAsked;
+    while (bus.fAsked < asked + 3) std::this_thread::yield();
+    EXPECT_TRUE(bus.fIsFull) << "nothing came after the last";
+    bus.fIsFull = false;
+    EXPECT_EQ(bus.take(), "/up more");
 }
 
 TEST_F(SitesTest, HaveSoManyConnectionsTogether) {

@@ -161,6 +161,9 @@ TEST(Frames, ThatAreMalformedAreRefused) {
         {"half a presence", header(9, number(1))},
         {"a token's hash that is none", changed(welcome, 28 + 16, 'G')},
         {"a configuration beyond the frame", changed(welcome, 28 + 16 + 64 + 2, '\x7f')},
+        {"more lanes than are allowed",
+         writeFrame({}, frame::Welcome{Description{
+                            "{}", {}, {}, {}, {33, {"/c"}}, std::string(64, 'a'), 0, 0}})},
         {"a half welcome", welcome.substr(0, welcome.size() - 1)},
         {"ranges that overlap", ask({1, 5, 5, 6})},
         {"ranges out of order", ask({4, 5, 1, 2})},

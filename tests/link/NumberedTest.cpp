@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "BlockWaits.hpp"
+#include "Inbox.hpp"
 #include "NumberedReceiver.hpp"
 #include "SendWindow.hpp"
 
@@ -85,6 +86,21 @@ TEST(BlockWaits, HearThoseOnlyWhoWereThere) {
     waits.answered(2, 7, BlockOutcome::kRefused);
     EXPECT_THAT(ends, ElementsAre(BlockEnd::kDelivered));
     EXPECT_EQ(count, 1);
+}
+
+TEST(Inboxes, LeaveRoomForTheOthers) {
+    Inbox inbox;
+    const std::string mebibyte(std::size_t{1} << 20U, 'x');
+    for (int i = 0; i < 100; ++i) inbox.put("a", mebibyte, 0us);
+    EXPECT_EQ(inbox.lost(), 85U);
+    inbox.put("b", "", 0us);
+    EXPECT_EQ(inbox.lost(), 85U);
+    EXPECT_EQ(inbox.take()->gateway, "a");
+    inbox.put("a", mebibyte, 0us);  // where one was
+    EXPECT_EQ(inbox.lost(), 85U);
+    int count = 0;
+    while (inbox.take()) ++count;
+    EXPECT_EQ(count, 16);
 }
 
 TEST(SendWindows, FollowTheLine) {

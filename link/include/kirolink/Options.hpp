@@ -28,7 +28,7 @@ struct Options {
     std::vector<std::string> mayPublish;
     std::vector<std::string> maySubscribe;
     std::vector<std::string> blockChannels{"/*"};
-    std::vector<std::vector<std::string>> lanes;
+    std::vector<std::vector<std::string>> lanes;  ///< at most 32
     std::string newViewChannel;
     std::string reconnectChannel;
     /// What lets a page in, so that links stay over restarts: at least 32 letters and digits that
@@ -37,7 +37,7 @@ struct Options {
     std::size_t pieceSize = 0;  ///< of blocks to pages, as `kirogateway::Limits`; 0: as usual
 
     /// Bytes that are kept for gateways that do not have them yet; at least 1 MiB. The gateway that
-    /// holds up more is dropped. A block larger than half of it is given back.
+    /// holds up more is dropped. A block larger than half of it, or than 256 MiB, is given back.
     std::size_t memory = std::size_t{256} << 20U;
 
     /// Called each time the last page has gone, on the link's thread. It must not destroy the link.

@@ -30,6 +30,7 @@ using std::chrono::seconds;
 namespace {
 
 const std::string kToken(32, 't');
+const std::string kConfiguration = R"({"title":"wind"})";
 
 struct Unheeded final : BlockWait {
     void finished(bool) noexcept override {}
@@ -37,14 +38,16 @@ struct Unheeded final : BlockWait {
 
 /// An engine elsewhere, which notes what it hears.
 struct Engine final : EngineHost {
-    Engine(Cluster& cluster, const std::string& session, const Surroundings& surroundings)
+    Engine(Cluster& cluster, const std::string& session, const std::string& configuration,
+           const Surroundings& surroundings)
         : end(
-              cluster, settingsOf(session), *this, [] {}, surroundings) {}
+              cluster, settingsOf(session, configuration), *this, [] {}, surroundings) {}
 
-    static EngineEnd::Settings settingsOf(const std::string& session) {
+    static EngineEnd::Settings settingsOf(const std::string& session,
+                                          const std::string& configuration) {
         EngineEnd::Settings settings;
         settings.session = session;
-        settings.description.configuration = R"({"title":"wind"})";
+        settings.description.configuration = configuration;
         settings.description.maySubscribe = {"/fig/*"};
         settings.description.mayPublish = {"/up"};
         settings.description.blockChannels = {"/*"};
@@ -82,6 +85,11 @@ class ServiceTest : public testing::Test {
         fSettings.port = 0;
         fSettings.sessions = 2;
         fSettings.others = {"http://west.example:9"};
+        start();
+    }
+
+    void start() {
+        fService = nullptr;
         fService = std::make_unique<Service>(fSettings, fCluster, surroundings());
         fAccess.port = fService->port();
     }
@@ -92,10 +100,10 @@ class ServiceTest : public testing::Test {
         surroundings.random = [this] { return ++fRandom; };
         return surroundings;
     }
-    Engine& begin(const std::string& session) {
+    Engine& begin(const std::string& session, const std::string& configuration = kConfiguration) {
         auto& engine = fEngines[session];
         engine = nullptr;
-        engine = std::make_unique<Engine>(fCluster, session, surroundings());
+        engine = std::make_unique<Engine>(fCluster, session, configuration, surroundings());
         run(milliseconds(500));
         return *engine;
     }
@@ -130,8 +138,8 @@ class ServiceTest : public testing::Test {
         return peer;
     }
     /// The session's engine is there, and followed.
-    Engine& follow(const std::string& session) {
-        auto& engine = begin(session);
+    Engine& follow(const std::string& session, const std::string& configuration = kConfiguration) {
+        auto& engine = begin(session, configuration);
         static_cast<void>(get("/s/" + session + "/"));
         run(milliseconds(500));
         return engine;
@@ -184,10 +192,13 @@ TEST_F(ServiceTest, FollowsASessionOnceAPageAsksForIt) {
     EXPECT_TRUE(hasStatus(get("/s/sea/"), "404"));
     follow("sea");
     begin("sky");
-    EXPECT_TRUE(hasStatus(get("/s/sky/"), "404")) << "two may be followed";
+    EXPECT_TRUE(hasStatus(get("/s/sky/"), "200")) << "in place of the one that has no page";
+    run(milliseconds(500));
+    const auto third = join("sky");
+    EXPECT_TRUE(hasStatus(get("/s/sea/"), "404")) << "two may be followed";
     const auto now = report();
     EXPECT_EQ(std::vector({now.known, now.followed, now.joined, now.pages}),
-              (std::vector<std::size_t>{3, 2, 2, 2}));
+              (std::vector<std::size_t>{3, 2, 2, 3}));
 }
 
 TEST_F(ServiceTest, LetsPagesGoBetweenGateways) {
@@ -248,6 +259,48 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
     EXPECT_EQ(engine.end.statistics().blocksNobody, 1U);
 }
 
+TEST_F(ServiceTest, HoldsNoMoreForAllSessionsThanItMay) {
+    fSettings.allMemory = std::size_t{1} << 20U;
+    start();
+    auto& sea = follow("sea");
+    auto& wind = follow("wind");
+    auto page = join("sea");
+    const auto deaf = join("wind");
+    const std::string text(std::size_t{1} << 20U, 'x');
+    while (report().pages > 1) {
+        wind.end.down()->text("/fig/1", text);
+        run(milliseconds(50));
+    }
+    sea.end.down()->text("/fig/1", "calm");
+    run(milliseconds(100));
+    EXPECT_EQ(page.readRecords(1).at(0).text, "calm");
+}
+
+TEST_F(ServiceTest, GivesEachSessionItsShareOfPages) {
+    fSettings.sessionPages = 1;
+    start();
+    for (const char* session : {"wind", "sea"}) follow(session);
+    auto page = join("wind");
+    const auto other = join("sea");
+    const auto next = [this] {
+        Peer peer(fAccess);
+        return upgrade(peer, "wind");
+    };
+    EXPECT_TRUE(hasStatus(next(), "503"));
+    page.cut();
+    while (!hasStatus(next(), "101")) {
+    }
+}
+
+TEST_F(ServiceTest, LetsGoOfASessionThatItCannotServe) {
+    follow("wind", "[]");
+    run(seconds(2));
+    EXPECT_TRUE(hasStatus(get("/elsewhere"), "404")) << "the gateway's thread has done its part";
+    EXPECT_EQ(report().followed, 0U);
+    follow("wind");
+    join("wind");
+}
+
 TEST_F(ServiceTest, TellsPagesOfTheirEngine) {
     follow("wind");
     auto page = join("wind");
@@ -304,6 +357,17 @@ TEST_F(ServiceTest, ClosesPagesWhenItStops) {
     auto page = join("wind");
     fService->stop();
     EXPECT_EQ(page.readClose(), 1001U);
+}
+
+TEST(StatusServer, MayGoBeforeItsConnections) {
+    namespace asio = boost::asio;
+    asio::io_context context;
+    auto server =
+        std::make_unique<StatusServer>(context, "127.0.0.1", 0, [] { return ServiceReport(); });
+    asio::ip::tcp::socket client(context);
+    client.connect({asio::ip::address_v4::loopback(), server->port()});
+    EXPECT_EQ(context.run_one(), 1U) << "it is accepted, and has said nothing";
+    server.reset();
 }
 
 TEST_F(ServiceTest, MeasuresWithoutNamingAnybody) {

@@ -43,7 +43,8 @@ TEST(Settings, SayWhatTheFileSays) {
     const auto given = read(kGood +
                             "address = ::1\nport = 1\nca = d\ncluster-tls = off\nmemory = 3\n"
                             "public = https://plots.example:8443\ngateways = https://b:1,http://c\n"
-                            "status-address = 0.0.0.0\nstatus-port = 9\nsessions = 7\npages = 8\n");
+                            "status-address = 0.0.0.0\nstatus-port = 9\nsessions = 7\npages = 8\n"
+                            "session-pages = 6\nall-memory = 5\n");
     EXPECT_EQ(given.address, "::1");
     EXPECT_EQ(given.publicAddress, "https://plots.example:8443");
     EXPECT_EQ(given.others, (std::vector<std::string>{"https://b:1", "http://c"}));
@@ -51,8 +52,9 @@ TEST(Settings, SayWhatTheFileSays) {
     EXPECT_TRUE(given.cluster.isPlainAllowed);
     EXPECT_EQ(given.statusAddress, "0.0.0.0");
     EXPECT_EQ((std::vector<std::size_t>{given.port, given.statusPort, given.sessions, given.pages,
-                                        given.memory}),
-              (std::vector<std::size_t>{1, 9, 7, 8, 3UL << 20U}));
+                                        given.memory, given.pagesOfOne(), given.allMemory}),
+              (std::vector<std::size_t>{1, 9, 7, 8, 3UL << 20U, 6, 5UL << 20U}));
+    EXPECT_EQ(usual.pagesOfOne(), 500U);
 }
 
 TEST(Settings, NameWhatIsWrong) {
