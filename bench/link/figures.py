@@ -54,7 +54,7 @@ class Bench:
     def __init__(self, folder: str, quick: bool):
         self.seconds = 1 if quick else 8
         self.rounds = 1 if quick else 2
-        self.pages_of_two = 50 if quick else 1000
+        self.most_pages = 50 if quick else 1000
         self.sessions = 10 if quick else SESSIONS
         names = tuple(f"g{i}" for i in range(1, GATEWAYS + 1))
         sessions = tuple(f"s{i}" for i in range(1, SESSIONS + 1))
@@ -163,25 +163,26 @@ class Bench:
                   wanted=1.3)
 
     def many_pages(self) -> None:
-        publishes, growth = [], 0
+        publishes, growth = {}, 0
         with contextlib.ExitStack() as all:
             gateways = all.enter_context(self.gateways(2))
             engine = all.enter_context(self.engine(texts=40, blocks=0.01))
-            pages = [all.enter_context(self.pages(i, 1)) for i in (1, 2)]
-            for more in (0, self.pages_of_two // 2 - 1):
+            pages = []
+            there = 0
+            for now in (2, self.most_pages // 4, self.most_pages):
+                more, there = (now - there) // 2, now
                 before = sum(map(memory, gateways))
-                if more > 0:
-                    pages += [all.enter_context(self.pages(i, more)) for i in (1, 2)]
+                for i in (1, 2):
+                    pages.append(all.enter_context(self.pages(i, more)))
                 self.settle(engine, *pages)
-                if more > 0:
-                    growth = (sum(map(memory, gateways)) - before) / 2 / more
-                publishes.append(self.stream(f"pages, {2 + 2 * more}", engine, gateways, *pages)["publish"])
+                growth = (sum(map(memory, gateways)) - before) / (2 * more)
+                publishes[now] = self.stream(f"pages, {now}", engine, gateways, *pages)["publish"]
         print_row("page, two gateways", "kB", growth / 1000, self.embedded_page() / 1000)
-        print_row(f"publish p99, {self.pages_of_two}", "us", publishes[1], publishes[0])
+        print_row(f"publish p99, {self.most_pages}", "us", publishes[self.most_pages], publishes[2])
 
     def embedded_page(self) -> float:
         """Bytes of a page at a gateway in the engine's process."""
-        more = self.pages_of_two // 5 - 1
+        more = self.most_pages // 5 - 1  # it takes 250
         with self.engine(linkFile="") as engine, self.pages(1, 1, link=engine.link) as first:
             self.settle(engine, first)
             before = memory(engine.process)
@@ -227,6 +228,7 @@ def main() -> None:
                     getattr(bench, name)()
         finally:
             bench.cluster.kill(*bench.cluster.running)
+    sys.exit(int(bool(load.findings)))
 
 
 if __name__ == "__main__":
