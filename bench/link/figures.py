@@ -39,7 +39,7 @@ def memory(process: subprocess.Popen) -> int:
     return int(pathlib.Path(f"/proc/{process.pid}/statm").read_text().split()[1]) * PAGE_SIZE
 
 
-def print_row(figure, unit, measured, floor=None, wanted=None, as_cost=True) -> None:
+def print_row(figure, unit, measured, floor=None, wanted=None) -> None:
     """As `kiroweb_link_bench` prints them; what is wanted is the most that the ratio may be."""
     row = f"{figure:<20} {unit:<13} {measured:10.1f}"
     if floor is not None:
@@ -88,8 +88,8 @@ class Bench:
         """At the gateway of that number."""
         port = self.cluster.ports[f"gateway-g{number}"]
         link = link or f"http://127.0.0.1:{port}/s/{session}/#token={TOKEN}"
-        program = load.pages(link, name=f"at {number}", pages=pages, seed=number, mayLose=True, mayEnd=True)
-        return self.ending(program)
+        return self.ending(load.pages(link, name=f"{session}-{number}-{pages}-", pages=pages, seed=number,
+                                      mayLose=True, mayEnd=True))
 
     @contextlib.contextmanager
     def ending(self, program: load.Program):
@@ -111,6 +111,14 @@ class Bench:
             each.ask("settle")
         self.until(lambda: engine.ask("report")["gateway"]["pages"] > 0, "the engine knows its pages")
 
+    def took(self, groups: dict) -> dict:
+        """Percent of a processor that the processes of each group have from now on, for some seconds."""
+        before, began = {name: sum(map(processor, all)) for name, all in groups.items()}, time.monotonic()
+        time.sleep(self.seconds)
+        seconds = time.monotonic() - began
+        return {name: round((sum(map(processor, all)) - before[name]) / seconds * 100, 1)
+                for name, all in groups.items()}
+
     def stream(self, name: str, engine, gateways: list, *pages) -> dict:
         """Streams, says what that took, and sees to it that the pages had all of it."""
         nodes = [self.cluster.running[f"node-{i}"] for i in (1, 2, 3)]
@@ -118,11 +126,8 @@ class Bench:
         engine.ask("go")
         time.sleep(1)
         before = engine.ask("report")
-        took = {group: -sum(map(processor, all)) for group, all in groups.items()}
         began = time.monotonic()
-        time.sleep(self.seconds)
-        for group, all in groups.items():
-            took[group] += sum(map(processor, all))
+        took = self.took(groups)
         after, seconds = engine.ask("report"), time.monotonic() - began
         last = engine.ask("rest")
         for each in pages:
@@ -130,10 +135,9 @@ class Bench:
         texts = after["texts"] - before["texts"]
         sent = {key: (after["gateway"].get(key, 0) - before["gateway"].get(key, 0)) / seconds
                 for key in ("bytesSent", "framesSent")}
-        shares = ", ".join(f"{group} {took[group] / seconds * 100:.1f} %" for group in groups)
         print(f"# {name}: {texts / seconds:.0f} texts/s, {sent['framesSent']:.0f} frames/s, "
-              f"{sent['bytesSent'] / 1000:.0f} kB/s; {shares}", flush=True)
-        return {"cost": took["engine"] / texts * 1e6, "publish": after["publishMicroseconds"]}
+              f"{sent['bytesSent'] / 1000:.0f} kB/s; {took}", flush=True)
+        return {"cost": took["engine"] / 100 * seconds / texts * 1e6, "publish": after["publishMicroseconds"]}
 
     # --- Figures ---
 
@@ -196,23 +200,21 @@ class Bench:
             names = [f"s{i}" for i in range(1, self.sessions + 1)]
             engines = [all.enter_context(self.engine(name, texts=100, blocks=1)) for name in names]
             time.sleep(3)
-            self.rest("heard", gateway)
+            self.rest("heard", gateway, engines)
             before = memory(gateway)
             pages = [all.enter_context(self.pages(1, 1, name)) for name in names]
             for engine, page in zip(engines, pages):
                 self.settle(engine, page)
             grown = (memory(gateway) - before) / self.sessions
-            self.rest("followed", gateway)
+            self.rest("followed", gateway, engines)
             print_row(f"one of {self.sessions} sessions", "kB", grown / 1000)
 
-    def rest(self, name: str, gateway) -> None:
+    def rest(self, name: str, gateway, engines: list) -> None:
         """What sessions cost in which nothing happens."""
-        all = [gateway, *(self.cluster.running[f"node-{i}"] for i in (1, 2, 3))]
-        before = list(map(processor, all))
-        time.sleep(self.seconds)
-        took = [(processor(each) - was) / self.seconds * 100 for each, was in zip(all, before)]
-        print(f"# sessions, {self.sessions} {name}: gateway {took[0]:.1f} %, nodes {sum(took[1:]):.1f} %",
-              flush=True)
+        groups = {"engines": [engine.process for engine in engines], "gateway": [gateway],
+                  "nodes": [self.cluster.running[f"node-{i}"] for i in (1, 2, 3)]}
+        took = self.took(groups)
+        print(f"# sessions, {self.sessions} {name}: {took}", flush=True)
 
 
 def main() -> None:
