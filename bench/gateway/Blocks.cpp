@@ -45,18 +45,6 @@ void sendRaw(benchmark::State& state, std::size_t count) {
     }
 }
 
-void readBlocks(Client& client, std::size_t count) {
-    for (std::size_t blocks = 0; blocks < count;) {
-        const auto frame = client.read();
-        if (frame.isText) continue;
-        std::uint32_t transfer = 0;
-        std::memcpy(&transfer, frame.payload.data() + 4, sizeof transfer);
-        client.sendText(R"({"t":"block","transfer":)" + std::to_string(transfer) +
-                        R"(,"ok":true})");
-        ++blocks;
-    }
-}
-
 void sendThroughGateway(benchmark::State& state, std::size_t count) {
     const Stage stage;
     auto client = stage.join(kBlockChannel);
@@ -70,6 +58,18 @@ void sendThroughGateway(benchmark::State& state, std::size_t count) {
 }
 
 }  // namespace
+
+void readBlocks(Client& client, std::size_t count) {
+    for (std::size_t blocks = 0; blocks < count;) {
+        const auto frame = client.read();
+        if (frame.isText) continue;
+        std::uint32_t transfer = 0;
+        std::memcpy(&transfer, frame.payload.data() + 4, sizeof transfer);
+        client.sendText(R"({"t":"block","transfer":)" + std::to_string(transfer) +
+                        R"(,"ok":true})");
+        ++blocks;
+    }
+}
 
 void sendBlocks(std::size_t count) {
     namespace binary = kiro::web::binary;

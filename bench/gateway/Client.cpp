@@ -98,9 +98,9 @@ std::size_t Socket::receive(char* to, std::size_t size) const {
 
 void Socket::sendText(std::string_view text) const { send(clientFrame(text)); }
 
-void Socket::upgrade(std::uint16_t port, const std::string& token) const {
+void Socket::upgrade(std::uint16_t port, const std::string& token, const std::string& at) const {
     const auto host = "127.0.0.1:" + std::to_string(port);
-    send("GET /kiroweb HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
+    send("GET " + at + "kiroweb HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
          "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
          "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
          "Sec-WebSocket-Protocol: kiroweb.v1, kiroweb.token." +

@@ -30,8 +30,8 @@ class Socket {
     void sendText(std::string_view text) const;
     /// Ends what other threads are sending and receiving.
     void shutDown() const;
-    /// Asks for an upgrade to WebSocket and waits until it is granted.
-    void upgrade(std::uint16_t port, const std::string& token) const;
+    /// Asks for an upgrade to WebSocket and waits until it is granted. `at` is where the page lies.
+    void upgrade(std::uint16_t port, const std::string& token, const std::string& at = "/") const;
 
   private:
     friend class Listener;

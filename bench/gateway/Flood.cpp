@@ -67,7 +67,7 @@ void frames(benchmark::State& state, std::size_t count, const std::string& flood
     settings.drawnowTimeoutLogging = true;
     kirohost::setSettings(settings);
     const Stage stage;
-    TokenPage page(stage);
+    TokenPage page(stage.connect(TokenPage::kCommands));
     const auto pubsub = kiro::web::PubSubFactory::pubsubInstance();
     const auto heard = subscribe(pubsub, kFlood, [](const auto&, const auto&) {});
     kiro::web::StringPayload payload(sampleText());

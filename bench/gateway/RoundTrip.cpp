@@ -68,7 +68,7 @@ void echo(benchmark::State& state, std::size_t count, double quantile) {
 void flush(benchmark::State& state, std::size_t count, double quantile) {
     pin();
     const Stage stage;
-    TokenPage page(stage);
+    TokenPage page(stage.connect(TokenPage::kCommands));
     page.begin(count);
     timeTrips(state, count, quantile, [&page] { page.flush(); });
 }

@@ -1,6 +1,7 @@
 #include "TokenPage.hpp"
 
 #include <string_view>
+#include <utility>
 
 #include "kiro/web/BootstrappingCommandSender.hpp"
 #include "kiro/web/JSONPayload.hpp"
@@ -29,8 +30,8 @@ void returnTokens(Client& client, std::size_t count) {
 
 }  // namespace
 
-TokenPage::TokenPage(const Stage& stage)
-    : fClient(stage.join(kCommands)),
+TokenPage::TokenPage(Socket page)
+    : fClient(std::move(page)),
       fSender(std::make_shared<kiro::web::BootstrappingCommandSender>(kCommands)),
       fStatus(std::make_shared<kiro::web::ConnectionStatus>("/bench/flush/reconnect",
                                                             "/bench/flush/newView")) {

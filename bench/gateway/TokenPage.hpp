@@ -20,7 +20,8 @@ class TokenPage {
   public:
     inline static const std::string kCommands = "/bench/flush";
 
-    explicit TokenPage(const Stage& stage);
+    /// REQUIRES: `page` has been greeted and hears the commands' channel.
+    explicit TokenPage(Socket page);
     /// Waits until the page has returned all that it was told to.
     ~TokenPage();
     TokenPage(const TokenPage&) = delete;

@@ -110,15 +110,18 @@ class Engine {
 
   private:
     static constexpr milliseconds kMostLate{100};
+    static constexpr std::chrono::nanoseconds kTimeUnit{100};
     using Time = std::chrono::time_point<steady_clock, std::chrono::duration<double, std::nano>>;
 
     void obey(const std::string& command) {
         if (command == "go") fNextText = fNextBlock = steady_clock::now();
+        if (command == "go") fPublishTimes.clear();
         if (command == "go" || command == "rest") fIsPublishing = command == "go";
         say({{"texts", fText.number},
              {"blocks", fBlock.number},
              {"delivered", fOutcomes->delivered.load()},
              {"givenBack", fOutcomes->givenBack.load()},
+             {"publishMicroseconds", slowPublish()},
              {"gateway", boost::json::parse(fWay.diagnostics())}});
     }
 
@@ -138,7 +141,23 @@ class Engine {
     void publishText() {
         fText = {fText.number + 1, fText.number, stamp()};
         const auto text = load::textOf(fText);
+        const auto begin = steady_clock::now();
         fService->publish(load::kTexts, {load::kTexts, text.data(), text.size()});
+        ++fPublishTimes[(steady_clock::now() - begin) / kTimeUnit];
+    }
+
+    /// What 99 of 100 publishes stayed below since the stream began.
+    [[nodiscard]] double slowPublish() const {
+        std::uint64_t all = 0;
+        for (const auto& [time, count] : fPublishTimes) all += count;
+        std::uint64_t slower = 0;
+        for (auto at = fPublishTimes.rbegin(); at != fPublishTimes.rend(); ++at) {
+            if ((slower += at->second) * 100 > all) {
+                return std::chrono::duration<double, std::micro>(kTimeUnit * (at->first + 1))
+                    .count();
+            }
+        }
+        return 0;
     }
 
     void sendBlock() {
@@ -162,8 +181,9 @@ class Engine {
     bool fIsPublishing = false;
     Time fNextText;
     Time fNextBlock;
-    load::Message fText;   ///< the last one
-    load::Message fBlock;  ///< the last one
+    load::Message fText;                                  ///< the last one
+    load::Message fBlock;                                 ///< the last one
+    std::map<std::int64_t, std::uint64_t> fPublishTimes;  ///< how many took so many units
 };
 
 }  // namespace

@@ -1,13 +1,10 @@
 """An engine, two gateways and three nodes, each a process of its own, with pages that check all that they
 get. Nodes, gateways and the engine are ended and hung while it streams."""
 
-import contextlib
 import os
 import pathlib
 import secrets
 import signal
-import socket
-import subprocess
 import sys
 import tempfile
 import time
@@ -17,21 +14,13 @@ sys.dont_write_bytecode = True
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 sys.path.insert(0, str(ROOT / "proofs/common"))
 import load  # noqa: E402
+from cluster import Cluster  # noqa: E402
 
 load.PROGRAMS = pathlib.Path(os.environ["KIROWEB_PROGRAMS"])
-os.environ["PATH"] += ":/usr/sbin"
 TEXTS, BLOCKS = 5000, 20  # a second
 SLOWNESS = float(os.environ.get("KIROWEB_SLOWNESS", "1"))  # of programs that are sanitized
 PATIENCE = 20 * SLOWNESS  # seconds; only what has failed takes as long
 PAGES = 3  # of each gateway
-
-
-def free_ports(count: int) -> list[int]:
-    with contextlib.ExitStack() as held:
-        bound = [held.enter_context(socket.socket()) for _ in range(count)]
-        for each in bound:
-            each.bind(("127.0.0.1", 0))
-        return [each.getsockname()[1] for each in bound]
 
 
 def until(what, text: str):
@@ -44,54 +33,6 @@ def until(what, text: str):
     return time.monotonic() - began
 
 
-class Cluster:
-    """Three nodes and two gateways, with their files and logs in a folder."""
-
-    def __init__(self, folder: str):
-        self.folder, self.running = pathlib.Path(folder), {}
-        ports = free_ports(8)
-        self.ports = {"node-1": ports[0], "node-2": ports[1], "node-3": ports[2],
-                      "gateway-one": ports[3], "gateway-two": ports[4]}
-        self.files("nodes", *(f"127.0.0.1:{ports[i]}:{ports[i + 5]}" for i in range(3)))
-        self.files("session", "alpha", "beta")
-        self.files("gateway", "one", "two")
-        for name in ("one", "two"):
-            self.write(f"gateway-{name}", "gateway.conf", (2, 3, 1), name=name, tls="off",
-                       port=self.ports[f"gateway-{name}"])
-
-    def files(self, *arguments: str) -> None:
-        subprocess.run([ROOT / "deploy/cluster-files", self.folder, *arguments], check=True)
-
-    def write(self, user: str, file: str, order: tuple, credentials="", **settings) -> pathlib.Path:
-        settings |= {"servers": ",".join(f"127.0.0.1:{self.ports[f'node-{i}']}" for i in order),
-                     "credentials": self.folder / (credentials or user) / "credentials",
-                     "ca": self.folder / user / "ca.pem"}
-        written = self.folder / user / file
-        written.write_text("".join(f"{key} = {value}\n" for key, value in settings.items()))
-        return written
-
-    def start(self, *names: str) -> None:
-        for name in names:
-            folder = self.folder / name
-            command = (["nats-server", "-c", "node.conf"] if name.startswith("node") else
-                       [load.PROGRAMS / "kiroweb-gateway", folder / "gateway.conf"])
-            with open(folder / "log", "ab") as log:
-                self.running[name] = subprocess.Popen(
-                    ["setpriv", "--pdeathsig", "KILL", *command], cwd=folder, stdout=log, stderr=log)
-
-    def kill(self, *names: str) -> None:
-        for name in names:
-            process = self.running.pop(name)
-            process.kill()
-            process.wait()
-
-    def signal(self, name: str, number: int) -> None:
-        self.running[name].send_signal(number)
-
-    def log(self, name: str) -> str:
-        return (self.folder / name / "log").read_text()
-
-
 class Faults(unittest.TestCase):
     """What is the same for all: everything runs and streams. Each test harms something, and all that the
     engine published afterwards has to come, in order and once."""
@@ -99,7 +40,7 @@ class Faults(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix="kiroweb-faults-")
-        cls.cluster = Cluster(cls.folder.name)
+        cls.cluster = Cluster(cls.folder.name, ("one", "two"), ("alpha", "beta"))
         cls.token = secrets.token_hex(32)
         cls.addClassCleanup(cls.folder.cleanup)
         cls.addClassCleanup(lambda: cls.cluster.kill(*cls.cluster.running))
