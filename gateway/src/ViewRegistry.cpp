@@ -275,7 +275,7 @@ void ViewRegistry::recordDisconnect(const View& view, std::string_view why) noex
     });
 }
 
-void ViewRegistry::tell(std::string_view control) {
+void ViewRegistry::tell(std::string_view control) const {
     const auto all = views();
     for (const auto& view : *all) view->sendControl(control);
 }

@@ -79,7 +79,7 @@ class ViewRegistry {
     /// Ends what has lasted too long.
     void tick(TimePoint now) noexcept;
     /// Sends all pages that are connected a control text. Throws std::bad_alloc.
-    void tell(std::string_view control);
+    void tell(std::string_view control) const;
     /// Ends all views, for good. `why` is said to their pages.
     void shut(std::string_view why = "gateway stopped") noexcept;
 
