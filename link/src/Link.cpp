@@ -116,7 +116,7 @@ kirogateway::Options gatewayOptions(const Options& options) {
 EngineEnd::Settings settingsOf(const Options& options, const std::string& token) {
     if (!subjects::isName(options.session)) {
         throw std::invalid_argument(
-            "session: it has to be 1 to 64 of letters, digits, \"_\" and \"-\"");
+            R"(session: it has to be 1 to 64 of letters, digits, "_" and "-")");
     }
     if (options.memory < std::size_t{1} << 20U) {
         throw std::invalid_argument("memory: it has to be at least 1 MiB");
