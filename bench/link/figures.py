@@ -170,7 +170,10 @@ class Bench:
         publishes, growth = {}, 0
         with contextlib.ExitStack() as all:
             gateways = all.enter_context(self.gateways(2))
+            # Before all others: on a machine of its own it would not wait for a processor.
+            load.go_first()
             engine = all.enter_context(self.engine(texts=40, blocks=0.01))
+            load.go_last()
             pages = []
             there = 0
             for now in (2, self.most_pages // 4, self.most_pages):
