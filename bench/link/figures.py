@@ -59,7 +59,7 @@ class Bench:
         names = tuple(f"g{i}" for i in range(1, GATEWAYS + 1))
         sessions = tuple(f"s{i}" for i in range(1, SESSIONS + 1))
         self.cluster = Cluster(folder, (*names, "bare"), ("bench", "bare", *sessions),
-                               pages=2000, sessions=2 * SESSIONS)
+                               {"pages": 2000, "sessions": 2 * SESSIONS})
         for session in ("bench", "bare", *sessions):
             self.cluster.write(f"session-{session}", "link.conf", (1, 2, 3), session=session)
         self.cluster.write("gateway-bare", "link.conf", (2, 3, 1), session="bare")
@@ -170,7 +170,10 @@ class Bench:
         publishes, growth = {}, 0
         with contextlib.ExitStack() as all:
             gateways = all.enter_context(self.gateways(2))
+            # Before all others: on a machine of its own it would not wait for a processor.
+            load.go_first()
             engine = all.enter_context(self.engine(texts=40, blocks=0.01))
+            load.go_last()
             pages = []
             there = 0
             for now in (2, self.most_pages // 4, self.most_pages):

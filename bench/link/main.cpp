@@ -247,52 +247,63 @@ void sendBlocks(benchmark::State& state, std::size_t count) {
 
 // --- Round trips ---
 
+/// One trip right after the other, or with pauses as between an engine's frames.
+struct Trips {
+    std::size_t count;
+    milliseconds pause;
+};
+
 /// Nanoseconds.
 template <typename Trip>
-double median(std::size_t count, const Trip& trip) {
-    std::vector<double> times(count);
+double median(const Trips& trips, const Trip& trip) {
+    std::vector<double> times(trips.count);
     for (auto& time : times) {
+        if (trips.pause.count() > 0) std::this_thread::sleep_for(trips.pause);
         const auto start = steady_clock::now();
         trip();
         time = static_cast<double>((steady_clock::now() - start).count());
     }
-    const auto middle = times.begin() + static_cast<std::ptrdiff_t>(count / 2);
+    const auto middle = times.begin() + static_cast<std::ptrdiff_t>(trips.count / 2);
     std::nth_element(times.begin(), middle, times.end());
     return *middle;
 }
 
-double flushes(Socket socket, std::size_t count) {
+double flushes(Socket socket, const Trips& trips) {
     bench::TokenPage page(std::move(socket));
-    page.begin(count);
-    return median(count, [&page] { page.flush(); });
+    page.begin(trips.count);
+    return median(trips, [&page] { page.flush(); });
 }
 
-double requests(std::size_t count) {
+double requests(const Trips& trips) {
     BareEngine sender;
     std::string request(119, 'x');  // as long as a token's command
     request.front() = Bare::kAsks;
-    return median(count, [&] {
+    return median(trips, [&] {
         sender.send(request);
         sender.receive();
     });
 }
 
+template <int kPause>
 void tripBare(benchmark::State& state, std::size_t count) {
+    const Trips trips{count, milliseconds(kPause)};
     for (auto _ : state) {
         state.SetIterationTime(1);
         const bench::Stage stage;
-        const auto embedded = flushes(stage.connect(bench::TokenPage::kCommands), count);
-        const auto bare = requests(count);
+        const auto embedded = flushes(stage.connect(bench::TokenPage::kCommands), trips);
+        const auto bare = requests(trips);
         std::printf("# request and reply %.0f ns, embedded gateway %.0f ns\n", bare, embedded);
         state.counters[bench::kValue] = bare + embedded;
     }
 }
 
+template <int kPause>
 void trip(benchmark::State& state, std::size_t count) {
+    const Trips trips{count, milliseconds(kPause)};
     for (auto _ : state) {
         state.SetIterationTime(1);
         const Engine engine;
-        state.counters[bench::kValue] = flushes(engine.join(bench::TokenPage::kCommands), count);
+        state.counters[bench::kValue] = flushes(engine.join(bench::TokenPage::kCommands), trips);
     }
 }
 
@@ -313,7 +324,8 @@ std::vector<bench::Figure> allFigures(const bench::Effort& effort) {
     using enum bench::Comparison;
     return {figure("texts", "ns/text", 200'000, sendTextsBare, sendTexts, 0.8, kRate),
             figure("1 MiB blocks", "ns/block", 300, sendBlocksBare, sendBlocks, 0.8, kRate),
-            figure("round trip, p50", "ns", 2'000, tripBare, trip, 2.0, kCost)};
+            figure("round trip, p50", "ns", 2'000, tripBare<0>, trip<0>, 2.0, kCost),
+            figure("the same, 5 ms apart", "ns", 400, tripBare<5>, trip<5>, 2.0, kCost)};
 }
 
 }  // namespace

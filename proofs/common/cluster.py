@@ -22,7 +22,7 @@ def free_ports(count: int) -> list[int]:
 class Cluster:
     """Three nodes and gateways, with their files and logs in a folder."""
 
-    def __init__(self, folder: str, gateways: tuple, sessions: tuple, **settings):
+    def __init__(self, folder: str, gateways: tuple, sessions: tuple, settings: dict):
         """`settings` are the gateways'."""
         self.folder, self.running = pathlib.Path(folder), {}
         ports = free_ports(6 + len(gateways))

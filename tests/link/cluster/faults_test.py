@@ -40,7 +40,7 @@ class Faults(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix="kiroweb-faults-")
-        cls.cluster = Cluster(cls.folder.name, ("one", "two"), ("alpha", "beta"))
+        cls.cluster = Cluster(cls.folder.name, ("one", "two"), ("alpha", "beta"), {})
         cls.token = secrets.token_hex(32)
         cls.addClassCleanup(cls.folder.cleanup)
         cls.addClassCleanup(lambda: cls.cluster.kill(*cls.cluster.running))
