@@ -41,9 +41,6 @@ Admission notYet() {
     return admission;
 }
 
-/// "wss://plot.example:8443" of "https://plot.example:8443".
-std::string socketOf(const std::string& origin) { return "ws" + origin.substr(4); }
-
 }  // namespace
 
 bool awaitsBody(const Request& request) noexcept {

@@ -61,6 +61,11 @@ struct Admission {
     bool comesLater = false;            ///< nobody gets in yet: to be asked again a second later
 };
 
+/// "wss://plot.example:8443" of "https://plot.example:8443". REQUIRES: it is an origin.
+[[nodiscard]] inline std::string socketOf(const std::string& origin) {
+    return "ws" + origin.substr(4);
+}
+
 /// What the pages of one site get in with, and what they get.
 struct Entrance {
     std::shared_ptr<const AssetTable> assets;

@@ -109,7 +109,7 @@ class ClientConnection final : public ServedConnection,
     [[nodiscard]] boost::asio::ip::tcp::socket& socket() { return fSocket->native(); }
 
     /// The request that was read, for the site that its target names.
-    [[nodiscard]] ::kirogateway::Request requestOfSite();
+    [[nodiscard]] ::kirogateway::Request requestOfSite() const;
     void readRequest();
     void onHeader(ErrorCode error);
     void onRequest(ErrorCode error);

@@ -27,15 +27,16 @@ void ClientConnection::readRequest() {
                             }));
 }
 
-::kirogateway::Request ClientConnection::requestOfSite() {
+::kirogateway::Request ClientConnection::requestOfSite() const {
     auto request = requestOf(fParser->get());
-    fSite = fContext.sites->find(request);
     request.target.remove_prefix(fSite->prefix.size());
     return request;
 }
 
 void ClientConnection::onHeader(ErrorCode error) {
-    if (error || !awaitsBody(requestOfSite())) return onRequest(error);
+    if (error) return onRequest(error);
+    fSite = fContext.sites->find(requestOf(fParser->get()));
+    if (!awaitsBody(requestOfSite())) return onRequest(error);
     http::async_read(wire(), fBuffer, *fParser,
                      handler([](ClientConnection& self, ErrorCode failed, std::size_t) {
                          self.onRequest(failed);

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "checked/Require.hpp"
+#include "text/Name.hpp"
 
 namespace kirogateway {
 
@@ -69,19 +70,11 @@ void Sites::shut() noexcept {
 }
 
 std::string_view sitePrefix(std::string_view target) noexcept {
-    constexpr std::string_view kSites = "/s/";
-    constexpr std::size_t kMostOfName = 64;
     if (!target.starts_with(kSites)) return {};
     const auto end = target.find('/', kSites.size());
     if (end == std::string_view::npos) return {};
-    const auto name = target.substr(kSites.size(), end - kSites.size());
-    const auto isOfName = [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-               c == '-' || c == '_';
-    };
-    const bool isName =
-        !name.empty() && name.size() <= kMostOfName && std::ranges::all_of(name, isOfName);
-    return isName ? target.substr(0, end) : std::string_view();
+    const auto prefix = target.substr(0, end);
+    return text::isName(prefix.substr(kSites.size())) ? prefix : std::string_view();
 }
 
 }  // namespace kirogateway

@@ -67,7 +67,9 @@ class Sites {
     std::map<std::string, std::shared_ptr<Site>, std::less<>> fNamed;
 };
 
-/// "/s/NAME" of "/s/NAME/..."; empty for another target. A name is 1 to 64 of [A-Za-z0-9_-].
+/// What prefixes begin with.
+inline constexpr std::string_view kSites = "/s/";
+/// "/s/NAME" of "/s/NAME/..."; empty for another target. A name is one by `text::isName`.
 [[nodiscard]] std::string_view sitePrefix(std::string_view target) noexcept;
 
 }  // namespace kirogateway

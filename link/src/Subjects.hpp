@@ -1,21 +1,14 @@
 #pragma once
 
-#include <algorithm>
 #include <string>
 #include <string_view>
+
+#include "text/Name.hpp"
 
 /// The subjects of one session; docs/link.md says what goes over which.
 namespace kirolink::subjects {
 
-inline constexpr std::size_t kMaxName = 64;
-
-/// Whether `name` can name a session or a gateway: 1 to 64 of A-Z, a-z, 0-9, "_" and "-".
-[[nodiscard]] inline bool isName(std::string_view name) noexcept {
-    return !name.empty() && name.size() <= kMaxName && std::ranges::all_of(name, [](char c) {
-        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-               c == '_' || c == '-';
-    });
-}
+using text::isName;
 
 [[nodiscard]] inline std::string of(const std::string& session, const char* what) {
     return "kiroweb." + session + '.' + what;

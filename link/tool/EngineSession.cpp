@@ -39,7 +39,7 @@ void guarded(kirogateway::GuardedLog& log, const char* what, const Call& call) n
 EngineSession::EngineSession(const Common& common, std::string name)
     : fCommon(common),
       fName(std::move(name)),
-      fPrefix("/s/" + fName),
+      fPrefix(std::string(kirogateway::kSites) + fName),
       fLog("session " + fName + ": "),
       fIdleSince(common.surroundings.now()) {}
 
@@ -76,7 +76,8 @@ std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
                                               std::uint64_t views) {
     std::vector<std::string> sockets;  // "wss://HOST:PORT/s/NAME/kiroweb" of "https://HOST:PORT"
     for (const auto& other : fCommon.others) {
-        sockets.push_back("ws" + other.substr(4) + fPrefix + std::string(kirogateway::kSocketPath));
+        sockets.push_back(kirogateway::socketOf(other) + fPrefix +
+                          std::string(kirogateway::kSocketPath));
     }
     auto context = std::make_shared<kirogateway::Context>(
         std::move(options), "session " + fName + ": ", fCommon.counters, std::move(sockets));

@@ -43,7 +43,6 @@ class EngineSession final : public kirolink::Follower,
     [[nodiscard]] std::shared_ptr<kirogateway::Site> begin();
 
     [[nodiscard]] const std::string& name() const noexcept { return fName; }
-    [[nodiscard]] const std::string& prefix() const noexcept { return fPrefix; }
 
     // --- One thread, not the gateway's ---
 

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <utility>
 
+#include "Beats.hpp"
 #include "Log.hpp"
 #include "OptionsCheck.hpp"
 #include "PageFiles.hpp"
@@ -15,18 +16,13 @@ namespace {
 using kirogateway::Site;
 using kirogateway::Sites;
 
-/// An engine that was not heard for so long is not there.
-constexpr std::chrono::seconds kSilenceIsEnd{10};
 /// A session without a page is followed no more after so long.
 constexpr std::chrono::seconds kIdle{60};
 constexpr std::chrono::seconds kLook{1};
 /// More than a cluster is meant to have: names that somebody makes up must not fill memory.
 constexpr std::size_t kMostHeard = 20000;
-/// Bytes; a beat is smaller. What is larger need not be read to be refused.
-constexpr std::size_t kMostOfBeat = 64;
 constexpr std::size_t kFewest = 64;
 constexpr std::size_t kMostLostViews = 10000;
-constexpr std::string_view kPrefix = "/s/";
 
 std::string hostOf(const std::string& address) { return address.substr(address.find("//") + 2); }
 
@@ -91,7 +87,7 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
         fContext->counters, fContext->options, settings.pagesOfOne(), settings.others,
         settings.name, address, std::move(surroundings)});
     fOffers.emplace(cluster, settings.name, [address](const std::string& session) {
-        return address + std::string(kPrefix) + session + "/";
+        return address + std::string(kirogateway::kSites) + session + "/";
     });
     fBeats = cluster.subscribe(
         kirolink::subjects::beat("*"),
@@ -117,10 +113,8 @@ void Service::stop() noexcept {
 // --- Sessions come -----------------------------------------------------------------------------
 
 void Service::beat(std::string_view subject, std::string_view bytes) {
-    if (bytes.size() > kMostOfBeat) return;
     const auto rest = subject.substr(subject.find('.') + 1);
     const auto name = rest.substr(0, rest.find('.'));
-    if (!kirolink::subjects::isName(name)) return;
     const auto now = fCommon->surroundings.now();
     if (!fOffers->beat(std::string(name), bytes, now)) return;
     const annotated::Lock lock(fMutex);
@@ -134,11 +128,12 @@ void Service::beat(std::string_view subject, std::string_view bytes) {
 bool Service::isHeard(std::string_view name) const {
     const annotated::Lock lock(fMutex);
     const auto found = fHeard.find(name);
-    return found != fHeard.end() && fCommon->surroundings.now() - found->second < kSilenceIsEnd;
+    return found != fHeard.end() &&
+           fCommon->surroundings.now() - found->second < kirolink::kSilenceIsEnd;
 }
 
 std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view prefix) {
-    const std::string name(prefix.substr(kPrefix.size()));
+    const std::string name(prefix.substr(kirogateway::kSites.size()));
     if (!isHeard(name)) return nullptr;
     {
         // There may have been no memory to note its site.
@@ -196,7 +191,8 @@ void Service::forget(const EngineSession& session) noexcept {
 
 void Service::forgetSilent(TimePoint now) {
     const annotated::Lock lock(fMutex);
-    std::erase_if(fHeard, [now](const auto& heard) { return now - heard.second >= kSilenceIsEnd; });
+    std::erase_if(
+        fHeard, [now](const auto& heard) { return now - heard.second >= kirolink::kSilenceIsEnd; });
 }
 
 // --- Time --------------------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include <deque>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -22,9 +23,10 @@ class LocalCluster final : public kirolink::Cluster {
     }
     std::unique_ptr<Subscription> subscribe(const std::string& subject,
                                             Listener listener) override {
+        const auto listening = std::make_shared<Listening>(subject, std::move(listener));
         const annotated::Lock lock(fMutex);
-        fListeners.push_back({subject, std::move(listener)});
-        return std::make_unique<Ended>(*this, std::prev(fListeners.end()));
+        fListeners.push_back(listening);
+        return std::make_unique<End>(*this, std::prev(fListeners.end()));
     }
     bool isConnected() const noexcept override { return isThere; }
 
@@ -32,7 +34,7 @@ class LocalCluster final : public kirolink::Cluster {
     void deliver() {
         for (;;) {
             std::pair<std::string, Bytes> message;
-            std::list<Listening> listeners;
+            Listeners listeners;
             {
                 const annotated::Lock lock(fMutex);
                 if (fQueue.empty()) return;
@@ -40,8 +42,8 @@ class LocalCluster final : public kirolink::Cluster {
                 fQueue.pop_front();
                 listeners = fListeners;
             }
-            for (const auto& [subject, listener] : listeners) {
-                if (matches(subject, message.first)) listener(message.first, *message.second);
+            for (const auto& one : listeners) {
+                if (matches(one->subject, message.first)) one->call(message.first, *message.second);
             }
         }
     }
@@ -50,21 +52,37 @@ class LocalCluster final : public kirolink::Cluster {
 
   private:
     struct Listening {
-        std::string subject;
+        Listening(std::string toSubject, Listener called)
+            : subject(std::move(toSubject)), listener(std::move(called)) {}
+
+        void call(std::string_view toSubject, std::string_view bytes) {
+            const std::scoped_lock lock(mutex);
+            if (listener != nullptr) listener(toSubject, bytes);
+        }
+        /// Waits for a call that is under way; there is none after it.
+        void end() {
+            const std::scoped_lock lock(mutex);
+            listener = nullptr;
+        }
+
+        const std::string subject;
+        std::mutex mutex;  // outside the order of locks, as a thread that calls listeners is
         Listener listener;
     };
-    class Ended final : public Subscription {
+    using Listeners = std::list<std::shared_ptr<Listening>>;
+
+    class End final : public Subscription {
       public:
-        Ended(LocalCluster& cluster, std::list<Listening>::iterator at)
-            : fCluster(cluster), fAt(at) {}
-        ~Ended() override {
+        End(LocalCluster& cluster, Listeners::iterator at) : fCluster(cluster), fAt(at) {}
+        ~End() override {
+            (*fAt)->end();
             const annotated::Lock lock(fCluster.fMutex);
             fCluster.fListeners.erase(fAt);
         }
 
       private:
         LocalCluster& fCluster;
-        const std::list<Listening>::iterator fAt;
+        const Listeners::iterator fAt;
     };
 
     /// "*" stands for one part.
@@ -84,7 +102,7 @@ class LocalCluster final : public kirolink::Cluster {
 
     annotated::Mutex fMutex;
     std::deque<std::pair<std::string, Bytes>> fQueue;
-    std::list<Listening> fListeners;
+    Listeners fListeners;
 };
 
 }  // namespace link_test
