@@ -48,23 +48,25 @@ class Cluster:
         subprocess.run([load.ROOT / "deploy/cluster-files", self.folder, *arguments], check=True)
 
     def write(self, user: str, file: str, order: tuple, credentials="", **settings) -> pathlib.Path:
-        settings |= {"servers": ",".join(f"{self.host}:{self.ports[f'node-{i}']}" for i in order),
-                     "credentials": self.folder / (credentials or user) / "credentials",
-                     "ca": self.folder / user / "ca.pem"}
+        settings = {"servers": ",".join(f"{self.host}:{self.ports[f'node-{i}']}" for i in order),
+                    "credentials": self.folder / (credentials or user) / "credentials",
+                    "ca": self.folder / user / "ca.pem"} | settings
         written = self.folder / user / file
         written.write_text("".join(f"{key} = {value}\n" for key, value in settings.items()))
         return written
 
-    def engine(self, session: str, credentials="", inside=(), order=(1, 2, 3), **settings) -> load.Program:
-        """That publishes over the cluster; `credentials` are whose, and `order` is that of its nodes."""
-        file = self.write(f"session-{session}", "link.conf", order, credentials=credentials, session=session)
+    def engine(self, session: str, credentials="", inside=(), way={}, **settings) -> load.Program:
+        """That publishes over the cluster. `credentials` are whose; `way` may have "servers"."""
+        file = self.write(f"session-{session}", "link.conf", (1, 2, 3), credentials, session=session, **way)
         defaults = {"linkFile": str(file), "token": self.token, "milliseconds": {}}
         return load.engine(inside, **defaults | settings)[0]
 
     def pages(self, gateway: str, session: str, **settings) -> load.Program:
         """Of the session, at that gateway."""
         port = self.ports[f"gateway-{gateway}"]
-        return load.pages(f"http://127.0.0.1:{port}/s/{session}/#token={self.token}", name=gateway, **settings)
+        pages = load.pages(f"http://127.0.0.1:{port}/s/{session}/#token={self.token}", name=gateway, **settings)
+        pages.ask("forgive 0")  # they may come before their gateway has reached the engine
+        return pages
 
     def start(self, *names: str) -> None:
         for name in names:
