@@ -55,6 +55,7 @@ class Storm {
     void newEngine() {
         ++fEngines;
         fSaid = 0;
+        fBlocks.clear();
         fWorld.start(fSettings);
     }
     void step() {
@@ -62,11 +63,14 @@ class Storm {
         for (auto texts = network.random(4); texts > 0; --texts) speak();
         if (network.chance() < 0.01) sayLarge();
         if (network.chance() < 0.02) {
-            fWorld.engine->send("/c/b", label() + std::string(network.random(1 << 20U), '\0'));
+            fBlocks.push_back(label());
+            fWorld.engine->send("/c/b",
+                                fBlocks.back() + std::string(network.random(1 << 20U), '\0'));
         }
         for (const auto& [name, gateway] : fWorld.gateways) {
             if (gateway->isJoined && network.chance() < 0.3) publish(*gateway);
             if (network.chance() < 0.2) answer(*gateway);
+            if (network.chance() < 0.02) gateway->end->pages(network.random(3));
         }
         const std::string who = "g" + std::to_string(1 + network.random(3));
         if (network.chance() < 0.002) network.cut(network.chance() < 0.2 ? "engine" : who);
@@ -95,16 +99,26 @@ class Storm {
             "/up", gateway.name + "." + std::to_string(joins) + "#" + std::to_string(++count));
     }
     void answer(TestGateway& gateway) {
-        for (auto& ticket : std::exchange(gateway.tickets, {})) {
+        // They are those of the blocks that came last.
+        auto line = gateway.got.rbegin();
+        for (; !gateway.tickets.empty(); gateway.tickets.pop_back(), ++line) {
+            while (!line->starts_with(kBlock)) ++line;
             const auto how = fWorld.network.random(3);
-            if (how < 2) ticket->answer(static_cast<BlockOutcome>(2 * how));
+            if (how < 2) gateway.tickets.back()->answer(static_cast<BlockOutcome>(2 * how));
+            if (how > 0) continue;
+            const auto begin = kBlock.size();
+            fDelivered.insert(line->substr(begin, line->find(' ', begin) + 1 - begin));
         }
     }
     void answerAll() {
         for (const auto& [name, gateway] : fWorld.gateways) answer(*gateway);
     }
     void check() {
-        for (const auto& end : fWorld.engine->ends) EXPECT_NE(end, "");
+        const auto& ends = fWorld.engine->ends;
+        for (std::size_t i = 0; i < ends.size(); ++i) {
+            EXPECT_NE(ends[i], "");
+            EXPECT_TRUE(ends[i] != "delivered" || fDelivered.contains(fBlocks[i])) << fBlocks[i];
+        }
         Sequence up;
         for (const auto& line : fWorld.engine->got) up.expectNext(line, "at the engine");
         for (const auto& [name, gateway] : fWorld.gateways) {
@@ -121,10 +135,14 @@ class Storm {
         EXPECT_EQ(fWorld.engine->end->statistics().waiting, 0U);
     }
 
+    static constexpr std::string_view kBlock = "block /c/b ";
+
     World fWorld;
     EngineEnd::Settings fSettings = TestEngine::usual();
     int fEngines = 0;
     std::uint64_t fSaid = 0;
+    std::vector<std::string> fBlocks;  ///< labels of those that this engine sent
+    std::set<std::string> fDelivered;  ///< labels of those of which a gateway said so
     std::map<std::string, std::pair<int, std::uint64_t>> fPublished;
 };
 
