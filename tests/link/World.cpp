@@ -34,11 +34,11 @@ class Wait final : public BlockWait {
 class Network::Line final : public Cluster {
   public:
     Line(Network& network, std::string name) : fNetwork(network), fName(std::move(name)) {
-        fNetwork.fLines.insert(this);
+        fNetwork.fLines.push_back(this);
     }
     ~Line() override {
         EXPECT_TRUE(fListeners.empty());
-        fNetwork.fLines.erase(this);
+        std::erase(fNetwork.fLines, this);
     }
     bool publish(const std::string& subject, Bytes bytes) noexcept override {
         EXPECT_LE(bytes->size(), std::size_t{1} << 20U);

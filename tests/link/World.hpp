@@ -66,7 +66,7 @@ class Network {
     std::mt19937_64 fRandom;
     std::set<std::string> fCut;
     std::multimap<TimePoint, Message> fUnderWay;
-    std::set<Line*> fLines;
+    std::vector<Line*> fLines;  ///< in the order in which they came, so that a seed is enough
     TimePoint fLineFree{};
 };
 
