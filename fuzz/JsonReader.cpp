@@ -24,8 +24,17 @@ struct Grouping : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-[[maybe_unused]] const auto previousLocale =
-    std::locale::global(std::locale(std::locale::classic(), new Grouping));
+/// While it is there. The fuzzer writes numbers, too, and reads them again.
+class GroupedDigits {
+  public:
+    GroupedDigits() {
+        static const std::locale grouping(std::locale::classic(), new Grouping);
+        std::locale::global(grouping);
+    }
+    ~GroupedDigits() { std::locale::global(std::locale::classic()); }
+    GroupedDigits(const GroupedDigits&) = delete;
+    GroupedDigits& operator=(const GroupedDigits&) = delete;
+};
 
 /// Reads `key` twice into different values: what is read does not depend on what was there, and
 /// what is not read is left alone.
@@ -91,6 +100,7 @@ void check(const JSONObject& object) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const GroupedDigits digits;
     const std::string text(data, data + size);
     const JSONObject object(text);
     check(object);
