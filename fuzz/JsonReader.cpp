@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Fuzz.hpp"
 #include "kiro/web/JSONObject.hpp"
@@ -83,6 +84,9 @@ void checkTexts(const JSONObject& object, const std::string& key) {
     const bool isID = read(object, key, id, DataID(2));
     require(isID == DataID::construct_from_string(text, expected), "an identifier is its text's");
     require(!isID || id == expected, "an identifier's value is its text's");
+    std::vector<std::string> list;
+    const bool isList = read(object, key, list, {"other"});
+    require(!isList || text.starts_with('['), "a list's text is one");
 }
 
 void check(const JSONObject& object) {
@@ -93,7 +97,7 @@ void check(const JSONObject& object) {
         checkNumbers(object, name);
         checkTexts(object, name);
         const auto nested = object.getObject(name);
-        if (nested.isValid()) check(nested);
+        if (nested.isValid()) check(JSONObject(nested));
     }
 }
 
