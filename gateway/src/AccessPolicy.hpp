@@ -74,8 +74,8 @@ struct Admission {
 
 /// What the pages of one site get in with, and what they get.
 struct Entrance {
-    std::shared_ptr<const AssetTable> assets;  ///< null: they have not come yet
-    std::shared_ptr<Secrets> secrets;          ///< null: nobody gets in yet
+    std::shared_ptr<const AssetTable> assets;
+    std::shared_ptr<Secrets> secrets;  ///< null: nobody gets in yet
     /// Origins of other servers of the same pages, which may come from there and go there.
     std::vector<std::string> others{};
     /// The one at which the site is, instead of those of the options.

@@ -159,8 +159,6 @@ std::string responseText(const Admission& admission, const Request* request,
     if (!admission.location.empty())
         text += "Location: " + std::string(admission.location) + "\r\n";
     if (admission.comesLater) text += "Retry-After: 1\r\n";
-    // A page does that by itself; where there is none yet the browser has to.
-    if (admission.comesLater && isRefusal) text += "Refresh: 1\r\n";
     if (admission.isGzip) text += "Content-Encoding: gzip\r\n";
     if (admission.variesByEncoding) text += "Vary: Accept-Encoding\r\n";
     // A host that was refused is not repeated.

@@ -7,6 +7,7 @@
 #include "OptionsCheck.hpp"
 #include "OwnOrigin.hpp"
 #include "OwnPage.hpp"
+#include "WaitingPage.hpp"
 #include "checked/Require.hpp"
 #include "secret/Sha256.hpp"
 
@@ -85,6 +86,8 @@ std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
                                               std::shared_ptr<kirogateway::Secrets> secrets,
                                               std::uint64_t views) {
     const bool isOwn = !fOrigin.empty();
+    const auto& own = fAssets != nullptr ? fAssets : fCommon.waiting;
+    const auto& assets = isOwn ? own : fCommon.assets;
     std::vector<std::string> others;
     std::vector<std::string> sockets;  // "wss://HOST:PORT/s/NAME/kiroweb" of "https://HOST:PORT"
     for (const auto& other : fCommon.others) {
@@ -100,8 +103,7 @@ std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
         fPlace, context, fCommon.wakeup, [] {}, views);
     site->access = std::make_unique<kirogateway::AccessPolicy>(
         context->options, fCommon.server.port(),
-        kirogateway::Entrance{isOwn ? fAssets : fCommon.assets, std::move(secrets),
-                              std::move(others), fOrigin});
+        kirogateway::Entrance{assets, std::move(secrets), std::move(others), fOrigin});
     site->inbound.connect(fBus);
     const annotated::Lock lock(fMutex);
     fSite = site;
@@ -174,8 +176,9 @@ bool EngineSession::pageCame(std::string bytes) noexcept {
         bytes = {};
         kirogateway::Options options;
         options.assets = std::move(*files);
-        fAssets = std::make_shared<const kirogateway::AssetTable>(
-            kirogateway::checked(std::move(options)).assets);
+        auto assets = kirogateway::checked(std::move(options)).assets;
+        assets.push_back(waitingScript());  // of two of one name the first is served
+        fAssets = std::make_shared<const kirogateway::AssetTable>(std::move(assets));
     });
     fHasFailed = fAssets == nullptr;
     return !fHasFailed;

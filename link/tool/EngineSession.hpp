@@ -20,6 +20,7 @@ struct Common {
     kirogateway::Server& server;
     std::shared_ptr<kirogateway::Wakeup> wakeup;
     std::shared_ptr<const kirogateway::AssetTable> assets;
+    std::shared_ptr<const kirogateway::AssetTable> waiting;  ///< until an engine's own have come
     std::shared_ptr<kirogateway::Counters> counters;
     kirogateway::Options options;     ///< of each session, unless its engine says otherwise
     std::size_t pages = 0;            ///< of one session that may be connected

@@ -10,6 +10,7 @@
 #include "OwnOrigin.hpp"
 #include "PageFiles.hpp"
 #include "Subjects.hpp"
+#include "WaitingPage.hpp"
 
 namespace link_tool {
 namespace {
@@ -83,9 +84,10 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
         settings.publicAddress.empty() ? root->access->address() : settings.publicAddress;
     fCommon = std::make_unique<Common>(Common{
         cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
-        fContext->counters, fContext->options, settings.pagesOfOne(), settings.others,
-        settings.name, address, settings.pageSize,
-        std::make_shared<kirogateway::Budget>(settings.allMemory / 2), std::move(surroundings)});
+        std::make_shared<const kirogateway::AssetTable>(waitingPage()), fContext->counters,
+        fContext->options, settings.pagesOfOne(), settings.others, settings.name, address,
+        settings.pageSize, std::make_shared<kirogateway::Budget>(settings.allMemory / 2),
+        std::move(surroundings)});
     fOffers.emplace(cluster, settings.name, [this](const std::string& session, bool hasPage) {
         return hear(session, hasPage);
     });
@@ -166,16 +168,18 @@ std::string Service::nameAt(std::string_view place) const {
     return found == fHosts.end() ? std::string() : found->second;
 }
 
+std::shared_ptr<EngineSession> Service::sessionOf(std::string_view name) const {
+    const annotated::Lock lock(fMutex);
+    const auto known = fSessions.find(name);
+    return known == fSessions.end() ? nullptr : known->second;
+}
+
 std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view place) {
     const auto name = nameAt(place);
     const auto heard = heardOf(name);
     if (!heard) return nullptr;
-    {
-        // There may have been no memory to note its site, and one with a page has two places.
-        const annotated::Lock lock(fMutex);
-        const auto known = fSessions.find(name);
-        if (known != fSessions.end()) return known->second->siteAt(place);
-    }
+    // There may have been no memory to note its site, and one with a page has two places.
+    if (const auto known = sessionOf(name)) return known->siteAt(place);
     if (!makeRoom(sites)) {
         fContext->peerLog.write("too many sessions are followed", name);
         return nullptr;

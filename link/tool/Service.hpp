@@ -88,6 +88,8 @@ class Service {
     [[nodiscard]] const char* claimHostLocked(const std::string& name) REQUIRES_LOCK(fMutex);
     /// Of a session that is served, and whose engine is heard.
     [[nodiscard]] std::optional<Heard> heardOf(std::string_view name) const;
+    /// One that is followed; null: none is.
+    [[nodiscard]] std::shared_ptr<EngineSession> sessionOf(std::string_view name) const;
     /// The name of the session at a place; empty: there is none.
     [[nodiscard]] std::string nameAt(std::string_view place) const;
 
