@@ -8,6 +8,7 @@
 #include "OwnPage.hpp"
 #include "TextEncoding.hpp"
 #include "checked/Require.hpp"
+#include "text/Hex.hpp"
 
 namespace kirolink {
 namespace {
@@ -143,10 +144,9 @@ std::vector<std::string> readNames(Reader& reader) {
 }
 
 std::string readHash(Reader& reader) {
-    const auto hash = reader.take(kHashSize);
-    reader.require(std::ranges::all_of(
-        hash, [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }));
-    return std::string(hash);
+    std::string hash(reader.take(kHashSize));
+    reader.require(text::isHex(hash, kHashSize));
+    return hash;
 }
 
 void read(Reader& reader, Welcome& welcome) {
