@@ -1,12 +1,14 @@
-// A frame of a link, from either end: whatever is read is within its bounds, and stays what it is
-// when it is written again.
+// A frame of a link, from either end, or a page that an engine brings: whatever is read is within
+// its bounds, and stays what it is when it is written again.
 #include "Frame.hpp"
 
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <variant>
 
 #include "Fuzz.hpp"
+#include "OwnPage.hpp"
 
 namespace {
 
@@ -34,6 +36,20 @@ void check(const frame::Body& body) {
         }
     } else if (const auto* welcome = std::get_if<frame::Welcome>(&body)) {
         require(canBeSent(welcome->session), "what came can be sent");
+    } else if (const auto* part = std::get_if<frame::Part>(&body)) {
+        require(!part->bytes.empty() && part->bytes.size() <= kPagePart, "a part is one");
+    }
+}
+
+void checkPage(std::string_view bytes) {
+    const auto files = readPage(bytes);
+    if (!files) return;
+    require(!files->empty() && files->size() <= kMostFiles, "a page has files");
+    try {
+        require(writePage(*files) == bytes, "a page is the same once more");
+    } catch (const std::invalid_argument&) {
+        for (const auto& file : *files)
+            require(file.name != "/", "only the page itself is missing");
     }
 }
 
@@ -42,7 +58,10 @@ void check(const frame::Body& body) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string bytes(data, data + size);
     const auto frame = readFrame(bytes);
-    if (!frame) return 0;
+    if (!frame) {
+        checkPage(bytes);
+        return 0;
+    }
     require(frame->header.number < kEndOfNumbers, "a number can be counted with");
     check(frame->body);
     const auto written = writeFrame(frame->header, frame->body);

@@ -49,13 +49,20 @@ bool awaitsBody(const Request& request) noexcept {
 
 AccessPolicy::AccessPolicy(const Options& options, std::uint16_t port, Entrance entrance)
     : fEntrance(std::move(entrance)),
-      fIsSecure(!options.certificateFile.empty()),
-      fHosts(hostsOf(options, port)),
+      fIsSecure(fEntrance.origin.empty() ? !options.certificateFile.empty()
+                                         : fEntrance.origin.starts_with("https:")),
+      fAddress(fEntrance.origin),
       fFrameAncestors(options.frameAncestors.empty() ? "'none'" : "") {
-    const std::string scheme = fIsSecure ? "https://" : "http://";
-    fAddress = scheme + fHosts.front();
-    for (const auto& host : fHosts) fOrigins.push_back(scheme + host);
-    fOrigins.insert(fOrigins.end(), options.extraOrigins.begin(), options.extraOrigins.end());
+    if (fAddress.empty()) {
+        fHosts = hostsOf(options, port);
+        const std::string scheme = fIsSecure ? "https://" : "http://";
+        fAddress = scheme + fHosts.front();
+        for (const auto& host : fHosts) fOrigins.push_back(scheme + host);
+        fOrigins.insert(fOrigins.end(), options.extraOrigins.begin(), options.extraOrigins.end());
+    } else {
+        fHosts = {hostOf(fAddress)};
+        fOrigins = {fAddress};
+    }
     for (const auto& origin : options.frameAncestors) fFrameAncestors += origin + ' ';
     for (const auto& origin : fEntrance.others) {
         fOrigins.push_back(origin);
@@ -73,8 +80,18 @@ Admission AccessPolicy::decide(const Request& request, TimePoint now) {
     if (request.method != "GET" && request.method != "HEAD") {
         return {405, "method not allowed", {}, kPlainText, "GET, HEAD"};
     }
+    if (!fEntrance.movedTo.empty()) return redirect(request);
     if (request.target == kSocketPath) return decideUpgrade(request);
     return serve(request);
+}
+
+Admission AccessPolicy::redirect(const Request& request) const {
+    if (request.target.substr(0, request.target.find('?')) != "/") {
+        return {404, "the page is elsewhere"};
+    }
+    Admission admission{302};
+    admission.location = fEntrance.movedTo;
+    return admission;
 }
 
 Admission AccessPolicy::serve(const Request& request) const {

@@ -55,6 +55,7 @@ struct Admission {
     std::string_view reason{};  ///< of a refusal, for log and answer; holds no secret
     std::string_view body{};    ///< what is served
     std::string_view contentType = kPlainText;
+    std::string_view location{};        ///< for 302
     std::string_view allowedMethods{};  ///< for 405
     bool isGzip = false;                ///< the body is
     bool variesByEncoding = false;      ///< another client may be answered in another encoding
@@ -66,12 +67,21 @@ struct Admission {
     return "ws" + origin.substr(4);
 }
 
+/// "plot.example:8443" of "https://plot.example:8443". REQUIRES: it is an origin.
+[[nodiscard]] inline std::string hostOf(const std::string& origin) {
+    return origin.substr(origin.find("//") + 2);
+}
+
 /// What the pages of one site get in with, and what they get.
 struct Entrance {
     std::shared_ptr<const AssetTable> assets;
     std::shared_ptr<Secrets> secrets;  ///< null: nobody gets in yet
     /// Origins of other servers of the same pages, which may come from there and go there.
     std::vector<std::string> others{};
+    /// The one at which the site is, instead of those of the options.
+    std::string origin{};
+    /// Where the page is instead; nothing else is served then.
+    std::string movedTo{};
 };
 
 /// Decides who gets in and what is served. Knows neither sockets nor a parser. Any thread.
@@ -99,6 +109,7 @@ class AccessPolicy {
     [[nodiscard]] std::optional<Admission> refuseOrigin(const Request& request) const;
     [[nodiscard]] std::optional<Admission> refuseToken(const Request& request) const;
     [[nodiscard]] Admission serve(const Request& request) const;
+    [[nodiscard]] Admission redirect(const Request& request) const;
     [[nodiscard]] Admission decideUpgrade(const Request& request) const;
     [[nodiscard]] Admission decideExchange(const Request& request, TimePoint now);
 

@@ -156,6 +156,8 @@ std::string responseText(const Admission& admission, const Request* request,
     if (!admission.allowedMethods.empty()) {
         text += "Allow: " + std::string(admission.allowedMethods) + "\r\n";
     }
+    if (!admission.location.empty())
+        text += "Location: " + std::string(admission.location) + "\r\n";
     if (admission.comesLater) text += "Retry-After: 1\r\n";
     if (admission.isGzip) text += "Content-Encoding: gzip\r\n";
     if (admission.variesByEncoding) text += "Vary: Accept-Encoding\r\n";

@@ -8,10 +8,11 @@
 
 namespace kirogateway {
 
-Site::Site(std::string thePrefix, std::shared_ptr<Context> theContext,
+Site::Site(std::string thePlace, std::shared_ptr<Context> theContext,
            const std::shared_ptr<Wakeup>& wakeup, std::function<void()> lastPageGone,
            std::uint64_t viewsBefore)
-    : prefix(std::move(thePrefix)),
+    : place(std::move(thePlace)),
+      prefix(place.starts_with('/') ? place : std::string()),
       context(std::move(theContext)),
       inbound(context),
       views(std::make_shared<ViewRegistry>(context, wakeup, inbound, std::move(lastPageGone),
@@ -19,38 +20,47 @@ Site::Site(std::string thePrefix, std::shared_ptr<Context> theContext,
       fanout(std::make_shared<Fanout>(context, views)),
       services{context, views, inbound} {}
 
-Sites::Sites(std::shared_ptr<Site> root, Finder finder)
-    : fRoot(std::move(root)), fFinder(std::move(finder)) {}
+Sites::Sites(std::shared_ptr<Site> root, Finder finder, const std::string& host)
+    : fRoot(std::move(root)),
+      fFinder(std::move(finder)),
+      fBelow(host.empty() ? host : "." + host) {}
 
 std::shared_ptr<Site> Sites::find(const Request& request) {
-    const auto prefix = sitePrefix(request.target);
-    if (prefix.empty() || (fNamed.empty() && !fFinder)) return fRoot;
-    if (auto known = at(prefix)) return known;
+    const bool isOwn = request.hosts.size() == 1 && isOwnHost(request.hosts.front());
+    const auto place = isOwn ? request.hosts.front() : sitePrefix(request.target);
+    if (place.empty() || (fNamed.empty() && !fFinder)) return fRoot;
+    if (auto known = at(place)) return known;
     // The host first: a page from elsewhere must not have sites made.
-    if (!fFinder || !fRoot->access->isForUs(request)) return fRoot;
-    auto made = fFinder(*this, prefix);
+    if (!fFinder || (!isOwn && !fRoot->access->isForUs(request))) return fRoot;
+    auto made = fFinder(*this, place);
     if (made == nullptr) return fRoot;
-    KIROWEB_REQUIRE(made->prefix == prefix && made->access != nullptr);
-    return fNamed.emplace(made->prefix, std::move(made)).first->second;
+    KIROWEB_REQUIRE(made->place == place && made->access != nullptr);
+    return fNamed.emplace(made->place, std::move(made)).first->second;
+}
+
+bool Sites::isOwnHost(std::string_view host) const {
+    if (fBelow.empty() || !host.ends_with(fBelow)) return false;
+    const auto label = host.substr(0, host.size() - fBelow.size());
+    return text::isName(label) && text::hostLabel(label) == label;
 }
 
 void Sites::put(std::shared_ptr<Site> site, std::string_view why) {
-    KIROWEB_REQUIRE(!site->prefix.empty() && site->access != nullptr);
-    auto& place = fNamed[site->prefix];
-    const auto before = std::exchange(place, std::move(site));
+    KIROWEB_REQUIRE(!site->place.empty() && site->access != nullptr);
+    auto& now = fNamed[site->place];
+    const auto before = std::exchange(now, std::move(site));
     if (before != nullptr) before->views->shut(why);
 }
 
-void Sites::remove(std::string_view prefix, std::string_view why) noexcept {
-    const auto found = fNamed.find(prefix);
+void Sites::remove(std::string_view place, std::string_view why) noexcept {
+    const auto found = fNamed.find(place);
     if (found == fNamed.end()) return;
     const auto site = std::move(found->second);
     fNamed.erase(found);
     site->views->shut(why);
 }
 
-std::shared_ptr<Site> Sites::at(std::string_view prefix) const noexcept {
-    const auto found = fNamed.find(prefix);
+std::shared_ptr<Site> Sites::at(std::string_view place) const noexcept {
+    const auto found = fNamed.find(place);
     return found == fNamed.end() ? nullptr : found->second;
 }
 
@@ -61,12 +71,12 @@ bool Sites::areViewsEmpty() const {
 
 void Sites::tick(TimePoint now) noexcept {
     fRoot->views->tick(now);
-    for (const auto& [prefix, site] : fNamed) site->views->tick(now);
+    for (const auto& [place, site] : fNamed) site->views->tick(now);
 }
 
 void Sites::shut() noexcept {
     fRoot->views->shut();
-    for (const auto& [prefix, site] : fNamed) site->views->shut();
+    for (const auto& [place, site] : fNamed) site->views->shut();
 }
 
 std::string_view sitePrefix(std::string_view target) noexcept {

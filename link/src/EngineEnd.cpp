@@ -4,8 +4,10 @@
 #include <optional>
 #include <utility>
 
+#include "Allowance.hpp"
 #include "Offers.hpp"
 #include "Overloaded.hpp"
+#include "OwnPage.hpp"
 #include "Subjects.hpp"
 #include "TextEncoding.hpp"
 #include "checked/Require.hpp"
@@ -32,6 +34,11 @@ constexpr std::size_t kMostViews = 16UL * 1024;
 /// What a text counts beside its bytes.
 constexpr std::size_t kTextPlace = 256;
 
+EngineEnd::Settings withDigest(EngineEnd::Settings settings) {
+    settings.description.page = digestOf(settings.page);
+    return settings;
+}
+
 }  // namespace
 
 /// One gateway, from its hello on.
@@ -46,6 +53,7 @@ struct EngineEnd::Gateway {
     NumberedReceiver receiver;
     Assembly assembly{kMostOfPages};
     Resends resends;
+    Allowance ofPage;  ///< for what it asks for of the session's page
     TimePoint lastHeard;
     bool isSilent = false;
     std::size_t pages = 0;
@@ -62,7 +70,7 @@ struct EngineEnd::Gateway {
 EngineEnd::EngineEnd(Cluster& cluster, Settings settings, EngineHost& host,
                      std::function<void()> wake, Surroundings surroundings)
     : fCluster(cluster),
-      fSettings(std::move(settings)),
+      fSettings(withDigest(std::move(settings))),
       fHost(host),
       fSurroundings(std::move(surroundings)),
       fEpoch(fSurroundings.random() | 1U),  // 0 is no epoch
@@ -153,7 +161,8 @@ void EngineEnd::stepOnce(TimePoint now) {
     }
     if (now >= fNextBeat) {
         fNextBeat = now + kBeat;
-        auto beat = writeFrame({fEpoch, 0, fStream->sentBelow()}, frame::Beat());
+        auto beat =
+            writeFrame({fEpoch, 0, fStream->sentBelow()}, frame::Beat{!fSettings.page.empty()});
         fCluster.publish(fBeatSubject, std::make_shared<const std::string>(std::move(beat)));
     }
     if (now < fNextCheck) return;
@@ -347,6 +356,7 @@ void EngineEnd::handleKnown(Gateway& gateway, const Frame& frame, const Inbox::L
                    [&](const frame::Presence&) { presence(gateway, frame, letter, now); },
                    [&](const frame::Ask&) { ask(gateway, frame, now); },
                    [&](const frame::Resent&) { gateway.receiver.resent(); },
+                   [&](const frame::Fetch&) { sendPart(gateway, frame.header.number, now); },
                    [&](const frame::Leave&) { drop(letter.gateway, "it has left"); },
                    [&](const frame::Texts&) { numbered(gateway, frame, letter.bytes); },
                    [&](const frame::Piece&) { numbered(gateway, frame, letter.bytes); },
@@ -388,6 +398,18 @@ void EngineEnd::ask(Gateway& gateway, const Frame& frame, TimePoint now) {
     fCounts.resends +=
         fStream->sendAgain(frame.header, std::get<frame::Ask>(frame.body), gateway.resends,
                            fCluster, subjects::to(fSettings.session, gateway.name), now);
+}
+
+void EngineEnd::sendPart(Gateway& gateway, std::uint64_t offset, TimePoint now) {
+    const std::string_view page = fSettings.page;
+    if (offset >= page.size() || offset % kPagePart != 0) {
+        ++fCounts.refusals;
+        return;
+    }
+    const auto part = page.substr(offset, kPagePart);
+    // As if it had been lost: whoever means it asks again.
+    if (!gateway.ofPage.take(part.size(), now)) return;
+    send(gateway.name, {fEpoch, gateway.incarnation, offset}, frame::Part{part});
 }
 
 void EngineEnd::numbered(Gateway& gateway, const Frame& frame, std::string_view bytes) {

@@ -62,6 +62,7 @@ class EngineEnd {
     struct Settings {
         std::string session;
         Description description;  ///< its `views` are counted here
+        std::string page;         ///< one of its own, as `writePage` makes it; empty: none
         std::size_t memory = std::size_t{256} << 20U;
     };
     struct GatewayReport {
@@ -118,6 +119,7 @@ class EngineEnd {
                      TimePoint now);
     void presence(Gateway& gateway, const Frame& frame, const Inbox::Letter& letter, TimePoint now);
     void ask(Gateway& gateway, const Frame& frame, TimePoint now);
+    void sendPart(Gateway& gateway, std::uint64_t offset, TimePoint now);
     void numbered(Gateway& gateway, const Frame& frame, std::string_view bytes);
     void take(Gateway& gateway, const frame::Body& body);
     void takePiece(Gateway& gateway, const frame::Piece& piece);

@@ -4,6 +4,8 @@
 #include <array>
 #include <type_traits>
 
+#include "Bytes.hpp"
+#include "OwnPage.hpp"
 #include "TextEncoding.hpp"
 #include "checked/Require.hpp"
 #include "text/Hex.hpp"
@@ -19,9 +21,6 @@ constexpr std::string_view kMagic = "KL\x01";  // the last byte is the version
 constexpr std::size_t kHeaderSize = 28;
 constexpr std::size_t kMaxNames = 4096;  // in a list of channels
 constexpr std::size_t kHashSize = 64;
-/// Nobody's clock is further from 1970, in microseconds; sums and differences stay far from the
-/// end of the numbers.
-constexpr std::int64_t kEndOfTime = std::int64_t{1} << 53U;
 
 // --- Base64 -------------------------------------------------------------------------------------
 
@@ -57,57 +56,6 @@ bool decodeBase64(std::string_view text, std::string* into) {
 }
 
 // --- Reading ------------------------------------------------------------------------------------
-
-/// Takes values from the front of some bytes. Once something is not there or not allowed, nothing
-/// is.
-class Reader {
-  public:
-    explicit Reader(std::string_view bytes) noexcept : fLeft(bytes) {}
-
-    [[nodiscard]] bool isAtEnd() const noexcept { return fIsGood && fLeft.empty(); }
-    [[nodiscard]] bool isGood() const noexcept { return fIsGood; }
-    void require(bool holds) noexcept { fIsGood = fIsGood && holds; }
-
-    std::uint64_t number(std::size_t size) noexcept {
-        const auto bytes = take(size);
-        std::uint64_t value = 0;
-        for (std::size_t i = bytes.size(); i-- > 0;) {
-            value = value << 8U | static_cast<unsigned char>(bytes[i]);
-        }
-        return value;
-    }
-    /// One with which can be counted.
-    std::uint64_t count() noexcept {
-        const auto value = number(8);
-        require(value < kEndOfNumbers);
-        return value;
-    }
-    std::int64_t time() noexcept {
-        const auto value = static_cast<std::int64_t>(number(8));
-        require(-kEndOfTime < value && value < kEndOfTime);
-        return value;
-    }
-    std::string_view take(std::size_t size) noexcept {
-        require(size <= fLeft.size());
-        if (!fIsGood) return {};
-        const auto taken = fLeft.substr(0, size);
-        fLeft.remove_prefix(size);
-        return taken;
-    }
-    std::string_view text(std::size_t lengthSize, std::size_t most) noexcept {
-        const auto size = number(lengthSize);
-        require(size <= most);
-        return fIsGood ? take(size) : std::string_view();
-    }
-    std::string_view rest(std::size_t most) noexcept {
-        require(fLeft.size() <= most);
-        return take(fLeft.size());
-    }
-
-  private:
-    std::string_view fLeft;
-    bool fIsGood = true;
-};
 
 bool readRecord(std::string_view bytes, Texts& texts) {
     const auto unit = bytes.find(kUnitSeparator);
@@ -195,12 +143,17 @@ std::vector<std::string> readNames(Reader& reader) {
     return names;
 }
 
+std::string readHash(Reader& reader) {
+    std::string hash(reader.take(kHashSize));
+    reader.require(text::isHex(hash, kHashSize));
+    return hash;
+}
+
 void read(Reader& reader, Welcome& welcome) {
     auto& session = welcome.session;
     session.views = reader.count();
     session.pieceSize = reader.count();
-    session.tokenHash = reader.take(kHashSize);
-    reader.require(text::isHex(session.tokenHash, kHashSize));
+    session.tokenHash = readHash(reader);
     session.configuration = reader.text(4, kMaxFrame);
     session.mayPublish = readNames(reader);
     session.maySubscribe = readNames(reader);
@@ -208,6 +161,12 @@ void read(Reader& reader, Welcome& welcome) {
     auto lanes = reader.number(2);
     reader.require(lanes <= kMaxLanes);
     for (; reader.isGood() && lanes > 0; --lanes) session.lanes.push_back(readNames(reader));
+    if (reader.isAtEnd()) return;
+    session.page.files = reader.number(4);
+    session.page.size = reader.count();
+    session.page.hash = readHash(reader);
+    reader.require(session.page.files > 0 && session.page.files <= kMostFiles);
+    reader.require(session.page.size > 0);
 }
 
 void read(Reader& reader, Answer& answer) {
@@ -231,6 +190,17 @@ void read(Reader& reader, Ask& ask) {
     }
 }
 
+void read(Reader& reader, Beat& beat) {
+    // Without a page it is as short as it can be.
+    beat.hasPage = !reader.isAtEnd();
+    if (beat.hasPage) reader.require(reader.number(1) == 1);
+}
+
+void read(Reader& reader, Part& part) {
+    part.bytes = reader.rest(kPagePart);
+    reader.require(!part.bytes.empty());
+}
+
 template <typename Nothing>
 void read(Reader& /*reader*/, Nothing& /*body*/) {
     static_assert(std::is_empty_v<Nothing>);
@@ -249,14 +219,7 @@ bool emplace(std::size_t index, Body& body) {
 
 // --- Writing ------------------------------------------------------------------------------------
 
-void put(std::string& to, std::uint64_t value, std::size_t size) {
-    for (std::size_t i = 0; i < size; ++i) to += static_cast<char>(value >> (8 * i) & 0xffU);
-}
 void putTime(std::string& to, std::int64_t time) { put(to, static_cast<std::uint64_t>(time), 8); }
-void putText(std::string& to, std::string_view text, std::size_t lengthSize) {
-    put(to, text.size(), lengthSize);
-    to += text;
-}
 void putNames(std::string& to, const std::vector<std::string>& names) {
     put(to, names.size(), 2);
     for (const auto& name : names) putText(to, name, 2);
@@ -321,7 +284,15 @@ void write(std::string& to, const Welcome& welcome) {
     putNames(to, session.blockChannels);
     put(to, session.lanes.size(), 2);
     for (const auto& lane : session.lanes) putNames(to, lane);
+    if (!session.page.isThere()) return;
+    put(to, session.page.files, 4);
+    put(to, session.page.size, 8);
+    to += session.page.hash;
 }
+void write(std::string& to, const Beat& beat) {
+    if (beat.hasPage) put(to, 1, 1);
+}
+void write(std::string& to, const Part& part) { to += part.bytes; }
 void write(std::string& to, const Answer& answer) {
     putTime(to, answer.echo);
     putTime(to, answer.receivedAt);

@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "Bytes.hpp"
 #include "GatewayEnd.hpp"
 
 /// The frames of a link, read and written; docs/link.md has their bytes. What is read is a view of
@@ -24,8 +25,6 @@ inline constexpr std::size_t kMaxClient = 256;
 inline constexpr std::size_t kMaxReason = 256;
 inline constexpr std::size_t kMaxLanes = 32;  ///< each view at a gateway has all of them
 inline constexpr std::size_t kMaxRanges = 64;
-/// Numbers stay below this, so that they can be counted with.
-inline constexpr std::uint64_t kEndOfNumbers = std::uint64_t{1} << 53U;
 
 namespace frame {
 
@@ -38,7 +37,9 @@ struct Header {
 // --- From the engine to all ---------------------------------------------------------------------
 
 /// The engine lives; `number`: that of the next numbered frame.
-struct Beat {};
+struct Beat {
+    bool hasPage = false;  ///< the session brings one of its own
+};
 /// The session is over; `number`: as a beat's.
 struct End {};
 
@@ -96,6 +97,8 @@ struct Presence {
     std::uint64_t clockUncertainty = 0;
 };
 struct Leave {};
+/// The gateway wants the part of the session's page that begins at `number`.
+struct Fetch {};
 
 // --- Unnumbered, to a gateway -------------------------------------------------------------------
 
@@ -114,6 +117,11 @@ struct Dropped {
     std::string_view reason;
 };
 
+/// Answers `Fetch`; `number`: as there.
+struct Part {
+    std::string_view bytes;
+};
+
 // --- Unnumbered, either way ---------------------------------------------------------------------
 
 /// `number`: everything below it is there. What is in the ranges is missing.
@@ -129,7 +137,7 @@ struct Ask {
 struct Resent {};
 
 using Body = std::variant<Beat, End, Texts, Piece, Announce, Outcome, Pages, Hello, Presence, Leave,
-                          Welcome, Answer, Dropped, Ask, Resent, Offer>;
+                          Welcome, Answer, Dropped, Ask, Resent, Offer, Fetch, Part>;
 
 }  // namespace frame
 

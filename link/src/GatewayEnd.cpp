@@ -9,6 +9,7 @@
 #include "Frame.hpp"
 #include "NumberedReceiver.hpp"
 #include "Overloaded.hpp"
+#include "PageFetch.hpp"
 #include "Subjects.hpp"
 #include "UpStream.hpp"
 #include "annotated/Mutex.hpp"
@@ -92,6 +93,11 @@ class Machine {
     void ended(std::uint64_t number);
     void leaveWhenComplete() noexcept;
     void welcome(const frame::Header& header, const Description& session);
+    void fetch();
+    void partCame(std::uint64_t offset, std::string_view bytes);
+    /// Has the follower begin: it lacks nothing.
+    void follow() noexcept;
+    void refuseSession() noexcept;
     void answered(const frame::Header& header, const frame::Answer& answer);
     void asked(const frame::Header& header, const frame::Ask& ask);
     void numbered(const Frame& frame, std::string_view bytes, bool isOwn);
@@ -125,6 +131,10 @@ class Machine {
 
     bool fHasSaidHello = false;  ///< of this incarnation
     bool fIsJoined = false;
+    Description fSession;             ///< as the engine has said it, until the follower is told
+    std::optional<PageFetch> fFetch;  ///< of the session's page, before that
+    bool fIsFollowed = false;         ///< the follower has been told that it has joined
+    bool fIsRefused = false;          ///< there is no more to do with the session
     bool fIsSilent = false;
     std::optional<TimePoint>
         fEndsAt;  ///< the engine has ended; when the session does at the latest
@@ -188,6 +198,9 @@ void Machine::handle(std::string_view bytes, bool isOwn) {
                        fReceiver.resent();
                        question();
                    },
+                   [&](const frame::Part& part) {
+                       if (ours()) partCame(header.number, part.bytes);
+                   },
                    [&](const frame::Texts&) { numbered(*frame, bytes, isOwn); },
                    [&](const frame::Piece&) { numbered(*frame, bytes, isOwn); },
                    [&](const auto&) { refuse(); },  // what a gateway says
@@ -221,6 +234,12 @@ void Machine::leaveWhenComplete() noexcept {
 void Machine::welcome(const frame::Header& header, const Description& session) {
     // The next incarnation can be foreseen, so an engine could welcome without having been asked.
     if (fIsJoined || !fHasSaidHello || header.incarnation != fIncarnation) return;
+    using Wanted = Follower::PageWanted;
+    const auto wanted =
+        session.page.isThere() ? fFollower.pageOffered(session.page) : Wanted::kHere;
+    // All that may fail comes first.
+    if (wanted == Wanted::kFetch) fFetch.emplace(session.page.size);
+    fSession = session;
     fIsJoined = true;
     fIsSilent = false;
     fEpoch = header.epoch;
@@ -229,8 +248,36 @@ void Machine::welcome(const frame::Header& header, const Description& session) {
     fUnacknowledged = 0;
     fLastHeard = fNextBeat = fSurroundings.now();
     fUp->open(fEpoch, fIncarnation);
+    if (wanted == Wanted::kRefused) return refuseSession();
+    fFetch ? fetch() : follow();
+}
+
+void Machine::fetch() {
+    for (const auto offset : fFetch->due(fSurroundings.now())) {
+        send({fEpoch, fIncarnation, offset}, frame::Fetch());
+    }
+}
+
+void Machine::partCame(std::uint64_t offset, std::string_view bytes) {
+    heard();
+    if (!fFetch) return;  // it came twice
+    static_cast<void>(fFetch->arrived(offset, bytes, fSurroundings.now()));
+    if (!fFetch->isWhole()) return fetch();
+    const bool isServed = fFollower.pageCame(fFetch->take());
+    fFetch.reset();
+    isServed ? follow() : refuseSession();
+}
+
+void Machine::follow() noexcept {
+    fIsFollowed = true;
     fCounts.change([](Statistics& all) { all.isJoined = true; });
-    fFollower.joined(session);
+    fFollower.joined(std::exchange(fSession, {}));
+}
+
+void Machine::refuseSession() noexcept {
+    fIsRefused = true;
+    end();
+    leave("it is refused");
 }
 
 void Machine::answered(const frame::Header& header, const frame::Answer& answer) {
@@ -278,6 +325,7 @@ void Machine::numbered(const Frame& frame, std::string_view bytes, bool isOwn) {
 
 void Machine::take(const frame::Body& body, std::uint64_t number) {
     if (const auto* texts = std::get_if<frame::Texts>(&body)) {
+        if (!fIsFollowed) return;  // there is nobody yet who could hear it
         for (const auto& record : texts->records) {
             fChannel = record.channel;
             fFollower.text(fChannel, textOf(record, fSpace));
@@ -294,14 +342,20 @@ void Machine::take(const frame::Body& body, std::uint64_t number) {
             break;
     }
     fChannel = piece.channel;
-    if (!piece.isBlock) return fFollower.text(fChannel, fAssembly.take());
-    fFollower.block(fChannel, std::make_shared<const std::string>(fAssembly.take()),
-                    std::make_unique<Ticket>(fUp, fIncarnation, number));
+    auto whole = fAssembly.take();
+    if (!piece.isBlock) {
+        if (fIsFollowed) fFollower.text(fChannel, whole);
+        return;
+    }
+    auto ticket = std::make_unique<Ticket>(fUp, fIncarnation, number);
+    if (!fIsFollowed) return ticket->answer(BlockOutcome::kNobody);
+    fFollower.block(fChannel, std::make_shared<const std::string>(std::move(whole)),
+                    std::move(ticket));
 }
 
 void Machine::heard() noexcept {
     fLastHeard = fSurroundings.now();
-    if (std::exchange(fIsSilent, false)) fFollower.heard();
+    if (std::exchange(fIsSilent, false) && fIsFollowed) fFollower.heard();
 }
 
 // --- What is sent -------------------------------------------------------------------------------
@@ -357,8 +411,9 @@ void Machine::step(TimePoint now) {
     if (fIsJoined) leaveWhenComplete();
     if (fIsJoined && !fIsSilent && now - fLastHeard > kSilenceIsGone) {
         fIsSilent = true;
-        fFollower.silent(fLastHeard);
+        if (fIsFollowed) fFollower.silent(fLastHeard);
     }
+    if (fIsRefused) return;
     if (now >= fNextBeat) {
         fNextBeat = now + kBeat;
         fIsJoined ? sendPresence() : sendHello();
@@ -366,19 +421,21 @@ void Machine::step(TimePoint now) {
     if (!fIsJoined) return;
     fUp->retry();
     question();
+    if (fFetch) fetch();
 }
 
 void Machine::leave(std::string_view why) noexcept {
     if (!std::exchange(fIsJoined, false)) return;
     fUp->close();
     fAssembly.clear();
+    fFetch.reset();
     fEndsAt.reset();
     ++fIncarnation;  // the engine tells this joining from the next
     // Not at once: a session costs, and it is the engine that says when one ends.
     fHasSaidHello = false;
     fNextBeat = fSurroundings.now() + kBeat;
     fCounts.change([](Statistics& all) { all.isJoined = false; });
-    fFollower.left(why);
+    if (std::exchange(fIsFollowed, false)) fFollower.left(why);
 }
 
 void Machine::end() noexcept {

@@ -13,6 +13,16 @@
 
 namespace kirolink {
 
+/// What is known of a page that an engine brings before it has come; see OwnPage.hpp.
+struct PageDigest {
+    std::size_t files = 0;
+    std::uint64_t size = 0;  ///< bytes of the whole
+    std::string hash;        ///< its SHA-256, 64 small hexadecimal digits
+
+    [[nodiscard]] bool isThere() const noexcept { return files > 0; }
+    friend bool operator==(const PageDigest&, const PageDigest&) = default;
+};
+
 /// What an engine says of its session when a gateway joins it. As in `kirogateway::Options`.
 struct Description {
     std::string configuration = "{}";
@@ -23,6 +33,7 @@ struct Description {
     std::string tokenHash;      ///< SHA-256 of what lets a page in, 64 small hexadecimal digits
     std::uint64_t views = 0;    ///< that the session has had, over all its gateways
     std::size_t pieceSize = 0;  ///< as `kirogateway::Limits::pieceSize`; 0: as usual
+    PageDigest page{};          ///< of its own, if it brings one
 };
 
 /// What became of a block at one gateway.
@@ -48,6 +59,19 @@ class Follower {
     Follower& operator=(const Follower&) = delete;
     virtual ~Follower() = default;
 
+    enum class PageWanted : std::uint8_t { kHere, kFetch, kRefused };
+    /// The session brings a page of its own. kHere: it need not come again; kRefused: the end has
+    /// no more to do with the session. Called before `joined`, as the one that follows.
+    [[nodiscard]] virtual PageWanted pageOffered(const PageDigest& page) noexcept {
+        static_cast<void>(page);
+        return PageWanted::kRefused;
+    }
+    /// It has been fetched: as many bytes as it was said to have. Nobody has looked at them yet.
+    /// Returns whether it is served; false is as kRefused.
+    [[nodiscard]] virtual bool pageCame(std::string bytes) noexcept {
+        static_cast<void>(bytes);
+        return false;
+    }
     /// The gateway has joined; what comes from now on is without a gap. Called again when the
     /// session begins anew, with another engine or because the gateway was dropped: views of before
     /// are over.
@@ -56,7 +80,8 @@ class Follower {
     /// `block` with its header.
     virtual void block(const std::string& channel, std::shared_ptr<const std::string> block,
                        std::unique_ptr<BlockTicket> ticket) noexcept = 0;
-    /// Nothing has been heard of the engine for a second; `since`: when it was last heard.
+    /// Nothing has been heard of the engine for a second; `since`: when it was last heard. This,
+    /// and what follows, only between `joined` and `left`.
     virtual void silent(std::chrono::steady_clock::time_point since) noexcept = 0;
     /// It is heard again, and goes on without a gap.
     virtual void heard() noexcept = 0;

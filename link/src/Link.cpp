@@ -15,6 +15,7 @@
 #include "Interpreter.hpp"
 #include "NatsCluster.hpp"
 #include "OptionsCheck.hpp"
+#include "OwnPage.hpp"
 #include "Subjects.hpp"
 #include "annotated/Mutex.hpp"
 #include "process/Thread.hpp"
@@ -22,6 +23,7 @@
 #include "relay/binary/experimental/ClientEnd.hpp"
 #include "secret/RandomHex.hpp"
 #include "secret/Sha256.hpp"
+#include "text/Name.hpp"
 
 namespace kirolink {
 namespace {
@@ -110,7 +112,10 @@ kirogateway::Options gatewayOptions(const Options& options) {
     gateway.lanes = options.lanes;
     gateway.newViewChannel = options.newViewChannel;
     gateway.reconnectChannel = options.reconnectChannel;
-    return kirogateway::checked(std::move(gateway));
+    gateway.assets = options.assets;
+    auto checked = kirogateway::checked(std::move(gateway));
+    checked.assets.clear();  // the page that is made of them has them
+    return checked;
 }
 
 EngineEnd::Settings settingsOf(const Options& options, const std::string& token) {
@@ -124,6 +129,14 @@ EngineEnd::Settings settingsOf(const Options& options, const std::string& token)
     EngineEnd::Settings settings;
     settings.session = options.session;
     settings.memory = options.memory;
+    if (!options.assets.empty()) {
+        settings.page = writePage(options.assets);
+        if (text::hostLabel(options.session).empty()) {
+            throw std::invalid_argument(
+                "session: with a page of its own it is a part of a host's name: without \"_\", at "
+                "most 63 characters, a letter or digit first and last");
+        }
+    }
     auto& description = settings.description;
     description.configuration = options.configuration;
     description.mayPublish = options.mayPublish;
@@ -261,7 +274,7 @@ struct Link::Impl {
           process(options, token, context),
           settings(settingsOf(options, token)),
           cluster(connectNats(natsOptions(options, context))),
-          end(*cluster, settings, process, [bell = bell] { bell->ring(); }) {}
+          end(*cluster, std::move(settings), process, [bell = bell] { bell->ring(); }) {}
 
     void start(const Options& options);
     void stop() noexcept;
@@ -275,7 +288,7 @@ struct Link::Impl {
     const std::shared_ptr<kirogateway::Context> context;
     const std::shared_ptr<Bell> bell = std::make_shared<Bell>();
     Process process;
-    const EngineEnd::Settings settings;
+    EngineEnd::Settings settings;  ///< until the end has them
     const std::unique_ptr<Cluster> cluster;
     EngineEnd end;
     std::vector<std::unique_ptr<ClientEnd>> ends;

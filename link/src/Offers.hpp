@@ -19,10 +19,12 @@ class Offers {
     using TimePoint = std::chrono::steady_clock::time_point;
     static constexpr std::chrono::seconds kAgain{60};
 
-    /// `addressOf` says where a browser finds a session's page at this gateway.
+    /// Called for each beat. `hasPage`: its session brings a page of its own. Says where a browser
+    /// finds the session's page at this gateway; empty: nowhere.
+    using AddressOf = std::function<std::string(const std::string& session, bool hasPage)>;
+
     /// REQUIRES: `cluster` outlives it.
-    Offers(Cluster& cluster, std::string gateway,
-           std::function<std::string(const std::string& session)> addressOf);
+    Offers(Cluster& cluster, std::string gateway, AddressOf addressOf);
 
     /// A message has come on a session's subject for beats: an engine that is new is told, and all
     /// of them again every minute. Returns whether it was a beat. Throws std::bad_alloc.
@@ -36,7 +38,7 @@ class Offers {
 
     Cluster& fCluster;
     const std::string fGateway;
-    const std::function<std::string(const std::string&)> fAddressOf;
+    const AddressOf fAddressOf;
     std::map<std::string, Told, std::less<>> fTold;
 };
 

@@ -5,6 +5,9 @@
 #include <utility>
 
 #include "OptionsCheck.hpp"
+#include "OwnOrigin.hpp"
+#include "OwnPage.hpp"
+#include "WaitingPage.hpp"
 #include "checked/Require.hpp"
 #include "secret/Sha256.hpp"
 #include "text/Hex.hpp"
@@ -32,24 +35,28 @@ void guarded(kirogateway::GuardedLog& log, const char* what, const Call& call) n
 
 }  // namespace
 
-EngineSession::EngineSession(const Common& common, std::string name)
+EngineSession::EngineSession(const Common& common, std::string name, bool hasPage)
     : fCommon(common),
       fName(std::move(name)),
       fPrefix(std::string(kirogateway::kSites) + fName),
+      fOrigin(hasPage ? ownOrigin(common.address, fName) : std::string()),
+      fPlace(hasPage ? kirogateway::hostOf(fOrigin) : fPrefix),
       fLog("session " + fName + ": "),
-      fIdleSince(common.surroundings.now()) {}
+      fIdleSince(common.surroundings.now()) {
+    KIROWEB_REQUIRE(hasPage == !fOrigin.empty());
+}
 
-std::shared_ptr<Site> EngineSession::begin() {
+void EngineSession::begin() {
     KIROWEB_REQUIRE(fEnd == nullptr);
-    auto site = makeSite(fCommon.options, nullptr, 0);
-    fFollowed = site;
+    if (!fOrigin.empty()) fRedirect = makeRedirect();
+    fFollowed = makeSite(fCommon.options, nullptr, 0);
     // Pages come when it has joined, and that is told to the gateway's thread, which is this one.
     fEnd = std::make_unique<kirolink::GatewayEnd>(
         fCommon.cluster,
-        kirolink::GatewayEnd::Identity{fName, fCommon.name, fCommon.address + fPrefix + "/"}, *this,
-        fCommon.surroundings);
+        kirolink::GatewayEnd::Identity{
+            fName, fCommon.name, (fOrigin.empty() ? fCommon.address + fPrefix : fOrigin) + "/"},
+        *this, fCommon.surroundings);
     fBus.connect(*fEnd);
-    return site;
 }
 
 // --- Sites -------------------------------------------------------------------------------------
@@ -65,27 +72,49 @@ kirogateway::Options EngineSession::optionsOf(const kirolink::Description& sessi
     if (session.pieceSize > 0) options.limits.pieceSize = session.pieceSize;
     if (!text::isHex(session.tokenHash, kHashDigits))
         throw std::invalid_argument("its token's hash is none");
+    if (session.page.isThere() == fOrigin.empty()) {
+        throw std::invalid_argument("whether it brings a page is not what its beats have said");
+    }
+    options.limits.memory -= fPageSize;
     return kirogateway::checked(std::move(options));
 }
 
 std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
                                               std::shared_ptr<kirogateway::Secrets> secrets,
                                               std::uint64_t views) {
+    const bool isOwn = !fOrigin.empty();
+    const auto& own = fAssets != nullptr ? fAssets : fCommon.waiting;
+    const auto& assets = isOwn ? own : fCommon.assets;
+    std::vector<std::string> others;
     std::vector<std::string> sockets;  // "wss://HOST:PORT/s/NAME/kiroweb" of "https://HOST:PORT"
     for (const auto& other : fCommon.others) {
-        sockets.push_back(kirogateway::socketOf(other) + fPrefix +
+        const auto origin = isOwn ? ownOrigin(other, fName) : other;
+        if (origin.empty()) continue;
+        others.push_back(origin);
+        sockets.push_back(kirogateway::socketOf(origin) + (isOwn ? "" : fPrefix) +
                           std::string(kirogateway::kSocketPath));
     }
     auto context = std::make_shared<kirogateway::Context>(
         std::move(options), "session " + fName + ": ", fCommon.counters, std::move(sockets));
     auto site = std::make_shared<Site>(
-        fPrefix, context, fCommon.wakeup, [] {}, views);
+        fPlace, context, fCommon.wakeup, [] {}, views);
     site->access = std::make_unique<kirogateway::AccessPolicy>(
         context->options, fCommon.server.port(),
-        kirogateway::Entrance{fCommon.assets, std::move(secrets), fCommon.others});
+        kirogateway::Entrance{assets, std::move(secrets), std::move(others), fOrigin});
     site->inbound.connect(fBus);
     const annotated::Lock lock(fMutex);
     fSite = site;
+    return site;
+}
+
+std::shared_ptr<Site> EngineSession::makeRedirect() const {
+    auto context = std::make_shared<kirogateway::Context>(
+        fCommon.options, "session " + fName + ": ", fCommon.counters);
+    auto site = std::make_shared<Site>(fPrefix, context, fCommon.wakeup, [] {});
+    kirogateway::Entrance entrance;
+    entrance.movedTo = fOrigin + "/";
+    site->access = std::make_unique<kirogateway::AccessPolicy>(
+        context->options, fCommon.server.port(), std::move(entrance));
     return site;
 }
 
@@ -98,11 +127,59 @@ void EngineSession::replace(std::shared_ptr<Site> site, const std::string& why) 
 bool EngineSession::end(Sites& sites, std::string_view why) noexcept {
     if (fHasEnded || fBus.pagesThere() > 0) return false;
     fHasEnded = true;
+    sites.remove(fPlace, why);
     sites.remove(fPrefix, why);
     return true;
 }
 
 // --- What the engine does ----------------------------------------------------------------------
+
+EngineSession::PageWanted EngineSession::pageOffered(const kirolink::PageDigest& page) noexcept {
+    if (fAssets != nullptr && page == fDigest) return PageWanted::kHere;
+    fAssets = nullptr;
+    fCharge = {};
+    fPageSize = 0;
+    const char* refusal = nullptr;
+    if (fOrigin.empty()) {
+        refusal = "it brings a page of its own, which its beats have not said";
+    } else if (page.size > fCommon.pageSize) {
+        refusal = "its page is larger than page-size";
+    } else if (page.size >= fCommon.options.limits.memory) {
+        refusal = "its page takes all that a session may hold";
+    } else if (!fCharge.grow(fCommon.ownPages, page.size)) {
+        refusal = "pages of other sessions take all the room that there is for them";
+    } else {
+        guarded(fLog, "a page", [&] {
+            fDigest = page;
+            fPageSize = page.size;
+        });
+        if (fPageSize > 0) return PageWanted::kFetch;
+        refusal = "no memory for its page";
+    }
+    fHasFailed = true;
+    fLog.write("refused", refusal);
+    return PageWanted::kRefused;
+}
+
+bool EngineSession::pageCame(std::string bytes) noexcept {
+    guarded(fLog, "refused, its page cannot be served", [&] {
+        if (secret::sha256Hex(bytes) != fDigest.hash) {
+            throw std::invalid_argument("it is not the one whose hash was told");
+        }
+        auto files = kirolink::readPage(bytes);
+        if (!files || files->size() != fDigest.files) {
+            throw std::invalid_argument("it cannot be read");
+        }
+        bytes = {};
+        kirogateway::Options options;
+        options.assets = std::move(*files);
+        auto assets = kirogateway::checked(std::move(options)).assets;
+        assets.push_back(waitingScript());  // of two of one name the first is served
+        fAssets = std::make_shared<const kirogateway::AssetTable>(std::move(assets));
+    });
+    fHasFailed = fAssets == nullptr;
+    return !fHasFailed;
+}
 
 void EngineSession::joined(const kirolink::Description& session) noexcept {
     bool isServed = false;
@@ -154,8 +231,8 @@ void EngineSession::left(std::string_view why) noexcept {
 }
 
 void EngineSession::tellPages(const std::string& control) {
-    fCommon.server.post([prefix = fPrefix, control](Sites& sites) {
-        if (const auto site = sites.at(prefix)) site->views->tell(control);
+    fCommon.server.post([place = fPlace, control](Sites& sites) {
+        if (const auto site = sites.at(place)) site->views->tell(control);
     });
 }
 
@@ -172,7 +249,7 @@ void EngineSession::tick(TimePoint now) {
 void EngineSession::tellSilence(TimePoint now) {
     fCommon.server.post([self = shared_from_this(), now](Sites& sites) {
         const TimePoint since = self->fSilentSince;
-        const auto site = sites.at(self->fPrefix);
+        const auto site = sites.at(self->fPlace);
         if (since == TimePoint{} || site == nullptr) return;
         const auto silence = duration_cast<milliseconds>(now - since).count();
         site->views->tell(R"({"t":"engine","state":"silent","milliseconds":)" +
@@ -185,12 +262,18 @@ void EngineSession::look(TimePoint now) noexcept {
 }
 
 void EngineSession::holdAtMost(std::size_t bytes) {
-    fCommon.server.post([prefix = fPrefix, bytes](Sites& sites) {
-        const auto site = sites.at(prefix);
+    bytes -= std::min<std::size_t>(bytes, fPageSize);
+    fCommon.server.post([place = fPlace, bytes](Sites& sites) {
+        const auto site = sites.at(place);
         if (site == nullptr) return;
         const auto limit = site->context->memory->limit();
         static_cast<void>(site->views->makeRoom(limit - std::min(limit, bytes)));
     });
+}
+
+std::shared_ptr<Site> EngineSession::siteAt(std::string_view place) const noexcept {
+    if (place == fPlace) return site();
+    return place == fPrefix ? fRedirect : nullptr;
 }
 
 std::shared_ptr<Site> EngineSession::site() const noexcept {

@@ -20,27 +20,32 @@ struct Common {
     kirogateway::Server& server;
     std::shared_ptr<kirogateway::Wakeup> wakeup;
     std::shared_ptr<const kirogateway::AssetTable> assets;
+    std::shared_ptr<const kirogateway::AssetTable> waiting;  ///< until an engine's own have come
     std::shared_ptr<kirogateway::Counters> counters;
     kirogateway::Options options;     ///< of each session, unless its engine says otherwise
     std::size_t pages = 0;            ///< of one session that may be connected
     std::vector<std::string> others;  ///< origins of the other gateways
     std::string name;                 ///< this gateway's
     std::string address;              ///< "https://HOST:PORT"
+    std::size_t pageSize = 0;         ///< bytes of a page that an engine brings
+    std::shared_ptr<kirogateway::Budget> ownPages;  ///< of all such pages
     kirolink::Surroundings surroundings;
 };
 
 /// One engine that is followed: its end of the link, and the site of its pages, which is another
-/// one each time that the gateway joins.
+/// one each time that the gateway joins. If it brings a page of its own that is at an origin of its
+/// own, and where the site would be otherwise is one that leads there.
 class EngineSession final : public kirolink::Follower,
                             public std::enable_shared_from_this<EngineSession> {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    EngineSession(const Common& common, std::string name);
+    /// REQUIRES: if it has a page of its own, there is an origin for that (`ownOrigin`).
+    EngineSession(const Common& common, std::string name, bool hasPage);
 
-    /// Begins to join. Throws as `kirolink::GatewayEnd`. REQUIRES: called once, on the gateway's
-    /// thread. Returns the site with which it begins, to which nobody is let in.
-    [[nodiscard]] std::shared_ptr<kirogateway::Site> begin();
+    /// Begins to join; nobody is let in until it has. Throws as `kirolink::GatewayEnd`.
+    /// REQUIRES: called once, on the gateway's thread.
+    void begin();
 
     [[nodiscard]] const std::string& name() const noexcept { return fName; }
 
@@ -58,10 +63,12 @@ class EngineSession final : public kirolink::Follower,
     [[nodiscard]] TimePoint idleSince() const noexcept { return fIdleSince; }
     /// It has joined, and could not serve what it was told of.
     [[nodiscard]] bool hasFailed() const noexcept { return fHasFailed; }
-    /// The newest one.
-    [[nodiscard]] std::shared_ptr<kirogateway::Site> site() const noexcept;
-    /// Bytes that wait for its pages.
-    [[nodiscard]] std::size_t held() const noexcept { return site()->context->memory->used(); }
+    /// The newest one that is there; null: none is.
+    [[nodiscard]] std::shared_ptr<kirogateway::Site> siteAt(std::string_view place) const noexcept;
+    /// Bytes that wait for its pages, and of a page of its own.
+    [[nodiscard]] std::size_t held() const noexcept {
+        return site()->context->memory->used() + fPageSize;
+    }
     /// Ends pages, those for which most waits first, until no more than `bytes` wait.
     void holdAtMost(std::size_t bytes);
     struct Report {
@@ -82,6 +89,8 @@ class EngineSession final : public kirolink::Follower,
 
     // --- As a follower ---
 
+    PageWanted pageOffered(const kirolink::PageDigest& page) noexcept override;
+    bool pageCame(std::string bytes) noexcept override;
     void joined(const kirolink::Description& session) noexcept override;
     void text(const std::string& channel, std::string_view text) noexcept override;
     void block(const std::string& channel, std::shared_ptr<const std::string> block,
@@ -93,6 +102,8 @@ class EngineSession final : public kirolink::Follower,
   private:
     using Site = kirogateway::Site;
 
+    [[nodiscard]] std::shared_ptr<Site> site() const noexcept;
+    [[nodiscard]] std::shared_ptr<Site> makeRedirect() const;
     [[nodiscard]] kirogateway::Options optionsOf(const kirolink::Description& session) const;
     /// Without `secrets` nobody is let in.
     [[nodiscard]] std::shared_ptr<Site> makeSite(kirogateway::Options options,
@@ -107,18 +118,28 @@ class EngineSession final : public kirolink::Follower,
 
     const Common& fCommon;
     const std::string fName;
-    const std::string fPrefix;
+    const std::string fPrefix;  ///< "/s/NAME"
+    const std::string fOrigin;  ///< of a page of its own; empty: it brings none
+    const std::string fPlace;   ///< of its sites
     kirogateway::GuardedLog fLog;
     LinkBus fBus;
     std::atomic<TimePoint> fSilentSince{TimePoint{}};  ///< none: it is heard
     std::atomic<TimePoint> fIdleSince;
     std::atomic<bool> fHasFailed{false};
-    TimePoint fNextTelling;  ///< of the one that ticks
-    bool fHasEnded = false;  ///< the gateway's thread's
+    std::atomic<std::size_t> fPageSize{0};  ///< bytes of a page of its own, from when it is fetched
+    TimePoint fNextTelling;                 ///< of the one that ticks
+    bool fHasEnded = false;                 ///< the gateway's thread's
 
     mutable annotated::Mutex fMutex;
     std::shared_ptr<Site> fSite GUARDED_BY(fMutex);  ///< the newest
-    std::shared_ptr<Site> fFollowed;                 ///< the same, of the thread that follows
+    std::shared_ptr<Site> fRedirect;                 ///< constant once it has begun
+
+    // The following thread's.
+    std::shared_ptr<Site> fFollowed;  ///< the newest
+    kirolink::PageDigest fDigest;     ///< of the page that was offered last
+    kirogateway::Charge fCharge;      ///< for that page
+    std::shared_ptr<const kirogateway::AssetTable>
+        fAssets;  ///< what is served; null: not there yet
 
     std::unique_ptr<kirolink::GatewayEnd> fEnd;
 };

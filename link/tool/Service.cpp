@@ -7,8 +7,10 @@
 #include "Beats.hpp"
 #include "Log.hpp"
 #include "OptionsCheck.hpp"
+#include "OwnOrigin.hpp"
 #include "PageFiles.hpp"
 #include "Subjects.hpp"
+#include "WaitingPage.hpp"
 
 namespace link_tool {
 namespace {
@@ -24,8 +26,6 @@ constexpr std::size_t kMostHeard = 20000;
 constexpr std::size_t kFewest = 64;
 constexpr std::size_t kMostLostViews = 10000;
 
-std::string hostOf(const std::string& address) { return address.substr(address.find("//") + 2); }
-
 kirogateway::Options optionsOf(const Settings& settings) {
     kirogateway::Options options;
     options.address = settings.address;
@@ -33,7 +33,7 @@ kirogateway::Options optionsOf(const Settings& settings) {
     options.certificateFile = settings.certificateFile;
     options.keyFile = settings.keyFile;
     if (!settings.publicAddress.empty()) {
-        options.extraHosts = {hostOf(settings.publicAddress)};
+        options.extraHosts = {kirogateway::hostOf(settings.publicAddress)};
         options.extraOrigins = {settings.publicAddress};
     }
     // The pages of a gateway that has died come all at once, and lost views are as many when the
@@ -74,16 +74,22 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
         settings.publicAddress.empty() ? root->access->address() : settings.publicAddress;
     fCommon = std::make_unique<Common>(Common{
         cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
-        fContext->counters, fContext->options, settings.pagesOfOne(), settings.others,
-        settings.name, address, std::move(surroundings)});
-    fOffers.emplace(cluster, settings.name, [address](const std::string& session) {
-        return address + std::string(kirogateway::kSites) + session + "/";
+        std::make_shared<const kirogateway::AssetTable>(waitingPage()), fContext->counters,
+        fContext->options, settings.pagesOfOne(), settings.others, settings.name, address,
+        settings.pageSize, std::make_shared<kirogateway::Budget>(settings.allMemory / 2),
+        std::move(surroundings)});
+    fOffers.emplace(cluster, settings.name, [this](const std::string& session, bool hasPage) {
+        return hear(session, hasPage);
     });
     fBeats = cluster.subscribe(
-        kirolink::subjects::beat("*"),
-        [this](std::string_view subject, std::string_view bytes) { beat(subject, bytes); });
+        kirolink::subjects::beat("*"), [this](std::string_view subject, std::string_view bytes) {
+            const auto rest = subject.substr(subject.find('.') + 1);
+            const std::string name(rest.substr(0, rest.find('.')));
+            static_cast<void>(fOffers->beat(name, bytes, fCommon->surroundings.now()));
+        });
     fServer.start(Sites(
-        root, [this](Sites& sites, std::string_view prefix) { return follow(sites, prefix); }));
+        root, [this](Sites& sites, std::string_view place) { return follow(sites, place); },
+        kirogateway::hostOf(address)));
 }
 
 Service::~Service() { stop(); }
@@ -102,43 +108,78 @@ void Service::stop() noexcept {
 
 // --- Sessions come -----------------------------------------------------------------------------
 
-void Service::beat(std::string_view subject, std::string_view bytes) {
-    const auto rest = subject.substr(subject.find('.') + 1);
-    const auto name = rest.substr(0, rest.find('.'));
-    const auto now = fCommon->surroundings.now();
-    if (!fOffers->beat(std::string(name), bytes, now)) return;
-    const annotated::Lock lock(fMutex);
-    if (const auto known = fHeard.find(name); known != fHeard.end()) {
-        known->second = now;
-    } else if (fHeard.size() < kMostHeard) {
-        fHeard.emplace(name, now);
+std::string Service::hear(const std::string& name, bool hasPage) {
+    const char* refusal = nullptr;
+    bool isNews = false;
+    {
+        const annotated::Lock lock(fMutex);
+        if (fHeard.size() >= kMostHeard && !fHeard.contains(name)) return {};
+        if (hasPage) refusal = claimHostLocked(name);
+        auto& heard = fHeard[name];
+        isNews = refusal != heard.refusal;
+        heard = {fCommon->surroundings.now(), hasPage, refusal};
     }
+    if (refusal != nullptr) {
+        if (isNews) fContext->peerLog.write("refused the session " + name, refusal);
+        return {};
+    }
+    if (hasPage) return ownOrigin(fCommon->address, name) + "/";
+    return fCommon->address + std::string(kirogateway::kSites) + name + "/";
 }
 
-bool Service::isHeard(std::string_view name) const {
+const char* Service::claimHostLocked(const std::string& name) {
+    if (fCommon->pageSize == 0) return "it brings a page of its own, and page-size is 0";
+    const auto origin = ownOrigin(fCommon->address, name);
+    if (origin.empty()) {
+        return "it brings a page of its own, and there is no host's name for it: public has "
+               "none, or the session's name cannot be a part of one";
+    }
+    const auto& owner = fHosts.try_emplace(kirogateway::hostOf(origin), name).first->second;
+    return owner == name
+               ? nullptr
+               : "it brings a page of its own, and one that is called the same has the host";
+}
+
+std::optional<Service::Heard> Service::heardOf(std::string_view name) const {
     const annotated::Lock lock(fMutex);
     const auto found = fHeard.find(name);
-    return found != fHeard.end() &&
-           fCommon->surroundings.now() - found->second < kirolink::kSilenceIsEnd;
+    if (found == fHeard.end() || found->second.refusal != nullptr) return {};
+    const auto silence = fCommon->surroundings.now() - found->second.when;
+    if (silence >= kirolink::kSilenceIsEnd) return {};
+    return found->second;
 }
 
-std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view prefix) {
-    const std::string name(prefix.substr(kirogateway::kSites.size()));
-    if (!isHeard(name)) return nullptr;
-    {
-        // There may have been no memory to note its site.
-        const annotated::Lock lock(fMutex);
-        const auto known = fSessions.find(name);
-        if (known != fSessions.end()) return known->second->site();
+std::string Service::nameAt(std::string_view place) const {
+    if (place.starts_with(kirogateway::kSites)) {
+        return std::string(place.substr(kirogateway::kSites.size()));
     }
+    const annotated::Lock lock(fMutex);
+    const auto found = fHosts.find(place);
+    return found == fHosts.end() ? std::string() : found->second;
+}
+
+std::shared_ptr<EngineSession> Service::sessionOf(std::string_view name) const {
+    const annotated::Lock lock(fMutex);
+    const auto known = fSessions.find(name);
+    return known == fSessions.end() ? nullptr : known->second;
+}
+
+std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view place) {
+    const auto name = nameAt(place);
+    const auto heard = heardOf(name);
+    if (!heard) return nullptr;
+    // There may have been no memory to note its site, and one with a page has two places.
+    if (const auto known = sessionOf(name)) return known->siteAt(place);
     if (!makeRoom(sites)) {
         fContext->peerLog.write("too many sessions are followed", name);
         return nullptr;
     }
     // Once it has begun nothing may fail.
     Sessions one;
-    const auto at = one.emplace(name, std::make_shared<EngineSession>(*fCommon, name)).first;
-    auto site = at->second->begin();
+    const auto session = std::make_shared<EngineSession>(*fCommon, name, heard->hasPage);
+    one.emplace(name, session);
+    session->begin();
+    auto site = session->siteAt(place);
     const annotated::Lock lock(fMutex);
     fSessions.merge(one);
     return site;
@@ -181,8 +222,16 @@ void Service::forget(const EngineSession& session) noexcept {
 
 void Service::forgetSilent(TimePoint now) {
     const annotated::Lock lock(fMutex);
-    std::erase_if(
-        fHeard, [now](const auto& heard) { return now - heard.second >= kirolink::kSilenceIsEnd; });
+    const auto isSilent = [now](const Heard& heard) {
+        return now - heard.when >= kirolink::kSilenceIsEnd;
+    };
+    std::erase_if(fHosts, [&](const auto& host) NO_THREAD_SAFETY_ANALYSIS {
+        const auto owner = fHeard.find(host.second);
+        const bool hasPage =
+            owner != fHeard.end() && owner->second.hasPage && !isSilent(owner->second);
+        return !hasPage && !fSessions.contains(host.second);
+    });
+    std::erase_if(fHeard, [&](const auto& heard) { return isSilent(heard.second); });
 }
 
 // --- Time --------------------------------------------------------------------------------------

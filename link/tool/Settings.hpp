@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "NatsCluster.hpp"
+#include "OwnPage.hpp"
 
 namespace link_tool {
 
@@ -36,6 +37,7 @@ struct Settings {
     std::size_t sessionPages = 0;                   ///< of one session; 0: half of `pages`
     std::size_t memory = std::size_t{1024} << 20U;  ///< bytes that may wait for one session's pages
     std::size_t allMemory = std::size_t{4096} << 20U;  ///< the same over all sessions
+    std::size_t pageSize = kirolink::kMostOfPage;  ///< bytes of a page of a session's own; 0: none
 
     [[nodiscard]] std::size_t pagesOfOne() const noexcept {
         return sessionPages > 0 ? sessionPages : (pages + 1) / 2;

@@ -179,7 +179,7 @@ TEST_F(Ends, AreNotDrivenByAHostileEngine) {
     world.run(200ms);
     EXPECT_EQ(gateway.joins, 1);
     EXPECT_EQ(gateway.events.back(), "left: \\xff\\x0a" + std::string(26, 'x') + "...");
-    Offers offers(*cluster, "g", [](const auto&) { return "http://g"; });
+    Offers offers(*cluster, "g", [](const auto&, bool) { return "http://g"; });
     int offered = 0;
     world.network.onMessage = [&](const std::string&, const std::string&) { ++offered; };
     for (std::uint64_t epoch = 1; epoch < 10; ++epoch) {

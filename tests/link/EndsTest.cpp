@@ -347,7 +347,8 @@ TEST_F(Ends, MeasureTheDifferenceOfTheirClocks) {
 
 TEST_F(Ends, OfferToServeAPageOnceForEachEngine) {
     const auto cluster = world.network.connect("g");
-    Offers offers(*cluster, "g", [](const auto& session) { return "https://g/s/" + session; });
+    Offers offers(*cluster, "g",
+                  [](const auto& session, bool) { return "https://g/s/" + session; });
     int beats = 0;
     const auto hear = [&](std::string_view, std::string_view bytes) {
         EXPECT_TRUE(offers.beat("s", bytes, world.network.now));

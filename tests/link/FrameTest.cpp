@@ -6,6 +6,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "OwnPage.hpp"
+
 namespace link_test {
 namespace {
 
@@ -22,6 +24,7 @@ Description description() {
     session.tokenHash = std::string(64, '7');
     session.views = 3;
     session.pieceSize = 1 << 25U;
+    session.page = {2, 70000, std::string(64, 'b')};
     return session;
 }
 
@@ -48,6 +51,9 @@ TEST(Frames, AreReadAsTheyWereWritten) {
         frame::Ask{{{1, 1}, {3, 9}}},
         frame::Resent(),
         frame::Offer{"http://host/s/x/"},
+        frame::Beat{true},
+        frame::Fetch(),
+        frame::Part{"<p>"},
     };
     for (const auto& body : bodies) {
         const auto bytes = writeFrame({1, ~0ULL, 1000}, body);
@@ -65,6 +71,7 @@ TEST(Frames, AreReadAsTheyWereWritten) {
     EXPECT_EQ(session.mayPublish, description().mayPublish);
     EXPECT_EQ(session.lanes, description().lanes);
     EXPECT_EQ(session.views, 3U);
+    EXPECT_EQ(session.page, description().page);
 }
 
 TEST(Frames, CarryAnyText) {
@@ -116,9 +123,11 @@ TEST(Frames, ThatAreMalformedAreRefused) {
         {"other magic", changed(header(1, ""), 0, 'X')},
         {"another version", changed(header(1, ""), 2, '\x02')},
         {"no type", header(0, "")},
-        {"unknown type", header(17, "")},
+        {"unknown type", header(19, "")},
         {"a number that is too large", changed(header(1, ""), 26, '\x20')},
-        {"more than there should be", header(1, "x")},
+        {"a beat of something else", header(1, "x")},
+        {"a part of nothing", header(18, "")},
+        {"a part that is too large", header(18, std::string(kPagePart + 1, 'x'))},
         {"too large a frame", header(3, "\x1e/a\x1f" + std::string(kMaxFrame, 'x'))},
         {"no text", header(3, "")},
         {"no separator in front", header(3, "/a\x1ftext")},
@@ -165,6 +174,8 @@ TEST(Frames, ThatAreMalformedAreRefused) {
          writeFrame({}, frame::Welcome{Description{
                             "{}", {}, {}, {}, {33, {"/c"}}, std::string(64, 'a'), 0, 0}})},
         {"a half welcome", welcome.substr(0, welcome.size() - 1)},
+        {"a page of no files", changed(welcome, welcome.size() - 76, '\0')},
+        {"a page of too many", changed(welcome, welcome.size() - 75, '\x10')},
         {"ranges that overlap", ask({1, 5, 5, 6})},
         {"ranges out of order", ask({4, 5, 1, 2})},
         {"a range backwards", ask({5, 4})},
@@ -208,6 +219,7 @@ TEST(Frames, HaveTheBytesOfTheDocument) {
     EXPECT_EQ(writeFrame({kEpoch, 10, 42}, Ask{{{42, 42}}}), documented("ask"));
     EXPECT_EQ(writeFrame({kEpoch, 10, 1}, frame::Outcome{43, BlockOutcome::kDelivered}),
               documented("outcome"));
+    EXPECT_EQ(writePage({{"/", "text/html", "<p>"}, {"/a", "", ""}}), documented("page"));
 }
 
 TEST(Pieces, HaveToFollowEachOther) {

@@ -81,6 +81,10 @@ class Gateway final : public Follower {
         fEnd.tick(std::chrono::steady_clock::now());
         EXPECT_EQ(events.take(), "joined");
     }
+    PageWanted pageOffered(const PageDigest& page) noexcept override {
+        EXPECT_EQ(page.files, 1U);
+        return PageWanted::kHere;
+    }
     void joined(const Description& session) noexcept override {
         description = session;
         events.add("joined");
@@ -196,6 +200,19 @@ TEST(Link, RefusesWhatCannotBeMeant) {
                     all.configuration = R"({"a":")" + std::string(1 << 20U, 'a') + "\"}";
                 }),
                 HasSubstr("more than goes into a message"));
+    const kirogateway::Asset page{"/", "text/html", "<p>"};
+    EXPECT_THAT(failure([&](auto& all) { all.assets = {page, page}; }), HasSubstr("given twice"));
+    EXPECT_THAT(failure([&](auto& all) {
+                    all.assets = {{"/a", "", ""}};
+                }),
+                HasSubstr("assets: there is none with the name \"/\""));
+    for (const auto* name : {"a_b", "-a", "a-"}) {
+        EXPECT_THAT(failure([&](auto& all) {
+                        all.assets = {page};
+                        all.session = name;
+                    }),
+                    HasSubstr("a part of a host's name"));
+    }
 }
 
 TEST(LinkOptions, AreReadFromAFile) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "OwnPage.hpp"
+
 namespace link_test {
 namespace {
 
@@ -131,6 +133,15 @@ TestGateway::TestGateway(Network& network, const std::string& itsName,
     GatewayEnd::Identity identity{"s", name, "https://" + name + ":1/s/s"};
     end = std::make_unique<GatewayEnd>(*cluster, std::move(identity), *this,
                                        surroundingsOf(network, ahead));
+}
+
+Follower::PageWanted TestGateway::pageOffered(const PageDigest& digest) noexcept {
+    return digestOf(page) == digest ? PageWanted::kHere : PageWanted::kFetch;
+}
+
+bool TestGateway::pageCame(std::string bytes) noexcept {
+    page = std::move(bytes);
+    return page.front() != 'x';
 }
 
 void TestGateway::joined(const Description& description) noexcept {

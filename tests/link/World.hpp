@@ -79,6 +79,8 @@ class TestGateway final : public Follower {
     TestGateway(Network& network, const std::string& name,
                 std::chrono::microseconds ahead = std::chrono::microseconds(0));
 
+    PageWanted pageOffered(const PageDigest& digest) noexcept override;
+    bool pageCame(std::string bytes) noexcept override;
     void joined(const Description& description) noexcept override;
     void text(const std::string& channel, std::string_view text) noexcept override;
     void block(const std::string& channel, std::shared_ptr<const std::string> block,
@@ -93,6 +95,7 @@ class TestGateway final : public Follower {
     std::vector<std::string> got;
     std::vector<std::unique_ptr<BlockTicket>> tickets;  ///< of blocks that are not answered
     Description session;
+    std::string page;  ///< as it has come
     bool isJoined = false;
     int joins = 0;
     std::unique_ptr<Cluster> cluster;

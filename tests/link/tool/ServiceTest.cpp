@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/json.hpp>
 #include <map>
 #include <memory>
@@ -16,6 +18,7 @@
 
 #include "BlockWaits.hpp"
 #include "EngineEnd.hpp"
+#include "Frame.hpp"
 #include "LocalCluster.hpp"
 #include "Peer.hpp"
 #include "Status.hpp"
@@ -39,14 +42,16 @@ struct Unheeded final : BlockWait {
 /// An engine elsewhere, which notes what it hears.
 struct Engine final : EngineHost {
     Engine(Cluster& cluster, const std::string& session, const std::string& configuration,
-           const Surroundings& surroundings)
+           const std::string& page, const Surroundings& surroundings)
         : end(
-              cluster, settingsOf(session, configuration), *this, [] {}, surroundings) {}
+              cluster, settingsOf(session, configuration, page), *this, [] {}, surroundings) {}
 
     static EngineEnd::Settings settingsOf(const std::string& session,
-                                          const std::string& configuration) {
+                                          const std::string& configuration,
+                                          const std::string& page) {
         EngineEnd::Settings settings;
         settings.session = session;
+        settings.page = page;
         settings.description.configuration = configuration;
         settings.description.maySubscribe = {"/fig/*"};
         settings.description.mayPublish = {"/up"};
@@ -100,10 +105,11 @@ class ServiceTest : public testing::Test {
         surroundings.random = [this] { return ++fRandom; };
         return surroundings;
     }
-    Engine& begin(const std::string& session, const std::string& configuration = kConfiguration) {
+    Engine& begin(const std::string& session, const std::string& configuration = kConfiguration,
+                  const std::string& page = {}) {
         auto& engine = fEngines[session];
         engine = nullptr;
-        engine = std::make_unique<Engine>(fCluster, session, configuration, surroundings());
+        engine = std::make_unique<Engine>(fCluster, session, configuration, page, surroundings());
         run(milliseconds(500));
         return *engine;
     }
@@ -120,9 +126,19 @@ class ServiceTest : public testing::Test {
             fService->tick(fNow);
         }
     }
-    std::string get(const std::string& target) {
+    std::string get(const std::string& target, const std::string& host = {}) {
         Peer peer(fAccess);
-        peer.send("GET " + target + " HTTP/1.1\r\nHost: " + fAccess.host() + "\r\n\r\n");
+        peer.send("GET " + target + " HTTP/1.1\r\nHost: " + (host.empty() ? fAccess.host() : host) +
+                  "\r\n\r\n");
+        return peer.readHead();
+    }
+    /// The answer to a page of `origin` that opens a socket at `host`.
+    std::string upgradeAt(Peer& peer, const std::string& host, const std::string& origin,
+                          const std::string& prefix = {}) {
+        auto request = gatewaytest::upgradeRequest(fAccess, kToken, prefix);
+        boost::replace_first(request, fAccess.origin(), origin);
+        boost::replace_first(request, fAccess.host(), host);
+        peer.send(request);
         return peer.readHead();
     }
     std::string upgrade(Peer& peer, const std::string& session, std::string_view token = kToken) {
@@ -214,6 +230,99 @@ TEST_F(ServiceTest, LetsPagesGoBetweenGateways) {
     Peer comer(fAccess);
     comer.send(request);
     EXPECT_TRUE(hasStatus(comer.readHead(), "101"));
+}
+
+TEST_F(ServiceTest, ServesAPageOfItsOwnAtAnOriginOfItsOwnOnly) {
+    fSettings.publicAddress = "http://plot.example";
+    start();
+    const auto page = writePage({{"/", "text/html", "<p>own"}, {"/own.mjs", "text/x", "1"}});
+    const std::string host = "wind.plot.example";
+    const std::string origin = "http://" + host;
+    auto& engine = begin("Wind", kConfiguration, page);
+    EXPECT_EQ(engine.take(), Heard{origin + "/"});
+    EXPECT_EQ(begin("wind", kConfiguration, page).take(), Heard{}) << "the host is another one's";
+    begin("a_b", kConfiguration, page);
+    const auto moved = get("/s/Wind/?x=1", "plot.example");
+    EXPECT_TRUE(hasStatus(moved, "302")) << moved;
+    EXPECT_NE(moved.find("\r\nLocation: " + origin + "/\r\n"), std::string::npos) << moved;
+    for (const char* early : {"/", "/kiroweb/wait.js"}) {
+        EXPECT_TRUE(hasStatus(get(early, host), "200")) << early;
+    }
+    EXPECT_TRUE(hasStatus(get("/own.mjs", host), "404")) << "it has not come yet";
+    run(milliseconds(500));
+    for (const auto& [at, target, status] :
+         std::vector<std::array<const char*, 3>>{{"wind.plot.example", "/", "200"},
+                                                 {"wind.plot.example", "/own.mjs", "200"},
+                                                 {"wind.plot.example", "/kiroweb/wait.js", "200"},
+                                                 {"wind.plot.example", "/s/Wind/", "404"},
+                                                 {"Wind.plot.example", "/", "403"},
+                                                 {"wind.plot.example:80", "/", "403"},
+                                                 {"sea.plot.example", "/", "403"},
+                                                 {"a.wind.plot.example", "/", "403"},
+                                                 {"plot.example", "/s/Wind/own.mjs", "404"},
+                                                 {"plot.example", "/s/wind/", "404"},
+                                                 {"plot.example", "/s/a_b/", "404"}}) {
+        EXPECT_TRUE(hasStatus(get(target, at), status)) << at << target << get(target, at);
+    }
+    for (const auto& from :
+         {"http://plot.example", "http://sea.plot.example", "http://west.example:9",
+          "https://wind.plot.example", "http://WIND.plot.example"}) {
+        Peer peer(fAccess);
+        EXPECT_TRUE(hasStatus(upgradeAt(peer, host, from), "403")) << from;
+    }
+    Peer plain(fAccess);
+    EXPECT_TRUE(
+        hasStatus(upgradeAt(plain, "plot.example", "http://plot.example", "/s/Wind"), "404"));
+    for (const auto& from : {origin, std::string("http://wind.west.example:9")}) {
+        Peer peer(fAccess);
+        EXPECT_TRUE(hasStatus(upgradeAt(peer, host, from), "101")) << from;
+        peer.sendText(R"({"t":"hello","version":1,"subscribe":[]})");
+        const auto hello = boost::json::parse(peer.readControl("hello"));
+        EXPECT_EQ(boost::json::serialize(hello.at("gateways")),
+                  R"(["ws://wind.west.example:9/kiroweb"])");
+    }
+    EXPECT_GE(report().held, page.size());
+    // Without one of its own all is as ever.
+    follow("sea");
+    EXPECT_TRUE(hasStatus(get("/s/sea/"), "200"));
+}
+
+TEST_F(ServiceTest, RefusesAPageThatIsNotWhatWasTold) {
+    fSettings.publicAddress = "http://plot.example";
+    const auto page = writePage({{"/", "text/html", std::string(1 << 20U, 'a')}});
+    const auto refused = [&] {
+        begin("wind", kConfiguration, page);
+        EXPECT_TRUE(hasStatus(get("/", "wind.plot.example"), "200"));
+        run(seconds(3));
+        EXPECT_TRUE(hasStatus(get("/elsewhere"), "404"))
+            << "the gateway's thread has done its part";
+        return report().followed == 0;
+    };
+    fSettings.memory = 1 << 20U;
+    start();
+    EXPECT_TRUE(refused()) << "it takes all that there is for a session";
+    fSettings.memory = std::size_t{4} << 20U;
+    fSettings.allMemory = 1 << 20U;
+    start();
+    EXPECT_TRUE(refused()) << "it takes more than there is for pages";
+    fSettings.allMemory = std::size_t{4} << 20U;
+    start();
+    EXPECT_FALSE(refused());
+    start();
+    const auto liar = fCluster.subscribe(
+        "kiroweb.wind.from.east", [this](std::string_view, std::string_view bytes) {
+            const auto frame = readFrame(bytes);
+            if (!frame || !std::holds_alternative<frame::Fetch>(frame->body)) return;
+            const std::string other(kPagePart, 'b');
+            auto part = writeFrame(frame->header, frame::Part{other});
+            fCluster.publish("kiroweb.wind.to.east",
+                             std::make_shared<const std::string>(std::move(part)));
+        });
+    EXPECT_TRUE(refused()) << "it has another hash";
+    fSettings.pageSize = 0;
+    start();
+    begin("wind", kConfiguration, page);
+    EXPECT_TRUE(hasStatus(get("/", "wind.plot.example"), "403"));
 }
 
 TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {

@@ -74,6 +74,7 @@ TEST(Settings, NameWhatIsWrong) {
         {kGood + "port = -1\n", "port = -1: "},
         {kGood + "sessions = 0\n", "sessions = 0: "},
         {kGood + "memory = 1 GiB\n", "memory = 1 GiB: "},
+        {kGood + "page-size = 65\n", "page-size = 65: "},
         {kGood + "public = https://a/b\n", "public = https://a/b: "},
         {kGood + "gateways = b:1\n", "gateways = b:1: "},
         {kGood + "cluster-tls = no\n", "cluster-tls = no: "},
