@@ -98,12 +98,6 @@ const DEFAULTS = {
 
 /** @typedef {import("./outgoing.mjs").Encoded} Encoded */
 
-/** What a gateway that is not in the engine's process says of the engine; empty: all is well.
- * @param {{state?: string, milliseconds?: number}} message */
-function engineText({ state, milliseconds = 0 }) {
-    return state === "silent" ? `engine silent for ${Math.round(milliseconds / 1000)} s` : "";
-}
-
 /**
  * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
  * sends, and answers:
@@ -356,7 +350,9 @@ export class Connection {
             case "echo":
                 return this.#echoed(message.id);
             case "engine":
-                return this.#line.note(engineText(message));
+                return this.#line.silent(
+                    message.state === "silent" ? Number(message.milliseconds ?? 0) : null,
+                );
             default:
                 return undefined;
         }

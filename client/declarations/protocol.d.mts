@@ -2,6 +2,7 @@ export { CLOSE_CODES } from "./close_codes.mjs";
 export { readJson } from "./wire.mjs";
 /** Where script errors go. */
 export const ERROR_CHANNEL: "/services/ErrorLoggingService/JSErrors";
+/** @typedef {import("./outgoing.mjs").Encoded} Encoded */
 /**
  * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
  * sends, and answers:
@@ -72,7 +73,6 @@ export class Connection {
     close(): void;
     #private;
 }
-export type Encoded = import("./outgoing.mjs").Encoded;
 export type State = import("./line.mjs").State;
 /**
  * the gateway's
@@ -191,4 +191,5 @@ export type Options = {
      */
     blockSize?: number | undefined;
 };
+export type Encoded = import("./outgoing.mjs").Encoded;
 export { gatewayAddress, tabAccess } from "./access.mjs";

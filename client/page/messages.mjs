@@ -161,7 +161,7 @@
 /**
  * @typedef {(
  *     | {kind: "ask", id: number, what: "token" | "served"}
- *     | {kind: "state", name: string, reason: string}
+ *     | {kind: "state", name: string, reason: string, since?: number}
  *     | {kind: "hello", configuration: Record<string, any>, known: boolean}
  *     | {kind: "scene", stamp: number, keys: boolean, figures: FigureDescription[]}
  *     | {kind: "frame", stamp: number, frame: number, limits: Record<number, Limits>,

@@ -119,11 +119,11 @@ export class Live {
     }
 
     /** @param {import("../../line.mjs").State} state */
-    #stateChanged({ name, reason }) {
+    #stateChanged({ name, reason, since }) {
         const isLive = name === "live";
         if (this.#isLive && !isLive) this.#surroundings.changed("gone");
         this.#isLive = isLive;
-        this.#surroundings.post({ kind: "state", name, reason });
+        this.#surroundings.post({ kind: "state", name, reason, since });
     }
 
     /** @param {import("../../protocol.mjs").Hello} hello */
