@@ -138,10 +138,15 @@ class Page {
         }
     }
 
-    /// From now on it does nothing by itself.
+    /// From now on it does nothing by itself, and comes if it stays away.
     void calm() {
         fIsWild = false;
-        if (fState == State::kStalled) fDue = fNow;
+        if (fState == State::kStalled || fState == State::kAway) fDue = fNow;
+    }
+    /// Its gateway ends, within so long: connection and view are lost once without a fault.
+    void forgive(milliseconds within) {
+        fForgiven = Clock::time_point::max();
+        fGatewayEnds = fNow + within;
     }
 
     void found(const std::string& what) { fTally.found(fName + ": " + what); }
@@ -264,7 +269,7 @@ class Page {
         ++fTally.counts[isLong ? "long stalls" : "stalls"];
         fState = State::kStalled;
         fDue = fNow + (isLong ? 2 * queue : random(milliseconds(50), queue / 2));
-        if (isLong) fForgiven = fDue + queue;
+        if (isLong) fForgiven = std::max(fForgiven, fDue + queue);
     }
 
     void wake() {
@@ -281,7 +286,7 @@ class Page {
         if (end == std::string_view::npos) return false;
         if (!left.starts_with("HTTP/1.1 101")) {
             // The session's engine is not there, or its gateway has only just begun.
-            if (!is("mayEnd")) found(fIn);
+            if (!is("mayEnd") && fNow > fForgiven) found(fIn.substr(0, fIn.find('\r')));
             lose(kRetry);
             return false;
         }
@@ -375,7 +380,7 @@ class Page {
         if (hello.at("next") != fNumbers.last + 1) found(serialize(hello));
         fReturned = fNumbers.last;
         fState = State::kOpen;
-        fForgiven = {};
+        fForgiven = fNow < fGatewayEnds ? Clock::time_point::max() : Clock::time_point();
         fActs = fNow + random(milliseconds(500), milliseconds(5500));
     }
 
@@ -468,7 +473,8 @@ class Page {
     Clock::time_point fAcknowledges;
     Clock::time_point fHeard;
     Clock::time_point fLost;
-    Clock::time_point fForgiven;  ///< until then the gateway may end connection and view
+    Clock::time_point fForgiven;     ///< until then the gateway may end connection and view
+    Clock::time_point fGatewayEnds;  ///< until then greetings leave what is forgiven as it is
     std::string fIn;
     std::string fOut;
 
@@ -516,8 +522,8 @@ class Pages {
     static constexpr std::chrono::seconds kPatience{30};
     using PagePointer = std::unique_ptr<Page>;
 
-    /// "phase NAME" and "calm" are answered at once, "settle" when all are open, and "until TEXT"
-    /// when all have that.
+    /// "phase NAME", "calm" and "forgive MILLISECONDS" are answered at once, "settle" when all are
+    /// open, and "until TEXT" when all have that.
     void obey(const std::string& command) {
         const auto argument = command.substr(command.find(' ') + 1);
         fUntil = Clock::now() + kPatience;
@@ -529,6 +535,7 @@ class Pages {
         }
         for (const auto& page : fPages) {
             if (command == "calm") page->calm();
+            if (command.starts_with("forgive ")) page->forgive(milliseconds(std::stoi(argument)));
         }
     }
 

@@ -49,10 +49,20 @@ def read_arguments(job: str, what: str) -> argparse.Namespace:
 def build() -> None:
     for command in (["cmake", "--preset", "release"],
                     ["cmake", "--build", "--preset", "release", "--target",
-                     "kiroweb_prove_engine", "kiroweb_prove_pages"]):
+                     "kiroweb_prove_engine", "kiroweb_prove_pages", "kiroweb_gateway_program"]):
         done = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         if done.returncode != 0:
             sys.exit(done.stdout.decode(errors="replace"))
+
+
+def until(what, text: str, patience=20.0) -> float:
+    """Looks again and again until it is so, and returns how many seconds that took."""
+    began = time.monotonic()
+    while not what():
+        if time.monotonic() > began + patience:
+            raise RuntimeError(f"in vain: {text}")
+        time.sleep(0.02)
+    return time.monotonic() - began
 
 
 def go_first() -> None:
@@ -107,15 +117,15 @@ class Program:
             found(f"{self.name} ended with {self.process.returncode}")
 
 
-def engine(**settings) -> tuple[Program, str]:
+def engine(inside=(), **settings) -> tuple[Program, str]:
+    """`inside` is the beginning of a command that runs another one elsewhere."""
     defaults = {"address": "127.0.0.1", "port": 0, "hosts": [], "queueSize": 64 << 20,
                 "linkFile": "", "token": ""}
-    program = Program([str(PROGRAMS / "kiroweb_prove_engine")], defaults | settings)
+    program = Program([*inside, str(PROGRAMS / "kiroweb_prove_engine")], defaults | settings)
     return program, program.answer()["link"]
 
 
 def pages(link: str, inside=(), **settings) -> Program:
-    """`inside` is the beginning of a command that runs another one elsewhere."""
     host, port = link.split("/")[2].split(":")
     defaults = {"link": link, "address": host, "port": int(port), "mayLose": False, "mayEnd": False,
                 "mayBeSlow": False, "isWild": False, "silence": 60_000, "gone": 1000}

@@ -1,5 +1,6 @@
 """A proxy as bad as networks have them: it cuts connections, delays and chops what goes through, and forgets
-connections without a word. Its argument is a JSON object; "wild" and "calm" on its input are answered."""
+connections without a word. Its argument is a JSON object; "wild" and "calm" on its input are answered.
+With "seconds" it is the far end of a line that takes so long one way."""
 
 import asyncio
 import json
@@ -9,6 +10,7 @@ import sys
 settings = json.loads(sys.argv[1])
 chance = random.Random(settings["seed"])
 is_wild = False
+PIECES = 64  # of a pump that may be on a far line at a time
 
 
 class Passage:
@@ -61,9 +63,30 @@ class Passage:
             end.abort()
 
 
+class FarPassage(Passage):
+    async def pump(self, source, sink):
+        under_way = asyncio.Queue(PIECES)
+        arriving = asyncio.create_task(self.arrive(under_way, sink))
+        try:
+            while data := await source.read(self.piece):
+                await under_way.put((loop.time() + settings["seconds"], data))
+            await under_way.join()
+        finally:
+            arriving.cancel()
+
+    async def arrive(self, under_way, sink):
+        while True:
+            due, data = await under_way.get()
+            await asyncio.sleep(due - loop.time())
+            sink.write(data)
+            await sink.drain()
+            under_way.task_done()
+
+
 async def serve(*page):
     try:
-        await Passage(page, await asyncio.open_connection("127.0.0.1", settings["to"])).run()
+        kind = FarPassage if "seconds" in settings else Passage
+        await kind(page, await asyncio.open_connection(settings.get("host", "127.0.0.1"), settings["to"])).run()
     except OSError:
         page[1].transport.abort()
 

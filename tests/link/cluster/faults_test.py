@@ -3,18 +3,16 @@ get. Nodes, gateways and the engine are ended and hung while it streams."""
 
 import os
 import pathlib
-import secrets
 import signal
 import sys
 import tempfile
-import time
 import unittest
 
 sys.dont_write_bytecode = True
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 sys.path.insert(0, str(ROOT / "proofs/common"))
 import load  # noqa: E402
-from cluster import Cluster  # noqa: E402
+from cluster import Cluster, settle  # noqa: E402
 
 load.PROGRAMS = pathlib.Path(os.environ["KIROWEB_PROGRAMS"])
 TEXTS, BLOCKS = 5000, 20  # a second
@@ -23,14 +21,8 @@ PATIENCE = 20 * SLOWNESS  # seconds; only what has failed takes as long
 PAGES = 3  # of each gateway
 
 
-def until(what, text: str):
-    """Looks again and again until it is so, and returns how many seconds that took."""
-    began = time.monotonic()
-    while not what():
-        if time.monotonic() > began + PATIENCE:
-            raise AssertionError(f"in vain: {text}")
-        time.sleep(0.02)
-    return time.monotonic() - began
+def until(what, text: str) -> float:
+    return load.until(what, text, PATIENCE)
 
 
 class Faults(unittest.TestCase):
@@ -41,7 +33,6 @@ class Faults(unittest.TestCase):
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix="kiroweb-faults-")
         cls.cluster = Cluster(cls.folder.name, ("one", "two"), ("alpha", "beta"), {})
-        cls.token = secrets.token_hex(32)
         cls.addClassCleanup(cls.folder.cleanup)
         cls.addClassCleanup(lambda: cls.cluster.kill(*cls.cluster.running))
 
@@ -53,19 +44,13 @@ class Faults(unittest.TestCase):
         self.pages = {name: self.start_pages(name) for name in ("one", "two")}
 
     def start_engine(self, session="alpha", credentials="") -> load.Program:
-        file = self.cluster.write(f"session-{session}", "link.conf", (1, 2, 3), credentials=credentials,
-                                  session=session)
-        engine, _ = load.engine(texts=TEXTS, blocks=BLOCKS, milliseconds={}, linkFile=str(file),
-                                token=self.token)
+        engine = self.cluster.engine(session, credentials, texts=TEXTS, blocks=BLOCKS)
         self.addCleanup(engine.process.wait)
         self.addCleanup(engine.process.kill)
         return engine
 
     def start_pages(self, gateway: str) -> load.Program:
-        port = self.cluster.ports[f"gateway-{gateway}"]
-        pages = load.pages(f"http://127.0.0.1:{port}/s/alpha/#token={self.token}", name=gateway,
-                           pages=PAGES, seed=1, mayLose=True,
-                           mayEnd=True)
+        pages = self.cluster.pages(gateway, "alpha", pages=PAGES, seed=1, mayLose=True, mayEnd=True)
         self.addCleanup(pages.process.wait)
         self.addCleanup(pages.process.kill)
         return pages
@@ -77,10 +62,7 @@ class Faults(unittest.TestCase):
         self.streams()
 
     def settle(self) -> None:
-        """Until all pages are there, and the engine knows."""
-        for pages in self.pages.values():
-            pages.ask("settle")
-        until(lambda: self.engine.ask("report")["gateway"]["pages"] == 2 * PAGES, "all pages are known")
+        settle(self.engine, list(self.pages.values()), 2 * PAGES, PATIENCE)
 
     def streams(self, *gateways: str) -> None:
         """Until pages have what is published from now on, for half a second."""

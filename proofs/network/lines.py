@@ -1,0 +1,250 @@
+"""The lines between an engine and the nodes of a cluster: slow, lossy and far, each beside what a plain TCP
+connection gets through it; and a gateway that stands still while the others go on."""
+
+import concurrent.futures
+import dataclasses
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+import load
+from cluster import Cluster, settle
+
+HERE = pathlib.Path(__file__).resolve().parent
+NODES = "10.78.0.1"  # where engines find them
+FLOOR_PORT, FAR_PORT = 7100, 7110
+GATEWAYS, PAGES = ("one", "two"), 2  # of each, and of each engine
+BLOCK = 9600  # bytes, about
+FLOOR_SECONDS, STREAM_SECONDS = 2.0, 3.0
+LEAST_RATIO = 0.7
+LATE_WAIT = 1.5  # seconds; one until a gateway counts as gone, and what a look takes
+QUIET_SECONDS, DROPPED_WITHIN = 3.0, 12.0
+ROUND = 27  # seconds
+MOST_RATIO, FLOOR = 2, 1  # of the p99, and the ms below which it is chance
+
+# Receives what comes at the port for so many seconds; prints how many bytes that were.
+SINK = """
+import socket, sys, time
+with socket.create_server((sys.argv[1], int(sys.argv[2]))) as server:
+    print("ready", flush=True)
+    line, _ = server.accept()
+    first, count, until = None, 0, time.monotonic() + float(sys.argv[3])
+    line.settimeout(1)
+    while time.monotonic() < until:
+        count += len(line.recv(65536))
+    print(count, flush=True)
+"""
+SOURCE = """
+import socket, sys
+line = socket.create_connection((sys.argv[1], int(sys.argv[2])))
+try:
+    while True:
+        line.sendall(bytes(65536))
+except OSError:
+    pass
+"""
+
+
+def do(command: str) -> None:
+    subprocess.run(command, shell=True, check=True)
+
+
+def add_namespace(name: str, net: str) -> None:
+    """With a link "to-NAME" to this one. Here is NET.1, and NET.2 there."""
+    do(f"ip netns add {name} && ip link add to-{name} type veth peer name eth0 netns {name} && "
+       f"ip addr add {net}.1/24 dev to-{name} && ip link set to-{name} up && "
+       f"ip -n {name} addr add {net}.2/24 dev eth0 && ip -n {name} link set eth0 up")
+
+
+def quantile(delays: list, share: float) -> float:
+    """In milliseconds."""
+    wanted = share * sum(count for _, count in delays)
+    for delay, count in sorted(delays):
+        wanted -= count
+        if wanted <= 0:
+            return (delay + 1) / 100
+    return 0
+
+
+@dataclasses.dataclass
+class Line:
+    name: str
+    number: int
+    kilobits: int
+    lost: int = 0  # of 100 packets, each way
+    seconds: float = 0  # one way
+
+    def __post_init__(self):
+        self.space, self.net, self.proxies = f"line-{self.name}", f"10.78.{self.number}", []
+        self.inside = ["ip", "netns", "exec", self.space]
+        add_namespace(self.space, self.net)
+        self.add_route()
+        # Packets have the size that they have on a line.
+        shape = f"root tbf rate {self.kilobits}kbit burst 32kb latency 300ms"
+        do(f"ip link set to-{self.space} gso_max_segs 1 && tc qdisc add dev to-{self.space} {shape} && "
+           f"ip -n {self.space} link set eth0 gso_max_segs 1 && tc -n {self.space} qdisc add dev eth0 {shape}")
+        if self.lost:
+            for inside, device in ((" ".join(self.inside), "eth0"), ("", f"to-{self.space}")):
+                do(f"{inside} nft 'add table inet lost; "
+                   "add chain inet lost input { type filter hook input priority 0; }; "
+                   f"add rule inet lost input iifname {device} numgen random mod 100 < {self.lost} drop'")
+
+    def add_route(self) -> None:
+        do(f"ip -n {self.space} route add default via {self.net}.1")
+
+    def proxied(self, to: int) -> int:
+        """The port where the line leads to that one."""
+        if not self.seconds:
+            return to
+        listen = FAR_PORT + len(self.proxies)
+        proxy = load.Program([sys.executable, str(HERE / "proxy.py")], {
+            "name": "far", "seed": 0, "listen": [NODES, listen], "host": NODES, "to": to,
+            "seconds": self.seconds})
+        proxy.answer()
+        self.proxies.append(proxy)
+        return listen
+
+    def floor(self) -> float:
+        """Bytes a second of a plain connection."""
+        port = FLOOR_PORT + self.number
+        run = [sys.executable, "-c"]
+        sink = subprocess.Popen([*run, SINK, NODES, str(port), str(FLOOR_SECONDS)], stdout=subprocess.PIPE, text=True)
+        sink.stdout.readline()
+        source = subprocess.Popen([*self.inside, *run, SOURCE, NODES, str(self.proxied(port))])
+        count = int(sink.stdout.readline())
+        source.kill()
+        for each in (sink, source):
+            each.wait()
+        return count / FLOOR_SECONDS
+
+    def cut(self) -> None:
+        do(f"ip -n {self.space} link set eth0 down")
+
+    def mend(self) -> None:
+        do(f"ip -n {self.space} link set eth0 up")
+        self.add_route()
+
+
+@dataclasses.dataclass
+class Result:
+    ratio: float
+    wait: float
+    cut: float
+    given_back: int
+    blocks: int
+
+
+def answered(engine: load.Program) -> bool:
+    now = engine.ask("report")
+    return now["delivered"] + now["givenBack"] == now["blocks"]
+
+
+def stream(cluster: Cluster, line: Line) -> Result:
+    """More than the line carries, for some seconds: how much of it came through, in order and once."""
+    floor = line.floor()
+    bytes_a_second = line.kilobits * 1000 / 8
+    port = line.proxied(cluster.ports["node-1"])
+    engine = cluster.engine(line.name, inside=line.inside, way={"servers": f"{NODES}:{port}"},
+                            texts=200, blocks=1.5 * bytes_a_second / BLOCK)
+    groups = [cluster.pages(name, line.name, pages=PAGES, seed=1) for name in GATEWAYS]
+    settle(engine, groups, len(GATEWAYS) * PAGES)
+    before = engine.ask("go")["gateway"]["bytesSent"]
+    began = time.monotonic()
+    time.sleep(STREAM_SECONDS)
+    last = engine.ask("rest")
+    for each in groups:
+        each.say(f"until {last['texts']}")
+    seen = [each.answer() for each in groups]
+    came = time.monotonic()
+    load.until(lambda: answered(engine), "blocks are answered")
+    wait = time.monotonic() - came
+    after = engine.ask("report")
+    got = (after["gateway"]["bytesSent"] - before) / (came - began)
+    print(f"# {line.name} line: {floor:,.0f} bytes/s of a plain connection, {got:,.0f} of the link", flush=True)
+    if (least := quantile(seen[0]["delays"][""], 0)) < line.seconds * 1000:
+        raise RuntimeError(f"the {line.name} line is none: a text came after {least:.0f} ms")
+    engine.ask("go")
+    time.sleep(0.5)
+    line.cut()
+    cut = time.monotonic()
+    engine.ask("rest")
+    load.until(lambda: answered(engine), "blocks are answered")
+    took = time.monotonic() - cut
+    line.mend()
+    for each in (*groups, engine, *line.proxies):
+        each.end()
+    line.proxies.clear()
+    return Result(got / floor, wait, took, after["givenBack"], after["blocks"])
+
+
+def standstill(cluster: Cluster, texts: int, blocks: int) -> tuple[float, float, float]:
+    """Stops one of the gateways. Returns the p99 of the other one's pages before and then, in milliseconds,
+    and after how many seconds the engine let go of it."""
+    engine = cluster.engine("stopped", texts=texts, blocks=blocks)
+    groups = {name: cluster.pages(name, "stopped", pages=PAGES, seed=1, mayLose=name == "two",
+                                  mayEnd=name == "two") for name in GATEWAYS}
+    settle(engine, list(groups.values()), len(GATEWAYS) * PAGES)
+    engine.ask("go")
+    time.sleep(1)
+    groups["one"].ask("phase quiet")
+    time.sleep(QUIET_SECONDS)
+    groups["one"].ask("phase stopped")
+    cluster.signal("gateway-two", signal.SIGSTOP)
+    try:
+        took = load.until(lambda: any("dropped: two: " in line for line in engine.log),
+                          "the gateway is dropped with a reason", DROPPED_WITHIN)
+    finally:
+        cluster.signal("gateway-two", signal.SIGCONT)
+    groups["one"].ask("phase after")
+    settle(engine, list(groups.values()), len(GATEWAYS) * PAGES)  # it has joined again
+    last = engine.ask("rest")
+    delays = [group.ask(f"until {last['texts']}")["delays"] for group in groups.values()][0]
+    load.until(lambda: answered(engine), "blocks are answered")
+    for each in (*groups.values(), engine):
+        each.end()
+    return quantile(delays["quiet"], 0.99), quantile(delays["stopped"], 0.99), took
+
+
+def run(end: float) -> None:
+    """Rounds until then, at least one."""
+    do(f"ip addr add {NODES}/32 dev lo")
+    lines = [Line("slow", 1, 1000), Line("lossy", 2, 20_000, lost=5), Line("far", 3, 20_000, seconds=0.1)]
+    results, stops = {line.name: [] for line in lines}, []
+    with tempfile.TemporaryDirectory(prefix="kiroweb-lines-") as folder:
+        cluster = Cluster(folder, GATEWAYS, (*results, "stopped"), {}, NODES)
+        cluster.start(*cluster.ports)
+        time.sleep(1)  # until they have found each other
+        try:
+            with concurrent.futures.ThreadPoolExecutor() as all_at_once:
+                while not stops or time.monotonic() + ROUND < end:
+                    for line, result in zip(lines, all_at_once.map(lambda line: stream(cluster, line), lines)):
+                        results[line.name].append(result)
+                    stops.append(standstill(cluster, 1000, 20))
+        finally:
+            cluster.kill(*cluster.running)
+    judge(results, stops)
+
+
+def judge(results: dict, stops: list[tuple]) -> None:
+    print(f"figure: link: rounds: {len(stops)}")
+    for name, all_of_it in results.items():
+        ratio, wait, cut = (pick(getattr(each, what) for each in all_of_it)
+                            for pick, what in ((min, "ratio"), (max, "wait"), (max, "cut")))
+        given_back = sum(each.given_back for each in all_of_it)
+        print(f"figure: link: {name} line: {ratio:.2f} of a plain connection; wait behind the last text "
+              f"{wait:.2f} s, after a cut {cut:.2f} s; blocks given back "
+              f"{given_back} of {sum(each.blocks for each in all_of_it)}")
+        if ratio < LEAST_RATIO:
+            load.found(f"the {name} line: {ratio:.2f} of what a plain connection gets")
+        if max(wait, cut) > LATE_WAIT:
+            load.found(f"the {name} line: a wait ended after {wait:.2f} s, and {cut:.2f} s after a cut")
+    quiet, stopped, took = max(stops, key=lambda each: each[1] / max(each[0], FLOOR))
+    print(f"figure: link: p99 quiet: {quiet:.2f} ms\nfigure: link: p99 beside a stopped gateway: {stopped:.2f} ms")
+    print(f"figure: link: ratio: {stopped / quiet:.2f}")
+    print(f"figure: link: stopped gateway dropped after: {max(each[2] for each in stops):.2f} s")
+    if stopped > MOST_RATIO * max(quiet, FLOOR):
+        load.found(f"p99 of the other gateway's pages: {quiet:.2f} ms, beside a stopped one {stopped:.2f} ms")
