@@ -4,15 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
-#include "process/WriteAll.hpp"
+#include "process/Descriptor.hpp"
 #include "secret/RandomHex.hpp"
+#include "text/Hex.hpp"
 
 namespace kirofigures::detail {
 
@@ -25,28 +24,13 @@ constexpr std::size_t kDigits = 2 * kBytes;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// Closes what it holds.
-class Descriptor {
-  public:
-    explicit Descriptor(int number) noexcept : fNumber(number) {}
-    ~Descriptor() {
-        if (fNumber >= 0) ::close(fNumber);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    [[nodiscard]] int get() const noexcept { return fNumber; }
-
-  private:
-    const int fNumber;
-};
-
 /// A file beside `file` that holds a new token and that nobody else knows; gone with this.
 class Draft {
   public:
     explicit Draft(const std::string& file) : fPath(file + ".XXXXXX") {
         const std::string line = secret::randomHex(kBytes) + '\n';
         // Readable for the owner only.
-        const Descriptor made(::mkostemp(fPath.data(), O_CLOEXEC));
+        const process::Descriptor made(::mkostemp(fPath.data(), O_CLOEXEC));
         if (made.get() < 0) fail("tokenFile: " + file + " cannot be made");
         if (process::writeAll(made.get(), line)) return;
         const int error = errno;
@@ -63,25 +47,18 @@ class Draft {
     std::string fPath;
 };
 
-std::string read(const Descriptor& descriptor, const std::string& file) {
+std::string read(const process::Descriptor& descriptor, const std::string& file) {
     struct stat known {};
     if (::fstat(descriptor.get(), &known) != 0) fail("tokenFile: " + file + " cannot be read");
     if ((known.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         throw std::invalid_argument("tokenFile: others may read " + file + "; chmod 600 ends that");
     }
-    std::string text(kDigits + 2, '\0');
-    std::size_t size = 0;
-    for (ssize_t got = 1; got != 0 && size < text.size(); size += static_cast<std::size_t>(got)) {
-        got = process::againIfInterrupted(
-            [&] { return ::read(descriptor.get(), text.data() + size, text.size() - size); });
-        if (got < 0) fail("tokenFile: " + file + " cannot be read");
+    std::string token;
+    if (!process::readUpTo(descriptor.get(), kDigits + 2, token)) {
+        fail("tokenFile: " + file + " cannot be read");
     }
-    text.resize(size);
-    if (text.ends_with('\n')) text.pop_back();
-    const bool isToken = text.size() == kDigits && std::ranges::all_of(text, [](char c) {
-                             return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-                         });
-    if (isToken) return text;
+    if (token.ends_with('\n')) token.pop_back();
+    if (text::isHex(token, kDigits)) return token;
     throw std::invalid_argument("tokenFile: " + file +
                                 " holds no token; without the file a new one is made");
 }
@@ -96,7 +73,7 @@ std::string tokenFrom(const std::string& file) {
             fail("tokenFile: " + file + " cannot be made");
         }
     }
-    const Descriptor known(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const process::Descriptor known(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (known.get() < 0) fail("tokenFile: " + file + " cannot be read");
     return read(known, file);
 }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "checked/Require.hpp"
+#include "served/Host.hpp"
 
 namespace kirogateway {
 namespace {
@@ -16,9 +17,7 @@ bool isOneOf(std::string_view text, const std::vector<std::string>& allowed) {
 }
 
 std::vector<std::string> hostsOf(const Options& options, std::uint16_t port) {
-    std::vector<std::string> names{options.address.find(':') == std::string::npos
-                                       ? options.address
-                                       : "[" + options.address + "]"};
+    std::vector<std::string> names{served::hostOfUrl(options.address)};
     if (options.address == "127.0.0.1" || options.address == "::1") {
         names = {names.front(), "localhost", "127.0.0.1", "[::1]"};
     }

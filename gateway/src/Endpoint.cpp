@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "checked/Require.hpp"
+#include "served/Host.hpp"
 #include "text/Escape.hpp"
 
 namespace kirogateway {
@@ -43,8 +44,7 @@ const char* adviceOn(const error_code& error) {
 tcp::acceptor listenOn(asio::io_context& context, const Options& options) {
     const auto address = asio::ip::make_address(options.address);
     const tcp::endpoint endpoint(address, options.port);
-    const auto name = (address.is_v6() ? "[" + options.address + "]" : options.address) + ":" +
-                      std::to_string(options.port);
+    const auto name = served::hostOfUrl(options.address) + ":" + std::to_string(options.port);
     tcp::acceptor acceptor(context);
     error_code error;
     acceptor.open(endpoint.protocol(), error);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Pieces.hpp"
+
 namespace kirolink {
 namespace {
 
@@ -106,13 +108,8 @@ void DownStream::closeBatchLocked() {
 
 void DownStream::appendPiecesLocked(bool isBlock, std::string_view channel,
                                     std::string_view whole) {
-    std::size_t at = 0;
-    do {
-        const auto part = whole.substr(at, kPieceSize);
-        const frame::Piece piece{isBlock, channel, whole.size(), at, part};
-        appendLocked(writeFrame(headerLocked(), piece));
-        at += part.size();
-    } while (at < whole.size());
+    Pieces pieces(isBlock, channel, whole);
+    while (const auto piece = pieces.next()) appendLocked(writeFrame(headerLocked(), *piece));
 }
 
 void DownStream::appendLocked(std::string frame) {

@@ -6,6 +6,7 @@
 
 #include "TextEncoding.hpp"
 #include "checked/Require.hpp"
+#include "text/Hex.hpp"
 
 namespace kirolink {
 namespace {
@@ -199,9 +200,7 @@ void read(Reader& reader, Welcome& welcome) {
     session.views = reader.count();
     session.pieceSize = reader.count();
     session.tokenHash = reader.take(kHashSize);
-    reader.require(std::ranges::all_of(session.tokenHash, [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-    }));
+    reader.require(text::isHex(session.tokenHash, kHashSize));
     session.configuration = reader.text(4, kMaxFrame);
     session.mayPublish = readNames(reader);
     session.maySubscribe = readNames(reader);

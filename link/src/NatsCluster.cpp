@@ -341,6 +341,7 @@ void NatsCluster::takeSubscriptions() {
     std::vector<std::shared_ptr<Heard>> ended;
     {
         annotated::Lock lock(fMutex);
+        if (fNew.empty() && !fHasEnded) return;
         // All of them first: when the line breaks with one of them, the next line has the others.
         fHeard.insert(fHeard.end(), fNew.begin(), fNew.end());
         fNew.clear();

@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Pieces.hpp"
+
 namespace kirolink {
 namespace {
 
@@ -82,13 +84,10 @@ std::size_t UpStream::waitingLocked() const noexcept {
 std::vector<std::string> UpStream::piecesLocked(bool isBlock, std::string_view channel,
                                                 std::string_view whole) const {
     std::vector<std::string> frames;
-    std::size_t at = 0;
-    do {
-        const auto part = whole.substr(at, kPieceSize);
-        const frame::Piece piece{isBlock, channel, whole.size(), at, part};
-        frames.push_back(writeFrame(headerLocked(frames.size()), piece));
-        at += part.size();
-    } while (at < whole.size());
+    Pieces pieces(isBlock, channel, whole);
+    while (const auto piece = pieces.next()) {
+        frames.push_back(writeFrame(headerLocked(frames.size()), *piece));
+    }
     return frames;
 }
 

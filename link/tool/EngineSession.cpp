@@ -7,6 +7,7 @@
 #include "OptionsCheck.hpp"
 #include "checked/Require.hpp"
 #include "secret/Sha256.hpp"
+#include "text/Hex.hpp"
 
 namespace link_tool {
 namespace {
@@ -17,12 +18,7 @@ using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kTellAgain{1};
-
-bool isHash(std::string_view text) {
-    constexpr std::size_t kDigits = 64;
-    const auto isDigit = [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); };
-    return text.size() == kDigits && std::ranges::all_of(text, isDigit);
-}
+constexpr std::size_t kHashDigits = 64;
 
 /// Runs `call` on a thread that must not be thrown at.
 template <typename Call>
@@ -67,7 +63,8 @@ kirogateway::Options EngineSession::optionsOf(const kirolink::Description& sessi
     options.lanes = session.lanes;
     options.limits.connections = fCommon.pages;
     if (session.pieceSize > 0) options.limits.pieceSize = session.pieceSize;
-    if (!isHash(session.tokenHash)) throw std::invalid_argument("its token's hash is none");
+    if (!text::isHex(session.tokenHash, kHashDigits))
+        throw std::invalid_argument("its token's hash is none");
     return kirogateway::checked(std::move(options));
 }
 

@@ -16,6 +16,7 @@
 #include "Status.hpp"
 #include "kirogateway/Version.hpp"
 #include "kirohost/Controls.hpp"
+#include "served/Host.hpp"
 
 namespace {
 
@@ -79,11 +80,10 @@ void serve(const Settings& settings) {
     Service service(settings, *cluster);
     StatusServer status(context, settings.statusAddress, settings.statusPort,
                         [&service] { return service.report(steady_clock::now()); });
-    const auto host = settings.statusAddress.find(':') == std::string::npos
-                          ? settings.statusAddress
-                          : "[" + settings.statusAddress + "]";
     logLine("serving", {}, service.address());
-    logLine("status", {}, "http://" + host + ":" + std::to_string(status.port()));
+    logLine("status", {},
+            "http://" + served::hostOfUrl(settings.statusAddress) + ":" +
+                std::to_string(status.port()));
 
     signals.async_wait([&context](const boost::system::error_code&, int signal) {
         logLine("stopping", {}, signal == SIGTERM ? "SIGTERM" : "SIGINT");

@@ -72,10 +72,13 @@ class Gateway:
 
     def wait_for_line(self, is_it) -> str:
         """The first line of the log that is it."""
+        if not self.has_line(is_it, PATIENCE):
+            raise Broken("no such line in the log")
+        return next(filter(is_it, self.logged))
+
+    def has_line(self, is_it, patience: float) -> bool:
         with self.changed:
-            if not self.changed.wait_for(lambda: any(map(is_it, self.logged)), PATIENCE):
-                raise Broken("no such line in the log")
-            return next(filter(is_it, self.logged))
+            return self.changed.wait_for(lambda: any(map(is_it, self.logged)), patience)
 
     def resident(self) -> int:
         """Bytes of memory that the process has."""

@@ -6,14 +6,16 @@
 #include <new>
 #include <utility>
 
-// The one compiler defines it, the other has to be asked.
-#ifdef __has_feature
+// The one compiler defines a macro, the other has to be asked.
+#ifdef __SANITIZE_ADDRESS__
+#define KIROWEB_SANITIZED
+#elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-#define __SANITIZE_ADDRESS__ 1  // NOLINT(bugprone-reserved-identifier)
+#define KIROWEB_SANITIZED
 #endif
 #endif
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef KIROWEB_SANITIZED
 #define KIROWEB_REAL(function) __interceptor_##function
 #else
 #define KIROWEB_REAL(function) __libc_##function

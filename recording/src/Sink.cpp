@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "process/WriteAll.hpp"
+#include "process/Descriptor.hpp"
 
 namespace kirorecording {
 

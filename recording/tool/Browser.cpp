@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "process/Browser.hpp"
-#include "process/WriteAll.hpp"
+#include "process/Descriptor.hpp"
 
 namespace recording_tool {
 

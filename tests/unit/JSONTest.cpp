@@ -236,6 +236,12 @@ TEST(JSONObject, isInvalidUnlessTheTextInUTF8OrUTF16IsOneObject) {
     }
     EXPECT_TRUE(JSONObject(std::u16string(u"{\"k\":\"\u20AC\"}")).getValue("k", word));
     EXPECT_EQ(word, "\xE2\x82\xAC");
+
+    std::string many = "{\"" + std::string(std::size_t{10} << 20U, 'k') + "\":0";
+    for (int i = 0; i < 1'000'000; ++i) many += ",\"" + std::to_string(i) + "\":1";
+    const JSONObject large(many + "}");
+    EXPECT_EQ(large.getNames().size(), 1'000'001U);
+    EXPECT_TRUE(large.getValue("999999", word));
 }
 
 TEST(JSONObject, sharesItsDataWithCopiesAndOwnsWhatItTakesOutOfAnother) {

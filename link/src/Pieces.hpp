@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "Frame.hpp"
+
+namespace kirolink {
+
+/// Cuts what is too large for a batch into pieces; what is empty, into one. REQUIRES: channel and
+/// `whole` outlive it.
+class Pieces {
+  public:
+    Pieces(bool isBlock, std::string_view channel, std::string_view whole) noexcept
+        : fIsBlock(isBlock), fChannel(channel), fWhole(whole) {}
+
+    /// The next one; none: that was all.
+    [[nodiscard]] std::optional<frame::Piece> next() noexcept {
+        if (fIsDone) return std::nullopt;
+        const auto part = fWhole.substr(fAt, kPieceSize);
+        const frame::Piece piece{fIsBlock, fChannel, fWhole.size(), fAt, part};
+        fAt += part.size();
+        fIsDone = piece.isLast();
+        return piece;
+    }
+
+  private:
+    const bool fIsBlock;
+    const std::string_view fChannel;
+    const std::string_view fWhole;
+    std::size_t fAt = 0;
+    bool fIsDone = false;
+};
+
+}  // namespace kirolink
