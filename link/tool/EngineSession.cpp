@@ -47,7 +47,7 @@ std::shared_ptr<Site> EngineSession::begin() {
     fEnd = std::make_unique<kirolink::GatewayEnd>(
         fCommon.cluster,
         kirolink::GatewayEnd::Identity{fName, fCommon.name, fCommon.address + fPrefix + "/"}, *this,
-        fCommon.surroundings);
+        fCommon.surroundings, fCommon.link);
     fBus.connect(*fEnd);
     return site;
 }

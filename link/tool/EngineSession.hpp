@@ -27,6 +27,7 @@ struct Common {
     std::string name;                 ///< this gateway's
     std::string address;              ///< "https://HOST:PORT"
     kirolink::Surroundings surroundings;
+    kirolink::GatewayEnd::Settings link{};
 };
 
 /// One engine that is followed: its end of the link, and the site of its pages, which is another

@@ -86,6 +86,7 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
         cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
         fContext->counters, fContext->options, settings.pagesOfOne(), settings.others,
         settings.name, address, std::move(surroundings)});
+    fCommon->link.largest = settings.largest;
     fOffers.emplace(cluster, settings.name, [address](const std::string& session) {
         return address + std::string(kirogateway::kSites) + session + "/";
     });

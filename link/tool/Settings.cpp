@@ -23,7 +23,7 @@ constexpr const char* kKeys[] = {
     "certificate", "key",           "public",     "gateways",
     "servers",     "credentials",   "ca",         "cluster-tls",
     "sessions",    "pages",         "memory",     "status-address",
-    "status-port", "session-pages", "all-memory",
+    "status-port", "session-pages", "all-memory", "message-size",
 };
 
 constexpr const char* kHelp =
@@ -46,6 +46,7 @@ constexpr const char* kHelp =
   memory          MiB that may wait for the pages of one session (1024)
   all-memory      MiB that may wait for the pages of all sessions (4096); beyond it pages of the
                   session with most have to go
+  message-size    MiB that one text or block of an engine's may have (256)
   status-address  numeric address for /healthz and /metrics (127.0.0.1)
   status-port     port for them (a free one)
 )";
@@ -192,6 +193,7 @@ Settings readSettings(std::istream& lines, const std::string& source) {
     settings.sessionPages = values.number("session-pages", 1, kMost, 0);
     settings.memory = values.number("memory", 1, kMost, settings.memory >> 20U) << 20U;
     settings.allMemory = values.number("all-memory", 1, kMost, settings.allMemory >> 20U) << 20U;
+    settings.largest = values.number("message-size", 1, kMost, settings.largest >> 20U) << 20U;
     settings.statusAddress = numericAddress(values, "status-address");
     settings.statusPort = static_cast<std::uint16_t>(values.number("status-port", 0, kMostPort, 0));
     return settings;

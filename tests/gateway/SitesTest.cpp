@@ -153,11 +153,13 @@ TEST(SitePrefix, IsOneNameAndNothingElse) {
         {"/s/run/kiroweb?x/y", "/s/run"},
         {"/s/" + longest + "/", "/s/" + longest},
         {"/s/" + longest + "n/", ""},
-        {"/s/run", ""},
+        {"/s/run", "/s/run"},
+        {"/s/run?/x", "/s/run"},
+        {"/s/" + longest + "n", ""},
+        {"/s/", ""},
         {"/s//", ""},
         {"/s/../", ""},
         {"/s/%61/", ""},
-        {"/s/a?/", ""},
         {"/t/a/", ""},
         {"", ""},
     };
@@ -186,7 +188,10 @@ TEST_F(SitesTest, KeepTheirPagesApart) {
         EXPECT_EQ(bus.take(), "pages 0");
     }
     EXPECT_TRUE(hasStatus(ask(upgradeRequest(fAccess, tokenOf("/s/a"), "/s/b")).readHead(), "403"));
-    for (const char* target : {"/s/c/", "/s/a", "/", "/s/a/s/b/"}) {
+    const auto moved = get("/s/a?x=/y");
+    EXPECT_TRUE(hasStatus(moved, "308")) << moved;
+    EXPECT_NE(moved.find("\r\nLocation: /s/a/?x=/y\r\n"), std::string::npos) << moved;
+    for (const char* target : {"/s/c/", "/s/c", "/", "/s/a/s/b", "?x"}) {
         EXPECT_TRUE(hasStatus(get(target), "404")) << target;
     }
 }

@@ -261,6 +261,7 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
 
 TEST_F(ServiceTest, HoldsNoMoreForAllSessionsThanItMay) {
     fSettings.allMemory = std::size_t{1} << 20U;
+    fSettings.largest = std::size_t{2} << 20U;
     start();
     auto& sea = follow("sea");
     auto& wind = follow("wind");
@@ -274,6 +275,10 @@ TEST_F(ServiceTest, HoldsNoMoreForAllSessionsThanItMay) {
     sea.end.down()->text("/fig/1", "calm");
     run(milliseconds(100));
     EXPECT_EQ(page.readRecords(1).at(0).text, "calm");
+    EXPECT_EQ(report().link.refusals, 0U);
+    sea.end.down()->text("/fig/1", std::string(fSettings.largest + 1, 'x'));
+    run(milliseconds(100));
+    EXPECT_GT(report().link.refusals, 0U) << "one text may have no more, either";
 }
 
 TEST_F(ServiceTest, GivesEachSessionItsShareOfPages) {
