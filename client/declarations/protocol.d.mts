@@ -41,6 +41,8 @@ export class Connection {
     get state(): import("./line.mjs").State;
     /** The number of the last message handled. */
     get last(): number;
+    /** How far the engine's clock is ahead of the option `clock`; null: it is not known. */
+    get engineClock(): import("./engine_clock.mjs").Clock | null;
     /** Publishes a text, or keeps it until the connection is there again. Returns false, and drops
      * it, when too much is kept already. Throws a RangeError, with both sizes, for a text that is
      * larger than the gateway takes and for a channel whose name has more than 1024 bytes. A text
@@ -168,6 +170,11 @@ export type Options = {
      * from 0 to below 1
      */
     random?: (() => number) | undefined;
+    /**
+     * microseconds since 1970, for stamps that the engine is to get:
+     * what is to be added to them is measured then, see `engineClock`
+     */
+    clock?: (() => number) | undefined;
     /**
      * before another attempt
      */

@@ -377,7 +377,11 @@ void Machine::leave(std::string_view why) noexcept {
     // Not at once: a session costs, and it is the engine that says when one ends.
     fHasSaidHello = false;
     fNextBeat = fSurroundings.now() + kBeat;
-    fCounts.change([](Statistics& all) { all.isJoined = false; });
+    fCounts.change([](Statistics& all) {
+        all.isJoined = false;
+        all.clockOffset = all.clockUncertainty =
+            microseconds(0);  // the next engine has another clock
+    });
     fFollower.left(why);
 }
 

@@ -91,8 +91,9 @@ class GatewayEnd {
         std::uint64_t bytesSent = 0;
         std::uint64_t refusals = 0;  ///< frames that could not be read
         std::size_t waiting = 0;     ///< bytes that the engine has not said that it has
-        std::chrono::microseconds clockOffset{0};       ///< engine's wall clock minus this one's
-        std::chrono::microseconds clockUncertainty{0};  ///< half the shortest round trip
+        std::chrono::microseconds clockOffset{0};  ///< engine's wall clock minus this one's
+        /// Half the shortest round trip; 0 while the offset is not known.
+        std::chrono::microseconds clockUncertainty{0};
         bool isJoined = false;
     };
 

@@ -57,6 +57,9 @@ const CASES = [
     [[[]], "", null],
 ];
 
+/** What a page has measured, in microseconds. */
+const CLOCK = { ahead: 100, uncertainty: 300, shift: 0 };
+
 test("Each part's times are those of its stamps, whatever the clocks of the two sides say", () => {
     for (const [given, wanted, within] of CASES) {
         const { parts, clocks } = latencyOf(columnsOf(...given));
@@ -65,6 +68,10 @@ test("Each part's times are those of its stamps, whatever the clocks of the two 
         assert.equal(clocks.within, within ?? NaN, wanted);
     }
     assert.deepEqual([...latencyOf(columnsOf(TWO, 1e9, 9e9)).whole.times], [13, 14]);
+    const measured = (page) => latencyOf(columnsOf(without("serverReceive"), 1e9, page), CLOCK);
+    const { clocks, parts: ways } = measured(1e9);
+    assert.deepEqual([[...ways[0].times], clocks.within], [[2, 5], 0.4]);
+    assert.ok(measured(1e9 - 3.5).clocks.isShifted, "it came before it was sent");
     const { late, parts } = latencyOf(columnsOf([TWO[0], LATE, TWO[1]]));
     assert.deepEqual([[...late], parts[0].summary.count], [[1], 2]);
 });

@@ -205,7 +205,12 @@ TEST_F(SitesTest, ServeTheirPageBeforeTheEngineIsReached) {
     EXPECT_TRUE(hasStatus(refusal, "503") && refusal.find(later) != std::string::npos) << refusal;
     open("/s/a");
     EXPECT_EQ(get("/s/a/").find(later), std::string::npos);
-    join("/s/a");
+    auto page = join("/s/a");
+    page.sendText(R"({"t":"echo","id":1,"time":true})");
+    const auto clocks = boost::json::parse(page.readControl("echo")).as_object();
+    EXPECT_GT(clocks.at("time").as_int64(), 1'000'000'000'000'000) << "microseconds since 1970";
+    EXPECT_EQ(clocks.at("engineAhead"), 0) << "one process has one clock";
+    EXPECT_EQ(clocks.at("uncertainty"), 0);
 }
 
 TEST_F(SitesTest, AreNotMadeForAForeignHost) {

@@ -103,7 +103,9 @@ class ServiceTest : public testing::Test {
     Engine& begin(const std::string& session, const std::string& configuration = kConfiguration) {
         auto& engine = fEngines[session];
         engine = nullptr;
-        engine = std::make_unique<Engine>(fCluster, session, configuration, surroundings());
+        auto elsewhere = surroundings();
+        elsewhere.wall = [this, wall = elsewhere.wall] { return wall() + fEngineAhead; };
+        engine = std::make_unique<Engine>(fCluster, session, configuration, elsewhere);
         run(milliseconds(500));
         return *engine;
     }
@@ -161,6 +163,7 @@ class ServiceTest : public testing::Test {
     link_test::LocalCluster fCluster;
     std::map<std::string, std::unique_ptr<Engine>> fEngines;
     bool fIsHung = false;  ///< all engines are
+    seconds fEngineAhead{0};
     Settings fSettings;
     gatewaytest::Access fAccess;
     std::unique_ptr<Service> fService;
@@ -304,6 +307,22 @@ TEST_F(ServiceTest, LetsGoOfASessionThatItCannotServe) {
     EXPECT_EQ(report().followed, 0U);
     follow("wind");
     join("wind");
+}
+
+TEST_F(ServiceTest, TellsPagesWhatTheLinkMeasuredOfTheEnginesClock) {
+    fEngineAhead = seconds(7);
+    follow("wind");
+    auto page = join("wind");
+    page.sendText(R"({"t":"echo","id":2,"time":true})");
+    const auto said = boost::json::parse(page.readControl("echo"));
+    const auto measured = report();
+    EXPECT_EQ(said.at("engineAhead").as_int64(), measured.clockOffset.count());
+    EXPECT_EQ(said.at("uncertainty").as_int64(), measured.clockUncertainty.count());
+    EXPECT_NEAR(static_cast<double>(measured.clockOffset.count()), 7e6,
+                static_cast<double>(measured.clockUncertainty.count()));
+    fEngines["wind"] = nullptr;
+    run(seconds(11));
+    EXPECT_EQ(report().clockUncertainty.count(), 0) << "the next engine has another clock";
 }
 
 TEST_F(ServiceTest, TellsPagesOfTheirEngine) {
