@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "ByteRange.hpp"
 #include "Fuzz.hpp"
@@ -22,15 +24,22 @@ const std::string kToken(64, 't');
 
 /// What is asked, and what it may give away.
 struct Gate {
-    Gate() {
+    /// `isReady`: somebody gets in. `others`: of a page that has other servers, too.
+    explicit Gate(bool isReady = true, std::vector<std::string> others = {})
+        : policy(options, 8080,
+                 {std::make_shared<const AssetTable>(options.assets), isReady ? secrets : nullptr,
+                  std::move(others)}) {}
+
+    static Options usual() {
+        Options options;
         options.extraHosts = {"plot.example"};
         options.assets = {{"/", "text/html; charset=utf-8", "<p>page"},
                           {"/a.js", "text/javascript", std::string(9999, 'x')}};
+        return options;
     }
-    Options options;
+    Options options = usual();
     std::shared_ptr<Secrets> secrets = std::make_shared<Secrets>(std::chrono::seconds(60), kToken);
-    AccessPolicy policy{
-        options, 8080, {std::make_shared<const AssetTable>(options.assets), secrets}};
+    AccessPolicy policy;
 };
 
 std::string replaced(std::string text, std::string_view what, std::string_view instead) {
@@ -87,11 +96,14 @@ void checkRange(std::string_view field, std::uint64_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static Gate gate;
-    const auto code = gate.secrets->makeCode(kNow);
-    const auto text = replaced(replaced(std::string(data, data + size), "$T", kToken), "$C", code);
-    const auto answer = answerTo(gate, text, text.size() / 2);
-    if (!answer.empty()) check(answer, text, code);
-    checkRange(text, size * size);
+    static Gate gates[] = {Gate(), Gate(false), Gate(true, {"https://other.example"})};
+    for (auto& gate : gates) {
+        const auto code = gate.secrets->makeCode(kNow);
+        const auto text =
+            replaced(replaced(std::string(data, data + size), "$T", kToken), "$C", code);
+        const auto answer = answerTo(gate, text, text.size() / 2);
+        if (!answer.empty()) check(answer, text, code);
+    }
+    checkRange({reinterpret_cast<const char*>(data), size}, size * size);
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Fuzz.hpp"
 #include "kiro/web/JSONObject.hpp"
@@ -24,8 +25,17 @@ struct Grouping : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-[[maybe_unused]] const auto previousLocale =
-    std::locale::global(std::locale(std::locale::classic(), new Grouping));
+/// While it is there. The fuzzer writes numbers, too, and reads them again.
+class GroupedDigits {
+  public:
+    GroupedDigits() {
+        static const std::locale grouping(std::locale::classic(), new Grouping);
+        std::locale::global(grouping);
+    }
+    ~GroupedDigits() { std::locale::global(std::locale::classic()); }
+    GroupedDigits(const GroupedDigits&) = delete;
+    GroupedDigits& operator=(const GroupedDigits&) = delete;
+};
 
 /// Reads `key` twice into different values: what is read does not depend on what was there, and
 /// what is not read is left alone.
@@ -74,6 +84,9 @@ void checkTexts(const JSONObject& object, const std::string& key) {
     const bool isID = read(object, key, id, DataID(2));
     require(isID == DataID::construct_from_string(text, expected), "an identifier is its text's");
     require(!isID || id == expected, "an identifier's value is its text's");
+    std::vector<std::string> list;
+    const bool isList = read(object, key, list, {"other"});
+    require(!isList || text.starts_with('['), "a list's text is one");
 }
 
 void check(const JSONObject& object) {
@@ -84,13 +97,14 @@ void check(const JSONObject& object) {
         checkNumbers(object, name);
         checkTexts(object, name);
         const auto nested = object.getObject(name);
-        if (nested.isValid()) check(nested);
+        if (nested.isValid()) check(JSONObject(nested));
     }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const GroupedDigits digits;
     const std::string text(data, data + size);
     const JSONObject object(text);
     check(object);

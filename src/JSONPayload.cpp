@@ -26,6 +26,9 @@ namespace {
 constexpr unsigned kMostLevels = 500;
 /// Of a text, at most: Boost.JSON's own bound.
 constexpr unsigned kLevelsOfText = 32;
+/// Fields for which there is room at first, and then; with more of them it grows by half.
+constexpr std::size_t kFirstRoom = 4;
+constexpr std::size_t kSecondRoom = 9;
 
 }  // namespace
 
@@ -77,10 +80,16 @@ boost::json::value encodeElement(const std::vector<Element>& elements) {
     return array;
 }
 
-/// Appends one field. `emplace` makes room for one more, looks the key up once, and leaves a
-/// field that is there alone: the first value of a key stays.
+/// An object that begins with room for one field moves all of them with nearly each that comes.
+void makeRoom(boost::json::object& object) {
+    if (object.size() < kSecondRoom) object.reserve(object.empty() ? kFirstRoom : kSecondRoom);
+}
+
+/// Appends one field. `emplace` looks the key up once, and leaves a field that is there alone: the
+/// first value of a key stays.
 template <typename Value>
 void append(boost::json::object& object, std::string_view key, Value&& value) {
+    if (object.size() == object.capacity()) makeRoom(object);
     object.emplace(key, std::forward<Value>(value));
 }
 

@@ -79,6 +79,8 @@ class DownStream {
     [[nodiscard]] std::uint64_t sentBelow() const noexcept;
     /// Sends what is to be sent; returns when to call again. Throws std::bad_alloc.
     TimePoint send(Cluster& cluster, const std::string& subject, TimePoint now);
+    /// The next texts are sent without gathering more. To be called by the thread that sends.
+    void hurry() noexcept { fLastSent = {}; }
     /// See `kirolink::sendAgain`; `header` is that of the question.
     std::size_t sendAgain(const frame::Header& header, const frame::Ask& ask, Resends& resends,
                           Cluster& cluster, const std::string& subject, TimePoint now);

@@ -417,6 +417,7 @@ void EngineEnd::acknowledge(Gateway& gateway, frame::Ask ask) {
 
 void EngineEnd::take(Gateway& gateway, const frame::Body& body) {
     if (const auto* texts = std::get_if<frame::Texts>(&body)) {
+        fStream->hurry();  // for a page's answer the engine waits, and what it says next is due
         std::string space;
         for (const auto& record : texts->records) {
             deliverText(gateway, std::string(record.channel), std::string(textOf(record, space)));

@@ -379,8 +379,8 @@ void Machine::leave(std::string_view why) noexcept {
     fNextBeat = fSurroundings.now() + kBeat;
     fCounts.change([](Statistics& all) {
         all.isJoined = false;
-        all.clockOffset = all.clockUncertainty =
-            microseconds(0);  // the next engine has another clock
+        // The next engine has another clock.
+        all.clockOffset = all.clockUncertainty = microseconds(0);
     });
     fFollower.left(why);
 }
@@ -465,12 +465,25 @@ void GatewayEnd::tick(TimePoint now) noexcept {
     fImpl->machine.tick(now);
 }
 
+std::size_t GatewayEnd::waiting() const noexcept { return fImpl->up->waiting(); }
+
+GatewayEnd::Totals& GatewayEnd::Totals::operator+=(const Totals& others) noexcept {
+    framesReceived += others.framesReceived;
+    bytesReceived += others.bytesReceived;
+    gaps += others.gaps;
+    resends += others.resends;
+    framesSent += others.framesSent;
+    bytesSent += others.bytesSent;
+    refusals += others.refusals;
+    return *this;
+}
+
 GatewayEnd::Statistics GatewayEnd::statistics() const {
     const auto sent = fImpl->up->statistics();
     auto all = fImpl->counts.get();
     all.framesSent += sent.frames;
     all.bytesSent += sent.bytes;
-    all.waiting = sent.waiting;
+    all.waiting = waiting();
     return all;
 }
 

@@ -82,7 +82,8 @@ class GatewayEnd {
         /// has not come in full.
         std::size_t largest = kLargest;
     };
-    struct Statistics {
+    /// What is counted from the beginning on.
+    struct Totals {
         std::uint64_t framesReceived = 0;
         std::uint64_t bytesReceived = 0;
         std::uint64_t gaps = 0;     ///< times that something was missing
@@ -90,7 +91,10 @@ class GatewayEnd {
         std::uint64_t framesSent = 0;
         std::uint64_t bytesSent = 0;
         std::uint64_t refusals = 0;  ///< frames that could not be read
-        std::size_t waiting = 0;     ///< bytes that the engine has not said that it has
+        Totals& operator+=(const Totals& others) noexcept;
+    };
+    struct Statistics : Totals {
+        std::size_t waiting = 0;                   ///< as `waiting()`
         std::chrono::microseconds clockOffset{0};  ///< engine's wall clock minus this one's
         /// Half the shortest round trip; 0 while the offset is not known.
         std::chrono::microseconds clockUncertainty{0};
@@ -123,6 +127,8 @@ class GatewayEnd {
     /// To be called about every 50 ms: beats, time limits, what was asked for and did not come.
     void tick(TimePoint now) noexcept;
     [[nodiscard]] Statistics statistics() const;
+    /// Bytes that the engine has not said that it has.
+    [[nodiscard]] std::size_t waiting() const noexcept;
 
   private:
     struct Impl;

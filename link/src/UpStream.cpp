@@ -165,9 +165,12 @@ bool UpStream::isBroken() const noexcept {
 
 UpStream::Statistics UpStream::statistics() const noexcept {
     const annotated::Lock lock(fMutex);
-    auto statistics = fStatistics;
-    statistics.waiting = fLog.bytes();
-    return statistics;
+    return fStatistics;
+}
+
+std::size_t UpStream::waiting() const noexcept {
+    const annotated::Lock lock(fMutex);
+    return fLog.bytes();
 }
 
 }  // namespace kirolink

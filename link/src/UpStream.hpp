@@ -54,9 +54,10 @@ class UpStream {
     struct Statistics {
         std::uint64_t frames = 0;
         std::uint64_t bytes = 0;
-        std::size_t waiting = 0;
     };
     [[nodiscard]] Statistics statistics() const noexcept;
+    /// Bytes that the engine has not said that it has.
+    [[nodiscard]] std::size_t waiting() const noexcept;
 
   private:
     [[nodiscard]] frame::Header headerLocked(std::uint64_t ahead = 0) const noexcept

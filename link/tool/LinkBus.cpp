@@ -11,7 +11,7 @@ constexpr std::size_t kMuch = std::size_t{1} << 20U;
 void LinkBus::deliver(const std::string& channel, relay::Publication::Text text,
                       std::shared_ptr<const void> ticket) {
     fEnd->publish(channel, *text);
-    if (ticket == nullptr || fEnd->statistics().waiting < kMuch) return;
+    if (ticket == nullptr || fEnd->waiting() < kMuch) return;
     annotated::Lock lock(fMutex);
     fTickets.push_back(std::move(ticket));
 }
@@ -42,7 +42,7 @@ void LinkBus::pages(std::size_t count) noexcept {
 }
 
 void LinkBus::letGo() noexcept {
-    if (fEnd->statistics().waiting >= kMuch) return;
+    if (fEnd->waiting() >= kMuch) return;
     std::deque<std::shared_ptr<const void>> tickets;
     annotated::Lock lock(fMutex);
     tickets.swap(fTickets);

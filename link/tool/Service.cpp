@@ -56,16 +56,6 @@ std::vector<kirogateway::Asset> pageFiles() {
 
 }  // namespace
 
-void LinkTotals::add(const kirolink::GatewayEnd::Statistics& statistics) noexcept {
-    framesReceived += statistics.framesReceived;
-    bytesReceived += statistics.bytesReceived;
-    framesSent += statistics.framesSent;
-    bytesSent += statistics.bytesSent;
-    gaps += statistics.gaps;
-    resends += statistics.resends;
-    refusals += statistics.refusals;
-}
-
 Service::Service(const Settings& settings, kirolink::Cluster& cluster,
                  kirolink::Surroundings surroundings)
     : fMostSessions(settings.sessions),
@@ -187,7 +177,7 @@ void Service::forget(const EngineSession& session) noexcept {
     Sessions::node_type gone;  // its end is waited for with no lock held
     const annotated::Lock lock(fMutex);
     gone = fSessions.extract(session.name());
-    fPast.add(last);
+    fPast += last;
 }
 
 void Service::forgetSilent(TimePoint now) {
@@ -255,19 +245,14 @@ ServiceReport Service::report(TimePoint now) const {
         all.silence = std::max(all.silence, one.silence);
         all.clockOffset = std::max(all.clockOffset, std::chrono::abs(one.link.clockOffset));
         all.clockUncertainty = std::max(all.clockUncertainty, one.link.clockUncertainty);
-        all.link.add(one.link);
+        all.link += one.link;
     }
     for (const auto& figure : kirogateway::kFigures) {
         all.traffic.*figure.shown = *fContext->counters.*figure.counted;
     }
     const annotated::Lock lock(fMutex);
     all.known = fHeard.size();
-    const auto past = fPast;
-    for (const auto total :
-         {&LinkTotals::framesReceived, &LinkTotals::bytesReceived, &LinkTotals::framesSent,
-          &LinkTotals::bytesSent, &LinkTotals::gaps, &LinkTotals::resends, &LinkTotals::refusals}) {
-        all.link.*total += past.*total;
-    }
+    all.link += fPast;
     return all;
 }
 

@@ -16,18 +16,7 @@
 
 namespace link_tool {
 
-/// What a session's link has carried, over all sessions that were followed.
-struct LinkTotals {
-    std::uint64_t framesReceived = 0;
-    std::uint64_t bytesReceived = 0;
-    std::uint64_t framesSent = 0;
-    std::uint64_t bytesSent = 0;
-    std::uint64_t gaps = 0;
-    std::uint64_t resends = 0;
-    std::uint64_t refusals = 0;
-
-    void add(const kirolink::GatewayEnd::Statistics& statistics) noexcept;
-};
+using LinkTotals = kirolink::GatewayEnd::Totals;
 
 /// How the program does.
 struct ServiceReport {
@@ -42,7 +31,7 @@ struct ServiceReport {
     std::chrono::milliseconds silence{0};      ///< the longest of an engine's
     std::chrono::microseconds clockOffset{0};  ///< the largest, either way
     std::chrono::microseconds clockUncertainty{0};
-    LinkTotals link;
+    LinkTotals link;                  ///< over all sessions that were followed
     kirogateway::Statistics traffic;  ///< with pages
 };
 

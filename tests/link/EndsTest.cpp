@@ -94,6 +94,11 @@ TEST_F(Ends, SendAtOnceAndGatherWhatFollows) {
     for (int i = 0; i < 20; ++i) engine().end->down()->text("/c/a", std::string(4096, 'x'));
     step(1100us);
     EXPECT_THAT(texts, ElementsAre(1U, 2U, 15U));  // what is full does not wait
+    gateway("g").end->publish("/up", "drawn");
+    EXPECT_THAT(texts, ElementsAre(1U, 2U, 15U, 1U));  // its own
+    world.network.deliver();
+    step(1200us);
+    EXPECT_THAT(texts, ElementsAre(1U, 2U, 15U, 1U, 5U));  // nor does what follows an answer
 }
 
 struct BlockCase {

@@ -5,17 +5,20 @@
 
 #include <atomic>
 #include <cerrno>
+#include <string>
 
 namespace {
 
 constinit thread_local bool failing = false;
 constinit std::atomic<std::size_t> joinedCount = 0;
 
-/// The function of this name that would have been called without this file: a sanitizer's, or the
-/// C library's.
+/// The function of this name that would have been called without this file: a sanitizer's, which
+/// may be in the program itself, or the C library's.
 template <typename Function>
-Function* next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+Function* next(const std::string& name) {
+    void* const sanitizers = dlsym(RTLD_DEFAULT, ("__interceptor_" + name).c_str());
+    return reinterpret_cast<Function*>(sanitizers != nullptr ? sanitizers
+                                                             : dlsym(RTLD_NEXT, name.c_str()));
 }
 
 }  // namespace
