@@ -17,25 +17,29 @@ from cluster import Cluster, settle
 HERE = pathlib.Path(__file__).resolve().parent
 NODES = "10.78.0.1"  # where engines find them
 FLOOR_PORT, FAR_PORT = 7100, 7110
-GATEWAYS, PAGES = ("one", "two"), 2  # of each, and of each engine
+PAGES = 2  # of each engine at each of its gateways
 BLOCK = 9600  # bytes, about
 FLOOR_SECONDS, STREAM_SECONDS = 2.0, 3.0
 LEAST_RATIO = 0.7
 LATE_WAIT = 1.5  # seconds; one until a gateway counts as gone, and what a look takes
-QUIET_SECONDS, DROPPED_WITHIN = 3.0, 12.0
+QUIET_SECONDS, DROPPED_WITHIN = 2.5, 12.0
 ROUND = 27  # seconds
 MOST_RATIO, FLOOR = 2, 1  # of the p99, and the ms below which it is chance
 
-# Receives what comes at the port for so many seconds; prints how many bytes that were.
+# Receives what comes at the port for so many seconds from the first byte on; prints how many bytes that were.
 SINK = """
 import socket, sys, time
 with socket.create_server((sys.argv[1], int(sys.argv[2]))) as server:
     print("ready", flush=True)
     line, _ = server.accept()
-    first, count, until = None, 0, time.monotonic() + float(sys.argv[3])
-    line.settimeout(1)
-    while time.monotonic() < until:
-        count += len(line.recv(65536))
+    seconds, count = float(sys.argv[3]), len(line.recv(65536))
+    until = time.monotonic() + seconds
+    while (left := until - time.monotonic()) > 0:
+        line.settimeout(left)
+        try:
+            count += len(line.recv(65536))
+        except TimeoutError:
+            break
     print(count, flush=True)
 """
 SOURCE = """
@@ -84,7 +88,8 @@ class Line:
         add_namespace(self.space, self.net)
         self.add_route()
         # Packets have the size that they have on a line.
-        shape = f"root tbf rate {self.kilobits}kbit burst 32kb latency 300ms"
+        burst = max(4000, self.kilobits * 1000 // 8 // 100)  # bytes; what 10 ms bring
+        shape = f"root tbf rate {self.kilobits}kbit burst {burst} latency 300ms"
         do(f"ip link set to-{self.space} gso_max_segs 1 && tc qdisc add dev to-{self.space} {shape} && "
            f"ip -n {self.space} link set eth0 gso_max_segs 1 && tc -n {self.space} qdisc add dev eth0 {shape}")
         if self.lost:
@@ -138,32 +143,57 @@ class Result:
     blocks: int
 
 
-def answered(engine: load.Program) -> bool:
-    now = engine.ask("report")
-    return now["delivered"] + now["givenBack"] == now["blocks"]
+class Load:
+    """An engine, behind a line if there is one, and pages at gateways with their manners."""
+
+    def __init__(self, cluster: Cluster, session: str, gateways: dict, line: Line | None = None, **rates):
+        inside, way = [], {}
+        if line is not None:
+            inside, way = line.inside, {"servers": f"{NODES}:{line.proxied(cluster.ports['node-1'])}"}
+        self.line = line
+        self.engine = cluster.engine(session, inside=inside, way=way, **rates)
+        self.groups = {name: cluster.pages(name, session, pages=PAGES, seed=1, **manner)
+                       for name, manner in gateways.items()}
+        self.settle()
+
+    def settle(self) -> None:
+        settle(self.engine, list(self.groups.values()), len(self.groups) * PAGES)
+
+    def rest(self) -> list[dict]:
+        """Ends the stream: each page has to have all of it. Returns what they saw."""
+        last = self.engine.ask("rest")
+        for group in self.groups.values():
+            group.say(f"until {last['texts']}")
+        return [group.answer() for group in self.groups.values()]
+
+    def answered(self) -> bool:
+        now = self.engine.ask("report")
+        return now["delivered"] + now["givenBack"] == now["blocks"]
+
+    def end(self) -> None:
+        for each in (*self.groups.values(), self.engine, *(self.line.proxies if self.line else [])):
+            each.end()
 
 
-def stream(cluster: Cluster, line: Line) -> Result:
-    """More than the line carries, for some seconds: how much of it came through, in order and once."""
+def behind(cluster: Cluster, line: Line) -> Load:
+    """More than the line carries."""
+    return Load(cluster, line.name, {"one": {}, "two": {}}, line,
+                texts=200, blocks=1.5 * line.kilobits * 1000 / 8 / BLOCK)
+
+
+def stream(it: Load) -> Result:
+    """For some seconds: how much of it comes through, in order and once. Then the line is cut."""
+    line, engine = it.line, it.engine
     floor = line.floor()
-    bytes_a_second = line.kilobits * 1000 / 8
-    port = line.proxied(cluster.ports["node-1"])
-    engine = cluster.engine(line.name, inside=line.inside, way={"servers": f"{NODES}:{port}"},
-                            texts=200, blocks=1.5 * bytes_a_second / BLOCK)
-    groups = [cluster.pages(name, line.name, pages=PAGES, seed=1) for name in GATEWAYS]
-    settle(engine, groups, len(GATEWAYS) * PAGES)
-    before = engine.ask("go")["gateway"]["bytesSent"]
+    before = engine.ask("go")
     began = time.monotonic()
     time.sleep(STREAM_SECONDS)
-    last = engine.ask("rest")
-    for each in groups:
-        each.say(f"until {last['texts']}")
-    seen = [each.answer() for each in groups]
+    seen = it.rest()
     came = time.monotonic()
-    load.until(lambda: answered(engine), "blocks are answered")
+    load.until(it.answered, "blocks are answered")
     wait = time.monotonic() - came
     after = engine.ask("report")
-    got = (after["gateway"]["bytesSent"] - before) / (came - began)
+    got = (after["gateway"]["bytesSent"] - before["gateway"]["bytesSent"]) / (came - began)
     print(f"# {line.name} line: {floor:,.0f} bytes/s of a plain connection, {got:,.0f} of the link", flush=True)
     if (least := quantile(seen[0]["delays"][""], 0)) < line.seconds * 1000:
         raise RuntimeError(f"the {line.name} line is none: a text came after {least:.0f} ms")
@@ -172,61 +202,63 @@ def stream(cluster: Cluster, line: Line) -> Result:
     line.cut()
     cut = time.monotonic()
     engine.ask("rest")
-    load.until(lambda: answered(engine), "blocks are answered")
+    load.until(it.answered, "blocks are answered")
     took = time.monotonic() - cut
     line.mend()
-    for each in (*groups, engine, *line.proxies):
-        each.end()
-    line.proxies.clear()
-    return Result(got / floor, wait, took, after["givenBack"], after["blocks"])
+    it.rest()
+    return Result(got / floor, wait, took, after["givenBack"] - before["givenBack"], after["blocks"] - before["blocks"])
 
 
-def standstill(cluster: Cluster, texts: int, blocks: int) -> tuple[float, float, float]:
-    """Stops one of the gateways. Returns the p99 of the other one's pages before and then, in milliseconds,
-    and after how many seconds the engine let go of it."""
-    engine = cluster.engine("stopped", texts=texts, blocks=blocks)
-    groups = {name: cluster.pages(name, "stopped", pages=PAGES, seed=1, mayLose=name == "two",
-                                  mayEnd=name == "two") for name in GATEWAYS}
-    settle(engine, list(groups.values()), len(GATEWAYS) * PAGES)
-    engine.ask("go")
+def standstill(cluster: Cluster, it: Load) -> tuple[float, float, float]:
+    """Stops the gateway that may fail. Returns the p99 of the other one's pages before and then, in
+    milliseconds, and after how many seconds the engine let go of it."""
+    one, dropped = it.groups["one"], lambda: sum("dropped: failing: " in line for line in it.engine.log)
+    it.engine.ask("go")
+    before = dropped()
     time.sleep(1)
-    groups["one"].ask("phase quiet")
+    one.ask("phase quiet")
     time.sleep(QUIET_SECONDS)
-    groups["one"].ask("phase stopped")
-    cluster.signal("gateway-two", signal.SIGSTOP)
+    one.ask("phase stopped")
+    cluster.signal("gateway-failing", signal.SIGSTOP)
     try:
-        took = load.until(lambda: any("dropped: two: " in line for line in engine.log),
-                          "the gateway is dropped with a reason", DROPPED_WITHIN)
+        took = load.until(lambda: dropped() > before, "the gateway is dropped with a reason", DROPPED_WITHIN)
     finally:
-        cluster.signal("gateway-two", signal.SIGCONT)
-    groups["one"].ask("phase after")
-    settle(engine, list(groups.values()), len(GATEWAYS) * PAGES)  # it has joined again
-    last = engine.ask("rest")
-    delays = [group.ask(f"until {last['texts']}")["delays"] for group in groups.values()][0]
-    load.until(lambda: answered(engine), "blocks are answered")
-    for each in (*groups.values(), engine):
-        each.end()
+        cluster.signal("gateway-failing", signal.SIGCONT)
+    one.ask("phase after")
+    it.settle()  # it has joined again
+    delays = it.rest()[0]["delays"]
+    load.until(it.answered, "blocks are answered")
     return quantile(delays["quiet"], 0.99), quantile(delays["stopped"], 0.99), took
 
 
 def run(end: float) -> None:
     """Rounds until then, at least one."""
     do(f"ip addr add {NODES}/32 dev lo")
-    lines = [Line("slow", 1, 1000), Line("lossy", 2, 20_000, lost=5), Line("far", 3, 20_000, seconds=0.1)]
-    results, stops = {line.name: [] for line in lines}, []
+    lines = [Line("slow", 1, 1000), Line("lossy", 2, 5000, lost=5), Line("far", 3, 20_000, seconds=0.1)]
     with tempfile.TemporaryDirectory(prefix="kiroweb-lines-") as folder:
-        cluster = Cluster(folder, GATEWAYS, (*results, "stopped"), {}, NODES)
+        sessions = (*(line.name for line in lines), "stopped")
+        cluster = Cluster(folder, ("one", "two", "failing"), sessions, {}, NODES)
         cluster.start(*cluster.ports)
         time.sleep(1)  # until they have found each other
         try:
-            with concurrent.futures.ThreadPoolExecutor() as all_at_once:
-                while not stops or time.monotonic() + ROUND < end:
-                    for line, result in zip(lines, all_at_once.map(lambda line: stream(cluster, line), lines)):
-                        results[line.name].append(result)
-                    stops.append(standstill(cluster, 1000, 20))
+            judge(*play(cluster, lines, end))
         finally:
             cluster.kill(*cluster.running)
-    judge(results, stops)
+
+
+def play(cluster: Cluster, lines: list[Line], end: float) -> tuple[dict, list]:
+    results, stops = {line.name: [] for line in lines}, []
+    with concurrent.futures.ThreadPoolExecutor() as all_at_once:
+        loads = list(all_at_once.map(lambda line: behind(cluster, line), lines))
+        stopping = Load(cluster, "stopped", {"one": {}, "failing": {"mayLose": True, "mayEnd": True}},
+                        texts=1000, blocks=20)
+        while not stops or time.monotonic() + ROUND < end:
+            for it, result in zip(loads, all_at_once.map(stream, loads)):
+                results[it.line.name].append(result)
+            stops.append(standstill(cluster, stopping))
+        for it in (*loads, stopping):
+            it.end()
+    return results, stops
 
 
 def judge(results: dict, stops: list[tuple]) -> None:

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,10 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "Crash.hpp"
 #include "World.hpp"
 
 using simulate::Figures;
+using simulate::isStopping;
+using simulate::kHang;
 using simulate::Random;
+using simulate::seedNow;
 using simulate::World;
 
 namespace {
@@ -22,19 +25,6 @@ constexpr const char* kHelp =
     "kiroweb_prove_simulate SECONDS BASE  schedules from the seeds that BASE stands for\n"
     "kiroweb_prove_simulate --replay SEED  one schedule, told step by step\n"
     "kiroweb_prove_simulate --shrink SEED  as few of its steps as still fail, told step by step\n";
-constexpr unsigned kHang = 30;  // seconds, for one schedule
-
-volatile std::sig_atomic_t isStopping = 0;
-unsigned long long seedNow = 0;
-
-/// A crash, a broken precondition or a hang: whose, is said before the process ends.
-void onCrash(int number) {
-    char line[96];
-    const int size = std::snprintf(line, sizeof line, "failed: seed %llu: signal %d%s\n", seedNow,
-                                   number, number == SIGALRM ? " (it hangs)" : "");
-    static_cast<void>(::write(STDOUT_FILENO, line, static_cast<std::size_t>(size)));
-    ::_exit(1);
-}
 
 std::string run(unsigned long long seed, bool isTold, const std::vector<bool>& keep,
                 Figures& figures) {
@@ -111,10 +101,7 @@ int shrink(unsigned long long seed) {
 int main(int argc, char** argv) {
     const std::string first = argc == 3 ? argv[1] : "";
     if (first.empty()) return std::fputs(kHelp, stderr), 2;
-    for (const int number : {SIGSEGV, SIGABRT, SIGALRM, SIGBUS, SIGFPE})
-        std::signal(number, onCrash);
-    for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { isStopping = 1; });
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    simulate::handleSignals();
     const auto seed = std::strtoull(argv[2], nullptr, 10);
     if (first == "--shrink") return shrink(seed);
     if (first != "--replay") return runMany(std::atof(argv[1]), seed);

@@ -1,0 +1,153 @@
+#include "Storm.hpp"
+
+#include <gtest/gtest.h>
+
+#include "World.hpp"
+
+namespace link_test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// "CHANNEL LABEL NUMBER ...": the numbers of one label follow each other.
+struct Sequence {
+    std::map<std::string, std::uint64_t> last;
+    void expectNext(const std::string& line, const char* where) {
+        const auto number = line.find('#');
+        ASSERT_NE(number, std::string::npos) << line.substr(0, 80);
+        const auto label =
+            line.substr(line.rfind(' ', number) + 1, number - line.rfind(' ', number) - 1);
+        const auto value = std::stoull(line.substr(number + 1));
+        const auto known = last.find(label);
+        if (known != last.end()) {
+            EXPECT_EQ(value, known->second + 1) << where << " " << label;
+        }
+        last[label] = value;
+    }
+};
+
+class Storm {
+  public:
+    Storm(std::uint64_t seed, OnMessage onMessage) : fWorld(seed) {
+        auto& network = fWorld.network;
+        network.onMessage = std::move(onMessage);
+        network.weather = {network.chance() / 10, network.chance() / 10,
+                           milliseconds(network.random(80))};
+        fSettings.memory = std::size_t{8} << 20U;
+        newEngine();
+        for (const char* name : {"g1", "g2", "g3"}) fWorld.add(name);
+    }
+
+    void run() {
+        fWorld.run(20s, [this] { step(); });
+        fWorld.network.weather = {};
+        for (const char* name : {"engine", "g1", "g2", "g3"}) fWorld.network.mend(name);
+        answerAll();
+        fWorld.run(13s);
+        answerAll();
+        fWorld.run(2s);
+        speak();
+        fWorld.run(1s);
+        check();
+    }
+
+  private:
+    void newEngine() {
+        ++fEngines;
+        fSaid = 0;
+        fBlocks.clear();
+        fWorld.start(fSettings);
+    }
+    void step() {
+        auto& network = fWorld.network;
+        for (auto texts = network.random(4); texts > 0; --texts) speak();
+        if (network.chance() < 0.01) sayLarge();
+        if (network.chance() < 0.02) {
+            fBlocks.push_back(label());
+            fWorld.engine->send("/c/b",
+                                fBlocks.back() + std::string(network.random(1 << 20U), '\0'));
+        }
+        for (const auto& [name, gateway] : fWorld.gateways) {
+            if (gateway->isJoined && network.chance() < 0.3) publish(*gateway);
+            if (network.chance() < 0.2) answer(*gateway);
+            if (network.chance() < 0.02) gateway->end->pages(network.random(3));
+        }
+        const std::string who = "g" + std::to_string(1 + network.random(3));
+        if (network.chance() < 0.002) network.cut(network.chance() < 0.2 ? "engine" : who);
+        if (network.chance() < 0.01) network.mend(who);
+        if (network.chance() < 0.02) network.mend("engine");
+        if (network.chance() < 0.0005) {
+            fWorld.kill();
+            newEngine();
+        }
+        EXPECT_LE(fWorld.engine->end->statistics().waiting, fSettings.memory + kBatchSize);
+    }
+    std::string label() {
+        return "e" + std::to_string(fEngines) + "#" + std::to_string(++fSaid) + " ";
+    }
+    void speak() { fWorld.engine->end->down()->text("/c/a", label()); }
+    void sayLarge() {
+        const auto size = fWorld.network.random(1 << 20U);
+        fWorld.engine->end->down()->text("/c/l", label() + std::string(size, '\xff'));
+    }
+    void publish(TestGateway& gateway) {
+        if (fPublished[gateway.name].first != gateway.joins) {
+            fPublished[gateway.name] = {gateway.joins, 0};
+        }
+        auto& [joins, count] = fPublished[gateway.name];
+        gateway.end->publish(
+            "/up", gateway.name + "." + std::to_string(joins) + "#" + std::to_string(++count));
+    }
+    void answer(TestGateway& gateway) {
+        // They are those of the blocks that came last.
+        auto line = gateway.got.rbegin();
+        for (; !gateway.tickets.empty(); gateway.tickets.pop_back(), ++line) {
+            while (!line->starts_with(kBlock)) ++line;
+            const auto how = fWorld.network.random(3);
+            if (how < 2) gateway.tickets.back()->answer(static_cast<BlockOutcome>(2 * how));
+            if (how > 0) continue;
+            const auto begin = kBlock.size();
+            fDelivered.insert(line->substr(begin, line->find(' ', begin) + 1 - begin));
+        }
+    }
+    void answerAll() {
+        for (const auto& [name, gateway] : fWorld.gateways) answer(*gateway);
+    }
+    void check() {
+        const auto& ends = fWorld.engine->ends;
+        for (std::size_t i = 0; i < ends.size(); ++i) {
+            EXPECT_NE(ends[i], "");
+            EXPECT_TRUE(ends[i] != "delivered" || fDelivered.contains(fBlocks[i])) << fBlocks[i];
+        }
+        Sequence up;
+        for (const auto& line : fWorld.engine->got) up.expectNext(line, "at the engine");
+        for (const auto& [name, gateway] : fWorld.gateways) {
+            ASSERT_TRUE(gateway->isJoined) << name;
+            Sequence down;
+            for (const auto& line : gateway->got) down.expectNext(line, name.c_str());
+            ASSERT_EQ(down.last.size(), 1U);  // nothing of an engine that was before
+            EXPECT_EQ(down.last.begin()->second, fSaid) << name;
+            const auto& [joins, count] = fPublished[name];
+            if (joins == gateway->joins && count > 0) {
+                EXPECT_EQ(up.last[name + "." + std::to_string(joins)], count);
+            }
+        }
+        EXPECT_EQ(fWorld.engine->end->statistics().waiting, 0U);
+    }
+
+    static constexpr std::string_view kBlock = "block /c/b ";
+
+    World fWorld;
+    EngineEnd::Settings fSettings = TestEngine::usual();
+    int fEngines = 0;
+    std::uint64_t fSaid = 0;
+    std::vector<std::string> fBlocks;  ///< labels of those that this engine sent
+    std::set<std::string> fDelivered;  ///< labels of those of which a gateway said so
+    std::map<std::string, std::pair<int, std::uint64_t>> fPublished;
+};
+
+}  // namespace
+
+void playStorm(std::uint64_t seed, OnMessage onMessage) { Storm(seed, std::move(onMessage)).run(); }
+
+}  // namespace link_test
