@@ -10,6 +10,7 @@ test("The engine's clock is known up to half of the shortest of the last round t
     let next = () => {};
     let answered = () => {};
     t.mock.method(globalThis, "setTimeout", (call) => (next = call));
+    const clearTimer = t.mock.method(globalThis, "clearTimeout", () => {}).mock;
     const clock = new EngineClock(
         () => now,
         (then) => (answered = then),
@@ -46,6 +47,8 @@ test("The engine's clock is known up to half of the shortest of the last round t
     assert.deepEqual(exchange(800, 800), { ahead: -7000, uncertainty: 800, shift: -7000 });
     const apart = exchange(800, 800, { engineAhead: 6000, uncertainty: 201 });
     assert.deepEqual(apart, { ahead: -1000, uncertainty: 1001, shift: 0 }, "or they are not apart");
+    clock.stop();
+    assert.deepEqual(clearTimer.calls[0].arguments, [next]);
     next = () => assert.fail("a gateway of an earlier version is not asked again");
     clock.begin();
     answered({});
