@@ -71,12 +71,12 @@ Admission AccessPolicy::decide(const Request& request, TimePoint now) {
     if (!isBare && !isClean(request.target)) return {400, "malformed target"};
     if (request.target == kTokenPath) return decideExchange(request, now);
     if (request.bodySize > 0) return {400, "a body is not expected"};
+    // A page names its files from where it is: without the slash that is one place further up.
+    if (isBare || (!request.site.empty() && request.target.front() == '?')) return {308};
     if (request.method != "GET" && request.method != "HEAD") {
         return {405, "method not allowed", {}, kPlainText, "GET, HEAD"};
     }
     if (request.target == kSocketPath) return decideUpgrade(request);
-    // A page names its files from where it is: without the slash that is one place further up.
-    if (isBare || (!request.site.empty() && request.target.front() == '?')) return {308};
     return serve(request);
 }
 
