@@ -21,6 +21,8 @@ const WRONG_TOKEN =
  * @property {"connecting" | "live" | "reconnecting" | "refused" | "closed"} name
  *   refused: the gateway does not want this page, and nothing is tried until `retry`
  * @property {string} reason why it is so, and what to do; may be empty
+ * @property {number} since when the program was heard last, in milliseconds since 1970, if that is
+ *   not now; 0: it is heard, never was, or nobody waits for it
  */
 
 /**
@@ -54,7 +56,10 @@ export class Line {
     #settings;
     #events;
     /** @type {State} */
-    #state = { name: "connecting", reason: "" };
+    #state = { name: "connecting", reason: "", since: 0 };
+    /** When the program was heard last, in milliseconds since 1970; 0: now, or never. It outlives
+     * the connection, so that whoever looks at an old picture knows how old it is. */
+    #lastHeard = 0;
     /** The connection that is there or coming; its socket comes with the token.
      * @type {{socket: any, opened: boolean} | null} */
     #attempt = null;
@@ -95,6 +100,7 @@ export class Line {
         this.#keptFor = keptFor;
         this.#clearTimers();
         this.#isLive = true;
+        this.#lastHeard = 0;
         this.#watchForSilence();
         this.#setState("live", reason);
     }
@@ -104,9 +110,13 @@ export class Line {
         this.#urls = [...new Set([this.#urls[0], ...urls, this.#own])];
     }
 
-    /** Something is to be said of the connection while it is there. @param {string} reason */
-    note(reason) {
-        if (this.#isLive) this.#setState("live", reason);
+    /** The connection is there, but it leads to a program that has said nothing for a while.
+     * @param {number | null} milliseconds null: it is heard again */
+    silent(milliseconds) {
+        if (!this.#isLive) return;
+        if (milliseconds === null) this.#lastHeard = 0;
+        else this.#lastHeard ||= Date.now() - milliseconds;
+        this.#setState("live", milliseconds === null ? "" : "engine silent");
     }
 
     /** @param {string | Uint8Array} frame */
@@ -227,7 +237,10 @@ export class Line {
     /** @param {import("./close_codes.mjs").NextAttempt} next */
     #detach(next) {
         const socket = this.#attempt?.socket;
-        if (this.#isLive) this.#backoff.lost(this.#keptFor);
+        if (this.#isLive) {
+            this.#backoff.lost(this.#keptFor);
+            this.#lastHeard ||= Date.now();
+        }
         this.#attempt = null;
         this.#isLive = false;
         this.#clearTimers();
@@ -263,7 +276,8 @@ export class Line {
     /** @param {State["name"]} name @param {string} reason */
     #setState(name, reason) {
         if (this.#state.name === "closed") return;
-        this.#state = { name, reason };
+        const isWaiting = name !== "refused" && name !== "closed";
+        this.#state = { name, reason, since: isWaiting ? this.#lastHeard : 0 };
         this.#events.stateChanged(this.#state);
     }
 

@@ -3,6 +3,7 @@
 
 import { knownToken, tabAccess } from "./access.mjs";
 import { Acknowledgement } from "./acknowledgement.mjs";
+import { EngineClock } from "./engine_clock.mjs";
 import { Line } from "./line.mjs";
 import { channelName, cutTo, encode, framesOf, takeNames, wellFormed } from "./outgoing.mjs";
 import { Assembly } from "./pieces.mjs";
@@ -75,6 +76,8 @@ const HELLO_NAMES_BYTES = 64 * 1024;
  * @property {any} [WebSocket] the constructor, where it is not the global one
  * @property {any} [socketOptions] its third argument, for the npm package `ws`
  * @property {() => number} [random] from 0 to below 1
+ * @property {() => number} [clock] microseconds since 1970, for stamps that the engine is to get:
+ *   what is to be added to them is measured then, see `engineClock`
  * @property {import("./backoff.mjs").Waits} [backoff] before another attempt
  * @property {{open: number, quiet: number, answer: number}} [patience] milliseconds for a
  *   connection to come about, of silence before the gateway is asked for a sign of life, and for
@@ -90,6 +93,7 @@ const DEFAULTS = {
     WebSocket: /** @type {any} */ (globalThis).WebSocket,
     socketOptions: undefined,
     random: Math.random,
+    clock: /** @type {(() => number) | undefined} */ (undefined),
     backoff: { first: 100, soon: 600, most: 5000 },
     patience: { open: 5000, quiet: 5000, answer: 3000 },
     queueSize: 1024 * 1024,
@@ -97,12 +101,6 @@ const DEFAULTS = {
 };
 
 /** @typedef {import("./outgoing.mjs").Encoded} Encoded */
-
-/** What a gateway that is not in the engine's process says of the engine; empty: all is well.
- * @param {{state?: string, milliseconds?: number}} message */
-function engineText({ state, milliseconds = 0 }) {
-    return state === "silent" ? `engine silent for ${Math.round(milliseconds / 1000)} s` : "";
-}
 
 /**
  * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
@@ -164,9 +162,11 @@ export class Connection {
     /** Numbers of the page's own block channels, that of the latest block last.
      * @type {Map<string, number>} */
     #ownChannels = new Map();
-    /** What to do when an echo comes back. @type {Map<number, () => void>} */
+    /** What to do when an echo comes back. @type {Map<number, (message: any) => void>} */
     #echoes = new Map();
     #lastEcho = 0;
+    /** @type {EngineClock | null} */
+    #clock = null;
 
     /** Bytes and characters of frames, since the page began. */
     received = 0;
@@ -178,7 +178,8 @@ export class Connection {
     constructor(url, handlers, options = {}) {
         this.#handlers = handlers;
         this.#options = { ...DEFAULTS, ...options };
-        const { subscribe, token, access, blockSize } = this.#options;
+        const { subscribe, token, access, blockSize, clock } = this.#options;
+        if (clock) this.#clock = new EngineClock(clock, (then) => this.#echo(then, { time: true }));
         this.#assembly = new Assembly(blockSize);
         const ownAccess = access ?? (token === undefined ? tabAccess : knownToken(token));
         this.#line = new Line(
@@ -201,6 +202,11 @@ export class Connection {
     /** The number of the last message handled. */
     get last() {
         return this.#handled.last;
+    }
+
+    /** How far the engine's clock is ahead of the option `clock`; null: it is not known. */
+    get engineClock() {
+        return this.#clock?.clock ?? null;
     }
 
     /** Publishes a text, or keeps it until the connection is there again. Returns false, and drops
@@ -311,6 +317,7 @@ export class Connection {
         this.#handled.stop();
         this.#ownChannels.clear();
         this.#echoes.clear();
+        this.#clock?.stop();
     }
 
     // --- Receiving ----------------------------------------------------------------------------
@@ -354,9 +361,11 @@ export class Connection {
             case "refused":
                 return this.#handlers.onRefused?.(message.what, message.channel, message.reason);
             case "echo":
-                return this.#echoed(message.id);
+                return this.#echoed(message);
             case "engine":
-                return this.#line.note(engineText(message));
+                return this.#line.silent(
+                    message.state === "silent" ? Number(message.milliseconds ?? 0) : null,
+                );
             default:
                 return undefined;
         }
@@ -379,6 +388,8 @@ export class Connection {
         const { returnMilliseconds = 0 } = hello.limits;
         this.#line.alsoAt(hello.gateways ?? []);
         this.#line.welcomed(hello.ended ? `begun afresh: ${hello.ended}` : "", returnMilliseconds);
+        // Before all else, so that what comes because the page is ready has the right stamps.
+        this.#clock?.begin();
         this.#configure(hello.configuration);
         this.#correctSubscriptions(hello);
         for (const channel of hello.refused) {
@@ -510,18 +521,19 @@ export class Connection {
         return number;
     }
 
-    /** @param {() => void} then called when everything before was acted upon */
-    #echo(then) {
+    /** @param {(message: any) => void} then called when everything before was acted upon, with the
+     * answer @param {object} [members] what else is asked */
+    #echo(then, members = {}) {
         const id = ++this.#lastEcho;
         this.#echoes.set(id, then);
-        this.#send({ t: "echo", id });
+        this.#send({ t: "echo", id, ...members });
     }
 
-    /** @param {number} id */
-    #echoed(id) {
-        const then = this.#echoes.get(id);
-        this.#echoes.delete(id);
-        then?.();
+    /** @param {{id: number}} message */
+    #echoed(message) {
+        const then = this.#echoes.get(message.id);
+        this.#echoes.delete(message.id);
+        then?.(message);
     }
 
     /** @param {object} message */

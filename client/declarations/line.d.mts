@@ -3,6 +3,8 @@
  * @property {"connecting" | "live" | "reconnecting" | "refused" | "closed"} name
  *   refused: the gateway does not want this page, and nothing is tried until `retry`
  * @property {string} reason why it is so, and what to do; may be empty
+ * @property {number} since when the program was heard last, in milliseconds since 1970, if that is
+ *   not now; 0: it is heard, never was, or nobody waits for it
  */
 /**
  * @typedef {object} Settings
@@ -34,8 +36,9 @@ export class Line {
     welcomed(reason: string, keptFor: number): void;
     /** Other addresses of the same program, for when this one is lost. @param {string[]} urls */
     alsoAt(urls: string[]): void;
-    /** Something is to be said of the connection while it is there. @param {string} reason */
-    note(reason: string): void;
+    /** The connection is there, but it leads to a program that has said nothing for a while.
+     * @param {number | null} milliseconds null: it is heard again */
+    silent(milliseconds: number | null): void;
     /** @param {string | Uint8Array} frame */
     send(frame: string | Uint8Array): void;
     /** Tries again now, also after a refusal. Does nothing while a connection is there or coming. */
@@ -53,6 +56,11 @@ export type State = {
      * why it is so, and what to do; may be empty
      */
     reason: string;
+    /**
+     * when the program was heard last, in milliseconds since 1970, if that is
+     * not now; 0: it is heard, never was, or nobody waits for it
+     */
+    since: number;
 };
 export type Settings = {
     /**

@@ -2,6 +2,7 @@ export { CLOSE_CODES } from "./close_codes.mjs";
 export { readJson } from "./wire.mjs";
 /** Where script errors go. */
 export const ERROR_CHANNEL: "/services/ErrorLoggingService/JSErrors";
+/** @typedef {import("./outgoing.mjs").Encoded} Encoded */
 /**
  * A connection to a gateway that is made again whenever it is lost. A page that shows what an engine
  * sends, and answers:
@@ -40,6 +41,8 @@ export class Connection {
     get state(): import("./line.mjs").State;
     /** The number of the last message handled. */
     get last(): number;
+    /** How far the engine's clock is ahead of the option `clock`; null: it is not known. */
+    get engineClock(): import("./engine_clock.mjs").Clock | null;
     /** Publishes a text, or keeps it until the connection is there again. Returns false, and drops
      * it, when too much is kept already. Throws a RangeError, with both sizes, for a text that is
      * larger than the gateway takes and for a channel whose name has more than 1024 bytes. A text
@@ -72,7 +75,6 @@ export class Connection {
     close(): void;
     #private;
 }
-export type Encoded = import("./outgoing.mjs").Encoded;
 export type State = import("./line.mjs").State;
 /**
  * the gateway's
@@ -169,6 +171,11 @@ export type Options = {
      */
     random?: (() => number) | undefined;
     /**
+     * microseconds since 1970, for stamps that the engine is to get:
+     * what is to be added to them is measured then, see `engineClock`
+     */
+    clock?: (() => number) | undefined;
+    /**
      * before another attempt
      */
     backoff?: import("./backoff.mjs").Waits | undefined;
@@ -191,4 +198,5 @@ export type Options = {
      */
     blockSize?: number | undefined;
 };
+export type Encoded = import("./outgoing.mjs").Encoded;
 export { gatewayAddress, tabAccess } from "./access.mjs";

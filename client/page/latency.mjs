@@ -6,6 +6,8 @@
 // they differ, or only one way is known, each way is counted from the fastest one seen: what is left
 // is by how much it took longer, whatever the clocks say. This is the packet delay variation of
 // RFC 5481, section 4.2. All pages' clocks are taken for one, and for one that does not drift.
+// A page that has measured how far the clocks are apart has its stamps by the engine's clock: they agree
+// to within what that is uncertain by, unless a message came before it was sent by more than that.
 
 /** @typedef {"serverSend" | "clientReceive" | "clientPaint" | "clientSend" | "serverReceive"} Stamp */
 /** Of frames: times in milliseconds, stamps in microseconds since 1970, 0: there is none.
@@ -67,8 +69,13 @@ export function summaryOf(times) {
 }
 
 /** @param {number} to the least of the way there, in milliseconds @param {number} back of the way back
+ * @param {number | null} measured within what the clocks agree, if that is known
  * @returns {Clocks} */
-export function clocksOf(to, back) {
+export function clocksOf(to, back, measured = null) {
+    const least = -RESOLUTION - (measured ?? 0);
+    if (measured !== null && to >= least && !(back < least)) {
+        return { isShifted: false, to: 0, back: 0, within: measured };
+    }
     const isShifted = !(to >= -RESOLUTION && back >= -RESOLUTION);
     if (!isShifted) {
         return { isShifted, to: 0, back: 0, within: Math.max(Math.abs(to), Math.abs(back)) };
@@ -76,11 +83,13 @@ export function clocksOf(to, back) {
     return { isShifted, to: to || 0, back: back || 0, within: NaN };
 }
 
-/** What frames took. @param {Columns} columns */
-export function latencyOf(columns) {
+/** What frames took. @param {Columns} columns
+ * @param {import("../engine_clock.mjs").Clock | null} [clock] what the page has measured */
+export function latencyOf(columns, clock = null) {
     const to = timesOf(columns, PARTS.to);
     const back = timesOf(columns, PARTS.back);
-    const clocks = clocksOf(leastOf(to), leastOf(back));
+    const measured = clock && (Math.abs(clock.ahead - clock.shift) + clock.uncertainty) / US_PER_MS;
+    const clocks = clocksOf(leastOf(to), leastOf(back), measured);
     const part = (/** @type {Part} */ { name }, /** @type {Float64Array} */ times) => {
         return { name, times, summary: summaryOf(times) };
     };

@@ -11,12 +11,14 @@ import { numberText } from "./ticks.mjs";
 
 /** @typedef {ReturnType<typeof latencyOf>} Latency */
 /** @typedef {import("./latency.mjs").Summary} Summary */
+/** @typedef {import("../engine_clock.mjs").Clock} Clock */
 /** @typedef {{name: string, color: string | null, summary: Summary}} Row */
 
 /** Milliseconds between two looks at what has come, and how many times as long as a look takes. */
 const LOOK_AGAIN = 1000;
 const REST = 10;
 const MS_PER_S = 1000;
+const US_PER_MS = 1000;
 const HEADER = ["ms", "50 %", "90 %", "99 %", "largest", "frames"];
 /** One for each frame that is shown: as wide as there is room, up to so many pixels. */
 const BARS = uPlot.paths.bars?.({ size: [1, 8, 1] });
@@ -33,21 +35,35 @@ const timeText = (milliseconds) => (Number.isNaN(milliseconds) ? "–" : millise
 /** @param {number} count */
 const countText = (count) => count.toLocaleString("en");
 
-/** What has to be known to read the table. @param {Latency} latency @param {boolean} isReplay */
-export function notesOf({ parts, clocks, whole, late }, isReplay) {
+/** What is known of the two clocks. @param {Latency} latency @param {Clock | null} clock */
+function clocksNote({ parts, clocks }, clock) {
     const names = new Set(parts.map(({ name }) => name));
-    const notes = [];
-    if (!clocks.isShifted) {
+    if (!clocks.isShifted && clock?.shift) {
+        const by = timeText(Math.abs(clock.shift) / US_PER_MS);
+        const where = clock.shift > 0 ? "behind" : "ahead of";
         const within = timeText(clocks.within);
-        notes.push(`The clocks of engine and page agree to within ${within} ms.`);
-    } else if (names.has("Way back")) {
-        notes.push("The clocks of engine and page differ: each way counts from its fastest one.");
-    } else if (names.has("Engine to page")) {
-        notes.push(
-            "Nobody knows whether the clocks of engine and page agree: the way to the page counts from the fastest one.",
-        );
-    } else notes.push("The engine does not say when it sends.");
-    if (names.has("In the page")) notes.push("Nothing says when painting began.");
+        return `The page’s clock is ${by} ms ${where} the engine’s, to within ${within} ms; that is taken out.`;
+    }
+    if (!clocks.isShifted) {
+        return `The clocks of engine and page agree to within ${timeText(clocks.within)} ms.`;
+    }
+    if (names.has("Way back")) {
+        return "The clocks of engine and page differ: each way counts from its fastest one.";
+    }
+    if (names.has("Engine to page")) {
+        return "Nobody knows whether the clocks of engine and page agree: the way to the page counts from the fastest one.";
+    }
+    return "The engine does not say when it sends.";
+}
+
+/** What has to be known to read the table. @param {Latency} latency @param {boolean} isReplay
+ * @param {Clock | null} [clock] what the page has measured */
+export function notesOf(latency, isReplay, clock = null) {
+    const { parts, whole, late } = latency;
+    const notes = [clocksNote(latency, clock)];
+    if (parts.some(({ name }) => name === "In the page")) {
+        notes.push("Nothing says when painting began.");
+    }
     if (whole.summary.count === 0) {
         notes.push("The way back is in an engine’s recording; a page does not learn of it.");
     }
@@ -69,7 +85,8 @@ export class LatencyPanel {
     #beyond = make("p", { hidden: true }, "Some frames go beyond the picture: see the largest.");
     /** @type {uPlot | null} */
     #plot = null;
-    /** What is shown; "total": of the worker's answer. @type {{latency: Latency, total: number} | null} */
+    /** What is shown; "total" and "clock": of the worker's answer.
+     * @type {{latency: Latency, total: number, clock: Clock | null} | null} */
     #shown = null;
     #isReplay = false;
     /** @type {ReturnType<typeof setTimeout> | undefined} */
@@ -110,11 +127,11 @@ export class LatencyPanel {
 
     /** Now, and again while this dialog is open. @param {HTMLDialogElement} dialog */
     async #look(dialog) {
-        const { total, columns } = await this.#worker.ask({ kind: "latency" });
+        const { total, columns, clock } = await this.#worker.ask({ kind: "latency" });
         if (this.#dialog !== dialog) return;
         const begin = performance.now();
         if (total !== this.#shown?.total) {
-            this.#shown = { latency: latencyOf(columns), total };
+            this.#shown = { latency: latencyOf(columns, clock), total, clock };
             this.#show();
         }
         const rest = Math.max(REST * (performance.now() - begin), LOOK_AGAIN);
@@ -129,7 +146,7 @@ export class LatencyPanel {
         this.#beyond.hidden = isEmpty;
         this.#notes.textContent = "No frame has been painted yet.";
         if (!this.#shown || isEmpty) return;
-        const { latency, total } = this.#shown;
+        const { latency, total, clock } = this.#shown;
         const { parts, whole, late, time } = latency;
         const rows = parts.map(({ name, summary }, i) => ({
             name,
@@ -141,7 +158,7 @@ export class LatencyPanel {
         const kept = total > time.length ? `, the newest of ${countText(total)}` : "";
         const lates = this.#isReplay ? `, ${countText(late.length)} late` : "";
         this.#table.replaceChildren(makeTable(`${painted}${lates}${kept}`, all));
-        this.#notes.textContent = notesOf(latency, this.#isReplay);
+        this.#notes.textContent = notesOf(latency, this.#isReplay, clock);
         this.#draw();
     }
 

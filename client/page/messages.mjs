@@ -161,7 +161,7 @@
 /**
  * @typedef {(
  *     | {kind: "ask", id: number, what: "token" | "served"}
- *     | {kind: "state", name: string, reason: string}
+ *     | {kind: "state", name: string, reason: string, since?: number}
  *     | {kind: "hello", configuration: Record<string, any>, known: boolean}
  *     | {kind: "scene", stamp: number, keys: boolean, figures: FigureDescription[]}
  *     | {kind: "frame", stamp: number, frame: number, limits: Record<number, Limits>,
@@ -180,7 +180,8 @@
  *     | {kind: "vectors", id: number, width: number, height: number, svg: string}
  *     | {kind: "picture", id: number, bitmap: ImageBitmap | null}
  *     | {kind: "latency", id: number, total: number,
- *        columns: import("./latency.mjs").Columns}
+ *        columns: import("./latency.mjs").Columns,
+ *        clock: import("../engine_clock.mjs").Clock | null}
  *     | {kind: "unanswered", id: number, text: string}
  * )} ToMain
  *
@@ -203,7 +204,8 @@
  * - An answer for axes that are not there is an empty one; for `picture` it is null.
  * - `unanswered`: why a question has no answer.
  * - `table`: each series' first row and then every `step`-th, of `total` rows of all series.
- * - `latency`: how many frames there were, and the stamps of the newest that were painted or late;
+ * - `latency`: how many frames there were, how far the engine's clock is ahead of the page's, if that
+ *   is known, and the stamps of the newest that were painted or late;
  *   times are those of a recording, or of the page's clock.
  * - `vectors`: elements of SVG to be put into a group, in CSS pixels of the plotting area.
  */

@@ -35,10 +35,14 @@ export class Watch {
     }
 }
 
+/** The time of day. @param {number} moment */
+export function clockText(moment) {
+    return new Date(moment).toLocaleTimeString([], { hour12: false });
+}
+
 /** @param {number} since @param {number} now */
 export function staleText(since, now) {
-    const clock = new Date(since).toLocaleTimeString([], { hour12: false });
     const seconds = Math.round((now - since) / 1000);
     const ago = seconds < 120 ? `${seconds} s` : `${Math.round(seconds / 60)} min`;
-    return `No news since ${clock} (${ago})`;
+    return `No news since ${clockText(since)} (${ago})`;
 }

@@ -1,5 +1,7 @@
 // Says how it goes: the connection's state, frames a second, the time of a flush, bytes.
 
+import { clockText } from "./stale.mjs";
+
 /** Milliseconds for which an error can be read, however soon it is mended. */
 const ERROR_STAYS = 5000;
 const BYTES_PER_KIB = 1024;
@@ -27,6 +29,7 @@ export class StatusBar {
     #root;
     #since = performance.now();
     #errorSince = 0;
+    /** @type {{name: string, reason: string, since?: number}} */
     #state = { name: "connecting", reason: "" };
     #isPaused = false;
 
@@ -36,13 +39,15 @@ export class StatusBar {
         this.part("retry").addEventListener("click", retry);
     }
 
-    /** @param {{name: string, reason: string}} state */
-    showState({ name, reason }) {
-        this.#state = { name, reason };
+    /** @param {{name: string, reason: string, since?: number}} state "since" when nothing is heard
+     * any more, in milliseconds since 1970 */
+    showState({ name, reason, since = 0 }) {
+        this.#state = { name, reason, since };
         const shown = this.#isPaused && name === "live" ? "paused" : name;
         this.#root.dataset.state = shown;
         this.part("state").textContent = NAMES[shown] ?? shown;
-        this.part("reason").textContent = reason;
+        const when = since > 0 ? `since ${clockText(since)}` : "";
+        this.part("reason").textContent = [reason, when].filter(Boolean).join(", ");
         this.part("retry").hidden = name !== "refused";
     }
 

@@ -74,9 +74,12 @@ Admission AccessPolicy::decide(const Request& request, TimePoint now) {
     // The host first: a name that is not ours was made to point here by somebody else.
     if (auto refusal = refuseHost(request)) return *refusal;
     if (request.isEncoded) return {400, "a Transfer-Encoding is not expected"};
-    if (!isClean(request.target)) return {400, "malformed target"};
+    const bool isBare = !request.site.empty() && request.target.empty();
+    if (!isBare && !isClean(request.target)) return {400, "malformed target"};
     if (request.target == kTokenPath) return decideExchange(request, now);
     if (request.bodySize > 0) return {400, "a body is not expected"};
+    // A page names its files from where it is: without the slash that is one place further up.
+    if (isBare || (!request.site.empty() && request.target.front() == '?')) return {308};
     if (request.method != "GET" && request.method != "HEAD") {
         return {405, "method not allowed", {}, kPlainText, "GET, HEAD"};
     }

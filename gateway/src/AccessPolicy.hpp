@@ -32,7 +32,8 @@ inline constexpr std::string_view kTokenOffer = "kiroweb.token.";
 /// were taken from.
 struct Request {
     std::string_view method;
-    std::string_view target;                     ///< what follows the prefix of its site
+    std::string_view site;                       ///< the prefix of its site
+    std::string_view target;                     ///< what follows that
     std::vector<std::string_view> hosts;         ///< every Host field
     std::vector<std::string_view> origins;       ///< every Origin field
     std::vector<std::string_view> subprotocols;  ///< those offered, over all fields

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -28,6 +29,11 @@ class Bus {
     virtual void announce(wire::ViewKind kind, const View::Identity& view) = 0;
     /// Whether pages may say more: false while too much of what they said has not been taken.
     [[nodiscard]] virtual bool hasRoom() const noexcept { return true; }
+    /// What the clocks say; of an engine in this process it is one and the same.
+    [[nodiscard]] virtual wire::Clocks clocks() const noexcept {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return {std::chrono::duration_cast<std::chrono::microseconds>(now), {}, {}, true};
+    }
     /// So many pages are there now.
     virtual void pages(std::size_t count) noexcept = 0;
 };

@@ -29,7 +29,8 @@ void ClientConnection::readRequest() {
 
 ::kirogateway::Request ClientConnection::requestOfSite() const {
     auto request = requestOf(fParser->get());
-    request.target.remove_prefix(fSite->prefix.size());
+    request.site = request.target.substr(0, fSite->prefix.size());
+    request.target.remove_prefix(request.site.size());
     return request;
 }
 

@@ -39,15 +39,17 @@ enum class Key {
     kSubscribe,
     kT,
     kText,
+    kTime,
     kTransfer,
     kVersion,
     kView,
     kUnknown
 };
 constexpr std::size_t kKeys = static_cast<std::size_t>(Key::kUnknown);
-constexpr std::array<const char*, kKeys> kNames{
-    "channel", "channels", "client", "id",        "last", "limits", "name",     "number",  "ok",
-    "reason",  "refused",  "resume", "subscribe", "t",    "text",   "transfer", "version", "view"};
+constexpr std::array<const char*, kKeys> kNames{"channel", "channels", "client",    "id",  "last",
+                                                "limits",  "name",     "number",    "ok",  "reason",
+                                                "refused", "resume",   "subscribe", "t",   "text",
+                                                "time",    "transfer", "version",   "view"};
 
 Key keyOf(std::string_view name) {
     const auto found = std::ranges::find(kNames, name);
@@ -143,7 +145,7 @@ wire::Echo echoOf(Members& members) {
     }
     auto text = id.kind == Kind::kText ? wire::quoted(id.text) : std::move(id.text);
     if (text.empty() || text.size() > wire::kMaxEchoId) Members::fail(Key::kId);
-    return {std::move(text)};
+    return {std::move(text), members.has(Key::kTime) && members.flag(Key::kTime)};
 }
 
 wire::PageMessage messageOf(Members& members) {

@@ -127,6 +127,17 @@ std::string refusedText(std::string_view what, std::string_view channel, std::st
 
 std::string echoText(const std::string& id) { return R"({"t":"echo","id":)" + id + "}"; }
 
+std::string echoText(const std::string& id, const Clocks& clocks) {
+    auto text = echoText(id);
+    text.pop_back();
+    text += R"(,"time":)" + std::to_string(clocks.wall.count());
+    if (clocks.isEngineKnown) {
+        text += R"(,"engineAhead":)" + std::to_string(clocks.engineAhead.count()) +
+                R"(,"uncertainty":)" + std::to_string(clocks.uncertainty.count());
+    }
+    return text + "}";
+}
+
 std::string quoted(std::string_view text) { return json::serialize(json::string(text)); }
 
 std::string announcementText(ViewKind kind, std::uint64_t count, std::string_view client) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -60,7 +61,8 @@ struct ChannelName {
     std::string name;
 };
 struct Echo {
-    std::string id;  ///< as JSON text
+    std::string id;          ///< as JSON text
+    bool wantsTime = false;  ///< the answer is to say what the clocks say
 };
 struct Unknown {
     std::string what;
@@ -131,7 +133,15 @@ class WithdrawnText {
 };
 [[nodiscard]] std::string refusedText(std::string_view what, std::string_view channel,
                                       std::string_view reason);
+/// What the gateway knows of clocks.
+struct Clocks {
+    std::chrono::microseconds wall{0};         ///< the gateway's, since 1970
+    std::chrono::microseconds engineAhead{0};  ///< the engine's wall clock minus that
+    std::chrono::microseconds uncertainty{0};  ///< the difference is right up to this
+    bool isEngineKnown = false;                ///< otherwise nothing is known of the engine's
+};
 [[nodiscard]] std::string echoText(const std::string& id);
+[[nodiscard]] std::string echoText(const std::string& id, const Clocks& clocks);
 /// `text` as a JSON string.
 [[nodiscard]] std::string quoted(std::string_view text);
 /// What is published on the channels for new views and reconnections.

@@ -59,7 +59,11 @@ void Session::handle(wire::PageMessage&& message, TimePoint now) {
                    [&](const wire::BlockAnswer& said) { answer(said); },
                    [&](const wire::Ack& said) { fView->acknowledge(said.last); },
                    [&](const wire::ChannelName& said) { name(said); },
-                   [&](const wire::Echo& said) { fView->sendControl(wire::echoText(said.id)); },
+                   [&](const wire::Echo& said) {
+                       fView->sendControl(said.wantsTime
+                                              ? wire::echoText(said.id, fServices.inbound.clocks())
+                                              : wire::echoText(said.id));
+                   },
                    [&](const wire::Unknown& said) { refuse(said.what, {}, "unknown"); },
                },
                message);

@@ -81,9 +81,7 @@ void Sites::shut() noexcept {
 
 std::string_view sitePrefix(std::string_view target) noexcept {
     if (!target.starts_with(kSites)) return {};
-    const auto end = target.find('/', kSites.size());
-    if (end == std::string_view::npos) return {};
-    const auto prefix = target.substr(0, end);
+    const auto prefix = target.substr(0, target.find_first_of("/?", kSites.size()));
     return text::isName(prefix.substr(kSites.size())) ? prefix : std::string_view();
 }
 

@@ -74,7 +74,8 @@ class Sites {
 
 /// What prefixes begin with.
 inline constexpr std::string_view kSites = "/s/";
-/// "/s/NAME" of "/s/NAME/..."; empty for another target. A name is one by `text::isName`.
+/// "/s/NAME" of "/s/NAME/...", "/s/NAME" and "/s/NAME?..."; empty for another target. A name is one
+/// by `text::isName`.
 [[nodiscard]] std::string_view sitePrefix(std::string_view target) noexcept;
 
 }  // namespace kirogateway

@@ -25,8 +25,10 @@ class Clocks {
                                          ((receivedThere - sent) + (sentThere - received)) / 2};
     }
     [[nodiscard]] Time offset() const noexcept { return best().offset; }
-    /// The offset is right up to this.
-    [[nodiscard]] Time uncertainty() const noexcept { return (best().roundTrip + Time(1)) / 2; }
+    /// The offset is right up to this; 0 as long as nothing is known of it.
+    [[nodiscard]] Time uncertainty() const noexcept {
+        return fCount == 0 ? Time(0) : (best().roundTrip + Time(2)) / 2;
+    }
     [[nodiscard]] Time lastRoundTrip() const noexcept { return fLast; }
 
   private:

@@ -434,7 +434,11 @@ void Machine::leave(std::string_view why) noexcept {
     // Not at once: a session costs, and it is the engine that says when one ends.
     fHasSaidHello = false;
     fNextBeat = fSurroundings.now() + kBeat;
-    fCounts.change([](Statistics& all) { all.isJoined = false; });
+    fCounts.change([](Statistics& all) {
+        all.isJoined = false;
+        // The next engine has another clock.
+        all.clockOffset = all.clockUncertainty = microseconds(0);
+    });
     if (std::exchange(fIsFollowed, false)) fFollower.left(why);
 }
 

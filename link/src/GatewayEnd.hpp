@@ -119,9 +119,10 @@ class GatewayEnd {
         Totals& operator+=(const Totals& others) noexcept;
     };
     struct Statistics : Totals {
-        std::size_t waiting = 0;                        ///< as `waiting()`
-        std::chrono::microseconds clockOffset{0};       ///< engine's wall clock minus this one's
-        std::chrono::microseconds clockUncertainty{0};  ///< half the shortest round trip
+        std::size_t waiting = 0;                   ///< as `waiting()`
+        std::chrono::microseconds clockOffset{0};  ///< engine's wall clock minus this one's
+        /// Half the shortest round trip; 0 while the offset is not known.
+        std::chrono::microseconds clockUncertainty{0};
         bool isJoined = false;
     };
 

@@ -55,7 +55,7 @@ void EngineSession::begin() {
         fCommon.cluster,
         kirolink::GatewayEnd::Identity{
             fName, fCommon.name, (fOrigin.empty() ? fCommon.address + fPrefix : fOrigin) + "/"},
-        *this, fCommon.surroundings);
+        *this, fCommon.surroundings, fCommon.link);
     fBus.connect(*fEnd);
 }
 

@@ -30,6 +30,7 @@ struct Common {
     std::size_t pageSize = 0;         ///< bytes of a page that an engine brings
     std::shared_ptr<kirogateway::Budget> ownPages;  ///< of all such pages
     kirolink::Surroundings surroundings;
+    kirolink::GatewayEnd::Settings link{};
 };
 
 /// One engine that is followed: its end of the link, and the site of its pages, which is another

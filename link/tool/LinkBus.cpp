@@ -21,6 +21,15 @@ bool LinkBus::send(const std::string& channel, std::string_view block) {
     return true;
 }
 
+kirogateway::wire::Clocks LinkBus::clocks() const noexcept {
+    auto clocks = Bus::clocks();
+    const auto known = fEnd->statistics();
+    clocks.engineAhead = known.clockOffset;
+    clocks.uncertainty = known.clockUncertainty;
+    clocks.isEngineKnown = known.clockUncertainty.count() > 0;
+    return clocks;
+}
+
 void LinkBus::announce(kirogateway::wire::ViewKind kind, const kirogateway::View::Identity& view) {
     using Kind = kirolink::GatewayEnd::ViewKind;
     const bool isReturn = kind == kirogateway::wire::ViewKind::kReturn;

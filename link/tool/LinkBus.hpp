@@ -30,6 +30,7 @@ class LinkBus final : public kirogateway::Bus, public relay::TransportLink {
                  std::shared_ptr<const void> ticket) override;
     [[nodiscard]] bool send(const std::string& channel, std::string_view block) override;
     [[nodiscard]] bool hasRoom() const noexcept override { return fEnd->hasRoomForPages(); }
+    [[nodiscard]] kirogateway::wire::Clocks clocks() const noexcept override;
     void announce(kirogateway::wire::ViewKind kind,
                   const kirogateway::View::Identity& view) override;
     void pages(std::size_t count) noexcept override;

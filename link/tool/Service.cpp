@@ -78,6 +78,7 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
         fContext->options, settings.pagesOfOne(), settings.others, settings.name, address,
         settings.pageSize, std::make_shared<kirogateway::Budget>(settings.allMemory / 2),
         std::move(surroundings)});
+    fCommon->link.largest = settings.largest;
     fOffers.emplace(cluster, settings.name, [this](const std::string& session, bool hasPage) {
         return hear(session, hasPage);
     });

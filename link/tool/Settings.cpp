@@ -19,11 +19,12 @@ namespace {
 namespace po = boost::program_options;
 
 constexpr const char* kKeys[] = {
-    "name",        "address",       "port",       "tls",
-    "certificate", "key",           "public",     "gateways",
-    "servers",     "credentials",   "ca",         "cluster-tls",
-    "sessions",    "pages",         "memory",     "status-address",
-    "status-port", "session-pages", "all-memory", "page-size",
+    "name",         "address",       "port",       "tls",
+    "certificate",  "key",           "public",     "gateways",
+    "servers",      "credentials",   "ca",         "cluster-tls",
+    "sessions",     "pages",         "memory",     "status-address",
+    "status-port",  "session-pages", "all-memory", "page-size",
+    "message-size",
 };
 
 constexpr const char* kHelp =
@@ -48,6 +49,7 @@ constexpr const char* kHelp =
                   session with most have to go
   page-size       MiB that a page may have that an engine brings, 0: none is served (64); public
                   needs a host's name for it, and the certificate that of each session before it
+  message-size    MiB that one text or block of an engine's may have (256)
   status-address  numeric address for /healthz and /metrics (127.0.0.1)
   status-port     port for them (a free one)
 )";
@@ -196,6 +198,7 @@ Settings readSettings(std::istream& lines, const std::string& source) {
     settings.allMemory = values.number("all-memory", 1, kMost, settings.allMemory >> 20U) << 20U;
     settings.pageSize =
         values.number("page-size", 0, settings.pageSize >> 20U, settings.pageSize >> 20U) << 20U;
+    settings.largest = values.number("message-size", 1, kMost, settings.largest >> 20U) << 20U;
     settings.statusAddress = numericAddress(values, "status-address");
     settings.statusPort = static_cast<std::uint16_t>(values.number("status-port", 0, kMostPort, 0));
     return settings;

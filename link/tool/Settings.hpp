@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "GatewayEnd.hpp"
 #include "NatsCluster.hpp"
 #include "OwnPage.hpp"
 
@@ -36,6 +37,8 @@ struct Settings {
     std::size_t pages = 1000;                       ///< connected at a time, over all sessions
     std::size_t sessionPages = 0;                   ///< of one session; 0: half of `pages`
     std::size_t memory = std::size_t{1024} << 20U;  ///< bytes that may wait for one session's pages
+    /// Bytes that a text or block of an engine's may have.
+    std::size_t largest = kirolink::GatewayEnd::kLargest;
     std::size_t allMemory = std::size_t{4096} << 20U;  ///< the same over all sessions
     std::size_t pageSize = kirolink::kMostOfPage;  ///< bytes of a page of a session's own; 0: none
 

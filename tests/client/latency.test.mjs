@@ -3,6 +3,7 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { STAMPS, latencyOf, stackOf, summaryOf } from "../../client/page/latency.mjs";
+import { notesOf } from "../../client/page/latency_panel.mjs";
 import { Latencies } from "../../client/page/worker/latencies.mjs";
 
 /** Of frames, each as its stamps in milliseconds in the order of its way; null: there is none. The
@@ -67,6 +68,21 @@ test("Each part's times are those of its stamps, whatever the clocks of the two 
     assert.deepEqual([...latencyOf(columnsOf(TWO, 1e9, 9e9)).whole.times], [13, 14]);
     const { late, parts } = latencyOf(columnsOf([TWO[0], LATE, TWO[1]]));
     assert.deepEqual([[...late], parts[0].summary.count], [[1], 2]);
+});
+
+test("Where the clocks were compared times stand as they are, and it is said how far they are apart", () => {
+    const clock = { ahead: 100, uncertainty: 300, shift: 0 };
+    const live = (page) => latencyOf(columnsOf(without("serverReceive"), 1e9, page), clock);
+    const { clocks, parts } = live(1e9);
+    assert.deepEqual([[...parts[0].times], clocks.within], [[2, 5], 0.4]);
+    assert.ok(live(1e9 - 3.5).clocks.isShifted, "it came before it was sent");
+    assert.match(notesOf(live(1e9), false, clock), /clocks .* agree to within 0\.4 ms\./);
+    const late = { ahead: 2500, uncertainty: 400, shift: 2500 };
+    const note = notesOf(latencyOf(columnsOf(TWO), late), false, late);
+    assert.equal(
+        note,
+        "The page’s clock is 2.5 ms behind the engine’s, to within 0.4 ms; that is taken out.",
+    );
 });
 
 test("A percentile is a time that was measured, by nearest rank", () => {

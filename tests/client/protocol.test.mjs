@@ -129,17 +129,38 @@ test("A lost connection is made again, and goes on behind the last message and w
     assert.equal(heard.of("text", "refused", "block", "fault").join(" "), told);
 });
 
-test("That the engine is silent stands in the state until it is heard again", async () => {
+test("Since when the engine is silent stands in the state until one is heard again", async (t) => {
     const { heard } = fixture;
-    const peer = await fixture.connect();
+    heard.handlers.onState = (state) => heard.note("state", state.name, state.reason, state.since);
+    let now = 5000;
+    t.mock.method(Date, "now", () => now);
+    let peer = await fixture.connect();
     peer.control({ t: "engine", state: "silent", milliseconds: 2600 });
     peer.control({ t: "engine", state: "heard" });
+    peer.control({ t: "engine", state: "silent", milliseconds: 1100 });
     await fixture.settled(peer, 1);
-    const told = heard.of("state").slice(-3);
-    assert.deepEqual(
-        told.map(([, name, reason]) => `${name} ${reason}`),
-        ["live ", "live engine silent for 3 s", "live "],
-    );
+    now = 15000;
+    peer.control({ t: "engine", state: "silent", milliseconds: 11200 });
+    peer.socket.close(1001, "the engine is gone");
+    let attempts = 0;
+    fixture.gateway.refuses = () => ++attempts === 1; // no new one is there yet
+    peer = await fixture.peer();
+    peer.socket.close(4003, "too slow");
+    await fixture.peer({ ended: "too slow" });
+    await heard.until("state", "live", "begun afresh: too slow");
+    const told = heard.of("state").map(([, ...state]) => state.join());
+    assert.deepEqual(told, [
+        "live,,0",
+        "live,engine silent,2400",
+        "live,,0",
+        "live,engine silent,3900",
+        "live,engine silent,3900",
+        "reconnecting,the engine is gone,3900",
+        "reconnecting,no connection,3900",
+        "live,,0",
+        "reconnecting,too slow,15000",
+        "live,begun afresh: too slow,0",
+    ]);
 });
 
 test("A page whose gateway is lost, or stops, goes to another one with its token", async () => {

@@ -51,7 +51,10 @@ test("Every page sees everything, reloaded or not; the engine goes on with those
     await hide(false);
     await scene.draw("step 1");
     scene.tell("quit");
-    assert.match(await untilState(first, "reconnecting"), /gateway stopped|no connection/);
+    assert.match(
+        await untilState(first, "reconnecting"),
+        /(gateway stopped|no connection), since \d+:/,
+    );
     await first.locator(".is-stale .stale", { hasText: /^No news since \d+:/ }).waitFor();
     assert.equal(await scene.exited, 0);
 });

@@ -115,6 +115,7 @@ TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
           R"({"t":"subscribe","channels":["a",1]})"s, R"({"t":"block","transfer":1.5,"ok":true})"s,
           R"([{"t":"publish","channel":"a","text":"b"},{"t":"publish","channel":"a"}])"s,
           R"({"t":"ack","last":-1})"s, R"({"t":"echo","id":[]})"s,
+          R"({"t":"echo","id":1,"time":1})"s,
           R"({"t":"echo","id":")"s + std::string(300, 'x') + "\"}",
           R"({"t":"ack","last":1,"x":[[[[[[[[1]]]]]]]]})"s,
           hello + R"("client":")" + std::string(257, 'x') + "\"}",

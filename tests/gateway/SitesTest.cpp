@@ -153,11 +153,13 @@ TEST(SitePrefix, IsOneNameAndNothingElse) {
         {"/s/run/kiroweb?x/y", "/s/run"},
         {"/s/" + longest + "/", "/s/" + longest},
         {"/s/" + longest + "n/", ""},
-        {"/s/run", ""},
+        {"/s/run", "/s/run"},
+        {"/s/run?/x", "/s/run"},
+        {"/s/" + longest + "n", ""},
+        {"/s/", ""},
         {"/s//", ""},
         {"/s/../", ""},
         {"/s/%61/", ""},
-        {"/s/a?/", ""},
         {"/t/a/", ""},
         {"", ""},
     };
@@ -186,7 +188,10 @@ TEST_F(SitesTest, KeepTheirPagesApart) {
         EXPECT_EQ(bus.take(), "pages 0");
     }
     EXPECT_TRUE(hasStatus(ask(upgradeRequest(fAccess, tokenOf("/s/a"), "/s/b")).readHead(), "403"));
-    for (const char* target : {"/s/c/", "/s/a", "/", "/s/a/s/b/"}) {
+    const auto moved = get("/s/a?x=/y");
+    EXPECT_TRUE(hasStatus(moved, "308")) << moved;
+    EXPECT_NE(moved.find("\r\nLocation: /s/a/?x=/y\r\n"), std::string::npos) << moved;
+    for (const char* target : {"/s/c/", "/s/c", "/", "/s/a/s/b", "?x"}) {
         EXPECT_TRUE(hasStatus(get(target), "404")) << target;
     }
 }
@@ -200,7 +205,12 @@ TEST_F(SitesTest, ServeTheirPageBeforeTheEngineIsReached) {
     EXPECT_TRUE(hasStatus(refusal, "503") && refusal.find(later) != std::string::npos) << refusal;
     open("/s/a");
     EXPECT_EQ(get("/s/a/").find(later), std::string::npos);
-    join("/s/a");
+    auto page = join("/s/a");
+    page.sendText(R"({"t":"echo","id":1,"time":true})");
+    const auto clocks = boost::json::parse(page.readControl("echo")).as_object();
+    EXPECT_GT(clocks.at("time").as_int64(), 1'000'000'000'000'000) << "microseconds since 1970";
+    EXPECT_EQ(clocks.at("engineAhead"), 0) << "one process has one clock";
+    EXPECT_EQ(clocks.at("uncertainty"), 0);
 }
 
 TEST_F(SitesTest, AreNotMadeForAForeignHost) {

@@ -25,13 +25,14 @@
 const PATIENCE = 50;
 
 /** What the page knows of a frame's way: microseconds since 1970, 0 where it does not know.
- * @param {Frame} frame @param {number} sent when its token goes back */
-export function stampsOf({ token, begun }, sent) {
+ * @param {Frame} frame @param {number} sent when its token goes back
+ * @param {number} [shift] what is added to stamps of the page's */
+export function stampsOf({ token, begun }, sent, shift = 0) {
     return {
         serverSend: Number(token?.command.serverSendTS) || 0,
-        clientReceive: token?.received ?? 0,
-        clientPaint: begun ?? 0,
-        clientSend: sent,
+        clientReceive: token ? token.received + shift : 0,
+        clientPaint: begun ? begun + shift : 0,
+        clientSend: sent + shift,
         serverReceive: 0,
     };
 }

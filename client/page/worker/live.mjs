@@ -73,6 +73,7 @@ export class Live {
                 announce: ({ vocabulary, newView }) =>
                     vocabulary === VOCABULARY ? newView : undefined,
                 access,
+                clock: now,
                 ...options,
             },
         );
@@ -84,6 +85,10 @@ export class Live {
     get received() {
         return this.#connection.received;
     }
+    /** How far the engine's clock is ahead of the page's, in microseconds; null: it is not known. */
+    get clock() {
+        return this.#connection.engineClock;
+    }
 
     /** @param {Frame} frame @param {Outcome} outcome @param {number} sent */
     answer(frame, outcome, sent) {
@@ -91,10 +96,17 @@ export class Live {
         if (!token) return;
         const { ACT, serverSendTS, returnChannel } = token.command;
         const text = outcome === "failed" ? { error: error?.message } : {};
-        const stamps = begun ? { clientPaint: begun, clientSend: sent } : {};
+        const all = stampsOf(frame, sent, this.clock?.shift);
+        const { clientReceive, clientPaint, clientSend } = all;
+        const stamps = begun ? { clientPaint, clientSend } : {};
         this.publish({ event: "frame", frame: number, attempt, outcome, ...text, ...stamps });
-        const reply = { ACT, serverSendTS, clientReceiveTS: token.received, clientSendTS: sent };
-        if (outcome === "painted") this.latencies.add(sent / 1000, stampsOf(frame, sent));
+        const reply = {
+            ACT,
+            serverSendTS,
+            clientReceiveTS: clientReceive,
+            clientSendTS: clientSend,
+        };
+        if (outcome === "painted") this.latencies.add(sent / 1000, all);
         this.#connection.publish(String(returnChannel), JSON.stringify(reply));
     }
     /** @param {Record<string, any>} event */
@@ -119,11 +131,11 @@ export class Live {
     }
 
     /** @param {import("../../line.mjs").State} state */
-    #stateChanged({ name, reason }) {
+    #stateChanged({ name, reason, since }) {
         const isLive = name === "live";
         if (this.#isLive && !isLive) this.#surroundings.changed("gone");
         this.#isLive = isLive;
-        this.#surroundings.post({ kind: "state", name, reason });
+        this.#surroundings.post({ kind: "state", name, reason, since });
     }
 
     /** @param {import("../../protocol.mjs").Hello} hello */

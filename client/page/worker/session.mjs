@@ -255,12 +255,19 @@ export class Session {
         this.#show();
     }
 
+    /** What a recording has is by the clocks of then. */
+    get #clock() {
+        return this.#source instanceof Live ? this.#source.clock : null;
+    }
+
     /** @param {number} id of the question */
     #tellLatency(id) {
+        const clock = this.#clock;
         const latencies = this.#source?.latencies ?? new Latencies(0);
         const columns = latencies.copy();
         const moved = Object.values(columns).map(({ buffer }) => buffer);
-        this.#surroundings.post({ kind: "latency", id, total: latencies.total, columns }, moved);
+        const { total } = latencies;
+        this.#surroundings.post({ kind: "latency", id, total, columns, clock }, moved);
     }
 
     /** @returns {{stamp: number, errors: Error[], begun: number}} */
@@ -283,9 +290,10 @@ export class Session {
         const sent = this.#surroundings.now();
         this.#source?.answer(frame, outcome, sent);
         this.#recorder?.token(frame, outcome, sent);
+        const { serverSendTS } = token.command;
         this.#statistics.countAnswer(
             outcome,
-            sent - (token.command.serverSendTS || token.received),
+            serverSendTS ? sent + (this.#clock?.shift ?? 0) - serverSendTS : sent - token.received,
         );
         if (outcome === "failed") this.#askForAll();
         else if (!isWhole) this.#isAsked = false;

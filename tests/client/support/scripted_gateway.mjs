@@ -13,7 +13,7 @@ class Peer {
     answersEchoes = true;
     /** Bytes of the largest frame that came. */
     largest = 0;
-    constructor(socket, request) {
+    constructor(socket, request, clocks) {
         this.socket = socket;
         this.offered = offeredIn(request);
         this.closed = once(socket, "close").then(([code]) => code);
@@ -22,7 +22,7 @@ class Peer {
             this.largest = Math.max(this.largest, data.length);
             if (isBinary || !this.answersEchoes) return;
             for (const message of [JSON.parse(data)].flat()) {
-                if (message.t === "echo") this.control(message);
+                if (message.t === "echo") this.control({ ...message, ...(message.time && clocks) });
             }
         });
     }
@@ -76,6 +76,8 @@ class Peer {
 export class ScriptedGateway {
     /** Whether an upgrade that offers these subprotocols is answered with 403. */
     refuses = () => false;
+    /** What its peers say of clocks when they are asked for the time. */
+    clocks = {};
     /** With an HTTP server it serves what that serves, too. */
     static async start(server) {
         const gateway = new ScriptedGateway();
@@ -85,7 +87,7 @@ export class ScriptedGateway {
         server?.listen(0, "127.0.0.1");
         gateway.connections = on(gateway.sockets, "peer");
         gateway.sockets.on("connection", (socket, request) =>
-            gateway.sockets.emit("peer", new Peer(socket, request)),
+            gateway.sockets.emit("peer", new Peer(socket, request, gateway.clocks)),
         );
         await once(gateway.sockets, "listening");
         gateway.url = `ws://127.0.0.1:${gateway.sockets.address().port}/kiroweb`;

@@ -25,7 +25,7 @@ def until(what, text: str) -> float:
     return load.until(what, text, PATIENCE)
 
 
-class Faults(unittest.TestCase):
+class Streaming(unittest.TestCase):
     """What is the same for all: everything runs and streams. Each test harms something, and all that the
     engine published afterwards has to come, in order and once."""
 
@@ -43,8 +43,8 @@ class Faults(unittest.TestCase):
         self.engine = self.start_engine()
         self.pages = {name: self.start_pages(name) for name in ("one", "two")}
 
-    def start_engine(self, session="alpha", credentials="") -> load.Program:
-        engine = self.cluster.engine(session, credentials, texts=TEXTS, blocks=BLOCKS)
+    def start_engine(self, session="alpha", credentials="", **settings) -> load.Program:
+        engine = self.cluster.engine(session, credentials, texts=TEXTS, blocks=BLOCKS, **settings)
         self.addCleanup(engine.process.wait)
         self.addCleanup(engine.process.kill)
         return engine
@@ -103,6 +103,8 @@ class Faults(unittest.TestCase):
         delays = self.pages[gateway].ask("phase after")["delays"][phase]
         return max(delay for delay, _ in delays) / 100_000
 
+
+class Faults(Streaming):
     def test_any_node_may_die_and_come_back(self):
         self.begin()
         for node in ("node-1", "node-2"):  # the engine's, and the gateways'

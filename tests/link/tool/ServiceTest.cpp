@@ -109,7 +109,9 @@ class ServiceTest : public testing::Test {
                   const std::string& page = {}) {
         auto& engine = fEngines[session];
         engine = nullptr;
-        engine = std::make_unique<Engine>(fCluster, session, configuration, page, surroundings());
+        auto elsewhere = surroundings();
+        elsewhere.wall = [this, wall = elsewhere.wall] { return wall() + fEngineAhead; };
+        engine = std::make_unique<Engine>(fCluster, session, configuration, page, elsewhere);
         run(milliseconds(500));
         return *engine;
     }
@@ -177,6 +179,7 @@ class ServiceTest : public testing::Test {
     link_test::LocalCluster fCluster;
     std::map<std::string, std::unique_ptr<Engine>> fEngines;
     bool fIsHung = false;  ///< all engines are
+    seconds fEngineAhead{0};
     Settings fSettings;
     gatewaytest::Access fAccess;
     std::unique_ptr<Service> fService;
@@ -370,6 +373,7 @@ TEST_F(ServiceTest, CarriesTextsAndBlocksBothWays) {
 
 TEST_F(ServiceTest, HoldsNoMoreForAllSessionsThanItMay) {
     fSettings.allMemory = std::size_t{1} << 20U;
+    fSettings.largest = std::size_t{2} << 20U;
     start();
     auto& sea = follow("sea");
     auto& wind = follow("wind");
@@ -383,6 +387,10 @@ TEST_F(ServiceTest, HoldsNoMoreForAllSessionsThanItMay) {
     sea.end.down()->text("/fig/1", "calm");
     run(milliseconds(100));
     EXPECT_EQ(page.readRecords(1).at(0).text, "calm");
+    EXPECT_EQ(report().link.refusals, 0U);
+    sea.end.down()->text("/fig/1", std::string(fSettings.largest + 1, 'x'));
+    run(milliseconds(100));
+    EXPECT_GT(report().link.refusals, 0U) << "one text may have no more, either";
 }
 
 TEST_F(ServiceTest, GivesEachSessionItsShareOfPages) {
@@ -408,6 +416,22 @@ TEST_F(ServiceTest, LetsGoOfASessionThatItCannotServe) {
     EXPECT_EQ(report().followed, 0U);
     follow("wind");
     join("wind");
+}
+
+TEST_F(ServiceTest, TellsPagesWhatTheLinkMeasuredOfTheEnginesClock) {
+    fEngineAhead = seconds(7);
+    follow("wind");
+    auto page = join("wind");
+    page.sendText(R"({"t":"echo","id":2,"time":true})");
+    const auto said = boost::json::parse(page.readControl("echo"));
+    const auto measured = report();
+    EXPECT_EQ(said.at("engineAhead").as_int64(), measured.clockOffset.count());
+    EXPECT_EQ(said.at("uncertainty").as_int64(), measured.clockUncertainty.count());
+    EXPECT_NEAR(static_cast<double>(measured.clockOffset.count()), 7e6,
+                static_cast<double>(measured.clockUncertainty.count()));
+    fEngines["wind"] = nullptr;
+    run(seconds(11));
+    EXPECT_EQ(report().clockUncertainty.count(), 0) << "the next engine has another clock";
 }
 
 TEST_F(ServiceTest, TellsPagesOfTheirEngine) {

@@ -44,7 +44,7 @@ TEST(Settings, SayWhatTheFileSays) {
                             "address = ::1\nport = 1\nca = d\ncluster-tls = off\nmemory = 3\n"
                             "public = https://plots.example:8443\ngateways = https://b:1,http://c\n"
                             "status-address = 0.0.0.0\nstatus-port = 9\nsessions = 7\npages = 8\n"
-                            "session-pages = 6\nall-memory = 5\n");
+                            "session-pages = 6\nall-memory = 5\nmessage-size = 4\n");
     EXPECT_EQ(given.address, "::1");
     EXPECT_EQ(given.publicAddress, "https://plots.example:8443");
     EXPECT_EQ(given.others, (std::vector<std::string>{"https://b:1", "http://c"}));
@@ -52,9 +52,11 @@ TEST(Settings, SayWhatTheFileSays) {
     EXPECT_TRUE(given.cluster.isPlainAllowed);
     EXPECT_EQ(given.statusAddress, "0.0.0.0");
     EXPECT_EQ((std::vector<std::size_t>{given.port, given.statusPort, given.sessions, given.pages,
-                                        given.memory, given.pagesOfOne(), given.allMemory}),
-              (std::vector<std::size_t>{1, 9, 7, 8, 3UL << 20U, 6, 5UL << 20U}));
+                                        given.memory, given.pagesOfOne(), given.allMemory,
+                                        given.largest}),
+              (std::vector<std::size_t>{1, 9, 7, 8, 3UL << 20U, 6, 5UL << 20U, 4UL << 20U}));
     EXPECT_EQ(usual.pagesOfOne(), 500U);
+    EXPECT_EQ(usual.largest, 256UL << 20U);
 }
 
 TEST(Settings, NameWhatIsWrong) {
@@ -75,6 +77,7 @@ TEST(Settings, NameWhatIsWrong) {
         {kGood + "sessions = 0\n", "sessions = 0: "},
         {kGood + "memory = 1 GiB\n", "memory = 1 GiB: "},
         {kGood + "page-size = 65\n", "page-size = 65: "},
+        {kGood + "message-size = 0\n", "message-size = 0: "},
         {kGood + "public = https://a/b\n", "public = https://a/b: "},
         {kGood + "gateways = b:1\n", "gateways = b:1: "},
         {kGood + "cluster-tls = no\n", "cluster-tls = no: "},
