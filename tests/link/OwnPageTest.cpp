@@ -42,7 +42,10 @@ TEST(OwnPages, AreReadWithinBoundsOnly) {
          std::map<std::string, std::string>{{"", "\0\0\0\0\0\0\0\0"s},
                                             {path, "\x01\x04\0\0\0\0\0\0"s},
                                             {"/" + type, "\x01\0\x01\x01\0\0\0\0"s}}) {
-        EXPECT_FALSE(readPage("\1\0\0\0"s + lengths + name)) << name;
+        auto bytes = "\1\0\0\0"s;
+        bytes += lengths;
+        bytes += name;
+        EXPECT_FALSE(readPage(bytes)) << name;
     }
     for (const auto& wrong : std::vector<std::vector<kirogateway::Asset>>{
              {{"/a", "", ""}},
