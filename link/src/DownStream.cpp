@@ -108,7 +108,7 @@ void DownStream::closeBatchLocked() {
 
 void DownStream::appendPiecesLocked(bool isBlock, std::string_view channel,
                                     std::string_view whole) {
-    Pieces pieces(isBlock, channel, whole);
+    Pieces pieces(isBlock, channel, whole, fWindow.pieceSize());
     while (const auto piece = pieces.next()) appendLocked(writeFrame(headerLocked(), *piece));
 }
 

@@ -18,7 +18,7 @@ namespace kirolink {
 
 inline constexpr std::size_t kMaxFrame = std::size_t{1} << 20U;
 inline constexpr std::size_t kBatchSize = 64UL * 1024;   ///< where a frame of texts is full
-inline constexpr std::size_t kPieceSize = 512UL * 1024;  ///< of what is too large for that
+inline constexpr std::size_t kPieceSize = 512UL * 1024;  ///< of what is too large for that, most
 inline constexpr std::size_t kMaxChannel = 32UL * 1024;  ///< bytes of a channel's name
 inline constexpr std::size_t kMaxAddress = 1024;
 inline constexpr std::size_t kMaxClient = 256;

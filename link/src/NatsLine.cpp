@@ -33,6 +33,10 @@ constexpr std::int64_t kConnectMilliseconds = 2000;
 /// So many bytes are read at once, and as many may wait within libnats to be written: beyond, they
 /// stay in the queue, which has a bound.
 constexpr int kBufferSize = 256 * 1024;
+/// Bytes to write from which on nothing is added. While libnats writes it does not read: a slow
+/// line, of 1 Mbit/s, has this and the frame that passed it written in less than a second, after
+/// which whoever is not heard counts as gone.
+constexpr int kMostUnwritten = 16 * 1024;
 constexpr std::size_t kMostTexts = 16;
 /// What is not fetched is lost then, which is a gap like any other.
 constexpr int kMostPendingMessages = 64 * 1024;
@@ -252,7 +256,9 @@ void NatsLine::publish(const std::string& subject, std::string_view bytes) {
     }
 }
 
-bool NatsLine::hasRoom() const { return natsConnection_Buffered(fConnection.get()) < kBufferSize; }
+bool NatsLine::hasRoom() const {
+    return natsConnection_Buffered(fConnection.get()) < kMostUnwritten;
+}
 
 void NatsLine::write() {
     // Without asking first whether it can: mostly it can.

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Frame.hpp"
+
 namespace kirolink {
 
 /// How much may be under way to those who get on best. What is handed to the cluster cannot be
@@ -19,6 +21,10 @@ class SendWindow {
 
     [[nodiscard]] bool mayGo(std::uint64_t underWay, std::size_t size) const noexcept {
         return underWay == 0 || underWay + size <= fSize;
+    }
+    /// Bytes of one piece of what is large. Beats wait behind each, and nothing is heard meanwhile.
+    [[nodiscard]] std::size_t pieceSize() const noexcept {
+        return std::min<std::size_t>(fSize / 8, kPieceSize);
     }
     /// So many bytes of those under way have been acknowledged, the last of them sent `age` ago.
     void acknowledged(std::uint64_t bytes, std::chrono::nanoseconds age, std::uint64_t underWay,

@@ -84,7 +84,7 @@ std::size_t UpStream::waitingLocked() const noexcept {
 std::vector<std::string> UpStream::piecesLocked(bool isBlock, std::string_view channel,
                                                 std::string_view whole) const {
     std::vector<std::string> frames;
-    Pieces pieces(isBlock, channel, whole);
+    Pieces pieces(isBlock, channel, whole, kBatchSize);
     while (const auto piece = pieces.next()) {
         frames.push_back(writeFrame(headerLocked(frames.size()), *piece));
     }

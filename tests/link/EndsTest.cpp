@@ -101,6 +101,21 @@ TEST_F(Ends, SendAtOnceAndGatherWhatFollows) {
     EXPECT_THAT(texts, ElementsAre(1U, 2U, 15U, 1U, 5U));  // nor does what follows an answer
 }
 
+TEST_F(Ends, CutLargePiecesOnceTheLineIsKnownToBeFast) {
+    join({"g"});
+    std::size_t largest = 0;
+    world.network.onMessage = [&](const std::string&, const std::string& bytes) {
+        const auto frame = readFrame(bytes);
+        const auto* piece = std::get_if<frame::Piece>(&frame->body);
+        if (piece != nullptr) largest = std::max(largest, piece->bytes.size());
+    };
+    for (const auto wanted : {kPieceSize / 8, kPieceSize}) {
+        engine().send("/c/a", std::string(5 * kMiB, 'x'));
+        world.run(1s);
+        EXPECT_EQ(largest, wanted);
+    }
+}
+
 struct BlockCase {
     const char* first;  ///< what the one gateway does: delivered, refused, nobody, goes, silent;
                         ///< or "leaves", where no gateway says that it has pages

@@ -68,7 +68,7 @@ TEST_F(Ends, FetchAPageBeforeTheyBegin) {
         asked += frame && std::holds_alternative<frame::Fetch>(frame->body) ? 1 : 0;
     };
     while (asked == 0) world.run(5ms);
-    const auto block = engine().send("/c/a", std::string(kMiB, 'x'));
+    const auto block = engine().send("/c/a", std::string(1000, 'x'));
     engine().end->down()->text("/c/a", "early");
     EXPECT_FALSE(got.isJoined);
     for (int i = 0; i < 400 && !got.isJoined; ++i) world.run(50ms);
