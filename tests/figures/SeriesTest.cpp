@@ -252,9 +252,9 @@ TEST(Text, IsUTF8OrIsNot) {
          {"", "a", "\xc2\x80", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xf4\x8f\xbf\xbf"}) {
         EXPECT_TRUE(detail::isUTF8(text)) << text;
     }
-    for (const char* text :
-         {"\x80", "\xc1\xbf", "\xc2", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xe1\x80",
-          "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xe1\x80z"}) {
+    for (const char* text : {"\x80", "\xc1\xbf", "\xc2", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xe1\x80",
+                             "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80",
+                             "\xe1\x80z", "\xe0\xc0\x80"}) {
         EXPECT_FALSE(detail::isUTF8(text)) << text;
     }
 }

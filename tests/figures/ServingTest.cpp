@@ -68,7 +68,17 @@ TEST_F(TokenFile, IsRefusedWhenOthersMayReadItOrItHoldsSomethingElse) {
 TEST(Serving, LetsAPageDoWhatItHasToAndNoMore) {
     const Channels channels{"/c", "/b", "/c/channelReady", "/v", "/r", "/e", {"/t", "/u"}};
     WindowOptions options;
+    options.certificateFile = "c.pem";
+    options.keyFile = "k.pem";
+    options.extraHosts = {"a.example"};
+    options.extraOrigins = {"http://b.example"};
+    options.frameAncestors = {"http://c.example"};
     const auto gateway = detail::gatewayOptions(options, channels);
+    EXPECT_EQ(gateway.certificateFile, "c.pem");
+    EXPECT_EQ(gateway.keyFile, "k.pem");
+    EXPECT_EQ(gateway.extraHosts, options.extraHosts);
+    EXPECT_EQ(gateway.extraOrigins, options.extraOrigins);
+    EXPECT_EQ(gateway.frameAncestors, options.frameAncestors);
     EXPECT_THAT(gateway.mayPublish,
                 testing::UnorderedElementsAre("/c/channelReady", "/v", "/e", "/t", "/u",
                                               "/services/ErrorLoggingService/JSErrors"));
