@@ -46,6 +46,20 @@ def on_one_line(text: str) -> str:
     return re.sub(r"\s*\n\s*", " ", text).strip()
 
 
+def are_apart(first: str, second: str) -> bool:
+    """Two assignments that know nothing of each other: their order is no fault."""
+    sides = []
+    for text in (first, second):
+        plain = re.sub(r"std::move\(([\w.]+)\)", r"\1", text.strip())
+        match = re.fullmatch(r"([\w.]+) [-+*/|&^]?= ([^()=]+);", plain)
+        if not match:
+            return False
+        sides.append((match[1], plain))
+    (one, _), (other, _) = sides
+    return not re.search(rf"\b{re.escape(one)}\b", sides[1][1]) and \
+        not re.search(rf"\b{re.escape(other)}\b", sides[0][1])
+
+
 class Source:
     """A file, and the mutants found in it."""
 
@@ -141,7 +155,7 @@ class Source:
                 before = None
                 continue
             self.add(start, end, "", True)
-            if plain and before:
+            if plain and before and not are_apart(self.text[before[0]:before[1]], self.text[start:end]):
                 self.add(before[0], end, self.text[start:end] + "\n" +
                          self.text[before[0]:before[1]], True)
             before = (start, end) if plain and not before else None
