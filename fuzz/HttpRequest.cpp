@@ -68,7 +68,9 @@ std::string answerTo(Gate& gate, std::string_view text, std::size_t cut) {
     }
     const auto request = requestOf(parser.get());
     if (awaitsBody(request) && !parser.is_done()) return {};
-    return responseText(gate.policy.decide(request, kNow), &request, gate.policy);
+    const auto admission = gate.policy.decide(request, kNow);
+    return responseText(admission, &request, gate.policy) +
+           std::string(responseBody(admission, &request));
 }
 
 void check(std::string_view answer, std::string_view asked, std::string_view code) {

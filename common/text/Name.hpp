@@ -18,17 +18,15 @@ inline constexpr std::size_t kMostOfName = 64;
     });
 }
 
-/// The name as a part of a host's, where capital letters are as small ones; empty if it cannot be
-/// one, as with "_". REQUIRES: it is a name.
+/// The name as a part of a host's; empty if it cannot be one, as with "_" or a capital letter: to a
+/// host's name that is as the small one, and no two sessions may have one host. REQUIRES: it is a
+/// name.
 [[nodiscard]] inline std::string hostLabel(std::string_view name) {
     constexpr std::size_t kMostOfLabel = 63;
-    std::string label(name);
-    for (char& c : label) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    const bool isLabel = label.size() <= kMostOfLabel && label.find('_') == std::string::npos &&
-                         !label.starts_with('-') && !label.ends_with('-');
-    return isLabel ? label : std::string();
+    const bool isLabel =
+        name.size() <= kMostOfLabel && !name.starts_with('-') && !name.ends_with('-') &&
+        std::ranges::none_of(name, [](char c) { return c == '_' || (c >= 'A' && c <= 'Z'); });
+    return std::string(isLabel ? name : std::string_view());
 }
 
 }  // namespace text

@@ -114,6 +114,8 @@ class ClientConnection final : public ServedConnection,
     void onHeader(ErrorCode error);
     void onRequest(ErrorCode error);
     void answer(const Admission& admission, const ::kirogateway::Request* request);
+    /// Writes these, and then what is left in `fBody`.
+    void writeAnswer(std::string_view bytes, bool keepAlive);
     void onAnswered(bool keepAlive);
     void upgrade();
     void beginSession();
@@ -143,7 +145,8 @@ class ClientConnection final : public ServedConnection,
 
     boost::beast::flat_buffer fBuffer;
     std::unique_ptr<Parser> fParser;
-    std::string fOut;  ///< being written: an answer, or what was collected for TLS
+    std::string fOut;        ///< being written: an answer, or what was collected for TLS
+    std::string_view fBody;  ///< of a large file, what of it has not been written: the site's
     std::optional<Session> fSession;
     bool fIsWithinMessage = false;
     bool fIsTold = false;     ///< Beast's writes go to the view

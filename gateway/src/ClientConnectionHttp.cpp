@@ -1,9 +1,18 @@
 #include <boost/beast/http/read.hpp>
+#include <string_view>
+#include <utility>
 
 #include "ClientConnection.hpp"
 #include "HttpText.hpp"
 
 namespace kirogateway {
+namespace {
+
+/// So much of a file is written at a time, from where it is: nobody's slowness makes copies, and
+/// each piece has the time for an answer.
+constexpr std::size_t kBodyPiece = 64UL * 1024;
+
+}  // namespace
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -73,9 +82,20 @@ void ClientConnection::onRequest(ErrorCode error) {
 void ClientConnection::answer(const Admission& admission, const ::kirogateway::Request* request) {
     const bool keepAlive = keepsAlive(admission, request);
     fOut = responseText(admission, request, *fSite->access);
+    fBody = responseBody(admission, request);
+    if (fBody.size() <= kBodyPiece) fOut += std::exchange(fBody, {});
+    writeAnswer(fOut, keepAlive);
+}
+
+void ClientConnection::writeAnswer(std::string_view bytes, bool keepAlive) {
     fDeadline = steady_clock::now() + limits().request;  // to take it
-    wire().write(asio::buffer(fOut),
-                 writeHandler([keepAlive](ClientConnection& self) { self.onAnswered(keepAlive); }));
+    wire().write(asio::buffer(bytes.data(), bytes.size()),
+                 writeHandler([keepAlive](ClientConnection& self) {
+                     if (self.fBody.empty()) return self.onAnswered(keepAlive);
+                     const auto piece = self.fBody.substr(0, kBodyPiece);
+                     self.fBody.remove_prefix(piece.size());
+                     self.writeAnswer(piece, keepAlive);
+                 }));
 }
 
 void ClientConnection::onAnswered(bool keepAlive) {

@@ -143,6 +143,11 @@ bool keepsAlive(const Admission& admission, const Request* request) noexcept {
     return request != nullptr && admission.status < 400 && request->isKeptAlive;
 }
 
+std::string_view responseBody(const Admission& admission, const Request* request) noexcept {
+    const bool isShown = request == nullptr || request->method != "HEAD";
+    return isShown && admission.status < 400 ? admission.body : std::string_view();
+}
+
 std::string responseText(const Admission& admission, const Request* request,
                          const AccessPolicy& policy) {
     if (admission.status == 101 && request != nullptr) return switchingText(*request);
@@ -168,7 +173,7 @@ std::string responseText(const Admission& admission, const Request* request,
     // A host that was refused is not repeated.
     const bool isOurHost = request != nullptr && !isRefusal;
     text += policy.commonFields(isOurHost ? request->hosts.front() : std::string_view()) + "\r\n";
-    if (request == nullptr || request->method != "HEAD") text += shown;
+    if (request == nullptr || request->method != "HEAD") text += body;
     return text;
 }
 

@@ -25,7 +25,11 @@ using RequestMessage = boost::beast::http::request<boost::beast::http::string_bo
 /// Whether the connection goes on with another request. `request` is null if none could be read.
 [[nodiscard]] bool keepsAlive(const Admission& admission, const Request* request) noexcept;
 
-/// The whole answer, head and body. `request` is null if none could be read.
+/// What is behind the answer's text: the file that is served, if one is. It lives as long as the
+/// policy's assets.
+[[nodiscard]] std::string_view responseBody(const Admission& admission,
+                                            const Request* request) noexcept;
+/// The answer up to that, with the reason of a refusal. `request` is null if none could be read.
 /// Throws std::runtime_error for 101 when the system's cryptography knows no SHA-1.
 [[nodiscard]] std::string responseText(const Admission& admission, const Request* request,
                                        const AccessPolicy& policy);

@@ -102,6 +102,8 @@ class Machine {
     void asked(const frame::Header& header, const frame::Ask& ask);
     void numbered(const Frame& frame, std::string_view bytes, bool isOwn);
     void take(const frame::Body& body, std::uint64_t number);
+    /// What came in pieces cannot be taken.
+    void refuseWhole(bool isBlock, std::uint64_t number);
     void step(TimePoint now);
     /// Asks for what is missing, if that is due.
     void question();
@@ -144,7 +146,6 @@ class Machine {
     Assembly fAssembly;
     Clocks fClocks;
     Steps fSteps;
-    microseconds fLastStamp{0};  ///< of the presence that was sent last
     std::size_t fUnacknowledged = 0;
     std::string fChannel;  ///< of a text that is handed over, as the next one
     std::string fSpace;
@@ -238,8 +239,10 @@ void Machine::welcome(const frame::Header& header, const Description& session) {
     const auto wanted =
         session.page.isThere() ? fFollower.pageOffered(session.page) : Wanted::kHere;
     // All that may fail comes first.
+    auto described = session;
+    fFetch.reset();
     if (wanted == Wanted::kFetch) fFetch.emplace(session.page.size);
-    fSession = session;
+    fSession = std::move(described);
     fIsJoined = true;
     fIsSilent = false;
     fEpoch = header.epoch;
@@ -283,10 +286,9 @@ void Machine::refuseSession() noexcept {
 void Machine::answered(const frame::Header& header, const frame::Answer& answer) {
     heard();
     if (!fUp->acknowledged(header.number)) return refuse();
-    // An older one may have been on its way for long.
-    if (answer.echo != fLastStamp.count()) return;
-    fClocks.add(fLastStamp, microseconds(answer.receivedAt), microseconds(answer.sentAt),
-                fSurroundings.wall());
+    // An older one may have been on its way for long; the shortest round trip counts.
+    fClocks.add(microseconds(answer.echo), microseconds(answer.receivedAt),
+                microseconds(answer.sentAt), fSurroundings.wall());
     fReceiver.setRoundTrip(fClocks.lastRoundTrip());
     const auto offset = fClocks.offset();
     const auto uncertainty = fClocks.uncertainty();
@@ -337,7 +339,7 @@ void Machine::take(const frame::Body& body, std::uint64_t number) {
         case Assembly::Result::kPart:
             return;
         case Assembly::Result::kBad:
-            return refuse();
+            return piece.isLast() ? refuseWhole(piece.isBlock, number) : refuse();
         case Assembly::Result::kWhole:
             break;
     }
@@ -351,6 +353,14 @@ void Machine::take(const frame::Body& body, std::uint64_t number) {
     if (!fIsFollowed) return ticket->answer(BlockOutcome::kNobody);
     fFollower.block(fChannel, std::make_shared<const std::string>(std::move(whole)),
                     std::move(ticket));
+}
+
+void Machine::refuseWhole(bool isBlock, std::uint64_t number) {
+    refuse();
+    if (isBlock) return Ticket(fUp, fIncarnation, number).answer(BlockOutcome::kRefused);
+    // Its pages would lack it and not know.
+    end();
+    leave("a text is larger than this gateway takes");
 }
 
 void Machine::heard() noexcept {
@@ -375,12 +385,11 @@ void Machine::sendHello() {
 }
 
 void Machine::sendPresence() {
-    fLastStamp = fSurroundings.wall();
+    const auto stamp = fSurroundings.wall();
     fUnacknowledged = 0;
     const auto uncertainty = static_cast<std::uint64_t>(fClocks.uncertainty().count());
     send({fEpoch, fIncarnation, fUp->sentBelow()},
-         frame::Presence{fReceiver.next(), fLastStamp.count(), fClocks.offset().count(),
-                         uncertainty});
+         frame::Presence{fReceiver.next(), stamp.count(), fClocks.offset().count(), uncertainty});
 }
 
 void Machine::acknowledge(frame::Ask ask) {

@@ -16,8 +16,9 @@ inline constexpr std::size_t kMostFiles = 4096;
 inline constexpr std::size_t kMostOfPath = 1024;       ///< bytes of a file's path
 inline constexpr std::size_t kMostOfFileType = 256;    ///< and of its type
 inline constexpr std::size_t kPagePart = 64UL * 1024;  ///< of what is fetched at a time
-/// Of what an engine may bring.
-inline constexpr std::size_t kMostOfPage = std::size_t{64} << 20U;
+/// Of what an engine may bring: as much as it sends to a gateway at once, so that fetching it waits
+/// for nothing but the line.
+inline constexpr std::size_t kMostOfPage = std::size_t{4} << 20U;
 
 /// Throws std::invalid_argument, with a text of one line, for files that go beyond these bounds or
 /// have no "/". REQUIRES: there is a file.

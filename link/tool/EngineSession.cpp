@@ -262,7 +262,6 @@ void EngineSession::look(TimePoint now) noexcept {
 }
 
 void EngineSession::holdAtMost(std::size_t bytes) {
-    bytes -= std::min<std::size_t>(bytes, fPageSize);
     fCommon.server.post([place = fPlace, bytes](Sites& sites) {
         const auto site = sites.at(place);
         if (site == nullptr) return;

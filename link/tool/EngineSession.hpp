@@ -66,10 +66,10 @@ class EngineSession final : public kirolink::Follower,
     [[nodiscard]] bool hasFailed() const noexcept { return fHasFailed; }
     /// The newest one that is there; null: none is.
     [[nodiscard]] std::shared_ptr<kirogateway::Site> siteAt(std::string_view place) const noexcept;
-    /// Bytes that wait for its pages, and of a page of its own.
-    [[nodiscard]] std::size_t held() const noexcept {
-        return site()->context->memory->used() + fPageSize;
-    }
+    /// Bytes that wait for its pages.
+    [[nodiscard]] std::size_t waiting() const noexcept { return site()->context->memory->used(); }
+    /// The same, and those of a page of its own.
+    [[nodiscard]] std::size_t held() const noexcept { return waiting() + fPageSize; }
     /// Ends pages, those for which most waits first, until no more than `bytes` wait.
     void holdAtMost(std::size_t bytes);
     struct Report {

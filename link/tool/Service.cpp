@@ -135,10 +135,8 @@ const char* Service::claimHostLocked(const std::string& name) {
         return "it brings a page of its own, and there is no host's name for it: public has "
                "none, or the session's name cannot be a part of one";
     }
-    const auto& owner = fHosts.try_emplace(kirogateway::hostOf(origin), name).first->second;
-    return owner == name
-               ? nullptr
-               : "it brings a page of its own, and one that is called the same has the host";
+    fHosts.try_emplace(kirogateway::hostOf(origin), name);
+    return nullptr;
 }
 
 std::optional<Service::Heard> Service::heardOf(std::string_view name) const {
@@ -250,13 +248,14 @@ void Service::boundMemory(const std::vector<std::shared_ptr<EngineSession>>& all
     std::size_t most = 0;
     EngineSession* largest = nullptr;
     for (const auto& session : all) {
-        const auto one = session->held();
-        held += one;
+        held += session->held();
+        const auto one = session->waiting();
         if (one <= most) continue;
         most = one;
         largest = session.get();
     }
-    if (held > fMostMemory) largest->holdAtMost(most - std::min(most, held - fMostMemory));
+    if (held > fMostMemory && largest != nullptr)
+        largest->holdAtMost(most - std::min(most, held - fMostMemory));
 }
 
 void Service::tick(TimePoint now) noexcept {

@@ -47,7 +47,7 @@ constexpr const char* kHelp =
   memory          MiB that may wait for the pages of one session (1024)
   all-memory      MiB that may wait for the pages of all sessions (4096); beyond it pages of the
                   session with most have to go
-  page-size       MiB that a page may have that an engine brings, 0: none is served (64); public
+  page-size       MiB that a page may have that an engine brings, 0: none is served (4); public
                   needs a host's name for it, and the certificate that of each session before it
   message-size    MiB that one text or block of an engine's may have (256)
   status-address  numeric address for /healthz and /metrics (127.0.0.1)

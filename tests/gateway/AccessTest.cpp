@@ -45,7 +45,9 @@ class AccessTest : public testing::Test {
             parser.put(boost::asio::buffer(text) + read, error);
         }
         const auto request = requestOf(parser.get());
-        return responseText(fPolicy->decide(request, now), &request, *fPolicy);
+        const auto admission = fPolicy->decide(request, now);
+        return responseText(admission, &request, *fPolicy) +
+               std::string(responseBody(admission, &request));
     }
     void expectStatuses(std::span<const Row> rows) {
         for (const auto& [request, status] : rows)
@@ -207,6 +209,23 @@ TEST_F(AccessTest, ACodeIsExchangedOnce) {
     const auto oldest = exchange(fSecrets->makeCode(kStart));
     for (int i = 0; i < 16; ++i) static_cast<void>(fSecrets->makeCode(kStart));
     EXPECT_EQ(statusOf(answerTo(oldest)), "403") << "there are too many";
+}
+
+TEST_F(GatewayTest, LargeFilesComeWholeOneBehindTheOther) {
+    std::string large;
+    for (int i = 0; large.size() < 1'000'000; ++i) large += std::to_string(i);
+    fOptions.assets.push_back({"/large.png", "image/png", large});
+    start();
+    const auto request = " /large.png HTTP/1.1\r\nHost: " + fAccess.host() + "\r\n";
+    Peer peer(fAccess);
+    peer.send("GET" + request + "\r\nHEAD" + request + "\r\nGET" + request +
+              "Connection: close\r\n\r\n");
+    const auto all = peer.readAll();
+    const auto first = all.find("\r\n\r\n") + 4;
+    EXPECT_EQ(all.compare(first, large.size(), large), 0);
+    const auto second = all.find("\r\n\r\n", first + large.size()) + 4;
+    EXPECT_EQ(all.compare(second, 12, "HTTP/1.1 200"), 0) << "no body for HEAD";
+    EXPECT_TRUE(all.ends_with("\r\n\r\n" + large));
 }
 
 TEST_F(GatewayTest, AccessOverAConnection) {

@@ -101,7 +101,7 @@ void Network::publish(const std::string& from, const std::string& subject,
     for (int copy = 0; copy < copies; ++copy) {
         if (chance() < weather.lost) continue;
         const milliseconds delay(random(static_cast<std::uint64_t>(weather.delay.count()) + 1));
-        fUnderWay.emplace(base + delay, Message{from, subject, bytes});
+        fUnderWay.emplace(base + weather.least + delay, Message{from, subject, bytes});
     }
 }
 

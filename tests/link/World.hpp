@@ -29,7 +29,8 @@ class Network {
     struct Weather {
         double lost = 0;
         double doubled = 0;
-        milliseconds delay{0};  ///< at most
+        milliseconds delay{0};  ///< at most, beyond
+        milliseconds least{0};  ///< this
     };
 
     explicit Network(std::uint64_t seed = 1) : fRandom(seed) {}

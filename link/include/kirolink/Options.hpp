@@ -26,7 +26,7 @@ struct Options {
     bool isPlainAllowed = false;
 
     /// A page of the session's own in place of the one that gateways have, one of them "/": at most
-    /// 4096 files and 64 MiB together. They are as for `kirogateway::Options`; what is in
+    /// 4096 files and 4 MiB together. They are as for `kirogateway::Options`; what is in
     /// `clientAssets` has to be among them if the page uses it. Gateways serve it at an origin of
     /// its own, "https://SESSION.HOST/", so the session's name has no "_" then, has at most 63
     /// characters and begins and ends with a letter or digit.

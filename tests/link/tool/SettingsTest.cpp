@@ -76,7 +76,7 @@ TEST(Settings, NameWhatIsWrong) {
         {kGood + "port = -1\n", "port = -1: "},
         {kGood + "sessions = 0\n", "sessions = 0: "},
         {kGood + "memory = 1 GiB\n", "memory = 1 GiB: "},
-        {kGood + "page-size = 65\n", "page-size = 65: "},
+        {kGood + "page-size = 5\n", "page-size = 5: "},
         {kGood + "message-size = 0\n", "message-size = 0: "},
         {kGood + "public = https://a/b\n", "public = https://a/b: "},
         {kGood + "gateways = b:1\n", "gateways = b:1: "},
