@@ -56,11 +56,11 @@ struct Admission {
     std::string_view reason{};  ///< of a refusal, for log and answer; holds no secret
     std::string_view body{};    ///< what is served
     std::string_view contentType = kPlainText;
-    std::string_view location{};        ///< for 302
     std::string_view allowedMethods{};  ///< for 405
     bool isGzip = false;                ///< the body is
     bool variesByEncoding = false;      ///< another client may be answered in another encoding
     bool comesLater = false;            ///< nobody gets in yet: to be asked again a second later
+    std::string_view location{};        ///< for 302
 };
 
 /// "wss://plot.example:8443" of "https://plot.example:8443". REQUIRES: it is an origin.

@@ -455,7 +455,9 @@ def takes_nothing(t):
     t.gateway.wait_for_line(lambda line: "too slow" in line and t.name in line)
     while (got := peer.frame())[0] != CLOSE:
         same(got[1][:1].isdigit(), True, "a batch")
-    same(got[1], b"\x0f\xa3too slow: it took nothing for too long", "close frame")
+    # On a busy machine the last bytes are taken after more waits than may: then that is seen first.
+    same(got[1] in (b"\x0f\xa3too slow: it took nothing for too long",
+                    b"\x0f\xa3too slow: more waits for it than its share, and it takes less than it is sent"), True, f"close frame, {got[1]}")
     peer.end()
 
 

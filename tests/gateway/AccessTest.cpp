@@ -96,6 +96,7 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
     const auto answer = answerTo("GET /" + end);
     EXPECT_TRUE(answer.ends_with("\r\n\r\n<p>page"));
     EXPECT_EQ(answerTo("HEAD /" + end) + "<p>page", answer);
+    EXPECT_NE(answerTo("DELETE /" + end).find("\r\nAllow: GET, HEAD\r\n"), std::string::npos);
     for (const char* field :
          {"\r\nContent-Type: text/html; charset=utf-8\r\n", "\r\nCache-Control: no-store\r\n",
           "\r\nContent-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
