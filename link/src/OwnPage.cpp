@@ -32,7 +32,7 @@ void check(const std::vector<kirogateway::Asset>& files) {
         const auto rest = kMostOfPage - size;
         const auto head = kLengthsSize + name.size() + contentType.size();
         if (head > rest || body.size() > rest - head) {
-            refuse("together they have more than 64 MiB");
+            refuse("together they have more than " + std::to_string(kMostOfPage >> 20U) + " MiB");
         }
         size += head + body.size();
     }
