@@ -34,6 +34,12 @@ std::vector<std::string> hostsOf(const Options& options, std::uint16_t port) {
     return hosts;
 }
 
+Admission movedTo(unsigned status, std::string location) {
+    Admission admission{status};
+    admission.location = std::move(location);
+    return admission;
+}
+
 Admission notYet() {
     Admission admission{503, "the engine has not been reached yet"};
     admission.comesLater = true;
@@ -79,7 +85,9 @@ Admission AccessPolicy::decide(const Request& request, TimePoint now) {
     if (request.target == kTokenPath) return decideExchange(request, now);
     if (request.bodySize > 0) return {400, "a body is not expected"};
     // A page names its files from where it is: without the slash that is one place further up.
-    if (isBare || (!request.site.empty() && request.target.front() == '?')) return {308};
+    if (isBare || (!request.site.empty() && request.target.front() == '?')) {
+        return movedTo(308, std::string(request.site) + "/" + std::string(request.target));
+    }
     if (request.method != "GET" && request.method != "HEAD") {
         return {405, "method not allowed", {}, kPlainText, "GET, HEAD"};
     }
@@ -92,9 +100,7 @@ Admission AccessPolicy::redirect(const Request& request) const {
     if (request.target.substr(0, request.target.find('?')) != "/") {
         return {404, "the page is elsewhere"};
     }
-    Admission admission{302};
-    admission.location = fEntrance.movedTo;
-    return admission;
+    return movedTo(302, fEntrance.movedTo);
 }
 
 Admission AccessPolicy::serve(const Request& request) const {

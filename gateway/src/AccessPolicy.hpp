@@ -60,7 +60,7 @@ struct Admission {
     bool isGzip = false;                ///< the body is
     bool variesByEncoding = false;      ///< another client may be answered in another encoding
     bool comesLater = false;            ///< nobody gets in yet: to be asked again a second later
-    std::string_view location{};        ///< for 302
+    std::string location{};             ///< for 302 and 308
 };
 
 /// "wss://plot.example:8443" of "https://plot.example:8443". REQUIRES: it is an origin.

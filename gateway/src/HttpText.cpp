@@ -161,12 +161,7 @@ std::string responseText(const Admission& admission, const Request* request,
     if (!admission.allowedMethods.empty()) {
         text += "Allow: " + std::string(admission.allowedMethods) + "\r\n";
     }
-    if (!admission.location.empty())
-        text += "Location: " + std::string(admission.location) + "\r\n";
-    if (admission.status == 308) {
-        text +=
-            "Location: " + std::string(request->site) + "/" + std::string(request->target) + "\r\n";
-    }
+    if (!admission.location.empty()) text += "Location: " + admission.location + "\r\n";
     if (admission.comesLater) text += "Retry-After: 1\r\n";
     if (admission.isGzip) text += "Content-Encoding: gzip\r\n";
     if (admission.variesByEncoding) text += "Vary: Accept-Encoding\r\n";

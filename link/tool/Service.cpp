@@ -110,12 +110,11 @@ void Service::stop() noexcept {
 // --- Sessions come -----------------------------------------------------------------------------
 
 std::string Service::hear(const std::string& name, bool hasPage) {
-    const char* refusal = nullptr;
+    const char* const refusal = hasPage ? refusalOf(name) : nullptr;
     bool isNews = false;
     {
         const annotated::Lock lock(fMutex);
         if (fHeard.size() >= kMostHeard && !fHeard.contains(name)) return {};
-        if (hasPage) refusal = claimHostLocked(name);
         auto& heard = fHeard[name];
         isNews = refusal != heard.refusal;
         heard = {fCommon->surroundings.now(), hasPage, refusal};
@@ -128,15 +127,11 @@ std::string Service::hear(const std::string& name, bool hasPage) {
     return fCommon->address + std::string(kirogateway::kSites) + name + "/";
 }
 
-const char* Service::claimHostLocked(const std::string& name) {
+const char* Service::refusalOf(const std::string& name) const {
     if (fCommon->pageSize == 0) return "it brings a page of its own, and page-size is 0";
-    const auto origin = ownOrigin(fCommon->address, name);
-    if (origin.empty()) {
-        return "it brings a page of its own, and there is no host's name for it: public has "
-               "none, or the session's name cannot be a part of one";
-    }
-    fHosts.try_emplace(kirogateway::hostOf(origin), name);
-    return nullptr;
+    if (!ownOrigin(fCommon->address, name).empty()) return nullptr;
+    return "it brings a page of its own, and there is no host's name for it: public has none, or "
+           "the session's name cannot be a part of one";
 }
 
 std::optional<Service::Heard> Service::heardOf(std::string_view name) const {
@@ -148,15 +143,6 @@ std::optional<Service::Heard> Service::heardOf(std::string_view name) const {
     return found->second;
 }
 
-std::string Service::nameAt(std::string_view place) const {
-    if (place.starts_with(kirogateway::kSites)) {
-        return std::string(place.substr(kirogateway::kSites.size()));
-    }
-    const annotated::Lock lock(fMutex);
-    const auto found = fHosts.find(place);
-    return found == fHosts.end() ? std::string() : found->second;
-}
-
 std::shared_ptr<EngineSession> Service::sessionOf(std::string_view name) const {
     const annotated::Lock lock(fMutex);
     const auto known = fSessions.find(name);
@@ -164,9 +150,12 @@ std::shared_ptr<EngineSession> Service::sessionOf(std::string_view name) const {
 }
 
 std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view place) {
-    const auto name = nameAt(place);
+    // "/s/NAME", or "NAME.HOST" of one with a page of its own.
+    const bool isOwn = !place.starts_with(kirogateway::kSites);
+    const std::string name(isOwn ? place.substr(0, place.find('.'))
+                                 : place.substr(kirogateway::kSites.size()));
     const auto heard = heardOf(name);
-    if (!heard) return nullptr;
+    if (!heard || (isOwn && !heard->hasPage)) return nullptr;
     // There may have been no memory to note its site, and one with a page has two places.
     if (const auto known = sessionOf(name)) return known->siteAt(place);
     if (!makeRoom(sites)) {
@@ -221,16 +210,9 @@ void Service::forget(const EngineSession& session) noexcept {
 
 void Service::forgetSilent(TimePoint now) {
     const annotated::Lock lock(fMutex);
-    const auto isSilent = [now](const Heard& heard) {
-        return now - heard.when >= kirolink::kSilenceIsEnd;
-    };
-    std::erase_if(fHosts, [&](const auto& host) NO_THREAD_SAFETY_ANALYSIS {
-        const auto owner = fHeard.find(host.second);
-        const bool hasPage =
-            owner != fHeard.end() && owner->second.hasPage && !isSilent(owner->second);
-        return !hasPage && !fSessions.contains(host.second);
+    std::erase_if(fHeard, [now](const auto& heard) {
+        return now - heard.second.when >= kirolink::kSilenceIsEnd;
     });
-    std::erase_if(fHeard, [&](const auto& heard) { return isSilent(heard.second); });
 }
 
 // --- Time --------------------------------------------------------------------------------------
@@ -254,8 +236,8 @@ void Service::boundMemory(const std::vector<std::shared_ptr<EngineSession>>& all
         most = one;
         largest = session.get();
     }
-    if (held > fMostMemory && largest != nullptr)
-        largest->holdAtMost(most - std::min(most, held - fMostMemory));
+    if (held <= fMostMemory || largest == nullptr) return;
+    largest->holdAtMost(most - std::min(most, held - fMostMemory));
 }
 
 void Service::tick(TimePoint now) noexcept {

@@ -73,14 +73,12 @@ class Service {
 
     /// A session's engine lives. Returns the address of its page; empty: it is not served.
     std::string hear(const std::string& name, bool hasPage);
-    /// Why a session with a page of its own is not served; null: it is, and has its host.
-    [[nodiscard]] const char* claimHostLocked(const std::string& name) REQUIRES_LOCK(fMutex);
+    /// Why a session with a page of its own is not served; null: it is.
+    [[nodiscard]] const char* refusalOf(const std::string& name) const;
     /// Of a session that is served, and whose engine is heard.
     [[nodiscard]] std::optional<Heard> heardOf(std::string_view name) const;
     /// One that is followed; null: none is.
     [[nodiscard]] std::shared_ptr<EngineSession> sessionOf(std::string_view name) const;
-    /// The name of the session at a place; empty: there is none.
-    [[nodiscard]] std::string nameAt(std::string_view place) const;
 
     // --- The gateway's thread ---
 
@@ -114,9 +112,6 @@ class Service {
     mutable annotated::Mutex fMutex;
     Sessions fSessions GUARDED_BY(fMutex);
     std::map<std::string, Heard, std::less<>> fHeard GUARDED_BY(fMutex);  ///< by sessions' names
-    /// The names of the sessions that have these, which bring a page of their own: while they are
-    /// heard or followed.
-    std::map<std::string, std::string, std::less<>> fHosts GUARDED_BY(fMutex);
     LinkTotals fPast GUARDED_BY(fMutex);  ///< of sessions that are not followed any more
 
     std::optional<kirolink::Offers> fOffers;  ///< the beats' thread's
