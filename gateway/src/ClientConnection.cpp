@@ -158,6 +158,8 @@ void ClientConnection::pump() {
 void ClientConnection::close(std::uint16_t code, std::string_view reason,
                              std::string rest) noexcept {
     if (fIsClosing) return;
+    // The rest is a copy that is this connection's alone, up to its end.
+    if (!rest.empty() && !fFarewellCharge.grow(fSite->context->memory, rest.size())) return drop();
     guard([&] {
         fIsClosing = true;
         fHasDeadline = true;
@@ -172,8 +174,11 @@ void ClientConnection::close(std::uint16_t code, std::string_view reason,
 
 void ClientConnection::writeFarewell() {
     fIsWriting = true;
-    wire().write(asio::buffer(fFarewell),
-                 writeHandler([](ClientConnection& self) { self.fSocket->shutdownWriting(); }));
+    wire().write(asio::buffer(fFarewell), writeHandler([](ClientConnection& self) {
+                     self.fFarewell = {};
+                     self.fFarewellCharge = Charge();
+                     self.fSocket->shutdownWriting();
+                 }));
 }
 
 void ClientConnection::linger() {

@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "Budget.hpp"
 #include "ReadPace.hpp"
 #include "ServedConnection.hpp"
 #include "Session.hpp"
@@ -156,6 +157,7 @@ class ClientConnection final : public ServedConnection,
     bool fAsksAgain = false;                  ///< whether it may read, at the next look at the time
     std::shared_ptr<ClientConnection> fHeld;  ///< itself, while it may not read
     std::string fFarewell;
+    Charge fFarewellCharge;  ///< for the rest of a frame in it
 };
 
 }  // namespace kirogateway

@@ -30,8 +30,8 @@ class Connection {
     // --- The gateway's thread ---
 
     /// Sends `rest`, the remainder of a frame, and a close frame, and ends the connection when the
-    /// peer has answered or its time is over. Without memory it is cut. REQUIRES: the view has been
-    /// detached.
+    /// peer has answered or its time is over. Without memory, or room for `rest`, it is cut.
+    /// REQUIRES: the view has been detached.
     virtual void close(std::uint16_t code, std::string_view reason, std::string rest) noexcept = 0;
     /// Ends the connection without a word. REQUIRES: the view has been detached.
     virtual void cut() noexcept = 0;
