@@ -17,6 +17,7 @@ Figure gatewayBlockFigure(const Effort& effort);
 std::vector<Figure> roundTripFigures(const Effort& effort);
 std::vector<Figure> floodFigures(const Effort& effort);
 Figure wildcardFigure(const Effort& effort);
+std::vector<Figure> lostViewFigures();
 /// REQUIRES: measured while the process has a single thread.
 Figure idlePageFigure();
 std::vector<Figure> browserFigures(const Effort& effort);

@@ -26,6 +26,7 @@ std::vector<bench::Figure> allFigures(const bench::Effort& effort) {
     for (auto& figure : bench::roundTripFigures(effort)) figures.push_back(figure);
     for (auto& figure : bench::floodFigures(effort)) figures.push_back(figure);
     figures.push_back(bench::wildcardFigure(effort));
+    for (auto& figure : bench::lostViewFigures()) figures.push_back(figure);
     figures.push_back(bench::idlePageFigure());
     return figures;
 }

@@ -122,7 +122,7 @@ void Fanout::publish(View& view, const Text& text) noexcept {
                 if (!isRoomMade) return view.fail(View::kMemoryUsedUp);
                 break;
             case Outbox::Added::kNoLostRoom:  // there is one less each time
-                if (!fViews->makeLostRoom()) return view.fail(View::kMemoryUsedUp);
+                if (!fViews->makeLostRoom()) return view.fail(View::kTooMuchLost);
                 break;
         }
     }

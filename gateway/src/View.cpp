@@ -455,11 +455,6 @@ bool View::mayReturn() const noexcept {
     return fAbilities.mayReturn;
 }
 
-View::TimePoint View::lostAt() const noexcept {
-    annotated::Lock lock(fMutex);
-    return fLostAt;
-}
-
 View::Report View::report(TimePoint now) const {
     annotated::Lock lock(fMutex);
     const auto load = fOutbox.load();

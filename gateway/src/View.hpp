@@ -42,6 +42,9 @@ class View {
     /// Why the view ends that holds most when there is no room for anything more.
     static constexpr const char* kMemoryUsedUp =
         "the most was held for it when the gateway's memory was used up";
+    /// Why one ends without a connection when there is no room for anything more of such views.
+    static constexpr const char* kTooMuchLost =
+        "more was kept for lost views than they may have together";
 
     struct Identity {
         std::string name;         ///< its holder may return
@@ -155,7 +158,13 @@ class View {
         return now == State::kConnected || now == State::kLost;
     }
     [[nodiscard]] bool mayReturn() const noexcept;
-    [[nodiscard]] TimePoint lostAt() const noexcept;
+
+    /// Which list of the registry it stands in, and where; the registry's, under its lock.
+    struct Place {
+        std::list<std::shared_ptr<View>>* in = nullptr;
+        std::list<std::shared_ptr<View>>::iterator at;
+    };
+    [[nodiscard]] Place& place() noexcept { return fPlace; }
 
     /// What is to be done about a view because time has passed.
     enum class Due { kNothing, kPing, kFail, kSilent, kGone, kEnd };
@@ -196,6 +205,7 @@ class View {
     const std::shared_ptr<const Context> fContext;
     const Limits& fLimits;
     const std::shared_ptr<Backlog> fBacklog;
+    Place fPlace;  ///< guarded by the registry's lock
 
     std::atomic<TimePoint> fLastSign;
     std::atomic<bool> fHasSpoken{false};  ///< and nothing was published since

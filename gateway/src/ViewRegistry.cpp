@@ -20,7 +20,6 @@ namespace {
 
 constexpr std::size_t kViewBytes = 16;
 constexpr std::size_t kRememberedEnds = 32;
-constexpr const char* kTooMuchLost = "more was kept for lost views than they may have together";
 
 /// What a close frame and a later hello say.
 std::string reasonText(wire::CloseCode code, std::string_view why) {
@@ -116,6 +115,10 @@ std::shared_ptr<View> ViewRegistry::resume(const wire::Hello& hello, Arrival& ar
         hello, {name, wire::ViewKind::kReturn, hello.last + 1, view->blockChannels(), {}, {}, {}},
         view->subscriptions());
     // What has begun from here on cannot fail.
+    {
+        annotated::Lock lock(fMutex);
+        moveTo(fOthers, *view);  // nobody makes room with it any more
+    }
     if (auto* old = view->connection()) {
         auto rest = view->detachBetweenFrames(now, View::Fate::kEnds);
         rest.isCut ? old->cut()
@@ -177,7 +180,10 @@ void ViewRegistry::addView(const std::shared_ptr<View>& view) {
     snapshot->reserve(fViews.size() + 1);
     *snapshot = fViews;
     snapshot->push_back(view);
+    List node{view};
     fViews.push_back(view);
+    view->place() = {&fOthers, node.begin()};
+    fOthers.splice(fOthers.end(), node);
     fSnapshot = std::move(snapshot);
     fIsStale = false;
     ++fVersion;
@@ -190,39 +196,43 @@ void ViewRegistry::lost(const std::shared_ptr<View>& view, const Connection& con
     if (view->connection() != &connection) return;
     if (!view->mayReturn()) return left(view, connection);
     view->detach(now, View::Fate::kMayReturn);
+    noteLost(view);
     fContext->log.write("connection lost", view->identity().client);
     afterLoss();
 }
 
 void ViewRegistry::afterLoss() noexcept {
-    const auto isLost = [](const std::shared_ptr<View>& view) {
-        return view->connection() == nullptr;
-    };
-    std::size_t count = 0;
-    {
-        annotated::Lock lock(fMutex);
-        count = static_cast<std::size_t>(std::ranges::count_if(fViews, isLost));
-    }
-    const auto& limits = fContext->options.limits;
-    for (;; --count) {
-        const bool areTooMany = count > limits.lostViews;
-        if (!areTooMany && !fContext->lostMemory->isExceeded()) return;
-        const auto oldest = oldestLost();
-        if (oldest == nullptr) return;
-        end(oldest, areTooMany ? "too many views had lost their connections" : kTooMuchLost);
+    const Batch batch(*this);
+    for (;;) {
+        bool areTooMany = false;
+        std::shared_ptr<View> next;
+        {
+            annotated::Lock lock(fMutex);
+            const auto count = fLost.size() + fFailing.size();
+            areTooMany = count > fContext->options.limits.lostViews;
+            if (!areTooMany && !fContext->lostMemory->isExceeded()) return;
+            const auto& from = fFailing.empty() ? fLost : fFailing;
+            if (from.empty()) return;
+            next = from.front();
+        }
+        if (const auto* failure = next->failure()) {
+            dismiss(next, wire::CloseCode::kTooSlow, failure);
+        } else {
+            end(next,
+                areTooMany ? "too many views had lost their connections" : View::kTooMuchLost);
+        }
     }
 }
 
-std::shared_ptr<View> ViewRegistry::oldestLost() const noexcept {
+void ViewRegistry::noteLost(const std::shared_ptr<View>& view) noexcept {
     annotated::Lock lock(fMutex);
-    std::shared_ptr<View> oldest;
-    for (const auto& view : fViews) {
-        if (view->connection() != nullptr || view->failure() != nullptr) continue;
-        const auto state = view->state();
-        if (state == View::State::kOver || state == View::State::kNew) continue;
-        if (oldest == nullptr || view->lostAt() < oldest->lostAt()) oldest = view;
-    }
-    return oldest;
+    moveTo(fLost, *view);
+}
+
+void ViewRegistry::moveTo(List& to, View& view) noexcept {
+    auto& place = view.place();
+    to.splice(to.end(), *place.in, place.at);
+    place.in = &to;
 }
 
 void ViewRegistry::left(const std::shared_ptr<View>& view, const Connection& connection) noexcept {
@@ -249,17 +259,30 @@ void ViewRegistry::dismiss(const std::shared_ptr<View>& view, wire::CloseCode co
 }
 
 void ViewRegistry::end(const std::shared_ptr<View>& view, std::string_view why) noexcept {
+    const Batch batch(*this);
     PageBlocks left;
     view->retire(left);
+    fAnyEnded = true;
     {
         annotated::Lock lock(fMutex);
-        std::erase(fViews, view);
-        refreshLocked();
+        const auto& place = view->place();
+        place.in->erase(place.at);
         rememberLocked(view->identity().name, why);
     }
     leaveAll(left);
     view->blocksLeft();
-    recount();
+}
+
+void ViewRegistry::sweep() noexcept {
+    const bool hasEnded = std::exchange(fAnyEnded, false);
+    const bool isGone = std::exchange(fAnyIsGone, false);
+    const auto before = views();  // whatever it alone holds goes when the lock is free again
+    if (hasEnded) {
+        annotated::Lock lock(fMutex);
+        std::erase_if(fViews, [](const auto& view) { return view->state() == View::State::kOver; });
+        refreshLocked();
+    }
+    if (hasEnded || isGone) recount();
 }
 
 void ViewRegistry::recordDisconnect(const View& view, std::string_view why) noexcept {
@@ -286,6 +309,7 @@ void ViewRegistry::shut(std::string_view why) noexcept {
     {
         annotated::Lock lock(fMutex);
         views.swap(fViews);
+        for (auto* list : {&fOthers, &fLost, &fFailing}) list->clear();
         refreshLocked();
     }
     const auto now = timeNow();
@@ -322,9 +346,14 @@ bool ViewRegistry::makeRoom(std::size_t bytes) noexcept {
 }
 
 bool ViewRegistry::makeLostRoom() noexcept {
-    const auto oldest = oldestLost();
-    if (oldest == nullptr) return false;
-    oldest->fail(kTooMuchLost);
+    std::shared_ptr<View> oldest;
+    {
+        annotated::Lock lock(fMutex);
+        if (fLost.empty()) return false;
+        oldest = fLost.front();
+        moveTo(fFailing, *oldest);
+    }
+    oldest->fail(View::kTooMuchLost);  // one that had failed before has let go of its texts already
     return true;
 }
 
@@ -348,6 +377,7 @@ void ViewRegistry::tick(TimePoint now) noexcept {
         annotated::Lock lock(fMutex);
         if (fIsStale) refreshLocked();
     }
+    const Batch batch(*this);
     const auto all = views();
     for (const auto& view : *all) {
         try {
@@ -373,7 +403,8 @@ void ViewRegistry::act(const std::shared_ptr<View>& view, TimePoint now) {
         case View::Due::kSilent:
             return endSilent(view, now);
         case View::Due::kGone:
-            return recount();
+            fAnyIsGone = true;
+            return;
         case View::Due::kEnd:
             return end(view, "it did not return in time");
     }
@@ -387,7 +418,8 @@ void ViewRegistry::endSilent(const std::shared_ptr<View>& view, TimePoint now) n
     rest.isCut ? connection->cut()
                : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kSilent),
                                    "no sign of life", std::move(rest.bytes));
-    if (!view->mayReturn()) end(view, "no sign of life");
+    if (!view->mayReturn()) return end(view, "no sign of life");
+    noteLost(view);
     afterLoss();
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,8 +46,8 @@ class ViewRegistry {
     /// will be as soon as the gateway's thread has given back their blocks. Returns whether that is
     /// so.
     bool makeRoom(std::size_t bytes) noexcept;
-    /// Ends the view that lost its connection first of all that have none. Returns whether there
-    /// was one.
+    /// Ends the view that lost its connection first of all that have none; no other is looked at.
+    /// Returns whether there was one.
     bool makeLostRoom() noexcept;
     [[nodiscard]] bool lastPageGone() const noexcept { return fLastPageGone; }
     [[nodiscard]] bool isEmpty() const { return views()->empty(); }
@@ -88,10 +89,27 @@ class ViewRegistry {
         std::string view;
         std::string why;
     };
+    using List = std::list<std::shared_ptr<View>>;
     /// All that a view needs to be given its connection.
     struct Prepared {
         View::Greeting greeting;
         ChannelList subscriptions;
+    };
+    /// While one lives, on the gateway's thread, views that end stay on the list. At its end they
+    /// are taken off together and the pages are counted, once for all of them.
+    class Batch {
+      public:
+        explicit Batch(ViewRegistry& registry) noexcept : fRegistry(registry) {
+            ++registry.fBatches;
+        }
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+        ~Batch() {
+            if (--fRegistry.fBatches == 0) fRegistry.sweep();
+        }
+
+      private:
+        ViewRegistry& fRegistry;
     };
 
     [[nodiscard]] std::shared_ptr<View> findView(std::string_view name) const;
@@ -107,12 +125,15 @@ class ViewRegistry {
     /// Throws std::bad_alloc; nothing has happened then.
     void addView(const std::shared_ptr<View>& view);
     void afterLoss() noexcept;
+    void sweep() noexcept;
     void endSilent(const std::shared_ptr<View>& view, TimePoint now) noexcept;
     void act(const std::shared_ptr<View>& view, TimePoint now);
-    /// Takes the view away. REQUIRES: its connection has been.
+    /// Takes the view away, at the end of the batch. REQUIRES: its connection has been.
     void end(const std::shared_ptr<View>& view, std::string_view why) noexcept;
     void recordDisconnect(const View& view, std::string_view why) noexcept;
-    [[nodiscard]] std::shared_ptr<View> oldestLost() const noexcept;
+    void noteLost(const std::shared_ptr<View>& view) noexcept;
+    /// REQUIRES: the lock of the lists is held.
+    static void moveTo(List& to, View& view) noexcept;
     void refreshLocked() noexcept REQUIRES_LOCK(fMutex);
     void rememberLocked(const std::string& name, std::string_view why) noexcept
         REQUIRES_LOCK(fMutex);
@@ -130,9 +151,18 @@ class ViewRegistry {
     std::atomic<std::uint64_t> fViewCount;
     bool fIsShut = false;       ///< the gateway's thread's
     bool fAnyWasThere = false;  ///< the gateway's thread's
+    // The gateway's thread's, of the batch:
+    int fBatches = 0;
+    bool fAnyEnded = false;
+    bool fAnyIsGone = false;
 
     mutable annotated::Mutex fMutex{annotated::Rank::kViews};
     Views fViews GUARDED_BY(fMutex);
+    // Each view that is not over stands in one of these. It moves with its node, so that to lose
+    // a connection and to return take no memory.
+    List fOthers GUARDED_BY(fMutex);
+    List fLost GUARDED_BY(fMutex);     ///< without a connection, in the order of their losses
+    List fFailing GUARDED_BY(fMutex);  ///< of those, the ones that ended to make room
     /// Of `fViews`, for those who look; as it was before if there was no memory for a new one.
     std::shared_ptr<const Views> fSnapshot GUARDED_BY(fMutex);
     bool fIsStale GUARDED_BY(fMutex) = false;
