@@ -23,9 +23,9 @@ const MOST_REFUSED = 1024;
 const OWN_CHANNELS = 16;
 /** Bytes of a client's name, and of a reason. */
 const MOST_TEXT_BYTES = 256;
-/** Bytes of channels in a hello, which comes before the gateway's limits are known. What does not
- * fit follows the gateway's hello. */
-const HELLO_NAMES_BYTES = 64 * 1024;
+/** Bytes of channels in a hello, which comes before the gateway's limits are known: all of it has
+ * to fit into 64 KiB. What does not follows the gateway's hello. */
+const HELLO_NAMES_BYTES = 32 * 1024;
 
 /** @typedef {import("./line.mjs").State} State */
 
@@ -99,6 +99,9 @@ const DEFAULTS = {
     queueSize: 1024 * 1024,
     blockSize: 1024 * 1024 * 1024,
 };
+
+/** A size as the wire has it, which has no word for "any". @param {number} size */
+const wholeNumber = (size) => Math.floor(Math.min(Math.max(size, 0), Number.MAX_SAFE_INTEGER)) || 0;
 
 /** @typedef {import("./outgoing.mjs").Encoded} Encoded */
 
@@ -300,7 +303,7 @@ export class Connection {
             version: VERSION,
             client: cutTo(this.#options.client, MOST_TEXT_BYTES),
             capabilities: [],
-            limits: { block: this.#options.blockSize },
+            limits: { block: wholeNumber(this.#options.blockSize) },
             subscribe: takeNames([...this.#subscriptions], HELLO_NAMES_BYTES),
             ...(this.#view && {
                 view: this.#view,

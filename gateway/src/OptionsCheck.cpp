@@ -48,6 +48,11 @@ constexpr Size kSizes[] = {
     {"batchSize", &Limits::batchSize},
 };
 
+/// A page's hello, which comes before it knows the limits, takes what the module says in one, and
+/// so does what it tells of a script error.
+constexpr std::size_t kLeastMessage = 64 * kKiB;
+constexpr std::size_t kLeastNames = 1024;
+
 constexpr Time kTimes[] = {
     {"request", &Limits::request},   {"hello", &Limits::hello}, {"queue", &Limits::queue},
     {"block", &Limits::block},       {"ping", &Limits::ping},   {"gone", &Limits::gone},
@@ -62,7 +67,7 @@ static_assert(sizeof(Limits) == std::size(kSizes) * sizeof(std::size_t) +
 constexpr milliseconds kLongestTime = std::chrono::hours(24 * 366);
 /// The parser of requests counts a header's bytes in 32 bits.
 constexpr std::size_t kLargestHeader = 0xffff'ffff;
-/// Each view that ends looks through the others.
+/// Each is looked at every now and then, and each view that comes copies the list of them.
 constexpr std::size_t kMostLostViews = 10'000;
 
 [[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument(what); }
@@ -79,6 +84,13 @@ void checkLimits(const Limits& limits) {
         refuse("limits."s + name + " is " + std::to_string(value.count()) +
                " ms: it has to be from 1 ms to a year");
     }
+    const auto demandLeast = [](const char* name, std::size_t size, std::size_t least) {
+        if (size >= least) return;
+        refuse("limits."s + name + " is " + std::to_string(size) + ": it has to be at least " +
+               std::to_string(least));
+    };
+    demandLeast("messageSize", limits.messageSize, kLeastMessage);
+    demandLeast("namesPerFrame", limits.namesPerFrame, kLeastNames);
     if (limits.lostViews > kMostLostViews) {
         refuse("limits.lostViews: it has to be at most " + std::to_string(kMostLostViews));
     }

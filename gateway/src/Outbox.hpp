@@ -52,7 +52,7 @@ class Outbox {
     /// What became of something to be added.
     enum class Added {
         kYes,
-        kNoMemory,    ///< the process's budget is used up
+        kNoMemory,    ///< the gateway's budget is used up
         kNoLostRoom,  ///< that of the lost views is
         kNever,       ///< it is larger than a frame can say, or there are too many channels
     };
@@ -66,7 +66,7 @@ class Outbox {
 
     // --- Filling; each throws std::bad_alloc ---
 
-    /// Queues a text. With `isRoomMade` the process's budget may be exceeded, since somebody is
+    /// Queues a text. With `isRoomMade` the gateway's budget may be exceeded, since somebody is
     /// about to give back enough of it.
     [[nodiscard]] Added addText(const Text& text, bool isRoomMade = false);
     /// Queues a block. When the result is kYes, the caller joins `transfer`.

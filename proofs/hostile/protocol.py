@@ -99,7 +99,7 @@ def hellos():
         yield f"version-{value}", bad(hello(version=value), "unknown version", False, 4002)
     for member, value, why in (
             ("client", "x" * 257, 'member "client"'), ("view", "x", 'member "last"'), ("refused", [1] * 4097, "too many numbers"),
-            ("subscribe", ["/to/x"] * 9, "too many names"), *(("limits", {"block": value}, 'member "limits"') for value in ("x", -1, True, None))):
+            ("subscribe", ["/to/x"] * 1025, "too many names"), *(("limits", {"block": value}, 'member "limits"') for value in ("x", -1, True, None))):
         yield f"bad-{member}-{str(value)[:15]!r}", bad(hello(**{member: value}), why, joined=False)
     for name, said in (("apart", [hello(), {"t": "echo", "id": 1}]), ("in-an-array", [[hello(), {"t": "echo", "id": 1}]])):
         def play(t, said=said):
@@ -153,8 +153,8 @@ def channels():
     too_many = refused("subscribe", "/to/8", "not allowed, or too many")
     yield "subscriptions-at-most", lambda t: t.join(subscribe=eight).says({"t": "subscribe", "channels": ["/to/0", "/to/8", "/to/7"]}).has(too_many).says(
         {"t": "unsubscribe", "channels": ["/to/3", "/none"]}, {"t": "subscribe", "channels": ["/to/8"]}).echo()
-    yield "names-at-most", answers({"t": "subscribe", "channels": eight})
-    yield "names-more", bad([{"t": "unsubscribe", "channels": eight[:5]}, {"t": "subscribe", "channels": eight[:4]}], "too many names")
+    yield "names-at-most", answers({"t": "subscribe", "channels": eight * 128})
+    yield "names-more", bad([{"t": "unsubscribe", "channels": eight * 64}, {"t": "subscribe", "channels": eight * 65}], "too many names")
     for play in (unsubscribe, apart, texts, worked_example, in_order):
         yield play.__name__, play
 

@@ -11,7 +11,7 @@ from peers import BINARY, CLOSE, KEY, PATIENCE, PING, PONG, TEXT, Broken, Peer, 
 CALM = {name: 600_000 for name in ("request", "hello", "queue", "block", "ping", "comeback")}
 PROFILES = {
     # Nothing ends by itself; small bounds, so that they are soon reached.
-    "calm": CALM | {"headerSize": 2048, "messageSize": 70_000, "namesPerFrame": 8,
+    "calm": CALM | {"headerSize": 2048, "messageSize": 70_000, "namesPerFrame": 1024,
                     "subscriptions": 8, "connections": 1000, "unauthenticatedConnections": 500,
                     "pieceSize": 1000, "lostViews": 1000, "close": 60_000},
     # Everything ends soon, and few get in.

@@ -42,6 +42,16 @@ test("What is too large for the gateway throws, with both sizes, and nothing is 
     assert.equal(peer.largest, 200);
 });
 
+test("What a page says by itself is what any gateway takes", async () => {
+    const peer = await fixture.connect({ blockSize: Infinity });
+    assert.equal(peer.hello.limits.block, Number.MAX_SAFE_INTEGER);
+    fixture.page.reportError({ message: "é".repeat(500), stack: "é".repeat(2000) });
+    const { text } = await peer.next("publish");
+    assert.deepEqual(JSON.parse(text), { message: "é".repeat(250), stack: "é".repeat(1000) });
+    fixture.page.close();
+    assert.equal((await fixture.connect({ blockSize: 8.5 })).hello.limits.block, 8);
+});
+
 test("What is published before the connection is there comes in frames that the gateway takes", async () => {
     fixture.begin({ queueSize: 10_000 });
     const { page, heard } = fixture;

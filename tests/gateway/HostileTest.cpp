@@ -12,8 +12,8 @@ using namespace std::string_literals;
 using HostileTest = GatewayTest;
 
 TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
-    fOptions.limits.messageSize = 1000;
-    fOptions.limits.namesPerFrame = 2;
+    fOptions.limits.messageSize = 65536;
+    fOptions.limits.namesPerFrame = 1024;
     start();
     auto good = join();
     const std::pair<std::string, unsigned> frames[] = {
@@ -21,7 +21,7 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
         {"\x83\x80"s + "mask", 1002},                             // an unknown opcode
         {"\x80\x80"s + "mask", 1002},                             // a continuation of nothing
         {"\x81\x81\x00\x00\x00\x00\xff"s, 1007},                  // not UTF-8
-        {"\x81\xfe\x07\xd0mask"s, 1009},                          // too large
+        {"\x81\xff\0\0\0\0\0\1\0\1mask"s, 1009},                  // too large
         {"\x82\xff\x7f\xff\xff\xff\xff\xff\xff\xffmask"s, 1009},  // absurdly large
         {"\x88\x82\0\0\0\0\x03\xed"s, 1002},                      // 1005 is for nobody to send
         {"\x88\x82\0\0\0\0\x03\xe7"s, 1002},                      // 999 is no close code
@@ -34,12 +34,14 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
             EXPECT_EQ(peer.readFrame().opcode, 0U);
         }
     }
+    std::string names = R"({"t":"subscribe","channels":[)";
+    for (int i = 0; i < 1024; ++i) names += "\"\",";
     const std::tuple<bool, unsigned, std::string> messages[] = {
         {false, 1, "nonsense"},
         {true, 1, R"({"t":"hello","version":1})"},
         {true, 1, R"([{"t":"ack","last":1},7])"},
         {true, 1, R"({"t":"channel","number":17,"name":"/x"})"},
-        {true, 1, R"({"t":"subscribe","channels":["","",""]})"},
+        {true, 1, names + R"(""]})"},
         {true, 2, "\1\1\21" + std::string(13, '\0')},  // no such channel
         {true, 2, "\1\1" + std::string(14, '\0')},     // nor this
         {true, 1, R"({"t":"channel","number":0,"name":"/x"})"},

@@ -65,6 +65,9 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
          R"(lanes: the channel "/b" is in two groups)"},
         {with([](Options& o) { o.limits.memory = 0; }), "limits.memory is 0: "},
         {with([](Options& o) { o.limits.lostViews = 10'000'000; }), "limits.lostViews: "},
+        {with([](Options& o) { o.limits.messageSize = 65535; }),
+         "limits.messageSize is 65535: it has to be at least 65536"},
+        {with([](Options& o) { o.limits.namesPerFrame = 1023; }), "limits.namesPerFrame is 1023: "},
         {with([](Options& o) { o.limits.queue = std::chrono::milliseconds::max(); }),
          "limits.queue is 9223372036854775807 ms: it has to be from 1 ms to a year"},
     };

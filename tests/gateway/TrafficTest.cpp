@@ -9,11 +9,11 @@ using TrafficTest = GatewayTest;
 
 TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     auto& limits = fOptions.limits;
-    limits.messageSize = 1000;
+    limits.messageSize = 100000;
     limits.queueSize = 2000;
     limits.pieceSize = 3000;
     limits.batchSize = 400;
-    limits.namesPerFrame = 5;
+    limits.namesPerFrame = 1025;
     limits.blocksUnderWay = 6;
     limits.bytesUnderWay = 7000;
     limits.queue = std::chrono::milliseconds(8000000);
@@ -22,8 +22,8 @@ TEST_F(TrafficTest, ShowsAPageInAndLetsItHearAndPublish) {
     EXPECT_EQ(hello("kind"), "first");
     EXPECT_EQ(boost::json::serialize(fHello["configuration"]), R"({"figures":["/fig/1"]})");
     EXPECT_EQ(boost::json::serialize(fHello["limits"]),
-              R"({"message":1000,"queue":2000,"frame":3016,"blocksUnderWay":6,)"
-              R"("bytesUnderWay":7000,"names":5,"queueMilliseconds":8000000,"ackBytes":1000,)"
+              R"({"message":100000,"queue":2000,"frame":3016,"blocksUnderWay":6,)"
+              R"("bytesUnderWay":7000,"names":1025,"queueMilliseconds":8000000,"ackBytes":1000,)"
               R"("ackMilliseconds":200,"blockMilliseconds":3600000,"returnMilliseconds":3600000})");
     EXPECT_EQ(fAnnouncement, R"(/views {"kind":"first","view":1,"client":"a page"})");
     publish("/fig/1", R"({"x":NaN})");

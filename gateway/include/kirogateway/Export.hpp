@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what the gateway's shared library exports; everything else is hidden.
+/// Marks what the gateway offers, also from within a shared library that it is linked into.
 #define KIROGATEWAY_EXPORT __attribute__((visibility("default")))

@@ -35,8 +35,10 @@ inline constexpr std::size_t kMiB = 1024 * kKiB;
 /// Bounds. Sizes are bytes. All of them are greater than 0, and times are at most a year.
 struct Limits {
     std::size_t headerSize = 8 * kKiB;            ///< of an HTTP request; below 4 GiB
-    std::size_t messageSize = 4 * kMiB;           ///< of a frame or message from a page
-    std::size_t namesPerFrame = 1024;             ///< channels named in one frame from a page
+    std::size_t messageSize = 4 * kMiB;           ///< of a frame or message from a page; at least
+                                                  ///< 64 KiB, for its hello
+    std::size_t namesPerFrame = 1024;             ///< channels named in one frame from a page; at
+                                                  ///< least 1024, for its hello
     std::size_t undelivered = 4 * kMiB;           ///< of what a page published and nobody in the
                                                   ///< process has had yet; above it, or above
                                                   ///< 64 messages, the page is not read from
@@ -48,8 +50,8 @@ struct Limits {
     /// The share of one view in what waits. A page is too slow when it is beyond its share for
     /// longer than `queue` while it takes less than it is sent.
     std::size_t queueSize = 64 * kMiB;
-    /// All that waits in the process, over all views, blocks included, each shared byte once. When
-    /// it is used up, the view that holds most ends.
+    /// All that waits in this gateway, over all views, blocks included, each shared byte once; two
+    /// gateways in a process have as much each. When it is used up, the view that holds most ends.
     std::size_t memory = 1024 * kMiB;
     std::size_t lostViews = 64;             ///< without a connection; the oldest ends first;
                                             ///< at most 10,000
