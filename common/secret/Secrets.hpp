@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "annotated/Mutex.hpp"
+#include "checked/Require.hpp"
 #include "secret/RandomHex.hpp"
 
 namespace secret {
@@ -42,7 +43,10 @@ class Secrets {
     explicit Secrets(HashedToken token) : fToken(std::move(token.hash)), fDigest(token.digest) {}
 
     /// REQUIRES: it is known.
-    [[nodiscard]] const std::string& token() const noexcept { return fToken; }
+    [[nodiscard]] const std::string& token() const noexcept {
+        KIROWEB_REQUIRE(fDigest == nullptr);
+        return fToken;
+    }
     /// Returns a code that is good for one use. There are at most 16: a further one ends the
     /// oldest.
     [[nodiscard]] std::string makeCode(TimePoint now) {

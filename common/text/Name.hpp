@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "checked/Require.hpp"
+
 namespace text {
 
 inline constexpr std::size_t kMostOfName = 64;
@@ -22,6 +24,7 @@ inline constexpr std::size_t kMostOfName = 64;
 /// host's name that is as the small one, and no two sessions may have one host. REQUIRES: it is a
 /// name.
 [[nodiscard]] inline std::string hostLabel(std::string_view name) {
+    KIROWEB_REQUIRE(isName(name));
     constexpr std::size_t kMostOfLabel = 63;
     const bool isLabel =
         name.size() <= kMostOfLabel && !name.starts_with('-') && !name.ends_with('-') &&

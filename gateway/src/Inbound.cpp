@@ -31,6 +31,11 @@ bool Inbound::publishBlock(const std::string& channel, std::string_view block) {
     return true;
 }
 
+wire::Clocks Inbound::clocks() const noexcept {
+    KIROWEB_REQUIRE(fBus != nullptr);
+    return fBus->clocks();
+}
+
 void Inbound::announce(wire::ViewKind kind, const View::Identity& view) noexcept {
     try {
         fBus->announce(kind, view);

@@ -30,7 +30,7 @@ class Inbound {
     [[nodiscard]] bool publishBlock(const std::string& channel, std::string_view block);
     [[nodiscard]] bool hasRoom() const noexcept { return fBus == nullptr || fBus->hasRoom(); }
     /// What pages have to know of clocks. REQUIRES: it is connected.
-    [[nodiscard]] wire::Clocks clocks() const noexcept { return fBus->clocks(); }
+    [[nodiscard]] wire::Clocks clocks() const noexcept;
     /// Tells of a view; what is thrown is logged.
     void announce(wire::ViewKind kind, const View::Identity& view) noexcept;
     /// Tells how many pages are there.

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstddef>
 
+#include "checked/Require.hpp"
+
 namespace kirogateway {
 
 /// How fast one page is read from: as if it came over a fast network, however near it is. What a
@@ -18,7 +20,7 @@ class ReadPace {
     static constexpr std::size_t kBurst = 256UL * 1024;
 
     /// `rate` is in bytes a second. REQUIRES: it is greater than 0.
-    explicit ReadPace(std::size_t rate) noexcept : fRate(rate) {}
+    explicit ReadPace(std::size_t rate) noexcept : fRate(rate) { KIROWEB_REQUIRE(rate > 0); }
 
     /// Counts `bytes`, which were just read. Returns how long to read no more, zero if not at all.
     [[nodiscard]] Duration read(std::size_t bytes, TimePoint now) noexcept {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <condition_variable>
 #include <exception>
 #include <functional>
@@ -56,6 +57,7 @@ class Future {
 
     /// True when a value or an error is there. REQUIRES: valid().
     [[nodiscard]] bool isReady() const {
+        assert(valid());
         std::lock_guard lock(fState->mutex);
         return fState->ready;
     }
@@ -63,6 +65,7 @@ class Future {
     /// Blocks until the value is there and moves it out; rethrows the error that came instead.
     /// The future has no state afterwards. REQUIRES: valid().
     VALUE_TYPE get() {
+        assert(valid());
         auto state = std::move(fState);
         std::unique_lock lock(state->mutex);
         while (!state->ready) state->condition.wait(lock);
@@ -167,6 +170,7 @@ auto Future<VALUE_TYPE>::then(Callback callback) {
             }
         }
     };
+    assert(valid());
     auto state = std::move(fState);
     // Shared only because std::function wants a copyable target; it runs once.
     auto continuation =
