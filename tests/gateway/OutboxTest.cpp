@@ -38,12 +38,13 @@ class OutboxTest : public testing::Test {
     }
 
     /// Adds a block that one page has joined; answers what becomes of it.
-    Future addBlock(std::size_t size, std::size_t lane = 0, Added expected = Added::kYes) {
+    Future addBlock(std::size_t size, std::size_t lane = 0, Added expected = Added::kYes,
+                    std::string_view channel = "/bin") {
         auto future = fStream->send(support::bufferOf(std::string(size, 'b')));
         const auto transfer = std::make_shared<HostTransfer>(*std::move(fDelivery), fCounters);
         transfer->join();
         transfer->close(Transfer::Outcome::kDelivered);
-        EXPECT_EQ(fOutbox->addBlock(lane, "/bin", transfer, fNow), expected);
+        EXPECT_EQ(fOutbox->addBlock(lane, channel, transfer, fNow), expected);
         return future;
     }
     Added tryText(std::string_view text, std::string_view channel = "/c", std::size_t lane = 0) {
@@ -202,6 +203,17 @@ TEST_F(OutboxTest, TrustsNoPageAboutWhatItHas) {
     }
     fOutbox->detach();
     EXPECT_TRUE(fOutbox->canResume(4)) << "it was sent before";
+}
+
+TEST_F(OutboxTest, NamesNoMoreBlockChannelsThanAnEngineMayMakeUp) {
+    for (int i = 0; i < 1024; ++i) {
+        addBlock(1, 0, Added::kYes, "/" + std::to_string(i));
+        fOutbox->dropBlocks(fLeft);
+        leaveAll(fLeft);
+        static_cast<void>(write());
+    }
+    addBlock(1, 0, Added::kNever, "/1024");
+    addBlock(1, 0, Added::kYes, "/1023");
 }
 
 TEST_F(OutboxTest, DropsLateBlocksButNotInTheMiddleOfAFrame) {

@@ -12,6 +12,7 @@
 
 #include "Buffers.hpp"
 #include "FailingNew.hpp"
+#include "Fanout.hpp"
 #include "Frames.hpp"
 #include "Session.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
@@ -31,9 +32,9 @@ struct DeafBus final : Bus, relay::TransportLink {
                  std::shared_ptr<const void>) override {}
     bool send(const std::string&, std::string_view) override { return false; }
     void announce(wire::ViewKind, const View::Identity&) override {}
-    void pages(std::size_t count) noexcept override { pagesThere = count; }
+    void pages(std::size_t) noexcept override { ++timesTold; }
 
-    std::size_t pagesThere = 0;
+    int timesTold = 0;
 };
 
 /// A page whose frames are collected, and handed to its session, by the test.
@@ -123,6 +124,13 @@ class ReturnTest : public testing::Test {
     std::string hello(const char* member) { return boost::json::serialize(fHello[member]); }
     Channels channels(const char* member) {
         return boost::json::value_to<Channels>(fHello[member]);
+    }
+    /// Of the only view there is, as the diagnostics have it: its state, and its silence.
+    std::string seen() {
+        const auto all = boost::json::parse(fViews->diagnostics(fNow));
+        const auto& view = all.at("detail").at(0);
+        return boost::json::serialize(view.at("state")) + " " +
+               boost::json::serialize(view.at("lastSignOfLifeMilliseconds"));
     }
     void pass(milliseconds time) {
         fNow += time;
@@ -281,11 +289,14 @@ TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {
     auto page = join();
     EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
     page->read();
+    EXPECT_EQ(seen(), "\"connected\" 0");
     page->lose();
     pass(seconds(1));
     EXPECT_FALSE(fBlock.isReady());
+    EXPECT_EQ(seen(), "\"lost\" 1000");
     pass(milliseconds(1));
     EXPECT_FALSE(fBlock.get().delivered);
+    EXPECT_EQ(seen(), "\"gone\" 1001");
     EXPECT_EQ(fGone, 1);
     EXPECT_EQ(offer(page->view(), 9), Part::kNone);
     publish(page, "kept");
@@ -307,6 +318,54 @@ TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {
         pass(seconds(0));
         EXPECT_TRUE(fViews->isEmpty());
         back = join();
+    }
+}
+
+TEST_F(ReturnTest, LostViewsEndInTheOrderOfTheirLossesAndLateOnesTogether) {
+    fOptions.limits.lostViews = 3;
+    start();
+    std::vector<Page> pages;
+    for (int i = 0; i < 5; ++i) pages.push_back(join());
+    const auto fate = [&](int i) {
+        const auto& view = pages[i]->view();
+        return std::string(view.state() == View::State::kOver ? "over"
+                           : view.failure() != nullptr        ? "fails"
+                                                              : "kept");
+    };
+    for (int i = 0; i < 3; ++i) pages[i]->lose();
+    auto back = join(returnOf(pages[0]->view(), 0));
+    EXPECT_TRUE(fViews->makeLostRoom());
+    EXPECT_EQ(fate(0) + fate(1) + fate(2), "keptfailskept") << "the first has returned";
+    back->lose();
+    EXPECT_EQ(fate(1), "fails");
+    pages[3]->lose();
+    EXPECT_EQ(fate(1) + fate(2), "overkept") << "it had to end anyway";
+    pages[4]->lose();
+    EXPECT_EQ(fate(2) + fate(0), "overkept");
+    fBus.timesTold = 0;
+    const auto version = fViews->version();
+    pass(milliseconds(60001));
+    EXPECT_EQ(fate(0) + fate(3) + fate(4), "overoverover");
+    EXPECT_EQ(fViews->version(), version + 1) << "not one after the other";
+    EXPECT_EQ(fBus.timesTold, 1);
+}
+
+TEST_F(ReturnTest, WhatIsRememberedHasABound) {
+    start();
+    auto page = join(R"(,"subscribe":["/*"])");
+    Fanout fanout(fContext, fViews);
+    for (int i = 0; i < 5000; ++i) fanout.messagePublished({"/" + std::to_string(i), "x"});
+    const auto routes = page->fSession.view().use_count();
+    EXPECT_TRUE(routes > 800 && routes < 4200) << routes;
+
+    std::vector<Page> closed;
+    for (int i = 0; i < 34; ++i) {
+        closed.push_back(join());
+        closed.back()->fSession.ended(true, fNow);
+    }
+    for (const int i : {33, 2, 1}) {
+        const auto back = join(returnOf(closed[i]->view(), 0));
+        EXPECT_EQ(fHello.contains("ended"), i > 1) << "of the last 32, why it ended is known";
     }
 }
 

@@ -1,6 +1,7 @@
 #include "Binary.hpp"
 #include "CHeap.hpp"
 #include "Fixture.hpp"
+#include "InterpreterTasks.hpp"
 #include "kiro/web/binary/BinaryDataReceiver.hpp"
 #include "kiro/web/binary/BinaryStreamLifeCycle.hpp"
 
@@ -157,6 +158,10 @@ TEST_F(BinaryRegistry, PostsItsWarningsToTheInterpreter) {
     sender->warnAboutOOMFailure();
     EXPECT_EQ(log.texts(), Lines{"warning Quarn:graphics:GraphicsBinaryOOM not shown: "
                                  "no TaskRouter"});
+    for (const int status : {1, 2}) {  // of a task that has run already and threw, and of none
+        auto task = boost::make_exceptional_future<void>(taskrouter::RuntimeException("", status));
+        EXPECT_EQ(kiro::isNotQueued(task), status == 2);
+    }
 }
 
 }  // namespace
