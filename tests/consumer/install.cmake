@@ -1,6 +1,6 @@
 # Installs BUILD_DIR below WORK_DIR, moves the installed tree, and fails when a file in it still
-# knows where it was built or first installed, or a module has no declarations. Makes projects of the
-# programs in README.md and docs/library.md.
+# knows where it was built or first installed, or when the documentation, the page's modules or the
+# declarations of one are not there. Makes projects of the programs in README.md and docs/library.md.
 file(REMOVE_RECURSE ${WORK_DIR})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/staged
                 OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
@@ -13,6 +13,15 @@ if(NOT _result EQUAL 1)
     message(FATAL_ERROR "Paths of the build in installed files:\n${_files}")
 endif()
 
+set(_wanted doc/kiroweb/protocol.md)
+if(HAS_GATEWAY)
+    list(APPEND _wanted kiroweb/client/protocol.mjs)
+endif()
+foreach(_file IN LISTS _wanted)
+    if(NOT EXISTS ${WORK_DIR}/moved/share/${_file})
+        message(FATAL_ERROR "Not installed: share/${_file}")
+    endif()
+endforeach()
 file(GLOB _modules ${WORK_DIR}/moved/share/kiroweb/client/*.mjs)
 foreach(_module IN LISTS _modules)
     string(REGEX REPLACE "mjs$" "d.mts" _declaration ${_module})

@@ -7,6 +7,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 
 faults="
 RelayMessages.ArriveInOrderWithTheirExactTextOnAnotherThread messages-are-lost
+Dispatcher.HoldsNoLockWhileItCalls calls-under-a-lock
+CompletionToken.IsEqualByIdentifierAndDefaultOnlyWithoutStamps token-stamp-counts
 Diagnostics.AreWrittenUpToTheLevelOfTheirLoggerOnly diagnostics-always-on diagnostics-never-written
 Warnings.AreIssuedAndThrowNothing warnings-throw
 Assertions.AreReportedWhateverComesOfThem assertions-are-ignored
