@@ -94,6 +94,19 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await page.getByRole("button", { name: "Follow" }).first().click();
     assert.equal(await engine.frame(() => engine.data(LINE, { x: [30], y: [50] }, 101)), "painted");
     await engine.untilShown(2, "x", [20, 30]);
+    await page.evaluate(() => {
+        const { worker } = kirowebPage;
+        const post = worker.post.bind(worker);
+        globalThis.posted = [];
+        worker.post = (...all) => globalThis.posted.push(all[0].kind) && post(...all);
+    });
+    await engine.frame(() => [5, 10].forEach((id) => engine.say("remove", { id })));
+    const left = await page.evaluate(() => [
+        document.querySelectorAll(".figure, .axes").length,
+        [...kirowebPage.figures.values()].map(({ axes }) => [...axes.keys()]).join(),
+        globalThis.posted.filter((kind) => kind === "gone").length,
+    ]);
+    assert.deepEqual(left, [2, "2", 2]);
     await assertClean(page);
 });
 
@@ -121,7 +134,10 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
         [`0,Shift+Enter,${right},Escape,Escape`, [0, 10], [0, 100]],
         [`Shift+Enter,${right},Shift+Enter`, [5, 7], [0, 100]],
         [`Shift+Enter,${down},ArrowLeft,Shift+Enter`, [6.36, 6.4], [30, 50]],
-        ["0", [0, 10], [0, 100]],
+        // Before the legend's two buttons, the toolbar: it zooms out, and then in.
+        [`0,Escape,${Array(3).fill("Shift+Tab")},End,Tab,Shift+Tab`, [0, 10], [0, 100]],
+        ["ArrowRight,ArrowRight,Enter", [-1.25, 11.25], [-12.5, 112.5]],
+        ["ArrowRight,ArrowRight,Home,ArrowLeft,ArrowRight,Enter", [0, 10], [0, 100]],
     ]) {
         for (const key of keys.split(",")) await page.keyboard.press(key);
         await engine.untilShown(2, "x", across);
@@ -204,7 +220,15 @@ test("The legend hides series, pausing holds the picture, and what is late looks
 });
 
 test("A figure is saved as a picture, as shapes and as values", async () => {
-    const { page } = await start();
+    const { engine, page } = await start();
+    await engine.frame(() => {
+        for (const [id, name] of ["old", "new"].entries()) {
+            engine.create(30 + id, "image", 2, { name, rows: 1, columns: 1, colorMap: "gray" });
+            engine.data(30 + id, { z: [id] });
+        }
+    });
+    await page.getByRole("button", { name: "old" }).click();
+    await page.locator(".color-bar:only-child", { hasText: "new" }).waitFor();
     const save = async (format, scale) => {
         await page.getByRole("button", { name: "Save" }).first().click();
         await page.locator(`[value=${format}]`).check();
@@ -214,12 +238,17 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
         assert.match(name, new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
         return readFile(path);
     };
-    const { width } = await page.locator(".grid").first().boundingBox();
+    const grid = await page.locator(".grid").first().boundingBox();
     const widthOf = (png) => png.readUInt32BE(16);
-    assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
+    assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(grid.width + 16));
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
     assert.match(svg, /stroke="#d00000".*>Ca lm</s);
+    const bar =
+        /y1="1" y2="0"><stop offset="0" stop-color="rgb\(0 0 0\)".*<rect x="(.+?)" y="(.+?)" width="(.+?)" height="(.+?)" fill="url\(#ramp-2-0/s;
+    const ramp = await page.locator(".ramp").boundingBox();
+    const seen = [ramp.x - grid.x + 8, ramp.y - grid.y + 30, ramp.width, ramp.height];
+    assert.deepEqual(bar.exec(svg).slice(1).map(Math.round), seen.map(Math.round));
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
     await page.locator("dialog select").selectOption("All axes");
