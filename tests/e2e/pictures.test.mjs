@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { contrast } from "../client/support/vision.mjs";
 import { pictures, untilSettled } from "./support/pictures.mjs";
 import { masksOf } from "./support/shapes.mjs";
 import { Stage } from "./support/stage.mjs";
@@ -101,16 +102,6 @@ for (const deviceScaleFactor of RATIOS) {
             }
         });
     }
-}
-
-/** By the formula of the accessibility guidelines. */
-function contrast(a, b) {
-    const [light, dark] = [a, b]
-        .map((color) => color.map((part) => part / 255))
-        .map((color) => color.map((c) => (c <= 0.04045 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4)))
-        .map(([r, g, blue]) => 0.2126 * r + 0.7152 * g + 0.0722 * blue + 0.05)
-        .sort((one, other) => other - one);
-    return light / dark;
 }
 
 for (const colorScheme of SCHEMES) {
