@@ -4,7 +4,6 @@ import { AxesView } from "./axes_view.mjs";
 import { Controls } from "./controls.mjs";
 import { make, setText } from "./dom.mjs";
 import { placeAxes } from "./layout.mjs";
-import { showLegend } from "./legend.mjs";
 import { Watch } from "./stale.mjs";
 import { ownNumber } from "./sides.mjs";
 import { makeToolbar } from "./toolbar.mjs";
@@ -16,7 +15,6 @@ import { makeToolbar } from "./toolbar.mjs";
  * @property {(view: AxesView) => void} onAxes there are new axes
  * @property {(view: AxesView) => void} onGone axes are gone
  * @property {(figure: FigureView, action: string) => void} onAction
- * @property {(series: number, visible: boolean) => void} onVisible
  * @property {import("./controls.mjs").OnControl} onControl
  */
 
@@ -72,7 +70,6 @@ export class FigureView {
         for (const axes of description.axes) {
             const view = this.axes.get(axes.id) ?? this.#add(axes);
             view.describe(axes);
-            showLegend(view.legend, axes, this.#surroundings.onVisible);
         }
     }
 

@@ -342,8 +342,6 @@ class Page {
                 },
                 onGone: (axes) => this.#forget(axes),
                 onAction: (figure, action) => this.interaction.act(figure, action),
-                onVisible: (series, visible) =>
-                    this.worker.post({ kind: "visible", series, visible }),
                 onControl: (id, value) => this.worker.post({ kind: "control", id, value }),
             },
             {
@@ -351,6 +349,8 @@ class Page {
                 onSize: (axes) => this.#sized(axes),
                 onCursor: (axes) => this.interaction.cursorMoved(axes),
                 onSelect: (axes) => this.interaction.selected(axes),
+                onVisible: (series, visible) =>
+                    this.worker.post({ kind: "visible", series, visible }),
             },
         );
         this.figures.set(description.id, view);

@@ -179,8 +179,19 @@ test("What is near is picked, keys reach the engine, and a control shows who has
 
 test("The legend hides series, pausing holds the picture, and what is late looks so", async () => {
     const { engine, page } = await start();
-    await page.getByRole("button", { name: "flight", pressed: true }).click();
-    await page.getByRole("button", { name: "flight", pressed: false }).waitFor();
+    const legend = (name, pressed) => page.getByRole("button", { name, pressed }).waitFor();
+    await page.getByRole("button", { name: "flight", pressed: true }).press("Enter");
+    for (const isFall of [false, true]) {
+        await page.getByRole("button", { name: "flight" }).click({ modifiers: ["Control"] });
+        await legend("fall", isFall);
+        await legend("flight", true);
+    }
+    await page.getByRole("button", { name: "flight" }).click();
+    await engine.frame(() => engine.create(7, "line", 2, { name: "more", visible: false }));
+    await legend("more", false);
+    await legend("flight", false);
+    await engine.frame(() => engine.say("set", { id: 7, visible: true }));
+    await legend("more", true);
     assert.equal(await engine.frame(() => engine.data(LINE, { x, y: x })), "painted");
     await page.getByRole("button", { name: "Pause" }).click();
     await page.locator('#status[data-state="paused"]').waitFor();
