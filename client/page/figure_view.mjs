@@ -35,6 +35,8 @@ export class FigureView {
     #axesSurroundings;
     /** The axes that the toolbar acts on. */
     #current = 0;
+    /** Whether the next place that somebody points at gets into the middle. */
+    isCentring = false;
     /** Axes by the column of the grid. @type {AxesView[][]} */
     #columns = [];
 
@@ -121,6 +123,14 @@ export class FigureView {
         this.element.classList.toggle("is-away", isAway);
         const follow = this.element.querySelector("[data-action=follow]");
         follow?.setAttribute("aria-pressed", String(this.current?.isFollowing ?? false));
+    }
+
+    /** @param {boolean} isCentring */
+    setCentring(isCentring) {
+        if (this.isCentring === isCentring) return;
+        this.isCentring = isCentring;
+        const button = this.element.querySelector("[data-action=center]");
+        button?.setAttribute("aria-pressed", String(isCentring));
     }
 
     destroy() {

@@ -91,8 +91,7 @@ export class Crosshair {
     }
 
     get isShown() {
-        const { plot } = this.#view;
-        return Number(plot.cursor.left) >= 0;
+        return this.#view.isLaidOut && Number(this.#view.plot.cursor.left) >= 0;
     }
 
     /** The crosshair has moved, or the data have changed. Only who moves it is told in words.

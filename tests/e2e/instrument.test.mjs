@@ -91,6 +91,10 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await told([0, 10], true);
     await held("Shift", () => drag([0, 0.5, 0.5], [0, 0.4, 0.5]));
     await told([1, 11]);
+    // Without a drag.
+    await page.getByRole("button", { name: "Move" }).first().click();
+    await page.mouse.click(...(await place(0, 0.6, 0.5)));
+    await told([2, 12]);
     await page.getByRole("button", { name: "Follow" }).first().click();
     assert.equal(await engine.frame(() => engine.data(LINE, { x: [30], y: [50] }, 101)), "painted");
     await engine.untilShown(2, "x", [20, 30]);
@@ -106,7 +110,8 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
     assert.match(told, /^time 5(\.\d+)? sfall25 mflight75 m$/);
     await engine.frame(() => engine.data(LINE, { x, y: x }));
     await page.locator(".tip", { hasText: "fall5 m" }).waitFor();
-    await page.mouse.move(1, 1);
+    // Wherever the focus is.
+    await page.keyboard.press("Escape");
     await page.locator(".tip").first().waitFor({ state: "hidden" });
     for (let i = 0; i < 10; ++i) await page.locator(".chart").first().press("ArrowRight");
     await page.locator("#said", { hasText: /time 7 s; fall 7 m; flight 51 m/ }).waitFor();
@@ -127,9 +132,11 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
         await engine.untilShown(2, "x", across);
         await engine.untilShown(2, "y", up);
     }
-    const name = await page.locator(".chart").first().getAttribute("aria-label");
     const said = /^A parabola <b>\. line fall, line flight\. x, time in s, from 0 to 10\. y, way/;
-    assert.match(name, said);
+    const named = (name) => page.getByRole("application", { name }).waitFor();
+    await named(said);
+    await engine.frame(() => engine.say("set", { id: 5, y2: { label: "depth" } }));
+    await named(/second y, depth/);
     await assertClean(page);
 });
 
@@ -154,6 +161,10 @@ test("What is near is picked, keys reach the engine, and a control shows who has
     await page.keyboard.press("q");
     assert.deepEqual(await engine.event("key"), { event: "key", key: "q", axes: 11 });
     assert.equal(await isTaken(), true);
+    // Who speaks to the browser presses no key of the engine's.
+    await page.locator(":focus").evaluate((chart) => chart.blur());
+    await page.keyboard.press("q");
+    assert.equal(await isTaken(), false);
     const slider = page.getByRole("slider", { name: "Gain" });
     await slider.press("ArrowRight");
     assert.deepEqual(await engine.event("control"), { event: "control", id: 20, value: 0.75 });
@@ -207,6 +218,7 @@ test("The legend hides series, pausing holds the picture, and what is late looks
     assert.equal(await page.locator(".is-stale").count(), 0);
     await page.locator(".is-stale", { hasText: /^A parabola/ }).waitFor();
     assert.equal(await page.locator(".is-stale").count(), 1);
+    await page.locator("#said", { hasText: /^A parabola <b>: No news since/ }).waitFor();
     await engine.stop();
     await page
         .locator(".is-stale .stale", { hasText: /^No news since \d+:\d+/ })

@@ -22,16 +22,15 @@ export const SIGHTS = {
     deutanMachado: [[0.367322, 0.860646, -0.227968], [0.280085, 0.672501, 0.047413], [-0.01182, 0.04294, 0.968881]],
     tritanMachado: [[1.255528, -0.076749, -0.178779], [-0.078411, 0.930809, 0.147602], [0.004733, 0.691367, 0.3039]],
 };
+/** sRGB's X, Y and Z, of its white's. */
 // prettier-ignore
-const XYZ = [[0.4124564, 0.3575761, 0.1804375], [0.2126729, 0.7151522, 0.072175], [0.0193339, 0.119192, 0.9503041]];
-const WHITE = [0.95047, 1, 1.08883];
+const XYZ = [[0.4339499, 0.3762098, 0.1898403], [0.2126729, 0.7151522, 0.072175], [0.0177566, 0.109468, 0.8727755]];
 
 /** CIELAB of a colour as it is seen. */
 export function labOf(color, sight) {
     const seen = times(sight, color.map(linear)).map((part) => Math.min(1, Math.max(0, part)));
-    const [x, y, z] = times(XYZ, seen)
-        .map((part, i) => part / WHITE[i])
-        .map((part) => (part > 216 / 24389 ? Math.cbrt(part) : (part * 24389) / 3132 + 4 / 29));
+    const rootOf = (part) => (part > 216 / 24389 ? Math.cbrt(part) : part * 7.787037 + 4 / 29);
+    const [x, y, z] = times(XYZ, seen).map(rootOf);
     return [116 * y - 16, 500 * (x - y), 200 * (y - z)];
 }
 
