@@ -284,7 +284,12 @@ export class LatencyPanel {
                 { ...axis, label: "Milliseconds", size: (_, texts) => widest(texts) },
             ],
             // The whole first, so that what is a part of it lies upon it.
-            series: [{}, ...parts.map((fill) => ({ fill, width: 0, paths: BARS })).reverse()],
+            series: [
+                {},
+                ...parts
+                    .map((fill) => ({ fill, width: 0, paths: BARS, points: { show: false } }))
+                    .reverse(),
+            ],
             hooks: { draw: [(plot) => drawLate(plot, late, colors.get("text"))] },
         };
     }
