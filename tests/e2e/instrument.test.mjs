@@ -91,7 +91,6 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await told([0, 10], true);
     await held("Shift", () => drag([0, 0.5, 0.5], [0, 0.4, 0.5]));
     await told([1, 11]);
-    // Without a drag.
     await page.getByRole("button", { name: "Move" }).first().click();
     await page.mouse.click(...(await place(0, 0.6, 0.5)));
     await told([2, 12]);
@@ -110,7 +109,6 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
     assert.match(told, /^time 5(\.\d+)? sfall25 mflight75 m$/);
     await engine.frame(() => engine.data(LINE, { x, y: x }));
     await page.locator(".tip", { hasText: "fall5 m" }).waitFor();
-    // Wherever the focus is.
     await page.keyboard.press("Escape");
     await page.locator(".tip").first().waitFor({ state: "hidden" });
     for (let i = 0; i < 10; ++i) await page.locator(".chart").first().press("ArrowRight");
@@ -133,10 +131,9 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
         await engine.untilShown(2, "y", up);
     }
     const said = /^A parabola <b>\. line fall, line flight\. x, time in s, from 0 to 10\. y, way/;
-    const named = (name) => page.getByRole("application", { name }).waitFor();
-    await named(said);
+    await page.getByRole("application", { name: said }).waitFor();
     await engine.frame(() => engine.say("set", { id: 5, y2: { label: "depth" } }));
-    await named(/second y, depth/);
+    await page.getByRole("application", { name: /second y, depth/ }).waitFor();
     await assertClean(page);
 });
 

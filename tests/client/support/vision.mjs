@@ -1,5 +1,4 @@
-// How far apart colours are, also for those who see less of them. A colour is red, green and blue,
-// from 0 to 255.
+// How far apart colours, of red, green and blue from 0 to 255, are to those who see less of them, too.
 
 const linear = (part) => (part <= 10.31475 ? part / 3294.6 : ((part / 255 + 0.055) / 1.055) ** 2.4);
 const times = (matrix, [a, b, c]) => matrix.map(([x, y, z]) => x * a + y * b + z * c);
@@ -22,7 +21,6 @@ export const SIGHTS = {
     deutanMachado: [[0.367322, 0.860646, -0.227968], [0.280085, 0.672501, 0.047413], [-0.01182, 0.04294, 0.968881]],
     tritanMachado: [[1.255528, -0.076749, -0.178779], [-0.078411, 0.930809, 0.147602], [0.004733, 0.691367, 0.3039]],
 };
-/** sRGB's X, Y and Z, of its white's. */
 // prettier-ignore
 const XYZ = [[0.4339499, 0.3762098, 0.1898403], [0.2126729, 0.7151522, 0.072175], [0.0177566, 0.109468, 0.8727755]];
 
