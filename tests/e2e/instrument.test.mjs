@@ -91,6 +91,9 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await told([0, 10], true);
     await held("Shift", () => drag([0, 0.5, 0.5], [0, 0.4, 0.5]));
     await told([1, 11]);
+    await page.getByRole("button", { name: "Move" }).first().click();
+    await page.mouse.click(...(await place(0, 0.6, 0.5)));
+    await told([2, 12]);
     await page.getByRole("button", { name: "Follow" }).first().click();
     assert.equal(await engine.frame(() => engine.data(LINE, { x: [30], y: [50] }, 101)), "painted");
     await engine.untilShown(2, "x", [20, 30]);
@@ -119,7 +122,7 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
     assert.match(told, /^time 5(\.\d+)? sfall25 mflight75 m$/);
     await engine.frame(() => engine.data(LINE, { x, y: x }));
     await page.locator(".tip", { hasText: "fall5 m" }).waitFor();
-    await page.mouse.move(1, 1);
+    await page.keyboard.press("Escape");
     await page.locator(".tip").first().waitFor({ state: "hidden" });
     for (let i = 0; i < 10; ++i) await page.locator(".chart").first().press("ArrowRight");
     await page.locator("#said", { hasText: /time 7 s; fall 7 m; flight 51 m/ }).waitFor();
@@ -143,9 +146,10 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
         await engine.untilShown(2, "x", across);
         await engine.untilShown(2, "y", up);
     }
-    const name = await page.locator(".chart").first().getAttribute("aria-label");
     const said = /^A parabola <b>\. line fall, line flight\. x, time in s, from 0 to 10\. y, way/;
-    assert.match(name, said);
+    await page.getByRole("application", { name: said }).waitFor();
+    await engine.frame(() => engine.say("set", { id: 5, y2: { label: "depth" } }));
+    await page.getByRole("application", { name: /second y, depth/ }).waitFor();
     await assertClean(page);
 });
 
@@ -170,6 +174,10 @@ test("What is near is picked, keys reach the engine, and a control shows who has
     await page.keyboard.press("q");
     assert.deepEqual(await engine.event("key"), { event: "key", key: "q", axes: 11 });
     assert.equal(await isTaken(), true);
+    // Who speaks to the browser presses no key of the engine's.
+    await page.locator(":focus").evaluate((chart) => chart.blur());
+    await page.keyboard.press("q");
+    assert.equal(await isTaken(), false);
     const slider = page.getByRole("slider", { name: "Gain" });
     await slider.press("ArrowRight");
     assert.deepEqual(await engine.event("control"), { event: "control", id: 20, value: 0.75 });
@@ -195,8 +203,19 @@ test("What is near is picked, keys reach the engine, and a control shows who has
 
 test("The legend hides series, pausing holds the picture, and what is late looks so", async () => {
     const { engine, page } = await start();
-    await page.getByRole("button", { name: "flight", pressed: true }).click();
-    await page.getByRole("button", { name: "flight", pressed: false }).waitFor();
+    const legend = (name, pressed) => page.getByRole("button", { name, pressed }).waitFor();
+    await page.getByRole("button", { name: "flight", pressed: true }).press("Enter");
+    for (const isFall of [false, true]) {
+        await page.getByRole("button", { name: "flight" }).click({ modifiers: ["Control"] });
+        await legend("fall", isFall);
+        await legend("flight", true);
+    }
+    await page.getByRole("button", { name: "flight" }).click();
+    await engine.frame(() => engine.create(7, "line", 2, { name: "more", visible: false }));
+    await legend("more", false);
+    await legend("flight", false);
+    await engine.frame(() => engine.say("set", { id: 7, visible: true }));
+    await legend("more", true);
     assert.equal(await engine.frame(() => engine.data(LINE, { x, y: x })), "painted");
     await page.getByRole("button", { name: "Pause" }).click();
     await page.locator('#status[data-state="paused"]').waitFor();
@@ -212,6 +231,7 @@ test("The legend hides series, pausing holds the picture, and what is late looks
     assert.equal(await page.locator(".is-stale").count(), 0);
     await page.locator(".is-stale", { hasText: /^A parabola/ }).waitFor();
     assert.equal(await page.locator(".is-stale").count(), 1);
+    await page.locator("#said", { hasText: /^A parabola <b>: No news since/ }).waitFor();
     await engine.stop();
     await page
         .locator(".is-stale .stale", { hasText: /^No news since \d+:\d+/ })

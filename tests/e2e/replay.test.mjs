@@ -228,6 +228,10 @@ test("A recording is chosen, looked into, and refused when it is none", async ()
     assert.match(await page.locator("dialog").textContent(), /next error or late frame/);
     await page.keyboard.press("Escape");
     assert.match(await latencies(page), /^Painting(\d+\.\d){4}10$/);
+    await page.getByRole("button", { name: "latency" }).press("Enter");
+    const picture = page.getByRole("slider", { name: "What frames took" });
+    for (const key of ["Home", "ArrowRight", "Enter"]) await picture.press(key);
+    await untilFrame(page, 2);
     await assertClean(page);
     await drop(page, ["none.mcap", Buffer.from("nothing of the kind")]);
     await page.getByRole("button", { name: "In its place" }).click();

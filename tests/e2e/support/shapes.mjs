@@ -57,11 +57,15 @@ const KINDS = {
             lines: path(places, 0.75 * unit),
         };
     },
-    band({ place, data: { x, low, high } }) {
+    band({ place, data: { x, low, high }, unit }) {
         const both = x.map((at, i) => [...place(at, low[i]), ...place(at, high[i])]);
-        const parts = stretches(both).filter(({ length }) => length > 1);
+        const parts = stretches(both);
         const row = (part, at) => part.map((ends) => ends.slice(at, at + 2));
-        return { areas: parts.map((part) => between(row(part, 0), row(part, 2))) };
+        const areas = parts.filter(({ length }) => length > 1);
+        return {
+            areas: areas.map((part) => between(row(part, 0), row(part, 2))),
+            lines: parts.flatMap((part) => [0, 2].flatMap((at) => path(row(part, at), 0.5 * unit))),
+        };
     },
     bars({ place, data: { x, y, base, width } }) {
         const there = [...x.keys()].filter((i) => Number.isFinite(y[i]));
