@@ -250,6 +250,8 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
     EXPECT_EQ(channels("subscribed"), (Channels{"/bin", "/c", "/d"}));
     EXPECT_EQ(channels("refused"), (Channels{"/e", longName}));
     EXPECT_TRUE(back->view().hears("/d"));
+    back->say(R"({"t":"subscribe","channels":["/d","/e"]})");
+    EXPECT_FALSE(back->view().hears("/e"));
     page = join(R"(,"resume":false)");
     back = join(returnOf(page->view(), 0));
     EXPECT_EQ(hello("kind"), "\"further\"");
