@@ -381,17 +381,20 @@ TEST_F(ReturnTest, APageIsNotSlowWhereItCouldNotHaveTakenAnything) {
     EXPECT_EQ(back.fEnd, "") << "it has only just come back";
 }
 
-TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLost) {
+TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLostAndNobodyElse) {
     fOptions.limits.memory = 100000;
     start();
-    auto small = join();
-    auto large = join();
-    publish(small, "text");
-    publish(large, std::string(60000, 't'));
-    large->lose();
-    EXPECT_TRUE(fViews->makeRoom(50000));
-    EXPECT_EQ(large->view().failure(), View::kMemoryUsedUp);
-    EXPECT_EQ(small->view().failure(), nullptr);
+    for (const bool isLost : {false, true}) {
+        auto small = join();
+        auto large = join();
+        publish(small, "text");
+        publish(large, std::string(60000, 't'));
+        isLost ? large->lose() : static_cast<void>(large->read(100));  // the rest is still held
+        EXPECT_TRUE(fViews->makeRoom(50000));
+        EXPECT_EQ(large->view().failure(), View::kMemoryUsedUp);
+        EXPECT_EQ(small->view().failure(), nullptr);
+        large->fSession.viewFailed();
+    }
 }
 
 TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {
