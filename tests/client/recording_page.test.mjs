@@ -9,7 +9,7 @@ import { after, test } from "node:test";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
 import { commandsOf } from "../../client/page/recording/following.mjs";
-import { Decoder } from "../../client/page/recording/format.mjs";
+import { Decoder, Encoder, crcOf } from "../../client/page/recording/format.mjs";
 import { textOf } from "../../client/page/recording/json.mjs";
 import { Reader, RecordingError } from "../../client/page/recording/reader.mjs";
 import { Recorder } from "../../client/page/recording/recorder.mjs";
@@ -195,6 +195,9 @@ test("A damaged file gives nothing that is wrong, and says where", async () => {
     }
 });
 
+/** Where the index names a chunk. */
+const placeOf = (file, offset) => file.lastIndexOf(new Encoder().u64(offset).bytes);
+
 test("A gap is found without an index, and no more memory is asked for than the limits allow", async () => {
     const long = await write(Array(40).fill(300), 2000);
     const [, second, third] = (await open(long)).chunks;
@@ -206,12 +209,13 @@ test("A gap is found without an index, and no more memory is asked for than the 
 
     const bytes = await write([10, 20], 1000);
     const [{ offset }] = (await open(bytes)).chunks;
-    const [LENGTH_AT, FIRST_AT, SIZE_AT] = [1, 9, 9 + 16];
+    const [LENGTH_AT, FIRST_AT, SIZE_AT, CRC_AT] = [1, 9, 9 + 16, 9 + 24];
     for (const [at, value, limits, reason] of [
         [LENGTH_AT, 2n ** 40n, {}, /ends within a record/],
         [LENGTH_AT, 2n ** 63n, {}, /beyond all files/],
         [FIRST_AT, 2n ** 63n, {}, /does not fit its chunk/],
         [SIZE_AT, 2n ** 40n, { chunk: 5000 }, /larger than 5000 bytes/],
+        [CRC_AT, 0n, {}, /the chunk has no checksum/],
         [null, 0n, { index: 100 }, /too much about channels/],
         [null, 0n, { chunks: 0 }, /too many chunks/],
         [null, 0n, { chunk: 100 }, /larger than 100 bytes/],
@@ -225,6 +229,21 @@ test("A gap is found without an index, and no more memory is asked for than the 
         assert.match(met.message, reason);
         if (at !== null) assert.equal(met.offset, offset);
         assert.ok(most <= bytes.length);
+    }
+
+    // An index that is sealed, by whoever means harm, or not at all.
+    const changed = Buffer.from(await write(Array(40).fill(300), 2000));
+    const last = changed.length - 12;
+    changed.writeBigUInt64LE(BigInt(chunks[0].offset + 1), placeOf(changed, second.offset));
+    const summary = Number(changed.readBigUInt64LE(last - 16));
+    for (const [crc, reason] of [
+        [crcOf(changed.subarray(summary, last)), /the index names chunks that lie in each other/],
+        [0, /the index has no checksum/],
+    ]) {
+        changed.writeUInt32LE(crc, last);
+        const mended = await open(changed);
+        assert.match(mended.damage.message, reason);
+        assert.deepEqual(await allOf(mended), await allOf(await open(long)));
     }
 });
 
