@@ -387,7 +387,10 @@ test("Where a file is damaged it says so, and shows what is not", async () => {
     const before = stage.chunks.timeOf(chunks[bad - 1].first);
     const behind = stage.chunks.timeOf(chunks[bad + 1].first);
     await stage.do(() => player.seek(before));
+    // Whoever asked has gone ahead there: they are told where they still are.
+    stage.moments.length = 0;
     await stage.do(() => player.seek(behind));
+    assert.deepEqual([stage.moment?.time, errors.length], [before, 1]);
     await stage.do(() => player.play(Infinity));
     assert.ok(errors.length >= 2);
     for (const error of errors) {
