@@ -142,8 +142,8 @@ class Page {
 
     /** Files that somebody gives the page. @param {File[]} files */
     #given(files) {
-        const isBeside = files.length === 1 && this.#files.length === 1;
-        if (isBeside) askPlace(files[0], this.#files[0], (all) => this.open(all));
+        const isOneMore = files.length === 1 && this.#isReplay;
+        if (isOneMore) askPlace(files[0], this.#files, (all) => this.open(all));
         else this.open(files);
     }
 
