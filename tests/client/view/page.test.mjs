@@ -175,7 +175,7 @@ test("A saved figure has its grid, rules, ticks and labels where the page has th
             y: { element: at(10, 40, 15, 50), parts: ["m", "", ""] },
             y2: { element: hidden },
         },
-        ...{ isLaidOut: true, title: hidden, legend: hidden, colorBars: hidden },
+        ...{ isLaidOut: true, title: hidden, legend: { element: hidden }, colorBars: hidden },
     };
     const figure = { description: {}, grid: at(10, 30, 300, 200), axes: new Map([[2, view]]) };
     const drawing = new FigureDrawing(figure, { get: (color) => color }, false);
