@@ -9,6 +9,7 @@ import { pathToFileURL } from "node:url";
 import { promisify } from "node:util";
 
 import { assertClean, untilFrame, untilReplay } from "./support/page.mjs";
+import { channels, decoded, pictures } from "./support/pictures.mjs";
 import { Program } from "./support/program.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -91,7 +92,10 @@ test("kiroweb-export makes a page of a run, of a part of it, and within a size",
     assert.ok(kept > 0 && kept < FRAMES && smaller <= most, `${kept} frames, ${smaller} bytes`);
 
     await exported(picture, "--png=42");
-    const png = await readFile(picture);
-    const head = [png.toString("latin1", 1, 4), png.readUInt32BE(16), png.readUInt32BE(20)];
-    assert.deepEqual(head, ["PNG", 1280, 800]);
+    const seen = await decoded(opened, await readFile(picture));
+    assert.deepEqual([seen.width, seen.height], [1280, 800]);
+    for (const { description } of await pictures(opened)) {
+        const { color } = description.series[0];
+        assert.ok(seen.has(channels(color)), `${description.title} ${color}`);
+    }
 });
