@@ -154,11 +154,12 @@ class AxesPicture extends Picture {
         const isInk = (along, at) => frame.isDrawn(...(isX ? [along, at] : [at, along]));
         const length = isX ? frame.width : Math.floor(below);
         const inked = [...Array(length).keys()].filter((i) => across.some((at) => isInk(i, at)));
-        const isLast = (i, edge) => (isX ? i === edge : isInk(i, edge));
+        const edges = [0, frame.width - 1].slice(which === "y2" ? 1 : 0, which === "y" ? 1 : 2);
+        const isLast = (i) => edges.some((edge) => (isX ? i === edge : isInk(i, edge)));
         const room = (isX ? 8 : 4) * unit;
         return {
             count: inked.filter((at, i) => !(at - inked[i - 1] <= room)).length,
-            isClipped: inked.some((i) => isLast(i, 0) || isLast(i, frame.width - 1)),
+            isClipped: inked.some(isLast),
         };
     }
 }
