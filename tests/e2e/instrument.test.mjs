@@ -97,6 +97,19 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await page.getByRole("button", { name: "Follow" }).first().click();
     assert.equal(await engine.frame(() => engine.data(LINE, { x: [30], y: [50] }, 101)), "painted");
     await engine.untilShown(2, "x", [20, 30]);
+    await page.evaluate(() => {
+        const { worker } = kirowebPage;
+        const post = worker.post.bind(worker);
+        globalThis.posted = [];
+        worker.post = (...all) => globalThis.posted.push(all[0].kind) && post(...all);
+    });
+    await engine.frame(() => [5, 10].forEach((id) => engine.say("remove", { id })));
+    const left = await page.evaluate(() => [
+        document.querySelectorAll(".figure, .axes").length,
+        [...kirowebPage.figures.values()].map(({ axes }) => [...axes.keys()]).join(),
+        globalThis.posted.filter((kind) => kind === "gone").length,
+    ]);
+    assert.deepEqual(left, [2, "2", 2]);
     await assertClean(page);
 });
 
@@ -124,7 +137,10 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
         [`0,Shift+Enter,${right},Escape,Escape`, [0, 10], [0, 100]],
         [`Shift+Enter,${right},Shift+Enter`, [5, 7], [0, 100]],
         [`Shift+Enter,${down},ArrowLeft,Shift+Enter`, [6.36, 6.4], [30, 50]],
-        ["0", [0, 10], [0, 100]],
+        // Before the legend's two buttons, the toolbar: it zooms out, and then in.
+        [`0,Escape,${Array(3).fill("Shift+Tab")},End,Tab,Shift+Tab`, [0, 10], [0, 100]],
+        ["ArrowRight,ArrowRight,Enter", [-1.25, 11.25], [-12.5, 112.5]],
+        ["ArrowRight,ArrowRight,Home,ArrowLeft,ArrowRight,Enter", [0, 10], [0, 100]],
     ]) {
         for (const key of keys.split(",")) await page.keyboard.press(key);
         await engine.untilShown(2, "x", across);
@@ -211,7 +227,15 @@ test("The legend hides series, pausing holds the picture, and what is late looks
 });
 
 test("A figure is saved as a picture, as shapes and as values, which are copied, too", async () => {
-    const { page, place, point } = await start();
+    const { engine, page, place, point } = await start();
+    await engine.frame(() => {
+        for (const [id, name] of ["old", "new"].entries()) {
+            engine.create(30 + id, "image", 2, { name, rows: 1, columns: 1, colorMap: "gray" });
+            engine.data(30 + id, { z: [id] });
+        }
+    });
+    await page.getByRole("button", { name: "old" }).click();
+    await page.locator(".color-bar:only-child", { hasText: "new" }).waitFor();
     const save = async (format, scale, without = []) => {
         await page.getByRole("button", { name: "Save" }).first().click();
         await page.locator(`[value=${format}]`).check();
@@ -222,22 +246,29 @@ test("A figure is saved as a picture, as shapes and as values, which are copied,
         assert.match(name, new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
         return readFile(path);
     };
-    const { x: left, y: top, width } = await page.locator(".grid").first().boundingBox();
+    const grid = await page.locator(".grid").first().boundingBox();
     const [across, down] = await place(0, 0.5, 0.25);
     for (const [without, above, corner] of [
         [[], 30, [255, 255, 255, 255]],
         [["Title", "Ground"], 8, [0, 0, 0, 0]],
     ]) {
         const png = await decoded(page, await save("png", "3", without));
-        assert.equal(png.width, 3 * Math.ceil(width + 16));
+        assert.equal(png.width, 3 * Math.ceil(grid.width + 16));
         assert.deepEqual(png.at(0, 0), corner);
         assert.equal(png.has([0x19, 0x21, 0x2b], 3 * above), without.length === 0);
-        const at = [across - left + 8, down - top + above].map((pixels) => Math.floor(3 * pixels));
+        const at = [across - grid.x + 8, down - grid.y + above].map((pixels) =>
+            Math.floor(3 * pixels),
+        );
         assert.deepEqual(png.at(...at), [...RED, 255]);
     }
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
     assert.match(svg, /stroke="#d00000".*>Ca lm</s);
+    const bar =
+        /y1="1" y2="0"><stop offset="0" stop-color="rgb\(0 0 0\)".*<rect x="(.+?)" y="(.+?)" width="(.+?)" height="(.+?)" fill="url\(#ramp-2-0/s;
+    const ramp = await page.locator(".ramp").boundingBox();
+    const seen = [ramp.x - grid.x + 8, ramp.y - grid.y + 30, ramp.width, ramp.height];
+    assert.deepEqual(bar.exec(svg).slice(1).map(Math.round), seen.map(Math.round));
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
     await page.locator("dialog select").selectOption("All axes");
@@ -247,52 +278,38 @@ test("A figure is saved as a picture, as shapes and as values, which are copied,
     await page.keyboard.press("Escape");
     await point(0, 0.501, 0.3);
     await page.locator(".tip", { hasText: "fall" }).first().waitFor();
-    for (const [text, spoil] of [
-        [/^time 5.*fall.*25 m/s, () => {}],
-        // All that is seen, by the browser's old way.
-        [
-            /^series,x,y\r?\nfall,0,0\r?\n/,
-            async () => {
-                await page.mouse.move(1, 1);
-                await page.evaluate("void Object.defineProperty(navigator, 'clipboard', {})");
-            },
-        ],
-    ]) {
-        await spoil();
+    for (const text of [/^time 5.*fall.*25 m/s, /^series,.*\nfall,2,4\b/s]) {
         await page.locator(".chart").first().press("c");
         await page.locator("#said", { hasText: /^Copied$/ }).waitFor();
         await page.evaluate("document.body.append(document.createElement('textarea'))");
         await page.locator("textarea").press("Control+V");
         assert.match(await page.locator("textarea").inputValue(), text);
         await page.evaluate("document.querySelector('textarea').remove(); said.textContent = ''");
+        // Then all that is seen, by the browser's old way.
+        await page.mouse.move(1, 1);
+        await page.evaluate("void Object.defineProperty(navigator, 'clipboard', {})");
     }
     await assertClean(page);
 });
 
 test("A figure fills the screen and is drawn for it, also where a browser cannot do that", async () => {
     const { engine, page } = await start();
-    const untilSized = (which, least, most) =>
-        page.waitForFunction(
-            ([name, from, to]) => {
-                const [figure] = kirowebPage.figures.values();
-                const size = figure.axes.get(2).size[name];
-                return from < size && size < to;
-            },
-            [which, least, most],
-        );
+    const isSized = ([which, isWanted]) =>
+        [...kirowebPage.figures.values()][0].axes.get(2).size[which] > 600 === isWanted;
+    const untilFull = (...wanted) => page.waitForFunction(isSized, wanted);
     for (const [spoil, key, which] of [
         ["", "f", "height"],
         ["delete Element.prototype.requestFullscreen", "Escape", "width"],
     ]) {
         await page.evaluate(spoil);
         await page.getByRole("button", { name: "Full screen" }).first().click();
-        await untilSized(which, 600, 1280);
+        await untilFull(which, true);
         await engine.frame(() => engine.data(LINE, { x, y }));
         await untilSettled(page);
         const [picture] = await pictures(page);
         assert.ok(picture.hasNear(...picture.placer()(5, 25).map(Math.floor)));
         await page.locator(".chart").first().press(key);
-        await untilSized(which, 0, 600);
+        await untilFull(which, false);
     }
     await assertClean(page);
 });

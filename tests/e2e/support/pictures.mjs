@@ -1,4 +1,5 @@
 // What a page shows of axes, read from its canvases.
+import { createHash } from "node:crypto";
 
 /** Each picture has the size of its axes. */
 export function untilSettled(page) {
@@ -56,23 +57,10 @@ export async function decoded(page, png) {
 export const shot = async (element) => decoded(element.page(), await element.screenshot());
 
 /** Of all axes of the page: their limits, and what tells one picture of them from another. */
-export function digests(page) {
-    return page.evaluate(async () => {
-        const views = [...kirowebPage.figures.values()].flatMap(({ axes }) => [...axes.values()]);
-        const digestOf = async ({ width, height }, image) => {
-            const copy = new OffscreenCanvas(width, height).getContext("2d");
-            copy.drawImage(image, 0, 0);
-            const { data } = copy.getImageData(0, 0, width, height);
-            return String(new Uint8Array(await crypto.subtle.digest("SHA-256", data)));
-        };
-        return Promise.all(
-            views.map(async ({ canvas, shown, plot }) => {
-                const { width, height } = canvas;
-                const all = [canvas, plot.ctx.canvas].map((one) => digestOf(one, one));
-                return [JSON.stringify(shown), width, height, ...(await Promise.all(all))];
-            }),
-        );
-    });
+export async function digests(page) {
+    const digestOf = ({ pixels }) => createHash("sha256").update(pixels).digest("hex");
+    const all = await pictures(page);
+    return all.map((one) => [JSON.stringify(one.shown), digestOf(one), digestOf(one.frame)]);
 }
 
 /** Red, green and blue of "#rrggbb". */
