@@ -3,13 +3,16 @@ import assert from "node:assert/strict";
 import { readFile } from "node:fs/promises";
 import { test } from "node:test";
 
+import { only } from "./support/browser.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean } from "./support/page.mjs";
+import { decoded, pictures, shot, untilSettled } from "./support/pictures.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
 const LINE = 3;
 const POINTS = 12;
+const RED = [0xd0, 0, 0];
 const x = Array.from({ length: 101 }, (_, i) => i / 10);
 const y = x.map((at) => at * at);
 
@@ -229,9 +232,13 @@ test("The legend hides series, pausing holds the picture, and what is late looks
         await engine.frame(() => engine.data(LINE, { x, y: x }));
     }
     assert.equal(await page.locator(".is-stale").count(), 0);
+    const isBright = async () => (await shot(page.locator(".u-over").first())).has(RED);
+    assert.ok(await isBright());
     await page.locator(".is-stale", { hasText: /^A parabola/ }).waitFor();
     assert.equal(await page.locator(".is-stale").count(), 1);
     await page.locator("#said", { hasText: /^A parabola <b>: No news since/ }).waitFor();
+    await page.waitForFunction(() => document.getAnimations().length === 0);
+    assert.ok(!(await isBright()));
     await engine.stop();
     await page
         .locator(".is-stale .stale", { hasText: /^No news since \d+:\d+/ })
@@ -239,8 +246,8 @@ test("The legend hides series, pausing holds the picture, and what is late looks
         .waitFor();
 });
 
-test("A figure is saved as a picture, as shapes and as values", async () => {
-    const { engine, page } = await start();
+test("A figure is saved as a picture, as shapes and as values, which are copied, too", async () => {
+    const { engine, page, place, point } = await start();
     await engine.frame(() => {
         for (const [id, name] of ["old", "new"].entries()) {
             engine.create(30 + id, "image", 2, { name, rows: 1, columns: 1, colorMap: "gray" });
@@ -249,18 +256,31 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     });
     await page.getByRole("button", { name: "old" }).click();
     await page.locator(".color-bar:only-child", { hasText: "new" }).waitFor();
-    const save = async (format, scale) => {
+    const save = async (format, scale, without = []) => {
         await page.getByRole("button", { name: "Save" }).first().click();
         await page.locator(`[value=${format}]`).check();
         await page.getByLabel("Scale").selectOption(scale);
+        for (const name of without) await page.getByLabel(name).uncheck();
         const button = page.locator(".save button");
         const { name, path } = await stage.browser.download(page, () => button.click());
         assert.match(name, new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
         return readFile(path);
     };
     const grid = await page.locator(".grid").first().boundingBox();
-    const widthOf = (png) => png.readUInt32BE(16);
-    assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(grid.width + 16));
+    const [across, down] = await place(0, 0.5, 0.25);
+    for (const [without, above, corner] of [
+        [[], 30, [255, 255, 255, 255]],
+        [["Title", "Ground"], 8, [0, 0, 0, 0]],
+    ]) {
+        const png = await decoded(page, await save("png", "3", without));
+        assert.equal(png.width, 3 * Math.ceil(grid.width + 16));
+        assert.deepEqual(png.at(0, 0), corner);
+        assert.equal(png.has([0x19, 0x21, 0x2b], 3 * above), without.length === 0);
+        const at = [across - grid.x + 8, down - grid.y + above].map((pixels) =>
+            Math.floor(3 * pixels),
+        );
+        assert.deepEqual(png.at(...at), [...RED, 255]);
+    }
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
     assert.match(svg, /stroke="#d00000".*>Ca lm</s);
@@ -275,7 +295,58 @@ test("A figure is saved as a picture, as shapes and as values", async () => {
     await page.getByRole("columnheader", { name: "axes" }).waitFor({ state: "attached" });
     const cell = page.getByRole("cell", { name: "99.8", exact: false }).first();
     await cell.waitFor({ state: "attached" });
+    await page.keyboard.press("Escape");
+    await point(0, 0.501, 0.3);
+    await page.locator(".tip", { hasText: "fall" }).first().waitFor();
+    for (const text of [/^time 5.*fall.*25 m/s, /^series,.*\nfall,2,4\b/s]) {
+        await page.locator(".chart").first().press("c");
+        await page.locator("#said", { hasText: /^Copied$/ }).waitFor();
+        await page.evaluate("document.body.append(document.createElement('textarea'))");
+        await page.locator("textarea").press("Control+V");
+        assert.match(await page.locator("textarea").inputValue(), text);
+        await page.evaluate("document.querySelector('textarea').remove(); said.textContent = ''");
+        // Then all that is seen, by the browser's old way.
+        await page.mouse.move(1, 1);
+        await page.evaluate("void Object.defineProperty(navigator, 'clipboard', {})");
+    }
     await assertClean(page);
+});
+
+test("A figure fills the screen and is drawn for it, also where a browser cannot do that", async () => {
+    const { engine, page } = await start();
+    const isSized = ([which, isWanted]) =>
+        [...kirowebPage.figures.values()][0].axes.get(2).size[which] > 600 === isWanted;
+    const untilFull = (...wanted) => page.waitForFunction(isSized, wanted);
+    for (const [spoil, key, which] of [
+        ["", "f", "height"],
+        ["delete Element.prototype.requestFullscreen", "Escape", "width"],
+    ]) {
+        await page.evaluate(spoil);
+        await page.getByRole("button", { name: "Full screen" }).first().click();
+        await untilFull(which, true);
+        await engine.frame(() => engine.data(LINE, { x, y }));
+        await untilSettled(page);
+        const [picture] = await pictures(page);
+        assert.ok(picture.hasNear(...picture.placer()(5, 25).map(Math.floor)));
+        await page.locator(".chart").first().press(key);
+        await untilFull(which, false);
+    }
+    await assertClean(page);
+});
+
+const forced = only("chromium", "a test can force colours");
+test("Forced colours are those of axes, not of series; motion can be less", forced, async () => {
+    const { page } = await start({ forcedColors: "active", reducedMotion: "reduce" });
+    const [{ frame }] = await pictures(page);
+    assert.ok(frame.has([191, 191, 191]) && !frame.has([0x87, 0x92, 0x9e]), "grid and rules");
+    for (const place of [".u-over", ".legend"]) {
+        assert.ok((await shot(page.locator(place).first())).has(RED), place);
+    }
+    const count = (all) =>
+        all.filter((one) => getComputedStyle(one).transitionDuration !== "0s").length;
+    assert.equal(await page.locator("*").evaluateAll(count), 0);
+    await page.emulateMedia({ reducedMotion: "no-preference" });
+    assert.equal(await page.locator("*").evaluateAll(count), 3);
 });
 
 test("On a phone everything is within reach, by fingers as well", async () => {

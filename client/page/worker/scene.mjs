@@ -3,6 +3,7 @@
 
 import { sideOf } from "../sides.mjs";
 import { Column, RegularColumn, elementsOf } from "./columns.mjs";
+import { ownDescription } from "./description.mjs";
 import { TYPES, defaultsOf, readProperties } from "./vocabulary.mjs";
 
 /** @typedef {import("./columns.mjs").ElementType} ElementType */
@@ -87,7 +88,7 @@ export class Scene {
     figures = [];
     /** Axes that look different since somebody took this. @type {Set<number>} */
     changed = new Set();
-    /** Whether something besides data changed since. */
+    /** Whether something that stands in a description changed since. */
     isRestructured = true;
     /** Figures in which anything has changed since somebody took this. @type {Set<number>} */
     touched = new Set();
@@ -203,14 +204,12 @@ export class Scene {
     #set(item, members) {
         if (!item.kind) return;
         const read = readProperties(item.kind.properties, members);
+        const before = ownDescription(item);
         Object.assign(item.properties, read);
         if ("keep" in read) this.#forget(item);
         if ("value" in read) item.said = ++numSaid;
-        // How much is kept may change with each frame, and is seen nowhere but in the picture.
-        this.#touch(
-            item,
-            Object.keys(read).some((name) => name !== "keep"),
-        );
+        // What is seen nowhere but in the picture may change with each frame.
+        this.#touch(item, ownDescription(item) !== before);
     }
 
     /** @param {Item} item */
