@@ -21,5 +21,6 @@ function(kiroweb_embed_page result)
                 -P ${PROJECT_SOURCE_DIR}/cmake/embed_page.cmake
         DEPENDS ${_files} ${PROJECT_SOURCE_DIR}/cmake/embed_page.cmake
         VERBATIM)
+    set_source_files_properties(${_source} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
     set(${result} ${_source} PARENT_SCOPE)
 endfunction()

@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "Row.hpp"
@@ -11,7 +12,7 @@ namespace bench {
 
 namespace {
 
-constexpr int kParts = 50;
+constexpr int kParts = 100;
 constexpr double kMegabyte = 1e6;
 
 /// What the page holds, a number for each part of all frames.
@@ -39,21 +40,25 @@ std::vector<double> sizes(std::int64_t frames) {
     return found;
 }
 
-/// Right after a garbage collection, so to speak: the least of several.
-double least(const std::vector<double>& found, int from, int to) {
-    return *std::min_element(found.begin() + from, found.begin() + to);
+/// After so many tenths of all frames, right after a garbage collection, so to speak: the least of
+/// the last tenth.
+double after(int tenths, const std::vector<double>& found) {
+    const auto end = found.begin() + tenths * kParts / 10;
+    return *std::min_element(end - kParts / 10, end);
 }
 
 }  // namespace
 
 Measurement memoryMeasurement() {
     return {"memory", [](bool quick) -> std::vector<Row> {
-                const auto found = sizes(quick ? 500 : 10'000);
-                const double before = least(found, kParts / 5, 2 * kParts / 5);
-                const double after = least(found, 4 * kParts / 5, kParts);
-                return {{quick ? "memory, 500 frames" : "memory, 10,000 frames", "% more",
-                         100 * (after - before) / before, 10},
-                        {"", "MB", after / kMegabyte}};
+                const auto found = sizes(quick ? 1000 : 20'000);
+                const std::string half = quick ? "500" : "10,000";
+                const auto more = [&](int from, int to) {
+                    return 100 * (after(to, found) / after(from, found) - 1);
+                };
+                return {{"memory, " + half + " frames", "% more", more(2, 5), 10},
+                        {"the next " + half, "% more", more(5, 10)},
+                        {"", "MB", after(10, found) / kMegabyte}};
             }};
 }
 

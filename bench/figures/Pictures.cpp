@@ -7,9 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "Contract.hpp"
 #include "Floor.hpp"
 #include "Row.hpp"
 #include "Show.hpp"
+#include "engine/DataSet.hpp"
+#include "engine/EcgFigure.hpp"
+#include "engine/QuakeFigure.hpp"
 
 namespace bench {
 
@@ -106,43 +110,26 @@ std::vector<Row> image(bool quick) {
             {"", "frames/s", costs.framesPerSecond, 50, true, floor.framesPerSecond}};
 }
 
-/// A heart's signal and a map of earthquakes, at the engine's own pace.
-std::vector<Row> monitor(bool quick) {
-    constexpr double kRate = 30;
-    constexpr std::chrono::nanoseconds kPeriod{std::int64_t{1'000'000'000} / 30};
-    constexpr std::size_t kSamples = 12;  // a frame
-    constexpr std::size_t kPlaces = 400;
+/// What the demo draws, at its own pace.
+std::vector<Row> demo(bool quick) {
+    using namespace ::monitor;
+    constexpr auto kRate = static_cast<double>(contract::kFramesPerSecond);
+    constexpr std::chrono::nanoseconds kPeriod{1'000'000'000 / contract::kFramesPerSecond};
+    const auto data = engine::readDataSet(KIROWEB_BENCH_MONITOR_DATA_DIR);
     Show show;
-    auto& heart = show.window().figure("Heart").axes();
-    heart.x().label("time", "s").follow(8);
-    heart.y().label("potential", "mV").limits(-1, 2);
-    auto& signal = heart.line("lead II").keep(8192);
-    auto& map = show.window().figure("Earthquakes").axes().equalAspect();
-    const auto coast = makeSets(2000, [](double i, std::size_t set) {
-        return 60 * std::sin(i / 300 + static_cast<double>(set)) + 3 * std::sin(i / 7);
-    });
-    map.outline().set(coast[0], coast[1]);
-    const auto places = makeRandom(kPlaces);
-    auto& quakes = map.scatter("magnitude").keep(kPlaces);
-    quakes.size(8).set(places[0], places[1], {.value = places[2]});
-    double time = 0;
+    engine::EcgFigure heart(show.window(), data.ecg);
+    engine::QuakeFigure quakes(show.window(), data);
     auto next = std::chrono::steady_clock::now();
-    const auto costs = show.measure(quick, [&](std::int64_t frame) {
-        std::vector<double> x;
-        Numbers y;
-        for (std::size_t i = 0; i < kSamples; ++i, time += 1 / (kRate * kSamples)) {
-            x.push_back(time);
-            y.push_back(static_cast<float>(std::pow(std::sin(4 * time), 20)));
-        }
-        signal.append(x, y);
-        if (frame % 30 == 0) quakes.append(40 * std::sin(time), 30 * std::cos(time), {.value = 1});
+    const auto costs = show.measure(quick, [&](std::int64_t) {
+        heart.advance();
+        quakes.advance();
         next = std::max(next + kPeriod, std::chrono::steady_clock::now());
         for (auto now = std::chrono::steady_clock::now(); now < next;
              now = std::chrono::steady_clock::now()) {
             show.window().wait(next - now);
         }
     });
-    return {{"monitor", "ms main", costs.mainThread, 4},
+    return {{"demo", "ms main", costs.mainThread, 4},
             {"", "ms all", costs.processor},
             {"", "frames/s", costs.framesPerSecond, kRate, true}};
 }
@@ -154,7 +141,7 @@ std::vector<Measurement> pictureMeasurements() {
             {"points, drawn again", samePoints},
             {"line of 1,000,000", line},
             {"image, all new", image},
-            {"monitor", monitor}};
+            {"demo", demo}};
 }
 
 }  // namespace bench

@@ -27,7 +27,7 @@ Measurement drawMeasurement();
 std::vector<Measurement> pictureMeasurements();
 Measurement firstPictureMeasurement();
 Measurement memoryMeasurement();
-Measurement zoomMeasurement();
+std::vector<Measurement> viewMeasurements();
 std::vector<Measurement> recordingMeasurements();
 
 void printRowHeading();

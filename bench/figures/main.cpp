@@ -40,7 +40,7 @@ void measureApart(const bench::Measurement& measurement, bool quick) {
 void measure(const bench::Selection& selection) {
     auto all = bench::pictureMeasurements();
     all.push_back(bench::firstPictureMeasurement());
-    all.push_back(bench::zoomMeasurement());
+    for (auto& one : bench::viewMeasurements()) all.push_back(std::move(one));
     all.push_back(bench::memoryMeasurement());
     all.push_back(bench::drawMeasurement());
     for (auto& one : bench::recordingMeasurements()) all.push_back(std::move(one));

@@ -4,6 +4,7 @@
 import uPlot from "uplot";
 
 import { make, setText } from "./dom.mjs";
+import { Legend } from "./legend.mjs";
 import { homeView, isSame, shownLimits, stretch } from "./navigation.mjs";
 import { FONT, LINE_HEIGHT, textWidth } from "./text_width.mjs";
 import { chooseTicks } from "./ticks.mjs";
@@ -30,6 +31,7 @@ const WHOLE = /** @type {[number, number]} */ ([0, 1]);
  * @property {(view: AxesView) => void} onSize the plotting area has another size
  * @property {(view: AxesView) => void} onCursor uPlot's cursor has moved
  * @property {(view: AxesView) => void} onSelect an area was selected
+ * @property {(series: number, visible: boolean) => void} onVisible somebody hides or shows one
  */
 
 /** Name, unit and what all numbers have in common; of these only the name may be cut off. */
@@ -66,13 +68,16 @@ export class AxesView {
     canvas = make("canvas");
     chart = make("div", { class: "chart" });
     title = make("h3");
-    legend = make("div", { class: "legend" });
+    legend;
     colorBars = make("div", { class: "color-bars" });
     labels = { x: new Label("x"), y: new Label("y"), y2: new Label("y2") };
     element;
     #surroundings;
     /** @type {uPlot | null} */
     #plot = null;
+    /** Lets a plot that is made, with its legend, begin in the room that this leaves.
+     * @type {{plot: uPlot, begin: () => void} | null} */
+    #next = null;
     /** uPlot is made anew when this changes. */
     #key = "";
     /** @type {Record<Which, Ticks>} */
@@ -95,6 +100,7 @@ export class AxesView {
         this.description = description;
         this.drawn = description.limits;
         this.#surroundings = surroundings;
+        this.legend = new Legend(surroundings.onVisible);
         const { x, y, y2 } = this.labels;
         const plot = make(
             "div",
@@ -105,7 +111,7 @@ export class AxesView {
             this.colorBars,
             x.element,
         );
-        this.element = make("div", { class: "axes" }, this.title, this.legend, plot);
+        this.element = make("div", { class: "axes" }, this.title, this.legend.element, plot);
     }
 
     /** @param {AxesDescription} description */
@@ -114,6 +120,10 @@ export class AxesView {
         this.drawn = description.limits;
         setText(this.title, description.title);
         this.title.hidden = description.title === "";
+        const key = JSON.stringify([description.linkX, description.y2 !== null]);
+        if (key !== this.#key) this.#make();
+        this.#key = key;
+        this.legend.show(description);
         this.#showLabels();
     }
 
@@ -136,11 +146,8 @@ export class AxesView {
 
     /** Fits everything into the room that there is. */
     layOut() {
-        const width = Math.max(80, this.chart.clientWidth);
-        const height = Math.max(60, this.chart.clientHeight);
-        const { linkX, y2 } = this.description;
-        const key = JSON.stringify([linkX, y2 !== null]);
-        if (this.#plot && key === this.#key) {
+        const { width, height } = this.#room();
+        if (this.#plot) {
             if (this.#plot.width !== width || this.#plot.height !== height) {
                 this.#sizes = { y: 0, y2: 0, right: 0 };
                 this.#plot.batch(() => this.#plot?.setSize({ width, height }));
@@ -148,14 +155,11 @@ export class AxesView {
             this.redraw();
             return;
         }
-        this.#key = key;
-        this.#plot?.destroy();
-        this.#plot = null;
-        const plot = new uPlot(this.#options(width, height), [[0, 1]], (made, begin) => {
-            this.chart.prepend(made.root);
-            begin();
-        });
+        if (!this.#next) return;
+        const { plot, begin } = this.#next;
+        this.#next = null;
         this.#plot = plot;
+        begin();
         plot.batch(() => {});
         // Above the grid, below cursor and selection.
         plot.over.prepend(this.canvas);
@@ -232,8 +236,22 @@ export class AxesView {
     }
 
     destroy() {
-        this.#plot?.destroy();
+        (this.#plot ?? this.#next?.plot)?.destroy();
         this.element.remove();
+    }
+
+    /** The plot and its legend. All legends have to be there before room is measured: those of axes
+     * beside these ones take of it, too. */
+    #make() {
+        (this.#plot ?? this.#next?.plot)?.destroy();
+        this.#plot = null;
+        /** @type {[number[], ...number[][]]} */
+        const columns = [[0, 1]];
+        new uPlot(this.#options(), columns, (plot, begin) => {
+            this.chart.prepend(plot.root);
+            this.#next = { plot, begin: () => begin() };
+            this.legend.moveTo(plot, columns);
+        });
     }
 
     /** The worker may bound a view: after a while what it draws is what is looked at. */
@@ -284,14 +302,19 @@ export class AxesView {
         this.#surroundings.onSize(this);
     }
 
-    /** @param {number} width @param {number} height @returns {uPlot.Options} */
-    #options(width, height) {
+    #room() {
+        const { clientWidth, clientHeight } = this.chart;
+        return { width: Math.max(80, clientWidth), height: Math.max(60, clientHeight) };
+    }
+
+    /** @returns {uPlot.Options} */
+    #options() {
         const { y2 } = this.description;
         return {
-            width,
-            height,
+            width: 0,
+            height: 0,
             pxAlign: 1,
-            legend: { show: false },
+            legend: this.legend.options,
             padding: [
                 10,
                 () => this.#rightPadding() + this.#extra.right,
@@ -307,6 +330,8 @@ export class AxesView {
             axes: [this.#axis("x"), this.#axis("y"), ...(y2 ? [this.#axis("y2")] : [])],
             cursor: this.#cursor(),
             hooks: {
+                init: [(_, options) => Object.assign(options, this.#room())],
+                setSeries: [(_, index) => this.legend.changed(index ?? 0)],
                 setSize: [() => this.#takeSize()],
                 setCursor: [() => this.#surroundings.onCursor(this)],
                 setSelect: [() => this.#surroundings.onSelect(this)],
@@ -318,7 +343,8 @@ export class AxesView {
     #cursor() {
         const { linkX } = this.description;
         return {
-            points: { show: false },
+            // Of those that it does not show uPlot could take none away again.
+            points: { show: () => make("div", { hidden: true }) },
             drag: { x: true, y: true, uni: 24, dist: 4, setScale: false },
             sync: {
                 key: linkX === null ? "" : `x ${linkX}`,

@@ -1,10 +1,15 @@
 // Colours of series, for both grounds: told apart by those who see colours less, too.
 
-/** A series without a colour of its own gets the next one. Each has a contrast of 3:1 and more
- * against the ground, and neighbours differ in lightness as well. */
+/**
+ * A series without a colour of its own gets the next one. Of each scheme's colours any two are at
+ * least 12 apart by CIEDE2000 (Sharma, Wu and Dalal, 2005), as they are and as they look without red
+ * or green (Viénot, Brettel and Mollon, 1999, and Machado, Oliveira and Fernandes, 2009, in full), and
+ * 10 without blue (Machado); by the same measure Okabe and Ito's eight reach 11.6. Each has a contrast
+ * of 3:1 and more against the ground. A test computes all that.
+ */
 const CYCLES = {
-    light: ["#0068ad", "#c65200", "#00755a", "#a8246f", "#5b8fd9", "#8a6a00", "#4b2f8f", "#6b7076"],
-    dark: ["#5ab4f0", "#f08b3c", "#2fc299", "#f09ac8", "#7c8dff", "#e3c64a", "#c3a6ff", "#a3a9b0"],
+    light: ["#0068ad", "#cd690a", "#399c78", "#941a4f", "#508af9", "#744f02", "#421986", "#6d747d"],
+    dark: ["#5ab4f0", "#d0601c", "#3ae6b0", "#d17c9b", "#687bff", "#e0c549", "#8b63a6", "#bfc6cf"],
 };
 
 /** The colour of a value that is not a number: in none of the colour maps. */

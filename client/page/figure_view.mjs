@@ -4,7 +4,6 @@ import { AxesView } from "./axes_view.mjs";
 import { Controls } from "./controls.mjs";
 import { make, setText } from "./dom.mjs";
 import { placeAxes } from "./layout.mjs";
-import { showLegend } from "./legend.mjs";
 import { Watch } from "./stale.mjs";
 import { ownNumber } from "./sides.mjs";
 import { makeToolbar } from "./toolbar.mjs";
@@ -16,7 +15,6 @@ import { makeToolbar } from "./toolbar.mjs";
  * @property {(view: AxesView) => void} onAxes there are new axes
  * @property {(view: AxesView) => void} onGone axes are gone
  * @property {(figure: FigureView, action: string) => void} onAction
- * @property {(series: number, visible: boolean) => void} onVisible
  * @property {import("./controls.mjs").OnControl} onControl
  */
 
@@ -37,6 +35,8 @@ export class FigureView {
     #axesSurroundings;
     /** The axes that the toolbar acts on. */
     #current = 0;
+    /** Whether the next place that somebody points at gets into the middle. */
+    isCentring = false;
     /** Axes by the column of the grid. @type {AxesView[][]} */
     #columns = [];
 
@@ -72,7 +72,6 @@ export class FigureView {
         for (const axes of description.axes) {
             const view = this.axes.get(axes.id) ?? this.#add(axes);
             view.describe(axes);
-            showLegend(view.legend, axes, this.#surroundings.onVisible);
         }
     }
 
@@ -124,6 +123,14 @@ export class FigureView {
         this.element.classList.toggle("is-away", isAway);
         const follow = this.element.querySelector("[data-action=follow]");
         follow?.setAttribute("aria-pressed", String(this.current?.isFollowing ?? false));
+    }
+
+    /** @param {boolean} isCentring */
+    setCentring(isCentring) {
+        if (this.isCentring === isCentring) return;
+        this.isCentring = isCentring;
+        const button = this.element.querySelector("[data-action=center]");
+        button?.setAttribute("aria-pressed", String(isCentring));
     }
 
     destroy() {

@@ -13,6 +13,8 @@ import { momentText, numberText } from "./ticks.mjs";
 const MOST_ROWS = 12;
 /** Of what is shown, that a value is written with. */
 const RESOLUTION = 1e4;
+/** Of that, what is left of 0 by zooming there and back. */
+const ROUNDED = 1e-6;
 
 /** A value of an axis, as exactly as it can be told apart there. @param {AxesView} view
  * @param {Which} which @param {number} value */
@@ -20,6 +22,7 @@ export function valueText(view, which, value) {
     const [low, high] = view.shown[which] ?? [0, 1];
     const step = (high - low) / RESOLUTION;
     if (view.scaleOf(which) === "time") return momentText(value, step);
+    if (view.scaleOf(which) === "linear" && Math.abs(value) < ROUNDED * step) return "0";
     const largest = Math.max(Math.abs(value), Math.abs(low), Math.abs(high));
     const digits = view.scaleOf(which) === "log" ? 5 : Math.ceil(Math.log10(largest / step));
     return numberText(value, Math.max(3, Math.min(16, digits)));
@@ -91,8 +94,7 @@ export class Crosshair {
     }
 
     get isShown() {
-        const { plot } = this.#view;
-        return Number(plot.cursor.left) >= 0;
+        return this.#view.isLaidOut && Number(this.#view.plot.cursor.left) >= 0;
     }
 
     /** The crosshair has moved, or the data have changed. Only who moves it is told in words.

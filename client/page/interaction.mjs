@@ -25,6 +25,8 @@ const NEAR = 12;
 const REACH = 40;
 /** Milliseconds after which it is looked again what lies at a crosshair. */
 const LOOK_EVERY = 100;
+/** Milliseconds after which axes that show something else are named anew. */
+const NAME_EVERY = 1000;
 /** Milliseconds between two values that are said. */
 const SAY_EVERY = 800;
 
@@ -41,6 +43,8 @@ export class Interaction {
     #active = null;
     /** Whether the engine listens to keys: if not, they stay the browser's. */
     engineListens = false;
+    /** Whether axes may show something else than their names say. */
+    #isNamedLate = false;
     #wantsSay = "";
     #sayTimer = 0;
 
@@ -54,6 +58,7 @@ export class Interaction {
         this.#say = say;
         this.#actions = actions;
         setInterval(() => this.#lookAgain(), LOOK_EVERY);
+        setInterval(() => this.#nameAgain(), NAME_EVERY);
     }
 
     /** @param {FigureView} figure @param {AxesView} view */
@@ -68,17 +73,14 @@ export class Interaction {
         chart.setAttribute("role", "application");
         chart.setAttribute("aria-roledescription", "plot");
         chart.addEventListener("keydown", (event) => this.#key(event, view));
-        const nameIt = () => {
-            chart.ariaLabel = spokenName(view, figure.description.title, valueText);
-        };
-        nameIt();
+        this.#name(view);
         const isHere = () => {
             this.#active = view;
             figure.setCurrent(view);
         };
         element.addEventListener("focusin", () => {
             isHere();
-            nameIt();
+            this.#name(view);
         });
         element.addEventListener("pointerenter", isHere);
         chart.addEventListener("blur", () => {
@@ -101,6 +103,25 @@ export class Interaction {
         const known = this.#known.get(view);
         known?.crosshair.refresh(view === this.#active);
         known?.selection.extend();
+    }
+
+    /** What axes show is, or may be, something else. */
+    changed() {
+        this.#isNamedLate = true;
+    }
+
+    /** Not with each frame: that would cost more than it tells. */
+    #nameAgain() {
+        if (!this.#isNamedLate) return;
+        this.#isNamedLate = false;
+        for (const view of this.#known.keys()) this.#name(view);
+    }
+
+    /** @param {AxesView} view */
+    #name(view) {
+        const title = this.#known.get(view)?.figure.description.title ?? "";
+        const name = spokenName(view, title, valueText);
+        if (view.chart.ariaLabel !== name) view.chart.ariaLabel = name;
     }
 
     /** What lies at the crosshairs may be another now. */
@@ -127,14 +148,30 @@ export class Interaction {
     pageKey(event) {
         const { target } = event;
         if (event.defaultPrevented || document.querySelector("dialog")) return;
-        if (target instanceof Element && target.closest("input, select, button, textarea")) return;
         const meaning = meaningOf(event);
-        if (meaning?.do === "help") showKeys();
-        else if (meaning?.do === "pause") event.repeat || this.#actions.pause();
+        if (meaning?.do === "leave") this.#leave();
+        const at = target instanceof Element ? target : document.body;
+        if (at.closest("input, select, textarea")) return;
+        // A button is pressed by it.
+        if (meaning?.do === "pause" && !at.closest("button")) event.repeat || this.#actions.pause();
+        // Who speaks to the browser must do nothing by a letter.
+        else if (!at.closest(".figure")) return;
+        else if (meaning?.do === "help") showKeys();
         else if (meaning?.do === "engine" && this.engineListens) {
             this.#worker.post({ kind: "key", key: meaning.key, axes: null });
         } else return;
         event.preventDefault();
+    }
+
+    /** Puts away what lies over the figures; if nothing does, no figure fills the window any more. */
+    #leave() {
+        const known = [...this.#known.values()];
+        const shown = known.filter(({ crosshair }) => crosshair.isShown);
+        for (const { crosshair } of shown) crosshair.leave();
+        for (const { figure } of known) {
+            figure.setCentring(false);
+            if (shown.length === 0) figure.element.classList.remove("full");
+        }
     }
 
     /** Something of the toolbar's. @param {FigureView} figure @param {string} action
@@ -145,6 +182,7 @@ export class Interaction {
         const both = { x: true, y: true };
         if (action === "zoomIn") this.#zoom(view, true, both);
         else if (action === "zoomOut") this.#zoom(view, false, both);
+        else if (action === "center") this.#center(figure, view, crosshair?.place ?? null);
         else if (action === "home") {
             for (const one of figure.axes.values()) if (!one.isHome) this.#look(one, homeView());
         } else if (action === "follow") this.#follow(view);
@@ -164,10 +202,8 @@ export class Interaction {
         else if (meaning.do === "move") this.#look(view, movedView(view, meaning));
         else if (meaning.do === "zoom") this.#zoom(view, meaning.isCloser, meaning);
         else if (meaning.do === "mark") this.#mark(view);
-        else if (meaning.do === "pick") this.#pickAt(view, crosshair.place);
+        else if (meaning.do === "pick") this.#point(view, crosshair.place);
         else if (meaning.do === "leave" && selection.isBegun) selection.forget();
-        else if (meaning.do === "leave" && crosshair.isShown) crosshair.leave();
-        else if (meaning.do === "leave") figure.element.classList.remove("full");
         else if (meaning.do === "action") this.act(figure, meaning.action, view);
         // Only here: who speaks to the browser must not begin a recording by a letter.
         else if (meaning.do === "record") event.repeat || this.#actions.record();
@@ -240,9 +276,25 @@ export class Interaction {
             const isInside = place.x >= 0 && place.x <= 1 && place.y >= 0 && place.y <= 1;
             // The second click of a double click is on the way home.
             if (far <= CLICK && isInside && !event.shiftKey && event.detail < 2) {
-                this.#pickAt(view, place);
+                this.#point(view, place);
             }
         });
+    }
+
+    /** Somebody points at a place. @param {AxesView} view @param {{x: number, y: number} | null} place */
+    #point(view, place) {
+        const figure = this.#known.get(view)?.figure;
+        if (figure?.isCentring && place) this.#center(figure, view, place);
+        else void this.#pickAt(view, place);
+    }
+
+    /** Moves the picture without a drag: a place gets into the middle, if there is none the next one
+     * that somebody points at.
+     * @param {FigureView} figure @param {AxesView} view @param {{x: number, y: number} | null} place */
+    #center(figure, view, place) {
+        figure.setCentring(!place && !figure.isCentring);
+        if (place) this.#look(view, movedView(view, { x: place.x - 0.5, y: place.y - 0.5 }));
+        else if (figure.isCentring) this.#say("Click what is to be in the middle");
     }
 
     /** @param {AxesView} view @param {{x: number, y: number} | null} place from 0 to 1 */

@@ -86,6 +86,8 @@ const POINTER = [
     ["Shift + drag, middle button", "Move the picture"],
     ["Two fingers", "Zoom"],
     ["One finger sideways", "Move the picture"],
+    ["m, then a click", "Centre what is clicked"],
+    ["A name in the legend", "Hide or show the series; with Ctrl only this one, and then all"],
     ["Double click", "Home"],
     ["Click", "Pick, where the engine wants it"],
 ];
@@ -108,7 +110,7 @@ export function showKeys() {
     const note = make(
         "p",
         {},
-        "They hold where a figure’s axes have the focus, those of a recording also on its time line. Other keys go to an engine that listens to them.",
+        "They hold where a figure’s axes have the focus, those of a recording also on its time line. Space and Escape hold everywhere; ? holds in the whole figure, as do other keys, which go to an engine that listens to them.",
     );
     dialog.append(
         note,

@@ -27,6 +27,17 @@ const ROOM_ABOVE = 1.05;
  * of those that it shows takes at most, and they go beyond it. */
 const USUAL = 95;
 const ROOM_FOR_UNUSUAL = 3;
+/** How many bars keys go on. @type {Record<string, number>} */
+const STEPS = {
+    ArrowLeft: -1,
+    ArrowDown: -1,
+    ArrowRight: 1,
+    ArrowUp: 1,
+    PageDown: -10,
+    PageUp: 10,
+    Home: -Infinity,
+    End: Infinity,
+};
 /** Of a late frame's line, in CSS pixels. */
 const DASH = 4;
 
@@ -68,7 +79,11 @@ export function notesOf(latency, isReplay, clock = null) {
         notes.push("The way back is in an engine’s recording; a page does not learn of it.");
     }
     if (late.length > 0) notes.push("A dashed line: a frame that was late.");
-    if (isReplay) notes.push("A click into the picture goes to that frame.");
+    if (isReplay) {
+        notes.push(
+            "A click into the picture goes to that frame; so do the arrow keys, and then Enter.",
+        );
+    }
     return notes.join(" ");
 }
 
@@ -89,6 +104,10 @@ export class LatencyPanel {
      * @type {{latency: Latency, total: number, clock: Clock | null} | null} */
     #shown = null;
     #isReplay = false;
+    /** A recording's moment that was chosen in the picture. */
+    #chosen = 0;
+    /** The moments of the bars, and what their frames took. @type {{time: number[], whole: number[]}} */
+    #bars = { time: [], whole: [] };
     /** @type {ReturnType<typeof setTimeout> | undefined} */
     #timer;
 
@@ -101,12 +120,14 @@ export class LatencyPanel {
         this.#seek = seek;
         colors.whenChanged(() => this.#show());
         new ResizeObserver(() => this.#draw()).observe(this.#picture);
+        this.#picture.addEventListener("keydown", (event) => this.#key(event));
     }
 
     /** @param {boolean} isReplay of a recording */
     open(isReplay) {
         this.#isReplay = isReplay;
         this.#shown = null;
+        this.#chosen = 0;
         const dialog = openDialog("Latency");
         dialog.classList.add("latency");
         dialog.append(this.#picture, this.#beyond, this.#table, this.#notes);
@@ -183,15 +204,48 @@ export class LatencyPanel {
         this.#beyond.hidden = whole.every((one) => one <= top);
         const options = { width, height, ...this.#options(sums.length, top, late) };
         const plot = new uPlot(options, [time.map(secondsOf), ...sums.reverse()], this.#picture);
-        this.#picture.role = "img";
         this.#picture.ariaLabel = `What frames took, over the time; the slowest ones. ${late.length} late.`;
-        if (this.#isReplay) {
-            plot.over.addEventListener("click", ({ offsetX }) => {
-                this.close();
-                this.#seek(time[plot.posToIdx(offsetX)] ?? 0);
-            });
-        }
+        this.#picture.role = this.#isReplay ? "slider" : "img";
+        this.#picture.tabIndex = this.#isReplay ? 0 : -1;
         this.#plot = plot;
+        this.#bars = { time, whole };
+        if (!this.#isReplay) return;
+        plot.over.addEventListener("click", ({ offsetX }) => this.#go(plot.posToIdx(offsetX)));
+        // Where its bars lie it knows once it has drawn.
+        plot.batch(() => {});
+        this.#choose(time.filter((at) => at <= this.#chosen).length - 1);
+    }
+
+    /** Marks a bar. @param {number} bar */
+    #choose(bar) {
+        const plot = this.#plot;
+        const { time, whole } = this.#bars;
+        const last = time.length - 1;
+        if (last < 0) return;
+        const index = Math.min(Math.max(bar, 0), last);
+        this.#chosen = time[index];
+        plot?.setCursor({ left: plot.valToPos(plot.data[0][index], "x"), top: 0 });
+        const said = `${numberText(time[index] / MS_PER_S)} s: ${timeText(whole[index])} ms`;
+        const values = { valuemin: 0, valuemax: last, valuenow: index, valuetext: said };
+        for (const [name, value] of Object.entries(values)) {
+            this.#picture.setAttribute(`aria-${name}`, String(value));
+        }
+    }
+
+    /** @param {number} bar whose frame is to be seen */
+    #go(bar) {
+        this.close();
+        this.#seek(this.#bars.time[bar] ?? 0);
+    }
+
+    /** @param {KeyboardEvent} event */
+    #key(event) {
+        const step = STEPS[event.key];
+        if (!this.#isReplay || (!step && event.key !== "Enter")) return;
+        const bar = this.#bars.time.indexOf(this.#chosen);
+        if (step) this.#choose(bar + step);
+        else this.#go(bar);
+        event.preventDefault();
     }
 
     /** @param {number} count of parts @param {number} top milliseconds @param {number[]} late seconds
@@ -214,7 +268,12 @@ export class LatencyPanel {
         const of = this.#isReplay ? "of the recording" : "before the newest frame";
         return {
             legend: { show: false },
-            cursor: { show: false },
+            cursor: {
+                show: this.#isReplay,
+                y: false,
+                points: { show: false },
+                drag: { x: false, y: false },
+            },
             padding: [8, 8, 0, 0],
             scales: {
                 x: { time: false },
@@ -225,7 +284,12 @@ export class LatencyPanel {
                 { ...axis, label: "Milliseconds", size: (_, texts) => widest(texts) },
             ],
             // The whole first, so that what is a part of it lies upon it.
-            series: [{}, ...parts.map((fill) => ({ fill, width: 0, paths: BARS })).reverse()],
+            series: [
+                {},
+                ...parts
+                    .map((fill) => ({ fill, width: 0, paths: BARS, points: { show: false } }))
+                    .reverse(),
+            ],
             hooks: { draw: [(plot) => drawLate(plot, late, colors.get("text"))] },
         };
     }

@@ -142,8 +142,8 @@ class Page {
 
     /** Files that somebody gives the page. @param {File[]} files */
     #given(files) {
-        const isBeside = files.length === 1 && this.#files.length === 1;
-        if (isBeside) askPlace(files[0], this.#files[0], (all) => this.open(all));
+        const isOneMore = files.length === 1 && this.#isReplay;
+        if (isOneMore) askPlace(files[0], this.#files, (all) => this.open(all));
         else this.open(files);
     }
 
@@ -328,6 +328,7 @@ class Page {
         if (shape !== this.#shape) this.#layOut();
         else for (const view of this.#axes()) view.redraw();
         this.#shape = shape;
+        this.interaction.changed();
         this.#showStale();
     }
 
@@ -342,8 +343,6 @@ class Page {
                 },
                 onGone: (axes) => this.#forget(axes),
                 onAction: (figure, action) => this.interaction.act(figure, action),
-                onVisible: (series, visible) =>
-                    this.worker.post({ kind: "visible", series, visible }),
                 onControl: (id, value) => this.worker.post({ kind: "control", id, value }),
             },
             {
@@ -351,6 +350,8 @@ class Page {
                 onSize: (axes) => this.#sized(axes),
                 onCursor: (axes) => this.interaction.cursorMoved(axes),
                 onSelect: (axes) => this.interaction.selected(axes),
+                onVisible: (series, visible) =>
+                    this.worker.post({ kind: "visible", series, visible }),
             },
         );
         this.figures.set(description.id, view);
@@ -428,6 +429,7 @@ class Page {
 
     /** Shows the limits that were drawn. @param {Extract<ToMain, {kind: "frame"}>} frame */
     #follow({ limits: drawn, colors }) {
+        this.interaction.changed();
         for (const view of this.#axes()) {
             const limits = drawn[view.description.id];
             if (limits) view.setDrawn(limits);
@@ -445,12 +447,16 @@ class Page {
     #showStale() {
         const now = Date.now();
         const last = this.#isPaused || this.#isReplay ? 0 : (this.statistics?.news ?? 0);
-        for (const { element, stale, watch } of this.figures.values()) {
+        const said = [];
+        for (const { element, heading, stale, watch } of this.figures.values()) {
             const since = watch.staleSince(now, this.#isLive, last);
             element.classList.toggle("is-stale", since !== null);
+            const text = since === null ? "" : staleText(since, now);
+            if (since !== null && stale.hidden) said.push(`${heading.textContent}: ${text}`);
             stale.hidden = since === null;
-            stale.textContent = since === null ? "" : staleText(since, now);
+            stale.textContent = text;
         }
+        if (said.length > 0) this.#say(said.join("; "));
     }
 
     /** For those who do not see it. @param {string} text */

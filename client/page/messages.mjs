@@ -187,8 +187,8 @@
  *
  * - `ask`: what only the main thread can find out: `Access.token()` and `Access.isServed()`.
  * - `hello`: the connection is live; "known": this page can read the engine's vocabulary.
- * - `scene`: everything but the data, whenever something of it has changed, at most once a frame;
- *   "keys": whether the engine listens to them.
+ * - `scene`: everything but the data, whenever something of it besides limits has changed, at most
+ *   once a frame; "keys": whether the engine listens to them.
  * - `frame`: what the canvases now show has these limits, by axes, and these limits of colours, by
  *   series; all that there are. Sent when one of them, or the scene, is another one than before.
  * - `statistics`, twice a second: frames painted since the last ones; the median of the

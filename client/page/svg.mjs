@@ -123,10 +123,10 @@ export class FigureDrawing {
     }
 
     /** @param {AxesView} view */
-    #legend({ legend }) {
-        if (legend.hidden) return "";
+    #legend({ legend: { element } }) {
+        if (element.hidden) return "";
         const shown = /** @type {NodeListOf<HTMLElement>} */ (
-            legend.querySelectorAll("[aria-pressed=true]")
+            element.querySelectorAll("[aria-pressed=true]")
         );
         const entries = [...shown].map((button) => {
             const { left, top, width, height } = this.boxOf(button);

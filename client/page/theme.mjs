@@ -18,6 +18,8 @@ export class Colors {
 
     constructor() {
         this.#probe.hidden = true;
+        // Or what is mixed from colours that somebody forces, as the grid's is, would be the text's.
+        this.#probe.style.forcedColorAdjust = "none";
         document.body.append(this.#probe);
     }
 

@@ -16,6 +16,11 @@ export const ACTIONS = {
         key: "-",
         icon: "M7 2.5a4.5 4.5 0 1 0 0 9 4.5 4.5 0 0 0 0-9ZM10.3 10.3 14 14M5 7h4",
     },
+    center: {
+        name: "Move: centre what is clicked",
+        key: "m",
+        icon: "M8 1.5v3.5M8 11v3.5M1.5 8H5M11 8h3.5M8 6.5v3M6.5 8h3",
+    },
     home: {
         name: "Home: the engine’s limits",
         key: "0",

@@ -208,7 +208,9 @@ void Recording::addFrame(const Scene& scene, const Outlet& outlet, Time now) {
 }
 
 bool Recording::isSnapshotDue(Time now) const noexcept {
-    // Never more than what it spares, so that a file is at most twice what has travelled.
+    // Not before as much was sent as the last one takes, so that a file is about twice what has
+    // travelled, at most three times: where a scene grows, the new one is as large as both. To wait
+    // for the new one's size would leave such a scene without any.
     return fBytesSince >= fWholeBytes &&
            (fBytesSince >= kSnapshotBytes || now - fWholeTime >= kSnapshotPeriod);
 }

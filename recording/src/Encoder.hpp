@@ -20,7 +20,7 @@ class Encoder {
         number(opcode);
         number(std::uint64_t{0});
     }
-    ~Encoder() { setLength(fBegin - sizeof(std::uint64_t), fOut.size() - fBegin); }
+    ~Encoder() { setLength(fBegin - sizeof(std::uint64_t), fOut.size() - fBegin + fApart); }
     Encoder(const Encoder&) = delete;
     Encoder& operator=(const Encoder&) = delete;
 
@@ -39,6 +39,8 @@ class Encoder {
         fOut.append(bytes);
         return *this;
     }
+    /// So many bytes more, which are not in the text.
+    void apart(std::size_t bytes) { fApart = bytes; }
     /// An array or a map of so many bytes.
     Encoder& length(std::size_t bytes) { return number(static_cast<std::uint32_t>(bytes)); }
 
@@ -49,6 +51,7 @@ class Encoder {
 
     std::string& fOut;
     const std::size_t fBegin;
+    std::size_t fApart = 0;
 };
 
 }  // namespace kirorecording

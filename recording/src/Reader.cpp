@@ -49,6 +49,11 @@ ChunkHead headOf(const Source& source, std::uint64_t offset, std::uint64_t lengt
     return found;
 }
 
+/// 0 stands for none in the format. What nobody can check is not handed out.
+std::string mismatch(const char* what, std::uint32_t said) {
+    return std::string("the ") + what + (said == 0 ? " has no checksum" : "'s checksum is wrong");
+}
+
 bool isSame(const ChunkInfo& one, const ChunkInfo& other) {
     return one.first == other.first && one.last == other.last && one.size == other.size &&
            one.compression == other.compression && one.compressedSize == other.compressedSize;
@@ -136,7 +141,7 @@ bool Reader::readIndex() {
     const std::uint64_t footer = size - kMagic.size() - kFooterSize;
     const auto end = fSource.read(footer, kFooterSize + kMagic.size());
     if (!end.ends_with(kMagic)) return false;
-    const auto damaged = [&](const char* what) {
+    const auto damaged = [&](const std::string& what) {
         fDamage.emplace(fSource.name(), footer, what);
         return false;
     };
@@ -153,7 +158,7 @@ bool Reader::readIndex() {
     if (footer - begin > fLimits.index) return damaged("the index is too large");
     const auto summary = fSource.read(begin, footer - begin);
     const std::string_view covered(end.data(), kFooterSize - sizeof crc);
-    if (crcOf(covered, crcOf(summary)) != crc) return damaged("the index's checksum is wrong");
+    if (crcOf(covered, crcOf(summary)) != crc) return damaged(mismatch("index", crc));
     try {
         readSummary(summary);
         return true;
@@ -311,7 +316,7 @@ std::string Reader::records(const ChunkInfo& info) const {
         fail(info.offset, "the chunk's compression is none that is known here");
     }
     if (body.size() != info.size || crcOf(body) != head.crc) {
-        fail(info.offset, "the chunk's checksum is wrong");
+        fail(info.offset, mismatch("chunk", head.crc));
     }
     return body;
 }

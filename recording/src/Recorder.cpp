@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -64,6 +65,7 @@ class Recorder::Impl {
     /// Takes nothing more. The first cause is the one that counts; none: it was asked to end.
     void endLocked(std::string cause) noexcept REQUIRES_LOCK(fMutex);
     void end(std::string cause) noexcept;
+    void endBy(const std::exception& error) noexcept;
 
     const RecorderOptions fOptions;
     const std::size_t fWakeAt =
@@ -155,6 +157,14 @@ void Recorder::Impl::end(std::string cause) noexcept {
     endLocked(std::move(cause));
 }
 
+void Recorder::Impl::endBy(const std::exception& error) noexcept {
+    try {
+        end(error.what());
+    } catch (const std::bad_alloc&) {
+        end(kNoMemory);
+    }
+}
+
 void Recorder::Impl::fail(std::string cause) noexcept {
     end(std::move(cause));
     fChanged.notify_one();
@@ -174,23 +184,22 @@ void Recorder::Impl::run() noexcept {
     try {
         record();
     } catch (const std::exception& error) {
-        end(error.what());
+        endBy(error);
         try {
             fWriter.closeEarly();
         } catch (const std::exception&) {  // it is read up to its last whole chunk
         }
     }
     fBytes = fWriter.size();
-    std::string cause;
     {
         const annotated::Lock lock(fMutex);
         fQueue = {};
         fHeld = 0;
-        cause = fCause;
     }
     try {
+        const auto cause = status().cause;
         if (!cause.empty()) fOptions.onFailure(cause);
-    } catch (...) {  // there is nobody left to tell
+    } catch (...) {  // there is nobody left to tell, or no memory to do it with
     }
 }
 

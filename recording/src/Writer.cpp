@@ -67,17 +67,29 @@ void Writer::write(std::uint16_t channel, std::uint64_t time, std::string_view d
     KIROWEB_REQUIRE(data.size() <= kMostBytes);
     if (fChunk.indexes.empty()) fChunk.since = time;
     fChunk.indexes[channel].emplace_back(time, fChunk.records.size());
-    Encoder(fChunk.records, op::kMessage)
-        .number(channel)
-        .number(fSequences[channel - 1U]++)
-        .number(time)
-        .number(time)
-        .raw(data);
-    if (fChunk.records.size() >= fOptions.chunkSize) flush();
+    // What fills a chunk by itself needs no copy, unless the chunk is compressed as a whole.
+    const bool isApart = !fOptions.compresses && data.size() >= fOptions.chunkSize;
+    {
+        Encoder message(fChunk.records, op::kMessage);
+        message.number(channel).number(fSequences[channel - 1U]++).number(time).number(time);
+        if (isApart) {
+            message.apart(data.size());
+        } else {
+            message.raw(data);
+        }
+    }
+    if (isApart) {
+        endChunk(data);
+    } else if (fChunk.records.size() >= fOptions.chunkSize) {
+        flush();
+    }
 }
 
 void Writer::flush() {
-    if (fChunk.records.empty()) return;
+    if (!fChunk.records.empty()) endChunk({});
+}
+
+void Writer::endChunk(std::string_view rest) {
     const std::string packed = fOptions.compresses ? compressed(fChunk.records) : std::string();
     const std::string_view body = fOptions.compresses ? packed : fChunk.records;
     ChunkInfo info;
@@ -89,8 +101,8 @@ void Writer::flush() {
     }
     info.offset = fOffset;
     info.compression = fOptions.compresses ? kZstd : std::string_view();
-    info.compressedSize = body.size();
-    info.size = fChunk.records.size();
+    info.compressedSize = body.size() + rest.size();
+    info.size = fChunk.records.size() + rest.size();
     // What can fail comes before the chunk counts as whole.
     for (const auto& [channel, index] : fChunk.indexes) fMessages.try_emplace(channel, 0);
     std::string head;
@@ -98,14 +110,15 @@ void Writer::flush() {
         .number(info.first)
         .number(info.last)
         .number(info.size)
-        .number(crcOf(fChunk.records))
+        .number(crcOf(rest, crcOf(fChunk.records)))
         .text(info.compression)
         .number(info.compressedSize);
     // The body does not go through the encoder, which would copy it: the length is set here.
-    const std::uint64_t length = head.size() - kRecordHead + body.size();
+    const std::uint64_t length = head.size() - kRecordHead + info.compressedSize;
     std::memcpy(head.data() + 1, &length, sizeof length);
     put(head);
     put(body);
+    if (!rest.empty()) put(rest);
     info.length = fOffset - info.offset;
     putIndexes(info);
     fChunks.push_back(std::move(info));

@@ -46,7 +46,11 @@ class Output {
     explicit Output(Sink& sink) : fWriter(sink) {
         for (const auto& channel : runChannels()) fWriter.add(channel);
     }
+    /// Throws WrongText for what a reader takes and a writer does not.
     void write(Topic topic, std::uint64_t time, std::string_view data) {
+        if (data.size() > Writer::kMostBytes) {
+            throw WrongText{"a message that is larger than 120 MiB"};
+        }
         if (fBegin == 0) fBegin = time;
         fWriter.write(static_cast<std::uint16_t>(topic), time, data);
         fLast = time;

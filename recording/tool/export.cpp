@@ -171,9 +171,11 @@ Cut recordingFor(const Recording& run, const Options& options, const Range& rang
         return cut(run, range, most);
     } catch (const TooLarge&) {
         if (!options.most) {
-            throw std::runtime_error(options.file +
-                                     ": more than the 256 MiB that a page can hold; what helps is "
-                                     "--from and --to, or --most");
+            throw std::runtime_error(
+                options.file +
+                (options.png ? ": that frame takes more than the 256 MiB that a page can hold"
+                             : ": more than the 256 MiB that a page can hold; what helps is "
+                               "--from and --to, or --most"));
         }
     }
     try {

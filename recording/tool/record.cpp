@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <boost/program_options.hpp>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Draft.hpp"
@@ -129,13 +131,15 @@ Status repairFile(const std::string& file, const std::string& output) {
     // Beside it, so that nothing is lost when this ends early, and nothing is read from what is
     // just being written.
     const FileSource source(file);
-    if (output.empty() && source.isBeingWritten()) {
+    std::error_code none;
+    const bool isInPlace = output.empty() || std::filesystem::equivalent(file, output, none);
+    if (isInPlace && source.isBeingWritten()) {
         throw std::runtime_error(file + ": somebody is writing it; -o makes another file of it");
     }
     Draft draft(target);
     FileSink sink(draft.path(), target);
     const Repaired repaired = repair(source, sink);
-    if (!repaired.damage && output.empty()) {
+    if (!repaired.damage && isInPlace) {
         print(file + ": is whole\n");
         return kGood;
     }

@@ -65,6 +65,11 @@ test("Blocks come whole or in pieces, and each is answered", async () => {
     peer.socket.terminate();
     peer = await fixture.peer({ kind: "return" });
     assert.deepEqual([peer.hello.last, peer.hello.refused], [11, [5, 6, 7, 10]]);
+    for (let i = 0; i < 1024; ++i) peer.piece(20, 12 + i, [66]); // more than are remembered
+    await fixture.settled(peer, 1036, "many");
+    peer.socket.terminate();
+    peer = await fixture.peer({ kind: "return" });
+    assert.deepEqual([peer.hello.refused.length, peer.hello.refused[0]], [1024, 12]);
     peer.socket.close(4003, "too slow");
     (await fixture.peer()).socket.terminate();
     assert.deepEqual((await fixture.peer({ kind: "return" })).hello.refused, []);

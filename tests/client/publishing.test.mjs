@@ -55,7 +55,7 @@ test("What a page says by itself is what any gateway takes", async () => {
 test("What is published before the connection is there comes in frames that the gateway takes", async () => {
     fixture.begin({ queueSize: 10_000 });
     const { page, heard } = fixture;
-    assert.equal(page.publish("/r", CONTROL.repeat(900_000)), false);
+    assert.equal(page.publish("/r", CONTROL.repeat(9_000)), false); // as JSON it is more
     assert.equal(page.publish("/r", CONTROL.repeat(100)), true);
     for (let i = 0; i < 20; ++i) page.publish("/r", `message ${i} ${CONTROL.repeat(20)}`);
     const peer = await fixture.peer({ limits: { message: 500 } });
@@ -119,6 +119,11 @@ test("Channels come from the configuration, and the view is announced when they 
     assert.deepEqual((await peer.next("subscribe")).channels, ["/c"]);
     assert.deepEqual((await peer.next("unsubscribe")).channels, ["/a"]);
     assert.equal((await peer.next("publish")).text, '{"kind":"first","client":"page"}');
+});
+
+test("Numbers that JSON does not know are read, and texts that look like them stay", () => {
+    assert.deepEqual(readJson('{"a":NaN,"b":"NaN \\" NaN"}'), { a: NaN, b: 'NaN " NaN' });
+    assert.deepEqual(readJson("[Infinity,-Infinity]"), [Infinity, -Infinity]);
 });
 
 test("A token does not go back when something before it could not be read, and the engine hears why", async () => {

@@ -9,7 +9,7 @@ import { after, test } from "node:test";
 
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
 import { commandsOf } from "../../client/page/recording/following.mjs";
-import { Decoder } from "../../client/page/recording/format.mjs";
+import { Decoder, Encoder, crcOf } from "../../client/page/recording/format.mjs";
 import { textOf } from "../../client/page/recording/json.mjs";
 import { Reader, RecordingError } from "../../client/page/recording/reader.mjs";
 import { Recorder } from "../../client/page/recording/recorder.mjs";
@@ -206,12 +206,13 @@ test("A gap is found without an index, and no more memory is asked for than the 
 
     const bytes = await write([10, 20], 1000);
     const [{ offset }] = (await open(bytes)).chunks;
-    const [LENGTH_AT, FIRST_AT, SIZE_AT] = [1, 9, 9 + 16];
+    const [LENGTH_AT, FIRST_AT, SIZE_AT, CRC_AT] = [1, 9, 9 + 16, 9 + 24];
     for (const [at, value, limits, reason] of [
         [LENGTH_AT, 2n ** 40n, {}, /ends within a record/],
         [LENGTH_AT, 2n ** 63n, {}, /beyond all files/],
         [FIRST_AT, 2n ** 63n, {}, /does not fit its chunk/],
         [SIZE_AT, 2n ** 40n, { chunk: 5000 }, /larger than 5000 bytes/],
+        [CRC_AT, 0n, {}, /the chunk has no checksum/],
         [null, 0n, { index: 100 }, /too much about channels/],
         [null, 0n, { chunks: 0 }, /too many chunks/],
         [null, 0n, { chunk: 100 }, /larger than 100 bytes/],
@@ -226,6 +227,17 @@ test("A gap is found without an index, and no more memory is asked for than the 
         if (at !== null) assert.equal(met.offset, offset);
         assert.ok(most <= bytes.length);
     }
+
+    // An index that is sealed, by whoever means harm.
+    const changed = Buffer.from(await write(Array(40).fill(300), 2000));
+    const place = changed.lastIndexOf(new Encoder().u64(second.offset).bytes);
+    changed.writeBigUInt64LE(BigInt(chunks[0].offset + 1), place);
+    const last = changed.length - 12;
+    const summary = Number(changed.readBigUInt64LE(last - 16));
+    changed.writeUInt32LE(crcOf(changed.subarray(summary, last)), last);
+    const nested = await open(changed);
+    assert.match(nested.damage.message, /the index names chunks that lie in each other/);
+    assert.equal((await messagesOf(nested)).length, 40);
 });
 
 /** The messages of a recording by their topics: texts read, others as they are. */

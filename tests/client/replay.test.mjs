@@ -3,6 +3,8 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 import { isDeepStrictEqual } from "node:util";
 
+import { Encoder } from "../../client/page/recording/format.mjs";
+import { Following, commandsOf } from "../../client/page/recording/following.mjs";
 import { Chunks } from "../../client/page/recording/chunks.mjs";
 import { CHANNELS } from "../../client/page/recording/channels.mjs";
 import { textOf } from "../../client/page/recording/json.mjs";
@@ -18,7 +20,7 @@ import { Latencies } from "../../client/page/worker/latencies.mjs";
 import { SIDE, linkedView, ownNumber, sideOf } from "../../client/page/sides.mjs";
 import { Scene } from "../../client/page/worker/scene.mjs";
 import { Random } from "./figures/support/random.mjs";
-import { contentOf, encode } from "./figures/support/scenes.mjs";
+import { Builder, contentOf, encode } from "./figures/support/scenes.mjs";
 import { bytesOf, messagesOf, open, sourceOf } from "./support/recordings.mjs";
 
 /** An engine that draws by chance, and a page's recorder that is told of it. */
@@ -357,10 +359,7 @@ test("The next error, late or failed frame is found, and marked on the time line
     // Not the failed one, nor the last, which has no token.
     assert.deepEqual([latencies.total, Math.floor(stretch)], [38, first[0][2]]);
     const stamps = [9, 10].map((i) => [clientReceive[i], clientSend[i]]);
-    assert.deepEqual(stamps, [
-        [3, 7],
-        [0, 0],
-    ]);
+    assert.deepEqual(stamps.flat(), [3, 7, 0, 0]);
 
     // Of two recordings it is said whose it is.
     const { run, bytes: calm } = await recorded(60);
@@ -387,7 +386,10 @@ test("Where a file is damaged it says so, and shows what is not", async () => {
     const before = stage.chunks.timeOf(chunks[bad - 1].first);
     const behind = stage.chunks.timeOf(chunks[bad + 1].first);
     await stage.do(() => player.seek(before));
+    // Whoever asked has gone ahead there: they are told where they still are.
+    stage.moments.length = 0;
     await stage.do(() => player.seek(behind));
+    assert.deepEqual([stage.moment?.time, errors.length], [before, 1]);
     await stage.do(() => player.play(Infinity));
     assert.ok(errors.length >= 2);
     for (const error of errors) {
@@ -527,6 +529,68 @@ test("What is no run shows nothing, and says why", async () => {
     const stage = await Stage.open(await fileOf([whole, odd, mark]));
     await stage.do(() => stage.player.seek(0));
     assert.match(stage.given[0].error.message, /remove: no object 5/);
+});
+
+test("A hostile file has no more memory than there is for blocks and elements", async () => {
+    const block = (number) => new Encoder().u64(number).bytes;
+    const following = new Following(() => {});
+    const flood = () => {
+        for (let i = 0; i < 500_000; ++i) following.follow("blocks", block(7));
+    };
+    assert.throws(flood, /too many blocks without a command/);
+    const command = { cmd: "data", data: "7 0" };
+    for (const [commands, blocks, reason] of [
+        [[command, command], [7], /block 7 0 is missing/],
+        [[], Array(100_001).keys(), /too many blocks/],
+    ]) {
+        const text = new Encoder().text(JSON.stringify({ commands }));
+        for (const one of blocks) text.u64(8).raw(block(one));
+        assert.throws(() => commandsOf(text.bytes), reason);
+    }
+
+    const { bytes } = await recorded(5);
+    const stage = await Stage.open(bytes, { elements: 100 });
+    await stage.do(() => stage.player.seek(0));
+    assert.match(stage.given[0].error.message, /too many elements/);
+    // Of all objects together; what is gone makes room.
+    const builder = new Builder({}, new Scene(1000));
+    const [one, two, three] = [1, 2, 3].map(() => builder.create("line", { regular: [0, 1] }));
+    const add = (id, first, size) => builder.data(id, first, { y: Array(size).fill(1) });
+    for (const id of [one, two, one]) add(id, 0, 60);
+    const before = contentOf(builder.scene);
+    assert.throws(() => add(three, 0, 6), /too many elements/);
+    assert.throws(() => add(one, 60, 6), /too many elements/);
+    assert.deepEqual(contentOf(builder.scene), before);
+    builder.scene.apply({ cmd: "remove", id: two }, null);
+    add(three, 0, 60);
+});
+
+test("A seek reads no more than the nearest snapshot and 16 MB behind it", async () => {
+    const [COUNT, MIB] = [25_000, 1024 * 1024];
+    const builder = new Builder();
+    const id = builder.create("line", { regular: [0, 1] });
+    let [clock, file] = [10e6, null];
+    const ended = (made) => (file = made);
+    const recorder = new Recorder({ now: () => clock++, most: 1e9, ended });
+    recorder.begin("a run", builder.scene, 1);
+    for (let number = 0; number < 400; ++number) {
+        const columns = { y: new Float32Array(COUNT).fill(number) };
+        builder.data(id, 0, columns);
+        const { data, ...members } = encode(columns);
+        const command = { cmd: "data", seq: 2, id, data: `${number} 1`, first: 0, ...members };
+        recorder.frame({ number, attempt: 1, commands: [[command, data]] }, builder.scene);
+    }
+    recorder.end();
+    const bytes = await bytesOf(file);
+    const { duration } = (await Stage.open(bytes)).chunks;
+    for (let part = 0.1; part < 1; part += 0.1) {
+        const stage = await Stage.open(bytes);
+        const { frames } = await stage.do(() => stage.player.seek(part * duration));
+        assert.equal(stage.scene.find(id).columns.y.at(0), frames[0]);
+        // A chunk ends with the message that makes it large.
+        const most = 17 * MIB + 3 * (MIB + 4 * COUNT);
+        assert.ok(stage.read < most, `${stage.read} bytes of ${bytes.length}, ${most} at most`);
+    }
 });
 
 test("What was read last is kept, up to a bound", async () => {

@@ -3,13 +3,16 @@ import assert from "node:assert/strict";
 import { readFile } from "node:fs/promises";
 import { test } from "node:test";
 
+import { only } from "./support/browser.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean } from "./support/page.mjs";
+import { decoded, pictures, shot, untilSettled } from "./support/pictures.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
 const LINE = 3;
 const POINTS = 12;
+const RED = [0xd0, 0, 0];
 const x = Array.from({ length: 101 }, (_, i) => i / 10);
 const y = x.map((at) => at * at);
 
@@ -91,9 +94,25 @@ test("What is zoomed and moved is shown in linked axes too, drawn and told to th
     await told([0, 10], true);
     await held("Shift", () => drag([0, 0.5, 0.5], [0, 0.4, 0.5]));
     await told([1, 11]);
+    await page.getByRole("button", { name: "Move" }).first().click();
+    await page.mouse.click(...(await place(0, 0.6, 0.5)));
+    await told([2, 12]);
     await page.getByRole("button", { name: "Follow" }).first().click();
     assert.equal(await engine.frame(() => engine.data(LINE, { x: [30], y: [50] }, 101)), "painted");
     await engine.untilShown(2, "x", [20, 30]);
+    await page.evaluate(() => {
+        const { worker } = kirowebPage;
+        const post = worker.post.bind(worker);
+        globalThis.posted = [];
+        worker.post = (...all) => globalThis.posted.push(all[0].kind) && post(...all);
+    });
+    await engine.frame(() => [5, 10].forEach((id) => engine.say("remove", { id })));
+    const left = await page.evaluate(() => [
+        document.querySelectorAll(".figure, .axes").length,
+        [...kirowebPage.figures.values()].map(({ axes }) => [...axes.keys()]).join(),
+        globalThis.posted.filter((kind) => kind === "gone").length,
+    ]);
+    assert.deepEqual(left, [2, "2", 2]);
     await assertClean(page);
 });
 
@@ -106,7 +125,7 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
     assert.match(told, /^time 5(\.\d+)? sfall25 mflight75 m$/);
     await engine.frame(() => engine.data(LINE, { x, y: x }));
     await page.locator(".tip", { hasText: "fall5 m" }).waitFor();
-    await page.mouse.move(1, 1);
+    await page.keyboard.press("Escape");
     await page.locator(".tip").first().waitFor({ state: "hidden" });
     for (let i = 0; i < 10; ++i) await page.locator(".chart").first().press("ArrowRight");
     await page.locator("#said", { hasText: /time 7 s; fall 7 m; flight 51 m/ }).waitFor();
@@ -121,15 +140,19 @@ test("The crosshair says what lies there, by pointer and by key, in linked axes 
         [`0,Shift+Enter,${right},Escape,Escape`, [0, 10], [0, 100]],
         [`Shift+Enter,${right},Shift+Enter`, [5, 7], [0, 100]],
         [`Shift+Enter,${down},ArrowLeft,Shift+Enter`, [6.36, 6.4], [30, 50]],
-        ["0", [0, 10], [0, 100]],
+        // Before the legend's two buttons, the toolbar: it zooms out, and then in.
+        [`0,Escape,${Array(3).fill("Shift+Tab")},End,Tab,Shift+Tab`, [0, 10], [0, 100]],
+        ["ArrowRight,ArrowRight,Enter", [-1.25, 11.25], [-12.5, 112.5]],
+        ["ArrowRight,ArrowRight,Home,ArrowLeft,ArrowRight,Enter", [0, 10], [0, 100]],
     ]) {
         for (const key of keys.split(",")) await page.keyboard.press(key);
         await engine.untilShown(2, "x", across);
         await engine.untilShown(2, "y", up);
     }
-    const name = await page.locator(".chart").first().getAttribute("aria-label");
     const said = /^A parabola <b>\. line fall, line flight\. x, time in s, from 0 to 10\. y, way/;
-    assert.match(name, said);
+    await page.getByRole("application", { name: said }).waitFor();
+    await engine.frame(() => engine.say("set", { id: 5, y2: { label: "depth" } }));
+    await page.getByRole("application", { name: /second y, depth/ }).waitFor();
     await assertClean(page);
 });
 
@@ -154,6 +177,10 @@ test("What is near is picked, keys reach the engine, and a control shows who has
     await page.keyboard.press("q");
     assert.deepEqual(await engine.event("key"), { event: "key", key: "q", axes: 11 });
     assert.equal(await isTaken(), true);
+    // Who speaks to the browser presses no key of the engine's.
+    await page.locator(":focus").evaluate((chart) => chart.blur());
+    await page.keyboard.press("q");
+    assert.equal(await isTaken(), false);
     const slider = page.getByRole("slider", { name: "Gain" });
     await slider.press("ArrowRight");
     assert.deepEqual(await engine.event("control"), { event: "control", id: 20, value: 0.75 });
@@ -179,8 +206,19 @@ test("What is near is picked, keys reach the engine, and a control shows who has
 
 test("The legend hides series, pausing holds the picture, and what is late looks so", async () => {
     const { engine, page } = await start();
-    await page.getByRole("button", { name: "flight", pressed: true }).click();
-    await page.getByRole("button", { name: "flight", pressed: false }).waitFor();
+    const legend = (name, pressed) => page.getByRole("button", { name, pressed }).waitFor();
+    await page.getByRole("button", { name: "flight", pressed: true }).press("Enter");
+    for (const isFall of [false, true]) {
+        await page.getByRole("button", { name: "flight" }).click({ modifiers: ["Control"] });
+        await legend("fall", isFall);
+        await legend("flight", true);
+    }
+    await page.getByRole("button", { name: "flight" }).click();
+    await engine.frame(() => engine.create(7, "line", 2, { name: "more", visible: false }));
+    await legend("more", false);
+    await legend("flight", false);
+    await engine.frame(() => engine.say("set", { id: 7, visible: true }));
+    await legend("more", true);
     assert.equal(await engine.frame(() => engine.data(LINE, { x, y: x })), "painted");
     await page.getByRole("button", { name: "Pause" }).click();
     await page.locator('#status[data-state="paused"]').waitFor();
@@ -194,8 +232,13 @@ test("The legend hides series, pausing holds the picture, and what is late looks
         await engine.frame(() => engine.data(LINE, { x, y: x }));
     }
     assert.equal(await page.locator(".is-stale").count(), 0);
+    const isBright = async () => (await shot(page.locator(".u-over").first())).has(RED);
+    assert.ok(await isBright());
     await page.locator(".is-stale", { hasText: /^A parabola/ }).waitFor();
     assert.equal(await page.locator(".is-stale").count(), 1);
+    await page.locator("#said", { hasText: /^A parabola <b>: No news since/ }).waitFor();
+    await page.waitForFunction(() => document.getAnimations().length === 0);
+    assert.ok(!(await isBright()));
     await engine.stop();
     await page
         .locator(".is-stale .stale", { hasText: /^No news since \d+:\d+/ })
@@ -203,30 +246,107 @@ test("The legend hides series, pausing holds the picture, and what is late looks
         .waitFor();
 });
 
-test("A figure is saved as a picture, as shapes and as values", async () => {
-    const { page } = await start();
-    const save = async (format, scale) => {
+test("A figure is saved as a picture, as shapes and as values, which are copied, too", async () => {
+    const { engine, page, place, point } = await start();
+    await engine.frame(() => {
+        for (const [id, name] of ["old", "new"].entries()) {
+            engine.create(30 + id, "image", 2, { name, rows: 1, columns: 1, colorMap: "gray" });
+            engine.data(30 + id, { z: [id] });
+        }
+    });
+    await page.getByRole("button", { name: "old" }).click();
+    await page.locator(".color-bar:only-child", { hasText: "new" }).waitFor();
+    const save = async (format, scale, without = []) => {
         await page.getByRole("button", { name: "Save" }).first().click();
         await page.locator(`[value=${format}]`).check();
         await page.getByLabel("Scale").selectOption(scale);
+        for (const name of without) await page.getByLabel(name).uncheck();
         const button = page.locator(".save button");
         const { name, path } = await stage.browser.download(page, () => button.click());
         assert.match(name, new RegExp(`^a-parabola-b-[-\\d]+\\.${format}$`));
         return readFile(path);
     };
-    const { width } = await page.locator(".grid").first().boundingBox();
-    const widthOf = (png) => png.readUInt32BE(16);
-    assert.equal(widthOf(await save("png", "3")), 3 * Math.ceil(width + 16));
+    const grid = await page.locator(".grid").first().boundingBox();
+    const [across, down] = await place(0, 0.5, 0.25);
+    for (const [without, above, corner] of [
+        [[], 30, [255, 255, 255, 255]],
+        [["Title", "Ground"], 8, [0, 0, 0, 0]],
+    ]) {
+        const png = await decoded(page, await save("png", "3", without));
+        assert.equal(png.width, 3 * Math.ceil(grid.width + 16));
+        assert.deepEqual(png.at(0, 0), corner);
+        assert.equal(png.has([0x19, 0x21, 0x2b], 3 * above), without.length === 0);
+        const at = [across - grid.x + 8, down - grid.y + above].map((pixels) =>
+            Math.floor(3 * pixels),
+        );
+        assert.deepEqual(png.at(...at), [...RED, 255]);
+    }
     const svg = String(await save("svg", "1"));
     assert.match(svg, /A parabola &lt;b&gt;.*>time \(s\)<.*>way \(m\)</s);
     assert.match(svg, /stroke="#d00000".*>Ca lm</s);
+    const bar =
+        /y1="1" y2="0"><stop offset="0" stop-color="rgb\(0 0 0\)".*<rect x="(.+?)" y="(.+?)" width="(.+?)" height="(.+?)" fill="url\(#ramp-2-0/s;
+    const ramp = await page.locator(".ramp").boundingBox();
+    const seen = [ramp.x - grid.x + 8, ramp.y - grid.y + 30, ramp.width, ramp.height];
+    assert.deepEqual(bar.exec(svg).slice(1).map(Math.round), seen.map(Math.round));
     assert.match(String(await save("csv", "1")), /fall,2,4\b/);
     await page.getByRole("button", { name: "Table" }).first().click();
     await page.locator("dialog select").selectOption("All axes");
     await page.getByRole("columnheader", { name: "axes" }).waitFor({ state: "attached" });
     const cell = page.getByRole("cell", { name: "99.8", exact: false }).first();
     await cell.waitFor({ state: "attached" });
+    await page.keyboard.press("Escape");
+    await point(0, 0.501, 0.3);
+    await page.locator(".tip", { hasText: "fall" }).first().waitFor();
+    for (const text of [/^time 5.*fall.*25 m/s, /^series,.*\nfall,2,4\b/s]) {
+        await page.locator(".chart").first().press("c");
+        await page.locator("#said", { hasText: /^Copied$/ }).waitFor();
+        await page.evaluate("document.body.append(document.createElement('textarea'))");
+        await page.locator("textarea").press("Control+V");
+        assert.match(await page.locator("textarea").inputValue(), text);
+        await page.evaluate("document.querySelector('textarea').remove(); said.textContent = ''");
+        // Then all that is seen, by the browser's old way.
+        await page.mouse.move(1, 1);
+        await page.evaluate("void Object.defineProperty(navigator, 'clipboard', {})");
+    }
     await assertClean(page);
+});
+
+test("A figure fills the screen and is drawn for it, also where a browser cannot do that", async () => {
+    const { engine, page } = await start();
+    const isSized = ([which, isWanted]) =>
+        [...kirowebPage.figures.values()][0].axes.get(2).size[which] > 600 === isWanted;
+    const untilFull = (...wanted) => page.waitForFunction(isSized, wanted);
+    for (const [spoil, key, which] of [
+        ["", "f", "height"],
+        ["delete Element.prototype.requestFullscreen", "Escape", "width"],
+    ]) {
+        await page.evaluate(spoil);
+        await page.getByRole("button", { name: "Full screen" }).first().click();
+        await untilFull(which, true);
+        await engine.frame(() => engine.data(LINE, { x, y }));
+        await untilSettled(page);
+        const [picture] = await pictures(page);
+        assert.ok(picture.hasNear(...picture.placer()(5, 25).map(Math.floor)));
+        await page.locator(".chart").first().press(key);
+        await untilFull(which, false);
+    }
+    await assertClean(page);
+});
+
+const forced = only("chromium", "a test can force colours");
+test("Forced colours are those of axes, not of series; motion can be less", forced, async () => {
+    const { page } = await start({ forcedColors: "active", reducedMotion: "reduce" });
+    const [{ frame }] = await pictures(page);
+    assert.ok(frame.has([191, 191, 191]) && !frame.has([0x87, 0x92, 0x9e]), "grid and rules");
+    for (const place of [".u-over", ".legend"]) {
+        assert.ok((await shot(page.locator(place).first())).has(RED), place);
+    }
+    const count = (all) =>
+        all.filter((one) => getComputedStyle(one).transitionDuration !== "0s").length;
+    assert.equal(await page.locator("*").evaluateAll(count), 0);
+    await page.emulateMedia({ reducedMotion: "no-preference" });
+    assert.equal(await page.locator("*").evaluateAll(count), 3);
 });
 
 test("On a phone everything is within reach, by fingers as well", async () => {

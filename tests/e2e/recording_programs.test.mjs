@@ -3,12 +3,14 @@ import assert from "node:assert/strict";
 import { execFile } from "node:child_process";
 import { mkdtemp, readFile, rm } from "node:fs/promises";
 import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { dirname, join } from "node:path";
 import { test } from "node:test";
 import { pathToFileURL } from "node:url";
 import { promisify } from "node:util";
 
+import { NAME } from "./support/browser.mjs";
 import { assertClean, untilFrame, untilReplay } from "./support/page.mjs";
+import { digests, untilSettled } from "./support/pictures.mjs";
 import { Program } from "./support/program.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -55,6 +57,46 @@ test("Recorded runs are shown beside each other, and again to who reloads, witho
     assert.equal(await program.exited, 0);
 });
 
+test("What a program's window recorded is seen as it was live, pixel for pixel", async () => {
+    const run = join(await mkdtemp(join(tmpdir(), "kiroweb-")), "run.mcap");
+    stage.defer(() => rm(dirname(run), { recursive: true }));
+    const scene = await stage.scene("live");
+    scene.tell(`record ${run}`);
+    const live = await stage.page();
+    await live.goto(scene.link);
+    const seen = [];
+    const see = async (page) => untilSettled(page).then(() => digests(page));
+    for (const steps of [30, 1, 5, 40]) {
+        seen.push([await scene.draw(`step ${steps}`), await see(live)]);
+    }
+    scene.tell("quit");
+    await scene.exited;
+    const program = await Program.run(KIROWEB_REPLAY, ["--no-browser", run]);
+    stage.defer(() => program.kill());
+    const page = await stage.page();
+    await page.goto(program.link);
+    await untilReplay(page);
+    for (const [frame, wanted] of seen) {
+        await untilFrame(page, frame);
+        assert.deepEqual(await see(page), wanted, `frame ${frame}`);
+        await page.keyboard.press(".");
+    }
+});
+
+/** What tells a part of a picture, PNG, from another one. */
+const digestOf = (page, png, { x, y, width, height }) =>
+    page.evaluate(
+        async ([text, ...part]) => {
+            const bytes = Uint8Array.from(atob(text), (one) => one.charCodeAt(0));
+            const image = await createImageBitmap(new Blob([bytes]), ...part);
+            const copy = new OffscreenCanvas(image.width, image.height).getContext("2d");
+            copy.drawImage(image, 0, 0);
+            const { data } = copy.getImageData(0, 0, image.width, image.height);
+            return String(new Uint8Array(await crypto.subtle.digest("SHA-256", data)));
+        },
+        [png.toString("base64"), ...[x, y, width, height].map(Math.floor)],
+    );
+
 test("kiroweb-export makes a page of a run, of a part of it, and within a size", async () => {
     const run = await record();
     const [all, part, few, picture] = ["a.html", "p.html", "f.html", "p.png"].map(
@@ -94,4 +136,12 @@ test("kiroweb-export makes a page of a run, of a part of it, and within a size",
     const png = await readFile(picture);
     const head = [png.toString("latin1", 1, 4), png.readUInt32BE(16), png.readUInt32BE(20)];
     assert.deepEqual(head, ["PNG", 1280, 800]);
+    // It shows that frame, as the same browser does in a page of tests.
+    if (NAME !== "chromium") return;
+    const shown = await stage.page({ offline: true });
+    await shown.goto(`${pathToFileURL(all).href}#frame=42`);
+    await untilFrame(shown, 42);
+    const chart = await shown.locator(".chart").first().boundingBox();
+    const wanted = await digestOf(shown, await shown.screenshot(), chart);
+    assert.equal(await digestOf(shown, png, chart), wanted);
 });

@@ -22,20 +22,12 @@ async function start() {
     await engine.frame(() => {
         engine.create(1, "figure", 0, { title: "A run" });
         // How much room numbers have depends on those before, too: they stay.
-        engine.create(2, "axes", 1, {
-            x: { label: "time" },
-            y: { limits: [-10, 10] },
-        });
+        engine.create(2, "axes", 1, { x: { label: "time" }, y: { limits: [-10, 10] } });
         engine.create(3, "line", 2, { name: "a wave" });
         engine.create(4, "scatter", 2, { name: "places", limits: [0, 20] });
         engine.create(5, "axes", 1, { y: { limits: [0, 20] } });
         engine.create(6, "bars", 5);
-        engine.create(7, "slider", 1, {
-            label: "Gain",
-            low: 0,
-            high: 1,
-            value: 0.5,
-        });
+        engine.create(7, "slider", 1, { label: "Gain", low: 0, high: 1, value: 0.5 });
     }, true);
     return engine;
 }
@@ -168,12 +160,32 @@ test("What is seen of a recording was seen live, pixel for pixel", async () => {
 });
 
 test("Two recordings are shown beside each other, at the same time since their beginning", async () => {
-    const engine = await start();
-    const { page, bytes } = await record(engine);
+    const { page, bytes } = await record(await start(), async (live) => {
+        const error = { kind: "report", text: "a script error" };
+        await live.evaluate((message) => kirowebPage.worker.post(message), error);
+        await live.keyboard.press("r");
+    });
     // Of the other run only what was before its last two frames.
     const long = await contentOf(bytes);
     const short = await firstOf(long, FRAMES - 2);
     await replay(page, ["long.mcap", bytes]);
+    // Keys lead by 5 s, to what went wrong, and to other speeds.
+    const press = async (keys) => {
+        for (const key of keys) await page.keyboard.press(key);
+    };
+    const trouble = page.getByRole("button", { name: "Next error or late frame" });
+    for (const ask of [() => press("llllll"), () => press("e"), () => trouble.click()]) {
+        await ask();
+        await untilFrame(page, FRAMES);
+        await press("jjjjjj");
+        await untilFrame(page, 0);
+    }
+    assert.match(await page.textContent("#said"), /^Frame 10 at .*: a script error$/);
+    const speed = page.getByLabel("Speed").locator("option:checked");
+    for (const [keys, wanted] of Object.entries({ ">>": "5 ×", "<": "2 ×" })) {
+        await press(keys);
+        assert.equal(await speed.textContent(), wanted);
+    }
     await drop(page, ["short.mcap", short]);
     await page.getByRole("button", { name: "Beside this one" }).click();
     const sides = page.locator(".sides > section");
@@ -202,6 +214,11 @@ test("Two recordings are shown beside each other, at the same time since their b
         return !left.isHome && String(left.shown.x) === String(right.shown.x);
     });
     assert.equal(await page.locator("#time-line svg .frame").count(), 2);
+    // One more asks for a place of one that is there.
+    await drop(page, ["third.mcap", short]);
+    await page.getByRole("button", { name: "In place of the second one" }).click();
+    await sides.locator("> h2", { hasText: "third.mcap" }).waitFor();
+    assert.match((await sides.locator("> h2").allTextContents()).join(), /long.mcap.*third.mcap/);
     await drop(page, ...["a", "b", "c"].map((name) => [name, bytes]));
     assert.match(await untilState(page, "closed"), /cannot be shown/);
     assert.match(await page.textContent('[data-part="error"]'), /2 recordings can be shown/);
@@ -228,6 +245,10 @@ test("A recording is chosen, looked into, and refused when it is none", async ()
     assert.match(await page.locator("dialog").textContent(), /next error or late frame/);
     await page.keyboard.press("Escape");
     assert.match(await latencies(page), /^Painting(\d+\.\d){4}10$/);
+    await page.getByRole("button", { name: "latency" }).press("Enter");
+    const picture = page.getByRole("slider", { name: "What frames took" });
+    for (const key of ["Home", "ArrowRight", "Enter"]) await picture.press(key);
+    await untilFrame(page, 2);
     await assertClean(page);
     await drop(page, ["none.mcap", Buffer.from("nothing of the kind")]);
     await page.getByRole("button", { name: "In its place" }).click();
@@ -274,9 +295,7 @@ test("What a page recorded is one file, which needs no network and shows what wa
     // Whatever runs in it, the policy lets nothing out.
     const refused = await copy.evaluate(async () => {
         const violated = new Promise((resolve) =>
-            document.addEventListener("securitypolicyviolation", resolve, {
-                once: true,
-            }),
+            document.addEventListener("securitypolicyviolation", resolve, { once: true }),
         );
         fetch("https://example.invalid/").catch(() => {});
         return (await violated).effectiveDirective;

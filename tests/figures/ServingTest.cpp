@@ -73,12 +73,14 @@ TEST(Serving, LetsAPageDoWhatItHasToAndNoMore) {
     options.extraHosts = {"a.example"};
     options.extraOrigins = {"http://b.example"};
     options.frameAncestors = {"http://c.example"};
+    options.pages = 5;
     const auto gateway = detail::gatewayOptions(options, channels);
     EXPECT_EQ(gateway.certificateFile, "c.pem");
     EXPECT_EQ(gateway.keyFile, "k.pem");
     EXPECT_EQ(gateway.extraHosts, options.extraHosts);
     EXPECT_EQ(gateway.extraOrigins, options.extraOrigins);
     EXPECT_EQ(gateway.frameAncestors, options.frameAncestors);
+    EXPECT_EQ(gateway.limits.connections - gateway.limits.unauthenticatedConnections, 5U);
     EXPECT_THAT(gateway.mayPublish,
                 testing::UnorderedElementsAre("/c/channelReady", "/v", "/e", "/t", "/u",
                                               "/services/ErrorLoggingService/JSErrors"));

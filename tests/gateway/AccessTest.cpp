@@ -163,6 +163,8 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
         {with("Host: 127", "Host: 128"), "403"},
         {offering("kiroweb.token." + token + ",kiroweb.v1,other"), "101"},
         {offering("kiroweb.v1"), "403"},
+        {replaced(offering("kiroweb.v1"), "\r\n\r\n", "\r\nCookie: kiroweb=" + token + "\r\n\r\n"),
+         "403"},
         {offering("kiroweb.v1, kiroweb.token." + token + "0"), "403"},
         {offering("kiroweb.v1, kiroweb.token." + token.substr(1) + token[0]), "403"},
         {offering(offers + ", kiroweb.token." + token), "400"},
@@ -199,6 +201,7 @@ TEST_F(AccessTest, ACodeIsExchangedOnce) {
     const auto answer = answerTo(good);
     EXPECT_EQ(statusOf(answer), "200") << "none of the above has used it up";
     EXPECT_TRUE(answer.ends_with("\r\n\r\n" + fSecrets->token()));
+    EXPECT_EQ(answer.find("Set-Cookie"), std::string::npos);
     EXPECT_EQ(statusOf(answerTo(good)), "403") << "used";
 
     const auto life = std::chrono::seconds(60);

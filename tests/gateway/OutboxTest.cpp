@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "Backlog.hpp"
 #include "Buffers.hpp"
+#include "FailingNew.hpp"
 #include "Frames.hpp"
 #include "PageMessages.hpp"
 #include "ReadPace.hpp"
@@ -322,4 +324,23 @@ TEST(ReadPace, KeepsUpWithAPageButNotWithAFlood) {
     EXPECT_EQ(pace.read(3 * kEachMillisecond, now), milliseconds(3));
     EXPECT_EQ(pace.read(kBurst, now += std::chrono::hours(1)), milliseconds(0));
     EXPECT_GT(pace.read(1, now), milliseconds(0)) << "more is not saved up";
+}
+
+TEST(Backlog, IsFullByMessagesAsWellAndCountsThemUntilTheyAreLetGo) {
+    const auto memory = std::make_shared<Budget>(1000);
+    const auto backlog = std::make_shared<Backlog>(100, std::make_shared<Wakeup>());
+    std::vector<Backlog::Entry> entries;
+    while (!backlog->isFull() && entries.size() < 1000) entries.push_back(backlog->add("", memory));
+    EXPECT_EQ(entries.size(), 64U);
+    entries.clear();
+    std::string text(101, 't');
+    const auto add = [&] { entries.push_back(backlog->add(std::move(text), memory)); };
+    EXPECT_TRUE(support::failingNew(1, add).failed);
+    EXPECT_FALSE(backlog->isFull());
+    entries.push_back(backlog->add(std::string(101, 't'), memory));
+    EXPECT_TRUE(backlog->isFull());
+    EXPECT_EQ(memory->used(), 101U);
+    entries.clear();
+    EXPECT_FALSE(backlog->isFull());
+    EXPECT_EQ(memory->used(), 0U);
 }

@@ -97,7 +97,9 @@ TEST_F(PressureTest, SaysWhatCanNeverBeSent) {
         [&lines](const kirohost::LogRecord& record) { lines.push_back(record.text); });
     start();
     auto page = join();
+    publish("/fig/1", "kept, so that its end would make room");
     EXPECT_FALSE(sendBlock(100001).get().delivered);
+    EXPECT_EQ(page.readRecords(1).size(), 1U);
     settle(page);
     publish("/fig/1", std::string(100001, 'x'));
     EXPECT_EQ(page.readClose(), 4003U);

@@ -25,16 +25,19 @@ using std::chrono::seconds;
 
 namespace {
 
-/// An engine that hears nothing of what pages say.
+/// An engine that hears nothing of what pages say, and may have no room for views.
 struct DeafBus final : Bus, relay::TransportLink {
     relay::TransportLink& texts() noexcept override { return *this; }
     void deliver(const std::string&, relay::Publication::Text,
                  std::shared_ptr<const void>) override {}
     bool send(const std::string&, std::string_view) override { return false; }
-    void announce(wire::ViewKind, const View::Identity&) override {}
+    void announce(wire::ViewKind, const View::Identity&) override {
+        if (cannotAnnounce) throw 7;
+    }
     void pages(std::size_t) noexcept override { ++timesTold; }
 
     int timesTold = 0;
+    bool cannotAnnounce = false;
 };
 
 /// A page whose frames are collected, and handed to its session, by the test.
@@ -210,7 +213,8 @@ TEST_F(ReturnTest, AConnectionIsEndedBetweenTwoFramesOrWithoutAWord) {
         // However late and in whatever way it ends, a connection that was replaced ends itself.
         page->fSession.ended(true, fNow);
         page->lose();
-        const bool hasRest = !isCut && back == nullptr;
+        // One that had begun to come back goes on from what it said then.
+        const bool hasRest = !isCut && back == nullptr && error.empty();
         if (back == nullptr) back = join(returnOf(page->view(), hasRest ? 1 : 0));
         EXPECT_EQ(back->fEnd, row.end.starts_with("1001") ? "1001 gateway stopped" : "");
         EXPECT_EQ(hello("kind") == "\"return\"", row.canReturn || !error.empty())
@@ -224,7 +228,7 @@ TEST_F(ReturnTest, AConnectionIsEndedBetweenTwoFramesOrWithoutAWord) {
     for (const auto& row : table) {
         SCOPED_TRACE(row.end);
         expectEnd(row, 9'000'000, 0);
-        for (std::size_t n = 0; expectEnd(row, 1000, n) && !HasFailure();) SCOPED_TRACE(++n);
+        for (std::size_t n = 1; expectEnd(row, 1000, n) && !HasFailure();) SCOPED_TRACE(++n);
     }
 }
 
@@ -253,6 +257,8 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
     EXPECT_EQ(channels("subscribed"), (Channels{"/bin", "/c", "/d"}));
     EXPECT_EQ(channels("refused"), (Channels{"/e", longName}));
     EXPECT_TRUE(back->view().hears("/d"));
+    back->say(R"({"t":"subscribe","channels":["/d","/e"]})");
+    EXPECT_FALSE(back->view().hears("/e"));
     page = join(R"(,"resume":false)");
     back = join(returnOf(page->view(), 0));
     EXPECT_EQ(hello("kind"), "\"further\"");
@@ -311,7 +317,7 @@ TEST_F(ReturnTest, ALostPageIsMissedThenGoneThenOver) {
     EXPECT_TRUE(missed[0].payload.starts_with(R"({"t":"withdrawn")"));
     EXPECT_TRUE(missed[1].payload.ends_with("kept"));
     bool hasFailed = true;
-    for (std::size_t n = 0; hasFailed; ++n) {  // the end comes, wherever memory runs out
+    for (std::size_t n = 1; hasFailed; ++n) {  // the end comes, wherever memory runs out
         back->lose();
         hasFailed = support::failingNew(n, [&] { pass(milliseconds(60001)); }).failed;
         EXPECT_EQ(back->view().state(), View::State::kOver);
@@ -414,6 +420,41 @@ TEST_F(ReturnTest, APageThatTakesNothingHasFailedBeforeItsBlocksAreTold) {
     EXPECT_EQ(page->fEnd, "4003 too slow: it took nothing for too long");
 }
 
+TEST_F(ReturnTest, APageIsNotSlowWhereItCouldNotHaveTakenAnything) {
+    fOptions.limits.queue = seconds(2);
+    fOptions.limits.blocksUnderWay = 1;
+    start();
+    auto page = join();
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(offer(page->view(), 9), Part::kJoined);
+    page->read();
+    pass(seconds(0));
+    pass(seconds(3));
+    EXPECT_EQ(page->fEnd, "") << "the gateway holds the block back itself";
+    publish(page, "text");
+    page->lose();
+    fNow += seconds(3);
+    ModelPage back(*fServices, fNow);
+    back.say(R"({"t":"hello","version":1)" + returnOf(page->view(), 0) + "}");
+    pass(seconds(0));
+    EXPECT_EQ(back.fEnd, "") << "it has only just come back";
+}
+
+TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLostAndNobodyElse) {
+    fOptions.limits.memory = 100000;
+    start();
+    for (const bool isLost : {false, true}) {
+        auto small = join();
+        auto large = join();
+        publish(small, "text");
+        publish(large, std::string(60000, 't'));
+        isLost ? large->lose() : static_cast<void>(large->read(100));  // the rest is still held
+        EXPECT_TRUE(fViews->makeRoom(50000));
+        EXPECT_EQ(large->view().failure(), View::kMemoryUsedUp);
+        EXPECT_EQ(small->view().failure(), nullptr);
+        large->fSession.viewFailed();
+    }
+}
+
 TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {
     fOptions.limits.blocksUnderWay = 1;
     start();
@@ -441,4 +482,63 @@ TEST_F(ReturnTest, APageIsReadFromAsLongAsThereIsRoom) {
     page->say(R"(","channel":"/not/allowed"})");
     EXPECT_EQ(page->fSession.mayRead(), Session::Reading::kNow);
     EXPECT_LT(fContext->memory->used(), before + 1000);
+    page->fSession.binary(std::string(100001, 'b'), false, fNow);
+    EXPECT_EQ(page->fSession.mayRead(), Session::Reading::kLater);
+
+    page = join(R"(,"subscribe":["/)" + std::string(1000, 'n') + "\"]");
+    page->read();
+    EXPECT_GT(fContext->memory->used(), before + 1000) << "for the name";
+}
+
+TEST_F(ReturnTest, AViewThatCannotBeAnnouncedIsThereNevertheless) {
+    fBus.cannotAnnounce = true;
+    start();
+    auto page = join();
+    publish(page, "text");
+    EXPECT_EQ(page->read().size(), 1U);
+    auto back = join(returnOf(page->view(), 1));
+    EXPECT_EQ(hello("kind"), "\"return\"");
+    EXPECT_EQ(back->fEnd, "");
+}
+
+TEST_F(ReturnTest, AViewThatCannotBeMadeLeavesNothing) {
+    start();
+    const auto visit = [this] { join(R"(,"resume":false)"); };
+    for (std::size_t n = 1; support::failingNew(n, visit).failed; ++n) {
+        pass(seconds(0));
+        EXPECT_TRUE(fViews->isEmpty()) << n;
+    }
+}
+
+TEST_F(ReturnTest, WhoMissesATextForLackOfMemoryEnds) {
+    start();
+    const std::string channel = "/c";
+    for (const std::size_t size : {10U, 20000U}) {
+        const std::string text(size, 't');
+        bool hasFailed = true;
+        for (std::size_t n = 1; hasFailed; ++n) {
+            Fanout fanout(fContext, fViews);
+            auto page = join();
+            const auto publish = [&] { fanout.messagePublished({channel, text}); };
+            hasFailed = support::failingNew(n, publish).failed;
+            EXPECT_EQ(page->read().size() == 1, page->view().failure() == nullptr) << n;
+        }
+    }
+}
+
+TEST_F(ReturnTest, LostViewsCostLittleWhenTextsArePublishedAndAtTheEnd) {
+    start();
+    std::vector<Page> pages;
+    for (int i = 0; i < 60; ++i) {
+        pages.push_back(join());
+        pages.back()->lose();
+    }
+    const std::string channel = "/c";
+    Fanout fanout(fContext, fViews);
+    const auto publish = [&] { fanout.messagePublished({channel, "text"}); };
+    publish();
+    publish();  // where a batch grows, for some time
+    EXPECT_FALSE(support::failingNew(1, publish).failed) << "nothing is made for a text";
+    EXPECT_FALSE(support::failingNew(pages.size(), [&] { fViews->shut(); }).failed)
+        << "nothing is made for a view";
 }

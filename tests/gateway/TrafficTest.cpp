@@ -168,6 +168,10 @@ TEST_F(TrafficTest, HasSeveralGatewaysInOneProcess) {
     // What a page publishes goes to the pages of the other gateway, not to its own.
     page.sendText(R"({"t":"publish","channel":"/up/a","text":"1"})");
     EXPECT_EQ(other.readRecords(1), (Records{{1, "/up/a", "1", false}}));
+    other.sendText(R"({"t":"publish","channel":"/up/a","text":"its own"})");
+    settle(other);
+    publish("/up/a", "the engine's");
+    EXPECT_EQ(other.readRecords(1), (Records{{2, "/up/a", "the engine's", false}}));
     fGateway.reset();
     EXPECT_EQ(other.readClose(), 1001U);
     publish("/fig/1", "still");

@@ -125,7 +125,9 @@ TEST(HostileFile, IsRefusedBeforeItTakesMemory) {
         {"messages are missing before this chunk", gap},
         {"a message does not fit its chunk",
          file.substr(0, first) + file.substr(chunks[1].offset)},  // its channel was in the first
+        {"the chunk has no checksum", with(file, first + 33, std::uint32_t{0})},
         {"the index's checksum is wrong", with(whole, index, kHuge)},
+        {"the index has no checksum", with(whole, whole.size() - 12, std::uint32_t{0})},
         {"the footer is damaged", with(whole, whole.size() - 37, 'x')},
         {"the index names a chunk that is not there", sealed(with(whole, index, kHuge))},
         {"the index names a chunk that is not there", sealed(with(whole, index + 8, kHuge))},

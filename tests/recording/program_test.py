@@ -3,6 +3,7 @@
 KIROWEB_RECORD, KIROWEB_EXPORT and KIROWEB_MONITOR name the programs.
 """
 
+import fcntl
 import os
 import pathlib
 import shutil
@@ -52,6 +53,13 @@ class Program(unittest.TestCase):
         self.assertEqual(self.file.read_bytes(), before)
         self.assertEqual(run("info", other), (0, table, ""))
 
+        with open(self.file) as written:
+            fcntl.flock(written, fcntl.LOCK_EX)
+            for more in [(), ("-o", self.file)]:
+                status, said, error = run("repair", self.file, *more)
+                self.assertEqual((status, said), (1, ""))
+                self.assertIn("somebody is writing it", error)
+        self.assertEqual(self.file.read_bytes(), before)
         self.assertEqual(run("repair", self.file)[0], 0)
         self.assertEqual(self.file.read_bytes(), other.read_bytes())
         self.assertEqual(self.file.stat().st_mode & 0o777, 0o640)

@@ -1,6 +1,7 @@
 // Follows a recording message by message, and makes commands with their data of it.
 
 import { readJson } from "../../wire.mjs";
+import { MOST_OBJECTS } from "../worker/scene.mjs";
 import { Decoder } from "./format.mjs";
 
 /** @typedef {import("../worker/inbox.mjs").Command} Command */
@@ -8,7 +9,11 @@ import { Decoder } from "./format.mjs";
 
 /** Bytes of blocks that wait for their command. */
 const MOST_WAITING = 128 * 1024 * 1024;
+/** What each takes besides its own. */
+const BLOCK_COST = 300;
 const ID_SIZE = 8;
+/** Blocks of a snapshot: no scene has more objects. */
+const MOST_BLOCKS = MOST_OBJECTS;
 
 /** Values in one text, which each take some dozens of bytes. */
 const MOST_VALUES = 2_000_000;
@@ -29,6 +34,16 @@ function nameOf(block) {
     return `${id.u32()} ${id.u32()}`;
 }
 
+/** The block that a command names. It is one command's: others would make more of it than there is.
+ * @param {Map<string, Uint8Array>} blocks @param {Command} command */
+function takeFrom(blocks, command) {
+    const name = String(command.data);
+    const data = blocks.get(name);
+    if (!data) throw new RangeError(`block ${name} is missing`);
+    blocks.delete(name);
+    return data;
+}
+
 /** A snapshot's commands, with the data of their blocks. Throws for one that is none.
  * @param {Uint8Array} message @returns {[Command, Uint8Array | null][]} */
 export function commandsOf(message) {
@@ -38,13 +53,13 @@ export function commandsOf(message) {
     const blocks = new Map();
     while (!rest.isAtEnd) {
         const block = rest.raw(rest.size());
+        if (blocks.size === MOST_BLOCKS) throw new RangeError("too many blocks in a snapshot");
         blocks.set(nameOf(block), block.subarray(ID_SIZE));
     }
     if (!Array.isArray(commands)) throw new TypeError("a snapshot without commands");
     return commands.map((command) => {
-        const data = command.cmd === "data" ? blocks.get(String(command.data)) : null;
-        if (data === undefined) throw new RangeError(`block ${command.data} is missing`);
-        return [command, data && data.slice()];
+        if (command.cmd !== "data") return [command, null];
+        return [command, takeFrom(blocks, command).slice()];
     });
 }
 
@@ -69,9 +84,10 @@ export class Following {
 
     /** @param {Uint8Array} block */
     #keep(block) {
-        this.#waiting += block.length;
+        this.#waiting += block.length + BLOCK_COST;
         if (this.#waiting > MOST_WAITING) throw new RangeError("too many blocks without a command");
-        this.#blocks.set(nameOf(block), block.subarray(ID_SIZE));
+        // A copy: what waits must not keep its whole chunk.
+        this.#blocks.set(nameOf(block), block.slice(ID_SIZE));
     }
 
     /** @param {Command} command */
@@ -80,12 +96,9 @@ export class Following {
             this.#take(command, null);
             return;
         }
-        const name = String(command.data);
-        const data = this.#blocks.get(name);
-        if (!data) throw new RangeError(`block ${name} is missing`);
-        this.#blocks.delete(name);
-        this.#waiting -= data.length + ID_SIZE;
-        this.#take(command, data.slice());
+        const data = takeFrom(this.#blocks, command);
+        this.#waiting -= data.length + ID_SIZE + BLOCK_COST;
+        this.#take(command, data);
     }
 
     /** All commands of a frame stand before its mark. */

@@ -44,8 +44,8 @@ export function chooseRecordings(open) {
     input.click();
 }
 
-/** Asks whether a recording is shown beside the one that is there, or in its place. @param {File} file
- * @param {Blob | string} shown @param {(files: (Blob | string)[]) => void} open */
+/** Asks where a recording is shown: beside the one that is there, or in whose place. @param {File} file
+ * @param {(Blob | string)[]} shown one or two @param {(files: (Blob | string)[]) => void} open */
 export function askPlace(file, shown, open) {
     const dialog = openDialog("Open a recording");
     const button = (/** @type {string} */ text, /** @type {(Blob | string)[]} */ files) =>
@@ -60,7 +60,11 @@ export function askPlace(file, shown, open) {
             },
             text,
         );
-    const choice = [button("Beside this one", [shown, file]), button("In its place", [file])];
+    const names =
+        shown.length > 1
+            ? ["In place of the second one", "In place of both"]
+            : ["Beside this one", "In its place"];
+    const choice = [button(names[0], [shown[0], file]), button(names[1], [file])];
     dialog.append(make("p", {}, file.name), make("div", { class: "choice" }, ...choice));
     choice[0].focus();
 }

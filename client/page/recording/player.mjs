@@ -93,7 +93,9 @@ export class Player {
         this.#tell();
     }
     stop() {
-        if (!this.#isPlaying) return;
+        if (this.#isPlaying) this.#stop();
+    }
+    #stop() {
         this.#isPlaying = false;
         this.#cancelTimer();
         this.#tell();
@@ -141,7 +143,9 @@ export class Player {
                 else if (!goal && !wish) return;
                 if (wish) this.#setClock();
             } catch (thrown) {
-                this.stop();
+                // Also when it did not play: whoever asked has gone ahead to where nothing is shown.
+                this.#why = "";
+                this.#stop();
                 this.#surroundings.report(/** @type {Error} */ (thrown));
             }
         }

@@ -86,6 +86,12 @@ function infoOf(content) {
     return { first, last, offset, length, size, compression, compressedSize, channels };
 }
 
+/** @param {string} what @param {number} said its checksum; 0 stands for none, and what nobody can
+ * check is not shown */
+function mismatch(what, said) {
+    return said === 0 ? `the ${what} has no checksum` : `the ${what}'s checksum is wrong`;
+}
+
 /** @param {ChunkInfo} one @param {ChunkInfo} other */
 function isSame(one, other) {
     /** @type {(keyof ChunkInfo)[]} */
@@ -200,7 +206,7 @@ export class Reader {
             at(begin, () => {
                 const crc = crcOf(end.subarray(0, FOOTER - 4), crcOf(summary));
                 const said = new Decoder(end.subarray(FOOTER - 4)).u32();
-                if (crc !== said) throw new RangeError("the index's checksum is wrong");
+                if (crc !== said) throw new RangeError(mismatch("index", said));
                 this.#readSummary(new Decoder(summary));
             });
             return true;
@@ -228,6 +234,12 @@ export class Reader {
             if (opcode === OP.chunkIndex) this.#enter(infoOf(content));
         }
         this.chunks.sort((a, b) => a.offset - b.offset);
+        this.chunks.forEach(({ offset }, i) => {
+            const before = this.chunks[i - 1];
+            if (before && offset < before.offset + before.length) {
+                throw new RangeError("the index names chunks that lie in each other");
+            }
+        });
     }
 
     /** @param {ChunkInfo} info */
@@ -348,7 +360,7 @@ export class Reader {
         const packed = await this.#bytes(begin, compressedSize);
         const records = this.#unpack(packed, info);
         if (records.length !== size || crcOf(records) !== crc) {
-            throw new RecordingError(offset, "the chunk's checksum is wrong");
+            throw new RecordingError(offset, mismatch("chunk", crc));
         }
         return records;
     }

@@ -144,7 +144,8 @@ export class Recorder {
     }
 
     #isSnapshotDue() {
-        // Never more than what it spares, so that a file is at most twice what has travelled.
+        // Not before as much came as the last one takes: a file is about twice what has travelled,
+        // and at most three times, where a scene grows.
         const isLate = this.#surroundings.now() - this.#wholeTime >= SNAPSHOT_PERIOD;
         const since = this.#bytesSince;
         return since >= this.#wholeBytes && (isLate || since >= SNAPSHOT_BYTES);

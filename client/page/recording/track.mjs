@@ -1,7 +1,7 @@
 // One recording as it is played: where its frames are, and what they show.
 
 import { SIDE } from "../sides.mjs";
-import { Scene } from "../worker/scene.mjs";
+import { MOST_REPLAYED, Scene } from "../worker/scene.mjs";
 import { BEGINNING, isBehind, isSamePlace, nextTo } from "./chunks.mjs";
 import { Following, commandsOf, jsonOf } from "./following.mjs";
 import { RecordingError } from "./reader.mjs";
@@ -40,6 +40,7 @@ export class Track {
     #chunks;
     #near;
     #close;
+    #elements;
     #side;
     /** What is shown. @type {Stop | null} */
     shown = null;
@@ -50,13 +51,18 @@ export class Track {
     isCalm = () => false;
 
     /** @param {Chunks} chunks
-     * @param {{name?: string, side?: number, near?: number, close?: number}} [options] side: on which
-     *   its objects are shown; near: bytes that are gone through from what is shown on; close: the
-     *   same where something whole is nearer, so that the page draws less of it anew */
-    constructor(chunks, { name = "", side = 0, near = NEAR, close = CLOSE } = {}) {
+     * @param {{name?: string, side?: number, near?: number, close?: number, elements?: number}} [options]
+     *   side: on which its objects are shown; near: bytes that are gone through from what is shown on;
+     *   close: the same where something whole is nearer, so that the page draws less of it anew;
+     *   elements: bytes that they may take */
+    constructor(
+        chunks,
+        { name = "", side = 0, near = NEAR, close = CLOSE, elements = MOST_REPLAYED } = {},
+    ) {
         this.#chunks = chunks;
         this.#near = near;
         this.#close = close;
+        this.#elements = elements;
         this.#side = side;
         this.name = name;
     }
@@ -236,8 +242,9 @@ export class Track {
         let scene = null;
         /** @type {Error | null} */
         let error = null;
+        const beginScene = () => (scene = new Scene(this.#elements));
         const apply = (/** @type {any} */ command, /** @type {Uint8Array | null} */ data) => {
-            if (isWhole(command)) scene = new Scene();
+            if (isWhole(command)) beginScene();
             try {
                 scene?.apply(this.#own(command), data);
             } catch (thrown) {
@@ -247,7 +254,7 @@ export class Track {
         };
         const begin = (/** @type {Message} */ message) => {
             if (scene || !this.#isOf(message, "snapshots")) return;
-            scene = new Scene();
+            beginScene();
             for (const [command, data] of commandsOf(message.data)) apply(command, data);
         };
         await this.#through(await this.#keyOf(stop), stop, new Following(apply), begin);

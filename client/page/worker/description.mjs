@@ -15,8 +15,7 @@ export function describe(scene, look, limits) {
     return scene.figures.map((figure) => ({
         id: figure.id,
         side: sideOf(figure.id),
-        title: figure.properties.title,
-        columns: figure.properties.columns,
+        ...ownOfFigure(figure),
         controls: figure.childrenOf("control").map(describeControl),
         axes: figure
             .childrenOf("axes")
@@ -33,21 +32,35 @@ function describeControl({ id, type, properties, said }) {
 /** @param {Item} axes @param {{theme: Theme, hidden: Set<number>}} look @param {Limits} limits
  * @returns {import("../messages.mjs").AxesDescription} */
 function describeAxes(axes, { theme, hidden }, limits) {
-    const { title, equalAspect, linkX, legend, row, column, picks } = axes.properties;
-    const all = axes.childrenOf("series");
     const colors = colorsOf(axes, theme);
-    const named = all.filter((one) => one.properties.name !== "");
-    const series = all.map((one) => ({
+    const series = axes.childrenOf("series").map((one) => ({
         id: one.id,
         type: one.type,
-        name: one.properties.name,
+        ...ownOfSeries(one),
         color: colors.get(one.id) ?? theme.text,
         visible: isVisible(one, hidden),
-        axis: one.properties.axis,
-        colorMap: hasColorBar(one) ? one.properties.colorMap : null,
     }));
+    return { id: axes.id, ...ownOfAxes(axes), series, limits };
+}
+
+/** What the description of an object says of its own properties, as text. @param {Item} item */
+export function ownDescription(item) {
+    const { family } = item;
+    if (family === "series") return JSON.stringify(ownOfSeries(item));
+    if (family === "axes") return JSON.stringify(ownOfAxes(item));
+    return JSON.stringify(family === "figure" ? ownOfFigure(item) : describeControl(item));
+}
+
+/** @param {Item} figure */
+function ownOfFigure({ properties: { title, columns } }) {
+    return { title, columns };
+}
+
+/** @param {Item} axes */
+function ownOfAxes(axes) {
+    const { title, equalAspect, linkX, legend, row, column, picks } = axes.properties;
+    const named = axes.childrenOf("series").filter((one) => one.properties.name !== "");
     return {
-        id: axes.id,
         title,
         x: describeAxis(axes, "x"),
         y: describeAxis(axes, "y"),
@@ -58,9 +71,13 @@ function describeAxes(axes, { theme, hidden }, limits) {
         row,
         column,
         picks,
-        series,
-        limits,
     };
+}
+
+/** @param {Item} series */
+function ownOfSeries(series) {
+    const { name, color, visible, axis, colorMap } = series.properties;
+    return { name, color, visible, axis, colorMap: hasColorBar(series) ? colorMap : null };
 }
 
 /** @param {Item} axes @param {"x" | "y" | "y2"} which

@@ -12,6 +12,7 @@ import { sourceOf } from "../recording/sources.mjs";
 import { Survey } from "../recording/survey.mjs";
 import { NEAR, Track } from "../recording/track.mjs";
 import { Latencies, MOST_RECORDED } from "./latencies.mjs";
+import { MOST_REPLAYED } from "./scene.mjs";
 
 /** @typedef {import("./frames.mjs").Frame} Frame */
 /** @typedef {import("./live.mjs").Source} Source */
@@ -166,9 +167,9 @@ export class Replay {
     /** @param {Chunks[]} recordings @param {string[]} names @param {number} time where they are opened */
     #play(recordings, names, time) {
         const { take, report, post, now } = this.#surroundings;
-        const near = NEAR / recordings.length;
+        const [near, elements] = [NEAR, MOST_REPLAYED].map((most) => most / recordings.length);
         const tracks = recordings.map(
-            (chunks, side) => new Track(chunks, { name: names[side], side, near }),
+            (chunks, side) => new Track(chunks, { name: names[side], side, near, elements }),
         );
         const player = new Player(tracks, {
             give: (frame) => {

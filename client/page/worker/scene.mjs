@@ -3,6 +3,7 @@
 
 import { sideOf } from "../sides.mjs";
 import { Column, RegularColumn, elementsOf } from "./columns.mjs";
+import { ownDescription } from "./description.mjs";
 import { TYPES, defaultsOf, readProperties } from "./vocabulary.mjs";
 
 /** @typedef {import("./columns.mjs").ElementType} ElementType */
@@ -10,7 +11,9 @@ import { TYPES, defaultsOf, readProperties } from "./vocabulary.mjs";
 /** @typedef {import("./vocabulary.mjs").Type} Type */
 
 /** So that nobody who makes objects takes all memory. */
-const MOST_OBJECTS = 100_000;
+export const MOST_OBJECTS = 100_000;
+/** Bytes of all elements in what is replayed: a file may be anybody's. */
+export const MOST_REPLAYED = 512 * 1024 * 1024;
 const SIZES = { u8: 1, f32: 4, f64: 8 };
 
 /** An object. */
@@ -48,6 +51,10 @@ export class Item {
     get firstColumn() {
         return Object.values(this.columns)[0];
     }
+    /** Bytes that its elements take. */
+    get bytes() {
+        return Object.values(this.columns).reduce((sum, one) => sum + one.elements.byteLength, 0);
+    }
     /** What it has as its x. @returns {Places | null} */
     get places() {
         const { regular } = this.properties;
@@ -81,7 +88,7 @@ export class Scene {
     figures = [];
     /** Axes that look different since somebody took this. @type {Set<number>} */
     changed = new Set();
-    /** Whether something besides data changed since. */
+    /** Whether something that stands in a description changed since. */
     isRestructured = true;
     /** Figures in which anything has changed since somebody took this. @type {Set<number>} */
     touched = new Set();
@@ -89,6 +96,14 @@ export class Scene {
     keys = false;
     /** The engine's number of the latest frame. */
     frame = 0;
+    #most;
+    /** Bytes of all elements. */
+    #bytes = 0;
+
+    /** @param {number} [most] bytes that all elements may take; an engine is trusted with them */
+    constructor(most = Infinity) {
+        this.#most = most;
+    }
 
     /** @param {number} id @returns {Item | undefined} */
     find(id) {
@@ -105,7 +120,8 @@ export class Scene {
 
     /** As it is now, for somebody else. @returns {Scene} */
     snapshot() {
-        const copy = new Scene();
+        const copy = new Scene(this.#most);
+        copy.#bytes = this.#bytes;
         copy.frame = this.frame;
         copy.keys = this.keys;
         copy.figures = this.figures.map((figure) => figure.snapshot(null));
@@ -120,9 +136,10 @@ export class Scene {
     /** What is here, but for what is on a side: that is another scene's. Both are not to be used any
      * more. @param {number} side @param {Scene} other @returns {Scene} */
     withSide(side, other) {
-        const scene = new Scene();
+        const scene = new Scene(MOST_REPLAYED);
         const isKept = (/** @type {Item} */ { id }) => sideOf(id) !== side;
         const all = [...this.items.filter(isKept), ...other.items];
+        scene.#bytes = all.reduce((sum, { bytes }) => sum + bytes, 0);
         scene.#items = new Map(all.map((item) => [item.id, item]));
         scene.figures = [...this.figures.filter(isKept), ...other.figures];
         scene.figures.sort((one, two) => sideOf(one.id) - sideOf(two.id));
@@ -187,14 +204,12 @@ export class Scene {
     #set(item, members) {
         if (!item.kind) return;
         const read = readProperties(item.kind.properties, members);
+        const before = ownDescription(item);
         Object.assign(item.properties, read);
         if ("keep" in read) this.#forget(item);
         if ("value" in read) item.said = ++numSaid;
-        // How much is kept may change with each frame, and is seen nowhere but in the picture.
-        this.#touch(
-            item,
-            Object.keys(read).some((name) => name !== "keep"),
-        );
+        // What is seen nowhere but in the picture may change with each frame.
+        this.#touch(item, ownDescription(item) !== before);
     }
 
     /** @param {Item} item */
@@ -204,6 +219,7 @@ export class Scene {
         if (siblings.includes(item)) siblings.splice(siblings.indexOf(item), 1);
         const drop = (/** @type {Item} */ gone) => {
             this.#items.delete(gone.id);
+            this.#bytes -= gone.bytes;
             gone.children.forEach(drop);
         };
         drop(item);
@@ -218,6 +234,9 @@ export class Scene {
             throw new RangeError(`element ${first} comes after ${item.given}`);
         }
         const added = readColumns(item, count, columns, data);
+        const others = this.#bytes - item.bytes;
+        const most = others + data.length + (isSet ? 0 : item.bytes);
+        if (most > this.#most) throw new RangeError("too many elements");
         if (isSet || Object.keys(item.columns).length === 0) {
             const known = Object.keys(item.columns).sort().join();
             item.columns = {};
@@ -235,6 +254,7 @@ export class Scene {
         }
         item.given += count;
         this.#forget(item);
+        this.#bytes = others + item.bytes;
         this.#touch(item, false);
     }
 

@@ -150,7 +150,7 @@ export const TYPES = {
     ),
     scatter: series({ size: [SIZE, 6], ...COLORED }, ["x", "y"], ["size", "value"]),
     area: series({ base: [FINITE, 0], opacity: [SHARE, 0.3], width: [SIZE, 1.5] }, ["x", "y"]),
-    band: series({ opacity: [SHARE, 0.3] }, ["x", "low", "high"]),
+    band: series({ opacity: [SHARE, 0.3], width: [SIZE, 1] }, ["x", "low", "high"]),
     bars: series({ base: [FINITE, 0], barWidth: [SIZE, null] }, ["x", "y"]),
     errorBars: series({ cap: [SIZE, 6], width: [SIZE, 1.5] }, ["x", "y", "minus", "plus"]),
     outline: series({ width: [SIZE, 1] }, ["x", "y"]),

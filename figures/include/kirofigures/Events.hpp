@@ -35,10 +35,10 @@ struct View {
     bool home = false;
 };
 
-/// A key that the page has no use for.
+/// A key that the page has no use for, pressed where a figure has the focus.
 struct Key {
     std::string key;             ///< as browsers name it: "a", "ArrowUp"
-    const Axes* axes = nullptr;  ///< where, if in some; good during the callback
+    const Axes* axes = nullptr;  ///< null: beside them; good during the callback
 };
 
 }  // namespace kirofigures

@@ -45,7 +45,7 @@ class Area : public PairsOf<Area> {
     }
 };
 
-/// The ground between a lower and an upper edge.
+/// A lower and an upper edge, and the ground between them.
 class Band : public GrowingOf<Band> {
   public:
     explicit Band(detail::Node& node) noexcept : GrowingOf(node) {}
@@ -73,9 +73,14 @@ class Band : public GrowingOf<Band> {
         setColumns({{"low", low}, {"high", high}}, x);
         return *this;
     }
-    /// From 0 to 1; 0.3 unless set.
+    /// Of the ground, from 0 to 1; 0.3 unless set.
     Band& opacity(double opacity) {
         putNumber("opacity", opacity, Bound::kFraction);
+        return *this;
+    }
+    /// Of the edges, in CSS pixels; 1 unless set.
+    Band& width(double pixels) {
+        putNumber("width", pixels, Bound::kNotNegative);
         return *this;
     }
 };

@@ -60,6 +60,8 @@ class Writer {
         std::uint64_t since = 0;
     };
 
+    /// `rest`: the end of its last record, where that is not in its memory.
+    void endChunk(std::string_view rest);
     void put(std::string_view bytes);
     void putIndexes(ChunkInfo& info);
     void putEnd();

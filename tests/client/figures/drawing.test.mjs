@@ -83,6 +83,7 @@ test("What is dense, or winds, is filled by columns, with its true extremes", ()
     high[303] = NaN;
     const band = drawOne("band", {}, { x, low, high }).drawn.map(rectOf);
     assert.equal([band[50], band[30]].join(" "), "50,40,1,50 30,40,1,20");
+    assert.equal([band[150], band[250]].join(" "), "50,59.5,1,31 50,39.5,1,1", "its edges");
     const area = drawOne("area", { width: 0 }, flat(1000, 4));
     assert.deepEqual(rectOf(area.drawn[20]), [20, 60, 1, 40]);
 });

@@ -70,9 +70,13 @@ test("What is between a frame's beginning and its token is one frame; other chan
     say("sendACT", { ACT: "c" });
     expect("5 beginFrame b", "-1  c");
     say("set");
+    pass(30);
     frames.forget();
-    pass(1000);
+    say("data");
+    pass(49);
     expect();
+    pass(1);
+    expect("-1 data");
 });
 
 test("Limits are told not too often, but the last ones always", (t) => {
@@ -134,7 +138,9 @@ const FLUSHES = {
     "What was before a whole frame, or another view, means nothing any more": `
         take a untold failed; draw; after | apply a, paint, count
         take b whole; draw; after | apply b, paint, count, b painted
-        take c; draw; forget; after | apply c, paint, count`,
+        take c untold failed; draw; after; take d; draw | apply c, paint, count, apply d, paint, count
+        take e; take f; forget; after; draw | apply e, paint
+        take g; draw; after | apply g, paint, count, g painted`,
 };
 
 for (const [what, rows] of Object.entries(FLUSHES)) {

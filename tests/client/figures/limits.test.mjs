@@ -15,6 +15,7 @@ function limits(builder, shown, axes = 2) {
 }
 
 const line = (x, y, members = {}) => ["line", members, { x, y }];
+const SPREAD = { minus: [199, 2, NaN, 0], plus: [1, NaN, Infinity, 0] };
 const VERTICAL = { orientation: "vertical" };
 const AXES = {
     plain: {},
@@ -28,9 +29,9 @@ const SERIES = {
     wave: ["line", {}, ALL],
     points: ["scatter", {}, ALL],
     area: ["area", { base: 2 }, { x: [0, 1], y: [3, 12] }],
-    bars: ["bars", {}, { x: [4, 0, 2], y: [1, 2, 3] }],
+    bars: ["bars", {}, { x: [4, 0, 2, 2], y: [1, 2, 3, 1] }],
     band: ["band", {}, { x: [0, 1], low: [-8, 0], high: [0, 6] }],
-    errors: ["errorBars", {}, { x: [0.5], y: [10], minus: [1], plus: [NaN] }],
+    errors: ["errorBars", {}, { x: [9, 0, 3, -1], y: [99, 4, 3, -9], ...SPREAD }],
     image: ["image", { rows: 2, columns: 2, x: [-1, 1], y: [3, 5] }, { z: [1, 2, 3, 4] }],
     level: ["reference", { at: 7 }],
     span: ["reference", { ...VERTICAL, span: [3, Infinity] }],
@@ -38,8 +39,10 @@ const SERIES = {
     text: ["text", { text: "t", at: [9, 1] }],
     corner: ["text", { text: "t", at: [50, 50], inAxes: true }],
     single: line([5], [100]),
-    positive: line([-3, 0, 0.5, 50], [1e-3, 4, 10, 1000]),
-    unsorted: line([9, 1, 2], [100, 2, 4]),
+    positive: line([-3, 0, 0.5, 2, 50], [1e-3, 4, 10, -5, 1000]),
+    mixed: line([50, -3, 0.5, 1], [1000, 7, 10, -5]),
+    early: line([3, -1, 0], [4, -50, 2]),
+    late: line([9, 3, 0, 1, 2], [100, 4, 2, NaN, Infinity]),
     other: line([0, 1], [900, 1000], { axis: "y2" }),
     regular: ["line", { regular: [5, 0.5] }, { y: [0, 1, 2] }],
 };
@@ -48,18 +51,19 @@ const SERIES = {
  * series have it to their sides, too, but an image has none. */
 const EXTENTS = `
     plain  |                        | 0,1 0,1
-    plain  | wave                   | 0,10 -5,9
     plain  | points                 | -0.3,10.3 -5,9
     plain  | area                   | 0,1 2,13
     plain  | bars                   | -0.968,4.968 0,3.2
-    plain  | band errors            | 0,1 -9,11
+    plain  | band                   | 0,1 -9,7
     plain  | image                  | -1,1 3,5
     plain  | level span text corner | 2.7,9.18 0.5,7.5
     plain  | single                 | 4.75,5.25 95,105
-    log    | positive               | 0.5,50 7.94328,1258.93
+    log    | positive mixed         | 0.5,50 7.94328,1258.93
+    log    | errors                 | 2.90274,9.30157 2.51755,119.164
     fixed  | wave                   | -1,1 0.1,100
     newest | wave far               | 0.5,10 -5,9
-    part   | unsorted               | 0,3 1.8,4.2
+    part   | early late             | 0,3 1.8,4.2
+    part   | errors                 | 0,3 1.8,4.2
     second | wave other             | 0,10 -5,9 0,5
     plain  | regular                | 5,6 -0.2,2.2`;
 

@@ -2,7 +2,9 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
-import { Builder, contentOf, encode } from "./support/scenes.mjs";
+import { describe } from "../../../client/page/worker/description.mjs";
+import { TYPES, readProperties } from "../../../client/page/worker/vocabulary.mjs";
+import { Builder, contentOf, encode, look } from "./support/scenes.mjs";
 
 /** Axes, 2, and in them a line, 3, of two elements. */
 function start() {
@@ -73,6 +75,42 @@ test("Objects are made, changed and removed with all in them", () => {
     assert.equal(builder.find(3).places.begin, 1);
     builder.scene.apply(command("remove", { id: 1 }), null);
     assert.deepEqual([builder.find(3), builder.scene.figures], [undefined, []]);
+});
+
+/** Values, of which each property takes some. */
+const VALUES = [
+    ...[true, false, 0.5, 2, [0.25, 0.5], "other", ["a"], "#123456", "y2", "gray", "dashed"],
+    ...["vertical", "center", "after", { limits: [1, 2] }, { unit: "m" }, null],
+];
+
+test("What is set is described again if, and only if, its description is another one then", () => {
+    const isTaken = (properties, name, value) => {
+        try {
+            readProperties(properties, { [name]: value });
+            return true;
+        } catch {
+            return false;
+        }
+    };
+    for (const [type, { properties, family }] of Object.entries(TYPES)) {
+        const builder = new Builder();
+        const { scene } = builder;
+        const parent = { axes: 1, control: 1, series: 2 }[family];
+        scene.apply(command("create", { id: 9, type, ...(parent && { parent }) }), null);
+        if (type === "scatter") builder.data(9, 0, { x: [1], y: [1], value: [1] });
+        const described = () => JSON.stringify(describe(scene, look(), new Map()));
+        for (const name of Object.keys(properties)) {
+            const taken = VALUES.filter((value) => isTaken(properties, name, value));
+            assert.ok(taken.length > 1, `${type} ${name}: ${taken}`);
+            for (const value of taken) {
+                const before = described();
+                scene.isRestructured = false;
+                builder.set(9, { [name]: value });
+                const isOther = described() !== before;
+                assert.equal(scene.isRestructured, isOther, `${type} ${name} ${value}`);
+            }
+        }
+    }
 });
 
 test("An object of a type that is not known shows nothing, with all in it", () => {

@@ -23,11 +23,10 @@ export class Engine {
         this.peer = await gateway.peer();
         const { blocks } = CONFIGURATION;
         await this.peer.welcome({
-            ...{
-                configuration: CONFIGURATION,
-                blockChannels: [blocks],
-                limits: { message: 65536 },
-            },
+            configuration: CONFIGURATION,
+            blockChannels: [blocks],
+            limits: { message: 65536 },
+            next: this.#number,
             ...welcome,
         });
     }

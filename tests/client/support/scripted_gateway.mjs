@@ -9,6 +9,8 @@ const offeredIn = (request) => request.headers["sec-websocket-protocol"].split(/
 class Peer {
     #frames;
     #messages = [];
+    /** The kinds of messages that nobody waited for. */
+    passed = [];
     /** Whether it gives echoes back by itself. */
     answersEchoes = true;
     /** Bytes of the largest frame that came. */
@@ -32,7 +34,7 @@ class Peer {
         for (;;) {
             const message = this.#messages.shift();
             if (message?.t === t) return message;
-            if (message) continue;
+            if (message && this.passed.push(message.t)) continue;
             const [data, isBinary] = (await this.#frames.next()).value;
             this.#messages = isBinary ? [{ t: "bytes", data }] : [JSON.parse(data)].flat();
         }

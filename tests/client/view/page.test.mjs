@@ -7,6 +7,7 @@ import { meaningOf } from "../../../client/page/keys.mjs";
 import { gridOf, placeAxes } from "../../../client/page/layout.mjs";
 import * as navigation from "../../../client/page/navigation.mjs";
 import { Watch } from "../../../client/page/stale.mjs";
+import { FigureDrawing } from "../../../client/page/svg.mjs";
 import { captionOf } from "../../../client/page/table.mjs";
 import { pathOf, timeText } from "../../../client/page/time_line.mjs";
 import { WorkerLink } from "../../../client/page/worker_link.mjs";
@@ -68,18 +69,21 @@ test("Axes go where the engine wants them, or behind one another where that is t
     assert.equal(placeAxes([free, free], { width: 900, height: 300 }, 0).columns, 2);
 });
 
+/** What keys mean; nothing: they are the browser's. */
+const KEYS = `
+    ArrowRight: crosshair 0.02 0 | ArrowUp: crosshair 0 0.02    | ArrowDown: crosshair 0 -0.02
+    Shift+ArrowLeft: move -0.1 0 | Shift+ArrowDown: move 0 -0.1 | Escape: leave
+    x: zoom true true false      | Shift+Y: zoom false false true | q: engine q
+    Enter: pick | Shift+Enter: mark | r: record | o: open | Shift+?: help | Shift+ : pause
+    =: action zoomIn | Home: action home | Ctrl+c: | Alt+x: | Meta+s: | Control: | Tab: | F5:`;
+
 test("Keys are the page's, the engine's or the browser's", () => {
-    const meant = (name) => {
-        const [key, ...held] = name.split("+").reverse();
-        return meaningOf({ key, shiftKey: held.includes("Shift"), ctrlKey: held.includes("Ctrl") });
-    };
-    for (const key of ["Ctrl+c", "Tab", "F5"]) assert.equal(meant(key), null);
-    assert.deepEqual(meant("ArrowUp"), { do: "crosshair", x: 0, y: 0.02 });
-    assert.deepEqual(meant("Shift+ArrowLeft"), { do: "move", x: -0.1, y: 0 });
-    assert.deepEqual(meant("="), { do: "action", action: "zoomIn" });
-    assert.deepEqual(meant("Home"), { do: "action", action: "home" });
-    assert.deepEqual(meant("Shift+?"), { do: "help" });
-    assert.deepEqual(meant("q"), { do: "engine", key: "q" });
+    for (const row of KEYS.trim().split(/[|\n]/)) {
+        const [name, meaning] = row.trim().split(/: ?/);
+        const [key, held] = name.split("+").reverse();
+        const meant = meaningOf({ key, [`${held?.toLowerCase()}Key`]: true });
+        assert.equal(Object.values(meant ?? {}).join(" "), meaning, name);
+    }
 });
 
 test("A figure is stale when its engine drew regularly and stops, or the connection is gone", () => {
@@ -143,4 +147,41 @@ test("A time line says times in full, and marks what lies side by side as one", 
     const texts = [0, 61_001.9, 3_600_000, 3_599_999].map(timeText);
     assert.deepEqual(texts, ["0:00.000", "1:01.001", "1:00:00.000", "59:59.999"]);
     assert.equal(pathOf(Uint8Array.of(2, 1, 3, 2), 2, 0, 3), "M0 0h1v3H0ZM2 0h2v3H2Z");
+});
+
+/** What an SVG has: elements with the values of their attributes. */
+const DRAWN = `
+    rect 316 216 panel | line 83 18 83 68 grid | line 58 58 158 58 grid
+    line 58 18 58 68 rule | line 58 68 158 68 rule | line 158 18 158 68 rule
+    line 83 68 83 73 rule | text 83 83 4 middle a | text 83 98 4 middle b
+    line 58 58 53 58 rule | text 49 58 4 end c | line 158 28 163 28 rule | text 167 28 4 start d
+    text 108 95.5 4 middle n (u) | text 15.5 43 4 middle rotate(-90 15.5 43.0) m`;
+
+test("A saved figure has its grid, rules, ticks and labels where the page has them", () => {
+    globalThis.OffscreenCanvas = class {
+        getContext = () => ({ measureText: ({ length }) => ({ width: 7 * length }) });
+    };
+    const at = (left, top, width, height) => ({
+        getBoundingClientRect: () => ({ left, top, width, height }),
+    });
+    const tick = (share, text) => ({ ticks: [{ at: share, text }] });
+    const hidden = { hidden: true, children: [] };
+    const view = {
+        description: { y2: {} },
+        plot: { over: at(60, 40, 100, 50) },
+        ticks: { x: tick(0.25, "a\nb"), y: tick(0.2, "c"), y2: tick(0.8, "d") },
+        labels: {
+            x: { element: at(60, 110, 100, 15), parts: ["n", "(u)", ""] },
+            y: { element: at(10, 40, 15, 50), parts: ["m", "", ""] },
+            y2: { element: hidden },
+        },
+        ...{ isLaidOut: true, title: hidden, legend: { element: hidden }, colorBars: hidden },
+    };
+    const figure = { description: {}, grid: at(10, 30, 300, 200), axes: new Map([[2, view]]) };
+    const drawing = new FigureDrawing(figure, { get: (color) => color }, false);
+    const svg = drawing.svg({ ground: true, scale: 2 });
+    const drawn = [...svg.matchAll(/<((?:line|text|rect) .*?)\/?>([^<]*)/g)].map(([, tag, text]) =>
+        `${tag.replace(/\S+="(.*?)"/g, "$1")} ${text}`.trim(),
+    );
+    assert.deepEqual(drawn, DRAWN.trim().split(/ *[|\n] */));
 });

@@ -1,4 +1,5 @@
 // What a page shows of axes, read from its canvases.
+import { createHash } from "node:crypto";
 
 /** Each picture has the size of its axes. */
 export function untilSettled(page) {
@@ -12,63 +13,65 @@ export function untilSettled(page) {
     );
 }
 
+/** In a page: the pixels of a picture, four bytes each, as a text. */
+async function pixelsOf(image, width = image.width, height = image.height) {
+    const copy = new OffscreenCanvas(width, height).getContext("2d");
+    copy.drawImage(image, 0, 0);
+    const reader = new FileReader();
+    reader.readAsDataURL(new Blob([copy.getImageData(0, 0, width, height).data]));
+    await new Promise((done) => (reader.onload = done));
+    return { width, height, base64: reader.result.split(",")[1] };
+}
+
 /** All axes of the page: what is told of them, and the pixels of their series. */
 export async function pictures(page) {
+    await page.evaluate(`globalThis.pixelsOf = ${pixelsOf}`);
     const read = await page.evaluate(() => {
-        const base64 = (data) => {
-            let bytes = "";
-            for (let i = 0; i < data.length; i += 8192) {
-                bytes += String.fromCharCode(...data.subarray(i, i + 8192));
-            }
-            return btoa(bytes);
-        };
         const views = [...kirowebPage.figures.values()].flatMap(({ axes }) => [...axes.values()]);
-        return views.map(({ canvas, size, description, shown, ticks, plot }) => {
-            const [width, height] = [size.width, size.height].map((n) =>
-                Math.round(n * size.ratio),
-            );
-            const copy = new OffscreenCanvas(width, height).getContext("2d");
-            copy.drawImage(canvas, 0, 0);
-            const { data } = copy.getImageData(0, 0, width, height);
-            const own = plot.ctx.canvas;
-            const frame = plot.ctx.getImageData(0, 0, own.width, own.height).data;
+        const all = views.map(async ({ canvas, size, description, shown, ticks, plot }) => {
+            const sizes = [size.width, size.height].map((n) => Math.round(n * size.ratio));
             const { left, top, width: across, height: down } = plot.bbox;
             return {
-                ...{ description, shown, ticks, width, height, unit: size.ratio },
-                base64: base64(data),
-                frame: { base64: base64(frame), width: own.width, height: own.height },
+                ...{ description, shown, ticks, unit: size.ratio },
+                ...(await globalThis.pixelsOf(canvas, ...sizes)),
+                frame: await globalThis.pixelsOf(plot.ctx.canvas),
                 area: { left, top, right: left + across, bottom: top + down },
             };
         });
+        return Promise.all(all);
     });
     return read.map((members) => new AxesPicture(members));
 }
 
-/** Of all axes of the page: their limits, and what tells one picture of them from another. */
-export function digests(page) {
-    return page.evaluate(async () => {
-        const views = [...kirowebPage.figures.values()].flatMap(({ axes }) => [...axes.values()]);
-        const digestOf = async ({ width, height }, image) => {
-            const copy = new OffscreenCanvas(width, height).getContext("2d");
-            copy.drawImage(image, 0, 0);
-            const { data } = copy.getImageData(0, 0, width, height);
-            return String(new Uint8Array(await crypto.subtle.digest("SHA-256", data)));
-        };
-        return Promise.all(
-            views.map(async ({ canvas, shown, plot }) => {
-                const { width, height } = canvas;
-                const all = [canvas, plot.ctx.canvas].map((one) => digestOf(one, one));
-                return [JSON.stringify(shown), width, height, ...(await Promise.all(all))];
-            }),
-        );
-    });
+/** The pixels of a PNG. */
+export async function decoded(page, png) {
+    await page.evaluate(`globalThis.pixelsOf = ${pixelsOf}`);
+    const read = async (text) => {
+        const bytes = Uint8Array.from(atob(text), (letter) => letter.charCodeAt(0));
+        return globalThis.pixelsOf(await createImageBitmap(new Blob([bytes])));
+    };
+    return new Picture(await page.evaluate(read, png.toString("base64")));
 }
 
-class AxesPicture {
-    constructor({ base64, frame, ...members }) {
+/** What is seen of an element. */
+export const shot = async (element) => decoded(element.page(), await element.screenshot());
+
+/** Of all axes of the page: their limits, and what tells one picture of them from another. */
+export async function digests(page) {
+    const digestOf = ({ pixels }) => createHash("sha256").update(pixels).digest("hex");
+    const all = await pictures(page);
+    return all.map((one) => [JSON.stringify(one.shown), digestOf(one), digestOf(one.frame)]);
+}
+
+/** Red, green and blue of "#rrggbb". */
+export const channels = (color) => [1, 3, 5].map((at) => parseInt(color.slice(at, at + 2), 16));
+/** Whether a pixel has a colour. */
+export const isNear = (color, pixel) => color.every((part, i) => Math.abs(part - pixel[i]) <= 12);
+
+class Picture {
+    constructor({ base64, ...members }) {
         Object.assign(this, members);
         this.pixels = Buffer.from(base64, "base64");
-        this.frame = { ...frame, pixels: Buffer.from(frame.base64, "base64") };
     }
     /** Red, green, blue and alpha. */
     at(column, row) {
@@ -79,11 +82,6 @@ class AxesPicture {
         const isInside = column >= 0 && row >= 0 && column < this.width && row < this.height;
         return isInside && this.pixels[(row * this.width + column) * 4 + 3] > 40;
     }
-    /** Whether that pixel, or a neighbour, is drawn. */
-    hasNear(column, row) {
-        const near = [-1, 0, 1];
-        return near.some((y) => near.some((x) => this.isDrawn(column + x, row + y)));
-    }
     /** All pixels that are drawn. */
     *all() {
         for (let row = 0; row < this.height; ++row) {
@@ -91,6 +89,25 @@ class AxesPicture {
                 if (this.isDrawn(column, row)) yield [column, row];
             }
         }
+    }
+    /** Whether a pixel above that row has this colour. */
+    has(color, rows = this.height) {
+        for (const at of this.all()) {
+            if (at[1] < rows && isNear(color, this.at(...at))) return true;
+        }
+        return false;
+    }
+}
+
+class AxesPicture extends Picture {
+    constructor(members) {
+        super(members);
+        this.frame = new Picture(members.frame);
+    }
+    /** Whether that pixel, or a neighbour, is drawn. */
+    hasNear(column, row) {
+        const near = [-1, 0, 1];
+        return near.some((y) => near.some((x) => this.isDrawn(column + x, row + y)));
     }
     /** Pixels that have to be drawn, and are not. @param {Uint8Array} required */
     missing(required) {
@@ -109,19 +126,28 @@ class AxesPicture {
         };
         return (x, y) => [fraction(x, "x") * width, (1 - fraction(y, which)) * height];
     }
-    /** How many texts stand below the axes, and from where to where they reach at most; told apart
-     * by room without ink. */
-    textsBelow() {
+    /** How many texts an axis has, told apart by room without ink, and whether one reaches an end of
+     * what is drawn on. */
+    texts(which) {
         const { frame, area, unit } = this;
-        const [FROM, TO, ROOM] = [7, 21, 8].map((pixels) => pixels * unit);
-        const top = Math.floor(area.bottom) + FROM;
-        const rows = Array.from({ length: TO - FROM }, (_, i) => top + i);
-        const isInk = (column, row) => frame.pixels[(row * frame.width + column) * 4 + 3] > 40;
-        const hasInk = Array.from({ length: frame.width }, (_, column) =>
-            rows.some((row) => isInk(column, row)),
-        );
-        const inked = [...hasInk.keys()].filter((column) => hasInk[column]);
-        const count = inked.filter((column, i) => !(column - inked[i - 1] <= ROOM)).length;
-        return { count, isClipped: hasInk[0] || hasInk.at(-1) };
+        const isX = which === "x";
+        const below = area.bottom + 7 * unit;
+        const strips = {
+            x: [below, below + 14 * unit],
+            y: [0, area.left - 7 * unit],
+            y2: [area.right + 7 * unit, frame.width],
+        };
+        const [from, to] = strips[which].map(Math.floor);
+        const across = [...Array(to - from).keys()].map((i) => from + i);
+        const isInk = (along, at) => frame.isDrawn(...(isX ? [along, at] : [at, along]));
+        const length = isX ? frame.width : Math.floor(below);
+        const inked = [...Array(length).keys()].filter((i) => across.some((at) => isInk(i, at)));
+        const edges = [0, frame.width - 1].slice(which === "y2" ? 1 : 0, which === "y" ? 1 : 2);
+        const isLast = (i) => edges.some((edge) => (isX ? i === edge : isInk(i, edge)));
+        const room = (isX ? 8 : 4) * unit;
+        return {
+            count: inked.filter((at, i) => !(at - inked[i - 1] <= room)).length,
+            isClipped: inked.some(isLast),
+        };
     }
 }

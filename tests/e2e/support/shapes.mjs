@@ -37,10 +37,23 @@ const steps =
     (at) =>
     ({ places, unit }) => ({ lines: path(stepped(places, at), 0.75 * unit) });
 
+/** A line across, in pieces: so many of its widths with ink, 0: a dot, and so many without. */
+const pieces =
+    (on, off) =>
+    ({ places: [[from, y], [to]], unit }) => {
+        const width = 4 * unit;
+        const count = Math.ceil((to - from) / (on + off) / width);
+        const begins = Array.from({ length: count }, (_, i) => from + i * (on + off) * width);
+        const ends = (at) => (on > 0 ? [at, at + on * width] : [at]).map((x) => [x, y]);
+        return { lines: begins.map((at) => ({ points: ends(at), half: width / 2 })) };
+    };
+
 /** From data and what `place(x, y)` says of them in pixels, `unit` pixels for a CSS pixel: areas, each
  * of rings, and lines, each with half of its width. */
 const KINDS = {
     line: ({ places, unit }) => ({ lines: path(places, 0.75 * unit) }),
+    dashed: pieces(4, 3),
+    dotted: pieces(0, 2.01),
     "steps before": steps(0),
     "steps after": steps(1),
     "steps middle": steps(0.5),
@@ -57,11 +70,15 @@ const KINDS = {
             lines: path(places, 0.75 * unit),
         };
     },
-    band({ place, data: { x, low, high } }) {
+    band({ place, data: { x, low, high }, unit }) {
         const both = x.map((at, i) => [...place(at, low[i]), ...place(at, high[i])]);
-        const parts = stretches(both).filter(({ length }) => length > 1);
+        const parts = stretches(both);
         const row = (part, at) => part.map((ends) => ends.slice(at, at + 2));
-        return { areas: parts.map((part) => between(row(part, 0), row(part, 2))) };
+        const areas = parts.filter(({ length }) => length > 1);
+        return {
+            areas: areas.map((part) => between(row(part, 0), row(part, 2))),
+            lines: parts.flatMap((part) => [0, 2].flatMap((at) => path(row(part, at), 0.5 * unit))),
+        };
     },
     bars({ place, data: { x, y, base, width } }) {
         const there = [...x.keys()].filter((i) => Number.isFinite(y[i]));
@@ -88,6 +105,7 @@ const KINDS = {
         return { areas: [rings], lines: edges };
     },
     outline: ({ places, unit }) => ({ lines: path(places, 0.5 * unit) }),
+    text: ({ places, unit }) => ({ texts: places, unit }),
     rectangle: ({ places }) => ({ areas: [rectangle(...places)] }),
     image: ({ place, data: { x, y } }) => ({
         areas: [rectangle(place(x[0], y[0]), place(x[1], y[1]))],
@@ -95,7 +113,7 @@ const KINDS = {
 };
 
 /** In a browser: which pixels lie in shapes that are larger by so much, as a text of "0" and "1". */
-function drawMask({ areas = [], lines = [], width, height, more }) {
+function drawMask({ areas = [], lines = [], texts = [], unit, width, height, more }) {
     const context = new OffscreenCanvas(width, height).getContext("2d");
     context.lineJoin = "round";
     if (more > 0) context.lineCap = "round";
@@ -123,6 +141,13 @@ function drawMask({ areas = [], lines = [], width, height, more }) {
             context.arc(...points[0], half + more, 0, 2 * Math.PI);
             context.fill();
         }
+    }
+    const lineWidth = 2 * (2 * unit + more);
+    const font = `${32 * unit}px system-ui, sans-serif`;
+    Object.assign(context, { lineWidth, font, textAlign: "right", textBaseline: "middle" });
+    for (const at of texts) {
+        if (more > 0) context.strokeText("HHLL", ...at);
+        context.fillText("HHLL", ...at);
     }
     const { data } = context.getImageData(0, 0, width, height);
     return Array.from({ length: width * height }, (_, i) => (data[4 * i + 3] > 64 ? 1 : 0)).join(

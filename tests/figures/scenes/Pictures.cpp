@@ -108,17 +108,29 @@ void addShapes(Figure& figure) {
     const Values y = {-1.5, -1.5, 1.5, 1.5, kGap, -0.5, -0.5, 0.5, 0.5, kGap, -1, -1, 1};
     framed(figure, "polygon", {{"x", x}, {"y", y}}).polygon().set(x, y);
     framed(figure, "outline", {{"x", x}, {"y", y}}).outline().set(x, y);
-    Axes& reference = framed(figure, "line", {{"x", {-1, 11}}, {"y", {0.5, 0.5}}});
-    reference.horizontal(0.5).dash(Dash::kSolid).color("#0068ad");
-    Axes& span = framed(figure, "rectangle", {{"x", {2, 3.5}}, {"y", {-3, 3}}});
-    span.verticalSpan(2, 3.5).opacity(0.4).color("#0068ad");
-    Axes& text = framed(figure, "text", {{"x", {5}}, {"y", {0}}});
-    text.text(5, 0, "H H H").anchor(Anchor::kCenter).color("#0068ad");
     const Values z = values(12, [](int i) { return i == 5 ? kGap : i * 1.0; });
     Axes& image =
         framed(figure, "image",
                {{"z", z}, {"x", {1, 9}}, {"y", {-1.5, 1.5}}, {"rows", {3}}, {"limits", {0, 11}}});
     image.image().set(3, 4, z).x(1, 9).y(-1.5, 1.5).colorMap(ColorMap::kGray).limits(0, 11);
+}
+
+void addReferences(Figure& figure) {
+    Axes& across = framed(figure, "line", {{"x", {-1, 11}}, {"y", {0.5, 0.5}}});
+    across.horizontal(0.5).dash(Dash::kSolid).color("#0068ad");
+    Axes& up = framed(figure, "line", {{"x", {4, 4}}, {"y", {-3, 3}}});
+    up.vertical(4).dash(Dash::kSolid).color("#0068ad");
+    const Columns wide = {{"x", {0, 10}}, {"y", {1, 1}}};
+    framed(figure, "dashed", wide).horizontal(1).width(4).color("#0068ad");
+    Axes& dotted = framed(figure, "dotted", wide);
+    dotted.horizontal(1).dash(Dash::kDotted).width(4).color("#0068ad");
+    Axes& span = framed(figure, "rectangle", {{"x", {2, 3.5}}, {"y", {-3, 3}}});
+    span.verticalSpan(2, 3.5).opacity(0.4).color("#0068ad");
+    Axes& level = framed(figure, "rectangle", {{"x", {-1, 11}}, {"y", {-1, 0.5}}});
+    level.horizontalSpan(-1, 0.5).opacity(0.4).color("#0068ad");
+    Axes& text = framed(figure, "text", {{"x", {9}}, {"y", {-1}}});
+    Text& right = text.text(9, -1, "HHLL").anchor(Anchor::kRight);
+    right.fontSize(32).color("#0068ad");
 }
 
 /// A line by itself.
@@ -137,10 +149,11 @@ void addOffset(Figure& figure, const char* title, double start, double step) {
 }  // namespace
 
 void addKinds(Window& window) {
-    Figure& figure = window.figure("Kinds").columns(5);
+    Figure& figure = window.figure("Kinds").columns(6);
     addLines(figure);
     addMarks(figure);
     addShapes(figure);
+    addReferences(figure);
 }
 
 void addCases(Window& window) {

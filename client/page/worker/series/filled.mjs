@@ -3,7 +3,7 @@
 import { Cover } from "../decimate.mjs";
 import { barWidthOf, visiblePart } from "../extents.mjs";
 import { withOpacity } from "../painter.mjs";
-import { coverOf, strokeSeries } from "./line.mjs";
+import { coverOf, fillCover, setPen, strokeSeries } from "./line.mjs";
 import { isDrawable } from "./path.mjs";
 
 /** @typedef {import("../scene.mjs").Item} Item */
@@ -59,6 +59,7 @@ export function paintBand(series, place) {
     const { places, columns, properties } = series;
     if (!places) return;
     place.context.fillStyle = withOpacity(place.color, properties.opacity);
+    const thickness = properties.width * place.ratio;
     const part = partWithNeighbours(places, place);
     if (isDense(places, part, place)) {
         const edge = (/** @type {string} */ name) =>
@@ -70,12 +71,23 @@ export function paintBand(series, place) {
             place,
             (column) => low.tops[column],
         );
+        if (thickness > 0) fillEdges(low, high, place, thickness);
         return;
     }
     const count = part[1] - part[0];
     const low = place.y.toPixels(columns.low, ...part, new Float64Array(count));
     const high = place.y.toPixels(columns.high, ...part, new Float64Array(count));
-    fillBetween(places, part, high, low, place);
+    fillBetween(places, part, high, low, place, thickness);
+}
+
+/** @param {Cover} low @param {Cover} high @param {Place} place @param {number} thickness */
+function fillEdges(low, high, place, thickness) {
+    for (let column = 0; column < low.width; ++column) {
+        if (!isDrawable(low.tops[column], high.tops[column])) {
+            for (const { tops } of [low, high]) tops[column] = NaN;
+        }
+    }
+    for (const edge of [low, high]) fillCover(edge, place, thickness);
 }
 
 /** A line that is one edge of a band. @param {Item} series @param {string} name */
@@ -98,26 +110,42 @@ function fillColumns(cover, other, { context, height }, opposite = other) {
 
 /** Fills between two edges, with a gap wherever something is missing.
  * @param {Places} places @param {[number, number]} part indices @param {Float64Array} upper
- * @param {Float64Array} lower @param {Place} place */
-function fillBetween(places, [from, to], upper, lower, place) {
+ * @param {Float64Array} lower @param {Place} place @param {number} [thickness] of the edges, too */
+function fillBetween(places, [from, to], upper, lower, place, thickness = 0) {
     const { context, width, height } = place;
     const x = place.x.toPixels(places, from, to, new Float64Array(to - from));
-    context.beginPath();
-    let begin = 0;
-    for (let i = 0; i <= x.length; ++i) {
-        const isThere = i < x.length && isDrawable(x[i], upper[i]) && isDrawable(x[i], lower[i]);
-        if (isThere) continue;
-        for (let k = begin; k < i; ++k) {
-            if (k === begin) context.moveTo(near(x[k], width), near(upper[k], height));
-            else context.lineTo(near(x[k], width), near(upper[k], height));
-        }
-        for (let k = i - 1; k >= begin; --k) {
-            context.lineTo(near(x[k], width), near(lower[k], height));
-        }
-        if (i > begin) context.closePath();
+    const isThere = (/** @type {number} */ i) =>
+        isDrawable(x[i], upper[i]) && isDrawable(x[i], lower[i]);
+    /** @type {[number, number][]} */
+    const stretches = [];
+    for (let i = 0, begin = 0; i <= x.length; ++i) {
+        if (i < x.length && isThere(i)) continue;
+        if (i > begin) stretches.push([begin, i]);
         begin = i + 1;
     }
+    const go = (/** @type {number} */ i, /** @type {Float64Array} */ y) =>
+        context.lineTo(near(x[i], width), near(y[i], height));
+    const start = (/** @type {number} */ i, /** @type {Float64Array} */ y) =>
+        context.moveTo(near(x[i], width), near(y[i], height));
+    context.beginPath();
+    for (const [begin, end] of stretches) {
+        start(begin, upper);
+        for (let i = begin + 1; i < end; ++i) go(i, upper);
+        for (let i = end - 1; i >= begin; --i) go(i, lower);
+        context.closePath();
+    }
     context.fill();
+    if (thickness === 0) return;
+    setPen(place, thickness, "solid");
+    context.beginPath();
+    for (const [begin, end] of stretches) {
+        for (const edge of [upper, lower]) {
+            start(begin, edge);
+            // To where it begins as well, so that one alone is a dot.
+            for (let i = begin; i < end; ++i) go(i, edge);
+        }
+    }
+    context.stroke();
 }
 
 /** @param {Item} series @param {Place} place */

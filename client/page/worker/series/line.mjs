@@ -75,7 +75,7 @@ export function coverOf({ places, columns: { y } }, place, steps) {
 }
 
 /** @param {Cover} cover @param {Place} place @param {number} thickness */
-function fillCover(cover, { context, color, height }, thickness) {
+export function fillCover(cover, { context, color, height }, thickness) {
     cover.thicken(thickness);
     context.fillStyle = color;
     const { tops, bottoms } = cover;

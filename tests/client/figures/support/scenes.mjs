@@ -22,9 +22,9 @@ export function encode(columns) {
 
 /** A scene with a figure, 1, and axes in it, 2. */
 export class Builder {
-    scene = new Scene();
     #last = 2;
-    constructor(axes = {}) {
+    constructor(axes = {}, scene = new Scene()) {
+        this.scene = scene;
         this.scene.apply({ cmd: "create", id: 1, type: "figure" }, null);
         this.scene.apply({ cmd: "create", id: 2, type: "axes", parent: 1, ...axes }, null);
     }

@@ -19,21 +19,32 @@ namespace {
 constexpr std::size_t kSamples = 1'000'000;
 constexpr std::size_t kNew = 10'000;
 
-/// Turns the wheel over the plot, in and out, and counts the animation frames until the old picture
-/// is no longer moved and stretched, which it is at once.
-std::string turns(int count) {
+// What a hand does `there` and back again, to `over`, whose middle is `place`.
+constexpr const char* kTurnWheel = R"(
+    const deltaY = there ? -200 : 200;
+    over.dispatchEvent(new WheelEvent("wheel", { ...place, deltaY, ...how }));)";
+constexpr const char* kDrag = R"(
+    const clientX = place.clientX + (there ? 40 : -40);
+    const finger = { ...how, pointerType: "touch", pointerId: 1 };
+    over.dispatchEvent(new PointerEvent("pointerdown", { ...finger, ...place }));
+    over.dispatchEvent(new PointerEvent("pointermove", { ...finger, ...place, clientX }));
+    over.dispatchEvent(new PointerEvent("pointerup", { ...finger, ...place, clientX }));)";
+
+/// Has a hand do this so often, and counts the animation frames until the old picture is no longer
+/// moved and stretched, which it is at once.
+std::string repeated(const std::string& gesture, int count) {
     return R"(new Promise((resolve, reject) => {
         const over = document.querySelector(".u-over");
         const [figure] = kirowebPage.figures.values();
         const [view] = figure.axes.values();
         const { left, top, width, height } = over.getBoundingClientRect();
         const place = { clientX: left + width / 2, clientY: top + height / 2 };
+        const how = { bubbles: true, cancelable: true };
         const found = [];
-        const turn = () => {
-            const deltaY = found.length % 2 ? 200 : -200;
-            const event = { ...place, deltaY, bubbles: true, cancelable: true };
-            over.dispatchEvent(new WheelEvent("wheel", event));
-            if (view.canvas.style.transform === "") reject(new Error("nothing was stretched"));
+        const act = () => {
+            const there = found.length % 2 === 0;)" +
+           gesture + R"(
+            if (view.canvas.style.transform === "") reject(new Error("nothing was moved"));
             let frames = 0;
             const look = () => {
                 ++frames;
@@ -42,15 +53,16 @@ std::string turns(int count) {
                 if (found.length === )" +
            std::to_string(count) + R"() return resolve(found);
                 // Not in step with the engine.
-                setTimeout(turn, 50 + 7 * (found.length % 11));
+                setTimeout(act, 50 + 7 * (found.length % 11));
             };
             requestAnimationFrame(look);
         };
-        turn();
+        act();
     }))";
 }
 
-std::vector<double> framesOfZooms(bool quick) {
+/// How many frames each of the gestures took, while the engine draws on.
+std::vector<double> framesOf(const std::string& gesture, bool quick) {
     using kirofigures::Outcome;
     std::vector<float> samples(kSamples);
     for (std::size_t i = 0; i < kSamples; ++i) {
@@ -65,9 +77,8 @@ std::vector<double> framesOfZooms(bool quick) {
     const auto tab = browser.open(window.link());
     while (!window.draw().isPainted()) {
     }
-    // The engine draws on meanwhile.
-    auto answer = std::async(std::launch::async, [&browser, &tab, quick] {
-        return browser.evaluate(tab, turns(quick ? 3 : 50));
+    auto answer = std::async(std::launch::async, [&browser, &tab, &gesture, quick] {
+        return browser.evaluate(tab, repeated(gesture, quick ? 3 : 50));
     });
     const std::span<const float> all(samples);
     for (std::size_t i = 0; answer.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
@@ -82,10 +93,13 @@ std::vector<double> framesOfZooms(bool quick) {
 
 }  // namespace
 
-Measurement zoomMeasurement() {
-    return {"zoom", [](bool quick) -> std::vector<Row> {
-                return {{"zoom, true picture", "frames", median(framesOfZooms(quick))}};
-            }};
+std::vector<Measurement> viewMeasurements() {
+    const auto measurement = [](const std::string& name, const char* gesture) -> Measurement {
+        return {name, [name, gesture](bool quick) -> std::vector<Row> {
+                    return {{name + ", true picture", "frames", median(framesOf(gesture, quick))}};
+                }};
+    };
+    return {measurement("zoom", kTurnWheel), measurement("pan", kDrag)};
 }
 
 }  // namespace bench
