@@ -332,13 +332,13 @@ TEST_F(ReturnTest, LostViewsEndInTheOrderOfTheirLossesAndLateOnesTogether) {
     start();
     std::vector<Page> pages;
     for (int i = 0; i < 5; ++i) pages.push_back(join());
-    const auto fate = [&](int i) {
+    const auto fate = [&](std::size_t i) {
         const auto& view = pages[i]->view();
         return std::string(view.state() == View::State::kOver ? "over"
                            : view.failure() != nullptr        ? "fails"
                                                               : "kept");
     };
-    for (int i = 0; i < 3; ++i) pages[i]->lose();
+    for (std::size_t i = 0; i < 3; ++i) pages[i]->lose();
     auto back = join(returnOf(pages[0]->view(), 0));
     EXPECT_TRUE(fViews->makeLostRoom());
     EXPECT_EQ(fate(0) + fate(1) + fate(2), "keptfailskept") << "the first has returned";
@@ -369,7 +369,7 @@ TEST_F(ReturnTest, WhatIsRememberedHasABound) {
         closed.push_back(join());
         closed.back()->fSession.ended(true, fNow);
     }
-    for (const int i : {33, 2, 1}) {
+    for (const std::size_t i : {33U, 2U, 1U}) {
         const auto back = join(returnOf(closed[i]->view(), 0));
         EXPECT_EQ(fHello.contains("ended"), i > 1) << "of the last 32, why it ended is known";
     }
