@@ -449,7 +449,7 @@ TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLostAndNobodyElse) {
         publish(large, std::string(60000, 't'));
         isLost ? large->lose() : static_cast<void>(large->read(100));  // the rest is still held
         EXPECT_TRUE(fViews->makeRoom(50000));
-        EXPECT_EQ(large->view().failure(), View::kMemoryUsedUp);
+        EXPECT_STREQ(large->view().failure(), View::kMemoryUsedUp);
         EXPECT_EQ(small->view().failure(), nullptr);
         large->fSession.viewFailed();
     }
