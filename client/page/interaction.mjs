@@ -51,7 +51,8 @@ export class Interaction {
     /** @param {import("./worker_link.mjs").WorkerLink} worker
      * @param {import("./theme.mjs").Colors} colors
      * @param {(text: string) => void} say to those who do not see it
-     * @param {{pause: () => void, record: () => void, open: () => void}} actions of the page */
+     * @param {{pause: () => void, record: () => void, open: () => void, layOut: () => void}} actions
+     *   of the page */
     constructor(worker, colors, say, actions) {
         this.#colors = colors;
         this.#worker = worker;
@@ -170,7 +171,7 @@ export class Interaction {
         for (const { crosshair } of shown) crosshair.leave();
         for (const { figure } of known) {
             figure.setCentring(false);
-            if (shown.length === 0) figure.element.classList.remove("full");
+            if (shown.length === 0 && figure.element.classList.contains("full")) this.#fill(figure);
         }
     }
 
@@ -326,10 +327,16 @@ export class Interaction {
 
     /** Where a browser has no full screen for elements, the window is filled.
      * @param {FigureView} figure */
-    #fullScreen({ element }) {
+    #fullScreen(figure) {
         if (document.fullscreenElement) void document.exitFullscreen();
-        else if (element.requestFullscreen) void element.requestFullscreen();
-        else element.classList.toggle("full");
+        else if (figure.element.requestFullscreen) void figure.element.requestFullscreen();
+        else this.#fill(figure);
+    }
+
+    /** Has a figure fill the window, or no more. @param {FigureView} figure */
+    #fill({ element }) {
+        element.classList.toggle("full");
+        this.#actions.layOut();
     }
 
     /** Not each of the values that pass by. @param {string} text */

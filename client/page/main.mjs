@@ -88,6 +88,7 @@ class Page {
                 if (!this.#isReplay) this.recording.press();
             },
             open: () => this.#choose(),
+            layOut: () => this.#layOut(),
         });
         this.recording = new RecordButton(
             this.worker,

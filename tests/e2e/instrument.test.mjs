@@ -314,22 +314,22 @@ test("A figure is saved as a picture, as shapes and as values, which are copied,
 
 test("A figure fills the screen and is drawn for it, also where a browser cannot do that", async () => {
     const { engine, page } = await start();
-    const isSized = ([which, isWanted]) =>
-        [...kirowebPage.figures.values()][0].axes.get(2).size[which] > 600 === isWanted;
-    const untilFull = (...wanted) => page.waitForFunction(isSized, wanted);
-    for (const [spoil, key, which] of [
-        ["", "f", "height"],
-        ["delete Element.prototype.requestFullscreen", "Escape", "width"],
+    const isSized = (isWanted) =>
+        [...kirowebPage.figures.values()][0].axes.get(2).size.height > 600 === isWanted;
+    const untilFull = (isWanted) => page.waitForFunction(isSized, isWanted);
+    for (const [spoil, key] of [
+        ["", "f"],
+        ["delete Element.prototype.requestFullscreen", "Escape"],
     ]) {
         await page.evaluate(spoil);
         await page.getByRole("button", { name: "Full screen" }).first().click();
-        await untilFull(which, true);
+        await untilFull(true);
         await engine.frame(() => engine.data(LINE, { x, y }));
         await untilSettled(page);
         const [picture] = await pictures(page);
         assert.ok(picture.hasNear(...picture.placer()(5, 25).map(Math.floor)));
         await page.locator(".chart").first().press(key);
-        await untilFull(which, false);
+        await untilFull(false);
     }
     await assertClean(page);
 });
