@@ -40,11 +40,14 @@ test("Every page sees everything, reloaded or not; the engine goes on with those
     await first.goBack();
     await scene.stream();
     // One that is hidden answers without painting, and paints when it is shown.
-    const hide = (hidden) =>
-        first.evaluate((value) => {
+    const hide = async (hidden) => {
+        await first.evaluate((value) => {
             Object.defineProperty(document, "hidden", { value, configurable: true });
             document.dispatchEvent(new Event("visibilitychange"));
         }, hidden);
+        // Its worker knows when it has answered; the next frame could reach it sooner.
+        await shownValues(first);
+    };
     await hide(true);
     await scene.stream("hidden");
     await scene.draw("step 1", "hidden");
