@@ -8,7 +8,7 @@ import { join } from "node:path";
 import { text } from "node:stream/consumers";
 import { test } from "node:test";
 
-import { assertClean, untilState } from "./support/page.mjs";
+import { assertClean, untilKnown, untilState } from "./support/page.mjs";
 import { Program } from "./support/program.mjs";
 import { Proxy } from "./support/proxy.mjs";
 import { assertLive, shownValues } from "./support/scene.mjs";
@@ -45,8 +45,7 @@ test("Every page sees everything, reloaded or not; the engine goes on with those
             Object.defineProperty(document, "hidden", { value, configurable: true });
             document.dispatchEvent(new Event("visibilitychange"));
         }, hidden);
-        // Its worker knows when it has answered; the next frame could reach it sooner.
-        await shownValues(first);
+        await untilKnown(first);
     };
     await hide(true);
     await scene.stream("hidden");

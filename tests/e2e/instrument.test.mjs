@@ -5,7 +5,7 @@ import { test } from "node:test";
 
 import { only } from "./support/browser.mjs";
 import { Engine } from "./support/engine.mjs";
-import { assertClean } from "./support/page.mjs";
+import { assertClean, untilKnown } from "./support/page.mjs";
 import { decoded, pictures, shot, untilSettled } from "./support/pictures.mjs";
 import { Stage } from "./support/stage.mjs";
 
@@ -222,6 +222,7 @@ test("The legend hides series, pausing holds the picture, and what is late looks
     assert.equal(await engine.frame(() => engine.data(LINE, { x, y: x })), "painted");
     await page.getByRole("button", { name: "Pause" }).click();
     await page.locator('#status[data-state="paused"]').waitFor();
+    await untilKnown(page);
     assert.equal(await engine.frame(() => engine.say("set", { id: 10, title: "New" })), "paused");
     assert.equal(await page.locator("h2").nth(1).textContent(), "Map");
     await page.keyboard.press(" ");

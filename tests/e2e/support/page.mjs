@@ -9,6 +9,11 @@ export async function untilState(page, name) {
     return page.textContent('[data-part="reason"]');
 }
 
+/** Ends when the page's worker knows what was done to the page; what an engine sends then comes later. */
+export async function untilKnown(page) {
+    await page.evaluate(() => kirowebPage.worker.ask({ kind: "csv", axes: [] }));
+}
+
 /** The page has met nothing wrong. */
 export async function assertClean(page) {
     assert.deepEqual(await page.evaluate(() => kirowebPage.errors), []);
