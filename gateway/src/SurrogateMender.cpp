@@ -33,11 +33,6 @@ std::string_view SurrogateMender::mend(std::string_view bytes, bool isLast) {
         const std::string_view rest = std::string_view(fText).substr(at);
         const bool isCut = !isLast && rest.size() < 2 * kEscape;
         if (!mayBeSurrogate(rest, "89abABcdefCDEF")) {
-            if (rest.size() == 1 && !isLast) {
-                fHeldBack = rest;
-                fText.resize(at);
-                break;
-            }
             at += 2;
             continue;
         }

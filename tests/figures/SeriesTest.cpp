@@ -88,6 +88,76 @@ TEST_F(SeriesTest, APropertyCanBeGivenBack) {
     EXPECT_EQ(properties(mark).at("span"), (boost::json::array{1.0, 2.0}));
 }
 
+TEST_F(SeriesTest, EverySettingTravelsByItsName) {
+    auto& figure = fWindow->figure("G");
+    auto& line = axes().line("l");
+    auto& area = axes().area();
+    auto& scatter = axes().scatter();
+    auto& bars = axes().bars();
+    auto& errors = axes().errorBars();
+    auto& image = axes().image();
+    auto& mark = axes().vertical(1);
+    auto& text = axes().text(1, 2, "t");
+    auto& slider = figure.slider("s", 0, 10, 5);
+    auto& choice = figure.choice("c", {"a", "b"});
+    auto& x = axes().x();
+    frame();
+    const std::pair<const char*, std::function<void()>> cases[]{
+        {R"(set title="T")", [&] { figure.title("T"); }},
+        {"set columns=1", [&] { figure.columns(1); }},
+        {"set equalAspect=true", [&] { axes().equalAspect(); }},
+        {"set linkX=3", [&] { axes().linkX(3); }},
+        {"set legend=true", [&] { axes().legend(true); }},
+        {"set row=0 column=0", [&] { axes().position(0, 0); }},
+        {R"(set x={"scale":"time"})", [&] { x.scale(Scale::kTime); }},
+        {R"(set x={"scale":"log"})", [&] { x.scale(Scale::kLog); }},
+        {R"(set x={"scale":"log","limits":[1E0,2E0]})", [&] { x.limits(1, 2); }},
+        {R"(set x={"scale":"log"})", [&] { x.automatic(); }},
+        {R"(set x={"scale":"log","limits":{"follow":3E0}})", [&] { x.follow(3); }},
+        {R"(set x={"scale":"log","limits":{"follow":3E0},"ticks":[[1E0,"one"]]})",
+         [&] {
+             x.ticks({{1, "one"}});
+         }},
+        {R"(set x={"scale":"log","limits":{"follow":3E0}})", [&] { x.ticks({}); }},
+        {"set visible=false", [&] { line.visible(false); }},
+        {R"(set axis="y2")", [&] { line.onSecondAxis(); }},
+        {R"(set axis="y")", [&] { line.onSecondAxis(false); }},
+        {R"(set dash="dashed")", [&] { line.dash(Dash::kDashed); }},
+        {R"(set dash="dotted")", [&] { mark.dash(Dash::kDotted); }},
+        {R"(set steps="before")", [&] { line.steps(Steps::kBefore); }},
+        {R"(set steps="middle")", [&] { line.steps(Steps::kMiddle); }},
+        {R"(set color="#1020a0ff")", [&] { line.color(Color::rgb(0x10, 0x20, 0xa0)); }},
+        {R"(set color="#102030")", [&] { line.color("#102030"); }},
+        {"set opacity=1E0", [&] { area.opacity(1); }},
+        {"set base=-2E0", [&] { area.base(-2); }},
+        {"set width=0E0", [&] { area.width(0); }},
+        {"set size=4E0", [&] { scatter.size(4); }},
+        {R"(set colorMap="turbo")", [&] { scatter.colorMap(ColorMap::kTurbo); }},
+        {"set colorBar=true", [&] { scatter.colorBar(); }},
+        {"set barWidth=2.5E0", [&] { bars.width(2.5); }},
+        {"set cap=0E0", [&] { errors.cap(0); }},
+        {"set x=[-1E0,1E0]", [&] { image.x(-1, 1); }},
+        {"set limits=[0E0,2E0]", [&] { image.limits(0, 2); }},
+        {R"(set anchor="right")", [&] { text.anchor(Anchor::kRight); }},
+        {"set at=[3E0,4E0] inAxes=true", [&] { text.atFraction(3, 4); }},
+        {"set value=1E1", [&] { slider.value(10); }},
+        {"set value=0E0", [&] { slider.value(0); }},
+        {"set step=1E0", [&] { slider.step(1); }},
+        {"set value=1", [&] { choice.value(1); }},
+    };
+    for (const auto& [wanted, operation] : cases) {
+        operation();
+        EXPECT_THAT(sent(), ElementsAre(wanted));
+    }
+    for (const auto& [name, span] : {std::pair("horizontal", &axes().horizontalSpan(1, 2, "m")),
+                                     std::pair("vertical", &axes().verticalSpan(1, 2, "m"))}) {
+        const auto shown = properties(*span);
+        EXPECT_EQ(shown.at("orientation"), name);
+        EXPECT_EQ(shown.at("name"), "m");
+        EXPECT_EQ(shown.at("span"), (boost::json::array{1.0, 2.0}));
+    }
+}
+
 TEST_F(SeriesTest, TakesNumbersOfBothPrecisionsFromAnyRange) {
     auto& line = axes().line();
     line.append(1.5F, 2);
@@ -213,7 +283,11 @@ TEST_F(SeriesTest, WhatCannotBeMeantIsRefused) {
     auto& scatter = axes().scatter().append(1, 2, {.size = 3});
     auto& area = axes().area();
     auto& log = axes().y2().scale(Scale::kLog);
-    auto& slider = fWindow->figure("G").slider("s", 0, 1, 0.5);
+    auto& figure = fWindow->figure("G");
+    auto& slider = figure.slider("s", 0, 1, 0.5);
+    auto& choice = figure.choice("c", {"a"});
+    auto& image = axes().image();
+    auto& note = axes().text(1, 2, "t");
     const auto before = linesOf(frame().picture);
     const std::vector two{1.0, 2.0};
     const Regular standing{0, 0};
@@ -238,6 +312,33 @@ TEST_F(SeriesTest, WhatCannotBeMeantIsRefused) {
         {"y2: limits of a logarithmic axis", [&] { log.limits(0, 1); }},
         {"at has to be a number", [&] { axes().horizontal(kGap); }},
         {R"(figure "G", slider "s": value)", [&] { slider.value(2); }},
+        {R"(figure "G", slider "s": limits)", [&] { slider.limits(1, 1); }},
+        {R"(choice "c": there is no option 1 of 1)", [&] { choice.value(1); }},
+        {"nothing to choose from", [&] { figure.choice("d", {}); }},
+        {"an option is not UTF-8",
+         [&] {
+             figure.choice("d", {"a", "\xff"});
+         }},
+        {R"(figure "G": columns is 0)", [&] { figure.columns(0); }},
+        {"position is below 0", [&] { axes().position(-1, 0); }},
+        {"position is below 0", [&] { axes().position(0, -1); }},
+        {"x: label is not UTF-8", [&] { axes().x().label("\xff"); }},
+        {"x: unit is not UTF-8", [&] { axes().x().label("a", "\xff"); }},
+        {"x: a tick is not UTF-8",
+         [&] {
+             axes().x().ticks({{1, "\xff"}});
+         }},
+        {"x: limits", [&] { axes().x().limits(1, 1); }},
+        {"y2: limits of a logarithmic axis", [&] { log.limits(-1, 1); }},
+        {"0 rows of 1", [&] { image.set(0, 1, two); }},
+        {"1 rows of 0", [&] { image.set(1, 0, two); }},
+        {"2 rows of 2", [&] { image.set(2, 2, two); }},
+        {"3 rows of 0", [&] { image.set(3, 0, two); }},
+        {"limits has to be numbers", [&] { image.limits(0, kGap); }},
+        {"at has to be numbers", [&] { note.at(kGap, 0); }},
+        {"at has to be numbers", [&] { note.at(0, kGap); }},
+        {"opacity is below 0", [&] { area.opacity(-0.5); }},
+        {"width is below 0", [&] { area.width(-1); }},
     };
     for (const auto& [text, operation] : cases) {
         const auto refusal = refusalOf(operation);

@@ -146,6 +146,53 @@ TEST_F(AccessTest, LinksNameAHostThatCanBeReached) {
     EXPECT_EQ(AccessPolicy(fOptions, 8080, entrance()).address(), "http://0.0.0.0:8080");
 }
 
+TEST_F(AccessTest, AHostMayLackThePortThatIsTheUsualOne) {
+    for (const auto& [certificate, usual] : {std::pair("", 80), {"c.pem", 443}}) {
+        fOptions.certificateFile = certificate;
+        for (const int port : {80, 443}) {
+            fPolicy.emplace(fOptions, static_cast<std::uint16_t>(port), entrance());
+            EXPECT_EQ(statusOf(answerTo("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n")),
+                      port == usual ? "200" : "403");
+        }
+    }
+    fOptions.address = "127.0.0.2";
+    fPolicy.reset();
+    expectStatuses(std::array<Row, 2>{{{"GET / HTTP/1.1\r\nHost: 127.0.0.2:8080\r\n\r\n", "200"},
+                                       {"GET / HTTP/1.1\r\nHost: localhost:8080\r\n\r\n", "403"}}});
+}
+
+TEST_F(AccessTest, ASiteMayHaveAnOriginOfItsOwnAndOthersThatServeIt) {
+    auto own = entrance();
+    own.origin = "https://a.example:8443";
+    own.others = {"http://b.example"};
+    fPolicy.emplace(fOptions, fAccess.port, own);
+    EXPECT_EQ(fPolicy->address(), own.origin);
+    const auto there = replaced(fUpgrade, fAccess.host(), "a.example:8443");
+    const auto from = [&](const char* origin) {
+        return replaced(there, "Origin: " + fAccess.origin(), std::string("Origin: ") + origin);
+    };
+    expectStatuses(std::array<Row, 5>{{{fUpgrade, "403"},
+                                       {from("https://a.example:8443"), "101"},
+                                       {from("http://b.example"), "101"},
+                                       {from("http://a.example:8443"), "403"},
+                                       {from("http://dev.example:5173"), "403"}}});
+    EXPECT_NE(fPolicy->commonFields("a.example:8443")
+                  .find("connect-src 'self' wss://a.example:8443 ws://b.example;"),
+              std::string::npos);
+
+    own.movedTo = "https://c.example/";
+    fPolicy.emplace(fOptions, fAccess.port, own);
+    const auto get = [](const std::string& target) {
+        return "GET " + target + " HTTP/1.1\r\nHost: a.example:8443\r\n\r\n";
+    };
+    expectStatuses(std::array<Row, 3>{{{get("/?x"), "302"}, {get("/x"), "404"}, {there, "404"}}});
+    EXPECT_NE(answerTo(get("/")).find("\r\nLocation: https://c.example/\r\n"), std::string::npos);
+    own.secrets = nullptr;
+    own.movedTo.clear();
+    fPolicy.emplace(fOptions, fAccess.port, own);
+    expectStatuses(std::array<Row, 2>{{{get("/"), "200"}, {from("http://b.example"), "503"}}});
+}
+
 TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
     const auto origin = "Origin: " + fAccess.origin();
     const auto token = fSecrets->token();
@@ -190,6 +237,7 @@ TEST_F(AccessTest, ACodeIsExchangedOnce) {
     const auto good = exchange(code);
     const Row refused[] = {
         {exchange(fSecrets->token()), "403"},
+        {exchange(std::string(128, '0')), "403"},
         {exchange(std::string(129, '0')), "413"},
         {exchange({}), "400"},
         {replaced(good, "Origin", "X-Origin"), "403"},

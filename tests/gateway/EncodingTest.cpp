@@ -24,11 +24,19 @@ TEST(TextEncoding, LetsOnlyValidTextWithoutSeparatorsPassAsItIs) {
         {"\xc2\x80 \xdf\xbf \xe0\xa0\x80 \xed\x9f\xbf \xee\x80\x80 \xf0\x90\x80\x80 "
          "\xf4\x8f\xbf\xbf",
          true},
+        {"\xc3\xa9 and forty bytes that are ASCII, no less", true},
+        {"\xc3\xa9 and thirty of ASCII, then one\x1e", false},
         {"a\x1f", false},
         {"\xc1\xbf", false},          // overlong
+        {"\xe0\x9f\xbf", false},      // the same
+        {"\xf0\x8f\xbf\xbf", false},  // the same
         {"\xed\xa0\x80", false},      // a surrogate
         {"\xf4\x90\x80\x80", false},  // above U+10FFFF
+        {"\xf5\x80\x80\x80", false},  // the same
         {"\xe2\x82", false},          // cut
+        {"\xc3z", false},
+        {"\xf0\x90\x80z", false},
+        {"\x80", false},
     };
     for (const auto& [end, isText] : table) {
         // At each place in and behind a word of eight bytes.
@@ -106,15 +114,63 @@ TEST(FrameReader, ReadsMessagesFromTheirBytesHoweverTheyCome) {
     }
 }
 
+TEST(FrameReader, TakesWholeNumbersHoweverTheyAreWritten) {
+    for (const auto& [written, number] : {std::pair("0", 0UL),
+                                          {"2.0", 2UL},
+                                          {"2e1", 20UL},
+                                          {"18446744073709551615", ~0UL},
+                                          {"9007199254740992.0", 9007199254740992UL}}) {
+        const auto messages = readFrame(R"({"t":"ack","last":)"s + written + "}", 3);
+        EXPECT_EQ(std::get<wire::Ack>(messages.at(0)).last, number) << written;
+        const auto hello = readFrame(
+            R"({"t":"hello","version":1,"limits":{"x":{"block":7},"block":)"s + written + "}}", 3);
+        EXPECT_EQ(std::get<wire::Hello>(hello.at(0)).maxBlock, number) << written;
+    }
+    const auto none = readFrame(R"({"t":"hello","version":1,"limits":{"x":{"block":7}}})", 99);
+    EXPECT_EQ(std::get<wire::Hello>(none.at(0)).maxBlock, ~0UL);
+    EXPECT_TRUE(std::get<wire::Hello>(none.at(0)).refused.empty());
+}
+
+TEST(FrameReader, HoldsTheMessageAtHandAndPassesOverTheRestOfAFrame) {
+    FrameReader reader(3);
+    std::size_t count = 0;
+    const FrameReader::Handler last = [&](wire::PageMessage&&) { return ++count == 0; };
+    reader.read(R"([{"t":"publish","channel":"a","text":"0123)", false, last);
+    EXPECT_EQ(reader.held(), 12U);
+    reader.read(R"("},{"t":"ack","last":1},)", false, last);
+    reader.read("is no JSON", true, last);
+    EXPECT_EQ(count, 1U);
+    reader.read(R"({"t":"ack","last":1})", true, last);
+    EXPECT_EQ(count, 2U);
+}
+
 TEST(FrameReader, RefusesWhatIsNoMessageAndWhatIsTooMuch) {
     std::string many = "[1";
     for (int i = 0; i < 4096; ++i) many += ",1";
     const auto hello = R"({"t":"hello","version":1,)"s;
+    std::vector<std::string> wrong;
+    for (const char* value : {"7", "true", "null", R"("x")", "[1]"}) {
+        for (const char* around : {"", "["}) {
+            wrong.push_back(around + std::string(value) + (*around != 0 ? "]" : ""));
+        }
+        wrong.push_back(hello + R"("limits":)" + value + "}");
+    }
+    for (const char* value : {"-1", "1.5", "1e17", "true", "null", R"("x")"}) {
+        wrong.push_back(R"({"t":"ack","last":)"s + value + "}");
+        wrong.push_back(hello + R"("refused":[1,)" + value + "]}");
+        wrong.push_back(hello + R"("limits":{"block":)" + value + "}}");
+    }
+    for (const char* value : {"1", "true", "null", "[]", "{}", R"(["a"])", R"({"a":"b"})"}) {
+        wrong.push_back(R"({"t":"subscribe","channels":[)"s + value + "]}");
+        wrong.push_back(R"({"t":"subscribe","channels":["a",)"s + value + "]}");
+    }
+    for (const auto& text : wrong) {
+        EXPECT_THROW(static_cast<void>(readFrame(text, 99)), std::runtime_error) << text;
+    }
     for (const auto& text :
-         {"7"s, ""s, "["s, "{}x"s, "[[]]"s, R"({"t":"hello","version":1,"view":"v"})"s,
-          R"({"t":"subscribe","channels":["a",1]})"s, R"({"t":"block","transfer":1.5,"ok":true})"s,
+         {""s, "["s, "{}x"s, "[[]]"s, R"({"t":"hello","version":1,"view":"v"})"s,
           R"([{"t":"publish","channel":"a","text":"b"},{"t":"publish","channel":"a"}])"s,
-          R"({"t":"ack","last":-1})"s, R"({"t":"echo","id":[]})"s,
+          R"({"t":"echo","id":[]})"s, R"({"t":"echo","id":true})"s,
           R"({"t":"echo","id":1,"time":1})"s,
           R"({"t":"echo","id":")"s + std::string(300, 'x') + "\"}",
           R"({"t":"ack","last":1,"x":[[[[[[[[1]]]]]]]]})"s,

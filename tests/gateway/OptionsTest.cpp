@@ -41,11 +41,22 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
     const std::pair<Options, const char*> table[] = {
         {withAsset("page.mjs"), R"(assets: the name "page.mjs" has to begin with "/")"},
         {withAsset("/kiroweb"), R"(assets: the name "/kiroweb" is the gateway's own; choose)"},
+        {withAsset("/a b"), R"(assets: the name "/a b" cannot stand in an address)"},
+        {withAsset("/a?b"), R"(assets: the name "/a?b" cannot)"},
+        {withAsset("/\x7f"), R"(assets: the name "/\x7f" cannot)"},
+        {withAsset("/"), R"(assets: the name "/" is given twice)"},
         {withAsset("/a", "text/plain\r\nX: y"), R"(assets: the name "/a" has a content type)"},
         {with([](Options& o) { o.configuration = R"({"a":1,})"; }),
          "configuration: not JSON at byte 7"},
         {with([](Options& o) { o.configuration = R"({"a":1)"; }),
          "configuration: not JSON at byte 6"},
+        {with([](Options& o) { o.configuration = "{} {}"; }), "configuration: something follows"},
+        {with([](Options& o) { o.configuration = "[]"; }), "configuration: not a JSON object"},
+        {with([](Options& o) { o.extraHosts = {""}; }), "extraHosts: "},
+        {with([](Options& o) { o.frameAncestors = {"http://a.example,b"}; }), "frameAncestors: "},
+        {with([](Options& o) { o.frameAncestors = {"http://a example"}; }), "frameAncestors: "},
+        {with([](Options& o) { o.limits.headerSize = 1UL << 32U; }), "limits.headerSize: "},
+        {with([](Options& o) { o.limits.queue = {}; }), "limits.queue is 0 ms: "},
         {with([](Options& o) { o.address = "localhost"; }), R"(address: "localhost" is not)"},
         {with([](Options& o) { o.certificateFile = "c.pem"; }),
          R"(certificateFile: "c.pem" needs)"},
@@ -79,7 +90,7 @@ TEST(Options, ThatCannotBeMeantAreNamed) {
 }
 
 TEST(Options, ATokenOfOnesOwnStandsInTheLinkAndWhatCannotBeHadIsNamed) {
-    const std::string token(32, 'a');
+    const std::string token = std::string(26, 'b') + "azAZ09";
     const Gateway first(with([&token](Options& o) { o.token = token; }));
     EXPECT_TRUE(first.link().ends_with("/#token=" + token)) << first.link();
     const auto text = failureOf(with([&first](Options& o) { o.port = first.port(); }));
