@@ -476,8 +476,8 @@ std::string Outbox::restOfFrame() const {
 void Outbox::detach() noexcept {
     fWriting = {};
     letGo(fControlBytes, 0);
-    fReleased += fControlBytes;
     fControlBytes = 0;
+    for (const auto& control : fControls) fReleased += control.size();
     fControls.clear();
     for (auto& lane : fLanes) {
         if (lane.entries.empty()) continue;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -269,6 +270,76 @@ TEST_F(OutboxTest, CountsEachByteOfItsOwnOnceAndGivesAllBack) {
     EXPECT_EQ(fLost->used(), before) << "nothing of it stays";
     fOutbox.reset();
     EXPECT_EQ(fLost->used() + fMemory->used(), 0U);
+}
+
+// A page is judged by these: whatever happens to it, in the end they agree.
+TEST_F(OutboxTest, TellsWhatWaitsWhatIsKeptAndWhatWasLetGo) {
+    const auto fill = [this] {
+        addText("a");
+        EXPECT_EQ(addShared(300), Added::kYes);
+        fOutbox->addControl("{}");
+        addBlock(250);
+        addText("b", "/c", 1);
+        const auto load = fOutbox->load();
+        EXPECT_EQ(load.waiting, fOutbox->bytes());
+        EXPECT_EQ(load.kept, 0U);
+        EXPECT_GE(load.added - load.released, 552U);
+        EXPECT_LT(load.added - load.released, 600U);
+    };
+    const auto writeAll = [this] {
+        static_cast<void>(write(90));
+        EXPECT_EQ(fOutbox->load().waiting, 0U);
+        EXPECT_EQ(fOutbox->load().kept, fOutbox->bytes());
+    };
+    const auto drop = [this] {
+        fOutbox->dropBlocks(fLeft);
+        leaveAll(fLeft);
+    };
+    const auto answerAll = [&] {
+        fOutbox->acknowledge(fOutbox->next() - 1);
+        for (std::uint64_t transfer = 1; transfer < 9; ++transfer) answer(transfer, true);
+    };
+    const auto goOn = [this] {
+        fOutbox->detach();
+        fOutbox->countAsLost(fLost);
+        fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 0, true);
+    };
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"all is taken", [&] { writeAll(), answerAll(); }},
+        {"written again after a return",
+         [&] {
+             const auto last = fOutbox->next() - 1;
+             writeAll(), goOn(), fOutbox->resume(last, {}, fLeft);
+             EXPECT_EQ(fOutbox->load().kept, 0U);
+             writeAll(), answerAll();
+         }},
+        {"lost in the middle of a block",
+         [&] {
+             for (int frame = 0; frame < 5; ++frame) {
+                 std::size_t size = 0;
+                 for (const auto part : fOutbox->pending()) size += part.size();
+                 fOutbox->written(size);
+             }
+             writePart(3);
+             const auto last = fOutbox->next() - 1;
+             goOn(), fOutbox->resume(last, {}, fLeft);
+             writeAll(), answerAll();
+         }},
+        {"the blocks are given up", [&] { writeAll(), drop(), answerAll(); }},
+        {"blocks and texts are given up, written",
+         [&] { writeAll(), fOutbox->forgetTexts(), drop(), answerAll(); }},
+        {"blocks and texts are given up, waiting",
+         [&] { fOutbox->forgetTexts(), drop(), writeAll(), answerAll(); }},
+        {"all is given up", [&] { fOutbox->clear(fLeft), leaveAll(fLeft); }},
+    };
+    for (const auto& [what, happens] : cases) {
+        fill();
+        happens();
+        const auto load = fOutbox->load();
+        EXPECT_EQ(load.waiting + load.kept, 0U) << what;
+        EXPECT_EQ(load.added, load.released) << what;
+        EXPECT_EQ(fOutbox->bytes() + fOutbox->bytesUnderWay() + fLost->used(), 0U) << what;
+    }
 }
 
 TEST(Pace, TellsASlowPageFromOneThatIsSentMuch) {
