@@ -144,6 +144,12 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
     auto& choice = figure.choice("c", {"one", "two"}, 1);
     slider.onChange([&](Slider& self) { fCalls.push_back(std::to_string(self.value())); });
     handleAll();
+    const auto shown = [&](const Object& control) {
+        return fPage.last().picture.at(control.id()).properties.at("value").to_number<double>();
+    };
+    EXPECT_EQ(shown(slider), 5);
+    EXPECT_EQ(shown(number), 1);
+    EXPECT_EQ(shown(choice), 1);
     use(button, "null");
     use(slider, "7.5");
     use(slider, "11");  // beyond its limits
@@ -151,6 +157,10 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
     use(choice, "0");
     use(choice, "2");
     use(choice, "0.5");
+    use(choice, "-1");
+    use(choice, "null");
+    use(slider, "-1");
+    use(slider, "null");
     use(axes(), "1");
     handleAll();
     EXPECT_TRUE(button.pressed());
@@ -169,6 +179,12 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
     EXPECT_EQ(fPage.last().picture.at(slider.id()).properties.at("value"), 7.5);
     slider.limits(0, 4);
     EXPECT_EQ(slider.value(), 4);
+    for (const char* end : {"0", "4"}) {
+        use(slider, end);
+        handleAll();
+        EXPECT_EQ(slider.value(), std::stod(end));
+        EXPECT_EQ(shown(slider), slider.value()) << "other pages are told";
+    }
 }
 
 TEST_F(EventsTest, CallbacksMayRemoveWhatTheyAreOfAndThrowButNotDraw) {

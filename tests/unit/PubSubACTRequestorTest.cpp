@@ -270,4 +270,29 @@ TEST_F(PubSubRequestor, MayBeDestroyedWithRepliesInFlight) {
     tokens.add("");
 }
 
+// Behind those that find no recorder.
+TEST_F(PubSubRequestor, RecordsItsLifeWhenTheHostWantsThat) {
+    const ScopedSettings settings([](auto& changed) { changed.drawnowTimeoutLogging = true; });
+    const auto life = [](const std::string& event, const std::string& data) {
+        return R"({"Channel":"","Event":")" + event + R"(","EventData":)" + data +
+               R"(,"LogType":"Server","Source":"PubSubACTRequestor"})";
+    };
+    auto& logger = Logger::instance();
+    logger.clearHistory(kLog);
+    make();
+    requestor->setAnnotation("a");
+    const auto token = requestor->checkoutToken();
+    requestor->sendACT(token);
+    returnToken(token);
+    requestor.reset();
+    const auto id = token.convertToString();
+    EXPECT_EQ(
+        logger.history(kLog),
+        (Lines{life("Created PubSubACTRequestor", R"({"Id":"/return"})"),
+               eventOf("checkoutToken", token), eventOf("sendACT", token),
+               life("Sending ACT", R"({"ACT":")" + id + R"(","Id":"/return"})"),
+               life("Logging Annotation", R"({"Annotation":"a"})"), eventOf("return ACT", token),
+               life("Destroyed PubSubACTRequestor", R"({"Id":"/return"})")}));
+}
+
 }  // namespace
