@@ -448,11 +448,30 @@ TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLostAndNobodyElse) {
         publish(small, "text");
         publish(large, std::string(60000, 't'));
         isLost ? large->lose() : static_cast<void>(large->read(100));  // the rest is still held
-        EXPECT_TRUE(fViews->makeRoom(50000));
+        EXPECT_TRUE(fContext->memory->makeRoom(50000));
         EXPECT_STREQ(large->view().failure(), View::kMemoryUsedUp);
         EXPECT_EQ(small->view().failure(), nullptr);
         large->fSession.viewFailed();
     }
+}
+
+TEST_F(ReturnTest, NobodyEndsForWhatAnotherGatewayHoldsWhileItStops) {
+    fOptions.limits.memory = 100000;
+    start();
+    const std::vector<Page> pages = [this] {
+        std::vector<Page> all;
+        for (int i = 0; i < 2; ++i) {
+            all.push_back(join());
+            publish(all.back(), std::string(30000, 't'));
+        }
+        return all;
+    }();
+    const auto room = std::make_shared<Budget>(100000, fContext->memory->account());
+    bool hasRoom = false;
+    EXPECT_EQ(offer(pages.front()->view(), 9), Part::kJoined);
+    const auto given = fBlock.then([&](auto&&) { hasRoom = room->makeRoom(90000); });
+    fViews->shut();
+    EXPECT_TRUE(hasRoom) << "though the second page holds its texts still";
 }
 
 TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {
