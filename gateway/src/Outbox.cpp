@@ -422,11 +422,16 @@ void Outbox::acknowledge(std::uint64_t last) noexcept {
 }
 
 void Outbox::popAcknowledged() noexcept {
-    while (!fNumbered.empty() && fUnwritten != fNumbered.begin()) {
-        const Entry& front = fNumbered.front();
-        if (front.number + front.count - 1 > fAcknowledged) return;
-        fKept -= ownSize(front) + sharedSize(front);
-        erase(fNumbered, fNumbered.begin());
+    while (!fNumbered.empty()) {
+        const auto front = fNumbered.begin();
+        if (front->number + front->count - 1 > fAcknowledged) return;
+        if (front == fUnwritten) {  // it was to be written again
+            if (fWriting.source == Source::kNumbered || front->block != nullptr) return;
+            ++fUnwritten;
+        } else {
+            fKept -= ownSize(*front) + sharedSize(*front);
+        }
+        erase(fNumbered, front);
     }
 }
 
