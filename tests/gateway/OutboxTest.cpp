@@ -224,6 +224,8 @@ TEST_F(OutboxTest, WritesNothingAgainThatThePageHas) {
         static_cast<void>(write());
     }
     comeBack(0);
+    fOutbox->acknowledge(2);
+    EXPECT_EQ(textsOf(write()), (Texts{"{}", "block 2", "3 c", "4 d", "5 e"})) << "no answer yet";
     comeBack(2);
     EXPECT_TRUE(block.get().delivered);
     writeFrame();  // the hello
