@@ -18,6 +18,7 @@ enum class Rank : unsigned char {
     kFactory,      ///< what makes the process-wide endpoint
     kLinkReceive,  ///< a gateway's end of a link: what comes, one after the other
     kPublish,      ///< the message service's order of publishing
+    kMemory,       ///< whose views may be ended to make room
     kViews,        ///< the gateway's list of views
     kView,         ///< one view of the gateway
     kBus,          ///< the message service's queue and subscriptions

@@ -1,53 +1,40 @@
 #pragma once
 
-#include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <utility>
 
+#include "Account.hpp"
+
 namespace kirogateway {
 
-/// A number of bytes that may be held at a time. Any thread; no lock.
+/// What its owner may hold of an account, with all others who share that. Any thread; only
+/// `makeRoom` takes a lock.
 class Budget {
   public:
-    explicit Budget(std::size_t limit) noexcept : fLimit(limit) {}
+    explicit Budget(std::size_t limit,
+                    std::shared_ptr<Account> account = std::make_shared<Account>()) noexcept
+        : fLimit(limit), fAccount(std::move(account)) {}
     Budget(const Budget&) = delete;
     Budget& operator=(const Budget&) = delete;
     ~Budget() = default;
 
-    /// Returns whether there was room; the bytes are taken then.
-    [[nodiscard]] bool take(std::size_t bytes) noexcept {
-        auto used = fUsed.load(std::memory_order_relaxed);
-        do {
-            if (bytes > fLimit || used > fLimit - bytes) return false;
-        } while (!fUsed.compare_exchange_weak(used, used + bytes, std::memory_order_relaxed));
-        return true;
-    }
-    /// Takes bytes that are held already, room or not.
-    void add(std::size_t bytes) noexcept { fUsed.fetch_add(bytes, std::memory_order_relaxed); }
-    void give(std::size_t bytes) noexcept { fUsed.fetch_sub(bytes, std::memory_order_relaxed); }
+    // See `Account`.
+    [[nodiscard]] bool take(std::size_t bytes) noexcept { return fAccount->take(bytes, fLimit); }
+    void add(std::size_t bytes) noexcept { fAccount->add(bytes); }
+    void give(std::size_t bytes) noexcept { fAccount->give(bytes); }
+    void addEnding(std::size_t bytes) noexcept { fAccount->addEnding(bytes); }
+    void removeEnding(std::size_t bytes) noexcept { fAccount->removeEnding(bytes); }
+    bool makeRoom(std::size_t bytes) noexcept { return fAccount->makeRoom(bytes, fLimit); }
 
-    /// Bytes that will be given soon, since their holder has to end.
-    void addEnding(std::size_t bytes) noexcept { fEnding += bytes; }
-    void removeEnding(std::size_t bytes) noexcept { fEnding -= bytes; }
-
-    /// Whether there is room, or soon will be.
-    [[nodiscard]] bool hasRoomFor(std::size_t bytes) const noexcept {
-        const auto now = used();
-        const auto soon = now - std::min(now, fEnding.load());
-        return bytes <= fLimit && soon <= fLimit - bytes;
-    }
     [[nodiscard]] bool isExceeded() const noexcept { return used() > fLimit; }
-    [[nodiscard]] std::size_t used() const noexcept {
-        return fUsed.load(std::memory_order_relaxed);
-    }
+    [[nodiscard]] std::size_t used() const noexcept { return fAccount->used(); }
     [[nodiscard]] std::size_t limit() const noexcept { return fLimit; }
+    [[nodiscard]] const std::shared_ptr<Account>& account() const noexcept { return fAccount; }
 
   private:
     const std::size_t fLimit;
-    std::atomic<std::size_t> fUsed{0};
-    std::atomic<std::size_t> fEnding{0};
+    const std::shared_ptr<Account> fAccount;
 };
 
 /// Bytes of a budget, given back at the end. Movable.

@@ -91,22 +91,38 @@ bool Fanout::prepare(const relay::Publication& message, Text& text, std::string&
         text.isBase64 = true;
     }
     if (text.text.size() < kSharedFrom) return true;
+    text.shared = countedBefore(message);
+    if (text.shared == nullptr) text.shared = count(message, text, encoded);
+    if (text.shared == nullptr) return false;
+    text.text = *text.shared->text;
+    return true;
+}
+
+std::shared_ptr<const SharedText> Fanout::countedBefore(const relay::Publication& message) const {
+    auto last = fContext->memory->account()->lastText();
+    const bool isSame = last != nullptr && last->text->size() == message.text().size() &&
+                        last->text == message.shared();
+    return isSame ? last : nullptr;
+}
+
+std::shared_ptr<const SharedText> Fanout::count(const relay::Publication& message, const Text& text,
+                                                std::string& encoded) {
     const auto size = text.text.size();
     auto shared = std::make_shared<SharedText>();
     if (!shared->charge.grow(fContext->memory, size)) {
-        if (!fViews->makeRoom(size)) return false;
+        if (!fContext->memory->makeRoom(size)) return nullptr;
         shared->charge.set(fContext->memory, size);
     }
     shared->text =
         text.isBase64 ? std::make_shared<const std::string>(std::move(encoded)) : message.shared();
-    text.text = *shared->text;
-    text.shared = std::move(shared);
-    return true;
+    fContext->memory->account()->noteText(shared);
+    return shared;
 }
 
 void Fanout::publish(View& view, const Text& text) noexcept {
-    // A batch that grows takes twice what it has.
-    const auto needed = 2 * (fContext->options.limits.batchSize + text.text.size() + kPlace);
+    // A batch that grows takes twice what it has. A shared text has been counted.
+    const auto batch = fContext->options.limits.batchSize + text.text.size();
+    const auto needed = text.shared != nullptr ? kPlace : 2 * (batch + kPlace);
     for (bool isRoomMade = false;;) {
         switch (view.publish(text, isRoomMade)) {
             case Outbox::Added::kYes: {
@@ -118,7 +134,7 @@ void Fanout::publish(View& view, const Text& text) noexcept {
             case Outbox::Added::kNever:
                 return;
             case Outbox::Added::kNoMemory:
-                isRoomMade = fViews->makeRoom(needed);
+                isRoomMade = fContext->memory->makeRoom(needed);
                 if (!isRoomMade) return view.fail(View::kMemoryUsedUp);
                 break;
             case Outbox::Added::kNoLostRoom:  // there is one less each time
@@ -146,7 +162,7 @@ Charge Fanout::chargeFor(std::string_view channel, std::size_t block) noexcept {
         logTooLarge("block", block, channel);
         return charge;
     }
-    if (!charge.grow(fContext->memory, block) && fViews->makeRoom(block)) {
+    if (!charge.grow(fContext->memory, block) && fContext->memory->makeRoom(block)) {
         charge.set(fContext->memory, block);
     }
     return charge;
@@ -158,7 +174,7 @@ View::Part Fanout::offerTo(View& view, std::string_view channel, std::size_t lan
         const auto now = timeNow();
         const auto part = view.offer(channel, lane, transfer, now, isRoomMade);
         if (part == View::Part::kNoMemory) {
-            isRoomMade = fViews->makeRoom(kPlace);
+            isRoomMade = fContext->memory->makeRoom(kPlace);
             if (!isRoomMade) return View::Part::kRefused;
         } else if (part == View::Part::kNoLostRoom) {
             if (!fViews->makeLostRoom()) return View::Part::kRefused;

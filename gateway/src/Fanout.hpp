@@ -48,6 +48,12 @@ class Fanout final : public relay::Transport {
     [[nodiscard]] std::size_t laneOf(std::string_view channel) const;
     /// Makes the text as it goes to the pages. Returns false if there is no room for it.
     [[nodiscard]] bool prepare(const relay::Publication& message, Text& text, std::string& encoded);
+    /// The same text as another gateway of the process counted it already, or null.
+    [[nodiscard]] std::shared_ptr<const SharedText> countedBefore(
+        const relay::Publication& message) const;
+    /// Null if there is no room.
+    [[nodiscard]] std::shared_ptr<const SharedText> count(const relay::Publication& message,
+                                                          const Text& text, std::string& encoded);
     void publish(View& view, const Text& text) noexcept;
     void logTooLarge(const char* what, std::size_t size, std::string_view channel) noexcept;
     [[nodiscard]] Charge chargeFor(std::string_view channel, std::size_t block) noexcept;

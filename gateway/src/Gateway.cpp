@@ -25,12 +25,18 @@ using relay::binary::experimental::Delivery;
 struct Gateway::Impl {
     explicit Impl(Options options)
         : assets(std::make_shared<const AssetTable>(std::exchange(options.assets, {}))),
-          context(std::make_shared<Context>(std::move(options))),
+          context(contextOf(std::move(options))),
           wakeup(std::make_shared<Wakeup>()),
           site(std::make_shared<Site>(std::string(), context, wakeup, lastPageGone())),
           secrets(std::make_shared<Secrets>(context->options.limits.code, context->options.token)),
           server(context, wakeup) {}
 
+    /// Which counts what waits together with all other gateways of the process.
+    [[nodiscard]] static std::shared_ptr<Context> contextOf(Options options) {
+        return std::make_shared<Context>(std::move(options), std::string(),
+                                         std::make_shared<Counters>(), std::vector<std::string>(),
+                                         Account::ofProcess());
+    }
     void start();
     void stop() noexcept;
     [[nodiscard]] std::function<void()> lastPageGone() const {

@@ -44,6 +44,10 @@ std::size_t Outbox::payloadSize(const Entry& entry) noexcept {
     return entry.records.size() + sharedSize(entry);
 }
 
+std::uint64_t Outbox::lastNumber(const Entry& entry) noexcept {
+    return entry.number + entry.count - 1;
+}
+
 std::size_t Outbox::controlSize(const std::string& frames) noexcept {
     return kControlOverhead + frames.size();
 }
@@ -407,7 +411,7 @@ void Outbox::finishNumbered(const Writing& writing) noexcept {
     }
     fKept += ownSize(entry) + sharedSize(entry);
     // What is written again, after a return, is not all that the page has been sent.
-    fWrittenUpTo = std::max(fWrittenUpTo, entry.number + entry.count - 1);
+    fWrittenUpTo = std::max(fWrittenUpTo, lastNumber(entry));
     ++fUnwritten;
     if (!fKeeps) fAcknowledged = fWrittenUpTo;
     popAcknowledged();
@@ -424,7 +428,7 @@ void Outbox::acknowledge(std::uint64_t last) noexcept {
 void Outbox::popAcknowledged() noexcept {
     while (!fNumbered.empty() && fUnwritten != fNumbered.begin()) {
         const Entry& front = fNumbered.front();
-        if (front.number + front.count - 1 > fAcknowledged) return;
+        if (lastNumber(front) > fAcknowledged) return;
         fKept -= ownSize(front) + sharedSize(front);
         erase(fNumbered, fNumbered.begin());
     }
@@ -515,11 +519,14 @@ void Outbox::resume(std::uint64_t last, const std::vector<std::uint64_t>& refuse
         const bool isRefused = std::ranges::find(refused, block->number) != refused.end();
         leave(fUnderWay, block, !isRefused, left);
     }
-    acknowledge(last);
-    for (auto entry = fNumbered.begin(); entry != fNumbered.end(); ++entry) {
-        if (entry == fUnwritten) break;
+    for (auto entry = fNumbered.begin(); entry != fUnwritten; ++entry) {
         fKept -= ownSize(*entry) + sharedSize(*entry);
         if (entry->block != nullptr) unsend(*entry->block);
+    }
+    // Also what was to be written again, since it had returned with less before.
+    fAcknowledged = last;
+    while (!fNumbered.empty() && lastNumber(fNumbered.front()) <= last) {
+        erase(fNumbered, fNumbered.begin());
     }
     fUnwritten = fNumbered.begin();
 }

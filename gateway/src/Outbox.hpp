@@ -172,6 +172,7 @@ class Outbox {
     [[nodiscard]] static std::size_t ownSize(const Entry& entry) noexcept;
     [[nodiscard]] static std::size_t sharedSize(const Entry& entry) noexcept;
     [[nodiscard]] static std::size_t payloadSize(const Entry& entry) noexcept;
+    [[nodiscard]] static std::uint64_t lastNumber(const Entry& entry) noexcept;
     [[nodiscard]] Added grow(Entry& entry, std::size_t more, bool isRoomMade);
     [[nodiscard]] Added addShared(const Text& text, bool isRoomMade);
     [[nodiscard]] std::size_t expectedMore(const Lane& lane) const noexcept;

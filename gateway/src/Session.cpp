@@ -140,7 +140,7 @@ Session::Reading Session::mayRead() noexcept {
     const auto& memory = fServices.context->memory;
     fHeld.set(memory, fReader.held() + fBlock.size());
     // Those for whom most is held make room for those who have something to say.
-    if (memory->isExceeded() && !fServices.views->makeRoom(0)) return Reading::kLater;
+    if (memory->isExceeded() && !memory->makeRoom(0)) return Reading::kLater;
     if (viewHere() == nullptr) return Reading::kNow;
     if (fView->hasManyAnswersWaiting() || !fServices.inbound.hasRoom()) return Reading::kLater;
     if (!fView->backlog()->isFull()) return Reading::kNow;

@@ -51,7 +51,8 @@ ViewRegistry::ViewRegistry(std::shared_ptr<Context> context, std::shared_ptr<Wak
       fMaySubscribe(fContext->options.maySubscribe),
       fLanes(fContext->options.lanes.size() + 1),
       fViewCount(before),
-      fSnapshot(std::make_shared<const Views>()) {}
+      fSnapshot(std::make_shared<const Views>()),
+      fHolder(std::in_place, fContext->memory->account(), *this) {}
 
 std::shared_ptr<const ViewRegistry::Views> ViewRegistry::views() const {
     annotated::Lock lock(fMutex);
@@ -305,6 +306,9 @@ void ViewRegistry::tell(std::string_view control) const {
 
 void ViewRegistry::shut(std::string_view why) noexcept {
     fIsShut = true;
+    // What they hold counts as given back before nobody can be asked for it any more: another
+    // gateway's page must not end for it.
+    for (const auto all = this->views(); const auto& view : *all) view->fail("gateway stopped");
     Views views;
     {
         annotated::Lock lock(fMutex);
@@ -326,24 +330,12 @@ void ViewRegistry::shut(std::string_view why) noexcept {
                    : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kStopped),
                                        why.substr(0, kMaxReason), std::move(rest.bytes));
     }
+    fHolder.reset();
     if (!views.empty()) fContext->log.write(why, {});
     recount();
 }
 
 // --- Room --------------------------------------------------------------------------------------
-
-bool ViewRegistry::makeRoom(std::size_t bytes) noexcept {
-    const auto& memory = *fContext->memory;
-    if (bytes > memory.limit()) return false;
-    const auto all = views();
-    while (!memory.hasRoomFor(bytes)) {
-        const auto largest = std::ranges::max_element(
-            *all, {}, [](const std::shared_ptr<View>& view) { return view->heldBytes(); });
-        if (largest == all->end() || (*largest)->heldBytes() == 0) return false;
-        (*largest)->fail(View::kMemoryUsedUp);
-    }
-    return true;
-}
 
 bool ViewRegistry::makeLostRoom() noexcept {
     std::shared_ptr<View> oldest;

@@ -7,6 +7,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,9 +23,10 @@ namespace kirogateway {
 
 /// All views: how they come, return and go.
 ///
-/// The gateway's thread changes it; publishing threads look at it, and end views when there is no
-/// room for what they publish. Engine code (the completion of a transfer, `onLastPageGone`) is
-/// called with no lock held. What cannot be undone takes no memory: it cannot fail half way.
+/// The gateway's thread changes it; publishing threads look at it, and those that find no room end
+/// its views, another gateway's threads among them (`Account`). Engine code (the completion of a
+/// transfer, `onLastPageGone`) is called with no lock held. What cannot be undone takes no memory:
+/// it cannot fail half way.
 class ViewRegistry {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
@@ -42,10 +44,6 @@ class ViewRegistry {
     /// Another number whenever a view or a subscription came or went.
     [[nodiscard]] std::uint64_t version() const noexcept { return fVersion; }
     [[nodiscard]] std::size_t lanes() const noexcept { return fLanes; }
-    /// Ends views, those first for which most is held, until there is room for so many bytes, or
-    /// will be as soon as the gateway's thread has given back their blocks. Returns whether that is
-    /// so.
-    bool makeRoom(std::size_t bytes) noexcept;
     /// Ends the view that lost its connection first of all that have none; no other is looked at.
     /// Returns whether there was one.
     bool makeLostRoom() noexcept;
@@ -167,6 +165,8 @@ class ViewRegistry {
     std::shared_ptr<const Views> fSnapshot GUARDED_BY(fMutex);
     bool fIsStale GUARDED_BY(fMutex) = false;
     std::deque<Ended> fEnded GUARDED_BY(fMutex);  ///< the last few views that ended
+    /// Until there are no views any more; the last member, since others look at this one then.
+    std::optional<Account::Holder> fHolder;
 };
 
 }  // namespace kirogateway

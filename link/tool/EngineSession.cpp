@@ -265,8 +265,8 @@ void EngineSession::holdAtMost(std::size_t bytes) {
     fCommon.server.post([place = fPlace, bytes](Sites& sites) {
         const auto site = sites.at(place);
         if (site == nullptr) return;
-        const auto limit = site->context->memory->limit();
-        static_cast<void>(site->views->makeRoom(limit - std::min(limit, bytes)));
+        auto& memory = *site->context->memory;
+        static_cast<void>(memory.makeRoom(memory.limit() - std::min(memory.limit(), bytes)));
     });
 }
 

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "kirogateway/Gateway.hpp"
@@ -98,10 +100,19 @@ TEST(Options, ATokenOfOnesOwnStandsInTheLinkAndWhatCannotBeHadIsNamed) {
     EXPECT_THROW(static_cast<void>(loadAsset("/", "/nowhere.html")), std::runtime_error);
 }
 
-TEST(ClientAssets, AreTheModulesAsTheyAre) {
-    EXPECT_FALSE(clientAssets().empty());
-    for (const auto& asset : clientAssets()) {
-        const auto file = asset.name.substr(asset.name.rfind('/'));
-        EXPECT_EQ(asset.body, loadAsset("/", KIROWEB_CLIENT_DIR + file).body) << file;
+TEST(ClientAssets, AreTheModulesAsTheyAreWithAllThatTheyImport) {
+    static constexpr std::string_view kImport = "from \"./";
+    std::set<std::string> served;
+    std::set<std::string> imported;
+    for (const auto& [name, type, body] : clientAssets()) {
+        const auto file = name.substr(name.rfind('/'));
+        served.insert(file);
+        EXPECT_EQ(body, loadAsset("/", KIROWEB_CLIENT_DIR + file).body) << file;
+        for (auto at = body.find(kImport); at != std::string::npos; at = body.find(kImport, at)) {
+            at += kImport.size();
+            imported.insert("/" + body.substr(at, body.find('"', at) - at));
+        }
     }
+    EXPECT_TRUE(served.erase("/protocol.mjs"));
+    EXPECT_EQ(served, imported);
 }

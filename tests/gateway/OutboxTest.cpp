@@ -80,6 +80,11 @@ class OutboxTest : public testing::Test {
         static_cast<void>(fOutbox->pending());
         fOutbox->written(size);
     }
+    void writeFrame() {
+        std::size_t size = 0;
+        for (const auto stretch : fOutbox->pending()) size += stretch.size();
+        fOutbox->written(size);
+    }
     void answer(std::uint64_t transfer, bool ok) {
         fOutbox->answer(transfer, ok, fLeft);
         leaveAll(fLeft);
@@ -199,13 +204,37 @@ TEST_F(OutboxTest, TrustsNoPageAboutWhatItHas) {
     fOutbox->detach();
     fOutbox->resume(2, {}, fLeft);
     fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 1, true);
-    for (int i = 0; i < 2; ++i) {
-        std::size_t size = 0;
-        for (const auto stretch : fOutbox->pending()) size += stretch.size();
-        fOutbox->written(size);
-    }
+    for (int i = 0; i < 2; ++i) writeFrame();
     fOutbox->detach();
     EXPECT_TRUE(fOutbox->canResume(4)) << "it was sent before";
+}
+
+TEST_F(OutboxTest, WritesNothingAgainThatAReturningPageHas) {
+    const auto comeBack = [this](std::uint64_t last) {
+        fOutbox->detach();
+        fOutbox->resume(last, {}, fLeft);
+        leaveAll(fLeft);
+        fOutbox->begin({makeFrame(Opcode::kText, "{}")}, 1, true);
+    };
+    addText("a");
+    static_cast<void>(write());
+    auto block = addBlock(40);
+    static_cast<void>(write());
+    for (const char* text : {"c", "d", "e"}) {
+        addText(text);
+        static_cast<void>(write());
+    }
+    comeBack(0);
+    fOutbox->acknowledge(2);
+    const Texts all{"{}", "1 a", "block 2", "3 c", "4 d", "5 e"};
+    EXPECT_EQ(textsOf(write()), all) << "its hello says so";
+    comeBack(2);
+    EXPECT_TRUE(block.get().delivered);
+    comeBack(4);
+    EXPECT_EQ(textsOf(write()), (Texts{"{}", "5 e"}));
+    comeBack(5);
+    EXPECT_EQ(textsOf(write()), (Texts{"{}"}));
+    EXPECT_EQ(fOutbox->load().kept, 0U);
 }
 
 TEST_F(OutboxTest, NamesNoMoreBlockChannelsThanAnEngineMayMakeUp) {

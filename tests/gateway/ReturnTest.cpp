@@ -1,7 +1,11 @@
 // Losing and regaining a connection, and what time does to a view: sessions with a clock that is
 // set, and with connections that have no socket.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/json.hpp>
 #include <functional>
 #include <memory>
@@ -43,8 +47,10 @@ struct DeafBus final : Bus, relay::TransportLink {
 /// A page whose frames are collected, and handed to its session, by the test.
 class ModelPage final : public Connection {
   public:
-    ModelPage(const SessionServices& services, const TimePoint& now)
-        : fSession(services, {*this, nullptr, false}), fNow(now) {}
+    /// With a `socket`, frames are written to that.
+    ModelPage(const SessionServices& services, const TimePoint& now,
+              const std::shared_ptr<Socket>& socket = nullptr)
+        : fSession(services, {*this, socket, socket != nullptr}), fNow(now) {}
     ~ModelPage() override { lose(); }
 
     void request(Request what) noexcept override { fAsked |= what; }
@@ -230,6 +236,34 @@ TEST_F(ReturnTest, AConnectionIsEndedBetweenTwoFramesOrWithoutAWord) {
         expectEnd(row, 9'000'000, 0);
         for (std::size_t n = 1; expectEnd(row, 1000, n) && !HasFailure();) SCOPED_TRACE(++n);
     }
+}
+
+TEST_F(ReturnTest, APublisherLeavesTheSocketAloneUntilTheGatewaysThreadHasWritten) {
+    start();
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    boost::asio::io_context context;
+    using Stream = boost::asio::ip::tcp::socket;
+    const Stream other(context, boost::asio::ip::tcp::v4(), ends[1]);
+    const auto received = [&ends] {
+        std::size_t size = 0;
+        std::vector<char> buffer(1 << 20);
+        for (ssize_t got = 1; got > 0; size += got > 0 ? static_cast<std::size_t>(got) : 0) {
+            got = ::recv(ends[1], buffer.data(), buffer.size(), MSG_DONTWAIT);
+        }
+        return size;
+    };
+    const auto page = std::make_unique<ModelPage>(
+        *fServices, fNow,
+        std::make_shared<Socket>(Stream(context, boost::asio::ip::tcp::v4(), ends[0])));
+    page->say(R"({"t":"hello","version":1,"subscribe":["/c"]})");
+    EXPECT_GT(received(), 0U);
+    publish(page, std::string(4000000, 't'));
+    EXPECT_GT(received(), 0U) << "as much as the socket took";
+    publish(page, "behind it");
+    EXPECT_EQ(received(), 0U);
+    page->view().writeMore();
+    EXPECT_GT(received(), 0U);
 }
 
 TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
@@ -448,11 +482,30 @@ TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLostAndNobodyElse) {
         publish(small, "text");
         publish(large, std::string(60000, 't'));
         isLost ? large->lose() : static_cast<void>(large->read(100));  // the rest is still held
-        EXPECT_TRUE(fViews->makeRoom(50000));
+        EXPECT_TRUE(fContext->memory->makeRoom(50000));
         EXPECT_STREQ(large->view().failure(), View::kMemoryUsedUp);
         EXPECT_EQ(small->view().failure(), nullptr);
         large->fSession.viewFailed();
     }
+}
+
+TEST_F(ReturnTest, NobodyEndsForWhatAnotherGatewayHoldsWhileItStops) {
+    fOptions.limits.memory = 100000;
+    start();
+    const std::vector<Page> pages = [this] {
+        std::vector<Page> all;
+        for (int i = 0; i < 2; ++i) {
+            all.push_back(join());
+            publish(all.back(), std::string(30000, 't'));
+        }
+        return all;
+    }();
+    const auto room = std::make_shared<Budget>(100000, fContext->memory->account());
+    bool hasRoom = false;
+    EXPECT_EQ(offer(pages.front()->view(), 9), Part::kJoined);
+    const auto given = fBlock.then([&](auto&&) { hasRoom = room->makeRoom(90000); });
+    fViews->shut();
+    EXPECT_TRUE(hasRoom) << "though the second page holds its texts still";
 }
 
 TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {

@@ -64,8 +64,9 @@ class KIROGATEWAY_EXPORT Gateway {
     [[nodiscard]] bool lastPageGone() const noexcept;
 
     [[nodiscard]] Statistics statistics() const;
-    /// A JSON object for a diagnostic bundle: the statistics, and for each view its state, what
-    /// waits for it, what is under way, and the age of its last sign of life.
+    /// A JSON object for a diagnostic bundle: the statistics, what waits in all gateways of the
+    /// process, and for each view its state, what waits for it, what is under way, and the age of
+    /// its last sign of life.
     [[nodiscard]] std::string diagnostics() const;
 
   private:

@@ -50,8 +50,9 @@ struct Limits {
     /// The share of one view in what waits. A page is too slow when it is beyond its share for
     /// longer than `queue` while it takes less than it is sent.
     std::size_t queueSize = 64 * kMiB;
-    /// All that waits in this gateway, over all views, blocks included, each shared byte once; two
-    /// gateways in a process have as much each. When it is used up, the view that holds most ends.
+    /// All that waits in this process, over all views of all gateways, blocks included, each shared
+    /// byte once. When there is more than this, and this gateway needs room, the view ends for
+    /// which most is held, be it this gateway's or another's: give all of them the same limit.
     std::size_t memory = 1024 * kMiB;
     std::size_t lostViews = 64;             ///< without a connection; the oldest ends first;
                                             ///< at most 10,000
