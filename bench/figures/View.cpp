@@ -101,7 +101,8 @@ std::vector<double> framesOf(const std::string& gesture, bool quick) {
 std::vector<Measurement> viewMeasurements() {
     const auto measurement = [](const std::string& name, const char* gesture) -> Measurement {
         return {name, [name, gesture](bool quick) -> std::vector<Row> {
-                    return {{name + ", true picture", "frames", median(framesOf(gesture, quick))}};
+                    const auto frames = median(framesOf(gesture, quick));
+                    return {{name + ", true picture", "frames", frames, 2}};
                 }};
     };
     return {measurement("zoom", kTurnWheel), measurement("pan", kDrag)};
