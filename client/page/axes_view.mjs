@@ -94,6 +94,8 @@ export class AxesView {
     size = { width: 0, height: 0, ratio: 1 };
     #viewed = 0;
     #isTaken = false;
+    /** Of a canvas that gets pictures. @type {ImageBitmapRenderingContext | null} */
+    #pictures = null;
 
     /** @param {AxesDescription} description @param {Surroundings} surroundings */
     constructor(description, surroundings) {
@@ -198,10 +200,12 @@ export class AxesView {
         this.#stretch();
     }
 
-    /** @param {Limits} limits that the canvas shows now */
-    setDrawn(limits) {
+    /** @param {Limits} limits that the canvas shows now
+     * @param {ImageBitmap} [picture] which it gets; none: the worker has drawn into it */
+    setDrawn(limits, picture) {
         const before = this.shown;
         this.drawn = limits;
+        if (picture) this.#showPicture(picture);
         if (performance.now() - this.#viewed > PATIENCE) this.#adopt();
         const { shown } = this;
         const isKept = ["x", "y", "y2"].every((name) => {
@@ -212,6 +216,18 @@ export class AxesView {
         });
         if (isKept) this.#stretch();
         else this.redraw();
+    }
+
+    /** @param {ImageBitmap} picture */
+    #showPicture(picture) {
+        if (!this.#pictures) {
+            const canvas = make("canvas");
+            canvas.style.transform = this.canvas.style.transform;
+            this.#pictures = canvas.getContext("bitmaprenderer");
+            this.canvas.replaceWith(canvas);
+            this.canvas = canvas;
+        }
+        this.#pictures?.transferFromImageBitmap(picture);
     }
 
     /** @param {Partial<View>} view what somebody looks at, at once */

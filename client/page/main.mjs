@@ -406,7 +406,8 @@ class Page {
      * @param {Extract<ToMain, {kind: "frame"}>} frame */
     #takeFrame(frame) {
         const isRequested = this.#frame !== null;
-        this.#frame = frame;
+        const pictures = { ...this.#frame?.pictures, ...frame.pictures };
+        this.#frame = { ...frame, pictures };
         if (document.hidden) this.#paint();
         else if (!isRequested) requestAnimationFrame(() => this.#paint());
     }
@@ -429,11 +430,11 @@ class Page {
     }
 
     /** Shows the limits that were drawn. @param {Extract<ToMain, {kind: "frame"}>} frame */
-    #follow({ limits: drawn, colors }) {
+    #follow({ limits: drawn, colors, pictures }) {
         this.interaction.changed();
         for (const view of this.#axes()) {
-            const limits = drawn[view.description.id];
-            if (limits) view.setDrawn(limits);
+            const { id } = view.description;
+            if (drawn[id]) view.setDrawn(drawn[id], pictures[id]);
             showColorBars(view, colors);
         }
         this.#align();

@@ -165,7 +165,7 @@
  *     | {kind: "hello", configuration: Record<string, any>, known: boolean}
  *     | {kind: "scene", stamp: number, keys: boolean, figures: FigureDescription[]}
  *     | {kind: "frame", stamp: number, frame: number, limits: Record<number, Limits>,
- *        colors: Record<number, Range>}
+ *        colors: Record<number, Range>, pictures: Record<number, ImageBitmap>}
  *     | {kind: "statistics", frames: number, flush: number, bytes: number, frame: number,
  *        news: number, changed: number[], outcomes: Record<string, number>, recorded: number}
  *     | {kind: "recorded", file: Blob, reason: string}
@@ -190,7 +190,10 @@
  * - `scene`: everything but the data, whenever something of it besides limits has changed, at most
  *   once a frame; "keys": whether the engine listens to them.
  * - `frame`: what the canvases now show has these limits, by axes, and these limits of colours, by
- *   series; all that there are. Sent when one of them, or the scene, is another one than before.
+ *   series; all that there are. Sent when one of them, or the scene, is another one than before, or
+ *   with pictures, by axes: from the first `view` on their canvas gets nothing more. What a worker draws
+ *   into a canvas is seen a frame before the main thread can follow with what lies around it, or
+ *   end the old picture's being moved and stretched.
  * - `statistics`, twice a second: frames painted since the last ones; the median of the
  *   microseconds from the engine's checkout of a token to its return, 0: none; bytes received
  *   altogether; the engine's number of the last frame; when something came last, as `Date.now()`

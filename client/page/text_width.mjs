@@ -3,7 +3,7 @@
 export const FONT = "12px system-ui, sans-serif";
 /** CSS pixels from one line of text to the next. */
 export const LINE_HEIGHT = 15;
-const MOST_KNOWN = 4000;
+const MOST_KNOWN = 1000;
 
 /** @type {OffscreenCanvasRenderingContext2D | null} */
 let context = null;
@@ -14,9 +14,14 @@ const known = new Map();
 export function textWidth(text) {
     const found = known.get(text);
     if (found !== undefined) return found;
+    if (known.size >= MOST_KNOWN) {
+        known.clear();
+        // Chromium keeps the shape of each text until the canvas shows a picture, which this one
+        // never does.
+        context = null;
+    }
     context ??= new OffscreenCanvas(1, 1).getContext("2d");
     if (!context) return 0;
-    if (known.size > MOST_KNOWN) known.clear();
     context.font = FONT;
     let width = 0;
     for (const line of text.split("\n")) width = Math.max(width, context.measureText(line).width);

@@ -113,12 +113,14 @@ function errorsWithin({ columns: { y, minus, plus } }, places, x, least) {
     for (let i = from; i < to; ++i) {
         if (!(places.at(i) >= x[0] && places.at(i) <= x[1])) continue;
         const value = y.at(i);
+        // Without a place for the element itself nothing of it is drawn.
+        if (!(value > least && value < Infinity)) continue;
         const bottom = value - (minus.at(i) || 0);
         const top = value + (plus.at(i) || 0);
-        if (bottom < low && bottom > least) low = bottom;
-        if (top > high && top < Infinity) high = top;
+        low = Math.min(low, bottom > least ? bottom : value);
+        high = Math.max(high, top < Infinity ? top : value);
     }
-    return high > least ? [Math.min(low, high), high] : NOTHING;
+    return [low, high];
 }
 
 /** @type {WeakMap<Item, {changes: number, width: number}>} */

@@ -8,11 +8,14 @@
  * @property {(frame: Frame) => void} apply brings the scene up to date. What cannot be carried out
  *   becomes the frame's error
  * @property {() => "hidden" | "paused" | null} unseen why nobody sees what is drawn
+ * @property {() => boolean} isSent whether all that is painted goes by the main thread, so that it
+ *   need not be painted in an animation frame
  * @property {() => boolean} isReady whether the axes are laid out: if not, `request` comes
  * @property {() => {stamp: number, errors: Error[], begun: number}} paint what has changed; stamp:
  *   what the main thread will confirm, 0: nothing; begun: when, microseconds since 1970
  * @property {(call: () => void) => void} onFrame calls in the next animation frame
- * @property {(call: () => void) => void} afterPaint called in an animation frame; calls behind it
+ * @property {(call: () => void) => void} afterPaint calls behind what goes on, in an animation frame
+ *   behind that
  * @property {(frame: Frame, outcome: Outcome) => void} answer for a frame with a token
  * @property {() => void} counted a frame was painted
  */
@@ -32,6 +35,7 @@ export class Flusher {
     /** @type {Painting[]} */
     #paintings = [];
     #isRequested = false;
+    #isSoon = false;
     /** Of a frame without a token: the next one has to tell. @type {Error | null} */
     #error = null;
 
@@ -51,6 +55,19 @@ export class Flusher {
         if (this.#isRequested || this.#surroundings.unseen() === "hidden") return;
         this.#isRequested = true;
         this.#surroundings.onFrame(() => this.#frame());
+    }
+
+    /** The same of what somebody looks at: it is not waited for an animation frame, in which a frame
+     * would be lost, unless something would be painted that is seen only with the next one. */
+    requestSoon() {
+        this.request();
+        if (this.#isSoon) return;
+        this.#isSoon = true;
+        // Once for all that has come meanwhile.
+        this.#surroundings.afterPaint(() => {
+            this.#isSoon = false;
+            if (this.#applied.length === 0 || this.#surroundings.isSent()) this.#draw();
+        });
     }
 
     /** The page was hidden or shown, or paused or not. */
@@ -100,6 +117,10 @@ export class Flusher {
 
     #frame() {
         this.#isRequested = false;
+        this.#draw();
+    }
+
+    #draw() {
         const { isReady, paint, unseen, afterPaint, counted } = this.#surroundings;
         if (unseen() === "hidden" || !isReady()) return;
         const { stamp, errors, begun } = paint();

@@ -51,6 +51,11 @@ export class KeptPainter {
         return paintAxes(axes, limits, size, look, this.#surface, { from });
     }
 
+    /** What was drawn: it is gone from the canvas. */
+    take() {
+        return this.#surface.take();
+    }
+
     /** How many series are as they were, before the first one that is not. @param {Item} axes
      * @param {string} drawnWith @param {Look} look */
     #countSame(axes, drawnWith, { theme, hidden }) {

@@ -23,7 +23,8 @@ import { Statistics } from "./statistics.mjs";
  * @typedef {object} Surroundings
  * @property {(message: ToMain, moved?: Transferable[]) => void} post to the main thread
  * @property {(call: () => void) => void} onFrame calls in the next animation frame
- * @property {(call: () => void) => void} afterPaint called in an animation frame; calls behind it
+ * @property {(call: () => void) => void} afterPaint calls behind what goes on, in an animation frame
+ *   behind that
  * @property {() => number} now microseconds since 1970
  * @property {import("../../protocol.mjs").Options} [options] of the connection
  */
@@ -66,6 +67,7 @@ export class Session {
         this.flusher = new Flusher({
             apply: (frame) => this.#apply(frame),
             unseen: () => (this.#isHidden ? "hidden" : this.#isPaused ? "paused" : null),
+            isSent: () => this.stage.isAllSent,
             isReady: () => this.stage.isReady,
             paint: () => this.#paint(),
             onFrame,
@@ -120,7 +122,7 @@ export class Session {
         view: ({ axes, x, y, y2 }) => {
             const changed = this.stage.setView(axes, { x, y, y2 });
             for (const id of changed) this.#limitsEvents.changed(id);
-            this.flusher.request();
+            this.flusher.requestSoon();
         },
         visible: ({ series, visible }) => {
             this.stage.setVisible(series, visible);

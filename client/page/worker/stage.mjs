@@ -15,8 +15,8 @@ import { Scene } from "./scene.mjs";
 /** In CSS pixels, and how many of the canvas one of them is.
  * @typedef {{width: number, height: number, ratio: number}} AreaSize */
 
-/** Of axes that are shown.
- * @typedef {{painter: KeptPainter, isStale: boolean, drawn: string}} Shown */
+/** Of axes that are shown. isSent: what is drawn goes to the main thread as a picture.
+ * @typedef {{painter: KeptPainter, isStale: boolean, drawn: string, isSent: boolean}} Shown */
 
 /** @param {import("./scene.mjs").Item} axes */
 const linkable = ({ id, properties }) =>
@@ -42,7 +42,7 @@ export class Stage {
     /** @type {Map<number, AreaSize>} */
     sizes = new Map();
 
-    /** @param {(message: ToMain) => void} post to the main thread */
+    /** @param {(message: ToMain, moved?: Transferable[]) => void} post to the main thread */
     constructor(post) {
         this.#post = post;
     }
@@ -95,6 +95,7 @@ export class Stage {
             const next = other === axes ? view : linkedView(linkable(axes), linkable(other), view);
             if (!next) continue;
             this.views.set(other.id, { ...old, ...next });
+            this.#send(this.#shown.get(other.id));
             ids.push(other.id);
         }
         return ids;
@@ -102,7 +103,8 @@ export class Stage {
 
     /** @param {number} axes @param {OffscreenCanvas} canvas @param {AreaSize} size */
     addCanvas(axes, canvas, size) {
-        this.#shown.set(axes, { painter: new KeptPainter(canvas), isStale: true, drawn: "" });
+        const painter = new KeptPainter(canvas);
+        this.#shown.set(axes, { painter, isStale: true, drawn: "", isSent: false });
         this.sizes.set(axes, size);
         // The main thread waits for the picture in this size.
         this.#told = "";
@@ -118,6 +120,18 @@ export class Stage {
     removeCanvas(axes) {
         this.#shown.delete(axes);
         this.sizes.delete(axes);
+    }
+
+    /** @param {Shown | undefined} shown from now on in pictures */
+    #send(shown) {
+        if (!shown || shown.isSent) return;
+        const painter = new KeptPainter(new OffscreenCanvas(1, 1));
+        Object.assign(shown, { painter, isStale: true, isSent: true });
+    }
+
+    /** Whether nothing that is drawn waits for the canvases' next animation frame. */
+    get isAllSent() {
+        return [...this.#shown.values()].every(({ isSent }) => isSent);
     }
 
     /** All of it is to be drawn anew. */
@@ -163,6 +177,8 @@ export class Stage {
      * thread was told, 0: nothing */
     paint() {
         const limits = this.limits();
+        /** @type {Record<number, ImageBitmap>} */
+        const pictures = {};
         const errors = this.#scene.axes.flatMap((axes) => {
             const shown = this.#shown.get(axes.id);
             const size = this.sizes.get(axes.id);
@@ -174,22 +190,25 @@ export class Stage {
             // Until all of it is drawn.
             Object.assign(shown, { drawn, isStale: true });
             const failures = shown.painter.paint(axes, range, canvasSize(size), this);
+            if (shown.isSent) pictures[axes.id] = shown.painter.take();
             // Nobody is to be told of the next frame that these axes are right.
             shown.isStale = failures.length > 0;
             return failures;
         });
         this.#scene.changed.clear();
-        return { stamp: this.#tell(limits), errors };
+        return { stamp: this.#tell(limits, pictures), errors };
     }
 
-    /** @param {Map<number, Limits>} limits @returns {number} the stamp, 0: it is known */
-    #tell(limits) {
+    /** @param {Map<number, Limits>} limits @param {Record<number, ImageBitmap>} pictures by axes
+     * @returns {number} the stamp, 0: it is known */
+    #tell(limits, pictures) {
         const said = { limits: Object.fromEntries(limits), colors: this.#colorLimits() };
         const told = JSON.stringify(said);
-        if (told === this.#told) return 0;
+        const moved = Object.values(pictures);
+        if (told === this.#told && moved.length === 0) return 0;
         this.#told = told;
         const stamp = ++this.#stamp;
-        this.#post({ kind: "frame", stamp, frame: this.#scene.frame, ...said });
+        this.#post({ kind: "frame", stamp, frame: this.#scene.frame, ...said, pictures }, moved);
         return stamp;
     }
 

@@ -5,7 +5,7 @@ import { Session } from "./session.mjs";
 /** @typedef {Pick<Worker, "postMessage" | "onmessage"> & AnimationFrameProvider} Scope */
 
 const scope = /** @type {Scope} */ (/** @type {unknown} */ (globalThis));
-/** Once an animation frame is over, a message on this channel runs its tasks. */
+/** Once an animation frame, or what else goes on, is over, a message on this channel runs its tasks. */
 const frameEnd = new MessageChannel();
 /** @type {(() => void)[]} */
 const afterPaint = [];

@@ -55,6 +55,22 @@ test("Series are stroked as their data say", () => {
 
 const rectOf = ({ rect }) => rect.map((n) => Number(n.toFixed(6)));
 
+test("Bars are as wide as they are near each other, also where that leaves a logarithmic axis", () => {
+    const rects = (x, how) => {
+        const values = { x, y: range(x.length, () => 5) };
+        return drawOne("bars", {}, values, how).drawn.map(({ rect: [left, , width] }) =>
+            [left, width].map((pixel) => Number(pixel.toFixed(3))).join("+"),
+        );
+    };
+    assert.deepEqual(rects([3]), ["26+8"]);
+    assert.deepEqual(rects([3, 3]), ["26+8", "26+8"]);
+    assert.deepEqual(rects([7, 1, 5]), ["62+16", "2+16", "42+16"]);
+    assert.deepEqual(rects([-1], { axes: LOG }), []);
+    // The first one would begin below 0.
+    const even = rects([1, 10, 100], { axes: LOG });
+    assert.deepEqual(even, ["-10000+10033.138", "40.309+16.368", "99.204+1.564"]);
+});
+
 test("A span ends at the axes, and a text has a rim", () => {
     const span = drawOne("reference", { span: [-Infinity, 4] }, null);
     assert.deepEqual(rectOf(span.drawn[0]), [0, 60, 100, 41]);

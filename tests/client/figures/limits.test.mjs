@@ -32,6 +32,7 @@ const SERIES = {
     bars: ["bars", {}, { x: [4, 0, 2, 2], y: [1, 2, 3, 1] }],
     band: ["band", {}, { x: [0, 1], low: [-8, 0], high: [0, 6] }],
     errors: ["errorBars", {}, { x: [9, 0, 3, -1], y: [99, 4, 3, -9], ...SPREAD }],
+    deep: ["errorBars", {}, { x: [1, 2], y: [5, -1], minus: [6, 0], plus: [5, 9] }],
     image: ["image", { rows: 2, columns: 2, x: [-1, 1], y: [3, 5] }, { z: [1, 2, 3, 4] }],
     level: ["reference", { at: 7 }],
     span: ["reference", { ...VERTICAL, span: [3, Infinity] }],
@@ -60,6 +61,7 @@ const EXTENTS = `
     plain  | single                 | 4.75,5.25 95,105
     log    | positive mixed         | 0.5,50 7.94328,1258.93
     log    | errors                 | 2.90274,9.30157 2.51755,119.164
+    log    | deep                   | 0.97942,2.04202 4.82968,10.3526
     fixed  | wave                   | -1,1 0.1,100
     newest | wave far               | 0.5,10 -5,9
     part   | early late             | 0,3 1.8,4.2

@@ -15,6 +15,7 @@ const { commands, blocks, ready, newView, events } = CONFIGURATION;
 class Stage {
     told = [];
     canvases = new Map();
+    pictures = {};
     isMainThere = true;
     now = 1e6;
     #news = new EventEmitter();
@@ -49,6 +50,7 @@ class Stage {
         this.#news.emit("news");
         if (message.kind === "ask") this.tell({ kind: "told", id: message.id, value: "secret" });
         if (message.kind === "scene" && this.isMainThere) this.layOut(message);
+        if (message.kind === "frame") Object.assign(this.pictures, message.pictures);
         if (message.kind === "frame" && this.isMainThere) {
             queueMicrotask(() => this.tell({ ...message, kind: "painted" }));
         }
@@ -126,12 +128,13 @@ class Stage {
         this.told = [];
     }
     strokes() {
-        return this.canvases.get(2).drawn.map(({ path }) => spell(path));
+        return (this.pictures[2] ?? this.canvases.get(2)).drawn.map(({ path }) => spell(path));
     }
 }
 
 let stage;
 beforeEach(async () => {
+    globalThis.OffscreenCanvas = FakeCanvas;
     stage = new Stage();
     await stage.begin();
 });
@@ -282,6 +285,19 @@ test("What somebody looks at is told to the engine, with its second y axis", asy
     stage.tell({ kind: "view", ...limits, y: null });
     const event = { event: "limits", ...limits, width: 100, height: 50 };
     assert.deepEqual(await stage.published(), [events, event]);
+});
+
+test("What somebody looks at comes with its limits, at once; so does what follows", async () => {
+    await stage.show();
+    const { drawn } = stage.canvases.get(2);
+    const before = [...drawn];
+    stage.tell({ kind: "view", axes: 2, x: [0, 2], y: null, y2: null });
+    assert.deepEqual((await stage.heard("frame")).limits[2].x, [0, 2]);
+    assert.deepEqual(stage.strokes(), ["M0,100 L100,0"]);
+    await stage.paint();
+    await stage.frame(() => stage.engine.data(3, { x: [2], y: [0.5] }, 2));
+    assert.deepEqual(stage.strokes(), ["M0,100 L100,0 L200,50"]);
+    assert.deepEqual(drawn, before);
 });
 
 test("The legend hides a series, until it is gone; a theme changes colours", async () => {

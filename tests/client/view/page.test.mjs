@@ -9,6 +9,7 @@ import * as navigation from "../../../client/page/navigation.mjs";
 import { Watch } from "../../../client/page/stale.mjs";
 import { FigureDrawing } from "../../../client/page/svg.mjs";
 import { captionOf } from "../../../client/page/table.mjs";
+import { textWidth } from "../../../client/page/text_width.mjs";
 import { pathOf, timeText } from "../../../client/page/time_line.mjs";
 import { WorkerLink } from "../../../client/page/worker_link.mjs";
 
@@ -147,6 +148,17 @@ test("A time line says times in full, and marks what lies side by side as one", 
     const texts = [0, 61_001.9, 3_600_000, 3_599_999].map(timeText);
     assert.deepEqual(texts, ["0:00.000", "1:01.001", "1:00:00.000", "59:59.999"]);
     assert.equal(pathOf(Uint8Array.of(2, 1, 3, 2), 2, 0, 3), "M0 0h1v3H0ZM2 0h2v3H2Z");
+});
+
+test("A text is measured once, and no canvas measures texts without end", () => {
+    const measured = [];
+    globalThis.OffscreenCanvas = class {
+        #at = measured.push(0) - 1;
+        getContext = () => ({ measureText: () => ({ width: ++measured[this.#at] }) });
+    };
+    for (let i = 0; i < 20_000; ++i) textWidth(`text ${i >> 1}`);
+    assert.ok(Math.max(...measured) <= 1000, `${measured}`);
+    assert.ok(measured.reduce((sum, count) => sum + count) <= 10_000, `${measured}`);
 });
 
 /** What an SVG has: elements with the values of their attributes. */

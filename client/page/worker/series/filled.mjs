@@ -160,8 +160,10 @@ export function paintBars(series, place) {
     context.fillStyle = color;
     for (let i = from; i < to; ++i) {
         const y = near(place.y.toPixel(columns.y.at(i)), height);
-        const left = near(place.x.toPixel(places.at(i) - half), width);
-        const right = near(place.x.toPixel(places.at(i) + half), width);
+        const at = places.at(i);
+        const begin = at - half > place.x.least ? place.x.toPixel(at - half) : -FAR;
+        const left = at > place.x.least ? near(begin, width) : NaN;
+        const right = near(place.x.toPixel(at + half), width);
         if (!isDrawable(left, y) || !(right > left)) continue;
         // A bar that is narrower than a pixel is still seen.
         context.fillRect(left, Math.min(y, base), Math.max(right - left, 1), Math.abs(base - y));

@@ -111,6 +111,9 @@ export class FakeCanvas extends Recorder {
     drawImage({ drawn }) {
         this.drawn.push({ kind: "copy", drawn: [...drawn] });
     }
+    transferToImageBitmap() {
+        return { drawn: this.drawn.splice(0) };
+    }
 }
 
 /** A path as a text. */
