@@ -303,7 +303,7 @@ void ViewRegistry::tell(std::string_view control) const {
     for (const auto& view : *all) view->sendControl(control);
 }
 
-void ViewRegistry::shut(std::string_view why) noexcept {
+void ViewRegistry::shut(std::string_view why, wire::CloseCode code) noexcept {
     fIsShut = true;
     Views views;
     {
@@ -323,8 +323,8 @@ void ViewRegistry::shut(std::string_view why) noexcept {
         if (connection == nullptr) continue;
         ++fContext->counters->disconnected;
         rest.isCut ? connection->cut()
-                   : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kStopped),
-                                       why.substr(0, kMaxReason), std::move(rest.bytes));
+                   : connection->close(static_cast<std::uint16_t>(code), why.substr(0, kMaxReason),
+                                       std::move(rest.bytes));
     }
     if (!views.empty()) fContext->log.write(why, {});
     recount();
