@@ -3,6 +3,7 @@
 /** Those from 4000 on are this protocol's own, the others those of WebSocket. */
 export const CLOSE_CODES = {
     stopped: 1001,
+    restarted: 1012,
     brokenFrame: 1002,
     invalidText: 1007,
     tooLarge: 1009,
@@ -23,6 +24,7 @@ export const CLOSE_CODES = {
 /** @type {Map<number, NextAttempt>} */
 const NEXT = new Map([
     [CLOSE_CODES.stopped, "afresh"],
+    [CLOSE_CODES.restarted, "afresh"],
     [CLOSE_CODES.brokenFrame, "refused"],
     [CLOSE_CODES.invalidText, "refused"],
     [CLOSE_CODES.tooLarge, "refused"],

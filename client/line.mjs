@@ -15,6 +15,8 @@ const NOBODY_THERE = 2;
 const NO_TOKEN = "this tab has no token: open the link that the program printed";
 const WRONG_TOKEN =
     "the program does not accept this tab's token: open the link that the program printed last";
+const NOT_REACHED =
+    "no engine answers to this link yet; if that lasts, open the link that the program printed last";
 
 /**
  * @typedef {object} State
@@ -203,18 +205,19 @@ export class Line {
         const isServed = await this.#isServed();
         // The program was asked meanwhile; somebody else may have connected or closed.
         if (this.#attempt || this.#state.name !== "reconnecting") return undefined;
+        if (isServed === false) this.#setState("reconnecting", NOT_REACHED);
         this.#turnedAway = isServed ? this.#turnedAway + 1 : 0;
         if (this.#turnedAway < TURNED_AWAY) return this.#connectLater();
         return this.#refuse(WRONG_TOKEN);
     }
 
-    /** No, if that cannot be found out in time. @returns {Promise<boolean>} */
+    /** Null, if that cannot be found out in time. @returns {Promise<boolean | null>} */
     #isServed() {
         const { access, patience } = this.#settings;
         return new Promise((resolve) => {
-            this.#after("served", patience.open, () => resolve(false));
-            if (access) access.isServed().then(resolve, () => resolve(false));
-            else resolve(false);
+            this.#after("served", patience.open, () => resolve(null));
+            if (access) access.isServed().then(resolve, () => resolve(null));
+            else resolve(null);
         });
     }
 

@@ -3,6 +3,7 @@
 export function nextAttempt(code: number): NextAttempt;
 export namespace CLOSE_CODES {
     let stopped: number;
+    let restarted: number;
     let brokenFrame: number;
     let invalidText: number;
     let tooLarge: number;

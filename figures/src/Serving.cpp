@@ -63,9 +63,7 @@ kirogateway::Options gatewayOptions(const WindowOptions& options, const Channels
     // A block that comes in pieces the page has to copy together. Most images are smaller than
     // this, a 32-bit one of 1024 x 1024 is just larger than what is usual.
     gateway.limits.pieceSize = gateway.limits.bytesUnderWay;
-    for (const auto& [path, type, body] : kiropage::files()) {
-        gateway.assets.push_back({std::string(path), std::string(type), std::string(body)});
-    }
+    gateway.assets = kiropage::filesAs<kirogateway::Asset>();
     setTraffic(gateway, options, channels);
     return gateway;
 }

@@ -40,8 +40,10 @@ Admission movedTo(unsigned status, std::string location) {
     return admission;
 }
 
-Admission notYet() {
-    Admission admission{503, "the engine has not been reached yet"};
+/// `refusal`: why not, if an engine has been reached.
+Admission notYet(std::string_view refusal = {}) {
+    Admission admission{503, "no engine has been reached that takes this token"};
+    admission.logged = refusal;
     admission.comesLater = true;
     return admission;
 }
@@ -110,7 +112,7 @@ Admission AccessPolicy::serve(const Request& request) const {
     Admission admission{200, {}, found->body, found->contentType};
     admission.isGzip = found->isGzip;
     admission.variesByEncoding = found->variesByEncoding;
-    admission.comesLater = fEntrance.secrets == nullptr;
+    admission.comesLater = fEntrance.secrets == nullptr || fEntrance.isDiscreet;
     return admission;
 }
 
@@ -146,7 +148,9 @@ Admission AccessPolicy::decideUpgrade(const Request& request) const {
     if (request.method != "GET" || !request.isUpgrade) return {400, "not a WebSocket upgrade"};
     if (auto refusal = refuseOrigin(request)) return *refusal;
     if (fEntrance.secrets == nullptr) return notYet();
-    if (auto refusal = refuseToken(request)) return *refusal;
+    if (auto refusal = refuseToken(request)) {
+        return fEntrance.isDiscreet ? notYet(refusal->reason) : *refusal;
+    }
     if (std::ranges::find(request.subprotocols, kSubprotocol) == request.subprotocols.end()) {
         return {400, "subprotocol kiroweb.v1 not offered"};
     }
@@ -158,7 +162,7 @@ Admission AccessPolicy::decideExchange(const Request& request, TimePoint now) {
     if (request.method != "POST") return {405, "method not allowed", {}, kPlainText, "POST"};
     if (request.bodySize > kMaxBody) return {413, "body too large"};
     if (auto refusal = refuseOrigin(request)) return *refusal;
-    if (fEntrance.secrets == nullptr) return notYet();
+    if (fEntrance.secrets == nullptr || fEntrance.isDiscreet) return notYet("a code");
     if (request.bodySize == 0) return {400, "a code is expected"};
     KIROWEB_REQUIRE(request.body.size() == request.bodySize);
     auto& secrets = *fEntrance.secrets;

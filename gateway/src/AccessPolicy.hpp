@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "AssetTable.hpp"
@@ -61,6 +62,7 @@ struct Admission {
     bool variesByEncoding = false;      ///< another client may be answered in another encoding
     bool comesLater = false;            ///< nobody gets in yet: to be asked again a second later
     std::string location{};             ///< for 302 and 308
+    std::string_view logged{};          ///< what the log says instead of the reason
 };
 
 /// "wss://plot.example:8443" of "https://plot.example:8443". REQUIRES: it is an origin.
@@ -83,6 +85,9 @@ struct Entrance {
     std::string origin{};
     /// Where the page is instead; nothing else is served then.
     std::string movedTo{};
+    /// Whoever has no token is answered as where nobody gets in yet, so that asking for a site does
+    /// not tell whether there is one.
+    bool isDiscreet = false;
 };
 
 /// Decides who gets in and what is served. Knows neither sockets nor a parser. Any thread.
@@ -99,6 +104,11 @@ class AccessPolicy {
     /// Whether `request` has one Host, and that is one of ours.
     [[nodiscard]] bool isForUs(const Request& request) const { return !refuseHost(request); }
 
+    /// Serves `assets` from now on. REQUIRES: nobody decides meanwhile.
+    void serveInstead(std::shared_ptr<const AssetTable> assets) noexcept {
+        fBefore = std::exchange(fEntrance.assets, std::move(assets));
+    }
+
     /// "http://127.0.0.1:8080", as it stands in links.
     [[nodiscard]] const std::string& address() const noexcept { return fAddress; }
     /// The header fields that every answer but 101 carries, each with its line end. `host` is one
@@ -114,7 +124,8 @@ class AccessPolicy {
     [[nodiscard]] Admission decideUpgrade(const Request& request) const;
     [[nodiscard]] Admission decideExchange(const Request& request, TimePoint now);
 
-    const Entrance fEntrance;
+    Entrance fEntrance;
+    std::shared_ptr<const AssetTable> fBefore;  ///< somebody may be taking something of it
     const bool fIsSecure;
     std::string fAddress;
     std::vector<std::string> fHosts;

@@ -72,7 +72,8 @@ void ClientConnection::onRequest(ErrorCode error) {
     }
     if (admission.status >= 400) {
         // Nothing else of the request: its target or its fields may hold a secret.
-        peerLog().write("refused a request, " + std::string(admission.reason),
+        const auto why = admission.logged.empty() ? admission.reason : admission.logged;
+        peerLog().write("refused a request, " + std::string(why),
                         request.hosts.empty() ? std::string_view() : request.hosts.front());
     }
     if (admission.status == 101) return upgrade();

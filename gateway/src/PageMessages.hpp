@@ -90,6 +90,7 @@ struct BlockHeader {
 /// Why a connection is closed; the numbers stand in docs/protocol.md.
 enum class CloseCode : std::uint16_t {
     kStopped = 1001,
+    kRestarted = 1012,
     kInvalidText = 1007,
     kBadMessage = 4000,
     kNoHello = 4001,

@@ -33,9 +33,10 @@ std::shared_ptr<Site> Sites::find(const Request& request) {
     // The host first: a page from elsewhere must not have sites made.
     if (!fFinder || (!isOwn && !fRoot->access->isForUs(request))) return fRoot;
     auto made = fFinder(*this, place);
-    if (made == nullptr) return fRoot;
-    KIROWEB_REQUIRE(made->place == place && made->access != nullptr);
-    return fNamed.emplace(made->place, std::move(made)).first->second;
+    if (made.site == nullptr) return fRoot;
+    KIROWEB_REQUIRE(made.site->place == place && made.site->access != nullptr);
+    if (!made.stays) return std::move(made.site);
+    return fNamed.emplace(made.site->place, std::move(made.site)).first->second;
 }
 
 bool Sites::isOwnHost(std::string_view host) const {
@@ -44,11 +45,11 @@ bool Sites::isOwnHost(std::string_view host) const {
     return text::isName(label) && text::hostLabel(label) == label;
 }
 
-void Sites::put(std::shared_ptr<Site> site, std::string_view why) {
+void Sites::put(std::shared_ptr<Site> site, std::string_view why, wire::CloseCode code) {
     KIROWEB_REQUIRE(!site->place.empty() && site->access != nullptr);
     auto& now = fNamed[site->place];
     const auto before = std::exchange(now, std::move(site));
-    if (before != nullptr) before->views->shut(why);
+    if (before != nullptr) before->views->shut(why, code);
 }
 
 void Sites::remove(std::string_view place, std::string_view why) noexcept {

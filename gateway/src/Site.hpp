@@ -41,9 +41,13 @@ class Site {
 class Sites {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
-    /// Returns a site for a place that has none, or nothing. It may take others away to make room.
-    /// It may throw.
-    using Finder = std::function<std::shared_ptr<Site>(Sites& sites, std::string_view place)>;
+    struct Found {
+        std::shared_ptr<Site> site;  ///< null: the root's
+        bool stays = true;           ///< for who asks next; else it goes with the connection
+    };
+    /// Returns a site for a place that has none. It may take others away to make room. It may
+    /// throw.
+    using Finder = std::function<Found(Sites& sites, std::string_view place)>;
 
     /// `root` is what belongs to no other site. `host`: below it sites may have hosts of their own;
     /// empty: none has.
@@ -55,7 +59,7 @@ class Sites {
 
     /// Puts a site where another one may be, whose views end. `why` is said to
     /// their pages. Throws std::bad_alloc; nothing has happened then.
-    void put(std::shared_ptr<Site> site, std::string_view why);
+    void put(std::shared_ptr<Site> site, std::string_view why, wire::CloseCode code);
     void remove(std::string_view place, std::string_view why) noexcept;
     /// The site that is there now, if there is one.
     [[nodiscard]] std::shared_ptr<Site> at(std::string_view place) const noexcept;

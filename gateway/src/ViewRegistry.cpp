@@ -304,7 +304,7 @@ void ViewRegistry::tell(std::string_view control) const {
     for (const auto& view : *all) view->sendControl(control);
 }
 
-void ViewRegistry::shut(std::string_view why) noexcept {
+void ViewRegistry::shut(std::string_view why, wire::CloseCode code) noexcept {
     fIsShut = true;
     // What they hold counts as given back before nobody can be asked for it any more: another
     // gateway's page must not end for it.
@@ -327,8 +327,8 @@ void ViewRegistry::shut(std::string_view why) noexcept {
         if (connection == nullptr) continue;
         ++fContext->counters->disconnected;
         rest.isCut ? connection->cut()
-                   : connection->close(static_cast<std::uint16_t>(wire::CloseCode::kStopped),
-                                       why.substr(0, kMaxReason), std::move(rest.bytes));
+                   : connection->close(static_cast<std::uint16_t>(code), why.substr(0, kMaxReason),
+                                       std::move(rest.bytes));
     }
     fHolder.reset();
     if (!views.empty()) fContext->log.write(why, {});

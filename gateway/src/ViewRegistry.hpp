@@ -80,7 +80,8 @@ class ViewRegistry {
     /// Sends all pages that are connected a control text. Throws std::bad_alloc.
     void tell(std::string_view control) const;
     /// Ends all views, for good. `why` is said to their pages.
-    void shut(std::string_view why = "gateway stopped") noexcept;
+    void shut(std::string_view why = "gateway stopped",
+              wire::CloseCode code = wire::CloseCode::kStopped) noexcept;
 
   private:
     struct Ended {

@@ -26,6 +26,7 @@ using std::chrono::microseconds;
 /// takes 123.
 constexpr std::size_t kMostShown = 28;
 constexpr const char* kGone = "the engine is gone";
+using Whose = Follower::Whose;
 
 class Ticket final : public BlockTicket {
   public:
@@ -83,6 +84,7 @@ class Machine {
     /// `isOwn`: it came to this gateway alone.
     void received(std::string_view bytes, bool isOwn) noexcept;
     void tick(TimePoint now) noexcept;
+    void refuseSession() noexcept;
     /// The last thing that it does.
     void end() noexcept;
 
@@ -95,9 +97,6 @@ class Machine {
     void welcome(const frame::Header& header, const Description& session);
     void fetch();
     void partCame(std::uint64_t offset, std::string_view bytes);
-    /// Has the follower begin: it lacks nothing.
-    void follow() noexcept;
-    void refuseSession() noexcept;
     void answered(const frame::Header& header, const frame::Answer& answer);
     void asked(const frame::Header& header, const frame::Ask& ask);
     void numbered(const Frame& frame, std::string_view bytes, bool isOwn);
@@ -108,7 +107,8 @@ class Machine {
     /// Asks for what is missing, if that is due.
     void question();
     void heard() noexcept;
-    void leave(std::string_view why) noexcept;
+    void leave(std::string_view why, Whose whose = Whose::kGateway) noexcept;
+    void sendLeave();
     void sendHello();
     void sendPresence();
     /// Tells the engine what is there, and what is missing.
@@ -133,9 +133,7 @@ class Machine {
 
     bool fHasSaidHello = false;  ///< of this incarnation
     bool fIsJoined = false;
-    Description fSession;             ///< as the engine has said it, until the follower is told
-    std::optional<PageFetch> fFetch;  ///< of the session's page, before that
-    bool fIsFollowed = false;         ///< the follower has been told that it has joined
+    std::optional<PageFetch> fFetch;  ///< of the session's page
     bool fIsRefused = false;          ///< there is no more to do with the session
     bool fIsSilent = false;
     std::optional<TimePoint>
@@ -156,10 +154,6 @@ class Machine {
 // --- What comes ---------------------------------------------------------------------------------
 
 void Machine::received(std::string_view bytes, bool isOwn) noexcept {
-    fCounts.change([&](Statistics& all) {
-        ++all.framesReceived;
-        all.bytesReceived += bytes.size();
-    });
     const auto before = fReceiver.next();
     try {
         handle(bytes, isOwn);
@@ -169,7 +163,11 @@ void Machine::received(std::string_view bytes, bool isOwn) noexcept {
         if (fReceiver.next() != before) leave("no memory for what came");
     }
     const auto gaps = fReceiver.gaps();
-    fCounts.change([gaps](Statistics& all) { all.gaps = gaps; });
+    fCounts.change([&](Statistics& all) {
+        ++all.framesReceived;
+        all.bytesReceived += bytes.size();
+        all.gaps = gaps;
+    });
 }
 
 void Machine::handle(std::string_view bytes, bool isOwn) {
@@ -213,7 +211,7 @@ void Machine::beat(const frame::Header& header) {
     if (!fIsJoined) return;
     if (header.epoch != fEpoch) {
         // Of two that live the one that was there first is followed.
-        if (fIsSilent) leave("another engine has taken over");
+        if (fIsSilent) leave("another engine has taken over", Whose::kEngine);
         return;
     }
     heard();
@@ -229,30 +227,37 @@ void Machine::ended(std::uint64_t number) {
 
 void Machine::leaveWhenComplete() noexcept {
     // What was said before the end may come behind it, on another subject.
-    if (fEndsAt && (fReceiver.isComplete() || fSurroundings.now() >= *fEndsAt)) leave(kGone);
+    if (fEndsAt && (fReceiver.isComplete() || fSurroundings.now() >= *fEndsAt)) {
+        leave(kGone, Whose::kEngine);
+    }
 }
 
 void Machine::welcome(const frame::Header& header, const Description& session) {
     // The next incarnation can be foreseen, so an engine could welcome without having been asked.
-    if (fIsJoined || !fHasSaidHello || header.incarnation != fIncarnation) return;
+    if (fIsJoined || fIsRefused || !fHasSaidHello) return;
+    if (header.incarnation != fIncarnation) return;
     using Wanted = Follower::PageWanted;
     const auto wanted =
         session.page.isThere() ? fFollower.pageOffered(session.page) : Wanted::kHere;
+    fEpoch = header.epoch;
+    if (wanted == Wanted::kRefused) {
+        fIsRefused = true;
+        return sendLeave();
+    }
     // All that may fail comes first.
-    auto described = session;
     fFetch.reset();
     if (wanted == Wanted::kFetch) fFetch.emplace(session.page.size);
-    fSession = std::move(described);
     fIsJoined = true;
     fIsSilent = false;
-    fEpoch = header.epoch;
     fReceiver = NumberedReceiver(header.number);
     fClocks = {};
     fUnacknowledged = 0;
     fLastHeard = fNextBeat = fSurroundings.now();
     fUp->open(fEpoch, fIncarnation);
-    if (wanted == Wanted::kRefused) return refuseSession();
-    fFetch ? fetch() : follow();
+    fCounts.change([](Statistics& all) { all.isJoined = true; });
+    // Pages need not wait for their page: they may have it from another gateway.
+    fFollower.joined(session);
+    if (fFetch) fetch();
 }
 
 void Machine::fetch() {
@@ -264,17 +269,12 @@ void Machine::fetch() {
 void Machine::partCame(std::uint64_t offset, std::string_view bytes) {
     heard();
     if (!fFetch) return;  // it came twice
+    const auto room = fFetch->roomWith(offset, bytes);
+    if (room > 0 && !fFollower.pageGrows(room)) return refuseSession();
     static_cast<void>(fFetch->arrived(offset, bytes, fSurroundings.now()));
     if (!fFetch->isWhole()) return fetch();
-    const bool isServed = fFollower.pageCame(fFetch->take());
+    fFollower.pageCame(fFetch->take());
     fFetch.reset();
-    isServed ? follow() : refuseSession();
-}
-
-void Machine::follow() noexcept {
-    fIsFollowed = true;
-    fCounts.change([](Statistics& all) { all.isJoined = true; });
-    fFollower.joined(std::exchange(fSession, {}));
 }
 
 void Machine::refuseSession() noexcept {
@@ -327,7 +327,6 @@ void Machine::numbered(const Frame& frame, std::string_view bytes, bool isOwn) {
 
 void Machine::take(const frame::Body& body, std::uint64_t number) {
     if (const auto* texts = std::get_if<frame::Texts>(&body)) {
-        if (!fIsFollowed) return;  // there is nobody yet who could hear it
         for (const auto& record : texts->records) {
             fChannel = record.channel;
             fFollower.text(fChannel, textOf(record, fSpace));
@@ -346,13 +345,10 @@ void Machine::take(const frame::Body& body, std::uint64_t number) {
     fChannel = piece.channel;
     auto whole = fAssembly.take();
     if (!piece.isBlock) {
-        if (fIsFollowed) fFollower.text(fChannel, whole);
-        return;
+        return fFollower.text(fChannel, whole);
     }
-    auto ticket = std::make_unique<Ticket>(fUp, fIncarnation, number);
-    if (!fIsFollowed) return ticket->answer(BlockOutcome::kNobody);
     fFollower.block(fChannel, std::make_shared<const std::string>(std::move(whole)),
-                    std::move(ticket));
+                    std::make_unique<Ticket>(fUp, fIncarnation, number));
 }
 
 void Machine::refuseWhole(bool isBlock, std::uint64_t number) {
@@ -365,7 +361,7 @@ void Machine::refuseWhole(bool isBlock, std::uint64_t number) {
 
 void Machine::heard() noexcept {
     fLastHeard = fSurroundings.now();
-    if (std::exchange(fIsSilent, false) && fIsFollowed) fFollower.heard();
+    if (std::exchange(fIsSilent, false)) fFollower.heard();
 }
 
 // --- What is sent -------------------------------------------------------------------------------
@@ -378,6 +374,8 @@ void Machine::send(const frame::Header& header, const frame::Body& body) {
     });
     static_cast<void>(fCluster.publish(fSubject, std::move(bytes)));  // it is said again
 }
+
+void Machine::sendLeave() { send({fEpoch, fIncarnation, 0}, frame::Leave{}); }
 
 void Machine::sendHello() {
     fHasSaidHello = true;
@@ -416,11 +414,11 @@ void Machine::tick(TimePoint now) noexcept {
 void Machine::step(TimePoint now) {
     if (fSteps.paused(now)) fLastHeard = std::max(fLastHeard, now);
     if (fIsJoined && fUp->isBroken()) leave("no memory for what pages say");
-    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) leave(kGone);
+    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) leave(kGone, Whose::kEngine);
     if (fIsJoined) leaveWhenComplete();
     if (fIsJoined && !fIsSilent && now - fLastHeard > kSilenceIsGone) {
         fIsSilent = true;
-        if (fIsFollowed) fFollower.silent(fLastHeard);
+        fFollower.silent(fLastHeard);
     }
     if (fIsRefused) return;
     if (now >= fNextBeat) {
@@ -433,7 +431,7 @@ void Machine::step(TimePoint now) {
     if (fFetch) fetch();
 }
 
-void Machine::leave(std::string_view why) noexcept {
+void Machine::leave(std::string_view why, Whose whose) noexcept {
     if (!std::exchange(fIsJoined, false)) return;
     fUp->close();
     fAssembly.clear();
@@ -448,13 +446,13 @@ void Machine::leave(std::string_view why) noexcept {
         // The next engine has another clock.
         all.clockOffset = all.clockUncertainty = microseconds(0);
     });
-    if (std::exchange(fIsFollowed, false)) fFollower.left(why);
+    fFollower.left(why, whose);
 }
 
 void Machine::end() noexcept {
     if (!fIsJoined) return;
     try {
-        send({fEpoch, fIncarnation, 0}, frame::Leave{});
+        sendLeave();
     } catch (...) {  // the engine will see by itself that it is gone
     }
 }
@@ -525,6 +523,11 @@ void GatewayEnd::announce(ViewKind kind, std::string_view client, std::uint64_t 
 }
 
 void GatewayEnd::pages(std::size_t count) noexcept { fImpl->up->pages(count); }
+
+void GatewayEnd::refuse() noexcept {
+    const annotated::Lock lock(fImpl->mutex);
+    fImpl->machine.refuseSession();
+}
 
 void GatewayEnd::tick(TimePoint now) noexcept {
     const annotated::Lock lock(fImpl->mutex);

@@ -61,17 +61,20 @@ class Follower {
 
     enum class PageWanted : std::uint8_t { kHere, kFetch, kRefused };
     /// The session brings a page of its own. kHere: it need not come again; kRefused: the end has
-    /// no more to do with the session. Called before `joined`, as the one that follows.
+    /// no more to do with the session. Called before `joined`.
     [[nodiscard]] virtual PageWanted pageOffered(const PageDigest& page) noexcept {
         static_cast<void>(page);
         return PageWanted::kRefused;
     }
-    /// It has been fetched: as many bytes as it was said to have. Nobody has looked at them yet.
-    /// Returns whether it is served; false is as kRefused.
-    [[nodiscard]] virtual bool pageCame(std::string bytes) noexcept {
+    /// More of it is there: so many bytes are held from now on. Returns whether it is to go on;
+    /// false is as kRefused. Between `joined` and `left`, as the one that follows.
+    [[nodiscard]] virtual bool pageGrows(std::size_t bytes) noexcept {
         static_cast<void>(bytes);
-        return false;
+        return true;
     }
+    /// It has been fetched: as many bytes as it was said to have. Nobody has looked at them yet;
+    /// whoever finds that they are not what was said calls `GatewayEnd::refuse`.
+    virtual void pageCame(std::string bytes) noexcept { static_cast<void>(bytes); }
     /// The gateway has joined; what comes from now on is without a gap. Called again when the
     /// session begins anew, with another engine or because the gateway was dropped: views of before
     /// are over.
@@ -85,9 +88,11 @@ class Follower {
     virtual void silent(std::chrono::steady_clock::time_point since) noexcept = 0;
     /// It is heard again, and goes on without a gap.
     virtual void heard() noexcept = 0;
+    /// kEngine: no other gateway has it either.
+    enum class Whose : std::uint8_t { kEngine, kGateway };
     /// The session is over for this gateway: `why` in a few words ("the engine is gone"). Views are
-    /// over. The gateway's end tries to join again.
-    virtual void left(std::string_view why) noexcept = 0;
+    /// over. The gateway's end tries to join again, unless the session was refused.
+    virtual void left(std::string_view why, Whose whose) noexcept = 0;
 };
 
 /// The gateway's end of one session's link: joins, asks for what is missing, keeps what pages say
@@ -149,6 +154,8 @@ class GatewayEnd {
     void announce(ViewKind kind, std::string_view client, std::uint64_t view = 0);
     /// How many pages are there now; none after some: the last one has gone.
     void pages(std::size_t count) noexcept;
+    /// Has no more to do with the session, and tells the engine.
+    void refuse() noexcept;
     /// To be called about every 50 ms: beats, time limits, what was asked for and did not come.
     void tick(TimePoint now) noexcept;
     [[nodiscard]] Statistics statistics() const;

@@ -17,6 +17,7 @@
 #include "OptionsCheck.hpp"
 #include "OwnPage.hpp"
 #include "Subjects.hpp"
+#include "Traffic.hpp"
 #include "annotated/Mutex.hpp"
 #include "process/Thread.hpp"
 #include "relay/Relay.hpp"
@@ -105,11 +106,7 @@ void offer(DownStream& down, Delivery delivery) {
 kirogateway::Options gatewayOptions(const Options& options) {
     kirogateway::Options gateway;
     gateway.token = options.token;
-    gateway.configuration = options.configuration;
-    gateway.mayPublish = options.mayPublish;
-    gateway.maySubscribe = options.maySubscribe;
-    gateway.blockChannels = options.blockChannels;
-    gateway.lanes = options.lanes;
+    copyTraffic(options, gateway);
     gateway.newViewChannel = options.newViewChannel;
     gateway.reconnectChannel = options.reconnectChannel;
     gateway.assets = options.assets;
@@ -138,11 +135,7 @@ EngineEnd::Settings settingsOf(const Options& options, const std::string& token)
         }
     }
     auto& description = settings.description;
-    description.configuration = options.configuration;
-    description.mayPublish = options.mayPublish;
-    description.maySubscribe = options.maySubscribe;
-    description.blockChannels = options.blockChannels;
-    description.lanes = options.lanes;
+    copyTraffic(options, description);
     description.tokenHash = secret::sha256Hex(token);
     description.pieceSize = options.pieceSize;
     if (!canBeSent(description)) {

@@ -19,7 +19,6 @@ namespace kirolink {
 class PageFetch {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
-    static constexpr std::size_t kMostUnderWay = std::size_t{4} << 20U;
     /// Until what has had no answer is asked for again; then twice as long each time.
     static constexpr std::chrono::milliseconds kAgain{300};
     static constexpr std::chrono::milliseconds kLongest{2000};
@@ -45,26 +44,31 @@ class PageFetch {
             fPatience = std::min(2 * fPatience, kLongest);
             fQuietSince = now;
         }
-        // What has come behind one that is missing takes room as well.
-        while (fNext < fParts.size() && (fNext - fFirst) * kPagePart < kMostUnderWay &&
-               fWindow.mayGo(underWay(), kPagePart)) {
+        while (fNext < fParts.size() && fWindow.mayGo(underWay(), kPagePart)) {
             if (fNext == 0) fQuietSince = now;
             fParts[fNext].asked = now;
             ask(fNext++);
         }
         return offsets;
     }
-    /// Returns false for what was not asked for, or came already. Throws std::bad_alloc; nothing
-    /// has come then.
-    bool arrived(std::uint64_t offset, std::string_view bytes, TimePoint now) {
+    /// Bytes that are held once this part is: not all of what an engine may only claim. 0: it was
+    /// not asked for, or came already.
+    [[nodiscard]] std::size_t roomWith(std::uint64_t offset,
+                                       std::string_view bytes) const noexcept {
         const auto which = offset / kPagePart;
-        if (offset % kPagePart != 0 || which < fFirst || which >= fNext) return false;
-        auto& part = fParts[which];
+        if (offset % kPagePart != 0 || which < fFirst || which >= fNext) return 0;
         const auto size = std::min<std::uint64_t>(kPagePart, fSize - offset);
-        if (part.isHere || bytes.size() != size) return false;
-        // Not all of what an engine may only claim.
-        if (fBytes.size() < offset + size) fBytes.resize(offset + size);
+        if (fParts[which].isHere || bytes.size() != size) return 0;
+        return std::max<std::size_t>(fBytes.size(), offset + size);
+    }
+    /// Returns false for what there is no room for by that. Throws std::bad_alloc; nothing has come
+    /// then.
+    bool arrived(std::uint64_t offset, std::string_view bytes, TimePoint now) {
+        const auto room = roomWith(offset, bytes);
+        if (room == 0) return false;
+        fBytes.resize(room);
         std::ranges::copy(bytes, fBytes.begin() + static_cast<std::ptrdiff_t>(offset));
+        auto& part = fParts[offset / kPagePart];
         part.isHere = true;
         ++fCame;
         fQuietSince = now;

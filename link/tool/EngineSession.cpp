@@ -1,12 +1,14 @@
 #include "EngineSession.hpp"
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "OptionsCheck.hpp"
 #include "OwnOrigin.hpp"
 #include "OwnPage.hpp"
+#include "Traffic.hpp"
 #include "WaitingPage.hpp"
 #include "checked/Require.hpp"
 #include "secret/Sha256.hpp"
@@ -17,11 +19,14 @@ namespace {
 
 using kirogateway::Site;
 using kirogateway::Sites;
+using kirogateway::wire::CloseCode;
 using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kTellAgain{1};
 constexpr std::size_t kHashDigits = 64;
+/// A page of its own may come slowly, but not for ever: nobody may be looking.
+constexpr std::chrono::minutes kLongestFetch{9};
 
 /// Runs `call` on a thread that must not be thrown at.
 template <typename Call>
@@ -63,11 +68,7 @@ void EngineSession::begin() {
 
 kirogateway::Options EngineSession::optionsOf(const kirolink::Description& session) const {
     auto options = fCommon.options;
-    options.configuration = session.configuration;
-    options.mayPublish = session.mayPublish;
-    options.maySubscribe = session.maySubscribe;
-    options.blockChannels = session.blockChannels;
-    options.lanes = session.lanes;
+    kirolink::copyTraffic(session, options);
     options.limits.connections = fCommon.pages;
     if (session.pieceSize > 0) options.limits.pieceSize = session.pieceSize;
     if (!text::isHex(session.tokenHash, kHashDigits))
@@ -75,7 +76,7 @@ kirogateway::Options EngineSession::optionsOf(const kirolink::Description& sessi
     if (session.page.isThere() == fOrigin.empty()) {
         throw std::invalid_argument("whether it brings a page is not what its beats have said");
     }
-    options.limits.memory -= fPageSize;
+    options.limits.memory -= session.page.size;
     return kirogateway::checked(std::move(options));
 }
 
@@ -83,8 +84,11 @@ std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
                                               std::shared_ptr<kirogateway::Secrets> secrets,
                                               std::uint64_t views) {
     const bool isOwn = !fOrigin.empty();
-    const auto& own = fAssets != nullptr ? fAssets : fCommon.waiting;
-    const auto& assets = isOwn ? own : fCommon.assets;
+    auto assets = isOwn ? fCommon.waiting : fCommon.assets;
+    {
+        const annotated::Lock lock(fMutex);
+        if (fAssets != nullptr) assets = fAssets;
+    }
     std::vector<std::string> others;
     std::vector<std::string> sockets;  // "wss://HOST:PORT/s/NAME/kiroweb" of "https://HOST:PORT"
     for (const auto& other : fCommon.others) {
@@ -100,7 +104,8 @@ std::shared_ptr<Site> EngineSession::makeSite(kirogateway::Options options,
         fPlace, context, fCommon.wakeup, [] {}, views);
     site->access = std::make_unique<kirogateway::AccessPolicy>(
         context->options, fCommon.server.port(),
-        kirogateway::Entrance{assets, std::move(secrets), std::move(others), fOrigin});
+        kirogateway::Entrance{
+            std::move(assets), std::move(secrets), std::move(others), fOrigin, {}, !isOwn});
     site->inbound.connect(fBus);
     const annotated::Lock lock(fMutex);
     fSite = site;
@@ -118,10 +123,11 @@ std::shared_ptr<Site> EngineSession::makeRedirect() const {
     return site;
 }
 
-void EngineSession::replace(std::shared_ptr<Site> site, const std::string& why) {
-    fCommon.server.post([self = shared_from_this(), site = std::move(site), why](Sites& sites) {
-        if (!self->fHasEnded) sites.put(site, why);
-    });
+void EngineSession::replace(std::shared_ptr<Site> site, const std::string& why, CloseCode code) {
+    fCommon.server.post(
+        [self = shared_from_this(), site = std::move(site), why, code](Sites& sites) {
+            if (!self->fHasEnded) sites.put(site, why, code);
+        });
 }
 
 bool EngineSession::end(Sites& sites, std::string_view why) noexcept {
@@ -135,10 +141,16 @@ bool EngineSession::end(Sites& sites, std::string_view why) noexcept {
 // --- What the engine does ----------------------------------------------------------------------
 
 EngineSession::PageWanted EngineSession::pageOffered(const kirolink::PageDigest& page) noexcept {
-    if (fAssets != nullptr && page == fDigest) return PageWanted::kHere;
-    fAssets = nullptr;
+    {
+        const annotated::Lock lock(fMutex);
+        if (fAssets != nullptr && page == fDigest) return PageWanted::kHere;
+        fAssets = nullptr;
+        ++fOffer;
+    }
     fCharge = {};
     fPageSize = 0;
+    fLacksPage = true;
+    fOfferedAt = fCommon.surroundings.now();
     const char* refusal = nullptr;
     if (fOrigin.empty()) {
         refusal = "it brings a page of its own, which its beats have not said";
@@ -146,39 +158,84 @@ EngineSession::PageWanted EngineSession::pageOffered(const kirolink::PageDigest&
         refusal = "its page is larger than page-size";
     } else if (page.size >= fCommon.options.limits.memory) {
         refusal = "its page takes all that a session may hold";
-    } else if (!fCharge.grow(fCommon.ownPages, page.size)) {
-        refusal = "pages of other sessions take all the room that there is for them";
     } else {
+        refusal = "no memory for its page";
         guarded(fLog, "a page", [&] {
             fDigest = page;
-            fPageSize = page.size;
+            refusal = nullptr;
         });
-        if (fPageSize > 0) return PageWanted::kFetch;
-        refusal = "no memory for its page";
     }
-    fHasFailed = true;
-    fLog.write("refused", refusal);
+    if (refusal == nullptr) return PageWanted::kFetch;
+    refuse(refusal);
     return PageWanted::kRefused;
 }
 
-bool EngineSession::pageCame(std::string bytes) noexcept {
+bool EngineSession::pageGrows(std::size_t bytes) noexcept {
+    if (!fCharge.grow(fCommon.ownPages, bytes - fCharge.bytes())) {
+        refuse("pages of other sessions take all the room that there is for them");
+        return false;
+    }
+    fPageSize = bytes;
+    const auto now = fCommon.surroundings.now();
+    if (now - fOfferedAt < kLongestFetch) fIdleSince = now;
+    return true;
+}
+
+void EngineSession::pageCame(std::string bytes) noexcept {
+    // Not here: beats of all sessions come on this thread.
+    guarded(fLog, "no memory for its page", [&] {
+        std::uint64_t offer = 0;
+        {
+            const annotated::Lock lock(fMutex);
+            offer = fOffer;
+        }
+        boost::asio::post(fCommon.work, [weak = weak_from_this(), offer, page = fDigest,
+                                         bytes = std::move(bytes)]() mutable {
+            if (const auto self = weak.lock()) self->openPage(offer, page, std::move(bytes));
+        });
+    });
+}
+
+void EngineSession::openPage(std::uint64_t offer, const kirolink::PageDigest& page,
+                             std::string bytes) noexcept {
+    std::shared_ptr<const kirogateway::AssetTable> assets;
     guarded(fLog, "refused, its page cannot be served", [&] {
-        if (secret::sha256Hex(bytes) != fDigest.hash) {
+        if (secret::sha256Hex(bytes) != page.hash) {
             throw std::invalid_argument("it is not the one whose hash was told");
         }
         auto files = kirolink::readPage(bytes);
-        if (!files || files->size() != fDigest.files) {
+        if (!files || files->size() != page.files) {
             throw std::invalid_argument("it cannot be read");
         }
         bytes = {};
         kirogateway::Options options;
         options.assets = std::move(*files);
-        auto assets = kirogateway::checked(std::move(options)).assets;
-        assets.push_back(waitingScript());  // of two of one name the first is served
-        fAssets = std::make_shared<const kirogateway::AssetTable>(std::move(assets));
+        auto all = kirogateway::checked(std::move(options)).assets;
+        all.push_back(waitingScript());  // of two of one name the first is served
+        assets = std::make_shared<const kirogateway::AssetTable>(std::move(all));
     });
-    fHasFailed = fAssets == nullptr;
-    return !fHasFailed;
+    std::shared_ptr<Site> site;
+    {
+        const annotated::Lock lock(fMutex);
+        if (offer != fOffer) return;  // another one has been offered since
+        fAssets = assets;
+        site = fSite;
+    }
+    if (assets == nullptr) {
+        fHasFailed = true;
+        return fEnd->refuse();
+    }
+    fLacksPage = false;
+    guarded(fLog, "no memory to serve its page", [&] {
+        fCommon.server.post([site = std::move(site), assets = std::move(assets)](Sites&) mutable {
+            site->access->serveInstead(std::move(assets));
+        });
+    });
+}
+
+void EngineSession::refuse(std::string_view why) noexcept {
+    fHasFailed = true;
+    fLog.write("refused", why);
 }
 
 void EngineSession::joined(const kirolink::Description& session) noexcept {
@@ -189,7 +246,7 @@ void EngineSession::joined(const kirolink::Description& session) noexcept {
             secret::HashedToken{session.tokenHash, secret::sha256Hex});
         fFollowed = makeSite(std::move(options), std::move(secrets), session.views);
         fSilentSince = TimePoint{};
-        replace(fFollowed, "the engine has begun anew");
+        replace(fFollowed, "the engine has begun anew", CloseCode::kRestarted);
         isServed = true;
         fLog.write("joined", {});
     });
@@ -221,12 +278,14 @@ void EngineSession::heard() noexcept {
             [this] { tellPages(R"({"t":"engine","state":"heard"})"); });
 }
 
-void EngineSession::left(std::string_view why) noexcept {
+void EngineSession::left(std::string_view why, Whose whose) noexcept {
     fSilentSince = TimePoint{};
     fLog.write("left", why);
     guarded(fLog, "a session could not be left", [&] {
         fFollowed = makeSite(fCommon.options, nullptr, 0);
-        replace(fFollowed, std::string(why));
+        // Where no other gateway has the engine either, this one may be the first to have it again.
+        replace(fFollowed, std::string(why),
+                whose == Whose::kEngine ? CloseCode::kRestarted : CloseCode::kStopped);
     });
 }
 

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include <boost/asio/thread_pool.hpp>
+
 #include "GatewayEnd.hpp"
 #include "LinkBus.hpp"
 #include "Server.hpp"
@@ -18,6 +20,7 @@ namespace link_tool {
 struct Common {
     kirolink::Cluster& cluster;
     kirogateway::Server& server;
+    boost::asio::thread_pool& work;  ///< of what takes long
     std::shared_ptr<kirogateway::Wakeup> wakeup;
     std::shared_ptr<const kirogateway::AssetTable> assets;
     std::shared_ptr<const kirogateway::AssetTable> waiting;  ///< until an engine's own have come
@@ -60,8 +63,11 @@ class EngineSession final : public kirolink::Follower,
     // --- Any thread ---
 
     [[nodiscard]] bool hasPages() const noexcept { return fBus.pagesThere() > 0; }
-    /// When a page was seen last, or it began.
+    /// When a page was seen last, or some more of one of its own came, or it began. Of its own it
+    /// is waited for up to 9 minutes.
     [[nodiscard]] TimePoint idleSince() const noexcept { return fIdleSince; }
+    /// A page of its own has been offered, and is not there.
+    [[nodiscard]] bool lacksPage() const noexcept { return fLacksPage; }
     /// It has joined, and could not serve what it was told of.
     [[nodiscard]] bool hasFailed() const noexcept { return fHasFailed; }
     /// The newest one that is there; null: none is.
@@ -91,14 +97,15 @@ class EngineSession final : public kirolink::Follower,
     // --- As a follower ---
 
     PageWanted pageOffered(const kirolink::PageDigest& page) noexcept override;
-    bool pageCame(std::string bytes) noexcept override;
+    bool pageGrows(std::size_t bytes) noexcept override;
+    void pageCame(std::string bytes) noexcept override;
     void joined(const kirolink::Description& session) noexcept override;
     void text(const std::string& channel, std::string_view text) noexcept override;
     void block(const std::string& channel, std::shared_ptr<const std::string> block,
                std::unique_ptr<kirolink::BlockTicket> ticket) noexcept override;
     void silent(TimePoint since) noexcept override;
     void heard() noexcept override;
-    void left(std::string_view why) noexcept override;
+    void left(std::string_view why, Whose whose) noexcept override;
 
   private:
     using Site = kirogateway::Site;
@@ -111,7 +118,12 @@ class EngineSession final : public kirolink::Follower,
                                                  std::shared_ptr<kirogateway::Secrets> secrets,
                                                  std::uint64_t views);
     /// Has pages get `site`, and those of the one before it end.
-    void replace(std::shared_ptr<Site> site, const std::string& why);
+    void replace(std::shared_ptr<Site> site, const std::string& why,
+                 kirogateway::wire::CloseCode code);
+    void refuse(std::string_view why) noexcept;
+    /// Reads the page that was offered as that one. Any thread; takes long.
+    void openPage(std::uint64_t offer, const kirolink::PageDigest& page,
+                  std::string bytes) noexcept;
     /// Whether it is silent is looked at on the gateway's thread, where it comes behind what was
     /// told before: an engine that is heard meanwhile is not called silent.
     void tellSilence(TimePoint now);
@@ -127,20 +139,23 @@ class EngineSession final : public kirolink::Follower,
     std::atomic<TimePoint> fSilentSince{TimePoint{}};  ///< none: it is heard
     std::atomic<TimePoint> fIdleSince;
     std::atomic<bool> fHasFailed{false};
-    std::atomic<std::size_t> fPageSize{0};  ///< bytes of a page of its own, from when it is fetched
-    TimePoint fNextTelling;                 ///< of the one that ticks
-    bool fHasEnded = false;                 ///< the gateway's thread's
+    std::atomic<std::size_t> fPageSize{0};  ///< bytes of a page of its own that have come
+    std::atomic<bool> fLacksPage{false};
+    TimePoint fNextTelling;  ///< of the one that ticks
+    bool fHasEnded = false;  ///< the gateway's thread's
 
     mutable annotated::Mutex fMutex;
     std::shared_ptr<Site> fSite GUARDED_BY(fMutex);  ///< the newest
-    std::shared_ptr<Site> fRedirect;                 ///< constant once it has begun
+    std::uint64_t fOffer GUARDED_BY(fMutex) = 0;     ///< counts the pages that were offered
+    std::shared_ptr<const kirogateway::AssetTable> fAssets
+        GUARDED_BY(fMutex);           ///< of the page that was offered last; null: not there yet
+    std::shared_ptr<Site> fRedirect;  ///< constant once it has begun
 
     // The following thread's.
     std::shared_ptr<Site> fFollowed;  ///< the newest
     kirolink::PageDigest fDigest;     ///< of the page that was offered last
-    kirogateway::Charge fCharge;      ///< for that page
-    std::shared_ptr<const kirogateway::AssetTable>
-        fAssets;  ///< what is served; null: not there yet
+    kirogateway::Charge fCharge;      ///< for what has come of that page
+    TimePoint fOfferedAt;
 
     std::unique_ptr<kirolink::GatewayEnd> fEnd;
 };

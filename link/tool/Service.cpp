@@ -46,14 +46,6 @@ kirogateway::Options optionsOf(const Settings& settings) {
     return kirogateway::checked(std::move(options));
 }
 
-std::vector<kirogateway::Asset> pageFiles() {
-    std::vector<kirogateway::Asset> assets;
-    for (const auto& [path, type, body] : kiropage::files()) {
-        assets.push_back({std::string(path), std::string(type), std::string(body)});
-    }
-    return assets;
-}
-
 }  // namespace
 
 Service::Service(const Settings& settings, kirolink::Cluster& cluster,
@@ -73,7 +65,8 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
     const auto address =
         settings.publicAddress.empty() ? root->access->address() : settings.publicAddress;
     fCommon = std::make_unique<Common>(Common{
-        cluster, fServer, fWakeup, std::make_shared<const kirogateway::AssetTable>(pageFiles()),
+        cluster, fServer, fWork, fWakeup,
+        std::make_shared<const kirogateway::AssetTable>(kiropage::filesAs<kirogateway::Asset>()),
         std::make_shared<const kirogateway::AssetTable>(waitingPage()), fContext->counters,
         fContext->options, settings.pagesOfOne(), settings.others, settings.name, address,
         settings.pageSize, std::make_shared<kirogateway::Budget>(settings.allMemory / 2),
@@ -89,7 +82,7 @@ Service::Service(const Settings& settings, kirolink::Cluster& cluster,
             static_cast<void>(fOffers->beat(name, bytes, fCommon->surroundings.now()));
         });
     fServer.start(Sites(
-        root, [this](Sites& sites, std::string_view place) { return follow(sites, place); },
+        root, [this](Sites& sites, std::string_view place) { return find(sites, place); },
         kirogateway::hostOf(address)));
 }
 
@@ -98,6 +91,8 @@ Service::~Service() { stop(); }
 void Service::stop() noexcept {
     fBeats.reset();
     fServer.stop();
+    fWork.stop();
+    fWork.join();
     Sessions sessions;
     {
         const annotated::Lock lock(fMutex);
@@ -149,13 +144,30 @@ std::shared_ptr<EngineSession> Service::sessionOf(std::string_view name) const {
     return known == fSessions.end() ? nullptr : known->second;
 }
 
-std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view place) {
+Sites::Found Service::find(Sites& sites, std::string_view place) {
     // "/s/NAME", or "NAME.HOST" of one with a page of its own.
     const bool isOwn = !place.starts_with(kirogateway::kSites);
     const std::string name(isOwn ? place.substr(0, place.find('.'))
                                  : place.substr(kirogateway::kSites.size()));
     const auto heard = heardOf(name);
-    if (!heard || (isOwn && !heard->hasPage)) return nullptr;
+    std::shared_ptr<Site> site;
+    if (heard && (heard->hasPage || !isOwn)) site = follow(sites, name, heard->hasPage, place);
+    if (site != nullptr) return {std::move(site)};
+    // A host of its own says by itself that there is such a session.
+    if (isOwn) return {};
+    return {nobody(place), false};
+}
+
+std::shared_ptr<Site> Service::nobody(std::string_view place) const {
+    auto site = std::make_shared<Site>(std::string(place), fContext, fWakeup, [] {});
+    site->access = std::make_unique<kirogateway::AccessPolicy>(
+        fContext->options, fServer.port(),
+        kirogateway::Entrance{fCommon->assets, nullptr, fCommon->others});
+    return site;
+}
+
+std::shared_ptr<Site> Service::follow(Sites& sites, const std::string& name, bool hasPage,
+                                      std::string_view place) {
     // There may have been no memory to note its site, and one with a page has two places.
     if (const auto known = sessionOf(name)) return known->siteAt(place);
     if (!makeRoom(sites)) {
@@ -164,7 +176,7 @@ std::shared_ptr<Site> Service::follow(Sites& sites, std::string_view place) {
     }
     // Once it has begun nothing may fail.
     Sessions one;
-    const auto session = std::make_shared<EngineSession>(*fCommon, name, heard->hasPage);
+    const auto session = std::make_shared<EngineSession>(*fCommon, name, hasPage);
     one.emplace(name, session);
     session->begin();
     auto site = session->siteAt(place);
@@ -253,7 +265,8 @@ void Service::tick(TimePoint now) noexcept {
             if (session->hasFailed()) {
                 endLater(session, "it cannot be served");  // a page that asks has it tried again
             } else if (now - session->idleSince() >= kIdle) {
-                endLater(session, "no page for a minute");
+                endLater(session, session->lacksPage() ? "the page that it brings has not come"
+                                                       : "no page for a minute");
             }
         }
     } catch (...) {

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include <boost/asio/thread_pool.hpp>
+
 #include "EngineSession.hpp"
 #include "Offers.hpp"
 #include "Settings.hpp"
@@ -82,8 +84,13 @@ class Service {
 
     // --- The gateway's thread ---
 
+    [[nodiscard]] kirogateway::Sites::Found find(kirogateway::Sites& sites, std::string_view place);
+    /// The site of a session whose engine is heard; null: it cannot be followed.
     [[nodiscard]] std::shared_ptr<kirogateway::Site> follow(kirogateway::Sites& sites,
+                                                            const std::string& name, bool hasPage,
                                                             std::string_view place);
+    /// What there is where no session is, as where one is whose engine has not been reached.
+    [[nodiscard]] std::shared_ptr<kirogateway::Site> nobody(std::string_view place) const;
     /// Ends the session that has had no page for longest. Returns whether there was one.
     [[nodiscard]] bool makeRoom(kirogateway::Sites& sites);
     /// Returns whether it has been ended.
@@ -106,6 +113,7 @@ class Service {
     const std::shared_ptr<kirogateway::Context> fContext;
     const std::shared_ptr<kirogateway::Wakeup> fWakeup;
     kirogateway::Server fServer;
+    boost::asio::thread_pool fWork{1};  ///< what takes long, one after the other
     std::unique_ptr<Common> fCommon;
     TimePoint fNextLook;
 

@@ -62,6 +62,14 @@ kirolink::Options linkOptionsOf(const boost::json::object& settings) {
     options.maySubscribe = {"/load/*"};
     options.token = settings.at("token").as_string();
     options.onLastPageGone = [] {};
+    // A page of its own: types and contents of files by their paths.
+    if (const auto* page = settings.if_contains("page")) {
+        options.onGateway = [](const std::string& link) { say({{"page", link}}); };
+        for (const auto& [path, file] : page->as_object()) {
+            options.assets.push_back({std::string(path), std::string(file.at(0).as_string()),
+                                      std::string(file.at(1).as_string())});
+        }
+    }
     return options;
 }
 

@@ -328,7 +328,7 @@ class Page {
     void closed(std::string_view payload) {
         const auto code = readBigEndian(payload.substr(0, 2));
         const bool isSilent = code == 4004;
-        const bool isEnd = code == 1001 && is("mayEnd");
+        const bool isEnd = (code == 1001 || code == 1012) && is("mayEnd");
         const bool mayBe = fNow < fForgiven || is(isSilent ? "mayLose" : "mayBeSlow");
         if (!isEnd && (!mayBe || (!isSilent && code != 4003))) {
             found("closed, " + std::to_string(code) + std::string(payload.substr(2)));

@@ -33,6 +33,7 @@ class Cluster:
     def __init__(self, folder: str, gateways: tuple, sessions: tuple, settings: dict, host="127.0.0.1"):
         """`settings` are the gateways', and `host` is where the nodes are found."""
         self.folder, self.host, self.running = pathlib.Path(folder), host, {}
+        self.inside = {}  # by name: the beginning of a command that runs another one elsewhere
         self.token = secrets.token_hex(32)
         ports = free_ports(6 + len(gateways))
         self.ports = {f"node-{i}": port for i, port in enumerate(ports[:3], 1)}
@@ -61,10 +62,10 @@ class Cluster:
         defaults = {"linkFile": str(file), "token": self.token, "milliseconds": {}}
         return load.engine(inside, **defaults | settings)[0]
 
-    def pages(self, gateway: str, session: str, **settings) -> load.Program:
-        """Of the session, at that gateway."""
+    def pages(self, gateway: str, session: str, inside=(), **settings) -> load.Program:
+        """Of the session, at that gateway. They are where that is."""
         port = self.ports[f"gateway-{gateway}"]
-        pages = load.pages(f"http://127.0.0.1:{port}/s/{session}/#token={self.token}", name=gateway, **settings)
+        pages = load.pages(f"http://127.0.0.1:{port}/s/{session}/#token={self.token}", inside, name=gateway, **settings)
         pages.ask("forgive 0")  # they may come before their gateway has reached the engine
         return pages
 
@@ -75,7 +76,7 @@ class Cluster:
                        [load.PROGRAMS / "kiroweb-gateway", folder / "gateway.conf"])
             with open(folder / "log", "ab") as log:
                 self.running[name] = subprocess.Popen(
-                    ["setpriv", "--pdeathsig", "KILL", *command], cwd=folder, stdout=log, stderr=log)
+                    ["setpriv", "--pdeathsig", "KILL", *self.inside.get(name, ()), *command], cwd=folder, stdout=log, stderr=log)
 
     def kill(self, *names: str) -> None:
         for name in names:

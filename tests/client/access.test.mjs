@@ -102,6 +102,18 @@ test("A page without a token, or with a wrong one, says what to do, and takes th
     assert.deepEqual((await gateway.peer()).offered, offered);
 });
 
+test("A page whose program asks for patience waits, and says what else it may be", async () => {
+    const { heard, gateway } = fixture;
+    let isThere = false;
+    gateway.refuses = () => !isThere;
+    const asked = { token: async () => "good", isServed: async () => false };
+    fixture.begin({ access: asked });
+    const waits = `no engine answers to this link yet; if that lasts, ${OPEN_LINK} last`;
+    await heard.until("state", "reconnecting", waits);
+    isThere = true;
+    await fixture.peer();
+});
+
 test("Addresses elsewhere at which nobody is say nothing about the token", async () => {
     const { heard } = fixture;
     const access = { token: async () => "good", isServed: async () => true };

@@ -146,7 +146,7 @@ test("Since when the engine is silent stands in the state until one is heard aga
     await fixture.settled(peer, 1);
     now = 15000;
     peer.control({ t: "engine", state: "silent", milliseconds: 11200 });
-    peer.socket.close(1001, "the engine is gone");
+    peer.socket.close(1012, "the engine is gone");
     let attempts = 0;
     fixture.gateway.refuses = () => ++attempts === 1; // no new one is there yet
     peer = await fixture.peer();
@@ -180,6 +180,9 @@ test("A page whose gateway is lost, or stops, goes to another one with its token
         gateway.refuses = () => ++attempts === 1; // a short outage
         peer = await fixture.peer({ kind: "return", gateways });
         assert.equal(peer.hello.view, "v1", "to the same one first");
+        peer.socket.close(1012, "the engine is gone"); // nobody else has it either
+        peer = await fixture.peer({ gateways });
+        assert.equal(peer.hello.view, undefined);
         gateway.stop();
         let elsewhere = await other.peer();
         await elsewhere.welcome({ kind: "further", gateways });

@@ -78,12 +78,11 @@ class SitesTest : public testing::Test {
         fServer = std::make_unique<Server>(context, fWakeup);
         fAccess.port = fServer->port();
         auto root = makeSite("", nullptr);
-        fServer->start(
-            Sites(root, [this](Sites&, std::string_view prefix) -> std::shared_ptr<Site> {
-                ++fMade;
-                if (prefix != "/s/a" && prefix != "/s/b") return nullptr;
-                return makeSite(std::string(prefix), nullptr);
-            }));
+        fServer->start(Sites(root, [this](Sites&, std::string_view prefix) -> Sites::Found {
+            ++fMade;
+            if (prefix != "/s/a" && prefix != "/s/b") return {};
+            return {makeSite(std::string(prefix), nullptr)};
+        }));
     }
     /// One that lets pages in with `secrets`, or nobody yet.
     std::shared_ptr<Site> makeSite(const std::string& prefix, std::shared_ptr<Secrets> secrets,
@@ -101,7 +100,8 @@ class SitesTest : public testing::Test {
     std::shared_ptr<Site> open(const std::string& prefix, std::uint64_t viewsBefore = 0) {
         const secret::HashedToken token{secret::sha256Hex(tokenOf(prefix)), secret::sha256Hex};
         auto site = makeSite(prefix, std::make_shared<Secrets>(token), viewsBefore);
-        fServer->post([site](Sites& sites) { sites.put(site, "another engine"); });
+        fServer->post(
+            [site](Sites& sites) { sites.put(site, "another engine", wire::CloseCode::kStopped); });
         return site;
     }
     static std::string tokenOf(const std::string& prefix) {

@@ -163,8 +163,11 @@ TEST_F(Ends, AreNotDrivenByAHostileEngine) {
     auto& gateway = world.add("g");
     const auto cluster = world.network.connect("hostile");
     std::uint64_t incarnation = 0;
+    int hellos = 0;
     const auto hear = [&](std::string_view, std::string_view bytes) {
-        incarnation = readFrame(bytes)->header.incarnation;
+        const auto frame = readFrame(bytes);
+        incarnation = frame->header.incarnation;
+        hellos += std::holds_alternative<frame::Hello>(frame->body) ? 1 : 0;
     };
     const auto listening = cluster->subscribe("kiroweb.s.from.g", hear);
     world.run(50ms);
@@ -178,6 +181,7 @@ TEST_F(Ends, AreNotDrivenByAHostileEngine) {
     }
     world.run(200ms);
     EXPECT_EQ(gateway.joins, 1);
+    EXPECT_EQ(hellos, 1) << "the next one takes a beat";
     EXPECT_EQ(gateway.events.back(), "left: \\xff\\x0a" + std::string(26, 'x') + "...");
     Offers offers(*cluster, "g", [](const auto&, bool) { return "http://g"; });
     int offered = 0;
@@ -187,6 +191,48 @@ TEST_F(Ends, AreNotDrivenByAHostileEngine) {
         offers.beat("s", writeFrame({epoch, 0, 1}, frame::End()), world.network.now);
     }
     EXPECT_EQ(offered, 1);
+}
+
+TEST_F(Ends, LoseNothingByWhatAnEngineClaimsToHave) {
+    frame::Header header;
+    world.network.onMessage = [&](const std::string& subject, const std::string& bytes) {
+        if (subject.ends_with("from.g")) header = readFrame(bytes)->header;
+    };
+    join({"g"});
+    world.run(400ms);
+    world.network.cut("engine");
+    auto& end = *gateway("g").end;
+    end.publish("/up", "1");
+    const auto before = end.statistics().refusals;
+    for (const auto& body : {frame::Body(frame::Answer{}), frame::Body(frame::Ask())}) {
+        world.network.inject("kiroweb.s.to.g",
+                             writeFrame({header.epoch, header.incarnation, 1000}, body));
+    }
+    world.run(50ms);
+    EXPECT_EQ(end.statistics().refusals, before + 2);
+    world.network.mend("engine");
+    world.run(2s);
+    EXPECT_THAT(engine().got, ElementsAre("/up 1"));
+}
+
+TEST_F(Ends, AnswerNoBlockOfTheEngineBefore) {
+    join({"g"});
+    engine().send("/c/b", "old");
+    world.run(50ms);
+    const auto late = std::move(gateway("g").tickets);
+    world.kill();
+    world.start();
+    world.run(3s);
+    ASSERT_EQ(gateway("g").joins, 2);
+    engine().send("/c/b", "new");  // by the same number
+    world.run(50ms);
+    ASSERT_EQ(gateway("g").tickets.size(), 1U);
+    late.at(0)->answer(BlockOutcome::kDelivered);
+    world.run(100ms);
+    EXPECT_THAT(engine().ends, ElementsAre(""));
+    gateway("g").tickets.at(0)->answer(BlockOutcome::kRefused);
+    world.run(100ms);
+    EXPECT_THAT(engine().ends, ElementsAre("given back"));
 }
 
 TEST_F(Ends, IgnoreWhatIsNotForThem) {

@@ -102,7 +102,9 @@ class Gateway final : public Follower {
         static_cast<void>(since);
     }
     void heard() noexcept override {}
-    void left(std::string_view why) noexcept override { events.add("left: " + std::string(why)); }
+    void left(std::string_view why, Whose) noexcept override {
+        events.add("left: " + std::string(why));
+    }
     GatewayEnd* operator->() { return &fEnd; }
 
     Description description;

@@ -56,6 +56,10 @@ class Storm {
         ++fEngines;
         fSaid = 0;
         fBlocks.clear();
+        fSure.clear();
+        for (const auto& [name, gateway] : fWorld.gateways) {
+            fUnsureUntil[name] = fWorld.network.now + 3s;
+        }
         fWorld.start(fSettings);
     }
     void step() {
@@ -64,24 +68,49 @@ class Storm {
         if (network.chance() < 0.01) sayLarge();
         if (network.chance() < 0.02) {
             fBlocks.push_back(label());
+            fSure[fBlocks.back()] = sureNow();
             fWorld.engine->send("/c/b",
                                 fBlocks.back() + std::string(network.random(1 << 20U), '\0'));
         }
         for (const auto& [name, gateway] : fWorld.gateways) {
             if (gateway->isJoined && network.chance() < 0.3) publish(*gateway);
             if (network.chance() < 0.2) answer(*gateway);
-            if (network.chance() < 0.02) gateway->end->pages(network.random(3));
+            if (network.chance() < 0.002) {
+                fPages[name] = network.random(3);
+                gateway->end->pages(fPages[name]);
+            }
         }
         const std::string who = "g" + std::to_string(1 + network.random(3));
         if (network.chance() < 0.002) network.cut(network.chance() < 0.2 ? "engine" : who);
         if (network.chance() < 0.01) network.mend(who);
         if (network.chance() < 0.02) network.mend("engine");
+        noteUnsure();
         if (network.chance() < 0.0005) {
             fWorld.kill();
             newEngine();
         }
         // A text that is nearly a batch is longer as Base64.
         EXPECT_LE(fWorld.engine->end->statistics().waiting, fSettings.memory + 2 * kBatchSize);
+    }
+    /// The engine may be right not to wait for a gateway that has been cut off or without pages, or
+    /// has not joined, up to now or a little before.
+    void noteUnsure() {
+        auto& network = fWorld.network;
+        for (const auto& [name, gateway] : fWorld.gateways) {
+            const bool isEmpty = fPages[name] == 0;
+            if (isEmpty || !gateway->isJoined || network.isCut(name) || network.isCut("engine")) {
+                fUnsureUntil[name] = network.now + 3s;
+            }
+            if (!isEmpty) continue;
+            for (auto& [block, names] : fSure) names.erase(name);
+        }
+    }
+    std::set<std::string> sureNow() {
+        std::set<std::string> names;
+        for (const auto& [name, until] : fUnsureUntil) {
+            if (fWorld.network.now >= until) names.insert(name);
+        }
+        return names;
     }
     std::string label() {
         return "e" + std::to_string(fEngines) + "#" + std::to_string(++fSaid) + " ";
@@ -106,9 +135,10 @@ class Storm {
             while (!line->starts_with(kBlock)) ++line;
             const auto how = fWorld.network.random(3);
             if (how < 2) gateway.tickets.back()->answer(static_cast<BlockOutcome>(2 * how));
-            if (how > 0) continue;
             const auto begin = kBlock.size();
-            fDelivered.insert(line->substr(begin, line->find(' ', begin) + 1 - begin));
+            const auto block = line->substr(begin, line->find(' ', begin) + 1 - begin);
+            if (how == 0) fDelivered.insert(block);
+            if (how < 2) fAnswered.insert({block, gateway.name});
         }
     }
     void answerAll() {
@@ -118,7 +148,11 @@ class Storm {
         const auto& ends = fWorld.engine->ends;
         for (std::size_t i = 0; i < ends.size(); ++i) {
             EXPECT_NE(ends[i], "");
-            EXPECT_TRUE(ends[i] != "delivered" || fDelivered.contains(fBlocks[i])) << fBlocks[i];
+            if (ends[i] != "delivered") continue;
+            EXPECT_TRUE(fDelivered.contains(fBlocks[i])) << fBlocks[i];
+            for (const auto& name : fSure[fBlocks[i]]) {
+                EXPECT_TRUE(fAnswered.contains({fBlocks[i], name})) << fBlocks[i] << name;
+            }
         }
         Sequence up;
         for (const auto& line : fWorld.engine->got) up.expectNext(line, "at the engine");
@@ -144,6 +178,11 @@ class Storm {
     std::uint64_t fSaid = 0;
     std::vector<std::string> fBlocks;  ///< labels of those that this engine sent
     std::set<std::string> fDelivered;  ///< labels of those of which a gateway said so
+    /// Labels and gateways that said that, or that nobody hears them.
+    std::set<std::pair<std::string, std::string>> fAnswered;
+    std::map<std::string, std::size_t> fPages;
+    std::map<std::string, TimePoint> fUnsureUntil;
+    std::map<std::string, std::set<std::string>> fSure;  ///< gateways that blocks have to wait for
     std::map<std::string, std::pair<int, std::uint64_t>> fPublished;
 };
 

@@ -139,10 +139,13 @@ Follower::PageWanted TestGateway::pageOffered(const PageDigest& digest) noexcept
     return digestOf(page) == digest ? PageWanted::kHere : PageWanted::kFetch;
 }
 
-bool TestGateway::pageCame(std::string bytes) noexcept {
-    page = std::move(bytes);
-    return page.front() != 'x';
+bool TestGateway::pageGrows(std::size_t bytes) noexcept {
+    EXPECT_TRUE(isJoined);
+    ofPage = bytes;
+    return bytes <= mostOfPage;
 }
+
+void TestGateway::pageCame(std::string bytes) noexcept { page = std::move(bytes); }
 
 void TestGateway::joined(const Description& description) noexcept {
     EXPECT_FALSE(std::exchange(isJoined, true));
@@ -170,8 +173,9 @@ void TestGateway::silent(TimePoint since) noexcept {
     events.emplace_back("silent");
 }
 
-void TestGateway::left(std::string_view why) noexcept {
+void TestGateway::left(std::string_view why, Whose whose) noexcept {
     EXPECT_TRUE(std::exchange(isJoined, false));
+    EXPECT_EQ(whose == Whose::kEngine, why.find("engine") != std::string_view::npos) << why;
     events.push_back("left: " + std::string(why));
 }
 

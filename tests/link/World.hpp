@@ -81,14 +81,15 @@ class TestGateway final : public Follower {
                 std::chrono::microseconds ahead = std::chrono::microseconds(0));
 
     PageWanted pageOffered(const PageDigest& digest) noexcept override;
-    bool pageCame(std::string bytes) noexcept override;
+    bool pageGrows(std::size_t bytes) noexcept override;
+    void pageCame(std::string bytes) noexcept override;
     void joined(const Description& description) noexcept override;
     void text(const std::string& channel, std::string_view text) noexcept override;
     void block(const std::string& channel, std::shared_ptr<const std::string> block,
                std::unique_ptr<BlockTicket> ticket) noexcept override;
     void silent(TimePoint since) noexcept override;
     void heard() noexcept override { events.emplace_back("heard"); }
-    void left(std::string_view why) noexcept override;
+    void left(std::string_view why, Whose whose) noexcept override;
 
     const std::string name;
     std::vector<std::string> events;  ///< "joined", "silent", "heard", "left: WHY"
@@ -96,7 +97,9 @@ class TestGateway final : public Follower {
     std::vector<std::string> got;
     std::vector<std::unique_ptr<BlockTicket>> tickets;  ///< of blocks that are not answered
     Description session;
-    std::string page;  ///< as it has come
+    std::string page;                          ///< as it has come
+    std::size_t mostOfPage = ~std::size_t{0};  ///< that it takes
+    std::size_t ofPage = 0;                    ///< bytes that it was told of
     bool isJoined = false;
     int joins = 0;
     std::unique_ptr<Cluster> cluster;

@@ -11,14 +11,19 @@ export class Program {
 
     /** Starts it; resolves when it has printed its link. */
     static async run(file, options, env = process.env) {
+        const program = this.start(file, options, { env });
+        program.link = await program.line(/^https?:/);
+        return program;
+    }
+    /** @param {object} how as of `spawn` */
+    static start(file, options, how = {}) {
         if (!file) throw new Error("the environment does not name the program");
         const program = new this();
-        program.process = spawn(file, options, { env });
+        program.process = spawn(file, options, how);
         program.exited = once(program.process, "exit").then(([status]) => status);
         for (const stream of [program.process.stdout, program.process.stderr]) {
             createInterface({ input: stream }).on("line", (line) => program.#hear(line));
         }
-        program.link = await program.line(/^https?:/);
         return program;
     }
     /** The first line, past or future, that matches. */

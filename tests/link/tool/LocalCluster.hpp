@@ -1,10 +1,12 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Cluster.hpp"
@@ -42,6 +44,7 @@ class LocalCluster final : public kirolink::Cluster {
                 fQueue.pop_front();
                 listeners = fListeners;
             }
+            if (loses && loses(message.first, *message.second)) continue;
             for (const auto& one : listeners) {
                 if (matches(one->subject, message.first)) one->call(message.first, *message.second);
             }
@@ -49,6 +52,8 @@ class LocalCluster final : public kirolink::Cluster {
     }
 
     bool isThere = true;
+    /// Says of each message whether nobody gets it; empty: everything arrives.
+    std::function<bool(std::string_view subject, std::string_view bytes)> loses;
 
   private:
     struct Listening {

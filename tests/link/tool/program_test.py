@@ -1,8 +1,9 @@
 """The gateway's program as its user meets it: exit statuses, one clear line for each thing that is wrong,
-and what it serves. program_test.py PROGRAM"""
+and what it serves. program_test.py PROGRAM UNIT"""
 
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -11,7 +12,9 @@ import unittest
 import urllib.error
 import urllib.request
 
+UNIT = pathlib.Path(sys.argv.pop())
 PROGRAM = sys.argv.pop()
+ROOT = pathlib.Path(__file__).resolve().parents[3]
 # Nothing listens there: the gateway serves all the same.
 GOOD = "name = east\ntls = off\nport = 0\nservers = 127.0.0.1:1\ncluster-tls = off\n"
 
@@ -74,10 +77,29 @@ class Program(unittest.TestCase):
             self.assertEqual(status, 200)
             self.assertIn("\nkiroweb_gateway_pages 0\n", text)
             self.assertEqual(status_of(said["status"] + "/")[0], 404)
-            for path in ("/", "/s/none/", "/metrics"):
+            self.assertEqual(status_of(said["serving"] + "/s/none/")[0], 200)
+            for path in ("/", "/s/", "/metrics"):
                 self.assertEqual(status_of(said["serving"] + path)[0], 404)
             process.send_signal(signal.SIGTERM)
             self.assertEqual(process.wait(), 0)
+
+    def test_its_service_is_handed_all_that_its_configuration_names(self):
+        folder = pathlib.Path(self.config.parent, "cluster")
+        for what in (["nodes", "127.0.0.1"], ["gateway", "east"]):
+            subprocess.run([ROOT / "deploy/cluster-files", folder, *what], check=True)
+        config = (folder / "gateway-east/gateway.conf").read_text(encoding="utf-8")
+        unit = UNIT.read_text(encoding="utf-8")
+        named = re.findall("^(?:credentials|ca|certificate|key) = (.*)$", config, re.M)
+        named += re.findall("^ExecStart=.* --config (.*)$", unit, re.M)
+        self.assertEqual(len(named), 5)
+        handed = re.findall("^LoadCredential=(.*):/etc/kiroweb/.*$", unit, re.M)
+        self.assertEqual(sorted(named), sorted(f"/run/credentials/{UNIT.name}/{name}" for name in handed))
+        if not shutil.which("systemd-analyze"):
+            return
+        tried = pathlib.Path(self.config.parent, UNIT.name)
+        tried.write_text(re.sub("(?<=^ExecStart=)[^ ]*", str(PROGRAM), unit, flags=re.M), encoding="utf-8")
+        done = subprocess.run(["systemd-analyze", "verify", tried], capture_output=True, text=True, check=False)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
 
 
 if __name__ == "__main__":
