@@ -137,7 +137,7 @@ test("Pages that engines bring draw at origins of their own, and reach nothing o
     const folder = await mkdtemp(join(tmpdir(), "kiroweb-"));
     stage.defer(() => rm(folder, { recursive: true }));
     const begin = (...command) => {
-        const program = Program.start(command[0], command.slice(1), { cwd: folder });
+        const program = Program.spawned(command[0], command.slice(1), { cwd: folder });
         stage.defer(() => program.kill());
         return program;
     };
@@ -157,7 +157,7 @@ test("Pages that engines bring draw at origins of their own, and reach nothing o
     }
     const PATH = `${process.env.PATH}:/usr/sbin`;
     const how = { cwd: join(folder, "node-1"), env: { ...process.env, PATH } };
-    const nats = Program.start("nats-server", ["-c", "node.conf"], how);
+    const nats = Program.spawned("nats-server", ["-c", "node.conf"], how);
     stage.defer(() => nats.kill());
     const settings = {
         name: "one",

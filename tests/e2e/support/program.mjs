@@ -11,12 +11,12 @@ export class Program {
 
     /** Starts it; resolves when it has printed its link. */
     static async run(file, options, env = process.env) {
-        const program = this.start(file, options, { env });
+        const program = this.spawned(file, options, { env });
         program.link = await program.line(/^https?:/);
         return program;
     }
     /** @param {object} how as of `spawn` */
-    static start(file, options, how = {}) {
+    static spawned(file, options, how = {}) {
         if (!file) throw new Error("the environment does not name the program");
         const program = new this();
         program.process = spawn(file, options, how);
