@@ -235,9 +235,15 @@ TEST_F(ServiceTest, TellsNobodyWithoutItsTokenWhetherThereIsASession) {
         boost::replace_first(unspoken, "kiroweb.v1", "kiroweb.v2");
         auto foreign = upgrade;
         boost::replace_first(foreign, fAccess.origin(), "http://foreign.example");
+        // A body that does not come: whoever looks at the host is answered at once.
+        const auto headOnly = [](const std::string& hosts) {
+            return "POST /s/wind/kiroweb/token HTTP/1.1\r\n" + hosts + "Content-Length: 4\r\n\r\n";
+        };
+        const auto own = "Host: " + fAccess.host() + "\r\n";
         std::vector<std::string> all;
         for (const auto& request :
-             {bare("GET /s/wind") + "\r\n\r\n", bare("GET /s/wind/") + "\r\n\r\n",
+             {headOnly("Host: foreign.example\r\n"), headOnly(""), headOnly(own + own),
+              bare("GET /s/wind") + "\r\n\r\n", bare("GET /s/wind/") + "\r\n\r\n",
               bare("HEAD /s/wind/") + "\r\n\r\n", bare("GET /s/wind/none") + "\r\n\r\n",
               bare("PUT /s/wind/") + "\r\n\r\n",
               bare("POST /s/wind/kiroweb/token") + "\r\nContent-Length: 4\r\n\r\nc0de", upgrade,
@@ -254,7 +260,8 @@ TEST_F(ServiceTest, TellsNobodyWithoutItsTokenWhetherThereIsASession) {
     run(seconds(1));
     ASSERT_EQ(report().joined, 1U);
     EXPECT_EQ(answers(), absent);
-    EXPECT_TRUE(hasStatus(absent.at(1), "200") && hasStatus(absent.at(6), "503"));
+    EXPECT_TRUE(hasStatus(absent.at(0), "403") && hasStatus(absent.at(4), "200"));
+    EXPECT_TRUE(hasStatus(absent.at(9), "503"));
     join("wind");
 }
 
