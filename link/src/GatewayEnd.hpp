@@ -88,7 +88,7 @@ class Follower {
     virtual void silent(std::chrono::steady_clock::time_point since) noexcept = 0;
     /// It is heard again, and goes on without a gap.
     virtual void heard() noexcept = 0;
-    /// kEngine: no other gateway has it either.
+    /// kEngine: as far as this gateway can tell, no other one has it either.
     enum class Whose : std::uint8_t { kEngine, kGateway };
     /// The session is over for this gateway: `why` in a few words ("the engine is gone"). Views are
     /// over. The gateway's end tries to join again, unless the session was refused.
