@@ -528,9 +528,9 @@ void GatewayEnd::announce(ViewKind kind, std::string_view client, std::uint64_t 
 
 void GatewayEnd::pages(std::size_t count) noexcept { fImpl->up->pages(count); }
 
-void GatewayEnd::refuse() noexcept {
+void GatewayEnd::refuse(const std::function<bool()>& isMeant) noexcept {
     const annotated::Lock lock(fImpl->mutex);
-    fImpl->machine.refuseSession();
+    if (!isMeant || isMeant()) fImpl->machine.refuseSession();
 }
 
 void GatewayEnd::tick(TimePoint now) noexcept {
