@@ -9,8 +9,9 @@ const SPEAKABLE = /^[\w.~-]+$/;
  * @typedef {object} Access
  * @property {() => Promise<string>} token empty: there is none. Rejected, it is asked for again
  *   with the next attempt
- * @property {() => Promise<boolean>} isServed asked when no connection comes about: whether the
- *   program is there, so that it is the token that it does not accept
+ * @property {() => Promise<boolean>} isServed asked when no connection comes about. True: the program
+ *   is there and takes others, so it is the token. False: it asks for patience. Rejects when that
+ *   cannot be found out
  * @property {(call: () => void) => void} [whenLinkOpened] calls whenever there may be a new token
  */
 
@@ -57,12 +58,15 @@ export class TabAccess {
         return this.#asked;
     }
 
-    /** A server that has not reached the program yet asks for patience. */
+    /** A server that has not reached the program yet asks for patience. Where the page has a host of
+     * its own, a server that does not know the program refuses that host. */
     async isServed() {
         const signal = AbortSignal.timeout(PATIENCE);
         const how = { method: "HEAD", cache: "no-store", signal };
-        const { ok, headers } = await this.#window.fetch(`${this.#prefix()}/`, how);
-        return ok && !headers.has("Retry-After");
+        const { ok, status, headers } = await this.#window.fetch(`${this.#prefix()}/`, how);
+        if (status === 403 || headers.has("Retry-After")) return false;
+        if (!ok) throw new Error(`the program answered ${status}`);
+        return true;
     }
 
     /** A link that is opened where the page is already changes the fragment and loads nothing.
@@ -129,7 +133,8 @@ export class TabAccess {
 
 /** A token that is known, for a client that is no page. @param {string} token @returns {Access} */
 export function knownToken(token) {
-    return { token: async () => token, isServed: async () => false };
+    const isServed = () => Promise.reject(new Error("there is no page that could be asked for"));
+    return { token: async () => token, isServed };
 }
 
 /** This tab's; null where there is none.

@@ -16,8 +16,9 @@ export class TabAccess implements Access {
     constructor(window?: any);
     /** A code is exchanged once, however many ask. */
     token(): Promise<string>;
-    /** A server that has not reached the program yet asks for patience. */
-    isServed(): Promise<any>;
+    /** A server that has not reached the program yet asks for patience. Where the page has a host of
+     * its own, a server that does not know the program refuses that host. */
+    isServed(): Promise<boolean>;
     /** A link that is opened where the page is already changes the fragment and loads nothing.
      * @param {() => void} call */
     whenLinkOpened(call: () => void): void;
@@ -33,8 +34,9 @@ export type Access = {
      */
     token: () => Promise<string>;
     /**
-     * asked when no connection comes about: whether the
-     * program is there, so that it is the token that it does not accept
+     * asked when no connection comes about. True: the program
+     * is there and takes others, so it is the token. False: it asks for patience. Rejects when that
+     * cannot be found out
      */
     isServed: () => Promise<boolean>;
     /**

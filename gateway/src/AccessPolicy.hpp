@@ -90,7 +90,8 @@ struct Entrance {
     bool isDiscreet = false;
 };
 
-/// Decides who gets in and what is served. Knows neither sockets nor a parser. Any thread.
+/// Decides who gets in and what is served. Knows neither sockets nor a parser. Any
+/// thread, but for `serveInstead`.
 class AccessPolicy {
   public:
     using TimePoint = Secrets::TimePoint;

@@ -29,9 +29,10 @@ std::shared_ptr<Site> Sites::find(const Request& request) {
     const bool isOwn = request.hosts.size() == 1 && isOwnHost(request.hosts.front());
     const auto place = isOwn ? request.hosts.front() : sitePrefix(request.target);
     if (place.empty() || (fNamed.empty() && !fFinder)) return fRoot;
+    // The host first: a page from elsewhere must not have sites made, nor see which there are.
+    if (!isOwn && !fRoot->access->isForUs(request)) return fRoot;
     if (auto known = at(place)) return known;
-    // The host first: a page from elsewhere must not have sites made.
-    if (!fFinder || (!isOwn && !fRoot->access->isForUs(request))) return fRoot;
+    if (!fFinder) return fRoot;
     auto made = fFinder(*this, place);
     if (made.site == nullptr) return fRoot;
     KIROWEB_REQUIRE(made.site->place == place && made.site->access != nullptr);

@@ -26,6 +26,7 @@ using std::chrono::microseconds;
 /// takes 123.
 constexpr std::size_t kMostShown = 28;
 constexpr const char* kGone = "the engine is gone";
+constexpr const char* kCutOff = "this gateway has lost the cluster";
 using Whose = Follower::Whose;
 
 class Ticket final : public BlockTicket {
@@ -414,7 +415,10 @@ void Machine::tick(TimePoint now) noexcept {
 void Machine::step(TimePoint now) {
     if (fSteps.paused(now)) fLastHeard = std::max(fLastHeard, now);
     if (fIsJoined && fUp->isBroken()) leave("no memory for what pages say");
-    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) leave(kGone, Whose::kEngine);
+    if (fIsJoined && now - fLastHeard > kSilenceIsEnd) {
+        // One that is cut off itself hears nothing of an engine that others may well have.
+        fCluster.isConnected() ? leave(kGone, Whose::kEngine) : leave(kCutOff, Whose::kGateway);
+    }
     if (fIsJoined) leaveWhenComplete();
     if (fIsJoined && !fIsSilent && now - fLastHeard > kSilenceIsGone) {
         fIsSilent = true;
@@ -524,9 +528,9 @@ void GatewayEnd::announce(ViewKind kind, std::string_view client, std::uint64_t 
 
 void GatewayEnd::pages(std::size_t count) noexcept { fImpl->up->pages(count); }
 
-void GatewayEnd::refuse() noexcept {
+void GatewayEnd::refuse(const std::function<bool()>& isMeant) noexcept {
     const annotated::Lock lock(fImpl->mutex);
-    fImpl->machine.refuseSession();
+    if (!isMeant || isMeant()) fImpl->machine.refuseSession();
 }
 
 void GatewayEnd::tick(TimePoint now) noexcept {

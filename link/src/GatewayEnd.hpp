@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -88,7 +89,7 @@ class Follower {
     virtual void silent(std::chrono::steady_clock::time_point since) noexcept = 0;
     /// It is heard again, and goes on without a gap.
     virtual void heard() noexcept = 0;
-    /// kEngine: no other gateway has it either.
+    /// kEngine: as far as this gateway can tell, no other one has it either.
     enum class Whose : std::uint8_t { kEngine, kGateway };
     /// The session is over for this gateway: `why` in a few words ("the engine is gone"). Views are
     /// over. The gateway's end tries to join again, unless the session was refused.
@@ -154,8 +155,9 @@ class GatewayEnd {
     void announce(ViewKind kind, std::string_view client, std::uint64_t view = 0);
     /// How many pages are there now; none after some: the last one has gone.
     void pages(std::size_t count) noexcept;
-    /// Has no more to do with the session, and tells the engine.
-    void refuse() noexcept;
+    /// Has no more to do with the session, and tells the engine; unless `isMeant` says by then that
+    /// it is not this joining that was meant. That is asked between calls of the follower.
+    void refuse(const std::function<bool()>& isMeant = {}) noexcept;
     /// To be called about every 50 ms: beats, time limits, what was asked for and did not come.
     void tick(TimePoint now) noexcept;
     [[nodiscard]] Statistics statistics() const;

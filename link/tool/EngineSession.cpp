@@ -28,13 +28,15 @@ constexpr std::size_t kHashDigits = 64;
 /// A page of its own may come slowly, but not for ever: nobody may be looking.
 constexpr std::chrono::minutes kLongestFetch{9};
 
-/// Runs `call` on a thread that must not be thrown at.
+/// Runs `call` on a thread that must not be thrown at. Returns whether it ran to its end.
 template <typename Call>
-void guarded(kirogateway::GuardedLog& log, const char* what, const Call& call) noexcept {
+bool guarded(kirogateway::GuardedLog& log, const char* what, const Call& call) noexcept {
     try {
         call();
+        return true;
     } catch (...) {
         log.writeCaught(what);
+        return false;
     }
 }
 
@@ -145,11 +147,12 @@ EngineSession::PageWanted EngineSession::pageOffered(const kirolink::PageDigest&
         const annotated::Lock lock(fMutex);
         if (fAssets != nullptr && page == fDigest) return PageWanted::kHere;
         fAssets = nullptr;
+        fHeldCharge = {};
         ++fOffer;
+        fLacksPage = true;
     }
     fCharge = {};
     fPageSize = 0;
-    fLacksPage = true;
     fOfferedAt = fCommon.surroundings.now();
     const char* refusal = nullptr;
     if (fOrigin.empty()) {
@@ -171,8 +174,9 @@ EngineSession::PageWanted EngineSession::pageOffered(const kirolink::PageDigest&
 }
 
 bool EngineSession::pageGrows(std::size_t bytes) noexcept {
-    if (!fCharge.grow(fCommon.ownPages, bytes - fCharge.bytes())) {
-        refuse("pages of other sessions take all the room that there is for them");
+    // Less than before, where there was no memory for what had been granted.
+    if (bytes > fCharge.bytes() && !fCharge.grow(fCommon.ownPages, bytes - fCharge.bytes())) {
+        refuse("pages that engines bring take all the room that there is for them");
         return false;
     }
     fPageSize = bytes;
@@ -183,23 +187,33 @@ bool EngineSession::pageGrows(std::size_t bytes) noexcept {
 
 void EngineSession::pageCame(std::string bytes) noexcept {
     // Not here: beats of all sessions come on this thread.
-    guarded(fLog, "no memory for its page", [&] {
+    const bool isPosted = guarded(fLog, "no memory for its page", [&] {
         std::uint64_t offer = 0;
         {
             const annotated::Lock lock(fMutex);
             offer = fOffer;
         }
-        boost::asio::post(fCommon.work, [weak = weak_from_this(), offer, page = fDigest,
-                                         bytes = std::move(bytes)]() mutable {
-            if (const auto self = weak.lock()) self->openPage(offer, page, std::move(bytes));
-        });
+        boost::asio::post(fCommon.work,
+                          [weak = weak_from_this(), offer, page = fDigest, bytes = std::move(bytes),
+                           charge = std::move(fCharge)]() mutable {
+                              const auto self = weak.lock();
+                              if (self == nullptr) return;
+                              self->openPage(offer, page, std::move(bytes), std::move(charge));
+                          });
     });
+    if (!isPosted) fHasFailed = true;
 }
 
 void EngineSession::openPage(std::uint64_t offer, const kirolink::PageDigest& page,
-                             std::string bytes) noexcept {
+                             std::string bytes, kirogateway::Charge charge) noexcept {
+    const auto isOutdated = [this, offer] {
+        const annotated::Lock lock(fMutex);
+        return offer != fOffer;
+    };
+    // One that keeps joining would have the work of others wait.
+    if (isOutdated()) return;
     std::shared_ptr<const kirogateway::AssetTable> assets;
-    guarded(fLog, "refused, its page cannot be served", [&] {
+    const bool isRight = guarded(fLog, "refused, its page cannot be served", [&] {
         if (secret::sha256Hex(bytes) != page.hash) {
             throw std::invalid_argument("it is not the one whose hash was told");
         }
@@ -214,23 +228,34 @@ void EngineSession::openPage(std::uint64_t offer, const kirolink::PageDigest& pa
         all.push_back(waitingScript());  // of two of one name the first is served
         assets = std::make_shared<const kirogateway::AssetTable>(std::move(all));
     });
+    if (!isRight) {
+        // Asked between two joinings: the newer one may be another engine's.
+        return fEnd->refuse([this, &isOutdated] {
+            if (isOutdated()) return false;
+            fHasFailed = true;
+            return true;
+        });
+    }
     std::shared_ptr<Site> site;
     {
         const annotated::Lock lock(fMutex);
         if (offer != fOffer) return;  // another one has been offered since
         fAssets = assets;
+        fHeldCharge = std::move(charge);
         site = fSite;
     }
-    if (assets == nullptr) {
-        fHasFailed = true;
-        return fEnd->refuse();
-    }
-    fLacksPage = false;
-    guarded(fLog, "no memory to serve its page", [&] {
+    const bool isPosted = guarded(fLog, "no memory to serve its page", [&] {
         fCommon.server.post([site = std::move(site), assets = std::move(assets)](Sites&) mutable {
             site->access->serveInstead(std::move(assets));
         });
     });
+    const annotated::Lock lock(fMutex);
+    if (offer != fOffer) return;
+    if (isPosted) {
+        fLacksPage = false;
+    } else {
+        fHasFailed = true;
+    }
 }
 
 void EngineSession::refuse(std::string_view why) noexcept {

@@ -122,8 +122,8 @@ class EngineSession final : public kirolink::Follower,
                  kirogateway::wire::CloseCode code);
     void refuse(std::string_view why) noexcept;
     /// Reads the page that was offered as that one. Any thread; takes long.
-    void openPage(std::uint64_t offer, const kirolink::PageDigest& page,
-                  std::string bytes) noexcept;
+    void openPage(std::uint64_t offer, const kirolink::PageDigest& page, std::string bytes,
+                  kirogateway::Charge charge) noexcept;
     /// Whether it is silent is looked at on the gateway's thread, where it comes behind what was
     /// told before: an engine that is heard meanwhile is not called silent.
     void tellSilence(TimePoint now);
@@ -148,13 +148,14 @@ class EngineSession final : public kirolink::Follower,
     std::shared_ptr<Site> fSite GUARDED_BY(fMutex);  ///< the newest
     std::uint64_t fOffer GUARDED_BY(fMutex) = 0;     ///< counts the pages that were offered
     std::shared_ptr<const kirogateway::AssetTable> fAssets
-        GUARDED_BY(fMutex);           ///< of the page that was offered last; null: not there yet
-    std::shared_ptr<Site> fRedirect;  ///< constant once it has begun
+        GUARDED_BY(fMutex);  ///< of the page that was offered last; null: not there yet
+    kirogateway::Charge fHeldCharge GUARDED_BY(fMutex);  ///< for those
+    std::shared_ptr<Site> fRedirect;                     ///< constant once it has begun
 
     // The following thread's.
     std::shared_ptr<Site> fFollowed;  ///< the newest
     kirolink::PageDigest fDigest;     ///< of the page that was offered last
-    kirogateway::Charge fCharge;      ///< for what has come of that page
+    kirogateway::Charge fCharge;      ///< for what has come of that page, until it is all there
     TimePoint fOfferedAt;
 
     std::unique_ptr<kirolink::GatewayEnd> fEnd;

@@ -3,6 +3,7 @@ import assert from "node:assert/strict";
 import { test } from "node:test";
 
 import { gatewayAddress, TabAccess } from "../../client/access.mjs";
+import { MainAccess } from "../../client/page/worker/access.mjs";
 import { Fixture } from "./support/page.mjs";
 
 const fixture = new Fixture();
@@ -102,16 +103,39 @@ test("A page without a token, or with a wrong one, says what to do, and takes th
     assert.deepEqual((await gateway.peer()).offered, offered);
 });
 
-test("A page whose program asks for patience waits, and says what else it may be", async () => {
+test("A tab tells patience that is asked for from what it cannot find out", async () => {
+    const later = { "Retry-After": "1" };
+    const tab = new Tab("/s/run-1/", [
+        [null, { status: 503, headers: later }],
+        [null, { status: 403 }], // an origin of its own, whose engine is not known
+        ...[502, 503, 404].map((status) => [null, { status }]),
+    ]);
+    const access = new TabAccess(tab);
+    assert.deepEqual([await access.isServed(), await access.isServed()], [false, false]);
+    for (const why of [/502/, /503/, /404/, /no network/]) {
+        await assert.rejects(access.isServed(), why);
+    }
+});
+
+test("A page that does not get in waits, and says what it may be if its program asks for patience", async () => {
     const { heard, gateway } = fixture;
-    let isThere = false;
-    gateway.refuses = () => !isThere;
-    const asked = { token: async () => "good", isServed: async () => false };
-    fixture.begin({ access: asked });
-    const waits = `no engine answers to this link yet; if that lasts, ${OPEN_LINK} last`;
-    await heard.until("state", "reconnecting", waits);
-    isThere = true;
+    let attempts = 0;
+    gateway.refuses = () => ++attempts < 12;
+    const told = { token: "good", served: null };
+    const access = new MainAccess(({ id, what }) => {
+        if (attempts === 5) told.served = false;
+        access.told(id, told[what]);
+    });
+    fixture.begin({ access });
     await fixture.peer();
+    const waits = `no engine answers to this link yet; if that lasts, ${OPEN_LINK} last`;
+    const reasons = heard.of("state").map(([, , reason]) => reason);
+    const first = reasons.indexOf(waits);
+    assert.equal(
+        reasons.filter((reason, at) => reason === "no connection" && at < first).length,
+        5,
+    );
+    assert.equal(reasons.filter((reason) => reason === waits).length, 7);
 });
 
 test("Addresses elsewhere at which nobody is say nothing about the token", async () => {

@@ -212,12 +212,15 @@ TEST_F(Ends, NoticeSilenceAfterASecondAndPartAfterTen) {
     EXPECT_THAT(gateway("g").got, ElementsAre("block /c/b block", "block /c/b another"));
     world.network.cut("g");
     world.run(11s);
-    EXPECT_EQ(gateway("g").events.back(), "left: the engine is gone");
+    EXPECT_EQ(gateway("g").events.back(), "left: this gateway has lost the cluster");
     EXPECT_EQ(statistics().gateways, 0U);
     EXPECT_THAT(engine().notes.back(), HasSubstr("nothing was heard of it for 10 s"));
     world.network.mend("g");
     world.run(500ms);
     EXPECT_EQ(gateway("g").joins, 2);
+    world.kill();
+    world.run(11s);
+    EXPECT_EQ(gateway("g").events.back(), "left: the engine is gone");
 }
 
 TEST_F(Ends, DoNotTakeTheirOwnPauseForSilence) {

@@ -23,7 +23,9 @@ export class MainAccess {
         return token;
     }
     async isServed() {
-        return (await this.#ask("served")) === true;
+        const served = await this.#ask("served");
+        if (served === null) throw new Error("whether the program is there could not be found out");
+        return served === true;
     }
     /** @param {() => void} call */
     whenLinkOpened(call) {
