@@ -311,9 +311,9 @@ test("What somebody looks at comes with its limits, at once; so do all axes that
         const { pictures, limits } = await stage.heard("frame");
         return [pictures, limits].map((one) => Object.keys(one).join()).concat(outcome);
     };
-    const both = () => [3, 5].forEach((line) => engine.data(line, { x: [2], y: [0.5] }, 2));
-    assert.deepEqual(await told(both), ["2,4", "2,4", "painted"]);
-    assert.deepEqual(stage.strokes(), ["M0,100 L100,0 L200,50"]);
+    const both = (y) => () => [3, 5].forEach((line) => engine.data(line, { x: [0, 1], y }));
+    assert.deepEqual(await told(both([1, 0])), ["2,4", "2,4", "painted"]);
+    assert.deepEqual(stage.strokes(), ["M0,0 L100,100"]);
     assert.deepEqual(await told(() => add(6)), ["6", "2,4,6", "painted"]);
     assert.deepEqual(
         canvases.map(({ drawn }) => drawn),
@@ -324,7 +324,7 @@ test("What somebody looks at comes with its limits, at once; so do all axes that
         throw new Error("no memory");
     };
     t.mock.method(FakeCanvas.prototype, "transferToImageBitmap", fail, { times: 1 });
-    assert.deepEqual(await told(both), ["4", "4,6", "failed"]);
+    assert.deepEqual(await told(both([0, 1])), ["4", "4,6", "failed"]);
     assert.equal((await stage.heard("error")).text, "paint: no memory");
     assert.deepEqual(await told(() => {}), ["2", "2,4,6", "painted"]);
 });
