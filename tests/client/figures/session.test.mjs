@@ -308,7 +308,7 @@ test("What somebody looks at comes with its limits, at once; so do all axes that
     const told = async (draw) => {
         stage.told = [];
         const { outcome } = (await stage.frame(draw)).at(-2)[1];
-        const { pictures, limits } = await stage.heard("frame");
+        const { pictures, limits } = stage.told.find(({ kind }) => kind === "frame");
         return [pictures, limits].map((one) => Object.keys(one).join()).concat(outcome);
     };
     const both = (y) => () => [3, 5].forEach((line) => engine.data(line, { x: [0, 1], y }));
