@@ -1,5 +1,5 @@
-// One axes on the page: uPlot draws axes and grid and has cursor and selection; below lies the
-// canvas into which the worker draws the series.
+// One axes on the page: uPlot draws axes and grid and has cursor and selection; below lies a canvas
+// with the series, into which the worker draws, or which gets the worker's pictures.
 
 import uPlot from "uplot";
 
@@ -63,7 +63,7 @@ export class AxesView {
     description;
     /** What somebody looks at. @type {View} */
     view = homeView();
-    /** What the worker's canvas shows. @type {Limits} */
+    /** Between which the series on the canvas are drawn. @type {Limits} */
     drawn;
     canvas = make("canvas");
     chart = make("div", { class: "chart" });
@@ -94,7 +94,7 @@ export class AxesView {
     size = { width: 0, height: 0, ratio: 1 };
     #viewed = 0;
     #isTaken = false;
-    /** Of a canvas that gets pictures. @type {ImageBitmapRenderingContext | null} */
+    /** Of a canvas that gets pictures; null: the worker draws. @type {ImageBitmapRenderingContext | null} */
     #pictures = null;
 
     /** @param {AxesDescription} description @param {Surroundings} surroundings */

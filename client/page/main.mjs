@@ -9,6 +9,7 @@ import { giveFile } from "./give_file.mjs";
 import { Interaction } from "./interaction.mjs";
 import { showKeys } from "./keys.mjs";
 import { LatencyPanel } from "./latency_panel.mjs";
+import { NextFrame } from "./next_frame.mjs";
 import { Places } from "./places.mjs";
 import { RecordButton } from "./recording/button.mjs";
 import {
@@ -28,6 +29,7 @@ import { WorkerLink } from "./worker_link.mjs";
 
 /** @typedef {import("./axes_view.mjs").AxesView} AxesView */
 /** @typedef {import("./messages.mjs").ToMain} ToMain */
+/** @typedef {import("./next_frame.mjs").Frame} Frame */
 
 const HELP = "M5.8 6a2.2 2.2 0 1 1 3.4 1.9c-.8.5-1.2.9-1.2 1.9M8 12.2v.3";
 
@@ -64,8 +66,7 @@ class Page {
     #isPaused = false;
     /** Of what is shown: what takes which place, as text. */
     #shape = "";
-    /** The newest frame that is not painted yet. @type {Extract<ToMain, {kind: "frame"}> | null} */
-    #frame = null;
+    #next = new NextFrame();
     /** Once an animation frame has been painted, a message on this channel answers for it. */
     #frameEnd = new MessageChannel();
     /** @type {number[]} */
@@ -339,6 +340,8 @@ class Page {
             description,
             {
                 onAxes: (axes) => {
+                    // Others may have had its number.
+                    this.#next.forget(axes.description.id);
                     this.interaction.add(view, axes);
                     this.#charts.observe(axes.chart);
                 },
@@ -403,19 +406,19 @@ class Page {
     }
 
     /** The worker has drawn: axes and grid follow in the animation frame in which that is shown.
-     * @param {Extract<ToMain, {kind: "frame"}>} frame */
+     * @param {Frame} frame */
     #takeFrame(frame) {
-        const isRequested = this.#frame !== null;
-        const pictures = { ...this.#frame?.pictures, ...frame.pictures };
-        this.#frame = { ...frame, pictures };
+        const isFirst = this.#next.put(frame);
         if (document.hidden) this.#paint();
-        else if (!isRequested) requestAnimationFrame(() => this.#paint());
+        else if (isFirst) requestAnimationFrame(() => this.#paint());
     }
 
     #paint() {
-        const frame = this.#frame;
-        this.#frame = null;
-        if (!frame) return;
+        this.#next.show((frame) => this.#paintFrame(frame));
+    }
+
+    /** @param {Frame} frame */
+    #paintFrame(frame) {
         this.#isResized = false;
         let isHeldBack = false;
         try {
@@ -429,7 +432,7 @@ class Page {
         }
     }
 
-    /** Shows the limits that were drawn. @param {Extract<ToMain, {kind: "frame"}>} frame */
+    /** Shows the limits that were drawn. @param {Frame} frame */
     #follow({ limits: drawn, colors, pictures }) {
         this.interaction.changed();
         for (const view of this.#axes()) {

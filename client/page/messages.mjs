@@ -108,9 +108,10 @@
  *     | {kind: "close"}
  * )} ToWorker
  *
- * - `start`, once, opens the connection; null: there is none. `told` answers `ask`; null: it could not be found out.
- *   `link`: a link was opened that may have brought another token.
- * - `canvas`: the worker draws into it, in its whole size. `gone`: nobody shows these axes any more.
+ * - `start`, once, opens the connection; null: there is none. `told` answers `ask`; null: it could not
+ *   be found out. `link`: a link was opened that may have brought another token.
+ * - `canvas`: until the first `view` the worker draws into it, in its whole size. `gone`: nobody shows
+ *   these axes any more.
  * - `view`: what somebody looks at, in values of the data; null: what the engine says. Axes that
  *   are linked get the same x. The worker tells the engine.
  * - `visible`: by the legend. It holds until the series is gone.
@@ -189,11 +190,11 @@
  * - `hello`: the connection is live; "known": this page can read the engine's vocabulary.
  * - `scene`: everything but the data, whenever something of it besides limits has changed, at most
  *   once a frame; "keys": whether the engine listens to them.
- * - `frame`: what the canvases now show has these limits, by axes, and these limits of colours, by
- *   series; all that there are. Sent when one of them, or the scene, is another one than before, or
- *   with pictures, by axes: from the first `view` on their canvas gets nothing more. What a worker draws
- *   into a canvas is seen a frame before the main thread can follow with what lies around it, or
- *   end the old picture's being moved and stretched.
+ * - `frame`: what is drawn now has these limits, by axes, and these limits of colours, by series; of all
+ *   that could be drawn. Sent when one of them, or the scene, is another one than before, or with pictures.
+ *   From the first `view` on all axes get those, and the worker draws into no canvas any more: that
+ *   is seen a frame before the main thread can draw ticks and grid for it, and before it can put
+ *   the old picture, which it has moved and stretched, back into its place.
  * - `statistics`, twice a second: frames painted since the last ones; the median of the
  *   microseconds from the engine's checkout of a token to its return, 0: none; bytes received
  *   altogether; the engine's number of the last frame; when something came last, as `Date.now()`

@@ -7,6 +7,7 @@ import { only } from "./support/browser.mjs";
 import { Engine } from "./support/engine.mjs";
 import { assertClean, untilKnown } from "./support/page.mjs";
 import { decoded, pictures, shot, untilSettled } from "./support/pictures.mjs";
+import { masksOf } from "./support/shapes.mjs";
 import { Stage } from "./support/stage.mjs";
 
 const stage = new Stage();
@@ -59,6 +60,23 @@ async function start(context) {
         await page.mouse.up();
     };
     return { engine, page, place, point, held, drag };
+}
+
+/** Of these axes: no data without pixels, no pixel without data. */
+async function checkPixels(page, id, ...data) {
+    const picture = (await pictures(page)).find(({ description }) => description.id === id);
+    const how = { ...picture, place: picture.placer() };
+    const masks = await Promise.all(data.map((one) => masksOf(page, one, how)));
+    for (const { required } of masks) {
+        assert.ok(required.includes(1));
+        assert.deepEqual(picture.missing(required), []);
+    }
+    const isWanted = ([column, row]) =>
+        masks.some(({ allowed }) => allowed[row * picture.width + column]);
+    assert.deepEqual(
+        [...picture.all()].filter((at) => !isWanted(at)),
+        [],
+    );
 }
 
 test("What is zoomed and moved is shown in linked axes too, drawn and told to the engine", async () => {
@@ -314,23 +332,38 @@ test("A figure is saved as a picture, as shapes and as values, which are copied,
 });
 
 test("A figure fills the screen and is drawn for it, also where a browser cannot do that", async () => {
-    const { engine, page } = await start();
+    const { engine, page, point } = await start();
     const isSized = (isWanted) =>
         [...kirowebPage.figures.values()][0].axes.get(2).size.height > 600 === isWanted;
     const untilFull = (isWanted) => page.waitForFunction(isSized, isWanted);
-    for (const [spoil, key] of [
-        ["", "f"],
-        ["delete Element.prototype.requestFullscreen", "Escape"],
+    const line = (values) => ({ kind: "line", x, y: values });
+    const flight = line(y.map((way) => 100 - way));
+    const rim = line(x.map(() => 4));
+    for (const [spoil, key, slower] of [
+        ["", "f", 1],
+        ["delete Element.prototype.requestFullscreen", "Escape", 2],
     ]) {
         await page.evaluate(spoil);
         await page.getByRole("button", { name: "Full screen" }).first().click();
         await untilFull(true);
-        await engine.frame(() => engine.data(LINE, { x, y }));
+        const fall = { x, y: y.map((way) => way / slower) };
+        await engine.frame(() => engine.data(LINE, fall));
         await untilSettled(page);
-        const [picture] = await pictures(page);
-        assert.ok(picture.hasNear(...picture.placer()(5, 25).map(Math.floor)));
+        await checkPixels(page, 2, line(fall.y), flight);
         await page.locator(".chart").first().press(key);
         await untilFull(false);
+        // Axes that are moved, and others that are not.
+        await point(0, 0.5, 0.5);
+        await page.mouse.wheel(0, -200);
+        const places = { x: [1, 2, 3], y: [3, slower, 1] };
+        const outcome = await engine.frame(() => {
+            engine.data(LINE, { x, y });
+            engine.data(POINTS, places);
+        });
+        assert.equal(outcome, "painted");
+        await untilSettled(page);
+        await checkPixels(page, 2, line(y), flight);
+        await checkPixels(page, 11, { ...places, kind: "scatter", size: [10, 10, 10] }, rim);
     }
     await assertClean(page);
 });

@@ -8,14 +8,12 @@
  * @property {(frame: Frame) => void} apply brings the scene up to date. What cannot be carried out
  *   becomes the frame's error
  * @property {() => "hidden" | "paused" | null} unseen why nobody sees what is drawn
- * @property {() => boolean} isSent whether all that is painted goes by the main thread, so that it
- *   need not be painted in an animation frame
  * @property {() => boolean} isReady whether the axes are laid out: if not, `request` comes
  * @property {() => {stamp: number, errors: Error[], begun: number}} paint what has changed; stamp:
  *   what the main thread will confirm, 0: nothing; begun: when, microseconds since 1970
  * @property {(call: () => void) => void} onFrame calls in the next animation frame
- * @property {(call: () => void) => void} afterPaint calls behind what goes on, in an animation frame
- *   behind that
+ * @property {(call: () => void) => void} afterPaint calls in a task of its own: behind the animation
+ *   frame, if one goes on
  * @property {(frame: Frame, outcome: Outcome) => void} answer for a frame with a token
  * @property {() => void} counted a frame was painted
  */
@@ -57,8 +55,8 @@ export class Flusher {
         this.#surroundings.onFrame(() => this.#frame());
     }
 
-    /** The same of what somebody looks at: it is not waited for an animation frame, in which a frame
-     * would be lost, unless something would be painted that is seen only with the next one. */
+    /** The same of what somebody looks at. Painted at once, since waiting for an animation frame loses
+     * one: the main thread shows all of it, in one of its own. */
     requestSoon() {
         this.request();
         if (this.#isSoon) return;
@@ -66,7 +64,7 @@ export class Flusher {
         // Once for all that has come meanwhile.
         this.#surroundings.afterPaint(() => {
             this.#isSoon = false;
-            if (this.#applied.length === 0 || this.#surroundings.isSent()) this.#draw();
+            this.#draw();
         });
     }
 

@@ -108,6 +108,11 @@ export function scalesOf(axes, limits, { width, height }) {
     };
 }
 
+/** @param {string} what @param {unknown} thrown */
+export function errorOf(what, thrown) {
+    return new Error(`${what}: ${thrown instanceof Error ? thrown.message : thrown}`);
+}
+
 /** Draws the series that are visible, over what is there: all, or some in order. One that cannot be
  * drawn does not hold up the others. @param {Item} axes @param {Limits} limits @param {Size} size
  * @param {{theme: Theme, hidden: Set<number>}} look
@@ -129,9 +134,8 @@ export function paintAxes(axes, limits, size, { theme, hidden }, surface, { from
         const place = { ...how, ...size, x: scales.x, y, color, ground };
         try {
             PAINTERS[series.type](series, place);
-        } catch (error) {
-            const reason = error instanceof Error ? error.message : String(error);
-            errors.push(new Error(`${series.type} ${series.properties.name}: ${reason}`));
+        } catch (thrown) {
+            errors.push(errorOf(`${series.type} ${series.properties.name}`, thrown));
         }
         isFirst = false;
     }

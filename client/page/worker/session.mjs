@@ -8,6 +8,7 @@ import { Flusher } from "./flusher.mjs";
 import { gpuPoints } from "./gpu_points.mjs";
 import { Latencies } from "./latencies.mjs";
 import { Live } from "./live.mjs";
+import { errorOf } from "./painter.mjs";
 import { answerQuery } from "./queries.mjs";
 import { Replay } from "./replay.mjs";
 import { Scene } from "./scene.mjs";
@@ -23,19 +24,14 @@ import { Statistics } from "./statistics.mjs";
  * @typedef {object} Surroundings
  * @property {(message: ToMain, moved?: Transferable[]) => void} post to the main thread
  * @property {(call: () => void) => void} onFrame calls in the next animation frame
- * @property {(call: () => void) => void} afterPaint calls behind what goes on, in an animation frame
- *   behind that
+ * @property {(call: () => void) => void} afterPaint calls in a task of its own: behind the animation
+ *   frame, if one goes on
  * @property {() => number} now microseconds since 1970
  * @property {import("../../protocol.mjs").Options} [options] of the connection
  */
 
 /** Milliseconds for which the same error is not told again. */
 const SAME_ERROR = 1000;
-
-/** @param {string} what @param {unknown} thrown */
-function errorOf(what, thrown) {
-    return new Error(`${what}: ${thrown instanceof Error ? thrown.message : thrown}`);
-}
 
 /** @template {ToWorker["kind"]} K @typedef {Extract<ToWorker, {kind: K}>} Of */
 
@@ -67,7 +63,6 @@ export class Session {
         this.flusher = new Flusher({
             apply: (frame) => this.#apply(frame),
             unseen: () => (this.#isHidden ? "hidden" : this.#isPaused ? "paused" : null),
-            isSent: () => this.stage.isAllSent,
             isReady: () => this.stage.isReady,
             paint: () => this.#paint(),
             onFrame,
@@ -122,7 +117,7 @@ export class Session {
         view: ({ axes, x, y, y2 }) => {
             const changed = this.stage.setView(axes, { x, y, y2 });
             for (const id of changed) this.#limitsEvents.changed(id);
-            this.flusher.requestSoon();
+            if (changed.length > 0) this.flusher.requestSoon();
         },
         visible: ({ series, visible }) => {
             this.stage.setVisible(series, visible);

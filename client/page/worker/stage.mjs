@@ -5,6 +5,7 @@ import { colorLimitsOf } from "./color_maps.mjs";
 import { describe } from "./description.mjs";
 import { KeptPainter } from "./kept.mjs";
 import { isVisible, limitsOf } from "./limits.mjs";
+import { errorOf } from "./painter.mjs";
 import { Scene } from "./scene.mjs";
 
 /** @typedef {import("../messages.mjs").Limits} Limits */
@@ -15,8 +16,8 @@ import { Scene } from "./scene.mjs";
 /** In CSS pixels, and how many of the canvas one of them is.
  * @typedef {{width: number, height: number, ratio: number}} AreaSize */
 
-/** Of axes that are shown. isSent: what is drawn goes to the main thread as a picture.
- * @typedef {{painter: KeptPainter, isStale: boolean, drawn: string, isSent: boolean}} Shown */
+/** Of axes that are shown.
+ * @typedef {{painter: KeptPainter, isStale: boolean, drawn: string}} Shown */
 
 /** @param {import("./scene.mjs").Item} axes */
 const linkable = ({ id, properties }) =>
@@ -32,6 +33,9 @@ export class Stage {
     #stamp = 0;
     /** The layout that is asked for; 0: none. */
     #awaited = 0;
+    /** Whether what is drawn goes to the main thread as pictures. That of all axes: what is drawn into
+     * a canvas is seen a frame earlier, and a frame would be seen in parts. */
+    #isSent = false;
 
     /** @type {Theme} */
     theme = { ground: "#ffffff", text: "#000000", dark: false };
@@ -95,16 +99,16 @@ export class Stage {
             const next = other === axes ? view : linkedView(linkable(axes), linkable(other), view);
             if (!next) continue;
             this.views.set(other.id, { ...old, ...next });
-            this.#send(this.#shown.get(other.id));
             ids.push(other.id);
         }
+        if (ids.length > 0) this.#send();
         return ids;
     }
 
     /** @param {number} axes @param {OffscreenCanvas} canvas @param {AreaSize} size */
     addCanvas(axes, canvas, size) {
-        const painter = new KeptPainter(canvas);
-        this.#shown.set(axes, { painter, isStale: true, drawn: "", isSent: false });
+        const painter = new KeptPainter(this.#isSent ? new OffscreenCanvas(1, 1) : canvas);
+        this.#shown.set(axes, { painter, isStale: true, drawn: "" });
         this.sizes.set(axes, size);
         // The main thread waits for the picture in this size.
         this.#told = "";
@@ -122,16 +126,14 @@ export class Stage {
         this.sizes.delete(axes);
     }
 
-    /** @param {Shown | undefined} shown from now on in pictures */
-    #send(shown) {
-        if (!shown || shown.isSent) return;
-        const painter = new KeptPainter(new OffscreenCanvas(1, 1));
-        Object.assign(shown, { painter, isStale: true, isSent: true });
-    }
-
-    /** Whether nothing that is drawn waits for the canvases' next animation frame. */
-    get isAllSent() {
-        return [...this.#shown.values()].every(({ isSent }) => isSent);
+    /** From now on all is drawn for pictures. */
+    #send() {
+        if (this.#isSent) return;
+        this.#isSent = true;
+        for (const shown of this.#shown.values()) {
+            const painter = new KeptPainter(new OffscreenCanvas(1, 1));
+            Object.assign(shown, { painter, isStale: true });
+        }
     }
 
     /** All of it is to be drawn anew. */
@@ -189,11 +191,17 @@ export class Stage {
             if (isSame && !shown.isStale) return [];
             // Until all of it is drawn.
             Object.assign(shown, { drawn, isStale: true });
-            const failures = shown.painter.paint(axes, range, canvasSize(size), this);
-            if (shown.isSent) pictures[axes.id] = shown.painter.take();
-            // Nobody is to be told of the next frame that these axes are right.
-            shown.isStale = failures.length > 0;
-            return failures;
+            try {
+                const failures = shown.painter.paint(axes, range, canvasSize(size), this);
+                if (this.#isSent) pictures[axes.id] = shown.painter.take();
+                // Nobody is to be told of the next frame that these axes are right.
+                shown.isStale = failures.length > 0;
+                return failures;
+            } catch (thrown) {
+                // The old picture stays, with its limits. Those of other axes are not held up.
+                limits.delete(axes.id);
+                return [errorOf("paint", thrown)];
+            }
         });
         this.#scene.changed.clear();
         return { stamp: this.#tell(limits, pictures), errors };

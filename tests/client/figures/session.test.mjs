@@ -287,17 +287,46 @@ test("What somebody looks at is told to the engine, with its second y axis", asy
     assert.deepEqual(await stage.published(), [events, event]);
 });
 
-test("What somebody looks at comes with its limits, at once; so does what follows", async () => {
+test("What somebody looks at comes with its limits, at once; so do all axes that follow", async (t) => {
     await stage.show();
-    const { drawn } = stage.canvases.get(2);
-    const before = [...drawn];
+    const { engine } = stage;
+    /** Axes, not linked, with a line that has the next number. */
+    const add = (axes) => {
+        engine.create(axes, "axes", 1);
+        engine.create(axes + 1, "line", axes);
+        engine.data(axes + 1, { x: [0, 1], y: [0, 1] });
+    };
+    await stage.frame(() => add(4));
+    const canvases = [2, 4].map((axes) => stage.canvases.get(axes));
+    const before = canvases.map(({ drawn }) => [...drawn]);
+    stage.told = [];
     stage.tell({ kind: "view", axes: 2, x: [0, 2], y: null, y2: null });
     assert.deepEqual((await stage.heard("frame")).limits[2].x, [0, 2]);
     assert.deepEqual(stage.strokes(), ["M0,100 L100,0"]);
     await stage.paint();
-    await stage.frame(() => stage.engine.data(3, { x: [2], y: [0.5] }, 2));
-    assert.deepEqual(stage.strokes(), ["M0,100 L100,0 L200,50"]);
-    assert.deepEqual(drawn, before);
+    /** The axes of which pictures came with a frame, those whose limits it has, and its end. */
+    const told = async (draw) => {
+        stage.told = [];
+        const { outcome } = (await stage.frame(draw)).at(-2)[1];
+        const { pictures, limits } = stage.told.find(({ kind }) => kind === "frame");
+        return [pictures, limits].map((one) => Object.keys(one).join()).concat(outcome);
+    };
+    const both = (y) => () => [3, 5].forEach((line) => engine.data(line, { x: [0, 1], y }));
+    assert.deepEqual(await told(both([1, 0])), ["2,4", "2,4", "painted"]);
+    assert.deepEqual(stage.strokes(), ["M0,0 L100,100"]);
+    assert.deepEqual(await told(() => add(6)), ["6", "2,4,6", "painted"]);
+    assert.deepEqual(
+        canvases.map(({ drawn }) => drawn),
+        before,
+    );
+    // One that cannot be taken keeps its old picture and its limits, until it can.
+    const fail = () => {
+        throw new Error("no memory");
+    };
+    t.mock.method(FakeCanvas.prototype, "transferToImageBitmap", fail, { times: 1 });
+    assert.deepEqual(await told(both([0, 1])), ["4", "4,6", "failed"]);
+    assert.equal((await stage.heard("error")).text, "paint: no memory");
+    assert.deepEqual(await told(() => {}), ["2", "2,4,6", "painted"]);
 });
 
 test("The legend hides a series, until it is gone; a theme changes colours", async () => {

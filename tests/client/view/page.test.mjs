@@ -6,10 +6,10 @@ import { fileName } from "../../../client/page/file_name.mjs";
 import { meaningOf } from "../../../client/page/keys.mjs";
 import { gridOf, placeAxes } from "../../../client/page/layout.mjs";
 import * as navigation from "../../../client/page/navigation.mjs";
+import { NextFrame } from "../../../client/page/next_frame.mjs";
 import { Watch } from "../../../client/page/stale.mjs";
 import { FigureDrawing } from "../../../client/page/svg.mjs";
 import { captionOf } from "../../../client/page/table.mjs";
-import { textWidth } from "../../../client/page/text_width.mjs";
 import { pathOf, timeText } from "../../../client/page/time_line.mjs";
 import { WorkerLink } from "../../../client/page/worker_link.mjs";
 
@@ -144,18 +144,59 @@ test("A question ends with its answer, or with what went wrong in the worker", a
     assert.deepEqual(heard, ["ask", "over"]);
 });
 
+test("Of pictures that wait to be shown only the newest stay, and none of axes that are others now", () => {
+    const closed = [];
+    const frame = (stamp, ...ids) => {
+        const named = ids.map((id) => [id, `${stamp} ${id}`]);
+        const picture = ([id, name]) => [id, { name, close: () => closed.push(name) }];
+        return {
+            limits: Object.fromEntries(named),
+            pictures: Object.fromEntries(named.map(picture)),
+        };
+    };
+    const next = new NextFrame();
+    next.forget(2);
+    assert.ok(next.put(frame(1, 2, 5)));
+    const newer = frame(2, 5, 7);
+    assert.ok(!next.put({ ...newer, limits: { ...newer.limits, 2: "2 2" } }));
+    next.forget(7);
+    assert.deepEqual(closed.splice(0), ["1 5", "2 7"]);
+    next.show(({ limits, pictures }) => {
+        assert.deepEqual(Object.values(limits), ["2 2", "2 5"]);
+        assert.deepEqual(
+            Object.values(pictures).map(({ name }) => name),
+            ["1 2", "2 5"],
+        );
+        assert.deepEqual(closed, []);
+    });
+    assert.deepEqual(closed, ["1 2", "2 5"]);
+    next.show(assert.fail);
+    assert.ok(next.put(frame(3)));
+});
+
 test("A time line says times in full, and marks what lies side by side as one", () => {
     const texts = [0, 61_001.9, 3_600_000, 3_599_999].map(timeText);
     assert.deepEqual(texts, ["0:00.000", "1:01.001", "1:00:00.000", "59:59.999"]);
     assert.equal(pathOf(Uint8Array.of(2, 1, 3, 2), 2, 0, 3), "M0 0h1v3H0ZM2 0h2v3H2Z");
 });
 
-test("A text is measured once, and no canvas measures texts without end", () => {
-    const measured = [];
+/** Canvases of a test's own, which measure texts with such a context. */
+function fakeCanvases(t, contextOf) {
     globalThis.OffscreenCanvas = class {
-        #at = measured.push(0) - 1;
-        getContext = () => ({ measureText: () => ({ width: ++measured[this.#at] }) });
+        context = contextOf();
+        getContext = () => this.context;
     };
+    t.after(() => delete globalThis.OffscreenCanvas);
+}
+
+test("A text is measured once, and no canvas measures texts without end", async (t) => {
+    // Not what others measure with.
+    const { textWidth } = await import("../../../client/page/text_width.mjs?alone");
+    const measured = [];
+    fakeCanvases(t, () => {
+        const at = measured.push(0) - 1;
+        return { measureText: () => ({ width: ++measured[at] }) };
+    });
     for (let i = 0; i < 20_000; ++i) textWidth(`text ${i >> 1}`);
     assert.ok(Math.max(...measured) <= 1000, `${measured}`);
     assert.ok(measured.reduce((sum, count) => sum + count) <= 10_000, `${measured}`);
@@ -169,10 +210,8 @@ const DRAWN = `
     line 58 58 53 58 rule | text 49 58 4 end c | line 158 28 163 28 rule | text 167 28 4 start d
     text 108 95.5 4 middle n (u) | text 15.5 43 4 middle rotate(-90 15.5 43.0) m`;
 
-test("A saved figure has its grid, rules, ticks and labels where the page has them", () => {
-    globalThis.OffscreenCanvas = class {
-        getContext = () => ({ measureText: ({ length }) => ({ width: 7 * length }) });
-    };
+test("A saved figure has its grid, rules, ticks and labels where the page has them", (t) => {
+    fakeCanvases(t, () => ({ measureText: ({ length }) => ({ width: 7 * length }) }));
     const at = (left, top, width, height) => ({
         getBoundingClientRect: () => ({ left, top, width, height }),
     });

@@ -1,16 +1,17 @@
 // What a page shows of axes, read from its canvases.
 import { createHash } from "node:crypto";
 
-/** Each picture has the size of its axes. */
+/** Each picture has the size of its axes. A canvas that is given pictures does not say theirs. */
 export function untilSettled(page) {
-    return page.waitForFunction(() =>
-        [...kirowebPage.figures.values()]
-            .flatMap(({ axes }) => [...axes.values()])
-            .every(({ canvas, size: { width, height, ratio } }) => {
-                const sizes = [width, height].map((one) => Math.round(one * ratio));
-                return String([canvas.width, canvas.height]) === String(sizes);
-            }),
-    );
+    return page.waitForFunction(async () => {
+        const views = [...kirowebPage.figures.values()].flatMap(({ axes }) => [...axes.values()]);
+        const isSettled = async ({ canvas, size: { width, height, ratio } }) => {
+            const sizes = [width, height].map((one) => Math.round(one * ratio));
+            const shown = await createImageBitmap(canvas);
+            return String([shown.width, shown.height]) === String(sizes);
+        };
+        return (await Promise.all(views.map(isSettled))).every(Boolean);
+    });
 }
 
 /** In a page: the pixels of a picture, four bytes each, as a text. */
@@ -33,7 +34,7 @@ export async function pictures(page) {
             const { left, top, width: across, height: down } = plot.bbox;
             return {
                 ...{ description, shown, ticks, unit: size.ratio },
-                ...(await globalThis.pixelsOf(canvas, ...sizes)),
+                ...(await globalThis.pixelsOf(await createImageBitmap(canvas), ...sizes)),
                 frame: await globalThis.pixelsOf(plot.ctx.canvas),
                 area: { left, top, right: left + across, bottom: top + down },
             };
