@@ -40,6 +40,23 @@ bool guarded(kirogateway::GuardedLog& log, const char* what, const Call& call) n
     }
 }
 
+/// The files of a page that has come. Throws std::invalid_argument when it is not the one that was
+/// offered, or cannot be served; takes long.
+std::shared_ptr<const kirogateway::AssetTable> assetsOf(const kirolink::PageDigest& page,
+                                                        std::string bytes) {
+    if (secret::sha256Hex(bytes) != page.hash) {
+        throw std::invalid_argument("it is not the one whose hash was told");
+    }
+    auto files = kirolink::readPage(bytes);
+    if (!files || files->size() != page.files) throw std::invalid_argument("it cannot be read");
+    bytes = {};
+    kirogateway::Options options;
+    options.assets = std::move(*files);
+    auto all = kirogateway::checked(std::move(options)).assets;
+    all.push_back(waitingScript());  // of two of one name the first is served
+    return std::make_shared<const kirogateway::AssetTable>(std::move(all));
+}
+
 }  // namespace
 
 EngineSession::EngineSession(const Common& common, std::string name, bool hasPage)
@@ -213,21 +230,8 @@ void EngineSession::openPage(std::uint64_t offer, const kirolink::PageDigest& pa
     // One that keeps joining would have the work of others wait.
     if (isOutdated()) return;
     std::shared_ptr<const kirogateway::AssetTable> assets;
-    const bool isRight = guarded(fLog, "refused, its page cannot be served", [&] {
-        if (secret::sha256Hex(bytes) != page.hash) {
-            throw std::invalid_argument("it is not the one whose hash was told");
-        }
-        auto files = kirolink::readPage(bytes);
-        if (!files || files->size() != page.files) {
-            throw std::invalid_argument("it cannot be read");
-        }
-        bytes = {};
-        kirogateway::Options options;
-        options.assets = std::move(*files);
-        auto all = kirogateway::checked(std::move(options)).assets;
-        all.push_back(waitingScript());  // of two of one name the first is served
-        assets = std::make_shared<const kirogateway::AssetTable>(std::move(all));
-    });
+    const bool isRight = guarded(fLog, "refused, its page cannot be served",
+                                 [&] { assets = assetsOf(page, std::move(bytes)); });
     if (!isRight) {
         // Asked between two joinings: the newer one may be another engine's.
         return fEnd->refuse([this, &isOutdated] {
@@ -236,6 +240,12 @@ void EngineSession::openPage(std::uint64_t offer, const kirolink::PageDigest& pa
             return true;
         });
     }
+    serve(offer, std::move(assets), std::move(charge));
+}
+
+void EngineSession::serve(std::uint64_t offer,
+                          std::shared_ptr<const kirogateway::AssetTable> assets,
+                          kirogateway::Charge charge) noexcept {
     std::shared_ptr<Site> site;
     {
         const annotated::Lock lock(fMutex);

@@ -124,6 +124,9 @@ class EngineSession final : public kirolink::Follower,
     /// Reads the page that was offered as that one. Any thread; takes long.
     void openPage(std::uint64_t offer, const kirolink::PageDigest& page, std::string bytes,
                   kirogateway::Charge charge) noexcept;
+    /// Gives these to pages from now on, unless others have been offered since.
+    void serve(std::uint64_t offer, std::shared_ptr<const kirogateway::AssetTable> assets,
+               kirogateway::Charge charge) noexcept;
     /// Whether it is silent is looked at on the gateway's thread, where it comes behind what was
     /// told before: an engine that is heard meanwhile is not called silent.
     void tellSilence(TimePoint now);
