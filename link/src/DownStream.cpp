@@ -257,8 +257,7 @@ std::size_t DownStream::sendAgain(const frame::Header& header, const frame::Ask&
                                   Resends& resends, Cluster& cluster, const std::string& subject,
                                   TimePoint now) {
     const annotated::Lock lock(fMutex);
-    resends.asked(fLog, header.number, now);
-    return kirolink::sendAgain(fLog, ask, resends, cluster, subject, header);
+    return kirolink::sendAgain(fLog, ask, header.number, resends, cluster, subject, header, now);
 }
 
 }  // namespace kirolink

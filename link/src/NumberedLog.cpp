@@ -50,33 +50,43 @@ void NumberedLog::reset() noexcept {
     fEnd = 0;
 }
 
-void Resends::asked(const NumberedLog& log, std::uint64_t has, TimePoint now) noexcept {
+std::size_t Resends::asked(const NumberedLog& log, std::uint64_t has, TimePoint now) noexcept {
     if (has > fHas) {
         const auto end = log.bytesBelow(has);
+        const auto arrived = std::min(fBytes, end - fHasEnd);
+        fWindow = std::min<std::size_t>(fWindow + arrived, kMost);
         // What was lost and went twice is still counted when all of it has arrived.
-        fBytes = has >= fEnd ? 0 : fBytes - std::min(fBytes, end - fHasEnd);
+        fBytes = has >= fEnd ? 0 : fBytes - arrived;
         fHas = has;
         fHasEnd = end;
-    } else if (now - fSince >= kLost) {
+        fLost = kLost;
+    } else if (fBytes > 0) {
+        // The same question again: the answer is on its way.
+        if (now - fSince < fLost) return 0;
+        fLost = std::min(2 * fLost, kMostLost);
+        fWindow = kLeast;
         fBytes = 0;
-    } else {
-        return;
     }
     fSince = now;
+    return fWindow - std::min<std::size_t>(fWindow, fBytes);
 }
 
-std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, Resends& resends,
-                      Cluster& cluster, const std::string& subject, frame::Header header) {
+std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, std::uint64_t has,
+                      Resends& resends, Cluster& cluster, const std::string& subject,
+                      frame::Header header, Resends::TimePoint now) {
+    const auto room = resends.asked(log, has, now);
     std::size_t count = 0;
+    std::size_t gone = 0;
     header.number = 0;
     for (const auto& range : ask.ranges) {
         // A peer may name what is long gone, or never was.
         const auto end = std::min(range.last + 1, log.sentBelow());
         auto number = std::max(range.first, log.first());
-        for (; number < end && resends.mayGo(); ++number) {
+        for (; number < end && gone < room && count < Resends::kMostFrames; ++number) {
             const auto bytes = log.find(number);
             if (!cluster.publish(subject, bytes)) return count;
             resends.went(number, bytes->size());
+            gone += bytes->size();
             header.number = number + 1;
             ++count;
         }

@@ -57,35 +57,45 @@ class NumberedLog {
     std::uint64_t fEnd = 0;  ///< bytes of all frames there have been
 };
 
-/// What has been sent again to one peer of what it asked for: so much at a time that the line stays
-/// usable, however often it asks. Not synchronised.
+/// What has been sent again to one peer of what it asked for: no more at a time than it has been
+/// seen to take, so that the line stays usable for others and for what is new. Not synchronised.
 class Resends {
   public:
     using TimePoint = NumberedLog::TimePoint;
-    static constexpr std::size_t kMostUnderWay = std::size_t{4} << 20U;
-    /// What has not led to an acknowledgement by then is taken for lost.
-    static constexpr std::chrono::seconds kLost{2};
+    /// Under way at a time: at first, and again after a loss; then twice as much with each round
+    /// trip.
+    static constexpr std::size_t kLeast = std::size_t{64} << 10U;
+    static constexpr std::size_t kMost = std::size_t{4} << 20U;
+    /// In one answer: small ones cost the cluster's nodes as much as large ones.
+    static constexpr std::size_t kMostFrames = 512;
+    /// What has brought nothing further by then is taken for lost; then twice as long each time.
+    static constexpr std::chrono::milliseconds kLost{300};
+    static constexpr std::chrono::milliseconds kMostLost{2000};
 
     /// To be called for each question; `has`: everything below it is there of what `log` has.
-    void asked(const NumberedLog& log, std::uint64_t has, TimePoint now) noexcept;
-    /// Whether a further frame may go.
-    [[nodiscard]] bool mayGo() const noexcept { return fBytes < kMostUnderWay; }
+    /// Returns how many bytes may go in answer to it.
+    [[nodiscard]] std::size_t asked(const NumberedLog& log, std::uint64_t has,
+                                    TimePoint now) noexcept;
     void went(std::uint64_t number, std::size_t bytes) noexcept {
         fBytes += bytes;
         fEnd = std::max(fEnd, number + 1);
     }
 
   private:
+    std::size_t fWindow = kLeast;
     std::uint64_t fBytes = 0;   ///< that are under way, as far as is known
     std::uint64_t fEnd = 0;     ///< what has gone is below
     std::uint64_t fHas = 0;     ///< as it was said last
     std::uint64_t fHasEnd = 0;  ///< bytes of all frames below that one
     TimePoint fSince{};
+    std::chrono::milliseconds fLost = kLost;
 };
 
-/// Sends what was asked for, as far as `resends` lets it: frames first and `frame::Resent` behind
-/// them. `header` is that of the answer. Returns how many frames have gone. Throws std::bad_alloc.
-std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, Resends& resends,
-                      Cluster& cluster, const std::string& subject, frame::Header header);
+/// Answers a question of somebody's who has everything below `has`, as far as `resends` lets it:
+/// frames first and `frame::Resent` behind them. `header` is that of the answer. Returns how many
+/// frames have gone. Throws std::bad_alloc.
+std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, std::uint64_t has,
+                      Resends& resends, Cluster& cluster, const std::string& subject,
+                      frame::Header header, Resends::TimePoint now);
 
 }  // namespace kirolink

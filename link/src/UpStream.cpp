@@ -153,9 +153,8 @@ bool UpStream::acknowledged(std::uint64_t next) noexcept {
 void UpStream::sendAgain(const frame::Ask& ask, NumberedLog::TimePoint now) {
     const annotated::Lock lock(fMutex);
     if (!fIsOpen) return;
-    fResends.asked(fLog, fLog.first(), now);
-    static_cast<void>(
-        kirolink::sendAgain(fLog, ask, fResends, *fCluster, fSubject, {fEpoch, fIncarnation, 0}));
+    static_cast<void>(kirolink::sendAgain(fLog, ask, fLog.first(), fResends, *fCluster, fSubject,
+                                          {fEpoch, fIncarnation, 0}, now));
 }
 
 bool UpStream::isBroken() const noexcept {
