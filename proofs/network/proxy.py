@@ -10,6 +10,7 @@ import sys
 settings = json.loads(sys.argv[1])
 chance = random.Random(settings["seed"])
 is_wild = False
+ended = asyncio.Event()
 PIECES = 64  # of a pump that may be on a far line at a time
 
 
@@ -69,7 +70,7 @@ class FarPassage(Passage):
         arriving = asyncio.create_task(self.arrive(under_way, sink))
         try:
             while data := await source.read(self.piece):
-                await under_way.put((loop.time() + settings["seconds"], data))
+                await under_way.put((asyncio.get_running_loop().time() + settings["seconds"], data))
             await under_way.join()
         finally:
             arriving.cancel()
@@ -77,7 +78,7 @@ class FarPassage(Passage):
     async def arrive(self, under_way, sink):
         while True:
             due, data = await under_way.get()
-            await asyncio.sleep(due - loop.time())
+            await asyncio.sleep(due - asyncio.get_running_loop().time())
             sink.write(data)
             await sink.drain()
             under_way.task_done()
@@ -95,18 +96,17 @@ def obey():
     global is_wild
     command = sys.stdin.readline()
     if not command:
-        asyncio.get_running_loop().stop()
+        return ended.set()
     is_wild = command == "wild\n"
     print("{}", flush=True)
 
 
 async def start():
+    asyncio.get_running_loop().set_exception_handler(lambda *_: None)  # of connections that were cut
     await asyncio.start_server(serve, *settings["listen"])
     asyncio.get_running_loop().add_reader(sys.stdin, obey)
+    print("{}", flush=True)
+    await ended.wait()
 
 
-loop = asyncio.new_event_loop()
-loop.set_exception_handler(lambda *_: None)  # of connections that were cut
-loop.run_until_complete(start())
-print("{}", flush=True)
-loop.run_forever()
+asyncio.run(start())
