@@ -166,7 +166,6 @@ EngineSession::PageWanted EngineSession::pageOffered(const kirolink::PageDigest&
         fAssets = nullptr;
         fHeldCharge = {};
         ++fOffer;
-        fLacksPage = true;
     }
     fCharge = {};
     fPageSize = 0;
@@ -178,12 +177,8 @@ EngineSession::PageWanted EngineSession::pageOffered(const kirolink::PageDigest&
         refusal = "its page is larger than page-size";
     } else if (page.size >= fCommon.options.limits.memory) {
         refusal = "its page takes all that a session may hold";
-    } else {
+    } else if (!guarded(fLog, "a page", [&] { fDigest = page; })) {
         refusal = "no memory for its page";
-        guarded(fLog, "a page", [&] {
-            fDigest = page;
-            refusal = nullptr;
-        });
     }
     if (refusal == nullptr) return PageWanted::kFetch;
     refuse(refusal);
@@ -259,13 +254,14 @@ void EngineSession::serve(std::uint64_t offer,
             site->access->serveInstead(std::move(assets));
         });
     });
+    if (isPosted) return;
     const annotated::Lock lock(fMutex);
-    if (offer != fOffer) return;
-    if (isPosted) {
-        fLacksPage = false;
-    } else {
-        fHasFailed = true;
-    }
+    if (offer == fOffer) fHasFailed = true;
+}
+
+bool EngineSession::lacksPage() const noexcept {
+    const annotated::Lock lock(fMutex);
+    return fOffer > 0 && fAssets == nullptr;
 }
 
 void EngineSession::refuse(std::string_view why) noexcept {

@@ -67,7 +67,7 @@ class EngineSession final : public kirolink::Follower,
     /// is waited for up to 9 minutes.
     [[nodiscard]] TimePoint idleSince() const noexcept { return fIdleSince; }
     /// A page of its own has been offered, and is not there.
-    [[nodiscard]] bool lacksPage() const noexcept { return fLacksPage; }
+    [[nodiscard]] bool lacksPage() const noexcept;
     /// It has joined, and could not serve what it was told of.
     [[nodiscard]] bool hasFailed() const noexcept { return fHasFailed; }
     /// The newest one that is there; null: none is.
@@ -143,9 +143,8 @@ class EngineSession final : public kirolink::Follower,
     std::atomic<TimePoint> fIdleSince;
     std::atomic<bool> fHasFailed{false};
     std::atomic<std::size_t> fPageSize{0};  ///< bytes of a page of its own that have come
-    std::atomic<bool> fLacksPage{false};
-    TimePoint fNextTelling;  ///< of the one that ticks
-    bool fHasEnded = false;  ///< the gateway's thread's
+    TimePoint fNextTelling;                 ///< of the one that ticks
+    bool fHasEnded = false;                 ///< the gateway's thread's
 
     mutable annotated::Mutex fMutex;
     std::shared_ptr<Site> fSite GUARDED_BY(fMutex);  ///< the newest
