@@ -112,6 +112,7 @@ Admission AccessPolicy::serve(const Request& request) const {
     Admission admission{200, {}, found->body, found->contentType};
     admission.isGzip = found->isGzip;
     admission.variesByEncoding = found->variesByEncoding;
+    admission.assets = fEntrance.assets;
     admission.comesLater = fEntrance.secrets == nullptr || fEntrance.isDiscreet;
     return admission;
 }
@@ -162,8 +163,9 @@ Admission AccessPolicy::decideExchange(const Request& request, TimePoint now) {
     if (request.method != "POST") return {405, "method not allowed", {}, kPlainText, "POST"};
     if (request.bodySize > kMaxBody) return {413, "body too large"};
     if (auto refusal = refuseOrigin(request)) return *refusal;
-    if (fEntrance.secrets == nullptr || fEntrance.isDiscreet)
+    if (fEntrance.secrets == nullptr || fEntrance.isDiscreet) {
         return notYet("a code, which this site does not exchange");
+    }
     if (request.bodySize == 0) return {400, "a code is expected"};
     KIROWEB_REQUIRE(request.body.size() == request.bodySize);
     auto& secrets = *fEntrance.secrets;

@@ -7,7 +7,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "AssetTable.hpp"
@@ -51,7 +50,8 @@ struct Request {
 /// unread: they are refused.
 [[nodiscard]] bool awaitsBody(const Request& request) noexcept;
 
-/// What is answered. The views are valid as long as the policy.
+/// What is answered. The views are valid as long as the policy, and those of a file as long as
+/// `assets`.
 struct Admission {
     unsigned status = 400;      ///< for 101 the connection becomes a WebSocket
     std::string_view reason{};  ///< of a refusal, for log and answer; holds no secret
@@ -63,6 +63,7 @@ struct Admission {
     bool comesLater = false;            ///< nobody gets in yet: to be asked again a second later
     std::string location{};             ///< for 302 and 308
     std::string_view logged{};          ///< what the log says instead of the reason
+    std::shared_ptr<const AssetTable> assets{};  ///< of which a file is served
 };
 
 /// "wss://plot.example:8443" of "https://plot.example:8443". REQUIRES: it is an origin.
@@ -107,7 +108,7 @@ class AccessPolicy {
 
     /// Serves `assets` from now on. REQUIRES: nobody decides meanwhile.
     void serveInstead(std::shared_ptr<const AssetTable> assets) noexcept {
-        fBefore = std::exchange(fEntrance.assets, std::move(assets));
+        fEntrance.assets = std::move(assets);
     }
 
     /// "http://127.0.0.1:8080", as it stands in links.
@@ -126,7 +127,6 @@ class AccessPolicy {
     [[nodiscard]] Admission decideExchange(const Request& request, TimePoint now);
 
     Entrance fEntrance;
-    std::shared_ptr<const AssetTable> fBefore;  ///< somebody may be taking something of it
     const bool fIsSecure;
     std::string fAddress;
     std::vector<std::string> fHosts;

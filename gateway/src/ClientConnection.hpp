@@ -147,7 +147,8 @@ class ClientConnection final : public ServedConnection,
     boost::beast::flat_buffer fBuffer;
     std::unique_ptr<Parser> fParser;
     std::string fOut;        ///< being written: an answer, or what was collected for TLS
-    std::string_view fBody;  ///< of a large file, what of it has not been written: the site's
+    std::string_view fBody;  ///< of a large file, what of it has not been written
+    std::shared_ptr<const AssetTable> fAssets;  ///< which have that
     std::optional<Session> fSession;
     bool fIsWithinMessage = false;
     bool fIsTold = false;     ///< Beast's writes go to the view

@@ -85,6 +85,7 @@ void ClientConnection::answer(const Admission& admission, const ::kirogateway::R
     fOut = responseText(admission, request, *fSite->access);
     fBody = responseBody(admission, request);
     if (fBody.size() <= kBodyPiece) fOut += std::exchange(fBody, {});
+    fAssets = admission.assets;
     writeAnswer(fOut, keepAlive);
 }
 
@@ -101,6 +102,7 @@ void ClientConnection::writeAnswer(std::string_view bytes, bool keepAlive) {
 
 void ClientConnection::onAnswered(bool keepAlive) {
     fOut = {};
+    fAssets = nullptr;
     if (!keepAlive) return linger();
     fDeadline = steady_clock::now() + limits().request;
     readRequest();
