@@ -235,9 +235,12 @@ void Outbox::addFrames(std::string frames) {
 
 Outbox::Pending Outbox::pending() noexcept {
     if (fWriting.source == Source::kNothing) beginFrame();
+    return unwritten();
+}
+
+Outbox::Pending Outbox::unwritten() const noexcept {
     if (fWriting.source == Source::kNothing) return {};
-    Pending all{std::string_view(fWriting.head.data(), fWriting.headSize), fWriting.prefix,
-                fWriting.body};
+    Pending all{{{fWriting.head.data(), fWriting.headSize}, fWriting.prefix, fWriting.body}};
     auto done = fWriting.done;
     for (auto& stretch : all) {
         const auto part = std::min(done, stretch.size());
@@ -464,16 +467,8 @@ void Outbox::leave(PageBlocks& from, PageBlocks::iterator block, bool hasBlock,
 
 std::string Outbox::restOfFrame() const {
     std::string rest;
-    if (fWriting.source == Source::kNothing || fWriting.done == 0) return rest;
-    auto done = fWriting.done;
-    const auto add = [&](std::string_view stretch) {
-        const auto part = std::min(done, stretch.size());
-        rest += stretch.substr(part);
-        done -= part;
-    };
-    add({fWriting.head.data(), fWriting.headSize});
-    add(fWriting.prefix);
-    add(fWriting.body);
+    if (fWriting.done == 0) return rest;
+    for (const auto stretch : unwritten()) rest += stretch;
     return rest;
 }
 

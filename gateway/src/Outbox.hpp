@@ -182,6 +182,8 @@ class Outbox {
                                  bool isRoomMade) noexcept;
     [[nodiscard]] std::uint16_t channelNumber(std::string_view channel);
 
+    /// Of the frame being written.
+    [[nodiscard]] Pending unwritten() const noexcept;
     void beginFrame() noexcept;
     [[nodiscard]] bool beginFromLane(std::size_t lane) noexcept;
     [[nodiscard]] bool mayStart(const PageBlock& block) const noexcept;
