@@ -1,5 +1,6 @@
 #pragma once
 
+#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include <array>
@@ -16,6 +17,7 @@ namespace secret {
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned size = 0;
     if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1) {
+        ERR_clear_error();  // a connection of this thread would take it for its own
         throw std::runtime_error("no SHA-256");
     }
     std::string text;

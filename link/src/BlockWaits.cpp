@@ -4,9 +4,12 @@
 
 namespace kirolink {
 
-void BlockWaits::add(std::uint64_t number, std::unique_ptr<BlockWait> wait,
-                     const std::vector<std::uint64_t>& readers, TimePoint now) {
-    const auto at = fWaits.emplace(number, Entry{std::move(wait), readers, now}).first;
+void BlockWaits::add(std::uint64_t number, std::unique_ptr<BlockWait>&& wait,
+                     std::vector<std::uint64_t> readers, TimePoint now) {
+    const auto at = fWaits.try_emplace(number).first;
+    at->second.wait = std::move(wait);
+    at->second.readers = std::move(readers);
+    at->second.since = now;
     settle(at);
 }
 

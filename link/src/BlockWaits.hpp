@@ -41,9 +41,10 @@ class BlockWaits {
 
     explicit BlockWaits(std::function<void(BlockEnd)> onEnd) : fOnEnd(std::move(onEnd)) {}
 
-    /// `number`: of the frame with the block's last piece; `readers`: who has to answer.
-    void add(std::uint64_t number, std::unique_ptr<BlockWait> wait,
-             const std::vector<std::uint64_t>& readers, TimePoint now);
+    /// `number`: of the frame with the block's last piece; `readers`: who has to answer. Throws
+    /// std::bad_alloc; nothing has happened then, and `wait` is as it was.
+    void add(std::uint64_t number, std::unique_ptr<BlockWait>&& wait,
+             std::vector<std::uint64_t> readers, TimePoint now);
     void answered(std::uint64_t reader, std::uint64_t number, BlockOutcome outcome);
     /// That one does not answer any more. Without a page it is as if it had not been there.
     void gone(std::uint64_t reader, bool hadPages);

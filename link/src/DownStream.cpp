@@ -103,7 +103,9 @@ void DownStream::close() noexcept {
 }
 
 void DownStream::closeBatchLocked() {
-    if (!fBatch.isEmpty()) appendLocked(fBatch.take(headerLocked()));
+    if (fBatch.isEmpty()) return;
+    appendLocked(std::move(fBatch.frame(headerLocked())));
+    fBatch.clear();
 }
 
 void DownStream::appendPiecesLocked(bool isBlock, std::string_view channel,
@@ -112,7 +114,7 @@ void DownStream::appendPiecesLocked(bool isBlock, std::string_view channel,
     while (const auto piece = pieces.next()) appendLocked(writeFrame(headerLocked(), *piece));
 }
 
-void DownStream::appendLocked(std::string frame) {
+void DownStream::appendLocked(std::string&& frame) {
     fLog.append(std::move(frame));
     while (fLog.bytes() > fMost && !fReaders.empty()) {
         const auto slowest = std::ranges::min_element(fReaders, {}, &Position::has);

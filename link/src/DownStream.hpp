@@ -105,7 +105,8 @@ class DownStream {
     /// Everything below has come to somebody.
     [[nodiscard]] std::uint64_t foremostLocked() const noexcept REQUIRES_LOCK(fMutex);
     void closeBatchLocked() REQUIRES_LOCK(fMutex);
-    void appendLocked(std::string frame) REQUIRES_LOCK(fMutex);
+    /// Throws std::bad_alloc; nothing has happened then, to `frame` neither.
+    void appendLocked(std::string&& frame) REQUIRES_LOCK(fMutex);
     void appendPiecesLocked(bool isBlock, std::string_view channel, std::string_view whole)
         REQUIRES_LOCK(fMutex);
     void releaseLocked() noexcept REQUIRES_LOCK(fMutex);

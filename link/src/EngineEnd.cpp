@@ -140,14 +140,7 @@ void EngineEnd::stepOnce(TimePoint now) {
         for (const auto& [name, gateway] : fGateways) gateway->lastHeard = now;
     }
     // Before what has come: that may be an answer to one of these.
-    for (auto& block : fStream->takeBlocks()) {
-        std::erase_if(block.readers, [this](std::uint64_t reader) {
-            return std::ranges::none_of(fGateways, [reader](const auto& entry) {
-                return entry.second->incarnation == reader && !entry.second->isSilent;
-            });
-        });
-        fWaits.add(block.number, std::move(block.wait), block.readers, now);
-    }
+    for (auto& block : fStream->takeBlocks()) await(std::move(block), now);
     for (const auto& lost : fStream->takeLost()) {
         const auto at = std::ranges::find_if(fGateways, [&lost](const auto& entry) {
             return entry.second->incarnation == lost.reader;
@@ -170,6 +163,21 @@ void EngineEnd::stepOnce(TimePoint now) {
     fNextCheck = now + (fGateways.empty() ? kBeat : kCheck);
     check(now);
     report(now);
+}
+
+void EngineEnd::await(DownStream::Block block, TimePoint now) {
+    std::erase_if(block.readers, [this](std::uint64_t reader) {
+        return std::ranges::none_of(fGateways, [reader](const auto& entry) {
+            return entry.second->incarnation == reader && !entry.second->isSilent;
+        });
+    });
+    try {
+        fWaits.add(block.number, std::move(block.wait), std::move(block.readers), now);
+    } catch (...) {
+        ++fCounts.blocksRefused;
+        fHost.note("a block was given back, no memory to wait for it", {});
+        block.wait->finished(false);
+    }
 }
 
 void EngineEnd::check(TimePoint now) {

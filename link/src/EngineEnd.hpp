@@ -126,6 +126,7 @@ class EngineEnd {
     void deliverText(Gateway& gateway, const std::string& channel, std::string text);
     void announce(Gateway& gateway, const frame::Announce& announce);
     [[nodiscard]] bool mayPublish(std::string_view channel) const noexcept;
+    void await(DownStream::Block block, TimePoint now);
     void check(TimePoint now);
     void drop(const std::string& name, std::string_view why);
     void countPages();

@@ -398,13 +398,12 @@ void BatchWriter::add(std::string_view channel, std::string_view text) {
     }
 }
 
-std::string BatchWriter::take(const Header& header) {
+std::string& BatchWriter::frame(const Header& header) {
     KIROWEB_REQUIRE(!isEmpty());
     std::string head;
     putHeader(head, kIndexOfTexts, header);
     std::ranges::copy(head, fBytes.begin());
-    fLastChannel.clear();
-    return std::exchange(fBytes, {});
+    return fBytes;
 }
 
 void BatchWriter::clear() noexcept {

@@ -170,8 +170,9 @@ class BatchWriter {
     /// Throws std::bad_alloc; nothing was added then.
     /// REQUIRES: canBeNamed(channel), fits(channel, text).
     void add(std::string_view channel, std::string_view text);
-    /// The frame; the writer is empty afterwards. REQUIRES: not empty.
-    [[nodiscard]] std::string take(const frame::Header& header);
+    /// The frame, which may be moved away before `clear`. Throws std::bad_alloc. REQUIRES: not
+    /// empty.
+    [[nodiscard]] std::string& frame(const frame::Header& header);
     void clear() noexcept;
 
   private:

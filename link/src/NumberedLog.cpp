@@ -8,9 +8,16 @@
 
 namespace kirolink {
 
-void NumberedLog::append(std::string frame) {
+void NumberedLog::append(std::string&& frame) {
     const auto size = frame.size();
-    fEntries.push_back({std::make_shared<const std::string>(std::move(frame)), fEnd + size, {}});
+    auto& entry = fEntries.emplace_back();
+    try {
+        entry.frame = std::make_shared<const std::string>(std::move(frame));
+    } catch (...) {
+        fEntries.pop_back();
+        throw;
+    }
+    entry.end = fEnd + size;
     fBytes += size;
     fEnd += size;
 }

@@ -26,8 +26,9 @@ class NumberedLog {
     [[nodiscard]] std::size_t bytes() const noexcept { return fBytes; }
     /// Of all frames below `number`, kept or not.
     [[nodiscard]] std::uint64_t bytesBelow(std::uint64_t number) const noexcept;
-    /// Takes a frame, which has the number `next()`. Throws std::bad_alloc; it is not there then.
-    void append(std::string frame);
+    /// Takes a frame, which has the number `next()`. Throws std::bad_alloc; it is not there then,
+    /// and `frame` is as it was.
+    void append(std::string&& frame);
     /// The frame of this number; null when it is not kept.
     [[nodiscard]] Cluster::Bytes find(std::uint64_t number) const noexcept;
     /// The oldest frame that was not sent; null when all were.

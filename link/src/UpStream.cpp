@@ -46,7 +46,7 @@ void UpStream::publish(std::string_view channel, std::string_view text) {
     BatchWriter batch;
     batch.add(channel, text);
     std::vector<std::string> frames;
-    frames.push_back(batch.take(headerLocked()));
+    frames.push_back(std::move(batch.frame(headerLocked())));
     sendLocked(std::move(frames), kMostOfPages);
 }
 

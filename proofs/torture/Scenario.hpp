@@ -65,6 +65,7 @@ bool expectNoLeak(const std::function<bool()>& attempt);
 
 void addLibrary(Scenarios& all);
 void addFigures(Scenarios& all);
+void addLink(Scenarios& all);
 void addRecordings(Scenarios& all);
 void addGateway(Scenarios& all);
 

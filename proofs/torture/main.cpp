@@ -123,7 +123,8 @@ int run(const Scenario& scenario, Failure failure, std::size_t step, std::size_t
 
 Scenarios scenarios() {
     Scenarios all;
-    for (const auto add : {&addLibrary, &addFigures, &addRecordings, &addGateway}) add(all);
+    for (const auto add : {&addLibrary, &addFigures, &addRecordings, &addLink, &addGateway})
+        add(all);
     return all;
 }
 

@@ -85,7 +85,8 @@ TEST(Frames, CarryAnyText) {
                                    "\xc3\xa4"};
     for (std::size_t size = 0; size < 8; ++size) texts.emplace_back(size, '\xf8');
     for (const auto& text : texts) batch.add("/a", text);
-    const auto bytes = batch.take({1, 0, 1});
+    const auto bytes = batch.frame({1, 0, 1});
+    batch.clear();
     const auto frame = readFrame(bytes);
     ASSERT_TRUE(frame);
     std::vector<std::string> got;
@@ -213,7 +214,7 @@ TEST(Frames, HaveTheBytesOfTheDocument) {
     batch.add("/fig", R"({"a":1})");
     batch.add("/fig", "[]");
     batch.add("/log", "\xff");
-    EXPECT_EQ(batch.take({kEpoch, 0, 42}), documented("texts"));
+    EXPECT_EQ(batch.frame({kEpoch, 0, 42}), documented("texts"));
     EXPECT_EQ(writeFrame({kEpoch, 0, 43}, frame::Piece{true, "/fig", 5, 0, "\1\2\3\4\5"}),
               documented("piece"));
     EXPECT_EQ(writeFrame({kEpoch, 10, 42}, Ask{{{42, 42}}}), documented("ask"));

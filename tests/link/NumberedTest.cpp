@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 
 #include "BlockWaits.hpp"
+#include "DownStream.hpp"
+#include "FailingNew.hpp"
 #include "Inbox.hpp"
 #include "NumberedReceiver.hpp"
 #include "SendWindow.hpp"
@@ -12,6 +14,8 @@ namespace {
 using namespace kirolink;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing::Eq;
+using testing::HasSubstr;
 using Range = frame::Ask::Range;
 
 TEST(Receivers, AskForWhatIsMissingLessAndLessOften) {
@@ -67,12 +71,48 @@ TEST(Receivers, KeepSoMuchOfWhatIsTooEarly) {
     EXPECT_EQ(fill(43), 15U);  // what was taken makes room again
 }
 
-TEST(BlockWaits, HearThoseOnlyWhoWereThere) {
-    struct Wait final : BlockWait {
-        explicit Wait(int& theCount) : count(theCount) {}
-        void finished(bool isDelivered) noexcept override { count += isDelivered ? 1 : 100; }
-        int& count;
+TEST(DownStreams, LoseNothingWhenThereIsNoMemoryToSend) {
+    struct Taken final : Cluster {
+        bool publish(const std::string&, Bytes bytes) noexcept override {
+            frames += *bytes;
+            frames += '|';
+            return true;
+        }
+        std::unique_ptr<Subscription> subscribe(const std::string&, Listener) override {
+            return nullptr;
+        }
+        bool isConnected() const noexcept override { return true; }
+        std::string frames = std::string(1000, ' ');  // room
     };
+    std::string wanted;
+    const auto failures = support::failEachNew([&](std::size_t n) {
+        DownStream stream(1, 1000, {"/c/*"}, [] {});
+        stream.join(1);
+        stream.text("/c/a", "one");
+        stream.text("/c/b", "two");
+        Taken taken;
+        taken.frames.clear();
+        const DownStream::TimePoint now{1h};
+        const auto failed = support::failingNew(n, [&] { stream.send(taken, "s", now); }).failed;
+        stream.send(taken, "s", now);
+        if (wanted.empty()) {
+            EXPECT_TRUE(failed);
+            wanted = taken.frames;
+        }
+        EXPECT_THAT(taken.frames, AllOf(HasSubstr("one"), HasSubstr("two"), Eq(wanted))) << n;
+        EXPECT_THAT(stream.takeLost(), testing::IsEmpty()) << n;
+        return failed;
+    });
+    EXPECT_GT(failures, 1U);
+}
+
+struct Wait final : BlockWait {
+    explicit Wait(int& theCount) : count(theCount) {}
+    void finished(bool isDelivered) noexcept override { count += isDelivered ? 1 : 100; }
+    int& count;
+};
+
+TEST(BlockWaits, HearThoseOnlyWhoWereThere) {
     std::vector<BlockEnd> ends;
     int count = 0;
     BlockWaits waits([&](BlockEnd end) { ends.push_back(end); });
@@ -86,6 +126,12 @@ TEST(BlockWaits, HearThoseOnlyWhoWereThere) {
     waits.answered(2, 7, BlockOutcome::kRefused);
     EXPECT_THAT(ends, ElementsAre(BlockEnd::kDelivered));
     EXPECT_EQ(count, 1);
+    std::unique_ptr<BlockWait> wait = std::make_unique<Wait>(count);
+    const auto add = [&] { waits.add(9, std::move(wait), {}, {}); };
+    EXPECT_TRUE(support::failingNew(1, add).failed);
+    ASSERT_NE(wait, nullptr) << "somebody has to end it";
+    add();
+    EXPECT_EQ(count, 101);
 }
 
 TEST(Inboxes, LeaveRoomForTheOthers) {
