@@ -111,6 +111,22 @@ TEST_F(Ends, AreNotHeldUpByOneGateway) {
     EXPECT_EQ(odd.framesGot, 3U);
 }
 
+TEST_F(Ends, TakeNoMoreGatewaysThanTheyCanServe) {
+    join({"g"});
+    const auto hello = [&](std::size_t i) {
+        world.network.inject("kiroweb.s.from.g" + std::to_string(i),
+                             writeFrame({0, i, 1}, frame::Hello{"http://g"}));
+    };
+    for (std::size_t i = 1; i <= EngineEnd::kMostGateways; ++i) hello(i);
+    world.run(100ms);
+    EXPECT_EQ(statistics().gateways, EngineEnd::kMostGateways);
+    EXPECT_THAT(engine().notes, testing::Contains(HasSubstr("too many gateways")));
+    world.gateways.erase("g");  // it leaves
+    world.run(1100ms, [&] { hello(EngineEnd::kMostGateways); });
+    EXPECT_EQ(statistics().gateways, EngineEnd::kMostGateways);
+    EXPECT_THAT(engine().notes, testing::Contains(HasSubstr("joined: g256")));
+}
+
 TEST_F(Ends, SendNoMoreThanASlowLineCarries) {
     // An engine behind a line that comes down to 100 kB/s: beats get through, nobody is dropped.
     join({"g"});
@@ -202,6 +218,30 @@ TEST_F(Ends, AreNotDrivenByAHostileEngine) {
         offers.beat("s", writeFrame({epoch, 0, 1}, frame::End()), world.network.now);
     }
     EXPECT_EQ(offered, 1);
+}
+
+TEST_F(Ends, HandOnNothingBehindWhatTheyLeaveFor) {
+    join({"g"});
+    std::uint64_t epoch = 0;
+    world.network.onMessage = [&](const std::string& subject, const std::string& bytes) {
+        if (subject.ends_with("beat")) epoch = readFrame(bytes)->header.epoch;
+    };
+    world.run(300ms);
+    const auto say = [&](std::string bytes) {
+        world.network.inject("kiroweb.s.down", std::move(bytes));
+        world.network.deliver();
+    };
+    const auto text = [&](std::uint64_t number) {
+        BatchWriter batch;
+        batch.add("/c/a", std::to_string(number));
+        say(batch.frame({epoch, 0, number}));
+    };
+    text(3);
+    say(writeFrame({epoch, 0, 2},
+                   frame::Piece{false, "/c/a", 11, 10, "x"}));  // the end of something
+    text(1);
+    EXPECT_EQ(gateway("g").events.back(), "left: a text is larger than this gateway takes");
+    EXPECT_THAT(gateway("g").got, ElementsAre("/c/a 1"));
 }
 
 TEST_F(Ends, LoseNothingByWhatAnEngineClaimsToHave) {
