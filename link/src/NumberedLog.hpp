@@ -70,7 +70,8 @@ class Resends {
     /// In one answer: small ones cost the cluster's nodes as much as large ones.
     static constexpr std::size_t kMostFrames = 512;
     /// What has brought nothing further by then is taken for lost; then twice as long each time.
-    static constexpr std::chrono::milliseconds kLost{300};
+    /// Less than the time between a receiver's first question and its third one.
+    static constexpr std::chrono::milliseconds kLost{250};
     static constexpr std::chrono::milliseconds kMostLost{2000};
 
     /// To be called for each question; `has`: everything below it is there of what `log` has.
