@@ -68,7 +68,7 @@ class Storm {
         if (network.chance() < 0.01) sayLarge();
         if (network.chance() < 0.02) {
             fBlocks.push_back(label());
-            fSure[fBlocks.back()] = sureNow();
+            fSure[fBlocks.back()] = {network.now, sureNow()};
             fWorld.engine->send("/c/b",
                                 fBlocks.back() + std::string(network.random(1 << 20U), '\0'));
         }
@@ -101,8 +101,11 @@ class Storm {
             if (isEmpty || !gateway->isJoined || network.isCut(name) || network.isCut("engine")) {
                 fUnsureUntil[name] = network.now + 3s;
             }
-            if (!isEmpty) continue;
-            for (auto& [block, names] : fSure) names.erase(name);
+            for (auto& [block, sent] : fSure) {
+                // The engine may have dropped it before, and what said so was lost.
+                const bool isRecent = !gateway->isJoined && network.now - sent.when < 2s;
+                if (isEmpty || isRecent) sent.gateways.erase(name);
+            }
         }
     }
     std::set<std::string> sureNow() {
@@ -150,7 +153,7 @@ class Storm {
             EXPECT_NE(ends[i], "");
             if (ends[i] != "delivered") continue;
             EXPECT_TRUE(fDelivered.contains(fBlocks[i])) << fBlocks[i];
-            for (const auto& name : fSure[fBlocks[i]]) {
+            for (const auto& name : fSure[fBlocks[i]].gateways) {
                 EXPECT_TRUE(fAnswered.contains({fBlocks[i], name})) << fBlocks[i] << name;
             }
         }
@@ -182,7 +185,11 @@ class Storm {
     std::set<std::pair<std::string, std::string>> fAnswered;
     std::map<std::string, std::size_t> fPages;
     std::map<std::string, TimePoint> fUnsureUntil;
-    std::map<std::string, std::set<std::string>> fSure;  ///< gateways that blocks have to wait for
+    struct Sent {
+        TimePoint when;
+        std::set<std::string> gateways;  ///< that it has to wait for
+    };
+    std::map<std::string, Sent> fSure;  ///< by the labels of blocks
     std::map<std::string, std::pair<int, std::uint64_t>> fPublished;
 };
 
