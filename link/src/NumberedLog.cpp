@@ -61,26 +61,32 @@ std::size_t Resends::asked(const NumberedLog& log, std::uint64_t has, TimePoint 
     if (has > fHas) {
         const auto end = log.bytesBelow(has);
         const auto arrived = std::min(fBytes, end - fHasEnd);
-        fWindow = std::min<std::size_t>(fWindow + arrived, kMost);
+        if (now - fSince < kQuick) fWindow = std::min<std::size_t>(fWindow + arrived, kMost);
         // What was lost and went twice is still counted when all of it has arrived.
         fBytes = has >= fEnd ? 0 : fBytes - arrived;
         fHas = has;
         fHasEnd = end;
-        fLost = kLost;
-    } else if (fBytes > 0) {
+        fLost = std::clamp<TimePoint::duration>(2 * (now - fSince), kLost, kMostLost);
+        fSince = now;
+        // Where something large was lost behind something small there is no room, and nothing on
+        // its way.
+        return fWindow > fBytes ? fWindow - fBytes : 1;
+    }
+    if (fBytes > 0) {
         // The same question again: the answer is on its way.
         if (now - fSince < fLost) return 0;
-        fLost = std::min(2 * fLost, kMostLost);
+        fLost = std::min<TimePoint::duration>(2 * fLost, kMostLost);
         fWindow = kLeast;
         fBytes = 0;
     }
     fSince = now;
-    return fWindow - std::min<std::size_t>(fWindow, fBytes);
+    return fWindow;
 }
 
 std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, std::uint64_t has,
                       Resends& resends, Cluster& cluster, const std::string& subject,
                       frame::Header header, Resends::TimePoint now) {
+    if (ask.ranges.empty()) return 0;  // it has something, and lacks nothing
     const auto room = resends.asked(log, has, now);
     std::size_t count = 0;
     std::size_t gone = 0;
@@ -89,11 +95,11 @@ std::size_t sendAgain(const NumberedLog& log, const frame::Ask& ask, std::uint64
         // A peer may name what is long gone, or never was.
         const auto end = std::min(range.last + 1, log.sentBelow());
         auto number = std::max(range.first, log.first());
-        for (; number < end && gone < room && count < Resends::kMostFrames; ++number) {
+        for (; number < end && gone < room; ++number) {
             const auto bytes = log.find(number);
             if (!cluster.publish(subject, bytes)) return count;
             resends.went(number, bytes->size());
-            gone += bytes->size();
+            gone += std::max(bytes->size(), Resends::kLeastFrame);
             header.number = number + 1;
             ++count;
         }

@@ -58,21 +58,22 @@ class NumberedLog {
     std::uint64_t fEnd = 0;  ///< bytes of all frames there have been
 };
 
-/// What has been sent again to one peer of what it asked for: no more at a time than it has been
-/// seen to take, so that the line stays usable for others and for what is new. Not synchronised.
+/// What has been sent again to one peer of what it asked for: little at first, and more as it
+/// arrives, so that the line stays usable for others and for what is new. Not synchronised.
 class Resends {
   public:
     using TimePoint = NumberedLog::TimePoint;
-    /// Under way at a time: at first, and again after a loss; then twice as much with each round
-    /// trip.
+    /// Under way at a time: at first, and again after a loss; then up to twice as much with each
+    /// round trip that is quick. Beats wait behind it.
     static constexpr std::size_t kLeast = std::size_t{64} << 10U;
     static constexpr std::size_t kMost = std::size_t{4} << 20U;
-    /// In one answer: small ones cost the cluster's nodes as much as large ones.
-    static constexpr std::size_t kMostFrames = 512;
-    /// What has brought nothing further by then is taken for lost; then twice as long each time.
-    /// Less than the time between a receiver's first question and its third one.
+    static constexpr std::chrono::milliseconds kQuick{500};
+    /// What a frame counts in an answer at least: small ones cost the cluster's nodes as much.
+    static constexpr std::size_t kLeastFrame = 128;
+    /// What has brought nothing further by then, or in twice the time that the last progress took,
+    /// is taken for lost; then twice as long each time.
     static constexpr std::chrono::milliseconds kLost{250};
-    static constexpr std::chrono::milliseconds kMostLost{2000};
+    static constexpr std::chrono::milliseconds kMostLost{1000};
 
     /// To be called for each question; `has`: everything below it is there of what `log` has.
     /// Returns how many bytes may go in answer to it.
@@ -90,7 +91,7 @@ class Resends {
     std::uint64_t fHas = 0;     ///< as it was said last
     std::uint64_t fHasEnd = 0;  ///< bytes of all frames below that one
     TimePoint fSince{};
-    std::chrono::milliseconds fLost = kLost;
+    TimePoint::duration fLost = kLost;
 };
 
 /// Answers a question of somebody's who has everything below `has`, as far as `resends` lets it:

@@ -51,11 +51,19 @@ void NumberedReceiver::resent() noexcept {
 }
 
 std::optional<frame::Ask> NumberedReceiver::ask(TimePoint now) {
-    if (isComplete() || (fAskAgain && now < *fAskAgain)) return {};
+    if (isComplete()) return {};
+    const bool isComing = std::exchange(fNextWhenCalled, fNext) < fNext;
+    const auto answered = [this, now](std::chrono::milliseconds patience) {
+        return now + std::max<std::chrono::microseconds>(patience, 2 * fRoundTrip);
+    };
+    if (fAskAgain && now < *fAskAgain) {
+        if (isComing) fAskAgain = answered(kPatience);
+        return {};
+    }
     auto question = missing();
     fPatience = fNext > fNextWhenAsked ? kPatience : std::min(2 * fPatience, kMostPatience);
     fNextWhenAsked = fNext;
-    fAskAgain = now + std::max<std::chrono::microseconds>(fPatience, 2 * fRoundTrip);
+    fAskAgain = answered(fPatience);
     return question;
 }
 

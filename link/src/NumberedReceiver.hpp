@@ -57,6 +57,7 @@ class NumberedReceiver {
     std::chrono::microseconds fRoundTrip{0};
     std::chrono::milliseconds fPatience = kPatience;
     std::uint64_t fNextWhenAsked = 0;
+    std::uint64_t fNextWhenCalled = 0;
     std::optional<TimePoint> fAskAgain;  ///< empty: at once
 };
 

@@ -28,7 +28,7 @@ QUIET_SECONDS, DROPPED_WITHIN = 2.5, 14.0
 WEAK = 50  # kbit/s of a gateway that cannot follow
 ROUND = 50  # seconds
 # Of the engine's; the first that comes through.
-REASONS = ("it is 10 s behind", "nothing was heard of it for 10 s", "it is not known")
+REASONS = ("it is 10 s behind", "nothing was heard of it", "it is not known")
 MOST_RATIO, FLOOR = 2, 1  # of the p99, and the ms below which it is chance
 
 # One end of a connection: "serve" or "connect" HOST PORT, and "send", or SECONDS for which it receives from the

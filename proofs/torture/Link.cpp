@@ -273,9 +273,13 @@ struct Linked {
         engine.end->down()->text("/c/a", std::to_string(++said) + " last");
         sendBlock();
         a.end->publish("/up", std::to_string(++saidUp));
+        const auto heard = engine.blocks + engine.views;
+        a.end->announce(GatewayEnd::ViewKind::kNew, "client", 2);
+        a.end->sendBlock("/up", std::string(Gateway::kBlock, 'b'));
         run(2s);
         if (!a.isJoined || b.isJoined) finding("not joined, or still");
         if (a.texts.last != said) finding("stuck behind " + std::to_string(before));
+        if (engine.blocks + engine.views != heard + 2) finding("a block or a view is not heard");
         if (engine.pages.last != static_cast<unsigned long>(saidUp)) finding("a page is not heard");
         if (std::ranges::count(ends, 0) > 0) finding("a block waits for ever");
         if (ends.back() != 1) finding("a block does not arrive");
