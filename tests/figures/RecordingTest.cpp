@@ -80,6 +80,8 @@ TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
     auto& kept = axes().line().keep(5);
     auto& regular = axes().line().keep(3);
     regular.set(Regular{10, 0.5}, {1, 2});
+    fWindow->onKey([](const Key&) {});
+    advance(std::chrono::hours(1));
     EXPECT_EQ(drawn(), Outcome::kPainted);
     fWindow->record(fFile);
     EXPECT_EQ(fWindow->recording().phase, Phase::kOn);
@@ -106,6 +108,7 @@ TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
         EXPECT_EQ(linesOf(follower.picture), pictures.back());
         if (!isSnapshot) continue;
         ++snapshots;
+        EXPECT_THAT(data, HasSubstr(R"("keys":true)"));
         // And by itself, as it was then.
         const auto alone = followed({all[i]});
         EXPECT_EQ(linesOf(alone.picture), pictures.at(alone.current.number));
@@ -138,9 +141,12 @@ TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {
     fIsPageGone = true;
     EXPECT_EQ(drawn(), Outcome::kNoPage);
     EXPECT_EQ(drawn(), Outcome::kNoPage);
+    fIsPageGone = false;
+    fPage.next([this](Page&, const Frame&) { fWindow->close(); });
+    EXPECT_EQ(drawn(), Outcome::kInterrupted);
     const auto all = recorded();
     const auto tokens = of(Topic::kTokens, all);
-    ASSERT_EQ(tokens.size(), 4U);  // of those that nobody sees, the first one
+    ASSERT_EQ(tokens.size(), 5U);  // of those that nobody sees, the first one
     EXPECT_THAT(tokens[0],
                 HasSubstr(R"({"frame":0,"attempt":1,"outcome":"failed","reason":"no ink",)"));
     const auto stamps = boost::json::parse(tokens[0]).as_object();
@@ -152,6 +158,7 @@ TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {
                          R"("serverReceive":0})");
     EXPECT_THAT(tokens[2], HasSubstr(R"("clientPaint":0,"clientSend":7,)"));
     EXPECT_THAT(tokens[3], HasSubstr(R"("frame":3,"attempt":0,"outcome":"no page")"));
+    EXPECT_THAT(tokens[4], HasSubstr(R"("frame":5,"attempt":1,"outcome":"interrupted")"));
     EXPECT_THAT(of(Topic::kConnections, all),
                 ElementsAre(R"({"event":"begin","vocabulary":"kirofigures/1","title":"Figures"})",
                             R"({"event":"gone"})"));
@@ -180,8 +187,10 @@ TEST_F(RecordingTest, HoldsWhatPagesSay) {
 }
 
 TEST_F(RecordingTest, EndsByItselfWithOneLineOfTheLog) {
+    fWindow->record(fFile);
     EXPECT_THROW(fWindow->record("/no/such/folder/file"), std::system_error);
     EXPECT_EQ(fWindow->recording().phase, Phase::kOff);
+    EXPECT_EQ(fWindow->recording().bytes, 0U);
     std::vector<std::string> lines;
     const auto log = kirohost::observeLog([&](const kirohost::LogRecord& record) {
         if (record.logger == "recording") lines.push_back(record.text);
