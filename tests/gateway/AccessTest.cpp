@@ -81,6 +81,7 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
         {"GET / HTTP/1.1\r\nHost: [::1]:8080\r\n\r\n", "200"},
         {"GET / HTTP/1.1\r\nHost: plot.example\r\n\r\n", "200"},
         {"GET / HTTP/1.1\r\n\r\n", "400"},
+        {"GET / HTTP/1.1\r\nHost: \xe9\r\n\r\n", "400"},
         {"GET / HTTP/1.1\r\n" + host + "\r\n" + host + "\r\n\r\n", "400"},
         {"GET / HTTP/1.1\r\n" + host + ".evil.example\r\n\r\n", "403"},
         {"GET /../../etc/passwd" + end, "404"},
@@ -204,6 +205,7 @@ TEST_F(AccessTest, AnUpgradeNeedsItsOriginAndTheToken) {
     const Row table[] = {
         {fUpgrade, "101"},
         {with(origin, "X-Origin: a"), "403"},
+        {with(origin, "Origin: \xe9"), "400"},
         {with("\r\nUpgrade", ".evil.example\r\nUpgrade"), "403"},
         {with("\r\nUpgrade", "\r\n" + origin + "\r\nUpgrade"), "400"},
         {with(origin, "Origin: http://dev.example:5173"), "101"},

@@ -280,6 +280,11 @@ TEST_F(ReturnTest, APublisherLeavesTheSocketAloneUntilTheGatewaysThreadHasWritte
     EXPECT_FALSE(page->view().writeTail(fNow)) << "that is all";
     for (int i = 0; i < 100000 && page->fAsked == 0; ++i) publish(page, "text");
     EXPECT_EQ(page->fAsked, Connection::kTail) << "and the next burst";
+    while (page->view().writeTail(fNow)) continue;
+    page->fAsked = 0;
+    page->say(R"({"t":"publish","channel":"/no","text":""})");
+    for (int i = 0; i < 8; ++i) publish(page, "text");
+    EXPECT_EQ(page->fAsked, 0U) << "who speaks keeps up";
 }
 
 TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
