@@ -67,6 +67,8 @@ TEST_F(EventsTest, ReachTheirCallbacksOnTheEnginesThread) {
     pick(3, line.id(), 3);
     pick(line.id(), line.id(), 0);
     fPage.say(R"({"event":"key","key":"c","axes":99})");
+    fPage.say(R"({"event":"limits","axes":99,"x":[0,1],"y":[0,1],"width":3,"height":4})");
+    pick(99, 0, 0);
     handleAll();
     EXPECT_THAT(fCalls, ElementsAre("pick 1.500000 0", "pick 3.000000 of 2", "limits 2.000000 home",
                                     "limits 9.000000", "a in axes", "b"));
@@ -166,8 +168,8 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
     use(choice, "0");
     use(choice, "2");
     use(choice, "0.5");
-    use(choice, "-1");
     use(choice, "null");
+    use(choice, "-1");
     use(slider, "-1");
     use(slider, "null");
     use(axes(), "1");

@@ -3,6 +3,7 @@
 #include <boost/json/parse.hpp>
 #include <cstring>
 #include <filesystem>
+#include <tuple>
 
 #include "Fixture.hpp"
 #include "Memory.hpp"
@@ -96,7 +97,7 @@ TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
     }
     const auto all = recorded();
     EXPECT_GT(fWindow->recording().bytes, 1000U);
-    std::size_t snapshots = 0;
+    std::vector<std::uint64_t> snapshots;  // of which frames
     std::size_t bytes = 0;
     for (std::size_t i = 0; i < all.size(); ++i) {
         const auto& [topic, time, data] = all[i];
@@ -107,14 +108,13 @@ TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
         EXPECT_THAT(follower.faults, ElementsAre());
         EXPECT_EQ(linesOf(follower.picture), pictures.back());
         if (!isSnapshot) continue;
-        ++snapshots;
         EXPECT_THAT(data, HasSubstr(R"("keys":true)"));
         // And by itself, as it was then.
         const auto alone = followed({all[i]});
         EXPECT_EQ(linesOf(alone.picture), pictures.at(alone.current.number));
+        snapshots.push_back(alone.current.number);
     }
-    EXPECT_GT(snapshots, 1U);
-    EXPECT_LT(snapshots, 6U);  // each takes less room than what it spares
+    EXPECT_THAT(snapshots, ElementsAre(4, 7, 10));  // each takes less room than what it spares
 
     const auto marks = of(Topic::kFrames, all);
     ASSERT_EQ(marks.size(), 12U);
@@ -162,6 +162,35 @@ TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {
     EXPECT_THAT(of(Topic::kConnections, all),
                 ElementsAre(R"({"event":"begin","vocabulary":"kirofigures/1","title":"Figures"})",
                             R"({"event":"gone"})"));
+}
+
+TEST_F(RecordingTest, ASnapshotThatHasNoRoomIsLeftOut) {
+    const std::tuple<bool, std::size_t, std::size_t> cases[]{
+        {false, 8'000'000, 1}, {false, 400'000, 0}, {true, 8'000'000, 1}, {true, 400'000, 0}};
+    for (const auto& [areTexts, queue, expected] : cases) {
+        auto options = quiet();
+        options.recording = fFile;
+        options.recordingQueue = queue;
+        detail::Surroundings around;
+        around.now = [this] { return std::chrono::steady_clock::time_point(fNow.load()); };
+        auto window = detail::Surroundings::open(options, around);
+        Page page(window->channels());
+        page.announce();
+        auto& axes = window->figure().axes();
+        for (int i = 0; i < 16; ++i) {  // 300 KB in all, but not at once
+            EXPECT_EQ(window->draw().outcome, Outcome::kPainted);
+            const std::vector<double> values(areTexts ? 1 : 2500, 1.0);
+            axes.line().append(values, values);
+            axes.text(0, 0, std::string(areTexts ? 20'000 : 1, 't'));
+        }
+        advance(std::chrono::seconds(2));
+        EXPECT_EQ(window->draw().outcome, Outcome::kPainted);
+        EXPECT_EQ(window->recording().phase, Phase::kOn);
+        window.reset();
+        const kirorecording::FileSource source(fFile);
+        const kirorecording::Reader reader(source);
+        EXPECT_EQ(of(Topic::kSnapshots, messagesOf(reader)).size(), expected) << queue;
+    }
 }
 
 TEST_F(RecordingTest, HoldsWhatPagesSay) {

@@ -76,6 +76,8 @@ TEST_F(SeriesTest, OnlyChangesTravel) {
                                     testing::StartsWith("create ")));
     first.remove();
     EXPECT_THAT(sent(), ElementsAre("remove"));
+    axes().line().remove();
+    EXPECT_THAT(sent(), ElementsAre()) << "no page has heard of it";
 }
 
 TEST_F(SeriesTest, APropertyCanBeGivenBack) {
@@ -186,6 +188,9 @@ TEST_F(SeriesTest, TakesNumbersOfBothPrecisionsFromAnyRange) {
     EXPECT_TRUE(frame().picture.at(line.id()).columns.empty());
     line.append(1, 2);
     EXPECT_THAT(column(line, "x"), ElementsAre(1));
+    auto& scatter = axes().scatter().set({1, 2}, {3, 4}, {.value = {5, 6}});
+    EXPECT_THAT(column(scatter, "value"), ElementsAre(5, 6));
+    EXPECT_FALSE(frame().picture.at(scatter.id()).columns.contains("size"));
 }
 
 TEST(Precision, IsHalvedWhereNobodySeesIt) {
@@ -326,6 +331,8 @@ TEST_F(SeriesTest, WhatCannotBeMeantIsRefused) {
         {R"(line "l": a regular x)", [&] { line.set(standing, 1); }},
         {R"(figure "F", axes "A", line "l": color "red" is none)", [&] { line.color("red"); }},
         {"color", [&] { line.color("#12345g"); }},
+        {"color", [&] { line.color("#12345"); }},
+        {"color", [&] { line.color("1020304"); }},
         {R"(line "l": name is not UTF-8)", [&] { line.name("\xc0\x80"); }},
         {"width has to be above 0", [&] { line.width(0); }},
         {"keep", [&] { line.keep(0); }},

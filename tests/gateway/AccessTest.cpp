@@ -87,6 +87,7 @@ TEST_F(AccessTest, AssetsAreForWhoeverNamesTheGateway) {
         {"GET /../../etc/passwd" + end, "404"},
         {"GET http://" + fAccess.host() + "/" + end, "404"},
         {"GET /?reload=1" + end, "200"},
+        {"GET /\xe9" + end, "400"},
         {"GET / HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", "400"},
         {"DELETE /" + end, "405"},
         {"GET / HTTP/1.1\r\n" + host + "\r\nContent-Length: 0\r\nContent-Length: 1\r\n\r\nx",

@@ -343,7 +343,7 @@ TEST_F(ReturnTest, TheLogHasTheStoryOfAView) {
     auto back = join(returnOf(page->view(), 0));
     pass(seconds(31));
     page = join(returnOf(back->view(), 0));
-    page->say("nonsense");
+    for (int i = 0; i < 2; ++i) page->say("nonsense");
     page = join();
     page->fSession.ended(true, fNow);
     page = join();
@@ -563,6 +563,31 @@ TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLostAndNobodyElse) {
         EXPECT_STREQ(large->view().failure(), View::kMemoryUsedUp);
         EXPECT_EQ(small->view().failure(), nullptr);
         large->fSession.viewFailed();
+        EXPECT_FALSE(fContext->memory->account()->hasRoomFor(100000, 100000))
+            << "what it held is given already";
+    }
+}
+
+TEST_F(ReturnTest, WhatIsHeldForAViewIsKnownAtAnyTime) {
+    start();
+    auto page = join();
+    const auto& view = page->view();
+    const std::pair<const char*, std::function<void()>> steps[]{
+        {"a text", [&] { publish(page, "text"); }},
+        {"a block", [&] { EXPECT_EQ(offer(page->view(), 9), Part::kJoined); }},
+        {"written", [&] { page->read(); }},
+        {"acknowledged", [&] { page->say(R"({"t":"ack","last":1})"); }},
+        {"answered", [&] { answer(page, 1); }},
+        {"an answer to the page", [&] { page->say(R"({"t":"echo","id":1})"); }},
+        {"a pong for the page", [&] { page->view().sendFrames("pong"); }},
+        {"a block that waits", [&] { EXPECT_EQ(offer(page->view(), 9), Part::kJoined); }},
+        {"lost", [&] { page->lose(); }},
+        {"gone", [&] { pass(seconds(2)); }},
+        {"back", [&] { page = join(returnOf(view, 1)); }},
+    };
+    for (const auto& [what, step] : steps) {
+        step();
+        EXPECT_EQ(view.heldBytes(), view.report(fNow).bytes) << what;
     }
 }
 
@@ -593,7 +618,11 @@ TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {
     EXPECT_EQ(page->read().size(), 2U) << "the channel and a block";
     answer(page, 1);
     EXPECT_EQ(page->read().size(), 1U);
+    page->fSession.helloOverdue();
+    EXPECT_EQ(page->fEnd, "") << "it has said hello";
+    EXPECT_TRUE(page->view().hears("/c"));
     page->view().fail("no room");
+    EXPECT_FALSE(page->view().hears("/c"));
     page->say(
         R"([{"t":"publish","channel":"/no","text":""},{"t":"publish","channel":"/no","text":""}])");
     EXPECT_EQ(fContext->counters->refusals, 1U) << "the rest is passed over";
