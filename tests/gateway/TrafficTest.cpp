@@ -98,15 +98,6 @@ TEST_F(TrafficTest, KeepsTheOrderOfAllThatIsPublishedUnderLoad) {
     EXPECT_EQ(blocks, kCount / 500);
 }
 
-TEST_F(TrafficTest, TheRestOfEachBurstFollows) {
-    start();
-    auto page = join();
-    for (int burst = 0; burst < 3; ++burst) {
-        for (int i = 0; i < 300; ++i) publish("/fig/1", "text");
-        EXPECT_EQ(page.readRecords(300).size(), 300U);
-    }
-}
-
 TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     start();
     EXPECT_FALSE(sendBlock(9).get().delivered);  // no page
