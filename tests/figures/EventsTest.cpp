@@ -158,6 +158,7 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
     EXPECT_EQ(shown(slider), 5);
     EXPECT_EQ(shown(number), 1);
     EXPECT_EQ(shown(choice), 1);
+    EXPECT_EQ(choice.value(), 1U);
     use(button, "1");  // that is nothing that a button can be given
     handleAll();
     EXPECT_FALSE(button.pressed());

@@ -83,6 +83,7 @@ TEST_F(SeriesTest, OnlyChangesTravel) {
 TEST_F(SeriesTest, APropertyCanBeGivenBack) {
     auto& line = axes().line().steps(Steps::kAfter);
     EXPECT_EQ(properties(line).at("steps"), "after");
+    EXPECT_EQ(frame().picture.at(line.id()).parent, axes().id());
     line.steps(Steps::kNone);
     EXPECT_THAT(sent(), ElementsAre("set steps=null"));
     auto& mark = axes().horizontal(1);

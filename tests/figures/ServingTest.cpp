@@ -38,7 +38,9 @@ TEST_F(TokenFile, IsMadeOnceForItsOwnerAndReadFromThenOn) {
     WindowOptions options;
     options.handlesSignals = options.printsLink = options.opensBrowser = false;
     options.tokenFile = fFile;
+    testing::internal::CaptureStdout();
     EXPECT_TRUE(Window(options).link().ends_with("#token=" + first));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     options.printsLink = true;
     testing::internal::CaptureStdout();
     const Window window(options);
