@@ -54,9 +54,9 @@ Property& Node::property(const char* key) {
 void Node::put(const char* key, json::value value) {
     Property& known = property(key);
     if (known.value == value) return;
+    touch();  // may fail, and before anything has changed
     known.value = std::move(value);
     known.isSent = false;
-    touch();
 }
 
 void Node::putAll(std::initializer_list<std::pair<const char*, std::int64_t>> numbers) {

@@ -61,7 +61,6 @@ void Store::set(const Inputs& inputs, const std::optional<Regular>& x) {
     next.fRegular = x;
     next.start(inputs);
     next.take(inputs);
-    next.fIsReset = true;
     *this = std::move(next);
 }
 

@@ -7,22 +7,22 @@ namespace kirofigures::detail {
 namespace {
 
 struct Sequence {
-    std::size_t length;  ///< 0: none begins like this
-    unsigned char low;   ///< of the second byte
-    unsigned char high;
+    std::size_t length = 0;    ///< 0: none begins like this
+    unsigned char low = 0x80;  ///< of the second byte
+    unsigned char high = 0xbf;
 };
 
 Sequence sequenceOf(unsigned char first) noexcept {
-    if (first < 0x80) return {1, 0, 0};
-    if (first < 0xc2) return {0, 0, 0};
-    if (first < 0xe0) return {2, 0x80, 0xbf};
-    if (first == 0xe0) return {3, 0xa0, 0xbf};
+    if (first < 0x80) return {1};
+    if (first < 0xc2) return {};
+    if (first < 0xe0) return {2};
+    if (first == 0xe0) return {3, 0xa0};
     if (first == 0xed) return {3, 0x80, 0x9f};
-    if (first < 0xf0) return {3, 0x80, 0xbf};
-    if (first == 0xf0) return {4, 0x90, 0xbf};
-    if (first < 0xf4) return {4, 0x80, 0xbf};
+    if (first < 0xf0) return {3};
+    if (first == 0xf0) return {4, 0x90};
+    if (first < 0xf4) return {4};
     if (first == 0xf4) return {4, 0x80, 0x8f};
-    return {0, 0, 0};
+    return {};
 }
 
 }  // namespace

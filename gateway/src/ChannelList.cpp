@@ -58,9 +58,7 @@ bool ChannelList::hasPrefixOf(std::string_view text) const {
     for (const auto& [length, count] : fLengths) {
         if (length > text.size()) return false;
         // A prefix ends with a slash, so most lengths are ruled out by one character.
-        if (count > 0 && text[length - 1] == '/' && fPrefixes.contains(text.substr(0, length))) {
-            return true;
-        }
+        if (text[length - 1] == '/' && fPrefixes.contains(text.substr(0, length))) return true;
     }
     return false;
 }

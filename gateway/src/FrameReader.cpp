@@ -139,10 +139,7 @@ wire::Hello helloOf(Members& members) {
 
 wire::Echo echoOf(Members& members) {
     auto& id = members[Key::kId];
-    // A number that no integer can hold is of another kind, and has a text.
-    if (id.kind != Kind::kText && id.kind != Kind::kNumber && id.kind != Kind::kOther) {
-        Members::fail(Key::kId);
-    }
+    // What is neither a text nor a number has none.
     auto text = id.kind == Kind::kText ? wire::quoted(id.text) : std::move(id.text);
     if (text.empty() || text.size() > wire::kMaxEchoId) Members::fail(Key::kId);
     return {std::move(text), members.has(Key::kTime) && members.flag(Key::kTime)};

@@ -452,11 +452,9 @@ void Outbox::unsend(PageBlock& block) noexcept {
 void Outbox::leave(PageBlocks& from, PageBlocks::iterator block, bool hasBlock,
                    PageBlocks& left) noexcept {
     if (block->entry != nullptr) block->entry->block = nullptr;
-    block->entry = nullptr;
     const auto size = block->size;
     unsend(*block);
     if (block->isUnderWay) fBytesUnderWay -= size;
-    block->isUnderWay = false;
     block->isDelivered = hasBlock;
     left.splice(left.end(), from, block);
     fReleased += size;

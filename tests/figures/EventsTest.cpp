@@ -1,6 +1,7 @@
 #include "Contact.hpp"
 #include "Fixture.hpp"
 #include "PageEvents.hpp"
+#include "Waking.hpp"
 
 namespace figures_test {
 namespace {
@@ -39,8 +40,8 @@ TEST_F(EventsTest, ReachTheirCallbacksOnTheEnginesThread) {
     const auto engine = std::this_thread::get_id();
     axes().onPick([&](const Pick& pick) {
         EXPECT_EQ(std::this_thread::get_id(), engine);
-        fCalls.push_back("pick " + std::to_string(pick.x) +
-                         (pick.series == &line ? " of " + std::to_string(pick.index) : ""));
+        fCalls.push_back("pick " + std::to_string(pick.x) + (pick.series == &line ? " of " : " ") +
+                         std::to_string(pick.index));
     });
     axes().onLimits([&](const View& view) {
         const auto high = view.y2 ? view.y2->high : view.y.high;
@@ -66,8 +67,10 @@ TEST_F(EventsTest, ReachTheirCallbacksOnTheEnginesThread) {
     pick(3, line.id(), 3);
     pick(line.id(), line.id(), 0);
     fPage.say(R"({"event":"key","key":"c","axes":99})");
+    fPage.say(R"({"event":"limits","axes":99,"x":[0,1],"y":[0,1],"width":3,"height":4})");
+    pick(99, 0, 0);
     handleAll();
-    EXPECT_THAT(fCalls, ElementsAre("pick 1.500000", "pick 3.000000 of 2", "limits 2.000000 home",
+    EXPECT_THAT(fCalls, ElementsAre("pick 1.500000 0", "pick 3.000000 of 2", "limits 2.000000 home",
                                     "limits 9.000000", "a in axes", "b"));
 }
 
@@ -100,6 +103,11 @@ TEST_F(EventsTest, AreDroppedWhenTheyAreNone) {
           R"({"event":"pick","axes":2,"x":0})", R"({"event":"pick","axes":2,"x":1e999,"y":0})",
           R"({"event":"pick","axes":2,"x":0,"y":0,"series":3})",
           R"({"event":"limits","axes":2,"x":[1,0],"y":[0,1],"width":1,"height":1})",
+          R"({"event":"limits","axes":2,"x":5,"y":[0,1],"width":1,"height":1})",
+          R"({"event":"limits","axes":2,"x":[0],"y":[0,1],"width":1,"height":1})",
+          R"({"event":"limits","axes":2,"x":[0,1],"y":[0,1],"width":1,"height":-1})",
+          R"({"event":"control","id":1.5})", R"({"event":"key","key":""})",
+          R"({"event":"pick","axes":2,"x":"0","y":0})",
           R"({"event":"limits","axes":2,"x":[0,1],"y":[0,1],"width":-1,"height":1})",
           R"({"event":"key","key":7})", R"({"event":"control","id":1,"value":"x"})",
           R"({"event":"key","key":"012345678901234567890123456789012"})"}) {
@@ -150,6 +158,10 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
     EXPECT_EQ(shown(slider), 5);
     EXPECT_EQ(shown(number), 1);
     EXPECT_EQ(shown(choice), 1);
+    EXPECT_EQ(choice.value(), 1U);
+    use(button, "1");  // that is nothing that a button can be given
+    handleAll();
+    EXPECT_FALSE(button.pressed());
     use(button, "null");
     use(slider, "7.5");
     use(slider, "11");  // beyond its limits
@@ -157,8 +169,8 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
     use(choice, "0");
     use(choice, "2");
     use(choice, "0.5");
-    use(choice, "-1");
     use(choice, "null");
+    use(choice, "-1");
     use(slider, "-1");
     use(slider, "null");
     use(axes(), "1");
@@ -185,6 +197,27 @@ TEST_F(EventsTest, ControlsHaveTheValuesThatSomebodySet) {
         EXPECT_EQ(slider.value(), std::stod(end));
         EXPECT_EQ(shown(slider), slider.value()) << "other pages are told";
     }
+}
+
+TEST_F(EventsTest, AreReadAsSoonAsTheyAreThere) {
+    auto& slider = fWindow->figure().slider("s", 0, 10, 5);
+    fPage.next([&](Page& page, const Frame& frame) {
+        use(slider, "3");
+        page.end(frame, "painted");
+    });
+    EXPECT_EQ(drawn(), Outcome::kPainted);
+    EXPECT_EQ(slider.value(), 3);
+    fWindow->wait();  // returns: something has come
+    EXPECT_EQ(sent(), "0/1 whole") << "and the page has all";
+}
+
+TEST_F(EventsTest, OfFramesLongAgoAreForgotten) {
+    const detail::Contact contact(fWindow->channels(), detail::Waking());
+    Frame frame;
+    for (frame.attempt = 1; frame.number < 17; ++frame.number) fPage.report(frame, "painted");
+    kirohost::waitForDelivery();
+    EXPECT_EQ(contact.reports(0, 1).count, 0U);
+    for (const unsigned kept : {1U, 16U}) EXPECT_EQ(contact.reports(kept, 1).count, 1U);
 }
 
 TEST_F(EventsTest, CallbacksMayRemoveWhatTheyAreOfAndThrowButNotDraw) {

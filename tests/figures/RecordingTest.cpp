@@ -3,6 +3,7 @@
 #include <boost/json/parse.hpp>
 #include <cstring>
 #include <filesystem>
+#include <tuple>
 
 #include "Fixture.hpp"
 #include "Memory.hpp"
@@ -80,6 +81,8 @@ TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
     auto& kept = axes().line().keep(5);
     auto& regular = axes().line().keep(3);
     regular.set(Regular{10, 0.5}, {1, 2});
+    fWindow->onKey([](const Key&) {});
+    advance(std::chrono::hours(1));
     EXPECT_EQ(drawn(), Outcome::kPainted);
     fWindow->record(fFile);
     EXPECT_EQ(fWindow->recording().phase, Phase::kOn);
@@ -94,7 +97,7 @@ TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
     }
     const auto all = recorded();
     EXPECT_GT(fWindow->recording().bytes, 1000U);
-    std::size_t snapshots = 0;
+    std::vector<std::uint64_t> snapshots;  // of which frames
     std::size_t bytes = 0;
     for (std::size_t i = 0; i < all.size(); ++i) {
         const auto& [topic, time, data] = all[i];
@@ -105,13 +108,13 @@ TEST_F(RecordingTest, HoldsWhatThePageGotAndCanBeReadFromEachOfItsSnapshots) {
         EXPECT_THAT(follower.faults, ElementsAre());
         EXPECT_EQ(linesOf(follower.picture), pictures.back());
         if (!isSnapshot) continue;
-        ++snapshots;
+        EXPECT_THAT(data, HasSubstr(R"("keys":true)"));
         // And by itself, as it was then.
         const auto alone = followed({all[i]});
         EXPECT_EQ(linesOf(alone.picture), pictures.at(alone.current.number));
+        snapshots.push_back(alone.current.number);
     }
-    EXPECT_GT(snapshots, 1U);
-    EXPECT_LT(snapshots, 6U);  // each takes less room than what it spares
+    EXPECT_THAT(snapshots, ElementsAre(4, 7, 10));  // each takes less room than what it spares
 
     const auto marks = of(Topic::kFrames, all);
     ASSERT_EQ(marks.size(), 12U);
@@ -138,9 +141,12 @@ TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {
     fIsPageGone = true;
     EXPECT_EQ(drawn(), Outcome::kNoPage);
     EXPECT_EQ(drawn(), Outcome::kNoPage);
+    fIsPageGone = false;
+    fPage.next([this](Page&, const Frame&) { fWindow->close(); });
+    EXPECT_EQ(drawn(), Outcome::kInterrupted);
     const auto all = recorded();
     const auto tokens = of(Topic::kTokens, all);
-    ASSERT_EQ(tokens.size(), 4U);  // of those that nobody sees, the first one
+    ASSERT_EQ(tokens.size(), 5U);  // of those that nobody sees, the first one
     EXPECT_THAT(tokens[0],
                 HasSubstr(R"({"frame":0,"attempt":1,"outcome":"failed","reason":"no ink",)"));
     const auto stamps = boost::json::parse(tokens[0]).as_object();
@@ -152,9 +158,39 @@ TEST_F(RecordingTest, SaysWhatBecameOfEachFrame) {
                          R"("serverReceive":0})");
     EXPECT_THAT(tokens[2], HasSubstr(R"("clientPaint":0,"clientSend":7,)"));
     EXPECT_THAT(tokens[3], HasSubstr(R"("frame":3,"attempt":0,"outcome":"no page")"));
+    EXPECT_THAT(tokens[4], HasSubstr(R"("frame":5,"attempt":1,"outcome":"interrupted")"));
     EXPECT_THAT(of(Topic::kConnections, all),
                 ElementsAre(R"({"event":"begin","vocabulary":"kirofigures/1","title":"Figures"})",
                             R"({"event":"gone"})"));
+}
+
+TEST_F(RecordingTest, ASnapshotThatHasNoRoomIsLeftOut) {
+    const std::tuple<bool, std::size_t, std::size_t> cases[]{
+        {false, 8'000'000, 1}, {false, 400'000, 0}, {true, 8'000'000, 1}, {true, 400'000, 0}};
+    for (const auto& [areTexts, queue, expected] : cases) {
+        auto options = quiet();
+        options.recording = fFile;
+        options.recordingQueue = queue;
+        detail::Surroundings around;
+        around.now = [this] { return std::chrono::steady_clock::time_point(fNow.load()); };
+        auto window = detail::Surroundings::open(options, around);
+        Page page(window->channels());
+        page.announce();
+        auto& axes = window->figure().axes();
+        for (int i = 0; i < 16; ++i) {  // 300 KB in all, but not at once
+            EXPECT_EQ(window->draw().outcome, Outcome::kPainted);
+            const std::vector<double> values(areTexts ? 1 : 2500, 1.0);
+            axes.line().append(values, values);
+            axes.text(0, 0, std::string(areTexts ? 20'000 : 1, 't'));
+        }
+        advance(std::chrono::seconds(2));
+        EXPECT_EQ(window->draw().outcome, Outcome::kPainted);
+        EXPECT_EQ(window->recording().phase, Phase::kOn);
+        window.reset();
+        const kirorecording::FileSource source(fFile);
+        const kirorecording::Reader reader(source);
+        EXPECT_EQ(of(Topic::kSnapshots, messagesOf(reader)).size(), expected) << queue;
+    }
 }
 
 TEST_F(RecordingTest, HoldsWhatPagesSay) {
@@ -180,8 +216,10 @@ TEST_F(RecordingTest, HoldsWhatPagesSay) {
 }
 
 TEST_F(RecordingTest, EndsByItselfWithOneLineOfTheLog) {
+    fWindow->record(fFile);
     EXPECT_THROW(fWindow->record("/no/such/folder/file"), std::system_error);
     EXPECT_EQ(fWindow->recording().phase, Phase::kOff);
+    EXPECT_EQ(fWindow->recording().bytes, 0U);
     std::vector<std::string> lines;
     const auto log = kirohost::observeLog([&](const kirohost::LogRecord& record) {
         if (record.logger == "recording") lines.push_back(record.text);

@@ -10,6 +10,7 @@
 
 #include "Fixture.hpp"
 #include "TokenFile.hpp"
+#include "kirogateway/Gateway.hpp"
 
 namespace figures_test {
 namespace {
@@ -37,7 +38,16 @@ TEST_F(TokenFile, IsMadeOnceForItsOwnerAndReadFromThenOn) {
     WindowOptions options;
     options.handlesSignals = options.printsLink = options.opensBrowser = false;
     options.tokenFile = fFile;
+    testing::internal::CaptureStdout();
     EXPECT_TRUE(Window(options).link().ends_with("#token=" + first));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    options.printsLink = true;
+    testing::internal::CaptureStdout();
+    const Window window(options);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), window.link() + "\n");
+    EXPECT_TRUE(window.isServed() && !window.isClientGone() && window.gateway() != nullptr);
+    EXPECT_EQ(window.statistics().pages, 0U);
+    EXPECT_THAT(window.diagnostics(), HasSubstr("\"pages\":0"));
     std::filesystem::remove(fFile);
     EXPECT_NE(token(), first);
 }
@@ -53,6 +63,10 @@ TEST_F(TokenFile, IsRefusedWhenOthersMayReadItOrItHoldsSomethingElse) {
         EXPECT_THAT(refusal(), HasSubstr(fFile + " holds no token"));
     }
     EXPECT_THROW(static_cast<void>(detail::tokenFrom("/no/such/folder/file")), std::system_error);
+    std::filesystem::remove(fFile);
+    std::filesystem::create_symlink("/no/such/file", fFile);
+    EXPECT_THAT([this] { static_cast<void>(token()); },
+                testing::ThrowsMessage<std::system_error>(HasSubstr("be read: No such file")));
     // A disk that becomes full in the middle of it.
     std::filesystem::remove(fFile);
     std::signal(SIGXFSZ, SIG_IGN);
@@ -74,9 +88,12 @@ TEST(Serving, LetsAPageDoWhatItHasToAndNoMore) {
     options.extraOrigins = {"http://b.example"};
     options.frameAncestors = {"http://c.example"};
     options.pages = 5;
+    options.address = "127.0.0.2";
+    options.port = 8123;
     const auto gateway = detail::gatewayOptions(options, channels);
     EXPECT_EQ(gateway.certificateFile, "c.pem");
     EXPECT_EQ(gateway.keyFile, "k.pem");
+    EXPECT_EQ(gateway.address + std::to_string(gateway.port), "127.0.0.28123");
     EXPECT_EQ(gateway.extraHosts, options.extraHosts);
     EXPECT_EQ(gateway.extraOrigins, options.extraOrigins);
     EXPECT_EQ(gateway.frameAncestors, options.frameAncestors);

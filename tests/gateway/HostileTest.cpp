@@ -1,3 +1,4 @@
+#include <atomic>
 #include <stdexcept>
 #include <tuple>
 
@@ -14,6 +15,10 @@ using HostileTest = GatewayTest;
 TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
     fOptions.limits.messageSize = 65536;
     fOptions.limits.namesPerFrame = 1024;
+    std::atomic<int> lines{0};  // so many that more would be left out
+    const auto observing = kirohost::observeLog([&lines](const kirohost::LogRecord& record) {
+        if (record.text.starts_with("broken WebSocket frame: ")) ++lines;
+    });
     start();
     auto good = join();
     const std::pair<std::string, unsigned> frames[] = {
@@ -34,6 +39,8 @@ TEST_F(HostileTest, BrokenFramesAndMessagesEndTheirConnectionOnly) {
             EXPECT_EQ(peer.readFrame().opcode, 0U);
         }
     }
+    settle(good);
+    EXPECT_EQ(lines, 16);
     std::string names = R"({"t":"subscribe","channels":[)";
     for (int i = 0; i < 1024; ++i) names += "\"\",";
     const std::tuple<bool, unsigned, std::string> messages[] = {

@@ -359,6 +359,14 @@ TEST_F(OutboxTest, TellsWhatWaitsWhatIsKeptAndWhatWasLetGo) {
          [&] { writeAll(), fOutbox->forgetTexts(), drop(), answerAll(); }},
         {"blocks and texts are given up, waiting",
          [&] { fOutbox->forgetTexts(), drop(), writeAll(), answerAll(); }},
+        {"texts that were to be written again are given up",
+         [&] {
+             const auto last = fOutbox->next() - 1;
+             writeAll(), goOn(), fOutbox->resume(last, {}, fLeft);
+             fOutbox->forgetTexts(), drop();
+             for (const auto& text : textsOf(write())) EXPECT_TRUE(text.starts_with('{')) << text;
+             answerAll();
+         }},
         {"all is given up", [&] { fOutbox->clear(fLeft), leaveAll(fLeft); }},
     };
     for (const auto& [what, happens] : cases) {
@@ -424,6 +432,20 @@ TEST(ReadPace, KeepsUpWithAPageButNotWithAFlood) {
     EXPECT_EQ(pace.read(3 * kEachMillisecond, now), milliseconds(3));
     EXPECT_EQ(pace.read(kBurst, now += std::chrono::hours(1)), milliseconds(0));
     EXPECT_GT(pace.read(1, now), milliseconds(0)) << "more is not saved up";
+}
+
+TEST(Budget, GivesWhatItHasToTheLastByte) {
+    Budget budget(10);
+    EXPECT_TRUE(budget.take(10) && !budget.isExceeded());
+    EXPECT_FALSE(budget.take(1));
+    EXPECT_TRUE(budget.makeRoom(0));
+    EXPECT_FALSE(budget.makeRoom(1) || budget.makeRoom(11));
+    budget.add(1);
+    EXPECT_TRUE(budget.isExceeded());
+    budget.addEnding(11);
+    EXPECT_TRUE(budget.makeRoom(10)) << "it will be given soon";
+    budget.removeEnding(11);
+    EXPECT_FALSE(budget.makeRoom(1));
 }
 
 TEST(Backlog, IsFullByMessagesAsWellAndCountsThemUntilTheyAreLetGo) {

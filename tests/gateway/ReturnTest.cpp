@@ -19,6 +19,7 @@
 #include "Fanout.hpp"
 #include "Frames.hpp"
 #include "Session.hpp"
+#include "kirohost/Controls.hpp"
 #include "relay/binary/experimental/BinaryStream.hpp"
 
 using namespace kirogateway;
@@ -264,6 +265,26 @@ TEST_F(ReturnTest, APublisherLeavesTheSocketAloneUntilTheGatewaysThreadHasWritte
     EXPECT_EQ(received(), 0U);
     page->view().writeMore();
     EXPECT_GT(received(), 0U);
+    do page->view().writeMore();
+    while (received() > 0);
+    // In a burst the rest is looked at later, once for all.
+    page->fAsked = 0;
+    for (int i = 0; i < 100000 && page->fAsked == 0; ++i) publish(page, "text");
+    EXPECT_EQ(page->fAsked, Connection::kTail);
+    received();
+    page->fAsked = 0;
+    for (int i = 0; i < 9; ++i) publish(page, "text");
+    EXPECT_EQ(received() + page->fAsked, 0U);
+    EXPECT_TRUE(page->view().writeTail(fNow));
+    EXPECT_GT(received(), 0U);
+    EXPECT_FALSE(page->view().writeTail(fNow)) << "that is all";
+    for (int i = 0; i < 100000 && page->fAsked == 0; ++i) publish(page, "text");
+    EXPECT_EQ(page->fAsked, Connection::kTail) << "and the next burst";
+    while (page->view().writeTail(fNow)) continue;
+    page->fAsked = 0;
+    page->say(R"({"t":"publish","channel":"/no","text":""})");
+    for (int i = 0; i < 8; ++i) publish(page, "text");
+    EXPECT_EQ(page->fAsked, 0U) << "who speaks keeps up";
 }
 
 TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
@@ -297,6 +318,62 @@ TEST_F(ReturnTest, TheHelloOfAReturnCounts) {
     back = join(returnOf(page->view(), 0));
     EXPECT_EQ(hello("kind"), "\"further\"");
     EXPECT_TRUE(page->fEnd.starts_with("4006 bad return: "));
+    page->say("what its connection says now is nobody's affair");
+    page->fSession.binary("nor this", true, fNow);
+    EXPECT_TRUE(page->fEnd.starts_with("4006 bad return: "));
+
+    page = join();
+    publish(page, std::string(9'000'000, 'x'));
+    EXPECT_TRUE(page->read(100).empty());
+    back = join(returnOf(page->view(), 0));
+    EXPECT_EQ(page->fEnd, "cut");
+    back = join(returnOf(page->view(), 1));
+    EXPECT_EQ(hello("kind"), "\"further\"") << "it cannot have all of that";
+}
+
+TEST_F(ReturnTest, TheLogHasTheStoryOfAView) {
+    std::vector<std::string> lines;
+    const auto observing = kirohost::observeLog(
+        [&lines](const kirohost::LogRecord& record) { lines.push_back(record.text); });
+    start();
+    auto page = join();
+    page->say(
+        R"([{"t":"publish","channel":"/no","text":""},{"t":"block","transfer":1,"ok":false}])");
+    page->lose();
+    auto back = join(returnOf(page->view(), 0));
+    pass(seconds(31));
+    page = join(returnOf(back->view(), 0));
+    for (int i = 0; i < 2; ++i) page->say("nonsense");
+    page = join();
+    page->fSession.ended(true, fNow);
+    page = join();
+    fBus.cannotAnnounce = true;
+    back = join();
+    fViews->shut();
+    const std::vector<std::string> story{
+        "page connected: c",
+        "refused a page's publish: /no",
+        "page refused a block",
+        "connection lost: c",
+        "page returned: c",
+        "page disconnected, no sign of life: c",
+        "page returned: c",
+        "bad message from a page: not JSON",
+        "page disconnected, bad message: not JSON: c",
+        "the last page has gone",
+        "page connected: c",
+        "page left: c",
+        "the last page has gone",
+        "page connected: c",
+        "page connected: c",
+        "a view could not be announced: an exception of no known kind",
+        "gateway stopped",
+        "the last page has gone"};
+    EXPECT_EQ(lines, story);
+    const auto statistics = fViews->statistics();
+    EXPECT_EQ(statistics.views, 4U);
+    EXPECT_EQ(statistics.returns, 2U);
+    EXPECT_EQ(statistics.disconnected, 4U);
 }
 
 TEST_F(ReturnTest, BlocksThatWereCutComeAgainWhole) {
@@ -486,6 +563,31 @@ TEST_F(ReturnTest, TheViewThatHoldsMostMakesRoomAlsoWhenItIsLostAndNobodyElse) {
         EXPECT_STREQ(large->view().failure(), View::kMemoryUsedUp);
         EXPECT_EQ(small->view().failure(), nullptr);
         large->fSession.viewFailed();
+        EXPECT_FALSE(fContext->memory->account()->hasRoomFor(100000, 100000))
+            << "what it held is given already";
+    }
+}
+
+TEST_F(ReturnTest, WhatIsHeldForAViewIsKnownAtAnyTime) {
+    start();
+    auto page = join();
+    const auto& view = page->view();
+    const std::pair<const char*, std::function<void()>> steps[]{
+        {"a text", [&] { publish(page, "text"); }},
+        {"a block", [&] { EXPECT_EQ(offer(page->view(), 9), Part::kJoined); }},
+        {"written", [&] { page->read(); }},
+        {"acknowledged", [&] { page->say(R"({"t":"ack","last":1})"); }},
+        {"answered", [&] { answer(page, 1); }},
+        {"an answer to the page", [&] { page->say(R"({"t":"echo","id":1})"); }},
+        {"a pong for the page", [&] { page->view().sendFrames("pong"); }},
+        {"a block that waits", [&] { EXPECT_EQ(offer(page->view(), 9), Part::kJoined); }},
+        {"lost", [&] { page->lose(); }},
+        {"gone", [&] { pass(seconds(2)); }},
+        {"back", [&] { page = join(returnOf(view, 1)); }},
+    };
+    for (const auto& [what, step] : steps) {
+        step();
+        EXPECT_EQ(view.heldBytes(), view.report(fNow).bytes) << what;
     }
 }
 
@@ -516,7 +618,11 @@ TEST_F(ReturnTest, AnAnswerLetsTheNextBlockGoAndAFailedViewHearsNoMore) {
     EXPECT_EQ(page->read().size(), 2U) << "the channel and a block";
     answer(page, 1);
     EXPECT_EQ(page->read().size(), 1U);
+    page->fSession.helloOverdue();
+    EXPECT_EQ(page->fEnd, "") << "it has said hello";
+    EXPECT_TRUE(page->view().hears("/c"));
     page->view().fail("no room");
+    EXPECT_FALSE(page->view().hears("/c"));
     page->say(
         R"([{"t":"publish","channel":"/no","text":""},{"t":"publish","channel":"/no","text":""}])");
     EXPECT_EQ(fContext->counters->refusals, 1U) << "the rest is passed over";
@@ -566,17 +672,20 @@ TEST_F(ReturnTest, AViewThatCannotBeMadeLeavesNothing) {
 TEST_F(ReturnTest, WhoMissesATextForLackOfMemoryEnds) {
     start();
     const std::string channel = "/c";
-    for (const std::size_t size : {10U, 20000U}) {
+    for (const auto& [before, size] : {std::pair(0U, 10U), {0U, 20000U}, {300U, 10000U}}) {
         const std::string text(size, 't');
         bool hasFailed = true;
         for (std::size_t n = 1; hasFailed; ++n) {
             Fanout fanout(fContext, fViews);
             auto page = join();
+            if (before > 0) fanout.messagePublished({channel, std::string(before, 'b')});
             const auto publish = [&] { fanout.messagePublished({channel, text}); };
             hasFailed = support::failingNew(n, publish).failed;
             EXPECT_EQ(page->read().size() == 1, page->view().failure() == nullptr) << n;
         }
     }
+    fViews->shut();
+    EXPECT_EQ(fContext->memory->used(), 0U);
 }
 
 TEST_F(ReturnTest, LostViewsCostLittleWhenTextsArePublishedAndAtTheEnd) {

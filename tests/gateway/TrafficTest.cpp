@@ -138,6 +138,7 @@ TEST_F(TrafficTest, DeliversABlockWhenEveryPageHasIt) {
     EXPECT_EQ(statistics.blocksDelivered, 1U);
     EXPECT_EQ(statistics.views, 3U);
     EXPECT_EQ(statistics.pages, 1U);
+    EXPECT_NE(fGateway->diagnostics().find(R"("blocksGivenBack":5)"), std::string::npos);
 }
 
 TEST_F(TrafficTest, LetsNoLaneHoldUpAnother) {
